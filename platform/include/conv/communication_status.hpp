@@ -1,0 +1,14 @@
+#pragma once
+
+#include <conv/com_state.hpp>
+#include <conv/unix_time.hpp>
+
+namespace conv {
+
+/// State of a service's communication, and since when it lasts.
+struct CommunicationStatus {
+    ComState state = ComState::UNKNOWN;
+    UnixTime since;
+};
+
+} // namespace conv

@@ -1,0 +1,4 @@
+#pragma once
+
+#include <zym/common/lwjson/deserializer.hpp>
+#include <zym/common/lwjson/serializer.hpp>

@@ -1,0 +1,65 @@
+#pragma once
+
+#include <conv/unix_time.hpp>
+#include <zym/common/export.hpp>
+
+#include <string>
+#include <vector>
+
+namespace zym::common::lwjson {
+
+/// Writes one JSON object into a string, member by member:
+/// ```
+/// std::string json;
+/// Serializer out(json);
+/// out.appendKey("name");
+/// out.addValue("pump");
+/// out.finalize(); // {\n  "name": "pump"\n}
+/// ```
+/// or wraps a finished JSON text, to be added as a value to another one.
+///
+/// Texts are taken as they are: `"`, `\` and control bytes are escaped, all other bytes pass
+/// unchanged, whether UTF-8 or not. Not safe for use from two threads at once.
+class ZYM_COMMON_EXPORT Serializer {
+public:
+    /// Starts an object in the string, in place of what was in it.
+    /// @param json not owned; must outlive all writing
+    explicit Serializer(std::string& json);
+
+    /// Wraps a finished JSON text as a value, on one line. Only good for `addValue`.
+    ///
+    /// Beware: with a string that is not const the other constructor is chosen, and the string
+    /// loses what was in it.
+    explicit Serializer(std::string const& finishedText);
+
+    /// Begins a member. Exactly one value must follow.
+    void appendKey(char const* key);
+
+    /// Adds finished JSON text, such as the digits of a number.
+    void appendValue(char const* rawText);
+
+    void addValue(std::string const& text);
+    /// The shortest text that reads back as the same number, whatever the locale; `null` for
+    /// what is not a finite number.
+    void addValue(double number);
+    /// A bare number of seconds, or `null` for an invalid time.
+    void addValue(conv::UnixTime const& time);
+    /// A finished or wrapped object, on one line.
+    void addValue(Serializer const& object);
+    /// An array of finished or wrapped objects, each on a line of its own.
+    void addValue(std::vector<Serializer> const& objects);
+
+    /// The text as far as it is written. Changing it is on the caller.
+    std::string& mutableJson() noexcept { return target_ == nullptr ? wrapped_ : *target_; }
+
+    /// Closes the object. Nothing may be added any more.
+    void finalize();
+
+private:
+    std::string const& json() const noexcept { return target_ == nullptr ? wrapped_ : *target_; }
+
+    std::string* target_; ///< null when wrapping
+    std::string wrapped_;
+};
+
+} // namespace zym::common::lwjson

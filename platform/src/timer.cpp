@@ -1,0 +1,147 @@
+#include <zym/common/timer.hpp>
+
+#include <algorithm>
+#include <condition_variable>
+#include <utility>
+
+namespace zym::common {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// Standard libraries hand a deadline to the system as a time_t; where that has 32 bits a far
+// one overflows and the wait returns at once. So no single wait lasts longer than this.
+constexpr std::chrono::hours LONGEST_WAIT{1};
+
+bool isOneShot(std::chrono::milliseconds period) {
+    return period <= period.zero();
+}
+
+Clock::time_point later(Clock::time_point now, std::chrono::milliseconds period) {
+    if (isOneShot(period)) {
+        return now;
+    }
+    auto const room = std::chrono::floor<std::chrono::milliseconds>(Clock::time_point::max() - now);
+    return period < room ? now + period : Clock::time_point::max();
+}
+
+} // namespace
+
+/// What the thread needs. Shared with it, since a callback may destroy the timer: the thread
+/// then finds `terminated` set and leaves.
+struct Timer::Engine {
+    Engine(std::function<void()> call, std::chrono::milliseconds every, bool onlyOnce)
+        : callback(std::move(call)), period(every), once(onlyOnce) {}
+
+    void run();
+    void waitForDeadline(std::unique_lock<std::mutex>& lock, Clock::time_point now);
+    void moveDeadline(Clock::time_point now);
+    void expire(std::unique_lock<std::mutex>& lock);
+
+    std::function<void()> const callback;
+    std::mutex mutex; ///< guards all below
+    std::condition_variable changed;
+    std::chrono::milliseconds period;
+    bool once;
+    bool armed = false;
+    bool terminated = false;
+    std::thread::id worker;
+    Clock::time_point deadline;
+};
+
+void Timer::Engine::run() {
+    std::unique_lock<std::mutex> lock(mutex);
+    worker = std::this_thread::get_id();
+    while (!terminated) {
+        auto const now = Clock::now();
+        if (!armed) {
+            changed.wait(lock);
+        } else if (now < deadline) {
+            waitForDeadline(lock, now);
+        } else {
+            moveDeadline(now);
+            expire(lock);
+        }
+    }
+}
+
+void Timer::Engine::waitForDeadline(std::unique_lock<std::mutex>& lock, Clock::time_point now) {
+    // A copy: `deadline` may change while the lock is released in the wait.
+    Clock::time_point const end = std::min(deadline, now + LONGEST_WAIT);
+    changed.wait_until(lock, end);
+}
+
+// Before the callback, so that whatever it arms stays armed.
+void Timer::Engine::moveDeadline(Clock::time_point now) {
+    if (once || isOneShot(period)) {
+        armed = false;
+        return;
+    }
+    auto const missed = (now - deadline) / period;
+    deadline = later(deadline + missed * period, period);
+}
+
+void Timer::Engine::expire(std::unique_lock<std::mutex>& lock) {
+    lock.unlock();
+    try {
+        callback();
+    } catch (...) { // NOLINT(bugprone-empty-catch): nobody to tell, and the timer goes on
+    }
+    lock.lock();
+}
+
+Timer::Timer(std::function<void()> callback, std::chrono::milliseconds period, bool expireOnce)
+    : engine_(std::make_shared<Engine>(std::move(callback), period, expireOnce)),
+      once(engine_->once) {}
+
+Timer::~Timer() {
+    terminate();
+    if (thread_.joinable()) {
+        thread_.detach(); // we are on it
+    }
+}
+
+std::mutex& Timer::mutex() noexcept {
+    return engine_->mutex;
+}
+
+void Timer::setPeriod(std::chrono::milliseconds period,
+                      std::unique_lock<std::mutex>& /*lock*/) noexcept {
+    engine_->period = period;
+}
+
+void Timer::restart(std::unique_lock<std::mutex>& /*lock*/) {
+    if (engine_->terminated) {
+        return;
+    }
+    if (!thread_.joinable()) {
+        thread_ = std::thread([engine = engine_] { engine->run(); });
+    }
+    engine_->deadline = later(Clock::now(), engine_->period);
+    engine_->armed = true;
+    engine_->changed.notify_one();
+}
+
+void Timer::stop() {
+    std::lock_guard<std::mutex> const lock(engine_->mutex);
+    engine_->armed = false;
+}
+
+void Timer::terminate() {
+    {
+        std::lock_guard<std::mutex> const lock(engine_->mutex);
+        engine_->armed = false;
+        engine_->terminated = true;
+        if (engine_->worker == std::this_thread::get_id()) {
+            return;
+        }
+    }
+    engine_->changed.notify_one();
+    std::lock_guard<std::mutex> const joining(joinMutex_);
+    if (thread_.joinable()) {
+        thread_.join();
+    }
+}
+
+} // namespace zym::common

@@ -1,0 +1,243 @@
+#include <zym/common/lwjson.hpp>
+
+#include <gmock/gmock.h>
+
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <type_traits>
+#include <vector>
+
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using zym::common::lwjson::Deserializer;
+
+using namespace std::string_view_literals;
+
+std::string memberOf(std::string_view json, char const* key) {
+    return std::string(Deserializer(json).getMember(key));
+}
+
+void expectNoObject(std::string_view json) {
+    Deserializer const in(json);
+    try {
+        in.getMember("a");
+        ADD_FAILURE() << "has an object as its root: " << json;
+    } catch (std::runtime_error const& error) {
+        EXPECT_STREQ(error.what(), "Cannot get member from a scalar or array") << json;
+    }
+    EXPECT_THROW(in.getElements(), std::runtime_error);
+}
+
+std::string nested(std::size_t depth, std::string_view open, std::string_view close) {
+    std::string json;
+    for (std::size_t i = 0; i < depth; ++i) {
+        json += open;
+    }
+    for (std::size_t i = 0; i < depth; ++i) {
+        json += close;
+    }
+    return json;
+}
+
+TEST(AReader, GivesTheRawTextsOfMembers) {
+    Deserializer const in(R"({"a": 1, "b":"x\n\"y" ,"c" : [1, {"d": 2}],
+        "e":{ "f":null },	"g":true,"h":-1.50e+03})");
+    EXPECT_EQ(in.getMember("a"), "1");
+    EXPECT_EQ(in.getMember("b"), R"("x\n\"y")");
+    EXPECT_EQ(in.getMember("c"), R"([1, {"d": 2}])");
+    EXPECT_EQ(in.getMember("e"), R"({ "f":null })");
+    EXPECT_EQ(in.getMember("g"), "true");
+    EXPECT_EQ(in.getMember("h"), "-1.50e+03");
+}
+
+TEST(AReader, GivesPartsOfTheTextItWasMadeOn) {
+    std::string const json = R"({"a": "long enough for an allocation of its own"})";
+    std::string_view const member = Deserializer(json).getMember("a");
+    EXPECT_EQ(member.data(), json.data() + 6);
+    EXPECT_EQ(member.size(), json.size() - 7);
+}
+
+TEST(AReader, GivesAnEmptyTextForAnAbsentMember) {
+    EXPECT_EQ(memberOf("{}", "a"), "");
+    EXPECT_EQ(memberOf(R"({"b": 1})", "a"), "");
+    EXPECT_EQ(memberOf(R"({"b": 1})", ""), "");
+}
+
+TEST(AReader, KnowsMembersOfTheRootOnly) {
+    EXPECT_EQ(memberOf(R"({"b": {"a": 1}, "c": [{"a": 2}]})", "a"), "");
+    EXPECT_EQ(memberOf(R"({"b": {"a": 1}, "c": [{"a": 2}], "a": 3})", "a"), "3");
+}
+
+TEST(AReader, GivesTheFirstOfMembersWithTheSameKey) {
+    EXPECT_EQ(memberOf(R"({"$reqId": 1, "x": 0, "$reqId": 2, "$reqId": 3})", "$reqId"), "1");
+    EXPECT_EQ(memberOf(R"({"\u0024err": 5, "$err": 6})", "$err"), "5");
+}
+
+TEST(AReader, ComparesKeysAfterDecoding) {
+    EXPECT_EQ(memberOf(R"({"\u0061\n": 1})", "a\n"), "1");
+    EXPECT_EQ(memberOf(R"({"\ud83d\ude00": 1})", "\xf0\x9f\x98\x80"), "1");
+    EXPECT_EQ(memberOf(R"({"a\\b": 1})", "a\\b"), "1");
+    EXPECT_EQ(memberOf(R"({"a\u0000b": 1, "a": 2})", "a"), "2");
+    EXPECT_EQ(memberOf("{\"\xe9\xff\": 1}", "\xe9\xff"), "1");
+    EXPECT_EQ(memberOf(R"({"": 1})", ""), "1");
+    EXPECT_EQ(memberOf(R"({"A": 1})", "a"), "");
+}
+
+TEST(AReader, AcceptsBlanksAroundEverything) {
+    EXPECT_EQ(memberOf(" \t\r\n{ \n\"a\" \t: \r 1 \n, \"b\" : 2 } \n", "a"), "1");
+    EXPECT_EQ(memberOf(" \t\r\n{ \n\"a\" \t: \r 1 \n, \"b\" : 2 } \n", "b"), "2");
+}
+
+TEST(AReader, AcceptsSeparatorsInsideOfTexts) {
+    EXPECT_EQ(memberOf(R"({",:": ",:", "a": ", :"})", ",:"), R"(",:")");
+    EXPECT_EQ(memberOf(R"({",:": ",:", "a": ", :"})", "a"), R"(", :")");
+}
+
+TEST(AReader, FindsNoObjectInScalarsAndNoElements) {
+    for (char const* json : {"1", "-1.5", "\"a\"", "true", "false", "null"}) {
+        expectNoObject(json);
+    }
+}
+
+TEST(AReader, FindsNoObjectInAnArrayAndNoElementsInAnObject) {
+    EXPECT_THROW(Deserializer("[{\"a\": 1}]").getMember("a"), std::runtime_error);
+    EXPECT_THROW(Deserializer("{\"a\": [1]}").getElements(), std::runtime_error);
+}
+
+TEST(AReader, FindsNothingInMalformedText) {
+    for (std::string_view const json : {""sv,
+                                        " "sv,
+                                        "{"sv,
+                                        "}"sv,
+                                        "{\"a\": 1"sv,
+                                        "{\"a\": 1}x"sv,
+                                        "{\"a\": 1} {}"sv,
+                                        "{\"a\": 1},"sv,
+                                        "{\"a\" 1}"sv,
+                                        "{\"a\":}"sv,
+                                        "{a: 1}"sv,
+                                        "{'a': 1}"sv,
+                                        "{\"a\": 1,}"sv,
+                                        "{,\"a\": 1}"sv,
+                                        "{\"a\": 1 \"b\": 2}"sv,
+                                        "{\"a\": 1]"sv,
+                                        "{\"a\": \"\n\"}"sv,
+                                        "{\"a\": \"\t\"}"sv,
+                                        "{\"a\": \"\x01\"}"sv,
+                                        "{\"\x1f\": 1}"sv,
+                                        "{\"a\": \"\0\"}"sv,
+                                        "{\"a\": 1}\0"sv,
+                                        "\0{\"a\": 1}"sv,
+                                        "{\"a\": 1\0}"sv,
+                                        "{\"a\": \"x}"sv,
+                                        "{\"a\": \"x\\\"}"sv,
+                                        "{\"a\": \"\\x\"}"sv,
+                                        "{\"a\": \"\\u12g4\"}"sv,
+                                        "{\"a\": \"\\u123\"}"sv,
+                                        "{\"a\": \"\\ud8\"}"sv,
+                                        "{\"a\": 01}"sv,
+                                        "{\"a\": -01}"sv,
+                                        "{\"a\": 00}"sv,
+                                        "{\"a\": .5}"sv,
+                                        "{\"a\": 1.}"sv,
+                                        "{\"a\": 1e}"sv,
+                                        "{\"a\": 1e+}"sv,
+                                        "{\"a\": +1}"sv,
+                                        "{\"a\": -}"sv,
+                                        "{\"a\": 1.e5}"sv,
+                                        "{\"a\": 0x1}"sv,
+                                        "{\"a\": 1.2.3}"sv,
+                                        "{\"a\": NaN}"sv,
+                                        "{\"a\": Infinity}"sv,
+                                        "{\"a\": True}"sv,
+                                        "{\"a\": tru}"sv,
+                                        "{\"a\": nullx}"sv,
+                                        "{\"a\": undefined}"sv,
+                                        "{/**/\"a\": 1}"sv,
+                                        "{\"a\": 1} // more"sv,
+                                        "\xef\xbb\xbf{\"a\": 1}"sv,
+                                        "{\"a\": 1}\xc2\xa0"sv}) {
+        expectNoObject(json);
+    }
+}
+
+TEST(AReader, RefusesTextsCutOffAnywhere) {
+    std::string const json = R"({"a":[1.5e+3,{"b\n\ud83d":"x\u0041"}],"c":null})";
+    ASSERT_EQ(memberOf(json, "c"), "null");
+    for (std::size_t length = 0; length < json.size(); ++length) {
+        expectNoObject(std::string_view(json).substr(0, length));
+    }
+}
+
+TEST(AReader, AcceptsValuesThatNobodyMayAskFor) {
+    std::string const many(1000, '7');
+    for (std::string const& odd :
+         {std::string("\"\\ud800\""), std::string("\"\\uDC00x\""), std::string("1e999"),
+          "1e+00" + many, "0.00" + many + "e-00" + many, "-" + many + "." + many, many,
+          std::string("\"\xff\xfe\""), std::string("-0")}) {
+        std::string const json = "{\"odd\": " + odd + ", \"a\": 1}";
+        EXPECT_EQ(memberOf(json, "odd"), odd);
+        EXPECT_EQ(memberOf(json, "a"), "1");
+    }
+    EXPECT_EQ(memberOf(R"({"\ud800": 1, "a": 2})", "a"), "2");
+}
+
+TEST(AReader, FollowsSixtyFourLevelsAndNoMore) {
+    EXPECT_EQ(memberOf("{\"a\": " + nested(63, "[", "]") + "}", "a"), nested(63, "[", "]"));
+    expectNoObject("{\"a\": " + nested(64, "[", "]") + "}");
+    EXPECT_EQ(Deserializer(std::string_view(nested(64, "[", "]"))).getElements().size(), 1U);
+    expectNoObject(nested(65, "[", "]"));
+    expectNoObject("{\"a\": " + nested(64, "{\"a\":", "}") + "}");
+}
+
+TEST(AReader, SurvivesATextOfOpeningBracketsOnly) {
+    expectNoObject(std::string(1000000, '['));
+    expectNoObject(nested(200000, "{\"a\":", ""));
+}
+
+TEST(AReader, ForgetsItsDepthBetweenNeighbours) {
+    std::string json = "{\"a\": [";
+    for (int i = 0; i < 200; ++i) {
+        json += "[[]],";
+    }
+    json += "0], \"b\": 1}";
+    EXPECT_EQ(memberOf(json, "b"), "1");
+}
+
+TEST(AReader, GivesTheElementsOfAnArrayInOrder) {
+    Deserializer const in(R"( [ {"@id": "a,b"} , 2,[3, 4],"x\"]", null ] )");
+    EXPECT_THAT(in.getElements(),
+                ElementsAre(R"({"@id": "a,b"})", "2", "[3, 4]", R"("x\"]")", "null"));
+    EXPECT_THAT(Deserializer("[]").getElements(), IsEmpty());
+    EXPECT_THAT(Deserializer("[\n  ]").getElements(), IsEmpty());
+}
+
+TEST(AReader, ReadsTheElementsOfAMember) {
+    std::string const json = R"({"members@count": 9, "members": [{"@id": "a"}, {"@id": "b"}]})";
+    Deserializer const members(Deserializer(json).getMember("members"));
+    std::vector<std::string> ids;
+    for (std::string_view const element : members.getElements()) {
+        Deserializer::extractValue(Deserializer(element).getMember("@id"), ids.emplace_back(), "");
+    }
+    EXPECT_THAT(ids, ElementsAre("a", "b"));
+}
+
+TEST(AReader, FindsNoElementsInAnAbsentMember) {
+    Deserializer const members(Deserializer("{}").getMember("members"));
+    try {
+        members.getElements();
+        FAIL() << "there are none";
+    } catch (std::runtime_error const& error) {
+        EXPECT_STREQ(error.what(), "Cannot get elements from a scalar or object");
+    }
+}
+
+TEST(AReader, IsNotMadeOnATextAboutToGo) {
+    static_assert(!std::is_constructible_v<Deserializer, std::string>);
+    static_assert(std::is_constructible_v<Deserializer, std::string const&>);
+}
+
+} // namespace

@@ -1,0 +1,139 @@
+#include <zym/common/lwjson.hpp>
+
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+namespace {
+
+using zym::common::lwjson::Deserializer;
+
+template <typename T>
+T extract(std::string_view text) {
+    T value{};
+    Deserializer::extractValue(text, value, "");
+    return value;
+}
+
+template <typename Exception, typename T>
+void expectFailure(std::string_view text, T const& before) {
+    T value = before;
+    EXPECT_THROW(Deserializer::extractValue(text, value, ""), Exception) << text;
+    EXPECT_EQ(value, before) << text;
+}
+
+TEST(AnExtractedInteger, IsReadFromDigits) {
+    EXPECT_EQ(extract<unsigned char>("0"), 0);
+    EXPECT_EQ(extract<unsigned char>("255"), 255);
+    EXPECT_EQ(extract<unsigned>("0"), 0U);
+    EXPECT_EQ(extract<unsigned>("4294967295"), 4294967295U);
+}
+
+TEST(AnExtractedInteger, IsOutOfRangeWhenItDoesNotFit) {
+    for (char const* text : {"256", "300", "1000", "4294967296", "99999999999999999999999", "-1",
+                             "-0", "-99999999999999999999999"}) {
+        expectFailure<std::out_of_range>(text, static_cast<unsigned char>(77));
+    }
+    for (char const* text : {"4294967296", "4294967300", "42949672950", "99999999999999999999999",
+                             "-1", "-4294967295"}) {
+        expectFailure<std::out_of_range>(text, 77U);
+    }
+    expectFailure<std::out_of_range>(std::string(500, '9'), 77U);
+}
+
+TEST(AnExtractedInteger, IsInvalidUnlessDigitsOnly) {
+    for (char const* text : {"1.0", "1e2", "1E2", "-1.5", "\"1\"", "true", "false", "null", "{}",
+                             "[]", "01", "-", "+1", "0x1", " 1", "1 ", "1,", "abc"}) {
+        expectFailure<std::invalid_argument>(text, 77U);
+        expectFailure<std::invalid_argument>(text, static_cast<unsigned char>(77));
+    }
+}
+
+TEST(AnExtractedDouble, IsReadFromAnyNumber) {
+    EXPECT_EQ(extract<double>("0"), 0.0);
+    EXPECT_EQ(extract<double>("-12.5"), -12.5);
+    EXPECT_EQ(extract<double>("1e3"), 1000.0);
+    EXPECT_EQ(extract<double>("0.30000000000000004"), 0.1 + 0.2);
+    EXPECT_EQ(extract<double>("18446744073709551616"), 18446744073709551616.0);
+}
+
+TEST(AnExtractedDouble, FailsForEverythingElse) {
+    for (char const* text : {"\"1\"", "true", "null", "nan", "inf", "Infinity", ".5", "1.", "+1",
+                             "0x1p3", "1 ", " 1", "1,5", "{}", "[1]"}) {
+        expectFailure<std::invalid_argument>(text, 7.5);
+    }
+    expectFailure<std::out_of_range>("1e999", 7.5);
+    expectFailure<std::out_of_range>("-1e999", 7.5);
+    expectFailure<std::out_of_range>("1e-999", 7.5);
+}
+
+TEST(AnExtractedTime, IsReadFromANumber) {
+    auto const time = extract<conv::UnixTime>("1700000000.5");
+    EXPECT_EQ(time.seconds, 1700000000.5);
+    EXPECT_EQ(time.valid, 1);
+}
+
+TEST(AnExtractedTime, IsTheInvalidTimeForNull) {
+    conv::UnixTime time(5.0);
+    Deserializer::extractValue("null", time, "");
+    EXPECT_EQ(time.seconds, 4294967295.0);
+    EXPECT_EQ(time.valid, 0);
+}
+
+TEST(AnExtractedTime, KeepsWhatItWasOnFailure) {
+    conv::UnixTime time(5.0);
+    EXPECT_THROW(Deserializer::extractValue("\"5\"", time, ""), std::invalid_argument);
+    EXPECT_THROW(Deserializer::extractValue("1e999", time, ""), std::out_of_range);
+    EXPECT_THROW(Deserializer::extractValue("", time, ""), std::out_of_range);
+    EXPECT_EQ(time.seconds, 5.0);
+    EXPECT_EQ(time.valid, 1);
+}
+
+TEST(AnExtractedValue, IsOutOfRangeWhenThereIsNone) {
+    expectFailure<std::out_of_range>("", std::string("before"));
+    expectFailure<std::out_of_range>("", static_cast<unsigned char>(77));
+    expectFailure<std::out_of_range>("", 77U);
+    expectFailure<std::out_of_range>("", 7.5);
+}
+
+TEST(AnExtractedText, IsDecoded) {
+    EXPECT_EQ(extract<std::string>("\"\""), "");
+    EXPECT_EQ(extract<std::string>("\"a b\""), "a b");
+    EXPECT_EQ(extract<std::string>(R"("\"\\\/\b\f\n\r\t")"), "\"\\/\b\f\n\r\t");
+    EXPECT_EQ(extract<std::string>("\"a\\u0000b\""), std::string("a\0b", 3));
+}
+
+TEST(AnExtractedText, GetsCodePointsAsUtf8) {
+    EXPECT_EQ(extract<std::string>("\"\\u0041\\u007f\\u0080\\u07ff\""), "A\x7f\xc2\x80\xdf\xbf");
+    EXPECT_EQ(extract<std::string>("\"\\u0800\\uFFFF\\uffff\\uD7FF\\uE000\""),
+              "\xe0\xa0\x80\xef\xbf\xbf\xef\xbf\xbf\xed\x9f\xbf\xee\x80\x80");
+    EXPECT_EQ(extract<std::string>("\"\\ud800\\udc00\\uDBFF\\uDFFF\\ud83d\\uDE00\""),
+              "\xf0\x90\x80\x80\xf4\x8f\xbf\xbf\xf0\x9f\x98\x80");
+}
+
+TEST(AnExtractedText, KeepsBytesAboveAsciiEvenInvalidUtf8) {
+    std::string bytes;
+    for (int byte = 0x7f; byte < 0x100; ++byte) {
+        bytes += static_cast<char>(byte);
+    }
+    EXPECT_EQ(extract<std::string>('"' + bytes + '"'), bytes);
+}
+
+TEST(AnExtractedText, IsInvalidWithHalfOfASurrogatePair) {
+    for (char const* text : {R"("\ud800")", R"("\udc00")", R"("\ud800\ud800")", R"("\ud800x")",
+                             R"("\ud800\n")", R"("\ud800\u0041")", R"("\udfff\ud800")"}) {
+        expectFailure<std::invalid_argument>(text, std::string("before"));
+    }
+}
+
+TEST(AnExtractedText, IsInvalidUnlessAJsonString) {
+    for (char const* text :
+         {"\"", "\"a", "a\"", "a", "1", "null", "true", "{}", "[\"a\"]", R"("\")", R"("\x")",
+          R"("\u12")", R"("\u12g4")", R"("\u")", "\"a\"b\"", "\"a\nb\"", "\"a\" ", " \"a\""}) {
+        expectFailure<std::invalid_argument>(text, std::string("before"));
+    }
+}
+
+} // namespace

@@ -1,0 +1,101 @@
+#include "number_text.hpp"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <limits>
+#include <locale>
+#include <random>
+#include <stdexcept>
+#include <string>
+
+namespace {
+
+using zym::common::lwjson::appendNumber;
+using zym::common::lwjson::isNumber;
+using zym::common::lwjson::readNumber;
+
+std::string textOf(double number) {
+    std::string text;
+    appendNumber(text, number);
+    return text;
+}
+
+TEST(ANumberText, IsWhatTheGrammarOfJsonSays) {
+    for (char const* text : {"0", "-0", "7", "10", "-12", "0.5", "1.25", "1e5", "1E+5", "1e-05",
+                             "-1.5e300", "0e0", "1e999", "123456789012345678901234567890"}) {
+        EXPECT_TRUE(isNumber(text)) << text;
+    }
+    for (char const* text :
+         {"",     "-",   "+1",  "01", "-01", ".5",  "1.",  "1.e5",  "1e",    "1e+",
+          "0x10", "nan", "inf", "1 ", " 1",  "1,5", "--1", "1.5.2", "1e5.0", "true"}) {
+        EXPECT_FALSE(isNumber(text)) << text;
+    }
+}
+
+TEST(ANumberText, IsShortAndReadsBackTheSame) {
+    EXPECT_EQ(textOf(0.1), "0.1");
+    EXPECT_EQ(textOf(1700000000.5), "1700000000.5");
+    EXPECT_EQ(textOf(-0.0), "-0");
+    for (double const number :
+         {0.0, 1.0, 0.1, 1.0 / 3.0, 1e22, 5e-324, std::numeric_limits<double>::min(),
+          std::numeric_limits<double>::max(), std::numeric_limits<double>::lowest()}) {
+        EXPECT_TRUE(isNumber(textOf(number))) << textOf(number);
+        EXPECT_EQ(readNumber(textOf(number)), number);
+    }
+}
+
+TEST(ANumberText, ReadsBackTheSameForAnyBits) {
+    std::mt19937_64 bits(1);
+    for (int i = 0; i < 20000; ++i) {
+        std::uint64_t const pattern = bits();
+        double number = 0;
+        std::memcpy(&number, &pattern, sizeof(number));
+        if (std::isnormal(number)) {
+            ASSERT_EQ(readNumber(textOf(number)), number) << textOf(number);
+        }
+    }
+}
+
+TEST(ANumberText, HasNoMoreDigitsThanNeeded) {
+    std::mt19937 random(2);
+    for (int i = 0; i < 2000; ++i) {
+        std::string const text =
+            std::to_string(random() % 1000) + "." + std::to_string(random() % 1000000) + "7";
+        EXPECT_LE(textOf(readNumber(text)).size(), text.size());
+    }
+}
+
+TEST(ANumberText, IsOutOfRangeWhenTooCloseToZeroForADouble) {
+    EXPECT_THROW(readNumber("1e-999"), std::out_of_range);
+    EXPECT_THROW(readNumber("-0." + std::string(400, '0') + "1"), std::out_of_range);
+    EXPECT_EQ(readNumber("0e-999"), 0.0);
+    EXPECT_EQ(readNumber("0.0"), 0.0);
+    EXPECT_EQ(readNumber("5e-324"), std::numeric_limits<double>::denorm_min());
+}
+
+TEST(ANumberText, IsOutOfRangeWhenTooLargeForADouble) {
+    EXPECT_THROW(readNumber("1e999"), std::out_of_range);
+    EXPECT_THROW(readNumber("-1e999"), std::out_of_range);
+    EXPECT_THROW(readNumber("1" + std::string(400, '0')), std::out_of_range);
+}
+
+struct CommaForAPoint : std::numpunct<char> {
+    char do_decimal_point() const override { return ','; }
+    char do_thousands_sep() const override { return '.'; }
+    std::string do_grouping() const override { return "\3"; }
+};
+
+TEST(ANumberText, DoesNotFollowTheLocale) {
+    std::locale const before = std::locale::global(
+        std::locale(std::locale::classic(), new CommaForAPoint)); // owned by the locale
+    std::string const text = textOf(1234567.5);
+    double const number = readNumber("1234567.5");
+    std::locale::global(before);
+    EXPECT_EQ(text, "1234567.5");
+    EXPECT_EQ(number, 1234567.5);
+}
+
+} // namespace

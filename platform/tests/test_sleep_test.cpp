@@ -1,0 +1,16 @@
+#include <zym/common/test.hpp>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+
+namespace {
+
+// Only ever longer than asked for, however busy the machine is.
+TEST(TheTestSleep, LastsAtLeastSoManyMilliseconds) {
+    auto const begin = std::chrono::steady_clock::now();
+    zym::common::test::sleep(20);
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(20));
+}
+
+} // namespace

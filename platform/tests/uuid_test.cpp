@@ -1,0 +1,103 @@
+#include <zym/common/uuid.hpp>
+
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace {
+
+using zym::common::Uuid;
+
+char const* const PLAIN = "00112233-4455-6677-8899-aabbccddeeff";
+char const* const BASE64 = "ABEiM0RVZneImaq7zN3u_w";
+
+TEST(ADefaultUuid, IsNil) {
+    EXPECT_TRUE(Uuid().isNil());
+    EXPECT_EQ(Uuid(), Uuid::NIL);
+    EXPECT_EQ(Uuid().to_string(), "00000000-0000-0000-0000-000000000000");
+    EXPECT_EQ(Uuid().base64URL(), std::string(22, 'A'));
+}
+
+TEST(AUuid, IsALiteralType) {
+    constexpr Uuid id(5);
+    static_assert(!id.isNil() && id != Uuid::NIL && id == Uuid(5) && Uuid::NIL.isNil());
+    static_assert(sizeof(Uuid) == 16, "16 bytes");
+}
+
+TEST(TheUnknownUuid, IsAllOnes) {
+    EXPECT_EQ(Uuid::UNKNOWN.to_string(), "ffffffff-ffff-ffff-ffff-ffffffffffff");
+    EXPECT_EQ(Uuid::UNKNOWN.base64URL(), "_____________________w");
+    EXPECT_FALSE(Uuid::UNKNOWN.isNil());
+}
+
+TEST(AUuidFromANumber, HoldsItBigEndianInTheLastEightBytes) {
+    EXPECT_EQ(Uuid(0x0102030405060708ULL).to_string(), "00000000-0000-0000-0102-030405060708");
+    EXPECT_EQ(Uuid(0xffffffffffffffffULL).to_string(), "00000000-0000-0000-ffff-ffffffffffff");
+    EXPECT_EQ(Uuid(0), Uuid::NIL);
+    EXPECT_FALSE(Uuid(1).isNil());
+}
+
+TEST(AUuidFromText, IsReadFromThePlainFormInEitherCase) {
+    EXPECT_EQ(Uuid(std::string(PLAIN)).to_string(), PLAIN);
+    EXPECT_EQ(Uuid(std::string("00112233-4455-6677-8899-AABBCCDDEEFF")).to_string(), PLAIN);
+    EXPECT_EQ(Uuid(std::string("00112233-4455-6677-8899-aAbBcCdDeEfF")).base64URL(), BASE64);
+}
+
+TEST(AUuidFromText, IsReadFromTheBase64Form) {
+    EXPECT_EQ(Uuid(std::string(BASE64)).to_string(), PLAIN);
+    EXPECT_EQ(Uuid(std::string("_____________________w")), Uuid::UNKNOWN);
+    EXPECT_EQ(Uuid(std::string("-_-_-_-_-_-_-_-_-_-_-Q")).base64URL(), "-_-_-_-_-_-_-_-_-_-_-Q");
+}
+
+TEST(AUuidFromText, PrintsBackTheSameInEveryByte) {
+    for (unsigned shift = 0; shift < 64; ++shift) {
+        Uuid const id(0x8000000000000001ULL >> shift | 0x5aULL << shift);
+        EXPECT_EQ(Uuid(id.to_string()), id);
+        EXPECT_EQ(Uuid(id.base64URL()), id);
+    }
+}
+
+TEST(AUuidFromText, IsRefusedForEveryOtherText) {
+    std::vector<std::string> const texts{
+        "",
+        "0",
+        "00112233-4455-6677-8899-aabbccddeef",
+        "00112233-4455-6677-8899-aabbccddeeff0",
+        "00112233-4455-6677-8899-aabbccddeefg",
+        "00112233-4455-6677-8899_aabbccddeeff",
+        "001122334-455-6677-8899-aabbccddeeff",
+        "{0112233-4455-6677-8899-aabbccddeef}",
+        "00112233445566778899aabbccddeeff",
+        " 0112233-4455-6677-8899-aabbccddeeff",
+        "+0112233-4455-6677-8899-aabbccddeeff",
+        "ABEiM0RVZneImaq7zN3u_",
+        "ABEiM0RVZneImaq7zN3u_w=",
+        "ABEiM0RVZneImaq7zN3u_w==",
+        "ABEiM0RVZneImaq7zN3u/w",
+        "ABEiM0RVZneImaq7zN3u+w",
+        "ABEiM0RVZneImaq7zN3u w",
+        std::string("ABEiM0RVZneImaq7zN3u\0w", 22),
+        "ABEiM0RVZneImaq7zN3\xc3\xa9w",
+    };
+    for (std::string const& text : texts) {
+        EXPECT_THROW(Uuid{text}, std::invalid_argument) << text;
+    }
+}
+
+TEST(AUuidFromText, IsRefusedWhenItWouldPrintBackOtherwise) {
+    std::string const letters = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
+    int accepted = 0;
+    for (char const last : letters) {
+        std::string const text = std::string(21, 'A') + last;
+        try {
+            EXPECT_EQ(Uuid(text).base64URL(), text);
+            ++accepted;
+        } catch (std::invalid_argument const&) {
+        }
+    }
+    EXPECT_EQ(accepted, 4); // two bits of the last character count
+}
+
+} // namespace
