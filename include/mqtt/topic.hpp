@@ -1,0 +1,102 @@
+#pragma once
+
+#include "mqtt/export.hpp"
+
+#include <zym/common/uuid.hpp>
+
+#include <cstdint>
+#include <iosfwd>
+#include <string>
+#include <vector>
+
+namespace mqtt {
+
+/// A topic path: segments joined by "/", the key of every subscription and publication.
+///
+/// A plain value. The text is kept ready for the broker library; beside it stands where
+/// each segment starts, so that segments can be read and the path cut back without
+/// parsing again. No operation checks for wildcards or for the length limit of MQTT.
+///
+/// Parsing a path drops one leading and one trailing "/" and keeps empty segments:
+///
+/// | path    | text   | segments      |
+/// |---------|--------|---------------|
+/// | ""      | ""     | none          |
+/// | "/"     | ""     | one, empty    |
+/// | "/a/b/" | "a/b"  | a, b          |
+/// | "a//b"  | "a//b" | a, (empty), b |
+///
+/// Comparison and ordering look at the text alone.
+class ZYM_MQTT_EXPORT Topic {
+public:
+    Topic() = default;
+    /// Parses `path`.
+    Topic(std::string const& path);
+    /// Parses `path`.
+    /// @throws std::logic_error "basic_string::_M_construct null not valid" for a null pointer
+    Topic(char const* path);
+
+    /// Appends the segments of `tail`; nothing when it has none. A "/" is put in between
+    /// exactly when this topic's text is not empty. Only the tail's text up to its first
+    /// zero byte is taken.
+    /// @throws std::length_error, std::bad_alloc the topic is then left as far as it got
+    Topic& operator+=(Topic const& tail);
+    /// Parses `tail` as the constructors do and appends the result.
+    Topic& operator+=(std::string const& tail);
+    /// @copydoc operator+=(std::string const&)
+    /// @throws std::logic_error "basic_string::_M_construct null not valid" for a null pointer
+    Topic& operator+=(char const* tail);
+    /// Appends one segment: the identifier's base64url text.
+    Topic& operator+=(zym::common::Uuid const& id);
+
+    /// The text of segment `i`, which must be below `size()`: that is not checked.
+    /// @throws std::out_of_range when the segment starts behind the end of the text, which
+    ///         only a topic that was `clear()`ed and appended to can bring about
+    std::string operator[](unsigned int i) const;
+
+    /// Whether `topic` falls under this topic read as a subscription pattern with the
+    /// wildcards "+" and "#"; false for an invalid pattern.
+    bool matches(Topic const& topic) const;
+
+    /// The whole path.
+    std::string const& text() const noexcept { return text_; }
+    /// The number of segments.
+    unsigned int size() const noexcept { return static_cast<unsigned int>(starts_.size()); }
+
+    /// Keeps the first `n` segments; a topic never grows by this.
+    void resize(unsigned int n);
+    /// Empties the text and leaves the segments as they are. Almost always `resize(0)` is
+    /// what you want.
+    void clear() noexcept { text_.clear(); }
+
+private:
+    ZYM_MQTT_LOCAL void parse();
+
+    std::string text_;
+    std::vector<std::uint32_t> starts_;
+};
+
+ZYM_MQTT_EXPORT Topic operator+(Topic const& head, Topic const& tail);
+ZYM_MQTT_EXPORT Topic operator+(Topic const& head, std::string const& tail);
+/// @throws std::logic_error "basic_string::_M_construct null not valid" for a null pointer
+ZYM_MQTT_EXPORT Topic operator+(Topic const& head, char const* tail);
+ZYM_MQTT_EXPORT Topic operator+(Topic const& head, zym::common::Uuid const& id);
+
+inline bool operator==(Topic const& a, Topic const& b) noexcept {
+    return a.text() == b.text();
+}
+inline bool operator!=(Topic const& a, Topic const& b) noexcept {
+    return a.text() != b.text();
+}
+/// Byte-wise order of the texts, bytes taken as unsigned, a prefix first.
+inline bool operator<(Topic const& a, Topic const& b) noexcept {
+    return a.text() < b.text();
+}
+inline bool operator>(Topic const& a, Topic const& b) noexcept {
+    return b.text() < a.text();
+}
+
+/// Writes the text, nothing added.
+ZYM_MQTT_EXPORT std::ostream& operator<<(std::ostream& out, Topic const& topic);
+
+} // namespace mqtt
