@@ -1,0 +1,318 @@
+#pragma once
+
+#include "mqtt/export.hpp"
+#include "mqtt/topic.hpp"
+
+#include <conv/com_state.hpp>
+#include <conv/seconds_duration.hpp>
+#include <zym/common/uuid.hpp>
+
+#include <mosquittopp.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <iosfwd>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+namespace mqtt {
+
+/// One connection to an MQTT broker.
+///
+/// A client runs its network step on a worker thread of its own from construction to
+/// destruction, reconnects by itself with a growing back-off, keeps a registry of
+/// subscriptions and hands incoming messages to subscribers, and publishes with or without
+/// waiting. What is published while there is no connection is queued and sent, in order,
+/// before the state becomes connected again.
+///
+/// ### Threads
+/// Every operation may be called from any thread, also from inside a subscriber or a state
+/// listener, except where an operation says otherwise. Subscribers and listeners are called
+/// on the worker thread (a listener sees "connecting" on the thread that called `connect`).
+/// An operation that waits must not be called on the worker thread: what it waits for is
+/// handled by that very thread, so it ends by time-out.
+///
+/// ### Ownership
+/// The client owns neither subscribers nor listeners. It must outlive everything built on
+/// it, and must not be destroyed on its own worker thread.
+///
+/// ### Limits
+/// The broker library waits with select(): a client whose socket gets a descriptor of 1024
+/// or above never gets through.
+class ZYM_MQTT_EXPORT MqttClient : private mosqpp::mosquittopp {
+public:
+    /// Outcome of an operation. 0 to 16 are the broker library's codes, passed on unchanged;
+    /// codes without a name here are legal too (18: the topic is not valid UTF-8).
+    enum class Error : int {
+        CONNECTION_PENDING = -1, ///< the state forbids the call; nothing was changed
+        SUCCESS = 0,
+        NO_MEMORY = 1,
+        UNACCEPTABLE_PROTOCOL = 2,
+        INVALID_PARAMETER = 3, ///< bad topic, quality of service, port, ...
+        NO_CONN = 4,           ///< there is no connection
+        CONN_REFUSED = 5,
+        NOT_FOUND = 6, ///< see `unsubscribe`
+        CONN_LOST = 7,
+        TLS = 8,
+        PAYLOAD_SIZE = 9, ///< the payload exceeds 268,435,455 bytes
+        NOT_SUPPORTED = 10,
+        AUTH = 11,
+        ACL_DENIED = 12,
+        UNKNOWN = 13,
+        ERRNO = 14, ///< a system call failed; `errno` of the calling thread says why
+        EAI = 15,   ///< the host name could not be resolved
+        PROXY = 16,
+        TIMEOUT = 256 ///< a wait ran out; what was asked for may still happen
+    };
+
+    /// The broker's answer to a connection request.
+    enum class ConnectionError : std::uint8_t {
+        SUCCESS = 0,
+        UNACCEPTABLE_PROTOCOL = 1,
+        IDENTIFIER_REJECTED = 2,
+        BROKER_UNAVAILABLE = 3
+    };
+
+    /// Why a connection ended: 0 because `disconnect` was called, anything else otherwise.
+    enum class DisconnectionError : std::uint8_t { SUCCESS = 0, UNEXPECTED = 1 };
+
+    /// Told of every change of the communication state.
+    class Listener {
+    public:
+        /// Called after each change, with the client's state lock held and, for "connected",
+        /// its main lock too: it may publish, subscribe, unsubscribe, register and unregister
+        /// listeners, and must not wait. `connect` and `disconnect` answer
+        /// CONNECTION_PENDING in here. What it throws is dropped.
+        virtual void onComStateChanged(conv::ComState state) = 0;
+
+    protected:
+        ~Listener() = default;
+    };
+
+    /// Receives the messages of the topics it was subscribed to.
+    class Subscriber {
+    public:
+        /// Called on the worker thread, one message at a time, in the order of arrival, with
+        /// no lock of the client held: every operation that does not wait may be called.
+        /// What it throws is dropped; neither the other subscribers nor the client notice.
+        /// @param tag what was given to `subscribe`
+        /// @param topic the message's topic, parsed; never the pattern
+        /// @param payload any bytes; empty when a retained message was cleared
+        virtual void onMqttMessage(int tag, Topic const& topic, std::string const& payload) = 0;
+        virtual ~Subscriber() = default;
+    };
+
+    /// One entry of the registry.
+    struct Subscription {
+        Topic topic; ///< the subscribed topic or pattern
+        /// In the order of subscription; the same subscriber may stand here more than once.
+        std::vector<std::pair<Subscriber*, int>> subscribers;
+    };
+
+    /// One publication kept until there is a connection.
+    struct Publish {
+        Topic topic;
+        std::string payload;
+        int qos;
+        bool retain;
+    };
+
+    /// The keep-alive interval of every connection: 30 seconds.
+    static conv::SecondsDuration const HEART_BEAT_RATE;
+    /// A usual time-out for the operations that wait: 5 seconds. The client itself does not
+    /// use it.
+    static conv::SecondsDuration const COMMUNICATION_DELAY;
+
+    /// Starts the worker thread and, with `connectNow`, connects: the constructor then blocks
+    /// as `connect` with 5 seconds does, and whatever comes of it the client goes on trying.
+    /// @param id the broker allows one connection per identifier
+    /// @param persistent whether the broker keeps the session while the client is away: only
+    ///        then is no QoS 2 publication lost to a dropped connection
+    /// @param name not used
+    /// @param host host name, address, or the path of a unix socket (with port 0)
+    /// @param port 0 to 65535
+    MqttClient(zym::common::Uuid const& id, bool persistent, std::string const& name,
+               std::string const& host, int port, bool connectNow);
+
+    /// Unsubscribes every topic at the broker, ends the worker thread (which may take up to a
+    /// second), drops unsent publications and closes the connection without telling broker or
+    /// listeners, so that the broker publishes the will.
+    ~MqttClient() override;
+
+    MqttClient(MqttClient const&) = delete;
+    MqttClient& operator=(MqttClient const&) = delete;
+
+    /// The MQTT client identifier of a client: the base64url text of its identifier.
+    static std::string clientId(zym::common::Uuid const& id);
+
+    /// Connects and waits for the broker's consent. Blocks for the TCP connection, however
+    /// long the system tries, and then for `timeout`.
+    /// @param host "" for the last one
+    /// @param port negative for the last one
+    /// @param timeout seconds; 0 does not wait, all ones waits without limit
+    /// @return
+    ///  - SUCCESS: connected, queued publications are sent;
+    ///  - TIMEOUT: not yet; the client goes on trying;
+    ///  - CONNECTION_PENDING: only a disconnected client (state 1) can be connected;
+    ///  - INVALID_PARAMETER: the port is out of range; nothing was changed;
+    ///  - any other: the broker library's code; the state is "connecting" and the client
+    ///    tries again after 0.5, 2, 4.5, 8, 12.5, 15, 15, ... seconds.
+    Error connect(std::string host, int port, conv::SecondsDuration timeout);
+
+    /// Disconnects for good: no more retries, the broker does not publish the will. Messages
+    /// that arrive meanwhile are dropped; what is published from now on is queued.
+    /// @param timeout seconds; 0 does not wait, all ones waits without limit. A subscriber that
+    ///        keeps the worker busy adds up to a second.
+    /// @return SUCCESS, TIMEOUT, or NO_CONN when there was no connection to end: retries under
+    ///         way then go on
+    Error disconnect(conv::SecondsDuration timeout);
+
+    /// Stops all network traffic, keep-alives too, until `resume`. Takes effect at the end of
+    /// the network step under way.
+    void pause();
+    /// Ends a pause, within 500 ms.
+    void resume();
+
+    conv::ComState communicationState() const { return comState_; }
+
+    /// Adds a listener unless it is registered. From inside a listener it takes effect with
+    /// the next change.
+    void registerListener(Listener* listener);
+    /// Removes a listener; an unknown one is ignored. When it returns the listener is not
+    /// being called and will not be, unless this is called from inside a listener: then it
+    /// takes effect with the next change.
+    void unregisterListener(Listener* listener);
+
+    /// Sets the message that the broker publishes when this client vanishes.
+    /// @return SUCCESS; CONNECTION_PENDING unless the client is disconnected (state 1);
+    ///         INVALID_PARAMETER for an empty or wildcard topic or a QoS outside 0 to 2;
+    ///         PAYLOAD_SIZE; 18 for a topic that is not UTF-8
+    Error setWill(Topic const& topic, std::string const& payload, int qos, bool retain);
+    /// @return SUCCESS, or CONNECTION_PENDING unless the client is disconnected (state 1)
+    Error clearWill();
+
+    /// Registers a subscriber for a topic or pattern and subscribes at the broker, at QoS 0.
+    /// Without a connection the registration is made all the same and reaches the broker
+    /// with the next connection. The same subscriber may be registered more than once.
+    ///
+    /// A message goes to one entry of the registry only: to the one with exactly its topic
+    /// or else to the first matching pattern in byte order ("a/#" before "a/+").
+    /// @param tag handed back with every message; never sent
+    /// @return SUCCESS, or why nothing was registered: INVALID_PARAMETER for an empty or
+    ///         invalid topic, 18 for one that is not UTF-8
+    [[nodiscard]] Error subscribe(Topic const& topic, Subscriber* subscriber, int tag);
+
+    /// Removes the first registration of the subscriber on that topic.
+    ///
+    /// Does not wait: the subscriber may still be called for the message being dispatched.
+    /// Use `release` before destroying a subscriber.
+    /// @param mid where to put the message id of the broker's acknowledgement; may be null
+    /// @return NOT_FOUND when there was no such registration, and also when other
+    ///         registrations of that topic remain; otherwise SUCCESS, or NO_CONN when the
+    ///         broker could not be told
+    Error unsubscribe(Topic const& topic, Subscriber* subscriber, int* mid);
+    /// @copydoc unsubscribe(Topic const&, Subscriber*, int*)
+    Error unsubscribe(Topic const& topic, Subscriber* subscriber);
+    /// Like `unsubscribe`, and waits for the broker's acknowledgement.
+    /// @param timeout seconds; all ones waits without limit
+    /// @return as `unsubscribe`, or TIMEOUT
+    Error unsubscribeWait(Topic const& topic, Subscriber* subscriber,
+                          conv::SecondsDuration timeout);
+
+    /// Removes every registration of a subscriber and waits until the worker thread is not
+    /// inside a call to it; on the worker thread itself, so inside such a call, it does not
+    /// wait. Afterwards the subscriber is never called again and may be destroyed.
+    /// Do not hold a lock that the subscriber's callback takes.
+    void release(Subscriber* subscriber) noexcept;
+
+    /// Publishes without waiting. Without a connection the publication is queued.
+    /// @param payload any bytes
+    /// @param qos 0 to 2
+    /// @return SUCCESS when sent or queued; otherwise why it was refused: INVALID_PARAMETER
+    ///         (QoS, empty or wildcard topic), PAYLOAD_SIZE, 18 (topic not UTF-8)
+    Error publish(Topic const& topic, std::string const& payload, int qos, bool retain);
+
+    /// Publishes and waits until the publication is done: written to the network at QoS 0,
+    /// acknowledged by the broker at QoS 1 and 2. Without a connection it is queued, without
+    /// waiting. Calls that wait at the same time may miss their acknowledgement and then end
+    /// by time-out although the publication is done.
+    /// @param timeout seconds; 0 does not wait, all ones waits without limit
+    /// @return as `publish`, or TIMEOUT
+    Error publishWait(Topic const& topic, std::string const& payload, int qos, bool retain,
+                      conv::SecondsDuration timeout);
+
+    /// Erases the retained message of a topic. Never queued.
+    /// @return SUCCESS; NO_CONN without a connection, nothing is remembered then; or why the
+    ///         topic was refused, as `publish`
+    Error clear(Topic const& topic);
+
+private:
+    struct ZYM_MQTT_LOCAL Engine;
+
+    // Exported, for the virtual tables of derived classes.
+    void on_connect(int rc) override;
+    void on_disconnect(int rc) override;
+    void on_publish(int mid) override;
+    void on_message(mosquitto_message const* message) override;
+    void on_unsubscribe(int mid) override;
+
+    ZYM_MQTT_LOCAL int loop();
+    ZYM_MQTT_LOCAL void networkStep();
+    ZYM_MQTT_LOCAL void backOffAndReconnect();
+    ZYM_MQTT_LOCAL void flushDisconnect();
+    ZYM_MQTT_LOCAL bool wakeWorker();
+    ZYM_MQTT_LOCAL void completeConnection();
+    ZYM_MQTT_LOCAL bool resubscribe();
+    ZYM_MQTT_LOCAL bool drainQueue();
+
+    ZYM_MQTT_LOCAL bool leaveDisconnected();
+    ZYM_MQTT_LOCAL void setComState(conv::ComState state);
+    ZYM_MQTT_LOCAL bool waitForComState(conv::ComState state, conv::SecondsDuration timeout);
+    ZYM_MQTT_LOCAL bool onWorker() const;
+
+    ZYM_MQTT_LOCAL Error send(int* mid, Topic const& topic, std::string const& payload, int qos,
+                              bool retain, bool& awaitable);
+    ZYM_MQTT_LOCAL int unsubscribeAtBroker(int* mid, Topic const& topic);
+    ZYM_MQTT_LOCAL Subscription* findSubscriptions(Topic const& topic);
+
+    std::recursive_mutex mainMutex_; ///< registry, replay
+    zym::common::Uuid id_;
+    bool persistent_;
+    std::string host_;
+    int port_;
+    std::string name_;
+    mutable std::recursive_mutex stateMutex_; ///< changes of the state, listeners
+    std::condition_variable_any stateChanged_;
+    std::atomic<conv::ComState> comState_;
+    std::mutex deliveryMutex_; ///< lastPublished_
+    std::condition_variable delivered_;
+    int lastPublished_;
+    std::mutex unsubscriptionMutex_; ///< lastUnsubscribed_
+    std::condition_variable unsubscribed_;
+    int lastUnsubscribed_;
+    std::string clientId_;
+    std::vector<Listener*> listeners_;
+    std::atomic<bool> stop_;
+    std::atomic<bool> paused_;
+    std::thread worker_;
+    std::map<Topic, Subscription> subscriptions_;
+    std::deque<Publish> queue_;      ///< guarded by the engine's gate
+    std::unique_ptr<Engine> engine_; ///< where worker and callers meet
+};
+
+/// Writes the upper-case name of an outcome. ERRNO is followed by the calling thread's errno
+/// of this moment: print before anything else can change it.
+ZYM_MQTT_EXPORT std::ostream& operator<<(std::ostream& out, MqttClient::Error const& error);
+ZYM_MQTT_EXPORT std::ostream& operator<<(std::ostream& out,
+                                         MqttClient::ConnectionError const& error);
+ZYM_MQTT_EXPORT std::ostream& operator<<(std::ostream& out,
+                                         MqttClient::DisconnectionError const& error);
+
+} // namespace mqtt

@@ -1,0 +1,43 @@
+#include "client/arguments.hpp"
+
+#include <mosquitto.h>
+
+namespace mqtt {
+
+namespace {
+
+using Error = MqttClient::Error;
+
+constexpr auto MALFORMED_UTF8 = static_cast<Error>(MOSQ_ERR_MALFORMED_UTF8);
+
+bool isUtf8(std::string const& text) {
+    return mosquitto_validate_utf8(text.data(), static_cast<int>(text.size())) == 0;
+}
+
+} // namespace
+
+Error checkPublication(Topic const& topic, std::size_t payloadSize, int qos) {
+    auto const& text = topic.text();
+    if (qos < 0 || qos > 2 || text.empty())
+        return Error::INVALID_PARAMETER;
+    if (!isUtf8(text))
+        return MALFORMED_UTF8;
+    if (payloadSize > MAX_PAYLOAD)
+        return Error::PAYLOAD_SIZE;
+    return static_cast<Error>(mosquitto_pub_topic_check(text.c_str()));
+}
+
+Error checkSubscription(Topic const& topic) {
+    auto const& text = topic.text();
+    if (text.empty() || mosquitto_sub_topic_check(text.c_str()) != 0)
+        return Error::INVALID_PARAMETER;
+    return isUtf8(text) ? Error::SUCCESS : MALFORMED_UTF8;
+}
+
+Error checkSizes(Topic const& topic, std::size_t payloadSize) {
+    if (topic.text().find('\0') != std::string::npos)
+        return MALFORMED_UTF8;
+    return payloadSize > MAX_PAYLOAD ? Error::PAYLOAD_SIZE : Error::SUCCESS;
+}
+
+} // namespace mqtt

@@ -1,0 +1,171 @@
+#include "client/arguments.hpp"
+#include "client/engine.hpp"
+#include "common/wait.hpp"
+#include "mqtt/client.hpp"
+
+#include <algorithm>
+#include <cerrno>
+
+namespace mqtt {
+
+namespace {
+
+using Error = MqttClient::Error;
+using conv::ComState;
+
+constexpr int MAX_PORT = 65535;
+
+/// A caller's turn, to the end of its scope.
+class CallersTurn {
+public:
+    explicit CallersTurn(NetworkTurn& turn) : turn_(turn) { turn_.take(); }
+    ~CallersTurn() { turn_.giveBack(); }
+    CallersTurn(CallersTurn const&) = delete;
+    CallersTurn& operator=(CallersTurn const&) = delete;
+
+private:
+    NetworkTurn& turn_;
+};
+
+} // namespace
+
+Error MqttClient::connect(std::string host, int port, conv::SecondsDuration timeout) {
+    // On the worker, so in a subscriber or a listener, waiting for the worker would be for ever.
+    if (comState_ != ComState::DISCONNECTED || onWorker()
+        || engine_->notifier == std::this_thread::get_id())
+        return Error::CONNECTION_PENDING;
+    int result = 0;
+    int systemError = 0;
+    {
+        CallersTurn const turn(engine_->turn);
+        if (host.empty())
+            host = host_;
+        if (port < 0)
+            port = port_;
+        // The library would accept some of these and go on with the last good host.
+        if (port < 0 || port > MAX_PORT)
+            return Error::INVALID_PARAMETER;
+        if (!leaveDisconnected())
+            return Error::CONNECTION_PENDING;
+        engine_->flushFirst = false; // meant for the last connection
+        result = mosqpp::mosquittopp::connect(host.c_str(), port, HEART_BEAT_RATE.toInt32());
+        systemError = errno;
+        if (result == 0) {
+            engine_->tuning.connected(socket());
+            host_ = host;
+            port_ = port;
+        }
+    }
+    if (result != 0) {
+        errno = systemError;
+        return static_cast<Error>(result);
+    }
+    return waitForComState(ComState::CONNECTED, timeout) ? Error::SUCCESS : Error::TIMEOUT;
+}
+
+Error MqttClient::disconnect(conv::SecondsDuration timeout) {
+    if (engine_->notifier == std::this_thread::get_id())
+        return Error::CONNECTION_PENDING;
+    // Between two network steps, so that nothing is read before the DISCONNECT packet is
+    // written. A worker that stays in its step, as a subscriber keeps it there, is left there.
+    constexpr std::chrono::seconds patience{1};
+    bool const haveTurn = !onWorker() && wakeWorker() && engine_->turn.takeWithin(patience);
+    int result = 0;
+    int systemError = 0;
+    {
+        std::lock_guard const lock(engine_->gate.mutex);
+        result = mosqpp::mosquittopp::disconnect();
+        systemError = errno;
+        if (result == 0) {
+            // What is published from here on would follow the DISCONNECT packet and be lost.
+            engine_->gate.online = false;
+            engine_->flushFirst = true;
+        }
+    }
+    if (haveTurn)
+        engine_->turn.giveBack();
+    if (result != 0) {
+        errno = systemError;
+        return static_cast<Error>(result);
+    }
+    return waitForComState(ComState::DISCONNECTED, timeout) ? Error::SUCCESS : Error::TIMEOUT;
+}
+
+void MqttClient::pause() {
+    paused_ = true;
+}
+
+void MqttClient::resume() {
+    paused_ = false;
+}
+
+void MqttClient::registerListener(Listener* listener) {
+    std::lock_guard const lock(stateMutex_);
+    if (std::find(listeners_.begin(), listeners_.end(), listener) == listeners_.end())
+        listeners_.push_back(listener);
+}
+
+void MqttClient::unregisterListener(Listener* listener) {
+    std::lock_guard const lock(stateMutex_);
+    auto const found = std::find(listeners_.begin(), listeners_.end(), listener);
+    if (found != listeners_.end())
+        listeners_.erase(found);
+}
+
+Error MqttClient::setWill(Topic const& topic, std::string const& payload, int qos, bool retain) {
+    std::lock_guard const lock(stateMutex_);
+    if (comState_ != ComState::DISCONNECTED)
+        return Error::CONNECTION_PENDING;
+    // More than the library checks: with a will like that the broker drops every connection.
+    auto const refused = checkPublication(topic, payload.size(), qos);
+    if (refused != Error::SUCCESS)
+        return refused;
+    return static_cast<Error>(will_set(topic.text().c_str(), static_cast<int>(payload.size()),
+                                       payload.data(), qos, retain));
+}
+
+Error MqttClient::clearWill() {
+    std::lock_guard const lock(stateMutex_);
+    if (comState_ != ComState::DISCONNECTED)
+        return Error::CONNECTION_PENDING;
+    return static_cast<Error>(will_clear());
+}
+
+bool MqttClient::onWorker() const {
+    return worker_.get_id() == std::this_thread::get_id();
+}
+
+bool MqttClient::leaveDisconnected() {
+    std::lock_guard const lock(stateMutex_);
+    if (comState_ != ComState::DISCONNECTED)
+        return false;
+    setComState(ComState::CONNECTING);
+    return true;
+}
+
+void MqttClient::setComState(ComState state) {
+    std::lock_guard const lock(stateMutex_);
+    if (comState_ == state)
+        return;
+    comState_ = state;
+    engine_->notifier = std::this_thread::get_id();
+    // A copy: a listener may register and unregister, itself too.
+    auto const listeners = listeners_;
+    for (auto* const listener : listeners) {
+        try {
+            listener->onComStateChanged(state);
+        } catch (...) {
+            // It would leave through the broker library, which never gets over that.
+        }
+    }
+    engine_->notifier = std::thread::id();
+    stateChanged_.notify_all();
+}
+
+bool MqttClient::waitForComState(ComState state, conv::SecondsDuration timeout) {
+    std::unique_lock lock(stateMutex_);
+    return waitUntil(stateChanged_, lock, timeout.toTimepoint(std::chrono::steady_clock::now()),
+                     [&] { return comState_ == state; });
+}
+
+} // namespace mqtt

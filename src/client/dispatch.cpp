@@ -1,0 +1,78 @@
+#include "client/dispatch.hpp"
+
+#include "client/engine.hpp"
+
+namespace mqtt {
+
+void Dispatch::prepare(std::vector<Receiver> const& receivers) {
+    std::lock_guard const lock(mutex_);
+    receivers_ = receivers;
+}
+
+void Dispatch::deliver(Topic const& topic, std::string const& payload) {
+    Receiver receiver;
+    for (std::size_t i = 0; beginCall(i, receiver); ++i) {
+        try {
+            receiver.first->onMqttMessage(receiver.second, topic, payload);
+        } catch (...) {
+        }
+    }
+}
+
+void Dispatch::retire(MqttClient::Subscriber const* subscriber, bool wait) {
+    std::unique_lock lock(mutex_);
+    for (auto& receiver : receivers_)
+        if (receiver.first == subscriber)
+            receiver.first = nullptr;
+    if (wait)
+        callEnded_.wait(lock, [&] { return called_ != subscriber; });
+}
+
+/// Ends the call under way and begins that of receiver `index` or of the next one that has not
+/// retired; false when none is left.
+bool Dispatch::beginCall(std::size_t& index, Receiver& receiver) {
+    std::lock_guard const lock(mutex_);
+    called_ = nullptr;
+    callEnded_.notify_all();
+    while (index < receivers_.size() && receivers_[index].first == nullptr)
+        ++index;
+    if (index == receivers_.size()) {
+        receivers_.clear();
+        return false;
+    }
+    receiver = receivers_[index];
+    called_ = receiver.first;
+    return true;
+}
+
+void MqttClient::on_message(mosquitto_message const* message) {
+    try {
+        Topic const topic(message->topic);
+        std::string const payload(static_cast<char const*>(message->payload),
+                                  static_cast<std::size_t>(message->payloadlen));
+        {
+            std::lock_guard const lock(mainMutex_);
+            auto const* const subscription = findSubscriptions(topic);
+            if (subscription == nullptr)
+                return;
+            engine_->dispatch.prepare(subscription->subscribers);
+        }
+        engine_->dispatch.deliver(topic, payload);
+    } catch (...) {
+        // Out of memory: this message is lost, the client is not.
+    }
+}
+
+MqttClient::Subscription* MqttClient::findSubscriptions(Topic const& topic) {
+    auto const exact = subscriptions_.find(topic);
+    if (exact != subscriptions_.end())
+        return &exact->second;
+    for (auto& [pattern, subscription] : subscriptions_) {
+        // Without a wildcard it matches its own text only, and that is not here.
+        if (pattern.text().find_first_of("+#") != std::string::npos && pattern.matches(topic))
+            return &subscription;
+    }
+    return nullptr;
+}
+
+} // namespace mqtt

@@ -1,0 +1,82 @@
+#pragma once
+
+#include "client/dispatch.hpp"
+#include "client/network_turn.hpp"
+#include "client/socket_tuning.hpp"
+#include "mqtt/client.hpp"
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+
+namespace mqtt {
+
+/// Decides whether the broker library may be handed anything.
+///
+/// Without a connection the library does not simply refuse: it keeps QoS 1 and 2 publications
+/// for itself, and while TCP is connecting it writes packets ahead of CONNECT. Offline we
+/// therefore do not call it at all. The lock is a leaf; it is held while the library is called,
+/// so that nothing slips between "no connection" and "queue drained". It guards the queue too.
+struct Gate {
+    std::mutex mutex;
+    /// From the moment the queue is drained after a connection to the loss of that connection.
+    bool online = false;
+};
+
+/// The end of the worker: what cuts its sleeps short, and what its owner waits for.
+class WorkerLife {
+public:
+    /// Worker: sleeps; returns early, with false, once the end is asked for.
+    bool sleep(std::chrono::milliseconds duration) {
+        std::unique_lock lock(mutex_);
+        return !changed_.wait_for(lock, duration, [this] { return ending_; });
+    }
+
+    void askToEnd() {
+        std::lock_guard const lock(mutex_);
+        ending_ = true;
+        changed_.notify_all();
+    }
+
+    /// Worker: its last act.
+    void ended() {
+        std::lock_guard const lock(mutex_);
+        ended_ = true;
+        changed_.notify_all();
+    }
+
+    bool waitForEnd(std::chrono::milliseconds duration) {
+        std::unique_lock lock(mutex_);
+        return changed_.wait_for(lock, duration, [this] { return ended_; });
+    }
+
+private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    bool ending_ = false;
+    bool ended_ = false;
+};
+
+/// Where the worker and the callers of a client meet.
+///
+/// Order of locks, outermost first: unsubscription, main, state, delivery, gate, dispatch. The
+/// turn is taken before any of them. The broker library calls back with locks of its own held;
+/// in a callback only state, delivery, unsubscription (as the only one) and gate are taken, and
+/// main for the look-up of a message's subscribers.
+struct MqttClient::Engine {
+    NetworkTurn turn;
+    Gate gate;
+    Dispatch dispatch;
+    WorkerLife life;
+    SocketTuning tuning; ///< used by whoever has the turn
+
+    bool acknowledged = false; ///< worker: the broker has consented, the rest is to be done
+    std::atomic<bool> flushFirst{false};   ///< a DISCONNECT packet must leave before any reading
+    std::atomic<int> wakeMid{-1};          ///< of the latest packet that only woke the worker
+    std::atomic<bool> reconnecting{false}; ///< the worker is inside `reconnect`
+    std::atomic<std::thread::id> notifier{std::thread::id()}; ///< who is calling listeners
+};
+
+} // namespace mqtt

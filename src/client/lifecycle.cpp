@@ -1,0 +1,72 @@
+#include "client/engine.hpp"
+#include "mqtt/client.hpp"
+
+#include <exception>
+
+namespace mqtt {
+
+namespace {
+
+std::string withLibraryReady(std::string const& clientId) {
+    // Never cleaned up: the library has no state that outlives its clients.
+    static int const initialised = mosqpp::lib_init();
+    static_cast<void>(initialised);
+    return clientId;
+}
+
+} // namespace
+
+conv::SecondsDuration const MqttClient::HEART_BEAT_RATE{30};
+conv::SecondsDuration const MqttClient::COMMUNICATION_DELAY{5};
+
+MqttClient::MqttClient(zym::common::Uuid const& id, bool persistent, std::string const& name,
+                       std::string const& host, int port, bool connectNow)
+    : mosqpp::mosquittopp(withLibraryReady(clientId(id)).c_str(), !persistent),
+      id_(id),
+      persistent_(persistent),
+      host_(host),
+      port_(port),
+      name_(name),
+      comState_(conv::ComState::DISCONNECTED),
+      lastPublished_(0),
+      lastUnsubscribed_(0),
+      clientId_(clientId(id)),
+      stop_(false),
+      paused_(false),
+      engine_(std::make_unique<Engine>()) {
+    // Before the worker starts: or QoS 0 acknowledgements would run inside `publish`.
+    threaded_set(true);
+    worker_ = std::thread([this] { loop(); });
+    if (connectNow)
+        connect(host, port, conv::SecondsDuration(5));
+}
+
+MqttClient::~MqttClient() {
+    // The worker cannot wait for its own end: fail at once and not by hanging for ever.
+    if (onWorker())
+        std::terminate();
+    {
+        std::lock_guard const lock(mainMutex_);
+        for (auto const& entry : subscriptions_)
+            unsubscribeAtBroker(nullptr, entry.first);
+        subscriptions_.clear();
+    }
+    stop_ = true;
+    engine_->life.askToEnd();
+    wakeWorker();
+    // A host that does not answer keeps the worker in `reconnect` for minutes: break it.
+    constexpr std::chrono::milliseconds look{50};
+    while (!engine_->life.waitForEnd(look)) {
+        if (engine_->reconnecting)
+            abortConnect(socket());
+    }
+    worker_.join();
+    std::lock_guard const lock(engine_->gate.mutex);
+    queue_.clear();
+}
+
+std::string MqttClient::clientId(zym::common::Uuid const& id) {
+    return id.base64URL();
+}
+
+} // namespace mqtt

@@ -1,0 +1,32 @@
+#pragma once
+
+namespace mqtt {
+
+/// What the kernel is told about the broker connection, all of it on the socket that the broker
+/// library has opened.
+///
+/// Left alone, a small packet waits up to 40 ms for an acknowledgement: at the broker, because
+/// our kernel takes its time to acknowledge the last one (which makes every exchange of two
+/// messages on a broker as shipped take 44 ms), and here, when several small ones follow each
+/// other.
+class SocketTuning {
+public:
+    /// For a socket just connected; a negative descriptor is ignored.
+    void connected(int fd);
+
+    /// After a network step. Nothing is done while the next step is due anyway: a packet that
+    /// is about to leave carries the acknowledgement along.
+    void stepped(int fd, bool moreToWrite) const;
+
+private:
+    bool tcp_ = false; ///< and not a unix socket, which delays nothing
+};
+
+/// Ends a TCP connect that waits for an answer in another thread; leaves every other socket
+/// alone.
+void abortConnect(int fd);
+
+/// Waits until the socket takes more output, at most 100 ms.
+void waitForOutput(int fd);
+
+} // namespace mqtt

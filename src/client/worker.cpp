@@ -1,0 +1,156 @@
+// The worker thread: network steps, the way back to a lost broker, and what has to be done
+// when a connection stands.
+//
+// Everything that the broker library calls back runs inside a network step on this thread.
+// Completing a connection does not: the library sends its own unacknowledged publications
+// again only after `on_connect` has returned, and a newer value sent from in there would be
+// overtaken by an older one. So `on_connect` only takes note, and the step's end does the rest.
+
+#include "client/backoff.hpp"
+#include "client/engine.hpp"
+#include "client/farewell.hpp"
+#include "mqtt/client.hpp"
+
+namespace mqtt {
+
+namespace {
+
+constexpr int OK = static_cast<int>(MqttClient::Error::SUCCESS);
+constexpr int NO_CONN = static_cast<int>(MqttClient::Error::NO_CONN);
+constexpr int CONN_LOST = static_cast<int>(MqttClient::Error::CONN_LOST);
+
+// Nobody is subscribed to this one.
+constexpr char const* WAKE_TOPIC = "$zym/wake";
+
+} // namespace
+
+int MqttClient::loop() {
+    while (!stop_) {
+        if (paused_)
+            engine_->life.sleep(std::chrono::milliseconds(500));
+        else
+            networkStep();
+    }
+    engine_->life.ended();
+    return 0;
+}
+
+void MqttClient::networkStep() {
+    auto& engine = *engine_;
+    engine.turn.enter();
+    if (engine.flushFirst.exchange(false))
+        flushDisconnect();
+    int const result = mosqpp::mosquittopp::loop(1000, 1);
+    if (result == OK) {
+        engine.tuning.stepped(socket(), want_write());
+        if (engine.acknowledged)
+            completeConnection();
+    }
+    // Decided while we have the turn: a caller that connects leaves state 1 only when it has it,
+    // and a result from before says nothing about the connection that has come up since.
+    bool const retry =
+        (result == NO_CONN || result == CONN_LOST) && comState_ != conv::ComState::DISCONNECTED;
+    engine.turn.leave();
+
+    if (result == OK)
+        resetReconnectAttempts();
+    else if (retry)
+        backOffAndReconnect();
+    else
+        std::this_thread::yield();
+}
+
+void MqttClient::backOffAndReconnect() {
+    auto& engine = *engine_;
+    if (!engine.life.sleep(reconnectDelay(nextReconnectAttempt())))
+        return;
+    engine.turn.enter();
+    engine.reconnecting = true;
+    // Once asked to end, `reconnecting` may have been looked at already: do not begin.
+    if (!stop_ && mosqpp::mosquittopp::reconnect() == OK)
+        engine.tuning.connected(socket());
+    engine.reconnecting = false;
+    engine.turn.leave();
+}
+
+/// Writes the DISCONNECT packet before anything is read: a message read after `disconnect` is a
+/// protocol error to the library, which then drops the connection, and the broker publishes the
+/// will.
+void MqttClient::flushDisconnect() {
+    auto const deadline = std::chrono::steady_clock::now() + std::chrono::seconds(1);
+    Farewell const farewell(socket());
+    while (socket() >= 0 && want_write() && loop_write(1) == OK && socket() >= 0
+           && std::chrono::steady_clock::now() < deadline)
+        waitForOutput(socket());
+    if (socket() < 0)
+        farewell.waitForPeer(deadline);
+}
+
+/// Ends a network step that waits for input. The library has no call for that; it wakes up for a
+/// packet to be sent, so we send one that changes nothing. False without a connection.
+bool MqttClient::wakeWorker() {
+    std::lock_guard const lock(engine_->gate.mutex);
+    int mid = 0;
+    if (!engine_->gate.online || mosqpp::mosquittopp::unsubscribe(&mid, WAKE_TOPIC) != OK)
+        return false;
+    engine_->wakeMid = mid;
+    return true;
+}
+
+void MqttClient::on_connect(int rc) {
+    // The broker's answer is the low byte.
+    if ((rc & 0xFF) == 0)
+        engine_->acknowledged = true;
+}
+
+void MqttClient::on_disconnect(int rc) {
+    {
+        std::lock_guard const lock(engine_->gate.mutex);
+        engine_->gate.online = false;
+    }
+    engine_->acknowledged = false;
+    try {
+        setComState(rc == 0 ? conv::ComState::DISCONNECTED : conv::ComState::CONNECTION_LOST);
+    } catch (...) {
+        // Out of memory for the listeners: the state is set.
+    }
+}
+
+void MqttClient::completeConnection() {
+    std::lock_guard const lock(mainMutex_);
+    engine_->acknowledged = false;
+    try {
+        if (resubscribe() && drainQueue())
+            setComState(conv::ComState::CONNECTED);
+    } catch (...) {
+        // Out of memory for the listeners: the state is set.
+    }
+}
+
+bool MqttClient::resubscribe() {
+    for (auto const& entry : subscriptions_) {
+        if (mosqpp::mosquittopp::subscribe(nullptr, entry.first.text().c_str(), 0) == CONN_LOST)
+            return false;
+    }
+    return true;
+}
+
+bool MqttClient::drainQueue() {
+    std::lock_guard const lock(engine_->gate.mutex);
+    while (!queue_.empty()) {
+        auto const& first = queue_.front();
+        int const result = mosqpp::mosquittopp::publish(
+            nullptr, first.topic.text().c_str(), static_cast<int>(first.payload.size()),
+            first.payload.data(), first.qos, first.retain);
+        // NO_CONN too: but then the library has kept a QoS 1 or 2 publication for itself.
+        if (result == CONN_LOST || (result == NO_CONN && first.qos == 0))
+            return false;
+        queue_.pop_front();
+        if (result == NO_CONN)
+            return false;
+    }
+    engine_->gate.online = true;
+    return true;
+}
+
+} // namespace mqtt

@@ -1,0 +1,160 @@
+#include "mqtt/client.hpp"
+
+#include "support/broker.hpp"
+#include "support/raw_peer.hpp"
+#include "support/recorder.hpp"
+#include "support/test_client.hpp"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <string>
+#include <thread>
+
+namespace {
+
+using conv::ComState;
+using mqtt::MqttClient;
+using mqtt::Topic;
+using support::Broker;
+using support::MessageRecorder;
+using support::RawPeer;
+using support::StateRecorder;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using Error = MqttClient::Error;
+
+constexpr unsigned PATIENCE = 30; // seconds
+
+TEST(Disconnect, MovesTheClientToDisconnected) {
+    StateRecorder states;
+    Broker const broker;
+    auto const client = support::testClient(broker);
+    client->registerListener(&states);
+    EXPECT_EQ(client->disconnect(PATIENCE), Error::SUCCESS);
+    EXPECT_EQ(client->communicationState(), ComState::DISCONNECTED);
+    EXPECT_THAT(states.history(), ElementsAre(ComState::DISCONNECTED));
+    EXPECT_EQ(client->disconnect(PATIENCE), Error::NO_CONN) << "a second time";
+}
+
+TEST(Disconnect, EndsAllReconnecting) {
+    Broker broker;
+    auto const left = support::testClient(broker);
+    auto const stayed = support::testClient(broker);
+    StateRecorder states;
+    left->registerListener(&states);
+    ASSERT_EQ(left->disconnect(PATIENCE), Error::SUCCESS);
+    broker.kill();
+    ASSERT_TRUE(support::eventually(
+        [&] { return stayed->communicationState() == ComState::CONNECTION_LOST; }));
+    broker.start();
+    // By the time one client is back, the other one would be too.
+    ASSERT_TRUE(support::becomesConnected(*stayed));
+    EXPECT_THAT(states.history(), ElementsAre(ComState::DISCONNECTED));
+    left->unregisterListener(&states);
+}
+
+TEST(Disconnect, AllowsAWillAndAnotherConnection) {
+    Broker const broker;
+    auto const client = support::testClient(broker);
+    ASSERT_EQ(client->disconnect(PATIENCE), Error::SUCCESS);
+    EXPECT_EQ(client->setWill("will", "gone", 2, false), Error::SUCCESS);
+    EXPECT_EQ(client->connect("", -1, PATIENCE), Error::SUCCESS);
+}
+
+TEST(Disconnect, WaitsNotAtAllForATimeoutOfZero) {
+    StateRecorder states;
+    Broker const broker;
+    auto const client = support::testClient(broker);
+    client->registerListener(&states);
+    auto const result = client->disconnect(0);
+    EXPECT_TRUE(result == Error::TIMEOUT || result == Error::SUCCESS) << result;
+    EXPECT_TRUE(states.waitFor(ComState::DISCONNECTED));
+}
+
+TEST(Disconnect, FromInsideASubscriberTakesEffectAfterIt) {
+    StateRecorder states;
+    std::atomic<int> result{-100};
+    MqttClient* client = nullptr;
+    MessageRecorder recorder([&](int, Topic const&, std::string const&) {
+        result = static_cast<int>(client->disconnect(0));
+    });
+    Broker const broker;
+    auto const owned = support::testClient(broker);
+    client = owned.get();
+    client->registerListener(&states);
+    ASSERT_EQ(client->subscribe("a", &recorder, 0), Error::SUCCESS);
+    ASSERT_EQ(client->publish("a", "x", 0, false), Error::SUCCESS);
+    EXPECT_TRUE(states.waitFor(ComState::DISCONNECTED));
+    EXPECT_EQ(result, static_cast<int>(Error::TIMEOUT));
+}
+
+TEST(Disconnect, QueuesWhatIsPublishedAfterIt) {
+    Broker const broker;
+    RawPeer watcher(broker);
+    watcher.subscribe("a");
+    auto const client = support::testClient(broker);
+    client->disconnect(0);
+    for (int const qos : {0, 1, 2})
+        EXPECT_EQ(client->publish("a", "after at " + std::to_string(qos), qos, false),
+                  Error::SUCCESS);
+    ASSERT_TRUE(support::eventually(
+        [&] { return client->communicationState() == ComState::DISCONNECTED; }));
+    ASSERT_EQ(client->connect("", -1, PATIENCE), Error::SUCCESS);
+    ASSERT_TRUE(watcher.waitForMessages(3));
+    EXPECT_THAT(watcher.payloads(), ElementsAre("after at 0", "after at 1", "after at 2"));
+}
+
+/// Keeps the broker busy with messages for whoever subscribes to "flood".
+class Flood {
+public:
+    explicit Flood(Broker const& broker) : peer_(broker) {
+        thread_ = std::thread([this] {
+            std::string const payload(200, 'x');
+            while (!stop_) {
+                for (int i = 0; i < 50; ++i)
+                    peer_.post("flood", payload, 0);
+                peer_.publish("flood", payload, 1); // not faster than the broker takes it
+            }
+        });
+    }
+    ~Flood() {
+        stop_ = true;
+        thread_.join();
+    }
+    Flood(Flood const&) = delete;
+    Flood& operator=(Flood const&) = delete;
+
+private:
+    std::atomic<bool> stop_{false};
+    RawPeer peer_;
+    std::thread thread_;
+};
+
+TEST(Disconnect, IsCleanAlsoWhileMessagesPourIn) {
+    Broker const broker;
+    RawPeer watcher(broker);
+    watcher.subscribe("will");
+    MessageRecorder recorder;
+    StateRecorder states;
+    auto const client = support::testClient(broker, {false, false, zym::common::Uuid::NIL});
+    client->registerListener(&states);
+    ASSERT_EQ(client->setWill("will", "dropped", 2, false), Error::SUCCESS);
+    ASSERT_EQ(client->subscribe("flood", &recorder, 0), Error::SUCCESS);
+    Flood const flood(broker);
+    for (int i = 0; i < 40; ++i) {
+        ASSERT_EQ(client->connect("", -1, PATIENCE), Error::SUCCESS) << i;
+        recorder.clear();
+        ASSERT_TRUE(recorder.waitForCount(20)) << i;
+        states.clear();
+        ASSERT_EQ(client->disconnect(PATIENCE), Error::SUCCESS) << i;
+        ASSERT_THAT(states.history(), ElementsAre(ComState::DISCONNECTED)) << i;
+    }
+    watcher.publish("will", "end of test", 2, false);
+    ASSERT_TRUE(watcher.waitForMessages(1));
+    EXPECT_THAT(watcher.payloads(), ElementsAre("end of test"));
+    client->unregisterListener(&states);
+}
+
+} // namespace

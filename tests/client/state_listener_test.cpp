@@ -1,0 +1,204 @@
+#include "mqtt/client.hpp"
+
+#include "support/broker.hpp"
+#include "support/raw_peer.hpp"
+#include "support/recorder.hpp"
+#include "support/test_client.hpp"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using conv::ComState;
+using mqtt::MqttClient;
+using support::Broker;
+using support::MessageRecorder;
+using support::RawPeer;
+using support::StateRecorder;
+using testing::Each;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using Error = MqttClient::Error;
+
+constexpr unsigned PATIENCE = 30; // seconds
+
+// Members die in reverse order: the client before its listeners.
+class AStateListener : public testing::Test {
+protected:
+    AStateListener() : first([this](ComState state) { hook(state); }) {}
+
+    Error connect() { return client->connect("", -1, PATIENCE); }
+    Error disconnect() { return client->disconnect(PATIENCE); }
+
+    std::function<void(ComState)> hook = [](ComState) {};
+    MessageRecorder messages;
+    StateRecorder first;
+    StateRecorder second;
+    Broker broker;
+    std::unique_ptr<MqttClient> client =
+        support::testClient(broker, {false, false, zym::common::Uuid::NIL});
+};
+
+TEST_F(AStateListener, SeesEveryChange) {
+    client->registerListener(&first);
+    EXPECT_EQ(connect(), Error::SUCCESS);
+    EXPECT_EQ(disconnect(), Error::SUCCESS);
+    EXPECT_THAT(first.history(),
+                ElementsAre(ComState::CONNECTING, ComState::CONNECTED, ComState::DISCONNECTED));
+}
+
+TEST_F(AStateListener, SeesALostConnectionComeBack) {
+    client->registerListener(&first);
+    ASSERT_EQ(connect(), Error::SUCCESS);
+    broker.kill();
+    ASSERT_TRUE(first.waitFor(ComState::CONNECTION_LOST));
+    broker.start();
+    EXPECT_TRUE(first.waitForHistory({ComState::CONNECTING, ComState::CONNECTED,
+                                      ComState::CONNECTION_LOST, ComState::CONNECTED}));
+}
+
+TEST_F(AStateListener, FindsTheStateInPlace) {
+    std::vector<bool> same;
+    hook = [&](ComState state) { same.push_back(client->communicationState() == state); };
+    client->registerListener(&first);
+    ASSERT_EQ(connect(), Error::SUCCESS);
+    ASSERT_EQ(disconnect(), Error::SUCCESS);
+    EXPECT_THAT(same, ElementsAre(true, true, true));
+}
+
+TEST_F(AStateListener, IsCalledInTheOrderOfRegistration) {
+    std::vector<std::size_t> seenBySecond;
+    hook = [&](ComState) { seenBySecond.push_back(second.history().size()); };
+    client->registerListener(&first);
+    client->registerListener(&second);
+    ASSERT_EQ(connect(), Error::SUCCESS);
+    EXPECT_THAT(seenBySecond, ElementsAre(0, 1));
+    EXPECT_EQ(second.history().size(), 2U);
+}
+
+TEST_F(AStateListener, IsRegisteredOnceHoweverOftenItAsks) {
+    client->registerListener(&first);
+    client->registerListener(&first);
+    ASSERT_EQ(connect(), Error::SUCCESS);
+    EXPECT_EQ(first.history().size(), 2U);
+    client->unregisterListener(&first);
+    ASSERT_EQ(disconnect(), Error::SUCCESS);
+    EXPECT_EQ(first.history().size(), 2U);
+}
+
+TEST_F(AStateListener, LeavesTheOthersInPlaceWhenItGoes) {
+    client->registerListener(&first);
+    client->registerListener(&second);
+    client->unregisterListener(&first);
+    client->unregisterListener(&first); // unknown by now
+    ASSERT_EQ(connect(), Error::SUCCESS);
+    EXPECT_THAT(first.history(), IsEmpty());
+    EXPECT_EQ(second.history().size(), 2U);
+}
+
+TEST_F(AStateListener, PublishesSubscribesAndUnsubscribesOnEveryChange) {
+    std::vector<Error> results;
+    hook = [&](ComState state) {
+        auto const name = std::to_string(static_cast<int>(state));
+        results.push_back(client->subscribe("seen/" + name, &messages, 0));
+        results.push_back(client->publish("seen/" + name, name, 2, false));
+        results.push_back(client->subscribe("other/" + name, &messages, 0));
+        auto const gone = client->unsubscribe("other/" + name, &messages);
+        results.push_back(gone == Error::NO_CONN ? Error::SUCCESS : gone);
+    };
+    client->registerListener(&first);
+    ASSERT_EQ(connect(), Error::SUCCESS);
+    broker.kill();
+    ASSERT_TRUE(first.waitFor(ComState::CONNECTION_LOST));
+    broker.start();
+    ASSERT_TRUE(first.waitFor(ComState::CONNECTED));
+    EXPECT_TRUE(messages.waitFor([](auto const& all) {
+        std::string seen;
+        for (auto const& delivery : all)
+            seen += delivery.payload;
+        return seen.find('4') != std::string::npos && seen.find('2') != std::string::npos
+               && seen.find('3') != std::string::npos;
+    }));
+    EXPECT_THAT(results, Each(Error::SUCCESS));
+    client->unregisterListener(&first);
+}
+
+TEST_F(AStateListener, MayUnregisterItselfAndOthers) {
+    hook = [&](ComState) {
+        client->unregisterListener(&first);
+        client->unregisterListener(&second);
+    };
+    client->registerListener(&first);
+    client->registerListener(&second);
+    ASSERT_EQ(connect(), Error::SUCCESS);
+    EXPECT_THAT(first.history(), ElementsAre(ComState::CONNECTING));
+    EXPECT_THAT(second.history(), ElementsAre(ComState::CONNECTING)) << "from the next change on";
+}
+
+TEST_F(AStateListener, RegisteredByAnotherSeesTheNextChange) {
+    hook = [&](ComState) { client->registerListener(&second); };
+    client->registerListener(&first);
+    ASSERT_EQ(connect(), Error::SUCCESS);
+    EXPECT_THAT(second.history(), ElementsAre(ComState::CONNECTED));
+}
+
+TEST_F(AStateListener, CanNeitherConnectNorDisconnect) {
+    std::vector<Error> results;
+    hook = [&](ComState) {
+        results.push_back(connect());
+        results.push_back(disconnect());
+    };
+    client->registerListener(&first);
+    ASSERT_EQ(connect(), Error::SUCCESS);
+    hook = [](ComState) {};
+    EXPECT_EQ(results.size(), 4U);
+    EXPECT_THAT(results, Each(Error::CONNECTION_PENDING));
+}
+
+TEST_F(AStateListener, ThatThrowsStopsNeitherTheOthersNorTheClient) {
+    hook = [](ComState state) {
+        if (state == ComState::CONNECTED)
+            throw std::runtime_error("from a listener");
+        throw 42;
+    };
+    client->registerListener(&first);
+    client->registerListener(&second);
+    ASSERT_EQ(connect(), Error::SUCCESS);
+    broker.kill();
+    ASSERT_TRUE(second.waitFor(ComState::CONNECTION_LOST));
+    broker.start();
+    ASSERT_TRUE(second.waitFor(ComState::CONNECTED));
+    EXPECT_EQ(client->publishWait("a", "x", 2, false, PATIENCE), Error::SUCCESS);
+    EXPECT_EQ(disconnect(), Error::SUCCESS);
+}
+
+TEST_F(AStateListener, IsNotBeingCalledAnyMoreOnceItIsUnregistered) {
+    support::Watched<bool> inside{false};
+    std::atomic<bool> left{false};
+    std::atomic<bool> goOn{false};
+    hook = [&](ComState state) {
+        if (state != ComState::CONNECTED)
+            return;
+        inside.change([](bool& value) { value = true; });
+        while (!goOn)
+            std::this_thread::yield();
+        left = true;
+    };
+    client->registerListener(&first);
+    std::thread connecting([&] { EXPECT_EQ(connect(), Error::SUCCESS); });
+    ASSERT_TRUE(inside.waitFor([](bool value) { return value; }));
+    std::thread releasing([&] { goOn = true; });
+    client->unregisterListener(&first);
+    EXPECT_TRUE(left);
+    releasing.join();
+    connecting.join();
+}
+
+} // namespace
