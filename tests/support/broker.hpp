@@ -1,0 +1,73 @@
+#pragma once
+
+#include "support/last_words.hpp"
+#include "support/port_lease.hpp"
+#include "support/process.hpp"
+#include "support/temp_dir.hpp"
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace support {
+
+struct BrokerOptions {
+    bool nodelay = false;     ///< without it the broker waits for our kernel's acknowledgements
+    bool persistence = false; ///< sessions and retained messages survive even `kill`
+    bool unixSocket = false;  ///< listens on `socketPath` too
+    std::vector<std::string> extraLines; ///< of the configuration file
+};
+
+/// A mosquitto process of its own on a free port of the loopback address.
+///
+/// Its operations may be called from any thread. When the test fails or hangs the end of its
+/// log is printed.
+class Broker {
+public:
+    using Options = BrokerOptions;
+
+    /// Returns when the broker answers.
+    /// @throws std::runtime_error with the broker's log
+    explicit Broker(Options const& options = {});
+    ~Broker();
+    Broker(Broker const&) = delete;
+    Broker& operator=(Broker const&) = delete;
+
+    /// An address, not a name: resolving takes its time and may prefer IPv6.
+    std::string host() const { return "127.0.0.1"; }
+    int port() const noexcept { return lease_.port(); }
+    /// What to give as host, with port 0, with the option `unixSocket`.
+    std::string socketPath() const { return directory_.file("broker.sock"); }
+    pid_t pid() const noexcept { return pid_; }
+    bool running();
+
+    /// SIGKILL; returns when it is gone.
+    void kill();
+    /// SIGTERM; returns when it is gone.
+    void stop();
+    /// Starts it again on the same port; returns when it answers.
+    void start();
+    /// SIGSTOP: connections stay open, nothing is answered.
+    void suspend();
+    void resume();
+
+    /// What it has written so far, over all its lives.
+    std::string log() const;
+
+private:
+    void writeConfiguration(Options const& options);
+    bool isUp();
+    std::string logTail() const;
+    void speakLastWords(std::ostream& out) const;
+
+    PortLease lease_;
+    TempDir directory_;
+    std::mutex mutex_; ///< process_
+    std::unique_ptr<Process> process_;
+    std::atomic<pid_t> pid_{0}; ///< 0 while it does not run
+    LastWords lastWords_;
+};
+
+} // namespace support

@@ -1,0 +1,118 @@
+#pragma once
+
+#include "support/broker.hpp"
+#include "support/watched.hpp"
+
+#include <atomic>
+#include <functional>
+#include <iosfwd>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+struct mosquitto;
+struct mosquitto_message;
+
+namespace support {
+
+/// A message as a raw client sees it.
+struct Message {
+    std::string topic;
+    std::string payload;
+    int qos = 0;
+    bool retain = false;
+};
+
+bool operator==(Message const& a, Message const& b);
+std::ostream& operator<<(std::ostream& out, Message const& message);
+
+struct RawPeerOptions {
+    std::string clientId; ///< "": one that no other client has
+    bool cleanSession = true;
+    std::optional<Message> will;
+    int keepAlive = 60; ///< seconds
+    bool connect = true;
+};
+
+/// A client made of nothing but the C library of the broker's makers: what it sees is what
+/// the broker says, whatever our own code believes. It has a network thread of its own and
+/// never reconnects by itself.
+///
+/// The operations wait until the broker has answered.
+/// @throws std::runtime_error from every operation that fails or gets no answer
+class RawPeer {
+public:
+    using Options = RawPeerOptions;
+    using Messages = std::vector<Message>;
+
+    explicit RawPeer(Broker const& broker, Options const& options = {});
+    RawPeer(std::string const& host, int port, Options const& options = {});
+    ~RawPeer();
+    RawPeer(RawPeer const&) = delete;
+    RawPeer& operator=(RawPeer const&) = delete;
+
+    void connect();
+    void disconnect();
+    /// Closes the connection without a word, so that the broker publishes the will.
+    void drop();
+    bool connected() const;
+    bool waitForConnectionLoss(std::chrono::milliseconds deadline = DEADLINE) const;
+
+    void subscribe(std::string const& topic, int qos = 2);
+    void unsubscribe(std::string const& topic);
+    void publish(std::string const& topic, std::string const& payload, int qos = 2,
+                 bool retain = false);
+    /// Does not wait; `waitForAcknowledgements` does, for all of them.
+    void post(std::string const& topic, std::string const& payload, int qos = 2,
+              bool retain = false);
+    void waitForAcknowledgements() const;
+
+    Messages messages() const;
+    std::vector<std::string> payloads() const;
+    void clearMessages();
+    /// Waits for that many messages, or more.
+    bool waitForMessages(std::size_t count, std::chrono::milliseconds deadline = DEADLINE) const;
+    bool waitFor(std::function<bool(Messages const&)> const& condition,
+                 std::chrono::milliseconds deadline = DEADLINE) const;
+
+private:
+    struct Seen {
+        std::optional<int> connack; ///< of the connection under way
+        bool connected = false;
+        std::set<int> pending;      ///< publications without acknowledgement
+        std::set<int> early;        ///< acknowledged before we learnt their number
+        std::set<int> subscribed;   ///< acknowledged
+        std::set<int> refused;      ///< acknowledged with a refusal
+        std::set<int> unsubscribed; ///< acknowledged
+        Messages messages;
+    };
+
+    static void onConnect(mosquitto*, void* self, int code);
+    static void onDisconnect(mosquitto*, void* self, int code);
+    static void onPublish(mosquitto*, void* self, int mid);
+    static void onSubscribe(mosquitto*, void* self, int mid, int count, int const* granted);
+    static void onUnsubscribe(mosquitto*, void* self, int mid);
+    static void onMessage(mosquitto*, void* self, mosquitto_message const* message);
+
+    void create(Options const& options);
+    void runNetwork();
+    void endNetwork();
+
+    std::string host_;
+    int port_;
+    int keepAlive_;
+    std::unique_ptr<mosquitto, void (*)(mosquitto*)> client_;
+    Watched<Seen> seen_;
+    std::atomic<bool> stop_{false};
+    std::thread network_;
+};
+
+/// The message that the broker retains on this topic, read over a connection of its own.
+std::optional<Message> retained(Broker const& broker, std::string const& topic);
+/// All that it retains under a pattern.
+std::vector<Message> allRetained(Broker const& broker, std::string const& pattern);
+
+} // namespace support

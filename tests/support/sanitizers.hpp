@@ -1,0 +1,21 @@
+#pragma once
+
+namespace support {
+
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define ZYM_TEST_SANITIZED 1
+#endif
+#endif
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define ZYM_TEST_SANITIZED 1
+#endif
+
+/// How many times longer a test may take in this build.
+#if defined(ZYM_TEST_SANITIZED)
+inline constexpr int SLOWNESS = 4;
+#else
+inline constexpr int SLOWNESS = 1;
+#endif
+
+} // namespace support

@@ -1,0 +1,356 @@
+#include "support/scripted_server.hpp"
+
+#include "support/socket.hpp"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <stdexcept>
+
+namespace support {
+
+namespace {
+
+constexpr int BACKLOG = 64;
+
+std::string answerTo(MqttPacket const& packet) {
+    switch (packet.type) {
+    case PacketType::CONNECT:
+        return connack(0);
+    case PacketType::PUBLISH:
+        return packet.qos == 0   ? std::string()
+               : packet.qos == 1 ? acknowledgement(PacketType::PUBACK, packet.mid)
+                                 : acknowledgement(PacketType::PUBREC, packet.mid);
+    case PacketType::PUBREC:
+        return acknowledgement(PacketType::PUBREL, packet.mid);
+    case PacketType::PUBREL:
+        return acknowledgement(PacketType::PUBCOMP, packet.mid);
+    case PacketType::SUBSCRIBE:
+        return suback(packet.mid, std::vector<std::uint8_t>(packet.topics.size(), 0));
+    case PacketType::UNSUBSCRIBE:
+        return acknowledgement(PacketType::UNSUBACK, packet.mid);
+    case PacketType::PINGREQ:
+        return pingresp();
+    default:
+        return {};
+    }
+}
+
+} // namespace
+
+ScriptedServer::ScriptedServer(Mode mode)
+    : mode_(mode),
+      listener_(listenOn(lease_.port(), mode == Mode::DEAF ? 0 : BACKLOG)),
+      wakeUp_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+    if (mode == Mode::DEAF) {
+        fillBacklog();
+    }
+    thread_ = std::thread([this] { serve(); });
+}
+
+ScriptedServer::~ScriptedServer() {
+    stop_ = true;
+    wake();
+    thread_.join();
+}
+
+void ScriptedServer::setMode(Mode mode) {
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (mode == Mode::DEAF && mode_ != Mode::DEAF) {
+            fillBacklog();
+        } else if (mode != Mode::DEAF && mode_ == Mode::DEAF) {
+            ::listen(listener_.get(), BACKLOG);
+        }
+        mode_ = mode;
+    }
+    wake();
+}
+
+/// With a queue for one connection and that place taken the kernel drops every further
+/// attempt, and who connects tries again and again.
+void ScriptedServer::fillBacklog() {
+    ::listen(listener_.get(), 0);
+    auto const full = [this] { return waitingConnections(listener_) > 0; };
+    if (!full()) {
+        fillers_.push_back(startConnecting(port()));
+    }
+    if (!eventually(full)) {
+        throw std::runtime_error("the queue of connections does not fill");
+    }
+}
+
+bool ScriptedServer::isFiller(FileDescriptor const& socket) const {
+    return std::any_of(fillers_.begin(), fillers_.end(), [&](FileDescriptor const& filler) {
+        return localPort(filler) == peerPort(socket);
+    });
+}
+
+void ScriptedServer::refuseWith(int code) {
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        refusal_ = code;
+    }
+    setMode(Mode::REFUSE);
+}
+
+void ScriptedServer::setHook(Hook hook) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    hook_ = std::move(hook);
+}
+
+void ScriptedServer::dropAtPacket(PacketType type, std::size_t n, Reaction how) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    drops_.push_back({type, n, how});
+}
+
+void ScriptedServer::hold(PacketType type) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    held_.push_back(type);
+}
+
+void ScriptedServer::release() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (Answer const& one : heldBack_) {
+        for (auto const& connection : connections_) {
+            if (connection->number == one.connection && connection->socket.valid()) {
+                sendAll(connection->socket, one.bytes);
+            }
+        }
+    }
+    heldBack_.clear();
+    held_.clear();
+}
+
+bool ScriptedServer::publish(std::string const& topic, std::string const& payload, int qos,
+                             bool retain) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    Connection* const to = latest();
+    return to
+           && sendAll(to->socket, publishPacket(topic, payload, qos, retain,
+                                                static_cast<std::uint16_t>(++lastMid_)));
+}
+
+bool ScriptedServer::send(std::string const& bytes) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    Connection* const to = latest();
+    return to && sendAll(to->socket, bytes);
+}
+
+bool ScriptedServer::drop() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    Connection* const connection = latest();
+    if (connection) {
+        reset(*connection);
+    }
+    wake();
+    return connection != nullptr;
+}
+
+std::vector<MqttPacket> ScriptedServer::received(PacketType type) const {
+    std::vector<MqttPacket> result;
+    for (Received const& one : received()) {
+        if (one.packet.type == type) {
+            result.push_back(one.packet);
+        }
+    }
+    return result;
+}
+
+std::size_t ScriptedServer::count(PacketType type) const {
+    return received(type).size();
+}
+
+int ScriptedServer::tcpConnections() const {
+    return seen_.read([](Seen const& seen) { return seen.accepted; });
+}
+
+int ScriptedServer::openConnections() const {
+    return seen_.read([](Seen const& seen) { return seen.open; });
+}
+
+bool ScriptedServer::waitForPackets(PacketType type, std::size_t count,
+                                    std::chrono::milliseconds deadline) const {
+    auto const enough = [&](History const& all) {
+        auto const found = std::count_if(
+            all.begin(), all.end(), [&](Received const& one) { return one.packet.type == type; });
+        return static_cast<std::size_t>(found) >= count;
+    };
+    return waitFor(enough, deadline);
+}
+
+bool ScriptedServer::waitForTcpConnections(int count, std::chrono::milliseconds deadline) const {
+    return seen_.waitFor([&](Seen const& seen) { return seen.accepted >= count; }, deadline);
+}
+
+bool ScriptedServer::waitForNoConnection(std::chrono::milliseconds deadline) const {
+    return seen_.waitFor([](Seen const& seen) { return seen.open == 0; }, deadline);
+}
+
+bool ScriptedServer::waitFor(std::function<bool(History const&)> const& condition,
+                             std::chrono::milliseconds deadline) const {
+    return seen_.waitFor([&](Seen const& seen) { return condition(seen.packets); }, deadline);
+}
+
+void ScriptedServer::wake() {
+    eventfd_write(wakeUp_.get(), 1);
+}
+
+void ScriptedServer::serve() {
+    while (!stop_) {
+        waitForNews();
+        std::unique_lock<std::mutex> lock(mutex_);
+        acceptAll();
+        lock.unlock();
+        // Only this thread adds or removes connections; it reads them without the lock, so
+        // that a hook may use the server.
+        for (auto const& connection : connections_) {
+            readFrom(*connection);
+        }
+        removeClosed();
+    }
+}
+
+void ScriptedServer::waitForNews() {
+    std::vector<pollfd> sockets{{wakeUp_.get(), POLLIN, 0}};
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (mode_ != Mode::DEAF) {
+            sockets.push_back({listener_.get(), POLLIN, 0});
+        }
+        for (auto const& connection : connections_) {
+            sockets.push_back({connection->socket.get(), POLLIN, 0});
+        }
+    }
+    ::poll(sockets.data(), sockets.size(), -1);
+    eventfd_t count = 0;
+    eventfd_read(wakeUp_.get(), &count);
+}
+
+void ScriptedServer::acceptAll() {
+    while (mode_ != Mode::DEAF) {
+        FileDescriptor socket = acceptFrom(listener_);
+        if (!socket.valid()) {
+            return;
+        }
+        if (isFiller(socket)) {
+            continue;
+        }
+        auto connection = std::make_unique<Connection>();
+        connection->socket = std::move(socket);
+        connection->number = seen_.change([](Seen& seen) {
+            ++seen.open;
+            return ++seen.accepted;
+        });
+        connections_.push_back(std::move(connection));
+    }
+}
+
+void ScriptedServer::readFrom(Connection& connection) {
+    std::array<char, 4096> bytes;
+    std::unique_lock<std::mutex> lock(mutex_);
+    while (connection.socket.valid()) {
+        ssize_t const n = ::recv(connection.socket.get(), bytes.data(), bytes.size(), 0);
+        if (n < 0 && (errno == EAGAIN || errno == EINTR)) {
+            return;
+        }
+        if (n <= 0) {
+            connection.socket.reset();
+            return;
+        }
+        connection.reader.append(bytes.data(), static_cast<std::size_t>(n));
+        lock.unlock();
+        while (auto const packet = connection.ending ? std::nullopt : connection.reader.next()) {
+            handle(connection, *packet);
+        }
+        lock.lock();
+    }
+}
+
+void ScriptedServer::handle(Connection& connection, MqttPacket const& packet) {
+    Reaction const reaction = reactionTo(packet);
+    // Told before it is answered, in one step: who saw the answer finds the packet here, and
+    // who waited for the packet and then uses the server finds it answered.
+    std::lock_guard<std::mutex> lock(mutex_);
+    seen_.change([&](Seen& seen) { seen.packets.push_back({connection.number, packet}); });
+    if (reaction == Reaction::ANSWER || reaction == Reaction::ANSWER_THEN_DROP) {
+        answer(connection, packet);
+    }
+    if (reaction == Reaction::DROP) {
+        reset(connection);
+    } else if (reaction == Reaction::ANSWER_THEN_DROP) {
+        end(connection);
+    }
+}
+
+ScriptedServer::Reaction ScriptedServer::reactionTo(MqttPacket const& packet) {
+    Hook hook;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        Reaction const planned = plannedReaction(packet.type);
+        if (planned != Reaction::ANSWER) {
+            return planned;
+        }
+        hook = hook_;
+    }
+    return hook ? hook(packet) : Reaction::ANSWER;
+}
+
+ScriptedServer::Reaction ScriptedServer::plannedReaction(PacketType type) {
+    Reaction reaction = Reaction::ANSWER;
+    for (Drop& drop : drops_) {
+        if (drop.type == type && drop.left > 0 && --drop.left == 0) {
+            reaction = drop.how;
+        }
+    }
+    return reaction;
+}
+
+void ScriptedServer::answer(Connection& connection, MqttPacket const& packet) {
+    if (mode_ == Mode::SILENT) {
+        return;
+    }
+    if (mode_ == Mode::REFUSE && packet.type == PacketType::CONNECT) {
+        sendAll(connection.socket, connack(refusal_));
+        end(connection);
+        return;
+    }
+    std::string const bytes = answerTo(packet);
+    if (std::find(held_.begin(), held_.end(), packet.type) != held_.end()) {
+        heldBack_.push_back({connection.number, bytes});
+    } else if (!bytes.empty()) {
+        sendAll(connection.socket, bytes);
+    }
+}
+
+/// Closes our side only, and then reads on: closing a socket with unread bytes would reset the
+/// connection, and the peer could lose what we said last.
+void ScriptedServer::end(Connection& connection) {
+    connection.ending = true;
+    ::shutdown(connection.socket.get(), SHUT_WR);
+}
+
+void ScriptedServer::reset(Connection& connection) {
+    connection.ending = true;
+    resetConnection(connection.socket);
+}
+
+void ScriptedServer::removeClosed() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto const closed = [](auto const& connection) { return !connection->socket.valid(); };
+    connections_.erase(std::remove_if(connections_.begin(), connections_.end(), closed),
+                       connections_.end());
+    seen_.change([this](Seen& seen) { seen.open = static_cast<int>(connections_.size()); });
+}
+
+ScriptedServer::Connection* ScriptedServer::latest() {
+    bool const open = !connections_.empty() && connections_.back()->socket.valid()
+                      && !connections_.back()->ending;
+    return open ? connections_.back().get() : nullptr;
+}
+
+} // namespace support

@@ -1,0 +1,36 @@
+#pragma once
+
+#include "support/file_descriptor.hpp"
+
+#include <string>
+
+namespace support {
+
+// TCP on the loopback address. Every socket is closed in child processes.
+
+/// Whether nobody holds this port.
+bool canBind(int port);
+/// @throws std::system_error
+FileDescriptor listenOn(int port, int backlog);
+/// Connects, blocking. @return an invalid descriptor when refused
+FileDescriptor connectTo(int port);
+/// Starts to connect; the socket does not block. @return an invalid descriptor when refused
+FileDescriptor startConnecting(int port);
+/// Accepts one connection, which does not block. @return an invalid descriptor when none waits
+FileDescriptor acceptFrom(FileDescriptor const& listener);
+/// Sends at once what is written, however small.
+void sendAtOnce(FileDescriptor const& socket);
+/// Closes the connection with a reset: the peer sees "connection reset by peer".
+void resetConnection(FileDescriptor& socket);
+int localPort(FileDescriptor const& socket);
+/// 0 when the connection is gone.
+int peerPort(FileDescriptor const& socket);
+/// Bytes written that have not left for the peer yet.
+int unsentBytes(FileDescriptor const& socket);
+/// How many connections wait to be accepted.
+int waitingConnections(FileDescriptor const& listener);
+
+/// Writes everything, waiting for room. @return false when the connection is gone
+bool sendAll(FileDescriptor const& socket, std::string const& bytes);
+
+} // namespace support

@@ -1,0 +1,303 @@
+#include "support/stand_in/stand_in.hpp"
+
+#include <mosquittopp.h>
+
+#include <algorithm>
+#include <array>
+#include <future>
+#include <ostream>
+#include <utility>
+
+namespace support {
+
+namespace {
+
+constexpr int NO_CONNECTION = MOSQ_ERR_NO_CONN;
+
+struct Registry {
+    std::mutex mutex;
+    std::vector<std::shared_ptr<StandIn>> all;
+};
+
+Registry& registry() {
+    static Registry instance;
+    return instance;
+}
+
+} // namespace
+
+StandIn::StandIn(mosqpp::mosquittopp& object, std::string clientId, bool cleanSession)
+    : clientId_(std::move(clientId)), cleanSession_(cleanSession), object_(&object) {}
+
+StandIn* StandIn::make(mosqpp::mosquittopp& object, char const* clientId, bool cleanSession) {
+    std::shared_ptr<StandIn> standIn(new StandIn(object, clientId ? clientId : "", cleanSession));
+    std::lock_guard<std::mutex> lock(registry().mutex);
+    registry().all.push_back(standIn);
+    return standIn.get();
+}
+
+void StandIn::bury(StandIn* standIn) {
+    std::lock_guard<std::mutex> lock(standIn->mutex_);
+    standIn->object_ = nullptr;
+    standIn->steps_.clear();
+}
+
+std::shared_ptr<StandIn> StandIn::last() {
+    std::lock_guard<std::mutex> lock(registry().mutex);
+    return registry().all.empty() ? nullptr : registry().all.back();
+}
+
+std::shared_ptr<StandIn> StandIn::of(std::string const& clientId) {
+    std::lock_guard<std::mutex> lock(registry().mutex);
+    auto const& all = registry().all;
+    auto const found = std::find_if(all.rbegin(), all.rend(), [&](auto const& standIn) {
+        return standIn->clientId() == clientId;
+    });
+    return found == all.rend() ? nullptr : *found;
+}
+
+void StandIn::answer(Operation operation, std::vector<int> const& results) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto& queue = answers_[operation];
+    queue.insert(queue.end(), results.begin(), results.end());
+    news_.notify_all();
+}
+
+void StandIn::setHook(Operation operation, Hook hook) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    hooks_[operation] = std::move(hook);
+    news_.notify_all();
+}
+
+void StandIn::setConnack(std::optional<int> code) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    connack_ = code;
+}
+
+void StandIn::setAcknowledging(bool acknowledging) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    acknowledging_ = acknowledging;
+}
+
+void StandIn::setSocket(int socket) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    socket_ = socket;
+}
+
+void StandIn::postStep(Step step) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (object_) {
+        steps_.push_back(std::move(step));
+    }
+    news_.notify_all();
+}
+
+void StandIn::post(Callback callback) {
+    postStep([callback = std::move(callback)](mosqpp::mosquittopp& object) {
+        callback(object);
+        return 0;
+    });
+}
+
+void StandIn::runInLoop(Callback callback) {
+    std::promise<void> done;
+    post([&](mosqpp::mosquittopp& object) {
+        callback(object);
+        done.set_value();
+    });
+    done.get_future().wait();
+}
+
+void StandIn::loseConnection(int code) {
+    postStep([this, code](mosqpp::mosquittopp& object) {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            connected_ = false;
+        }
+        object.on_disconnect(code);
+        return code;
+    });
+}
+
+void StandIn::deliver(std::string const& topic, std::string const& payload, int qos, bool retain) {
+    post([=](mosqpp::mosquittopp& object) {
+        std::string text = topic;
+        std::string bytes = payload;
+        mosquitto_message message{};
+        message.topic = text.data();
+        message.payload = bytes.data();
+        message.payloadlen = static_cast<int>(bytes.size());
+        message.qos = qos;
+        message.retain = retain;
+        object.on_message(&message);
+    });
+}
+
+std::vector<StandIn::Call> StandIn::calls(Operation operation) const {
+    std::vector<Call> result;
+    for (Call const& call : calls()) {
+        if (call.operation == operation) {
+            result.push_back(call);
+        }
+    }
+    return result;
+}
+
+std::size_t StandIn::count(Operation operation) const {
+    return calls(operation).size();
+}
+
+bool StandIn::waitForCalls(Operation operation, std::size_t count,
+                           std::chrono::milliseconds deadline) const {
+    auto const enough = [&](std::vector<Call> const& all) {
+        auto const found = std::count_if(
+            all.begin(), all.end(), [&](Call const& call) { return call.operation == operation; });
+        return static_cast<std::size_t>(found) >= count;
+    };
+    return calls_.waitFor(enough, deadline);
+}
+
+bool StandIn::connected() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return connected_;
+}
+
+bool StandIn::gone() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return object_ == nullptr;
+}
+
+int StandIn::run(Call call, int* mid) {
+    call.thread = std::this_thread::get_id();
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        call.mid = ++lastMid_;
+    }
+    if (mid) {
+        *mid = call.mid; // before a hook runs: the library too may acknowledge that early
+    }
+    // Kept before it takes effect: who sees the effect finds the call here.
+    std::size_t const index = calls_.change([&](std::vector<Call>& all) {
+        all.push_back(call);
+        return all.size() - 1;
+    });
+    std::optional<int> const answer = scripted(call);
+    int const result = answer ? *answer : builtIn(call);
+    calls_.change([&](std::vector<Call>& all) { all[index].result = result; });
+    return result;
+}
+
+std::optional<int> StandIn::scripted(Call const& call) {
+    Hook hook;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        auto& answers = answers_[call.operation];
+        if (!answers.empty()) {
+            int const result = answers.front();
+            answers.pop_front();
+            return result;
+        }
+        hook = hooks_[call.operation];
+    }
+    return hook ? hook(call) : std::nullopt;
+}
+
+int StandIn::builtIn(Call const& call) {
+    switch (call.operation) {
+    case Operation::CONNECT:
+    case Operation::RECONNECT:
+        return connectNow();
+    case Operation::DISCONNECT:
+        return disconnectNow();
+    case Operation::PUBLISH:
+    case Operation::SUBSCRIBE:
+    case Operation::UNSUBSCRIBE:
+        return whenConnected(call);
+    default:
+        return 0;
+    }
+}
+
+int StandIn::connectNow() {
+    std::optional<int> code;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        connected_ = true;
+        code = connack_;
+    }
+    if (code) {
+        post([code](mosqpp::mosquittopp& object) { object.on_connect(*code); });
+        if (*code != 0) {
+            loseConnection(MOSQ_ERR_CONN_REFUSED);
+        }
+    }
+    return 0;
+}
+
+int StandIn::disconnectNow() {
+    if (!connected()) {
+        return NO_CONNECTION;
+    }
+    loseConnection(0);
+    return 0;
+}
+
+int StandIn::whenConnected(Call const& call) {
+    if (!connected()) {
+        return NO_CONNECTION;
+    }
+    acknowledge(call);
+    return 0;
+}
+
+void StandIn::acknowledge(Call const& call) {
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (!acknowledging_) {
+            return;
+        }
+    }
+    if (call.operation == Operation::PUBLISH) {
+        post([mid = call.mid](mosqpp::mosquittopp& object) { object.on_publish(mid); });
+    } else if (call.operation == Operation::UNSUBSCRIBE) {
+        post([mid = call.mid](mosqpp::mosquittopp& object) { object.on_unsubscribe(mid); });
+    }
+}
+
+int StandIn::loop(int timeoutMilliseconds) {
+    ++loops_;
+    Call call;
+    call.operation = Operation::LOOP;
+    call.thread = std::this_thread::get_id();
+    if (std::optional<int> const result = scripted(call)) {
+        return *result;
+    }
+    std::unique_lock<std::mutex> lock(mutex_);
+    auto const something = [this] {
+        return !connected_ || !steps_.empty() || !answers_[Operation::LOOP].empty();
+    };
+    news_.wait_for(lock, std::chrono::milliseconds(timeoutMilliseconds), something);
+    if (steps_.empty()) {
+        return connected_ ? 0 : NO_CONNECTION;
+    }
+    Step const step = std::move(steps_.front());
+    steps_.pop_front();
+    mosqpp::mosquittopp& object = *object_;
+    lock.unlock();
+    return step(object);
+}
+
+std::ostream& operator<<(std::ostream& out, StandIn::Operation operation) {
+    constexpr std::array<char const*, 10> NAMES{
+        "connect",   "reconnect",   "disconnect", "loop",       "publish",
+        "subscribe", "unsubscribe", "will_set",   "will_clear", "threaded_set"};
+    return out << NAMES.at(static_cast<std::size_t>(operation));
+}
+
+std::ostream& operator<<(std::ostream& out, StandIn::Call const& call) {
+    return out << call.operation << "(\"" << call.topic << "\", \"" << call.payload << "\", "
+               << call.qos << (call.retain ? ", retain" : "") << ") mid " << call.mid << " -> "
+               << call.result.value_or(-1);
+}
+
+} // namespace support
