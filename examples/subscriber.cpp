@@ -1,0 +1,94 @@
+// Receives the numbers on "demo/counter" until "end" arrives, and tells whether each came
+// once and in its turn. Counting begins with the first number that arrives: a subscriber
+// that comes late is given the last one, since it is retained at the broker.
+//
+// Usage: subscriber [HOST [PORT]]
+
+#include "console.hpp"
+
+#include <mqtt/client.hpp>
+#include <mqtt/topic.hpp>
+
+#include <exception>
+#include <future>
+#include <iostream>
+#include <string>
+
+using mqtt::MqttClient;
+using mqtt::Topic;
+using zym::common::Uuid;
+
+namespace {
+
+class Tally final : public MqttClient::Subscriber {
+public:
+    /// Called on the client's worker thread, one message after the other. What is thrown
+    /// here, by a text that is no number, ends with this message.
+    void onMqttMessage(int /*tag*/, Topic const& /*topic*/, std::string const& payload) override {
+        if (payload == "end") {
+            ended_.set_value();
+        } else {
+            count(std::stoi(payload));
+        }
+    }
+
+    void waitForEnd() { ended_.get_future().wait(); }
+
+    /// To be called when no more messages can come in.
+    bool report() const {
+        std::string const range =
+            "received from " + std::to_string(first_) + " to " + std::to_string(last_);
+        say(faults_ == 0 ? range + ": all, in order, each once"
+                         : range + " with " + std::to_string(faults_) + " faults");
+        return faults_ == 0;
+    }
+
+private:
+    void count(int number) {
+        bool const isFirst = first_ == 0;
+        if (isFirst || number == last_ + 1) {
+            say("received " + std::to_string(number));
+        } else {
+            ++faults_;
+            say("received " + std::to_string(number) + " where " + std::to_string(last_ + 1)
+                + " was due");
+        }
+        first_ = isFirst ? number : first_;
+        last_ = number;
+    }
+
+    int first_ = 0;
+    int last_ = 0;
+    int faults_ = 0;
+    std::promise<void> ended_;
+};
+
+} // namespace
+
+int main(int argc, char* argv[]) try {
+    std::string const host = argc > 1 ? argv[1] : "localhost";
+    int const port = argc > 2 ? std::stoi(argv[2]) : 1883;
+
+    StatePrinter states;
+    Tally tally;
+    MqttClient client(Uuid(2), false, "subscriber", host, port, false);
+    client.registerListener(&states);
+
+    // The client keeps the subscription: it reaches the broker with every connection made.
+    auto result = client.subscribe("demo/counter", &tally, 0);
+    if (result == MqttClient::Error::SUCCESS) {
+        result = client.connect("", -1, MqttClient::COMMUNICATION_DELAY);
+    }
+    if (result != MqttClient::Error::SUCCESS) {
+        std::cerr << "cannot subscribe at " << host << ':' << port << ": " << result << '\n';
+        return 1;
+    }
+
+    tally.waitForEnd();
+    client.release(&tally);
+    client.disconnect(MqttClient::COMMUNICATION_DELAY);
+    return tally.report() ? 0 : 1;
+} catch (std::exception const& error) {
+    std::cerr << error.what() << '\n';
+    return 1;
+}
