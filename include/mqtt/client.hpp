@@ -10,6 +10,7 @@
 #include <mosquittopp.h>
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
@@ -86,9 +87,9 @@ public:
     /// Told of every change of the communication state.
     class Listener {
     public:
-        /// Called after each change, with the client's state lock held and, for "connected",
-        /// its main lock too: it may publish, subscribe, unsubscribe, register and unregister
-        /// listeners, and must not wait. `connect` and `disconnect` answer
+        /// Called after each change, with the client's main and state locks held: it may publish,
+        /// subscribe, unsubscribe, register and unregister listeners; it must not wait, nor take
+        /// a lock that somebody holds while calling the client. `connect` and `disconnect` answer
         /// CONNECTION_PENDING in here. What it throws is dropped.
         virtual void onComStateChanged(conv::ComState state) = 0;
 
@@ -229,7 +230,7 @@ public:
     /// Removes every registration of a subscriber and waits until the worker thread is not
     /// inside a call to it; on the worker thread itself, so inside such a call, it does not
     /// wait. Afterwards the subscriber is never called again and may be destroyed.
-    /// Do not hold a lock that the subscriber's callback takes.
+    /// Do not hold a lock that the subscriber's callback takes. A null pointer is ignored.
     void release(Subscriber* subscriber) noexcept;
 
     /// Publishes without waiting. Without a connection the publication is queued.
@@ -267,6 +268,8 @@ private:
     ZYM_MQTT_LOCAL void networkStep();
     ZYM_MQTT_LOCAL void backOffAndReconnect();
     ZYM_MQTT_LOCAL void flushDisconnect();
+    ZYM_MQTT_LOCAL void takeLeave();
+    ZYM_MQTT_LOCAL void flushOutput(std::chrono::steady_clock::time_point deadline);
     ZYM_MQTT_LOCAL bool wakeWorker();
     ZYM_MQTT_LOCAL void completeConnection();
     ZYM_MQTT_LOCAL bool resubscribe();
@@ -293,10 +296,10 @@ private:
     std::atomic<conv::ComState> comState_;
     std::mutex deliveryMutex_; ///< lastPublished_
     std::condition_variable delivered_;
-    int lastPublished_;
+    int lastPublished_ = 0;
     std::mutex unsubscriptionMutex_; ///< lastUnsubscribed_
     std::condition_variable unsubscribed_;
-    int lastUnsubscribed_;
+    int lastUnsubscribed_ = 0;
     std::string clientId_;
     std::vector<Listener*> listeners_;
     std::atomic<bool> stop_;

@@ -15,7 +15,7 @@ using Clock = std::chrono::steady_clock;
 constexpr std::chrono::hours LONGEST_WAIT{1};
 
 bool isOneShot(std::chrono::milliseconds period) {
-    return period <= period.zero();
+    return period <= std::chrono::milliseconds::zero();
 }
 
 Clock::time_point later(Clock::time_point now, std::chrono::milliseconds period) {

@@ -136,6 +136,7 @@ bool MqttClient::onWorker() const {
 }
 
 bool MqttClient::leaveDisconnected() {
+    std::lock_guard const mainLock(mainMutex_);
     std::lock_guard const lock(stateMutex_);
     if (comState_ != ComState::DISCONNECTED)
         return false;
@@ -144,6 +145,8 @@ bool MqttClient::leaveDisconnected() {
 }
 
 void MqttClient::setComState(ComState state) {
+    // The main lock too, and first: a listener may subscribe.
+    std::lock_guard const mainLock(mainMutex_);
     std::lock_guard const lock(stateMutex_);
     if (comState_ == state)
         return;

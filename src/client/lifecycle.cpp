@@ -28,8 +28,6 @@ MqttClient::MqttClient(zym::common::Uuid const& id, bool persistent, std::string
       port_(port),
       name_(name),
       comState_(conv::ComState::DISCONNECTED),
-      lastPublished_(0),
-      lastUnsubscribed_(0),
       clientId_(clientId(id)),
       stop_(false),
       paused_(false),
@@ -50,6 +48,11 @@ MqttClient::~MqttClient() {
         for (auto const& entry : subscriptions_)
             unsubscribeAtBroker(nullptr, entry.first);
         subscriptions_.clear();
+    }
+    {
+        // Whatever the last packets lead to, nobody is told.
+        std::lock_guard const lock(stateMutex_);
+        listeners_.clear();
     }
     stop_ = true;
     engine_->life.askToEnd();

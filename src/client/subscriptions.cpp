@@ -77,6 +77,8 @@ void MqttClient::on_unsubscribe(int mid) {
 }
 
 void MqttClient::release(Subscriber* subscriber) noexcept {
+    if (subscriber == nullptr)
+        return;
     {
         std::lock_guard const lock(mainMutex_);
         for (auto entry = subscriptions_.begin(); entry != subscriptions_.end();) {

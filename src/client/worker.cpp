@@ -19,6 +19,9 @@ constexpr int OK = static_cast<int>(MqttClient::Error::SUCCESS);
 constexpr int NO_CONN = static_cast<int>(MqttClient::Error::NO_CONN);
 constexpr int CONN_LOST = static_cast<int>(MqttClient::Error::CONN_LOST);
 
+// How long a broker may take to hear the end.
+constexpr std::chrono::seconds LAST_WORDS{1};
+
 // Nobody is subscribed to this one.
 constexpr char const* WAKE_TOPIC = "$zym/wake";
 
@@ -31,6 +34,7 @@ int MqttClient::loop() {
         else
             networkStep();
     }
+    takeLeave();
     engine_->life.ended();
     return 0;
 }
@@ -77,13 +81,30 @@ void MqttClient::backOffAndReconnect() {
 /// protocol error to the library, which then drops the connection, and the broker publishes the
 /// will.
 void MqttClient::flushDisconnect() {
-    auto const deadline = std::chrono::steady_clock::now() + std::chrono::seconds(1);
+    auto const deadline = std::chrono::steady_clock::now() + LAST_WORDS;
     Farewell const farewell(socket());
-    while (socket() >= 0 && want_write() && loop_write(1) == OK && socket() >= 0
-           && std::chrono::steady_clock::now() < deadline)
-        waitForOutput(socket());
+    flushOutput(deadline);
     if (socket() < 0)
         farewell.waitForPeer(deadline);
+}
+
+/// Lets the broker have what the destructor has sent, the unsubscriptions, before the connection
+/// is closed.
+void MqttClient::takeLeave() {
+    {
+        std::lock_guard const lock(engine_->gate.mutex);
+        if (!engine_->gate.online)
+            return;
+    }
+    auto const deadline = std::chrono::steady_clock::now() + LAST_WORDS;
+    flushOutput(deadline);
+    Farewell(socket()).waitForPeer(deadline);
+}
+
+void MqttClient::flushOutput(std::chrono::steady_clock::time_point deadline) {
+    while (socket() >= 0 && want_write() && loop_write(1) == OK && socket() >= 0 && want_write()
+           && std::chrono::steady_clock::now() < deadline)
+        waitForOutput(socket());
 }
 
 /// Ends a network step that waits for input. The library has no call for that; it wakes up for a

@@ -23,7 +23,7 @@ public:
     constexpr Uuid() noexcept = default;
 
     /// Puts the number, big-endian, in the last 8 bytes; the first 8 are zero.
-    constexpr explicit Uuid(unsigned long long number) noexcept : bytes_{} {
+    constexpr explicit Uuid(unsigned long long number) noexcept {
         for (std::size_t i = SIZE; i > SIZE / 2; --i) {
             bytes_[i - 1] = static_cast<std::uint8_t>(number & 0xffU);
             number >>= 8U;
