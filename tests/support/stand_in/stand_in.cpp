@@ -169,6 +169,7 @@ bool StandIn::gone() const {
 
 int StandIn::run(Call call, int* mid) {
     call.thread = std::this_thread::get_id();
+    call.loopsBefore = loops_;
     {
         std::lock_guard<std::mutex> lock(mutex_);
         call.mid = ++lastMid_;

@@ -51,10 +51,11 @@ public:
         std::string payload;
         int qos = 0; ///< the port of CONNECT
         bool retain = false;
-        int keepAlive = 0;         ///< of CONNECT, seconds
-        int mid = 0;               ///< what the caller was given
-        std::thread::id thread;    ///< the caller's
-        std::optional<int> result; ///< none while it has not returned
+        int keepAlive = 0;           ///< of CONNECT, seconds
+        int mid = 0;                 ///< what the caller was given
+        std::thread::id thread;      ///< the caller's
+        std::size_t loopsBefore = 0; ///< calls of LOOP up to then; they are not kept themselves
+        std::optional<int> result;   ///< none while it has not returned
     };
 
     /// Called, with no lock held, in place of the built-in behaviour. It may block and may call

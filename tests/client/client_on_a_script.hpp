@@ -1,0 +1,69 @@
+#pragma once
+
+#include "support/recorder.hpp"
+#include "support/stand_in/stand_in.hpp"
+#include "support/test_client.hpp"
+
+#include <gtest/gtest.h>
+#include <mosquittopp.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+/// A client, not yet connected, that publishes to a script in place of the broker library.
+class AClientOnAScript : public testing::Test {
+protected:
+    AClientOnAScript() { client_->registerListener(&states_); }
+
+    static std::unique_ptr<mqtt::MqttClient> idleClient() {
+        support::ClientOptions options;
+        options.connect = false;
+        return support::testClient("host", 1883, options);
+    }
+
+    void connect() { ASSERT_EQ(client_->connect("", -1, 30), mqtt::MqttClient::Error::SUCCESS); }
+
+    /// Connects without an answer of the broker.
+    void beginToConnect() {
+        script_->setConnack(std::nullopt);
+        ASSERT_EQ(client_->connect("", -1, 0), mqtt::MqttClient::Error::TIMEOUT);
+    }
+
+    std::ptrdiff_t connections() const {
+        auto const states = states_.history();
+        return std::count(states.begin(), states.end(), conv::ComState::CONNECTED);
+    }
+
+    void reconnect() {
+        auto const before = connections();
+        script_->loseConnection();
+        ASSERT_TRUE(support::eventually([&] { return connections() > before; }));
+    }
+
+    /// Returns when the network step that is under way, and all that follows it, is over.
+    void letTheStepEnd() {
+        script_->runInLoop([](auto&) {});
+        script_->runInLoop([](auto&) {});
+    }
+
+    void queue(std::vector<std::string> const& payloads, int qos) {
+        for (auto const& payload : payloads)
+            ASSERT_EQ(client_->publish("a", payload, qos, false), mqtt::MqttClient::Error::SUCCESS);
+    }
+
+    std::vector<std::string> published() const {
+        std::vector<std::string> result;
+        for (auto const& call : script_->calls(support::StandIn::Operation::PUBLISH))
+            result.push_back(call.payload);
+        return result;
+    }
+
+    support::StateRecorder states_;
+    support::MessageRecorder subscriber_;
+    std::unique_ptr<mqtt::MqttClient> client_ = idleClient();
+    std::shared_ptr<support::StandIn> script_ = support::StandIn::last();
+};

@@ -1,0 +1,233 @@
+// Values published to one topic while the publisher's connection is cut, again and again, at
+// random points of the QoS 2 handshake. A raw peer that stays connected at the broker says what
+// became of them.
+
+#include "support/broker.hpp"
+#include "support/cut_proxy.hpp"
+#include "support/raw_peer.hpp"
+#include "support/test_client.hpp"
+#include "support/watchdog.hpp"
+
+#include <gmock/gmock.h>
+
+#include <iostream>
+#include <map>
+#include <memory>
+#include <random>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+using conv::ComState;
+using mqtt::MqttClient;
+using support::Broker;
+using support::CutProxy;
+using support::RawPeer;
+using Error = MqttClient::Error;
+using Payloads = std::vector<std::string>;
+
+constexpr int CUTS = 10;
+
+/// The n-th value; its length tells it apart in the broker's log.
+std::string value(int n) {
+    std::string const number = std::to_string(n);
+    return number + std::string(10 + static_cast<std::size_t>(n) - number.size(), '.');
+}
+
+int numberOf(std::string const& payload) {
+    return std::stoi(payload);
+}
+
+std::set<int> missing(Payloads const& payloads, int count) {
+    std::set<int> result;
+    for (int n = 0; n < count; ++n)
+        result.insert(n);
+    for (auto const& payload : payloads)
+        result.erase(numberOf(payload));
+    return result;
+}
+
+/// What the broker's log says of one value's handshake.
+struct Handshake {
+    bool open = false;     ///< PUBREC is sent, PUBREL awaited on the connection that stands
+    bool dropped = false;  ///< open when its connection ended
+    bool released = false; ///< by a PUBREL on a later connection, without another PUBLISH
+};
+
+/// Follows the handshakes of one client through the broker's log.
+class HandshakesInTheLog {
+public:
+    explicit HandshakesInTheLog(std::string const& log, std::string const& clientId) {
+        std::istringstream lines(log);
+        for (std::string line; std::getline(lines, line);) {
+            if (line.find(clientId) != std::string::npos)
+                read(line);
+        }
+    }
+
+    /// Whether MQTT itself has lost this value: past PUBREC as the connection was cut, and
+    /// taken up again with PUBREL, of which the broker knows nothing any more.
+    bool lostPastPubrec(int n) const {
+        auto const found = handshakes_.find(n);
+        return found != handshakes_.end() && found->second.dropped && found->second.released;
+    }
+
+private:
+    void read(std::string const& line) {
+        auto const says = [&](char const* words) { return line.find(words) != std::string::npos; };
+        auto const numberAfter = [&](std::string const& words) {
+            return std::stoi(line.substr(line.find(words) + words.size()));
+        };
+        if (says("New client connected"))
+            connectionEnded();
+        else if (says("Received PUBLISH"))
+            begin(numberAfter("... (") - 10, numberAfter(", m"));
+        else if (says("Sending PUBREC"))
+            byMid(numberAfter("(m")).open = true;
+        else if (says("Received PUBREL"))
+            release(byMid(numberAfter("Mid: ")));
+    }
+
+    void begin(int n, int mid) {
+        valueOf_[mid] = n;
+        handshakes_[n] = Handshake{};
+    }
+
+    void connectionEnded() {
+        for (auto& entry : handshakes_) {
+            entry.second.dropped |= entry.second.open;
+            entry.second.open = false;
+        }
+    }
+
+    static void release(Handshake& handshake) {
+        handshake.released |= handshake.dropped;
+        handshake.open = false;
+    }
+
+    Handshake& byMid(int mid) { return handshakes_[valueOf_[mid]]; }
+
+    std::map<int, int> valueOf_;
+    std::map<int, Handshake> handshakes_;
+};
+
+class ACutConnection : public testing::TestWithParam<unsigned> {
+protected:
+    ACutConnection() {
+        support::Watchdog::limit(std::chrono::seconds(180));
+        peer_.subscribe("a", 2);
+        std::cout << "seed " << GetParam() << std::endl;
+    }
+
+    static support::BrokerOptions promptBroker() {
+        support::BrokerOptions options;
+        options.nodelay = true;
+        return options;
+    }
+
+    void start(bool persistent) {
+        support::ClientOptions options;
+        options.id = id_;
+        options.persistent = persistent;
+        client_ = support::testClient(proxy_.host(), proxy_.port(), options);
+    }
+
+    int random(int low, int high) { return std::uniform_int_distribution<>(low, high)(random_); }
+
+    void publishOne() {
+        EXPECT_EQ(client_->publish("a", value(count_), 2, true), Error::SUCCESS);
+        ++count_;
+    }
+
+    std::size_t bytes(int low, int high) { return static_cast<std::size_t>(random(low, high)); }
+
+    void orderACut(bool onTheNextConnectionToo) {
+        // A handshake has more than 20 bytes for the server, and 8 for the client.
+        if (random(0, 1) == 0)
+            proxy_.cutCurrentAfter(CutProxy::Way::TO_SERVER, bytes(1, 200));
+        else
+            proxy_.cutCurrentAfter(CutProxy::Way::TO_CLIENT, bytes(1, 40));
+        if (onTheNextConnectionToo)
+            proxy_.cutNextAfter(CutProxy::Way::TO_SERVER, bytes(1, 300));
+    }
+
+    /// Publishes until the connection is cut, within the handshakes of a few values, and a few
+    /// values more, most of them without a connection. Some connections are cut again as the
+    /// handshakes are taken up on the next one.
+    void publishThroughACut() {
+        bool const twice = random(0, 3) == 0;
+        int const cuts = proxy_.cuts() + (twice ? 2 : 1);
+        orderACut(twice);
+        for (int i = 0; i < 6; ++i)
+            publishOne();
+        ASSERT_TRUE(support::eventually([&] {
+            if (proxy_.cuts() >= cuts)
+                return true;
+            if (client_->communicationState() == ComState::CONNECTED)
+                publishOne();
+            return false;
+        }));
+        for (int i = random(0, 4); i > 0; --i)
+            publishOne();
+    }
+
+    /// Waits for the connection after the last cut: before, the client may not know of the cut.
+    bool backAgain() {
+        return proxy_.waitForConnections(proxy_.cuts() + 1) && support::becomesConnected(*client_);
+    }
+
+    void publishThroughAllCuts() {
+        for (int i = 0; i < CUTS; ++i) {
+            ASSERT_TRUE(backAgain());
+            ASSERT_NO_FATAL_FAILURE(publishThroughACut());
+        }
+        ASSERT_TRUE(backAgain());
+        // Not to be cut, so not to be lost.
+        EXPECT_EQ(client_->publishWait("a", value(count_), 2, true, 30), Error::SUCCESS);
+        ++count_;
+        RecordProperty("cuts", proxy_.cuts());
+        EXPECT_GE(proxy_.cuts(), CUTS);
+        ASSERT_TRUE(peer_.waitFor([&](auto const& all) {
+            return !all.empty() && all.back().payload == value(count_ - 1);
+        }));
+    }
+
+    std::mt19937 random_{GetParam()};
+    zym::common::Uuid id_ = support::uniqueId();
+    Broker broker_{promptBroker()};
+    CutProxy proxy_{broker_.port()};
+    RawPeer peer_{broker_};
+    std::unique_ptr<MqttClient> client_;
+    int count_ = 0;
+};
+
+INSTANTIATE_TEST_SUITE_P(Seed, ACutConnection, testing::Range(1U, 11U));
+
+TEST_P(ACutConnection, LosesAndDoublesAndReordersNothingOfAPersistentClient) {
+    start(true);
+    ASSERT_NO_FATAL_FAILURE(publishThroughAllCuts());
+    Payloads all;
+    for (int n = 0; n < count_; ++n)
+        all.push_back(value(n));
+    EXPECT_EQ(peer_.payloads(), all);
+    EXPECT_EQ(support::retained(broker_, "a")->payload, value(count_ - 1));
+}
+
+TEST_P(ACutConnection, DoublesAndReordersNothingOfACleanClientAndLosesOnlyWhatWasPastPubrec) {
+    start(false);
+    ASSERT_NO_FATAL_FAILURE(publishThroughAllCuts());
+    auto const payloads = peer_.payloads();
+    for (std::size_t i = 1; i < payloads.size(); ++i)
+        EXPECT_LT(numberOf(payloads[i - 1]), numberOf(payloads[i]));
+    EXPECT_EQ(support::retained(broker_, "a")->payload, value(count_ - 1));
+    auto const lost = missing(payloads, count_);
+    RecordProperty("lost", static_cast<int>(lost.size()));
+    HandshakesInTheLog const handshakes(broker_.log(), MqttClient::clientId(id_));
+    for (int const n : lost)
+        EXPECT_TRUE(handshakes.lostPastPubrec(n)) << "value " << n;
+}
+
+} // namespace
