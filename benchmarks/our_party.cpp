@@ -1,0 +1,184 @@
+#include "party.hpp"
+
+#include <mqtt/client.hpp>
+
+#include <sstream>
+#include <stdexcept>
+
+namespace bench {
+namespace {
+
+constexpr std::uint32_t PATIENCE = 60;
+
+void require(mqtt::MqttClient::Error result, char const* what) {
+    if (result != mqtt::MqttClient::Error::SUCCESS) {
+        std::ostringstream text;
+        text << "our " << what << ": " << result;
+        throw std::runtime_error(text.str());
+    }
+}
+
+zym::common::Uuid nextId() {
+    static unsigned long long last = 0;
+    return zym::common::Uuid(++last);
+}
+
+/// A client that is disconnected in good order before it goes.
+class OurClient {
+public:
+    explicit OurClient(int port)
+        : port_(port), client_(nextId(), false, "", BROKER_HOST, port, false) {}
+    ~OurClient() { client_.disconnect(PATIENCE); }
+    OurClient(OurClient const&) = delete;
+    OurClient& operator=(OurClient const&) = delete;
+
+    mqtt::MqttClient* operator->() { return &client_; }
+    void connect() { require(client_.connect(BROKER_HOST, port_, PATIENCE), "connect"); }
+
+    /// Subscribes, and returns when that stands: the tally counts what comes back.
+    void listen(mqtt::Topic const& topic, mqtt::MqttClient::Subscriber& subscriber,
+                Tally& received) {
+        received.reset();
+        require(client_.subscribe(topic, &subscriber, 0), "subscribe");
+        require(client_.publish(topic, PROBE, 0, false), "publish");
+        received.waitFor(1);
+        received.reset();
+    }
+
+private:
+    int const port_;
+    mqtt::MqttClient client_;
+};
+
+class OurPublisher final : public Publisher {
+public:
+    OurPublisher(int port, std::string const& topic) : topic_(topic), client_(port) {
+        client_.connect();
+    }
+
+    void publish(std::string const& payload, int qos) override {
+        require(client_->publish(topic_, payload, qos, false), "publish");
+    }
+    void publishAndWait(std::string const& payload, int qos) override {
+        require(client_->publishWait(topic_, payload, qos, false, PATIENCE), "publishWait");
+    }
+
+private:
+    mqtt::Topic const topic_;
+    OurClient client_;
+};
+
+class OurSubscriber final : public Subscriber, private mqtt::MqttClient::Subscriber {
+public:
+    OurSubscriber(int port, mqtt::Topic const& topic, Tally& received)
+        : received_(received), client_(port) {
+        client_.connect();
+        client_.listen(topic, *this, received_);
+    }
+    ~OurSubscriber() override { client_->release(this); }
+
+private:
+    void onMqttMessage(int /*tag*/, mqtt::Topic const& /*topic*/,
+                       std::string const& /*payload*/) override {
+        received_.add();
+    }
+
+    Tally& received_;
+    OurClient client_;
+};
+
+class OurAnswerer final : private mqtt::MqttClient::Subscriber {
+public:
+    OurAnswerer(int port, mqtt::Topic const& question, mqtt::Topic const& answer)
+        : answer_(answer), client_(port) {
+        client_.connect();
+        client_.listen(question, *this, heard_);
+    }
+    ~OurAnswerer() override { client_->release(this); }
+
+private:
+    void onMqttMessage(int /*tag*/, mqtt::Topic const& /*topic*/,
+                       std::string const& payload) override {
+        heard_.add();
+        client_->publish(answer_, payload, 2, false);
+    }
+
+    mqtt::Topic const answer_;
+    Tally heard_;
+    OurClient client_;
+};
+
+class OurDialogue final : public Dialogue, private mqtt::MqttClient::Subscriber {
+public:
+    OurDialogue(int port, mqtt::Topic const& question, mqtt::Topic const& answer)
+        : question_(question), answer_(answer), answerer_(port, question, answer), client_(port) {
+        client_.connect();
+        client_.listen(answer, *this, answers_);
+    }
+    ~OurDialogue() override { client_->release(this); }
+
+    void ask(std::string const& payload, unsigned count) override {
+        answers_.reset();
+        for (unsigned asked = 0; asked < count; ++asked) {
+            require(client_->publish(question_, payload, 2, false), "publish");
+        }
+        answers_.waitFor(count);
+    }
+
+    void askAnew(std::string const& payload) override {
+        require(client_->unsubscribe(answer_, this), "unsubscribe");
+        require(client_->subscribe(answer_, this, 0), "subscribe");
+        ask(payload, 1);
+    }
+
+private:
+    void onMqttMessage(int /*tag*/, mqtt::Topic const& /*topic*/,
+                       std::string const& /*payload*/) override {
+        answers_.add();
+    }
+
+    mqtt::Topic const question_;
+    mqtt::Topic const answer_;
+    OurAnswerer answerer_;
+    Tally answers_;
+    OurClient client_;
+};
+
+class OurCaller final : public Caller {
+public:
+    explicit OurCaller(int port) : client_(port) {}
+
+    void connect() override { client_.connect(); }
+    void disconnect() override { require(client_->disconnect(PATIENCE), "disconnect"); }
+
+private:
+    OurClient client_;
+};
+
+class OurParty final : public Party {
+public:
+    char const* name() const override { return "ours"; }
+
+    std::unique_ptr<Publisher> makePublisher(int port, std::string const& topic) override {
+        return std::make_unique<OurPublisher>(port, topic);
+    }
+    std::unique_ptr<bench::Subscriber> makeSubscriber(int port, std::string const& topic,
+                                                      Tally& received) override {
+        return std::make_unique<OurSubscriber>(port, topic, received);
+    }
+    std::unique_ptr<Dialogue> makeDialogue(int port, std::string const& question,
+                                           std::string const& answer) override {
+        return std::make_unique<OurDialogue>(port, question, answer);
+    }
+    std::unique_ptr<Caller> makeCaller(int port) override {
+        return std::make_unique<OurCaller>(port);
+    }
+};
+
+} // namespace
+
+std::unique_ptr<Party> makeOurParty() {
+    return std::make_unique<OurParty>();
+}
+
+} // namespace bench

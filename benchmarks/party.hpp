@@ -1,0 +1,70 @@
+#pragma once
+
+#include "tally.hpp"
+
+#include <memory>
+#include <string>
+
+namespace bench {
+
+/// One connection that publishes on one topic.
+class Publisher {
+public:
+    virtual ~Publisher() = default;
+    virtual void publish(std::string const& payload, int qos) = 0;
+    /// Returns when the broker has acknowledged.
+    virtual void publishAndWait(std::string const& payload, int qos) = 0;
+};
+
+/// One connection that counts the messages of one topic for as long as it lives.
+class Subscriber {
+public:
+    virtual ~Subscriber() = default;
+};
+
+/// Two connections: one asks, the other answers every question. Both speak at QoS 2.
+class Dialogue {
+public:
+    virtual ~Dialogue() = default;
+    /// Asks so many questions in a row and returns when all the answers have come.
+    virtual void ask(std::string const& payload, unsigned count) = 0;
+    /// Asks once, after having given up the subscription for the answers and made it anew:
+    /// so do requests that subscribe for their reply.
+    virtual void askAnew(std::string const& payload) = 0;
+};
+
+/// One client that comes and goes.
+class Caller {
+public:
+    virtual ~Caller() = default;
+    /// Returns when the broker has consented.
+    virtual void connect() = 0;
+    virtual void disconnect() = 0;
+};
+
+/// One of the clients that are compared. Everything it makes is connected to the broker on
+/// the given port of the loopback interface, and raises std::runtime_error when an operation
+/// fails: a comparison of which one side failed shows nothing.
+class Party {
+public:
+    virtual ~Party() = default;
+    virtual char const* name() const = 0;
+    virtual std::unique_ptr<Publisher> makePublisher(int port, std::string const& topic) = 0;
+    /// The subscription stands when this returns; the tally is then at 0.
+    virtual std::unique_ptr<Subscriber> makeSubscriber(int port, std::string const& topic,
+                                                       Tally& received) = 0;
+    virtual std::unique_ptr<Dialogue> makeDialogue(int port, std::string const& question,
+                                                   std::string const& answer) = 0;
+    virtual std::unique_ptr<Caller> makeCaller(int port) = 0;
+};
+
+/// Bare libmosquittopp, used as its manual suggests: a derived class and its own thread.
+std::unique_ptr<Party> makeRawParty();
+/// mqtt::MqttClient.
+std::unique_ptr<Party> makeOurParty();
+
+constexpr char const* BROKER_HOST = "127.0.0.1";
+/// What the subscribers send themselves to learn that their subscription stands.
+constexpr char const* PROBE = "probe";
+
+} // namespace bench

@@ -1,0 +1,197 @@
+#include "party.hpp"
+
+#include <mosquittopp.h>
+
+#include <stdexcept>
+#include <utility>
+
+namespace bench {
+namespace {
+
+constexpr int KEEP_ALIVE = 30;
+
+void require(int result, char const* what) {
+    if (result != MOSQ_ERR_SUCCESS) {
+        throw std::runtime_error(std::string("raw ") + what + ": " + mosqpp::strerror(result));
+    }
+}
+
+/// The least that every use of the library needs: connect with the library's own thread and
+/// wait for the broker's consent.
+class RawClient : protected mosqpp::mosquittopp {
+public:
+    RawClient(RawClient const&) = delete;
+    RawClient& operator=(RawClient const&) = delete;
+
+protected:
+    RawClient() : mosqpp::mosquittopp(nullptr, true) {}
+    ~RawClient() override { close(); }
+
+    /// Subscribes, and returns when that stands: the tally counts what comes back.
+    void listen(std::string const& topic, Tally& received) {
+        received.reset();
+        require(subscribe(nullptr, topic.c_str(), 0), "subscribe");
+        send(topic, PROBE, 0);
+        received.waitFor(1);
+        received.reset();
+    }
+
+    void send(std::string const& topic, std::string const& payload, int qos) {
+        require(mosqpp::mosquittopp::publish(nullptr, topic.c_str(),
+                                             static_cast<int>(payload.size()), payload.data(), qos),
+                "publish");
+    }
+
+    void open(int port) {
+        accepted_.reset();
+        require(mosqpp::mosquittopp::connect(BROKER_HOST, port, KEEP_ALIVE), "connect");
+        require(loop_start(), "loop_start");
+        running_ = true;
+        accepted_.waitFor(1);
+    }
+
+    /// The library's thread must be gone before the callbacks of a derived class are.
+    void close() {
+        if (running_) {
+            mosqpp::mosquittopp::disconnect();
+            loop_stop();
+            running_ = false;
+        }
+    }
+
+private:
+    void on_connect(int code) override {
+        if (code == 0) {
+            accepted_.add();
+        }
+    }
+
+    Tally accepted_;
+    bool running_ = false;
+};
+
+class RawPublisher final : public Publisher, private RawClient {
+public:
+    RawPublisher(int port, std::string topic) : topic_(std::move(topic)) { open(port); }
+    ~RawPublisher() override { close(); }
+
+    void publish(std::string const& payload, int qos) override { send(topic_, payload, qos); }
+
+    void publishAndWait(std::string const& payload, int qos) override {
+        done_.reset();
+        publish(payload, qos);
+        done_.waitFor(1);
+    }
+
+private:
+    void on_publish(int /*mid*/) override { done_.add(); }
+
+    std::string const topic_;
+    Tally done_;
+};
+
+class RawSubscriber final : public Subscriber, private RawClient {
+public:
+    RawSubscriber(int port, std::string const& topic, Tally& received) : received_(received) {
+        open(port);
+        listen(topic, received);
+    }
+    ~RawSubscriber() override { close(); }
+
+private:
+    void on_message(mosquitto_message const* /*message*/) override { received_.add(); }
+
+    Tally& received_;
+};
+
+class RawAnswerer final : private RawClient {
+public:
+    RawAnswerer(int port, std::string const& question, std::string answer)
+        : answer_(std::move(answer)) {
+        open(port);
+        listen(question, heard_);
+    }
+    ~RawAnswerer() override { close(); }
+
+private:
+    void on_message(mosquitto_message const* message) override {
+        heard_.add();
+        publish(nullptr, answer_.c_str(), message->payloadlen, message->payload, 2);
+    }
+
+    std::string const answer_;
+    Tally heard_;
+};
+
+class RawDialogue final : public Dialogue, private RawClient {
+public:
+    RawDialogue(int port, std::string question, std::string answer)
+        : question_(std::move(question)),
+          answer_(std::move(answer)),
+          answerer_(port, question_, answer_) {
+        open(port);
+        listen(answer_, answers_);
+    }
+    ~RawDialogue() override { close(); }
+
+    void ask(std::string const& payload, unsigned count) override {
+        answers_.reset();
+        for (unsigned asked = 0; asked < count; ++asked) {
+            send(question_, payload, 2);
+        }
+        answers_.waitFor(count);
+    }
+
+    void askAnew(std::string const& payload) override {
+        require(unsubscribe(nullptr, answer_.c_str()), "unsubscribe");
+        require(subscribe(nullptr, answer_.c_str(), 0), "subscribe");
+        ask(payload, 1);
+    }
+
+private:
+    void on_message(mosquitto_message const* /*message*/) override { answers_.add(); }
+
+    std::string const question_;
+    std::string const answer_;
+    RawAnswerer answerer_;
+    Tally answers_;
+};
+
+class RawCaller final : public Caller, private RawClient {
+public:
+    explicit RawCaller(int port) : port_(port) {}
+
+    void connect() override { open(port_); }
+    void disconnect() override { close(); }
+
+private:
+    int const port_;
+};
+
+class RawParty final : public Party {
+public:
+    char const* name() const override { return "raw"; }
+
+    std::unique_ptr<Publisher> makePublisher(int port, std::string const& topic) override {
+        return std::make_unique<RawPublisher>(port, topic);
+    }
+    std::unique_ptr<Subscriber> makeSubscriber(int port, std::string const& topic,
+                                               Tally& received) override {
+        return std::make_unique<RawSubscriber>(port, topic, received);
+    }
+    std::unique_ptr<Dialogue> makeDialogue(int port, std::string const& question,
+                                           std::string const& answer) override {
+        return std::make_unique<RawDialogue>(port, question, answer);
+    }
+    std::unique_ptr<Caller> makeCaller(int port) override {
+        return std::make_unique<RawCaller>(port);
+    }
+};
+
+} // namespace
+
+std::unique_ptr<Party> makeRawParty() {
+    return std::make_unique<RawParty>();
+}
+
+} // namespace bench
