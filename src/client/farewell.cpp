@@ -21,7 +21,7 @@ void Farewell::waitForPeer(std::chrono::steady_clock::time_point deadline) const
     if (fd_ < 0)
         return;
     ::shutdown(fd_, SHUT_WR);
-    std::array<char, 16384> swallowed;
+    std::array<char, 16384> swallowed{};
     for (;;) {
         auto const left = std::chrono::duration_cast<std::chrono::milliseconds>(
             deadline - std::chrono::steady_clock::now());
