@@ -1,0 +1,74 @@
+#pragma once
+
+#include "support/recorder.hpp"
+#include "support/scripted_server.hpp"
+#include "support/test_client.hpp"
+
+#include <mqtt/client.hpp>
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+/// A client connected to a server that says what the test wants, and some subscribers.
+class ScriptedSession : public ::testing::Test {
+protected:
+    using Client = mqtt::MqttClient;
+    using Error = mqtt::MqttClient::Error;
+    using Strings = std::vector<std::string>;
+    using Type = support::PacketType;
+
+    void subscribe(std::string const& topic, Client::Subscriber& subscriber, int tag = 0) {
+        ASSERT_EQ(client->subscribe(topic, &subscriber, tag), Error::SUCCESS);
+    }
+
+    void send(std::string const& topic, std::string const& payload) {
+        ASSERT_TRUE(server.publish(topic, payload));
+    }
+
+    /// Returns when all that the server sent so far has been dispatched.
+    void receiveAll() {
+        std::string const name = "marker/" + std::to_string(++markers_);
+        subscribe(name, marker_);
+        send(name, name);
+        ASSERT_TRUE(marker_.waitForPayload(name));
+        client->unsubscribe(name, &marker_);
+    }
+
+    /// Returns when all that the client sent so far is with the server.
+    void sendAll() { ASSERT_EQ(client->publishWait("sent", "", 1, false, 30), Error::SUCCESS); }
+
+    /// The topics in packets of this type over one connection, in the order they came.
+    Strings topicsIn(Type type, int connection) const {
+        Strings result;
+        for (auto const& one : server.received())
+            if (one.packet.type == type && one.connection == connection)
+                result.push_back(one.packet.topic);
+        return result;
+    }
+
+    /// Ends the connection; returns when the client has noticed.
+    void loseConnection() {
+        server.drop();
+        ASSERT_TRUE(support::eventually(
+            [&] { return client->communicationState() != conv::ComState::CONNECTED; }));
+    }
+
+    /// Returns when the client is back.
+    void reconnect() {
+        loseConnection();
+        ASSERT_TRUE(support::becomesConnected(*client));
+    }
+
+    support::ScriptedServer server;
+    support::MessageRecorder first, second, third;
+
+private:
+    support::MessageRecorder marker_;
+    int markers_ = 0;
+
+protected:
+    std::unique_ptr<Client> client = support::testClient(server.host(), server.port());
+};
