@@ -72,9 +72,9 @@ struct MqttClient::Engine {
     WorkerLife life;
     SocketTuning tuning; ///< used by whoever has the turn
 
+    int wakeMid = -1;          ///< of the packet that only woke the worker; unsubscription lock
     bool acknowledged = false; ///< worker: the broker has consented, the rest is to be done
     std::atomic<bool> flushFirst{false};   ///< a DISCONNECT packet must leave before any reading
-    std::atomic<int> wakeMid{-1};          ///< of the latest packet that only woke the worker
     std::atomic<bool> reconnecting{false}; ///< the worker is inside `reconnect`
     std::atomic<std::thread::id> notifier{std::thread::id()}; ///< who is calling listeners
 };

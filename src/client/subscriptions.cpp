@@ -69,9 +69,9 @@ Error MqttClient::unsubscribeWait(Topic const& topic, Subscriber* subscriber,
 }
 
 void MqttClient::on_unsubscribe(int mid) {
+    std::lock_guard const lock(unsubscriptionMutex_);
     if (mid == engine_->wakeMid)
         return;
-    std::lock_guard const lock(unsubscriptionMutex_);
     lastUnsubscribed_ = mid;
     unsubscribed_.notify_all();
 }

@@ -110,12 +110,9 @@ void MqttClient::flushOutput(std::chrono::steady_clock::time_point deadline) {
 /// Ends a network step that waits for input. The library has no call for that; it wakes up for a
 /// packet to be sent, so we send one that changes nothing. False without a connection.
 bool MqttClient::wakeWorker() {
-    std::lock_guard const lock(engine_->gate.mutex);
-    int mid = 0;
-    if (!engine_->gate.online || mosqpp::mosquittopp::unsubscribe(&mid, WAKE_TOPIC) != OK)
-        return false;
-    engine_->wakeMid = mid;
-    return true;
+    // Held until its id is known: the acknowledgement must not be taken for anybody else's.
+    std::lock_guard const lock(unsubscriptionMutex_);
+    return unsubscribeAtBroker(&engine_->wakeMid, Topic(WAKE_TOPIC)) == OK;
 }
 
 void MqttClient::on_connect(int rc) {

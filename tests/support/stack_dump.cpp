@@ -29,10 +29,20 @@ namespace {
 struct Answer {
     std::array<void*, 48> frames;
     std::atomic<int> count{-1};
+    std::atomic<pid_t> asked{0}; ///< 0: nobody, or it answers already
 };
 Answer answer;
 
+pid_t thisThread() {
+    return static_cast<pid_t>(syscall(SYS_gettid));
+}
+
 void answerWithFrames(int /*signal*/) {
+    // A thread that took too long keeps quiet: another one may be writing by now.
+    pid_t self = thisThread();
+    if (!answer.asked.compare_exchange_strong(self, 0)) {
+        return;
+    }
     answer.count = backtrace(answer.frames.data(), static_cast<int>(answer.frames.size()));
 }
 
@@ -99,12 +109,15 @@ std::string nameOf(pid_t thread) {
 
 void dump(std::ostream& out, pid_t thread, int signal) {
     out << "  thread " << thread << " " << nameOf(thread) << "\n";
+    auto const answered = [] { return answer.count >= 0; };
     answer.count = -1;
+    answer.asked = thread;
     syscall(SYS_tgkill, getpid(), thread, signal);
-    if (!eventually([] { return answer.count >= 0; }, std::chrono::seconds(2))) {
+    if (!eventually(answered, std::chrono::seconds(2)) && answer.asked.exchange(0) == thread) {
         out << "    does not answer\n";
         return;
     }
+    eventually(answered);
     constexpr int SIGNAL_FRAMES = 2; // the handler and the kernel's trampoline
     for (int i = SIGNAL_FRAMES; i < answer.count; ++i) {
         out << "    " << describe(answer.frames[static_cast<std::size_t>(i)]) << "\n";
@@ -121,7 +134,7 @@ void dumpStacks(std::ostream& out) {
     sigaction(signal, &action, nullptr);
     void* warmUp[1];
     backtrace(warmUp, 1); // its first call loads a library, which a handler must not do
-    auto const self = static_cast<pid_t>(syscall(SYS_gettid));
+    pid_t const self = thisThread();
     for (pid_t const thread : threads()) {
         if (thread != self) {
             dump(out, thread, signal);
