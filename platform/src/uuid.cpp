@@ -1,5 +1,7 @@
 #include <zym/common/uuid.hpp>
 
+#include "hex_digit.hpp"
+
 #include <stdexcept>
 
 namespace zym::common {
@@ -22,20 +24,15 @@ constexpr bool hyphenBefore(std::size_t byte) {
     return byte == 4 || byte == 6 || byte == 8 || byte == 10;
 }
 
-// Ranges, not the classification functions of <cctype>: those follow the locale.
-unsigned hexDigit(char c) {
-    if (c >= '0' && c <= '9') {
-        return static_cast<unsigned>(c - '0');
+unsigned hexDigitOf(char c) {
+    auto const digit = hexDigit(c);
+    if (!digit) {
+        fail();
     }
-    if (c >= 'a' && c <= 'f') {
-        return static_cast<unsigned>(c - 'a') + 10U;
-    }
-    if (c >= 'A' && c <= 'F') {
-        return static_cast<unsigned>(c - 'A') + 10U;
-    }
-    fail();
+    return *digit;
 }
 
+// Ranges here too, whatever the locale.
 unsigned base64Digit(char c) {
     if (c >= 'A' && c <= 'Z') {
         return static_cast<unsigned>(c - 'A');
@@ -62,8 +59,8 @@ Bytes fromPlain(std::string const& text) {
         if (hyphenBefore(i) && text[at++] != '-') {
             fail();
         }
-        unsigned const high = hexDigit(text[at++]);
-        bytes[i] = static_cast<std::uint8_t>(high << 4U | hexDigit(text[at++]));
+        unsigned const high = hexDigitOf(text[at++]);
+        bytes[i] = static_cast<std::uint8_t>(high << 4U | hexDigitOf(text[at++]));
     }
     return bytes;
 }

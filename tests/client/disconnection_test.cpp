@@ -1,5 +1,6 @@
 #include "mqtt/client.hpp"
 
+#include "flood.hpp"
 #include "support/broker.hpp"
 #include "support/raw_peer.hpp"
 #include "support/recorder.hpp"
@@ -10,7 +11,6 @@
 
 #include <atomic>
 #include <string>
-#include <thread>
 
 namespace {
 
@@ -106,32 +106,6 @@ TEST(Disconnect, QueuesWhatIsPublishedAfterIt) {
     EXPECT_THAT(watcher.payloads(), ElementsAre("after at 0", "after at 1", "after at 2"));
 }
 
-/// Keeps the broker busy with messages for whoever subscribes to "flood".
-class Flood {
-public:
-    explicit Flood(Broker const& broker) : peer_(broker) {
-        thread_ = std::thread([this] {
-            std::string const payload(200, 'x');
-            while (!stop_) {
-                for (int i = 0; i < 50; ++i)
-                    peer_.post("flood", payload, 0);
-                peer_.publish("flood", payload, 1); // not faster than the broker takes it
-            }
-        });
-    }
-    ~Flood() {
-        stop_ = true;
-        thread_.join();
-    }
-    Flood(Flood const&) = delete;
-    Flood& operator=(Flood const&) = delete;
-
-private:
-    std::atomic<bool> stop_{false};
-    RawPeer peer_;
-    std::thread thread_;
-};
-
 TEST(Disconnect, IsCleanAlsoWhileMessagesPourIn) {
     Broker const broker;
     RawPeer watcher(broker);
@@ -142,7 +116,7 @@ TEST(Disconnect, IsCleanAlsoWhileMessagesPourIn) {
     client->registerListener(&states);
     ASSERT_EQ(client->setWill("will", "dropped", 2, false), Error::SUCCESS);
     ASSERT_EQ(client->subscribe("flood", &recorder, 0), Error::SUCCESS);
-    Flood const flood(broker);
+    Flood const flood(broker, {"flood"}, std::string(200, 'x'));
     for (int i = 0; i < 40; ++i) {
         ASSERT_EQ(client->connect("", -1, PATIENCE), Error::SUCCESS) << i;
         recorder.clear();

@@ -1,6 +1,7 @@
 // Subscribers and clients that come and go while messages fly. What these tests cannot see by
 // themselves the sanitizers do: they are worth most in such a build.
 
+#include "flood.hpp"
 #include "support/broker.hpp"
 #include "support/raw_peer.hpp"
 #include "support/recorder.hpp"
@@ -13,6 +14,7 @@
 #include <atomic>
 #include <memory>
 #include <random>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -22,33 +24,9 @@ using mqtt::Topic;
 using Client = mqtt::MqttClient;
 using Error = mqtt::MqttClient::Error;
 
+std::vector<std::string> const FLIGHTS{"flight/0", "flight/1", "flight/2", "flight/3"};
+
 constexpr int ROUNDS = 400 / support::SLOWNESS;
-
-/// Publishes without end to the topics flight/0 to flight/3.
-class Flood {
-public:
-    explicit Flood(support::Broker const& broker) : peer_(broker), thread_([this] { run(); }) {}
-    ~Flood() {
-        stop_ = true;
-        thread_.join();
-    }
-    Flood(Flood const&) = delete;
-    Flood& operator=(Flood const&) = delete;
-
-private:
-    void run() {
-        for (unsigned i = 0; !stop_; ++i) {
-            peer_.post("flight/" + std::to_string(i % 4), "x", 0);
-            // No faster than the broker takes it: its memory is finite.
-            if (i % 64 == 0)
-                peer_.publish("pace", "", 1);
-        }
-    }
-
-    support::RawPeer peer_;
-    std::atomic<bool> stop_{false};
-    std::thread thread_;
-};
 
 /// What is left of a subscriber when it is gone.
 struct Trace {
@@ -115,7 +93,7 @@ TEST(Subscribers, ComeAndGoWhileMessagesFly) {
     ASSERT_EQ(client->subscribe("other/#", &resident, 0), Error::SUCCESS);
     Tally tally;
     {
-        Flood const flood(broker);
+        Flood const flood(broker, FLIGHTS, "x");
         std::vector<std::thread> threads;
         for (unsigned i = 0; i < 3; ++i)
             threads.emplace_back([&, i] { comeAndGo(*client, tally, i + 1); });
@@ -149,7 +127,7 @@ TEST(Subscribers, DestroyThemselvesInTheirCallsWhileMessagesFly) {
     support::Broker broker;
     std::atomic<int> alive{0};
     auto const client = support::testClient(broker);
-    Flood const flood(broker);
+    Flood const flood(broker, FLIGHTS, "x");
     for (int round = 0; round < ROUNDS; ++round) {
         auto* const mayfly = new Mayfly(*client, alive);
         // Twice in one step of the worker, or it could be gone before the second time.
@@ -169,7 +147,7 @@ TEST(Subscribers, DestroyThemselvesInTheirCallsWhileMessagesFly) {
 
 TEST(Clients, AreDestroyedWhileMessagesFly) {
     support::Broker broker;
-    Flood const flood(broker);
+    Flood const flood(broker, FLIGHTS, "x");
     for (int round = 0; round < ROUNDS / 10; ++round) {
         std::array<support::MessageRecorder, 3> recorders;
         auto client = support::testClient(broker);

@@ -1,5 +1,7 @@
 #include "string_text.hpp"
 
+#include "../hex_digit.hpp"
+
 #include <stdexcept>
 
 namespace zym::common::lwjson {
@@ -54,17 +56,11 @@ private:
     }
 
     unsigned takeHexDigit() {
-        char const c = take();
-        if (c >= '0' && c <= '9') {
-            return static_cast<unsigned>(c - '0');
+        auto const digit = hexDigit(take());
+        if (!digit) {
+            fail();
         }
-        if (c >= 'a' && c <= 'f') {
-            return static_cast<unsigned>(c - 'a') + 10U;
-        }
-        if (c >= 'A' && c <= 'F') {
-            return static_cast<unsigned>(c - 'A') + 10U;
-        }
-        fail();
+        return *digit;
     }
 
     unsigned takeCodeUnit() {
