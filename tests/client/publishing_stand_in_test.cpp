@@ -36,6 +36,13 @@ TEST_F(AClientOnAScript, TakesAcknowledgementsOutOfItsCallersHandsFirstOfAll) {
     EXPECT_EQ(calls.front().thread, std::this_thread::get_id());
 }
 
+TEST(TheLibrary, IsInitialisedOnceBeforeTheFirstClient) {
+    for (int i = 0; i < 3; ++i) {
+        MqttClient const client(support::uniqueId(), false, "", "host", 1883, false);
+        EXPECT_EQ(StandIn::last()->initialisations(), 1) << i;
+    }
+}
+
 TEST(AWorkerOnAScript, DoesNotStepBeforeTheLibraryKnowsOfIt) {
     for (int i = 0; i < 200; ++i) {
         MqttClient const client(support::uniqueId(), false, "", "host", 1883, false);

@@ -45,6 +45,7 @@ StandIn::Call callOf(Operation operation, char const* topic, int size, void cons
 } // namespace
 
 int lib_init() {
+    ++StandIn::libraryInitialisations();
     return mosquitto_lib_init();
 }
 

@@ -27,7 +27,15 @@ Registry& registry() {
 } // namespace
 
 StandIn::StandIn(mosqpp::mosquittopp& object, std::string clientId, bool cleanSession)
-    : clientId_(std::move(clientId)), cleanSession_(cleanSession), object_(&object) {}
+    : clientId_(std::move(clientId)),
+      cleanSession_(cleanSession),
+      initialisations_(libraryInitialisations()),
+      object_(&object) {}
+
+std::atomic<int>& StandIn::libraryInitialisations() {
+    static std::atomic<int> count{0};
+    return count;
+}
 
 StandIn* StandIn::make(mosqpp::mosquittopp& object, char const* clientId, bool cleanSession) {
     std::shared_ptr<StandIn> standIn(new StandIn(object, clientId ? clientId : "", cleanSession));

@@ -68,6 +68,9 @@ public:
     /// Of the object made last with this client identifier.
     static std::shared_ptr<StandIn> of(std::string const& clientId);
 
+    /// How often the library as a whole was initialised so far.
+    static std::atomic<int>& libraryInitialisations();
+
     // The script.
     /// Results of the next calls of an operation, in order; then the built-in behaviour again.
     /// Such a call changes nothing in the stand-in.
@@ -98,6 +101,8 @@ public:
     /// Network steps begun so far.
     std::size_t loops() const { return loops_; }
     bool connected() const;
+    /// How often the library as a whole had been initialised when this object was made.
+    int initialisations() const { return initialisations_; }
     std::string const& clientId() const { return clientId_; }
     bool cleanSession() const { return cleanSession_; }
     /// Whether the object is gone.
@@ -123,6 +128,7 @@ private:
 
     std::string const clientId_;
     bool const cleanSession_;
+    int const initialisations_;
     mutable std::mutex mutex_; ///< what follows, up to the calls
     std::condition_variable news_;
     mosqpp::mosquittopp* object_;
