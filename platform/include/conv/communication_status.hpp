@@ -2,11 +2,12 @@
 
 #include <conv/com_state.hpp>
 #include <conv/unix_time.hpp>
+#include <zym/common/export.hpp>
 
 namespace conv {
 
 /// State of a service's communication, and since when it lasts.
-struct CommunicationStatus {
+struct ZYM_COMMON_EXPORT CommunicationStatus {
     ComState state = ComState::UNKNOWN;
     UnixTime since;
 };

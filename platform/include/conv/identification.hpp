@@ -1,11 +1,13 @@
 #pragma once
 
+#include <zym/common/export.hpp>
+
 #include <string>
 
 namespace conv {
 
 /// What an entity says of itself. Every text may be empty.
-struct Identification {
+struct ZYM_COMMON_EXPORT Identification {
     std::string uuid;
     std::string manufacturer;
     std::string model;

@@ -1,0 +1,158 @@
+#include "mqtt/data.hpp"
+
+namespace mqtt {
+
+namespace {
+
+conv::SecondsDuration const PATIENCE{5};
+
+} // namespace
+
+using Error = MqttClient::Error;
+
+MqttDataBase::MqttDataBase(MqttClient& client, Topic const& topic, int qos, bool retained,
+                           Topic const& subscribeTopic)
+    : topicBase_(topic),
+      client_(client),
+      qos_(qos),
+      retained_(retained),
+      subscribeTopic_(subscribeTopic) {
+    if (subscribeTopic_.size() > 0)
+        static_cast<void>(client_.subscribe(subscribeTopic_, this, 0));
+}
+
+MqttDataBase::MqttDataBase(MqttClient& client, Topic const& topic, int qos, bool retained)
+    : MqttDataBase(client, topic, qos, retained, Topic()) {}
+
+MqttDataBase::MqttDataBase(MqttClient& client, Topic const& topic)
+    : MqttDataBase(client, topic, 0, false) {}
+
+MqttDataBase::MqttDataBase(MqttDataBase const& other) : MqttDataBase(other, Unsubscribed()) {
+    subscribeLike(other);
+}
+
+MqttDataBase::MqttDataBase(MqttDataBase const& other, Unsubscribed)
+    : MqttDataBase(other, Lock(other.mutex_)) {}
+
+MqttDataBase::MqttDataBase(MqttDataBase const& other, Lock const& /*lockOfOther*/)
+    : MqttDataBase(other.client_, other.topicBase_, other.qos_, other.retained_) {}
+
+MqttDataBase::~MqttDataBase() {
+    release();
+}
+
+void MqttDataBase::subscribeLike(MqttDataBase const& other) {
+    {
+        Lock const lock(other.mutex_);
+        subscribeTopic_ = other.subscribeTopic_;
+    }
+    if (subscribeTopic_.size() > 0)
+        static_cast<void>(client_.subscribe(subscribeTopic_, this, 0));
+}
+
+void MqttDataBase::release() noexcept {
+    client_.release(this);
+}
+
+void MqttDataBase::setTopicBase(Topic const& topic) {
+    topicBase_ = topic;
+}
+
+Error MqttDataBase::subscribe(int id, Lock& lock) {
+    Topic topic;
+    getSubscribeTopic(topic);
+    subscribeTopic_ = topic;
+    lock.unlock();
+    return client_.subscribe(topic, this, id);
+}
+
+Error MqttDataBase::unsubscribe(Lock& lock) {
+    Topic const topic = subscribeTopic_;
+    lock.unlock();
+    return client_.unsubscribe(topic, this);
+}
+
+Error MqttDataBase::unsubscribeWait(Lock& lock) {
+    Topic const topic = subscribeTopic_;
+    lock.unlock();
+    return client_.unsubscribeWait(topic, this, PATIENCE);
+}
+
+void MqttDataBase::publish(Lock& lock) {
+    Topic topic;
+    getPublishTopic(topic);
+    std::string payload;
+    serialize(topic, payload);
+    lock.unlock();
+    client_.publish(topic, payload, qos_, retained_);
+}
+
+void MqttDataBase::publish() {
+    Lock lock(mutex_);
+    publish(lock);
+}
+
+void MqttDataBase::publishWait(Lock& lock) {
+    Topic topic;
+    getPublishTopic(topic);
+    std::string payload;
+    serialize(topic, payload);
+    lock.unlock();
+    client_.publishWait(topic, payload, qos_, retained_, PATIENCE);
+}
+
+void MqttDataBase::publishWait() {
+    Lock lock(mutex_);
+    publishWait(lock);
+}
+
+Error MqttDataBase::clean(bool wait, Lock& lock) {
+    Topic topic;
+    getPublishTopic(topic);
+    lock.unlock();
+    return wait ? client_.publishWait(topic, "", qos_, retained_, PATIENCE)
+                : client_.publish(topic, "", qos_, retained_);
+}
+
+Error MqttDataBase::clean() {
+    Lock lock(mutex_);
+    return clean(false, lock);
+}
+
+Error MqttDataBase::cleanWait() {
+    Lock lock(mutex_);
+    return clean(true, lock);
+}
+
+Error MqttDataBase::setCurrentValueAsWill() {
+    Lock lock(mutex_);
+    Topic topic;
+    getPublishTopic(topic);
+    std::string payload;
+    serialize(topic, payload);
+    lock.unlock();
+    return client_.setWill(topic, payload, qos_, retained_);
+}
+
+void MqttDataBase::getPublishTopic(Topic& topic) {
+    topic = topicBase_;
+}
+
+void MqttDataBase::getSubscribeTopic(Topic& topic) {
+    topic = topicBase_;
+}
+
+void MqttDataBase::onMqttMessage(int id, Topic const& topic, std::string const& payload) {
+    Lock lock(mutex_);
+    bool const empty = payload.empty();
+    try {
+        deserialize(topic, payload, empty);
+    } catch (std::exception const&) {
+        // Whoever published that is not ours to complain to.
+        return;
+    }
+    // This endpoint may be gone when it returns; the lock owns nothing any more by then.
+    notify(empty, id, lock);
+}
+
+} // namespace mqtt

@@ -1,0 +1,113 @@
+#pragma once
+
+#include "client/client_on_a_script.hpp"
+
+#include <mqtt/data.hpp>
+
+#include <functional>
+#include <future>
+#include <ostream>
+#include <string>
+#include <vector>
+
+/// What differs between the runs of a test, with a name for them.
+template <class Signature>
+struct Named {
+    char const* name;
+    std::function<Signature> call;
+};
+
+template <class Signature>
+void PrintTo(Named<Signature> const& named, std::ostream* out) {
+    *out << named.name;
+}
+
+template <class Parameter>
+std::string nameOf(testing::TestParamInfo<Parameter> const& instance) {
+    return instance.param.name;
+}
+
+/// An endpoint whose value is the payload itself, and that keeps what happens to it.
+class Endpoint : public mqtt::MqttDataBase {
+public:
+    using mqtt::MqttDataBase::MqttDataBase;
+    Endpoint(Endpoint const& other) = default;
+    ~Endpoint() override { release(); }
+
+    /// What the client does with a message.
+    void receive(int id, mqtt::Topic const& topic, std::string const& payload) {
+        using Raw = mqtt::MqttClient::Subscriber*;
+        // This way of casting alone passes by the privacy of the base.
+        Raw(this)->onMqttMessage(id, topic, payload);
+    }
+
+    std::string value;
+    std::vector<std::string> events;
+    std::string publishTopic, subscribeTopic; ///< "": the topic base
+    std::function<void()> whileReading, whileTelling;
+    bool releasesTheLock = true;
+
+protected:
+    void getPublishTopic(mqtt::Topic& topic) override {
+        MqttDataBase::getPublishTopic(topic);
+        if (!publishTopic.empty())
+            topic = publishTopic;
+    }
+    void getSubscribeTopic(mqtt::Topic& topic) override {
+        MqttDataBase::getSubscribeTopic(topic);
+        if (!subscribeTopic.empty())
+            topic = subscribeTopic;
+    }
+    void deserialize(mqtt::Topic const& topic, std::string const& payload, bool empty) override {
+        value = payload;
+        events.push_back("read " + topic.text() + " " + payload + (empty ? "empty" : ""));
+        if (whileReading)
+            whileReading();
+    }
+    void serialize(mqtt::Topic const& topic, std::string& payload) const override {
+        payload = value + "@" + topic.text();
+    }
+    void notify(bool empty, int id, mqtt::MqttDataBase::Lock& lock) override {
+        EXPECT_TRUE(lock.owns_lock());
+        EXPECT_EQ(lock.mutex(), &mutex());
+        events.push_back("tell " + std::to_string(id) + (empty ? " empty" : ""));
+        if (releasesTheLock)
+            lock.unlock();
+        if (whileTelling)
+            whileTelling();
+    }
+};
+
+inline bool isFree(mqtt::MqttDataBase const& endpoint) {
+    return std::async(
+               std::launch::async,
+               [&] {
+                   return mqtt::MqttDataBase::Lock(endpoint.mutex(), std::try_to_lock).owns_lock();
+               })
+        .get();
+}
+
+class AnEndpoint : public AClientOnAScript {
+protected:
+    AnEndpoint() { connect(); }
+
+    /// Delivers a message and returns when it has been dealt with.
+    void deliver(std::string const& topic, std::string const& payload) {
+        script_->deliver(topic, payload);
+        letTheStepEnd();
+    }
+
+    std::vector<std::string> topics(support::StandIn::Operation operation) const {
+        std::vector<std::string> result;
+        for (auto const& call : script_->calls(operation))
+            result.push_back(call.topic);
+        return result;
+    }
+
+    mqtt::MqttClient::Error subscribe(Endpoint& which, int id) {
+        mqtt::MqttDataBase::Lock lock(which.mutex());
+        return which.subscribe(id, lock);
+    }
+
+    Endpoint endpoint{*client_, "a/b", 2, true};
+};

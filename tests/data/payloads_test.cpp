@@ -1,0 +1,270 @@
+#include <mqtt/payloads.hpp>
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <clocale>
+#include <limits>
+#include <stdexcept>
+#include <string>
+
+namespace {
+
+using conv::CommunicationStatus;
+using conv::ComState;
+using conv::Identification;
+using conv::ServiceStatus;
+using conv::UnixTime;
+using mqtt::MqttData;
+
+template <class T>
+std::string written(T const& value) {
+    std::string payload = "what stood there before";
+    MqttData<T>::serialize("a", payload, value);
+    return payload;
+}
+
+template <class T>
+void read(T& value, std::string const& payload, bool empty = false) {
+    MqttData<T>::deserialize("a", payload, empty, value);
+}
+
+/// All members of an identification, in the order of their keys in a document.
+std::array<std::string, 10> texts(Identification const& id) {
+    return {id.uuid, id.manufacturer, id.model,   id.serial,   id.physicalName,
+            id.name, id.interface,    id.version, id.location, id.contact};
+}
+
+Identification const PUMP{"u-1",  "maker", "P7",  "0001", "left pump",
+                          "pump", "if1",   "1.2", "hall", "desk"};
+
+char const* const NO_OBJECT = "Cannot get member from a scalar or array";
+
+template <class T>
+void expectNoObject(T& value, std::string const& payload) {
+    try {
+        read(value, payload);
+        ADD_FAILURE() << "nothing was raised for " << payload;
+    } catch (std::runtime_error const& error) {
+        EXPECT_STREQ(error.what(), NO_OBJECT);
+    }
+}
+
+// Writing
+
+TEST(ACommunicationStatus, IsWrittenAsTwoBareNumbers) {
+    EXPECT_EQ(written(CommunicationStatus{ComState::CONNECTION_LOST, UnixTime(1700000000.5)}),
+              "{\n  \"state\": 3,\n  \"since\": 1700000000.5\n}");
+}
+
+TEST(ACommunicationStatus, IsWrittenWithNullForAnUnknownTime) {
+    EXPECT_EQ(written(CommunicationStatus()), "{\n  \"state\": 0,\n  \"since\": null\n}");
+}
+
+TEST(ACommunicationStatus, IsWrittenWithEveryCodeOfEightBits) {
+    EXPECT_EQ(written(CommunicationStatus{ComState{255}, UnixTime(0)}),
+              "{\n  \"state\": 255,\n  \"since\": 0\n}");
+}
+
+TEST(AnIdentification, IsWrittenAsTenTextsInTheirOrder) {
+    EXPECT_EQ(written(PUMP), "{\n"
+                             "  \"uuid\": \"u-1\",\n"
+                             "  \"manufacturer\": \"maker\",\n"
+                             "  \"model\": \"P7\",\n"
+                             "  \"serial\": \"0001\",\n"
+                             "  \"physicalName\": \"left pump\",\n"
+                             "  \"name\": \"pump\",\n"
+                             "  \"interface\": \"if1\",\n"
+                             "  \"version\": \"1.2\",\n"
+                             "  \"location\": \"hall\",\n"
+                             "  \"contact\": \"desk\"\n"
+                             "}");
+}
+
+TEST(AServiceStatus, IsWrittenAsTwoBareNumbers) {
+    EXPECT_EQ(written(ServiceStatus{1, 255}), "{\n  \"operating\": 1,\n  \"health\": 255\n}");
+    EXPECT_EQ(written(ServiceStatus()), "{\n  \"operating\": 0,\n  \"health\": 0\n}");
+}
+
+// Reading what was written
+
+TEST(ACommunicationStatus, ReadsWhatItWrote) {
+    double const moments[] = {0,
+                              -1.5,
+                              1700000000.123456,
+                              4294967295.0,
+                              std::numeric_limits<double>::max(),
+                              std::numeric_limits<double>::denorm_min()};
+    for (double const moment : moments) {
+        CommunicationStatus status;
+        read(status, written(CommunicationStatus{ComState::CONNECTED, UnixTime(moment)}));
+        EXPECT_EQ(status.state, ComState::CONNECTED);
+        EXPECT_EQ(status.since.seconds, moment);
+        EXPECT_EQ(status.since.valid, 1);
+    }
+}
+
+TEST(ACommunicationStatus, ReadsAnUnknownTimeAsSuch) {
+    CommunicationStatus status{ComState::CONNECTED, UnixTime(5)};
+    read(status, written(CommunicationStatus()));
+    EXPECT_EQ(status.state, ComState::UNKNOWN);
+    EXPECT_EQ(status.since.valid, 0);
+}
+
+TEST(AnIdentification, ReadsWhatItWrote) {
+    Identification odd = PUMP;
+    odd.name = std::string("\0\x01\"\\/\n\r\t\xc3\xa9\xff", 11);
+    odd.contact = "";
+    Identification id = PUMP;
+    read(id, written(odd));
+    EXPECT_EQ(texts(id), texts(odd));
+}
+
+TEST(AServiceStatus, ReadsWhatItWrote) {
+    for (unsigned const number : {0U, 1U, 127U, 128U, 255U}) {
+        auto const code = static_cast<unsigned char>(number);
+        ServiceStatus status;
+        read(status, written(ServiceStatus{code, static_cast<unsigned char>(255 - code)}));
+        EXPECT_EQ(status.operating, code);
+        EXPECT_EQ(status.health, 255 - code);
+    }
+}
+
+TEST(Payloads, DoNotDependOnTheLocale) {
+    for (char const* const name : {"de_DE.UTF-8", "fr_FR.UTF-8", "de_DE"})
+        if (std::setlocale(LC_ALL, name) != nullptr)
+            break;
+    CommunicationStatus status;
+    auto const text = written(CommunicationStatus{ComState::CONNECTED, UnixTime(0.5)});
+    read(status, text);
+    std::setlocale(LC_ALL, "C");
+    EXPECT_EQ(text, "{\n  \"state\": 2,\n  \"since\": 0.5\n}");
+    EXPECT_EQ(status.since.seconds, 0.5);
+}
+
+// A bad communication status
+
+class ACommunicationStatusRead : public testing::Test {
+protected:
+    void expect(ComState state, double since, int valid, std::string const& payload) {
+        CommunicationStatus status{ComState::CONNECTED, UnixTime(5)};
+        EXPECT_NO_THROW(read(status, payload)) << payload;
+        EXPECT_EQ(status.state, state) << payload;
+        EXPECT_EQ(status.since.seconds, since) << payload;
+        EXPECT_EQ(status.since.valid, valid) << payload;
+    }
+
+    /// The invalid time with this state.
+    void expectFailure(ComState state, std::string const& payload) {
+        expect(state, 4294967295.0, 0, payload);
+    }
+};
+
+TEST_F(ACommunicationStatusRead, FromAWholeDocumentTakesOverBoth) {
+    expect(ComState::CONNECTING, 7.5, 1, R"({"since":7.5,"more":[1,{}],"state":4})");
+}
+
+TEST_F(ACommunicationStatusRead, WithoutATimeHasTheInvalidOneAndTheStateReceived) {
+    expectFailure(ComState::CONNECTING, R"({"state": 4})");
+    expectFailure(ComState{200}, R"({"state": 200, "since": "now"})");
+    expectFailure(ComState::CONNECTING, R"({"state": 4, "since": {}})");
+}
+
+TEST_F(ACommunicationStatusRead, WithoutAStateKeepsTheOldOneAndSkipsTheTime) {
+    expectFailure(ComState::CONNECTED, R"({"since": 7.5})");
+    for (char const* const state : {"\"4\"", "4.0", "4e0", "true", "null", "[4]", "256", "-1"})
+        expectFailure(ComState::CONNECTED,
+                      std::string(R"({"state": )") + state + R"(, "since": 7.5})");
+}
+
+TEST_F(ACommunicationStatusRead, FromWhatIsNoObjectHasTheInvalidTime) {
+    for (char const* const payload : {"[]", "4", "null", "\"state\"", "{", "x", "{} {}", " "})
+        expectFailure(ComState::CONNECTED, payload);
+}
+
+TEST_F(ACommunicationStatusRead, FromNothingIsUnchanged) {
+    CommunicationStatus status{ComState::CONNECTED, UnixTime(5)};
+    read(status, "", true);
+    read(status, R"({"state": 4})", true);
+    EXPECT_EQ(status.state, ComState::CONNECTED);
+    EXPECT_EQ(status.since.seconds, 5);
+    EXPECT_EQ(status.since.valid, 1);
+}
+
+// A bad identification
+
+TEST(AnIdentificationRead, FromOneNameChangesOnlyThat) {
+    auto id = PUMP;
+    read(id, R"({"name": "valve"})");
+    auto expected = PUMP;
+    expected.name = "valve";
+    EXPECT_EQ(texts(id), texts(expected));
+}
+
+TEST(AnIdentificationRead, TriesEachKeyOnItsOwn) {
+    auto id = PUMP;
+    read(id, R"({"uuid": 1, "manufacturer": "m", "model": null, "serial": "\ud800",
+                 "physicalName": [], "interface": {}, "version": "2", "contact": ""})");
+    auto expected = PUMP;
+    expected.manufacturer = "m";
+    expected.version = "2";
+    expected.contact = "";
+    EXPECT_EQ(texts(id), texts(expected));
+}
+
+TEST(AnIdentificationRead, FromWhatIsNoObjectIsUnchanged) {
+    for (char const* const payload :
+         {"[\"name\"]", "[{\"name\": \"x\"}]", "4", "null", "{", "x", "{\"name\": \"x\"}}"}) {
+        auto id = PUMP;
+        EXPECT_NO_THROW(read(id, payload)) << payload;
+        EXPECT_EQ(texts(id), texts(PUMP)) << payload;
+    }
+}
+
+TEST(AnIdentificationRead, FromNothingIsUnchanged) {
+    auto id = PUMP;
+    read(id, "", true);
+    read(id, R"({"name": "valve"})", true);
+    EXPECT_EQ(texts(id), texts(PUMP));
+}
+
+// A bad service status
+
+TEST(AServiceStatusRead, WithoutHealthHasTakenOverOperatingWhenItFails) {
+    for (char const* const health :
+         {"", ", \"health\": \"2\"", ", \"health\": 256", ", \"health\": 2.0"}) {
+        ServiceStatus status{1, 2};
+        auto const payload = std::string(R"({"operating": 9)") + health + "}";
+        EXPECT_THROW(read(status, payload), std::logic_error) << payload;
+        EXPECT_EQ(status.operating, 9) << payload;
+        EXPECT_EQ(status.health, 2) << payload;
+    }
+}
+
+TEST(AServiceStatusRead, WithoutOperatingIsUnchanged) {
+    ServiceStatus status{1, 2};
+    EXPECT_THROW(read(status, R"({"health": 9})"), std::out_of_range);
+    EXPECT_THROW(read(status, R"({"operating": "9", "health": 9})"), std::invalid_argument);
+    EXPECT_THROW(read(status, R"({"operating": 256, "health": 9})"), std::out_of_range);
+    EXPECT_THROW(read(status, R"({"operating": -1, "health": 9})"), std::out_of_range);
+    EXPECT_EQ(status.operating, 1);
+    EXPECT_EQ(status.health, 2);
+}
+
+TEST(AServiceStatusRead, FromWhatIsNoObjectFailsInTheseWords) {
+    ServiceStatus status{1, 2};
+    for (char const* const payload : {"[]", "4", "null", "\"x\"", "{", "x", " "})
+        expectNoObject(status, payload);
+    EXPECT_EQ(status.operating, 1);
+    EXPECT_EQ(status.health, 2);
+}
+
+TEST(AServiceStatusRead, FromNothingIsUnchanged) {
+    ServiceStatus status{1, 2};
+    read(status, "", true);
+    read(status, R"({"operating": 9, "health": 9})", true);
+    EXPECT_EQ(status.operating, 1);
+    EXPECT_EQ(status.health, 2);
+}
+
+} // namespace
