@@ -1,0 +1,173 @@
+// How requests and replies travel: their topics and their JSON envelope.
+
+#include "requestreply/messages.hpp"
+
+#include <array>
+#include <cstdio>
+#include <stdexcept>
+#include <typeinfo>
+
+namespace mqtt {
+
+namespace {
+
+using zym::common::Uuid;
+using zym::common::lwjson::Deserializer;
+using zym::common::lwjson::Serializer;
+using Request = RequestReply::Request;
+using Reply = RequestReply::Reply;
+
+constexpr int QOS = 2;
+constexpr bool RETAINED = false;
+
+/// Of the segment that ends a request's topic, before the client's, this much is the suffix.
+std::size_t const SUFFIX_LENGTH = std::char_traits<char>::length(REQUEST_SUFFIX);
+
+Topic prefix(Topic const& base, Request const& message, char const* suffix) {
+    Topic topic = base;
+    if (!message.serverUuid.isNil())
+        topic += message.serverUuid;
+    topic += message.topic;
+    topic += message.name + suffix;
+    return topic;
+}
+
+/// Exactly the type without members: one derived from it may have some.
+bool hasMembers(Request const& message) {
+    if (!message.data)
+        return false;
+    auto const& data = *message.data;
+    return typeid(data) != typeid(RequestReplyNoData);
+}
+
+void appendNumber(Serializer& out, char const* key, char const* format, unsigned int number) {
+    std::array<char, 16> text{};
+    std::snprintf(text.data(), text.size(), format, number);
+    out.appendKey(key);
+    out.appendValue(text.data());
+}
+
+void appendRest(Serializer& out, Request const& message) {
+    if (hasMembers(message))
+        message.data->serialize(out);
+    out.finalize();
+}
+
+} // namespace
+
+char const* const REQUEST_SUFFIX = "?\?";
+char const* const REPLY_SUFFIX = "?=";
+
+Topic requestPrefix(Topic const& base, Request const& request) {
+    return prefix(base, request, REQUEST_SUFFIX);
+}
+
+template <>
+MqttData<Request>::MqttData(MqttClient& client, Topic const& topic)
+    : MqttDataBase(client, topic, QOS, RETAINED) {}
+
+template <>
+void MqttData<Request>::getPublishTopic(Topic& topic) {
+    topic = requestPrefix(topicBase(), value) + value.clientUuid;
+}
+
+template <>
+void MqttData<Request>::getSubscribeTopic(Topic& topic) {
+    topic = requestPrefix(topicBase(), value) + "+";
+}
+
+template <>
+void MqttData<Request>::serialize(Topic const& /*topic*/, std::string& payload,
+                                  Request const& value) {
+    Serializer out(payload);
+    appendNumber(out, "$reqId", "%u", value.requestId);
+    appendRest(out, value);
+}
+
+template <>
+void MqttData<Request>::deserialize(Topic const& topic, std::string const& payload, bool empty,
+                                    Request& value) {
+    if (empty)
+        return;
+    auto const levels = topic.size();
+    if (levels < 2 || topic[levels - 2].size() < SUFFIX_LENGTH)
+        throw std::out_of_range("No request has such a topic");
+    Deserializer in(payload);
+    Request request(value);
+    request.clientUuid = Uuid(topic[levels - 1]);
+    request.name = topic[levels - 2];
+    request.name.resize(request.name.size() - SUFFIX_LENGTH);
+    Deserializer::extractValue(in.getMember("$reqId"), request.requestId, "");
+    if (hasMembers(request))
+        request.data->deserialize(in);
+    value = request;
+}
+
+template <>
+MqttData<Reply>::MqttData(MqttClient& client, Topic const& topic)
+    : MqttDataBase(client, topic, QOS, RETAINED) {}
+
+template <>
+void MqttData<Reply>::getPublishTopic(Topic& topic) {
+    topic = prefix(topicBase(), value, REPLY_SUFFIX) + value.clientUuid;
+}
+
+template <>
+void MqttData<Reply>::getSubscribeTopic(Topic& topic) {
+    getPublishTopic(topic);
+}
+
+template <>
+void MqttData<Reply>::serialize(Topic const& /*topic*/, std::string& payload, Reply const& value) {
+    Serializer out(payload);
+    appendNumber(out, "$reqId", "%u", value.requestId);
+    appendNumber(out, "$err", "%d", static_cast<unsigned int>(value.error));
+    appendRest(out, value);
+}
+
+template <>
+void MqttData<Reply>::deserialize(Topic const& /*topic*/, std::string const& payload, bool empty,
+                                  Reply& value) {
+    if (empty)
+        return;
+    Deserializer in(payload);
+    Reply reply(value);
+    Deserializer::extractValue(in.getMember("$reqId"), reply.requestId, "");
+    unsigned char error = 0;
+    Deserializer::extractValue(in.getMember("$err"), error, "");
+    reply.error = static_cast<RequestReply::ErrorCode>(error);
+    if (hasMembers(reply)) {
+        try {
+            reply.data->deserialize(in);
+        } catch (std::exception const&) {
+            // A time-out reply has no payload: its code has to get through all the same.
+        }
+    }
+    value = reply;
+}
+
+template class MqttData<Request>;
+template class MqttData<Reply>;
+
+RequestReplyData::~RequestReplyData() = default;
+RequestReplyNoData::~RequestReplyNoData() = default;
+void RequestReplyNoData::deserialize(Deserializer& /*in*/) {}
+void RequestReplyNoData::serialize(Serializer& /*out*/) const {}
+RequestReply::Request::~Request() = default;
+RequestReply::Reply::~Reply() = default;
+
+RequestReply::RequestReply(MqttClient& client, Topic const& base, Topic const& subPath,
+                           std::string const& name)
+    : name_(name), topic_(subPath), requests_(client, base), replies_(client, base) {
+    // Only an outer "/" is found by this. With an inner one the server answers under the last
+    // level of the name, and requests end by time-out.
+    if (Topic(name).text() != name)
+        throw std::invalid_argument("Invalid Request/Reply name; should not contain any of '/'.");
+}
+
+RequestReply::~RequestReply() {
+    replies_.unsubscribe();
+    requests_.unsubscribe();
+}
+
+} // namespace mqtt

@@ -1,0 +1,76 @@
+#include "mqtt/request_reply.hpp"
+#include "requestreply/messages.hpp"
+
+namespace mqtt {
+
+RequestReplyServer::RequestReplyServer(MqttClient& client, Topic const& base, Topic const& subPath,
+                                       std::string const& name)
+    : RequestReply(client, base, subPath, name), alive_(std::make_shared<char>()) {}
+
+RequestReplyServer::~RequestReplyServer() {
+    unsubscribe();
+    // A request being handled still needs what follows this.
+    requests().release();
+}
+
+MqttClient::Error RequestReplyServer::subscribe(Listener* listener,
+                                                zym::common::Uuid const& serverUuid,
+                                                std::shared_ptr<RequestReplyData> requestData) {
+    Request prototype;
+    prototype.topic = topic();
+    prototype.name = name();
+    prototype.serverUuid = serverUuid;
+    prototype.data = std::move(requestData);
+    MqttDataBase::Lock lock(requests().mutex());
+    requests().value = prototype;
+    listener_ = listener;
+    requests().subscriber = this;
+    return requests().subscribe(0, lock);
+}
+
+MqttClient::Error RequestReplyServer::unsubscribe() {
+    auto const result = requests().unsubscribe();
+    listener_ = nullptr;
+    return result;
+}
+
+MqttClient::Error RequestReplyServer::unsubscribeWait() {
+    MqttDataBase::Lock lock(requests().mutex());
+    requests().subscriber = nullptr;
+    auto const result = requests().unsubscribeWait(lock);
+    listener_ = nullptr;
+    return result;
+}
+
+Topic RequestReplyServer::requestTopic() const {
+    Request prototype;
+    Topic base;
+    {
+        MqttDataBase::Lock const lock(requests().mutex());
+        prototype = requests().value;
+        base = requests().topicBase();
+    }
+    return requestPrefix(base, prototype);
+}
+
+void RequestReplyServer::onMqttData(Request const& request, bool empty, int /*id*/) {
+    if (empty)
+        return;
+    Reply reply(request);
+    reply.error = ErrorCode::NO_LISTENER;
+    reply.data = nullptr;
+    if (auto* const listener = listener_.load()) {
+        std::weak_ptr<void> const alive = alive_;
+        RequestReplyData const& data = request.data ? *request.data : *NO_DATA;
+        reply.error = ErrorCode::SUCCESS;
+        reply.data = listener->onRequest(request.name, request.clientUuid, request.serverUuid, data,
+                                         reply.error);
+        if (alive.expired())
+            return;
+    }
+    MqttDataBase::Lock lock(replies().mutex());
+    replies().value = reply;
+    replies().publish(lock);
+}
+
+} // namespace mqtt

@@ -1,0 +1,252 @@
+#pragma once
+
+#include "requestreply/sample_data.hpp"
+#include "support/broker.hpp"
+#include "support/raw_peer.hpp"
+#include "support/test_client.hpp"
+#include "support/watched.hpp"
+
+#include <mqtt/request_reply.hpp>
+
+#include <gmock/gmock.h>
+
+#include <algorithm>
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+using Code = mqtt::RequestReply::ErrorCode;
+
+/// An error code of the service's own.
+constexpr Code FAILURE_OF_THE_SERVICE{17};
+/// Far longer than any test takes, but not without limit.
+constexpr std::uint32_t AN_HOUR = 3600;
+/// Long enough to see that something does not happen; it never makes a right client fail.
+constexpr std::chrono::milliseconds A_WHILE{300};
+
+inline std::ostream& operator<<(std::ostream& out, zym::common::Uuid const& id) {
+    return out << id.to_string();
+}
+
+/// One call of a listener.
+struct Call {
+    unsigned int requestId;
+    std::string name;
+    zym::common::Uuid clientUuid;
+    zym::common::Uuid serverUuid;
+    mqtt::RequestReplyData const* data;
+    Code error;
+    std::thread::id thread;
+};
+
+/// A listener that keeps what it is told. Declare it before the client.
+class ReplyRecorder : public mqtt::RequestReplyClient::Listener {
+public:
+    using Hook = std::function<void(Call const&)>;
+
+    /// @param hook called within every call, after it was kept; only locals of it are touched
+    ///        afterwards
+    explicit ReplyRecorder(Hook hook = {}) : hook_(std::move(hook)) {}
+    virtual ~ReplyRecorder() = default;
+
+    std::vector<Call> calls() const { return calls_.copy(); }
+    std::size_t count() const { return calls().size(); }
+    bool waitForCount(std::size_t count,
+                      std::chrono::milliseconds deadline = support::DEADLINE) const {
+        return calls_.waitFor([&](auto const& calls) { return calls.size() >= count; }, deadline);
+    }
+    std::vector<Code> errors() const {
+        std::vector<Code> errors;
+        for (auto const& call : calls())
+            errors.push_back(call.error);
+        return errors;
+    }
+
+    void onReply(unsigned int requestId, std::string const& name,
+                 zym::common::Uuid const& clientUuid, zym::common::Uuid const& serverUuid,
+                 mqtt::RequestReplyData const& data, Code error) override {
+        Call const call{
+            requestId, name, clientUuid, serverUuid, &data, error, std::this_thread::get_id()};
+        calls_.change([&](auto& calls) { calls.push_back(call); });
+        if (hook_)
+            hook_(call);
+    }
+
+private:
+    support::Watched<std::vector<Call>> calls_;
+    Hook hook_;
+};
+
+/// The topic of the reply to a request, in words of a stranger.
+inline std::string replyTopicFor(std::string topic) {
+    auto const suffix = topic.rfind("?\?/");
+    return topic.replace(suffix, 2, "?=");
+}
+
+/// The identifier in a message, in words of a stranger.
+inline unsigned int idIn(std::string const& payload) {
+    std::string const key = "\"$reqId\": ";
+    return static_cast<unsigned int>(std::stoul(payload.substr(payload.find(key) + key.size())));
+}
+
+inline std::string replyText(unsigned int requestId, int error, std::string const& members = "") {
+    return "{\"$reqId\": " + std::to_string(requestId) + ", \"$err\": " + std::to_string(error)
+           + (members.empty() ? "" : ", ") + members + "}";
+}
+
+/// Returns when the next request will have another identifier than one made before: they are
+/// told apart by the millisecond.
+inline void awaitNextIdentifier() {
+    auto const now = [] {
+        return std::chrono::duration_cast<std::chrono::milliseconds>(
+            std::chrono::steady_clock::now().time_since_epoch());
+    };
+    auto const before = now();
+    while (now() == before)
+        std::this_thread::yield();
+}
+
+/// Answers every request below svc/ with whatever the test likes, and knows nothing of our code.
+class RawServer {
+public:
+    /// Makes the payloads to send on the reply topic, in this order, of that of the request.
+    using Answer = std::function<std::vector<std::string>(std::string const& request)>;
+
+    RawServer(support::Broker const& broker, Answer answer)
+        : answer_(std::move(answer)),
+          peer_(broker),
+          end_("end-of-server/" + support::uniqueId().to_string()) {
+        peer_.subscribe("svc/+/+/+");
+        peer_.subscribe(end_);
+        thread_ = std::thread([this] { run(); });
+    }
+    ~RawServer() {
+        peer_.post(end_, "now");
+        thread_.join();
+    }
+    RawServer(RawServer const&) = delete;
+    RawServer& operator=(RawServer const&) = delete;
+
+private:
+    void run() {
+        for (std::size_t next = 0;; ++next) {
+            support::Message message;
+            peer_.waitFor(
+                [&](auto const& all) {
+                    if (all.size() > next)
+                        message = all[next];
+                    return all.size() > next;
+                },
+                std::chrono::hours(1));
+            if (message.topic == end_)
+                return;
+            if (message.topic.find("?\?/") != std::string::npos)
+                for (auto const& reply : answer_(message.payload))
+                    peer_.post(replyTopicFor(message.topic), reply);
+        }
+    }
+
+    Answer answer_;
+    support::RawPeer peer_;
+    std::string end_;
+    std::thread thread_;
+};
+
+/// A client of the service "sync" below svc/time, on a broker with a stranger who sees all.
+class ClientOnABroker : public testing::Test {
+protected:
+    using Client = mqtt::RequestReplyClient;
+    using Uuid = zym::common::Uuid;
+
+    ClientOnABroker() {
+        peer.subscribe("svc/#");
+        client = makeClient();
+    }
+
+    static support::BrokerOptions quick() {
+        support::BrokerOptions options;
+        options.nodelay = true;
+        return options;
+    }
+
+    std::unique_ptr<Client> makeClient(std::string const& name = "sync") {
+        return std::make_unique<Client>(*mqtt, "svc", "time", name);
+    }
+
+    /// Sends a request with the number 7, for a reply that goes to `replyData`.
+    Code request(conv::SecondsDuration const& timeout = AN_HOUR) {
+        return client->request(&recorder, id, Uuid::NIL, std::make_shared<NumberData>(7), replyData,
+                               &requestId, timeout);
+    }
+
+    Code requestWait(conv::SecondsDuration const& timeout = AN_HOUR) {
+        return client->requestWait(id, Uuid::NIL, std::make_shared<NumberData>(7), replyData,
+                                   timeout);
+    }
+
+    std::string requestTopic() const { return "svc/time/sync?\?/" + id.base64URL(); }
+    std::string replyTopic() const { return "svc/time/sync?=/" + id.base64URL(); }
+
+    /// Returns when the broker has our last request, and so the subscription before it too.
+    void awaitRequest() {
+        EXPECT_TRUE(peer.waitFor([&](auto const& all) {
+            return std::any_of(all.begin(), all.end(), [&](auto const& message) {
+                return message.topic.find("?\?/") != std::string::npos
+                       && idIn(message.payload) == requestId;
+            });
+        }));
+    }
+
+    /// Returns when the broker knows all subscriptions that were made through this.
+    static void settle(mqtt::MqttClient& through) {
+        EXPECT_EQ(through.publishWait("settled", "", 1, false, 30),
+                  mqtt::MqttClient::Error::SUCCESS);
+    }
+
+    void reply(std::string const& payload) {
+        awaitRequest();
+        peer.publish(replyTopic(), payload);
+    }
+
+    /// What the broker has carried below svc/ so far, and what our client has sent before.
+    support::RawPeer::Messages seen() {
+        auto const marker = "svc/marker/" + std::to_string(++markers);
+        EXPECT_EQ(mqtt->publish(marker, "x", 2, false), mqtt::MqttClient::Error::SUCCESS);
+        EXPECT_TRUE(peer.waitFor(
+            [&](auto const& all) { return !all.empty() && all.back().topic == marker; }));
+        support::RawPeer::Messages messages;
+        for (auto const& message : peer.messages())
+            if (message.topic.rfind("svc/marker/", 0) != 0)
+                messages.push_back(message);
+        return messages;
+    }
+
+    /// Waits until our client has dealt with all that was published before.
+    void receiveAll() {
+        support::Watched<int> received;
+        struct Probe : mqtt::MqttClient::Subscriber {
+            explicit Probe(support::Watched<int>& target) : target_(target) {}
+            void onMqttMessage(int, mqtt::Topic const&, std::string const&) override {
+                target_.change([](int& count) { ++count; });
+            }
+            support::Watched<int>& target_;
+        } probe(received);
+        ASSERT_EQ(mqtt->subscribe("probe", &probe, 0), mqtt::MqttClient::Error::SUCCESS);
+        ASSERT_EQ(mqtt->publish("probe", "x", 2, false), mqtt::MqttClient::Error::SUCCESS);
+        EXPECT_TRUE(received.waitFor([](int count) { return count > 0; }));
+        mqtt->release(&probe);
+    }
+
+    support::Broker broker{quick()};
+    support::RawPeer peer{broker};
+    ReplyRecorder recorder;
+    std::unique_ptr<mqtt::MqttClient> mqtt = support::testClient(broker);
+    Uuid id = support::uniqueId();
+    std::shared_ptr<NumberData> replyData = std::make_shared<NumberData>();
+    unsigned int requestId = 0;
+    int markers = 0;
+    std::unique_ptr<Client> client;
+};

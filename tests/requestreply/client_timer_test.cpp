@@ -1,0 +1,144 @@
+// The client and its timer, in moments that are rare with a real one.
+
+#include "requestreply/client_frame.hpp"
+#include "requestreply/hand_driven_timer.hpp"
+#include "requestreply/sleeper.hpp"
+
+#include <atomic>
+#include <chrono>
+
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+using std::chrono::steady_clock;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+constexpr auto WITHOUT_LIMIT = UINT32_MAX;
+
+class AClientWithATimerInOurHand : public ClientOnABroker {
+protected:
+    AClientWithATimerInOurHand() { hand_driven_timer::reset(); }
+    ~AClientWithATimerInOurHand() override { hand_driven_timer::reset(); }
+};
+
+TEST_F(AClientWithATimerInOurHand, ArmsItForTheTimeOutInMilliseconds) {
+    for (std::uint32_t const timeout : {0U, 1U, 3600U, WITHOUT_LIMIT - 1}) {
+        ASSERT_EQ(request(timeout), Code::PENDING);
+        auto const record = hand_driven_timer::record();
+        EXPECT_TRUE(record.armed);
+        EXPECT_FALSE(record.once);
+        EXPECT_EQ(record.period, seconds(timeout));
+        client->cancel();
+        EXPECT_FALSE(hand_driven_timer::record().armed);
+    }
+}
+
+TEST_F(AClientWithATimerInOurHand, ArmsNothingWithoutLimit) {
+    ASSERT_EQ(request(WITHOUT_LIMIT), Code::PENDING);
+    EXPECT_EQ(hand_driven_timer::record().restarts, 0);
+}
+
+TEST_F(AClientWithATimerInOurHand, ArmsNothingWhenItWaitsItself) {
+    EXPECT_EQ(requestWait(1), Code::TIMEOUT);
+    EXPECT_EQ(hand_driven_timer::record().restarts, 0);
+    EXPECT_THAT(seen(), SizeIs(1)) << "only the request, and no time-out reply";
+}
+
+TEST_F(AClientWithATimerInOurHand, ArmsNothingForWhatItRefuses) {
+    ASSERT_EQ(request(WITHOUT_LIMIT), Code::PENDING);
+    EXPECT_EQ(request(1), Code::BUSY);
+    client->terminate();
+    EXPECT_EQ(request(1), Code::CANCELLED);
+    EXPECT_EQ(hand_driven_timer::record().restarts, 0);
+    EXPECT_EQ(hand_driven_timer::record().terminations, 1);
+}
+
+TEST_F(AClientWithATimerInOurHand, StopsItWithTheReply) {
+    ASSERT_EQ(request(), Code::PENDING);
+    reply(replyText(requestId, 1));
+    ASSERT_TRUE(recorder.waitForCount(1));
+    EXPECT_FALSE(hand_driven_timer::record().armed);
+}
+
+TEST_F(AClientWithATimerInOurHand, PublishesNoTimeOutReplyOfTheNextRequest) {
+    ASSERT_EQ(request(0), Code::PENDING);
+    client->cancel();
+    for (std::uint32_t const timeout : {AN_HOUR, WITHOUT_LIMIT}) {
+        ASSERT_EQ(request(timeout), Code::PENDING);
+        // Of the first request: the timer's thread was slow.
+        hand_driven_timer::expire();
+        receiveAll();
+        EXPECT_EQ(request(), Code::BUSY);
+        client->cancel();
+    }
+    for (auto const& message : seen())
+        EXPECT_EQ(message.topic, requestTopic());
+    EXPECT_THAT(recorder.errors(), ElementsAre(Code::CANCELLED, Code::CANCELLED, Code::CANCELLED));
+}
+
+TEST_F(AClientWithATimerInOurHand, IgnoresTheLateTimeOutReplyOfAnEarlierRequest) {
+    ASSERT_EQ(request(0), Code::PENDING);
+    auto const first = requestId;
+    client->cancel();
+    hand_driven_timer::expire();
+    awaitNextIdentifier();
+    ASSERT_EQ(request(), Code::PENDING);
+    reply(replyText(first, 3));
+    receiveAll();
+    EXPECT_EQ(client->request(nullptr, id, Uuid::NIL, nullptr, nullptr, nullptr, 0), Code::BUSY);
+    reply(replyText(requestId, 1));
+    ASSERT_TRUE(recorder.waitForCount(2));
+    EXPECT_THAT(recorder.errors(), ElementsAre(Code::CANCELLED, Code::SUCCESS));
+}
+
+TEST_F(AClientWithATimerInOurHand, TellsWaiterAndListenerDifferentThingsWhenTheWaiterIsLate) {
+    ASSERT_EQ(request(WITHOUT_LIMIT), Code::PENDING);
+    Code result = Code::NONE;
+    Sleeper waiter([&] { result = client->waitEndOfRequest(2); });
+    ASSERT_TRUE(waiter.fallsAsleep());
+    hand_driven_timer::onStop([] {
+        // The request has ended, and the one who waits cannot know before this is over.
+        auto const deadline = steady_clock::now() + seconds(2);
+        EXPECT_TRUE(support::eventually([&] { return steady_clock::now() > deadline; }));
+        hand_driven_timer::onStop(nullptr);
+    });
+    reply(replyText(requestId, 17));
+    waiter.join();
+    EXPECT_EQ(result, Code::TIMEOUT);
+    ASSERT_TRUE(recorder.waitForCount(1));
+    EXPECT_THAT(recorder.errors(), ElementsAre(FAILURE_OF_THE_SERVICE));
+}
+
+TEST_F(AClientWithATimerInOurHand, LeavesTheNextRequestToItselfWhenTheWaiterIsLate) {
+    ReplyRecorder next;
+    unsigned int nextId = 0;
+    ReplyRecorder first([&](Call const&) {
+        EXPECT_EQ(client->request(&next, id, Uuid::NIL, nullptr, replyData, &nextId, WITHOUT_LIMIT),
+                  Code::PENDING);
+    });
+    ASSERT_EQ(client->request(&first, id, Uuid::NIL, nullptr, replyData, &requestId, WITHOUT_LIMIT),
+              Code::PENDING);
+    Code result = Code::NONE;
+    Sleeper waiter([&] { result = client->waitEndOfRequest(2); });
+    ASSERT_TRUE(waiter.fallsAsleep());
+    hand_driven_timer::onStop([] {
+        auto const deadline = steady_clock::now() + seconds(2);
+        EXPECT_TRUE(support::eventually([&] { return steady_clock::now() > deadline; }));
+        hand_driven_timer::onStop(nullptr);
+    });
+    reply(replyText(requestId, 17));
+    waiter.join();
+    EXPECT_EQ(result, Code::TIMEOUT);
+    ASSERT_TRUE(peer.waitForMessages(3));
+    EXPECT_THAT(next.calls(), IsEmpty());
+    requestId = idIn(peer.payloads()[2]);
+    reply(replyText(requestId, 1));
+    ASSERT_TRUE(next.waitForCount(1));
+    EXPECT_THAT(first.errors(), ElementsAre(FAILURE_OF_THE_SERVICE));
+    EXPECT_THAT(next.errors(), ElementsAre(Code::SUCCESS));
+}
+
+} // namespace

@@ -1,0 +1,50 @@
+#pragma once
+
+#include <mqtt/request_reply.hpp>
+
+#include <memory>
+#include <string>
+
+/// A payload of one number, which must be there.
+class NumberData : public mqtt::RequestReplyData {
+public:
+    explicit NumberData(unsigned int initial = 0) : number(initial) {}
+
+    void deserialize(zym::common::lwjson::Deserializer& in) override {
+        zym::common::lwjson::Deserializer::extractValue(in.getMember("number"), number, "");
+    }
+    void serialize(zym::common::lwjson::Serializer& out) const override {
+        out.appendKey("number");
+        out.appendValue(std::to_string(number).c_str());
+    }
+
+    unsigned int number;
+};
+
+/// A payload of one text, which must be there.
+class TextData : public mqtt::RequestReplyData {
+public:
+    explicit TextData(std::string initial = "") : text(std::move(initial)) {}
+
+    void deserialize(zym::common::lwjson::Deserializer& in) override {
+        zym::common::lwjson::Deserializer::extractValue(in.getMember("text"), text, "");
+    }
+    void serialize(zym::common::lwjson::Serializer& out) const override {
+        out.appendKey("text");
+        out.addValue(text);
+    }
+
+    std::string text;
+};
+
+/// Takes itself for part of the envelope.
+class MeddlesomeData : public mqtt::RequestReplyData {
+public:
+    void deserialize(zym::common::lwjson::Deserializer& /*in*/) override {}
+    void serialize(zym::common::lwjson::Serializer& out) const override {
+        out.appendKey("$reqId");
+        out.appendValue("99");
+        out.appendKey("$err");
+        out.appendValue("1");
+    }
+};
