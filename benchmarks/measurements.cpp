@@ -42,17 +42,34 @@ std::uint64_t messagesAt(int qos, Effort const& effort) {
 /// The broker throws QoS 0 messages away when a subscriber falls too far behind, so only
 /// a window of them is on its way. The wait is for half a window, lest everything come to
 /// a stop and be woken up again all the time.
-void publishAll(Publisher& publisher, Tally& received, std::string const& payload, int qos,
-                Effort const& effort) {
-    std::uint64_t const half = std::max(effort.window / 2, 1U);
-    std::uint64_t const messages = messagesAt(qos, effort);
+template <typename Send>
+void publishAll(Send send, Tally& received, std::uint64_t messages, unsigned window) {
+    std::uint64_t const half = std::max(window / 2, 1U);
     for (std::uint64_t sent = 0; sent < messages; ++sent) {
         if (sent >= 2 * half && sent % half == 0) {
             received.waitFor(sent - half);
         }
-        publisher.publish(payload, qos);
+        send();
     }
     received.waitFor(messages);
+}
+
+template <typename Send>
+std::vector<Figure> timeAll(Send send, Tally& received, BrokerProcess const& broker,
+                            std::uint64_t messages, unsigned window) {
+    CpuTimes const before = cpuTimes(received, broker);
+    auto const start = Clock::now();
+    publishAll(send, received, messages, window);
+    double const seconds = secondsSince(start);
+    CpuTimes const after = cpuTimes(received, broker);
+    auto const count = static_cast<double>(messages);
+    auto const each = [count](double from, double to) {
+        return (to - from) / count * MICROSECONDS;
+    };
+    return {{"throughput", "msg/s", count / seconds},
+            {"publisher CPU", "us/msg", each(before.publisher, after.publisher)},
+            {"subscriber CPU", "us/msg", each(before.subscriber, after.subscriber)},
+            {"broker CPU", "us/msg", each(before.broker, after.broker)}};
 }
 
 std::vector<Figure> throughput(Party& party, BrokerProcess const& broker, int qos, std::size_t size,
@@ -61,19 +78,19 @@ std::vector<Figure> throughput(Party& party, BrokerProcess const& broker, int qo
     auto const subscriber = party.makeSubscriber(broker.port(), TOPIC, received);
     auto const publisher = party.makePublisher(broker.port(), TOPIC);
     std::string const payload(size, 'x');
-    CpuTimes const before = cpuTimes(received, broker);
-    auto const start = Clock::now();
-    publishAll(*publisher, received, payload, qos, effort);
-    double const seconds = secondsSince(start);
-    CpuTimes const after = cpuTimes(received, broker);
-    auto const messages = static_cast<double>(messagesAt(qos, effort));
-    auto const each = [messages](double from, double to) {
-        return (to - from) / messages * MICROSECONDS;
-    };
-    return {{"throughput", "msg/s", messages / seconds},
-            {"publisher CPU", "us/msg", each(before.publisher, after.publisher)},
-            {"subscriber CPU", "us/msg", each(before.subscriber, after.subscriber)},
-            {"broker CPU", "us/msg", each(before.broker, after.broker)}};
+    return timeAll([&] { publisher->publish(payload, qos); }, received, broker,
+                   messagesAt(qos, effort), effort.window);
+}
+
+/// Typed values are retained: with a topic of its own no run meets the last value of another.
+std::vector<Figure> valueThroughput(Party& party, BrokerProcess const& broker, Document document,
+                                    Effort const& effort) {
+    static unsigned runs = 0;
+    std::string const topic = "bench/device" + std::to_string(++runs);
+    Tally received;
+    auto const subscriber = party.makeValueSubscriber(broker.port(), topic, document, received);
+    auto const publisher = party.makeValuePublisher(broker.port(), topic, document);
+    return timeAll([&] { publisher->publish(); }, received, broker, effort.messages, effort.window);
 }
 
 /// Repeats until there are enough samples or enough time has gone by: one sample takes from
@@ -113,6 +130,11 @@ std::vector<Figure> exchanges(Party& party, BrokerProcess const& broker, Effort 
     return latencies(effort, [&] { exchange(*dialogue, payload); });
 }
 
+std::vector<Figure> requests(Party& party, BrokerProcess const& broker, Effort const& effort) {
+    auto const requester = party.makeRequester(broker.port());
+    return latencies(effort, [&] { requester->request(); });
+}
+
 std::vector<Figure> connecting(Party& party, BrokerProcess const& broker, Effort const& effort) {
     auto const caller = party.makeCaller(broker.port());
     std::vector<double> connects;
@@ -143,6 +165,12 @@ Measurement throughputOf(int qos, std::size_t size, Effort const& effort) {
             }};
 }
 
+Measurement valueThroughputOf(char const* name, Document document, Effort const& effort) {
+    return {name, [=](Party& party, BrokerProcess const& broker) {
+                return valueThroughput(party, broker, document, effort);
+            }};
+}
+
 Measurement acknowledgementOf(int qos, Effort const& effort) {
     return {"acknowledge-qos" + std::to_string(qos),
             [=](Party& party, BrokerProcess const& broker) {
@@ -159,6 +187,8 @@ std::vector<Measurement> allMeasurements(Effort const& effort) {
             all.push_back(throughputOf(qos, size, effort));
         }
     }
+    all.push_back(valueThroughputOf("values-communication", Document::COMMUNICATION, effort));
+    all.push_back(valueThroughputOf("values-identification", Document::IDENTIFICATION, effort));
     all.push_back(acknowledgementOf(1, effort));
     all.push_back(acknowledgementOf(2, effort));
     using Payload = std::string const&;
@@ -168,6 +198,9 @@ std::vector<Measurement> allMeasurements(Effort const& effort) {
                              [](Dialogue& dialogue, Payload text) { dialogue.ask(text, 4); }));
     all.push_back(exchangeOf("subscribe-and-ask", effort,
                              [](Dialogue& dialogue, Payload text) { dialogue.askAnew(text); }));
+    all.push_back({"request-reply", [effort](Party& party, BrokerProcess const& broker) {
+                       return requests(party, broker, effort);
+                   }});
     all.push_back({"connect", [effort](Party& party, BrokerProcess const& broker) {
                        return connecting(party, broker, effort);
                    }});

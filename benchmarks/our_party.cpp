@@ -1,54 +1,11 @@
+#include "our_client.hpp"
+#include "our_typed.hpp"
 #include "party.hpp"
 
 #include <mqtt/client.hpp>
 
-#include <sstream>
-#include <stdexcept>
-
 namespace bench {
 namespace {
-
-constexpr std::uint32_t PATIENCE = 60;
-
-void require(mqtt::MqttClient::Error result, char const* what) {
-    if (result != mqtt::MqttClient::Error::SUCCESS) {
-        std::ostringstream text;
-        text << "our " << what << ": " << result;
-        throw std::runtime_error(text.str());
-    }
-}
-
-zym::common::Uuid nextId() {
-    static unsigned long long last = 0;
-    return zym::common::Uuid(++last);
-}
-
-/// A client that is disconnected in good order before it goes.
-class OurClient {
-public:
-    explicit OurClient(int port)
-        : port_(port), client_(nextId(), false, "", BROKER_HOST, port, false) {}
-    ~OurClient() { client_.disconnect(PATIENCE); }
-    OurClient(OurClient const&) = delete;
-    OurClient& operator=(OurClient const&) = delete;
-
-    mqtt::MqttClient* operator->() { return &client_; }
-    void connect() { require(client_.connect(BROKER_HOST, port_, PATIENCE), "connect"); }
-
-    /// Subscribes, and returns when that stands: the tally counts what comes back.
-    void listen(mqtt::Topic const& topic, mqtt::MqttClient::Subscriber& subscriber,
-                Tally& received) {
-        received.reset();
-        require(client_.subscribe(topic, &subscriber, 0), "subscribe");
-        require(client_.publish(topic, PROBE, 0, false), "publish");
-        received.waitFor(1);
-        received.reset();
-    }
-
-private:
-    int const port_;
-    mqtt::MqttClient client_;
-};
 
 class OurPublisher final : public Publisher {
 public:
@@ -99,8 +56,11 @@ public:
 private:
     void onMqttMessage(int /*tag*/, mqtt::Topic const& /*topic*/,
                        std::string const& payload) override {
-        heard_.add();
-        client_->publish(answer_, payload, 2, false);
+        if (payload == PROBE) {
+            heard_.add();
+        } else {
+            client_->publish(answer_, payload, 2, false);
+        }
     }
 
     mqtt::Topic const answer_;
@@ -173,6 +133,16 @@ public:
     std::unique_ptr<Caller> makeCaller(int port) override {
         return std::make_unique<OurCaller>(port);
     }
+    std::unique_ptr<ValuePublisher> makeValuePublisher(int port, std::string const& topic,
+                                                       Document document) override {
+        return makeOurValuePublisher(port, topic, document);
+    }
+    std::unique_ptr<bench::Subscriber> makeValueSubscriber(int port, std::string const& topic,
+                                                           Document document,
+                                                           Tally& received) override {
+        return makeOurValueSubscriber(port, topic, document, received);
+    }
+    std::unique_ptr<Requester> makeRequester(int port) override { return makeOurRequester(port); }
 };
 
 } // namespace

@@ -42,6 +42,26 @@ public:
     virtual void disconnect() = 0;
 };
 
+/// The typed values that throughput is measured with: a short one, and the longest of all. Their
+/// readers take every text, so that a probe gets through.
+enum class Document { COMMUNICATION, IDENTIFICATION };
+
+/// One connection that publishes values of one type on one topic, at QoS 2 and retained.
+class ValuePublisher {
+public:
+    virtual ~ValuePublisher() = default;
+    virtual void publish() = 0;
+};
+
+/// Two connections: one makes requests of a service, the other one answers them.
+class Requester {
+public:
+    virtual ~Requester() = default;
+    /// One exchange: subscribes for the reply, sends the request, waits for the reply and gives
+    /// the subscription up.
+    virtual void request() = 0;
+};
+
 /// One of the clients that are compared. Everything it makes is connected to the broker on
 /// the given port of the loopback interface, and raises std::runtime_error when an operation
 /// fails: a comparison of which one side failed shows nothing.
@@ -56,6 +76,13 @@ public:
     virtual std::unique_ptr<Dialogue> makeDialogue(int port, std::string const& question,
                                                    std::string const& answer) = 0;
     virtual std::unique_ptr<Caller> makeCaller(int port) = 0;
+    /// @param topic what the topic of the values begins with
+    virtual std::unique_ptr<ValuePublisher> makeValuePublisher(int port, std::string const& topic,
+                                                               Document document) = 0;
+    /// The subscription stands when this returns; the tally is then at 0.
+    virtual std::unique_ptr<Subscriber> makeValueSubscriber(int port, std::string const& topic,
+                                                            Document document, Tally& received) = 0;
+    virtual std::unique_ptr<Requester> makeRequester(int port) = 0;
 };
 
 /// Bare libmosquittopp, used as its manual suggests: a derived class and its own thread.
@@ -64,7 +91,8 @@ std::unique_ptr<Party> makeRawParty();
 std::unique_ptr<Party> makeOurParty();
 
 constexpr char const* BROKER_HOST = "127.0.0.1";
-/// What the subscribers send themselves to learn that their subscription stands.
+/// What the subscribers send themselves to learn that their subscription stands. Not answered:
+/// a late answer would be taken for that to the first question.
 constexpr char const* PROBE = "probe";
 
 } // namespace bench

@@ -1,74 +1,14 @@
+#include "documents.hpp"
 #include "party.hpp"
+#include "raw_client.hpp"
+#include "raw_typed.hpp"
 
 #include <mosquittopp.h>
 
-#include <stdexcept>
 #include <utility>
 
 namespace bench {
 namespace {
-
-constexpr int KEEP_ALIVE = 30;
-
-void require(int result, char const* what) {
-    if (result != MOSQ_ERR_SUCCESS) {
-        throw std::runtime_error(std::string("raw ") + what + ": " + mosqpp::strerror(result));
-    }
-}
-
-/// The least that every use of the library needs: connect with the library's own thread and
-/// wait for the broker's consent.
-class RawClient : protected mosqpp::mosquittopp {
-public:
-    RawClient(RawClient const&) = delete;
-    RawClient& operator=(RawClient const&) = delete;
-
-protected:
-    RawClient() : mosqpp::mosquittopp(nullptr, true) {}
-    ~RawClient() override { close(); }
-
-    /// Subscribes, and returns when that stands: the tally counts what comes back.
-    void listen(std::string const& topic, Tally& received) {
-        received.reset();
-        require(subscribe(nullptr, topic.c_str(), 0), "subscribe");
-        send(topic, PROBE, 0);
-        received.waitFor(1);
-        received.reset();
-    }
-
-    void send(std::string const& topic, std::string const& payload, int qos) {
-        require(mosqpp::mosquittopp::publish(nullptr, topic.c_str(),
-                                             static_cast<int>(payload.size()), payload.data(), qos),
-                "publish");
-    }
-
-    void open(int port) {
-        accepted_.reset();
-        require(mosqpp::mosquittopp::connect(BROKER_HOST, port, KEEP_ALIVE), "connect");
-        require(loop_start(), "loop_start");
-        running_ = true;
-        accepted_.waitFor(1);
-    }
-
-    /// The library's thread must be gone before the callbacks of a derived class are.
-    void close() {
-        if (running_) {
-            mosqpp::mosquittopp::disconnect();
-            loop_stop();
-            running_ = false;
-        }
-    }
-
-private:
-    void on_connect(int code) override {
-        if (code == 0) {
-            accepted_.add();
-        }
-    }
-
-    Tally accepted_;
-    bool running_ = false;
-};
 
 class RawPublisher final : public Publisher, private RawClient {
 public:
@@ -115,8 +55,11 @@ public:
 
 private:
     void on_message(mosquitto_message const* message) override {
-        heard_.add();
-        publish(nullptr, answer_.c_str(), message->payloadlen, message->payload, 2);
+        if (isProbe(*message)) {
+            heard_.add();
+        } else {
+            publish(nullptr, answer_.c_str(), message->payloadlen, message->payload, 2);
+        }
     }
 
     std::string const answer_;
@@ -186,6 +129,15 @@ public:
     std::unique_ptr<Caller> makeCaller(int port) override {
         return std::make_unique<RawCaller>(port);
     }
+    std::unique_ptr<ValuePublisher> makeValuePublisher(int port, std::string const& topic,
+                                                       Document document) override {
+        return makeRawValuePublisher(port, topic, document);
+    }
+    std::unique_ptr<Subscriber> makeValueSubscriber(int port, std::string const& topic,
+                                                    Document document, Tally& received) override {
+        return makeSubscriber(port, valueTopic(topic, document), received);
+    }
+    std::unique_ptr<Requester> makeRequester(int port) override { return makeRawRequester(port); }
 };
 
 } // namespace

@@ -47,23 +47,26 @@ void printConditions(Options const& options, int cpu) {
     std::printf("- acknowledge: publication of 64 bytes to its acknowledgement, up to %u per run\n"
                 "- round trip: the same, QoS 2, to the answer of another client; four at once; one "
                 "with a subscription made for it\n"
+                "- values: typed values at QoS 2, retained; the other side sends and counts the "
+                "same bytes\n"
+                "- request-reply: subscription, request, reply, unsubscription\n"
                 "- connect: call to the broker's consent, up to %u per run; every run of latencies "
                 "and connections ends after %.0f s\n",
                 effort.latencies, effort.connections, effort.seconds);
 }
 
-void printTableHead(char const* broker, char const* reference, char const* candidate) {
-    std::printf("\nBroker: %s\n\n", broker);
-    std::printf("| %-20s | %-26s | %-6s | %10s | %10s | %-6s | %-16s |\n", "measurement", "figure",
+void printTableHead(std::string const& title, char const* reference, char const* candidate) {
+    std::printf("\n%s\n\n", title.c_str());
+    std::printf("| %-21s | %-26s | %-6s | %10s | %10s | %-6s | %-16s |\n", "measurement", "figure",
                 "unit", reference, candidate, "ratio", "lowest..highest");
-    std::printf("|%.22s|%.28s|%.8s|%.11s:|%.11s:|%.7s:|%.17s:|\n", "----------------------------",
+    std::printf("|%.23s|%.28s|%.8s|%.11s:|%.11s:|%.7s:|%.17s:|\n", "----------------------------",
                 "----------------------------", "--------", "-----------", "-----------", "-------",
                 "-----------------");
 }
 
 void printRows(std::string const& measurement, std::vector<Comparison> const& comparisons) {
     for (Comparison const& row : comparisons) {
-        std::printf("| %-20s | %-26s | %-6s | %10.1f | %10.1f | %6.3f | %6.3f .. %6.3f |\n",
+        std::printf("| %-21s | %-26s | %-6s | %10.1f | %10.1f | %6.3f | %6.3f .. %6.3f |\n",
                     measurement.c_str(), row.name.c_str(), row.unit.c_str(), row.reference.median,
                     row.candidate.median, row.ratio.median, row.ratio.lowest, row.ratio.highest);
     }

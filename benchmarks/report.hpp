@@ -10,7 +10,7 @@ namespace bench {
 
 void printConditions(Options const& options, int cpu);
 /// Begins a Markdown table.
-void printTableHead(char const* broker, char const* reference, char const* candidate);
+void printTableHead(std::string const& title, char const* reference, char const* candidate);
 void printRows(std::string const& measurement, std::vector<Comparison> const& comparisons);
 
 } // namespace bench
