@@ -210,7 +210,9 @@ ErrorCode RequestReplyClient::waitEndOfRequest(conv::SecondsDuration const& time
 /// waited, whatever its listener was told.
 ErrorCode RequestReplyClient::waitFor(std::shared_ptr<Outcome> const& awaited,
                                       conv::SecondsDuration const& timeout, Lock& lock) {
-    auto const outcome = awaited; // `awaited` may be the member, which the next request replaces
+    // `awaited` is the member, which the next request replaces.
+    // NOLINTNEXTLINE(performance-unnecessary-copy-initialization)
+    auto const outcome = awaited;
     auto const deadline = timeout.toTimepoint(steady_clock::now());
     Ending ending{};
     bool late = false;

@@ -20,8 +20,11 @@ using Reply = RequestReply::Reply;
 constexpr int QOS = 2;
 constexpr bool RETAINED = false;
 
+constexpr char REQUEST[] = "?\?";
+constexpr char REPLY[] = "?=";
+
 /// Of the segment that ends a request's topic, before the client's, this much is the suffix.
-std::size_t const SUFFIX_LENGTH = std::char_traits<char>::length(REQUEST_SUFFIX);
+constexpr std::size_t SUFFIX_LENGTH = sizeof REQUEST - 1;
 
 Topic prefix(Topic const& base, Request const& message, char const* suffix) {
     Topic topic = base;
@@ -55,8 +58,8 @@ void appendRest(Serializer& out, Request const& message) {
 
 } // namespace
 
-char const* const REQUEST_SUFFIX = "?\?";
-char const* const REPLY_SUFFIX = "?=";
+char const* const REQUEST_SUFFIX = REQUEST;
+char const* const REPLY_SUFFIX = REPLY;
 
 Topic requestPrefix(Topic const& base, Request const& request) {
     return prefix(base, request, REQUEST_SUFFIX);
