@@ -285,7 +285,7 @@ private:
     ZYM_MQTT_LOCAL int unsubscribeAtBroker(int* mid, Topic const& topic);
     ZYM_MQTT_LOCAL Subscription* findSubscriptions(Topic const& topic);
 
-    std::recursive_mutex mainMutex_; ///< registry, replay
+    std::recursive_mutex mainMutex_; ///< registry, replay, listeners' calls
     zym::common::Uuid id_;
     bool persistent_;
     std::string host_;

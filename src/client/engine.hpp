@@ -62,9 +62,9 @@ private:
 /// Where the worker and the callers of a client meet.
 ///
 /// Order of locks, outermost first: unsubscription, main, state, delivery, gate, dispatch. The
-/// turn is taken before any of them. The broker library calls back with locks of its own held;
-/// in a callback only state, delivery, unsubscription (as the only one) and gate are taken, and
-/// main for the look-up of a message's subscribers.
+/// turn is taken before any of them. The broker library calls back with locks of its own held,
+/// none of which it takes when we publish, subscribe or unsubscribe: so a callback may wait for
+/// any of ours.
 struct MqttClient::Engine {
     NetworkTurn turn;
     Gate gate;

@@ -1,10 +1,10 @@
 #include "mqtt/link.hpp"
 
+#include "common/json_number.hpp"
+
 #include <zym/common/lwjson.hpp>
 
 #include <algorithm>
-#include <array>
-#include <cstdio>
 #include <ostream>
 
 namespace mqtt {
@@ -18,12 +18,6 @@ constexpr int QOS = 2;
 constexpr bool RETAINED = true;
 
 constexpr std::size_t SHORTEST_ELEMENT = sizeof R"({"@id":""},)" - 1;
-
-void appendCount(Serializer& out, std::size_t count) {
-    std::array<char, 16> text{};
-    std::snprintf(text.data(), text.size(), "%u", static_cast<unsigned int>(count));
-    out.appendValue(text.data());
-}
 
 } // namespace
 
@@ -91,8 +85,7 @@ void MqttDataCollection<Link>::serialize(Topic const& topic, std::string& payloa
         MqttData<Link>::serialize(topic, text, link);
         members.emplace_back(std::as_const(text));
     }
-    out.appendKey("members@count");
-    appendCount(out, value.size());
+    appendNumber(out, "members@count", static_cast<unsigned int>(value.size()));
     out.appendKey("members");
     out.addValue(members);
     out.finalize();

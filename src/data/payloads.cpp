@@ -1,9 +1,10 @@
 #include "mqtt/payloads.hpp"
 
+#include "common/json_number.hpp"
+
 #include <zym/common/lwjson.hpp>
 
 #include <array>
-#include <cstdio>
 #include <exception>
 #include <utility>
 
@@ -19,13 +20,6 @@ using zym::common::lwjson::Serializer;
 
 constexpr int QOS = 2;
 constexpr bool RETAINED = true;
-
-void appendNumber(Serializer& out, char const* key, int number) {
-    std::array<char, 16> text{};
-    std::snprintf(text.data(), text.size(), "%d", number);
-    out.appendKey(key);
-    out.appendValue(text.data());
-}
 
 template <class T>
 void extract(Deserializer const& in, char const* key, T& field) {
@@ -55,7 +49,7 @@ template <>
 void MqttData<CommunicationStatus>::serialize(Topic const& /*topic*/, std::string& payload,
                                               CommunicationStatus const& value) {
     Serializer out(payload);
-    appendNumber(out, "state", static_cast<int>(value.state));
+    appendNumber(out, "state", static_cast<unsigned int>(value.state));
     out.appendKey("since");
     out.addValue(value.since);
     out.finalize();

@@ -2,8 +2,8 @@
 
 #include "requestreply/messages.hpp"
 
-#include <array>
-#include <cstdio>
+#include "common/json_number.hpp"
+
 #include <stdexcept>
 #include <typeinfo>
 
@@ -43,13 +43,6 @@ bool hasMembers(Request const& message) {
     return typeid(data) != typeid(RequestReplyNoData);
 }
 
-void appendNumber(Serializer& out, char const* key, char const* format, unsigned int number) {
-    std::array<char, 16> text{};
-    std::snprintf(text.data(), text.size(), format, number);
-    out.appendKey(key);
-    out.appendValue(text.data());
-}
-
 void appendRest(Serializer& out, Request const& message) {
     if (hasMembers(message))
         message.data->serialize(out);
@@ -83,7 +76,7 @@ template <>
 void MqttData<Request>::serialize(Topic const& /*topic*/, std::string& payload,
                                   Request const& value) {
     Serializer out(payload);
-    appendNumber(out, "$reqId", "%u", value.requestId);
+    appendNumber(out, "$reqId", value.requestId);
     appendRest(out, value);
 }
 
@@ -123,8 +116,8 @@ void MqttData<Reply>::getSubscribeTopic(Topic& topic) {
 template <>
 void MqttData<Reply>::serialize(Topic const& /*topic*/, std::string& payload, Reply const& value) {
     Serializer out(payload);
-    appendNumber(out, "$reqId", "%u", value.requestId);
-    appendNumber(out, "$err", "%d", static_cast<unsigned int>(value.error));
+    appendNumber(out, "$reqId", value.requestId);
+    appendNumber(out, "$err", static_cast<unsigned int>(value.error));
     appendRest(out, value);
 }
 
