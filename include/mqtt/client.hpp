@@ -221,7 +221,8 @@ public:
     Error unsubscribe(Topic const& topic, Subscriber* subscriber, int* mid);
     /// @copydoc unsubscribe(Topic const&, Subscriber*, int*)
     Error unsubscribe(Topic const& topic, Subscriber* subscriber);
-    /// Like `unsubscribe`, and waits for the broker's acknowledgement.
+    /// Like `unsubscribe`, and waits for the broker's acknowledgement; on the worker thread,
+    /// which has to read it, it does not wait.
     /// @param timeout seconds; all ones waits without limit
     /// @return as `unsubscribe`, or TIMEOUT
     Error unsubscribeWait(Topic const& topic, Subscriber* subscriber,

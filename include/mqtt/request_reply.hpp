@@ -210,6 +210,11 @@ public:
     /// Calls the request under way off; there will be no other.
     void terminate();
 
+    /// Terminates, and waits until nobody is inside this client on another thread, in a wait or in
+    /// a call to a listener. For destructors of classes around this one, before anything is gone
+    /// that a listener needs. Do not hold a lock that a listener takes.
+    void release() noexcept;
+
 private:
     /// The end of one request, for those who wait for it: they may wake up when the next request
     /// is under way.
@@ -315,6 +320,11 @@ public:
     /// on the MQTT client's worker thread.
     /// @return as `MqttClient::unsubscribeWait`
     MqttClient::Error unsubscribeWait();
+
+    /// Stops serving, and waits for a request being handled on another thread. For destructors of
+    /// classes around this one, before anything is gone that the listener needs. Do not hold a
+    /// lock that the listener takes.
+    void release() noexcept;
 
     /// What the topics of all requests begin with; no client segment, no wildcard.
     Topic requestTopic() const;

@@ -62,6 +62,9 @@ Error MqttClient::unsubscribeWait(Topic const& topic, Subscriber* subscriber,
     auto const result = unsubscribe(topic, subscriber, &mid);
     if (result != Error::SUCCESS)
         return result;
+    // The acknowledgement would have to be read by the very thread that waits for it.
+    if (onWorker())
+        return Error::TIMEOUT;
     auto const deadline = timeout.toTimepoint(std::chrono::steady_clock::now());
     bool const done =
         waitUntil(unsubscribed_, lock, deadline, [&] { return lastUnsubscribed_ == mid; });

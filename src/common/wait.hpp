@@ -4,6 +4,17 @@
 
 namespace mqtt {
 
+/// So much later, or the far end of time; no earlier for a negative duration.
+inline std::chrono::steady_clock::time_point later(std::chrono::steady_clock::time_point moment,
+                                                   std::chrono::milliseconds duration) {
+    constexpr auto end = std::chrono::steady_clock::time_point::max();
+    if (duration <= std::chrono::milliseconds::zero())
+        return moment;
+    return duration < std::chrono::floor<std::chrono::milliseconds>(end - moment)
+               ? moment + duration
+               : end;
+}
+
 /// Waits on a condition for a notification, until the deadline or for an hour: where `time_t` has
 /// 32 bits, a far deadline overflows inside the standard library and the wait would return at
 /// once, for ever.

@@ -58,13 +58,16 @@ RequestReplyClient::RequestReplyClient(MqttClient& client, Topic const& base, To
 }
 
 RequestReplyClient::~RequestReplyClient() {
+    release();
+}
+
+void RequestReplyClient::release() noexcept {
     terminate();
     {
         // Who waited for a request that ended just now may not have woken up yet.
         Lock lock(mutex_);
         waiterLeft_.wait(lock, [&] { return waiters_ == 0; });
     }
-    // A reply being delivered still needs what follows this.
     replies().release();
 }
 

@@ -8,8 +8,11 @@ RequestReplyServer::RequestReplyServer(MqttClient& client, Topic const& base, To
     : RequestReply(client, base, subPath, name), alive_(std::make_shared<char>()) {}
 
 RequestReplyServer::~RequestReplyServer() {
+    release();
+}
+
+void RequestReplyServer::release() noexcept {
     unsubscribe();
-    // A request being handled still needs what follows this.
     requests().release();
 }
 

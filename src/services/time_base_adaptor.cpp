@@ -1,0 +1,52 @@
+#include "mqtt/time_base.hpp"
+#include "services/local_clock.hpp"
+
+#include <limits>
+
+namespace mqtt {
+
+using zym::common::Uuid;
+
+SynchronizedTimeBaseMqttAdaptor::SynchronizedTimeBaseMqttAdaptor(MqttClient& client,
+                                                                 Topic const& topic,
+                                                                 Uuid const& uuid)
+    : server_(client, topic, Topic(), TIME_SYNC_REQUEST_REPLY_NAME) {
+    server_.subscribe(this, uuid, std::make_shared<TimeSyncRequestData>());
+}
+
+SynchronizedTimeBaseMqttAdaptor::~SynchronizedTimeBaseMqttAdaptor() {
+    release();
+}
+
+void SynchronizedTimeBaseMqttAdaptor::release() noexcept {
+    SynchronizedTimeBaseMqttAdaptor::terminate();
+    server_.release();
+}
+
+void SynchronizedTimeBaseMqttAdaptor::terminate() {
+    if (setTerminatedFlag())
+        server_.unsubscribeWait();
+}
+
+std::uint32_t SynchronizedTimeBaseMqttAdaptor::timeBase() const {
+    constexpr auto largest = std::numeric_limits<std::uint32_t>::max();
+    double const time = localTimeBase();
+    if (!(time > 0.0))
+        return 0;
+    return time < largest ? static_cast<std::uint32_t>(time) : largest;
+}
+
+double SynchronizedTimeBaseMqttAdaptor::localTimeBase() const {
+    return monotonicSeconds();
+}
+
+std::shared_ptr<RequestReplyData> SynchronizedTimeBaseMqttAdaptor::onRequest(
+    std::string const& /*name*/, Uuid const& /*clientUuid*/, Uuid const& /*serverUuid*/,
+    RequestReplyData const& requestData, RequestReply::ErrorCode& error) {
+    double const now = localTimeBase();
+    auto const& request = dynamic_cast<TimeSyncRequestData const&>(requestData);
+    error = RequestReply::ErrorCode::SUCCESS;
+    return std::make_shared<TimeSyncReplyData>(request.client, now);
+}
+
+} // namespace mqtt
