@@ -257,6 +257,7 @@ public:
 
 private:
     struct ZYM_MQTT_LOCAL Engine;
+    using Registry = std::map<Topic, Subscription>;
 
     // Exported, for the virtual tables of derived classes.
     void on_connect(int rc) override;
@@ -284,6 +285,8 @@ private:
     ZYM_MQTT_LOCAL Error send(int* mid, Topic const& topic, std::string const& payload, int qos,
                               bool retain, bool& awaitable);
     ZYM_MQTT_LOCAL int unsubscribeAtBroker(int* mid, Topic const& topic);
+    ZYM_MQTT_LOCAL void addSubscription(Subscription subscription);
+    ZYM_MQTT_LOCAL Registry::iterator eraseSubscription(Registry::iterator entry) noexcept;
     ZYM_MQTT_LOCAL Subscription* findSubscriptions(Topic const& topic);
 
     std::recursive_mutex mainMutex_; ///< registry, replay, listeners' calls
@@ -306,7 +309,7 @@ private:
     std::atomic<bool> stop_;
     std::atomic<bool> paused_;
     std::thread worker_;
-    std::map<Topic, Subscription> subscriptions_;
+    Registry subscriptions_;         ///< entries keep their place: the engine has an index of them
     std::deque<Publish> queue_;      ///< guarded by the engine's gate
     std::unique_ptr<Engine> engine_; ///< where worker and callers meet
 };

@@ -64,15 +64,7 @@ void MqttClient::on_message(mosquitto_message const* message) {
 }
 
 MqttClient::Subscription* MqttClient::findSubscriptions(Topic const& topic) {
-    auto const exact = subscriptions_.find(topic);
-    if (exact != subscriptions_.end())
-        return &exact->second;
-    for (auto& [pattern, subscription] : subscriptions_) {
-        // Without a wildcard it matches its own text only, and that is not here.
-        if (pattern.text().find_first_of("+#") != std::string::npos && pattern.matches(topic))
-            return &subscription;
-    }
-    return nullptr;
+    return engine_->index.find(topic);
 }
 
 } // namespace mqtt

@@ -3,6 +3,7 @@
 #include "client/dispatch.hpp"
 #include "client/network_turn.hpp"
 #include "client/socket_tuning.hpp"
+#include "client/subscription_index.hpp"
 #include "mqtt/client.hpp"
 
 #include <atomic>
@@ -70,7 +71,8 @@ struct MqttClient::Engine {
     Gate gate;
     Dispatch dispatch;
     WorkerLife life;
-    SocketTuning tuning; ///< used by whoever has the turn
+    SocketTuning tuning;     ///< used by whoever has the turn
+    SubscriptionIndex index; ///< of the registry's entries; main lock
 
     int wakeMid = -1;          ///< of the packet that only woke the worker; unsubscription lock
     bool acknowledged = false; ///< worker: the broker has consented, the rest is to be done

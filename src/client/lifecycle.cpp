@@ -47,6 +47,7 @@ MqttClient::~MqttClient() {
         std::lock_guard const lock(mainMutex_);
         for (auto const& entry : subscriptions_)
             unsubscribeAtBroker(nullptr, entry.first);
+        engine_->index.clear();
         subscriptions_.clear();
     }
     {

@@ -24,11 +24,28 @@ Error MqttClient::subscribe(Topic const& topic, Subscriber* subscriber, int tag)
     // Without a connection the completion of the next one subscribes.
     if (result != Error::SUCCESS && result != Error::NO_CONN && result != Error::CONN_LOST)
         return result;
-    auto& subscription = subscriptions_[topic];
-    if (subscription.subscribers.empty())
-        subscription.topic = topic;
-    subscription.subscribers.emplace_back(subscriber, tag);
+    auto const known = subscriptions_.find(topic);
+    if (known != subscriptions_.end())
+        known->second.subscribers.emplace_back(subscriber, tag);
+    else
+        addSubscription({topic, {{subscriber, tag}}});
     return Error::SUCCESS;
+}
+
+/// Adds an entry to the registry and to its index, or to neither.
+void MqttClient::addSubscription(Subscription subscription) {
+    // Whatever needs memory comes before the one step that changes the registry and needs none.
+    Registry entry;
+    auto const topic = subscription.topic;
+    auto& placed = entry.emplace(topic, std::move(subscription)).first->second;
+    engine_->index.add(placed);
+    subscriptions_.merge(entry);
+}
+
+/// @return the entry behind it
+MqttClient::Registry::iterator MqttClient::eraseSubscription(Registry::iterator entry) noexcept {
+    engine_->index.remove(entry->second);
+    return subscriptions_.erase(entry);
 }
 
 Error MqttClient::unsubscribe(Topic const& topic, Subscriber* subscriber, int* mid) {
@@ -45,7 +62,7 @@ Error MqttClient::unsubscribe(Topic const& topic, Subscriber* subscriber, int* m
     if (!subscribers.empty())
         return Error::NOT_FOUND;
     int const result = unsubscribeAtBroker(mid, topic);
-    subscriptions_.erase(entry);
+    eraseSubscription(entry);
     return static_cast<Error>(result);
 }
 
@@ -95,7 +112,7 @@ void MqttClient::release(Subscriber* subscriber) noexcept {
                 continue;
             }
             unsubscribeAtBroker(nullptr, entry->first);
-            entry = subscriptions_.erase(entry);
+            entry = eraseSubscription(entry);
         }
     }
     engine_->dispatch.retire(subscriber, !onWorker());

@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -233,6 +234,22 @@ TEST_F(ASubscribingClient, UnsubscribesEveryTopicWhenItIsDestroyed) {
     ended.resize(2); // a further one only wakes the worker
     EXPECT_THAT(ended, ElementsAre("a", "b")) << "whatever becomes of the first one";
     EXPECT_EQ(library->count(Operation::DISCONNECT), 0U);
+}
+
+TEST_F(ASubscribingClient, CallsNobodyAnyMoreWhileItIsDestroyed) {
+    connect();
+    ASSERT_EQ(client->subscribe("a", &recorder, 0), Error::SUCCESS);
+    ASSERT_EQ(client->subscribe("+/b", &recorder, 0), Error::SUCCESS);
+    // What wakes the worker for its end comes after the last of the subscriptions.
+    library->setHook(Operation::UNSUBSCRIBE, [&](auto const& call) {
+        if (call.topic == "$zym/wake") {
+            library->deliver("a", "late");
+            library->deliver("a/b", "late");
+        }
+        return std::nullopt;
+    });
+    client.reset();
+    EXPECT_EQ(recorder.count(), 0U);
 }
 
 } // namespace

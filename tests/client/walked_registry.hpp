@@ -1,0 +1,54 @@
+#pragma once
+
+#include <mqtt/client.hpp>
+
+#include <map>
+#include <string>
+#include <utility>
+
+/// A registry beside an index of it, with the plain walk that the index must agree with.
+template <class Index>
+class WalkedRegistry {
+public:
+    using Subscription = mqtt::MqttClient::Subscription;
+    using Entries = std::map<mqtt::Topic, Subscription>;
+
+    void add(mqtt::Topic const& topic) {
+        auto const [entry, isNew] = entries_.try_emplace(topic, Subscription{topic, {}});
+        if (isNew)
+            index_.add(entry->second);
+    }
+
+    void remove(mqtt::Topic const& topic) {
+        auto const entry = entries_.find(topic);
+        index_.remove(entry->second);
+        entries_.erase(entry);
+    }
+
+    void clear() {
+        index_.clear();
+        entries_.clear();
+    }
+
+    /// In byte order, asking every entry.
+    Subscription const* walk(mqtt::Topic const& topic) const {
+        for (auto const& entry : entries_)
+            if (entry.first.matches(topic))
+                return &entry.second;
+        return nullptr;
+    }
+
+    Subscription const* exact(mqtt::Topic const& topic) const {
+        auto const entry = entries_.find(topic);
+        return entry == entries_.end() ? nullptr : &entry->second;
+    }
+
+    Subscription const* find(mqtt::Topic const& topic) const { return index_.find(topic); }
+
+    Index const& index() const { return index_; }
+    Entries const& entries() const { return entries_; }
+
+private:
+    Entries entries_;
+    Index index_;
+};
