@@ -11,6 +11,8 @@
 
 namespace mqtt {
 
+class MqttClient;
+
 /// A topic path: segments joined by "/", the key of every subscription and publication.
 ///
 /// A plain value. The text is kept ready for the broker library; beside it stands where
@@ -70,6 +72,10 @@ public:
     void clear() noexcept { text_.clear(); }
 
 private:
+    friend class MqttClient;
+
+    /// Parses a path into the memory that is there.
+    ZYM_MQTT_LOCAL void assign(char const* path);
     ZYM_MQTT_LOCAL void parse();
 
     std::string text_;

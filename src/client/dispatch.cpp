@@ -47,7 +47,8 @@ bool Dispatch::beginCall(std::size_t& index, Receiver& receiver) {
 
 void MqttClient::on_message(mosquitto_message const* message) {
     try {
-        Topic const topic(message->topic);
+        auto& topic = engine_->received;
+        topic.assign(message->topic);
         std::string const payload(static_cast<char const*>(message->payload),
                                   static_cast<std::size_t>(message->payloadlen));
         {

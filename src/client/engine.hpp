@@ -74,6 +74,8 @@ struct MqttClient::Engine {
     SocketTuning tuning;     ///< used by whoever has the turn
     SubscriptionIndex index; ///< of the registry's entries; main lock
 
+    Topic received; ///< worker: of the message under way; kept between messages for its memory
+
     int wakeMid = -1;          ///< of the packet that only woke the worker; unsubscription lock
     bool acknowledged = false; ///< worker: the broker has consented, the rest is to be done
     std::atomic<bool> flushFirst{false};   ///< a DISCONNECT packet must leave before any reading

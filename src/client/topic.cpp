@@ -27,13 +27,21 @@ Topic::Topic(char const* path) : text_(checkedText(path)) {
     parse();
 }
 
+void Topic::assign(char const* path) {
+    text_ = path;
+    parse();
+}
+
 void Topic::parse() {
+    starts_.clear();
     if (text_.empty())
         return;
     if (text_.back() == '/')
         text_.pop_back();
     if (!text_.empty() && text_.front() == '/')
         text_.erase(0, 1);
+    auto const separators = std::count(text_.begin(), text_.end(), '/');
+    starts_.reserve(static_cast<std::size_t>(separators) + 1);
     starts_.push_back(0);
     for (auto at = text_.find('/'); at != std::string::npos; at = text_.find('/', at + 1))
         starts_.push_back(static_cast<std::uint32_t>(at + 1));

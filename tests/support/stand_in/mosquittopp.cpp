@@ -1,6 +1,7 @@
 // The broker library's class, made anew over a script. Only what this project could call is
 // here: a program that needs more does not link, and that is how one learns of it.
 
+#include "support/allocations.hpp"
 #include "support/stand_in/stand_in.hpp"
 
 #include <mosquittopp.h>
@@ -113,17 +114,20 @@ int mosquittopp::disconnect() {
 
 int mosquittopp::publish(int* mid, char const* topic, int payloadlen, void const* payload, int qos,
                          bool retain) {
+    support::UncountedAllocations const ours;
     return scriptOf(m_mosq)->run(
         callOf(Operation::PUBLISH, topic, payloadlen, payload, qos, retain), mid);
 }
 
 int mosquittopp::subscribe(int* mid, char const* sub, int qos) {
+    support::UncountedAllocations const ours;
     StandIn::Call call = callOf(Operation::SUBSCRIBE, sub);
     call.qos = qos;
     return scriptOf(m_mosq)->run(call, mid);
 }
 
 int mosquittopp::unsubscribe(int* mid, char const* sub) {
+    support::UncountedAllocations const ours;
     return scriptOf(m_mosq)->run(callOf(Operation::UNSUBSCRIBE, sub), mid);
 }
 

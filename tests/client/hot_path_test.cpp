@@ -1,0 +1,140 @@
+// What a message costs in allocations, on its way in and on its way out.
+
+#include "client/client_on_a_script.hpp"
+#include "support/allocations.hpp"
+
+#include <mqtt/client.hpp>
+
+#include <gmock/gmock.h>
+
+#include <memory>
+#include <string>
+#include <thread>
+
+namespace {
+
+using mqtt::MqttClient;
+using mqtt::Topic;
+using Error = MqttClient::Error;
+
+// Within and beyond what a string keeps inside itself.
+std::string const SHORT_TEXT = "21.5";
+std::string const LONG_TEXT(1000, 'x');
+std::string const SHORT_TOPIC = "room/2";
+std::string const LONG_TOPIC = "plant/hall-seventeen/device-0815/temperature/celsius";
+
+struct Counter : MqttClient::Subscriber {
+    void onMqttMessage(int /*tag*/, Topic const& /*topic*/,
+                       std::string const& /*payload*/) override {
+        ++messages;
+    }
+    unsigned messages = 0;
+};
+
+TEST(AnAllocationCount, SeesAllocationsOfThisThreadAndNoOthers) {
+    support::AllocationCount const count;
+    auto const text = std::make_unique<std::string>(LONG_TEXT);
+    EXPECT_EQ(count.value(), 2U);
+    {
+        support::UncountedAllocations const uncounted;
+        auto const another = std::make_unique<std::string>(LONG_TEXT);
+        EXPECT_NE(*text + "x", *another);
+    }
+    std::thread([] { std::make_unique<int>(1); }).join();
+    EXPECT_LE(count.value(), 3U); // the thread's own state
+}
+
+class AMessage : public AClientOnAScript {
+protected:
+    AMessage() { connect(); }
+    ~AMessage() override { client_->release(&counter_); }
+
+    void subscribe(std::string const& topic) {
+        ASSERT_EQ(client_->subscribe(topic, &counter_, 0), Error::SUCCESS);
+    }
+
+    /// On the worker, from the broker library's call until it returns. The first message finds
+    /// nothing prepared, and is not counted.
+    std::size_t allocationsToReceive(std::string topic, std::string payload) {
+        std::size_t result = 0;
+        script_->runInLoop([&](auto& object) {
+            mosquitto_message message{};
+            message.topic = topic.data();
+            message.payload = payload.data();
+            message.payloadlen = static_cast<int>(payload.size());
+            object.on_message(&message);
+            support::AllocationCount const count;
+            object.on_message(&message);
+            result = count.value();
+        });
+        return result;
+    }
+
+    template <class Action>
+    static std::size_t allocationsOf(Action const& action) {
+        EXPECT_EQ(action(), Error::SUCCESS);
+        support::AllocationCount const count;
+        EXPECT_EQ(action(), Error::SUCCESS);
+        return count.value();
+    }
+
+    Counter counter_;
+};
+
+TEST_F(AMessage, WithAShortPayloadArrivesWithoutAnAllocation) {
+    subscribe(SHORT_TOPIC);
+    subscribe(LONG_TOPIC);
+    EXPECT_EQ(allocationsToReceive(SHORT_TOPIC, SHORT_TEXT), 0U);
+    EXPECT_EQ(allocationsToReceive(LONG_TOPIC, SHORT_TEXT), 0U);
+    EXPECT_EQ(allocationsToReceive(LONG_TOPIC, ""), 0U);
+    EXPECT_EQ(counter_.messages, 6U);
+}
+
+TEST_F(AMessage, WithALongPayloadArrivesWithThatOfThePayloadAlone) {
+    subscribe(SHORT_TOPIC);
+    subscribe(LONG_TOPIC);
+    EXPECT_EQ(allocationsToReceive(SHORT_TOPIC, LONG_TEXT), 1U);
+    EXPECT_EQ(allocationsToReceive(LONG_TOPIC, LONG_TEXT), 1U);
+    EXPECT_EQ(counter_.messages, 4U);
+}
+
+TEST_F(AMessage, ArrivesByAPatternAtTheSameCost) {
+    for (int i = 0; i < 1000; ++i)
+        subscribe("plant/+/device-" + std::to_string(i) + "/#");
+    subscribe("plant/+/device-0815/temperature/+");
+    subscribe("+/+/+/pressure/#");
+    EXPECT_EQ(allocationsToReceive(LONG_TOPIC, SHORT_TEXT), 0U);
+    EXPECT_EQ(allocationsToReceive(LONG_TOPIC, LONG_TEXT), 1U);
+    EXPECT_EQ(counter_.messages, 4U);
+}
+
+TEST_F(AMessage, ReachesManySubscribersAtTheSameCost) {
+    for (int i = 0; i < 20; ++i)
+        subscribe(LONG_TOPIC);
+    EXPECT_EQ(allocationsToReceive(LONG_TOPIC, LONG_TEXT), 1U);
+    EXPECT_EQ(counter_.messages, 40U);
+}
+
+TEST_F(AMessage, IsDroppedAtNoGreaterCost) {
+    subscribe(SHORT_TOPIC);
+    EXPECT_EQ(allocationsToReceive(LONG_TOPIC, SHORT_TEXT), 0U);
+    EXPECT_LE(allocationsToReceive(LONG_TOPIC, LONG_TEXT), 1U);
+    EXPECT_EQ(counter_.messages, 0U);
+}
+
+TEST_F(AMessage, LeavesWithoutAnAllocation) {
+    Topic const topic(LONG_TOPIC);
+    for (int const qos : {0, 1, 2}) {
+        for (auto const& payload : {SHORT_TEXT, LONG_TEXT}) {
+            EXPECT_EQ(allocationsOf([&] { return client_->publish(topic, payload, qos, true); }),
+                      0U);
+            EXPECT_EQ(
+                allocationsOf([&] { return client_->publishWait(topic, payload, qos, false, 30); }),
+                0U);
+        }
+    }
+    EXPECT_EQ(allocationsOf([&] { return client_->clear(topic); }), 0U);
+    EXPECT_EQ(script_->count(support::StandIn::Operation::PUBLISH), 26U);
+}
+
+} // namespace

@@ -1,0 +1,44 @@
+// The program's own operators for memory, which count. In the place of the standard ones in the
+// whole program, the shared libraries included.
+
+#include "support/allocations.hpp"
+
+#include <cstdlib>
+#include <new>
+
+namespace {
+
+void* allocate(std::size_t size) {
+    if (support::countingAllocations && ++support::allocations == support::failingAllocation)
+        throw std::bad_alloc();
+    void* const result = std::malloc(size == 0 ? 1 : size);
+    if (result == nullptr)
+        throw std::bad_alloc();
+    return result;
+}
+
+} // namespace
+
+void* operator new(std::size_t size) {
+    return allocate(size);
+}
+
+void* operator new[](std::size_t size) {
+    return allocate(size);
+}
+
+void operator delete(void* memory) noexcept {
+    std::free(memory);
+}
+
+void operator delete[](void* memory) noexcept {
+    std::free(memory);
+}
+
+void operator delete(void* memory, std::size_t /*size*/) noexcept {
+    std::free(memory);
+}
+
+void operator delete[](void* memory, std::size_t /*size*/) noexcept {
+    std::free(memory);
+}
