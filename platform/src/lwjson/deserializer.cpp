@@ -12,6 +12,13 @@ namespace zym::common::lwjson {
 
 namespace {
 
+// Few documents have more, and all others need one allocation for them.
+constexpr std::size_t USUAL_MEMBERS = 12;
+
+// In place, because the parser then asks for no memory: it writes what it has read of a string
+// back to the stream, where it comes to nothing.
+constexpr unsigned PARSING = rapidjson::kParseNumbersAsStringsFlag | rapidjson::kParseInsituFlag;
+
 // The parser is recursive: without a limit a stranger's text could exhaust the stack.
 constexpr unsigned DEEPEST = 64;
 
@@ -60,6 +67,9 @@ private:
         if (depth_ == 0) {
             out_.root_ = kind;
             partEnd_ = stream_.Tell();
+            if (kind == Root::OBJECT) {
+                out_.members_.reserve(USUAL_MEMBERS);
+            }
         }
         return ++depth_ <= DEEPEST;
     }
@@ -100,8 +110,7 @@ Deserializer::Deserializer(std::string_view text) {
     OutlineStream stream(text);
     Outline outline(text, stream, *this);
     rapidjson::Reader reader;
-    bool const parsed =
-        !reader.Parse<rapidjson::kParseNumbersAsStringsFlag>(stream, outline).IsError();
+    bool const parsed = !reader.Parse<PARSING>(stream, outline).IsError();
     // The parser takes a zero byte for the end of the text.
     if (!parsed || stream.Tell() != text.size()) {
         root_ = Root::OTHER;

@@ -41,11 +41,11 @@ public:
 
     std::size_t Tell() const { return at_; }
 
-    // For parsing in place, which is never asked for.
+    // Parsing in place: what the parser writes is not kept, and its length nobody's concern.
     char* PutBegin() { return nullptr; }
     void Put(char) {}
     void Flush() {}
-    std::size_t PutEnd(char*) { return 0; }
+    std::size_t PutEnd(char*) { return 1; }
 
 private:
     void takenInString(char c) {
