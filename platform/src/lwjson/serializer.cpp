@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
+#include <cstring>
 #include <string_view>
 
 namespace zym::common::lwjson {
@@ -11,7 +13,14 @@ namespace zym::common::lwjson {
 namespace {
 
 constexpr char MEMBER_LAYOUT[] = "\n  ";
+// Most documents are shorter.
+constexpr std::size_t USUAL_SIZE = 511;
+
 constexpr char ELEMENT_LAYOUT[] = "\n    ";
+
+bool isLayout(char c) {
+    return c == ' ' || c == '\n' || c == '\r' || c == '\t';
+}
 
 // The letter of a short escape, or 0.
 char shortEscape(char c) {
@@ -38,6 +47,44 @@ bool passes(char c) {
     return static_cast<unsigned char>(c) >= 0x20 && c != '"' && c != '\\';
 }
 
+// Whether each of eight bytes passes, with one look at them.
+bool allPass(std::uint64_t bytes) {
+    constexpr std::uint64_t ONES = 0x0101010101010101U;
+    constexpr std::uint64_t TOPS = 0x8080808080808080U;
+    auto const belowSpace = (bytes - ONES * 0x20U) & ~bytes;
+    auto const quote = bytes ^ ONES * '"';
+    auto const backslash = bytes ^ ONES * '\\';
+    return ((belowSpace | ((quote - ONES) & ~quote) | ((backslash - ONES) & ~backslash)) & TOPS)
+           == 0;
+}
+
+template <class Word>
+Word load(char const* bytes) {
+    Word word = 0;
+    std::memcpy(&word, bytes, sizeof word);
+    return word;
+}
+
+// Texts are short and nearly always pass: words that overlap at the end leave no bytes over.
+bool allPass(std::string_view text) {
+    constexpr std::size_t WORD = sizeof(std::uint64_t);
+    constexpr std::size_t HALF = sizeof(std::uint32_t);
+    char const* const end = text.data() + text.size();
+    if (text.size() < HALF) {
+        return std::all_of(text.begin(), text.end(), passes);
+    }
+    if (text.size() < WORD) {
+        std::uint64_t const first = load<std::uint32_t>(text.data());
+        return allPass(first << 32U | load<std::uint32_t>(end - HALF));
+    }
+    for (char const* at = text.data(); at < end - WORD; at += WORD) {
+        if (!allPass(load<std::uint64_t>(at))) {
+            return false;
+        }
+    }
+    return allPass(load<std::uint64_t>(end - WORD));
+}
+
 void appendEscape(std::string& json, char c) {
     constexpr char HEX_DIGITS[] = "0123456789abcdef";
     json += '\\';
@@ -51,33 +98,62 @@ void appendEscape(std::string& json, char c) {
     json += HEX_DIGITS[code & 0xfU];
 }
 
-void appendString(std::string& json, std::string_view text) {
-    json += '"';
-    std::size_t copied = 0;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        if (!passes(text[i])) {
-            json.append(text, copied, i - copied);
-            appendEscape(json, text[i]);
-            copied = i + 1;
+void appendEscaped(std::string& json, std::string_view text) {
+    auto const* at = text.begin();
+    while (at != text.end()) {
+        auto const* const odd = std::find_if_not(at, text.end(), passes);
+        json.append(at, odd);
+        at = odd;
+        if (at != text.end()) {
+            appendEscape(json, *at++);
         }
     }
-    json.append(text, copied);
-    json += '"';
+}
+
+// A text between what comes before and behind it, in one piece: most of a writer's time goes into
+// making a string longer.
+template <std::size_t Before, std::size_t Behind>
+void appendAll(std::string& json, char const (&before)[Before], std::string_view text,
+               char const (&behind)[Behind]) {
+    std::size_t const start = json.size();
+    json.resize(start + Before + text.size() + Behind - 2);
+    char* to = json.data() + start;
+    std::memcpy(to, before, Before - 1);
+    to += Before - 1;
+    std::memcpy(to, text.data(), text.size());
+    std::memcpy(to + text.size(), behind, Behind - 1);
+}
+
+template <std::size_t Before, std::size_t Behind>
+void appendString(std::string& json, char const (&before)[Before], std::string_view text,
+                  char const (&behind)[Behind]) {
+    if (allPass(text)) {
+        appendAll(json, before, text, behind);
+        return;
+    }
+    json += before;
+    appendEscaped(json, text);
+    json += behind;
 }
 
 // A raw line feed never stands inside a JSON string, so it and the blanks behind it are layout.
 void appendOnOneLine(std::string& json, std::string_view text) {
     while (!text.empty()) {
-        std::size_t const end = std::min(text.find_first_of("\r\n"), text.size());
+        std::string_view const line = text.substr(0, text.find('\n'));
+        std::size_t const end = std::min(line.find('\r'), line.size());
         json.append(text, 0, end);
-        std::size_t const next = text.find_first_not_of("\r\n \t", end);
-        text.remove_prefix(std::min(next, text.size()));
+        std::size_t next = end;
+        while (next < text.size() && isLayout(text[next])) {
+            ++next;
+        }
+        text.remove_prefix(next);
     }
 }
 
 } // namespace
 
 Serializer::Serializer(std::string& json) : target_(&json) {
+    json.reserve(USUAL_SIZE);
     json = '{';
 }
 
@@ -86,22 +162,15 @@ Serializer::Serializer(std::string const& finishedText) : target_(nullptr) {
 }
 
 void Serializer::appendKey(char const* key) {
-    std::string& json = mutableJson();
-    json += MEMBER_LAYOUT;
-    appendString(json, key);
-    json += ": ";
+    appendString(mutableJson(), "\n  \"", key, "\": ");
 }
 
 void Serializer::appendValue(char const* rawText) {
-    std::string& json = mutableJson();
-    json += rawText;
-    json += ',';
+    appendAll(mutableJson(), "", rawText, ",");
 }
 
 void Serializer::addValue(std::string const& text) {
-    std::string& json = mutableJson();
-    appendString(json, text);
-    json += ',';
+    appendString(mutableJson(), "\"", text, "\",");
 }
 
 void Serializer::addValue(double number) {
@@ -124,7 +193,11 @@ void Serializer::addValue(conv::UnixTime const& time) {
 
 void Serializer::addValue(Serializer const& object) {
     std::string& json = mutableJson();
-    appendOnOneLine(json, object.json());
+    if (object.target_ == nullptr) {
+        json += object.wrapped_;
+    } else {
+        appendOnOneLine(json, *object.target_);
+    }
     json += ',';
 }
 

@@ -56,8 +56,6 @@ public:
     void finalize();
 
 private:
-    std::string const& json() const noexcept { return target_ == nullptr ? wrapped_ : *target_; }
-
     std::string* target_; ///< null when wrapping
     std::string wrapped_;
 };
