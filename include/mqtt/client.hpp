@@ -23,6 +23,9 @@
 #include <utility>
 #include <vector>
 
+// The class below derives from one whose layout changes with the next minor version.
+static_assert(LIBMOSQUITTO_MAJOR == 2 && LIBMOSQUITTO_MINOR == 0, "needs libmosquittopp 2.0.x");
+
 namespace mqtt {
 
 /// One connection to an MQTT broker.
@@ -139,6 +142,8 @@ public:
     /// @param name not used
     /// @param host host name, address, or the path of a unix socket (with port 0)
     /// @param port 0 to 65535
+    /// @throw std::runtime_error the libmosquittopp found at run time is not version 2.0.x, the
+    ///        text says which one it is; no other version is safe to call
     MqttClient(zym::common::Uuid const& id, bool persistent, std::string const& name,
                std::string const& host, int port, bool connectNow);
 

@@ -1,3 +1,4 @@
+#include "client/broker_library.hpp"
 #include "client/engine.hpp"
 #include "mqtt/client.hpp"
 
@@ -7,10 +8,9 @@ namespace mqtt {
 
 namespace {
 
+// In front of the base, which must not be made of a library that we do not know.
 std::string withLibraryReady(std::string const& clientId) {
-    // Never cleaned up: the library has no state that outlives its clients.
-    static int const initialised = mosqpp::lib_init();
-    static_cast<void>(initialised);
+    prepareBrokerLibrary();
     return clientId;
 }
 

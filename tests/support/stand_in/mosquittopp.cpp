@@ -63,7 +63,11 @@ char const* connack_string(int code) {
 }
 
 int lib_version(int* major, int* minor, int* revision) {
-    return mosquitto_lib_version(major, minor, revision);
+    StandIn::Version const version = StandIn::libraryVersion();
+    *major = version.major;
+    *minor = version.minor;
+    *revision = version.revision;
+    return version.major * 1000000 + version.minor * 1000 + version.revision;
 }
 
 int topic_matches_sub(char const* pattern, char const* topic, bool* result) {

@@ -16,6 +16,7 @@ constexpr int NO_CONNECTION = MOSQ_ERR_NO_CONN;
 
 struct Registry {
     std::mutex mutex;
+    StandIn::Version version{LIBMOSQUITTO_MAJOR, LIBMOSQUITTO_MINOR, LIBMOSQUITTO_REVISION};
     std::vector<std::shared_ptr<StandIn>> all;
 };
 
@@ -35,6 +36,16 @@ StandIn::StandIn(mosqpp::mosquittopp& object, std::string clientId, bool cleanSe
 std::atomic<int>& StandIn::libraryInitialisations() {
     static std::atomic<int> count{0};
     return count;
+}
+
+void StandIn::setLibraryVersion(Version version) {
+    std::lock_guard<std::mutex> lock(registry().mutex);
+    registry().version = version;
+}
+
+StandIn::Version StandIn::libraryVersion() {
+    std::lock_guard<std::mutex> lock(registry().mutex);
+    return registry().version;
 }
 
 StandIn* StandIn::make(mosqpp::mosquittopp& object, char const* clientId, bool cleanSession) {

@@ -71,6 +71,15 @@ public:
     /// How often the library as a whole was initialised so far.
     static std::atomic<int>& libraryInitialisations();
 
+    struct Version {
+        int major;
+        int minor;
+        int revision;
+    };
+    /// The version that the library reports, until set again: that of its headers unless set.
+    static void setLibraryVersion(Version version);
+    static Version libraryVersion();
+
     // The script.
     /// Results of the next calls of an operation, in order; then the built-in behaviour again.
     /// Such a call changes nothing in the stand-in.
