@@ -1,0 +1,68 @@
+# What is installed, and for whom. Three components: `runtime`, what a program needs to run;
+# `development`, what building one needs; `tools`, programs to try an installation with.
+
+include(CMakePackageConfigHelpers)
+
+# zym_install_library(TARGET HEADERS folder... [EXTRA file...]): the library, its headers and all
+# that find_package and pkg-config want of it.
+function(zym_install_library target)
+  if(NOT ZYM_MQTT_INSTALL)
+    return()
+  endif()
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "HEADERS;EXTRA")
+  set(cmake_dir ${CMAKE_INSTALL_LIBDIR}/cmake/${target})
+  zym_describe_library(${target} ${cmake_dir})
+
+  install(TARGETS ${target} EXPORT ${target}-targets
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development)
+  install(DIRECTORY ${arg_HEADERS} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development
+    FILES_MATCHING PATTERN "*.hpp")
+  install(EXPORT ${target}-targets NAMESPACE zym:: DESTINATION ${cmake_dir} COMPONENT development)
+  install(FILES
+    ${CMAKE_CURRENT_BINARY_DIR}/${target}-config.cmake
+    ${CMAKE_CURRENT_BINARY_DIR}/${target}-config-version.cmake
+    ${arg_EXTRA}
+    DESTINATION ${cmake_dir} COMPONENT development)
+  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${target}.pc
+    DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
+endfunction()
+
+# zym_way_from(VARIABLE from to): the relative way from one folder of an installed tree to another.
+function(zym_way_from variable from to)
+  set(anchor /anchor) # any will do
+  file(RELATIVE_PATH way ${anchor}/${from} ${anchor}/${to})
+  string(REGEX REPLACE "/$" "" way "${way}")
+  set(${variable} "${way}" PARENT_SCOPE)
+endfunction()
+
+# The files by which others find the library. None names the folder that it is installed to: a
+# tree may be staged, moved, or put into a sysroot.
+function(zym_describe_library target cmake_dir)
+  configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/${target}-config.cmake.in
+    ${CMAKE_CURRENT_BINARY_DIR}/${target}-config.cmake
+    INSTALL_DESTINATION ${cmake_dir}
+    NO_SET_AND_CHECK_MACRO)
+  # Before 1.0.0 a minor version may change the interface.
+  set(compatible SameMajorVersion)
+  if(PROJECT_VERSION_MAJOR EQUAL 0)
+    set(compatible SameMinorVersion)
+  endif()
+  write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/${target}-config-version.cmake
+    COMPATIBILITY ${compatible})
+
+  zym_way_from(ZYM_PC_PREFIX ${CMAKE_INSTALL_LIBDIR}/pkgconfig "")
+  configure_file(${PROJECT_SOURCE_DIR}/cmake/${target}.pc.in
+    ${CMAKE_CURRENT_BINARY_DIR}/${target}.pc @ONLY)
+endfunction()
+
+# zym_install_tools(target...): programs that are called with their path, as their names are too
+# plain for a folder that everybody searches.
+function(zym_install_tools)
+  if(NOT ZYM_MQTT_INSTALL)
+    return()
+  endif()
+  set(folder ${CMAKE_INSTALL_LIBEXECDIR}/zym-mqtt)
+  zym_way_from(to_libraries ${folder} ${CMAKE_INSTALL_LIBDIR})
+  set_target_properties(${ARGN} PROPERTIES INSTALL_RPATH "$ORIGIN/${to_libraries}")
+  install(TARGETS ${ARGN} RUNTIME DESTINATION ${folder} COMPONENT tools)
+endfunction()

@@ -1,0 +1,127 @@
+// A tank and its display, over a real broker: a value of the application's own type is published
+// and read, a request is answered. Ends with 0 when both came through.
+//
+// Usage: consumer HOST PORT
+
+#include "fill_level.hpp"
+
+#include <mqtt/client.hpp>
+#include <mqtt/request_reply.hpp>
+#include <zym/common/uuid.hpp>
+
+#include <exception>
+#include <future>
+#include <iostream>
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+namespace {
+
+using mqtt::MqttClient;
+using mqtt::MqttData;
+using mqtt::RequestReply;
+using zym::common::Uuid;
+
+Uuid const TANK_ID(1);
+Uuid const DISPLAY_ID(2);
+constexpr conv::SecondsDuration PATIENCE(30);
+
+class Litres final : public mqtt::RequestReplyData {
+public:
+    explicit Litres(unsigned int count = 0) : count(count) {}
+    void serialize(zym::common::lwjson::Serializer& out) const override {
+        out.appendKey("litres");
+        out.addValue(count);
+    }
+    void deserialize(zym::common::lwjson::Deserializer& in) override {
+        zym::common::lwjson::Deserializer::extractValue(in.getMember("litres"), count, "");
+    }
+
+    unsigned int count;
+};
+
+class Tank final : public mqtt::RequestReplyServer::Listener {
+public:
+    std::shared_ptr<mqtt::RequestReplyData>
+    onRequest(std::string const& /*name*/, Uuid const& /*client*/, Uuid const& /*server*/,
+              mqtt::RequestReplyData const& request, RequestReply::ErrorCode& /*error*/) override {
+        return std::make_shared<Litres>(100 - dynamic_cast<Litres const&>(request).count);
+    }
+};
+
+class Display final : public MqttData<FillLevel>::Subscriber {
+public:
+    void onMqttData(FillLevel const& level, bool empty, int /*id*/) override {
+        if (!empty && !told_) {
+            told_ = true;
+            level_.set_value(level.litres);
+        }
+    }
+    unsigned int wait() {
+        auto level = level_.get_future();
+        if (level.wait_for(std::chrono::seconds(30)) != std::future_status::ready)
+            throw std::runtime_error("no level was received");
+        return level.get();
+    }
+
+private:
+    std::promise<unsigned int> level_;
+    bool told_ = false; // used on the client's worker thread only
+};
+
+void require(bool condition, char const* what) {
+    if (!condition)
+        throw std::runtime_error(what);
+}
+
+void publishAndRead(MqttClient& atTank, MqttClient& atDisplay) {
+    Display display;
+    MqttData<FillLevel> shown(atDisplay, "consumer/tank");
+    require(shown.subscribe(&display, 0) == MqttClient::Error::SUCCESS, "cannot subscribe");
+    MqttData<FillLevel> level(atTank, "consumer/tank");
+    level.value.litres = 42;
+    level.publishWait();
+    require(display.wait() == 42, "another level was received");
+    std::cout << "a value of our own type: received\n";
+}
+
+void ask(MqttClient& atTank, MqttClient& atDisplay) {
+    Tank tank;
+    mqtt::RequestReplyServer server(atTank, "consumer/tank", mqtt::Topic(), "draw");
+    require(server.subscribe(&tank, TANK_ID, std::make_shared<Litres>())
+                == MqttClient::Error::SUCCESS,
+            "cannot serve");
+    // The subscription is with the broker when what was sent after it is.
+    atTank.publishWait("consumer/marker", "", 1, false, PATIENCE);
+
+    mqtt::RequestReplyClient draw(atDisplay, "consumer/tank", mqtt::Topic(), "draw");
+    auto const left = std::make_shared<Litres>();
+    auto const result =
+        draw.requestWait(DISPLAY_ID, TANK_ID, std::make_shared<Litres>(7), left, PATIENCE);
+    require(result == RequestReply::ErrorCode::SUCCESS, "the request failed");
+    require(left->count == 93, "another reply was received");
+    std::cout << "a request: answered\n";
+}
+
+void connect(MqttClient& client) {
+    auto const result = client.connect("", -1, PATIENCE);
+    std::cout << "connecting: " << result << '\n';
+    require(result == MqttClient::Error::SUCCESS, "cannot connect");
+}
+
+} // namespace
+
+int main(int argc, char* argv[]) try {
+    require(argc == 3, "Usage: consumer HOST PORT");
+    MqttClient atTank(TANK_ID, false, "tank", argv[1], std::stoi(argv[2]), false);
+    MqttClient atDisplay(DISPLAY_ID, false, "display", argv[1], std::stoi(argv[2]), false);
+    connect(atTank);
+    connect(atDisplay);
+    publishAndRead(atTank, atDisplay);
+    ask(atTank, atDisplay);
+    return 0;
+} catch (std::exception const& error) {
+    std::cerr << "consumer: " << error.what() << '\n';
+    return 1;
+}
