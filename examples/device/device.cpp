@@ -1,0 +1,127 @@
+// The device: a small water works of a tank, a pump and a valve. It publishes what it consists of
+// and how it is doing, binds one panel at a time, tells its time and hands out water, until its
+// standard input ends. When it vanishes without a good-bye, the broker publishes in its place
+// that the connection is lost.
+//
+// Read plant.hpp first, then this file, and the headers beside it in the order of their members
+// in Plant.
+//
+// Usage: device [HOST [PORT]]
+
+#include "binding.hpp"
+#include "clock.hpp"
+#include "console.hpp"
+#include "entity.hpp"
+#include "plant.hpp"
+#include "tank.hpp"
+
+#include <mqtt/client.hpp>
+#include <mqtt/link.hpp>
+#include <mqtt/payloads.hpp>
+
+#include <chrono>
+#include <exception>
+#include <iostream>
+#include <limits>
+#include <string>
+
+using conv::ComState;
+using mqtt::MqttClient;
+
+namespace {
+
+conv::UnixTime now() {
+    auto const sinceEpoch = std::chrono::system_clock::now().time_since_epoch();
+    return conv::UnixTime(std::chrono::duration<double>(sinceEpoch).count());
+}
+
+class Plant final : public MqttClient::Listener {
+public:
+    /// To be made before the client is connected: a will is set while it is not.
+    explicit Plant(MqttClient& client)
+        : client_(client),
+          communication_(client, PLANT),
+          links_(client, PLANT),
+          pump_(client, PUMP_ID, "pump"),
+          valve_(client, VALVE_ID, "valve"),
+          binding_(client),
+          tank_(client, binding_),
+          clock_(client) {
+        set(links_, {tank_.entity().link(), pump_.link(), valve_.link()});
+        set(communication_, {ComState::CONNECTION_LOST, conv::UnixTime()});
+        communication_.setCurrentValueAsWill();
+        client_.registerListener(this);
+        say("the clock was started at " + std::to_string(clock_.start()));
+    }
+    ~Plant() { client_.unregisterListener(this); }
+    Plant(Plant const&) = delete;
+    Plant& operator=(Plant const&) = delete;
+
+    MqttClient::Error serve() {
+        auto const result = binding_.serve();
+        return result == MqttClient::Error::SUCCESS ? tank_.serve() : result;
+    }
+
+    /// With every connection everything is published anew: the will may stand in the place of
+    /// the status, and a broker that was restarted may have forgotten all. The communication
+    /// comes last: who reads that the plant is connected finds the rest in place.
+    void onComStateChanged(ComState state) override {
+        say(inWords(state));
+        if (state == ComState::CONNECTED) {
+            links_.publish();
+            tank_.entity().publish();
+            pump_.publish();
+            valve_.publish();
+            set(communication_, {state, now()});
+            communication_.publish();
+        }
+    }
+
+    void sayGoodbye() {
+        tank_.close();
+        set(communication_, {ComState::DISCONNECTED, now()});
+        communication_.publishWait();
+    }
+
+private:
+    MqttClient& client_;
+    mqtt::MqttData<conv::CommunicationStatus> communication_;
+    mqtt::MqttDataCollection<mqtt::Link> links_;
+    Entity pump_;
+    Entity valve_;
+    Binding binding_;
+    Tank tank_;
+    Clock clock_;
+};
+
+void waitForTheEndOf(std::istream& input) {
+    input.ignore(std::numeric_limits<std::streamsize>::max());
+}
+
+} // namespace
+
+int main(int argc, char* argv[]) try {
+    std::string const host = argc > 1 ? argv[1] : "localhost";
+    int const port = argc > 2 ? std::stoi(argv[2]) : 1883;
+
+    MqttClient client(PLANT_ID, false, "device", host, port, false);
+    Plant plant(client);
+
+    // The services are there before anybody can read that they are.
+    auto result = plant.serve();
+    if (result == MqttClient::Error::SUCCESS) {
+        result = client.connect("", -1, MqttClient::COMMUNICATION_DELAY);
+    }
+    if (result != MqttClient::Error::SUCCESS) {
+        std::cerr << "cannot serve at " << host << ':' << port << ": " << result << '\n';
+        return 1;
+    }
+
+    waitForTheEndOf(std::cin);
+    plant.sayGoodbye();
+    client.disconnect(MqttClient::COMMUNICATION_DELAY);
+    return 0;
+} catch (std::exception const& error) {
+    std::cerr << error.what() << '\n';
+    return 1;
+}
