@@ -1,0 +1,1 @@
+#include "readme/1.inc"

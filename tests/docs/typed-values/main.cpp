@@ -1,0 +1,9 @@
+#include "reading.hpp"
+
+#include <iostream>
+
+int main() {
+    mqtt::MqttClient client(zym::common::Uuid(1), false, "", "localhost", 1883, true);
+#include "typed-values/3.inc"
+#include "typed-values/4.inc"
+}

@@ -1,0 +1,1 @@
+#include "typed-values/2.inc"

@@ -1,0 +1,3 @@
+#pragma once
+
+#include "typed-values/1.inc"
