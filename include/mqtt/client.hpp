@@ -224,7 +224,7 @@ public:
     ///         registrations of that topic remain; otherwise SUCCESS, or NO_CONN when the
     ///         broker could not be told
     Error unsubscribe(Topic const& topic, Subscriber* subscriber, int* mid);
-    /// @copydoc unsubscribe(Topic const&, Subscriber*, int*)
+    /// The same, for those who do not need the message id.
     Error unsubscribe(Topic const& topic, Subscriber* subscriber);
     /// Like `unsubscribe`, and waits for the broker's acknowledgement; on the worker thread,
     /// which has to read it, it does not wait.
