@@ -1,14 +1,15 @@
 // Holds docs/wire-format.md to what the library does. A box there is a fenced block with a
 // language and a name, "```json reply".
 
-#include "endpoint.hpp"
-#include "sample_data.hpp"
-
+#include "requestreply/endpoint.hpp"
+#include "requestreply/sample_data.hpp"
 #include "support/test_client.hpp"
 
+#include <mqtt/binder_proxy.hpp>
 #include <mqtt/link.hpp>
 #include <mqtt/payloads.hpp>
 #include <mqtt/request_reply.hpp>
+#include <mqtt/time_base.hpp>
 
 #include <gmock/gmock.h>
 
@@ -122,6 +123,13 @@ Boxes documents() {
          written(reply(4294967295U, ErrorCode::SUCCESS, std::make_shared<NumberData>(8)))},
         {"json reply-without-listener", written(reply(42, ErrorCode::NO_LISTENER, nullptr))},
         {"json time-out-reply", written(reply(42, ErrorCode::TIMEOUT, mqtt::NO_DATA))},
+        {"json time-request",
+         written(request(7, std::make_shared<mqtt::TimeSyncRequestData>(12.5)))},
+        {"json time-reply",
+         written(reply(7, ErrorCode::SUCCESS,
+                       std::make_shared<mqtt::TimeSyncReplyData>(12.5, 1700.25)))},
+        {"json bind-request",
+         written(request(8, std::make_shared<mqtt::BindRequestData>("panels/1")))},
     };
 }
 
@@ -149,8 +157,13 @@ protected:
         Endpoint<RequestReply::Request> brief(*client_, "x");
         brief.value.name = "n";
         brief.value.clientUuid = Uuid(1);
+        Endpoint<RequestReply::Request> time(*client_, "plant");
+        time.value.name = mqtt::TIME_SYNC_REQUEST_REPLY_NAME;
+        time.value.serverUuid = SERVER;
+        time.value.clientUuid = Uuid(1);
         return {
             {"text identifier", SERVER.base64URL()},
+            {"text time-request-topic", time.publishTopic()},
             {"text request-topic", asking.publishTopic()},
             {"text server-subscription", asking.subscribeTopic()},
             {"text reply-topic", answering.publishTopic()},
