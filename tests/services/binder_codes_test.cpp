@@ -1,0 +1,94 @@
+// What needs no broker: the codes, and what a request for a binding says.
+
+#include <mqtt/binder_proxy.hpp>
+
+#include <gmock/gmock.h>
+
+#include <stdexcept>
+#include <string>
+
+namespace {
+
+using Code = mqtt::RequestReply::ErrorCode;
+using mqtt::BindRequestData;
+using zym::common::lwjson::Deserializer;
+using zym::common::lwjson::Serializer;
+
+int meaning(int code) {
+    return static_cast<int>(
+        mqtt::BinderMqttProxy::requestReplyToBinderError(static_cast<Code>(code)));
+}
+
+TEST(ACodeOfRequestReply, MeansWhatTheTableSaysBelowSixteen) {
+    int const table[16] = {1, 0, 4, 3, 4, 1, 2, 9, 1, 1, 1, 1, 1, 1, 1, 1};
+    for (int code = 0; code < 16; ++code)
+        EXPECT_EQ(meaning(code), table[code]) << "code " << code;
+}
+
+TEST(ACodeOfRequestReply, CarriesTheServersOwnFromSixteenOn) {
+    for (int code = 16; code < 256; ++code)
+        EXPECT_EQ(meaning(code), code - 16) << "code " << code;
+    EXPECT_EQ(meaning(16), 0);
+    EXPECT_EQ(meaning(21), 5);
+    EXPECT_EQ(meaning(255), 239);
+}
+
+std::string written(BindRequestData const& data) {
+    std::string text;
+    Serializer out(text);
+    data.serialize(out);
+    out.finalize();
+    return text;
+}
+
+/// What is read where "before" stood.
+std::string read(std::string const& text) {
+    BindRequestData data("before");
+    Deserializer in(text);
+    data.deserialize(in);
+    return data.topic.text();
+}
+
+template <class Exception>
+void expectRefused(std::string const& text, std::string const& words = "") {
+    BindRequestData data("before");
+    Deserializer in(text);
+    try {
+        data.deserialize(in);
+        ADD_FAILURE() << text << " was read as " << data.topic.text();
+    } catch (Exception const& error) {
+        EXPECT_TRUE(words.empty() || error.what() == words) << text << ": " << error.what();
+    }
+    EXPECT_EQ(data.topic, "before") << text;
+}
+
+TEST(ARequestForABinding, SaysItsTopic) {
+    EXPECT_EQ(written(BindRequestData("plant/panel")), "{\n  \"topic\": \"plant/panel\"\n}");
+    EXPECT_EQ(written(BindRequestData()), "{\n  \"topic\": \"\"\n}");
+    EXPECT_EQ(written(BindRequestData("a\"b\\c")), "{\n  \"topic\": \"a\\\"b\\\\c\"\n}");
+}
+
+TEST(ARequestForABinding, IsReadAsATopicIs) {
+    EXPECT_EQ(read(R"({"topic": "plant/panel"})"), "plant/panel");
+    EXPECT_EQ(read(R"({"$reqId": 1, "more": [1], "topic": "/plant/panel/"})"), "plant/panel");
+    EXPECT_EQ(read(R"({"topic": ""})"), "");
+    EXPECT_EQ(read(R"({"topic": "a", "topic": "b"})"), "a");
+    EXPECT_EQ(read(written(BindRequestData("a\"b\\c"))), "a\"b\\c");
+}
+
+TEST(ARequestForABinding, HasToNameATopic) {
+    expectRefused<std::out_of_range>("{}");
+    expectRefused<std::out_of_range>(R"({"Topic": "a"})");
+}
+
+TEST(ARequestForABinding, HasToNameTheTopicByText) {
+    for (std::string const value : {"7", "null", "true", "[]", R"(["a"])", R"({"topic": "a"})"})
+        expectRefused<std::invalid_argument>(R"({"topic": )" + value + "}");
+}
+
+TEST(ARequestForABinding, HasToBeAnObject) {
+    for (std::string const text : {"[]", R"(["topic"])", "7", "\"topic\"", "null", "", "{"})
+        expectRefused<std::runtime_error>(text, "Cannot get member from a scalar or array");
+}
+
+} // namespace

@@ -1,0 +1,409 @@
+// The end of proxies, at every moment. Some of this only a sanitizer can see.
+
+#include "services/binder_frame.hpp"
+
+#include "support/sanitizers.hpp"
+#include "support/watchdog.hpp"
+
+#include <atomic>
+
+namespace {
+
+using testing::AnyOf;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+using Error = BinderError;
+
+constexpr int ROUNDS = 200 / support::SLOWNESS;
+
+bool isSet(bool value) {
+    return value;
+}
+
+void set(support::Watched<bool>& flag) {
+    flag.change([](bool& value) { value = true; });
+}
+
+class ATerminatedProxy : public WithAServer {};
+
+TEST_F(ATerminatedProxy, StartsNothing) {
+    proxy->terminate();
+    EXPECT_EQ(proxy->bind(server.id, AN_HOUR), Error::CANCELLED);
+    EXPECT_EQ(proxy->bindSync(server.id, AN_HOUR), Error::CANCELLED);
+    EXPECT_EQ(proxy->unbind(AN_HOUR), Error::CANCELLED);
+    EXPECT_EQ(proxy->unbindSync(AN_HOUR), Error::CANCELLED);
+    EXPECT_THAT(recorder.events(), IsEmpty());
+    settle();
+    EXPECT_EQ(requests("bind") + requests("unbind"), 0U);
+}
+
+TEST_F(ATerminatedProxy, IsNotTerminatedTwice) {
+    bind();
+    proxy->terminate();
+    EXPECT_TRUE(proxy->isTimeBaseSynchronized()) << "the last known time stays";
+    proxy->terminate();
+    EXPECT_TRUE(isTimeOf(server, proxy->timeBase()));
+    EXPECT_EQ(proxy->bind(server.id, AN_HOUR), Error::CANCELLED);
+    EXPECT_THAT(recorder.events(), ElementsAre(bound(Error::SUCCESS)));
+}
+
+TEST_F(ATerminatedProxy, KeepsItsListenerOutOfWhatWasUnderWay) {
+    server.ignoreBindings();
+    ASSERT_EQ(proxy->bind(server.id, AN_HOUR), Error::SUCCESS);
+    auto const request = awaitRequest("bind");
+    proxy->terminate();
+    peer.publish(replyTopicFor(request.topic), replyText(idIn(request.payload), 1));
+    settle();
+    EXPECT_THAT(recorder.events(), IsEmpty());
+    EXPECT_EQ(requests("timeSync"), 0U);
+}
+
+TEST_F(ATerminatedProxy, KeepsItsListenerOutOfAnUnbindingUnderWay) {
+    server.ignoreUnbindings();
+    bind();
+    ASSERT_EQ(proxy->unbind(AN_HOUR), Error::SUCCESS);
+    proxy->terminate();
+    EXPECT_THAT(recorder.events(), ElementsAre(bound(Error::SUCCESS)));
+}
+
+/// Threads inside blocking operations.
+class ABlockingCall : public WithAServer {
+protected:
+    /// @param name of the request after which nothing more is to come
+    void block(std::string const& name, std::function<void()> call) {
+        caller = std::make_unique<Sleeper>(std::move(call));
+        awaitRequest(name);
+        ASSERT_TRUE(caller->fallsAsleep());
+    }
+
+    void blockInBinding() {
+        server.ignoreBindings();
+        block("bind",
+              [this, asked = proxy.get()] { result = asked->bindSync(server.id, AN_HOUR); });
+    }
+    void blockInTimeSynchronization() {
+        server.withdrawTime();
+        block("timeSync",
+              [this, asked = proxy.get()] { result = asked->bindSync(server.id, AN_HOUR); });
+    }
+    void blockInUnbinding() {
+        server.ignoreUnbindings();
+        bind();
+        block("unbind", [this, asked = proxy.get()] { result = asked->unbindSync(AN_HOUR); });
+    }
+
+    void expectEnd(Error error) {
+        caller->join();
+        EXPECT_EQ(result, error);
+        settle();
+        EXPECT_LE(recorder.count(), 1U);
+    }
+
+    Error result = Error::FAILED;
+    std::unique_ptr<Sleeper> caller;
+};
+
+TEST_F(ABlockingCall, EndsWhenTheProxyIsTerminatedBeforeTheServerHasAnswered) {
+    blockInBinding();
+    proxy->terminate();
+    expectEnd(Error::CANCELLED);
+    EXPECT_THAT(recorder.events(), IsEmpty());
+}
+
+TEST_F(ABlockingCall, EndsWhenTheProxyIsTerminatedBeforeTheTimeIsKnown) {
+    blockInTimeSynchronization();
+    proxy->terminate();
+    expectEnd(Error::NOT_SYNCHRONIZED);
+    EXPECT_THAT(recorder.events(), IsEmpty());
+}
+
+TEST_F(ABlockingCall, EndsWhenTheProxyIsTerminatedBeforeItIsUnbound) {
+    blockInUnbinding();
+    proxy->terminate();
+    expectEnd(Error::SUCCESS);
+}
+
+TEST_F(ABlockingCall, EndsBeforeTheProxyIsGoneThatBinds) {
+    blockInBinding();
+    proxy.reset();
+    expectEnd(Error::CANCELLED);
+}
+
+TEST_F(ABlockingCall, EndsBeforeTheProxyIsGoneThatReadsTheTime) {
+    blockInTimeSynchronization();
+    proxy.reset();
+    expectEnd(Error::NOT_SYNCHRONIZED);
+}
+
+TEST_F(ABlockingCall, EndsBeforeTheProxyIsGoneThatUnbinds) {
+    blockInUnbinding();
+    proxy.reset();
+    expectEnd(Error::SUCCESS);
+}
+
+/// The end of a proxy inside its own listener.
+class AListenerThatDestroysItsProxy : public WithAServer {
+protected:
+    AListenerThatDestroysItsProxy() {
+        asked = proxy.get();
+        destroyAt("bound");
+    }
+
+    void destroyAt(std::string const& what) {
+        recorder.setHook([this, what](BindingEvent const& event) {
+            if (event.first != what)
+                return;
+            proxy.reset();
+            set(destroyed);
+        });
+    }
+
+    void expectEnd(BindingEvent const& last) {
+        ASSERT_TRUE(destroyed.waitFor(isSet));
+        settle();
+        EXPECT_EQ(recorder.events().back(), last);
+        // And nobody is left behind who would disturb the next one.
+        recorder.setHook({});
+        proxy = makeProxy();
+        server.serveBindings();
+        server.bindings.setAnswer({});
+        EXPECT_EQ(proxy->bindSync(server.id, AN_HOUR), Error::SUCCESS);
+    }
+
+    support::Watched<bool> destroyed;
+    Proxy* asked = nullptr; ///< stays when the pointer that owns it is null
+};
+
+TEST_F(AListenerThatDestroysItsProxy, DoesSoWhenBound) {
+    ASSERT_EQ(asked->bind(server.id, AN_HOUR), Error::SUCCESS);
+    ASSERT_TRUE(recorder.waitForCount(1));
+    expectEnd(bound(Error::SUCCESS));
+}
+
+TEST_F(AListenerThatDestroysItsProxy, DoesSoWhenBoundInACallThatWaits) {
+    EXPECT_EQ(asked->bindSync(server.id, AN_HOUR), Error::SUCCESS);
+    expectEnd(bound(Error::SUCCESS));
+}
+
+TEST_F(AListenerThatDestroysItsProxy, DoesSoWhenRefused) {
+    server.bindings.setAnswer(saying(23));
+    ASSERT_EQ(asked->bind(server.id, AN_HOUR), Error::SUCCESS);
+    ASSERT_TRUE(recorder.waitForCount(1));
+    expectEnd(bound(Error::REFUSED));
+}
+
+TEST_F(AListenerThatDestroysItsProxy, DoesSoWhenRefusedInACallThatWaits) {
+    server.bindings.setAnswer(saying(23));
+    EXPECT_EQ(asked->bindSync(server.id, AN_HOUR), Error::REFUSED);
+    expectEnd(bound(Error::REFUSED));
+}
+
+TEST_F(AListenerThatDestroysItsProxy, DoesSoWhenNobodyAnswers) {
+    server.ignoreBindings();
+    ASSERT_EQ(asked->bind(server.id, 0), Error::SUCCESS);
+    ASSERT_TRUE(recorder.waitForCount(1));
+    expectEnd(bound(Error::TIMEOUT));
+}
+
+TEST_F(AListenerThatDestroysItsProxy, DoesSoWhenNobodyAnswersACallThatWaits) {
+    server.ignoreBindings();
+    EXPECT_EQ(asked->bindSync(server.id, 0), Error::TIMEOUT);
+    expectEnd(bound(Error::TIMEOUT));
+}
+
+TEST_F(AListenerThatDestroysItsProxy, DoesSoWhenItsBindingIsCalledOff) {
+    server.ignoreBindings();
+    ASSERT_EQ(asked->bind(server.id, AN_HOUR), Error::SUCCESS);
+    EXPECT_EQ(asked->unbind(AN_HOUR), Error::CANCELLED);
+    settle();
+    EXPECT_EQ(requests("unbind"), 0U);
+    expectEnd(bound(Error::CANCELLED));
+}
+
+TEST_F(AListenerThatDestroysItsProxy, DoesSoWhenItsBindingIsCalledOffByACallThatWaits) {
+    server.ignoreBindings();
+    ASSERT_EQ(asked->bind(server.id, AN_HOUR), Error::SUCCESS);
+    EXPECT_EQ(asked->unbindSync(AN_HOUR), Error::CANCELLED);
+    settle();
+    EXPECT_EQ(requests("unbind"), 0U);
+    expectEnd(bound(Error::CANCELLED));
+}
+
+TEST_F(AListenerThatDestroysItsProxy, DoesSoInACallThatAnotherThreadCallsOff) {
+    server.ignoreBindings();
+    server.ignoreUnbindings();
+    Error result = Error::SUCCESS;
+    Sleeper caller([&] { result = asked->bindSync(server.id, AN_HOUR); });
+    awaitRequest("bind");
+    ASSERT_TRUE(caller.fallsAsleep());
+    // The proxy may be gone before that is sent: the thread called off is in the listener.
+    EXPECT_THAT(asked->unbindSync(AN_HOUR), AnyOf(Error::SUCCESS, Error::CANCELLED));
+    caller.join();
+    EXPECT_EQ(result, Error::CANCELLED);
+    expectEnd(bound(Error::CANCELLED));
+}
+
+TEST_F(AListenerThatDestroysItsProxy, DoesSoWhenUnbound) {
+    destroyAt("unbound");
+    ASSERT_EQ(asked->bindSync(server.id, AN_HOUR), Error::SUCCESS);
+    ASSERT_EQ(asked->unbind(AN_HOUR), Error::SUCCESS);
+    ASSERT_TRUE(recorder.waitForCount(2));
+    expectEnd(unbound(Error::SUCCESS));
+}
+
+TEST_F(AListenerThatDestroysItsProxy, DoesSoWhenUnboundInACallThatWaits) {
+    destroyAt("unbound");
+    ASSERT_EQ(asked->bindSync(server.id, AN_HOUR), Error::SUCCESS);
+    EXPECT_EQ(asked->unbindSync(AN_HOUR), Error::SUCCESS);
+    expectEnd(unbound(Error::SUCCESS));
+}
+
+TEST_F(AListenerThatDestroysItsProxy, DoesSoWhenStillBound) {
+    destroyAt("unbound");
+    server.unbindings.setAnswer(saying(6));
+    ASSERT_EQ(asked->bindSync(server.id, AN_HOUR), Error::SUCCESS);
+    ASSERT_EQ(asked->unbind(AN_HOUR), Error::SUCCESS);
+    ASSERT_TRUE(recorder.waitForCount(2));
+    expectEnd(unbound(Error::BUSY));
+}
+
+TEST_F(AListenerThatDestroysItsProxy, DoesSoWhenStillBoundInACallThatWaits) {
+    destroyAt("unbound");
+    server.unbindings.setAnswer(saying(6));
+    ASSERT_EQ(asked->bindSync(server.id, AN_HOUR), Error::SUCCESS);
+    EXPECT_EQ(asked->unbindSync(AN_HOUR), Error::BUSY);
+    expectEnd(unbound(Error::BUSY));
+}
+
+class TheEndOfAProxy : public WithAServer {
+protected:
+    TheEndOfAProxy() { support::Watchdog::limit(std::chrono::seconds(240)); }
+
+    /// From before the request arrives to after the binding is there.
+    static void spend(int round) {
+        auto const moment = std::chrono::steady_clock::now()
+                            + std::chrono::microseconds(40 * (round * support::SLOWNESS % 150));
+        while (std::chrono::steady_clock::now() < moment)
+            std::this_thread::yield();
+    }
+
+    /// The listener goes with the proxy: nobody may call it any more.
+    template <class ProxyType, class... Arguments>
+    void expectEndAtAnyMoment(Arguments const&... arguments) {
+        for (int round = 0; round < ROUNDS; ++round) {
+            auto listener = std::make_unique<BindingRecorder>();
+            auto own = std::make_unique<ProxyType>(*mqtt, arguments..., listener.get());
+            ASSERT_EQ(own->bind(server.id, round % 4 == 0 ? 0 : AN_HOUR), Error::SUCCESS);
+            spend(round);
+            if (round % 3 == 0)
+                static_cast<void>(own->unbind(round % 2 == 0 ? 0 : AN_HOUR));
+            spend(round % 7);
+            own.reset();
+            EXPECT_LE(listener->count(), 2U);
+            listener.reset();
+        }
+    }
+};
+
+TEST_F(TheEndOfAProxy, WaitsForItsListener) {
+    support::Watched<bool> entered;
+    std::atomic<bool> left{false};
+    Sleeper* ender = nullptr;
+    support::Watched<bool> ready;
+    recorder.setHook([&](auto const&) {
+        set(entered);
+        ready.waitFor(isSet);
+        EXPECT_TRUE(ender->fallsAsleep());
+        left = true;
+    });
+    ASSERT_EQ(proxy->bind(server.id, AN_HOUR), Error::SUCCESS);
+    ASSERT_TRUE(entered.waitFor(isSet));
+    Sleeper destruction([&] {
+        proxy.reset();
+        EXPECT_TRUE(left);
+    });
+    ender = &destruction;
+    set(ready);
+    destruction.join();
+}
+
+TEST_F(TheEndOfAProxy, ComesAtAnyMoment) {
+    expectEndAtAnyMoment<Proxy>(PLANT, DESK, id, PANEL);
+}
+
+TEST_F(TheEndOfAProxy, ComesAtAnyMomentForADerivedOne) {
+    expectEndAtAnyMoment<DerivedProxy>(id);
+}
+
+TEST_F(TheEndOfAProxy, ComesAtAnyMomentOfABlockingCall) {
+    for (int round = 0; round < ROUNDS; ++round) {
+        auto own = std::make_unique<DerivedProxy>(*mqtt, id, &recorder);
+        std::thread caller([&, asked = own.get()] {
+            EXPECT_THAT(asked->bindSync(server.id, AN_HOUR),
+                        AnyOf(Error::SUCCESS, Error::CANCELLED, Error::NOT_SYNCHRONIZED));
+        });
+        // As soon as it is surely inside.
+        EXPECT_TRUE(support::eventually([&] { return own->serverUuid() == server.id; }));
+        spend(round);
+        own.reset();
+        caller.join();
+        awaitNextIdentifier();
+    }
+}
+
+TEST_F(TheEndOfAProxy, MayBeMadeKnownByTerminationOnSeveralThreads) {
+    for (int round = 0; round < ROUNDS; ++round) {
+        static_cast<void>(proxy->bind(server.id, AN_HOUR));
+        spend(round);
+        std::thread first([&] { proxy->terminate(); });
+        std::thread second([&] { proxy->terminate(); });
+        EXPECT_THAT(proxy->unbind(AN_HOUR), AnyOf(Error::SUCCESS, Error::CANCELLED));
+        first.join();
+        second.join();
+        EXPECT_EQ(proxy->bind(server.id, AN_HOUR), Error::CANCELLED);
+        auto const told = recorder.count();
+        proxy = makeProxy();
+        EXPECT_EQ(recorder.count(), told);
+        awaitNextIdentifier();
+    }
+}
+
+/// One proxy that several threads use as they like.
+class ASharedProxy : public WithAServer {};
+
+TEST_F(ASharedProxy, IsAtAnyonesService) {
+    support::Watchdog::limit(std::chrono::seconds(240));
+    std::atomic<bool> stop{false};
+    std::vector<std::thread> threads;
+    threads.emplace_back([&] {
+        while (!stop) {
+            static_cast<void>(proxy->timeBase());
+            static_cast<void>(proxy->isTimeBaseSynchronized());
+            proxy->forceTimeBaseSync();
+            std::this_thread::yield();
+        }
+    });
+    threads.emplace_back([&] {
+        while (!stop)
+            static_cast<void>(proxy->bindSync(server.id, 1));
+    });
+    threads.emplace_back([&] {
+        while (!stop)
+            static_cast<void>(proxy->unbind(1));
+    });
+    for (int round = 0; round < ROUNDS; ++round) {
+        static_cast<void>(proxy->bind(server.id, 1));
+        static_cast<void>(proxy->unbindSync(1));
+    }
+    stop = true;
+    // One may be inside the 30 seconds for the time, of a binding that was ended meanwhile.
+    proxy->terminate();
+    for (auto& thread : threads)
+        thread.join();
+    proxy = makeProxy();
+    bind();
+    expectBound();
+}
+
+} // namespace
