@@ -64,7 +64,7 @@ public:
 /// that `synchronize` must not be called on the MQTT client's worker thread; none may be called
 /// from a communication state listener. The listener is called on the worker thread with no lock
 /// held, and may even destroy the proxy. `stop` and `terminate` wait for such a call on another
-/// thread: do not hold a lock that the listener takes.
+/// thread, unless it has terminated the proxy: do not hold a lock that the listener takes.
 ///
 /// ### Lifetime
 /// The proxy may be destroyed at any time, also while others are in `synchronize`, which then

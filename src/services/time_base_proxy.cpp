@@ -89,6 +89,9 @@ void SynchronizedTimeBaseMqttProxy::terminate() {
         active_ = false;
         changed_.notify_all();
     }
+    // From inside the listener's call: who waits in `stop` for its end may be someone for whom its
+    // listener waits now, to destroy what is around this proxy.
+    tellers_->leave();
     tellers_->waitForOthers();
 }
 

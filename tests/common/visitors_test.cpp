@@ -137,6 +137,24 @@ TEST_F(TheWaitForVisitors, CountsEveryVisitOfAThread) {
     EXPECT_TRUE(waiting.endsNow());
 }
 
+TEST_F(TheWaitForVisitors, IsOverWhenTheVisitorsLeaveEarly) {
+    auto const outer = std::make_unique<Visitors::Visit>(visitors);
+    auto inner = std::make_unique<Visitors::Visit>(visitors);
+    Visitor other(visitors);
+    Waiting const waiting(visitors);
+    visitors->leave();
+    EXPECT_FALSE(waiting.isOver()) << "the other one is still inside";
+    other.leave();
+    EXPECT_TRUE(waiting.endsNow());
+    // And whoever comes back is waited for again.
+    auto again = std::make_unique<Visitors::Visit>(visitors);
+    Waiting const next(visitors);
+    inner.reset();
+    EXPECT_FALSE(next.isOver());
+    again.reset();
+    EXPECT_TRUE(next.endsNow());
+}
+
 TEST_F(TheWaitForVisitors, MayBeTheEndOfWhatWasVisited) {
     Visitors::Visit const visit(visitors);
     visitors->waitForOthers();

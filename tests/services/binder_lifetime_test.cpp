@@ -142,6 +142,42 @@ TEST_F(ABlockingCall, EndsBeforeTheProxyIsGoneThatUnbinds) {
     expectEnd(Error::SUCCESS);
 }
 
+/// The worker is inside the listener's call and destroys the proxy there, while another thread is
+/// about to unbind: neither must wait for the other.
+class AWorkerThatDestroysAProxy : public ABlockingCall {
+protected:
+    void expectEndWith(conv::SecondsDuration const& timeout) {
+        support::Watched<bool> told;
+        support::Watched<bool> destroy;
+        support::Watched<bool> destroyed;
+        recorder.setHook([&](BindingEvent const& event) {
+            if (event.first == "unbound")
+                return;
+            set(told);
+            destroy.waitFor(isSet);
+            proxy.reset();
+            set(destroyed);
+        });
+        auto* const asked = proxy.get();
+        ASSERT_EQ(asked->bind(server.id, AN_HOUR), Error::SUCCESS);
+        ASSERT_TRUE(told.waitFor(isSet));
+        caller = std::make_unique<Sleeper>([&] { result = asked->unbindSync(timeout); });
+        ASSERT_TRUE(caller->fallsAsleep());
+        set(destroy);
+        caller->join();
+        EXPECT_EQ(result, Error::SUCCESS);
+        EXPECT_TRUE(destroyed.waitFor(isSet));
+    }
+};
+
+TEST_F(AWorkerThatDestroysAProxy, EndsTheWaitForTheServer) {
+    expectEndWith(AN_HOUR);
+}
+
+TEST_F(AWorkerThatDestroysAProxy, EndsTheWaitForItself) {
+    expectEndWith(0);
+}
+
 /// The end of a proxy inside its own listener.
 class AListenerThatDestroysItsProxy : public WithAServer {
 protected:
