@@ -46,7 +46,7 @@ public:
 ///
 /// ### Lifetime
 /// The proxy may be destroyed at any time, from inside the listener's calls too, and while others
-/// are in a blocking operation, which then returns.
+/// are in a blocking operation, which then returns, or in `unbind`.
 class ZYM_MQTT_EXPORT BinderMqttProxy : public virtual zym::common::BinderProxy,
                                         private RequestReplyClient::Listener,
                                         private zym::common::SynchronizedTimeBaseProxy::Listener {
@@ -110,7 +110,7 @@ private:
     RequestReplyClient bindClient_;
     RequestReplyClient unbindClient_;
     SynchronizedTimeBaseMqttProxy timeBase_;
-    std::shared_ptr<Visitors> const callers_; ///< inside a blocking operation
+    std::shared_ptr<Visitors> const callers_; ///< inside an operation that waits or calls off
     std::shared_ptr<void> const alive_;       ///< expires with this object
 };
 

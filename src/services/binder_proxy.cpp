@@ -113,6 +113,8 @@ Binder::Error BinderMqttProxy::onBindReply(ErrorCode code, bool blocking) {
 }
 
 Binder::Error BinderMqttProxy::unbind(conv::SecondsDuration const& timeout) {
+    // It calls the listener, or lets another thread do so, and goes on afterwards.
+    Visitors::Visit const visit(callers_);
     auto const error = beginUnbinding();
     if (error != Binder::Error::SUCCESS)
         return error;

@@ -280,6 +280,22 @@ TEST_F(AListenerThatDestroysItsProxy, DoesSoInACallThatAnotherThreadCallsOff) {
     expectEnd(bound(Error::CANCELLED));
 }
 
+TEST_F(AListenerThatDestroysItsProxy, DoesSoInACallThatAnotherThreadCallsOffWithoutWaiting) {
+    server.ignoreBindings();
+    server.ignoreUnbindings();
+    for (int round = 0; round < ROUNDS / 4; ++round) {
+        Error result = Error::SUCCESS;
+        Sleeper caller([&] { result = asked->bindSync(server.id, AN_HOUR); });
+        ASSERT_TRUE(caller.fallsAsleep());
+        EXPECT_THAT(asked->unbind(AN_HOUR), AnyOf(Error::SUCCESS, Error::CANCELLED));
+        caller.join();
+        EXPECT_EQ(result, Error::CANCELLED);
+        ASSERT_EQ(proxy, nullptr);
+        proxy = makeProxy();
+        asked = proxy.get();
+    }
+}
+
 TEST_F(AListenerThatDestroysItsProxy, DoesSoWhenUnbound) {
     destroyAt("unbound");
     ASSERT_EQ(asked->bindSync(server.id, AN_HOUR), Error::SUCCESS);
@@ -362,6 +378,30 @@ TEST_F(TheEndOfAProxy, WaitsForItsListener) {
     ender = &destruction;
     set(ready);
     destruction.join();
+}
+
+TEST_F(TheEndOfAProxy, WaitsForAnUnbindingThatTellsItsListener) {
+    server.ignoreBindings();
+    for (int round = 0; round < ROUNDS / 4; ++round) {
+        support::Watched<bool> entered;
+        support::Watched<bool> leave;
+        recorder.setHook([&](auto const&) {
+            set(entered);
+            leave.waitFor(isSet);
+        });
+        auto* const asked = proxy.get();
+        ASSERT_EQ(asked->bind(server.id, AN_HOUR), Error::SUCCESS);
+        Sleeper unbinding(
+            [&] { EXPECT_THAT(asked->unbind(AN_HOUR), AnyOf(Error::SUCCESS, Error::CANCELLED)); });
+        ASSERT_TRUE(entered.waitFor(isSet));
+        Sleeper destruction([&] { proxy.reset(); });
+        ASSERT_TRUE(destruction.fallsAsleep());
+        set(leave);
+        destruction.join();
+        unbinding.join();
+        ASSERT_EQ(recorder.events().back(), bound(Error::CANCELLED));
+        proxy = makeProxy();
+    }
 }
 
 TEST_F(TheEndOfAProxy, ComesAtAnyMoment) {
