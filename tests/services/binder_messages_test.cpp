@@ -120,15 +120,21 @@ TEST_F(AMessageOfAProxy, IsNotWhatAReplyToAnotherNameEnds) {
     awaitRequest("bind");
     // No other cast leads to a private base.
     auto& listener = (mqtt::RequestReplyClient::Listener&)*proxy;
-    for (std::string const name : {"", "Bind", "bind?\?", "unbinding", "timeSync"})
-        for (Code const code : {Code::SUCCESS, Code::CANCELLED, Code::BUSY, Code{21}, Code{23}})
-            listener.onReply(1, name, id, server, *mqtt::NO_DATA, code);
-    settle();
+    auto const replyToOthers = [&] {
+        for (std::string const name : {"", "Bind", "bind?\?", "unbinding", "timeSync"})
+            for (Code const code : {Code::SUCCESS, Code::CANCELLED, Code::BUSY, Code{21}, Code{23}})
+                listener.onReply(1, name, id, server, *mqtt::NO_DATA, code);
+        settle();
+    };
+    replyToOthers();
     EXPECT_THAT(recorder.events(), IsEmpty());
     EXPECT_EQ(requests("timeSync"), 0U);
-    EXPECT_EQ(proxy->bind(server, AN_HOUR), Error::BUSY);
-    listener.onReply(1, "bind", id, server, *mqtt::NO_DATA, Code{23});
-    EXPECT_THAT(recorder.events(), ElementsAre(bound(Error::REFUSED)));
+    ASSERT_EQ(proxy->unbind(AN_HOUR), Error::SUCCESS);
+    replyToOthers();
+    EXPECT_THAT(recorder.events(), ElementsAre(bound(Error::CANCELLED)));
+    EXPECT_EQ(proxy->unbind(AN_HOUR), Error::BUSY);
+    listener.onReply(1, "unbind", id, server, *mqtt::NO_DATA, Code{23});
+    EXPECT_THAT(recorder.events(), ElementsAre(bound(Error::CANCELLED), unbound(Error::SUCCESS)));
 }
 
 #pragma GCC diagnostic pop
