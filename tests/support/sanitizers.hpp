@@ -11,8 +11,9 @@ namespace support {
 #define ZYM_TEST_SANITIZED 1
 #endif
 
-/// How many times longer a test may take in this build.
-#if defined(ZYM_TEST_SANITIZED)
+/// How many times longer a test may take in this build; on ARM it runs on a small device, or under
+/// emulation.
+#if defined(ZYM_TEST_SANITIZED) || defined(__arm__)
 inline constexpr int SLOWNESS = 4;
 #else
 inline constexpr int SLOWNESS = 1;

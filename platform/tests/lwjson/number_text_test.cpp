@@ -1,5 +1,7 @@
 #include "number_text.hpp"
 
+#include "support/sanitizers.hpp"
+
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -49,7 +51,7 @@ TEST(ANumberText, IsShortAndReadsBackTheSame) {
 
 TEST(ANumberText, ReadsBackTheSameForAnyBits) {
     std::mt19937_64 bits(1);
-    for (int i = 0; i < 20000; ++i) {
+    for (int i = 0; i < 20000 / support::SLOWNESS; ++i) {
         std::uint64_t const pattern = bits();
         double number = 0;
         std::memcpy(&number, &pattern, sizeof(number));

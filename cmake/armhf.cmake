@@ -1,0 +1,35 @@
+# Toolchain file: 32-bit ARM with hardware floating point, Debian's armhf.
+#
+# The target's headers and libraries come from a folder of their own, which scripts/armhf-sysroot
+# makes; ZYM_ARMHF_SYSROOT, as a CMake or an environment variable, names another one. The programs
+# that are built run through qemu-arm, where the build runs any: tests.
+set(CMAKE_SYSTEM_NAME Linux)
+set(CMAKE_SYSTEM_PROCESSOR armv7l)
+set(CMAKE_LIBRARY_ARCHITECTURE arm-linux-gnueabihf)
+
+if(NOT ZYM_ARMHF_SYSROOT)
+  if(DEFINED ENV{ZYM_ARMHF_SYSROOT})
+    set(ZYM_ARMHF_SYSROOT "$ENV{ZYM_ARMHF_SYSROOT}")
+  else()
+    get_filename_component(ZYM_ARMHF_SYSROOT "${CMAKE_CURRENT_LIST_DIR}/../build/sysroot-armhf/root" ABSOLUTE)
+  endif()
+endif()
+set(ZYM_ARMHF_SYSROOT "${ZYM_ARMHF_SYSROOT}" CACHE PATH "The target's headers and libraries")
+# CMake's own trial builds read this file too, and know nothing of our variables.
+list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES ZYM_ARMHF_SYSROOT)
+
+set(CMAKE_C_COMPILER arm-linux-gnueabihf-gcc)
+set(CMAKE_CXX_COMPILER arm-linux-gnueabihf-g++)
+# Else the compiler notes wherever code and that of a GCC before 7 would not go together.
+set(CMAKE_CXX_FLAGS_INIT -Wno-psabi)
+set(CMAKE_SYSROOT "${ZYM_ARMHF_SYSROOT}")
+set(CMAKE_CROSSCOMPILING_EMULATOR qemu-arm -L "${ZYM_ARMHF_SYSROOT}")
+
+# Programs are this machine's, everything else is the target's.
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
+set(ENV{PKG_CONFIG_SYSROOT_DIR} "${ZYM_ARMHF_SYSROOT}")
+set(ENV{PKG_CONFIG_LIBDIR}
+  "${ZYM_ARMHF_SYSROOT}/usr/lib/${CMAKE_LIBRARY_ARCHITECTURE}/pkgconfig:${ZYM_ARMHF_SYSROOT}/usr/share/pkgconfig")
