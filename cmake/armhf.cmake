@@ -23,13 +23,14 @@ set(CMAKE_CXX_COMPILER arm-linux-gnueabihf-g++)
 # Else the compiler notes wherever code and that of a GCC before 7 would not go together.
 set(CMAKE_CXX_FLAGS_INIT -Wno-psabi)
 set(CMAKE_SYSROOT "${ZYM_ARMHF_SYSROOT}")
-set(CMAKE_CROSSCOMPILING_EMULATOR qemu-arm -L "${ZYM_ARMHF_SYSROOT}")
 
 # Programs are this machine's, everything else is the target's.
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
+find_program(ZYM_QEMU_ARM qemu-arm REQUIRED DOC "Runs what is built (Debian package qemu-user)")
+set(CMAKE_CROSSCOMPILING_EMULATOR "${ZYM_QEMU_ARM}" -L "${ZYM_ARMHF_SYSROOT}")
 set(ENV{PKG_CONFIG_SYSROOT_DIR} "${ZYM_ARMHF_SYSROOT}")
 set(ENV{PKG_CONFIG_LIBDIR}
   "${ZYM_ARMHF_SYSROOT}/usr/lib/${CMAKE_LIBRARY_ARCHITECTURE}/pkgconfig:${ZYM_ARMHF_SYSROOT}/usr/share/pkgconfig")

@@ -10,17 +10,31 @@
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <vector>
 
 namespace {
 
 using support::Process;
 using testing::HasSubstr;
 
+/// The victim program with this one argument, through the emulator where there is one.
+std::vector<std::string> victimCommand(std::string const& argument) {
+    std::vector<std::string> command;
+    std::istringstream words(WATCHDOG_VICTIM);
+    for (std::string word; std::getline(words, word, ':');) {
+        if (!word.empty()) {
+            command.push_back(word);
+        }
+    }
+    command.push_back(argument);
+    return command;
+}
+
 /// A run of the victim program, limited to one second.
 class Victim {
 public:
     explicit Victim(std::string const& test)
-        : process_({WATCHDOG_VICTIM, "--gtest_filter=" + test}, directory_.file("output"),
+        : process_(victimCommand("--gtest_filter=" + test), directory_.file("output"),
                    {"ZYM_TEST_LIMIT=1", "TMPDIR=" + directory_.path()}) {}
 
     Process& process() { return process_; }
