@@ -155,16 +155,12 @@ private:
     std::thread thread_;
 };
 
-/// A client of the service "sync" below svc/time, on a broker with a stranger who sees all.
-class ClientOnABroker : public testing::Test {
+/// An MQTT client on a broker with a stranger who sees all that is carried below svc/.
+class SessionOnABroker : public testing::Test {
 protected:
-    using Client = mqtt::RequestReplyClient;
     using Uuid = zym::common::Uuid;
 
-    ClientOnABroker() {
-        peer.subscribe("svc/#");
-        client = makeClient();
-    }
+    SessionOnABroker() { peer.subscribe("svc/#"); }
 
     static support::BrokerOptions quick() {
         support::BrokerOptions options;
@@ -172,43 +168,10 @@ protected:
         return options;
     }
 
-    std::unique_ptr<Client> makeClient(std::string const& name = "sync") {
-        return std::make_unique<Client>(*mqtt, "svc", "time", name);
-    }
-
-    /// Sends a request with the number 7, for a reply that goes to `replyData`.
-    Code request(conv::SecondsDuration const& timeout = AN_HOUR) {
-        return client->request(&recorder, id, Uuid::NIL, std::make_shared<NumberData>(7), replyData,
-                               &requestId, timeout);
-    }
-
-    Code requestWait(conv::SecondsDuration const& timeout = AN_HOUR) {
-        return client->requestWait(id, Uuid::NIL, std::make_shared<NumberData>(7), replyData,
-                                   timeout);
-    }
-
-    std::string requestTopic() const { return "svc/time/sync?\?/" + id.base64URL(); }
-    std::string replyTopic() const { return "svc/time/sync?=/" + id.base64URL(); }
-
-    /// Returns when the broker has our last request, and so the subscription before it too.
-    void awaitRequest() {
-        EXPECT_TRUE(peer.waitFor([&](auto const& all) {
-            return std::any_of(all.begin(), all.end(), [&](auto const& message) {
-                return message.topic.find("?\?/") != std::string::npos
-                       && idIn(message.payload) == requestId;
-            });
-        }));
-    }
-
     /// Returns when the broker knows all subscriptions that were made through this.
     static void settle(mqtt::MqttClient& through) {
         EXPECT_EQ(through.publishWait("settled", "", 1, false, 30),
                   mqtt::MqttClient::Error::SUCCESS);
-    }
-
-    void reply(std::string const& payload) {
-        awaitRequest();
-        peer.publish(replyTopic(), payload);
     }
 
     /// What the broker has carried below svc/ so far, and what our client has sent before.
@@ -242,11 +205,53 @@ protected:
 
     support::Broker broker{quick()};
     support::RawPeer peer{broker};
-    ReplyRecorder recorder;
     std::unique_ptr<mqtt::MqttClient> mqtt = support::testClient(broker);
     Uuid id = support::uniqueId();
+    int markers = 0;
+};
+
+/// A client of the service "sync" below svc/time.
+class ClientOnABroker : public SessionOnABroker {
+protected:
+    using Client = mqtt::RequestReplyClient;
+
+    ClientOnABroker() { client = makeClient(); }
+
+    std::unique_ptr<Client> makeClient(std::string const& name = "sync") {
+        return std::make_unique<Client>(*mqtt, "svc", "time", name);
+    }
+
+    /// Sends a request with the number 7, for a reply that goes to `replyData`.
+    Code request(conv::SecondsDuration const& timeout = AN_HOUR) {
+        return client->request(&recorder, id, Uuid::NIL, std::make_shared<NumberData>(7), replyData,
+                               &requestId, timeout);
+    }
+
+    Code requestWait(conv::SecondsDuration const& timeout = AN_HOUR) {
+        return client->requestWait(id, Uuid::NIL, std::make_shared<NumberData>(7), replyData,
+                                   timeout);
+    }
+
+    std::string requestTopic() const { return "svc/time/sync?\?/" + id.base64URL(); }
+    std::string replyTopic() const { return "svc/time/sync?=/" + id.base64URL(); }
+
+    /// Returns when the broker has our last request, and so the subscription before it too.
+    void awaitRequest() {
+        EXPECT_TRUE(peer.waitFor([&](auto const& all) {
+            return std::any_of(all.begin(), all.end(), [&](auto const& message) {
+                return message.topic.find("?\?/") != std::string::npos
+                       && idIn(message.payload) == requestId;
+            });
+        }));
+    }
+
+    void reply(std::string const& payload) {
+        awaitRequest();
+        peer.publish(replyTopic(), payload);
+    }
+
+    ReplyRecorder recorder;
     std::shared_ptr<NumberData> replyData = std::make_shared<NumberData>();
     unsigned int requestId = 0;
-    int markers = 0;
     std::unique_ptr<Client> client;
 };

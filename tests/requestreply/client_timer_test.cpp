@@ -1,8 +1,8 @@
 // The client and its timer, in moments that are rare with a real one.
 
 #include "requestreply/client_frame.hpp"
-#include "requestreply/hand_driven_timer.hpp"
 #include "requestreply/sleeper.hpp"
+#include "support/hand_driven_timer.hpp"
 
 #include <atomic>
 #include <chrono>

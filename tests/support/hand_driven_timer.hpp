@@ -1,0 +1,31 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <functional>
+
+/// A program that links `hand-driven-timer` has no timers but ours: they expire when the test says
+/// so, on the test's thread.
+///
+/// A timer is named by its place among those that exist, in the order in which they were made.
+namespace hand_driven_timer {
+
+/// What was done with a timer.
+struct Record {
+    int restarts = 0;
+    int stops = 0;
+    int terminations = 0;
+    bool armed = false;
+    bool once = false;
+    std::chrono::milliseconds period{0}; ///< as of the last restart
+};
+
+Record record(std::size_t timer = 0);
+/// Forgets what was done so far, with all timers, and the hooks.
+void reset();
+/// Calls the callback, whether armed or not: an expiry that was decided on a while ago.
+void expire(std::size_t timer = 0);
+/// Called within every `stop` of every timer, on the thread that stops.
+void onStop(std::function<void()> hook);
+
+} // namespace hand_driven_timer
