@@ -41,6 +41,8 @@ public:
     explicit Sample(unsigned int ofRun) : run(ofRun) {}
 
     void deserialize(zym::common::lwjson::Deserializer& in) override {
+        // More than one message may be read into this, and the last one counts.
+        isRead_ = false;
         TimeSyncReplyData::deserialize(in);
         isRead_ = true;
     }
@@ -274,11 +276,13 @@ void SynchronizedTimeBaseMqttProxy::onTimer() {
         request = std::make_shared<TimeSyncRequestData>(localTimeBase());
         server = serverUuid();
     }
-    auto const result =
-        requestClient_.requestWait(uuid(), server, request, sample, REQUEST_TIMEOUT);
+    // Unless it was a reply that ended the exchange, one may be read into the sample just now.
+    if (requestClient_.requestWait(uuid(), server, request, sample, REQUEST_TIMEOUT)
+        != ErrorCode::SUCCESS)
+        return;
     double const offset = sample->offset(localTimeBase());
     Lock const lock(mutex_);
-    if (result == ErrorCode::SUCCESS && std::isfinite(offset) && isCurrent(*sample, lock))
+    if (std::isfinite(offset) && isCurrent(*sample, lock))
         updateTimeBase(offset, lock);
 }
 
