@@ -120,6 +120,7 @@ private:
     ZYM_MQTT_LOCAL void stop(Lock const& lock);
     ZYM_MQTT_LOCAL void reset(Lock const& lock);
     ZYM_MQTT_LOCAL bool sendRequest(bool notify, Lock const& lock);
+    ZYM_MQTT_LOCAL bool tryToSendRequest(Lock const& lock);
     ZYM_MQTT_LOCAL bool isCurrent(Sample const& sample, Lock const& lock) const;
     ZYM_MQTT_LOCAL bool waitUntilSynchronized(conv::SecondsDuration const& timeout, Lock& lock);
     ZYM_MQTT_LOCAL bool updateTimeBase(double sample, Lock const& lock);

@@ -117,11 +117,6 @@ bool SynchronizedTimeBaseMqttProxy::start(Uuid const& server, bool blocking, Loc
     active_ = true;
     try {
         active_ = sendRequest(!blocking, lock);
-        if (!active_) {
-            // A timer that expired before the reset may have been faster with its own request.
-            requestClient_.cancel();
-            active_ = sendRequest(!blocking, lock);
-        }
     } catch (...) {
         active_ = false;
         throw;
@@ -181,8 +176,19 @@ void SynchronizedTimeBaseMqttProxy::forceSync() {
     sendRequest(true, lock);
 }
 
-bool SynchronizedTimeBaseMqttProxy::sendRequest(bool notify, Lock const& /*lock*/) {
+bool SynchronizedTimeBaseMqttProxy::sendRequest(bool notify, Lock const& lock) {
     notifyOnSuccess_ = notify;
+    if (tryToSendRequest(lock))
+        return true;
+    if (isSynchronized())
+        return false; // the timer's exchange is as good as ours
+    // An expiry of the timer from before this run is late, and was faster than we are: nobody
+    // needs its exchange, and without ours there would be no next one.
+    requestClient_.cancel();
+    return tryToSendRequest(lock);
+}
+
+bool SynchronizedTimeBaseMqttProxy::tryToSendRequest(Lock const& /*lock*/) {
     auto const sample = std::make_shared<Sample>(run_);
     auto const request = std::make_shared<TimeSyncRequestData>(localTimeBase());
     return requestClient_.request(this, uuid(), serverUuid(), request, sample, nullptr,

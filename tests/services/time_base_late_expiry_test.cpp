@@ -1,0 +1,122 @@
+// An expiry of the proxy's timer that was found good, and then the timer's thread got no processor
+// for a while.
+
+#include "requestreply/sleeper.hpp"
+#include "services/time_base_frame.hpp"
+#include "support/hand_driven_timer.hpp"
+
+#include <atomic>
+#include <memory>
+#include <utility>
+#include <vector>
+
+namespace {
+
+/// Holds up whoever is about to make an exchange and wait for it.
+Gate beforeTheExchange;
+std::atomic<int> exchanges{0};
+
+} // namespace
+
+// The linker puts the second in the place of mqtt::RequestReplyClient::requestWait, and the first
+// is that operation. A member function is called like one that takes the object first.
+
+Code waitForTheReply(mqtt::RequestReplyClient*, zym::common::Uuid const&, zym::common::Uuid const&,
+                     std::shared_ptr<mqtt::RequestReplyData>,
+                     std::shared_ptr<mqtt::RequestReplyData>,
+                     conv::SecondsDuration const&) __asm__("__real_" ZYM_TEST_REQUEST_WAIT);
+
+Code holdUpAndWaitForTheReply(
+    mqtt::RequestReplyClient*, zym::common::Uuid const&, zym::common::Uuid const&,
+    std::shared_ptr<mqtt::RequestReplyData>, std::shared_ptr<mqtt::RequestReplyData>,
+    conv::SecondsDuration const&) __asm__("__wrap_" ZYM_TEST_REQUEST_WAIT);
+
+// Called by the linker's doing only.
+Code holdUpAndWaitForTheReply(mqtt::RequestReplyClient* client, zym::common::Uuid const& from,
+                              zym::common::Uuid const& to,
+                              std::shared_ptr<mqtt::RequestReplyData> request,
+                              std::shared_ptr<mqtt::RequestReplyData> reply,
+                              conv::SecondsDuration const& timeout) {
+    beforeTheExchange.pass();
+    ++exchanges;
+    return waitForTheReply(client, from, to, std::move(request), std::move(reply), timeout);
+}
+
+namespace {
+
+class ALateExpiry : public TimeBaseOnABroker {
+protected:
+    ALateExpiry() {
+        synchronize(5.0);
+        exchanges = 0;
+        beforeTheExchange.close();
+        expiry = std::make_unique<Sleeper>([] { hand_driven_timer::expire(); });
+        EXPECT_TRUE(beforeTheExchange.stopsSomebody());
+        proxy->stop();
+    }
+    ~ALateExpiry() override {
+        letItGo();
+        proxy.reset();
+    }
+
+    void letItGo() { beforeTheExchange.open(); }
+
+    std::vector<support::Message> requestsTo(Uuid const& whom) {
+        std::vector<support::Message> result;
+        for (auto const& request : requestsIn(peer.messages()))
+            if (request.topic.find(whom.base64URL()) != std::string::npos)
+                result.push_back(request);
+        return result;
+    }
+    support::Message requestTo(Uuid const& whom, std::size_t n) {
+        EXPECT_TRUE(support::eventually([&] { return requestsTo(whom).size() >= n; }));
+        return requestsTo(whom).at(n - 1);
+    }
+    void answerTo(Uuid const& whom, std::size_t n, double sample) {
+        auto const question = requestTo(whom, n);
+        peer.publish(replyTopicFor(question.topic),
+                     replyText(idIn(question.payload), 1, times(now, now - sample)));
+    }
+
+    Uuid other = support::uniqueId();
+    std::unique_ptr<Sleeper> expiry;
+};
+
+TEST_F(ALateExpiry, DoesNotKeepTheNextRunFromStarting) {
+    letItGo();
+    requestTo(server, 11);
+    ASSERT_TRUE(proxy->startSync(other));
+    for (std::size_t n = 1; n <= SAMPLES; ++n)
+        answerTo(other, n, 7.0);
+    ASSERT_TRUE(listener.isTold(2));
+    EXPECT_DOUBLE_EQ(proxy->offset(), 7.0);
+}
+
+TEST_F(ALateExpiry, ChangesNothingBesideTheNextRun) {
+    ASSERT_TRUE(proxy->startSync(other));
+    requestTo(other, 1);
+    letItGo();
+    for (std::size_t n = 1; n <= SAMPLES; ++n)
+        answerTo(other, n, 7.0);
+    ASSERT_TRUE(listener.isTold(2));
+    EXPECT_DOUBLE_EQ(proxy->offset(), 7.0);
+}
+
+TEST_F(ALateExpiry, DoesNotComeBetweenTwoSamplesOfTheNextRun) {
+    ASSERT_TRUE(proxy->startSync(other));
+    requestTo(other, 1);
+    gate.close();
+    answerTo(other, 1, 7.0);
+    ASSERT_TRUE(gate.stopsSomebody());
+    // No exchange is under way now, and the timer's thread is faster than the next sample.
+    letItGo();
+    ASSERT_TRUE(support::eventually([] { return exchanges == 1; }));
+    ASSERT_TRUE(expiry->fallsAsleep());
+    gate.open();
+    for (std::size_t n = 2; n <= SAMPLES; ++n)
+        answerTo(other, n, 7.0);
+    ASSERT_TRUE(listener.isTold(2));
+    EXPECT_DOUBLE_EQ(proxy->offset(), 7.0);
+}
+
+} // namespace
