@@ -82,6 +82,22 @@ TEST_F(AWaitForAnUnsubscription, InsideACallbackEndsByTimeOut) {
     receiveAll();
 }
 
+TEST_F(AWaitForAnUnsubscription, InsideACallbackDoesNotLastEvenWithoutLimit) {
+    support::Watched<std::optional<Error>> result;
+    support::MessageRecorder waiting([&](auto&&...) {
+        auto const error =
+            client->unsubscribeWait("a", &waiting, conv::SecondsDuration::NO_TIMEOUT);
+        result.change([&](auto& value) { value = error; });
+    });
+    subscribe("a", waiting);
+    send("a", "x");
+    ASSERT_TRUE(result.waitFor([](auto const& value) { return value.has_value(); }));
+    EXPECT_EQ(result.copy(), Error::TIMEOUT);
+    EXPECT_TRUE(server.waitForPackets(Type::UNSUBSCRIBE, 1));
+    EXPECT_EQ(client->unsubscribe("a", &waiting), Error::NOT_FOUND) << "it is registered still";
+    receiveAll();
+}
+
 TEST_F(AWaitForAnUnsubscription, CanBeMadeByManyThreadsAtATime) {
     // A wait may miss its acknowledgement to another, but none waits beyond its time.
     std::vector<std::thread> threads;
