@@ -145,6 +145,39 @@ TEST_F(ATimeBaseProxyThatSamples, DoesNotTakeTheNumbersOfAnotherExchangeForARepl
     EXPECT_DOUBLE_EQ(proxy->offset(), 5.0);
 }
 
+TEST_F(ATimeBaseProxyThatSamples, MakesAnExchangeAgainWhoseTimesCannotBeRead) {
+    std::vector<std::string> const unreadable{
+        "", R"("client": 1)", R"("ref": 1)", R"("client": "1", "ref": 1)",
+        R"("client": 1, "ref": "1")", R"("client": null, "ref": 1)", R"("client": 1, "ref": null)",
+        R"("client": [1], "ref": [1])", R"("client": 1, "ref": {})", R"("client": 1e999, "ref": 1)",
+        // Each can be read, and the sample is beyond all numbers.
+        times(1.7e308, -1.7e308), times(-1.7e308, 1.7e308)};
+    std::size_t n = 1;
+    for (auto const& members : unreadable) {
+        reply(n++, members);
+        request(n);
+        EXPECT_EQ(proxy->offset(), 0.0) << members;
+    }
+    answerAll(n, SAMPLES - 1, 5.0);
+    request(n + SAMPLES - 1);
+    EXPECT_FALSE(proxy->isSynchronized()) << "not one of them counts";
+    answer(n + SAMPLES - 1, 5.0);
+    EXPECT_TRUE(listener.isTold());
+    EXPECT_DOUBLE_EQ(proxy->offset(), 5.0);
+}
+
+TEST_F(ATimeBaseProxyThatSamples, DropsWhatIsNoReplyAtAll) {
+    auto const question = request(1);
+    for (std::string const text : {"null", "[]", "12", "{}", "{", "", "{\"$err\": 1}"})
+        peer.publish(replyTopicFor(question.topic), text);
+    receiveAll();
+    EXPECT_EQ(requestCount(), 1U);
+    EXPECT_EQ(proxy->offset(), 0.0);
+    answer(1, 5.0);
+    request(2);
+    EXPECT_DOUBLE_EQ(proxy->offset(), 5.0);
+}
+
 TEST_F(ATimeBaseProxyThatSamples, StopsWithoutATrace) {
     answerAll(1, 5, 5.0);
     request(6);
