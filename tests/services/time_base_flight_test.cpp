@@ -4,7 +4,10 @@
 #include "requestreply/sleeper.hpp"
 #include "services/time_base_frame.hpp"
 #include "support/hand_driven_timer.hpp"
+#include "support/sanitizers.hpp"
 
+#include <atomic>
+#include <chrono>
 #include <thread>
 
 namespace {
@@ -137,6 +140,35 @@ TEST_F(APeriodicReplyInFlight, DoesNotCountInTheNextRun) {
     answerAll(12, SAMPLES, 7.0);
     ASSERT_TRUE(listener.isTold(2));
     EXPECT_DOUBLE_EQ(proxy->offset(), 7.0);
+}
+
+/// A timer that never rests, and a server that answers at once.
+class AnExpiryAtAnyMoment : public TimeBaseOnABroker {};
+
+TEST_F(AnExpiryAtAnyMoment, ChangesNothingAfterAStopAndHindersNoStart) {
+    auto const serversMqtt = support::testClient(broker);
+    mqtt::SynchronizedTimeBaseMqttAdaptor const adaptor(*serversMqtt, "svc", server);
+    settle(*serversMqtt);
+    std::atomic<bool> end{false};
+    std::thread expiring([&] {
+        while (!end) {
+            hand_driven_timer::expire();
+            std::this_thread::yield();
+        }
+    });
+    for (int round = 1; round <= 100 / support::SLOWNESS; ++round) {
+        EXPECT_TRUE(proxy->startSync(server));
+        EXPECT_TRUE(listener.isTold(round)) << "in round " << round;
+        auto const moment =
+            std::chrono::steady_clock::now() + std::chrono::microseconds(10 * (round % 50));
+        while (std::chrono::steady_clock::now() < moment)
+            std::this_thread::yield();
+        proxy->stop();
+        EXPECT_EQ(proxy->offset(), 0.0);
+        EXPECT_FALSE(record(0).armed);
+    }
+    end = true;
+    expiring.join();
 }
 
 } // namespace
