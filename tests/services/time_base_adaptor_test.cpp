@@ -151,6 +151,7 @@ TEST_F(ATimeBaseAdaptor, MayEndOnTheWorker) {
         ended.change([](bool& value) { value = true; });
     });
     ASSERT_EQ(mqtt->subscribe("ending", &ending, 0), mqtt::MqttClient::Error::SUCCESS);
+    settle(*mqtt);
     peer.publish("ending", "now");
     ASSERT_TRUE(ended.waitFor([](bool value) { return value; }));
     ask(R"({"$reqId": 7, "client": 12.5})");
