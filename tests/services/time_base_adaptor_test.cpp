@@ -19,16 +19,17 @@ using testing::SizeIs;
 /// An adaptor that offers the test's clock.
 class ClockedAdaptor : public mqtt::SynchronizedTimeBaseMqttAdaptor {
 public:
-    using Clock = std::function<double()>;
-
-    ClockedAdaptor(mqtt::MqttClient& client, zym::common::Uuid const& id, Clock clock)
+    ClockedAdaptor(mqtt::MqttClient& client, zym::common::Uuid const& id, DerivedClock::Read clock)
         : mqtt::SynchronizedTimeBaseMqttAdaptor(client, "svc", id), clock_(std::move(clock)) {}
-    ~ClockedAdaptor() override { release(); }
+    ~ClockedAdaptor() override {
+        release();
+        clock_.expectNoReader();
+    }
 
-    double localTimeBase() const override { return clock_(); }
+    double localTimeBase() const override { return clock_.seconds(); }
 
 private:
-    Clock clock_;
+    DerivedClock clock_;
 };
 
 class ATimeBaseAdaptor : public SessionOnABroker {

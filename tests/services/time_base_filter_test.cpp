@@ -185,6 +185,7 @@ TEST_F(TheServersTime, IsWholeSecondsOfOurClockLessTheEstimate) {
 
 TEST_F(TheServersTime, IsZeroWhileTheEstimateExceedsOurClock) {
     EXPECT_EQ(timeBaseWith(1000.5), 0U);
+    EXPECT_EQ(timeBaseWith(1005.0), 0U);
     EXPECT_EQ(timeBaseWith(1e300), 0U);
     EXPECT_EQ(timeBaseWith(1000.0), 0U);
 }

@@ -14,25 +14,48 @@
 #include <string>
 #include <thread>
 
+/// A clock of the test's, as part of a derived class. Whoever reads it must be gone when the class
+/// has released its base.
+class DerivedClock {
+public:
+    using Read = std::function<double()>;
+
+    explicit DerivedClock(Read read) : read_(std::move(read)) {}
+
+    double seconds() const {
+        ++readers_;
+        double const now = read_();
+        --readers_;
+        return now;
+    }
+    void expectNoReader() const { EXPECT_EQ(readers_, 0) << "in a class that is being destroyed"; }
+
+private:
+    Read read_;
+    mutable std::atomic<int> readers_{0};
+};
+
 /// A proxy that reads the test's clock.
 class ClockedProxy : public mqtt::SynchronizedTimeBaseMqttProxy {
 public:
-    using Clock = std::function<double()>;
     using Listener = zym::common::SynchronizedTimeBaseProxy::Listener;
 
     ClockedProxy(mqtt::MqttClient& client, mqtt::Topic const& topic, zym::common::Uuid const& id,
-                 Listener* listener, Clock clock)
+                 Listener* listener, DerivedClock::Read clock)
         : zym::common::SynchronizedTimeBaseProxy(id, listener),
           mqtt::SynchronizedTimeBaseMqttProxy(client, topic, id, listener),
           clock_(std::move(clock)) {}
-    ~ClockedProxy() override { release(); }
+    ~ClockedProxy() override {
+        release();
+        clock_.expectNoReader();
+    }
 
-    double localTimeBase() const override { return clock_(); }
+    double localTimeBase() const override { return clock_.seconds(); }
 
     using zym::common::SynchronizedTimeBaseProxy::serverUuid;
 
 private:
-    Clock clock_;
+    DerivedClock clock_;
 };
 
 /// Counts how often it is told. Declare it before the proxy.

@@ -56,6 +56,9 @@ protected:
     }
     ~ALateExpiry() override {
         letItGo();
+        proxy->terminate();
+        // Unlike a real timer's, its end does not wait for the callback.
+        expiry.reset();
         proxy.reset();
     }
 

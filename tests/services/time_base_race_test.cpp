@@ -35,12 +35,15 @@ microseconds momentOf(int round) {
 class DerivedAdaptor : public mqtt::SynchronizedTimeBaseMqttAdaptor {
 public:
     using mqtt::SynchronizedTimeBaseMqttAdaptor::SynchronizedTimeBaseMqttAdaptor;
-    ~DerivedAdaptor() override { release(); }
+    ~DerivedAdaptor() override {
+        release();
+        clock_.expectNoReader();
+    }
 
-    double localTimeBase() const override { return *time_; }
+    double localTimeBase() const override { return clock_.seconds(); }
 
 private:
-    std::unique_ptr<double> time_ = std::make_unique<double>(2000.0);
+    DerivedClock clock_{[] { return 2000.0; }};
 };
 
 /// A proxy and a real server, on two clients.
