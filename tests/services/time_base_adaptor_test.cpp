@@ -145,6 +145,18 @@ TEST_F(ATimeBaseAdaptor, EndsAfterTheRequestThatItAnswers) {
     destruction.join();
 }
 
+TEST_F(ATimeBaseAdaptor, EndsAfterThatAlsoWhenItIsTerminatedAlready) {
+    gate.close();
+    ask(R"({"$reqId": 7, "client": 12.5})");
+    ASSERT_TRUE(gate.stopsSomebody());
+    // In vain for the broker's acknowledgement: nobody is there to read it.
+    adaptor->terminate();
+    Sleeper destruction([&] { adaptor.reset(); });
+    EXPECT_TRUE(destruction.fallsAsleep());
+    gate.open();
+    destruction.join();
+}
+
 TEST_F(ATimeBaseAdaptor, MayEndOnTheWorker) {
     support::Watched<bool> ended;
     support::MessageRecorder ending([&](auto&&...) {
