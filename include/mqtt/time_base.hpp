@@ -157,7 +157,8 @@ class ZYM_MQTT_EXPORT SynchronizedTimeBaseMqttAdaptor
     : public virtual zym::common::SynchronizedTimeBaseAdaptor,
       public RequestReplyServer::Listener {
 public:
-    /// Starts to answer.
+    /// Starts to answer, before a derived class is whole: make that one before anybody can ask for
+    /// it, or its first answers may tell this class's time.
     /// @param uuid the server's identity, which a proxy asks for
     SynchronizedTimeBaseMqttAdaptor(MqttClient& client, Topic const& topic,
                                     zym::common::Uuid const& uuid);
