@@ -76,6 +76,7 @@ TopicCleaner::~TopicCleaner() {
 }
 
 void TopicCleaner::clean(Topic const& topic, milliseconds duration) {
+    Visitors::Visit const visit(callers_);
     Lock const lock(tasksMutex_);
     if (terminated_)
         return;
@@ -129,7 +130,8 @@ void TopicCleaner::handleTasksExpiration() {
         arm(NO_ACTIVITY_TIME);
         return;
     }
-    if (!cleaning_)
+    // Who ends all work lets the waiters go too.
+    if (!cleaning_ || terminated_)
         return;
     lock.unlock();
     if (listener_ != nullptr)
