@@ -1,0 +1,265 @@
+// Runs that meet one another, or the end of their discoverer.
+
+#include "requestreply/sleeper.hpp"
+#include "services/discoverer_frame.hpp"
+
+#include <atomic>
+
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+bool isSet(bool value) {
+    return value;
+}
+
+void set(support::Watched<bool>& flag) {
+    flag.change([](bool& value) { value = true; });
+}
+
+void waitOut(milliseconds time) {
+    auto const end = steady_clock::now() + time;
+    EXPECT_TRUE(support::eventually([&] { return steady_clock::now() > end; }));
+}
+
+class ARunAfterAnother : public ADiscoverer {
+protected:
+    /// The first one has asked and got no answer.
+    ARunAfterAnother() {
+        retainLinks({"a"});
+        EXPECT_FALSE(discoverer->discoverSync(1, true));
+        letTheStepEnd();
+    }
+};
+
+TEST_F(ARunAfterAnother, IsNotEndedByALateAnswerBeforeItHasItsList) {
+    retain(ENTITIES, "");
+    auto run = launch();
+    ASSERT_TRUE(waitForSubscriptions(3));
+    answerLate("late", 0);
+    EXPECT_TRUE(isUnderWay(run));
+    EXPECT_THAT(entities(), ElementsAre(PLACEHOLDER));
+    retainEntity("a");
+    deliver(ENTITIES, listOf({"a"}));
+    EXPECT_TRUE(run.get());
+    EXPECT_THAT(entities(), ElementsAre(textsOf("a")));
+}
+
+TEST_F(ARunAfterAnother, IsNotEndedByALateList) {
+    retain(ENTITIES, "");
+    EXPECT_FALSE(discoverer->discoverSync(0, false));
+    listLate({"late"});
+    EXPECT_THAT(links(), ElementsAre("a"));
+    answerLate("late", 0);
+    EXPECT_THAT(entities(), ElementsAre(PLACEHOLDER));
+    letTheStepEnd();
+    EXPECT_THAT(subscribed(), IsEmpty());
+}
+
+TEST_F(ARunAfterAnother, StartsFromNothing) {
+    retainLinks({"b", "c"});
+    retainEntity("b");
+    EXPECT_FALSE(discoverer->discoverSync(1, true));
+    EXPECT_THAT(links(), ElementsAre("b", "c"));
+    EXPECT_THAT(entities(), ElementsAre(textsOf("b"), PLACEHOLDER));
+}
+
+TEST_F(ADiscoverer, MakesOneRunAfterTheOther) {
+    auto first = launch();
+    ASSERT_TRUE(waitForSubscriptions(1));
+    bool result = false;
+    Sleeper second([&] { result = discoverer->discoverSync(1, false); });
+    ASSERT_TRUE(second.fallsAsleep());
+    // Its own time does not run yet.
+    waitOut(milliseconds(1100));
+    EXPECT_EQ(script_->count(Operation::SUBSCRIBE), 1U);
+    retainLinks({"b"});
+    retainEntity("a");
+    deliver(ENTITIES, listOf({"a"}));
+    EXPECT_TRUE(first.get());
+    second.join();
+    EXPECT_TRUE(result);
+    EXPECT_THAT(links(), ElementsAre("b"));
+    EXPECT_THAT(entities(), ElementsAre(PLACEHOLDER));
+}
+
+TEST_F(ADiscoverer, ToldToCleanUpEndsItsRunByTimeOut) {
+    retainLinks({"a"});
+    auto run = launch(1);
+    ASSERT_TRUE(waitForSubscriptions(2));
+    letTheStepEnd();
+    discoverer->cleanSubscriptions();
+    EXPECT_THAT(subscribed(), IsEmpty());
+    answer("a");
+    answerLate("late", 0);
+    EXPECT_FALSE(run.get());
+    EXPECT_THAT(entities(), ElementsAre(PLACEHOLDER));
+}
+
+TEST_F(ADiscoverer, ToldToCleanUpBeforeItHasAListTakesNone) {
+    auto run = launch(1);
+    ASSERT_TRUE(waitForSubscriptions(1));
+    discoverer->cleanSubscriptions();
+    listLate({"late"});
+    EXPECT_FALSE(run.get());
+    EXPECT_THAT(links(), IsEmpty());
+    discoverer->cleanSubscriptions();
+    EXPECT_THAT(subscribed(), IsEmpty());
+}
+
+TEST_F(ADiscoverer, WaitsWithoutLimitWhenToldSo) {
+    for (auto const timeout : {WITHOUT_LIMIT, WITHOUT_LIMIT - 1}) {
+        auto const before = script_->count(Operation::SUBSCRIBE);
+        auto run = launch(timeout, false);
+        ASSERT_TRUE(waitForSubscriptions(before + 1));
+        // Longer than it ever sleeps in one go.
+        waitOut(milliseconds(3200));
+        EXPECT_TRUE(isUnderWay(run));
+        deliver(ENTITIES, listOf({"a"}));
+        EXPECT_TRUE(run.get());
+    }
+}
+
+TEST_F(ADiscoverer, IsReadWhileItRuns) {
+    std::atomic<bool> stop{false};
+    auto reader = std::async(std::launch::async, [&] {
+        while (!stop) {
+            EXPECT_LE(discoverer->entities().size(), 20U);
+            EXPECT_LE(discoverer->links().size(), 20U);
+        }
+    });
+    Strings ids;
+    for (int i = 0; i < 20; ++i) {
+        ids.push_back(std::to_string(i));
+        retainEntity(ids.back());
+    }
+    retainLinks(ids);
+    for (int round = 0; round < 20; ++round)
+        EXPECT_TRUE(discoverer->discoverSync(LONG_ENOUGH, true));
+    stop = true;
+    reader.wait();
+}
+
+// The end
+
+class TheEndOfADiscoverer : public ADiscoverer {
+protected:
+    /// A run ends in a moment, so this is not for its object to be used after.
+    std::future<bool> launchOn(Discoverer* which) {
+        return std::async(std::launch::async,
+                          [which] { return which->discoverSync(WITHOUT_LIMIT, true); });
+    }
+};
+
+TEST_F(TheEndOfADiscoverer, LeavesNothingSubscribed) {
+    retainLinks({"a"});
+    auto run = launchOn(discoverer.get());
+    ASSERT_TRUE(waitForSubscriptions(2));
+    discoverer.reset();
+    EXPECT_FALSE(run.get());
+    letTheStepEnd();
+    EXPECT_THAT(subscribed(), IsEmpty());
+}
+
+TEST_F(TheEndOfADiscoverer, LetsTheRunGoThatHasNoListYet) {
+    auto run = launchOn(discoverer.get());
+    ASSERT_TRUE(waitForSubscriptions(1));
+    discoverer.reset();
+    EXPECT_FALSE(run.get());
+    EXPECT_THAT(subscribed(), IsEmpty());
+}
+
+TEST_F(TheEndOfADiscoverer, LetsAllRunsGo) {
+    bool first = true;
+    bool second = true;
+    auto* const which = discoverer.get();
+    Sleeper one([&] { first = which->discoverSync(WITHOUT_LIMIT, true); });
+    ASSERT_TRUE(one.fallsAsleep());
+    Sleeper other([&] { second = which->discoverSync(WITHOUT_LIMIT, true); });
+    ASSERT_TRUE(other.fallsAsleep());
+    discoverer.reset();
+    one.join();
+    other.join();
+    EXPECT_FALSE(first || second);
+    EXPECT_EQ(script_->count(Operation::SUBSCRIBE), 1U);
+}
+
+TEST_F(TheEndOfADiscoverer, ComesOnTheWorkerDuringARun) {
+    retainLinks({"a"});
+    auto run = launchOn(discoverer.get());
+    ASSERT_TRUE(waitForSubscriptions(2));
+    letTheStepEnd();
+    script_->runInLoop([&](auto&) { discoverer.reset(); });
+    EXPECT_FALSE(run.get());
+    letTheStepEnd();
+    EXPECT_THAT(subscribed(), IsEmpty());
+    answer("a");
+}
+
+TEST_F(TheEndOfADiscoverer, ComesInADeliveryOnTheSameTopic) {
+    support::MessageRecorder killer([&](auto&&...) { discoverer.reset(); });
+    ASSERT_EQ(client_->subscribe(ENTITIES, &killer, 0), mqtt::MqttClient::Error::SUCCESS);
+    auto run = launchOn(discoverer.get());
+    ASSERT_TRUE(waitForSubscriptions(2));
+    deliver(ENTITIES, listOf({"a"}));
+    EXPECT_FALSE(run.get());
+    EXPECT_EQ(script_->count(Operation::SUBSCRIBE), 2U);
+    client_->release(&killer);
+}
+
+/// Holds the worker in a call of the broker library until told otherwise.
+class Barrier {
+public:
+    std::optional<int> pass() {
+        set(entered_);
+        EXPECT_TRUE(open_.waitFor(isSet));
+        return std::nullopt;
+    }
+    bool waitForVisitor() const { return entered_.waitFor(isSet); }
+    void open() { set(open_); }
+
+private:
+    support::Watched<bool> entered_, open_;
+};
+
+TEST_F(TheEndOfADiscoverer, WaitsForTheListBeingHandled) {
+    Barrier barrier;
+    auto run = launchOn(discoverer.get());
+    ASSERT_TRUE(waitForSubscriptions(1));
+    script_->setHook(Operation::SUBSCRIBE, [&](auto const&) { return barrier.pass(); });
+    script_->deliver(ENTITIES, listOf({"a", "b"}));
+    ASSERT_TRUE(barrier.waitForVisitor());
+    Sleeper end([&] { discoverer.reset(); });
+    ASSERT_TRUE(end.fallsAsleep());
+    barrier.open();
+    end.join();
+    EXPECT_FALSE(run.get());
+    letTheStepEnd();
+    EXPECT_EQ(script_->count(Operation::SUBSCRIBE), 3U);
+    EXPECT_THAT(subscribed(), IsEmpty());
+}
+
+TEST_F(TheEndOfADiscoverer, WaitsForTheAnswerBeingHandled) {
+    Barrier barrier;
+    retainLinks({"a", "b"});
+    auto run = launchOn(discoverer.get());
+    ASSERT_TRUE(waitForSubscriptions(3));
+    letTheStepEnd();
+    script_->setHook(Operation::UNSUBSCRIBE, [&](auto const&) { return barrier.pass(); });
+    script_->deliver("a/identification", identificationOf("a"));
+    ASSERT_TRUE(barrier.waitForVisitor());
+    Sleeper end([&] { discoverer.reset(); });
+    ASSERT_TRUE(end.fallsAsleep());
+    barrier.open();
+    end.join();
+    EXPECT_FALSE(run.get());
+    script_->setHook(Operation::UNSUBSCRIBE, {});
+    letTheStepEnd();
+    EXPECT_THAT(subscribed(), IsEmpty());
+}
+
+} // namespace
