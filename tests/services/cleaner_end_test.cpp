@@ -1,0 +1,204 @@
+// Cleaners that are ended while something is going on.
+
+#include "requestreply/sleeper.hpp"
+#include "services/cleaner_on_a_script.hpp"
+#include "support/sanitizers.hpp"
+
+#include <atomic>
+#include <optional>
+
+namespace {
+
+using std::chrono::milliseconds;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+/// Holds those who come by until told otherwise.
+class Barrier {
+public:
+    std::optional<int> pass() {
+        set(entered_);
+        EXPECT_TRUE(open_.waitFor(isSet));
+        return std::nullopt;
+    }
+    bool waitForVisitor() const { return entered_.waitFor(isSet); }
+    void open() { set(open_); }
+
+private:
+    support::Watched<bool> entered_, open_;
+};
+
+using TheEndOfACleaner = ACleaner;
+
+TEST_F(TheEndOfACleaner, DropsRequestsWithoutAWord) {
+    cleaner->clean("a", AN_HOUR);
+    cleaner->clean("b", milliseconds(0));
+    cleaner->terminate();
+    EXPECT_THAT(topics(Operation::UNSUBSCRIBE), ElementsAre("a", "b"));
+    EXPECT_THAT(script->calls(Operation::DISCONNECT), SizeIs(1));
+    EXPECT_FALSE(script->connected());
+    EXPECT_EQ(hand_driven_timer::record().terminations, 1);
+    look();
+    EXPECT_THAT(recorder.told(), IsEmpty());
+    EXPECT_FALSE(script->gone());
+    cleaner.reset();
+    EXPECT_TRUE(script->gone());
+}
+
+TEST_F(TheEndOfACleaner, ComesWithTheDestructorToo) {
+    cleaner->clean("a", AN_HOUR);
+    cleaner.reset();
+    EXPECT_THAT(topics(Operation::UNSUBSCRIBE), ElementsAre("a"));
+    EXPECT_THAT(script->calls(Operation::DISCONNECT), SizeIs(1));
+    EXPECT_THAT(recorder.told(), IsEmpty());
+}
+
+TEST_F(TheEndOfACleaner, IsForGood) {
+    cleaner->terminate();
+    cleaner->clean("a", milliseconds(0));
+    EXPECT_EQ(script->count(Operation::SUBSCRIBE), 0U);
+    EXPECT_TRUE(cleaner->waitAllTasks(milliseconds(0)));
+    look();
+    cleaner->terminate();
+    EXPECT_THAT(recorder.told(), IsEmpty());
+    EXPECT_EQ(hand_driven_timer::record().restarts, 0);
+}
+
+TEST_F(TheEndOfACleaner, LetsThoseGoWhoWait) {
+    cleaner->clean("a", AN_HOUR);
+    bool ended = false;
+    bool endedToo = false;
+    Sleeper one([&] { ended = cleaner->waitAllTasks(milliseconds::max()); });
+    Sleeper other([&] { endedToo = cleaner->waitAllTasks(AN_HOUR); });
+    ASSERT_TRUE(one.fallsAsleep());
+    ASSERT_TRUE(other.fallsAsleep());
+    cleaner->terminate();
+    one.join();
+    other.join();
+    EXPECT_TRUE(ended && endedToo);
+}
+
+TEST_F(TheEndOfACleaner, LetsThoseGoWhoWaitBeforeItIsDestroyed) {
+    cleaner->clean("a", AN_HOUR);
+    for (int i = 0; i < 20; ++i) {
+        cleaner->clean("a", AN_HOUR);
+        std::atomic<bool> left{false};
+        Sleeper waiter([&, which = cleaner.get()] {
+            EXPECT_TRUE(which->waitAllTasks(AN_HOUR));
+            left = true;
+        });
+        ASSERT_TRUE(waiter.fallsAsleep());
+        cleaner.reset();
+        waiter.join();
+        EXPECT_TRUE(left);
+        replace(&recorder);
+    }
+}
+
+TEST_F(TheEndOfACleaner, WaitsForRequestsBeingMade) {
+    for (int i = 0; i < 40 / support::SLOWNESS; ++i) {
+        Barrier barrier;
+        script->setHook(Operation::SUBSCRIBE, [&](auto const&) { return barrier.pass(); });
+        auto* const which = cleaner.get();
+        Sleeper one([=] { which->clean("a", AN_HOUR); });
+        ASSERT_TRUE(barrier.waitForVisitor());
+        Sleeper another([=] { which->clean("b", AN_HOUR); });
+        ASSERT_TRUE(another.fallsAsleep());
+        Sleeper end([&] { cleaner.reset(); });
+        ASSERT_TRUE(end.fallsAsleep());
+        barrier.open();
+        one.join();
+        another.join();
+        end.join();
+        replace(&recorder);
+    }
+}
+
+TEST_F(TheEndOfACleaner, WaitsForTheMessageBeingHandled) {
+    Barrier barrier;
+    std::atomic<bool> left{false};
+    cleaner->clean("a", AN_HOUR);
+    script->setHook(Operation::PUBLISH, [&](auto const&) {
+        barrier.pass();
+        left = true;
+        return std::optional<int>();
+    });
+    script->deliver("a", "x");
+    ASSERT_TRUE(barrier.waitForVisitor());
+    Sleeper end([&] {
+        cleaner.reset();
+        EXPECT_TRUE(left);
+    });
+    ASSERT_TRUE(end.fallsAsleep());
+    barrier.open();
+    end.join();
+    EXPECT_TRUE(script->gone());
+}
+
+// Inside the listener
+
+TEST_F(TheEndOfACleaner, ComesWhenATopicIsDone) {
+    recorder.setHook([&](auto const&) { cleaner->terminate(); });
+    cleaner->clean("a", milliseconds(0));
+    cleaner->clean("b", milliseconds(0));
+    look();
+    EXPECT_THAT(recorder.told(), ElementsAre("a"));
+    EXPECT_TRUE(cleaner->waitAllTasks(milliseconds(0)));
+}
+
+TEST_F(TheEndOfACleaner, ComesWhenTheLastTopicIsDone) {
+    recorder.setHook([&](auto const&) { cleaner->terminate(); });
+    cleaner->clean("a", milliseconds(0));
+    look();
+    EXPECT_THAT(recorder.told(), ElementsAre("a"));
+}
+
+TEST_F(TheEndOfACleaner, ComesWhenAllIsDone) {
+    recorder.setHook([&](auto const& what) {
+        if (what == ALL)
+            cleaner->terminate();
+    });
+    cleaner->clean("a", milliseconds(0));
+    look();
+    EXPECT_THAT(recorder.told(), ElementsAre("a", ALL));
+    EXPECT_TRUE(cleaner->waitAllTasks(milliseconds(0)));
+}
+
+TEST_F(TheEndOfACleaner, ComesByDestroyingItWhenATopicIsDone) {
+    recorder.setHook([&](auto const&) { cleaner.reset(); });
+    cleaner->clean("a", milliseconds(0));
+    cleaner->clean("b", milliseconds(0));
+    Sleeper waiter([which = cleaner.get()] { EXPECT_TRUE(which->waitAllTasks(AN_HOUR)); });
+    ASSERT_TRUE(waiter.fallsAsleep());
+    look();
+    EXPECT_THAT(recorder.told(), ElementsAre("a"));
+    EXPECT_TRUE(script->gone());
+}
+
+TEST_F(TheEndOfACleaner, ComesByDestroyingItWhenAllIsDone) {
+    recorder.setHook([&](auto const& what) {
+        if (what == ALL)
+            cleaner.reset();
+    });
+    cleaner->clean("a", milliseconds(0));
+    Sleeper waiter([which = cleaner.get()] { EXPECT_TRUE(which->waitAllTasks(AN_HOUR)); });
+    ASSERT_TRUE(waiter.fallsAsleep());
+    look();
+    EXPECT_THAT(recorder.told(), ElementsAre("a", ALL));
+    EXPECT_TRUE(script->gone());
+}
+
+TEST_F(TheEndOfACleaner, MayTakeItsListenerAlong) {
+    auto doomed = std::make_unique<CleanerRecorder>();
+    doomed->setHook([&](auto const&) {
+        cleaner.reset();
+        doomed.reset();
+    });
+    replace(doomed.get());
+    cleaner->clean("a", milliseconds(0));
+    look();
+    EXPECT_EQ(doomed, nullptr);
+}
+
+} // namespace
