@@ -52,7 +52,8 @@ bool answers(int port) {
 } // namespace
 
 Broker::Broker(Options const& options)
-    : lastWords_([this](std::ostream& out) { speakLastWords(out); }) {
+    : lease_(options.port == 0 ? PortLease() : PortLease(options.port)),
+      lastWords_([this](std::ostream& out) { speakLastWords(out); }) {
     writeConfiguration(options);
     start();
 }

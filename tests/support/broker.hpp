@@ -17,10 +17,11 @@ struct BrokerOptions {
     bool nodelay = false;     ///< without it the broker waits for our kernel's acknowledgements
     bool persistence = false; ///< sessions and retained messages survive even `kill`
     bool unixSocket = false;  ///< listens on `socketPath` too
+    int port = 0;             ///< other than 0: that very one
     std::vector<std::string> extraLines; ///< of the configuration file
 };
 
-/// A mosquitto process of its own on a free port of the loopback address.
+/// A mosquitto process of its own on a port of the loopback address, a free one as a rule.
 ///
 /// Its operations may be called from any thread. When the test fails or hangs the end of its
 /// log is printed.

@@ -50,16 +50,26 @@ PortLease::PortLease() {
     std::random_device random;
     auto const start = static_cast<int>(random() % static_cast<unsigned>(size));
     for (int i = 0; i < size; ++i) {
-        if (take(first + (start + i) % size)) {
+        if (take(first + (start + i) % size, LOCK_EX | LOCK_NB)) {
             return;
         }
     }
     throw std::runtime_error("no free port on the loopback address");
 }
 
-bool PortLease::take(int port) {
+PortLease::PortLease(int port) {
+    if (!take(port, LOCK_EX)) {
+        throw std::runtime_error("Port " + std::to_string(port)
+                                 + " of the loopback address is taken by another program. This"
+                                   " test needs that very port: stop the program, or what it"
+                                   " belongs to, and try again.");
+    }
+}
+
+/// @param how of flock(2)
+bool PortLease::take(int port, int how) {
     FileDescriptor lock(open(lockFile(port).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666));
-    if (!lock.valid() || flock(lock.get(), LOCK_EX | LOCK_NB) != 0 || !canBind(port)) {
+    if (!lock.valid() || flock(lock.get(), how) != 0 || !canBind(port)) {
         return false;
     }
     port_ = port;

@@ -14,11 +14,14 @@ class PortLease {
 public:
     /// @throws std::runtime_error when no port is free
     PortLease();
+    /// That very port. Waits for as long as another test has it.
+    /// @throws std::runtime_error when a stranger has it
+    explicit PortLease(int port);
 
     int port() const noexcept { return port_; }
 
 private:
-    bool take(int port);
+    bool take(int port, int how);
 
     int port_ = 0;
     FileDescriptor lock_; ///< the kernel ends the lock with the process, however it ends

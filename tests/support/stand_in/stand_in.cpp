@@ -18,6 +18,7 @@ struct Registry {
     std::mutex mutex;
     StandIn::Version version{LIBMOSQUITTO_MAJOR, LIBMOSQUITTO_MINOR, LIBMOSQUITTO_REVISION};
     std::vector<std::shared_ptr<StandIn>> all;
+    std::function<void(StandIn&)> whenMade;
 };
 
 Registry& registry() {
@@ -50,9 +51,26 @@ StandIn::Version StandIn::libraryVersion() {
 
 StandIn* StandIn::make(mosqpp::mosquittopp& object, char const* clientId, bool cleanSession) {
     std::shared_ptr<StandIn> standIn(new StandIn(object, clientId ? clientId : "", cleanSession));
-    std::lock_guard<std::mutex> lock(registry().mutex);
-    registry().all.push_back(standIn);
+    std::function<void(StandIn&)> hook;
+    {
+        std::lock_guard<std::mutex> lock(registry().mutex);
+        registry().all.push_back(standIn);
+        hook = registry().whenMade;
+    }
+    try {
+        if (hook) {
+            hook(*standIn);
+        }
+    } catch (...) {
+        bury(standIn.get());
+        throw;
+    }
     return standIn.get();
+}
+
+void StandIn::whenMade(std::function<void(StandIn&)> hook) {
+    std::lock_guard<std::mutex> lock(registry().mutex);
+    registry().whenMade = std::move(hook);
 }
 
 void StandIn::bury(StandIn* standIn) {

@@ -68,6 +68,10 @@ public:
     /// Of the object made last with this client identifier.
     static std::shared_ptr<StandIn> of(std::string const& clientId);
 
+    /// Called from now on with every one as it is made, before its client can use it. What it
+    /// throws leaves the constructor of the library's class.
+    static void whenMade(std::function<void(StandIn&)> hook);
+
     /// How often the library as a whole was initialised so far.
     static std::atomic<int>& libraryInitialisations();
 

@@ -4,8 +4,13 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <fstream>
+#include <memory>
 #include <set>
+#include <stdexcept>
+#include <string>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -41,6 +46,36 @@ TEST(APortLease, CanBeListenedOnAgainAndAgain) {
         EXPECT_TRUE(support::connectTo(lease.port()).valid());
         EXPECT_FALSE(support::canBind(lease.port()));
     }
+}
+
+TEST(APortLease, OfAPortOfOnesChoiceIsForThatPort) {
+    int const port = PortLease().port();
+    PortLease const lease(port);
+    EXPECT_EQ(lease.port(), port);
+}
+
+TEST(APortLease, SaysSoWhenAStrangerHasThePort) {
+    int const port = PortLease().port();
+    auto const stranger = support::listenOn(port, 1);
+    try {
+        PortLease const lease(port);
+        FAIL() << "got a port that is taken";
+    } catch (std::runtime_error const& error) {
+        std::string const expected = "Port " + std::to_string(port) + " of the loopback address";
+        EXPECT_EQ(std::string(error.what()).substr(0, expected.size()), expected);
+    }
+}
+
+TEST(APortLease, OfAPortOfOnesChoiceWaitsForAnotherTest) {
+    auto first = std::make_unique<PortLease>();
+    std::atomic<bool> released{false};
+    std::thread second([&, port = first->port()] {
+        PortLease const lease(port);
+        EXPECT_TRUE(released);
+    });
+    released = true;
+    first.reset();
+    second.join();
 }
 
 } // namespace

@@ -189,4 +189,18 @@ TEST(AStandInWithoutItsObject, StillTellsWhatItSaw) {
     EXPECT_EQ(script->count(Operation::CONNECT), 1U);
 }
 
+TEST(AStandInInTheMaking, IsScriptedBeforeItsClientCanUseIt) {
+    StandIn::whenMade([](StandIn& script) { script.answer(Operation::CONNECT, {15}); });
+    Client client;
+    StandIn::whenMade({});
+    EXPECT_EQ(client.connect("host", 1, 1), 15);
+}
+
+TEST(AStandInInTheMaking, MayThrowOutOfTheConstructor) {
+    StandIn::whenMade([](StandIn&) { throw std::runtime_error("no"); });
+    EXPECT_THROW(Client(), std::runtime_error);
+    StandIn::whenMade({});
+    EXPECT_TRUE(StandIn::last()->gone());
+}
+
 } // namespace
