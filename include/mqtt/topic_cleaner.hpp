@@ -81,7 +81,9 @@ public:
 
     /// Ends all work for good: requests are dropped without telling the listener, those who wait
     /// are let go, the connection is closed. May take up to 5 seconds for each request and for
-    /// the connection, when the broker does not answer.
+    /// the connection, when the broker does not answer or several threads call this at once.
+    /// While there is no connection to close, the search for the broker ends with the destructor
+    /// only.
     void terminate();
 
     /// Called by the connection; not for applications.
