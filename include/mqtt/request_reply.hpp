@@ -18,6 +18,8 @@
 
 namespace mqtt {
 
+class Visitors;
+
 /// Follows the name of a service in the topic of a request, and of a reply.
 ZYM_MQTT_EXPORT extern char const* const REQUEST_SUFFIX; // ??
 ZYM_MQTT_EXPORT extern char const* const REPLY_SUFFIX;   // ?=
@@ -258,15 +260,15 @@ private:
 
     Notification pending_;
     std::shared_ptr<Outcome> outcome_; ///< of the request under way, or the last one
-    std::mutex mutex_; ///< pending_, outcome_, idle_, waiters_, the arming of the timer
+    std::mutex mutex_;                 ///< pending_, outcome_, idle_, the arming of the timer
     std::condition_variable ended_;
     std::condition_variable waiterLeft_;
     bool idle_ = true;
-    int waiters_ = 0; ///< of all requests: some may not have noticed yet that theirs has ended
     std::atomic<bool> terminated_{false};
     zym::common::Timer timer_;
     MqttData<Reply> timeoutReply_;              ///< published by the timer, never subscribed
     std::chrono::steady_clock::time_point due_; ///< when; guarded by its mutex
+    std::shared_ptr<Visitors> const callers_;   ///< waiting, or ending a request
 };
 
 /// Answers the requests of one service, of all clients, one after the other.

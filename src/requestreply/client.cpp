@@ -9,6 +9,7 @@
 // - An expiry that the timer has decided on may come after its request's end, in the next request.
 //   The time-out reply carries the moment when it is due, and is not published before.
 
+#include "common/visitors.hpp"
 #include "common/wait.hpp"
 #include "mqtt/request_reply.hpp"
 
@@ -53,7 +54,8 @@ RequestReplyClient::RequestReplyClient(MqttClient& client, Topic const& base, To
     : RequestReply(client, base, subPath, name),
       outcome_(std::make_shared<Outcome>()),
       timer_([this] { onTimer(); }, INITIAL_PERIOD, false),
-      timeoutReply_(client, base) {
+      timeoutReply_(client, base),
+      callers_(std::make_shared<Visitors>()) {
     outcome_->ended = true;
 }
 
@@ -63,11 +65,8 @@ RequestReplyClient::~RequestReplyClient() {
 
 void RequestReplyClient::release() noexcept {
     terminate();
-    {
-        // Who waited for a request that ended just now may not have woken up yet.
-        Lock lock(mutex_);
-        waiterLeft_.wait(lock, [&] { return waiters_ == 0; });
-    }
+    // Who waited for a request that ended just now may not have woken up yet.
+    callers_->waitForOthers();
     replies().release();
 }
 
@@ -216,17 +215,16 @@ ErrorCode RequestReplyClient::waitFor(std::shared_ptr<Outcome> const& awaited,
     // `awaited` is the member, which the next request replaces.
     // NOLINTNEXTLINE(performance-unnecessary-copy-initialization)
     auto const outcome = awaited;
+    Visitors::Visit const visit(callers_);
     auto const deadline = timeout.toTimepoint(steady_clock::now());
     Ending ending{};
     bool late = false;
     ++outcome->waiters;
-    ++waiters_;
     while (!outcome->ended && !late) {
         waitSlice(ended_, lock, deadline);
         late = steady_clock::now() >= deadline;
     }
     --outcome->waiters;
-    --waiters_;
     if (late && outcome == outcome_)
         ending = endRequest(pending_, ErrorCode::TIMEOUT, lock);
     auto const result = late ? ErrorCode::TIMEOUT : outcome->error;
@@ -238,6 +236,7 @@ ErrorCode RequestReplyClient::waitFor(std::shared_ptr<Outcome> const& awaited,
 }
 
 ErrorCode RequestReplyClient::cancel() {
+    Visitors::Visit const visit(callers_);
     Lock lock(mutex_);
     auto const ending = callOff(lock);
     lock.unlock();
@@ -258,6 +257,7 @@ RequestReplyClient::Ending RequestReplyClient::callOff(Lock& lock) {
 void RequestReplyClient::terminate() {
     if (terminated_)
         return;
+    Visitors::Visit const visit(callers_);
     Lock lock(mutex_);
     if (terminated_.exchange(true))
         return;

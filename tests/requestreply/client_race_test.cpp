@@ -284,6 +284,31 @@ TEST_F(TheEndOfARequestReplyClient, WaitsForItsListener) {
     destruction.join();
 }
 
+/// Not only the worker tells a listener: who calls a request off does, and whose wait runs out.
+TEST_F(TheEndOfARequestReplyClient, WaitsForAListenerThatAnotherCallerTells) {
+    std::vector<std::function<void()>> const calls{
+        [this] { client->cancel(); },
+        [this] { client->waitEndOfRequest(0); },
+        [this] { client->terminate(); },
+    };
+    for (auto const& call : calls) {
+        support::Watched<bool> inside;
+        support::Watched<bool> gone;
+        ReplyRecorder slow([&](Call const&) {
+            set(inside);
+            EXPECT_FALSE(gone.waitFor(isSet, A_WHILE)) << "gone while its listener was being told";
+        });
+        ASSERT_EQ(client->request(&slow, id, Uuid::NIL, nullptr, replyData, nullptr, AN_HOUR),
+                  Code::PENDING);
+        std::thread caller(call);
+        ASSERT_TRUE(inside.waitFor(isSet));
+        client.reset();
+        set(gone);
+        caller.join();
+        client = makeClient();
+    }
+}
+
 TEST_F(TheEndOfARequestReplyClient, SparesAReplyThatIsBeingRead) {
     for (int round = 0; round < ROUNDS; ++round) {
         support::Watched<bool> reading;
