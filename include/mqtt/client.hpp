@@ -248,8 +248,8 @@ public:
 
     /// Publishes and waits until the publication is done: written to the network at QoS 0,
     /// acknowledged by the broker at QoS 1 and 2. Without a connection it is queued, without
-    /// waiting. Calls that wait at the same time may miss their acknowledgement and then end
-    /// by time-out although the publication is done.
+    /// waiting. When another publication, waited for or not, is acknowledged at the same moment,
+    /// the wait may miss its own acknowledgement and end by time-out although all is done.
     /// @param timeout seconds; 0 does not wait, all ones waits without limit
     /// @return as `publish`, or TIMEOUT
     Error publishWait(Topic const& topic, std::string const& payload, int qos, bool retain,

@@ -27,10 +27,10 @@ class Visitors;
 /// ```
 ///
 /// ### Threads
-/// `links` and `entities` may be called from any thread, `discoverSync`, `waitChange` and
-/// `launchSync` from any but the MQTT client's worker thread; none of them from a communication
-/// state listener. Runs are made one at a time: a call waits for the run under way to end before
-/// its own time-out begins.
+/// Every operation may be called from any thread, except that `discoverSync`, `waitChange` and
+/// `launchSync` must not be called on the MQTT client's worker thread; none may be called from a
+/// communication state listener, the destructor neither. Runs are made one at a time: a call waits
+/// for the run under way to end before its own time-out begins.
 ///
 /// ### Lifetime
 /// The discoverer may be destroyed at any time; a run under way on another thread then ends with

@@ -151,8 +151,9 @@ private:
 /// A server's offer of its time: answers whoever asks with its own clock.
 ///
 /// ### Threads
-/// Every operation may be called from any thread, except that `terminate` waits for the broker
-/// unless called on the MQTT client's worker thread.
+/// Every operation may be called from any thread. `terminate` and the destructor wait for the
+/// broker unless called on the MQTT client's worker thread; neither may be called from a
+/// communication state listener.
 class ZYM_MQTT_EXPORT SynchronizedTimeBaseMqttAdaptor
     : public virtual zym::common::SynchronizedTimeBaseAdaptor,
       public RequestReplyServer::Listener {
