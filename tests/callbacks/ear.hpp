@@ -1,0 +1,90 @@
+#pragma once
+
+#include "requestreply/sample_data.hpp"
+#include "support/watched.hpp"
+
+#include <mqtt/binder_proxy.hpp>
+#include <mqtt/link.hpp>
+#include <mqtt/request_reply.hpp>
+#include <mqtt/time_base.hpp>
+#include <mqtt/topic_cleaner.hpp>
+
+#include <algorithm>
+#include <functional>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+/// Listens to everything there is to listen to, and keeps it as short texts: "message a/b",
+/// "value x", "state 2", "request", "reply 1", "synchronized", "bound 0", "unbound 0",
+/// "cleaned a/b", "all cleaned", "timer". Declare it before the clients.
+class Ear final : public mqtt::MqttClient::Subscriber,
+                  public mqtt::MqttClient::Listener,
+                  public mqtt::MqttData<mqtt::Link>::Subscriber,
+                  public mqtt::RequestReplyClient::Listener,
+                  public mqtt::RequestReplyServer::Listener,
+                  public zym::common::SynchronizedTimeBaseProxy::Listener,
+                  public zym::common::BinderProxy::Listener,
+                  public mqtt::TopicCleaner::Listener {
+public:
+    using Hook = std::function<void(std::string const& event)>;
+
+    ~Ear() override = default;
+
+    /// What to do inside every call, once it has been kept. Set it before anything calls.
+    void setHook(Hook hook) { hook_ = std::move(hook); }
+
+    void hear(std::string const& event) {
+        events_.change([&](auto& events) { events.push_back(event); });
+        if (hook_)
+            hook_(event);
+    }
+
+    void clear() {
+        events_.change([](auto& events) { events.clear(); });
+    }
+    std::size_t count(std::string const& event) const {
+        return events_.read([&](auto const& events) { return countIn(events, event); });
+    }
+    bool waitFor(std::string const& event, std::size_t times = 1) const {
+        return events_.waitFor([&](auto const& events) { return countIn(events, event) >= times; });
+    }
+
+    void onMqttMessage(int, mqtt::Topic const& topic, std::string const&) override {
+        hear("message " + topic.text());
+    }
+    void onComStateChanged(conv::ComState state) override {
+        hear("state " + std::to_string(static_cast<int>(state)));
+    }
+    void onMqttData(mqtt::Link const& link, bool, int) override { hear("value " + link.id); }
+    void onReply(unsigned int, std::string const&, zym::common::Uuid const&,
+                 zym::common::Uuid const&, mqtt::RequestReplyData const&,
+                 mqtt::RequestReply::ErrorCode error) override {
+        hear("reply " + std::to_string(static_cast<int>(error)));
+    }
+    std::shared_ptr<mqtt::RequestReplyData> onRequest(std::string const&, zym::common::Uuid const&,
+                                                      zym::common::Uuid const&,
+                                                      mqtt::RequestReplyData const&,
+                                                      mqtt::RequestReply::ErrorCode&) override {
+        hear("request");
+        return std::make_shared<NumberData>(7);
+    }
+    void onTimeSynchronized() override { hear("synchronized"); }
+    void onBound(zym::common::Binder::Error error) override {
+        hear("bound " + std::to_string(static_cast<int>(error)));
+    }
+    void onUnbound(zym::common::Binder::Error error) override {
+        hear("unbound " + std::to_string(static_cast<int>(error)));
+    }
+    void onTopicCleaned(mqtt::Topic const& topic) override { hear("cleaned " + topic.text()); }
+    void onAllTopicsCleaned() override { hear("all cleaned"); }
+
+private:
+    static std::size_t countIn(std::vector<std::string> const& events, std::string const& event) {
+        return static_cast<std::size_t>(std::count(events.begin(), events.end(), event));
+    }
+
+    support::Watched<std::vector<std::string>> events_;
+    Hook hook_;
+};
