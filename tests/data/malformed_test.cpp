@@ -147,7 +147,7 @@ protected:
         peer_.publish(listening.topic(), document);
     }
 
-    support::Broker broker_{support::BrokerOptions{true, false, false, {}}};
+    support::Broker broker_{support::BrokerOptions{true, false, false, 0, {}}};
     support::RawPeer peer_{broker_};
     std::unique_ptr<mqtt::MqttClient> client_ = support::testClient(broker_);
 };

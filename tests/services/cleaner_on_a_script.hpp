@@ -1,7 +1,7 @@
 #pragma once
 
-#include "requestreply/hand_driven_timer.hpp"
 #include "services/cleaner_recorder.hpp"
+#include "support/hand_driven_timer.hpp"
 #include "support/stand_in/stand_in.hpp"
 #include "support/test_client.hpp"
 
