@@ -151,7 +151,7 @@ std::shared_ptr<TopicCleaner::Task> TopicCleaner::takeDueTask(Lock const& /*lock
         std::find_if(tasks_.begin(), tasks_.end(), [](auto const& task) { return task->isDone(); });
     if (terminated_ || due == tasks_.end())
         return nullptr;
-    auto const task = *due;
+    auto task = *due;
     tasks_.erase(due);
     return task;
 }
