@@ -53,7 +53,7 @@ public:
 
     /// The text of segment `i`, which must be below `size()`: that is not checked.
     /// @throws std::out_of_range when the segment starts behind the end of the text, which
-    ///         only a topic that was `clear()`ed and appended to can bring about
+    ///         only `clear()`, or a tail that was cut at a zero byte, can bring about
     std::string operator[](unsigned int i) const;
 
     /// Whether `topic` falls under this topic read as a subscription pattern with the

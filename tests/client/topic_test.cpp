@@ -217,6 +217,13 @@ TEST(ATopic, ReportsASegmentThatStartsBehindTheText) {
                 HasSubstr("basic_string::substr: __pos (which is 4) > this->size() (which is 0)"));
 }
 
+TEST(ATopic, CountsTheSegmentsThatAZeroByteCutOffItsTail) {
+    Topic const topic = Topic("a") + std::string("b\0c/d", 5);
+    EXPECT_EQ(topic.text(), "a/b");
+    EXPECT_EQ(topic.size(), 3U);
+    EXPECT_THROW(static_cast<void>(topic[2]), std::out_of_range);
+}
+
 TEST(ATopic, MatchesWithASingleLevelWildcard) {
     EXPECT_TRUE(Topic("a/+/c").matches("a/b/c"));
     EXPECT_FALSE(Topic("a/+/c").matches("a/b/d"));
