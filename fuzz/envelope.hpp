@@ -1,0 +1,60 @@
+#pragma once
+
+#include "fuzz/reference_json.hpp"
+#include "fuzz/target.hpp"
+
+#include <mqtt/binder_proxy.hpp>
+
+#include <array>
+#include <exception>
+#include <memory>
+#include <string>
+
+namespace fuzz {
+
+/// Whether a message on this topic is taken over.
+template <class Message>
+bool isTaken(mqtt::Topic const& topic, std::string const& payload, Message& message) {
+    try {
+        mqtt::MqttData<Message>::deserialize(topic, payload, payload.empty(), message);
+        return true;
+    } catch (std::exception const&) {
+        return false;
+    }
+}
+
+/// What an endpoint holds before the first message: no payload, the empty one, or one with a
+/// member.
+template <class Message>
+std::array<Message, 3> endpoints() {
+    std::array<Message, 3> result;
+    for (auto& message : result) {
+        message.topic = "sub/path";
+        message.name = "before";
+        message.clientUuid = zym::common::Uuid(1);
+        message.serverUuid = zym::common::Uuid(2);
+        message.requestId = 3;
+    }
+    result[1].data = std::make_shared<mqtt::RequestReplyNoData>();
+    result[2].data = std::make_shared<mqtt::BindRequestData>();
+    return result;
+}
+
+/// The payload with a member, if that is what the message has.
+inline std::shared_ptr<mqtt::BindRequestData>
+payloadOf(mqtt::RequestReply::Request const& message) {
+    return std::dynamic_pointer_cast<mqtt::BindRequestData>(message.data);
+}
+
+inline std::string boundTopic(mqtt::RequestReply::Request const& message) {
+    auto const payload = payloadOf(message);
+    return payload ? payload->topic.text() : "";
+}
+
+template <class Message>
+bool hasSameTopic(Message const& a, Message const& b) {
+    return a.topic == b.topic && a.name == b.name && a.clientUuid == b.clientUuid
+           && a.serverUuid == b.serverUuid;
+}
+
+} // namespace fuzz

@@ -1,0 +1,14 @@
+// What libFuzzer's main program calls, for the one target that is linked with it.
+
+#include "fuzz/target.hpp"
+
+#include <cstddef>
+#include <cstdint>
+
+extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size);
+
+extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
+    static auto* const function = fuzz::Target::all().begin()->second;
+    function({reinterpret_cast<char const*>(data), size});
+    return 0;
+}

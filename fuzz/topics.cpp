@@ -1,0 +1,166 @@
+// Topics, parsed, put together and cut by a random course of operations, beside a plain model.
+
+#include "fuzz/lines.hpp"
+#include "fuzz/target.hpp"
+
+#include <mqtt/topic.hpp>
+
+#include <algorithm>
+#include <array>
+#include <stdexcept>
+#include <vector>
+
+namespace {
+
+using fuzz::require;
+using mqtt::Topic;
+
+std::vector<std::string> split(std::string const& text) {
+    std::vector<std::string> result(1);
+    for (char const c : text)
+        if (c == '/')
+            result.emplace_back();
+        else
+            result.back() += c;
+    return result;
+}
+
+std::string join(std::vector<std::string> const& segments) {
+    std::string result;
+    for (std::size_t i = 0; i < segments.size(); ++i)
+        result += (i == 0 ? "" : "/") + segments[i];
+    return result;
+}
+
+struct Model {
+    Model() = default;
+    explicit Model(std::string path) {
+        if (path.empty())
+            return;
+        if (path.back() == '/')
+            path.pop_back();
+        if (!path.empty() && path.front() == '/')
+            path.erase(0, 1);
+        text = path;
+        segments = split(path);
+    }
+
+    void append(Model const& tail) {
+        if (tail.segments.empty())
+            return;
+        // From here on the segments may say more than the text: see `Topic::operator+=`.
+        bool const cut = tail.text.find('\0') != std::string::npos;
+        isPlain = isPlain && tail.isPlain && !cut && (segments.empty() || !text.empty());
+        text += (text.empty() ? "" : "/") + std::string(tail.text.c_str());
+        segments.insert(segments.end(), tail.segments.begin(), tail.segments.end());
+    }
+
+    std::string text;
+    std::vector<std::string> segments;
+    bool isPlain = true; ///< the segments, joined, are the text
+};
+
+class Pair {
+public:
+    void assign(std::string const& path) {
+        topic_ = Topic(path);
+        model_ = Model(path);
+        require(Topic(path.c_str()) == Topic(std::string(path.c_str())), "both paths parse alike");
+    }
+
+    void append(std::string const& path) {
+        auto const sum = topic_ + path;
+        topic_ += path;
+        model_.append(Model(path));
+        require(sum == topic_ && sum.size() == topic_.size(), "+ gives what += does");
+    }
+
+    void append(Pair const& tail) {
+        model_.append(Model(tail.model_));
+        topic_ += tail.topic_; // itself, too
+    }
+
+    void resize(unsigned n) {
+        auto const before = topic_.text();
+        topic_.resize(n);
+        auto const& text = topic_.text();
+        require(before.compare(0, text.size(), text) == 0, "resize keeps a beginning");
+        model_.segments.resize(std::min<std::size_t>(n, model_.segments.size()));
+        require(!model_.isPlain || text == join(model_.segments), "resize cuts at a separator");
+        model_.text = text;
+    }
+
+    void clear() {
+        topic_.clear();
+        model_.text.clear();
+        model_.isPlain = model_.segments.empty();
+    }
+
+    void check() const {
+        require(topic_.text() == model_.text, "the text");
+        require(topic_.size() == model_.segments.size(), "the number of segments");
+        for (unsigned i = 0; i < topic_.size(); ++i)
+            checkSegment(i);
+    }
+
+    void compare(Pair const& other) const {
+        auto const order = topic_.text().compare(other.topic_.text());
+        require((topic_ == other.topic_) == (order == 0), "equal texts");
+        require((topic_ < other.topic_) == (order < 0), "ordered as the texts");
+        require(!topic_.matches(other.topic_) || !other.topic_.text().empty(),
+                "nothing matches the empty topic");
+    }
+
+private:
+    void checkSegment(unsigned i) const {
+        try {
+            auto const segment = topic_[i];
+            require(!model_.isPlain || segment == model_.segments[i], "a segment");
+            require(topic_.text().find(segment) != std::string::npos, "a segment is in the text");
+        } catch (std::out_of_range const&) {
+            require(!model_.isPlain, "a plain topic has all its segments");
+        }
+    }
+
+    Topic topic_;
+    Model model_;
+};
+
+void run(std::string_view bytes) {
+    constexpr std::size_t LONGEST = 1U << 16U; // appending to itself doubles
+    std::array<Pair, 3> topics;
+    std::size_t length = 0;
+    for (fuzz::Lines lines(bytes); !lines.none() && length < LONGEST;) {
+        std::string const line = lines.next();
+        if (line.size() < 2)
+            continue;
+        auto& topic = topics[static_cast<unsigned char>(line[1]) % topics.size()];
+        auto const& other = topics[static_cast<unsigned char>(line.back()) % topics.size()];
+        auto const path = line.substr(2);
+        switch (line[0]) {
+        case '=':
+            topic.assign(path);
+            break;
+        case '+':
+            topic.append(path);
+            break;
+        case '&':
+            topic.append(other);
+            length = length * 2 + bytes.size();
+            break;
+        case '<':
+            topic.resize(static_cast<unsigned char>(line.back()) % 16U);
+            break;
+        case '0':
+            topic.clear();
+            break;
+        default:
+            topic.compare(other);
+        }
+        topic.check();
+    }
+}
+
+fuzz::Target const TOPICS("topics", run);
+
+} // namespace
