@@ -16,18 +16,19 @@
 
 namespace {
 
-void runAll(bench::Options const& options) {
-    auto const reference = bench::makeRawParty();
-    auto const candidate = options.control ? bench::makeRawParty() : bench::makeOurParty();
+void runAll(bench::Options const& options, bench::Contest const& contest, bench::Results& results) {
     for (bench::BrokerProcess::Variant const variant : options.brokers) {
         bench::BrokerProcess const broker(variant);
-        bench::printTableHead(std::string("Broker: ") + bench::BrokerProcess::describe(variant),
-                              reference->name(), candidate->name());
+        std::string const setting = bench::BrokerProcess::describe(variant);
+        bench::printTableHead("Broker: " + setting);
         for (bench::Measurement const& measurement : bench::allMeasurements(options.effort)) {
-            if (measurement.name.find(options.only) != std::string::npos) {
-                bench::printRows(measurement.name,
-                                 bench::compare(measurement, *reference, *candidate, broker,
-                                                options.repetitions));
+            if (measurement.name.find(options.only) == std::string::npos) {
+                continue;
+            }
+            for (auto const& row :
+                 bench::compare(measurement, contest, broker, options.repetitions)) {
+                bench::printRow(measurement.name, row);
+                results.add(setting, measurement.name, row);
             }
         }
     }
@@ -40,8 +41,11 @@ int run(std::vector<std::string> const& arguments) {
         return 0;
     }
     mosqpp::lib_init();
-    bench::printConditions(options, bench::pin(options.cpu));
-    runAll(options);
+    bench::Results results(options.results, "client");
+    auto const contest = bench::makeContest(options.control);
+    bench::printConditions(bench::clientConditions(options, bench::pin(options.cpu), contest),
+                           results);
+    runAll(options, contest, results);
     mosqpp::lib_cleanup();
     return 0;
 }

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstddef>
+#include <limits>
 
 namespace bench {
 namespace {
@@ -14,6 +15,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr char const* TOPIC = "bench/device/status";
 constexpr double MICROSECONDS = 1e6;
+constexpr double UNKNOWN = std::numeric_limits<double>::quiet_NaN();
 
 double secondsSince(Clock::time_point start) {
     return std::chrono::duration<double>(Clock::now() - start).count();
@@ -55,21 +57,23 @@ void publishAll(Send send, Tally& received, std::uint64_t messages, unsigned win
 }
 
 template <typename Send>
-std::vector<Figure> timeAll(Send send, Tally& received, BrokerProcess const& broker,
-                            std::uint64_t messages, unsigned window) {
+std::vector<Figure> timeAll(Party const& party, Send send, Tally& received,
+                            BrokerProcess const& broker, std::uint64_t messages, unsigned window) {
     CpuTimes const before = cpuTimes(received, broker);
     auto const start = Clock::now();
     publishAll(send, received, messages, window);
     double const seconds = secondsSince(start);
     CpuTimes const after = cpuTimes(received, broker);
     auto const count = static_cast<double>(messages);
-    auto const each = [count](double from, double to) {
-        return (to - from) / count * MICROSECONDS;
-    };
+    auto const each = [count](double used) { return used / count * MICROSECONDS; };
+    double const publisher = each(after.publisher - before.publisher);
+    double const subscriber = each(after.subscriber - before.subscriber);
+    bool const apart = party.hasThreadsOfItsOwn();
     return {{"throughput", "msg/s", count / seconds},
-            {"publisher CPU", "us/msg", each(before.publisher, after.publisher)},
-            {"subscriber CPU", "us/msg", each(before.subscriber, after.subscriber)},
-            {"broker CPU", "us/msg", each(before.broker, after.broker)}};
+            {"publisher CPU", "us/msg", apart ? publisher : UNKNOWN},
+            {"subscriber CPU", "us/msg", apart ? subscriber : UNKNOWN},
+            {"client CPU", "us/msg", publisher + subscriber},
+            {"broker CPU", "us/msg", each(after.broker - before.broker)}};
 }
 
 std::vector<Figure> throughput(Party& party, BrokerProcess const& broker, int qos, std::size_t size,
@@ -78,8 +82,9 @@ std::vector<Figure> throughput(Party& party, BrokerProcess const& broker, int qo
     auto const subscriber = party.makeSubscriber(broker.port(), TOPIC, received);
     auto const publisher = party.makePublisher(broker.port(), TOPIC);
     std::string const payload(size, 'x');
-    return timeAll([&] { publisher->publish(payload, qos); }, received, broker,
-                   messagesAt(qos, effort), effort.window);
+    return timeAll(
+        party, [&] { publisher->publish(payload, qos); }, received, broker, messagesAt(qos, effort),
+        effort.window);
 }
 
 /// Typed values are retained: with a topic of its own no run meets the last value of another.
@@ -90,7 +95,8 @@ std::vector<Figure> valueThroughput(Party& party, BrokerProcess const& broker, D
     Tally received;
     auto const subscriber = party.makeValueSubscriber(broker.port(), topic, document, received);
     auto const publisher = party.makeValuePublisher(broker.port(), topic, document);
-    return timeAll([&] { publisher->publish(); }, received, broker, effort.messages, effort.window);
+    return timeAll(
+        party, [&] { publisher->publish(); }, received, broker, effort.messages, effort.window);
 }
 
 /// Repeats until there are enough samples or enough time has gone by: one sample takes from

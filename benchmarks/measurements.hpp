@@ -14,7 +14,7 @@ namespace bench {
 struct Figure {
     std::string name;
     std::string unit;
-    double value;
+    double value; ///< not a number: the party does not tell
 };
 
 struct Measurement {

@@ -7,7 +7,8 @@ namespace bench {
 
 char const* const USAGE =
     "bench-client [options]\n"
-    "Compares mqtt::MqttClient with bare libmosquittopp, in turns, on one broker.\n"
+    "Compares mqtt::MqttClient with bare libmosquittopp and with Paho C++, in turns, on one "
+    "broker.\n"
     "  --repetitions N           how often everything is repeated (9)\n"
     "  --quick                   one repetition of a few messages: only shows that it works\n"
     "  --broker shipped|nodelay|both\n"
@@ -17,7 +18,8 @@ char const* const USAGE =
     "                            as many at QoS 0\n"
     "  --window N                messages on their way at the same time, at most (800)\n"
     "  --cpu N                   the processor for broker and clients (the last one)\n"
-    "  --control                 compares libmosquittopp with itself: shows the noise\n"
+    "  --control                 libmosquittopp in our place: shows the noise\n"
+    "  --results FILE            appends the figures to FILE, as comma-separated values\n"
     "  --help\n";
 
 namespace {
@@ -83,6 +85,8 @@ void parseValue(std::string const& option, std::string const& value, Options& op
         options.brokers = variants(value);
     } else if (option == "--only") {
         options.only = value;
+    } else if (option == "--results") {
+        options.results = value;
     } else if (option == "--messages") {
         options.effort.messages = positive(option, value);
     } else if (option == "--window") {

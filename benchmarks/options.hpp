@@ -22,8 +22,9 @@ struct Options {
     unsigned repetitions = 9;
     std::vector<BrokerProcess::Variant> brokers{BrokerProcess::Variant::SHIPPED,
                                                 BrokerProcess::Variant::NODELAY};
-    std::string only; ///< part of the names of the measurements to run
-    int cpu = -1;     ///< negative: the last one we may use
+    std::string results; ///< file that gets the figures, too
+    std::string only;    ///< part of the names of the measurements to run
+    int cpu = -1;        ///< negative: the last one we may use
     bool control = false;
     bool help = false;
 };

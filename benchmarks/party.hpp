@@ -69,6 +69,8 @@ class Party {
 public:
     virtual ~Party() = default;
     virtual char const* name() const = 0;
+    /// Whether what a client's threads use is used for this client.
+    virtual bool hasThreadsOfItsOwn() const { return true; }
     virtual std::unique_ptr<Publisher> makePublisher(int port, std::string const& topic) = 0;
     /// The subscription stands when this returns; the tally is then at 0.
     virtual std::unique_ptr<Subscriber> makeSubscriber(int port, std::string const& topic,
@@ -89,6 +91,10 @@ public:
 std::unique_ptr<Party> makeRawParty();
 /// mqtt::MqttClient.
 std::unique_ptr<Party> makeOurParty();
+/// Paho's C++ library, used as its manual suggests: mqtt::async_client with a callback for
+/// messages.
+/// @return nullptr when it was not there to build with
+std::unique_ptr<Party> makePahoParty();
 
 constexpr char const* BROKER_HOST = "127.0.0.1";
 /// What the subscribers send themselves to learn that their subscription stands. Not answered:

@@ -34,13 +34,25 @@ constexpr std::array<std::pair<char const*, std::string Identification::*>, 10> 
      {"contact", &Identification::contact}}};
 
 template <class Members>
-std::size_t object(Members members) {
-    rapidjson::StringBuffer buffer;
+void object(rapidjson::StringBuffer& buffer, Members members) {
     Writer out(buffer);
     out.StartObject();
     members(out);
     out.EndObject();
+}
+
+template <class Members>
+std::size_t object(Members members) {
+    rapidjson::StringBuffer buffer;
+    object(buffer, members);
     return buffer.GetSize();
+}
+
+template <class Members>
+std::string objectText(Members members) {
+    rapidjson::StringBuffer buffer;
+    object(buffer, members);
+    return {buffer.GetString(), buffer.GetSize()};
 }
 
 void add(Writer& out, char const* key, unsigned int number) {
@@ -51,6 +63,18 @@ void add(Writer& out, char const* key, unsigned int number) {
 void add(Writer& out, char const* key, std::string const& text) {
     out.Key(key);
     out.String(text.data(), static_cast<rapidjson::SizeType>(text.size()));
+}
+
+void addMembers(Writer& out, CommunicationStatus const& value) {
+    add(out, "state", static_cast<unsigned int>(value.state));
+    out.Key("since");
+    out.Double(value.since.seconds);
+}
+
+void addMembers(Writer& out, Identification const& value) {
+    for (auto const& [key, field] : IDENTIFICATION) {
+        add(out, key, value.*field);
+    }
 }
 
 std::string& textOf(RequestReply::Request const& message) {
@@ -90,19 +114,19 @@ private:
 } // namespace
 
 std::size_t write(CommunicationStatus const& value) {
-    return object([&](Writer& out) {
-        add(out, "state", static_cast<unsigned int>(value.state));
-        out.Key("since");
-        out.Double(value.since.seconds);
-    });
+    return object([&](Writer& out) { addMembers(out, value); });
+}
+
+std::string text(CommunicationStatus const& value) {
+    return objectText([&](Writer& out) { addMembers(out, value); });
 }
 
 std::size_t write(Identification const& value) {
-    return object([&](Writer& out) {
-        for (auto const& [key, field] : IDENTIFICATION) {
-            add(out, key, value.*field);
-        }
-    });
+    return object([&](Writer& out) { addMembers(out, value); });
+}
+
+std::string text(Identification const& value) {
+    return objectText([&](Writer& out) { addMembers(out, value); });
 }
 
 std::size_t write(ServiceStatus const& value) {

@@ -22,6 +22,10 @@ std::size_t write(std::vector<mqtt::Link> const& value);
 std::size_t write(mqtt::RequestReply::Request const& value);
 std::size_t write(mqtt::RequestReply::Reply const& value);
 
+/// Writes a document for somebody who keeps it.
+std::string text(conv::CommunicationStatus const& value);
+std::string text(conv::Identification const& value);
+
 /// Reads a document.
 /// @throws std::runtime_error when something is missing: a comparison of which one side failed
 ///         shows nothing

@@ -4,6 +4,7 @@
 #include <sys/utsname.h>
 
 #include <cstdio>
+#include <sstream>
 
 namespace bench {
 namespace {
@@ -28,48 +29,64 @@ constexpr char const* BUILD = "optimised";
 constexpr char const* BUILD = "NOT OPTIMISED";
 #endif
 
+std::string parties(Contest const& contest) {
+    std::string text = contest.candidate->name();
+    for (auto const& reference : contest.references) {
+        text += std::string(" beside ") + reference->name();
+    }
+    return text;
+}
+
+std::string plain(double value) {
+    std::ostringstream out;
+    out << value;
+    return out.str();
+}
+
 } // namespace
 
-void printConditions(Options const& options, int cpu) {
+std::vector<std::string> commonConditions(unsigned repetitions, int cpu) {
+    return {"libmosquittopp " + libraryVersion() + ", " + BrokerProcess::version(),
+            kernel() + ", compiler " + __VERSION__ + ", " + BUILD,
+            "everybody pinned to CPU " + std::to_string(cpu) + ", in turns; median of "
+                + std::to_string(repetitions) + " repetition(s), lowest and highest behind it"};
+}
+
+std::vector<std::string> clientConditions(Options const& options, int cpu, Contest const& contest) {
     Effort const& effort = options.effort;
+    auto result = commonConditions(options.repetitions, cpu);
+    result.push_back("clients: " + parties(contest)
+                     + (contest.references.size() == 1 ? ", without Paho C++" : "")
+                     + "; subscribed at QoS 0 at the broker");
+    result.push_back("throughput: " + std::to_string(effort.messages)
+                     + " messages per run (QoS 0: five times as many), at most "
+                     + std::to_string(effort.window) + " on their way");
+    result.push_back("latencies: up to " + std::to_string(effort.latencies)
+                     + " per run, connections up to " + std::to_string(effort.connections)
+                     + "; a run of them ends after " + plain(effort.seconds) + " s");
+    return result;
+}
+
+void printConditions(std::vector<std::string> const& conditions, Results& results) {
     std::printf("Conditions\n");
-    std::printf("- libmosquittopp %s, %s\n", libraryVersion().c_str(),
-                BrokerProcess::version().c_str());
-    std::printf("- %s, compiler %s, %s\n", kernel().c_str(), __VERSION__, BUILD);
-    std::printf("- broker and clients pinned to CPU %d, parties in turns\n", cpu);
-    std::printf("- median of %u repetition(s), lowest and highest behind it; ratios are formed "
-                "inside each repetition\n",
-                options.repetitions);
-    std::printf("- throughput: %llu messages per run (QoS 0: five times as many), at most %u on "
-                "their way; broker "
-                "subscription at QoS 0\n",
-                static_cast<unsigned long long>(effort.messages), effort.window);
-    std::printf("- acknowledge: publication of 64 bytes to its acknowledgement, up to %u per run\n"
-                "- round trip: the same, QoS 2, to the answer of another client; four at once; one "
-                "with a subscription made for it\n"
-                "- values: typed values at QoS 2, retained; the other side sends and counts the "
-                "same bytes\n"
-                "- request-reply: subscription, request, reply, unsubscription\n"
-                "- connect: call to the broker's consent, up to %u per run; every run of latencies "
-                "and connections ends after %.0f s\n",
-                effort.latencies, effort.connections, effort.seconds);
-}
-
-void printTableHead(std::string const& title, char const* reference, char const* candidate) {
-    std::printf("\n%s\n\n", title.c_str());
-    std::printf("| %-21s | %-26s | %-6s | %10s | %10s | %-6s | %-16s |\n", "measurement", "figure",
-                "unit", reference, candidate, "ratio", "lowest..highest");
-    std::printf("|%.23s|%.28s|%.8s|%.11s:|%.11s:|%.7s:|%.17s:|\n", "----------------------------",
-                "----------------------------", "--------", "-----------", "-----------", "-------",
-                "-----------------");
-}
-
-void printRows(std::string const& measurement, std::vector<Comparison> const& comparisons) {
-    for (Comparison const& row : comparisons) {
-        std::printf("| %-21s | %-26s | %-6s | %10.1f | %10.1f | %6.3f | %6.3f .. %6.3f |\n",
-                    measurement.c_str(), row.name.c_str(), row.unit.c_str(), row.reference.median,
-                    row.candidate.median, row.ratio.median, row.ratio.lowest, row.ratio.highest);
+    for (auto const& condition : conditions) {
+        std::printf("- %s\n", condition.c_str());
+        results.addCondition(condition);
     }
+}
+
+void printTableHead(std::string const& title) {
+    std::printf("\n%s\n\n", title.c_str());
+    std::printf("| %-23s | %-26s | %-6s | %-9s | %11s | %11s | %-7s | %-18s |\n", "measurement",
+                "figure", "unit", "against", "theirs", "ours", "ratio", "lowest..highest");
+    std::printf("|---|---|---|---|--:|--:|--:|--:|\n");
+}
+
+void printRow(std::string const& measurement, Comparison const& row) {
+    std::printf("| %-23s | %-26s | %-6s | %-9s | %11.1f | %11.1f | %7.3f | %7.3f .. %7.3f |\n",
+                measurement.c_str(), row.name.c_str(), row.unit.c_str(), row.against.c_str(),
+                row.reference.median, row.candidate.median, row.ratio.median, row.ratio.lowest,
+                row.ratio.highest);
     std::fflush(stdout);
 }
 

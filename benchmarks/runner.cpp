@@ -1,40 +1,68 @@
 #include "runner.hpp"
 
+#include <cmath>
 #include <cstddef>
+#include <cstdio>
+#include <utility>
 
 namespace bench {
 namespace {
 
-struct Samples {
-    std::vector<double> reference;
-    std::vector<double> candidate;
-    std::vector<double> ratio;
-};
+using Repetitions = std::vector<std::vector<Figure>>;
 
-void append(std::vector<Samples>& all, std::vector<Figure> const& reference,
-            std::vector<Figure> const& candidate) {
-    all.resize(reference.size());
-    for (std::size_t i = 0; i < reference.size(); ++i) {
-        all[i].reference.push_back(reference[i].value);
-        all[i].candidate.push_back(candidate[i].value);
-        all[i].ratio.push_back(candidate[i].value / reference[i].value);
+std::vector<double> valuesOf(Repetitions const& repetitions, std::size_t figure) {
+    std::vector<double> result;
+    for (auto const& figures : repetitions) {
+        result.push_back(figures[figure].value);
     }
+    return result;
+}
+
+Comparison compareOne(Figure const& figure, char const* against, std::vector<double> const& theirs,
+                      std::vector<double> const& ours) {
+    std::vector<double> ratios;
+    for (std::size_t i = 0; i < ours.size(); ++i) {
+        ratios.push_back(ours[i] / theirs[i]);
+    }
+    return {figure.name,       figure.unit,     against,
+            summarize(theirs), summarize(ours), summarize(ratios)};
 }
 
 } // namespace
 
-std::vector<Comparison> compare(Measurement const& measurement, Party& reference, Party& candidate,
+Contest makeContest(bool control) {
+    Contest contest;
+    contest.references.push_back(makeRawParty());
+    contest.candidate = control ? makeRawParty() : makeOurParty();
+    if (auto paho = makePahoParty()) {
+        contest.references.push_back(std::move(paho));
+    } else {
+        std::printf("Paho C++ was not there to build with: its rows are left out. "
+                    "scripts/setup --bench installs it.\n");
+    }
+    return contest;
+}
+
+std::vector<Comparison> compare(Measurement const& measurement, Contest const& contest,
                                 BrokerProcess const& broker, unsigned repetitions) {
-    std::vector<Figure> figures;
-    std::vector<Samples> samples;
+    Repetitions ours;
+    std::vector<Repetitions> theirs(contest.references.size());
     for (unsigned repetition = 0; repetition < repetitions; ++repetition) {
-        figures = measurement.run(reference, broker);
-        append(samples, figures, measurement.run(candidate, broker));
+        for (std::size_t i = 0; i < theirs.size(); ++i) {
+            theirs[i].push_back(measurement.run(*contest.references[i], broker));
+        }
+        ours.push_back(measurement.run(*contest.candidate, broker));
     }
     std::vector<Comparison> comparisons;
-    for (std::size_t i = 0; i < figures.size(); ++i) {
-        comparisons.push_back({figures[i].name, figures[i].unit, summarize(samples[i].reference),
-                               summarize(samples[i].candidate), summarize(samples[i].ratio)});
+    for (std::size_t figure = 0; figure < ours.front().size(); ++figure) {
+        for (std::size_t i = 0; i < theirs.size(); ++i) {
+            auto const values = valuesOf(theirs[i], figure);
+            if (!std::isnan(values.front())) {
+                comparisons.push_back(compareOne(ours.front()[figure],
+                                                 contest.references[i]->name(), values,
+                                                 valuesOf(ours, figure)));
+            }
+        }
     }
     return comparisons;
 }
