@@ -1,20 +1,22 @@
 // From a message of the broker library to the call of its subscriber, by number of subscriptions,
 // in process and without a broker.
 
+#include "broker_librarys_view.hpp"
 #include "cpu_clock.hpp"
+#include "dispatch_check.hpp"
+#include "heap.hpp"
 #include "pinning.hpp"
+#include "results.hpp"
+#include "simple_options.hpp"
 #include "statistics.hpp"
 
 #include <mqtt/client.hpp>
-
-#include <malloc.h>
 
 #include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdio>
 #include <ctime>
-#include <exception>
 #include <map>
 #include <memory>
 #include <random>
@@ -24,8 +26,10 @@
 
 namespace {
 
-constexpr char const* USAGE = "bench-dispatch [--quick]\n"
-                              "Compares dispatch with many subscriptions to dispatch with ten.\n";
+constexpr char const* USAGE = "bench-dispatch [--quick] [--check] [--results FILE]\n"
+                              "Compares dispatch with many subscriptions to dispatch with ten.\n"
+                              "  --check  takes no times: fails when a subscription is chosen that "
+                              "a walk would not choose\n";
 
 constexpr std::size_t FEW = 10;
 constexpr std::size_t NUMBERS[] = {FEW, 100, 1000, 10000};
@@ -107,14 +111,6 @@ Measurement const MEASUREMENTS[] = {
      [](std::size_t /*number*/) { return Texts{"a/a/a/a/a/a/a/a/a/a/a/a/a/a/other"}; }},
 };
 
-// The base class is private: only this cast may pass, and it is the broker library's way in.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wold-style-cast"
-mosqpp::mosquittopp& brokerLibrarysView(mqtt::MqttClient& client) {
-    return (mosqpp::mosquittopp&)client;
-}
-#pragma GCC diagnostic pop
-
 /// A client with so many subscriptions, never connected, whose worker sleeps.
 class Subject {
 public:
@@ -163,7 +159,7 @@ private:
         message.topic = messages_[next_].data();
         message.payload = payload_.data();
         message.payloadlen = static_cast<int>(payload_.size());
-        brokerLibrarysView(client_).on_message(&message);
+        bench::brokerLibrarysView(client_).on_message(&message);
         next_ = next_ + 1 == messages_.size() ? 0 : next_ + 1;
     }
 
@@ -174,8 +170,9 @@ private:
     mqtt::MqttClient client_{zym::common::Uuid(1), false, "", "", 0, false};
 };
 
-void compare(Measurement const& measurement, Effort const& effort) {
+void compare(Measurement const& measurement, Effort const& effort, bench::Results& results) {
     std::map<std::size_t, std::unique_ptr<Subject>> subjects;
+    std::map<std::size_t, std::vector<double>> times;
     std::map<std::size_t, std::vector<double>> ratios;
     for (std::size_t const number : NUMBERS) {
         subjects[number] = std::make_unique<Subject>(measurement, number);
@@ -183,59 +180,77 @@ void compare(Measurement const& measurement, Effort const& effort) {
     for (unsigned i = 0; i < effort.repetitions; ++i) {
         double const few = subjects[FEW]->measure(effort.seconds);
         for (std::size_t const number : NUMBERS) {
-            ratios[number].push_back(subjects[number]->measure(effort.seconds) / few);
+            times[number].push_back(subjects[number]->measure(effort.seconds));
+            ratios[number].push_back(times[number].back() / few);
         }
     }
     std::printf("| %-21s |", measurement.name);
     for (std::size_t const number : NUMBERS) {
         auto const ratio = bench::summarize(ratios[number]);
         std::printf(" %5.2f (%.2f..%.2f) |", ratio.median, ratio.lowest, ratio.highest);
+        results.add("", measurement.name,
+                    {std::to_string(number), "ns", std::to_string(FEW),
+                     bench::summarize(times[FEW]), bench::summarize(times[number]), ratio});
     }
     std::printf("\n");
     std::fflush(stdout);
-}
-
-std::size_t heapInUse() {
-#if __GLIBC_PREREQ(2, 33)
-    return ::mallinfo2().uordblks;
-#else
-    return static_cast<std::size_t>(::mallinfo().uordblks);
-#endif
 }
 
 void printMemory(char const* name, Texts const& texts) {
     Counter counter;
     mqtt::MqttClient client(zym::common::Uuid(1), false, "", "", 0, false);
     client.pause();
-    std::size_t const before = heapInUse();
+    std::size_t const before = bench::heapInUse();
     for (auto const& text : texts) {
         static_cast<void>(client.subscribe(text, &counter, 0));
     }
     std::printf("%s: %zu bytes of heap for each of %zu\n", name,
-                (heapInUse() - before) / texts.size(), texts.size());
+                (bench::heapInUse() - before) / texts.size(), texts.size());
     client.release(&counter);
 }
 
-} // namespace
-
-int main(int argc, char** argv) try {
-    Effort effort;
-    if (argc == 2 && std::string(argv[1]) == "--quick") {
-        effort = {1, 0.002};
-    } else if (argc > 1) {
-        std::fputs(USAGE, stderr);
-        return 2;
+/// Some of the messages, since a walk takes its time.
+bool check(Measurement const& measurement, std::size_t number) {
+    constexpr std::size_t SOME = 200;
+    Texts const all = measurement.messages(number);
+    Texts messages;
+    for (std::size_t i = 0; i < all.size(); i += 1 + all.size() / SOME) {
+        messages.push_back(all[i]);
     }
+    return bench::choosesAsAWalk(measurement.subscriptions(number), messages);
+}
+
+int checkAll() {
+    constexpr unsigned REGISTRIES = 300;
+    bool agree = bench::choosesAsAWalkAtRandom(REGISTRIES);
+    for (auto const& measurement : MEASUREMENTS) {
+        for (std::size_t const number : NUMBERS) {
+            agree = check(measurement, number) && agree;
+        }
+    }
+    std::printf("The choice %s that of a walk.\n", agree ? "is always" : "IS NOT ALWAYS");
+    return agree ? 0 : 1;
+}
+
+int run(bench::SimpleOptions const& options) {
+    if (options.check) {
+        return checkAll();
+    }
+    Effort const effort = options.quick ? Effort{1, 0.002} : Effort{};
+    bench::Results results(options.results, "dispatch");
     bench::pin(-1);
     std::printf("| messages              | 10 | 100 | 1000 | 10000 |\n|---|---|---|---|---|\n");
     for (auto const& measurement : MEASUREMENTS) {
-        compare(measurement, effort);
+        compare(measurement, effort, results);
     }
     std::printf("\n");
     printMemory("texts", exact(NUMBERS[3]));
     printMemory("patterns", patterns(NUMBERS[3]));
     return 0;
-} catch (std::exception const& error) {
-    std::fprintf(stderr, "bench-dispatch: %s\n", error.what());
-    return 1;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    return bench::runProgram(argc, argv, USAGE, run);
 }

@@ -87,12 +87,12 @@ int run(std::string const& kind, int count) {
 int main(int argc, char** argv) {
     try {
         if (argc != 3 || run(argv[1], std::stoi(argv[2])) != 0) {
-            std::fputs("Usage: bench-idle ours|raw CLIENTS\n", stderr);
+            std::fputs("Usage: bench-footprint ours|raw CLIENTS\n", stderr);
             return 2;
         }
         return 0;
     } catch (std::exception const& error) {
-        std::fprintf(stderr, "bench-idle: %s\n", error.what());
+        std::fprintf(stderr, "bench-footprint: %s\n", error.what());
         return 1;
     }
 }
