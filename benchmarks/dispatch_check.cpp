@@ -77,23 +77,22 @@ public:
                                                    "\"", "!", "~", "\xc3\xbf"};
         return NAMES[below(NAMES.size())];
     }
-    std::string topic() {
-        // Begins with what is not empty: separators alone are no topic.
-        std::string text = "a" + level() + '/' + level();
-        for (auto more = below(3); more > 0; --more) {
-            text += '/' + level();
-        }
-        return text;
-    }
+    std::string topic() { return path(&Dice::level); }
     std::string pattern() {
-        std::string text = (below(3) == 0 ? "+" : "a" + level()) + '/' + patternLevel();
-        for (auto more = below(3); more > 0; --more) {
-            text += '/' + patternLevel();
-        }
+        std::string const text = path(&Dice::patternLevel);
         return below(3) == 0 ? text + "/#" : text;
     }
 
 private:
+    std::string path(std::string (Dice::*anyLevel)()) {
+        std::string text = (this->*anyLevel)();
+        for (auto more = below(5); more > 0; --more) {
+            text += '/' + (this->*anyLevel)();
+        }
+        // Separators alone are no topic.
+        return text.find_first_not_of('/') == std::string::npos ? "a" : text;
+    }
+
     std::string patternLevel() { return below(3) == 0 ? "+" : level(); }
 
     std::mt19937 engine_{1};

@@ -92,9 +92,9 @@ void writeGoals(ResultFile const& results, std::ostream& out) {
             continue;
         }
         std::string const setting = row->setting.empty() ? "" : ", broker " + row->setting;
-        std::string const bound = std::string(describe(goal.measure, row->moreIsBetter())) + ' '
-                                  + shortNumber(goal.bound)
-                                  + (goal.measure == Measure::RATIO ? "" : ' ' + row->unit);
+        std::string const bound =
+            std::string(describe(goal.measure, row->moreIsBetter())) + ' ' + shortNumber(goal.bound)
+            + (goal.measure == Measure::RATIO || row->unit.empty() ? "" : ' ' + row->unit);
         line(out, {row->measurement + setting, row->figure, row->against, bound,
                    shortNumber(goal.valueIn(*row)), goal.keptBy(*row) ? "yes" : "**no**"});
     }
