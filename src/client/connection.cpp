@@ -69,7 +69,8 @@ Error MqttClient::disconnect(conv::SecondsDuration timeout) {
     // Between two network steps, so that nothing is read before the DISCONNECT packet is
     // written. A worker that stays in its step, as a subscriber keeps it there, is left there.
     constexpr std::chrono::seconds patience{1};
-    bool const haveTurn = !onWorker() && wakeWorker() && engine_->turn.takeWithin(patience);
+    bool const haveTurn =
+        !onWorker() && engine_->turn.takeWithin(patience, [this] { return wakeWorker(); });
     int result = 0;
     int systemError = 0;
     {

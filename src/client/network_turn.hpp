@@ -37,16 +37,19 @@ public:
         taken_ = true;
     }
 
-    /// For callers: like `take`, but gives up after a while.
-    [[nodiscard]] bool takeWithin(std::chrono::milliseconds patience) {
-        std::unique_lock lock(mutex_);
-        ++callers_;
-        if (!changed_.wait_for(lock, patience, [this] { return !taken_; })) {
-            --callers_;
-            changed_.notify_all();
+    /// For callers: like `take`, but wakes the worker first and gives up after a while. The worker
+    /// stays outside from before it is woken: it would begin the next step else, and wait in it.
+    /// @param wake says whether it woke the worker: there is no turn for who did not
+    template <class Wake>
+    [[nodiscard]] bool takeWithin(std::chrono::milliseconds patience, Wake wake) {
+        Announcement announcement(*this);
+        if (!wake())
             return false;
-        }
+        std::unique_lock lock(mutex_);
+        if (!changed_.wait_for(lock, patience, [this] { return !taken_; }))
+            return false;
         taken_ = true;
+        announcement.keep();
         return true;
     }
 
@@ -59,6 +62,32 @@ public:
     }
 
 private:
+    /// A caller that counts, until it goes away or has the turn.
+    class Announcement {
+    public:
+        explicit Announcement(NetworkTurn& turn) : turn_(&turn) {
+            std::lock_guard const lock(turn.mutex_);
+            ++turn.callers_;
+        }
+        ~Announcement() {
+            if (turn_ != nullptr)
+                turn_->withdraw();
+        }
+        Announcement(Announcement const&) = delete;
+        Announcement& operator=(Announcement const&) = delete;
+
+        void keep() { turn_ = nullptr; }
+
+    private:
+        NetworkTurn* turn_;
+    };
+
+    void withdraw() {
+        std::lock_guard const lock(mutex_);
+        --callers_;
+        changed_.notify_all();
+    }
+
     std::mutex mutex_;
     std::condition_variable changed_;
     int callers_ = 0; ///< waiting for the turn or having it

@@ -3,6 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
 #include <thread>
 
 namespace {
@@ -36,7 +39,7 @@ TEST(TheNetworkTurn, GoesToACallerHoweverOftenTheWorkerComesBack) {
 TEST(TheNetworkTurn, IsNotWaitedForLongerThanACallersPatience) {
     NetworkTurn turn;
     turn.enter();
-    EXPECT_FALSE(turn.takeWithin(std::chrono::milliseconds(1)));
+    EXPECT_FALSE(turn.takeWithin(std::chrono::milliseconds(1), [] { return true; }));
     turn.leave();
     turn.enter(); // would wait for ever if the caller that gave up still counted
     turn.leave();
@@ -46,9 +49,82 @@ TEST(TheNetworkTurn, GoesToACallerWithPatience) {
     NetworkTurn turn;
     turn.enter();
     std::thread worker([&] { turn.leave(); });
-    EXPECT_TRUE(turn.takeWithin(std::chrono::minutes(1)));
+    EXPECT_TRUE(turn.takeWithin(std::chrono::minutes(1), [] { return true; }));
     turn.giveBack();
     worker.join();
+}
+
+/// Waits in each of its steps until it is woken.
+class SleepyWorker {
+public:
+    explicit SleepyWorker(NetworkTurn& turn) : turn_(turn) {}
+    ~SleepyWorker() {
+        {
+            std::lock_guard const lock(mutex_);
+            stop_ = true;
+        }
+        changed_.notify_all();
+        thread_.join();
+    }
+    SleepyWorker(SleepyWorker const&) = delete;
+    SleepyWorker& operator=(SleepyWorker const&) = delete;
+
+    void awaitStep() {
+        std::unique_lock lock(mutex_);
+        changed_.wait(lock, [this] { return inside_; });
+    }
+
+    /// Returns when the step is over and the next one may begin.
+    bool wake() {
+        std::unique_lock lock(mutex_);
+        woken_ = true;
+        changed_.notify_all();
+        changed_.wait(lock, [this] { return !inside_; });
+        return true;
+    }
+
+private:
+    void run() {
+        std::unique_lock lock(mutex_, std::defer_lock);
+        while (!stop_) {
+            turn_.enter();
+            lock.lock();
+            inside_ = true;
+            changed_.notify_all();
+            changed_.wait(lock, [this] { return woken_ || stop_; });
+            lock.unlock();
+            turn_.leave();
+            lock.lock();
+            inside_ = woken_ = false;
+            changed_.notify_all();
+            lock.unlock();
+        }
+    }
+
+    NetworkTurn& turn_;
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::atomic<bool> stop_{false};
+    bool inside_ = false;
+    bool woken_ = false;
+    std::thread thread_{[this] { run(); }};
+};
+
+TEST(TheNetworkTurn, GoesToACallerThatHasWokenTheWorkerBeforeTheNextStep) {
+    NetworkTurn turn;
+    SleepyWorker worker(turn);
+    for (int i = 0; i < 1000; ++i) {
+        worker.awaitStep();
+        ASSERT_TRUE(turn.takeWithin(std::chrono::minutes(1), [&] { return worker.wake(); }));
+        turn.giveBack();
+    }
+}
+
+TEST(TheNetworkTurn, StaysWithTheWorkerThatCannotBeWoken) {
+    NetworkTurn turn;
+    EXPECT_FALSE(turn.takeWithin(std::chrono::minutes(1), [] { return false; }));
+    turn.enter(); // would wait for ever if the caller still counted
+    turn.leave();
 }
 
 } // namespace
