@@ -15,13 +15,11 @@ struct SimpleOptions {
 /// @throws std::invalid_argument with a text for the user
 SimpleOptions parseSimpleOptions(std::vector<std::string> const& arguments);
 
-/// Runs a program and turns what it raises into a text and an exit code.
-template <class Program>
-int runProgram(int argc, char** argv, char const* usage, Program program);
-
+/// Says what is wrong: for the exception under way.
 /// @return what main returns
 int reportError(char const* program, char const* usage);
 
+/// Runs a program and turns what it raises into a text and an exit code.
 template <class Program>
 int runProgram(int argc, char** argv, char const* usage, Program program) {
     try {
