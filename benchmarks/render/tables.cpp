@@ -172,7 +172,6 @@ void writePaths(ResultFile const& results, std::ostream& out) {
     }
 }
 
-/// The broker's processor time is no matter of the client alone.
 void writeBehindPaho(ResultFile const& results, std::ostream& out) {
     std::vector<Row> behind;
     std::copy_if(results.rows.begin(), results.rows.end(), std::back_inserter(behind),
