@@ -51,6 +51,7 @@ void MqttClient::on_message(mosquitto_message const* message) {
         topic.assign(message->topic);
         std::string const payload(static_cast<char const*>(message->payload),
                                   static_cast<std::size_t>(message->payloadlen));
+        engine_->tuning.received(topic.text().size() + payload.size());
         {
             std::lock_guard const lock(mainMutex_);
             auto const* const subscription = findSubscriptions(topic);

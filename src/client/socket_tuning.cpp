@@ -29,17 +29,21 @@ void SocketTuning::connected(int fd) {
     // A child process must not keep the connection open.
     ::fcntl(fd, F_SETFD, FD_CLOEXEC);
     tcp_ = setTcpOption(fd, TCP_QUICKACK, 1);
+    peer_.begin();
 }
 
-void SocketTuning::stepped(int fd, bool moreToWrite) const {
-    if (fd < 0 || !tcp_ || moreToWrite)
+void SocketTuning::stepped(int fd, bool moreToWrite) {
+    if (fd < 0 || !tcp_)
+        return;
+    bool const urgent = !peer_.sendsOn() && peer_.look(fd);
+    if (moreToWrite)
         return;
     if (anyBytes(fd, SIOCOUTQNSD)) {
         // Lets go what Nagle holds back. Switched off for good, he would cost a publisher a third
         // of its processor time, as no two packets would ever share a segment.
         setTcpOption(fd, TCP_NODELAY, 1);
         setTcpOption(fd, TCP_NODELAY, 0);
-    } else if (!anyBytes(fd, FIONREAD)) {
+    } else if (urgent && !anyBytes(fd, FIONREAD)) {
         // With more to read, the step that reads the last of it acknowledges it all. The kernel
         // forgets this option whenever it likes, hence once a step.
         setTcpOption(fd, TCP_QUICKACK, 1);

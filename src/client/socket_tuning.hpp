@@ -1,5 +1,10 @@
 #pragma once
 
+#include "client/peer_watch.hpp"
+
+#include <chrono>
+#include <cstddef>
+
 namespace mqtt {
 
 /// What the kernel is told about the broker connection, all of it on the socket that the broker
@@ -14,12 +19,19 @@ public:
     /// For a socket just connected; a negative descriptor is ignored.
     void connected(int fd);
 
+    /// A message of so many bytes has been read.
+    void received(std::size_t bytes) { peer_.received(bytes); }
+
     /// After a network step. Nothing is done while the next step is due anyway: a packet that
     /// is about to leave carries the acknowledgement along.
-    void stepped(int fd, bool moreToWrite) const;
+    void stepped(int fd, bool moreToWrite);
+
+    /// How long the next step may wait.
+    std::chrono::milliseconds patience() const { return peer_.patience(); }
 
 private:
     bool tcp_ = false; ///< and not a unix socket, which delays nothing
+    PeerWatch peer_;
 };
 
 /// Ends a TCP connect that waits for an answer in another thread; leaves every other socket

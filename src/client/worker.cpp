@@ -44,7 +44,8 @@ void MqttClient::networkStep() {
     engine.turn.enter();
     if (engine.flushFirst.exchange(false))
         flushDisconnect();
-    int const result = mosqpp::mosquittopp::loop(1000, 1);
+    int const result =
+        mosqpp::mosquittopp::loop(static_cast<int>(engine.tuning.patience().count()), 1);
     if (result == OK) {
         engine.tuning.stepped(socket(), want_write());
         if (engine.acknowledged)

@@ -27,6 +27,11 @@ using Clock = std::chrono::steady_clock;
 /// leak of a few bytes per message or connection is more than that.
 constexpr std::size_t HEAP_BOUND = 512 * 1024;
 
+/// Descriptors of three connections, with those of their lines: cuts that were ordered in a storm
+/// may come after it, so that a client is just then without one. A leak grows beyond that, and is
+/// seen exactly at the end.
+constexpr std::size_t ON_THE_WAY = 9;
+
 std::uint64_t fromEnvironment(char const* name, std::uint64_t otherwise) {
     char const* const text = std::getenv(name);
     return text == nullptr || *text == '\0' ? otherwise : std::strtoull(text, nullptr, 10);
@@ -120,7 +125,7 @@ TEST_F(AChaosRun, LosesNothing) {
     EXPECT_EQ(after.descriptors, before.descriptors) << "descriptors are left";
     EXPECT_LE(after.heap, before.heap + HEAP_BOUND);
     EXPECT_LE(lastCalm_->heap, firstCalm_->heap + HEAP_BOUND);
-    EXPECT_EQ(lastCalm_->descriptors, firstCalm_->descriptors);
+    EXPECT_LE(lastCalm_->descriptors, firstCalm_->descriptors + ON_THE_WAY);
 }
 
 } // namespace
