@@ -4,15 +4,17 @@
 
 namespace mqtt {
 
-/// So much later, or the far end of time; no earlier for a negative duration.
+/// So much later, or earlier; at most the far end of time, at least the beginning of the clock.
 inline std::chrono::steady_clock::time_point later(std::chrono::steady_clock::time_point moment,
                                                    std::chrono::milliseconds duration) {
+    using std::chrono::floor;
+    using std::chrono::milliseconds;
     constexpr auto end = std::chrono::steady_clock::time_point::max();
-    if (duration <= std::chrono::milliseconds::zero())
-        return moment;
-    return duration < std::chrono::floor<std::chrono::milliseconds>(end - moment)
-               ? moment + duration
-               : end;
+    if (duration >= floor<milliseconds>(end - moment))
+        return end;
+    if (duration <= -floor<milliseconds>(moment.time_since_epoch()))
+        return {};
+    return moment + duration;
 }
 
 /// Waits on a condition for a notification, until the deadline or for an hour: where `time_t` has

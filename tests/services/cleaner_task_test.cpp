@@ -111,6 +111,16 @@ TEST_F(ACleaningTask, GetsTheTimeThatItIsGivenOnTop) {
     EXPECT_FALSE(one->isDone());
 }
 
+TEST_F(ACleaningTask, LosesTheTimeThatIsTakenFromIt) {
+    auto const one = task("a", 2 * AN_HOUR);
+    one->extendTimeout(-AN_HOUR);
+    EXPECT_FALSE(one->isDone());
+    one->extendTimeout(-AN_HOUR);
+    EXPECT_TRUE(one->isDone());
+    one->extendTimeout(milliseconds::min());
+    EXPECT_TRUE(one->isDone());
+}
+
 TEST_F(ACleaningTask, EqualsTopicsOfItsText) {
     auto const one = task("a/#");
     EXPECT_TRUE(*one == mqtt::Topic("a/#"));
