@@ -177,7 +177,8 @@ public:
     /// @param listener may be null; must live until it is told
     /// @param clientUuid who asks; the reply's topic ends in it
     /// @param requestData may be null
-    /// @param replyData what the reply is read into; may be null
+    /// @param replyData what the reply is read into, even one that comes in just as the request is
+    ///        called off or its time runs out; may be null
     /// @param requestIdOut where to put the identifier; may be null
     /// @param timeout seconds until the request ends with TIMEOUT; 0 ends it as soon as the
     ///        broker has carried the time-out reply, all ones never
