@@ -1,6 +1,8 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
+#include <limits>
 
 namespace mqtt {
 
@@ -9,6 +11,15 @@ inline double monotonicSeconds() {
     auto const now = std::chrono::steady_clock::now().time_since_epoch();
     auto const whole = std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
     return static_cast<double>(whole) / 1000.0;
+}
+
+/// Whole seconds, cut at both ends of 32 bits.
+inline std::uint32_t wholeSeconds(double seconds) {
+    constexpr auto largest = std::numeric_limits<std::uint32_t>::max();
+    // Not a number is none, either.
+    if (!(seconds > 0.0))
+        return 0;
+    return seconds < largest ? static_cast<std::uint32_t>(seconds) : largest;
 }
 
 } // namespace mqtt

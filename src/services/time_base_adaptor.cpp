@@ -1,8 +1,6 @@
 #include "mqtt/time_base.hpp"
 #include "services/local_clock.hpp"
 
-#include <limits>
-
 namespace mqtt {
 
 using zym::common::Uuid;
@@ -29,11 +27,7 @@ void SynchronizedTimeBaseMqttAdaptor::terminate() {
 }
 
 std::uint32_t SynchronizedTimeBaseMqttAdaptor::timeBase() const {
-    constexpr auto largest = std::numeric_limits<std::uint32_t>::max();
-    double const time = localTimeBase();
-    if (!(time > 0.0))
-        return 0;
-    return time < largest ? static_cast<std::uint32_t>(time) : largest;
+    return wholeSeconds(localTimeBase());
 }
 
 double SynchronizedTimeBaseMqttAdaptor::localTimeBase() const {

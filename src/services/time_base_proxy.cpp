@@ -293,11 +293,7 @@ void SynchronizedTimeBaseMqttProxy::onTimer() {
 }
 
 std::uint32_t SynchronizedTimeBaseMqttProxy::timeBase() const {
-    constexpr auto largest = std::numeric_limits<std::uint32_t>::max();
-    double const time = localTimeBase() - offset();
-    if (!(time > 0.0))
-        return 0;
-    return time < largest ? static_cast<std::uint32_t>(time) : largest;
+    return wholeSeconds(localTimeBase() - offset());
 }
 
 double SynchronizedTimeBaseMqttProxy::localTimeBase() const {
