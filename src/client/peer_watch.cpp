@@ -34,14 +34,13 @@ milliseconds PeerWatch::patience() const {
 }
 
 bool PeerWatch::look(int fd) {
-    ++looks_;
     switch (verdict_) {
     case Verdict::SENDS_ON:
         return false;
     case Verdict::QUIET:
         return awaitSilence();
     case Verdict::WAITS:
-        if (looks_ < SECOND_THOUGHTS)
+        if (++looks_ < SECOND_THOUGHTS)
             return true;
         begin();
         break;
@@ -62,12 +61,13 @@ bool PeerWatch::observe(int fd) {
                         now.bytesReceived - last_.bytesReceived,
                         now.segmentsSent - last_.segmentsSent,
                         now.segmentsSentWithData - last_.segmentsSentWithData};
-    if (looks_ == MOST_LOOKS)
+    if (++looks_ == MOST_LOOKS)
         verdict_ = Verdict::QUIET;
     judge(since, time - looked_);
     bool const silence = keepsBack_ && since.segmentsReceived == 0 && since.segmentsSent == 0;
     acknowledged_ = silence;
-    keepsBack_ = verdict_ <= Verdict::QUIET && since.segmentsReceived > 0;
+    bool const isOpen = verdict_ == Verdict::OPEN || verdict_ == Verdict::QUIET;
+    keepsBack_ = isOpen && since.segmentsReceived > 0;
     owes_ = since.segmentsReceived > 0 && since.segmentsSent == 0;
     looked_ = time;
     last_ = now;

@@ -59,7 +59,7 @@ private:
     bool keepsBack_ = false;    ///< since the last look
     bool owes_ = false;         ///< what was read before the last look is not acknowledged
     bool acknowledged_ = false; ///< at the last look, after a silence
-    int looks_ = 0;
+    int looks_ = 0;             ///< while open or waiting; a busy connection has no end of them
     int silences_ = 0;
     int goingsOn_ = 0;
     Clock::time_point looked_; ///< when, last

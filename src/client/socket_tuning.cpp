@@ -35,7 +35,7 @@ void SocketTuning::connected(int fd) {
 void SocketTuning::stepped(int fd, bool moreToWrite) {
     if (fd < 0 || !tcp_)
         return;
-    bool const urgent = !peer_.sendsOn() && peer_.look(fd);
+    bool const urgent = peer_.look(fd);
     if (moreToWrite)
         return;
     if (anyBytes(fd, SIOCOUTQNSD)) {
