@@ -3,6 +3,7 @@
 
 #include "requestreply/client_frame.hpp"
 #include "requestreply/sleeper.hpp"
+#include "support/flag.hpp"
 #include "support/sanitizers.hpp"
 #include "support/watchdog.hpp"
 
@@ -13,6 +14,7 @@
 
 namespace {
 
+using support::isSet;
 using testing::Each;
 using testing::ElementsAre;
 using testing::SizeIs;
@@ -21,14 +23,6 @@ constexpr auto WITHOUT_LIMIT = UINT32_MAX;
 /// Enough of those who wait that the last of them is late.
 constexpr std::size_t CROWD = 12;
 constexpr int ROUNDS = 200 / support::SLOWNESS;
-
-bool isSet(bool value) {
-    return value;
-}
-
-void set(support::Watched<bool>& flag) {
-    flag.change([](bool& value) { value = true; });
-}
 
 /// Answers with the number that it was sent.
 class Echo : public mqtt::RequestReplyServer::Listener {

@@ -1,4 +1,5 @@
 #include "requestreply/client_frame.hpp"
+#include "support/flag.hpp"
 
 #include <chrono>
 
@@ -6,6 +7,7 @@ namespace {
 
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
+using support::isSet;
 using support::Message;
 using testing::Contains;
 using testing::ElementsAre;
@@ -14,10 +16,6 @@ using testing::SizeIs;
 
 constexpr auto WITHOUT_LIMIT = UINT32_MAX;
 constexpr milliseconds A_SECOND{1000};
-
-bool isSet(bool value) {
-    return value;
-}
 
 class ARequestWithoutServer : public ClientOnABroker {
 protected:

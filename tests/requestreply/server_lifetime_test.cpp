@@ -3,6 +3,7 @@
 #include "sample_data.hpp"
 #include "server_session.hpp"
 
+#include "support/flag.hpp"
 #include "support/sanitizers.hpp"
 
 #include <gmock/gmock.h>
@@ -13,6 +14,7 @@
 namespace {
 
 using mqtt::Topic;
+using support::isSet;
 using support::Watched;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -20,14 +22,6 @@ using Data = ServerListener::Data;
 
 /// Long enough to see that something waits; it never makes a right server fail.
 constexpr std::chrono::milliseconds A_WHILE{300};
-
-bool isSet(bool value) {
-    return value;
-}
-
-void set(Watched<bool>& flag) {
-    flag.change([](bool& value) { value = true; });
-}
 
 class TheEndOfAServer : public ServerSession {
 protected:

@@ -2,6 +2,7 @@
 
 #include "services/binder_frame.hpp"
 
+#include "support/flag.hpp"
 #include "support/sanitizers.hpp"
 #include "support/watchdog.hpp"
 
@@ -9,6 +10,7 @@
 
 namespace {
 
+using support::isSet;
 using testing::AnyOf;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -16,14 +18,6 @@ using testing::IsEmpty;
 using Error = BinderError;
 
 constexpr int ROUNDS = 200 / support::SLOWNESS;
-
-bool isSet(bool value) {
-    return value;
-}
-
-void set(support::Watched<bool>& flag) {
-    flag.change([](bool& value) { value = true; });
-}
 
 class ATerminatedProxy : public WithAServer {};
 

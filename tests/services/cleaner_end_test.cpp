@@ -1,6 +1,7 @@
 // Cleaners that are ended while something is going on.
 
 #include "requestreply/sleeper.hpp"
+#include "services/barrier.hpp"
 #include "services/cleaner_on_a_script.hpp"
 #include "support/sanitizers.hpp"
 
@@ -13,21 +14,6 @@ using std::chrono::milliseconds;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
-
-/// Holds those who come by until told otherwise.
-class Barrier {
-public:
-    std::optional<int> pass() {
-        set(entered_);
-        EXPECT_TRUE(open_.waitFor(isSet));
-        return std::nullopt;
-    }
-    bool waitForVisitor() const { return entered_.waitFor(isSet); }
-    void open() { set(open_); }
-
-private:
-    support::Watched<bool> entered_, open_;
-};
 
 using TheEndOfACleaner = ACleaner;
 

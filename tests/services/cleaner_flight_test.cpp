@@ -3,6 +3,7 @@
 
 #include "client/flood.hpp"
 #include "services/cleaner_recorder.hpp"
+#include "support/flag.hpp"
 #include "support/sanitizers.hpp"
 #include "support/test_client.hpp"
 
@@ -14,6 +15,7 @@ namespace {
 
 using mqtt::TopicCleaner;
 using std::chrono::milliseconds;
+using support::isSet;
 using testing::Each;
 
 constexpr int ROUNDS = 40 / support::SLOWNESS;

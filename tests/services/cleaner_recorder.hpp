@@ -50,11 +50,3 @@ private:
     support::Watched<Strings> told_;
     Hook hook_;
 };
-
-inline bool isSet(bool value) {
-    return value;
-}
-
-inline void set(support::Watched<bool>& flag) {
-    flag.change([](bool& value) { value = true; });
-}

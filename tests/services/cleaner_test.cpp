@@ -1,10 +1,12 @@
 #include "requestreply/sleeper.hpp"
 #include "services/cleaner_on_a_script.hpp"
+#include "support/flag.hpp"
 
 namespace {
 
 using mqtt::TopicCleaner;
 using std::chrono::milliseconds;
+using support::isSet;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;

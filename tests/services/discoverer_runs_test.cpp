@@ -1,6 +1,7 @@
 // Runs that meet one another, or the end of their discoverer.
 
 #include "requestreply/sleeper.hpp"
+#include "services/barrier.hpp"
 #include "services/discoverer_frame.hpp"
 
 #include <atomic>
@@ -12,14 +13,6 @@ using std::chrono::steady_clock;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
-
-bool isSet(bool value) {
-    return value;
-}
-
-void set(support::Watched<bool>& flag) {
-    flag.change([](bool& value) { value = true; });
-}
 
 void waitOut(milliseconds time) {
     auto const end = steady_clock::now() + time;
@@ -210,21 +203,6 @@ TEST_F(TheEndOfADiscoverer, ComesInADeliveryOnTheSameTopic) {
     EXPECT_EQ(script_->count(Operation::SUBSCRIBE), 2U);
     client_->release(&killer);
 }
-
-/// Holds the worker in a call of the broker library until told otherwise.
-class Barrier {
-public:
-    std::optional<int> pass() {
-        set(entered_);
-        EXPECT_TRUE(open_.waitFor(isSet));
-        return std::nullopt;
-    }
-    bool waitForVisitor() const { return entered_.waitFor(isSet); }
-    void open() { set(open_); }
-
-private:
-    support::Watched<bool> entered_, open_;
-};
 
 TEST_F(TheEndOfADiscoverer, WaitsForTheListBeingHandled) {
     Barrier barrier;
