@@ -1,7 +1,6 @@
 // What a message costs in allocations, on its way in and on its way out.
 
-#include "client/client_on_a_script.hpp"
-#include "support/allocations.hpp"
+#include "client/receiving_client.hpp"
 
 #include <mqtt/client.hpp>
 
@@ -44,30 +43,12 @@ TEST(AnAllocationCount, SeesAllocationsOfThisThreadAndNoOthers) {
     EXPECT_LE(count.value(), 3U); // the thread's own state
 }
 
-class AMessage : public AClientOnAScript {
+class AMessage : public AReceivingClient {
 protected:
-    AMessage() { connect(); }
     ~AMessage() override { client_->release(&counter_); }
 
     void subscribe(std::string const& topic) {
         ASSERT_EQ(client_->subscribe(topic, &counter_, 0), Error::SUCCESS);
-    }
-
-    /// On the worker, from the broker library's call until it returns. The first message finds
-    /// nothing prepared, and is not counted.
-    std::size_t allocationsToReceive(std::string topic, std::string payload) {
-        std::size_t result = 0;
-        script_->runInLoop([&](auto& object) {
-            mosquitto_message message{};
-            message.topic = topic.data();
-            message.payload = payload.data();
-            message.payloadlen = static_cast<int>(payload.size());
-            object.on_message(&message);
-            support::AllocationCount const count;
-            object.on_message(&message);
-            result = count.value();
-        });
-        return result;
     }
 
     template <class Action>

@@ -1,0 +1,30 @@
+#pragma once
+
+#include "client/client_on_a_script.hpp"
+#include "support/allocations.hpp"
+
+#include <cstddef>
+#include <string>
+
+/// A connected client that is handed messages, for programs that count allocations.
+class AReceivingClient : public AClientOnAScript {
+protected:
+    AReceivingClient() { connect(); }
+
+    /// On the worker, from the broker library's call until it returns. The first message finds
+    /// nothing prepared, and is not counted.
+    std::size_t allocationsToReceive(std::string topic, std::string payload) {
+        std::size_t result = 0;
+        script_->runInLoop([&](auto& object) {
+            mosquitto_message message{};
+            message.topic = topic.data();
+            message.payload = payload.data();
+            message.payloadlen = static_cast<int>(payload.size());
+            object.on_message(&message);
+            support::AllocationCount const count;
+            object.on_message(&message);
+            result = count.value();
+        });
+        return result;
+    }
+};
