@@ -10,14 +10,19 @@
 #include <utility>
 #include <vector>
 
-/// Publishes without end, to some topics in turn.
+/// Publishes without end, some messages in turn.
 class Flood {
 public:
-    Flood(support::Broker const& broker, std::vector<std::string> topics, std::string payload)
-        : topics_(std::move(topics)),
-          payload_(std::move(payload)),
-          peer_(broker),
-          thread_([this] { run(); }) {}
+    struct Post {
+        std::string topic;
+        std::string payload;
+    };
+
+    Flood(support::Broker const& broker, std::vector<Post> posts)
+        : posts_(std::move(posts)), peer_(broker), thread_([this] { run(); }) {}
+    Flood(support::Broker const& broker, std::vector<std::string> const& topics,
+          std::string const& payload)
+        : Flood(broker, toAll(topics, payload)) {}
     ~Flood() {
         stop_ = true;
         thread_.join();
@@ -26,17 +31,25 @@ public:
     Flood& operator=(Flood const&) = delete;
 
 private:
+    static std::vector<Post> toAll(std::vector<std::string> const& topics,
+                                   std::string const& payload) {
+        std::vector<Post> posts;
+        for (auto const& topic : topics)
+            posts.push_back({topic, payload});
+        return posts;
+    }
+
     void run() {
         for (std::size_t i = 0; !stop_; ++i) {
-            peer_.post(topics_[i % topics_.size()], payload_, 0);
+            auto const& post = posts_[i % posts_.size()];
+            peer_.post(post.topic, post.payload, 0);
             // No faster than the broker takes it: its memory is finite.
             if (i % 64 == 0)
                 peer_.publish("pace", "", 1);
         }
     }
 
-    std::vector<std::string> topics_;
-    std::string payload_;
+    std::vector<Post> posts_;
     std::atomic<bool> stop_{false};
     support::RawPeer peer_;
     std::thread thread_;

@@ -1,8 +1,8 @@
 // Typed endpoints that come, go and are copied while messages fly. What these tests cannot see
 // by themselves the sanitizers do: they are worth most in such a build.
 
+#include "client/flood.hpp"
 #include "support/broker.hpp"
-#include "support/raw_peer.hpp"
 #include "support/sanitizers.hpp"
 #include "support/test_client.hpp"
 
@@ -28,33 +28,15 @@ using Links = std::vector<Link>;
 
 constexpr int ROUNDS = 200 / support::SLOWNESS;
 
-/// Publishes without end: links on "link", collections on "links", now and then nonsense and
-/// nothing.
-class Flood {
-public:
-    explicit Flood(support::Broker const& broker) : peer_(broker), thread_([this] { run(); }) {}
-    ~Flood() {
-        stop_ = true;
-        thread_.join();
+/// Links on "link", collections on "links", now and then nonsense and nothing.
+std::vector<Flood::Post> linksAndLists() {
+    std::vector<Flood::Post> posts;
+    for (int i = 0; i < 16; ++i) {
+        posts.push_back({"link", i == 1 ? "{" : i == 2 ? "" : R"({"@id": "a/b"})"});
+        posts.push_back({"links", R"({"members@count": 1, "members": [{"@id": "a/b"}]})"});
     }
-    Flood(Flood const&) = delete;
-    Flood& operator=(Flood const&) = delete;
-
-private:
-    void run() {
-        for (unsigned i = 0; !stop_; ++i) {
-            peer_.post("link", i % 16 == 1 ? "{" : i % 16 == 2 ? "" : R"({"@id": "a/b"})", 0);
-            peer_.post("links", R"({"members@count": 1, "members": [{"@id": "a/b"}]})", 0);
-            // No faster than the broker takes it: its memory is finite.
-            if (i % 32 == 0)
-                peer_.publish("pace", "", 1);
-        }
-    }
-
-    support::RawPeer peer_;
-    std::atomic<bool> stop_{false};
-    std::thread thread_;
-};
+    return posts;
+}
 
 /// Counts what it is told, and what it is told when that is not to be any more.
 template <class T>
@@ -96,7 +78,7 @@ void comeAndGo(Client& client, char const* topic) {
 TEST(TypedEndpoints, ComeAndGoWhileMessagesFly) {
     support::Broker broker;
     auto const client = support::testClient(broker);
-    Flood const flood(broker);
+    Flood const flood(broker, linksAndLists());
     std::vector<std::thread> threads;
     threads.emplace_back([&] { comeAndGo<MqttData<Link>, Link>(*client, "link"); });
     threads.emplace_back([&] { comeAndGo<MqttData<Link>, Link>(*client, "link"); });
@@ -123,7 +105,7 @@ void copyAndDestroy(Client& client, char const* topic) {
 TEST(TypedEndpoints, AreCopiedWhileMessagesFly) {
     support::Broker broker;
     auto const client = support::testClient(broker);
-    Flood const flood(broker);
+    Flood const flood(broker, linksAndLists());
     std::thread links([&] { copyAndDestroy<MqttData<Link>, Link>(*client, "link"); });
     copyAndDestroy<Collection, Links>(*client, "links");
     links.join();
@@ -182,7 +164,7 @@ TEST(TypedEndpoints, DestroyThemselvesInTheirCallsWhileMessagesFly) {
     Hatcher hatcher(*client, alive);
     Collection nest(*client, "links");
     ASSERT_EQ(nest.subscribe(&hatcher, 0), Error::SUCCESS);
-    Flood const flood(broker);
+    Flood const flood(broker, linksAndLists());
     EXPECT_TRUE(support::eventually([&] { return hatcher.hatched == ROUNDS && alive == 0; }));
     nest.unsubscribe();
 }
