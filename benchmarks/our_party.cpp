@@ -1,6 +1,6 @@
 #include "our_client.hpp"
 #include "our_typed.hpp"
-#include "party.hpp"
+#include "party_of.hpp"
 
 #include <mqtt/client.hpp>
 
@@ -115,24 +115,10 @@ private:
     OurClient client_;
 };
 
-class OurParty final : public Party {
+class OurParty final : public PartyOf<OurPublisher, OurSubscriber, OurDialogue, OurCaller> {
 public:
     char const* name() const override { return "ours"; }
 
-    std::unique_ptr<Publisher> makePublisher(int port, std::string const& topic) override {
-        return std::make_unique<OurPublisher>(port, topic);
-    }
-    std::unique_ptr<bench::Subscriber> makeSubscriber(int port, std::string const& topic,
-                                                      Tally& received) override {
-        return std::make_unique<OurSubscriber>(port, topic, received);
-    }
-    std::unique_ptr<Dialogue> makeDialogue(int port, std::string const& question,
-                                           std::string const& answer) override {
-        return std::make_unique<OurDialogue>(port, question, answer);
-    }
-    std::unique_ptr<Caller> makeCaller(int port) override {
-        return std::make_unique<OurCaller>(port);
-    }
     std::unique_ptr<ValuePublisher> makeValuePublisher(int port, std::string const& topic,
                                                        Document document) override {
         return makeOurValuePublisher(port, topic, document);

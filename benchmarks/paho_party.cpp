@@ -1,8 +1,7 @@
-#include "documents.hpp"
 #include "paho_client.hpp"
 #include "paho_flight.hpp"
 #include "paho_typed.hpp"
-#include "party.hpp"
+#include "party_of.hpp"
 
 #include <utility>
 
@@ -102,33 +101,15 @@ public:
     void disconnect() override { close(); }
 };
 
-class PahoParty final : public Party {
+class PahoParty final : public PartyOf<PahoPublisher, PahoSubscriber, PahoDialogue, PahoCaller> {
 public:
     char const* name() const override { return "Paho"; }
     /// All clients of a process share one thread that sends and one that receives.
     bool hasThreadsOfItsOwn() const override { return false; }
 
-    std::unique_ptr<Publisher> makePublisher(int port, std::string const& topic) override {
-        return std::make_unique<PahoPublisher>(port, topic);
-    }
-    std::unique_ptr<Subscriber> makeSubscriber(int port, std::string const& topic,
-                                               Tally& received) override {
-        return std::make_unique<PahoSubscriber>(port, topic, received);
-    }
-    std::unique_ptr<Dialogue> makeDialogue(int port, std::string const& question,
-                                           std::string const& answer) override {
-        return std::make_unique<PahoDialogue>(port, question, answer);
-    }
-    std::unique_ptr<Caller> makeCaller(int port) override {
-        return std::make_unique<PahoCaller>(port);
-    }
     std::unique_ptr<ValuePublisher> makeValuePublisher(int port, std::string const& topic,
                                                        Document document) override {
         return makePahoValuePublisher(port, topic, document);
-    }
-    std::unique_ptr<Subscriber> makeValueSubscriber(int port, std::string const& topic,
-                                                    Document document, Tally& received) override {
-        return makeSubscriber(port, valueTopic(topic, document), received);
     }
     std::unique_ptr<Requester> makeRequester(int port) override { return makePahoRequester(port); }
 };

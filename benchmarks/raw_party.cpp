@@ -1,5 +1,4 @@
-#include "documents.hpp"
-#include "party.hpp"
+#include "party_of.hpp"
 #include "raw_client.hpp"
 #include "raw_typed.hpp"
 
@@ -111,31 +110,13 @@ private:
     int const port_;
 };
 
-class RawParty final : public Party {
+class RawParty final : public PartyOf<RawPublisher, RawSubscriber, RawDialogue, RawCaller> {
 public:
     char const* name() const override { return "raw"; }
 
-    std::unique_ptr<Publisher> makePublisher(int port, std::string const& topic) override {
-        return std::make_unique<RawPublisher>(port, topic);
-    }
-    std::unique_ptr<Subscriber> makeSubscriber(int port, std::string const& topic,
-                                               Tally& received) override {
-        return std::make_unique<RawSubscriber>(port, topic, received);
-    }
-    std::unique_ptr<Dialogue> makeDialogue(int port, std::string const& question,
-                                           std::string const& answer) override {
-        return std::make_unique<RawDialogue>(port, question, answer);
-    }
-    std::unique_ptr<Caller> makeCaller(int port) override {
-        return std::make_unique<RawCaller>(port);
-    }
     std::unique_ptr<ValuePublisher> makeValuePublisher(int port, std::string const& topic,
                                                        Document document) override {
         return makeRawValuePublisher(port, topic, document);
-    }
-    std::unique_ptr<Subscriber> makeValueSubscriber(int port, std::string const& topic,
-                                                    Document document, Tally& received) override {
-        return makeSubscriber(port, valueTopic(topic, document), received);
     }
     std::unique_ptr<Requester> makeRequester(int port) override { return makeRawRequester(port); }
 };
