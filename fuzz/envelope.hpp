@@ -1,5 +1,6 @@
 #pragma once
 
+#include "fuzz/lines.hpp"
 #include "fuzz/reference_json.hpp"
 #include "fuzz/target.hpp"
 
@@ -9,8 +10,23 @@
 #include <exception>
 #include <memory>
 #include <string>
+#include <string_view>
 
 namespace fuzz {
+
+/// A message as it comes: a line of topic, and the payload.
+struct Arrival {
+    explicit Arrival(Lines lines) : topic(lines.next()), payload(lines.rest()) {
+        readReference(payload, json);
+    }
+    explicit Arrival(std::string_view bytes) : Arrival(Lines(bytes)) {}
+    Arrival(Arrival const&) = delete;
+    Arrival& operator=(Arrival const&) = delete;
+
+    mqtt::Topic const topic;
+    std::string const payload;
+    Json json; ///< the payload; it points into it
+};
 
 /// Whether a message on this topic is taken over.
 template <class Message>
@@ -49,6 +65,19 @@ payloadOf(mqtt::RequestReply::Request const& message) {
 inline std::string boundTopic(mqtt::RequestReply::Request const& message) {
     auto const payload = payloadOf(message);
     return payload ? payload->topic.text() : "";
+}
+
+/// The message as it comes back when it is written and read, for a closer look at its envelope.
+template <class Message>
+Message readBack(mqtt::Topic const& topic, Message const& message) {
+    std::string written;
+    mqtt::MqttData<Message>::serialize(topic, written, message);
+    auto again = endpoints<Message>()[0];
+    again.data = message.data;
+    auto const bound = boundTopic(message);
+    require(isTaken(topic, written, again), "what is written can be read");
+    require(boundTopic(again) == mqtt::Topic(bound).text(), "its payload reads back");
+    return again;
 }
 
 template <class Message>

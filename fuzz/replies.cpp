@@ -1,7 +1,6 @@
 // Any payload on any topic, read as a reply.
 
 #include "fuzz/envelope.hpp"
-#include "fuzz/lines.hpp"
 
 namespace {
 
@@ -25,22 +24,13 @@ bool expect(Json const& json, Reply& reply) {
 }
 
 void readBack(Topic const& topic, Reply const& reply) {
-    std::string written;
-    mqtt::MqttData<Reply>::serialize(topic, written, reply);
-    auto again = fuzz::endpoints<Reply>()[0];
-    again.data = reply.data;
-    auto const bound = fuzz::boundTopic(reply);
-    require(fuzz::isTaken(topic, written, again), "what is written can be read");
+    auto const again = fuzz::readBack(topic, reply);
     require(again.requestId == reply.requestId && again.error == reply.error, "it reads back");
-    require(fuzz::boundTopic(again) == Topic(bound).text(), "its payload reads back");
 }
 
 void run(std::string_view bytes) {
-    fuzz::Lines lines(bytes);
-    Topic const topic(lines.next());
-    std::string const payload(lines.rest());
-    Json json;
-    fuzz::readReference(payload, json);
+    fuzz::Arrival const arrival(bytes);
+    auto const& [topic, payload, json] = arrival;
     for (auto reply : fuzz::endpoints<Reply>()) {
         auto expected = reply;
         std::string bound;
