@@ -20,17 +20,15 @@ public:
 
 protected:
     explicit PahoClient(int port)
-        : client_("tcp://" + std::string(BROKER_HOST) + ':' + std::to_string(port), nextName()) {}
+        : client_("tcp://" + std::string(BROKER_HOST) + ':' + std::to_string(port), nextName(),
+                  MANY, nullptr) {}
     ~PahoClient() { close(); }
 
     void open() {
-        // Beyond the window of every measurement: Paho takes up to a second to notice that there
-        // is room again. PahoPublisher sees to it that the broker is not asked too much.
-        constexpr int IN_FLIGHT = 65535;
         finish(client_.connect(mqtt::connect_options_builder()
                                    .clean_session(true)
                                    .keep_alive_interval(std::chrono::seconds(30))
-                                   .max_inflight(IN_FLIGHT)
+                                   .max_inflight(MANY)
                                    .finalize()));
     }
 
@@ -70,6 +68,11 @@ protected:
     mqtt::async_client& client() { return client_; }
 
 private:
+    /// Beyond the window of every measurement: Paho refuses what goes beyond its buffer, and takes
+    /// up to a second to notice that there is room again in flight. PahoFlight sees to it that
+    /// the broker is not asked too much.
+    static constexpr int MANY = 65535;
+
     static std::string nextName() {
         static unsigned last = 0;
         return "paho-" + std::to_string(++last);
