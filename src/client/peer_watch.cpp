@@ -14,6 +14,9 @@ using std::chrono::milliseconds;
 constexpr milliseconds ANY_TIME{1000};
 /// What a peer that waits loses, until it is known for that.
 constexpr milliseconds A_MOMENT{2};
+/// The same for one that has shown neither: a timer that is due before the kernel's next tick, set
+/// with each step, costs an exchange some 5 %.
+constexpr milliseconds A_WHILE{10};
 constexpr milliseconds AT_ONCE{1};
 /// By then the kernel may have acknowledged of its own accord.
 constexpr milliseconds LONG{20};
@@ -21,6 +24,8 @@ constexpr milliseconds LONG{20};
 constexpr int ENOUGH_SILENCES = 3;
 constexpr int ENOUGH_GOINGS_ON = 2;
 constexpr int MOST_LOOKS = 200;
+/// After each silence: what a stream shows is mostly nothing, and looking is not for free.
+constexpr int SECOND_LOOKS = 20;
 /// On a busy machine a peer may seem to wait that was only kept from running.
 constexpr int SECOND_THOUGHTS = 5000;
 
@@ -30,7 +35,9 @@ constexpr std::uint32_t SMALL = 536;
 } // namespace
 
 milliseconds PeerWatch::patience() const {
-    return keepsBack_ ? A_MOMENT : ANY_TIME;
+    if (!keepsBack_)
+        return ANY_TIME;
+    return verdict_ == Verdict::QUIET ? A_WHILE : A_MOMENT;
 }
 
 bool PeerWatch::look(int fd) {
@@ -38,7 +45,7 @@ bool PeerWatch::look(int fd) {
     case Verdict::SENDS_ON:
         return false;
     case Verdict::QUIET:
-        return awaitSilence();
+        return awaitSilence(fd);
     case Verdict::WAITS:
         if (++looks_ < SECOND_THOUGHTS)
             return true;
@@ -63,8 +70,12 @@ bool PeerWatch::observe(int fd) {
                         now.segmentsSentWithData - last_.segmentsSentWithData};
     if (++looks_ == MOST_LOOKS)
         verdict_ = Verdict::QUIET;
+    bool const nothing = since.segmentsReceived == 0 && since.segmentsSent == 0;
+    // A step also ends for a packet of ours, which the kernel may hold back.
+    if (keepsBack_ && nothing && time - looked_ < A_MOMENT)
+        return false;
     judge(since, time - looked_);
-    bool const silence = keepsBack_ && since.segmentsReceived == 0 && since.segmentsSent == 0;
+    bool const silence = keepsBack_ && nothing;
     acknowledged_ = silence;
     bool const isOpen = verdict_ == Verdict::OPEN || verdict_ == Verdict::QUIET;
     keepsBack_ = isOpen && since.segmentsReceived > 0;
@@ -76,22 +87,32 @@ bool PeerWatch::observe(int fd) {
     return silence || verdict_ == Verdict::WAITS;
 }
 
-/// The peer may wait after all when it says nothing for a moment.
-bool PeerWatch::awaitSilence() {
+/// The peer may wait after all when it says nothing for a while.
+bool PeerWatch::awaitSilence(int fd) {
     auto const time = Clock::now();
-    bool const silence = keepsBack_ && time - looked_ >= A_MOMENT;
-    if (silence)
-        begin();
+    bool const silence = keepsBack_ && time - looked_ >= A_WHILE;
     keepsBack_ = !silence;
     looked_ = time;
-    return silence;
+    if (!silence)
+        return false;
+    Traffic now;
+    read(fd, now);
+    bool const nothingToAcknowledge = now.segmentsReceived == last_.segmentsReceived;
+    if (nothingToAcknowledge) // We publish, and the peer has nothing to say to it.
+        return false;
+    begin();
+    looks_ = MOST_LOOKS - SECOND_LOOKS;
+    last_ = now;
+    looked_ = time;
+    return true;
 }
 
 void PeerWatch::judge(Traffic const& since, Clock::duration pause) {
     if (since.segmentsReceived == 0)
         return;
     if (acknowledged_ && pause < AT_ONCE) {
-        if (++silences_ >= ENOUGH_SILENCES && goingsOn_ == 0)
+        // What it says after data of ours may be the answer to that.
+        if (since.segmentsSentWithData == 0 && ++silences_ >= ENOUGH_SILENCES && goingsOn_ == 0)
             verdict_ = Verdict::WAITS;
     } else if (isFewPackets(since) && pause < LONG && isTooMuch(since)) {
         if (++goingsOn_ == ENOUGH_GOINGS_ON)

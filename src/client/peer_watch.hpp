@@ -50,7 +50,7 @@ private:
     };
     static bool read(int fd, Traffic& traffic);
     bool observe(int fd);
-    bool awaitSilence();
+    bool awaitSilence(int fd);
     void judge(Traffic const& since, Clock::duration pause);
     bool isFewPackets(Traffic const& since) const;
     bool isTooMuch(Traffic const& since) const;

@@ -24,6 +24,8 @@ Error MqttClient::publishWait(Topic const& topic, std::string const& payload, in
         return result;
     auto const deadline = timeout.toTimepoint(std::chrono::steady_clock::now());
     bool const done = waitUntil(delivered_, lock, deadline, [&] { return lastPublished_ == mid; });
+    if (done)
+        engine_->tuning.answered();
     return done ? Error::SUCCESS : Error::TIMEOUT;
 }
 
@@ -43,6 +45,7 @@ Error MqttClient::send(int* mid, Topic const& topic, std::string const& payload,
     std::lock_guard const lock(engine_->gate.mutex);
     auto result = Error::NO_CONN;
     if (engine_->gate.online) {
+        engine_->tuning.issued();
         result = static_cast<Error>(mosqpp::mosquittopp::publish(mid, topic.text().c_str(),
                                                                  static_cast<int>(payload.size()),
                                                                  payload.data(), qos, retain));
@@ -68,6 +71,7 @@ Error MqttClient::clear(Topic const& topic) {
     std::lock_guard const lock(engine_->gate.mutex);
     if (!engine_->gate.online)
         return Error::NO_CONN;
+    engine_->tuning.issued();
     auto const result = static_cast<Error>(
         mosqpp::mosquittopp::publish(nullptr, topic.text().c_str(), 0, nullptr, 2, true));
     // Taken just as the connection went: the library carries it out with the next one.

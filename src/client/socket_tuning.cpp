@@ -1,24 +1,23 @@
 #include "client/socket_tuning.hpp"
 
+#include "client/tcp_option.hpp"
+
+#include <algorithm>
 #include <fcntl.h>
-#include <linux/sockios.h>
-#include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/ioctl.h>
-#include <sys/socket.h>
 
 namespace mqtt {
 
 namespace {
 
-bool setTcpOption(int fd, int option, int value) {
-    return ::setsockopt(fd, IPPROTO_TCP, option, &value, sizeof value) == 0;
-}
+/// So many messages within a pause are a stream.
+constexpr unsigned MANY = 16;
 
-bool anyBytes(int fd, unsigned long which) {
+bool anythingToRead(int fd) {
     int bytes = 0;
-    return ::ioctl(fd, which, &bytes) == 0 && bytes > 0;
+    return ::ioctl(fd, FIONREAD, &bytes) == 0 && bytes > 0;
 }
 
 } // namespace
@@ -29,25 +28,58 @@ void SocketTuning::connected(int fd) {
     // A child process must not keep the connection open.
     ::fcntl(fd, F_SETFD, FD_CLOEXEC);
     tcp_ = setTcpOption(fd, TCP_QUICKACK, 1);
+    if (!tcp_)
+        return;
+    pacing_.begin(fd);
     peer_.begin();
+    flooded_ = false;
+}
+
+void SocketTuning::received(std::size_t bytes) {
+    peer_.received(bytes);
+    pacing_.answered();
+    if (++messages_ % MANY != 0 && !flooded_)
+        return;
+    auto const now = Clock::now();
+    flooded_ = now - lastMessages_ < SendPacing::PAUSE;
+    lastMessages_ = now;
 }
 
 void SocketTuning::stepped(int fd, bool moreToWrite) {
     if (fd < 0 || !tcp_)
         return;
+    pacing_.stepped(fd);
     bool const urgent = peer_.look(fd);
-    if (moreToWrite)
+    if (!urgent)
+        flooded_ = false;
+    else if (!moreToWrite)
+        acknowledge(fd);
+}
+
+/// At once in a conversation, and once a pause in a stream, whoever's it is: a peer that gathers
+/// while it waits for us would otherwise send each message in a segment of its own.
+void SocketTuning::acknowledge(int fd) {
+    if (pacing_.holdsBack() || (flooded_ && !floodHasPaused()))
         return;
-    if (anyBytes(fd, SIOCOUTQNSD)) {
-        // Lets go what Nagle holds back. Switched off for good, he would cost a publisher a third
-        // of its processor time, as no two packets would ever share a segment.
-        setTcpOption(fd, TCP_NODELAY, 1);
-        setTcpOption(fd, TCP_NODELAY, 0);
-    } else if (urgent && !anyBytes(fd, FIONREAD)) {
-        // With more to read, the step that reads the last of it acknowledges it all. The kernel
-        // forgets this option whenever it likes, hence once a step.
+    // With more to read, the step that reads the last of it acknowledges it all. The kernel
+    // forgets this option whenever it likes, hence once a step.
+    if (!anythingToRead(fd))
         setTcpOption(fd, TCP_QUICKACK, 1);
-    }
+}
+
+bool SocketTuning::floodHasPaused() {
+    auto const now = Clock::now();
+    if (now - lastMessages_ < SendPacing::PAUSE)
+        return false;
+    flooded_ = false;
+    messages_ = 0;
+    lastMessages_ = now;
+    return true;
+}
+
+std::chrono::milliseconds SocketTuning::patience() const {
+    bool const streams = flooded_ || pacing_.holdsBack();
+    return streams ? std::min(SendPacing::PAUSE, peer_.patience()) : peer_.patience();
 }
 
 void abortConnect(int fd) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "client/peer_watch.hpp"
+#include "client/send_pacing.hpp"
 
 #include <chrono>
 #include <cstddef>
@@ -19,19 +20,34 @@ public:
     /// For a socket just connected; a negative descriptor is ignored.
     void connected(int fd);
 
-    /// A message of so many bytes has been read.
-    void received(std::size_t bytes) { peer_.received(bytes); }
+    /// A packet of ours has been handed to the broker library. In any thread.
+    void issued() { pacing_.issued(); }
 
-    /// After a network step. Nothing is done while the next step is due anyway: a packet that
-    /// is about to leave carries the acknowledgement along.
+    /// Somebody who waited for the broker has heard of it. In any thread.
+    void answered() { pacing_.answered(); }
+
+    /// A message of so many bytes has been read.
+    void received(std::size_t bytes);
+
+    /// After a network step. Nothing is acknowledged while the next step is due anyway: a packet
+    /// that is about to leave carries the acknowledgement along.
     void stepped(int fd, bool moreToWrite);
 
     /// How long the next step may wait.
-    std::chrono::milliseconds patience() const { return peer_.patience(); }
+    std::chrono::milliseconds patience() const;
 
 private:
+    using Clock = std::chrono::steady_clock;
+
+    void acknowledge(int fd);
+    bool floodHasPaused();
+
     bool tcp_ = false; ///< and not a unix socket, which delays nothing
+    SendPacing pacing_;
     PeerWatch peer_;
+    bool flooded_ = false;             ///< by messages in a stream
+    unsigned messages_ = 0;            ///< read since the last pause
+    Clock::time_point lastMessages_{}; ///< when some were read, or a flood paused
 };
 
 /// Ends a TCP connect that waits for an answer in another thread; leaves every other socket

@@ -17,9 +17,11 @@ Error MqttClient::subscribe(Topic const& topic, Subscriber* subscriber, int tag)
     auto result = Error::NO_CONN;
     {
         std::lock_guard const gateLock(engine_->gate.mutex);
-        if (engine_->gate.online)
+        if (engine_->gate.online) {
+            engine_->tuning.issued();
             result = static_cast<Error>(
                 mosqpp::mosquittopp::subscribe(nullptr, topic.text().c_str(), 0));
+        }
     }
     // Without a connection the completion of the next one subscribes.
     if (result != Error::SUCCESS && result != Error::NO_CONN && result != Error::CONN_LOST)
@@ -122,6 +124,7 @@ int MqttClient::unsubscribeAtBroker(int* mid, Topic const& topic) {
     std::lock_guard const lock(engine_->gate.mutex);
     if (!engine_->gate.online)
         return static_cast<int>(Error::NO_CONN);
+    engine_->tuning.issued();
     return mosqpp::mosquittopp::unsubscribe(mid, topic.text().c_str());
 }
 

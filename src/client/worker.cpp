@@ -148,6 +148,7 @@ void MqttClient::completeConnection() {
 
 bool MqttClient::resubscribe() {
     for (auto const& entry : subscriptions_) {
+        engine_->tuning.issued();
         if (mosqpp::mosquittopp::subscribe(nullptr, entry.first.text().c_str(), 0) == CONN_LOST)
             return false;
     }
@@ -158,6 +159,7 @@ bool MqttClient::drainQueue() {
     std::lock_guard const lock(engine_->gate.mutex);
     while (!queue_.empty()) {
         auto const& first = queue_.front();
+        engine_->tuning.issued();
         int const result = mosqpp::mosquittopp::publish(
             nullptr, first.topic.text().c_str(), static_cast<int>(first.payload.size()),
             first.payload.data(), first.qos, first.retain);

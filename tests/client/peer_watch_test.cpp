@@ -2,6 +2,7 @@
 
 #include "support/eventually.hpp"
 #include "support/file_descriptor.hpp"
+#include "support/tcp_pair.hpp"
 
 #include <gtest/gtest.h>
 
@@ -27,20 +28,7 @@ void send(int fd, std::string const& bytes) {
 /// Two ends of a TCP connection: a client that watches, and its peer.
 class APeer : public testing::Test {
 protected:
-    void SetUp() override {
-        FileDescriptor const listener(::socket(AF_INET, SOCK_STREAM, 0));
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t length = sizeof address;
-        auto* const any = reinterpret_cast<sockaddr*>(&address);
-        ASSERT_EQ(::bind(listener.get(), any, length), 0);
-        ASSERT_EQ(::listen(listener.get(), 1), 0);
-        ASSERT_EQ(::getsockname(listener.get(), any, &length), 0);
-        ASSERT_EQ(::connect(client.get(), any, length), 0);
-        peer = FileDescriptor(::accept(listener.get(), nullptr, nullptr));
-        watch.begin();
-    }
+    void SetUp() override { watch.begin(); }
 
     /// One step of the client: waits as long as it may, reads, and acknowledges if it shall.
     bool step() {
@@ -85,8 +73,9 @@ protected:
         return read(4);
     }
 
-    FileDescriptor client{::socket(AF_INET, SOCK_STREAM, 0)};
-    FileDescriptor peer;
+    support::TcpPair pair;
+    FileDescriptor& client = pair.near;
+    FileDescriptor& peer = pair.far;
     PeerWatch watch;
     ssize_t received = 0;
 };
@@ -117,6 +106,45 @@ TEST_F(APeer, WhoseEveryPacketIsAnsweredNeedsNoneUntilItFallsSilent) {
     })) << "it may be waiting";
     EXPECT_TRUE(step());
     EXPECT_EQ(watch.patience(), std::chrono::milliseconds(1000)) << "and has got what it waits for";
+}
+
+TEST_F(APeer, IsNotTakenForSilentWhileNoTimeHasPassed) {
+    bool keptBack = false;
+    for (int i = 0; i < 20 && !keptBack; ++i) { // a busy machine lets time pass
+        ask();
+        send(peer.get(), "here");
+        read(4);
+        keptBack = watch.patience() < std::chrono::milliseconds(1000) && !watch.look(client.get());
+    }
+    EXPECT_TRUE(keptBack) << "a step may end at once, for a packet of ours that is held back";
+}
+
+TEST_F(APeer, ThatAnswersNewsOfOursHasNotWaitedForAnAcknowledgement) {
+    for (int i = 0; i < 20; ++i) {
+        ask(); // with it goes the acknowledgement of what was read last
+        send(peer.get(), "here");
+        read(4);
+        ASSERT_TRUE(support::eventually([this] { return step(); })) << "the silence";
+        char buffer[100];
+        send(client.get(), "news");
+        ASSERT_GT(::recv(peer.get(), buffer, sizeof buffer, 0), 0);
+        send(peer.get(), "more");
+        EXPECT_FALSE(read(4));
+    }
+}
+
+TEST_F(APeer, ThatHasNothingToSayToAStreamIsOwedNothing) {
+    int urgent = 0;
+    for (int i = 0; i < 1000; ++i) {
+        send(client.get(), "news");
+        urgent += watch.look(client.get()) ? 1 : 0;
+    }
+    EXPECT_EQ(urgent, 0);
+    EXPECT_TRUE(support::eventually([this] {
+        watch.look(client.get());
+        return watch.patience() == std::chrono::milliseconds(1000);
+    })) << "there is nothing to acknowledge";
+    EXPECT_FALSE(watch.look(client.get()));
 }
 
 TEST_F(APeer, IsLookedAtAnewWithEachConnection) {

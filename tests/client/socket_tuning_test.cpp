@@ -3,6 +3,7 @@
 #include "support/eventually.hpp"
 #include "support/file_descriptor.hpp"
 #include "support/scripted_server.hpp"
+#include "support/tcp_pair.hpp"
 
 #include <gtest/gtest.h>
 
@@ -10,7 +11,6 @@
 #include <cstdint>
 #include <fcntl.h>
 #include <future>
-#include <linux/sockios.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
@@ -44,33 +44,12 @@ int tcpOption(int fd, int option) {
     return value;
 }
 
-int heldBack(int fd) {
-    int bytes = -1;
-    ::ioctl(fd, SIOCOUTQNSD, &bytes);
-    return bytes;
-}
-
 /// Two ends of a TCP connection; the far one takes its time to acknowledge.
 class ATcpConnection : public testing::Test {
 protected:
     void SetUp() override {
-        FileDescriptor const listener(::socket(AF_INET, SOCK_STREAM, 0));
-        auto address = loopback(0);
-        socklen_t length = sizeof address;
-        auto* const any = reinterpret_cast<sockaddr*>(&address);
-        ASSERT_EQ(::bind(listener.get(), any, length), 0);
-        ASSERT_EQ(::listen(listener.get(), 1), 0);
-        ASSERT_EQ(::getsockname(listener.get(), any, &length), 0);
-        ASSERT_EQ(connectTo(near.get(), ntohs(address.sin_port)), 0);
-        far = FileDescriptor(::accept(listener.get(), nullptr, nullptr));
         int const off = 0;
         ASSERT_EQ(::setsockopt(far.get(), IPPROTO_TCP, TCP_QUICKACK, &off, sizeof off), 0);
-    }
-
-    /// Sends small pieces until one is held back for want of an acknowledgement.
-    bool getsHeldBack() {
-        return support::eventually(
-            [this] { return ::send(near.get(), "x", 1, 0) == 1 && heldBack(near.get()) > 0; });
     }
 
     /// A question with two answers, the second of which the far end holds back. Returns whether
@@ -95,22 +74,15 @@ protected:
         return acknowledged;
     }
 
-    FileDescriptor near{::socket(AF_INET, SOCK_STREAM, 0)};
-    FileDescriptor far;
+    support::TcpPair pair;
+    FileDescriptor& near = pair.near;
+    FileDescriptor& far = pair.far;
     SocketTuning tuning;
 };
 
 TEST_F(ATcpConnection, IsInheritedByNoChildProcess) {
     tuning.connected(near.get());
     EXPECT_NE(::fcntl(near.get(), F_GETFD) & FD_CLOEXEC, 0);
-}
-
-TEST_F(ATcpConnection, HoldsNothingBackAfterAStepThatLeavesNothingToWrite) {
-    tuning.connected(near.get());
-    ASSERT_TRUE(getsHeldBack());
-    tuning.stepped(near.get(), false);
-    EXPECT_EQ(heldBack(near.get()), 0);
-    EXPECT_EQ(tcpOption(near.get(), TCP_NODELAY), 0) << "and only this once";
 }
 
 TEST_F(ATcpConnection, AcknowledgesAtOnceAfterAStepThatLeavesNothingToDoIfThePeerWaits) {
@@ -135,6 +107,52 @@ TEST_F(ATcpConnection, LeavesTheAcknowledgementToTheStepThatReadsTheRest) {
     ::setsockopt(near.get(), IPPROTO_TCP, TCP_QUICKACK, &off, sizeof off);
     tuning.stepped(near.get(), false);
     EXPECT_EQ(tcpOption(near.get(), TCP_QUICKACK), 0);
+}
+
+TEST_F(ATcpConnection, AcknowledgesAStreamOnlyWhenItPauses) {
+    tuning.connected(near.get());
+    ASSERT_TRUE(support::eventually([this] { return acknowledgesWhatIsRead(); }));
+    int const off = 0;
+    EXPECT_TRUE(support::eventually([&] {
+        ::setsockopt(near.get(), IPPROTO_TCP, TCP_QUICKACK, &off, sizeof off);
+        for (int i = 0; i < 100; ++i)
+            tuning.received(1);
+        tuning.stepped(near.get(), false);
+        return tcpOption(near.get(), TCP_QUICKACK) == 0;
+    })) << "a busy machine may pause in between";
+    EXPECT_LT(tuning.patience(), std::chrono::milliseconds(1000)) << "the pause must be noticed";
+    EXPECT_TRUE(support::eventually([&] {
+        tuning.stepped(near.get(), false);
+        return tcpOption(near.get(), TCP_QUICKACK) == 1;
+    }));
+    EXPECT_EQ(tuning.patience(), std::chrono::milliseconds(1000));
+}
+
+TEST_F(ATcpConnection, AcknowledgesNoMoreThanItsOwnStreamDoes) {
+    tuning.connected(near.get());
+    ASSERT_TRUE(support::eventually([this] { return acknowledgesWhatIsRead(); }));
+    int const off = 0;
+    for (int i = 0; i < 100; ++i)
+        tuning.issued();
+    tuning.stepped(near.get(), false);
+    ::setsockopt(near.get(), IPPROTO_TCP, TCP_QUICKACK, &off, sizeof off);
+    tuning.issued();
+    tuning.stepped(near.get(), false);
+    EXPECT_EQ(tcpOption(near.get(), TCP_QUICKACK), 0) << "what is sent next carries it along";
+    EXPECT_TRUE(support::eventually([&] {
+        tuning.stepped(near.get(), false);
+        return tcpOption(near.get(), TCP_QUICKACK) == 1;
+    })) << "nothing is sent next";
+}
+
+TEST_F(ATcpConnection, IsWaitedForInPeaceWhenAStreamIsOverAndNothingUrgent) {
+    tuning.connected(near.get());
+    for (int i = 0; i < 1000; ++i)
+        tuning.received(1);
+    EXPECT_TRUE(support::eventually([&] {
+        tuning.stepped(near.get(), false);
+        return tuning.patience() == std::chrono::milliseconds(1000);
+    }));
 }
 
 TEST_F(ATcpConnection, IsNotBrokenAsAConnectWouldBe) {
