@@ -98,6 +98,12 @@ TEST_F(ThePatternIndex, PutsAnEmptyLastLevelFirstButNotWhatGoesOnBehindIt) {
     expectInThisOrder("/", {"+/", "+/#", "+/+", "+//#", "/", "/#", "/+", "/+/#", "//#"});
 }
 
+TEST_F(ThePatternIndex, DoesNotTakeAnEmptyLevelInTheMiddleForTheLast) {
+    add({"+/"});
+    EXPECT_EQ(found("a//b"), "none");
+    EXPECT_EQ(found("a/"), "+/");
+}
+
 TEST_F(ThePatternIndex, MatchesTheParentOfTheRest) {
     add({"a/b/#", "+/c/+/#"});
     EXPECT_EQ(found("a/b"), "a/b/#");
