@@ -117,6 +117,25 @@ TEST(ASerializer, EscapesQuotesBackslashesAndControlBytes) {
               "{\n  \"v\": \"a\\u0001z\\u001f\\u0000e\"\n}");
 }
 
+void expectEscapedAt(std::size_t place, std::size_t length) {
+    std::string const before(place, 'x');
+    std::string const behind(length - place - 1, 'x');
+    EXPECT_EQ(memberWith(before + '"' + behind),
+              "{\n  \"v\": \"" + before + "\\\"" + behind + "\"\n}");
+    EXPECT_EQ(memberWith(before + '\\' + behind),
+              "{\n  \"v\": \"" + before + "\\\\" + behind + "\"\n}");
+    EXPECT_EQ(memberWith(before + '\x1f' + behind),
+              "{\n  \"v\": \"" + before + "\\u001f" + behind + "\"\n}");
+}
+
+TEST(ASerializer, EscapesAtEveryPlaceInTextsOfEveryLength) {
+    for (std::size_t length = 1; length <= 40; ++length) {
+        for (std::size_t place = 0; place < length; ++place) {
+            expectEscapedAt(place, length);
+        }
+    }
+}
+
 TEST(ASerializer, PassesAllOtherBytesAsTheyAre) {
     std::string passing;
     for (int byte = 0x20; byte < 0x100; ++byte) {
