@@ -61,6 +61,22 @@ TEST_F(ALibraryWithoutAConnection, IsNotCalledFromWithinTheNewsOfTheLoss) {
     });
 }
 
+TEST_F(ALibraryWithoutAConnection, IsNotCalledForAListenerThatHearsOfTheLoss) {
+    support::StateRecorder listener([&](ComState state) {
+        if (state != ComState::CONNECTION_LOST)
+            return;
+        EXPECT_EQ(client_->publish("a", "0", 2, true), Error::SUCCESS);
+        EXPECT_EQ(client_->clear("a"), Error::NO_CONN);
+    });
+    client_->registerListener(&listener);
+    connect();
+    script_->setConnack(std::nullopt);
+    script_->loseConnection();
+    EXPECT_TRUE(listener.waitFor(ComState::CONNECTION_LOST));
+    client_->unregisterListener(&listener); // waits for the end of its call
+    EXPECT_TRUE(script_->calls(Operation::PUBLISH).empty());
+}
+
 TEST_F(ALibraryWithoutAConnection, IsNotCalledWhileReconnecting) {
     connect();
     script_->setConnack(std::nullopt);
