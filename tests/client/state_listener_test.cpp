@@ -139,6 +139,18 @@ TEST_F(AStateListener, MayUnregisterItselfAndOthers) {
     EXPECT_THAT(second.history(), ElementsAre(ComState::CONNECTING)) << "from the next change on";
 }
 
+TEST_F(AStateListener, ThatUnregistersItselfLeavesTheOthersTheirTurn) {
+    StateRecorder third;
+    hook = [&](ComState) { client->unregisterListener(&first); };
+    client->registerListener(&first);
+    client->registerListener(&second);
+    client->registerListener(&third);
+    ASSERT_EQ(connect(), Error::SUCCESS);
+    EXPECT_THAT(second.history(), ElementsAre(ComState::CONNECTING, ComState::CONNECTED));
+    EXPECT_THAT(third.history(), ElementsAre(ComState::CONNECTING, ComState::CONNECTED));
+    client->unregisterListener(&third);
+}
+
 TEST_F(AStateListener, RegisteredByAnotherSeesTheNextChange) {
     hook = [&](ComState) { client->registerListener(&second); };
     client->registerListener(&first);
