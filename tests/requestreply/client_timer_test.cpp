@@ -4,14 +4,17 @@
 #include "requestreply/sleeper.hpp"
 #include "support/hand_driven_timer.hpp"
 
+#include <array>
 #include <atomic>
 #include <chrono>
+#include <deque>
 
 namespace {
 
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 using std::chrono::steady_clock;
+using testing::Each;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
@@ -120,7 +123,7 @@ TEST_F(AClientWithATimerInOurHand, TellsWaiterAndListenerDifferentThingsWhenTheW
     EXPECT_THAT(recorder.errors(), ElementsAre(FAILURE_OF_THE_SERVICE));
 }
 
-TEST_F(AClientWithATimerInOurHand, LeavesTheNextRequestToItselfWhenTheWaiterIsLate) {
+TEST_F(AClientWithATimerInOurHand, LeavesTheNextRequestToItselfWhenTheWaitersAreLate) {
     ReplyRecorder next;
     unsigned int nextId = 0;
     ReplyRecorder first([&](Call const&) {
@@ -129,13 +132,17 @@ TEST_F(AClientWithATimerInOurHand, LeavesTheNextRequestToItselfWhenTheWaiterIsLa
     });
     ASSERT_EQ(client->request(&first, id, Uuid::NIL, nullptr, replyData, &requestId, WITHOUT_LIMIT),
               Code::PENDING);
-    Code result = Code::NONE;
-    Sleeper waiter([&] { result = client->waitEndOfRequest(PATIENCE_OF_THE_WAITER); });
-    ASSERT_TRUE(waiter.fallsAsleep());
+    // Many, or the only one might get to know of the end before the next request is made.
+    std::array<Code, 8> results{};
+    std::deque<Sleeper> waiters;
+    for (auto& result : results)
+        waiters.emplace_back([&] { result = client->waitEndOfRequest(PATIENCE_OF_THE_WAITER); });
+    for (auto const& waiter : waiters)
+        ASSERT_TRUE(waiter.fallsAsleep());
     endTheRequestUntilTheWaiterIsLate();
     reply(replyText(requestId, 17));
-    waiter.join();
-    EXPECT_EQ(result, Code::TIMEOUT);
+    waiters.clear();
+    EXPECT_THAT(results, Each(Code::TIMEOUT));
     ASSERT_TRUE(peer.waitForMessages(3));
     EXPECT_THAT(next.calls(), IsEmpty());
     requestId = idIn(peer.payloads()[2]);
