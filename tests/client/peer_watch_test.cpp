@@ -9,8 +9,11 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
-#include <string>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
+
+#include <functional>
+#include <string>
 
 namespace {
 
@@ -42,6 +45,21 @@ protected:
         return urgent;
     }
 
+    void awaitBytes(int bytes) {
+        EXPECT_TRUE(support::eventually([&] {
+            int there = 0;
+            return ::ioctl(client.get(), FIONREAD, &there) == 0 && there == bytes;
+        }));
+    }
+
+    /// One step of a client that reads nothing before there is all of so much.
+    void stepWhenThereIs(int bytes) {
+        awaitBytes(bytes);
+        std::string buffer(static_cast<std::size_t>(bytes), ' ');
+        EXPECT_EQ(::recv(client.get(), buffer.data(), buffer.size(), 0), bytes);
+        watch.look(client.get());
+    }
+
     /// Steps until so much has been read. Returns whether the last step acknowledged.
     bool read(ssize_t bytes) {
         bool urgent = false;
@@ -65,6 +83,25 @@ protected:
         send(peer.get(), "more");
         read(4);
         return urgent;
+    }
+
+    /// A question with two answers, the second of which comes after a silence.
+    /// Returns whether acknowledging the second one was urgent.
+    bool askForTwoInTurn() {
+        ask();
+        send(peer.get(), "here");
+        read(4);
+        step();
+        send(peer.get(), "more");
+        return read(4);
+    }
+
+    /// Whether it is taken for one that does not wait, after so many of these rounds.
+    bool sendsOnAfter(int rounds, std::function<void()> const& round) {
+        watch.begin();
+        for (int i = 0; i < rounds; ++i)
+            round();
+        return watch.sendsOn();
     }
 
     bool askForOne() {
@@ -155,6 +192,76 @@ TEST_F(APeer, IsLookedAtAnewWithEachConnection) {
     }));
     watch.begin();
     EXPECT_FALSE(watch.sendsOn());
+}
+
+TEST_F(APeer, ThatWasSeenNotToWaitIsNotTakenForOneThatWaits) {
+    set(peer.get(), TCP_NODELAY, 1);
+    // Again, because on a busy machine it may have been seen late, and that does not count.
+    EXPECT_TRUE(support::eventually([this] {
+        watch.begin();
+        askForTwo();
+        for (int i = 0; i < 20; ++i)
+            if (askForTwoInTurn())
+                return false;
+        return !watch.sendsOn();
+    }));
+}
+
+TEST_F(APeer, IsNotSaidToSendOnForWhatIsTooLargeToBeHeldBack) {
+    set(peer.get(), TCP_NODELAY, 1);
+    EXPECT_FALSE(sendsOnAfter(20, [this] {
+        ask();
+        for (int i = 0; i < 8; ++i)
+            send(peer.get(), std::string(1000, 'x'));
+        stepWhenThereIs(8000);
+    }));
+}
+
+TEST_F(APeer, IsNotSaidToSendOnForWhatFollowsAnAcknowledgement) {
+    EXPECT_FALSE(sendsOnAfter(20, [this] {
+        ask();
+        send(peer.get(), "here");
+        awaitBytes(4);
+        set(client.get(), TCP_QUICKACK, 1);
+        stepWhenThereIs(4);
+        send(peer.get(), "more");
+        stepWhenThereIs(4);
+    }));
+}
+
+TEST_F(APeer, IsNotSaidToSendOnWhenTheKernelHasAcknowledgedOfItsOwnAccord) {
+    // Again, because on a busy machine a long time may seem short.
+    EXPECT_TRUE(support::eventually([this] {
+        return !sendsOnAfter(4, [this] {
+            ask();
+            send(peer.get(), "here");
+            stepWhenThereIs(4);
+            send(peer.get(), "more");
+            stepWhenThereIs(4);
+        });
+    }));
+}
+
+TEST_F(APeer, WhoseEveryPacketWasAnsweredIsLookedAtAnewAfterASilence) {
+    set(peer.get(), TCP_NODELAY, 1);
+    for (int i = 0; i < 1000; ++i)
+        askForOne();
+    EXPECT_TRUE(support::eventually([this] {
+        step();
+        askForTwo();
+        return watch.sendsOn();
+    }));
+}
+
+TEST_F(APeer, ThatSeemedToWaitIsLookedAtAnewAfterAWhile) {
+    int inARow = 0;
+    ASSERT_TRUE(support::eventually([&] { return (inARow = askForTwo() ? inARow + 1 : 0) == 10; }));
+    set(peer.get(), TCP_NODELAY, 1);
+    EXPECT_TRUE(support::eventually([this] {
+        for (int i = 0; i < 100 && !watch.sendsOn(); ++i)
+            askForTwo();
+        return watch.sendsOn();
+    }));
 }
 
 TEST(APeerThatCannotBeLookedAt, IsTakenForOneThatWaits) {
