@@ -225,7 +225,8 @@ ErrorCode RequestReplyClient::waitFor(std::shared_ptr<Outcome> const& awaited,
         late = steady_clock::now() >= deadline;
     }
     --outcome->waiters;
-    if (late && outcome == outcome_)
+    // One that has ended belongs to those who wait for it still, or is not the last one any more.
+    if (late && !outcome->ended)
         ending = endRequest(pending_, ErrorCode::TIMEOUT, lock);
     auto const result = late ? ErrorCode::TIMEOUT : outcome->error;
     waiterLeft_.notify_all();

@@ -123,6 +123,21 @@ TEST_F(AClientWithATimerInOurHand, TellsWaiterAndListenerDifferentThingsWhenTheW
     EXPECT_THAT(recorder.errors(), ElementsAre(FAILURE_OF_THE_SERVICE));
 }
 
+TEST_F(AClientWithATimerInOurHand, TellsThePatientWhatTheReplySaysWhenAnotherWaiterIsLate) {
+    ASSERT_EQ(request(WITHOUT_LIMIT), Code::PENDING);
+    std::array<Code, 8> results{};
+    std::deque<Sleeper> waiters;
+    waiters.emplace_back([&] { client->waitEndOfRequest(PATIENCE_OF_THE_WAITER); });
+    for (auto& result : results)
+        waiters.emplace_back([&] { result = client->waitEndOfRequest(WITHOUT_LIMIT); });
+    for (auto const& waiter : waiters)
+        ASSERT_TRUE(waiter.fallsAsleep());
+    endTheRequestUntilTheWaiterIsLate();
+    reply(replyText(requestId, 17));
+    waiters.clear();
+    EXPECT_THAT(results, Each(FAILURE_OF_THE_SERVICE));
+}
+
 TEST_F(AClientWithATimerInOurHand, LeavesTheNextRequestToItselfWhenTheWaitersAreLate) {
     ReplyRecorder next;
     unsigned int nextId = 0;
