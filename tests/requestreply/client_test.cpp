@@ -1,6 +1,7 @@
 #include "requestreply/client_frame.hpp"
 
 #include "requestreply/malformed.hpp"
+#include "support/scripted_server.hpp"
 
 #include <chrono>
 
@@ -350,6 +351,22 @@ TEST_F(AServedClient, GetsItsOwnRepliesBesideAnotherOne) {
     askMany(*mqtt, 3000);
     neighbour.join();
     stranger.join();
+}
+
+TEST(ARequest, LeavesBehindTheSubscriptionToItsReply) {
+    support::ScriptedServer server;
+    auto const mqtt = support::testClient(server.host(), server.port());
+    mqtt::RequestReplyClient client(*mqtt, "svc", "time", "sync");
+    ASSERT_EQ(client.request(nullptr, support::uniqueId(), zym::common::Uuid::NIL, nullptr, nullptr,
+                             nullptr, UINT32_MAX),
+              Code::PENDING);
+    ASSERT_TRUE(server.waitForPackets(support::PacketType::PUBLISH, 1));
+    std::vector<support::PacketType> order;
+    for (auto const& one : server.received())
+        order.push_back(one.packet.type);
+    order.resize(3); // its handshake may have gone on
+    EXPECT_THAT(order, ElementsAre(support::PacketType::CONNECT, support::PacketType::SUBSCRIBE,
+                                   support::PacketType::PUBLISH));
 }
 
 } // namespace
