@@ -5,6 +5,7 @@
 #include "services/discoverer_frame.hpp"
 
 #include <atomic>
+#include <memory>
 
 namespace {
 
@@ -91,6 +92,26 @@ TEST_F(ADiscoverer, ToldToCleanUpEndsItsRunByTimeOut) {
     answerLate("late", 0);
     EXPECT_FALSE(run.get());
     EXPECT_THAT(entities(), ElementsAre(PLACEHOLDER));
+}
+
+TEST_F(ADiscoverer, ToldToCleanUpWhileItTakesAnAnswerEndsItsRunByTimeOut) {
+    retainLinks({"a"});
+    auto run = launch(1);
+    ASSERT_TRUE(waitForSubscriptions(2));
+    letTheStepEnd();
+    // Inside the client on its way to the broker; the other one holds up the answer from there on.
+    std::unique_ptr<Sleeper> other;
+    script_->setHook(Operation::UNSUBSCRIBE, [&](auto const&) {
+        if (!other) {
+            other = std::make_unique<Sleeper>([this] { discoverer->cleanSubscriptions(); });
+            EXPECT_TRUE(other->fallsAsleep());
+        }
+        return std::optional<int>();
+    });
+    answer("a");
+    EXPECT_FALSE(run.get());
+    EXPECT_THAT(entities(), ElementsAre(PLACEHOLDER));
+    script_->setHook(Operation::UNSUBSCRIBE, {});
 }
 
 TEST_F(ADiscoverer, ToldToCleanUpBeforeItHasAListTakesNone) {
