@@ -136,6 +136,11 @@ TEST_F(ThePatternIndex, ComesBackFromABranchThatEndsInNothing) {
     EXPECT_EQ(found("a/b/c/x/y"), "none");
 }
 
+TEST_F(ThePatternIndex, SeesATopicUpToItsFirstZeroByte) {
+    add({"+/b"});
+    EXPECT_EQ(found(std::string("a/b\0c", 5)), "+/b");
+}
+
 TEST_F(ThePatternIndex, FindsNothingForATopicWithAWildcard) {
     add({"#", "+", "+/+", "a/+", "a/#"});
     for (auto const* const topic : {"+", "#", "a/+", "a/#", "a/b+", "a#/b"})
