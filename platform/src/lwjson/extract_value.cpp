@@ -1,6 +1,7 @@
 #include <zym/common/lwjson/deserializer.hpp>
 
 #include "number_text.hpp"
+#include "plain_text.hpp"
 #include "string_text.hpp"
 
 #include <limits>
@@ -34,13 +35,15 @@ Integer readDigits(std::string_view digits) {
 template <typename Integer>
 Integer readInteger(std::string_view text) {
     requireText(text);
-    if (!isNumber(text) || text.find_first_not_of("-0123456789") != std::string_view::npos) {
+    bool const isNegative = text.front() == '-';
+    std::string_view const digits = text.substr(isNegative ? 1 : 0);
+    if (!isInteger(digits)) {
         throw std::invalid_argument("Not an integer");
     }
-    if (text.front() == '-') {
+    if (isNegative) {
         throw std::out_of_range("Negative integer");
     }
-    return readDigits<Integer>(text);
+    return readDigits<Integer>(digits);
 }
 
 } // namespace
@@ -50,7 +53,12 @@ void Deserializer::extractValue(std::string_view text, std::string& out, char co
     if (text.size() < 2 || text.front() != '"' || text.back() != '"') {
         throw std::invalid_argument("Not a JSON string");
     }
-    out = decodeString(text.substr(1, text.size() - 2));
+    std::string_view const body = text.substr(1, text.size() - 2);
+    if (isAllPlain(body)) {
+        out.assign(body); // into the memory that it has
+    } else {
+        out = decodeString(body);
+    }
 }
 
 void Deserializer::extractValue(std::string_view text, unsigned char& out, char const* /*extra*/) {

@@ -1,10 +1,10 @@
 #include <zym/common/lwjson/serializer.hpp>
 
 #include "number_text.hpp"
+#include "plain_text.hpp"
 
 #include <algorithm>
 #include <cmath>
-#include <cstdint>
 #include <cstring>
 #include <string_view>
 
@@ -43,48 +43,6 @@ char shortEscape(char c) {
     }
 }
 
-bool passes(char c) {
-    return static_cast<unsigned char>(c) >= 0x20 && c != '"' && c != '\\';
-}
-
-// Whether each of eight bytes passes, with one look at them.
-bool allPass(std::uint64_t bytes) {
-    constexpr std::uint64_t ONES = 0x0101010101010101U;
-    constexpr std::uint64_t TOPS = 0x8080808080808080U;
-    auto const belowSpace = (bytes - ONES * 0x20U) & ~bytes;
-    auto const quote = bytes ^ ONES * '"';
-    auto const backslash = bytes ^ ONES * '\\';
-    return ((belowSpace | ((quote - ONES) & ~quote) | ((backslash - ONES) & ~backslash)) & TOPS)
-           == 0;
-}
-
-template <class Word>
-Word load(char const* bytes) {
-    Word word = 0;
-    std::memcpy(&word, bytes, sizeof word);
-    return word;
-}
-
-// Texts are short and nearly always pass: words that overlap at the end leave no bytes over.
-bool allPass(std::string_view text) {
-    constexpr std::size_t WORD = sizeof(std::uint64_t);
-    constexpr std::size_t HALF = sizeof(std::uint32_t);
-    char const* const end = text.data() + text.size();
-    if (text.size() < HALF) {
-        return std::all_of(text.begin(), text.end(), passes);
-    }
-    if (text.size() < WORD) {
-        std::uint64_t const first = load<std::uint32_t>(text.data());
-        return allPass(first << 32U | load<std::uint32_t>(end - HALF));
-    }
-    for (char const* at = text.data(); at < end - WORD; at += WORD) {
-        if (!allPass(load<std::uint64_t>(at))) {
-            return false;
-        }
-    }
-    return allPass(load<std::uint64_t>(end - WORD));
-}
-
 void appendEscape(std::string& json, char c) {
     constexpr char HEX_DIGITS[] = "0123456789abcdef";
     json += '\\';
@@ -99,9 +57,9 @@ void appendEscape(std::string& json, char c) {
 }
 
 void appendEscaped(std::string& json, std::string_view text) {
-    auto const* at = text.begin();
+    char const* at = text.begin();
     while (at != text.end()) {
-        auto const* const odd = std::find_if_not(at, text.end(), passes);
+        char const* const odd = endOfPlain(at, text.end());
         json.append(at, odd);
         at = odd;
         if (at != text.end()) {
@@ -127,7 +85,7 @@ void appendAll(std::string& json, char const (&before)[Before], std::string_view
 template <std::size_t Before, std::size_t Behind>
 void appendString(std::string& json, char const (&before)[Before], std::string_view text,
                   char const (&behind)[Behind]) {
-    if (allPass(text)) {
+    if (isAllPlain(text)) {
         appendAll(json, before, text, behind);
         return;
     }
@@ -153,8 +111,9 @@ void appendOnOneLine(std::string& json, std::string_view text) {
 } // namespace
 
 Serializer::Serializer(std::string& json) : target_(&json) {
+    json.clear();
     json.reserve(USUAL_SIZE);
-    json = '{';
+    json += '{';
 }
 
 Serializer::Serializer(std::string const& finishedText) : target_(nullptr) {
@@ -178,9 +137,10 @@ void Serializer::addValue(double number) {
         appendValue("null");
         return;
     }
-    std::string& json = mutableJson();
-    appendNumber(json, number);
-    json += ',';
+    char text[LONGEST_NUMBER + 1];
+    char* const end = writeNumber(text, number);
+    *end = ',';
+    mutableJson().append(text, static_cast<std::size_t>(end + 1 - text));
 }
 
 void Serializer::addValue(conv::UnixTime const& time) {

@@ -1,6 +1,7 @@
 #include "string_text.hpp"
 
 #include "../hex_digit.hpp"
+#include "plain_text.hpp"
 
 #include <stdexcept>
 
@@ -15,15 +16,13 @@ public:
     std::string decode() {
         std::string text;
         text.reserve(rest_.size());
+        takePlain(text);
         while (!rest_.empty()) {
-            char const c = take();
-            if (c == '\\') {
-                appendEscape(text);
-            } else if (static_cast<unsigned char>(c) < 0x20 || c == '"') {
+            if (take() != '\\') {
                 fail();
-            } else {
-                text += c;
             }
+            appendEscape(text);
+            takePlain(text);
         }
         return text;
     }
@@ -38,6 +37,14 @@ private:
         char const c = rest_.front();
         rest_.remove_prefix(1);
         return c;
+    }
+
+    void takePlain(std::string& text) {
+        char const* const begin = rest_.data();
+        auto const length =
+            static_cast<std::size_t>(endOfPlain(begin, begin + rest_.size()) - begin);
+        text.append(begin, length);
+        rest_.remove_prefix(length);
     }
 
     void appendEscape(std::string& text) {

@@ -105,6 +105,25 @@ TEST(AnExtractedText, IsDecoded) {
     EXPECT_EQ(extract<std::string>("\"a\\u0000b\""), std::string("a\0b", 3));
 }
 
+TEST(AnExtractedText, IsTheSameForAnyLength) {
+    for (std::size_t length = 0; length < 40; ++length) {
+        std::string const plain(length, 'x');
+        EXPECT_EQ(extract<std::string>('"' + plain + '"'), plain);
+        EXPECT_EQ(extract<std::string>('"' + plain + R"(\n)" + plain + '"'), plain + '\n' + plain);
+        expectFailure<std::invalid_argument>('"' + plain + "\x1f\"", std::string("before"));
+        expectFailure<std::invalid_argument>('"' + plain + "\"" + plain + '"',
+                                             std::string("before"));
+    }
+}
+
+TEST(AnExtractedText, TakesThePlaceOfALongerOne) {
+    std::string text(100, 'x');
+    Deserializer::extractValue("\"a\"", text, "");
+    EXPECT_EQ(text, "a");
+    Deserializer::extractValue("\"\"", text, "");
+    EXPECT_EQ(text, "");
+}
+
 TEST(AnExtractedText, GetsCodePointsAsUtf8) {
     EXPECT_EQ(extract<std::string>("\"\\u0041\\u007f\\u0080\\u07ff\""), "A\x7f\xc2\x80\xdf\xbf");
     EXPECT_EQ(extract<std::string>("\"\\u0800\\uFFFF\\uffff\\uD7FF\\uE000\""),

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <charconv>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
@@ -15,14 +16,15 @@
 
 namespace {
 
-using zym::common::lwjson::appendNumber;
+using zym::common::lwjson::isInteger;
 using zym::common::lwjson::isNumber;
+using zym::common::lwjson::LONGEST_NUMBER;
 using zym::common::lwjson::readNumber;
+using zym::common::lwjson::writeNumber;
 
 std::string textOf(double number) {
-    std::string text;
-    appendNumber(text, number);
-    return text;
+    char text[LONGEST_NUMBER];
+    return {text, writeNumber(text, number)};
 }
 
 TEST(ANumberText, IsWhatTheGrammarOfJsonSays) {
@@ -37,10 +39,23 @@ TEST(ANumberText, IsWhatTheGrammarOfJsonSays) {
     }
 }
 
+TEST(ANumberText, IsAnIntegerWhenItHasDigitsOnly) {
+    for (char const* text : {"0", "7", "10", "123456789012345678901234567890"}) {
+        EXPECT_TRUE(isInteger(text)) << text;
+    }
+    for (char const* text : {"", "-", "-1", "+1", "00", "01", "1.0", "1e5", "0x1", "1 ", " 1"}) {
+        EXPECT_FALSE(isInteger(text)) << text;
+    }
+}
+
 TEST(ANumberText, IsShortAndReadsBackTheSame) {
     EXPECT_EQ(textOf(0.1), "0.1");
     EXPECT_EQ(textOf(1700000000.5), "1700000000.5");
     EXPECT_EQ(textOf(-0.0), "-0");
+    EXPECT_EQ(textOf(-1234.567), "-1234.567");
+    EXPECT_EQ(textOf(0.02), "0.02");
+    EXPECT_EQ(textOf(120), "120");
+    EXPECT_EQ(textOf(1e5), "1e+05");
     for (double const number :
          {0.0, 1.0, 0.1, 1.0 / 3.0, 1e22, 5e-324, std::numeric_limits<double>::min(),
           std::numeric_limits<double>::max(), std::numeric_limits<double>::lowest()}) {
@@ -60,6 +75,67 @@ TEST(ANumberText, ReadsBackTheSameForAnyBits) {
         }
     }
 }
+
+// What the standard library gives is what counts; numbers with few digits go another way.
+#if defined(__cpp_lib_to_chars) && !defined(ZYM_COMMON_NO_FLOATING_CHARCONV)
+
+void expectAsByTheStandardLibrary(double number) {
+    char text[LONGEST_NUMBER];
+    std::string const expected(text, std::to_chars(text, text + sizeof text, number).ptr);
+    ASSERT_EQ(textOf(number), expected);
+    double const again = readNumber(expected);
+    ASSERT_EQ(std::memcmp(&again, &number, sizeof number), 0) << expected;
+}
+
+// Both signs, and the neighbours, which have many digits when the number has few.
+void expectAsByTheStandardLibraryAround(double number) {
+    constexpr double FAR = std::numeric_limits<double>::max();
+    for (double const one : {number, std::nextafter(number, FAR), std::nextafter(number, -FAR)}) {
+        expectAsByTheStandardLibrary(one);
+        expectAsByTheStandardLibrary(-one);
+    }
+}
+
+TEST(ANumberText, IsThatOfTheStandardLibraryForNumbersWithFewDecimals) {
+    std::mt19937_64 random(3);
+    for (int i = 0; i < 30000 / support::SLOWNESS; ++i) {
+        auto const digits = static_cast<double>(random() >> random() % 64U);
+        double const power = std::pow(10, static_cast<int>(random() % 20U));
+        ASSERT_NO_FATAL_FAILURE(expectAsByTheStandardLibraryAround(digits / power));
+        auto const few = static_cast<double>(random() % 1000000U);
+        ASSERT_NO_FATAL_FAILURE(expectAsByTheStandardLibraryAround(few / 1000));
+        ASSERT_NO_FATAL_FAILURE(expectAsByTheStandardLibraryAround(few * power / 1000));
+    }
+}
+
+TEST(ANumberText, IsThatOfTheStandardLibraryAtEveryEdge) {
+    for (int exponent = -307; exponent <= 308; ++exponent) {
+        double const power = std::pow(10, exponent);
+        ASSERT_NO_FATAL_FAILURE(expectAsByTheStandardLibraryAround(power));
+        ASSERT_NO_FATAL_FAILURE(expectAsByTheStandardLibraryAround(power * 1.2));
+    }
+    for (double const number :
+         {0.0, 0.0005, 0.001, 0.0012, 0.9995, 99999.0, 100000.0, 110000.0, 1e11 + 0.001,
+          999999999999.999, 1e12, 1e12 + 0.001, 9007199254740992.0, 18446744073709551616.0}) {
+        ASSERT_NO_FATAL_FAILURE(expectAsByTheStandardLibraryAround(number)) << number;
+    }
+}
+
+TEST(ANumberText, IsReadAsByTheStandardLibrary) {
+    std::mt19937_64 random(4);
+    for (int i = 0; i < 100000 / support::SLOWNESS; ++i) {
+        std::string text = std::to_string(random() >> random() % 64U);
+        if (random() % 4U != 0) {
+            text += '.' + std::to_string(random() >> random() % 64U);
+        }
+        double expected = 0;
+        std::from_chars(text.data(), text.data() + text.size(), expected);
+        ASSERT_EQ(readNumber(text), expected) << text;
+        ASSERT_EQ(readNumber('-' + text), -expected) << text;
+    }
+}
+
+#endif
 
 TEST(ANumberText, HasNoMoreDigitsThanNeeded) {
     std::mt19937 random(2);

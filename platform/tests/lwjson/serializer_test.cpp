@@ -144,6 +144,10 @@ TEST(ASerializer, PassesAllOtherBytesAsTheyAre) {
         }
     }
     EXPECT_EQ(memberWith(passing), "{\n  \"v\": \"" + passing + "\"\n}");
+    for (char const byte : passing) {
+        std::string const text(9, byte);
+        EXPECT_EQ(memberWith(text), "{\n  \"v\": \"" + text + "\"\n}");
+    }
 }
 
 TEST(ASerializer, EscapesKeysToo) {
