@@ -6,28 +6,29 @@
 #include <rapidjson/reader.h>
 
 #include <algorithm>
+#include <limits>
 #include <stdexcept>
 
 namespace zym::common::lwjson {
 
 namespace {
 
-// Few documents have more, and all others need one allocation for them.
-constexpr std::size_t USUAL_MEMBERS = 12;
-
-// In place, because the parser then asks for no memory: it writes what it has read of a string
-// back to the stream, where it comes to nothing.
+// In place, because the parser then asks for no memory: it gives what it has read of a string back
+// to the stream, where it comes to nothing.
 constexpr unsigned PARSING = rapidjson::kParseNumbersAsStringsFlag | rapidjson::kParseInsituFlag;
 
 // The parser is recursive: without a limit a stranger's text could exhaust the stack.
 constexpr unsigned DEEPEST = 64;
 
-bool namesKey(std::string_view rawKey, std::string_view key) {
-    if (rawKey.find('\\') == std::string_view::npos) {
-        return rawKey == key;
-    }
+// More than most lists have, and not much to waste on those that have fewer.
+constexpr std::size_t MOST_EXPECTED = 1024;
+
+// The parser counts in 32 bits, and so do we.
+constexpr auto LONGEST = std::numeric_limits<std::uint32_t>::max();
+
+bool isDecodedTo(std::string_view rawKey, std::string_view name) {
     try {
-        return decodeString(rawKey) == key;
+        return decodeString(rawKey) == name;
     } catch (std::invalid_argument const&) {
         return false; // half of a surrogate pair: nobody can ask for such a key
     }
@@ -40,19 +41,20 @@ bool namesKey(std::string_view rawKey, std::string_view key) {
 class Deserializer::Outline
     : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Deserializer::Outline> {
 public:
-    Outline(std::string_view text, OutlineStream const& stream, Deserializer& out)
-        : text_(text), stream_(stream), out_(out) {}
+    Outline(OutlineStream const& stream, Deserializer& out) : stream_(stream), out_(out) {}
 
     // Called for every scalar.
     bool Default() {
-        endValue();
+        if (depth_ == 1) {
+            addValue(stream_.part());
+        }
         return true;
     }
 
     bool Key(char const* /*shown*/, rapidjson::SizeType /*length*/, bool /*copy*/) {
         if (depth_ == 1) {
-            std::string_view const quoted = takePart();
-            key_ = quoted.substr(1, quoted.size() - 2);
+            key_ = {stream_.part() + 1, stream_.Tell() - 1};
+            out_.keysHaveEscapes_ |= stream_.sawEscapes();
         }
         return true;
     }
@@ -66,55 +68,54 @@ private:
     bool enter(Root kind) {
         if (depth_ == 0) {
             out_.root_ = kind;
-            partEnd_ = stream_.Tell();
-            if (kind == Root::OBJECT) {
-                out_.members_.reserve(USUAL_MEMBERS);
-            }
+        } else if (depth_ == 1) {
+            nested_ = stream_.part();
         }
         return ++depth_ <= DEEPEST;
     }
 
     bool leave() {
-        --depth_;
-        endValue();
+        if (--depth_ == 1) {
+            addValue(nested_);
+        }
         return true;
     }
 
-    void endValue() {
-        if (depth_ != 1) {
-            return;
-        }
-        if (out_.root_ == Root::OBJECT) {
-            out_.members_.push_back({key_, takePart()});
+    void addValue(std::uint32_t begin) {
+        Part const value{begin, stream_.Tell()};
+        if (out_.root_ == Root::ARRAY) {
+            addElement(out_.part(value));
+        } else if (!out_.members_.isFull()) {
+            out_.members_.add({key_, value});
         } else {
-            out_.elements_.push_back(takePart());
+            out_.moreMembers_.push_back({key_, value});
         }
     }
 
-    // The text from behind the last key or value up to here, without what separates the two.
-    std::string_view takePart() {
-        std::size_t const begin = text_.find_first_not_of(" \t\r\n,:", partEnd_);
-        partEnd_ = stream_.Tell();
-        return text_.substr(begin, partEnd_ - begin);
+    // The others are expected to be as long as the first.
+    void addElement(std::string_view text) {
+        if (out_.elements_.empty()) {
+            out_.elements_.reserve(std::min(MOST_EXPECTED, stream_.bytesLeft() / text.size() + 1));
+        }
+        out_.elements_.push_back(text);
     }
 
-    std::string_view text_;
     OutlineStream const& stream_;
     Deserializer& out_;
     unsigned depth_ = 0;
-    std::size_t partEnd_ = 0; ///< where the last key or value of the root ended
-    std::string_view key_;
+    std::uint32_t nested_ = 0; ///< where an object or array in the root begins
+    Part key_{};
 };
 
-Deserializer::Deserializer(std::string_view text) {
+Deserializer::Deserializer(std::string_view text) : text_(text) {
     OutlineStream stream(text);
-    Outline outline(text, stream, *this);
+    Outline outline(stream, *this);
     rapidjson::Reader reader;
-    bool const parsed = !reader.Parse<PARSING>(stream, outline).IsError();
+    bool const parsed =
+        std::uint64_t{text.size()} <= LONGEST && !reader.Parse<PARSING>(stream, outline).IsError();
     // The parser takes a zero byte for the end of the text.
     if (!parsed || stream.Tell() != text.size()) {
         root_ = Root::OTHER;
-        members_.clear();
         elements_.clear();
     }
 }
@@ -123,10 +124,18 @@ std::string_view Deserializer::getMember(char const* key) const {
     if (root_ != Root::OBJECT) {
         throw std::runtime_error("Cannot get member from a scalar or array");
     }
-    auto const found = std::find_if(members_.begin(), members_.end(), [key](Member const& member) {
-        return namesKey(member.key, key);
-    });
-    return found == members_.end() ? std::string_view() : found->value;
+    std::string_view const name(key);
+    auto const isNamed = [&](Member const& member) {
+        std::string_view const rawKey = part(member.key);
+        bool const isRaw = keysHaveEscapes_ && rawKey.find('\\') != std::string_view::npos;
+        return isRaw ? isDecodedTo(rawKey, name) : rawKey == name;
+    };
+    auto const* const usual = std::find_if(members_.begin(), members_.end(), isNamed);
+    if (usual != members_.end()) {
+        return part(usual->value);
+    }
+    auto const found = std::find_if(moreMembers_.begin(), moreMembers_.end(), isNamed);
+    return found == moreMembers_.end() ? std::string_view() : part(found->value);
 }
 
 std::vector<std::string_view> const& Deserializer::getElements() const {

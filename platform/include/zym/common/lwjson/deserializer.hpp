@@ -3,6 +3,9 @@
 #include <conv/unix_time.hpp>
 #include <zym/common/export.hpp>
 
+#include <algorithm>
+#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -24,8 +27,8 @@ namespace zym::common::lwjson {
 class ZYM_COMMON_EXPORT Deserializer {
 public:
     /// Reads a text. A malformed one raises nothing here: it simply has no object or array as
-    /// its root. Malformed is what breaks the grammar of JSON, has more bytes after its root, or
-    /// is nested more than 64 deep.
+    /// its root. Malformed is what breaks the grammar of JSON, has more bytes after its root, is
+    /// nested more than 64 deep, or is longer than 4 GiB.
     /// @param text must outlive the reader and all texts got from it
     explicit Deserializer(std::string_view text);
     explicit Deserializer(char const* text) : Deserializer(std::string_view(text)) {}
@@ -64,14 +67,49 @@ public:
 
 private:
     enum class Root : std::uint8_t { OTHER, OBJECT, ARRAY };
+    /// Where something stands in the text.
+    struct Part {
+        std::uint32_t begin;
+        std::uint32_t end;
+    };
     struct Member {
-        std::string_view key; ///< as it stands in the text, without the quotation marks
-        std::string_view value;
+        Part key; ///< without the quotation marks
+        Part value;
+    };
+    /// Room for the members of most documents: those that have more cost an allocation. Clearing it
+    /// would take longer than to read a small document.
+    class UsualMembers {
+    public:
+        // NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init, modernize-use-equals-default)
+        UsualMembers() noexcept {}
+        UsualMembers(UsualMembers const& other) noexcept : UsualMembers() { *this = other; }
+        UsualMembers& operator=(UsualMembers const& other) noexcept {
+            size_ = other.size_;
+            std::copy(other.begin(), other.end(), members_.begin());
+            return *this;
+        }
+        ~UsualMembers() = default;
+
+        bool isFull() const noexcept { return size_ == members_.size(); }
+        void add(Member const& member) noexcept { members_[size_++] = member; }
+        Member const* begin() const noexcept { return members_.data(); }
+        Member const* end() const noexcept { return begin() + size_; }
+
+    private:
+        std::uint8_t size_ = 0;
+        std::array<Member, 12> members_; ///< as far as there are
     };
     class Outline;
 
+    std::string_view part(Part const& part) const {
+        return text_.substr(part.begin, part.end - part.begin);
+    }
+
+    std::string_view text_;
     Root root_ = Root::OTHER;
-    std::vector<Member> members_;
+    bool keysHaveEscapes_ = false;
+    UsualMembers members_;
+    std::vector<Member> moreMembers_;
     std::vector<std::string_view> elements_;
 };
 
