@@ -19,6 +19,62 @@ constexpr bool RETAINED = true;
 
 constexpr std::size_t SHORTEST_ELEMENT = sizeof R"({"@id":""},)" - 1;
 
+void read(Deserializer const& in, Link& link) {
+    Deserializer::extractValue(in.getMember("@id"), link.id, "");
+}
+
+/// Reads a link that stands in a document. Most look as we write them: what a good object that
+/// begins like this has up to its one more quotation mark is the id.
+void readElement(std::string_view element, Link& link) {
+    constexpr std::string_view BEFORE = R"({"@id": )";
+    constexpr std::string_view BEHIND = "}";
+    std::size_t const begin = BEFORE.size() + 1;
+    if (element.substr(0, begin) == R"({"@id": ")"
+        && element.find('"', begin) == element.size() - 2)
+        Deserializer::extractValue(
+            element.substr(BEFORE.size(), element.size() - BEFORE.size() - BEHIND.size()), link.id,
+            "");
+    else
+        read(Deserializer(element), link);
+}
+
+/// Adds the array that the writer would make of links that are finished documents; but those would
+/// have to be laid out, put on one line and copied one by one.
+void addLinks(Serializer& out, std::vector<Link> const& links) {
+    std::string& json = out.mutableJson();
+    json.back() = '\n'; // the blank behind the key
+    json += "  [";
+    for (auto const& link : links) {
+        json += "\n    {\"@id\": ";
+        out.addValue(link.id);
+        json.back() = '}';
+        json += ',';
+    }
+    if (!links.empty())
+        json.pop_back();
+    json += "\n  ],";
+}
+
+Link& emptyLinkAt(std::vector<Link>& links, std::size_t i) {
+    if (i == links.size())
+        return links.emplace_back();
+    links[i].id.clear(); // keeps its memory
+    return links[i];
+}
+
+/// Reads links in the place of those that are there, up to the first that is none.
+void readElements(Deserializer const& in, std::vector<Link>& links) {
+    std::size_t count = 0;
+    try {
+        for (auto const element : in.getElements())
+            readElement(element, emptyLinkAt(links, count++));
+    } catch (...) {
+        links.resize(count);
+        throw;
+    }
+    links.resize(count);
+}
+
 } // namespace
 
 template <>
@@ -36,12 +92,8 @@ void MqttData<Link>::serialize(Topic const& /*topic*/, std::string& payload, Lin
 template <>
 void MqttData<Link>::deserialize(Topic const& /*topic*/, std::string const& payload, bool empty,
                                  Link& value) {
-    if (empty)
-        return;
-    Deserializer const in(payload);
-    std::string id;
-    Deserializer::extractValue(in.getMember("@id"), id, "");
-    value.id = std::move(id);
+    if (!empty)
+        read(Deserializer(payload), value);
 }
 
 template <>
@@ -75,39 +127,25 @@ MqttDataCollection<Link>::~MqttDataCollection() {
     release();
 }
 
-void MqttDataCollection<Link>::serialize(Topic const& topic, std::string& payload,
+void MqttDataCollection<Link>::serialize(Topic const& /*topic*/, std::string& payload,
                                          std::vector<Link> const& value) {
     Serializer out(payload);
-    std::vector<Serializer> members;
-    members.reserve(value.size());
-    std::string text;
-    for (auto const& link : value) {
-        MqttData<Link>::serialize(topic, text, link);
-        members.emplace_back(std::as_const(text));
-    }
     appendNumber(out, "members@count", static_cast<unsigned int>(value.size()));
     out.appendKey("members");
-    out.addValue(members);
+    addLinks(out, value);
     out.finalize();
 }
 
-void MqttDataCollection<Link>::deserialize(Topic const& topic, std::string const& payload,
+void MqttDataCollection<Link>::deserialize(Topic const& /*topic*/, std::string const& payload,
                                            bool empty, std::vector<Link>& value) {
     if (empty)
         return;
     Deserializer const in(payload);
     unsigned int count = 0;
     Deserializer::extractValue(in.getMember("members@count"), count, "");
-    value.clear();
     // A stranger's number: make room for no more than this text can hold.
     value.reserve(std::min<std::size_t>(count, payload.size() / SHORTEST_ELEMENT));
-    Deserializer const members(in.getMember("members"));
-    std::string text;
-    for (auto const element : members.getElements()) {
-        auto& link = value.emplace_back();
-        text = element;
-        MqttData<Link>::deserialize(topic, text, false, link);
-    }
+    readElements(Deserializer(in.getMember("members")), value);
 }
 
 std::ostream& operator<<(std::ostream& out, std::vector<Link> const& links) {

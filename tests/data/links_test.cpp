@@ -1,11 +1,14 @@
 #include <mqtt/link.hpp>
 
+#include <zym/common/lwjson.hpp>
+
 #include <gmock/gmock.h>
 
 #include <sstream>
 #include <stdexcept>
 #include <string>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -107,6 +110,24 @@ TEST(ACollectionOfLinks, IsWrittenInTheSameWayByTheVectorEndpoint) {
     EXPECT_THAT(ids(result), ElementsAre("a/b", "c"));
 }
 
+TEST(ACollectionOfLinks, IsWrittenAsTheWriterAddsFinishedDocuments) {
+    Links const links{{"a/b"}, {""}, {"\"\\\b\n\x01 }],"}, {"\xc3\xa4"}, {std::string(600, 'x')}};
+    std::vector<zym::common::lwjson::Serializer> documents;
+    for (auto const& link : links) {
+        std::string text;
+        MqttData<Link>::serialize("a", text, link);
+        documents.emplace_back(std::as_const(text));
+    }
+    std::string expected;
+    zym::common::lwjson::Serializer out(expected);
+    out.appendKey("members@count");
+    out.appendValue("5");
+    out.appendKey("members");
+    out.addValue(documents);
+    out.finalize();
+    EXPECT_EQ(written(links), expected);
+}
+
 TEST(ACollectionOfLinks, ReadsWhatItWrote) {
     Links links;
     for (int i = 0; i < 300; ++i)
@@ -125,6 +146,26 @@ TEST(ACollectionOfLinks, HasAsManyLinksAsThereAreWhateverTheCountSays) {
         read(links, std::string(R"({"members@count": )") + count
                         + R"(, "members": [{"@id": "a"}, {"@id": "b"}]})");
         EXPECT_THAT(ids(links), ElementsAre("a", "b")) << count;
+    }
+}
+
+TEST(ACollectionOfLinks, IsReadFromLinksOfAnyLayout) {
+    Links links(20, Link{"old"});
+    read(links, R"({"members@count": 0, "members": [{"@id": "a"},{"@id":"b"},{"@id": "c" },
+        { "@id": "d"}, {"@id": "e", "@id": "x"}, {"@id": "f","x": 1}, {"@id": "g\""},
+        {"@id": "h\\"}, {"@id": ""}, {"\u0040id": "j"}, {"x": "}", "@id": "k"}]})");
+    EXPECT_THAT(ids(links), ElementsAre("a", "b", "c", "d", "e", "f", "g\"", "h\\", "", "j", "k"));
+}
+
+TEST(ACollectionOfLinks, EndsWithAnEmptyLinkInThePlaceOfWhatIsNone) {
+    for (char const* const odd : {"1", "{}", R"({"@id": 1})", R"({"@id": 1, "x": "y"})",
+                                  R"({"@id": "\ud800"})", R"({"@ix": "a"})", R"("{\"@id\": \"")"}) {
+        Links links(5, Link{"old"});
+        std::string const payload =
+            std::string(R"({"members@count": 3, "members": [{"@id": "a"}, )") + odd
+            + R"(, {"@id": "b"}]})";
+        EXPECT_ANY_THROW(read(links, payload)) << odd;
+        EXPECT_THAT(ids(links), ElementsAre("a", "")) << odd;
     }
 }
 
