@@ -4,8 +4,10 @@
 
 #include "common/json_number.hpp"
 
+#include <cstdint>
 #include <stdexcept>
 #include <typeinfo>
+#include <utility>
 
 namespace mqtt {
 
@@ -89,14 +91,16 @@ void MqttData<Request>::deserialize(Topic const& topic, std::string const& paylo
     if (levels < 2 || topic[levels - 2].size() < SUFFIX_LENGTH)
         throw std::out_of_range("No request has such a topic");
     Deserializer in(payload);
-    Request request(value);
-    request.clientUuid = Uuid(topic[levels - 1]);
-    request.name = topic[levels - 2];
-    request.name.resize(request.name.size() - SUFFIX_LENGTH);
-    Deserializer::extractValue(in.getMember("$reqId"), request.requestId, "");
-    if (hasMembers(request))
-        request.data->deserialize(in);
-    value = request;
+    Uuid const clientUuid(topic[levels - 1]);
+    std::string name = topic[levels - 2];
+    name.resize(name.size() - SUFFIX_LENGTH);
+    std::uint32_t requestId = 0;
+    Deserializer::extractValue(in.getMember("$reqId"), requestId, "");
+    if (hasMembers(value))
+        value.data->deserialize(in);
+    value.clientUuid = clientUuid;
+    value.name = std::move(name);
+    value.requestId = requestId;
 }
 
 template <>
@@ -127,19 +131,19 @@ void MqttData<Reply>::deserialize(Topic const& /*topic*/, std::string const& pay
     if (empty)
         return;
     Deserializer in(payload);
-    Reply reply(value);
-    Deserializer::extractValue(in.getMember("$reqId"), reply.requestId, "");
+    std::uint32_t requestId = 0;
+    Deserializer::extractValue(in.getMember("$reqId"), requestId, "");
     unsigned char error = 0;
     Deserializer::extractValue(in.getMember("$err"), error, "");
-    reply.error = static_cast<RequestReply::ErrorCode>(error);
-    if (hasMembers(reply)) {
+    if (hasMembers(value)) {
         try {
-            reply.data->deserialize(in);
+            value.data->deserialize(in);
         } catch (std::exception const&) {
             // A time-out reply has no payload: its code has to get through all the same.
         }
     }
-    value = reply;
+    value.requestId = requestId;
+    value.error = static_cast<RequestReply::ErrorCode>(error);
 }
 
 template class MqttData<Request>;
