@@ -69,6 +69,8 @@ public:
         compareReading(name, reading([&] { Data::deserialize(topic, text, false, value); }),
                        reading([&] { bench::rapid::read(text, value); }),
                        reading([&] { bench::rapid::sax::read(text, value); }));
+        compareBareReading(name, reading([&] { bench::rapid::sax::read(text, value); }),
+                           reading([&] { bench::rapid::sax::skip(text); }));
     }
 
 private:
@@ -95,6 +97,19 @@ private:
         }
         tell(name, compared("read", "SAX", reader, us));
         tell(name, compared("read", "DOM", document, us));
+    }
+
+    /// How much of reading is the reader's own, whatever becomes of the values: by RapidJSON alone,
+    /// so it is no figure of ours and not among the results.
+    template <class Sax, class Bare>
+    void compareBareReading(char const* name, Sax const& sax, Bare const& bare) {
+        Times whole;
+        Times alone;
+        for (unsigned i = 0; i < repetitions_; ++i) {
+            whole.push_back(bench::processorTimeOf(sax, seconds_));
+            alone.push_back(bench::processorTimeOf(bare, seconds_));
+        }
+        bench::printRow(name, compared("RapidJSON, values dropped", "SAX", whole, alone));
     }
 
     void tell(char const* name, bench::Comparison const& row) {

@@ -21,4 +21,8 @@ void read(std::string const& text, std::vector<mqtt::Link>& value);
 void read(std::string const& text, mqtt::RequestReply::Request& value);
 void read(std::string const& text, mqtt::RequestReply::Reply& value);
 
+/// Reads a document and makes nothing of it: what the reader alone takes.
+/// @throws std::runtime_error when it is none
+void skip(std::string const& text);
+
 } // namespace bench::rapid::sax
