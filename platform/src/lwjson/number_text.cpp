@@ -1,5 +1,7 @@
 #include "number_text.hpp"
 
+#include "number_way.hpp"
+
 #include <algorithm>
 #include <array>
 #include <cfloat>
@@ -8,16 +10,6 @@
 #include <cstdint>
 #include <limits>
 #include <optional>
-#include <stdexcept>
-
-// Floating-point <charconv> came with GCC 11. The macro lets a test build choose the other way.
-#if defined(__cpp_lib_to_chars) && !defined(ZYM_COMMON_NO_FLOATING_CHARCONV)
-#define ZYM_COMMON_FLOATING_CHARCONV
-#else
-#include <locale>
-#include <sstream>
-#include <string>
-#endif
 
 namespace zym::common::lwjson {
 
@@ -57,10 +49,6 @@ bool dropExponent(std::string_view& text) {
         dropIf(text, '-');
     }
     return dropDigits(text);
-}
-
-[[noreturn]] void failRange() {
-    throw std::out_of_range("Number out of the range of a double");
 }
 
 // Texts of so few digits are as good as exact: no two of them are read as the same double, and a
@@ -136,71 +124,6 @@ bool isNumber(std::string_view text) noexcept {
     dropIf(text, '-');
     return dropInteger(text) && dropFraction(text) && dropExponent(text) && text.empty();
 }
-
-#ifdef ZYM_COMMON_FLOATING_CHARCONV
-
-namespace {
-
-char* writeAny(char* to, double number) {
-    return std::to_chars(to, to + LONGEST_NUMBER, number).ptr;
-}
-
-double readAny(std::string_view text) {
-    double number = 0;
-    auto const result = std::from_chars(text.data(), text.data() + text.size(), number);
-    if (result.ec != std::errc()) {
-        failRange();
-    }
-    return number;
-}
-
-} // namespace
-
-#else
-
-namespace {
-
-// Gives infinity for what is too large.
-double readNearest(std::string const& text) {
-    std::istringstream stream(text);
-    stream.imbue(std::locale::classic());
-    double number = 0;
-    return stream >> number ? number : std::numeric_limits<double>::infinity();
-}
-
-bool isZero(std::string_view text) {
-    std::size_t const digit = text.find_first_of("123456789eE");
-    return digit == std::string_view::npos || text[digit] == 'e' || text[digit] == 'E';
-}
-
-std::string textWith(int digits, double number) {
-    std::ostringstream stream;
-    stream.imbue(std::locale::classic());
-    stream.precision(digits);
-    stream << number;
-    return stream.str();
-}
-
-char* writeAny(char* to, double number) {
-    int digits = 1;
-    std::string text = textWith(digits, number);
-    while (digits < std::numeric_limits<double>::max_digits10 && readNearest(text) != number) {
-        text = textWith(++digits, number);
-    }
-    return std::copy(text.begin(), text.end(), to);
-}
-
-double readAny(std::string_view text) {
-    double const number = readNearest(std::string(text));
-    if (std::isinf(number) || (number == 0 && !isZero(text))) {
-        failRange();
-    }
-    return number;
-}
-
-} // namespace
-
-#endif
 
 char* writeNumber(char* to, double number) {
     char* const behind = writePlain(to, number);
