@@ -102,8 +102,11 @@ void MqttClient::resume() {
 
 void MqttClient::registerListener(Listener* listener) {
     std::lock_guard const lock(stateMutex_);
-    if (std::find(listeners_.begin(), listeners_.end(), listener) == listeners_.end())
-        listeners_.push_back(listener);
+    if (std::find(listeners_.begin(), listeners_.end(), listener) != listeners_.end())
+        return;
+    // Now, or a change of the state could run out of memory.
+    engine_->told.reserve(listeners_.size() + 1);
+    listeners_.push_back(listener);
 }
 
 void MqttClient::unregisterListener(Listener* listener) {
@@ -154,10 +157,12 @@ void MqttClient::setComState(ComState state) {
     comState_ = state;
     engine_->notifier = std::this_thread::get_id();
     // A copy: a listener may register and unregister, itself too.
-    auto const listeners = listeners_;
-    for (auto* const listener : listeners) {
+    auto& told = engine_->told;
+    told = listeners_;
+    // NOLINTNEXTLINE(modernize-loop-convert): to register may move the copy
+    for (std::size_t i = 0; i < told.size(); ++i) {
         try {
-            listener->onComStateChanged(state);
+            told[i]->onComStateChanged(state);
         } catch (...) {
             // It would leave through the broker library, which never gets over that.
         }

@@ -11,6 +11,7 @@
 #include <condition_variable>
 #include <mutex>
 #include <thread>
+#include <vector>
 
 namespace mqtt {
 
@@ -73,6 +74,8 @@ struct MqttClient::Engine {
     WorkerLife life;
     SocketTuning tuning;     ///< used by whoever has the turn
     SubscriptionIndex index; ///< of the registry's entries; main lock
+
+    std::vector<Listener*> told; ///< room for all listeners while they are called; state lock
 
     Topic received; ///< worker: of the message under way; kept between messages for its memory
 

@@ -128,22 +128,14 @@ void MqttClient::on_disconnect(int rc) {
         engine_->gate.online = false;
     }
     engine_->acknowledged = false;
-    try {
-        setComState(rc == 0 ? conv::ComState::DISCONNECTED : conv::ComState::CONNECTION_LOST);
-    } catch (...) {
-        // Out of memory for the listeners: the state is set.
-    }
+    setComState(rc == 0 ? conv::ComState::DISCONNECTED : conv::ComState::CONNECTION_LOST);
 }
 
 void MqttClient::completeConnection() {
     std::lock_guard const lock(mainMutex_);
     engine_->acknowledged = false;
-    try {
-        if (resubscribe() && drainQueue())
-            setComState(conv::ComState::CONNECTED);
-    } catch (...) {
-        // Out of memory for the listeners: the state is set.
-    }
+    if (resubscribe() && drainQueue())
+        setComState(conv::ComState::CONNECTED);
 }
 
 bool MqttClient::resubscribe() {

@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <new>
 #include <string>
 
@@ -90,6 +91,32 @@ TEST_F(ASubscriptionWithoutMemory, IsNotMadeAtAll) {
         EXPECT_EQ(client_->unsubscribe(topic, &subscriber_), Error::SUCCESS);
         EXPECT_EQ(received(name), 0U);
     }
+}
+
+/// Counts without asking for memory.
+struct StateCounter : MqttClient::Listener {
+    virtual ~StateCounter() = default;
+    void onComStateChanged(conv::ComState state) override {
+        if (state == conv::ComState::CONNECTION_LOST)
+            ++losses;
+    }
+    std::atomic<int> losses{0};
+};
+
+TEST_F(AClientOnAScript, TellsItsListenersOfALostConnectionWithoutMemory) {
+    StateCounter first;
+    StateCounter second;
+    connect();
+    client_->registerListener(&first);
+    client_->registerListener(&second);
+    script_->runInLoop([](mosqpp::mosquittopp& object) {
+        FailingAllocation const failing(1);
+        object.on_disconnect(7);
+    });
+    EXPECT_EQ(first.losses, 1);
+    EXPECT_EQ(second.losses, 1);
+    client_->unregisterListener(&second);
+    client_->unregisterListener(&first);
 }
 
 } // namespace
