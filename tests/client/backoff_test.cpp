@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <climits>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -41,6 +42,22 @@ TEST(TheCountOfAttempts, StopsGrowingBeforeItOverflows) {
         last = mqtt::nextReconnectAttempt();
     EXPECT_EQ(last, 1'000'000);
     EXPECT_EQ(mqtt::nextReconnectAttempt(), last);
+    mqtt::resetReconnectAttempts();
+}
+
+TEST(TheCountOfAttempts, CountsThoseOfAllClients) {
+    mqtt::resetReconnectAttempts();
+    constexpr int THREADS = 4;
+    constexpr int EACH = 50'000;
+    std::vector<std::thread> clients;
+    for (int i = 0; i < THREADS; ++i)
+        clients.emplace_back([] {
+            for (int attempt = 0; attempt < EACH; ++attempt)
+                mqtt::nextReconnectAttempt();
+        });
+    for (auto& client : clients)
+        client.join();
+    EXPECT_EQ(mqtt::nextReconnectAttempt(), THREADS * EACH + 1);
     mqtt::resetReconnectAttempts();
 }
 

@@ -4,7 +4,9 @@
 #include "support/broker.hpp"
 #include "support/raw_peer.hpp"
 #include "support/recorder.hpp"
+#include "support/scripted_server.hpp"
 #include "support/test_client.hpp"
+#include "support/watched.hpp"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -36,6 +38,29 @@ TEST(Disconnect, MovesTheClientToDisconnected) {
     EXPECT_EQ(client->communicationState(), ComState::DISCONNECTED);
     EXPECT_THAT(states.history(), ElementsAre(ComState::DISCONNECTED));
     EXPECT_EQ(client->disconnect(PATIENCE), Error::NO_CONN) << "a second time";
+}
+
+TEST(Disconnect, ComesBehindWhatABrokerThatDoesNotReadHasNotTakenYet) {
+    support::ScriptedServer server;
+    support::Watched<bool> reading(true);
+    server.setHook([&](auto const& packet) {
+        if (packet.type == support::PacketType::PUBLISH)
+            reading.waitFor([](bool on) { return on; });
+        return support::ScriptedServer::Reaction::ANSWER;
+    });
+    auto const client = support::testClient(server.host(), server.port());
+    reading.change([](bool& on) { on = false; });
+    // More than the kernel takes.
+    constexpr std::size_t MANY = 64;
+    std::string const payload(262'144, 'x');
+    for (std::size_t i = 0; i < MANY; ++i)
+        ASSERT_EQ(client->publish("a", payload, 0, false), Error::SUCCESS);
+    EXPECT_EQ(client->disconnect(2), Error::TIMEOUT);
+    reading.change([](bool& on) { on = true; });
+    EXPECT_TRUE(server.waitForPackets(support::PacketType::DISCONNECT, 1));
+    EXPECT_EQ(server.count(support::PacketType::PUBLISH), MANY);
+    EXPECT_TRUE(support::eventually(
+        [&] { return client->communicationState() == ComState::DISCONNECTED; }));
 }
 
 TEST(Disconnect, EndsAllReconnecting) {

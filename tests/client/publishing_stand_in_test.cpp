@@ -233,6 +233,14 @@ TEST_F(AClientOnAScript, ClearsWithAnEmptyRetainedQos2Publication) {
     EXPECT_TRUE(calls[0].retain);
 }
 
+TEST_F(AClientOnAScript, TakesAClearForDoneThatTheLibraryKeepsWithoutAConnection) {
+    connect();
+    script_->answer(Operation::PUBLISH, {4});
+    EXPECT_EQ(client_->clear("a"), Error::SUCCESS);
+    reconnect();
+    EXPECT_EQ(script_->count(Operation::PUBLISH), 1U) << "it would be carried out twice";
+}
+
 TEST_F(AClientOnAScript, PassesEveryFailureToClearOnAndQueuesNothing) {
     connect();
     for (int const code : {1, 3, 7, 9, 14}) {

@@ -7,16 +7,22 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cerrno>
+#include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <fcntl.h>
 #include <future>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
+#include <string>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <thread>
 #include <unistd.h>
+#include <vector>
 
 namespace {
 
@@ -172,6 +178,45 @@ TEST(ATcpConnect, ThatWaitsForAnAnswerIsBroken) {
         return connecting.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
     }));
     EXPECT_NE(connecting.get(), 0);
+}
+
+/// Two ends of a connection that is not TCP.
+class AUnixSocket : public testing::Test {
+protected:
+    AUnixSocket() {
+        std::array<int, 2> both{};
+        EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, both.data()), 0);
+        near.reset(both[0]);
+        far.reset(both[1]);
+    }
+
+    FileDescriptor near;
+    FileDescriptor far;
+};
+
+TEST_F(AUnixSocket, IsNotBrokenAsAConnectWouldBe) {
+    mqtt::abortConnect(near.get());
+    EXPECT_EQ(::send(near.get(), "x", 1, MSG_NOSIGNAL), 1);
+}
+
+TEST_F(AUnixSocket, IsWaitedForUntilItTakesOutput) {
+    std::string const block(65536, 'x');
+    std::size_t written = 0;
+    for (ssize_t count = 0; count >= 0; written += static_cast<std::size_t>(count))
+        if ((count = ::send(near.get(), block.data(), block.size(), MSG_DONTWAIT)) < 0)
+            break;
+    auto const before = std::chrono::steady_clock::now();
+    mqtt::waitForOutput(near.get()); // in vain, but not for ever
+    EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(50));
+    EXPECT_EQ(::send(near.get(), "x", 1, MSG_DONTWAIT), -1);
+    std::thread reader([&] {
+        std::vector<char> buffer(written);
+        EXPECT_EQ(::recv(far.get(), buffer.data(), written, MSG_WAITALL),
+                  static_cast<ssize_t>(written));
+    });
+    while (::send(near.get(), "x", 1, MSG_DONTWAIT) < 0)
+        mqtt::waitForOutput(near.get());
+    reader.join();
 }
 
 TEST(NoSocket, IsLeftAlone) {

@@ -58,6 +58,13 @@ TEST_F(AWill, IsPublishedWhenTheClientVanishes) {
     EXPECT_EQ(support::retained(broker, "will"), (Message{"will", payload, 2, true}));
 }
 
+TEST_F(AWill, IsRefusedWhenItsPayloadIsTooLarge) {
+    EXPECT_EQ(client->setWill("will", std::string(268'435'456, 'x'), 2, true), Error::PAYLOAD_SIZE);
+    ASSERT_EQ(client->connect("", -1, PATIENCE), Error::SUCCESS);
+    client.reset();
+    EXPECT_THAT(published(), ElementsAre("end"));
+}
+
 TEST_F(AWill, IsNotPublishedAfterADisconnect) {
     ASSERT_EQ(client->setWill("will", "gone", 2, false), Error::SUCCESS);
     ASSERT_EQ(client->connect("", -1, PATIENCE), Error::SUCCESS);
