@@ -78,6 +78,9 @@ TEST(AUuidFromText, IsRefusedForEveryOtherText) {
         "ABEiM0RVZneImaq7zN3u/w",
         "ABEiM0RVZneImaq7zN3u+w",
         "ABEiM0RVZneImaq7zN3u w",
+        "ABEiM0RVZneImaq7zN3u{w",
+        "ABEiM0RVZneImaq7zN3u~w",
+        "ABEiM0RVZneImaq7zN3u@w",
         std::string("ABEiM0RVZneImaq7zN3u\0w", 22),
         "ABEiM0RVZneImaq7zN3\xc3\xa9w",
     };

@@ -35,6 +35,9 @@ private:
     NumberData number_{8};
 };
 
+/// Another name for no payload.
+class SilentNoData : public mqtt::RequestReplyNoData {};
+
 TEST(TheSuffixes, AreTwoCharactersLong) {
     EXPECT_STREQ(mqtt::REQUEST_SUFFIX, "?\?");
     EXPECT_STREQ(mqtt::REPLY_SUFFIX, "?=");
@@ -135,6 +138,14 @@ TEST(APayloadDerivedFromNoData, IsRead) {
     Reply reply(request);
     read(reply, R"({"$reqId": 1, "$err": 1, "number": 6})");
     EXPECT_EQ(data->number(), 6U);
+}
+
+TEST(APayloadDerivedFromNoData, MayLeaveItAtThat) {
+    Request request;
+    request.data = std::make_shared<SilentNoData>();
+    EXPECT_EQ(written(request), "{\n  \"$reqId\": 0\n}");
+    read(request, R"({"$reqId": 1, "number": 5})");
+    EXPECT_EQ(request.requestId, 1U);
 }
 
 TEST(AReadRequest, TakesClientAndNameFromItsTopic) {

@@ -23,14 +23,24 @@ public:
     explicit DerivedClock(Read read) : read_(std::move(read)) {}
 
     double seconds() const {
-        ++readers_;
-        double const now = read_();
-        --readers_;
-        return now;
+        Reading const reading(readers_);
+        return read_();
     }
     void expectNoReader() const { EXPECT_EQ(readers_, 0) << "in a class that is being destroyed"; }
 
 private:
+    /// Also when the clock throws.
+    class Reading {
+    public:
+        explicit Reading(std::atomic<int>& readers) : readers_(readers) { ++readers_; }
+        ~Reading() { --readers_; }
+        Reading(Reading const&) = delete;
+        Reading& operator=(Reading const&) = delete;
+
+    private:
+        std::atomic<int>& readers_;
+    };
+
     Read read_;
     mutable std::atomic<int> readers_{0};
 };

@@ -55,6 +55,18 @@ TEST_F(ANewTimeBaseProxy, GivesEveryExchangeFiveSeconds) {
     EXPECT_TRUE(record(REQUEST_TIMEOUT).armed);
 }
 
+TEST_F(ANewTimeBaseProxy, IsNotStartedByAStartThatFailsForWantOfAClock) {
+    auto const noClock = []() -> double { throw std::runtime_error("no clock"); };
+    bool broken = true;
+    ClockedProxy failing(*mqtt, "svc", id, &listener,
+                         [&] { return broken ? noClock() : now.load(); });
+    EXPECT_THROW(failing.startSync(server), std::runtime_error);
+    EXPECT_EQ(requestCount(), 0U);
+    broken = false;
+    EXPECT_TRUE(failing.startSync(server)) << "it would not be, if it were active already";
+    request(1);
+}
+
 TEST_F(ANewTimeBaseProxy, MayHaveNoListener) {
     proxy->registerListener(nullptr);
     ASSERT_TRUE(proxy->startSync(server));
@@ -251,6 +263,18 @@ TEST_F(ATimeBaseProxyThatKnowsTheTime, IsStartedAnewDuringAPeriodicExchange) {
     answerAll(12, SAMPLES, 6.0);
     ASSERT_TRUE(listener.isTold(2));
     EXPECT_DOUBLE_EQ(proxy->offset(), 6.0);
+}
+
+TEST_F(ATimeBaseProxyThatKnowsTheTime, LeavesAForcedExchangeToThePeriodicOneUnderWay) {
+    std::thread expiry([] { hand_driven_timer::expire(SAMPLING); });
+    request(11);
+    proxy->forceSync();
+    EXPECT_EQ(proxy->offset(), 0.0);
+    EXPECT_EQ(requestCount(), 11U);
+    answer(11, 70.0);
+    expiry.join();
+    EXPECT_GT(proxy->offset(), 0.0);
+    EXPECT_TRUE(proxy->isSynchronized());
 }
 
 TEST_F(ATimeBaseProxyThatKnowsTheTime, TerminatesAndKeepsIt) {

@@ -53,6 +53,12 @@ TEST(AReader, GivesTheRawTextsOfMembers) {
     EXPECT_EQ(in.getMember("h"), "-1.50e+03");
 }
 
+TEST(AReader, TakesExponentsThatBeginWithAZero) {
+    for (std::string const number : {"1e05", "1E05", "1e+05", "1E-05", "0.1E00"}) {
+        EXPECT_EQ(memberOf("{\"a\": " + number + "}", "a"), number);
+    }
+}
+
 TEST(AReader, GivesPartsOfTheTextItWasMadeOn) {
     std::string const json = R"({"a": "long enough for an allocation of its own"})";
     std::string_view const member = Deserializer(json).getMember("a");

@@ -150,6 +150,7 @@ TEST(ANumberText, IsOutOfRangeWhenTooCloseToZeroForADouble) {
     EXPECT_THROW(readNumber("1e-999"), std::out_of_range);
     EXPECT_THROW(readNumber("-0." + std::string(400, '0') + "1"), std::out_of_range);
     EXPECT_EQ(readNumber("0e-999"), 0.0);
+    EXPECT_EQ(readNumber("0.00E-999"), 0.0);
     EXPECT_EQ(readNumber("0.0"), 0.0);
     EXPECT_EQ(readNumber("5e-324"), std::numeric_limits<double>::denorm_min());
 }
