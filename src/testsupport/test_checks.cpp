@@ -58,10 +58,7 @@ private:
     }
 
     static void print(std::exception const& error) {
-        char const* type = typeid(error).name();
-        if (*type == '*')
-            ++type;
-        std::cout << PREFIX << "\tException thrown:   " << type << std::endl;
+        std::cout << PREFIX << "\tException thrown:   " << typeid(error).name() << std::endl;
         std::cout << PREFIX << "\twith message:       \"" << error.what() << '"' << std::endl;
     }
 
