@@ -27,7 +27,7 @@ constexpr int MOST_LOOKS = 200;
 /// After each silence: what a stream shows is mostly nothing, and looking is not for free.
 constexpr int SECOND_LOOKS = 20;
 /// On a busy machine a peer may seem to wait that was only kept from running.
-constexpr int SECOND_THOUGHTS = 5000;
+constexpr int SECOND_THOUGHTS = 20000;
 
 /// No segment that is smaller than this is a full one: it is the least that IPv4 allows for.
 constexpr std::uint32_t SMALL = 536;
@@ -72,8 +72,10 @@ bool PeerWatch::observe(int fd) {
         verdict_ = Verdict::QUIET;
     bool const nothing = since.segmentsReceived == 0 && since.segmentsSent == 0;
     // A step also ends for a packet of ours, which the kernel may hold back.
-    if (keepsBack_ && nothing && time - looked_ < A_MOMENT)
+    if (keepsBack_ && nothing && time - looked_ < A_MOMENT) {
+        owes_ = false;
         return false;
+    }
     judge(since, time - looked_);
     bool const silence = keepsBack_ && nothing;
     acknowledged_ = silence;

@@ -45,7 +45,7 @@ Error MqttClient::send(int* mid, Topic const& topic, std::string const& payload,
     std::lock_guard const lock(engine_->gate.mutex);
     auto result = Error::NO_CONN;
     if (engine_->gate.online) {
-        engine_->tuning.issued();
+        engine_->tuning.issued(qos != 0);
         result = static_cast<Error>(mosqpp::mosquittopp::publish(mid, topic.text().c_str(),
                                                                  static_cast<int>(payload.size()),
                                                                  payload.data(), qos, retain));

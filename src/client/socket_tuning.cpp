@@ -37,7 +37,11 @@ void SocketTuning::connected(int fd) {
 
 void SocketTuning::received(std::size_t bytes) {
     peer_.received(bytes);
-    pacing_.answered();
+    if (pacing_.answered()) {
+        // We have our say, too: this is a conversation, however fast.
+        messages_ = 0;
+        flooded_ = false;
+    }
     if (++messages_ % MANY != 0 && !flooded_)
         return;
     auto const now = Clock::now();
@@ -78,8 +82,12 @@ bool SocketTuning::floodHasPaused() {
 }
 
 std::chrono::milliseconds SocketTuning::patience() const {
-    bool const streams = flooded_ || pacing_.holdsBack();
-    return streams ? std::min(SendPacing::PAUSE, peer_.patience()) : peer_.patience();
+    auto patience = peer_.patience();
+    if (pacing_.holdsBack())
+        patience = std::min(patience, pacing_.patience());
+    if (flooded_)
+        patience = std::min(patience, SendPacing::PAUSE);
+    return patience;
 }
 
 void abortConnect(int fd) {

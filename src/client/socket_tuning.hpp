@@ -21,7 +21,8 @@ public:
     void connected(int fd);
 
     /// A packet of ours has been handed to the broker library. In any thread.
-    void issued() { pacing_.issued(); }
+    /// @param answered the broker will answer it
+    void issued(bool answered = true) { pacing_.issued(answered); }
 
     /// Somebody who waited for the broker has heard of it. In any thread.
     void answered() { pacing_.answered(); }

@@ -151,7 +151,7 @@ bool MqttClient::drainQueue() {
     std::lock_guard const lock(engine_->gate.mutex);
     while (!queue_.empty()) {
         auto const& first = queue_.front();
-        engine_->tuning.issued();
+        engine_->tuning.issued(first.qos != 0);
         int const result = mosqpp::mosquittopp::publish(
             nullptr, first.topic.text().c_str(), static_cast<int>(first.payload.size()),
             first.payload.data(), first.qos, first.retain);

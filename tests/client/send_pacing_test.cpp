@@ -40,9 +40,9 @@ protected:
 
     void step() { pacing.stepped(pair.near.get()); }
 
-    void streams() {
+    void streams(bool answered = true) {
         for (int i = 0; i < 100; ++i)
-            pacing.issued();
+            pacing.issued(answered);
         step();
     }
 
@@ -63,8 +63,8 @@ TEST_F(APublisher, SendsAtOnceToBeginWith) {
 
 TEST_F(APublisher, SendsAtOnceAsLongAsTheBrokerHasItsSay) {
     for (int i = 0; i < 100; ++i) {
-        pacing.issued();
-        pacing.issued();
+        pacing.issued(true);
+        pacing.issued(true);
         step();
         pacing.answered();
     }
@@ -88,13 +88,20 @@ TEST_F(APublisher, ReleasesTheEndOfAStreamAfterAPause) {
     EXPECT_FALSE(sendsAtOnce()) << "the next batch of the stream is gathered from its beginning";
 }
 
+TEST_F(APublisher, WaitsShorterForTheEndOfAStreamThatTheBrokerDoesNotAnswer) {
+    streams();
+    auto const answered = pacing.patience();
+    streams(false);
+    EXPECT_LT(pacing.patience(), answered);
+}
+
 TEST_F(APublisher, HoldsBackAgainWhatFollowsAPause) {
     streams();
     ASSERT_TRUE(support::eventually([this] {
         step();
         return !pacing.holdsBack();
     }));
-    pacing.issued();
+    pacing.issued(true);
     step();
     EXPECT_TRUE(pacing.holdsBack());
 }

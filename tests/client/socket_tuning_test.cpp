@@ -134,6 +134,20 @@ TEST_F(ATcpConnection, AcknowledgesAStreamOnlyWhenItPauses) {
     EXPECT_EQ(tuning.patience(), std::chrono::milliseconds(1000));
 }
 
+TEST_F(ATcpConnection, AcknowledgesAFastConversationAtOnce) {
+    tuning.connected(near.get());
+    ASSERT_TRUE(support::eventually([this] { return acknowledgesWhatIsRead(); }));
+    int const off = 0;
+    ::setsockopt(near.get(), IPPROTO_TCP, TCP_QUICKACK, &off, sizeof off);
+    for (int i = 0; i < 100; ++i) {
+        tuning.issued();
+        for (int k = 0; k < 4; ++k)
+            tuning.received(1);
+    }
+    tuning.stepped(near.get(), false);
+    EXPECT_EQ(tcpOption(near.get(), TCP_QUICKACK), 1);
+}
+
 TEST_F(ATcpConnection, AcknowledgesNoMoreThanItsOwnStreamDoes) {
     tuning.connected(near.get());
     ASSERT_TRUE(support::eventually([this] { return acknowledgesWhatIsRead(); }));
