@@ -72,7 +72,7 @@ struct MqttClient::Engine {
     Gate gate;
     Dispatch dispatch;
     WorkerLife life;
-    SocketTuning tuning;     ///< used by whoever has the turn
+    SocketTuning tuning;     ///< for whoever has the turn; what is issued and answered, for all
     SubscriptionIndex index; ///< of the registry's entries; main lock
 
     std::vector<Listener*> told; ///< room for all listeners while they are called; state lock
