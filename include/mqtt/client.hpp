@@ -135,7 +135,8 @@ public:
     static conv::SecondsDuration const COMMUNICATION_DELAY;
 
     /// Starts the worker thread and, with `connectNow`, connects: the constructor then blocks
-    /// as `connect` with 5 seconds does, and whatever comes of it the client goes on trying.
+    /// as `connect` with 5 seconds does, and whatever comes of it the client goes on trying, unless
+    /// the port is out of range.
     /// @param id the broker allows one connection per identifier
     /// @param persistent whether the broker keeps the session while the client is away: only
     ///        then is no QoS 2 publication lost to a dropped connection
@@ -147,9 +148,11 @@ public:
     MqttClient(zym::common::Uuid const& id, bool persistent, std::string const& name,
                std::string const& host, int port, bool connectNow);
 
-    /// Unsubscribes every topic at the broker, ends the worker thread (which may take up to a
-    /// second), drops unsent publications and closes the connection without telling broker or
-    /// listeners, so that the broker publishes the will.
+    /// Unsubscribes every topic at the broker, ends the worker thread, drops unsent publications
+    /// and closes the connection without telling broker or listeners, so that the broker publishes
+    /// the will. Waits for a subscriber or listener that is being called; then up to two
+    /// seconds when the broker does not answer, and as long as the system looks for the address of
+    /// a host name, when that is what the client is at.
     ~MqttClient() override;
 
     MqttClient(MqttClient const&) = delete;
@@ -166,18 +169,20 @@ public:
     /// @return
     ///  - SUCCESS: connected, queued publications are sent;
     ///  - TIMEOUT: not yet; the client goes on trying;
-    ///  - CONNECTION_PENDING: only a disconnected client (state 1) can be connected;
+    ///  - CONNECTION_PENDING: only a disconnected client (state 1) can be connected, and not from
+    ///    inside a subscriber or a state listener;
     ///  - INVALID_PARAMETER: the port is out of range; nothing was changed;
     ///  - any other: the broker library's code; the state is "connecting" and the client
-    ///    tries again after 0.5, 2, 4.5, 8, 12.5, 15, 15, ... seconds.
+    ///    tries again after 0.5, 2, 4.5, 8, 12.5, 15, 15, ... seconds. The tries of all clients of
+    ///    the process count together, and the success of one starts the count anew.
     Error connect(std::string host, int port, conv::SecondsDuration timeout);
 
     /// Disconnects for good: no more retries, the broker does not publish the will. Messages
     /// that arrive meanwhile are dropped; what is published from now on is queued.
     /// @param timeout seconds; 0 does not wait, all ones waits without limit. A subscriber that
     ///        keeps the worker busy adds up to a second.
-    /// @return SUCCESS, TIMEOUT, or NO_CONN when there was no connection to end: retries under
-    ///         way then go on
+    /// @return SUCCESS, TIMEOUT, NO_CONN when there was no connection to end: retries under way
+    ///         then go on; CONNECTION_PENDING from inside a state listener
     Error disconnect(conv::SecondsDuration timeout);
 
     /// Stops all network traffic, keep-alives too, until `resume`. Takes effect at the end of
