@@ -60,11 +60,11 @@ public:
     /// @return as `MqttClient::unsubscribeWait`
     MqttClient::Error unsubscribeWait(Lock& lock);
 
-    /// Publishes the current value, as `MqttClient::publish` does.
+    /// Publishes the current value, as `MqttClient::publish` does. What came of it is not told.
     void publish(Lock& lock);
     void publish();
-    /// Publishes the current value and waits up to 5 seconds until that is done; not to be
-    /// called on the client's worker thread.
+    /// Publishes the current value and waits up to 5 seconds until that is done; what came of it is
+    /// not told. Not to be called on the client's worker thread.
     void publishWait(Lock& lock);
     void publishWait();
 

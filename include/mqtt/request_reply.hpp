@@ -173,7 +173,8 @@ public:
     /// Terminates.
     ~RequestReplyClient() override;
 
-    /// Sends a request. Never waits.
+    /// Sends a request. Never waits. What writing the payload throws comes out of here; then, as
+    /// with any exception, nothing has been sent and the listener is not told.
     /// @param listener may be null; must live until it is told
     /// @param clientUuid who asks; the reply's topic ends in it
     /// @param requestData may be null
@@ -184,13 +185,15 @@ public:
     ///        broker has carried the time-out reply, all ones never
     /// @return PENDING: sent, or queued until there is a connection; BUSY: a request is under way;
     ///         CANCELLED: terminated
+    /// @throws std::system_error when there is no thread to be had for the timer
     ErrorCode request(Listener* listener, zym::common::Uuid const& clientUuid,
                       zym::common::Uuid const& serverUuid,
                       std::shared_ptr<RequestReplyData> requestData,
                       std::shared_ptr<RequestReplyData> replyData, unsigned int* requestIdOut,
                       conv::SecondsDuration const& timeout);
 
-    /// Sends a request and waits for its end.
+    /// Sends a request and waits for its end. What writing the payload throws comes out of here,
+    /// and nothing has been sent then.
     /// @param timeout seconds; 0 does not wait, all ones waits without limit
     /// @return the reply's code, TIMEOUT, BUSY or CANCELLED
     ErrorCode requestWait(zym::common::Uuid const& clientUuid, zym::common::Uuid const& serverUuid,

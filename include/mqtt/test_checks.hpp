@@ -35,7 +35,8 @@ struct TestCounter {
 /// Notices whether anything arrives, and writes where it did to the standard output.
 class ZYM_MQTT_EXPORT CleanTopicChecker : public MqttClient::Subscriber {
 public:
-    /// Connects to the broker at localhost:1883, which may take up to 5 seconds.
+    /// Connects to the broker at localhost:1883, which may take up to 5 seconds, with the
+    /// identifier 0.
     CleanTopicChecker();
     ~CleanTopicChecker() override;
     CleanTopicChecker(CleanTopicChecker const&) = delete;
@@ -50,8 +51,8 @@ public:
 /// Checks that no retained message stands on a topic or pattern, for half a second. Prints what it
 /// does and how that ended.
 ///
-/// What arrives in the last tenth of the second half is not seen. Without a broker nothing arrives
-/// at all, and the check passes.
+/// What arrives in the last 100 ms is not seen. Without a broker nothing arrives at all, and the
+/// check passes.
 /// @throws test_error when there is a message, or something unexpected happened; the latter is
 ///         printed
 ZYM_MQTT_EXPORT void testTopicClean(Topic const& topic, TestCounter& counter);

@@ -54,8 +54,8 @@ public:
     /// What a request is given on top when the same topic is asked for again.
     static std::chrono::milliseconds const TIMEOUT; // 3 s
 
-    /// Connects to the broker, which may block for up to 5 seconds; when there is none, the
-    /// cleaner goes on trying.
+    /// Connects to the broker, which blocks as `MqttClient::connect` with 5 seconds does; when
+    /// there is none, the cleaner goes on trying.
     /// @param listener may be null; must live until `terminate` has returned
     /// @param id of the connection: no other client of the broker may have it
     /// @param port 0 to 65535
