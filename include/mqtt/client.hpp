@@ -194,7 +194,7 @@ public:
     conv::ComState communicationState() const { return comState_; }
 
     /// Adds a listener unless it is registered. From inside a listener it takes effect with
-    /// the next change.
+    /// the next change; on any other thread it waits until no listener is being called.
     void registerListener(Listener* listener);
     /// Removes a listener; an unknown one is ignored. When it returns the listener is not
     /// being called and will not be, unless this is called from inside a listener: then it

@@ -12,7 +12,8 @@
 #include <string>
 #include <vector>
 
-// For test programs of a device: checks of what stands on the broker at localhost:1883.
+// For test programs of a device: checks of what stands on the broker at localhost:1883. Those that
+// connect do so with the identifier 0: one at a time, of all programs.
 
 namespace mqtt {
 

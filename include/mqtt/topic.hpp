@@ -28,7 +28,8 @@ class MqttClient;
 /// | "/a/b/" | "a/b"  | a, b          |
 /// | "a//b"  | "a//b" | a, (empty), b |
 ///
-/// Comparison and ordering look at the text alone.
+/// Comparison and ordering look at the text alone. One object is for one thread at a time, as long
+/// as anybody changes it.
 class ZYM_MQTT_EXPORT Topic {
 public:
     Topic() = default;
