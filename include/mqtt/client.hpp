@@ -145,6 +145,7 @@ public:
     /// @param port 0 to 65535
     /// @throw std::runtime_error the libmosquittopp found at run time is not version 2.0.x, the
     ///        text says which one it is; no other version is safe to call
+    /// @throws std::system_error no thread to be had for the worker
     MqttClient(zym::common::Uuid const& id, bool persistent, std::string const& name,
                std::string const& host, int port, bool connectNow);
 

@@ -86,9 +86,11 @@ public:
     ~SynchronizedTimeBaseMqttProxy() override;
 
     /// @return false when already started, terminated, or when the server cannot be asked
+    /// @throws std::system_error no thread to be had for a timer: nothing is started then
     bool startSync(zym::common::Uuid const& server) override;
     /// @param timeout seconds; 0, and everything from 2^31 up, does not wait
     /// @return false also when another call stops the proxy meanwhile
+    /// @throws std::system_error as `startSync`
     bool synchronize(zym::common::Uuid const& server,
                      conv::SecondsDuration const& timeout) override;
     bool stop() override;

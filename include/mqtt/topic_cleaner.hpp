@@ -71,6 +71,7 @@ public:
     /// `terminate`.
     /// @param duration how long to listen; requests end when the cleaner looks, after activity or
     ///        each `NO_ACTIVITY_TIME`
+    /// @throws std::system_error no thread to be had for the timer: nothing is cleaned then
     void clean(Topic const& topic, std::chrono::milliseconds duration);
 
     /// Waits until no request is left and the listener has been told so; not to be called from
