@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -127,13 +128,23 @@ void drawRow(std::ostream& out, Row const& row, double y) {
         << shortNumber(row.ratio) << "</title></circle>\n";
 }
 
+std::set<std::string> referencesOf(Panel const& panel) {
+    std::set<std::string> names;
+    for (auto const& strip : panel.strips) {
+        for (auto const& row : strip.rows) {
+            names.insert(row.against);
+        }
+    }
+    return names;
+}
+
 void drawLegend(std::ostream& out, Panel const& panel, double y) {
     double x = WIDTH - RIGHT;
-    for (auto const& row : panel.strips.front().rows) {
-        drawText(out, x, y, "end", "to " + row.against);
-        x -= 12 + 7.0 * static_cast<double>(row.against.size() + 3);
+    for (auto const& name : referencesOf(panel)) {
+        drawText(out, x, y, "end", "to " + name);
+        x -= 12 + 7.0 * static_cast<double>(name.size() + 3);
         out << "<circle cx=\"" << x + 4 << "\" cy=\"" << y - 4 << "\" r=\"3.5\" fill=\""
-            << colourOf(row.against) << "\"/>\n";
+            << colourOf(name) << "\"/>\n";
         x -= 12;
     }
 }
