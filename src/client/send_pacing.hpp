@@ -13,7 +13,7 @@ namespace mqtt {
 /// share a segment; there Nagle gathers them, and a pause releases the last of them.
 class SendPacing {
 public:
-    /// For a TCP socket just connected.
+    /// For a socket just connected.
     void begin(int fd);
 
     /// A packet of ours has been handed to the broker library. In any thread.

@@ -58,19 +58,31 @@ protected:
         ASSERT_EQ(::setsockopt(far.get(), IPPROTO_TCP, TCP_QUICKACK, &off, sizeof off), 0);
     }
 
+    /// Takes acknowledging at once back, as the kernel does when it likes.
+    void putOffAcknowledging() {
+        int const off = 0;
+        ::setsockopt(near.get(), IPPROTO_TCP, TCP_QUICKACK, &off, sizeof off);
+    }
+
+    bool acknowledgesAtOnce() const { return tcpOption(near.get(), TCP_QUICKACK) == 1; }
+
+    bool findsOutThatThePeerWaits() {
+        tuning.connected(near.get());
+        return support::eventually([this] { return acknowledgesWhatIsRead(); });
+    }
+
     /// A question with two answers, the second of which the far end holds back. Returns whether
     /// the first one was acknowledged by the step that read it.
     bool acknowledgesWhatIsRead() {
         char bytes[10];
-        int const off = 0;
         ::send(near.get(), "?", 1, 0);
         ::recv(far.get(), bytes, sizeof bytes, 0);
         tuning.stepped(near.get(), false);
-        ::setsockopt(near.get(), IPPROTO_TCP, TCP_QUICKACK, &off, sizeof off);
+        putOffAcknowledging();
         ::send(far.get(), "a", 1, 0);
         ::recv(near.get(), bytes, sizeof bytes, 0);
         tuning.stepped(near.get(), false);
-        bool const acknowledged = tcpOption(near.get(), TCP_QUICKACK) == 1;
+        bool const acknowledged = acknowledgesAtOnce();
         ::send(far.get(), "b", 1, 0);
         pollfd readable{near.get(), POLLIN, 0};
         while (::poll(&readable, 1, static_cast<int>(tuning.patience().count())) == 0)
@@ -92,76 +104,66 @@ TEST_F(ATcpConnection, IsInheritedByNoChildProcess) {
 }
 
 TEST_F(ATcpConnection, AcknowledgesAtOnceAfterAStepThatLeavesNothingToDoIfThePeerWaits) {
-    tuning.connected(near.get());
-    ASSERT_TRUE(support::eventually([this] { return acknowledgesWhatIsRead(); }));
-    int const off = 0;
-    ::setsockopt(near.get(), IPPROTO_TCP, TCP_QUICKACK, &off, sizeof off);
+    ASSERT_TRUE(findsOutThatThePeerWaits());
+    putOffAcknowledging();
     tuning.stepped(near.get(), true);
-    EXPECT_EQ(tcpOption(near.get(), TCP_QUICKACK), 0) << "the next packet carries it along";
+    EXPECT_FALSE(acknowledgesAtOnce()) << "the next packet carries it along";
     tuning.stepped(near.get(), false);
-    EXPECT_EQ(tcpOption(near.get(), TCP_QUICKACK), 1);
+    EXPECT_TRUE(acknowledgesAtOnce());
 }
 
 TEST_F(ATcpConnection, LeavesTheAcknowledgementToTheStepThatReadsTheRest) {
-    tuning.connected(near.get());
-    ASSERT_TRUE(support::eventually([this] { return acknowledgesWhatIsRead(); }));
+    ASSERT_TRUE(findsOutThatThePeerWaits());
     ASSERT_EQ(::send(far.get(), "x", 1, 0), 1);
     int waiting = 0;
     ASSERT_TRUE(support::eventually(
         [&] { return ::ioctl(near.get(), FIONREAD, &waiting) == 0 && waiting > 0; }));
-    int const off = 0;
-    ::setsockopt(near.get(), IPPROTO_TCP, TCP_QUICKACK, &off, sizeof off);
+    putOffAcknowledging();
     tuning.stepped(near.get(), false);
-    EXPECT_EQ(tcpOption(near.get(), TCP_QUICKACK), 0);
+    EXPECT_FALSE(acknowledgesAtOnce());
 }
 
 TEST_F(ATcpConnection, AcknowledgesAStreamOnlyWhenItPauses) {
-    tuning.connected(near.get());
-    ASSERT_TRUE(support::eventually([this] { return acknowledgesWhatIsRead(); }));
-    int const off = 0;
+    ASSERT_TRUE(findsOutThatThePeerWaits());
     EXPECT_TRUE(support::eventually([&] {
-        ::setsockopt(near.get(), IPPROTO_TCP, TCP_QUICKACK, &off, sizeof off);
+        putOffAcknowledging();
         for (int i = 0; i < 100; ++i)
             tuning.received(1);
         tuning.stepped(near.get(), false);
-        return tcpOption(near.get(), TCP_QUICKACK) == 0;
+        return !acknowledgesAtOnce();
     })) << "a busy machine may pause in between";
     EXPECT_LT(tuning.patience(), std::chrono::milliseconds(1000)) << "the pause must be noticed";
     EXPECT_TRUE(support::eventually([&] {
         tuning.stepped(near.get(), false);
-        return tcpOption(near.get(), TCP_QUICKACK) == 1;
+        return acknowledgesAtOnce();
     }));
     EXPECT_EQ(tuning.patience(), std::chrono::milliseconds(1000));
 }
 
 TEST_F(ATcpConnection, AcknowledgesAFastConversationAtOnce) {
-    tuning.connected(near.get());
-    ASSERT_TRUE(support::eventually([this] { return acknowledgesWhatIsRead(); }));
-    int const off = 0;
-    ::setsockopt(near.get(), IPPROTO_TCP, TCP_QUICKACK, &off, sizeof off);
+    ASSERT_TRUE(findsOutThatThePeerWaits());
+    putOffAcknowledging();
     for (int i = 0; i < 100; ++i) {
         tuning.issued();
         for (int k = 0; k < 4; ++k)
             tuning.received(1);
     }
     tuning.stepped(near.get(), false);
-    EXPECT_EQ(tcpOption(near.get(), TCP_QUICKACK), 1);
+    EXPECT_TRUE(acknowledgesAtOnce());
 }
 
 TEST_F(ATcpConnection, AcknowledgesNoMoreThanItsOwnStreamDoes) {
-    tuning.connected(near.get());
-    ASSERT_TRUE(support::eventually([this] { return acknowledgesWhatIsRead(); }));
-    int const off = 0;
+    ASSERT_TRUE(findsOutThatThePeerWaits());
     for (int i = 0; i < 100; ++i)
         tuning.issued();
     tuning.stepped(near.get(), false);
-    ::setsockopt(near.get(), IPPROTO_TCP, TCP_QUICKACK, &off, sizeof off);
+    putOffAcknowledging();
     tuning.issued();
     tuning.stepped(near.get(), false);
-    EXPECT_EQ(tcpOption(near.get(), TCP_QUICKACK), 0) << "what is sent next carries it along";
+    EXPECT_FALSE(acknowledgesAtOnce()) << "what is sent next carries it along";
     EXPECT_TRUE(support::eventually([&] {
         tuning.stepped(near.get(), false);
-        return tcpOption(near.get(), TCP_QUICKACK) == 1;
+        return acknowledgesAtOnce();
     })) << "nothing is sent next";
 }
 
@@ -173,6 +175,18 @@ TEST_F(ATcpConnection, IsWaitedForInPeaceWhenAStreamIsOverAndNothingUrgent) {
         tuning.stepped(near.get(), false);
         return tuning.patience() == std::chrono::milliseconds(1000);
     }));
+}
+
+TEST_F(ATcpConnection, LeavesNothingToAUnixSocketThatFollowsIt) {
+    tuning.connected(near.get());
+    for (int i = 0; i < 100; ++i)
+        tuning.issued();
+    tuning.stepped(near.get(), false);
+    ASSERT_LT(tuning.patience(), std::chrono::milliseconds(1000));
+    FileDescriptor const unixSocket(::socket(AF_UNIX, SOCK_STREAM, 0));
+    tuning.connected(unixSocket.get());
+    tuning.stepped(unixSocket.get(), false);
+    EXPECT_EQ(tuning.patience(), std::chrono::milliseconds(1000));
 }
 
 TEST_F(ATcpConnection, IsNotBrokenAsAConnectWouldBe) {
