@@ -52,14 +52,13 @@ public:
         std::string text;
         Data::serialize(topic, text, sample);
         T value = sample;
-        compareWriting(
-            name,
-            [&] {
-                std::string payload;
-                Data::serialize(topic, payload, sample);
-                return payload.size();
-            },
-            [&] { return bench::rapid::write(sample); });
+        tell(name, comparedInTurns(
+                       "write", "Writer", [&] { return bench::rapid::write(sample); },
+                       [&] {
+                           std::string payload;
+                           Data::serialize(topic, payload, sample);
+                           return payload.size();
+                       }));
         auto const reading = [&](auto read) {
             return [&, read] {
                 read();
@@ -69,20 +68,25 @@ public:
         compareReading(name, reading([&] { Data::deserialize(topic, text, false, value); }),
                        reading([&] { bench::rapid::read(text, value); }),
                        reading([&] { bench::rapid::sax::read(text, value); }));
-        compareBareReading(name, reading([&] { bench::rapid::sax::read(text, value); }),
-                           reading([&] { bench::rapid::sax::skip(text); }));
+        // How much of reading is the reader's own, whatever becomes of the values: by RapidJSON
+        // alone, so it is no figure of ours and not among the results.
+        bench::printRow(name, comparedInTurns("RapidJSON, values dropped", "SAX", reading([&] {
+                                                  bench::rapid::sax::read(text, value);
+                                              }),
+                                              reading([&] { bench::rapid::sax::skip(text); })));
     }
 
 private:
-    template <class Ours, class Writer>
-    void compareWriting(char const* name, Ours const& ours, Writer const& writer) {
-        Times us;
+    template <class Theirs, class Ours>
+    bench::Comparison comparedInTurns(char const* figure, char const* against, Theirs const& theirs,
+                                      Ours const& ours) const {
         Times them;
+        Times us;
         for (unsigned i = 0; i < repetitions_; ++i) {
-            them.push_back(bench::processorTimeOf(writer, seconds_));
+            them.push_back(bench::processorTimeOf(theirs, seconds_));
             us.push_back(bench::processorTimeOf(ours, seconds_));
         }
-        tell(name, compared("write", "Writer", them, us));
+        return compared(figure, against, them, us);
     }
 
     template <class Ours, class Dom, class Sax>
@@ -97,19 +101,6 @@ private:
         }
         tell(name, compared("read", "SAX", reader, us));
         tell(name, compared("read", "DOM", document, us));
-    }
-
-    /// How much of reading is the reader's own, whatever becomes of the values: by RapidJSON alone,
-    /// so it is no figure of ours and not among the results.
-    template <class Sax, class Bare>
-    void compareBareReading(char const* name, Sax const& sax, Bare const& bare) {
-        Times whole;
-        Times alone;
-        for (unsigned i = 0; i < repetitions_; ++i) {
-            whole.push_back(bench::processorTimeOf(sax, seconds_));
-            alone.push_back(bench::processorTimeOf(bare, seconds_));
-        }
-        bench::printRow(name, compared("RapidJSON, values dropped", "SAX", whole, alone));
     }
 
     void tell(char const* name, bench::Comparison const& row) {
