@@ -172,6 +172,17 @@ TEST_F(ASubscribingClient, WaitsForNothingThatTheLibraryDidNotTake) {
               Error::CONN_LOST);
 }
 
+TEST_F(ASubscribingClient, WaitsThoughTheLastOneAcknowledgedHadTheSameNumber) {
+    connect();
+    library->setAcknowledging(false);
+    ASSERT_EQ(client->subscribe("a", &recorder, 0), Error::SUCCESS);
+    // Numbers come again after all others.
+    int const next = library->calls(Operation::SUBSCRIBE).back().mid + 1;
+    library->runInLoop([next](auto& object) { object.on_unsubscribe(next); });
+    EXPECT_EQ(client->unsubscribeWait("a", &recorder, 0), Error::TIMEOUT);
+    EXPECT_EQ(library->calls(Operation::UNSUBSCRIBE).back().mid, next);
+}
+
 TEST_F(ASubscribingClient, StopsCompletingAConnectionThatIsLostMeanwhile) {
     for (char const* const topic : {"a", "b", "c"})
         ASSERT_EQ(client->subscribe(topic, &recorder, 0), Error::SUCCESS);
