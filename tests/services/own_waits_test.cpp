@@ -137,6 +137,8 @@ TEST_F(AWaitOfItsOwn, LastsFiveSecondsInACleaner) {
 }
 
 TEST_F(AWaitOfItsOwn, LastsHalfASecondInAPause) {
+    sleeper = std::thread::id();
+    slept = nanoseconds::zero();
     auto const client = makeClient(false);
     // Disconnected, its worker does not wait for anything else.
     StandIn::last()->setHook(StandIn::Operation::LOOP, [](auto const& call) {
