@@ -275,7 +275,9 @@ private:
     std::shared_ptr<Visitors> const callers_;   ///< waiting, or ending a request
 };
 
-/// Answers the requests of one service, of all clients, one after the other.
+/// Answers the requests of one service, of all clients, one after the other. A request that comes
+/// twice is handled twice. Where two servers serve the same, both handle every request, and the
+/// client takes the first reply.
 ///
 /// ### Threads
 /// The listener is called on the MQTT client's worker thread with no lock held; whatever else that

@@ -75,7 +75,8 @@ class ZYM_MQTT_EXPORT SynchronizedTimeBaseMqttProxy
 public:
     /// @param topic where the server answers: the adaptor's
     /// @param uuid who asks
-    /// @param listener may be null; see `registerListener`
+    /// @param listener may be null; see `registerListener`. A derived class gives uuid and listener
+    ///        to the virtual base `zym::common::SynchronizedTimeBaseProxy` too, which tells it
     SynchronizedTimeBaseMqttProxy(MqttClient& client, Topic const& topic,
                                   zym::common::Uuid const& uuid,
                                   zym::common::SynchronizedTimeBaseProxy::Listener* listener);
