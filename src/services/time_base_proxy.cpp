@@ -46,8 +46,6 @@ public:
     explicit Sample(unsigned int ofRun) : run(ofRun) {}
 
     void deserialize(zym::common::lwjson::Deserializer& in) override {
-        // More than one message may be read into this, and the last one counts.
-        isRead_ = false;
         TimeSyncReplyData::deserialize(in);
         isRead_ = true;
     }

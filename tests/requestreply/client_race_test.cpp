@@ -274,10 +274,13 @@ TEST_F(AListenerOnTheTimersThread, MayDestroyTheClient) {
 }
 
 TEST_F(AListenerOnTheTimersThread, KeepsNobodyWaitingWhoTerminatesTheClient) {
-    ReplyRecorder ending(
-        [this](Call const&) { std::thread([this] { client->terminate(); }).join(); });
+    support::Watched<bool> terminated;
+    ReplyRecorder ending([&](Call const&) {
+        std::thread([this] { client->terminate(); }).join();
+        set(terminated);
+    });
     requestFor(ending);
-    ASSERT_TRUE(ending.waitForCount(1));
+    EXPECT_TRUE(terminated.waitFor(isSet));
     client.reset();
     EXPECT_THAT(ending.errors(), ElementsAre(Code::TIMEOUT));
 }
