@@ -198,6 +198,10 @@ public:
 
     conv::ComState communicationState() const { return comState_; }
 
+    /// Whether the calling thread is this client's worker. Operations that wait for the broker do
+    /// not wait there.
+    bool onWorkerThread() const;
+
     /// Adds a listener unless it is registered; null is ignored. From inside a listener it takes
     /// effect with the next change; on any other thread it waits until no listener is being called.
     void registerListener(Listener* listener);
@@ -301,7 +305,6 @@ private:
     ZYM_MQTT_LOCAL bool leaveDisconnected();
     ZYM_MQTT_LOCAL void setComState(conv::ComState state);
     ZYM_MQTT_LOCAL bool waitForComState(conv::ComState state, conv::SecondsDuration timeout);
-    ZYM_MQTT_LOCAL bool onWorker() const;
 
     ZYM_MQTT_LOCAL Error send(int* mid, Topic const& topic, std::string const& payload, int qos,
                               bool retain, bool& awaitable);

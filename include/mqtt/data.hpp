@@ -68,6 +68,11 @@ public:
     void publishWait(Lock& lock);
     void publishWait();
 
+    /// Publishes the current value and tells what came of it.
+    /// @param wait whether to wait, up to 5 seconds, until that is done
+    /// @return as `MqttClient::publish` or `MqttClient::publishWait`
+    MqttClient::Error send(bool wait, Lock& lock);
+
     /// Publishes an empty payload with the endpoint's own QoS and retained flag: the broker
     /// forgets a retained value.
     /// @param wait whether to wait, up to 5 seconds, until that is done
