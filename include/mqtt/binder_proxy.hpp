@@ -30,7 +30,8 @@ public:
 };
 
 /// A client's binding to a server, over the request/reply services "bind" and "unbind", with the
-/// server's time: a binding is complete when the server has agreed and its time is known.
+/// server's time: a binding is complete when the server has agreed and its time is known. Of one
+/// that is called off in between the listener is told by `onUnbound` alone.
 ///
 /// A server answers with SUCCESS, or refuses with 16 plus a `Binder::Error`; 16 plus ALREADY_BOUND
 /// counts as success. Any answer to "unbind" ends the binding, also none in time, except that the
@@ -55,7 +56,8 @@ public:
     /// @param replyTopic the sub-path of the services "bind" and "unbind", empty for none
     /// @param uuid the client's own identity
     /// @param boundTopic sent with every binding: see `BindRequestData`
-    /// @param listener may be null; must live until `terminate` has returned
+    /// @param listener may be null; must live until `terminate` has returned. A derived class gives
+    ///        uuid and listener to the virtual base `zym::common::BinderProxy` too, which tells it
     BinderMqttProxy(MqttClient& client, Topic const& requestTopic, Topic const& replyTopic,
                     zym::common::Uuid const& uuid, Topic const& boundTopic,
                     zym::common::BinderProxy::Listener* listener);

@@ -40,12 +40,13 @@ namespace mqtt {
 /// Every operation may be called from any thread, also from inside a subscriber or a state
 /// listener, except where an operation says otherwise. Subscribers and listeners are called
 /// on the worker thread (a listener sees "connecting" on the thread that called `connect`).
-/// An operation that waits must not be called on the worker thread: what it waits for is
-/// handled by that very thread, so it ends by time-out.
+/// An operation that waits does not wait on the worker thread, which handles what it waits for: it
+/// returns as if its time were up.
 ///
 /// ### Ownership
 /// The client owns neither subscribers nor listeners. It must outlive everything built on
-/// it, and must not be destroyed on its own worker thread.
+/// it, and must not be destroyed on its own worker thread. In a process made by `fork` that thread
+/// is missing: the client must neither be used nor destroyed there.
 ///
 /// ### Limits
 /// The broker library waits with select(): a client whose socket gets a descriptor of 1024
@@ -128,7 +129,8 @@ public:
         bool retain;
     };
 
-    /// The keep-alive interval of every connection: 30 seconds.
+    /// The keep-alive interval of every connection: 30 seconds. A broker that falls silent is
+    /// noticed after twice that and some seconds more.
     static conv::SecondsDuration const HEART_BEAT_RATE;
     /// A usual time-out for the operations that wait: 5 seconds. The client itself does not
     /// use it.
@@ -136,7 +138,8 @@ public:
 
     /// Starts the worker thread and, with `connectNow`, connects: the constructor then blocks
     /// as `connect` with 5 seconds does, and whatever comes of it the client goes on trying, unless
-    /// the port is out of range.
+    /// the port is out of range. What came of it `communicationState` tells. Makes the process
+    /// ignore SIGPIPE, in place of a handler too, as libmosquitto 2.0.11 does.
     /// @param id the broker allows one connection per identifier
     /// @param persistent whether the broker keeps the session while the client is away: only
     ///        then is no QoS 2 publication lost to a dropped connection
@@ -175,7 +178,8 @@ public:
     ///  - INVALID_PARAMETER: the port is out of range; nothing was changed;
     ///  - any other: the broker library's code; the state is "connecting" and the client
     ///    tries again after 0.5, 2, 4.5, 8, 12.5, 15, 15, ... seconds. The tries of all clients of
-    ///    the process count together, and the success of one starts the count anew.
+    ///    the process count together, and the success of one starts the count anew; so does a TCP
+    ///    connection, also one that the broker refuses: it is then tried each half second.
     Error connect(std::string host, int port, conv::SecondsDuration timeout);
 
     /// Disconnects for good: no more retries, the broker does not publish the will. Messages
@@ -187,15 +191,19 @@ public:
     Error disconnect(conv::SecondsDuration timeout);
 
     /// Stops all network traffic, keep-alives too, until `resume`. Takes effect at the end of
-    /// the network step under way.
+    /// the network step under way. Spares the processor time that a disconnected client takes.
     void pause();
-    /// Ends a pause, within 500 ms.
+    /// Ends a pause, within 500 ms. No connection is completed before.
     void resume();
 
     conv::ComState communicationState() const { return comState_; }
 
-    /// Adds a listener unless it is registered. From inside a listener it takes effect with
-    /// the next change; on any other thread it waits until no listener is being called.
+    /// Whether the calling thread is this client's worker. Operations that wait for the broker do
+    /// not wait there.
+    bool onWorkerThread() const;
+
+    /// Adds a listener unless it is registered; null is ignored. From inside a listener it takes
+    /// effect with the next change; on any other thread it waits until no listener is being called.
     void registerListener(Listener* listener);
     /// Removes a listener; an unknown one is ignored. When it returns the listener is not
     /// being called and will not be, unless this is called from inside a listener: then it
@@ -213,6 +221,10 @@ public:
     /// Registers a subscriber for a topic or pattern and subscribes at the broker, at QoS 0.
     /// Without a connection the registration is made all the same and reaches the broker
     /// with the next connection. The same subscriber may be registered more than once.
+    ///
+    /// Does not wait for the broker, and is not told when it refuses: then no message comes. A
+    /// `publishWait` at QoS 1 or 2 that succeeds afterwards, with a connection, shows that the
+    /// broker has dealt with it.
     ///
     /// A message goes to one entry of the registry only: to the one with exactly its topic
     /// or else to the first matching pattern in byte order ("a/#" before "a/+").
@@ -245,7 +257,9 @@ public:
     /// Do not hold a lock that the subscriber's callback takes. A null pointer is ignored.
     void release(Subscriber* subscriber) noexcept;
 
-    /// Publishes without waiting. Without a connection the publication is queued.
+    /// Publishes without waiting. Without a connection the publication is queued; neither that
+    /// queue nor what a connected broker does not read yet is limited. Publications of one QoS keep
+    /// their order; one of QoS 0 may overtake others.
     /// @param payload any bytes
     /// @param qos 0 to 2
     /// @return SUCCESS when sent or queued; otherwise why it was refused: INVALID_PARAMETER
@@ -291,7 +305,6 @@ private:
     ZYM_MQTT_LOCAL bool leaveDisconnected();
     ZYM_MQTT_LOCAL void setComState(conv::ComState state);
     ZYM_MQTT_LOCAL bool waitForComState(conv::ComState state, conv::SecondsDuration timeout);
-    ZYM_MQTT_LOCAL bool onWorker() const;
 
     ZYM_MQTT_LOCAL Error send(int* mid, Topic const& topic, std::string const& payload, int qos,
                               bool retain, bool& awaitable);

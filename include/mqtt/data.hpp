@@ -56,17 +56,22 @@ public:
     MqttClient::Error subscribe(int id, Lock& lock);
     /// @return as `MqttClient::unsubscribe`
     MqttClient::Error unsubscribe(Lock& lock);
-    /// Waits up to 5 seconds; not to be called on the client's worker thread.
+    /// Waits up to 5 seconds, but not on the client's worker thread.
     /// @return as `MqttClient::unsubscribeWait`
     MqttClient::Error unsubscribeWait(Lock& lock);
 
     /// Publishes the current value, as `MqttClient::publish` does. What came of it is not told.
     void publish(Lock& lock);
     void publish();
-    /// Publishes the current value and waits up to 5 seconds until that is done; what came of it is
-    /// not told. Not to be called on the client's worker thread.
+    /// Publishes the current value and waits up to 5 seconds until that is done, but not on the
+    /// client's worker thread; what came of it is not told.
     void publishWait(Lock& lock);
     void publishWait();
+
+    /// Publishes the current value and tells what came of it.
+    /// @param wait whether to wait, up to 5 seconds, until that is done
+    /// @return as `MqttClient::publish` or `MqttClient::publishWait`
+    MqttClient::Error send(bool wait, Lock& lock);
 
     /// Publishes an empty payload with the endpoint's own QoS and retained flag: the broker
     /// forgets a retained value.
@@ -158,7 +163,7 @@ public:
     /// Chooses topic, quality of service and retained flag. Subscribes to nothing.
     MqttData(MqttClient& client, Topic const& topic);
     /// Keeps value and subscriber, and subscribes at once, with identifier 0, where the other one
-    /// has subscribed.
+    /// has subscribed. So does each element of a `std::vector` that grows: take another container.
     MqttData(MqttData const& other);
     /// Unsubscribes; on another thread than the client's worker it waits until no delivery is
     /// under way. Do not hold a lock that the subscriber takes.

@@ -131,11 +131,12 @@ private:
 /// Sends requests of one service and delivers their replies; one request at a time.
 ///
 /// ### Threads
-/// Every operation may be called from any thread, also from inside a listener's call, except that
-/// those that wait must not be called on the MQTT client's worker thread. A listener is called with
-/// no lock held, on the thread that ends the request: the worker for a reply and for a time-out of
-/// `request`, the waiting thread for one of `waitEndOfRequest`, the caller of `cancel` or
-/// `terminate`. Not to be called from a communication state listener.
+/// Every operation may be called from any thread, also from inside a listener's call. On the MQTT
+/// client's worker thread those that wait do not wait: their time has run out at once. A listener
+/// is called with no lock held, on the thread that ends the request: the worker for a reply and for
+/// a time-out of `request`, the timer's thread for a time-out that the broker does not carry, the
+/// waiting thread for one of `waitEndOfRequest`, the caller of `cancel` or `terminate`. What it
+/// throws is dropped. Not to be called from a communication state listener.
 ///
 /// The client may be destroyed at any time, also from inside its listener's call. On another thread
 /// the destructor waits for such a call to return.
@@ -175,14 +176,21 @@ public:
 
     /// Sends a request. Never waits. What writing the payload throws comes out of here; then, as
     /// with any exception, nothing has been sent and the listener is not told.
+    ///
+    /// When its time has run out the client publishes a time-out reply, which ends the request when
+    /// it comes back. If it does not come back within a second, it is published once more, and a
+    /// second later the client ends the request itself. A request whose topics were refused at once
+    /// ends when its time has run out. Without a connection a request does not end: it is queued,
+    /// and its time-out reply too.
     /// @param listener may be null; must live until it is told
     /// @param clientUuid who asks; the reply's topic ends in it
     /// @param requestData may be null
-    /// @param replyData what the reply is read into, even one that comes in just as the request is
-    ///        called off or its time runs out; may be null
-    /// @param requestIdOut where to put the identifier; may be null
-    /// @param timeout seconds until the request ends with TIMEOUT; 0 ends it as soon as the
-    ///        broker has carried the time-out reply, all ones never
+    /// @param replyData what the reply to this request is read into, on the worker thread, and
+    ///        nothing after the request has ended; may be null
+    /// @param requestIdOut where to put the identifier, the steady clock in milliseconds or, when
+    ///        that is not later than the last one, the last one plus one; may be null
+    /// @param timeout seconds until the time-out reply is published; 0 publishes it at once, all
+    ///        ones never
     /// @return PENDING: sent, or queued until there is a connection; BUSY: a request is under way;
     ///         CANCELLED: terminated
     /// @throws std::system_error when there is no thread to be had for the timer
@@ -205,8 +213,13 @@ public:
     /// when the wait runs out. A later request is neither ended nor reported.
     /// @param timeout seconds; 0 does not wait, all ones waits without limit
     /// @return its outcome; at once that of the last request when none is under way, NONE before
-    ///         the first
+    ///         the first. A wait that runs out in the instant in which its request ends returns
+    ///         TIMEOUT, and so do later calls until the next request.
     ErrorCode waitEndOfRequest(conv::SecondsDuration const& timeout);
+    /// The same for one request.
+    /// @param requestId what `request` has put out
+    /// @return CANCELLED when another request has been made since
+    ErrorCode waitEndOfRequest(unsigned int requestId, conv::SecondsDuration const& timeout);
 
     /// Calls the request under way off: its listener is told CANCELLED, after everybody who waits
     /// for it has been let go.
@@ -222,10 +235,10 @@ public:
     void release() noexcept;
 
 private:
-    /// The end of one request, for those who wait for it: they may wake up when the next request
-    /// is under way.
+    /// One request, for those who end it and those who wait for it: they may wake up when the next
+    /// request is under way. Made before the request leaves, so that its end needs no memory.
     struct Outcome {
-        ErrorCode error = ErrorCode::NONE;
+        Listener::Reply reply; ///< what the listener is told
         bool ended = false;
         int waiters = 0;
     };
@@ -242,7 +255,7 @@ private:
     using Lock = std::unique_lock<std::mutex>;
     using Ending = std::pair<Listener*, std::shared_ptr<Listener::Reply>>;
 
-    ZYM_MQTT_LOCAL ErrorCode begin(Listener* listener, Request const& request,
+    ZYM_MQTT_LOCAL ErrorCode begin(Listener* listener, Request request,
                                    std::shared_ptr<RequestReplyData> replyData,
                                    conv::SecondsDuration const& timeout, Lock const& lock);
     ZYM_MQTT_LOCAL void send(Request const& request, Reply const& expected,
@@ -250,32 +263,42 @@ private:
     ZYM_MQTT_LOCAL Request newRequest(zym::common::Uuid const& clientUuid,
                                       zym::common::Uuid const& serverUuid,
                                       std::shared_ptr<RequestReplyData> data) const;
-    ZYM_MQTT_LOCAL void prepareTimeout(Request const& request,
-                                       conv::SecondsDuration const& timeout);
-    ZYM_MQTT_LOCAL ErrorCode waitFor(std::shared_ptr<Outcome> const& outcome,
-                                     conv::SecondsDuration const& timeout, Lock& lock);
+    ZYM_MQTT_LOCAL std::uint32_t nextRequestId(Lock const& lock);
+    ZYM_MQTT_LOCAL void prepareTimeout(Request const& request);
+    ZYM_MQTT_LOCAL void armTimer(std::chrono::milliseconds period);
+    ZYM_MQTT_LOCAL ErrorCode waitFor(conv::SecondsDuration const& timeout, Lock& lock);
     ZYM_MQTT_LOCAL Ending callOff(Lock& lock);
     ZYM_MQTT_LOCAL Ending endRequest(Notification& pending, ErrorCode error,
                                      std::shared_ptr<RequestReplyData> const& data,
                                      Lock const& lock);
     ZYM_MQTT_LOCAL Ending endRequest(Notification& pending, ErrorCode error, Lock const& lock);
+    ZYM_MQTT_LOCAL void stopListening() noexcept;
     ZYM_MQTT_LOCAL void onTimer();
+    ZYM_MQTT_LOCAL Ending timeOut(Lock const& lock);
     void onMqttData(Reply const& reply, bool empty, int id) override;
 
     Notification pending_;
     std::shared_ptr<Outcome> outcome_; ///< of the request under way, or the last one
-    std::mutex mutex_;                 ///< pending_, outcome_, idle_, the arming of the timer
+    std::mutex mutex_;                 ///< all that is here, but for the endpoints and the timer
     std::condition_variable ended_;
     std::condition_variable waiterLeft_;
     bool idle_ = true;
     std::atomic<bool> terminated_{false};
     zym::common::Timer timer_;
     MqttData<Reply> timeoutReply_;              ///< published by the timer, never subscribed
-    std::chrono::steady_clock::time_point due_; ///< when; guarded by its mutex
+    std::chrono::steady_clock::time_point due_; ///< when
     std::shared_ptr<Visitors> const callers_;   ///< waiting, or ending a request
+    MqttClient& mqtt_;
+    std::int64_t lastId_;                        ///< before its upper half is cut off
+    std::shared_ptr<RequestReplyData> expected_; ///< what only a reply to this request is read into
+    bool refused_ = false;                       ///< the request has not left
+    int timeoutReplies_ = 0;                     ///< published for this request
+    bool timerHasTold_ = false; ///< its thread may be inside a listener: do not wait for it there
 };
 
-/// Answers the requests of one service, of all clients, one after the other.
+/// Answers the requests of one service, of all clients, one after the other. A request that comes
+/// twice is handled twice. Where two servers serve the same, both handle every request, and the
+/// client takes the first reply.
 ///
 /// ### Threads
 /// The listener is called on the MQTT client's worker thread with no lock held; whatever else that

@@ -57,14 +57,16 @@ public:
 /// ours; from then on one exchange every 30 seconds keeps the estimate fresh. A sample is the
 /// middle between asking and hearing the answer, less the server's time; the first counts in full,
 /// the next ones with 0.1, 0.09, 0.081, ... down to half a percent. A failed exchange is made again
-/// at once, without limit, as long as there is no first estimate.
+/// at once, without limit, as long as there is no first estimate; one that cannot be sent for lack
+/// of memory, a second later. Without a connection there is no periodic exchange.
 ///
 /// ### Threads
-/// Every operation may be called from any thread, also from inside the listener's call, except
-/// that `synchronize` must not be called on the MQTT client's worker thread; none may be called
-/// from a communication state listener. The listener is called on the worker thread with no lock
-/// held, and may even destroy the proxy. `stop` and `terminate` wait for such a call on another
-/// thread, unless it has terminated the proxy: do not hold a lock that the listener takes.
+/// Every operation may be called from any thread, also from inside the listener's call; none may be
+/// called from a communication state listener. On the MQTT client's worker thread `synchronize`
+/// does not wait, and returns false. The listener is called on the worker thread with no lock held,
+/// and may even destroy the proxy; what it throws is dropped. `stop` and `terminate` wait for such
+/// a call on another thread, unless it has terminated the proxy: do not hold a lock that the
+/// listener takes.
 ///
 /// ### Lifetime
 /// The proxy may be destroyed at any time, also while others are in `synchronize`, which then
@@ -75,7 +77,8 @@ class ZYM_MQTT_EXPORT SynchronizedTimeBaseMqttProxy
 public:
     /// @param topic where the server answers: the adaptor's
     /// @param uuid who asks
-    /// @param listener may be null; see `registerListener`
+    /// @param listener may be null; see `registerListener`. A derived class gives uuid and listener
+    ///        to the virtual base `zym::common::SynchronizedTimeBaseProxy` too, which tells it
     SynchronizedTimeBaseMqttProxy(MqttClient& client, Topic const& topic,
                                   zym::common::Uuid const& uuid,
                                   zym::common::SynchronizedTimeBaseProxy::Listener* listener);
@@ -128,7 +131,11 @@ private:
     ZYM_MQTT_LOCAL bool updateTimeBase(double sample, Lock const& lock);
     ZYM_MQTT_LOCAL void filter(double sample, Lock const& lock);
     ZYM_MQTT_LOCAL void setOffset(double offset);
+    ZYM_MQTT_LOCAL void goOn(Lock const& lock);
+    ZYM_MQTT_LOCAL void arm(std::chrono::milliseconds period, Lock const& lock);
+    ZYM_MQTT_LOCAL double offsetOf(Sample const& sample) const;
     ZYM_MQTT_LOCAL void setSynchronized(Lock const& lock);
+    ZYM_MQTT_LOCAL void startPeriodicExchange(Lock const& lock);
     ZYM_MQTT_LOCAL void tellListener(unsigned int run);
     ZYM_MQTT_LOCAL void onTimer();
     void onReply(unsigned int requestId, std::string const& name,
@@ -148,6 +155,9 @@ private:
     mutable std::mutex offsetMutex_; ///< a leaf: offset_
     std::shared_ptr<Visitors> const callers_; ///< inside `synchronize`
     std::shared_ptr<Visitors> const tellers_; ///< calling the listener
+    MqttClient& mqtt_;
+    bool retrying_ = false; ///< the timer is armed because the next exchange could not be made
+    bool periodic_ = false; ///< the timer is armed for the periodic exchange
 };
 
 /// A server's offer of its time: answers whoever asks with its own clock.

@@ -1,5 +1,6 @@
 #include "client/arguments.hpp"
 #include "client/engine.hpp"
+#include "common/user_call.hpp"
 #include "common/wait.hpp"
 #include "mqtt/client.hpp"
 
@@ -31,7 +32,7 @@ private:
 
 Error MqttClient::connect(std::string host, int port, conv::SecondsDuration timeout) {
     // On the worker, so in a subscriber or a listener, waiting for the worker would be for ever.
-    if (comState_ != ComState::DISCONNECTED || onWorker()
+    if (comState_ != ComState::DISCONNECTED || onWorkerThread()
         || engine_->notifier == std::this_thread::get_id())
         return Error::CONNECTION_PENDING;
     int result = 0;
@@ -70,7 +71,7 @@ Error MqttClient::disconnect(conv::SecondsDuration timeout) {
     // written. A worker that stays in its step, as a subscriber keeps it there, is left there.
     constexpr std::chrono::seconds patience{1};
     bool const haveTurn =
-        !onWorker() && engine_->turn.takeWithin(patience, [this] { return wakeWorker(); });
+        !onWorkerThread() && engine_->turn.takeWithin(patience, [this] { return wakeWorker(); });
     int result = 0;
     int systemError = 0;
     {
@@ -135,7 +136,7 @@ Error MqttClient::clearWill() {
     return static_cast<Error>(will_clear());
 }
 
-bool MqttClient::onWorker() const {
+bool MqttClient::onWorkerThread() const {
     return worker_.get_id() == std::this_thread::get_id();
 }
 
@@ -161,11 +162,7 @@ void MqttClient::setComState(ComState state) {
     told = listeners_;
     // NOLINTNEXTLINE(modernize-loop-convert): to register may move the copy
     for (std::size_t i = 0; i < told.size(); ++i) {
-        try {
-            told[i]->onComStateChanged(state);
-        } catch (...) {
-            // It would leave through the broker library, which never gets over that.
-        }
+        callUser([&] { told[i]->onComStateChanged(state); });
     }
     engine_->notifier = std::thread::id();
     stateChanged_.notify_all();

@@ -1,6 +1,7 @@
 #include "client/dispatch.hpp"
 
 #include "client/engine.hpp"
+#include "common/user_call.hpp"
 
 namespace mqtt {
 
@@ -12,10 +13,7 @@ void Dispatch::prepare(std::vector<Receiver> const& receivers) {
 void Dispatch::deliver(Topic const& topic, std::string const& payload) {
     Receiver receiver;
     for (std::size_t i = 0; beginCall(i, receiver); ++i) {
-        try {
-            receiver.first->onMqttMessage(receiver.second, topic, payload);
-        } catch (...) {
-        }
+        callUser([&] { receiver.first->onMqttMessage(receiver.second, topic, payload); });
     }
 }
 

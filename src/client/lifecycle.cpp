@@ -41,7 +41,7 @@ MqttClient::MqttClient(zym::common::Uuid const& id, bool persistent, std::string
 
 MqttClient::~MqttClient() {
     // The worker cannot wait for its own end: fail at once and not by hanging for ever.
-    if (onWorker())
+    if (onWorkerThread())
         std::terminate();
     {
         std::lock_guard const lock(mainMutex_);

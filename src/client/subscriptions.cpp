@@ -82,7 +82,7 @@ Error MqttClient::unsubscribeWait(Topic const& topic, Subscriber* subscriber,
     if (result != Error::SUCCESS)
         return result;
     // The acknowledgement would have to be read by the very thread that waits for it.
-    if (onWorker())
+    if (onWorkerThread())
         return Error::TIMEOUT;
     auto const deadline = timeout.toTimepoint(std::chrono::steady_clock::now());
     bool const done =
@@ -117,7 +117,7 @@ void MqttClient::release(Subscriber* subscriber) noexcept {
             entry = eraseSubscription(entry);
         }
     }
-    engine_->dispatch.retire(subscriber, !onWorker());
+    engine_->dispatch.retire(subscriber, !onWorkerThread());
 }
 
 int MqttClient::unsubscribeAtBroker(int* mid, Topic const& topic) {

@@ -1,9 +1,6 @@
 #pragma once
 
-#include <algorithm>
 #include <condition_variable>
-#include <iterator>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -11,54 +8,70 @@
 
 namespace mqtt {
 
-/// Who is inside an object, so that its end can wait for them.
+/// The threads that are inside an object, so that its destructor can wait for them.
 ///
 /// Shared between the object and its visits: a visit may be the one that destroys the object, and
-/// then ends after it.
+/// then ends after it. Needs no memory: destructors use it.
 class Visitors {
 public:
     /// From construction to destruction the calling thread is inside.
     class Visit {
     public:
-        explicit Visit(std::shared_ptr<Visitors> visitors) : visitors_(std::move(visitors)) {
+        explicit Visit(std::shared_ptr<Visitors> visitors)
+            : visitors_(std::move(visitors)), thread_(std::this_thread::get_id()) {
             std::lock_guard const lock(visitors_->mutex_);
-            visitors_->inside_.emplace(this, std::this_thread::get_id());
+            next_ = visitors_->first_;
+            visitors_->first_ = this;
         }
         ~Visit() {
             std::lock_guard const lock(visitors_->mutex_);
-            visitors_->inside_.erase(this);
-            visitors_->left_.notify_all();
+            visitors_->removeIf([this](Visit const& visit) { return &visit == this; });
         }
         Visit(Visit const&) = delete;
         Visit& operator=(Visit const&) = delete;
 
     private:
+        friend class Visitors;
+
         std::shared_ptr<Visitors> const visitors_;
+        std::thread::id const thread_;
+        Visit* next_ = nullptr;
     };
 
     /// Waits until nobody is inside but the calling thread itself.
     void waitForOthers() {
         std::unique_lock lock(mutex_);
-        auto const isMe = [me = std::this_thread::get_id()](auto& pair) {
-            return pair.second == me;
-        };
-        left_.wait(lock, [&] { return std::all_of(inside_.begin(), inside_.end(), isMe); });
+        left_.wait(lock, [this, me = std::this_thread::get_id()] {
+            auto const* visit = first_;
+            while (visit != nullptr && visit->thread_ == me)
+                visit = visit->next_;
+            return visit == nullptr;
+        });
     }
 
     /// Ends the visits of the calling thread early. For a visit that ends the object, and has to
     /// wait for those who wait for it.
     void leave() {
         std::lock_guard const lock(mutex_);
-        auto const me = std::this_thread::get_id();
-        for (auto visit = inside_.begin(); visit != inside_.end();)
-            visit = visit->second == me ? inside_.erase(visit) : std::next(visit);
-        left_.notify_all();
+        removeIf(
+            [me = std::this_thread::get_id()](Visit const& visit) { return visit.thread_ == me; });
     }
 
 private:
+    template <class Predicate>
+    void removeIf(Predicate const& predicate) {
+        for (auto** link = &first_; *link != nullptr;) {
+            if (predicate(**link))
+                *link = (*link)->next_;
+            else
+                link = &(*link)->next_;
+        }
+        left_.notify_all();
+    }
+
     std::mutex mutex_; ///< a leaf
     std::condition_variable left_;
-    std::map<Visit const*, std::thread::id> inside_;
+    Visit* first_ = nullptr;
 };
 
 } // namespace mqtt

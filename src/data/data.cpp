@@ -78,13 +78,18 @@ Error MqttDataBase::unsubscribeWait(Lock& lock) {
     return client_.unsubscribeWait(topic, this, PATIENCE);
 }
 
-void MqttDataBase::publish(Lock& lock) {
+Error MqttDataBase::send(bool wait, Lock& lock) {
     Topic topic;
     getPublishTopic(topic);
     std::string payload;
     serialize(topic, payload);
     lock.unlock();
-    client_.publish(topic, payload, qos_, retained_);
+    return wait ? client_.publishWait(topic, payload, qos_, retained_, PATIENCE)
+                : client_.publish(topic, payload, qos_, retained_);
+}
+
+void MqttDataBase::publish(Lock& lock) {
+    send(false, lock);
 }
 
 void MqttDataBase::publish() {
@@ -93,12 +98,7 @@ void MqttDataBase::publish() {
 }
 
 void MqttDataBase::publishWait(Lock& lock) {
-    Topic topic;
-    getPublishTopic(topic);
-    std::string payload;
-    serialize(topic, payload);
-    lock.unlock();
-    client_.publishWait(topic, payload, qos_, retained_, PATIENCE);
+    send(true, lock);
 }
 
 void MqttDataBase::publishWait() {

@@ -5,7 +5,10 @@
 //   is called.
 // - Each run has a number. What an earlier one left in flight, a reply, an expiry of the timer or
 //   a call to the listener, is recognised by it and changes nothing.
+// - An active proxy that is not synchronised has a request under way or, when that could not be
+//   sent, its timer armed to try again.
 
+#include "common/user_call.hpp"
 #include "common/visitors.hpp"
 #include "common/wait.hpp"
 #include "mqtt/time_base.hpp"
@@ -13,6 +16,7 @@
 
 #include <cmath>
 #include <limits>
+#include <utility>
 
 namespace mqtt {
 
@@ -27,6 +31,7 @@ using ErrorCode = RequestReply::ErrorCode;
 constexpr conv::SecondsDuration REQUEST_TIMEOUT{5};
 constexpr milliseconds INITIAL_PERIOD{1000};
 constexpr milliseconds SAMPLE_PERIOD{30000};
+constexpr milliseconds RETRY_PERIOD{1000};
 
 constexpr std::int32_t SAMPLES = 10;
 constexpr double FIRST_GAIN = 0.1;
@@ -41,8 +46,6 @@ public:
     explicit Sample(unsigned int ofRun) : run(ofRun) {}
 
     void deserialize(zym::common::lwjson::Deserializer& in) override {
-        // More than one message may be read into this, and the last one counts.
-        isRead_ = false;
         TimeSyncReplyData::deserialize(in);
         isRead_ = true;
     }
@@ -63,10 +66,12 @@ SynchronizedTimeBaseMqttProxy::SynchronizedTimeBaseMqttProxy(
     MqttClient& client, Topic const& topic, Uuid const& uuid,
     zym::common::SynchronizedTimeBaseProxy::Listener* listener)
     : zym::common::SynchronizedTimeBaseProxy(uuid, listener),
-      timer_([this] { onTimer(); }, INITIAL_PERIOD, false),
+      // A derived clock may throw, and not every timer catches that.
+      timer_([this] { callUser([this] { onTimer(); }); }, INITIAL_PERIOD, false),
       requestClient_(client, topic, Topic(), TIME_SYNC_REQUEST_REPLY_NAME),
       callers_(std::make_shared<Visitors>()),
-      tellers_(std::make_shared<Visitors>()) {
+      tellers_(std::make_shared<Visitors>()),
+      mqtt_(client) {
     reset(Lock(mutex_));
 }
 
@@ -116,6 +121,9 @@ bool SynchronizedTimeBaseMqttProxy::start(Uuid const& server, bool blocking, Loc
     setServerUuid(server);
     active_ = true;
     try {
+        // The timer's thread is made now, while the caller can be told that there is none.
+        arm(SAMPLE_PERIOD, lock);
+        timer_.stop();
         active_ = sendRequest(!blocking, lock);
     } catch (...) {
         active_ = false;
@@ -127,7 +135,9 @@ bool SynchronizedTimeBaseMqttProxy::start(Uuid const& server, bool blocking, Loc
 bool SynchronizedTimeBaseMqttProxy::waitUntilSynchronized(conv::SecondsDuration const& timeout,
                                                           Lock& lock) {
     // As a signed number: all ones is a second ago, and nobody waits.
-    auto const deadline = steady_clock::now() + seconds(timeout.toInt32());
+    // The worker would have to read the replies that it waits for.
+    auto const patience = mqtt_.onWorkerThread() ? 0 : timeout.toInt32();
+    auto const deadline = steady_clock::now() + seconds(patience);
     auto const run = run_;
     while (run == run_ && active_) {
         if (isSynchronized())
@@ -160,6 +170,8 @@ void SynchronizedTimeBaseMqttProxy::stop(Lock const& lock) {
 void SynchronizedTimeBaseMqttProxy::reset(Lock const& /*lock*/) {
     ++run_;
     active_ = false;
+    retrying_ = false;
+    periodic_ = false;
     setSynchronizedFlag(false);
     remainingSamples_ = SAMPLES;
     setOffset(0.0);
@@ -171,9 +183,9 @@ void SynchronizedTimeBaseMqttProxy::forceSync() {
     Lock const lock(mutex_);
     if (!isSynchronized())
         return;
+    sendRequest(true, lock);
     remainingSamples_ = SAMPLES;
     setOffset(0.0);
-    sendRequest(true, lock);
 }
 
 bool SynchronizedTimeBaseMqttProxy::sendRequest(bool notify, Lock const& lock) {
@@ -196,6 +208,27 @@ bool SynchronizedTimeBaseMqttProxy::tryToSendRequest(Lock const& /*lock*/) {
            == ErrorCode::PENDING;
 }
 
+/// Makes the next exchange of a run, now or, when that cannot be, later.
+void SynchronizedTimeBaseMqttProxy::goOn(Lock const& lock) {
+    try {
+        if (sendRequest(notifyOnSuccess_, lock))
+            return;
+    } catch (...) {
+        // No memory, or a derived clock that throws.
+    }
+    if (isSynchronized() || isTerminated())
+        return; // the periodic exchange is enough, or nobody needs one
+    retrying_ = true;
+    arm(RETRY_PERIOD, lock);
+}
+
+void SynchronizedTimeBaseMqttProxy::arm(milliseconds period, Lock const& /*lock*/) {
+    std::unique_lock<std::mutex> timerLock(timer_.mutex());
+    timer_.setPeriod(period, timerLock);
+    timer_.once = false;
+    timer_.restart(timerLock);
+}
+
 void SynchronizedTimeBaseMqttProxy::onReply(unsigned int /*requestId*/, std::string const& /*name*/,
                                             Uuid const& /*clientUuid*/, Uuid const& /*serverUuid*/,
                                             RequestReplyData const& data, ErrorCode error) {
@@ -203,7 +236,7 @@ void SynchronizedTimeBaseMqttProxy::onReply(unsigned int /*requestId*/, std::str
     auto const* const sample = dynamic_cast<Sample const*>(&data);
     if (sample == nullptr)
         return;
-    double const offset = sample->offset(localTimeBase());
+    double const offset = offsetOf(*sample);
     auto const run = sample->run;
     bool done = false;
     {
@@ -213,10 +246,19 @@ void SynchronizedTimeBaseMqttProxy::onReply(unsigned int /*requestId*/, std::str
         if (error == ErrorCode::SUCCESS && std::isfinite(offset))
             done = updateTimeBase(offset, lock);
         else
-            sendRequest(notifyOnSuccess_, lock);
+            goOn(lock);
     }
     if (done)
         tellListener(run);
+}
+
+/// Not a number when the reply could not be read, or our clock.
+double SynchronizedTimeBaseMqttProxy::offsetOf(Sample const& sample) const {
+    try {
+        return sample.offset(localTimeBase());
+    } catch (...) {
+        return std::numeric_limits<double>::quiet_NaN();
+    }
 }
 
 bool SynchronizedTimeBaseMqttProxy::isCurrent(Sample const& sample, Lock const& /*lock*/) const {
@@ -227,6 +269,8 @@ bool SynchronizedTimeBaseMqttProxy::isCurrent(Sample const& sample, Lock const& 
 bool SynchronizedTimeBaseMqttProxy::updateTimeBase(double sample, Lock const& lock) {
     if (isSynchronized()) {
         filter(sample, lock);
+        if (!periodic_)
+            startPeriodicExchange(lock);
         return false;
     }
     if (remainingSamples_ == SAMPLES) {
@@ -236,7 +280,7 @@ bool SynchronizedTimeBaseMqttProxy::updateTimeBase(double sample, Lock const& lo
         filter(sample, lock);
     }
     if (--remainingSamples_ > 0) {
-        sendRequest(notifyOnSuccess_, lock);
+        goOn(lock);
         return false;
     }
     setSynchronized(lock);
@@ -249,13 +293,19 @@ void SynchronizedTimeBaseMqttProxy::filter(double sample, Lock const& /*lock*/) 
         gain_ *= GAIN_DECAY;
 }
 
-void SynchronizedTimeBaseMqttProxy::setSynchronized(Lock const& /*lock*/) {
+void SynchronizedTimeBaseMqttProxy::setSynchronized(Lock const& lock) {
     setSynchronizedFlag(true);
     changed_.notify_all();
-    std::unique_lock<std::mutex> timerLock(timer_.mutex());
-    timer_.setPeriod(SAMPLE_PERIOD, timerLock);
-    timer_.once = false;
-    timer_.restart(timerLock);
+    startPeriodicExchange(lock);
+}
+
+void SynchronizedTimeBaseMqttProxy::startPeriodicExchange(Lock const& lock) {
+    try {
+        arm(SAMPLE_PERIOD, lock);
+        periodic_ = true;
+    } catch (...) {
+        // A timer may need a new thread each time, and there is none: the next sample tries again.
+    }
 }
 
 void SynchronizedTimeBaseMqttProxy::tellListener(unsigned int run) {
@@ -266,7 +316,7 @@ void SynchronizedTimeBaseMqttProxy::tellListener(unsigned int run) {
             return;
     }
     // The listener may destroy this object.
-    notifyListener();
+    callUser([this] { notifyListener(); });
 }
 
 void SynchronizedTimeBaseMqttProxy::onTimer() {
@@ -275,18 +325,24 @@ void SynchronizedTimeBaseMqttProxy::onTimer() {
     Uuid server;
     {
         Lock const lock(mutex_);
-        if (!isSynchronized())
+        if (std::exchange(retrying_, false)) {
+            timer_.stop();
+            goOn(lock);
+            return;
+        }
+        // Without a connection the exchanges would only fill the queue.
+        if (!isSynchronized() || mqtt_.communicationState() != conv::ComState::CONNECTED)
             return;
         notifyOnSuccess_ = true;
         sample = std::make_shared<Sample>(run_);
         request = std::make_shared<TimeSyncRequestData>(localTimeBase());
         server = serverUuid();
     }
-    // Unless it was a reply that ended the exchange, one may be read into the sample just now.
+    // Unless it was a reply that ended the exchange, the sample has not been read.
     if (requestClient_.requestWait(uuid(), server, request, sample, REQUEST_TIMEOUT)
         != ErrorCode::SUCCESS)
         return;
-    double const offset = sample->offset(localTimeBase());
+    double const offset = offsetOf(*sample);
     Lock const lock(mutex_);
     if (std::isfinite(offset) && isCurrent(*sample, lock))
         updateTimeBase(offset, lock);

@@ -24,18 +24,6 @@ constexpr std::chrono::seconds NEVER{60 * support::SLOWNESS};
 constexpr std::size_t REMEMBERED = 200;
 constexpr std::size_t KEPT = 50;
 
-/// Requests are told apart by the millisecond: the reply to one that was called off would answer
-/// the next one of the same.
-void awaitNextIdentifier() {
-    using std::chrono::milliseconds;
-    auto const now = [] {
-        return std::chrono::duration_cast<milliseconds>(
-            std::chrono::steady_clock::now().time_since_epoch());
-    };
-    auto const before = now();
-    support::eventually([&] { return now() != before; });
-}
-
 std::string text(ErrorCode error) {
     switch (error) {
     case ErrorCode::SUCCESS:
@@ -123,7 +111,6 @@ void Asker::step() {
 }
 
 Asker::ErrorCode Asker::askAndWait() {
-    awaitNextIdentifier();
     auto const number = ++number_;
     auto const answer = std::make_shared<NumberData>();
     auto const error = requests_->requestWait(id_, zym::common::Uuid::NIL,
@@ -134,7 +121,6 @@ Asker::ErrorCode Asker::askAndWait() {
 }
 
 void Asker::askWithListener() {
-    awaitNextIdentifier();
     auto const number = ++number_;
     auto const answer = std::make_shared<NumberData>();
     endings_.push_back(std::make_unique<Ending>(answer));

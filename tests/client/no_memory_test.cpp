@@ -8,30 +8,15 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <new>
 #include <string>
 
 namespace {
 
 using mqtt::MqttClient;
 using mqtt::Topic;
+using support::failEverywhere;
 using support::FailingAllocation;
 using Error = MqttClient::Error;
-
-/// Calls the action with its first allocation failing, then with its second one, and so on, until
-/// none is left to fail. @return how often it failed
-template <class Action, class Check>
-unsigned failEverywhere(Action const& action, Check const& check) {
-    for (unsigned which = 1;; ++which) {
-        try {
-            FailingAllocation const failing(which);
-            action();
-            return which - 1;
-        } catch (std::bad_alloc const&) {
-            check(which);
-        }
-    }
-}
 
 TEST(AnIndexWithoutMemory, StaysAsItWas) {
     for (std::string const text : {"a/name-of-more-than-fifteen-bytes/+/another-one-of-that-kind/#",

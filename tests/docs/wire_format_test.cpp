@@ -68,7 +68,7 @@ conv::CommunicationStatus communication(conv::ComState state, conv::UnixTime sin
 
 conv::Identification identification() {
     conv::Identification result;
-    result.uuid = SERVER.base64URL();
+    result.uuid = SERVER.to_string();
     result.manufacturer = "Pumps & Sons";
     result.model = "P-200";
     result.serial = "0042";

@@ -90,7 +90,6 @@ protected:
 
     void next() {
         ++number;
-        awaitNextIdentifier();
         auto const result =
             client->request(&link, id, Uuid::NIL, std::make_shared<NumberData>(number), replyData,
                             nullptr, withoutTime() ? 0 : WITHOUT_LIMIT);
@@ -137,7 +136,6 @@ TEST_F(AWait, BelongsToTheRequestItBeganWith) {
             EXPECT_EQ(request(WITHOUT_LIMIT), Code::PENDING);
             set(made);
         });
-        awaitNextIdentifier();
         unsigned int firstId = 0;
         ASSERT_EQ(
             client->request(&first, id, Uuid::NIL, nullptr, replyData, &firstId, WITHOUT_LIMIT),
@@ -200,7 +198,6 @@ TEST_F(AWait, IsOverBeforeTheClientIs) {
         EXPECT_THAT(ending.errors(), ElementsAre(FAILURE_OF_THE_SERVICE));
         client = makeClient();
         peer.clearMessages();
-        awaitNextIdentifier();
     }
 }
 
@@ -252,6 +249,57 @@ TEST_F(AListenerThatDestroysItsClient, DoesSoWithTheTimeOutReply) {
     receiveAll();
     EXPECT_EQ(client, nullptr);
     EXPECT_THAT(second.errors(), ElementsAre(Code::TIMEOUT));
+}
+
+/// On the timer's thread, which ends a request when the broker does not carry its time-out reply.
+class AListenerOnTheTimersThread : public ClientOnABroker {
+protected:
+    AListenerOnTheTimersThread() { client = makeClient("+"); } // no such topic can be
+
+    void requestFor(ReplyRecorder& listener) {
+        ASSERT_EQ(client->request(&listener, id, Uuid::NIL, nullptr, nullptr, nullptr, 0),
+                  Code::PENDING);
+    }
+};
+
+TEST_F(AListenerOnTheTimersThread, MayDestroyTheClient) {
+    support::Watched<bool> gone;
+    ReplyRecorder ending([&](Call const&) {
+        client.reset();
+        set(gone);
+    });
+    requestFor(ending);
+    ASSERT_TRUE(gone.waitFor(isSet));
+    EXPECT_THAT(ending.errors(), ElementsAre(Code::TIMEOUT));
+}
+
+TEST_F(AListenerOnTheTimersThread, KeepsNobodyWaitingWhoTerminatesTheClient) {
+    support::Watched<bool> terminated;
+    ReplyRecorder ending([&](Call const&) {
+        std::thread([this] { client->terminate(); }).join();
+        set(terminated);
+    });
+    requestFor(ending);
+    EXPECT_TRUE(terminated.waitFor(isSet));
+    client.reset();
+    EXPECT_THAT(ending.errors(), ElementsAre(Code::TIMEOUT));
+}
+
+TEST_F(AListenerOnTheTimersThread, IsWaitedForByADestruction) {
+    support::Watched<bool> inside;
+    std::atomic<bool> left{false};
+    ReplyRecorder slow([&](Call const&) {
+        set(inside);
+        // Ended, so that the destruction has nothing else to wait for.
+        EXPECT_TRUE(support::eventually([this] {
+            return client->requestWait(id, Uuid::NIL, nullptr, nullptr, 0) == Code::CANCELLED;
+        }));
+        left = true;
+    });
+    requestFor(slow);
+    ASSERT_TRUE(inside.waitFor(isSet));
+    client->release();
+    EXPECT_TRUE(left);
 }
 
 class TheEndOfARequestReplyClient : public ClientOnABroker {};
@@ -324,7 +372,6 @@ TEST_F(TheEndOfARequestReplyClient, SparesAReplyThatIsBeingRead) {
         EXPECT_THAT(last.errors(), ElementsAre(Code::CANCELLED));
         client = makeClient();
         peer.clearMessages();
-        awaitNextIdentifier();
     }
 }
 

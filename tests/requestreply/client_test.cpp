@@ -1,13 +1,16 @@
 #include "requestreply/client_frame.hpp"
 
 #include "requestreply/malformed.hpp"
+#include "support/flag.hpp"
 #include "support/scripted_server.hpp"
 
 #include <chrono>
+#include <stdexcept>
 
 namespace {
 
 using mqtt::NO_DATA;
+using support::isSet;
 using support::Message;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -68,6 +71,17 @@ TEST_F(ARequestReplyClient, TakesTheIdentifierFromTheSteadyClock) {
               static_cast<unsigned int>(after - before));
 }
 
+TEST_F(ARequestReplyClient, NeverTakesAnIdentifierTwice) {
+    unsigned int last = 0;
+    // Many more than there are milliseconds.
+    for (int i = 0; i < 100; ++i) {
+        ASSERT_EQ(request(), Code::PENDING);
+        EXPECT_GT(requestId, last);
+        last = requestId;
+        client->cancel();
+    }
+}
+
 TEST_F(ARequestReplyClient, PutsTheServersIdentifierIntoBothTopics) {
     auto const serverId = support::uniqueId();
     ASSERT_EQ(client->request(&recorder, id, serverId, nullptr, nullptr, &requestId, AN_HOUR),
@@ -118,6 +132,31 @@ TEST_F(ARequestReplyClient, IgnoresAReplyWithAnotherIdentifier) {
     reply(replyText(requestId, 17));
     ASSERT_TRUE(recorder.waitForCount(1));
     EXPECT_THAT(recorder.errors(), ElementsAre(FAILURE_OF_THE_SERVICE));
+    EXPECT_EQ(replyData->number, 0U) << "the payload of another reply";
+}
+
+TEST_F(ARequestReplyClient, ReadsNothingMoreWhenItsRequestHasEnded) {
+    // Stands before the client among those who receive the reply, and delays it.
+    support::Watched<bool> entered;
+    support::Watched<bool> left;
+    struct Delay : mqtt::MqttClient::Subscriber {
+        explicit Delay(std::function<void()> hook) : hook_(std::move(hook)) {}
+        void onMqttMessage(int, mqtt::Topic const&, std::string const&) override { hook_(); }
+        std::function<void()> hook_;
+    } delay([&] {
+        set(entered);
+        left.waitFor(isSet);
+    });
+    ASSERT_EQ(mqtt->subscribe(replyTopic(), &delay, 0), mqtt::MqttClient::Error::SUCCESS);
+    ASSERT_EQ(request(), Code::PENDING);
+    reply(replyText(requestId, 1, "\"number\": 8"));
+    ASSERT_TRUE(entered.waitFor(isSet));
+    client->cancel();
+    set(left);
+    receiveAll();
+    EXPECT_EQ(replyData->number, 0U);
+    EXPECT_THAT(recorder.errors(), ElementsAre(Code::CANCELLED));
+    mqtt->release(&delay);
 }
 
 TEST_F(ARequestReplyClient, IgnoresAnEmptyPayloadOnTheReplyTopic) {
@@ -227,6 +266,56 @@ TEST_F(ARequestReplyClient, TellsItsListenerOfACancellationOnTheSpot) {
     reply(replyText(requestId, 1));
     receiveAll();
     EXPECT_THAT(recorder.calls(), SizeIs(1));
+}
+
+/// Every thread that ends a request calls the listener.
+TEST_F(ARequestReplyClient, DropsWhatItsListenerThrows) {
+    ReplyRecorder throwing([](Call const&) { throw std::runtime_error("of the listener"); });
+    std::vector<std::function<void()>> const ends{
+        [this] { EXPECT_EQ(client->cancel(), Code::SUCCESS); },
+        [this] { EXPECT_EQ(client->waitEndOfRequest(0), Code::TIMEOUT); },
+        [this] { reply(replyText(requestId, 1)); },
+        [this] { client->terminate(); },
+        [this] { client.reset(); },
+    };
+    for (std::size_t i = 0; i < ends.size(); ++i) {
+        ASSERT_EQ(client->request(&throwing, id, Uuid::NIL, nullptr, nullptr, &requestId, AN_HOUR),
+                  Code::PENDING)
+            << "after end " << i;
+        ends[i]();
+        ASSERT_TRUE(throwing.waitForCount(i + 1));
+        if (client && client->requestWait(id, Uuid::NIL, nullptr, nullptr, 0) == Code::CANCELLED)
+            client = makeClient();
+    }
+}
+
+TEST_F(ARequestReplyClient, WaitsForOneRequestOnly) {
+    ASSERT_EQ(request(), Code::PENDING);
+    auto const first = requestId;
+    client->cancel();
+    EXPECT_EQ(client->waitEndOfRequest(first, 0), Code::CANCELLED);
+    ASSERT_EQ(request(), Code::PENDING);
+    EXPECT_EQ(client->waitEndOfRequest(first, 0), Code::CANCELLED);
+    expectStillPending();
+    EXPECT_EQ(client->waitEndOfRequest(requestId, 0), Code::TIMEOUT);
+}
+
+/// The reply would have to be read by the thread that waits for it.
+TEST_F(ARequestReplyClient, DoesNotWaitOnTheWorker) {
+    Code waited = Code::NONE;
+    Code requested = Code::NONE;
+    ReplyRecorder first([&](Call const&) {
+        requested = client->requestWait(id, Uuid::NIL, nullptr, nullptr, AN_HOUR);
+        EXPECT_EQ(request(), Code::PENDING);
+        waited = client->waitEndOfRequest(conv::SecondsDuration::NO_TIMEOUT);
+    });
+    ASSERT_EQ(client->request(&first, id, Uuid::NIL, nullptr, nullptr, &requestId, AN_HOUR),
+              Code::PENDING);
+    reply(replyText(requestId, 1));
+    ASSERT_TRUE(recorder.waitForCount(1));
+    receiveAll();
+    EXPECT_EQ(requested, Code::TIMEOUT);
+    EXPECT_EQ(waited, Code::TIMEOUT);
 }
 
 TEST_F(ARequestReplyClient, SendsNothingAfterItsTermination) {

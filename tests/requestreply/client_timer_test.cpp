@@ -4,11 +4,13 @@
 #include "requestreply/sleeper.hpp"
 #include "support/hand_driven_timer.hpp"
 #include "support/leaping_clock.hpp"
+#include "support/temp_dir.hpp"
 
 #include <array>
 #include <atomic>
 #include <chrono>
 #include <deque>
+#include <fstream>
 #include <memory>
 
 namespace {
@@ -87,7 +89,6 @@ TEST_F(AClientWithATimerInOurHand, IgnoresTheLateTimeOutReplyOfAnEarlierRequest)
     auto const first = requestId;
     client->cancel();
     hand_driven_timer::expire();
-    awaitNextIdentifier();
     ASSERT_EQ(request(), Code::PENDING);
     reply(replyText(first, 3));
     receiveAll();
@@ -95,6 +96,86 @@ TEST_F(AClientWithATimerInOurHand, IgnoresTheLateTimeOutReplyOfAnEarlierRequest)
     reply(replyText(requestId, 1));
     ASSERT_TRUE(recorder.waitForCount(2));
     EXPECT_THAT(recorder.errors(), ElementsAre(Code::CANCELLED, Code::SUCCESS));
+}
+
+TEST_F(AClientWithATimerInOurHand, QueuesOneTimeOutReplyWithoutAConnection) {
+    ASSERT_EQ(mqtt->disconnect(30), mqtt::MqttClient::Error::SUCCESS);
+    ASSERT_EQ(request(0), Code::PENDING);
+    for (int expiry = 0; expiry < 5; ++expiry)
+        hand_driven_timer::expire();
+    EXPECT_THAT(recorder.calls(), IsEmpty());
+    ASSERT_EQ(mqtt->connect("", -1, 30), mqtt::MqttClient::Error::SUCCESS);
+    ASSERT_TRUE(recorder.waitForCount(1));
+    EXPECT_THAT(recorder.errors(), ElementsAre(Code::TIMEOUT));
+    EXPECT_THAT(seen(), SizeIs(2)) << "the request and its time-out reply";
+}
+
+/// The broker denies the topics, but says nothing of it.
+class ADeniedRequest : public AClientWithATimerInOurHand {
+protected:
+    ADeniedRequest() {
+        support::BrokerOptions options;
+        auto const list = directory.file("denied");
+        std::ofstream(list) << "topic readwrite other/#\n";
+        options.extraLines = {"acl_file " + list};
+        denying = std::make_unique<support::Broker>(options);
+        client.reset();
+        mqtt = support::testClient(*denying);
+        client = makeClient();
+        hand_driven_timer::reset();
+    }
+    ~ADeniedRequest() override {
+        client.reset();
+        mqtt.reset();
+    }
+
+    support::TempDir directory;
+    std::unique_ptr<support::Broker> denying;
+};
+
+TEST_F(ADeniedRequest, EndsAfterTwoTimeOutRepliesInVain) {
+    ASSERT_EQ(request(0), Code::PENDING);
+    hand_driven_timer::expire();
+    EXPECT_EQ(hand_driven_timer::record().period, seconds(1));
+    EXPECT_TRUE(hand_driven_timer::record().armed);
+    hand_driven_timer::expire();
+    EXPECT_EQ(requestWait(), Code::BUSY) << "the second one is still to come back";
+    hand_driven_timer::expire();
+    hand_driven_timer::expire();
+    ASSERT_THAT(recorder.calls(), SizeIs(1));
+    EXPECT_EQ(recorder.calls()[0].error, Code::TIMEOUT);
+    EXPECT_EQ(recorder.calls()[0].data, replyData.get());
+    EXPECT_EQ(recorder.calls()[0].thread, std::this_thread::get_id());
+    EXPECT_FALSE(hand_driven_timer::record().armed);
+    EXPECT_EQ(request(), Code::PENDING);
+}
+
+TEST_F(ADeniedRequest, StaysPendingWhileThereIsNoConnection) {
+    ASSERT_EQ(request(0), Code::PENDING);
+    hand_driven_timer::expire();
+    hand_driven_timer::expire();
+    ASSERT_EQ(mqtt->disconnect(30), mqtt::MqttClient::Error::SUCCESS);
+    hand_driven_timer::expire();
+    EXPECT_THAT(recorder.calls(), IsEmpty());
+    ASSERT_EQ(mqtt->connect("", -1, 30), mqtt::MqttClient::Error::SUCCESS);
+    hand_driven_timer::expire();
+    EXPECT_THAT(recorder.errors(), ElementsAre(Code::TIMEOUT));
+}
+
+TEST_F(AClientWithATimerInOurHand, EndsARequestToATopicThatCannotBeWhenItsTimeIsOver) {
+    for (bool const connected : {true, false}) {
+        client = makeClient("+"); // and "+??" is no topic
+        if (!connected) {
+            ASSERT_EQ(mqtt->disconnect(30), mqtt::MqttClient::Error::SUCCESS);
+        }
+        ReplyRecorder ending;
+        ASSERT_EQ(client->request(&ending, id, Uuid::NIL, nullptr, nullptr, nullptr, 0),
+                  Code::PENDING);
+        hand_driven_timer::expire();
+        EXPECT_THAT(ending.errors(), ElementsAre(Code::TIMEOUT)) << connected;
+        client.reset();
+    }
+    EXPECT_THAT(peer.messages(), IsEmpty());
 }
 
 // Long enough for a reply to come first, also on a busy machine; nobody waits that long.
@@ -120,6 +201,7 @@ TEST_F(AClientWithATimerInOurHand, TellsWaiterAndListenerDifferentThingsWhenTheW
     EXPECT_EQ(result, Code::TIMEOUT);
     ASSERT_TRUE(recorder.waitForCount(1));
     EXPECT_THAT(recorder.errors(), ElementsAre(FAILURE_OF_THE_SERVICE));
+    EXPECT_EQ(client->waitEndOfRequest(AN_HOUR), Code::TIMEOUT) << "as the last wait said";
 }
 
 TEST_F(AClientWithATimerInOurHand, TellsThePatientWhatTheReplySaysWhenAnotherWaiterIsLate) {

@@ -39,7 +39,6 @@ TEST_F(AReplyInFlight, ChangesNothingAfterAStop) {
     letItGo();
     EXPECT_FALSE(proxy->isSynchronized());
     EXPECT_FALSE(record(0).armed);
-    EXPECT_EQ(record(0).restarts, 0);
     EXPECT_EQ(proxy->offset(), 0.0);
     EXPECT_EQ(listener.count(), 0);
     EXPECT_EQ(requestCount(), 10U);
@@ -51,7 +50,7 @@ TEST_F(AReplyInFlight, ChangesNothingAfterTermination) {
     proxy->terminate();
     letItGo();
     EXPECT_FALSE(proxy->isSynchronized());
-    EXPECT_EQ(record(0).restarts, 0);
+    EXPECT_FALSE(record(0).armed);
     EXPECT_EQ(listener.count(), 0);
 }
 

@@ -3,7 +3,10 @@
 #include "services/time_base_frame.hpp"
 #include "support/hand_driven_timer.hpp"
 
+#include <atomic>
+#include <stdexcept>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -84,7 +87,7 @@ TEST_F(ATimeBaseProxyThatSamples, TakesTenSamplesAndNotNine) {
     request(SAMPLES);
     EXPECT_FALSE(proxy->isSynchronized());
     EXPECT_EQ(listener.count(), 0);
-    EXPECT_EQ(record(SAMPLING).restarts, 0);
+    EXPECT_FALSE(record(SAMPLING).armed);
     answer(SAMPLES, 5.0);
     ASSERT_TRUE(listener.isTold());
     EXPECT_TRUE(proxy->isSynchronized());
@@ -98,7 +101,6 @@ TEST_F(ATimeBaseProxyThatSamples, ThenTakesOneEvery30Seconds) {
     ASSERT_TRUE(listener.isTold());
     auto const timer = record(SAMPLING);
     EXPECT_TRUE(timer.armed);
-    EXPECT_EQ(timer.restarts, 1);
     EXPECT_EQ(timer.period, seconds(30));
     EXPECT_FALSE(timer.once);
     std::thread expiry([] { hand_driven_timer::expire(SAMPLING); });
@@ -106,7 +108,7 @@ TEST_F(ATimeBaseProxyThatSamples, ThenTakesOneEvery30Seconds) {
     expiry.join();
     EXPECT_GT(proxy->offset(), 5.0);
     EXPECT_TRUE(record(SAMPLING).armed);
-    EXPECT_EQ(record(SAMPLING).restarts, 1);
+    EXPECT_EQ(record(SAMPLING).restarts, timer.restarts) << "it repeats by itself";
     EXPECT_EQ(requestCount(), 11U);
 }
 
@@ -178,6 +180,53 @@ TEST_F(ATimeBaseProxyThatSamples, MakesAnExchangeAgainWhoseTimesCannotBeRead) {
     EXPECT_DOUBLE_EQ(proxy->offset(), 5.0);
 }
 
+/// As when there is no memory for the next request, or for the sample.
+TEST_F(ATimeBaseProxyThatSamples, GoesOnWhenItsClockFailsInBetween) {
+    // The clock is read when a reply comes in, and when the next exchange is made.
+    for (int const reading : {1, 2}) {
+        std::atomic<int> left{0};
+        proxy = std::make_unique<ClockedProxy>(*mqtt, "svc", id, &listener, [&]() -> double {
+            if (left > 0 && --left == 0)
+                throw std::runtime_error("no clock");
+            return now;
+        });
+        auto const first = requestCount() + 1;
+        ASSERT_TRUE(proxy->startSync(server));
+        request(first);
+        left = reading;
+        answer(first, 5.0);
+        receiveAll();
+        EXPECT_EQ(left, 0);
+        auto const timer = record(SAMPLING);
+        EXPECT_EQ(timer.armed, reading == 2) << "a reply without a time is asked for again";
+        if (timer.armed) {
+            EXPECT_EQ(timer.period, seconds(1));
+            hand_driven_timer::expire(SAMPLING);
+            EXPECT_FALSE(record(SAMPLING).armed);
+        }
+        request(first + 1);
+        proxy.reset();
+    }
+}
+
+TEST_F(ATimeBaseProxyThatSamples, KnowsTheTimeAlsoWithoutATimerForThePeriodicExchange) {
+    answerAll(1, SAMPLES - 1, 5.0);
+    request(SAMPLES);
+    hand_driven_timer::onRestart([] {
+        throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again));
+    });
+    answer(SAMPLES, 5.0);
+    EXPECT_TRUE(listener.isTold());
+    EXPECT_TRUE(proxy->isSynchronized());
+    receiveAll();
+    EXPECT_FALSE(record(SAMPLING).armed);
+    hand_driven_timer::onRestart(nullptr);
+    proxy->forceSync();
+    answer(SAMPLES + 1, 5.0);
+    receiveAll();
+    EXPECT_TRUE(record(SAMPLING).armed) << "with the next sample";
+}
+
 TEST_F(ATimeBaseProxyThatSamples, DropsWhatIsNoReplyAtAll) {
     auto const question = request(1);
     for (std::string const text : {"null", "[]", "12", "{}", "{", "", "{\"$err\": 1}"})
@@ -208,7 +257,6 @@ TEST_F(ATimeBaseProxyThatSamples, TakesTenSamplesAgainAfterAStop) {
     answerAll(1, 5, 5.0);
     request(6);
     proxy->stop();
-    awaitNextIdentifier();
     ASSERT_TRUE(proxy->startSync(server));
     answerAll(7, 9, 5.0);
     request(16);
@@ -275,6 +323,13 @@ TEST_F(ATimeBaseProxyThatKnowsTheTime, LeavesAForcedExchangeToThePeriodicOneUnde
     expiry.join();
     EXPECT_GT(proxy->offset(), 0.0);
     EXPECT_TRUE(proxy->isSynchronized());
+}
+
+TEST_F(ATimeBaseProxyThatKnowsTheTime, AsksNobodyWithoutAConnection) {
+    ASSERT_EQ(mqtt->disconnect(30), mqtt::MqttClient::Error::SUCCESS);
+    hand_driven_timer::expire();
+    ASSERT_EQ(mqtt->connect("", -1, 30), mqtt::MqttClient::Error::SUCCESS);
+    EXPECT_EQ(requestCount(), 10U);
 }
 
 TEST_F(ATimeBaseProxyThatKnowsTheTime, TerminatesAndKeepsIt) {

@@ -47,7 +47,6 @@ protected:
 
     /// Whatever was done before, the proxy can learn the time of a server.
     void expectItCanStart() {
-        awaitNextIdentifier();
         auto const next = requestCount() + 1;
         ASSERT_TRUE(proxy->startSync(server));
         answerAll(next, SAMPLES, 5.0);
@@ -105,6 +104,21 @@ TEST_F(AWaitForTheTime, OfNoLengthDoesNotWait) {
 TEST_F(AWaitForTheTime, OfNegativeLengthDoesNotWait) {
     EXPECT_FALSE(proxy->synchronize(server, FIRST_NEGATIVE));
     EXPECT_FALSE(proxy->synchronize(server, SecondsDuration::NO_TIMEOUT));
+    expectIdle();
+    expectItCanStart();
+}
+
+/// The replies would have to be read by the thread that waits for them.
+TEST_F(AWaitForTheTime, OnTheWorkerDoesNotWait) {
+    struct Caller : mqtt::MqttClient::Subscriber {
+        explicit Caller(std::function<void()> hook) : hook_(std::move(hook)) {}
+        void onMqttMessage(int, mqtt::Topic const&, std::string const&) override { hook_(); }
+        std::function<void()> hook_;
+    } caller([this] { EXPECT_FALSE(proxy->synchronize(server, AN_HOUR)); });
+    ASSERT_EQ(mqtt->subscribe("call", &caller, 0), mqtt::MqttClient::Error::SUCCESS);
+    ASSERT_EQ(mqtt->publish("call", "x", 2, false), mqtt::MqttClient::Error::SUCCESS);
+    receiveAll();
+    mqtt->release(&caller);
     expectIdle();
     expectItCanStart();
 }
@@ -171,7 +185,6 @@ TEST_F(AWaitForTheTime, DoesNotStopTheRunThatFollowsItsOwn) {
 
 TEST_F(AWaitForTheTime, MayFollowAnother) {
     EXPECT_FALSE(proxy->synchronize(server, 0));
-    awaitNextIdentifier();
     Wait wait(*proxy, server);
     answerAll(2, SAMPLES, 5.0);
     EXPECT_TRUE(wait.result());

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <new>
 
 namespace support {
 
@@ -42,5 +43,20 @@ public:
 
     bool happened() const { return allocations >= failingAllocation; }
 };
+
+/// Calls the action with its first allocation failing, then with its second one, and so on, until
+/// none is left to fail. @return how often it failed
+template <class Action, class Check>
+unsigned failEverywhere(Action const& action, Check const& check) {
+    for (unsigned which = 1;; ++which) {
+        try {
+            FailingAllocation const failing(which);
+            action();
+            return which - 1;
+        } catch (std::bad_alloc const&) {
+            check(which);
+        }
+    }
+}
 
 } // namespace support

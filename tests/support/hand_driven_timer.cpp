@@ -30,12 +30,23 @@ struct Known {
 
 std::mutex theMutex; // what follows
 std::vector<Known> theTimers;
+std::function<void()> theRestartHook;
 std::function<void()> theStopHook;
 
 template <class Change>
 void change(hand_driven_timer::Record& record, Change apply) {
     std::lock_guard<std::mutex> const lock(theMutex);
     apply(record);
+}
+
+void call(std::function<void()> const& hook) {
+    std::function<void()> copy;
+    {
+        std::lock_guard<std::mutex> const lock(theMutex);
+        copy = hook;
+    }
+    if (copy)
+        copy();
 }
 
 } // namespace
@@ -51,6 +62,7 @@ void reset() {
     std::lock_guard<std::mutex> const lock(theMutex);
     for (auto const& timer : theTimers)
         *timer.record = Record();
+    theRestartHook = nullptr;
     theStopHook = nullptr;
 }
 
@@ -61,6 +73,11 @@ void expire(std::size_t timer) {
         callback = theTimers.at(timer).callback;
     }
     callback();
+}
+
+void onRestart(std::function<void()> hook) {
+    std::lock_guard<std::mutex> const lock(theMutex);
+    theRestartHook = std::move(hook);
 }
 
 void onStop(std::function<void()> hook) {
@@ -98,6 +115,7 @@ void Timer::setPeriod(std::chrono::milliseconds period,
 }
 
 void Timer::restart(std::unique_lock<std::mutex>& /*lock*/) {
+    call(theRestartHook);
     change(engine_->record, [this](auto& record) {
         ++record.restarts;
         record.armed = true;
@@ -111,13 +129,7 @@ void Timer::stop() {
         ++record.stops;
         record.armed = false;
     });
-    std::function<void()> hook;
-    {
-        std::lock_guard<std::mutex> const lock(theMutex);
-        hook = theStopHook;
-    }
-    if (hook)
-        hook();
+    call(theStopHook);
 }
 
 void Timer::terminate() {

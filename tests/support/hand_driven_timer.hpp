@@ -25,6 +25,8 @@ Record record(std::size_t timer = 0);
 void reset();
 /// Calls the callback, whether armed or not: an expiry that was decided on a while ago.
 void expire(std::size_t timer = 0);
+/// Called within every `restart` of every timer, before it is armed. What it throws comes out.
+void onRestart(std::function<void()> hook);
 /// Called within every `stop` of every timer, on the thread that stops.
 void onStop(std::function<void()> hook);
 

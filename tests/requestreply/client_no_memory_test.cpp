@@ -1,0 +1,61 @@
+// Running out of memory at every possible place in turn.
+
+#include "requestreply/client_frame.hpp"
+#include "support/allocations.hpp"
+#include "support/stand_in/stand_in.hpp"
+
+namespace {
+
+using Operation = support::StandIn::Operation;
+
+/// Counts without asking for memory.
+class EndCounter : public mqtt::RequestReplyClient::Listener {
+public:
+    virtual ~EndCounter() = default;
+    void onReply(unsigned int, std::string const&, zym::common::Uuid const&,
+                 zym::common::Uuid const&, mqtt::RequestReplyData const&, Code) override {
+        ++count;
+    }
+    unsigned count = 0;
+};
+
+class ARequestWithoutMemory : public testing::Test {
+protected:
+    EndCounter ends;
+    zym::common::Uuid id = support::uniqueId();
+    std::unique_ptr<mqtt::MqttClient> mqtt = support::testClient("host", 1883);
+    std::shared_ptr<support::StandIn> script = support::StandIn::last();
+    mqtt::RequestReplyClient client{*mqtt, "svc", "a-sub-path-of-some-length", "sync"};
+};
+
+TEST_F(ARequestWithoutMemory, IsNotMadeAtAll) {
+    auto const data = std::make_shared<NumberData>(7);
+    std::size_t made = 0;
+    auto const request = [&] {
+        ASSERT_EQ(client.request(&ends, id, id, data, data, nullptr, AN_HOUR), Code::PENDING);
+        ++made;
+    };
+    auto const failures = support::failEverywhere(request, [&](unsigned which) {
+        EXPECT_EQ(client.cancel(), Code::SUCCESS);
+        EXPECT_EQ(ends.count, 0U) << "allocation " << which;
+        EXPECT_EQ(script->count(Operation::PUBLISH), 0U) << "allocation " << which;
+    });
+    EXPECT_GE(failures, 10U);
+    EXPECT_EQ(made, 1U);
+    EXPECT_EQ(client.cancel(), Code::SUCCESS);
+    EXPECT_EQ(ends.count, 1U);
+}
+
+/// The end is told, also when the topic cannot be unsubscribed.
+TEST_F(ARequestWithoutMemory, EndsAllTheSame) {
+    for (unsigned which = 1; which <= 5; ++which) {
+        ASSERT_EQ(client.request(&ends, id, id, nullptr, nullptr, nullptr, AN_HOUR), Code::PENDING);
+        {
+            support::FailingAllocation const failing(which);
+            EXPECT_EQ(client.cancel(), Code::SUCCESS);
+        }
+        EXPECT_EQ(ends.count, which);
+    }
+}
+
+} // namespace
