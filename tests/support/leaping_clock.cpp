@@ -21,8 +21,10 @@ steady_clock::time_point realNow() __asm__("__real_" ZYM_TEST_STEADY_NOW);
 steady_clock::time_point leapingNow() __asm__("__wrap_" ZYM_TEST_STEADY_NOW);
 int realWait(pthread_cond_t*, pthread_mutex_t*, clockid_t,
              timespec const*) __asm__("__real_pthread_cond_clockwait");
-int leapingWait(pthread_cond_t*, pthread_mutex_t*, clockid_t,
-                timespec const*) __asm__("__wrap_pthread_cond_clockwait");
+// Visible, because the run-time library of ThreadSanitizer refers to it.
+__attribute__((visibility("default"))) int
+leapingWait(pthread_cond_t*, pthread_mutex_t*, clockid_t,
+            timespec const*) __asm__("__wrap_pthread_cond_clockwait");
 
 steady_clock::time_point leapingNow() {
     return realNow() + ahead.load();
