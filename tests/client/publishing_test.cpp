@@ -131,7 +131,8 @@ TEST_P(AClientAtEveryQos, PublishesFromInsideASubscriber) {
 TEST_P(AClientAtEveryQos, WaitsInVainInsideASubscriberButPublishes) {
     Error result = Error::SUCCESS;
     support::MessageRecorder echo([&](int, Topic const&, std::string const& payload) {
-        result = client_->publishWait("echo", payload, GetParam(), false, 1);
+        result =
+            client_->publishWait("echo", payload, GetParam(), false, SecondsDuration::NO_TIMEOUT);
     });
     ASSERT_EQ(client_->subscribe("call", &echo, 0), Error::SUCCESS);
     payloadsUpToHere(); // so the subscription stands at the broker

@@ -93,6 +93,14 @@ TEST_F(AStateListener, IsRegisteredOnceHoweverOftenItAsks) {
     EXPECT_EQ(first.history().size(), 2U);
 }
 
+TEST_F(AStateListener, ThatIsNobodyIsNotRegistered) {
+    client->registerListener(nullptr);
+    client->registerListener(&first);
+    ASSERT_EQ(connect(), Error::SUCCESS);
+    client->unregisterListener(nullptr);
+    EXPECT_EQ(first.history().size(), 2U);
+}
+
 TEST_F(AStateListener, LeavesTheOthersInPlaceWhenItGoes) {
     client->registerListener(&first);
     client->registerListener(&second);
