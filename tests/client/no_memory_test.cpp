@@ -33,6 +33,18 @@ unsigned failEverywhere(Action const& action, Check const& check) {
     }
 }
 
+TEST(ATopicWithoutMemoryForItsSegments, IsEmptiedByAResizeToZero) {
+    Topic const path("a/b");
+    Topic topic;
+    {
+        FailingAllocation const failing(1); // a short text needs none
+        EXPECT_THROW(topic = path, std::bad_alloc);
+    }
+    ASSERT_EQ(topic.text(), "a/b");
+    topic.resize(0);
+    EXPECT_EQ(topic.text(), "");
+}
+
 TEST(AnIndexWithoutMemory, StaysAsItWas) {
     for (std::string const text : {"a/name-of-more-than-fifteen-bytes/+/another-one-of-that-kind/#",
                                    "+", "#", "+a", "plain", "a/b/+/c/+"}) {
