@@ -24,7 +24,7 @@ using support::Watched;
 using zym::common::Timer;
 
 constexpr std::size_t KIB = 1024;
-constexpr std::size_t SMALL = 1024 * KIB;
+constexpr std::size_t LARGE = 1024 * KIB;
 
 enum class Threads { AVAILABLE, NONE, WITH_LARGE_STACKS_ONLY };
 
@@ -32,14 +32,14 @@ enum class Threads { AVAILABLE, NONE, WITH_LARGE_STACKS_ONLY };
 std::atomic<Threads> supply{Threads::AVAILABLE};
 
 int refusal(pthread_attr_t const* attributes) {
-    std::size_t stack = SMALL;
+    std::size_t stack = LARGE;
     if (attributes != nullptr)
         pthread_attr_getstacksize(attributes, &stack);
     switch (supply) {
     case Threads::NONE:
         return EAGAIN;
     case Threads::WITH_LARGE_STACKS_ONLY:
-        return stack < SMALL ? EINVAL : 0;
+        return stack < LARGE ? EINVAL : 0;
     case Threads::AVAILABLE:
         break;
     }
@@ -111,8 +111,8 @@ TEST_F(TheThreadOfATimer, HasAName) {
 
 TEST_F(TheThreadOfATimer, HasASmallStack) {
     start();
-    EXPECT_GE(facts().stackBytes, 128 * KIB);
-    EXPECT_LE(facts().stackBytes, 512 * KIB);
+    EXPECT_GE(facts().stackBytes, 256 * KIB);
+    EXPECT_LT(facts().stackBytes, LARGE);
 }
 
 TEST_F(TheThreadOfATimer, BlocksAllSignals) {
@@ -139,7 +139,7 @@ TEST_F(TheThreadOfATimer, LeavesTheSignalsOfItsCreatorAsTheyWere) {
 TEST_F(TheThreadOfATimer, HasTheUsualStackWhereASmallOneIsTooSmall) {
     supply = Threads::WITH_LARGE_STACKS_ONLY;
     start();
-    EXPECT_GE(facts().stackBytes, SMALL);
+    EXPECT_GE(facts().stackBytes, LARGE);
 }
 
 TEST_F(TheThreadOfATimer, IsStartedByTheNextRestartWhenThereWasNone) {

@@ -22,7 +22,7 @@ namespace zym::common {
 ///
 /// ### The callback
 /// Runs on the timer's thread with no lock held: it may call every operation, and even destroy
-/// the timer. What it throws is dropped. The thread is named `zym-timer` and has a stack of 256 KiB.
+/// the timer. What it throws is dropped. The thread is named `zym-timer` and has a stack of 512 KiB.
 /// All signals are blocked on it, so handlers of the program run elsewhere; a program that the
 /// callback starts inherits that.
 ///
