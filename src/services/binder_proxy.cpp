@@ -18,7 +18,7 @@ constexpr char BIND[] = "bind";
 constexpr char UNBIND[] = "unbind";
 constexpr char TOPIC[] = "topic";
 
-constexpr conv::SecondsDuration SYNCHRONIZATION_TIMEOUT{30};
+conv::SecondsDuration const SYNCHRONIZATION_TIMEOUT{30};
 
 bool isBound(Binder::Error error) {
     return error == Binder::Error::SUCCESS || error == Binder::Error::ALREADY_BOUND;

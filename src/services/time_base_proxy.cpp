@@ -24,7 +24,7 @@ using std::chrono::steady_clock;
 using zym::common::Uuid;
 using ErrorCode = RequestReply::ErrorCode;
 
-constexpr conv::SecondsDuration REQUEST_TIMEOUT{5};
+conv::SecondsDuration const REQUEST_TIMEOUT{5};
 constexpr milliseconds INITIAL_PERIOD{1000};
 constexpr milliseconds SAMPLE_PERIOD{30000};
 

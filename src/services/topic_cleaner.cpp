@@ -17,7 +17,7 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-constexpr conv::SecondsDuration BROKER_TIMEOUT{5};
+conv::SecondsDuration const BROKER_TIMEOUT{5};
 
 } // namespace
 
