@@ -14,7 +14,7 @@ namespace {
 // The usual 8 MiB leave no room for some hundred threads where addresses have 32 bits. Callbacks of
 // this library use 12 KiB, also under AddressSanitizer; number formatting, name resolution or an
 // exception 24 to 48. The rest is for what an application does: std::regex takes 0.7 a character.
-constexpr std::size_t STACK_BYTES = 512U * 1024U;
+constexpr std::size_t STACK_BYTES = std::size_t{512} * 1024;
 
 struct Task {
     char const* name;
