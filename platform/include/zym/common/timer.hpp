@@ -22,9 +22,10 @@ namespace zym::common {
 ///
 /// ### The callback
 /// Runs on the timer's thread with no lock held: it may call every operation, and even destroy
-/// the timer. What it throws is dropped. The thread is named `zym-timer` and has a stack of 512 KiB.
-/// All signals are blocked on it, so handlers of the program run elsewhere; a program that the
-/// callback starts inherits that.
+/// the timer. What it throws is dropped.
+///
+/// The thread is named `zym-timer` and has a stack of 512 KiB. All signals are blocked on it: the
+/// program's handlers run on other threads, and a process started by the callback inherits that.
 ///
 /// ### Threads
 /// Every operation may be called from any thread; `stop`, `terminate` and the destructor take
