@@ -6,10 +6,9 @@
 
 namespace zym::common {
 
-/// A thread of the library's own: with a name, a small stack, and no part in the program's signals.
+/// A thread of the library's own: it has a name and a small stack, and blocks all signals.
 ///
-/// Not for several threads at once. Ends as it began when it is neither joined nor detached: the
-/// thread goes on, and what it occupied is never freed.
+/// Has to be joined or detached. Not safe for use from two threads at once.
 class Thread {
 public:
     /// Starts the thread, once.
