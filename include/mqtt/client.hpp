@@ -183,8 +183,14 @@ public:
     /// @param timeout seconds; 0 does not wait, all ones waits without limit. A subscriber that
     ///        keeps the worker busy adds up to a second.
     /// @return SUCCESS, TIMEOUT, NO_CONN when there was no connection to end: retries under way
-    ///         then go on; CONNECTION_PENDING from inside a state listener
+    ///         then go on, see `giveUp`; CONNECTION_PENDING from inside a state listener
     Error disconnect(conv::SecondsDuration timeout);
+
+    /// Ends the attempts to connect, which `disconnect` does not end while there is no connection.
+    /// One that is just coming up is ended as by `disconnect`. Does not wait: the state becomes
+    /// "disconnected" when the attempt, or the time between two, that is under way is over; a pause
+    /// takes effect after that. `connect` begins anew.
+    void giveUp();
 
     /// Stops all network traffic, keep-alives too, until `resume`. Takes effect at the end of
     /// the network step under way.
@@ -283,6 +289,7 @@ private:
 
     ZYM_MQTT_LOCAL int loop();
     ZYM_MQTT_LOCAL void networkStep();
+    ZYM_MQTT_LOCAL bool isLeaving() const;
     ZYM_MQTT_LOCAL void backOffAndReconnect();
     ZYM_MQTT_LOCAL void flushDisconnect();
     ZYM_MQTT_LOCAL void takeLeave();

@@ -49,6 +49,7 @@ Error MqttClient::connect(std::string host, int port, conv::SecondsDuration time
         if (!leaveDisconnected())
             return Error::CONNECTION_PENDING;
         engine_->flushFirst = false; // meant for the last connection
+        engine_->givenUp = false;
         result = mosqpp::mosquittopp::connect(host.c_str(), port, HEART_BEAT_RATE.toInt32());
         systemError = errno;
         if (result == 0) {
@@ -91,6 +92,10 @@ Error MqttClient::disconnect(conv::SecondsDuration timeout) {
         return static_cast<Error>(result);
     }
     return waitForComState(ComState::DISCONNECTED, timeout) ? Error::SUCCESS : Error::TIMEOUT;
+}
+
+void MqttClient::giveUp() {
+    engine_->givenUp = true;
 }
 
 void MqttClient::pause() {

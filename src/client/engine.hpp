@@ -82,6 +82,7 @@ struct MqttClient::Engine {
     int wakeMid = -1;          ///< of the packet that only woke the worker; unsubscription lock
     bool acknowledged = false; ///< worker: the broker has consented, the rest is to be done
     std::atomic<bool> flushFirst{false};   ///< a DISCONNECT packet must leave before any reading
+    std::atomic<bool> givenUp{false};      ///< nobody wants a connection until the next `connect`
     std::atomic<bool> reconnecting{false}; ///< the worker is inside `reconnect`
     std::atomic<std::thread::id> notifier{std::thread::id()}; ///< who is calling listeners
 };

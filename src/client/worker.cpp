@@ -29,7 +29,7 @@ constexpr char const* WAKE_TOPIC = "$zym/wake";
 
 int MqttClient::loop() {
     while (!stop_) {
-        if (paused_)
+        if (paused_ && !isLeaving())
             engine_->life.sleep(std::chrono::milliseconds(500));
         else
             networkStep();
@@ -39,9 +39,16 @@ int MqttClient::loop() {
     return 0;
 }
 
+/// There is a connection, or the search for one, that nobody wants any more.
+bool MqttClient::isLeaving() const {
+    return engine_->givenUp && comState_ != conv::ComState::DISCONNECTED;
+}
+
 void MqttClient::networkStep() {
     auto& engine = *engine_;
     engine.turn.enter();
+    if (isLeaving() && disconnect(0) == Error::NO_CONN)
+        setComState(conv::ComState::DISCONNECTED);
     if (engine.flushFirst.exchange(false))
         flushDisconnect();
     int const result =
@@ -72,7 +79,7 @@ void MqttClient::backOffAndReconnect() {
     engine.turn.enter();
     engine.reconnecting = true;
     // Once asked to end, `reconnecting` may have been looked at already: do not begin.
-    if (!stop_ && mosqpp::mosquittopp::reconnect() == OK)
+    if (!stop_ && !engine.givenUp && mosqpp::mosquittopp::reconnect() == OK)
         engine.tuning.connected(socket());
     engine.reconnecting = false;
     engine.turn.leave();

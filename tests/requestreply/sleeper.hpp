@@ -19,6 +19,7 @@ public:
         : thread_([this, call = std::move(call)] {
               number_ = static_cast<long>(syscall(SYS_gettid));
               call();
+              ended_ = true;
           }) {}
     ~Sleeper() { join(); }
     Sleeper(Sleeper const&) = delete;
@@ -32,6 +33,11 @@ public:
             seen = number_ != 0 && state() == 'S' ? seen + 1 : 0;
             return seen == 3;
         });
+    }
+
+    /// Waits until the call blocks or has returned.
+    bool comesToRest() const {
+        return support::eventually([&] { return ended_ || (number_ != 0 && state() == 'S'); });
     }
 
     void join() {
@@ -49,5 +55,6 @@ private:
     }
 
     std::atomic<long> number_{0};
+    std::atomic<bool> ended_{false};
     std::thread thread_;
 };

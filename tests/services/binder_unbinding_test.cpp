@@ -103,6 +103,33 @@ TEST_F(AnUnbinding, IsOverWhenNobodyAnswers) {
                                                bound(Error::SUCCESS), unbound(Error::SUCCESS)));
 }
 
+TEST_F(AnUnbinding, IsOverWhenItIsCancelled) {
+    server.ignoreUnbindings();
+    proxy->cancelUnbinding(); // there is none yet
+    bind();
+    EXPECT_EQ(proxy->unbind(conv::SecondsDuration::NO_TIMEOUT), Error::SUCCESS);
+    EXPECT_EQ(proxy->unbind(AN_HOUR), Error::BUSY);
+    proxy->cancelUnbinding();
+    EXPECT_THAT(recorder.events(), ElementsAre(bound(Error::SUCCESS), unbound(Error::SUCCESS)));
+    EXPECT_EQ(recorder.lastThread(), std::this_thread::get_id());
+    expectFree();
+    bind();
+    expectBound();
+}
+
+TEST_F(AnUnbinding, IsOverWhenItIsCancelledWhileACallWaits) {
+    server.ignoreUnbindings();
+    bind();
+    Sleeper caller(
+        [&] { EXPECT_EQ(proxy->unbindSync(conv::SecondsDuration::NO_TIMEOUT), Error::SUCCESS); });
+    awaitRequest("unbind");
+    ASSERT_TRUE(caller.fallsAsleep());
+    proxy->cancelUnbinding();
+    caller.join();
+    EXPECT_EQ(recorder.events().back(), unbound(Error::SUCCESS));
+    expectFree();
+}
+
 TEST_F(AnUnbinding, LetsTheListenerBindAgain) {
     recorder.setHook([&](BindingEvent const& event) {
         if (event.first == "unbound") {
@@ -207,6 +234,23 @@ TEST_F(ABindingCalledOff, LetsItsListenerTerminate) {
     settle();
     EXPECT_EQ(requests("unbind"), 0U);
     EXPECT_THAT(recorder.events(), ElementsAre(bound(Error::CANCELLED)));
+}
+
+TEST_F(ABindingCalledOff, LetsItsListenerCancelTheUnbindingToo) {
+    server.ignoreBindings();
+    recorder.setHook([&](BindingEvent const& event) {
+        if (event.first == "bound")
+            proxy->cancelUnbinding();
+    });
+    startBinding();
+    EXPECT_EQ(proxy->unbind(AN_HOUR), Error::SUCCESS);
+    EXPECT_THAT(recorder.events(), ElementsAre(bound(Error::CANCELLED), unbound(Error::SUCCESS)));
+    startBinding();
+    EXPECT_EQ(proxy->unbindSync(AN_HOUR), Error::SUCCESS);
+    EXPECT_EQ(recorder.count(), 4U);
+    settle();
+    EXPECT_EQ(requests("unbind"), 0U);
+    expectFree();
 }
 
 /// The same for those who wait.

@@ -10,7 +10,7 @@ namespace {
 
 void* allocate(std::size_t size) {
     if (support::countingAllocations && ++support::allocations == support::failingAllocation)
-        throw std::bad_alloc();
+        support::interrupt();
     void* const result = std::malloc(size == 0 ? 1 : size);
     if (result == nullptr)
         throw std::bad_alloc();
