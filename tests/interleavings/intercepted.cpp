@@ -4,6 +4,7 @@
 
 #include "interleavings/scheduler.hpp"
 #include "interleavings/synchronisation.hpp"
+#include "support/allocations.hpp"
 
 #include <dlfcn.h>
 #include <poll.h>
@@ -160,6 +161,7 @@ int pthread_create(pthread_t* id, pthread_attr_t const* attributes, void* (*rout
     if (scheduler().refuses(interleavings::NO_THREAD))
         return EAGAIN;
     auto& thread = scheduler().add();
+    support::UncountedAllocations const ours;
     auto start = std::make_unique<Start>(Start{routine, argument, &thread});
     int const result = create(id, attributes, &enter, start.get());
     if (result != 0)

@@ -3,6 +3,7 @@
 #include "interleavings/synchronisation.hpp"
 #include "support/stack_dump.hpp"
 
+#include <malloc.h>
 #include <sched.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
@@ -145,6 +146,7 @@ void Runner::act(Plan const& plan) const {
     setrlimit(RLIMIT_CORE, &noCore);
     alarm(LONGEST_RUN_SECONDS);
     stayOnThisProcessor();
+    mallopt(M_PERTURB, 0xA5); // what is used after its end is to look like it
     auto& scheduler = Scheduler::instance();
     scheduler.setHolderOf(&holderOf);
     scheduler.start(plan, journal_);

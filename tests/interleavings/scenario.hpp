@@ -23,6 +23,8 @@ public:
     static void expect(bool holds, char const* what);
     /// One of two ways, both of which are explored; false unless exploring.
     static bool maybe();
+    /// Another thread may go first.
+    static void stop() { Scheduler::instance().point(); }
 
     /// Choices are made while one of these is there: not in what comes before and after.
     class Exploration {
@@ -31,6 +33,18 @@ public:
         ~Exploration() { Scheduler::instance().explore(false); }
         Exploration(Exploration const&) = delete;
         Exploration& operator=(Exploration const&) = delete;
+    };
+
+    /// While one of these is there, memory may not be to be had for its thread, in a scenario that
+    /// explores that.
+    class Shortage {
+    public:
+        Shortage() { on = true; }
+        ~Shortage() { on = false; }
+        Shortage(Shortage const&) = delete;
+        Shortage& operator=(Shortage const&) = delete;
+
+        static inline thread_local bool on = false;
     };
 
 private:

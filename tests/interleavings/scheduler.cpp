@@ -1,5 +1,7 @@
 #include "interleavings/scheduler.hpp"
 
+#include "support/allocations.hpp"
+
 #include <execinfo.h>
 #include <unistd.h>
 
@@ -71,6 +73,7 @@ Thread* Scheduler::find(pthread_t id) {
 }
 
 Thread& Scheduler::add() {
+    support::UncountedAllocations const ours;
     auto& thread = threads_.emplace_back();
     thread.number = static_cast<int>(threads_.size()) - 1;
     sem_init(&thread.turn, 0, 0);
@@ -144,6 +147,7 @@ Nanoseconds Scheduler::now() {
 }
 
 void Scheduler::handOver(char const* reason) {
+    support::UncountedAllocations const ours;
     if (++steps_ > MOST_STEPS)
         fail("does not come to an end");
     passTimeTo(now_);

@@ -1,7 +1,6 @@
 #include "interleavings/search.hpp"
 
 #include <algorithm>
-#include <random>
 #include <utility>
 
 namespace interleavings {
@@ -20,7 +19,7 @@ std::ptrdiff_t preemptions(std::vector<Choice> const& choices) {
 } // namespace
 
 Search::Search(Runner& runner, bool pauses, Budget const& budget)
-    : runner_(runner), pauses_(pauses), budget_(budget) {}
+    : runner_(runner), pauses_(pauses), budget_(budget), random_(budget.seed) {}
 
 Found Search::run() {
     if (!searchSystematically())
@@ -28,27 +27,27 @@ Found Search::run() {
     return found_;
 }
 
-/// Level by level, each with one more deviation. Of a level that is too large, some are taken by
-/// chance, or only the beginning of the scenario would be seen.
 bool Search::searchSystematically() {
-    std::mt19937 random(budget_.seed);
-    Schedules level(1);
+    Level level;
+    level.schedules.resize(1);
     if (pauses_) {
-        level.resize(2);
-        level[1].pause = true;
+        level.schedules.resize(2);
+        level.schedules[1].pause = true;
     }
-    for (std::size_t deviations = 0; !level.empty(); ++deviations) {
-        auto const end = std::max(budget_.schedules / 2, found_.systematic);
-        auto const room = deviations < 2 ? budget_.schedules : end - found_.systematic;
-        bool const fits = level.size() <= room;
-        if (!fits) {
-            std::shuffle(level.begin(), level.end(), random);
-            level.resize(room);
+    level.seen = level.schedules.size();
+    for (std::size_t deviations = 0; level.seen != 0; ++deviations) {
+        // With one deviation all are tried if that is possible at all.
+        auto const end = budget_.schedules / (deviations < 2 ? 1 : 2);
+        auto const room = end - std::min(end, found_.systematic);
+        bool const all = level.seen <= std::min(room, level.schedules.size());
+        if (!all) {
+            std::shuffle(level.schedules.begin(), level.schedules.end(), random_);
+            level.schedules.resize(std::min(room, level.schedules.size()));
         }
-        Schedules next;
-        if (tryLevel(level, next))
+        Level next;
+        if (tryLevel(level.schedules, next))
             return true;
-        if (!fits)
+        if (!all)
             return false;
         found_.complete = deviations;
         level = std::move(next);
@@ -57,7 +56,7 @@ bool Search::searchSystematically() {
     return false;
 }
 
-bool Search::tryLevel(Schedules const& level, Schedules& next) {
+bool Search::tryLevel(Schedules const& level, Level& next) {
     for (auto const& schedule : level) {
         Plan plan;
         plan.schedule = schedule;
@@ -71,19 +70,30 @@ bool Search::tryLevel(Schedules const& level, Schedules& next) {
 }
 
 void Search::addSuccessors(Schedule const& schedule, std::vector<Choice> const& choices,
-                           Schedules& next) const {
-    // More than any budget has room for: which ones are tried is left to chance as it is.
-    constexpr std::size_t MOST = 2'000'000;
+                           Level& next) {
     bool const mayPreempt = preemptions(choices) < MOST_PREEMPTIONS;
     auto const first = schedule.deviations.empty() ? 0 : schedule.deviations.back().at + 1;
-    for (std::size_t at = first; at < choices.size() && next.size() < MOST; ++at) {
+    for (std::size_t at = first; at < choices.size(); ++at) {
         if (choices[at].preempts && !mayPreempt)
             continue;
         for (std::uint8_t way = 1; way < choices[at].among; ++way) {
-            next.push_back(schedule);
-            next.back().deviations.push_back({static_cast<std::uint32_t>(at), way});
+            auto longer = schedule;
+            longer.deviations.push_back({static_cast<std::uint32_t>(at), way});
+            add(std::move(longer), next);
         }
     }
+}
+
+/// All have the same chance to stay.
+void Search::add(Schedule schedule, Level& level) {
+    ++level.seen;
+    if (level.schedules.size() < budget_.schedules) {
+        level.schedules.push_back(std::move(schedule));
+        return;
+    }
+    auto const place = random_() % level.seen;
+    if (place < level.schedules.size())
+        level.schedules[place] = std::move(schedule);
 }
 
 bool Search::searchAtRandom() {

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstddef>
 #include <optional>
+#include <random>
 #include <string>
 
 namespace interleavings {
@@ -34,7 +35,9 @@ struct Found {
 };
 
 /// Looks for a schedule that fails. First systematically: without deviations, then with one, with
-/// two and so on, as long as at most two of them are preemptions; then at random.
+/// two and so on, as long as at most two of them are preemptions; then at random. Of a level with
+/// more schedules than there is room for, some are taken by chance, or only the beginning of the
+/// scenario would be seen.
 class Search {
 public:
     Search(Runner& runner, bool pauses, Budget const& budget);
@@ -42,18 +45,24 @@ public:
 
 private:
     using Schedules = std::vector<Schedule>;
+    /// The schedules with one deviation more; of too many, a sample.
+    struct Level {
+        Schedules schedules;
+        std::size_t seen = 0;
+    };
 
     bool searchSystematically();
     bool searchAtRandom();
-    bool tryLevel(Schedules const& level, Schedules& next);
-    void addSuccessors(Schedule const& schedule, std::vector<Choice> const& choices,
-                       Schedules& next) const;
+    bool tryLevel(Schedules const& level, Level& next);
+    void addSuccessors(Schedule const& schedule, std::vector<Choice> const& choices, Level& next);
+    void add(Schedule schedule, Level& level);
     bool isTried(Plan const& plan, std::vector<Choice>& choices);
     Finding shrunk(Schedule schedule, std::string failure);
 
     Runner& runner_;
     bool const pauses_;
     Budget const budget_;
+    std::mt19937 random_;
     Found found_;
 };
 

@@ -1,57 +1,116 @@
-// The time base, the binder and the cleaner.
+// The time base, the binder, the cleaner and the discoverer.
 
 #include "interleavings/stage.hpp"
 
 #include <mqtt/binder_proxy.hpp>
+#include <mqtt/service_discoverer.hpp>
 #include <mqtt/time_base.hpp>
 #include <mqtt/topic_cleaner.hpp>
 
+#include <memory>
+#include <stdexcept>
+#include <system_error>
 #include <thread>
 
 using namespace interleavings;
+using std::chrono::milliseconds;
 using std::chrono::seconds;
 using BinderError = zym::common::Binder::Error;
 
 namespace {
 
+void throwOnce() {
+    if (Scene::maybe())
+        throw std::runtime_error("a listener's own");
+}
+
 struct TimeListener final : zym::common::SynchronizedTimeBaseProxy::Listener {
-    void onTimeSynchronized() override { ++count; }
-    int count = 0;
+    explicit TimeListener(std::function<void()> hook = {}) : ear(std::move(hook)) {}
+    void onTimeSynchronized() override { ear.hear(); }
+    Ear ear;
 };
 
 struct OneTimeBase : ConnectedClient {
+    void expectUsable() const {
+        proxy->stop();
+        Scene::expect(proxy->synchronize(SERVER, 5), "the time base is not to be started again");
+    }
+
     EchoServer server{broker};
     TimeListener listener;
-    mqtt::SynchronizedTimeBaseMqttProxy proxy{client, "svc", ME, &listener};
+    std::unique_ptr<mqtt::SynchronizedTimeBaseMqttProxy> proxy =
+        std::make_unique<mqtt::SynchronizedTimeBaseMqttProxy>(client, "svc", ME, &listener);
 };
 
-struct BindingRecorder final : zym::common::BinderProxy::Listener {
-    void onBound(BinderError error) override { bound.push_back(error); }
-    void onUnbound(BinderError error) override { unbound.push_back(error); }
+struct BindingListener final : zym::common::BinderProxy::Listener {
+    explicit BindingListener(std::function<void()> hook = {}) : ear(std::move(hook)) {}
+    void onBound(BinderError error) override {
+        bound.push_back(error);
+        ear.hear();
+    }
+    void onUnbound(BinderError error) override {
+        unbound.push_back(error);
+        ear.hear();
+    }
     std::vector<BinderError> bound;
     std::vector<BinderError> unbound;
+    Ear ear;
 };
 
 struct OneBinder : ConnectedClient {
-    EchoServer server{broker};
-    BindingRecorder listener;
-    mqtt::BinderMqttProxy proxy{client, "svc", "", ME, "me", &listener};
+    explicit OneBinder(std::function<void()> hook = {}) : listener(std::move(hook)) {}
 
-    void expectUnbound() {
-        Scene::expect(!proxy.isTimeBaseSynchronized(), "the time base of an ended binding runs on");
-        Scene::expect(proxy.unbindSync(5) == BinderError::NOT_BOUND, "bound after the unbind");
+    void expectUnbound() const {
+        Scene::expect(!proxy->isTimeBaseSynchronized(), "the time base runs on after the unbind");
+        Scene::expect(proxy->unbindSync(5) == BinderError::NOT_BOUND, "bound after the unbind");
         auto const& served = server.served();
-        auto const last = std::find_if(served.rbegin(), served.rend(), [](auto const& name) {
-            return name.find("bind") != std::string::npos;
-        });
+        auto const last = std::find_if(served.rbegin(), served.rend(),
+                                       [](auto const& name) { return name != "timeSync"; });
         Scene::expect(last == served.rend() || *last == "unbind",
-                      "the server hears of a bind after the unbind");
+                      "a bind reaches the server after the unbind");
     }
-    void expectUsable() {
-        Scene::expect(proxy.bindSync(SERVER, 5) == BinderError::SUCCESS,
-                      "not to be bound any more");
-        Scene::expect(proxy.unbindSync(5) == BinderError::SUCCESS, "not to be unbound any more");
+    void expectUsable() const {
+        Scene::expect(proxy->bindSync(SERVER, 5) == BinderError::SUCCESS, "no binding any more");
+        Scene::expect(proxy->unbindSync(5) == BinderError::SUCCESS, "no unbinding any more");
     }
+    /// Whatever came before.
+    void expectUsableOnceUnbound() const {
+        proxy->unbindSync(5);
+        expectUnbound();
+        expectUsable();
+    }
+
+    EchoServer server{broker};
+    BindingListener listener;
+    std::unique_ptr<mqtt::BinderMqttProxy> proxy =
+        std::make_unique<mqtt::BinderMqttProxy>(client, "svc", "", ME, "me", &listener);
+};
+
+struct CleaningListener final : mqtt::TopicCleaner::Listener {
+    explicit CleaningListener(std::function<void()> hook = {}) : ear(std::move(hook)) {}
+    void onTopicCleaned(mqtt::Topic const&) override {
+        ++topics;
+        ear.hear();
+    }
+    void onAllTopicsCleaned() override {
+        ++all;
+        ear.hear();
+    }
+    int topics = 0;
+    int all = 0;
+    Ear ear;
+};
+
+struct OneCleaner {
+    explicit OneCleaner(std::function<void()> hook = {}) : listener(std::move(hook)) {
+        broker.publish("old/1", "x", true);
+        broker.publish("old/2", "x", true);
+    }
+
+    SmallBroker broker;
+    CleaningListener listener;
+    std::unique_ptr<mqtt::TopicCleaner> cleaner =
+        std::make_unique<mqtt::TopicCleaner>(&listener, ME, "host", 1883);
 };
 
 } // namespace
@@ -60,48 +119,314 @@ SCENARIO(TimeBaseStopAndStart, PAUSES) {
     OneTimeBase one;
     {
         Scene::Exploration const here;
-        one.proxy.startSync(SERVER);
+        one.proxy->startSync(SERVER);
         scene.pause();
-        one.proxy.stop();
+        one.proxy->stop();
         scene.pause();
-        one.proxy.startSync(SERVER);
+        one.proxy->startSync(SERVER);
+        if (scene.mistaken())
+            std::thread([&] { one.proxy->stop(); }).join();
     }
-    Scene::pass(seconds(20));
-    Scene::expect(one.proxy.isSynchronized(), "the time base stands still");
-    Scene::expect(one.listener.count == 1 || one.listener.count == 2,
+    Scene::pass(LONG);
+    Scene::expect(one.proxy->isSynchronized(), "the time base stands still");
+    Scene::expect(one.listener.ear.count() == 1 || one.listener.ear.count() == 2,
                   "the listener is not told once");
+    one.expectUsable();
 }
 
-SCENARIO(BindMeetsUnbind, THREADS_ONLY) {
+SCENARIO(TimeBaseInTwoHands, PAUSES | DEADLINES) {
+    OneTimeBase one;
+    bool synchronized = false;
+    {
+        Scene::Exploration const here;
+        std::thread other([&] { synchronized = one.proxy->synchronize(SERVER, 5); });
+        one.proxy->startSync(SERVER);
+        scene.pause();
+        one.proxy->forceSync();
+        if (scene.mistaken())
+            one.proxy->stop();
+        other.join();
+    }
+    Scene::pass(seconds(40));
+    Scene::expect(one.proxy->isSynchronized(), "the time base stands still");
+    Scene::expect(!synchronized || one.listener.ear.count() <= 1, "the listener is not told once");
+    one.expectUsable();
+}
+
+SCENARIO(ThePeriodicExchangeMeetsStop, PAUSES | DEADLINES) {
+    OneTimeBase one;
+    one.proxy->synchronize(SERVER, 5);
+    Scene::pass(milliseconds(29'900));
+    {
+        Scene::Exploration const here;
+        Scene::pass(milliseconds(99));
+        scene.pause();
+        one.proxy->stop();
+        if (!scene.mistaken())
+            one.proxy->startSync(SERVER);
+    }
+    Scene::pass(LONG);
+    Scene::expect(one.proxy->isSynchronized(), "the time base stands still");
+    one.expectUsable();
+}
+
+SCENARIO(TheEndOfATimeBaseMeetsItsCallback, DEADLINES) {
+    OneTimeBase one;
+    {
+        Scene::Exploration const here;
+        one.proxy->startSync(SERVER);
+        std::thread([proxy = one.proxy.get()] { proxy->synchronize(SERVER, 1); }).detach();
+        Scene::pass(milliseconds(1));
+        if (scene.mistaken())
+            one.listener.ear.close();
+        one.proxy.reset();
+        one.listener.ear.close();
+    }
+    Scene::pass(LONG);
+    one.expectNothingLeft();
+}
+
+SCENARIO(TimeBaseWithoutAThread, NO_THREAD) {
+    OneTimeBase one;
+    bool refused = false;
+    {
+        Scene::Exploration const here;
+        try {
+            one.proxy->startSync(SERVER);
+        } catch (std::system_error const&) {
+            refused = !scene.mistaken();
+        }
+        Scene::pass(seconds(1));
+    }
+    Scene::pass(seconds(70));
+    Scene::expect(one.proxy->isSynchronized() != refused, "the time base stands still");
+    Scene::expect(one.listener.ear.count() == (refused ? 0 : 1), "the listener is not told once");
+    one.expectUsable();
+}
+
+SCENARIO(BindMeetsUnbind, PAUSES) {
     OneBinder one;
     BinderError unbound{};
     {
         Scene::Exploration const here;
-        std::thread other([&] { unbound = one.proxy.unbindSync(5); });
-        one.proxy.bind(SERVER, 5);
+        std::thread other([&] {
+            scene.pause();
+            unbound = one.proxy->unbindSync(5);
+            if (scene.mistaken())
+                one.proxy->bind(SERVER, 5);
+        });
+        one.proxy->bind(SERVER, 5);
         other.join();
     }
-    Scene::pass(seconds(20));
+    Scene::pass(LONG);
+    Scene::expect(one.listener.bound.size() <= 1, "the end of a binding is not told once");
     if (unbound == BinderError::SUCCESS)
         one.expectUnbound();
     else
-        one.proxy.unbindSync(5);
-    one.expectUsable();
+        Scene::expect(one.listener.bound.size() == 1, "the end of a binding is not told once");
+    one.expectUsableOnceUnbound();
 }
 
-SCENARIO(BindSyncMeetsUnbindSync, THREADS_ONLY) {
+SCENARIO(BindSyncMeetsUnbindSync, PAUSES) {
     OneBinder one;
+    BinderError bound{};
     BinderError unbound{};
     {
         Scene::Exploration const here;
-        std::thread other([&] { unbound = one.proxy.unbindSync(5); });
-        one.proxy.bindSync(SERVER, 5);
+        std::thread other([&] {
+            scene.pause();
+            unbound = one.proxy->unbindSync(5);
+        });
+        bound = one.proxy->bindSync(SERVER, 5);
+        if (scene.mistaken())
+            one.proxy->bindSync(SERVER, 5);
         other.join();
     }
-    Scene::pass(seconds(20));
+    Scene::pass(LONG);
     if (unbound == BinderError::SUCCESS)
         one.expectUnbound();
     else
-        one.proxy.unbindSync(5);
-    one.expectUsable();
+        Scene::expect(bound == BinderError::SUCCESS, "neither bound nor unbound");
+    one.expectUsableOnceUnbound();
+}
+
+SCENARIO(UnbindMeetsTheDeadline, PAUSES | DEADLINES) {
+    OneBinder one;
+    one.proxy->bindSync(SERVER, 5);
+    one.server.setSilent(true);
+    {
+        Scene::Exploration const here;
+        one.proxy->unbind(1);
+        scene.pause();
+        std::thread other([&] { one.proxy->unbindSync(1); });
+        Scene::pass(milliseconds(999));
+        one.server.setSilent(scene.mistaken());
+        other.join();
+    }
+    Scene::pass(LONG);
+    Scene::expect(one.listener.unbound.size() + one.listener.bound.size() <= 2,
+                  "the end of an unbinding is not told once");
+    one.expectUsableOnceUnbound();
+}
+
+SCENARIO(TheEndOfABinderMeetsItsCallbacks, DEADLINES) {
+    OneBinder one;
+    {
+        Scene::Exploration const here;
+        one.proxy->bind(SERVER, 1);
+        std::thread([proxy = one.proxy.get()] { proxy->unbindSync(1); }).detach();
+        Scene::pass(milliseconds(1));
+        if (scene.mistaken())
+            one.listener.ear.close();
+        one.proxy.reset();
+        one.listener.ear.close();
+    }
+    Scene::pass(LONG);
+    one.expectNothingLeft();
+}
+
+SCENARIO(BindingsWithoutAThread, NO_THREAD) {
+    OneBinder one;
+    {
+        Scene::Exploration const here;
+        try {
+            one.proxy->bind(SERVER, 5);
+        } catch (std::system_error const&) {
+        }
+        Scene::pass(seconds(1));
+        try {
+            one.proxy->unbind(5);
+        } catch (std::system_error const&) {
+            if (scene.mistaken())
+                one.proxy->terminate();
+        }
+    }
+    Scene::pass(seconds(70));
+    one.expectUsableOnceUnbound();
+}
+
+SCENARIO(BindingsWithoutMemory, NO_MEMORY) {
+    OneBinder one;
+    {
+        Scene::Exploration const here;
+        Scene::Shortage const shortage;
+        try {
+            one.proxy->bind(SERVER, 5);
+            one.proxy->unbind(5);
+        } catch (std::bad_alloc const&) {
+            if (scene.mistaken())
+                one.proxy->terminate();
+        }
+    }
+    Scene::pass(seconds(70));
+    one.expectUsableOnceUnbound();
+}
+
+SCENARIO(ABindingListenerThrows, THREADS_ONLY) {
+    OneBinder one(&throwOnce);
+    {
+        Scene::Exploration const here;
+        one.proxy->bind(SERVER, 5);
+        one.proxy->unbind(5);
+        if (scene.mistaken())
+            throwOnce();
+        Scene::pass(seconds(1));
+    }
+    Scene::pass(LONG);
+    one.expectUsableOnceUnbound();
+}
+
+SCENARIO(CleaningMeetsItsEnd, PAUSES | DEADLINES) {
+    OneCleaner one;
+    {
+        Scene::Exploration const here;
+        one.cleaner->clean("old/+", seconds(1));
+        scene.pause();
+        std::thread other([&] { one.cleaner->clean("new", seconds(1)); });
+        std::thread third([cleaner = one.cleaner.get()] { cleaner->waitAllTasks(seconds(3)); });
+        Scene::pass(seconds(1));
+        if (scene.mistaken())
+            one.listener.ear.close();
+        one.cleaner->terminate();
+        one.listener.ear.close();
+        other.join();
+        third.join();
+    }
+    Scene::expect(one.listener.all <= 1 && one.listener.topics <= 2, "an end is told twice");
+    Scene::expect(one.cleaner->waitAllTasks(seconds(0)), "tasks are left after the end");
+    one.cleaner.reset();
+    Scene::pass(LONG);
+}
+
+SCENARIO(CleaningCompletes, PAUSES) {
+    OneCleaner one;
+    {
+        Scene::Exploration const here;
+        one.cleaner->clean("old/+", seconds(1));
+        scene.pause();
+        std::thread other([&] { one.cleaner->clean("new", seconds(1)); });
+        Scene::pass(milliseconds(scene.mistaken() ? 1 : 1000));
+        other.join();
+    }
+    Scene::expect(one.cleaner->waitAllTasks(scene.mistaken() ? seconds(0) : LONG),
+                  "tasks are left");
+    Scene::expect(one.listener.topics == 2 && one.listener.all >= 1, "an end is not told");
+    Scene::expect(one.broker.retained() == 0, "a retained message is left");
+    Scene::expect(one.broker.subscriptions() == 0, "a subscription is left over");
+}
+
+SCENARIO(CleaningWithoutAThread, NO_THREAD) {
+    OneCleaner one;
+    {
+        Scene::Exploration const here;
+        try {
+            one.cleaner->clean("old/+", seconds(1));
+        } catch (std::system_error const&) {
+            if (!scene.mistaken())
+                one.cleaner->clean("old/+", seconds(1));
+        }
+    }
+    Scene::expect(one.cleaner->waitAllTasks(LONG), "tasks are left");
+    Scene::expect(one.listener.topics == 1 && one.listener.all == 1, "an end is not told once");
+    Scene::expect(one.broker.retained() == 0, "a retained message is left");
+}
+
+SCENARIO(ACleaningListenerThrows, THREADS_ONLY) {
+    OneCleaner one(&throwOnce);
+    {
+        Scene::Exploration const here;
+        one.cleaner->clean("old/+", seconds(1));
+        if (!scene.mistaken())
+            one.cleaner->clean("new", seconds(1));
+        Scene::pass(seconds(3));
+    }
+    Scene::expect(one.cleaner->waitAllTasks(LONG), "tasks are left");
+    Scene::expect(one.listener.topics == 2 && one.listener.all == 1, "an end is not told once");
+}
+
+SCENARIO(DiscoveryMeetsItsEnd, DEADLINES) {
+    ConnectedClient one;
+    auto const list = R"({"members@count": 1, "members": [{"@id": "entity"}]})";
+    one.broker.publish("entities", list, true);
+    one.broker.publish("entity/identification", R"({"name": "n"})", true);
+    auto discoverer = std::make_unique<mqtt::ServiceDiscovererMqtt>(one.client, "entities");
+    bool found = false;
+    std::size_t entities = 0;
+    {
+        Scene::Exploration const here;
+        std::thread other([&] {
+            found = discoverer->discoverSync(5, true);
+            entities = discoverer->entities().size();
+        });
+        if (scene.mistaken())
+            discoverer->cleanSubscriptions();
+        one.broker.publish("entities", list, true);
+        other.join();
+        std::thread([alive = discoverer.get()] { alive->discoverSync(5, true); }).detach();
+        Scene::stop();
+        discoverer.reset();
+    }
+    Scene::expect(found && entities == 1, "what is published is not discovered");
+    Scene::pass(LONG);
+    one.expectNothingLeft();
 }

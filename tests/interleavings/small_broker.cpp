@@ -1,8 +1,10 @@
 #include "interleavings/small_broker.hpp"
 
+#include "interleavings/scenario.hpp"
 #include "interleavings/synchronisation.hpp"
 
 #include <mosquitto.h>
+#include <mosquittopp.h>
 
 #include <algorithm>
 
@@ -68,7 +70,7 @@ SmallBroker::Answer SmallBroker::subscribe(Session& session, StandIn& client,
     session.subscriptions.insert(call.topic);
     for (auto const& [topic, payload] : retained_)
         if (matches(call.topic, topic))
-            client.deliver(topic, payload, 0, true);
+            deliver(client, {topic, payload}, true);
     return std::nullopt;
 }
 
@@ -85,8 +87,22 @@ void SmallBroker::publish(std::string const& topic, std::string const& payload, 
         if (client->connected() && std::any_of(all.begin(), all.end(), [&](auto const& pattern) {
                 return matches(pattern, topic);
             }))
-            client->deliver(topic, payload);
+            deliver(*client, {topic, payload}, false);
     }
+}
+
+/// Memory may fail to a client that gets a message, in a scenario that explores that.
+void SmallBroker::deliver(StandIn& client, Message const& message, bool retain) {
+    client.post([message, retain](mosqpp::mosquittopp& object) {
+        auto copy = message;
+        mosquitto_message raw{};
+        raw.topic = copy.topic.data();
+        raw.payload = copy.payload.data();
+        raw.payloadlen = static_cast<int>(copy.payload.size());
+        raw.retain = retain;
+        Scene::Shortage const here;
+        object.on_message(&raw);
+    });
 }
 
 std::ptrdiff_t SmallBroker::count(std::string const& payload) const {

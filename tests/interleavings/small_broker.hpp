@@ -36,6 +36,7 @@ public:
     std::ptrdiff_t count(std::string const& payload) const;
     /// All subscriptions of all clients.
     std::size_t subscriptions() const;
+    std::size_t retained() const { return retained_.size(); }
 
 private:
     struct Session {
@@ -45,6 +46,7 @@ private:
     using Answer = std::optional<int>;
 
     void attend(support::StandIn& client);
+    static void deliver(support::StandIn& client, Message const& message, bool retain);
     Answer publishFrom(Session& session, support::StandIn& client,
                        support::StandIn::Call const& call);
     Answer subscribe(Session& session, support::StandIn& client,

@@ -6,16 +6,49 @@
 #include <mqtt/client.hpp>
 
 #include <algorithm>
+#include <functional>
 #include <string>
 #include <vector>
 
 // What scenarios have in common. No lock guards what these classes keep: one thread runs at a time,
-// and none is stopped in here.
+// and none is stopped in here unless that is said.
 namespace interleavings {
 
 inline constexpr zym::common::Uuid ME{1};
 inline constexpr zym::common::Uuid OTHER{2};
 inline constexpr zym::common::Uuid SERVER{9};
+
+/// More than anything of what the scenarios do takes, in virtual time.
+inline constexpr std::chrono::seconds LONG{20};
+
+/// What a callback goes through: it takes its time, must not come when that is over, and not
+/// while it ends.
+class Ear {
+public:
+    explicit Ear(std::function<void()> hook = {}) : hook_(std::move(hook)) {}
+
+    void hear() {
+        Scene::expect(!closed_, "a callback comes after the end of its object");
+        ++count_;
+        ++inside_;
+        Scene::stop();
+        if (hook_)
+            hook_();
+        --inside_;
+    }
+    /// From now on nothing may be heard.
+    void close() {
+        Scene::expect(inside_ == 0, "an object ends while it is calling back");
+        closed_ = true;
+    }
+    int count() const { return count_; }
+
+private:
+    std::function<void()> hook_;
+    bool closed_ = false;
+    int count_ = 0;
+    int inside_ = 0;
+};
 
 /// A client without a connection.
 struct IdleClient {
@@ -25,6 +58,10 @@ struct IdleClient {
 
 struct ConnectedClient : IdleClient {
     ConnectedClient() { client.connect("", -1, 5); }
+
+    void expectNothingLeft() const {
+        Scene::expect(broker.subscriptions() == 0, "a subscription is left over");
+    }
 };
 
 /// Answers every request at once, with SUCCESS, its own members, and a time; keeps their names.
@@ -35,10 +72,6 @@ public:
     }
 
     std::vector<std::string> const& served() const { return served_; }
-    std::ptrdiff_t count(std::string const& name) const {
-        return std::count(served_.begin(), served_.end(), name);
-    }
-    void setCode(int code) { code_ = code; }
     void setSilent(bool silent) { silent_ = silent; }
 
 private:
@@ -53,12 +86,11 @@ private:
         auto topic = message.topic;
         topic.replace(suffix, 2, "?=");
         auto payload = message.payload;
-        payload.insert(payload.find('}'), ", \"ref\": 500.5, \"$err\": " + std::to_string(code_));
+        payload.insert(payload.find('}'), ", \"ref\": 500.5, \"$err\": 1");
         broker.publish(topic, payload);
     }
 
     std::vector<std::string> served_;
-    int code_ = 1;
     bool silent_ = false;
 };
 

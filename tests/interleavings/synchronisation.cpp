@@ -1,5 +1,7 @@
 #include "interleavings/synchronisation.hpp"
 
+#include "support/allocations.hpp"
+
 #include <algorithm>
 #include <functional>
 #include <unordered_map>
@@ -66,21 +68,25 @@ void give(pthread_mutex_t const* mutex) {
 } // namespace
 
 void lock(pthread_mutex_t const* mutex) {
+    support::UncountedAllocations const ours;
     pointAt(mutex);
     takeWaiting(mutex);
 }
 
 bool tryLock(pthread_mutex_t const* mutex) {
+    support::UncountedAllocations const ours;
     pointAt(mutex);
     return take(mutex);
 }
 
 void unlock(pthread_mutex_t const* mutex) {
+    support::UncountedAllocations const ours;
     give(mutex);
     pointAt(mutex);
 }
 
 bool wait(pthread_cond_t const* condition, pthread_mutex_t const* mutex, Nanoseconds deadline) {
+    support::UncountedAllocations const ours;
     give(mutex);
     bool const woken = scheduler().block(State::ON_CONDITION, condition, deadline);
     takeWaiting(mutex);
@@ -88,6 +94,7 @@ bool wait(pthread_cond_t const* condition, pthread_mutex_t const* mutex, Nanosec
 }
 
 void notify(pthread_cond_t const* condition, bool all) {
+    support::UncountedAllocations const ours;
     scheduler().wake(State::ON_CONDITION, condition, all);
     pointAt(condition);
 }
