@@ -3,6 +3,7 @@
 #include "interleavings/synchronisation.hpp"
 #include "support/stack_dump.hpp"
 
+#include <fcntl.h>
 #include <malloc.h>
 #include <sched.h>
 #include <sys/mman.h>
@@ -10,12 +11,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <exception>
 #include <iomanip>
+#include <iterator>
 #include <map>
 #include <ostream>
 #include <sstream>
@@ -80,15 +83,28 @@ private:
             std::istringstream all(support::describeFrame(frame));
             for (std::string line; entry->second.empty() && std::getline(all, line);)
                 if (isOurs(line))
-                    entry->second = line;
+                    entry->second = shortened(line);
         }
         return entry->second;
     }
 
     static bool isOurs(std::string const& line) {
+        constexpr char const* THEIRS[] = {
+            "intercepted.cpp:", "main.cpp:",      "memory.cpp:",          "run.cpp:",
+            "scenario.cpp:",    "scheduler.cpp:", "synchronisation.cpp:", "wait.hpp:",
+            "stage.hpp:"};
         auto const has = [&](char const* part) { return line.find(part) != std::string::npos; };
-        return (has(".cpp:") || has(".hpp:")) && !has("scheduler.cpp:") && !has("intercepted.cpp:")
-               && !has("synchronisation.cpp:") && !has("allocations.cpp:");
+        return (has(".cpp:") || has(".hpp:"))
+               && std::none_of(std::begin(THEIRS), std::end(THEIRS), has);
+    }
+
+    /// The function without what it takes, and the line.
+    static std::string shortened(std::string const& line) {
+        std::string const inlined = "(inlined by) ";
+        auto const found = line.find(inlined);
+        auto const text = found == std::string::npos ? line : line.substr(found + inlined.size());
+        auto const place = text.rfind(" at ");
+        return text.substr(0, std::min(text.find('('), place)) + text.substr(place);
     }
 
     std::map<void*, std::string> lines_;
@@ -145,6 +161,11 @@ void Runner::act(Plan const& plan) const {
     rlimit const noCore{0, 0};
     setrlimit(RLIMIT_CORE, &noCore);
     alarm(LONGEST_RUN_SECONDS);
+    if (plan.traced)
+        for (int const signal : {SIGABRT, SIGBUS, SIGSEGV})
+            std::signal(signal, [](int number) { Scheduler::instance().fail(strsignal(number)); });
+    else
+        dup2(open("/dev/null", O_WRONLY | O_CLOEXEC), STDERR_FILENO); // the replay says it, too
     stayOnThisProcessor();
     mallopt(M_PERTURB, 0xA5); // what is used after its end is to look like it
     auto& scheduler = Scheduler::instance();

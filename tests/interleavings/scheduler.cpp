@@ -96,7 +96,10 @@ void Scheduler::point() {
 }
 
 int Scheduler::pick(int among) {
-    return exploring_ ? choose(static_cast<std::size_t>(among), false) : 0;
+    int const taken = choose(static_cast<std::size_t>(among), false);
+    if (taken != 0 && plan_.traced)
+        note(*current_, "goes another way");
+    return taken;
 }
 
 bool Scheduler::refuses(Explored what) {

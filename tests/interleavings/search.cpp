@@ -122,33 +122,41 @@ bool Search::isTried(Plan const& plan, std::vector<Choice>& choices) {
     auto const schedule = Schedule::of(plan.schedule.pause, choices);
     found_.finding = shrunk(schedule, outcome.failure);
     found_.finding->after = after;
-    found_.finding->deviations = schedule.deviations.size();
     return true;
 }
 
-/// Leaves out one deviation after the other, as long as it fails, however it does.
+/// Leaves out deviations, many at once and then one by one, as long as it fails, however it does.
 Finding Search::shrunk(Schedule schedule, std::string failure) {
-    for (bool smaller = true; smaller;) {
-        smaller = false;
-        for (std::size_t i = schedule.deviations.size(); i-- > 0;) {
-            Plan plan;
-            plan.schedule = schedule;
-            plan.schedule.deviations.erase(plan.schedule.deviations.begin()
-                                           + static_cast<std::ptrdiff_t>(i));
-            auto const outcome = runner_.run(plan);
-            if (outcome.failure.empty())
-                continue;
-            failure = outcome.failure;
-            // What it was meant to be, not what became of it: later deviations may find no choice.
-            schedule = Schedule::of(plan.schedule.pause, outcome.choices);
-            smaller = true;
-            break;
-        }
-    }
     Finding finding;
+    finding.deviations = schedule.deviations.size();
+    for (auto part = finding.deviations; part > 0;) {
+        part = std::min(part, schedule.deviations.size());
+        if (!shrink(schedule, part, failure))
+            part /= 2;
+    }
     finding.failure = std::move(failure);
     finding.schedule = std::move(schedule);
     return finding;
+}
+
+bool Search::shrink(Schedule& schedule, std::size_t part, std::string& failure) {
+    auto const size = schedule.deviations.size();
+    for (std::size_t end = size; end >= part && part > 0; --end) {
+        Plan plan;
+        plan.schedule = schedule;
+        auto const first =
+            plan.schedule.deviations.begin() + static_cast<std::ptrdiff_t>(end - part);
+        plan.schedule.deviations.erase(first, first + static_cast<std::ptrdiff_t>(part));
+        auto const outcome = runner_.run(plan);
+        // What became of it: later deviations may not have found their choice any more.
+        auto const actual = Schedule::of(schedule.pause, outcome.choices);
+        if (outcome.failure.empty() || actual.deviations.size() >= size)
+            continue;
+        failure = outcome.failure;
+        schedule = actual;
+        return true;
+    }
+    return false;
 }
 
 } // namespace interleavings

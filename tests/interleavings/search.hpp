@@ -58,6 +58,7 @@ private:
     void add(Schedule schedule, Level& level);
     bool isTried(Plan const& plan, std::vector<Choice>& choices);
     Finding shrunk(Schedule schedule, std::string failure);
+    bool shrink(Schedule& schedule, std::size_t part, std::string& failure);
 
     Runner& runner_;
     bool const pauses_;

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 // What scenarios have in common. No lock guards what these classes keep: one thread runs at a time,
@@ -67,29 +68,37 @@ struct ConnectedClient : IdleClient {
 /// Answers every request at once, with SUCCESS, its own members, and a time; keeps their names.
 class EchoServer {
 public:
-    explicit EchoServer(SmallBroker& broker) {
-        broker.watch([&broker, this](auto const& message) { answer(broker, message); });
+    explicit EchoServer(SmallBroker& broker) : broker_(broker) {
+        broker.watch([this](auto const& message) { answer(message); });
     }
 
     std::vector<std::string> const& served() const { return served_; }
-    void setSilent(bool silent) { silent_ = silent; }
+    void beSilent() { silent_ = true; }
+    /// Answers the last request of the silence, too.
+    void speak() {
+        silent_ = false;
+        if (!unanswered_.topic.empty())
+            broker_.publish(std::exchange(unanswered_.topic, {}), unanswered_.payload);
+    }
 
 private:
-    void answer(SmallBroker& broker, SmallBroker::Message const& message) {
+    void answer(SmallBroker::Message const& message) {
         auto const suffix = message.topic.rfind("?\?/");
         if (suffix == std::string::npos)
             return;
         auto const name = message.topic.rfind('/', suffix) + 1;
         served_.push_back(message.topic.substr(name, suffix - name));
+        auto reply = message;
+        reply.topic.replace(suffix, 2, "?=");
+        reply.payload.insert(reply.payload.find('}'), ", \"ref\": 500.5, \"$err\": 1");
         if (silent_)
-            return;
-        auto topic = message.topic;
-        topic.replace(suffix, 2, "?=");
-        auto payload = message.payload;
-        payload.insert(payload.find('}'), ", \"ref\": 500.5, \"$err\": 1");
-        broker.publish(topic, payload);
+            unanswered_ = reply;
+        else
+            broker_.publish(reply.topic, reply.payload);
     }
 
+    SmallBroker& broker_;
+    SmallBroker::Message unanswered_;
     std::vector<std::string> served_;
     bool silent_ = false;
 };
