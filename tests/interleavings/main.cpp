@@ -81,7 +81,7 @@ void tell(Scenario const& scenario, Found const& found, std::size_t runs, double
                                   : "all with " + std::to_string(found.complete)
                                         + " deviations and some with more")
               << "), " << found.random << " random, " << static_cast<int>(double(runs) / seconds)
-              << " a second\n";
+              << " a second" << std::endl;
     if (!found.finding)
         return;
     auto const& finding = *found.finding;

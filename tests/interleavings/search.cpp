@@ -36,8 +36,9 @@ bool Search::searchSystematically() {
     }
     level.seen = level.schedules.size();
     for (std::size_t deviations = 0; level.seen != 0; ++deviations) {
-        // With one deviation all are tried if that is possible at all.
-        auto const end = budget_.schedules / (deviations < 2 ? 1 : 2);
+        // With one deviation all are tried, if that is possible at all.
+        bool const fits = deviations < 2 && level.seen + found_.systematic <= budget_.schedules;
+        auto const end = fits ? budget_.schedules : budget_.schedules / 2;
         auto const room = end - std::min(end, found_.systematic);
         bool const all = level.seen <= std::min(room, level.schedules.size());
         if (!all) {
