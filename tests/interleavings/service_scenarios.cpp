@@ -67,21 +67,22 @@ struct OneBinder : ConnectedClient {
     void expectUnbound() const {
         Scene::expect(!proxy->isTimeBaseSynchronized(), "the time base runs on after the unbind");
         Scene::expect(proxy->unbindSync(5) == BinderError::NOT_BOUND, "bound after the unbind");
+    }
+    void expectUnboundAtTheServer() const {
+        expectUnbound();
         auto const& served = server.served();
         auto const last = std::find_if(served.rbegin(), served.rend(),
                                        [](auto const& name) { return name != "timeSync"; });
         Scene::expect(last == served.rend() || *last == "unbind",
                       "a bind reaches the server after the unbind");
     }
-    void expectUsable() const {
-        Scene::expect(proxy->bindSync(SERVER, 5) == BinderError::SUCCESS, "no binding any more");
-        Scene::expect(proxy->unbindSync(5) == BinderError::SUCCESS, "no unbinding any more");
-    }
     /// Whatever came before.
-    void expectUsableOnceUnbound() const {
+    void expectUsable() const {
         proxy->unbindSync(5);
         expectUnbound();
-        expectUsable();
+        Scene::expect(proxy->bindSync(SERVER, 5) == BinderError::SUCCESS, "no binding any more");
+        Scene::expect(proxy->unbindSync(5) == BinderError::SUCCESS, "no unbinding any more");
+        expectUnboundAtTheServer();
     }
 
     EchoServer server{broker};
@@ -247,10 +248,10 @@ SCENARIO(BindMeetsUnbind, PAUSES) {
     Scene::pass(LONG);
     Scene::expect(one.listener.bound.size() <= 1, "the end of a binding is not told once");
     if (unbound == BinderError::SUCCESS)
-        one.expectUnbound();
+        one.expectUnboundAtTheServer();
     else
         Scene::expect(one.listener.bound.size() == 1, "the end of a binding is not told once");
-    one.expectUsableOnceUnbound();
+    one.expectUsable();
 }
 
 SCENARIO(BindSyncMeetsUnbindSync, PAUSES) {
@@ -270,10 +271,10 @@ SCENARIO(BindSyncMeetsUnbindSync, PAUSES) {
     }
     Scene::pass(LONG);
     if (unbound == BinderError::SUCCESS)
-        one.expectUnbound();
+        one.expectUnboundAtTheServer();
     else
         Scene::expect(bound == BinderError::SUCCESS, "neither bound nor unbound");
-    one.expectUsableOnceUnbound();
+    one.expectUsable();
 }
 
 SCENARIO(UnbindMeetsTheDeadline, PAUSES | DEADLINES) {
@@ -294,7 +295,7 @@ SCENARIO(UnbindMeetsTheDeadline, PAUSES | DEADLINES) {
     Scene::pass(LONG);
     Scene::expect(one.listener.unbound.size() + one.listener.bound.size() <= 2,
                   "the end of an unbinding is not told once");
-    one.expectUsableOnceUnbound();
+    one.expectUsable();
 }
 
 SCENARIO(TheEndOfABinderMeetsItsCallbacks, DEADLINES) {
@@ -341,7 +342,7 @@ SCENARIO(BindingsWithoutAThread, NO_THREAD) {
         }
     }
     Scene::pass(seconds(70));
-    one.expectUsableOnceUnbound();
+    one.expectUsable();
 }
 
 SCENARIO(BindingsWithoutMemory, NO_MEMORY) {
@@ -358,7 +359,7 @@ SCENARIO(BindingsWithoutMemory, NO_MEMORY) {
         }
     }
     Scene::pass(seconds(70));
-    one.expectUsableOnceUnbound();
+    one.expectUsable();
 }
 
 SCENARIO(ABindingListenerThrows, THREADS_ONLY) {
@@ -372,7 +373,7 @@ SCENARIO(ABindingListenerThrows, THREADS_ONLY) {
         Scene::pass(seconds(1));
     }
     Scene::pass(LONG);
-    one.expectUsableOnceUnbound();
+    one.expectUsable();
 }
 
 SCENARIO(CleaningMeetsItsEnd, PAUSES | DEADLINES) {
