@@ -216,3 +216,96 @@ SCENARIO(TheEndOfAClientMeetsItsCallbacks, DEADLINES) {
     Scene::expect(neighbour.communicationState() == ComState::CONNECTED,
                   "another client is not connected any more");
 }
+
+SCENARIO(AClientWithoutMemory, NO_MEMORY) {
+    IdleClient one;
+    Subscriber subscriber;
+    std::ptrdiff_t accepted = 0;
+    bool subscribed[2]{};
+    auto const publish = [&] {
+        accepted += attempt([&] { one.client.publish("a", "x", 0, false); });
+    };
+    auto const subscribe = [&](char const* topic) {
+        return attempt([&] { static_cast<void>(one.client.subscribe(topic, &subscriber, 1)); });
+    };
+    {
+        Scene::Exploration const here;
+        Scene::Shortage const shortage;
+        publish();
+        subscribed[0] = subscribe("offline");
+    }
+    one.client.connect("", -1, 5);
+    {
+        Scene::Exploration const here;
+        Scene::Shortage const shortage;
+        publish();
+        subscribed[1] = subscribe("online");
+    }
+    if (scene.mistaken())
+        publish();
+    Scene::pass(LONG);
+    one.broker.publish("offline", "0");
+    one.broker.publish("online", "1");
+    Scene::pass(LONG);
+    Scene::expect(one.broker.count("x") == accepted && accepted < 3,
+                  "a publication that was accepted does not arrive once");
+    Scene::expect(subscriber.ear.count() == subscribed[0] + subscribed[1],
+                  "not what is subscribed");
+    one.client.release(&subscriber);
+    one.client.publish("a", "last", 0, false);
+    Scene::expect(one.broker.count("last") == 1, "the client does not publish any more");
+}
+
+SCENARIO(CallbacksOfAClientThrow, THREADS_ONLY) {
+    struct Listener final : MqttClient::Listener {
+        void onComStateChanged(ComState) override { throwSometimes(); }
+    } listener;
+    ConnectedClient one;
+    StateListener second;
+    Subscriber subscribers[2]{Subscriber(&throwSometimes), Subscriber()};
+    one.client.registerListener(&listener);
+    one.client.registerListener(&second);
+    for (auto& subscriber : subscribers)
+        static_cast<void>(one.client.subscribe("a", &subscriber, 1));
+    {
+        Scene::Exploration const here;
+        StandIn::last()->loseConnection();
+        publishSome(one.broker);
+        Scene::pass(seconds(2));
+        publishSome(one.broker);
+        if (scene.mistaken())
+            one.client.unsubscribe("a", &subscribers[1]);
+        one.client.release(&subscribers[0]);
+    }
+    Scene::pass(LONG);
+    Scene::expect(subscribers[1].payloads.size() >= 3, "a subscriber does not get its messages");
+    Scene::expect(second.states.back() == ComState::CONNECTED, "a listener is not told");
+}
+
+SCENARIO(TwoThreadsConnectAndDisconnect, DEADLINES) {
+    IdleClient one;
+    StateListener listener;
+    one.client.registerListener(&listener);
+    {
+        Scene::Exploration const here;
+        std::thread other([&] {
+            one.client.connect("", -1, 1);
+            one.client.disconnect(1);
+        });
+        one.client.connect("", -1, 1);
+        one.client.disconnect(1);
+        if (!scene.mistaken())
+            one.client.pause();
+        other.join();
+        one.client.resume();
+    }
+    Scene::pass(LONG);
+    one.client.disconnect(5);
+    Scene::pass(LONG);
+    Scene::expect(one.client.communicationState() == ComState::DISCONNECTED,
+                  "the client does not disconnect");
+    for (std::size_t i = 1; i < listener.states.size(); ++i)
+        Scene::expect(listener.states[i] != listener.states[i - 1], "a change is told twice");
+    Scene::expect(one.client.connect("", -1, 5) == Error::SUCCESS && !scene.mistaken(),
+                  "the client does not connect any more");
+}

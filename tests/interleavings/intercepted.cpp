@@ -2,6 +2,7 @@
 // of the shared libraries, also for calls that these make themselves. Before a run, and in the
 // process that starts the runs, all of this is what it was.
 
+#include "interleavings/scenario.hpp"
 #include "interleavings/scheduler.hpp"
 #include "interleavings/synchronisation.hpp"
 #include "support/allocations.hpp"
@@ -20,6 +21,7 @@ namespace {
 
 using interleavings::Nanoseconds;
 using interleavings::NEVER;
+using interleavings::Scene;
 using interleavings::Scheduler;
 using interleavings::State;
 
@@ -43,6 +45,9 @@ Function* real(char const* name, Function* /*like*/, char const* version = nullp
                                                           : dlsym(RTLD_NEXT, name));
 }
 
+#define ZYM_UNLESS_VIRTUAL(call)                                                                   \
+    if (!virtually())                                                                              \
+    return call
 #define ZYM_REAL(name) real(#name, &name)
 #if defined(__x86_64__)
 #define ZYM_REAL_CONDITION(name) real(#name, &name, "GLIBC_2.3.2")
@@ -76,12 +81,15 @@ struct Start {
     void* (*routine)(void*);
     void* argument;
     interleavings::Thread* thread;
+    bool isShort; ///< of memory, like the one that begins it
 };
 
 void* enter(void* start) {
     std::unique_ptr<Start> const mine(static_cast<Start*>(start));
     scheduler().begin(*mine->thread);
+    Scene::Shortage::on = mine->isShort;
     void* const result = mine->routine(mine->argument);
+    Scene::Shortage::on = false;
     scheduler().end();
     return result;
 }
@@ -91,64 +99,55 @@ void* enter(void* start) {
 extern "C" {
 
 int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept {
-    if (!virtually())
-        return ZYM_REAL(pthread_mutex_lock)(mutex);
+    ZYM_UNLESS_VIRTUAL(ZYM_REAL(pthread_mutex_lock)(mutex));
     interleavings::lock(mutex);
     return 0;
 }
 
 int pthread_mutex_trylock(pthread_mutex_t* mutex) noexcept {
-    if (!virtually())
-        return ZYM_REAL(pthread_mutex_trylock)(mutex);
+    ZYM_UNLESS_VIRTUAL(ZYM_REAL(pthread_mutex_trylock)(mutex));
     return interleavings::tryLock(mutex) ? 0 : EBUSY;
 }
 
 int pthread_mutex_unlock(pthread_mutex_t* mutex) noexcept {
-    if (!virtually())
-        return ZYM_REAL(pthread_mutex_unlock)(mutex);
+    ZYM_UNLESS_VIRTUAL(ZYM_REAL(pthread_mutex_unlock)(mutex));
     interleavings::unlock(mutex);
     return 0;
 }
 
 int pthread_cond_wait(pthread_cond_t* condition, pthread_mutex_t* mutex) {
-    if (!virtually())
-        return ZYM_REAL_CONDITION(pthread_cond_wait)(condition, mutex);
+    ZYM_UNLESS_VIRTUAL(ZYM_REAL_CONDITION(pthread_cond_wait)(condition, mutex));
     interleavings::wait(condition, mutex, NEVER);
     return 0;
 }
 
 int pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock,
                            timespec const* deadline) {
-    if (!virtually())
-        return ZYM_REAL(pthread_cond_clockwait)(condition, mutex, clock, deadline);
+    ZYM_UNLESS_VIRTUAL(ZYM_REAL(pthread_cond_clockwait)(condition, mutex, clock, deadline));
     return interleavings::wait(condition, mutex, deadlineOf(clock, *deadline)) ? 0 : ETIMEDOUT;
 }
 
 int pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mutex,
                            timespec const* deadline) {
-    if (!virtually())
-        return ZYM_REAL_CONDITION(pthread_cond_timedwait)(condition, mutex, deadline);
+    ZYM_UNLESS_VIRTUAL(ZYM_REAL_CONDITION(pthread_cond_timedwait)(condition, mutex, deadline));
     return interleavings::wait(condition, mutex, deadlineOf(CLOCK_REALTIME, *deadline)) ? 0
                                                                                         : ETIMEDOUT;
 }
 
 int pthread_cond_signal(pthread_cond_t* condition) noexcept {
-    if (!virtually())
-        return ZYM_REAL_CONDITION(pthread_cond_signal)(condition);
+    ZYM_UNLESS_VIRTUAL(ZYM_REAL_CONDITION(pthread_cond_signal)(condition));
     interleavings::notify(condition, false);
     return 0;
 }
 
 int pthread_cond_broadcast(pthread_cond_t* condition) noexcept {
-    if (!virtually())
-        return ZYM_REAL_CONDITION(pthread_cond_broadcast)(condition);
+    ZYM_UNLESS_VIRTUAL(ZYM_REAL_CONDITION(pthread_cond_broadcast)(condition));
     interleavings::notify(condition, true);
     return 0;
 }
 
 int pthread_cond_destroy(pthread_cond_t* condition) noexcept {
-    if (!virtually())
-        return ZYM_REAL_CONDITION(pthread_cond_destroy)(condition);
+    ZYM_UNLESS_VIRTUAL(ZYM_REAL_CONDITION(pthread_cond_destroy)(condition));
     interleavings::destroy(condition);
     return 0;
 }
@@ -162,7 +161,7 @@ int pthread_create(pthread_t* id, pthread_attr_t const* attributes, void* (*rout
         return EAGAIN;
     auto& thread = scheduler().add();
     support::UncountedAllocations const ours;
-    auto start = std::make_unique<Start>(Start{routine, argument, &thread});
+    auto start = std::make_unique<Start>(Start{routine, argument, &thread, Scene::Shortage::on});
     int const result = create(id, attributes, &enter, start.get());
     if (result != 0)
         scheduler().fail("the machine has no thread for the explorer");
@@ -194,30 +193,26 @@ int clock_gettime(clockid_t clock, timespec* time) noexcept {
 }
 
 int nanosleep(timespec const* duration, timespec* left) {
-    if (!virtually())
-        return ZYM_REAL(nanosleep)(duration, left);
+    ZYM_UNLESS_VIRTUAL(ZYM_REAL(nanosleep)(duration, left));
     sleepUntil(scheduler().now() + inNanoseconds(*duration));
     return 0;
 }
 
 int clock_nanosleep(clockid_t clock, int flags, timespec const* time, timespec* left) {
-    if (!virtually())
-        return ZYM_REAL(clock_nanosleep)(clock, flags, time, left);
+    ZYM_UNLESS_VIRTUAL(ZYM_REAL(clock_nanosleep)(clock, flags, time, left));
     sleepUntil((flags & TIMER_ABSTIME) != 0 ? deadlineOf(clock, *time)
                                             : scheduler().now() + inNanoseconds(*time));
     return 0;
 }
 
 int usleep(useconds_t microseconds) {
-    if (!virtually())
-        return ZYM_REAL(usleep)(microseconds);
+    ZYM_UNLESS_VIRTUAL(ZYM_REAL(usleep)(microseconds));
     sleepUntil(scheduler().now() + Nanoseconds(microseconds) * 1000);
     return 0;
 }
 
 int sched_yield() noexcept {
-    if (!virtually())
-        return ZYM_REAL(sched_yield)();
+    ZYM_UNLESS_VIRTUAL(ZYM_REAL(sched_yield)());
     scheduler().yield();
     return 0;
 }

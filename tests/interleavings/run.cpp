@@ -1,6 +1,7 @@
 #include "interleavings/run.hpp"
 
 #include "interleavings/synchronisation.hpp"
+#include "support/allocations.hpp"
 #include "support/stack_dump.hpp"
 
 #include <fcntl.h>
@@ -90,7 +91,7 @@ private:
 
     static bool isOurs(std::string const& line) {
         constexpr char const* THEIRS[] = {
-            "intercepted.cpp:", "main.cpp:",      "memory.cpp:",          "run.cpp:",
+            "intercepted.cpp:", "main.cpp:",      "allocations.cpp:",     "run.cpp:",
             "scenario.cpp:",    "scheduler.cpp:", "synchronisation.cpp:", "wait.hpp:",
             "stage.hpp:"};
         auto const has = [&](char const* part) { return line.find(part) != std::string::npos; };
@@ -168,6 +169,7 @@ void Runner::act(Plan const& plan) const {
         dup2(open("/dev/null", O_WRONLY | O_CLOEXEC), STDERR_FILENO); // the replay says it, too
     stayOnThisProcessor();
     mallopt(M_PERTURB, 0xA5); // what is used after its end is to look like it
+    support::refusesMemory = &Scene::Shortage::refusesMemory;
     auto& scheduler = Scheduler::instance();
     scheduler.setHolderOf(&holderOf);
     scheduler.start(plan, journal_);

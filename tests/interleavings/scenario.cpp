@@ -1,6 +1,6 @@
 #include "interleavings/scenario.hpp"
 
-#include <time.h>
+#include "support/allocations.hpp"
 
 namespace interleavings {
 
@@ -22,6 +22,11 @@ void Scene::expect(bool holds, char const* what) {
 
 bool Scene::maybe() {
     return Scheduler::instance().pick(2) != 0;
+}
+
+bool Scene::Shortage::refusesMemory() {
+    support::UncountedAllocations const ours;
+    return on && Scheduler::instance().refuses(NO_MEMORY);
 }
 
 std::vector<Scenario>& scenarios() {

@@ -35,14 +35,16 @@ public:
         Exploration& operator=(Exploration const&) = delete;
     };
 
-    /// While one of these is there, memory may not be to be had for its thread, in a scenario that
-    /// explores that.
+    /// While one of these is there, its thread may get no memory, in a scenario that explores that;
+    /// nor may those that it begins, from then on.
     class Shortage {
     public:
         Shortage() { on = true; }
         ~Shortage() { on = false; }
         Shortage(Shortage const&) = delete;
         Shortage& operator=(Shortage const&) = delete;
+
+        static bool refusesMemory();
 
         static inline thread_local bool on = false;
     };

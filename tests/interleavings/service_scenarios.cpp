@@ -9,8 +9,6 @@
 #include <mqtt/topic_cleaner.hpp>
 
 #include <memory>
-#include <stdexcept>
-#include <system_error>
 #include <thread>
 
 using namespace interleavings;
@@ -19,11 +17,6 @@ using std::chrono::seconds;
 using BinderError = zym::common::Binder::Error;
 
 namespace {
-
-void throwOnce() {
-    if (Scene::maybe())
-        throw std::runtime_error("a listener's own");
-}
 
 struct TimeListener final : zym::common::SynchronizedTimeBaseProxy::Listener {
     explicit TimeListener(std::function<void()> hook = {}) : ear(std::move(hook)) {}
@@ -215,19 +208,46 @@ SCENARIO(TheEndOfATimeBaseMeetsItsCallback, DEADLINES) {
 
 SCENARIO(TimeBaseWithoutAThread, NO_THREAD) {
     OneTimeBase one;
-    bool refused = false;
+    bool started = false;
     {
         Scene::Exploration const here;
-        try {
-            one.proxy->startSync(SERVER);
-        } catch (std::system_error const&) {
-            refused = !scene.mistaken();
-        }
+        started = attempt([&] { one.proxy->startSync(SERVER); }) || scene.mistaken();
         Scene::pass(seconds(1));
     }
     Scene::pass(seconds(70));
-    Scene::expect(one.proxy->isSynchronized() != refused, "the time base stands still");
-    Scene::expect(one.listener.ear.count() == (refused ? 0 : 1), "the listener is not told once");
+    Scene::expect(one.proxy->isSynchronized() == started, "the time base stands still");
+    Scene::expect(one.listener.ear.count() == (started ? 1 : 0), "the listener is not told once");
+    one.expectUsable();
+}
+
+SCENARIO(TimeBaseWithoutMemory, NO_MEMORY) {
+    OneTimeBase one;
+    bool started = false;
+    {
+        Scene::Exploration const here;
+        Scene::Shortage const shortage;
+        started = attempt([&] { one.proxy->startSync(SERVER); }) || scene.mistaken();
+        Scene::pass(seconds(31));
+    }
+    Scene::pass(seconds(70));
+    Scene::expect(one.proxy->isSynchronized() == started, "the time base stands still");
+    Scene::expect(one.listener.ear.count() == (started ? 1 : 0), "the listener is not told once");
+    one.expectUsable();
+}
+
+SCENARIO(ATimeListenerThrows, THREADS_ONLY) {
+    OneTimeBase one;
+    one.listener.ear = Ear(&throwSometimes);
+    {
+        Scene::Exploration const here;
+        one.proxy->startSync(SERVER);
+        Scene::pass(milliseconds(1));
+        one.proxy->stop();
+        if (!scene.mistaken())
+            one.proxy->startSync(SERVER);
+    }
+    Scene::pass(LONG);
+    Scene::expect(one.proxy->isSynchronized(), "the time base stands still");
     one.expectUsable();
 }
 
@@ -329,17 +349,12 @@ SCENARIO(BindingsWithoutAThread, NO_THREAD) {
     OneBinder one;
     {
         Scene::Exploration const here;
-        try {
-            one.proxy->bind(SERVER, 5);
-        } catch (std::system_error const&) {
-        }
+        attempt([&] { one.proxy->bind(SERVER, 5); });
         Scene::pass(seconds(1));
-        try {
-            one.proxy->unbind(5);
-        } catch (std::system_error const&) {
-            if (scene.mistaken())
-                one.proxy->terminate();
-        }
+        attempt([&] { one.proxy->unbind(5); });
+        if (scene.mistaken())
+            one.proxy->terminate();
+        Scene::pass(seconds(1));
     }
     Scene::pass(seconds(70));
     one.expectUsable();
@@ -350,26 +365,25 @@ SCENARIO(BindingsWithoutMemory, NO_MEMORY) {
     {
         Scene::Exploration const here;
         Scene::Shortage const shortage;
-        try {
-            one.proxy->bind(SERVER, 5);
-            one.proxy->unbind(5);
-        } catch (std::bad_alloc const&) {
-            if (scene.mistaken())
-                one.proxy->terminate();
-        }
+        attempt([&] { one.proxy->bind(SERVER, 5); });
+        Scene::pass(milliseconds(1));
+        attempt([&] { one.proxy->unbind(5); });
+        if (scene.mistaken())
+            one.proxy->terminate();
+        Scene::pass(milliseconds(1));
     }
     Scene::pass(seconds(70));
     one.expectUsable();
 }
 
 SCENARIO(ABindingListenerThrows, THREADS_ONLY) {
-    OneBinder one(&throwOnce);
+    OneBinder one(&throwSometimes);
     {
         Scene::Exploration const here;
         one.proxy->bind(SERVER, 5);
         one.proxy->unbind(5);
         if (scene.mistaken())
-            throwOnce();
+            throwSometimes();
         Scene::pass(seconds(1));
     }
     Scene::pass(LONG);
@@ -419,20 +433,31 @@ SCENARIO(CleaningWithoutAThread, NO_THREAD) {
     OneCleaner one;
     {
         Scene::Exploration const here;
-        try {
+        if (!attempt([&] { one.cleaner->clean("old/+", seconds(1)); }) && !scene.mistaken())
             one.cleaner->clean("old/+", seconds(1));
-        } catch (std::system_error const&) {
-            if (!scene.mistaken())
-                one.cleaner->clean("old/+", seconds(1));
-        }
     }
     Scene::expect(one.cleaner->waitAllTasks(LONG), "tasks are left");
     Scene::expect(one.listener.topics == 1 && one.listener.all == 1, "an end is not told once");
     Scene::expect(one.broker.retained() == 0, "a retained message is left");
 }
 
+SCENARIO(CleaningWithoutMemory, NO_MEMORY) {
+    OneCleaner one;
+    bool accepted = false;
+    {
+        Scene::Exploration const here;
+        Scene::Shortage const shortage;
+        accepted = attempt([&] { one.cleaner->clean("old/+", seconds(1)); }) || scene.mistaken();
+        Scene::pass(seconds(3));
+    }
+    Scene::expect(one.cleaner->waitAllTasks(LONG), "tasks are left");
+    Scene::expect(one.listener.topics == (accepted ? 1 : 0), "an end is not told once");
+    one.cleaner->clean("new", seconds(1));
+    Scene::expect(one.cleaner->waitAllTasks(LONG), "tasks are left");
+}
+
 SCENARIO(ACleaningListenerThrows, THREADS_ONLY) {
-    OneCleaner one(&throwOnce);
+    OneCleaner one(&throwSometimes);
     {
         Scene::Exploration const here;
         one.cleaner->clean("old/+", seconds(1));
@@ -482,4 +507,17 @@ SCENARIO(DiscoveryMeetsItsAnswers, PAUSES) {
         Scene::expect(entity.name == "n", "an answer gets lost");
     Scene::pass(LONG);
     one.expectNothingLeft();
+}
+
+SCENARIO(DiscoveryWithoutMemory, NO_MEMORY) {
+    ConnectedClient one;
+    mqtt::ServiceDiscovererMqtt discoverer(one.client, "entities");
+    publishEntities(one.broker);
+    {
+        Scene::Exploration const here;
+        Scene::Shortage const shortage;
+        attempt([&] { discoverer.discoverSync(5, true); });
+    }
+    Scene::expect(discoverer.discoverSync(scene.mistaken() ? 0 : 5, true), "nothing is discovered");
+    Scene::expect(discoverer.entities().size() == 2, "not all is discovered");
 }

@@ -7,7 +7,10 @@
 
 #include <algorithm>
 #include <functional>
+#include <new>
+#include <stdexcept>
 #include <string>
+#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -21,6 +24,24 @@ inline constexpr zym::common::Uuid SERVER{9};
 
 /// More than anything of what the scenarios do takes, in virtual time.
 inline constexpr std::chrono::seconds LONG{20};
+
+/// As a callback of a user may do.
+inline void throwSometimes() {
+    if (Scene::maybe())
+        throw std::runtime_error("a user's own");
+}
+
+/// @return whether there was what it takes
+template <class Action>
+bool attempt(Action const& action) {
+    try {
+        action();
+        return true;
+    } catch (std::bad_alloc const&) {
+    } catch (std::system_error const&) {
+    }
+    return false;
+}
 
 /// What a callback goes through: it takes its time, must not come when that is over, and not
 /// while it ends.

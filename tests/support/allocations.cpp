@@ -9,7 +9,9 @@
 namespace {
 
 void* allocate(std::size_t size) {
-    if (support::countingAllocations && ++support::allocations == support::failingAllocation)
+    if (support::countingAllocations
+        && (++support::allocations == support::failingAllocation
+            || (support::refusesMemory != nullptr && support::refusesMemory())))
         throw std::bad_alloc();
     void* const result = std::malloc(size == 0 ? 1 : size);
     if (result == nullptr)

@@ -10,6 +10,8 @@ inline thread_local std::size_t allocations = 0;
 inline thread_local bool countingAllocations = true;
 /// When `allocations` gets there, there is no memory.
 inline thread_local std::size_t failingAllocation = 0;
+/// Where it is set, it is asked at each allocation that counts: whether there is no memory.
+inline bool (*refusesMemory)() = nullptr;
 
 /// The allocations of this thread since this was made.
 class AllocationCount {
