@@ -119,7 +119,13 @@ int mosquittopp::will_set(char const* /*topic*/, int /*size*/, void const* /*pay
 int mosquittopp::will_clear() {
     return MOSQ_ERR_SUCCESS;
 }
+int mosquittopp::loop_read(int /*packets*/) {
+    return MOSQ_ERR_SUCCESS;
+}
 int mosquittopp::loop_write(int /*packets*/) {
+    return MOSQ_ERR_SUCCESS;
+}
+int mosquittopp::loop_misc() {
     return MOSQ_ERR_SUCCESS;
 }
 bool mosquittopp::want_write() {

@@ -1,5 +1,6 @@
-// Any payload on the topic of a link, or of a collection of links.
+// Any payload on the topic of a link, or of a collection of links; and any text as an array.
 
+#include "data/array_elements.hpp"
 #include "fuzz/reference_json.hpp"
 #include "fuzz/target.hpp"
 
@@ -7,6 +8,9 @@
 
 #include <algorithm>
 #include <exception>
+#include <stdexcept>
+#include <string_view>
+#include <vector>
 
 namespace {
 
@@ -75,12 +79,38 @@ void links(std::string const& payload, Json const& json) {
     require(isTaken(written, again) && isSame(again, value), "they read back");
 }
 
+/// What a walk over any text gives, as far as it gets.
+std::vector<std::string_view> walked(std::string_view text) {
+    std::vector<std::string_view> result;
+    try {
+        mqtt::ArrayElements elements(text);
+        std::string_view element;
+        while (elements.next(element))
+            result.push_back(element);
+    } catch (std::runtime_error const&) {
+        // No array, or one without an end.
+    }
+    return result;
+}
+
+void elements(std::string_view text, Json const& json) {
+    auto const found = walked(text);
+    for (auto const element : found)
+        require(element.empty() || text.find(element) != std::string_view::npos, "a part of it");
+    if (json.kind != Json::Kind::ARRAY)
+        return;
+    require(std::equal(found.begin(), found.end(), json.children.begin(), json.children.end(),
+                       [](std::string_view a, Json const& b) { return a == b.raw; }),
+            "the elements of a good array");
+}
+
 void run(std::string_view bytes) {
     std::string const payload(bytes);
     Json json;
     fuzz::readReference(bytes, json);
     link(payload, json);
     links(payload, json);
+    elements(bytes, json);
 }
 
 fuzz::Target const LINKS("links", run);

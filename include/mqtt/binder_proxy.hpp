@@ -15,6 +15,9 @@
 
 namespace mqtt {
 
+class Visitors;
+struct BinderPhases;
+
 /// Asks a server for a binding: `{"$reqId": 1, "topic": "plant/panel"}`.
 class ZYM_MQTT_EXPORT BindRequestData : public RequestReplyData {
 public:
@@ -38,16 +41,21 @@ public:
 /// server is busy (16 plus BUSY, or a request under way here) or that nobody serves it: then
 /// nothing has changed.
 ///
+/// A binding or unbinding that has begun is always ended. When its request cannot be sent, or an
+/// operation throws, the listener is told so (FAILED, or what the operation returns) before the
+/// operation returns or throws.
+///
 /// ### Threads
-/// Every operation may be called from any thread, also from inside the listener's calls, except
-/// that `bindSync` and `unbindSync` must not be called on the MQTT client's worker thread; none
-/// may be called from a communication state listener. The listener is called with no lock held:
-/// on the worker thread, or on that of the caller for a blocking operation and for a binding that
-/// `unbind` calls off.
+/// Every operation may be called from any thread, also from inside the listener's calls; none may
+/// be called from a communication state listener. On the MQTT client's worker thread `bindSync` and
+/// `unbindSync` do not wait: they end as when the server does not answer. The listener is called
+/// with no lock held: on the worker thread, on a timer's for a request that nobody answers, on that
+/// of the caller for a blocking operation, for a request that cannot be sent, and for what `unbind`
+/// or `cancelUnbinding` calls off. What it throws is dropped.
 ///
 /// ### Lifetime
 /// The proxy may be destroyed at any time, from inside the listener's calls too, and while others
-/// are in a blocking operation, which then returns, or in `unbind`.
+/// are in a blocking operation, which then returns, in `unbind`, `cancelUnbinding` or `terminate`.
 class ZYM_MQTT_EXPORT BinderMqttProxy : public virtual zym::common::BinderProxy,
                                         private RequestReplyClient::Listener,
                                         private zym::common::SynchronizedTimeBaseProxy::Listener {
@@ -70,17 +78,32 @@ public:
     /// @return also what the server answered; NOT_SYNCHRONIZED: the server has agreed but its time
     ///         could not be read: the binding is neither complete nor ended, `unbind` is the way
     ///         out
+    /// @throws std::bad_alloc nothing is bound
     zym::common::Binder::Error bindSync(zym::common::Uuid const& server,
                                         conv::SecondsDuration const& timeout) override;
     /// The listener is told when the server has refused, or has agreed and its time is known,
-    /// however long that takes.
-    /// @return FAILED: the request could not be sent; `unbind` is then the way out
+    /// however long that takes; NOT_SYNCHRONIZED when there is no way to read the time: the server
+    /// then does hold the binding, and a second one is answered with ALREADY_BOUND, a success.
+    /// @return SUCCESS: the request is on its way; BUSY, ALREADY_BOUND or CANCELLED: not begun;
+    ///         otherwise the request could not be sent, and the listener has been told the same
+    /// @throws std::system_error no thread to be had for a timer; std::bad_alloc; nothing is bound,
+    ///         and the listener has been told FAILED if the binding had begun
     zym::common::Binder::Error bind(zym::common::Uuid const& server,
                                     conv::SecondsDuration const& timeout) override;
     /// Calls off a binding under way, whose caller or listener gets CANCELLED, and unbinds.
+    /// @throws std::bad_alloc as `unbind`
     zym::common::Binder::Error unbindSync(conv::SecondsDuration const& timeout) override;
-    /// @copydoc unbindSync
+    /// Calls off a binding under way, whose caller or listener gets CANCELLED, and unbinds.
+    /// @param timeout all ones: until the server answers or `cancelUnbinding` is called
+    /// @return SUCCESS: the request is on its way; BUSY, NOT_BOUND or CANCELLED: not begun;
+    ///         otherwise the request could not be sent, and the listener has been told the same
+    /// @throws std::system_error no thread to be had for a timer; std::bad_alloc; the listener has
+    ///         been told FAILED, and what was bound still is
     zym::common::Binder::Error unbind(conv::SecondsDuration const& timeout) override;
+    /// Ends an unbinding under way without the server's answer: for us the binding is over, as
+    /// after a time-out, and whoever unbinds gets SUCCESS. The server may have unbound or not. Does
+    /// nothing when none is under way, and does not wait.
+    void cancelUnbinding();
 
     /// As `SynchronizedTimeBaseMqttProxy::forceSync`.
     void forceTimeBaseSync() override;
@@ -99,21 +122,39 @@ protected:
     void release() noexcept;
 
 private:
+    struct Begun;
+
+    ZYM_MQTT_LOCAL BinderMqttProxy(MqttClient& client, Topic const& requestTopic,
+                                   Topic const& replyTopic, zym::common::Uuid const& uuid,
+                                   Topic const& boundTopic, std::shared_ptr<BinderPhases> phases);
+
     void onReply(unsigned int requestId, std::string const& name,
                  zym::common::Uuid const& clientUuid, zym::common::Uuid const& serverUuid,
                  RequestReplyData const& data, RequestReply::ErrorCode error) override;
-    ZYM_MQTT_LOCAL zym::common::Binder::Error onBindReply(RequestReply::ErrorCode code,
-                                                          bool blocking);
-    ZYM_MQTT_LOCAL zym::common::Binder::Error onUnbindReply(RequestReply::ErrorCode code);
-    ZYM_MQTT_LOCAL std::shared_ptr<BindRequestData> bindRequest() const;
-    ZYM_MQTT_LOCAL zym::common::Binder::Error beginUnbinding();
+    ZYM_MQTT_LOCAL Begun beginBinding(zym::common::Uuid const& server,
+                                      RequestReplyClient::Listener* listener,
+                                      conv::SecondsDuration const& timeout);
+    ZYM_MQTT_LOCAL zym::common::Binder::Error
+    onBindReply(unsigned int phase, RequestReply::ErrorCode code, bool blocking);
+    ZYM_MQTT_LOCAL bool readTime(unsigned int phase, bool blocking);
+    ZYM_MQTT_LOCAL void closeBinding(unsigned int phase, zym::common::Binder::Error error);
+    ZYM_MQTT_LOCAL Begun beginUnbinding(RequestReplyClient::Listener* listener,
+                                        conv::SecondsDuration const& timeout);
+    ZYM_MQTT_LOCAL void sendUnbinding(Begun& begun, RequestReplyClient::Listener* listener,
+                                      conv::SecondsDuration const& timeout);
+    ZYM_MQTT_LOCAL zym::common::Binder::Error onUnbindReply(unsigned int phase,
+                                                            RequestReply::ErrorCode code);
+    ZYM_MQTT_LOCAL void completeUnbinding(unsigned int phase);
+    ZYM_MQTT_LOCAL void stopTime();
+    ZYM_MQTT_LOCAL void closeUnbinding(unsigned int phase, zym::common::Binder::Error error);
+    ZYM_MQTT_LOCAL void endRequests();
 
     Topic boundTopic_;
     RequestReplyClient bindClient_;
     RequestReplyClient unbindClient_;
     SynchronizedTimeBaseMqttProxy timeBase_;
-    std::shared_ptr<Visitors> const callers_; ///< inside an operation that waits or calls off
-    std::shared_ptr<void> const alive_;       ///< expires with this object
+    std::shared_ptr<Visitors> const callers_;    ///< inside an operation or a call to the listener
+    std::shared_ptr<BinderPhases> const phases_; ///< what is known here of the phases under way
 };
 
 } // namespace mqtt

@@ -48,9 +48,14 @@ namespace mqtt {
 /// it, and must not be destroyed on its own worker thread. In a process made by `fork` that thread
 /// is missing: the client must neither be used nor destroyed there.
 ///
+/// The worker is named "zym-mqtt" and has the system's usual stack: what it calls is yours. It
+/// blocks all signals but those that a fault raises in the thread itself (SIGSEGV and the like): a
+/// process that is started in a callback inherits that, unless you reset it.
+///
 /// ### Limits
-/// The broker library waits with select(): a client whose socket gets a descriptor of 1024
-/// or above never gets through.
+/// The broker library waits with select(), which knows no descriptor of 1024 (FD_SETSIZE) and
+/// above. A client whose socket, or whose internal socket pair, gets such a descriptor works all
+/// the same, but takes up to 10 ms until it sends what another thread has handed it.
 class ZYM_MQTT_EXPORT MqttClient : private mosqpp::mosquittopp {
 public:
     /// Outcome of an operation. 0 to 16 are the broker library's codes, passed on unchanged;
@@ -66,7 +71,7 @@ public:
         NOT_FOUND = 6, ///< see `unsubscribe`
         CONN_LOST = 7,
         TLS = 8,
-        PAYLOAD_SIZE = 9, ///< the payload exceeds 268,435,455 bytes
+        PAYLOAD_SIZE = 9, ///< payload, topic and four bytes exceed 268,435,455, or a will 65,535
         NOT_SUPPORTED = 10,
         AUTH = 11,
         ACL_DENIED = 12,
@@ -149,6 +154,7 @@ public:
     /// @throw std::runtime_error the libmosquittopp found at run time is not version 2.0.x, the
     ///        text says which one it is; no other version is safe to call
     /// @throws std::system_error no thread to be had for the worker
+    /// @throws std::bad_alloc from `connect` too: nothing is left of the client then
     MqttClient(zym::common::Uuid const& id, bool persistent, std::string const& name,
                std::string const& host, int port, bool connectNow);
 
@@ -183,12 +189,20 @@ public:
     Error connect(std::string host, int port, conv::SecondsDuration timeout);
 
     /// Disconnects for good: no more retries, the broker does not publish the will. Messages
-    /// that arrive meanwhile are dropped; what is published from now on is queued.
+    /// that arrive meanwhile are dropped; what is published from now on is queued, and so is what
+    /// was queued and not sent yet. From here on the client does not become connected, unless
+    /// `connect` is called again.
     /// @param timeout seconds; 0 does not wait, all ones waits without limit. A subscriber that
     ///        keeps the worker busy adds up to a second.
     /// @return SUCCESS, TIMEOUT, NO_CONN when there was no connection to end: retries under way
-    ///         then go on; CONNECTION_PENDING from inside a state listener
+    ///         then go on, see `giveUp`; CONNECTION_PENDING from inside a state listener
     Error disconnect(conv::SecondsDuration timeout);
+
+    /// Ends the attempts to connect, which `disconnect` does not end while there is no connection.
+    /// One that is just coming up is ended as by `disconnect`. Does not wait: the state becomes
+    /// "disconnected" when the attempt, or the time between two, that is under way is over; a pause
+    /// takes effect after that. `connect` begins anew.
+    void giveUp();
 
     /// Stops all network traffic, keep-alives too, until `resume`. Takes effect at the end of
     /// the network step under way. Spares the processor time that a disconnected client takes.
@@ -198,8 +212,7 @@ public:
 
     conv::ComState communicationState() const { return comState_; }
 
-    /// Whether the calling thread is this client's worker. Operations that wait for the broker do
-    /// not wait there.
+    /// Whether the calling thread is this client's worker, where nothing waits for the broker.
     bool onWorkerThread() const;
 
     /// Adds a listener unless it is registered; null is ignored. From inside a listener it takes
@@ -244,8 +257,7 @@ public:
     Error unsubscribe(Topic const& topic, Subscriber* subscriber, int* mid);
     /// The same, for those who do not need the message id.
     Error unsubscribe(Topic const& topic, Subscriber* subscriber);
-    /// Like `unsubscribe`, and waits for the broker's acknowledgement; on the worker thread,
-    /// which has to read it, it does not wait.
+    /// Like `unsubscribe`, and waits for the broker's acknowledgement.
     /// @param timeout seconds; all ones waits without limit
     /// @return as `unsubscribe`, or TIMEOUT
     Error unsubscribeWait(Topic const& topic, Subscriber* subscriber,
@@ -282,7 +294,6 @@ public:
 
 private:
     struct ZYM_MQTT_LOCAL Engine;
-    using Registry = std::map<Topic, Subscription>;
 
     // Exported, for the virtual tables of derived classes.
     void on_connect(int rc) override;
@@ -293,25 +304,29 @@ private:
 
     ZYM_MQTT_LOCAL int loop();
     ZYM_MQTT_LOCAL void networkStep();
+    ZYM_MQTT_LOCAL int step(std::chrono::milliseconds patience);
+    ZYM_MQTT_LOCAL int stepBeyondSelect(std::chrono::milliseconds patience);
+    ZYM_MQTT_LOCAL bool isLeaving() const;
     ZYM_MQTT_LOCAL void backOffAndReconnect();
     ZYM_MQTT_LOCAL void flushDisconnect();
     ZYM_MQTT_LOCAL void takeLeave();
+    ZYM_MQTT_LOCAL void endWorker() noexcept;
     ZYM_MQTT_LOCAL void flushOutput(std::chrono::steady_clock::time_point deadline);
     ZYM_MQTT_LOCAL bool wakeWorker();
     ZYM_MQTT_LOCAL void completeConnection();
     ZYM_MQTT_LOCAL bool resubscribe();
     ZYM_MQTT_LOCAL bool drainQueue();
+    ZYM_MQTT_LOCAL bool closeGate();
 
     ZYM_MQTT_LOCAL bool leaveDisconnected();
     ZYM_MQTT_LOCAL void setComState(conv::ComState state);
+    ZYM_MQTT_LOCAL bool changeComState(conv::ComState state);
     ZYM_MQTT_LOCAL bool waitForComState(conv::ComState state, conv::SecondsDuration timeout);
 
     ZYM_MQTT_LOCAL Error send(int* mid, Topic const& topic, std::string const& payload, int qos,
                               bool retain, bool& awaitable);
-    ZYM_MQTT_LOCAL int unsubscribeAtBroker(int* mid, Topic const& topic);
-    ZYM_MQTT_LOCAL void addSubscription(Subscription subscription);
-    ZYM_MQTT_LOCAL Registry::iterator eraseSubscription(Registry::iterator entry) noexcept;
-    ZYM_MQTT_LOCAL Subscription* findSubscriptions(Topic const& topic);
+    ZYM_MQTT_LOCAL Error subscribeAtBroker(char const* topic);
+    ZYM_MQTT_LOCAL Error unsubscribeAtBroker(int* mid, char const* topic);
 
     std::recursive_mutex mainMutex_; ///< registry, replay, listeners' calls
     zym::common::Uuid id_;
@@ -327,15 +342,15 @@ private:
     int lastPublished_ = 0;
     std::mutex unsubscriptionMutex_; ///< lastUnsubscribed_
     std::condition_variable unsubscribed_;
-    int lastUnsubscribed_ = 0;
+    int lastUnsubscribed_ = 0; ///< each wait notes its own, too
     std::string clientId_;
     std::vector<Listener*> listeners_;
     std::atomic<bool> stop_;
     std::atomic<bool> paused_;
     std::thread worker_;
-    Registry subscriptions_;         ///< entries keep their place: the engine has an index of them
-    std::deque<Publish> queue_;      ///< guarded by the engine's gate
-    std::unique_ptr<Engine> engine_; ///< where worker and callers meet
+    std::map<Topic, Subscription> subscriptions_; ///< changed by the engine's registrations only
+    std::deque<Publish> queue_;                   ///< guarded by the engine's gate
+    std::unique_ptr<Engine> engine_;              ///< where worker and callers meet
 };
 
 /// Writes the upper-case name of an outcome. ERRNO is followed by the calling thread's errno

@@ -11,6 +11,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <iosfwd>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -397,5 +398,9 @@ ZYM_MQTT_EXPORT void MqttData<RequestReply::Reply>::getSubscribeTopic(Topic& top
 
 extern template class MqttData<RequestReply::Request>;
 extern template class MqttData<RequestReply::Reply>;
+
+/// Writes the upper-case name of an outcome. The codes of a service follow on "APPLICATION": 17 is
+/// "APPLICATION + 1".
+ZYM_MQTT_EXPORT std::ostream& operator<<(std::ostream& out, RequestReply::ErrorCode const& error);
 
 } // namespace mqtt

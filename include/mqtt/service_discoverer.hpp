@@ -27,10 +27,10 @@ class Visitors;
 /// ```
 ///
 /// ### Threads
-/// Every operation may be called from any thread, except that `discoverSync`, `waitChange` and
-/// `launchSync` must not be called on the MQTT client's worker thread; none may be called from a
-/// communication state listener, the destructor neither. Runs are made one at a time: a call waits
-/// for the run under way to end before its own time-out begins.
+/// Every operation may be called from any thread. On the MQTT client's worker thread, which has to
+/// read the answers, `discoverSync`, `waitChange` and `launchSync` return false at once. None may
+/// be called from a communication state listener, the destructor neither. Runs are made one at a
+/// time: a call waits for the run under way to end before its own time-out begins.
 ///
 /// ### Lifetime
 /// The discoverer may be destroyed at any time; a run under way on another thread then ends with

@@ -15,6 +15,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 
 namespace mqtt {
 
@@ -29,8 +30,8 @@ class Visitors;
 ///
 /// ### Threads
 /// Every operation may be called from any thread. The listener is called on the timer's thread
-/// with no lock held: it may call every operation but `waitAllTasks`, and even destroy the
-/// cleaner. On another thread `terminate` and the destructor wait for such a call: do not hold a
+/// with no lock held: it may call every operation, and even destroy the cleaner; what it throws is
+/// dropped. On another thread `terminate` and the destructor wait for such a call: do not hold a
 /// lock that the listener takes.
 class ZYM_MQTT_EXPORT TopicCleaner : public MqttClient::Subscriber {
 public:
@@ -71,20 +72,20 @@ public:
     /// `terminate`.
     /// @param duration how long to listen; requests end when the cleaner looks, after activity or
     ///        each `NO_ACTIVITY_TIME`
-    /// @throws std::system_error no thread to be had for the timer: nothing is cleaned then
+    /// @throws std::system_error no thread to be had for the timer; std::bad_alloc; nothing is
+    ///         cleaned then
     void clean(Topic const& topic, std::chrono::milliseconds duration);
 
-    /// Waits until no request is left and the listener has been told so; not to be called from
-    /// inside the listener.
+    /// Waits until no request is left and the listener has been told so. Does not wait inside the
+    /// listener.
     /// @return true at once when there is none, also once terminated; false when the time was not
     ///         enough
     bool waitAllTasks(std::chrono::milliseconds timeout) const;
 
     /// Ends all work for good: requests are dropped without telling the listener, those who wait
-    /// are let go, the connection is closed. May take up to 5 seconds for each request and for
-    /// the connection, when the broker does not answer or several threads call this at once.
-    /// While there is no connection to close, the search for the broker ends with the destructor
-    /// only.
+    /// are let go, the connection is closed, or the search for the broker ended. May take up to 5
+    /// seconds for each request and for the connection, when the broker does not answer or several
+    /// threads call this at once.
     void terminate();
 
     /// Called by the connection; not for applications.
@@ -98,8 +99,11 @@ private:
                                             int port);
     ZYM_MQTT_LOCAL void arm(std::chrono::milliseconds period);
     ZYM_MQTT_LOCAL void onTimer();
-    ZYM_MQTT_LOCAL void handleTasksExpiration();
-    ZYM_MQTT_LOCAL std::shared_ptr<Task> takeDueTask(Lock const& lock);
+    ZYM_MQTT_LOCAL void handleTasksExpiration(Lock& lock);
+    template <class Call>
+    ZYM_MQTT_LOCAL bool tell(Call const& call, Lock& lock);
+    ZYM_MQTT_LOCAL Tasks::iterator findDueTask(Lock const& lock);
+    ZYM_MQTT_LOCAL bool isLooking(Lock const& lock) const;
 
     std::shared_ptr<MqttClient> client_;
     std::int32_t taskCount_ = 0;
@@ -110,8 +114,10 @@ private:
     bool cleaning_ = false; ///< from a request's creation until the listener has been told of all
     zym::common::Timer timer_;
     std::atomic<bool> terminated_{false};
-    std::shared_ptr<Visitors> const callers_; ///< inside `clean` or `waitAllTasks`
+    std::shared_ptr<Visitors> const callers_; ///< inside an operation that waits, or `clean`
     std::shared_ptr<void> const alive_;       ///< expires with this object
+    std::thread::id looker_;                  ///< inside the timer's callback; tasks lock
+    bool destroyedInside_ = false;            ///< being destroyed in there; tasks lock
 };
 
 /// One request of a cleaner, which makes it, starts it, and destroys it when its time has passed.

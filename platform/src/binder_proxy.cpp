@@ -1,10 +1,8 @@
 #include <zym/common/binder_proxy.hpp>
 
-#include <algorithm>
 #include <condition_variable>
 #include <mutex>
 #include <thread>
-#include <vector>
 
 namespace zym::common {
 
@@ -23,31 +21,41 @@ struct BinderProxy::Phases {
     bool unbinding = false;
     bool bound = false;
     bool terminated = false;
-    std::vector<std::thread::id> callers; ///< threads inside a listener call
     std::condition_variable callEnded;
 
 private:
     class Call;
+    Call* calls = nullptr; ///< under way, the last one first
 };
 
 /// Puts a listener call on record for `terminate`, since the lock is not held during the call.
+/// Needs no memory: a phase ends with its listener told.
 class BinderProxy::Phases::Call {
 public:
-    Call(Phases& phases, std::unique_lock<std::mutex>& lock) : phases_(phases) {
-        phases_.callers.push_back(std::this_thread::get_id());
+    Call(Phases& phases, std::unique_lock<std::mutex>& lock)
+        : phases_(phases), next_(phases.calls) {
+        phases_.calls = this;
         lock.unlock();
     }
     ~Call() {
         std::lock_guard<std::mutex> const lock(phases_.mutex);
-        auto& all = phases_.callers;
-        all.erase(std::find(all.begin(), all.end(), std::this_thread::get_id()));
+        Call** link = &phases_.calls;
+        while (*link != this) {
+            link = &(*link)->next_;
+        }
+        *link = next_;
         phases_.callEnded.notify_all();
     }
     Call(Call const&) = delete;
     Call& operator=(Call const&) = delete;
 
+    Call const* next() const { return next_; }
+    bool isOn(std::thread::id thread) const { return thread_ == thread; }
+
 private:
     Phases& phases_;
+    std::thread::id const thread_ = std::this_thread::get_id();
+    Call* next_;
 };
 
 void BinderProxy::Phases::tell(void (Listener::*event)(Error), Error error,
@@ -62,7 +70,12 @@ void BinderProxy::Phases::tell(void (Listener::*event)(Error), Error error,
 // A thread that is itself inside a call waits for nobody: two of them would wait for each other.
 bool BinderProxy::Phases::othersAreInListener() const {
     auto const self = std::this_thread::get_id();
-    return !callers.empty() && std::find(callers.begin(), callers.end(), self) == callers.end();
+    for (auto const* call = calls; call != nullptr; call = call->next()) {
+        if (call->isOn(self)) {
+            return false;
+        }
+    }
+    return calls != nullptr;
 }
 
 BinderProxy::BinderProxy(Uuid const& uuid, Listener* listener)

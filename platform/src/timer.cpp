@@ -1,7 +1,10 @@
 #include <zym/common/timer.hpp>
 
+#include "thread.hpp"
+
 #include <algorithm>
 #include <condition_variable>
+#include <thread>
 #include <utility>
 
 namespace zym::common {
@@ -48,6 +51,9 @@ struct Timer::Engine {
     bool terminated = false;
     std::thread::id worker;
     Clock::time_point deadline;
+    Thread thread; ///< written under the lock, and after `terminate` under that of joining
+
+    std::mutex joining; ///< one thread joins, the others wait for it here
 };
 
 void Timer::Engine::run() {
@@ -97,8 +103,8 @@ Timer::Timer(std::function<void()> callback, std::chrono::milliseconds period, b
 
 Timer::~Timer() {
     terminate();
-    if (thread_.joinable()) {
-        thread_.detach(); // we are on it
+    if (engine_->thread.isJoinable()) {
+        engine_->thread.detach(); // we are on it
     }
 }
 
@@ -115,8 +121,8 @@ void Timer::restart(std::unique_lock<std::mutex>& /*lock*/) {
     if (engine_->terminated) {
         return;
     }
-    if (!thread_.joinable()) {
-        thread_ = std::thread([engine = engine_] { engine->run(); });
+    if (!engine_->thread.isJoinable()) {
+        engine_->thread.start("zym-timer", [engine = engine_] { engine->run(); });
     }
     engine_->deadline = later(Clock::now(), engine_->period);
     engine_->armed = true;
@@ -138,9 +144,9 @@ void Timer::terminate() {
         }
     }
     engine_->changed.notify_one();
-    std::lock_guard<std::mutex> const joining(joinMutex_);
-    if (thread_.joinable()) {
-        thread_.join();
+    std::lock_guard<std::mutex> const joining(engine_->joining);
+    if (engine_->thread.isJoinable()) {
+        engine_->thread.join();
     }
 }
 

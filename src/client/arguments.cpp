@@ -14,6 +14,11 @@ bool isUtf8(std::string const& text) {
     return mosquitto_validate_utf8(text.data(), static_cast<int>(text.size())) == 0;
 }
 
+bool fits(Topic const& topic, std::size_t payloadSize, int qos) {
+    std::size_t const overhead = topic.text().size() + (qos == 0 ? 2 : 4);
+    return overhead <= MAX_PACKET && payloadSize <= MAX_PACKET - overhead;
+}
+
 } // namespace
 
 Error checkPublication(Topic const& topic, std::size_t payloadSize, int qos) {
@@ -22,7 +27,7 @@ Error checkPublication(Topic const& topic, std::size_t payloadSize, int qos) {
         return Error::INVALID_PARAMETER;
     if (!isUtf8(text))
         return MALFORMED_UTF8;
-    if (payloadSize > MAX_PAYLOAD)
+    if (!fits(topic, payloadSize, qos))
         return Error::PAYLOAD_SIZE;
     return static_cast<Error>(mosquitto_pub_topic_check(text.c_str()));
 }
@@ -34,10 +39,10 @@ Error checkSubscription(Topic const& topic) {
     return isUtf8(text) ? Error::SUCCESS : MALFORMED_UTF8;
 }
 
-Error checkSizes(Topic const& topic, std::size_t payloadSize) {
+Error checkSizes(Topic const& topic, std::size_t payloadSize, int qos) {
     if (topic.text().find('\0') != std::string::npos)
         return MALFORMED_UTF8;
-    return payloadSize > MAX_PAYLOAD ? Error::PAYLOAD_SIZE : Error::SUCCESS;
+    return fits(topic, payloadSize, qos) ? Error::SUCCESS : Error::PAYLOAD_SIZE;
 }
 
 } // namespace mqtt

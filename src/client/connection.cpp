@@ -49,11 +49,12 @@ Error MqttClient::connect(std::string host, int port, conv::SecondsDuration time
         if (!leaveDisconnected())
             return Error::CONNECTION_PENDING;
         engine_->flushFirst = false; // meant for the last connection
+        engine_->givenUp = false;
         result = mosqpp::mosquittopp::connect(host.c_str(), port, HEART_BEAT_RATE.toInt32());
         systemError = errno;
         if (result == 0) {
             engine_->tuning.connected(socket());
-            host_ = host;
+            host_.swap(host); // takes no memory
             port_ = port;
         }
     }
@@ -81,6 +82,7 @@ Error MqttClient::disconnect(conv::SecondsDuration timeout) {
         if (result == 0) {
             // What is published from here on would follow the DISCONNECT packet and be lost.
             engine_->gate.online = false;
+            engine_->gate.leaving = true;
             engine_->flushFirst = true;
         }
     }
@@ -90,7 +92,14 @@ Error MqttClient::disconnect(conv::SecondsDuration timeout) {
         errno = systemError;
         return static_cast<Error>(result);
     }
-    return waitForComState(ComState::DISCONNECTED, timeout) ? Error::SUCCESS : Error::TIMEOUT;
+    // It is the worker that writes the packet, so in there the wait would be in vain.
+    auto const patienceForState = onWorkerThread() ? conv::SecondsDuration(0) : timeout;
+    return waitForComState(ComState::DISCONNECTED, patienceForState) ? Error::SUCCESS
+                                                                     : Error::TIMEOUT;
+}
+
+void MqttClient::giveUp() {
+    engine_->givenUp = true;
 }
 
 void MqttClient::pause() {
@@ -102,6 +111,8 @@ void MqttClient::resume() {
 }
 
 void MqttClient::registerListener(Listener* listener) {
+    if (listener == nullptr)
+        return;
     std::lock_guard const lock(stateMutex_);
     if (std::find(listeners_.begin(), listeners_.end(), listener) != listeners_.end())
         return;
@@ -125,6 +136,8 @@ Error MqttClient::setWill(Topic const& topic, std::string const& payload, int qo
     auto const refused = checkPublication(topic, payload.size(), qos);
     if (refused != Error::SUCCESS)
         return refused;
+    if (payload.size() > MAX_WILL_PAYLOAD)
+        return Error::PAYLOAD_SIZE;
     return static_cast<Error>(will_set(topic.text().c_str(), static_cast<int>(payload.size()),
                                        payload.data(), qos, retain));
 }
@@ -153,9 +166,8 @@ void MqttClient::setComState(ComState state) {
     // The main lock too, and first: a listener may subscribe.
     std::lock_guard const mainLock(mainMutex_);
     std::lock_guard const lock(stateMutex_);
-    if (comState_ == state)
+    if (!changeComState(state))
         return;
-    comState_ = state;
     engine_->notifier = std::this_thread::get_id();
     // A copy: a listener may register and unregister, itself too.
     auto& told = engine_->told;
@@ -166,6 +178,14 @@ void MqttClient::setComState(ComState state) {
     }
     engine_->notifier = std::thread::id();
     stateChanged_.notify_all();
+}
+
+/// @return whether it is another state than before
+bool MqttClient::changeComState(ComState state) {
+    std::lock_guard const lock(engine_->gate.mutex);
+    // Told to disconnect since the queue was drained: it must not become connected after that.
+    bool const tooLate = state == ComState::CONNECTED && !engine_->gate.online;
+    return !tooLate && comState_.exchange(state) != state;
 }
 
 bool MqttClient::waitForComState(ComState state, conv::SecondsDuration timeout) {

@@ -52,7 +52,7 @@ void MqttClient::on_message(mosquitto_message const* message) {
         engine_->tuning.received(topic.text().size() + payload.size());
         {
             std::lock_guard const lock(mainMutex_);
-            auto const* const subscription = findSubscriptions(topic);
+            auto const* const subscription = engine_->registrations.find(topic);
             if (subscription == nullptr)
                 return;
             engine_->dispatch.prepare(subscription->subscribers);
@@ -61,10 +61,6 @@ void MqttClient::on_message(mosquitto_message const* message) {
     } catch (...) {
         // Out of memory: this message is lost, the client is not.
     }
-}
-
-MqttClient::Subscription* MqttClient::findSubscriptions(Topic const& topic) {
-    return engine_->index.find(topic);
 }
 
 } // namespace mqtt

@@ -2,8 +2,8 @@
 
 #include "client/dispatch.hpp"
 #include "client/network_turn.hpp"
+#include "client/registrations.hpp"
 #include "client/socket_tuning.hpp"
-#include "client/subscription_index.hpp"
 #include "mqtt/client.hpp"
 
 #include <atomic>
@@ -12,6 +12,8 @@
 #include <mutex>
 #include <thread>
 #include <vector>
+
+#include <sys/types.h>
 
 namespace mqtt {
 
@@ -25,6 +27,18 @@ struct Gate {
     std::mutex mutex;
     /// From the moment the queue is drained after a connection to the loss of that connection.
     bool online = false;
+    /// From the moment the library has taken a DISCONNECT packet to the end of that connection:
+    /// what is handed over behind it is lost.
+    bool leaving = false;
+};
+
+/// A thread that waits for the acknowledgement of its unsubscription. Each has a note of its own:
+/// the next acknowledgement may come before the thread wakes up. They form a list that takes no
+/// memory, as destructors wait too.
+struct UnsubscriptionWait {
+    int mid = -1;
+    bool acknowledged = false;
+    UnsubscriptionWait* next = nullptr;
 };
 
 /// The end of the worker: what cuts its sleeps short, and what its owner waits for.
@@ -68,21 +82,26 @@ private:
 /// none of which it takes when we publish, subscribe or unsubscribe: so a callback may wait for
 /// any of ours.
 struct MqttClient::Engine {
+    explicit Engine(Registrations::Registry& registry) : registrations(registry) {}
+
     NetworkTurn turn;
     Gate gate;
     Dispatch dispatch;
     WorkerLife life;
-    SocketTuning tuning;     ///< for whoever has the turn; what is issued and answered, for all
-    SubscriptionIndex index; ///< of the registry's entries; main lock
+    SocketTuning tuning;         ///< for whoever has the turn; what is issued and answered, for all
+    Registrations registrations; ///< main lock
 
     std::vector<Listener*> told; ///< room for all listeners while they are called; state lock
 
     Topic received; ///< worker: of the message under way; kept between messages for its memory
 
+    UnsubscriptionWait* unsubscriptionWaits = nullptr; ///< the first; unsubscription lock
     int wakeMid = -1;          ///< of the packet that only woke the worker; unsubscription lock
     bool acknowledged = false; ///< worker: the broker has consented, the rest is to be done
     std::atomic<bool> flushFirst{false};   ///< a DISCONNECT packet must leave before any reading
+    std::atomic<bool> givenUp{false};      ///< nobody wants a connection until the next `connect`
     std::atomic<bool> reconnecting{false}; ///< the worker is inside `reconnect`
+    std::atomic<pid_t> workerId{0};        ///< of the worker, to the kernel
     std::atomic<std::thread::id> notifier{std::thread::id()}; ///< who is calling listeners
 };
 

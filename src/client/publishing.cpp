@@ -14,11 +14,16 @@ Error MqttClient::publish(Topic const& topic, std::string const& payload, int qo
 
 Error MqttClient::publishWait(Topic const& topic, std::string const& payload, int qos, bool retain,
                               conv::SecondsDuration timeout) {
+    bool awaitable = false;
+    if (onWorkerThread()) {
+        // The acknowledgement would have to be read by the very thread that waits for it.
+        auto const result = send(nullptr, topic, payload, qos, retain, awaitable);
+        return awaitable ? Error::TIMEOUT : result;
+    }
     // Held from before the publication: its acknowledgement cannot come too early to be seen.
     std::unique_lock lock(deliveryMutex_);
     lastPublished_ = -1;
     int mid = 0;
-    bool awaitable = false;
     auto const result = send(&mid, topic, payload, qos, retain, awaitable);
     if (!awaitable)
         return result;
@@ -39,7 +44,7 @@ void MqttClient::on_publish(int mid) {
 /// `awaitable` is set when an acknowledgement of `mid` will come.
 Error MqttClient::send(int* mid, Topic const& topic, std::string const& payload, int qos,
                        bool retain, bool& awaitable) {
-    auto const sizes = checkSizes(topic, payload.size());
+    auto const sizes = checkSizes(topic, payload.size(), qos);
     if (sizes != Error::SUCCESS)
         return sizes;
     std::lock_guard const lock(engine_->gate.mutex);

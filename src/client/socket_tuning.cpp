@@ -89,15 +89,6 @@ std::chrono::milliseconds SocketTuning::patience() const {
     return patience;
 }
 
-void abortConnect(int fd) {
-    tcp_info info{};
-    socklen_t length = sizeof info;
-    // The library may have closed the descriptor meanwhile and somebody else opened it.
-    if (fd >= 0 && ::getsockopt(fd, IPPROTO_TCP, TCP_INFO, &info, &length) == 0
-        && info.tcpi_state == TCP_SYN_SENT)
-        ::shutdown(fd, SHUT_RDWR);
-}
-
 void waitForOutput(int fd) {
     pollfd writable{fd, POLLOUT, 0};
     ::poll(&writable, 1, 100);

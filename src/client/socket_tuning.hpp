@@ -51,10 +51,6 @@ private:
     Clock::time_point lastMessages_{}; ///< when some were read, or a flood paused
 };
 
-/// Ends a TCP connect that waits for an answer in another thread; leaves every other socket
-/// alone.
-void abortConnect(int fd);
-
 /// Waits until the socket takes more output, at most 100 ms.
 void waitForOutput(int fd);
 

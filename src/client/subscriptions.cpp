@@ -3,7 +3,7 @@
 #include "common/wait.hpp"
 #include "mqtt/client.hpp"
 
-#include <algorithm>
+#include <utility>
 
 namespace mqtt {
 
@@ -14,58 +14,21 @@ Error MqttClient::subscribe(Topic const& topic, Subscriber* subscriber, int tag)
     if (refused != Error::SUCCESS)
         return refused;
     std::lock_guard const lock(mainMutex_);
-    auto result = Error::NO_CONN;
-    {
-        std::lock_guard const gateLock(engine_->gate.mutex);
-        if (engine_->gate.online) {
-            engine_->tuning.issued();
-            result = static_cast<Error>(
-                mosqpp::mosquittopp::subscribe(nullptr, topic.text().c_str(), 0));
-        }
-    }
+    // First, as it may run out of memory: the broker must not know of what is not registered.
+    engine_->registrations.add(topic, subscriber, tag);
+    auto const result = subscribeAtBroker(topic.text().c_str());
     // Without a connection the completion of the next one subscribes.
-    if (result != Error::SUCCESS && result != Error::NO_CONN && result != Error::CONN_LOST)
-        return result;
-    auto const known = subscriptions_.find(topic);
-    if (known != subscriptions_.end())
-        known->second.subscribers.emplace_back(subscriber, tag);
-    else
-        addSubscription({topic, {{subscriber, tag}}});
-    return Error::SUCCESS;
-}
-
-/// Adds an entry to the registry and to its index, or to neither.
-void MqttClient::addSubscription(Subscription subscription) {
-    // Whatever needs memory comes before the one step that changes the registry and needs none.
-    Registry entry;
-    auto const topic = subscription.topic;
-    auto& placed = entry.emplace(topic, std::move(subscription)).first->second;
-    engine_->index.add(placed);
-    subscriptions_.merge(entry);
-}
-
-/// @return the entry behind it
-MqttClient::Registry::iterator MqttClient::eraseSubscription(Registry::iterator entry) noexcept {
-    engine_->index.remove(entry->second);
-    return subscriptions_.erase(entry);
+    if (result == Error::SUCCESS || result == Error::NO_CONN || result == Error::CONN_LOST)
+        return Error::SUCCESS;
+    engine_->registrations.takeBack(topic, subscriber);
+    return result;
 }
 
 Error MqttClient::unsubscribe(Topic const& topic, Subscriber* subscriber, int* mid) {
     std::lock_guard const lock(mainMutex_);
-    auto const entry = subscriptions_.find(topic);
-    if (entry == subscriptions_.end())
+    if (!engine_->registrations.remove(topic, subscriber))
         return Error::NOT_FOUND;
-    auto& subscribers = entry->second.subscribers;
-    auto const found = std::find_if(subscribers.begin(), subscribers.end(),
-                                    [&](auto const& pair) { return pair.first == subscriber; });
-    if (found == subscribers.end())
-        return Error::NOT_FOUND;
-    subscribers.erase(found);
-    if (!subscribers.empty())
-        return Error::NOT_FOUND;
-    int const result = unsubscribeAtBroker(mid, topic);
-    eraseSubscription(entry);
-    return static_cast<Error>(result);
+    return unsubscribeAtBroker(mid, topic.text().c_str());
 }
 
 Error MqttClient::unsubscribe(Topic const& topic, Subscriber* subscriber) {
@@ -74,27 +37,38 @@ Error MqttClient::unsubscribe(Topic const& topic, Subscriber* subscriber) {
 
 Error MqttClient::unsubscribeWait(Topic const& topic, Subscriber* subscriber,
                                   conv::SecondsDuration timeout) {
+    if (onWorkerThread()) {
+        // The acknowledgement would have to be read by the very thread that waits for it. No lock
+        // either: a state listener is called with the main lock held, which comes after it.
+        auto const result = unsubscribe(topic, subscriber);
+        return result == Error::SUCCESS ? Error::TIMEOUT : result;
+    }
     // Held from before the request: its acknowledgement cannot come too early to be seen.
     std::unique_lock lock(unsubscriptionMutex_);
     lastUnsubscribed_ = -1;
-    int mid = 0;
-    auto const result = unsubscribe(topic, subscriber, &mid);
+    UnsubscriptionWait wait;
+    auto const result = unsubscribe(topic, subscriber, &wait.mid);
     if (result != Error::SUCCESS)
         return result;
-    // The acknowledgement would have to be read by the very thread that waits for it.
-    if (onWorkerThread())
-        return Error::TIMEOUT;
+    wait.next = std::exchange(engine_->unsubscriptionWaits, &wait);
     auto const deadline = timeout.toTimepoint(std::chrono::steady_clock::now());
-    bool const done =
-        waitUntil(unsubscribed_, lock, deadline, [&] { return lastUnsubscribed_ == mid; });
+    bool const done = waitUntil(unsubscribed_, lock, deadline, [&] { return wait.acknowledged; });
+    auto** link = &engine_->unsubscriptionWaits;
+    while (*link != &wait)
+        link = &(*link)->next;
+    *link = wait.next;
     return done ? Error::SUCCESS : Error::TIMEOUT;
 }
 
 void MqttClient::on_unsubscribe(int mid) {
     std::lock_guard const lock(unsubscriptionMutex_);
-    if (mid == engine_->wakeMid)
+    if (mid == engine_->wakeMid) {
+        engine_->wakeMid = -1;
         return;
+    }
     lastUnsubscribed_ = mid;
+    for (auto* wait = engine_->unsubscriptionWaits; wait != nullptr; wait = wait->next)
+        wait->acknowledged = wait->acknowledged || wait->mid == mid;
     unsubscribed_.notify_all();
 }
 
@@ -103,29 +77,27 @@ void MqttClient::release(Subscriber* subscriber) noexcept {
         return;
     {
         std::lock_guard const lock(mainMutex_);
-        for (auto entry = subscriptions_.begin(); entry != subscriptions_.end();) {
-            auto& subscribers = entry->second.subscribers;
-            subscribers.erase(
-                std::remove_if(subscribers.begin(), subscribers.end(),
-                               [&](auto const& pair) { return pair.first == subscriber; }),
-                subscribers.end());
-            if (!subscribers.empty()) {
-                ++entry;
-                continue;
-            }
-            unsubscribeAtBroker(nullptr, entry->first);
-            entry = eraseSubscription(entry);
-        }
+        engine_->registrations.removeAll(subscriber, [this](Topic const& topic) {
+            unsubscribeAtBroker(nullptr, topic.text().c_str());
+        });
     }
     engine_->dispatch.retire(subscriber, !onWorkerThread());
 }
 
-int MqttClient::unsubscribeAtBroker(int* mid, Topic const& topic) {
+Error MqttClient::subscribeAtBroker(char const* topic) {
     std::lock_guard const lock(engine_->gate.mutex);
     if (!engine_->gate.online)
-        return static_cast<int>(Error::NO_CONN);
+        return Error::NO_CONN;
     engine_->tuning.issued();
-    return mosqpp::mosquittopp::unsubscribe(mid, topic.text().c_str());
+    return static_cast<Error>(mosqpp::mosquittopp::subscribe(nullptr, topic, 0));
+}
+
+Error MqttClient::unsubscribeAtBroker(int* mid, char const* topic) {
+    std::lock_guard const lock(engine_->gate.mutex);
+    if (!engine_->gate.online)
+        return Error::NO_CONN;
+    engine_->tuning.issued();
+    return static_cast<Error>(mosqpp::mosquittopp::unsubscribe(mid, topic));
 }
 
 } // namespace mqtt

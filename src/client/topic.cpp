@@ -89,11 +89,15 @@ bool Topic::matches(Topic const& topic) const {
 }
 
 void Topic::resize(unsigned int n) {
+    if (n == 0) {
+        text_.clear();
+        starts_.clear();
+    }
     if (n >= starts_.size())
         return;
     // Segment n may start at 0 (see operator+=), and the text may be shorter than its segments
     // say (see clear): the cut never wraps around and never makes the text longer.
-    std::size_t const end = n == 0 || starts_[n] == 0 ? 0 : starts_[n] - 1;
+    std::size_t const end = starts_[n] == 0 ? 0 : starts_[n] - 1;
     text_.resize(std::min(end, text_.size()));
     starts_.resize(n);
 }

@@ -11,6 +11,12 @@
 #include "client/farewell.hpp"
 #include "mqtt/client.hpp"
 
+#include <utility>
+
+#include <pthread.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
 namespace mqtt {
 
 namespace {
@@ -28,8 +34,10 @@ constexpr char const* WAKE_TOPIC = "$zym/wake";
 } // namespace
 
 int MqttClient::loop() {
+    ::pthread_setname_np(::pthread_self(), "zym-mqtt");
+    engine_->workerId = static_cast<pid_t>(::syscall(SYS_gettid));
     while (!stop_) {
-        if (paused_)
+        if (paused_ && !isLeaving())
             engine_->life.sleep(std::chrono::milliseconds(500));
         else
             networkStep();
@@ -39,13 +47,19 @@ int MqttClient::loop() {
     return 0;
 }
 
+/// There is a connection, or the search for one, that nobody wants any more.
+bool MqttClient::isLeaving() const {
+    return engine_->givenUp && comState_ != conv::ComState::DISCONNECTED;
+}
+
 void MqttClient::networkStep() {
     auto& engine = *engine_;
     engine.turn.enter();
+    if (isLeaving() && disconnect(0) == Error::NO_CONN)
+        setComState(conv::ComState::DISCONNECTED);
     if (engine.flushFirst.exchange(false))
         flushDisconnect();
-    int const result =
-        mosqpp::mosquittopp::loop(static_cast<int>(engine.tuning.patience().count()), 1);
+    int const result = step(engine.tuning.patience());
     if (result == OK) {
         engine.tuning.stepped(socket(), want_write());
         if (engine.acknowledged)
@@ -53,8 +67,12 @@ void MqttClient::networkStep() {
     }
     // Decided while we have the turn: a caller that connects leaves state 1 only when it has it,
     // and a result from before says nothing about the connection that has come up since.
-    bool const retry =
+    bool const lost =
         (result == NO_CONN || result == CONN_LOST) && comState_ != conv::ComState::DISCONNECTED;
+    // There was a DISCONNECT packet for a connection that never came up.
+    bool const retry = lost && !closeGate();
+    if (lost && !retry)
+        setComState(conv::ComState::DISCONNECTED);
     engine.turn.leave();
 
     if (result == OK)
@@ -72,7 +90,7 @@ void MqttClient::backOffAndReconnect() {
     engine.turn.enter();
     engine.reconnecting = true;
     // Once asked to end, `reconnecting` may have been looked at already: do not begin.
-    if (!stop_ && mosqpp::mosquittopp::reconnect() == OK)
+    if (!stop_ && !engine.givenUp && mosqpp::mosquittopp::reconnect() == OK)
         engine.tuning.connected(socket());
     engine.reconnecting = false;
     engine.turn.leave();
@@ -92,6 +110,8 @@ void MqttClient::flushDisconnect() {
 /// Lets the broker have what the destructor has sent, the unsubscriptions, before the connection
 /// is closed.
 void MqttClient::takeLeave() {
+    if (engine_->flushFirst.exchange(false))
+        flushDisconnect();
     {
         std::lock_guard const lock(engine_->gate.mutex);
         if (!engine_->gate.online)
@@ -113,7 +133,11 @@ void MqttClient::flushOutput(std::chrono::steady_clock::time_point deadline) {
 bool MqttClient::wakeWorker() {
     // Held until its id is known: the acknowledgement must not be taken for anybody else's.
     std::lock_guard const lock(unsubscriptionMutex_);
-    return unsubscribeAtBroker(&engine_->wakeMid, Topic(WAKE_TOPIC)) == OK;
+    int mid = -1;
+    if (unsubscribeAtBroker(&mid, WAKE_TOPIC) != Error::SUCCESS)
+        return false;
+    engine_->wakeMid = mid;
+    return true;
 }
 
 void MqttClient::on_connect(int rc) {
@@ -123,12 +147,22 @@ void MqttClient::on_connect(int rc) {
 }
 
 void MqttClient::on_disconnect(int rc) {
+    // The broker's consent makes the library forget that it was told to disconnect.
+    bool const intended = closeGate() || rc == 0;
     {
-        std::lock_guard const lock(engine_->gate.mutex);
-        engine_->gate.online = false;
+        // Nobody acknowledges it any more, and one day its id is used again.
+        std::lock_guard const lock(unsubscriptionMutex_);
+        engine_->wakeMid = -1;
     }
     engine_->acknowledged = false;
-    setComState(rc == 0 ? conv::ComState::DISCONNECTED : conv::ComState::CONNECTION_LOST);
+    setComState(intended ? conv::ComState::DISCONNECTED : conv::ComState::CONNECTION_LOST);
+}
+
+/// The connection has ended. @return whether it was told to
+bool MqttClient::closeGate() {
+    std::lock_guard const lock(engine_->gate.mutex);
+    engine_->gate.online = false;
+    return std::exchange(engine_->gate.leaving, false);
 }
 
 void MqttClient::completeConnection() {
@@ -149,6 +183,8 @@ bool MqttClient::resubscribe() {
 
 bool MqttClient::drainQueue() {
     std::lock_guard const lock(engine_->gate.mutex);
+    if (engine_->gate.leaving)
+        return false;
     while (!queue_.empty()) {
         auto const& first = queue_.front();
         engine_->tuning.issued(first.qos != 0);

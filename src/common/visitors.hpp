@@ -20,6 +20,9 @@ public:
         explicit Visit(std::shared_ptr<Visitors> visitors)
             : visitors_(std::move(visitors)), thread_(std::this_thread::get_id()) {
             std::lock_guard const lock(visitors_->mutex_);
+            if (visitors_->closed_)
+                return;
+            inside_ = true;
             next_ = visitors_->first_;
             visitors_->first_ = this;
         }
@@ -30,23 +33,34 @@ public:
         Visit(Visit const&) = delete;
         Visit& operator=(Visit const&) = delete;
 
+        /// False when it came too late: the object is gone, or goes.
+        bool isInside() const { return inside_; }
+
     private:
         friend class Visitors;
 
         std::shared_ptr<Visitors> const visitors_;
         std::thread::id const thread_;
         Visit* next_ = nullptr;
+        bool inside_ = false;
     };
 
     /// Waits until nobody is inside but the calling thread itself.
     void waitForOthers() {
         std::unique_lock lock(mutex_);
-        left_.wait(lock, [this, me = std::this_thread::get_id()] {
-            auto const* visit = first_;
-            while (visit != nullptr && visit->thread_ == me)
-                visit = visit->next_;
-            return visit == nullptr;
-        });
+        waitForOthers(lock);
+    }
+
+    /// The same, and lets nobody in any more. A thread inside that finds it closed has itself
+    /// destroyed the object.
+    void close() {
+        std::unique_lock lock(mutex_);
+        waitForOthers(lock);
+        closed_ = true;
+    }
+    bool isClosed() {
+        std::lock_guard const lock(mutex_);
+        return closed_;
     }
 
     /// Ends the visits of the calling thread early. For a visit that ends the object, and has to
@@ -58,6 +72,15 @@ public:
     }
 
 private:
+    void waitForOthers(std::unique_lock<std::mutex>& lock) {
+        left_.wait(lock, [this, me = std::this_thread::get_id()] {
+            auto const* visit = first_;
+            while (visit != nullptr && visit->thread_ == me)
+                visit = visit->next_;
+            return visit == nullptr;
+        });
+    }
+
     template <class Predicate>
     void removeIf(Predicate const& predicate) {
         for (auto** link = &first_; *link != nullptr;) {
@@ -72,6 +95,7 @@ private:
     std::mutex mutex_; ///< a leaf
     std::condition_variable left_;
     Visit* first_ = nullptr;
+    bool closed_ = false;
 };
 
 } // namespace mqtt

@@ -1,11 +1,14 @@
 #include "mqtt/link.hpp"
 
 #include "common/json_number.hpp"
+#include "data/array_elements.hpp"
 
 #include <zym/common/lwjson.hpp>
 
 #include <algorithm>
 #include <ostream>
+#include <string_view>
+#include <utility>
 
 namespace mqtt {
 
@@ -23,36 +26,33 @@ void read(Deserializer const& in, Link& link) {
     Deserializer::extractValue(in.getMember("@id"), link.id, "");
 }
 
-/// Reads a link that stands in a document. Most look as we write them: what a good object that
-/// begins like this has up to its one more quotation mark is the id.
-void readElement(std::string_view element, Link& link) {
+/// Reads a link that stands in an array. Most look as we write them: what a good object that begins
+/// like this has up to its one more quotation mark is the id.
+/// @param text room for a part of the element, with an end of its own
+void readElement(std::string_view element, std::string& text, Link& link) {
     constexpr std::string_view BEFORE = R"({"@id": )";
     constexpr std::string_view BEHIND = "}";
     std::size_t const begin = BEFORE.size() + 1;
     if (element.substr(0, begin) == R"({"@id": ")"
-        && element.find('"', begin) == element.size() - 2)
-        Deserializer::extractValue(
-            element.substr(BEFORE.size(), element.size() - BEFORE.size() - BEHIND.size()), link.id,
-            "");
-    else
-        read(Deserializer(element), link);
+        && element.find('"', begin) == element.size() - 2) {
+        text = element.substr(BEFORE.size(), element.size() - BEFORE.size() - BEHIND.size());
+        Deserializer::extractValue(text.c_str(), link.id, "");
+    } else {
+        text = element;
+        read(Deserializer(text), link);
+    }
 }
 
-/// Adds the array that the writer would make of links that are finished documents; but those would
-/// have to be laid out, put on one line and copied one by one.
-void addLinks(Serializer& out, std::vector<Link> const& links) {
-    std::string& json = out.mutableJson();
-    json.back() = '\n'; // the blank behind the key
-    json += "  [";
+/// Each link as a finished document.
+std::vector<Serializer> documentsOf(Topic const& topic, std::vector<Link> const& links) {
+    std::vector<Serializer> result;
+    result.reserve(links.size());
+    std::string text;
     for (auto const& link : links) {
-        json += "\n    {\"@id\": ";
-        out.addValue(link.id);
-        json.back() = '}';
-        json += ',';
+        MqttData<Link>::serialize(topic, text, link);
+        result.emplace_back(std::as_const(text));
     }
-    if (!links.empty())
-        json.pop_back();
-    json += "\n  ],";
+    return result;
 }
 
 Link& emptyLinkAt(std::vector<Link>& links, std::size_t i) {
@@ -63,11 +63,14 @@ Link& emptyLinkAt(std::vector<Link>& links, std::size_t i) {
 }
 
 /// Reads links in the place of those that are there, up to the first that is none.
-void readElements(Deserializer const& in, std::vector<Link>& links) {
+void readElements(std::string const& array, std::vector<Link>& links) {
     std::size_t count = 0;
     try {
-        for (auto const element : in.getElements())
-            readElement(element, emptyLinkAt(links, count++));
+        ArrayElements elements(array);
+        std::string_view element;
+        std::string text;
+        while (elements.next(element))
+            readElement(element, text, emptyLinkAt(links, count++));
     } catch (...) {
         links.resize(count);
         throw;
@@ -127,12 +130,13 @@ MqttDataCollection<Link>::~MqttDataCollection() {
     release();
 }
 
-void MqttDataCollection<Link>::serialize(Topic const& /*topic*/, std::string& payload,
+void MqttDataCollection<Link>::serialize(Topic const& topic, std::string& payload,
                                          std::vector<Link> const& value) {
     Serializer out(payload);
+    auto const documents = documentsOf(topic, value);
     appendNumber(out, "members@count", static_cast<unsigned int>(value.size()));
     out.appendKey("members");
-    addLinks(out, value);
+    out.addValue(documents);
     out.finalize();
 }
 
@@ -145,7 +149,7 @@ void MqttDataCollection<Link>::deserialize(Topic const& /*topic*/, std::string c
     Deserializer::extractValue(in.getMember("members@count"), count, "");
     // A stranger's number: make room for no more than this text can hold.
     value.reserve(std::min<std::size_t>(count, payload.size() / SHORTEST_ELEMENT));
-    readElements(Deserializer(in.getMember("members")), value);
+    readElements(std::string(in.getMember("members")), value);
 }
 
 std::ostream& operator<<(std::ostream& out, std::vector<Link> const& links) {

@@ -62,6 +62,9 @@ bool ServiceDiscovererMqtt::waitChange(conv::SecondsDuration timeout, bool withI
 
 bool ServiceDiscovererMqtt::launchSync(conv::SecondsDuration timeout, bool withIdentification,
                                        bool waitForChange) {
+    // The answers would have to be read by the very thread that waits for them.
+    if (client_.onWorkerThread())
+        return false;
     Visitors::Visit const visit(callers_);
     std::lock_guard const run(runMutex_);
     Lock lock(mutex_);

@@ -28,7 +28,7 @@ using std::chrono::steady_clock;
 using zym::common::Uuid;
 using ErrorCode = RequestReply::ErrorCode;
 
-constexpr conv::SecondsDuration REQUEST_TIMEOUT{5};
+conv::SecondsDuration const REQUEST_TIMEOUT{5};
 constexpr milliseconds INITIAL_PERIOD{1000};
 constexpr milliseconds SAMPLE_PERIOD{30000};
 constexpr milliseconds RETRY_PERIOD{1000};
@@ -216,8 +216,8 @@ void SynchronizedTimeBaseMqttProxy::goOn(Lock const& lock) {
     } catch (...) {
         // No memory, or a derived clock that throws.
     }
-    if (isSynchronized() || isTerminated())
-        return; // the periodic exchange is enough, or nobody needs one
+    if (isSynchronized())
+        return; // the periodic exchange is enough
     retrying_ = true;
     arm(RETRY_PERIOD, lock);
 }

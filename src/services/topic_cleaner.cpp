@@ -4,6 +4,7 @@
 
 #include "mqtt/topic_cleaner.hpp"
 
+#include "common/user_call.hpp"
 #include "common/visitors.hpp"
 #include "common/wait.hpp"
 
@@ -17,7 +18,7 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-constexpr conv::SecondsDuration BROKER_TIMEOUT{5};
+conv::SecondsDuration const BROKER_TIMEOUT{5};
 
 } // namespace
 
@@ -56,7 +57,8 @@ bool TopicCleaner::Task::isDone() const {
 TopicCleaner::TopicCleaner(Listener* listener, zym::common::Uuid const& id, std::string const& host,
                            int port)
     : listener_(listener),
-      timer_([this] { onTimer(); }, NO_ACTIVITY_TIME, true),
+      // Not every timer catches what its callback throws.
+      timer_([this] { callUser([this] { onTimer(); }); }, NO_ACTIVITY_TIME, true),
       callers_(std::make_shared<Visitors>()),
       alive_(std::make_shared<char>()) {
     buildInternalClient(id, host, port);
@@ -68,6 +70,12 @@ void TopicCleaner::buildInternalClient(zym::common::Uuid const& id, std::string 
 }
 
 TopicCleaner::~TopicCleaner() {
+    {
+        // A thread in `terminate` may wait for the call to the listener that we are in.
+        Lock const lock(tasksMutex_);
+        destroyedInside_ = isLooking(lock);
+        tasksDone_.notify_all();
+    }
     TopicCleaner::terminate();
     callers_->waitForOthers();
     // The connection's thread may still be in here.
@@ -75,6 +83,7 @@ TopicCleaner::~TopicCleaner() {
     client_.reset();
 }
 
+/// All or nothing: what can fail comes before the request is one of ours.
 void TopicCleaner::clean(Topic const& topic, milliseconds duration) {
     Visitors::Visit const visit(callers_);
     Lock const lock(tasksMutex_);
@@ -86,13 +95,15 @@ void TopicCleaner::clean(Topic const& topic, milliseconds duration) {
         (*running)->extendTimeout(TIMEOUT);
         return;
     }
-    auto const task = std::make_shared<Task>(client_, topic, ++taskCount_, duration, this);
+    auto const tag = taskCount_ + 1;
+    Tasks made{std::make_shared<Task>(client_, topic, tag, duration, this)};
     // Nobody else would: a topic without retained messages sees no activity.
     if (tasks_.empty())
         arm(NO_ACTIVITY_TIME);
-    tasks_.push_back(task);
+    made.front()->start();
+    taskCount_ = tag;
+    tasks_.splice(tasks_.end(), made);
     cleaning_ = true;
-    task->start();
 }
 
 /// An empty message is an erased one, most likely by ourselves.
@@ -110,21 +121,31 @@ void TopicCleaner::arm(milliseconds period) {
 }
 
 void TopicCleaner::onTimer() {
-    handleTasksExpiration();
-}
-
-void TopicCleaner::handleTasksExpiration() {
     std::weak_ptr<void> const alive = alive_;
     Lock lock(tasksMutex_);
-    while (auto task = takeDueTask(lock)) {
-        auto const topic = task->topic();
+    looker_ = std::this_thread::get_id();
+    try {
+        handleTasksExpiration(lock);
+    } catch (...) {
+        // No memory for the name of a topic, whose request is left: the next look ends it.
+        callUser([this] { arm(NO_ACTIVITY_TIME); });
+    }
+    if (alive.expired())
+        return;
+    looker_ = std::thread::id();
+    tasksDone_.notify_all();
+}
+
+/// Comes back without the lock when the listener has destroyed this object.
+void TopicCleaner::handleTasksExpiration(Lock& lock) {
+    for (auto due = findDueTask(lock); due != tasks_.end(); due = findDueTask(lock)) {
+        auto const topic = (*due)->topic();
+        Tasks ended;
+        ended.splice(ended.end(), tasks_, due);
         lock.unlock();
-        task.reset();
-        if (listener_ != nullptr && !terminated_)
-            listener_->onTopicCleaned(topic);
-        if (alive.expired())
+        ended.clear();
+        if (!tell([&] { listener_->onTopicCleaned(topic); }, lock))
             return;
-        lock.lock();
     }
     if (!tasks_.empty()) {
         arm(NO_ACTIVITY_TIME);
@@ -134,39 +155,58 @@ void TopicCleaner::handleTasksExpiration() {
     if (!cleaning_ || terminated_)
         return;
     lock.unlock();
-    if (listener_ != nullptr)
-        listener_->onAllTopicsCleaned();
-    if (alive.expired())
+    if (!tell([&] { listener_->onAllTopicsCleaned(); }, lock))
         return;
-    lock.lock();
     // The listener may have asked for the next topic.
     cleaning_ = !tasks_.empty();
-    tasksDone_.notify_all();
 }
 
-/// The first in the list whose time has passed, taken from it; null when there is none, or
-/// nothing may be done any more.
-std::shared_ptr<TopicCleaner::Task> TopicCleaner::takeDueTask(Lock const& /*lock*/) {
-    auto const due =
-        std::find_if(tasks_.begin(), tasks_.end(), [](auto const& task) { return task->isDone(); });
-    if (terminated_ || due == tasks_.end())
-        return nullptr;
-    auto task = *due;
-    tasks_.erase(due);
-    return task;
+/// Calls the listener and takes the lock; false, and no lock, when it has destroyed this object.
+template <class Call>
+bool TopicCleaner::tell(Call const& call, Lock& lock) {
+    std::weak_ptr<void> const alive = alive_;
+    if (listener_ != nullptr && !terminated_)
+        callUser(call);
+    if (alive.expired())
+        return false;
+    lock.lock();
+    return true;
+}
+
+/// The first in the list whose time has passed; the end when there is none, or nothing may be done
+/// any more.
+TopicCleaner::Tasks::iterator TopicCleaner::findDueTask(Lock const& /*lock*/) {
+    return terminated_ ? tasks_.end()
+                       : std::find_if(tasks_.begin(), tasks_.end(),
+                                      [](auto const& task) { return task->isDone(); });
+}
+
+/// Whether this thread is inside the timer's callback.
+bool TopicCleaner::isLooking(Lock const& /*lock*/) const {
+    return looker_ == std::this_thread::get_id();
 }
 
 bool TopicCleaner::waitAllTasks(milliseconds timeout) const {
     Visitors::Visit const visit(callers_);
     Lock lock(tasksMutex_);
+    // These would have to end what they wait for.
+    if (isLooking(lock) || client_->onWorkerThread())
+        timeout = milliseconds::zero();
     return waitUntil(tasksDone_, lock, later(steady_clock::now(), timeout),
                      [this] { return tasks_.empty() && !cleaning_; });
 }
 
 void TopicCleaner::terminate() {
+    Visitors::Visit const visit(callers_);
     {
-        Lock const lock(tasksMutex_);
+        Lock lock(tasksMutex_);
         terminated_ = true;
+        tasksDone_.wait(lock, [&] {
+            return destroyedInside_ || looker_ == std::thread::id() || isLooking(lock);
+        });
+        // The destructor does the rest, and waits for us.
+        if (destroyedInside_ && !isLooking(lock))
+            return;
     }
     timer_.terminate();
     Tasks dropped;
@@ -177,7 +217,10 @@ void TopicCleaner::terminate() {
         tasksDone_.notify_all();
     }
     dropped.clear();
-    client_->disconnect(BROKER_TIMEOUT);
+    if (client_->disconnect(BROKER_TIMEOUT) != MqttClient::Error::SUCCESS)
+        client_->giveUp();
+    // A client that stays disconnected keeps a processor busy.
+    client_->pause();
 }
 
 } // namespace mqtt

@@ -38,6 +38,12 @@ Operations binding() {
             {"BinderMqttProxy/unbind", bind,
              [](Stage& s) { EXPECT_EQ(s.things.binder->unbind(PATIENCE), Error::SUCCESS); },
              expectUnbound},
+            {"BinderMqttProxy/cancelUnbinding", bind,
+             [](Stage& s) {
+                 EXPECT_EQ(s.things.binder->unbind(PATIENCE), Error::SUCCESS);
+                 s.things.binder->cancelUnbinding();
+             },
+             expectUnbound},
             {"BinderMqttProxy/unbindSync", bind,
              [](Stage& s) { EXPECT_EQ(s.things.binder->unbindSync(PATIENCE), Error::SUCCESS); },
              expectUnbound},

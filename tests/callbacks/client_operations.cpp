@@ -101,19 +101,21 @@ Operations listening() {
 }
 
 Operations connecting() {
-    return {{"MqttClient/connect", nothing,
-             [](Stage& s) { EXPECT_EQ(s.client->connect("", -1, PATIENCE), expected(s)); },
-             expectConnection, true},
-            {"MqttClient/disconnect", nothing,
-             [](Stage& s) { EXPECT_EQ(s.client->disconnect(PATIENCE), expected(s)); },
-             expectDisconnection},
-            // Success when it was that quick.
-            {"MqttClient/disconnect(0)", nothing,
-             [](Stage& s) {
-                 auto const result = s.client->disconnect(0);
-                 EXPECT_EQ(result == Error::CONNECTION_PENDING, s.refused) << result;
-             },
-             expectDisconnection}};
+    return {
+        {"MqttClient/connect", nothing,
+         [](Stage& s) { EXPECT_EQ(s.client->connect("", -1, PATIENCE), expected(s)); },
+         expectConnection, true},
+        {"MqttClient/disconnect", nothing,
+         [](Stage& s) { EXPECT_EQ(s.client->disconnect(PATIENCE), expected(s)); },
+         expectDisconnection},
+        // Success when it was that quick.
+        {"MqttClient/disconnect(0)", nothing,
+         [](Stage& s) {
+             auto const result = s.client->disconnect(0);
+             EXPECT_EQ(result == Error::CONNECTION_PENDING, s.refused) << result;
+         },
+         expectDisconnection},
+        {"MqttClient/giveUp", nothing, [](Stage& s) { s.client->giveUp(); }, expectDisconnection}};
 }
 
 Operations pausing() {

@@ -33,12 +33,14 @@ public:
     ~Ear() override = default;
 
     /// What to do inside every call, once it has been kept. Set it before anything calls.
-    void setHook(Hook hook) { hook_ = std::move(hook); }
+    void setHook(Hook hook) { hook_ = std::make_shared<Hook>(std::move(hook)); }
 
     void hear(std::string const& event) {
+        // Who waits for this event may destroy the ear as soon as it was kept.
+        auto const hook = hook_;
         events_.change([&](auto& events) { events.push_back(event); });
-        if (hook_)
-            hook_(event);
+        if (*hook)
+            (*hook)(event);
     }
 
     void clear() {
@@ -86,5 +88,5 @@ private:
     }
 
     support::Watched<std::vector<std::string>> events_;
-    Hook hook_;
+    std::shared_ptr<Hook> hook_ = std::make_shared<Hook>();
 };

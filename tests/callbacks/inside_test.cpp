@@ -74,7 +74,9 @@ void provokeState(Stage& stage, Things& things, Operation const& operation) {
     } else {
         EXPECT_EQ(client.disconnect(PATIENCE), Error::SUCCESS);
         client.registerListener(&things.ear);
-        EXPECT_EQ(client.connect("", -1, PATIENCE), Error::SUCCESS);
+        // Does not wait for a state that the operation may end at once.
+        auto const result = client.connect("", -1, 0);
+        EXPECT_TRUE(result == Error::SUCCESS || result == Error::TIMEOUT) << result;
     }
 }
 

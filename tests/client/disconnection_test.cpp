@@ -103,7 +103,7 @@ TEST(Disconnect, FromInsideASubscriberTakesEffectAfterIt) {
     std::atomic<int> result{-100};
     MqttClient* client = nullptr;
     MessageRecorder recorder([&](int, Topic const&, std::string const&) {
-        result = static_cast<int>(client->disconnect(0));
+        result = static_cast<int>(client->disconnect(conv::SecondsDuration::NO_TIMEOUT));
     });
     Broker const broker;
     auto const owned = support::testClient(broker);
@@ -113,6 +113,15 @@ TEST(Disconnect, FromInsideASubscriberTakesEffectAfterIt) {
     ASSERT_EQ(client->publish("a", "x", 0, false), Error::SUCCESS);
     EXPECT_TRUE(states.waitFor(ComState::DISCONNECTED));
     EXPECT_EQ(result, static_cast<int>(Error::TIMEOUT));
+}
+
+TEST(Disconnect, IsCarriedOutByTheEndOfTheClientAtTheLatest) {
+    support::ScriptedServer server;
+    auto client = support::testClient(server.host(), server.port());
+    client->pause();
+    EXPECT_EQ(client->disconnect(0), Error::TIMEOUT);
+    client.reset();
+    EXPECT_TRUE(server.waitForPackets(support::PacketType::DISCONNECT, 1));
 }
 
 TEST(Disconnect, QueuesWhatIsPublishedAfterIt) {

@@ -163,8 +163,8 @@ TEST(Clients, AreDestroyedWhileMessagesFly) {
 TEST(Clients, AreDestroyedWhileTheBrokerComesAndGoes) {
     support::Broker broker;
     for (int round = 0; round < 5; ++round) {
-        std::vector<std::unique_ptr<Client>> clients;
         support::MessageRecorder recorder;
+        std::vector<std::unique_ptr<Client>> clients;
         for (int i = 0; i < 4; ++i) {
             clients.push_back(support::testClient(broker));
             ASSERT_EQ(clients.back()->subscribe("a/#", &recorder, i), Error::SUCCESS);

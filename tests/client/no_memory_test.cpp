@@ -17,6 +17,19 @@ using mqtt::Topic;
 using support::failEverywhere;
 using support::FailingAllocation;
 using Error = MqttClient::Error;
+using Operation = support::StandIn::Operation;
+
+TEST(ATopicWithoutMemoryForItsSegments, IsEmptiedByAResizeToZero) {
+    Topic const path("a/b");
+    Topic topic;
+    {
+        FailingAllocation const failing(1); // a short text needs none
+        EXPECT_THROW(topic = path, std::bad_alloc);
+    }
+    ASSERT_EQ(topic.text(), "a/b");
+    topic.resize(0);
+    EXPECT_EQ(topic.text(), "");
+}
 
 TEST(AnIndexWithoutMemory, StaysAsItWas) {
     for (std::string const text : {"a/name-of-more-than-fifteen-bytes/+/another-one-of-that-kind/#",
@@ -65,17 +78,90 @@ TEST_F(ASubscriptionWithoutMemory, IsNotMadeAtAll) {
     for (std::string const pattern : {"plant/hall/device", "plant/a-rather-long-level/+/#"}) {
         Topic const topic(pattern);
         std::string const name = pattern.back() == '#' ? "plant/a-rather-long-level/x/y" : pattern;
+        auto const subscribed = script_->count(Operation::SUBSCRIBE);
         auto const failures = failEverywhere(
             [&] { ASSERT_EQ(client_->subscribe(topic, &subscriber_, 0), Error::SUCCESS); },
             [&](unsigned which) {
                 EXPECT_EQ(received(name), 0U) << pattern << ", allocation " << which;
                 EXPECT_EQ(client_->unsubscribe(topic, &subscriber_), Error::NOT_FOUND);
+                EXPECT_EQ(script_->count(Operation::SUBSCRIBE), subscribed) << "at the broker";
             });
         EXPECT_GE(failures, 3U);
         EXPECT_EQ(received(name), 1U);
         EXPECT_EQ(client_->unsubscribe(topic, &subscriber_), Error::SUCCESS);
         EXPECT_EQ(received(name), 0U);
     }
+}
+
+TEST_F(ASubscriptionWithoutMemory, LeavesThoseOfOthersOnItsTopicAlone) {
+    connect();
+    support::MessageRecorder other;
+    ASSERT_EQ(client_->subscribe("a", &subscriber_, 0), Error::SUCCESS);
+    auto const failures =
+        failEverywhere([&] { ASSERT_EQ(client_->subscribe("a", &other, 0), Error::SUCCESS); },
+                       [&](unsigned which) {
+                           EXPECT_EQ(received("a"), 1U) << which;
+                           EXPECT_EQ(other.count(), 0U) << which;
+                           EXPECT_EQ(client_->unsubscribe("a", &other), Error::NOT_FOUND) << which;
+                       });
+    EXPECT_GE(failures, 2U);
+    EXPECT_EQ(received("a"), 1U);
+    EXPECT_EQ(other.count(), 1U);
+    client_->release(&other);
+}
+
+TEST_F(ASubscriptionWithoutMemory, EndsAllTheSame) {
+    connect();
+    Topic const a("a");
+    for (auto const* topic : {"a", "b", "c/#"})
+        ASSERT_EQ(client_->subscribe(topic, &subscriber_, 0), Error::SUCCESS);
+    {
+        FailingAllocation const failing(1);
+        EXPECT_EQ(client_->unsubscribe(a, &subscriber_), Error::SUCCESS);
+        client_->release(&subscriber_);
+        EXPECT_FALSE(failing.happened());
+    }
+    EXPECT_EQ(script_->count(Operation::UNSUBSCRIBE), 3U);
+}
+
+TEST_F(ASubscriptionWithoutMemory, LosesAMessageAndNoMore) {
+    connect();
+    ASSERT_EQ(client_->subscribe("a-rather-long/topic", &subscriber_, 0), Error::SUCCESS);
+    std::string topic = "a-rather-long/topic";
+    mosquitto_message message{};
+    message.topic = topic.data();
+    message.payload = topic.data();
+    message.payloadlen = static_cast<int>(topic.size());
+    for (unsigned which = 1; which < 8; ++which)
+        script_->runInLoop([&](mosqpp::mosquittopp& object) {
+            FailingAllocation const failing(which);
+            object.on_message(&message);
+        });
+    EXPECT_EQ(received(topic), 1U);
+}
+
+TEST_F(AClientOnAScript, IsNotHalfConnectedWithoutMemory) {
+    client_->unregisterListener(&states_); // it takes memory too
+    std::string const host = "a host with a name that takes memory of its own";
+    auto const failures =
+        failEverywhere([&] { EXPECT_EQ(client_->connect(host, 1, 30), Error::SUCCESS); },
+                       [&](unsigned which) {
+                           EXPECT_EQ(client_->communicationState(), conv::ComState::DISCONNECTED)
+                               << which;
+                           EXPECT_EQ(script_->count(Operation::CONNECT), 0U) << which;
+                       });
+    EXPECT_GE(failures, 1U);
+}
+
+TEST_F(AClientOnAScript, DisconnectsAndEndsWithoutMemory) {
+    connect();
+    {
+        FailingAllocation const failing(1);
+        EXPECT_EQ(client_->disconnect(30), Error::SUCCESS);
+    }
+    connect();
+    FailingAllocation const failing(1);
+    client_.reset();
 }
 
 /// Counts without asking for memory.

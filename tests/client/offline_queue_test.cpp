@@ -172,13 +172,14 @@ TEST_F(AnOfflineClient, ClearsAgainOnceItIsConnected) {
 TEST(AQueue, IsSentAfterTheSubscriptionsAndBeforeTheStateBecomesConnected) {
     ScriptedServer server;
     support::MessageRecorder recorder;
-    std::unique_ptr<MqttClient> client;
+    MqttClient* publisher = nullptr;
     support::StateRecorder states([&](ComState state) {
         if (state == ComState::CONNECTED) {
-            EXPECT_EQ(client->publish("a", "connected", 2, false), Error::SUCCESS);
+            EXPECT_EQ(publisher->publish("a", "connected", 2, false), Error::SUCCESS);
         }
     });
-    client = idleClient(server.host(), server.port());
+    auto const client = idleClient(server.host(), server.port());
+    publisher = client.get();
     client->registerListener(&states);
     for (int qos : {0, 1, 2})
         EXPECT_EQ(client->publish("a", std::to_string(qos), qos, false), Error::SUCCESS);

@@ -101,4 +101,24 @@ TEST_F(ALibraryWithoutAConnection, IsNotCalledAfterADisconnection) {
     expectSilence();
 }
 
+TEST_F(AClientOnAScript, GivesUpTheSearchForItsBroker) {
+    connect();
+    script_->setHook(support::StandIn::Operation::RECONNECT, [](auto const&) { return 14; });
+    script_->loseConnection();
+    ASSERT_TRUE(states_.waitFor(conv::ComState::CONNECTION_LOST));
+    EXPECT_EQ(client_->disconnect(30), mqtt::MqttClient::Error::NO_CONN);
+    client_->giveUp();
+    EXPECT_TRUE(states_.waitFor(conv::ComState::DISCONNECTED));
+    connect();
+}
+
+TEST_F(AClientOnAScript, GivesUpItsConnectionToo) {
+    connect();
+    client_->giveUp();
+    client_->pause();
+    EXPECT_TRUE(states_.waitFor(conv::ComState::DISCONNECTED));
+    client_->resume();
+    connect();
+}
+
 } // namespace

@@ -297,6 +297,15 @@ TEST_F(AWaitOnAScript, TimesOutThoughAnEarlierPublicationWasAcknowledged) {
     EXPECT_EQ(client_->publishWait("a", "1", 1, false, 1), Error::TIMEOUT);
 }
 
+TEST_F(AWaitOnAScript, TimesOutThoughTheLastOneAcknowledgedHadTheSameNumber) {
+    ASSERT_EQ(client_->publish("a", "0", 1, false), Error::SUCCESS);
+    // Numbers come again after all others.
+    int const next = script_->calls(Operation::PUBLISH).back().mid + 1;
+    acknowledge(next);
+    EXPECT_EQ(client_->publishWait("a", "1", 1, false, 0), Error::TIMEOUT);
+    EXPECT_EQ(script_->calls(Operation::PUBLISH).back().mid, next);
+}
+
 TEST_F(AWaitOnAScript, TimesOutAtOnceWithoutTimeButHasPublished) {
     EXPECT_EQ(client_->publishWait("a", "0", 2, false, 0), Error::TIMEOUT);
     EXPECT_THAT(published(), ElementsAre("0"));

@@ -172,6 +172,45 @@ TEST_F(ASubscribingClient, WaitsForNothingThatTheLibraryDidNotTake) {
               Error::CONN_LOST);
 }
 
+TEST_F(ASubscribingClient, WaitsThoughTheLastOneAcknowledgedHadTheSameNumber) {
+    connect();
+    library->setAcknowledging(false);
+    ASSERT_EQ(client->subscribe("a", &recorder, 0), Error::SUCCESS);
+    // Numbers come again after all others.
+    int const next = library->calls(Operation::SUBSCRIBE).back().mid + 1;
+    library->runInLoop([next](auto& object) { object.on_unsubscribe(next); });
+    EXPECT_EQ(client->unsubscribeWait("a", &recorder, 0), Error::TIMEOUT);
+    EXPECT_EQ(library->calls(Operation::UNSUBSCRIBE).back().mid, next);
+}
+
+/// Message ids come again one day, that of the packet that once woke the worker too.
+class AReusedMessageId : public ASubscribingClient {
+protected:
+    void expectItIsWaitedFor() {
+        int const mid = library->calls(Operation::UNSUBSCRIBE).back().mid;
+        library->setAcknowledging(true);
+        ASSERT_EQ(client->subscribe("a", &recorder, 0), Error::SUCCESS);
+        library->setNextMid(mid);
+        EXPECT_EQ(client->unsubscribeWait("a", &recorder, 30), Error::SUCCESS);
+    }
+};
+
+TEST_F(AReusedMessageId, IsWaitedForWhenItsFirstUseWasNotAcknowledged) {
+    connect();
+    library->setAcknowledging(false);
+    ASSERT_EQ(client->disconnect(30), Error::SUCCESS);
+    connect();
+    expectItIsWaitedFor();
+}
+
+TEST_F(AReusedMessageId, IsWaitedForOnTheSameConnection) {
+    connect();
+    library->answer(Operation::DISCONNECT, {1});
+    ASSERT_EQ(client->disconnect(30), Error::NO_MEMORY);
+    library->runInLoop([](auto&) {}); // so the first use is acknowledged
+    expectItIsWaitedFor();
+}
+
 TEST_F(ASubscribingClient, StopsCompletingAConnectionThatIsLostMeanwhile) {
     for (char const* const topic : {"a", "b", "c"})
         ASSERT_EQ(client->subscribe(topic, &recorder, 0), Error::SUCCESS);

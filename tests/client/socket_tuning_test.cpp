@@ -2,18 +2,14 @@
 
 #include "support/eventually.hpp"
 #include "support/file_descriptor.hpp"
-#include "support/scripted_server.hpp"
 #include "support/tcp_pair.hpp"
 
 #include <gtest/gtest.h>
 
 #include <array>
-#include <cerrno>
 #include <chrono>
 #include <cstddef>
-#include <cstdint>
 #include <fcntl.h>
-#include <future>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
@@ -28,20 +24,6 @@ namespace {
 
 using mqtt::SocketTuning;
 using support::FileDescriptor;
-using support::ScriptedServer;
-
-sockaddr_in loopback(int port) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(static_cast<std::uint16_t>(port));
-    return address;
-}
-
-int connectTo(int fd, int port) {
-    auto const address = loopback(port);
-    return ::connect(fd, reinterpret_cast<sockaddr const*>(&address), sizeof address);
-}
 
 int tcpOption(int fd, int option) {
     int value = -1;
@@ -189,25 +171,6 @@ TEST_F(ATcpConnection, LeavesNothingToAUnixSocketThatFollowsIt) {
     EXPECT_EQ(tuning.patience(), std::chrono::milliseconds(1000));
 }
 
-TEST_F(ATcpConnection, IsNotBrokenAsAConnectWouldBe) {
-    mqtt::abortConnect(near.get());
-    EXPECT_EQ(::send(near.get(), "x", 1, 0), 1);
-    char byte = 0;
-    EXPECT_EQ(::recv(far.get(), &byte, 1, 0), 1);
-}
-
-TEST(ATcpConnect, ThatWaitsForAnAnswerIsBroken) {
-    ScriptedServer const server(ScriptedServer::Mode::DEAF);
-    FileDescriptor const socket(::socket(AF_INET, SOCK_STREAM, 0));
-    auto connecting =
-        std::async(std::launch::async, [&] { return connectTo(socket.get(), server.port()); });
-    EXPECT_TRUE(support::eventually([&] {
-        mqtt::abortConnect(socket.get());
-        return connecting.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
-    }));
-    EXPECT_NE(connecting.get(), 0);
-}
-
 /// Two ends of a connection that is not TCP.
 class AUnixSocket : public testing::Test {
 protected:
@@ -221,11 +184,6 @@ protected:
     FileDescriptor near;
     FileDescriptor far;
 };
-
-TEST_F(AUnixSocket, IsNotBrokenAsAConnectWouldBe) {
-    mqtt::abortConnect(near.get());
-    EXPECT_EQ(::send(near.get(), "x", 1, MSG_NOSIGNAL), 1);
-}
 
 TEST_F(AUnixSocket, IsWaitedForUntilItTakesOutput) {
     std::string const block(65536, 'x');
@@ -251,7 +209,6 @@ TEST(NoSocket, IsLeftAlone) {
     SocketTuning tuning;
     tuning.connected(-1);
     tuning.stepped(-1, false);
-    mqtt::abortConnect(-1);
 }
 
 } // namespace

@@ -93,14 +93,26 @@ TEST_F(AStateListener, IsRegisteredOnceHoweverOftenItAsks) {
     EXPECT_EQ(first.history().size(), 2U);
 }
 
-TEST_F(AStateListener, LeavesTheOthersInPlaceWhenItGoes) {
+TEST_F(AStateListener, ThatIsNobodyIsNotRegistered) {
+    client->registerListener(nullptr);
+    client->registerListener(&first);
+    ASSERT_EQ(connect(), Error::SUCCESS);
+    client->unregisterListener(nullptr);
+    EXPECT_EQ(first.history().size(), 2U);
+}
+
+TEST_F(AStateListener, LeavesTheOthersInTheirOrderWhenItGoes) {
+    std::vector<std::size_t> bySecond; // seen before the third is told
+    StateRecorder third([&](ComState) { bySecond.push_back(second.history().size()); });
     client->registerListener(&first);
     client->registerListener(&second);
+    client->registerListener(&third);
     client->unregisterListener(&first);
     client->unregisterListener(&first); // unknown by now
-    ASSERT_EQ(connect(), Error::SUCCESS);
+    EXPECT_EQ(connect(), Error::SUCCESS);
+    client->unregisterListener(&third);
     EXPECT_THAT(first.history(), IsEmpty());
-    EXPECT_EQ(second.history().size(), 2U);
+    EXPECT_THAT(bySecond, ElementsAre(1, 2));
 }
 
 TEST_F(AStateListener, PublishesSubscribesAndUnsubscribesOnEveryChange) {

@@ -172,13 +172,6 @@ TEST_F(AnEndpoint, WaitsForTheEndOfItsSubscriptionWhenAskedTo) {
     EXPECT_TRUE(error == Error::SUCCESS || error == Error::TIMEOUT) << error;
 }
 
-TEST_F(AnEndpoint, GivesUpWaitingForTheEndOfItsSubscription) {
-    script_->setAcknowledging(false);
-    ASSERT_EQ(subscribe(endpoint, 3), Error::SUCCESS);
-    Lock lock(endpoint.mutex());
-    EXPECT_EQ(endpoint.unsubscribeWait(lock), Error::TIMEOUT);
-}
-
 TEST_F(AnEndpoint, LeavesNothingBehindWhenItIsDestroyed) {
     {
         Endpoint passing(*client_, "c", 2, true, "c");
@@ -258,11 +251,6 @@ TEST_P(AnEndpointAskedToWait, ReturnsWhenItsPublicationIsDone) {
     EXPECT_EQ(call.wait_for(support::DEADLINE), std::future_status::ready);
 }
 
-TEST_F(AnEndpoint, GivesUpWaitingForTheEndOfItsCleaning) {
-    script_->setAcknowledging(false);
-    EXPECT_EQ(endpoint.cleanWait(), Error::TIMEOUT);
-}
-
 TEST_F(AnEndpoint, IsCleanedByAnEmptyPayloadWithItsQosAndRetainedFlag) {
     Endpoint modest(*client_, "c", 1, false);
     endpoint.value = "x";
@@ -296,12 +284,16 @@ TEST_F(AnEndpoint, MakesItsValueTheWill) {
     endpoint.value = "gone";
     endpoint.publishTopic = "c/d";
     EXPECT_EQ(endpoint.setCurrentValueAsWill(), Error::SUCCESS);
+    Endpoint modest(*client_, "e", 1, false);
+    EXPECT_EQ(modest.setCurrentValueAsWill(), Error::SUCCESS);
     auto const calls = script_->calls(Operation::WILL_SET);
-    ASSERT_THAT(calls, SizeIs(1));
+    ASSERT_THAT(calls, SizeIs(2));
     EXPECT_EQ(calls[0].topic, "c/d");
     EXPECT_EQ(calls[0].payload, "gone@c/d");
     EXPECT_EQ(calls[0].qos, 2);
     EXPECT_TRUE(calls[0].retain);
+    EXPECT_EQ(calls[1].qos, 1);
+    EXPECT_FALSE(calls[1].retain);
     EXPECT_TRUE(isFree(endpoint));
 }
 

@@ -172,8 +172,8 @@ TEST(TypedEndpoints, DestroyThemselvesInTheirCallsWhileMessagesFly) {
 TEST(TypedEndpoints, ArePublishedWrittenAndReadByManyThreadsAtOnce) {
     support::Broker broker;
     auto const client = support::testClient(broker);
-    MqttData<Link> endpoint(*client, "link");
     Counter<Link> counter;
+    MqttData<Link> endpoint(*client, "link");
     ASSERT_EQ(endpoint.subscribe(&counter, 1), Error::SUCCESS);
     std::vector<std::thread> threads;
     for (int i = 0; i < 3; ++i)

@@ -47,9 +47,8 @@ class ReplyRecorder : public mqtt::RequestReplyClient::Listener {
 public:
     using Hook = std::function<void(Call const&)>;
 
-    /// @param hook called within every call, after it was kept; only locals of it are touched
-    ///        afterwards
-    explicit ReplyRecorder(Hook hook = {}) : hook_(std::move(hook)) {}
+    /// @param hook called within every call, after it was kept; it outlives the recorder
+    explicit ReplyRecorder(Hook hook = {}) : hook_(std::make_shared<Hook>(std::move(hook))) {}
     virtual ~ReplyRecorder() = default;
 
     std::vector<Call> calls() const { return calls_.copy(); }
@@ -70,14 +69,16 @@ public:
                  mqtt::RequestReplyData const& data, Code error) override {
         Call const call{
             requestId, name, clientUuid, serverUuid, &data, error, std::this_thread::get_id()};
+        // Who waits for this call may destroy the recorder as soon as it was kept.
+        auto const hook = hook_;
         calls_.change([&](auto& calls) { calls.push_back(call); });
-        if (hook_)
-            hook_(call);
+        if (*hook)
+            (*hook)(call);
     }
 
 private:
     support::Watched<std::vector<Call>> calls_;
-    Hook hook_;
+    std::shared_ptr<Hook> const hook_;
 };
 
 /// The topic of the reply to a request, in words of a stranger.
@@ -95,18 +96,6 @@ inline unsigned int idIn(std::string const& payload) {
 inline std::string replyText(unsigned int requestId, int error, std::string const& members = "") {
     return "{\"$reqId\": " + std::to_string(requestId) + ", \"$err\": " + std::to_string(error)
            + (members.empty() ? "" : ", ") + members + "}";
-}
-
-/// Returns when the next request will have another identifier than one made before: they are
-/// told apart by the millisecond.
-inline void awaitNextIdentifier() {
-    auto const now = [] {
-        return std::chrono::duration_cast<std::chrono::milliseconds>(
-            std::chrono::steady_clock::now().time_since_epoch());
-    };
-    auto const before = now();
-    while (now() == before)
-        std::this_thread::yield();
 }
 
 /// Answers every request below svc/ with whatever the test likes, and knows nothing of our code.

@@ -1,5 +1,5 @@
 #include "requestreply/client_frame.hpp"
-#include "support/flag.hpp"
+#include "requestreply/sleeper.hpp"
 
 #include <chrono>
 
@@ -7,7 +7,6 @@ namespace {
 
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
-using support::isSet;
 using support::Message;
 using testing::Contains;
 using testing::ElementsAre;
@@ -116,20 +115,19 @@ TEST_F(ARequestWithoutServer, IsEndedByTheOneWhoWaitedLongEnough) {
 }
 
 TEST_F(ARequestWithoutServer, IsAwaitedWithoutLimit) {
+    std::size_t ended = 0;
     for (std::uint32_t const timeout : {WITHOUT_LIMIT, WITHOUT_LIMIT - 1, 1U << 31U}) {
         ASSERT_EQ(request(timeout), Code::PENDING);
-        support::Watched<bool> returned;
         Code result = Code::NONE;
-        std::thread waiter([&] {
-            result = client->waitEndOfRequest(timeout);
-            returned.change([](bool& value) { value = true; });
-        });
-        EXPECT_FALSE(returned.waitFor(isSet, A_WHILE));
+        Sleeper waiter([&] { result = client->waitEndOfRequest(timeout); });
+        EXPECT_TRUE(waiter.fallsAsleep());
         EXPECT_EQ(client->request(nullptr, id, Uuid::NIL, nullptr, nullptr, nullptr, 0),
                   Code::BUSY);
         reply(replyText(requestId, 17));
         waiter.join();
         EXPECT_EQ(result, FAILURE_OF_THE_SERVICE);
+        // Who waits may know before the listener is told.
+        ASSERT_TRUE(recorder.waitForCount(++ended));
     }
     EXPECT_THAT(recorder.errors(), ElementsAre(FAILURE_OF_THE_SERVICE, FAILURE_OF_THE_SERVICE,
                                                FAILURE_OF_THE_SERVICE));

@@ -334,6 +334,24 @@ TEST_F(AServer, ThatUnsubscribesWaitsForTheBrokerWhenToldTo) {
     EXPECT_EQ(server->unsubscribeWait(), Error::NOT_FOUND);
 }
 
+TEST_F(AServer, ThatUnsubscribesAsksNobodyAboutARequestOnItsWay) {
+    using Receiver = mqtt::MqttData<Server::Request>::Subscriber*;
+    Server::Request request;
+    request.topic = Topic();
+    request.name = "n";
+    request.clientUuid = Uuid(1);
+    for (bool const waits : {false, true}) {
+        auto const server = serve(&listener);
+        EXPECT_EQ(waits ? server->unsubscribeWait() : server->unsubscribe(), Error::SUCCESS);
+        // Read before that, and past all subscriptions. This way of casting alone passes by the
+        // privacy of the base.
+        request.requestId = waits ? 2 : 1;
+        Receiver(server.get())->onMqttData(request, false, 0);
+        EXPECT_EQ(listener.count(), 0U);
+    }
+    EXPECT_THAT(replyPayloads(), ElementsAre(reply(1, 4), reply(2, 4)));
+}
+
 TEST_F(AServer, SubscribedTwiceAndUnsubscribedOnceHearsNothing) {
     auto const server = serve(&listener);
     ASSERT_EQ(server->subscribe(&listener, Uuid(), mqtt::NO_DATA), Error::SUCCESS);

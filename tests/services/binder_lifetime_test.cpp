@@ -169,6 +169,30 @@ TEST_F(AWorkerThatDestroysAProxy, EndsTheWaitForItself) {
     expectEndWith(0);
 }
 
+/// And a third one waits for the listener's end, to terminate the proxy.
+TEST_F(AWorkerThatDestroysAProxy, LetsEverybodyGoWhoWaits) {
+    server.ignoreUnbindings();
+    support::Watched<bool> told;
+    support::Watched<bool> destroy;
+    recorder.setHook([&](auto const&) {
+        set(told);
+        destroy.waitFor(isSet);
+        proxy.reset();
+    });
+    auto* const asked = proxy.get();
+    ASSERT_EQ(asked->bind(server.id, AN_HOUR), Error::SUCCESS);
+    ASSERT_TRUE(told.waitFor(isSet));
+    caller = std::make_unique<Sleeper>([&] { result = asked->unbindSync(AN_HOUR); });
+    ASSERT_TRUE(caller->fallsAsleep());
+    Sleeper terminating([&] { asked->terminate(); });
+    ASSERT_TRUE(terminating.fallsAsleep());
+    set(destroy);
+    caller->join();
+    terminating.join();
+    EXPECT_EQ(result, Error::SUCCESS);
+    EXPECT_EQ(proxy, nullptr);
+}
+
 /// The end of a proxy inside its own listener.
 class AListenerThatDestroysItsProxy : public WithAServer {
 protected:

@@ -114,7 +114,6 @@ TEST_F(TheEndOfAProxy, ComesAtAnyMomentOfABlockingCall) {
         spend(round);
         own.reset();
         caller.join();
-        awaitNextIdentifier();
     }
 }
 
@@ -131,7 +130,6 @@ TEST_F(TheEndOfAProxy, MayBeMadeKnownByTerminationOnSeveralThreads) {
         auto const told = recorder.count();
         proxy = makeProxy();
         EXPECT_EQ(recorder.count(), told);
-        awaitNextIdentifier();
     }
 }
 

@@ -7,6 +7,7 @@ namespace {
 
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::UnorderedElementsAre;
 
 using Error = BinderError;
 
@@ -101,6 +102,33 @@ TEST_F(AnUnbinding, IsOverWhenNobodyAnswers) {
     expectFree();
     EXPECT_THAT(recorder.events(), ElementsAre(bound(Error::SUCCESS), unbound(Error::SUCCESS),
                                                bound(Error::SUCCESS), unbound(Error::SUCCESS)));
+}
+
+TEST_F(AnUnbinding, IsOverWhenItIsCancelled) {
+    server.ignoreUnbindings();
+    proxy->cancelUnbinding(); // there is none yet
+    bind();
+    EXPECT_EQ(proxy->unbind(conv::SecondsDuration::NO_TIMEOUT), Error::SUCCESS);
+    EXPECT_EQ(proxy->unbind(AN_HOUR), Error::BUSY);
+    proxy->cancelUnbinding();
+    EXPECT_THAT(recorder.events(), ElementsAre(bound(Error::SUCCESS), unbound(Error::SUCCESS)));
+    EXPECT_EQ(recorder.lastThread(), std::this_thread::get_id());
+    expectFree();
+    bind();
+    expectBound();
+}
+
+TEST_F(AnUnbinding, IsOverWhenItIsCancelledWhileACallWaits) {
+    server.ignoreUnbindings();
+    bind();
+    Sleeper caller(
+        [&] { EXPECT_EQ(proxy->unbindSync(conv::SecondsDuration::NO_TIMEOUT), Error::SUCCESS); });
+    awaitRequest("unbind");
+    ASSERT_TRUE(caller.fallsAsleep());
+    proxy->cancelUnbinding();
+    caller.join();
+    EXPECT_EQ(recorder.events().back(), unbound(Error::SUCCESS));
+    expectFree();
 }
 
 TEST_F(AnUnbinding, LetsTheListenerBindAgain) {
@@ -209,6 +237,23 @@ TEST_F(ABindingCalledOff, LetsItsListenerTerminate) {
     EXPECT_THAT(recorder.events(), ElementsAre(bound(Error::CANCELLED)));
 }
 
+TEST_F(ABindingCalledOff, LetsItsListenerCancelTheUnbindingToo) {
+    server.ignoreBindings();
+    recorder.setHook([&](BindingEvent const& event) {
+        if (event.first == "bound")
+            proxy->cancelUnbinding();
+    });
+    startBinding();
+    EXPECT_EQ(proxy->unbind(AN_HOUR), Error::SUCCESS);
+    EXPECT_THAT(recorder.events(), ElementsAre(bound(Error::CANCELLED), unbound(Error::SUCCESS)));
+    startBinding();
+    EXPECT_EQ(proxy->unbindSync(AN_HOUR), Error::SUCCESS);
+    EXPECT_EQ(recorder.count(), 4U);
+    settle();
+    EXPECT_EQ(requests("unbind"), 0U);
+    expectFree();
+}
+
 /// The same for those who wait.
 class AWaitForABinding : public WithAServer {
 protected:
@@ -238,7 +283,10 @@ TEST_F(AWaitForABinding, IsCancelledByAnUnbinding) {
     waiting->join();
     EXPECT_EQ(result, Error::CANCELLED);
     EXPECT_TRUE(support::eventually([&] { return proxy->unbind(AN_HOUR) == Error::NOT_BOUND; }));
-    EXPECT_EQ(recorder.events().back(), unbound(Error::SUCCESS));
+    // Each is told on a thread of its own.
+    ASSERT_TRUE(recorder.waitForCount(2));
+    EXPECT_THAT(recorder.events(),
+                UnorderedElementsAre(bound(Error::CANCELLED), unbound(Error::SUCCESS)));
     expectBindableAgain();
 }
 
@@ -301,7 +349,6 @@ TEST_F(BindingAndUnbindingAtAnyMoment, LeavesTheProxyFree) {
         spend(round * support::SLOWNESS);
         ASSERT_EQ(proxy->unbindSync(AN_HOUR), Error::SUCCESS);
         expectFree();
-        awaitNextIdentifier();
     }
     bind();
     expectBound();
@@ -318,7 +365,6 @@ TEST_F(BindingAndUnbindingAtAnyMoment, EndsEachWithItsListenerTold) {
         }));
         expectFree();
         EXPECT_LE(recorder.count(), before + 2);
-        awaitNextIdentifier();
     }
 }
 
@@ -329,11 +375,9 @@ TEST_F(BindingAndUnbindingAtAnyMoment, IsNoDangerForTheNextBinding) {
         spend(round * 4 * support::SLOWNESS);
         // Nobody waits for the server: its reply to the binding may be under way.
         ASSERT_EQ(proxy->unbindSync(0), Error::SUCCESS);
-        awaitNextIdentifier();
         ASSERT_EQ(proxy->bindSync(other.id, AN_HOUR), Error::SUCCESS) << "in round " << round;
         ASSERT_TRUE(isTimeOf(other, proxy->timeBase())) << "in round " << round;
         ASSERT_EQ(proxy->unbindSync(AN_HOUR), Error::SUCCESS);
-        awaitNextIdentifier();
     }
 }
 

@@ -122,6 +122,32 @@ TEST_F(TheEndOfACleaner, WaitsForTheMessageBeingHandled) {
     EXPECT_TRUE(script->gone());
 }
 
+// While the broker is away
+
+TEST_F(TheEndOfACleaner, EndsTheSearchForTheBroker) {
+    script->setHook(Operation::RECONNECT, [](auto const&) { return 14; });
+    script->loseConnection();
+    ASSERT_TRUE(script->waitForCalls(Operation::RECONNECT, 1));
+    cleaner->terminate();
+    // The second one is the worker's, which does not try any more then.
+    ASSERT_TRUE(script->waitForCalls(Operation::DISCONNECT, 2));
+    auto const tries = script->count(Operation::RECONNECT);
+    EXPECT_LE(tries, 2U);
+    cleaner->terminate();
+    EXPECT_EQ(script->count(Operation::RECONNECT), tries);
+}
+
+TEST_F(TheEndOfACleaner, EndsAConnectionThatJustComesUp) {
+    Barrier barrier;
+    script->setHook(Operation::RECONNECT, [&](auto const&) { return barrier.pass(); });
+    script->loseConnection();
+    ASSERT_TRUE(barrier.waitForVisitor());
+    cleaner->terminate();
+    barrier.open();
+    ASSERT_TRUE(script->waitForCalls(Operation::DISCONNECT, 2));
+    EXPECT_TRUE(support::eventually([&] { return !script->connected(); }));
+}
+
 // Inside the listener
 
 TEST_F(TheEndOfACleaner, ComesWhenATopicIsDone) {

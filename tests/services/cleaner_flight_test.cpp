@@ -2,6 +2,7 @@
 // sanitizers do: they are worth most in such a build.
 
 #include "client/flood.hpp"
+#include "requestreply/sleeper.hpp"
 #include "services/cleaner_recorder.hpp"
 #include "support/flag.hpp"
 #include "support/sanitizers.hpp"
@@ -75,6 +76,25 @@ TEST_F(CleanersInAFlood, AreDestroyedByTheirListeners) {
         which->clean("a/#", milliseconds(0));
         ASSERT_TRUE(gone.waitFor(isSet));
         EXPECT_THAT(recorder.told(), Each(testing::AnyOf("a/#", ALL)));
+    }
+}
+
+TEST_F(CleanersInAFlood, AreDestroyedByTheirListenersWhileOthersTerminateThem) {
+    for (int round = 0; round < ROUNDS / 4; ++round) {
+        support::Watched<bool> gone;
+        CleanerRecorder recorder;
+        std::unique_ptr<Sleeper> terminating;
+        std::unique_ptr<TopicCleaner> cleaner = makeCleaner(&recorder);
+        auto* const which = cleaner.get();
+        recorder.setHook([&](auto const& /*what*/) {
+            terminating = std::make_unique<Sleeper>([=] { which->terminate(); });
+            EXPECT_TRUE(terminating->fallsAsleep());
+            cleaner.reset();
+            set(gone);
+        });
+        which->clean("a/#", milliseconds(0));
+        ASSERT_TRUE(gone.waitFor(isSet));
+        terminating->join();
     }
 }
 

@@ -1,6 +1,10 @@
 #include "requestreply/sleeper.hpp"
 #include "services/cleaner_on_a_script.hpp"
+#include "support/allocations.hpp"
 #include "support/flag.hpp"
+
+#include <stdexcept>
+#include <system_error>
 
 namespace {
 
@@ -354,6 +358,25 @@ TEST_F(ACleaner, MayBeAskedForMoreWhenAllIsDone) {
     EXPECT_THAT(recorder.told(), ElementsAre("a", ALL, "b", ALL));
 }
 
+TEST_F(ACleaner, EndsAllRequestsAlsoWhenItsListenerThrows) {
+    recorder.setHook([](auto const&) { throw std::runtime_error("from a listener"); });
+    for (auto const* const topic : {"a", "b"})
+        cleaner->clean(topic, milliseconds(0));
+    Sleeper waiter([&] { EXPECT_TRUE(cleaner->waitAllTasks(AN_HOUR)); });
+    ASSERT_TRUE(waiter.fallsAsleep());
+    look();
+    waiter.join();
+    EXPECT_THAT(recorder.told(), ElementsAre("a", "b", ALL));
+}
+
+TEST_F(ACleaner, DoesNotWaitForItselfInItsListener) {
+    std::vector<bool> done;
+    recorder.setHook([&](auto const&) { done.push_back(cleaner->waitAllTasks(AN_HOUR)); });
+    cleaner->clean("a", milliseconds(0));
+    look();
+    EXPECT_THAT(done, ElementsAre(false, false));
+}
+
 TEST_F(ACleaner, IsUsedByOthersWhileItsListenerIsCalled) {
     recorder.setHook([&](auto const& what) {
         std::thread([&] {
@@ -365,6 +388,66 @@ TEST_F(ACleaner, IsUsedByOthersWhileItsListenerIsCalled) {
     cleaner->clean("a", milliseconds(0));
     look();
     EXPECT_THAT(recorder.told(), ElementsAre("a", "b", ALL));
+}
+
+// Without what it needs
+
+TEST_F(ACleaner, MakesNoRequestWithoutAThread) {
+    hand_driven_timer::onRestart([] {
+        throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again));
+    });
+    EXPECT_THROW(cleaner->clean("a", AN_HOUR), std::system_error);
+    EXPECT_TRUE(cleaner->waitAllTasks(milliseconds(0)));
+    EXPECT_THAT(topics(Operation::SUBSCRIBE), IsEmpty());
+    hand_driven_timer::reset();
+    cleaner->clean("a", AN_HOUR);
+    EXPECT_THAT(topics(Operation::SUBSCRIBE), ElementsAre("a"));
+}
+
+class ACleanerWithoutMemory : public ACleaner {
+protected:
+    /// Counts without asking for memory.
+    struct Counter final : Cleaner::Listener {
+        void onTopicCleaned(mqtt::Topic const&) override { ++topics; }
+        void onAllTopicsCleaned() override { ++all; }
+        unsigned topics = 0;
+        unsigned all = 0;
+    };
+
+    ACleanerWithoutMemory() { replace(&counter); }
+    ~ACleanerWithoutMemory() override { cleaner.reset(); }
+
+    Counter counter;
+    mqtt::Topic const topic = "a/name-of-more-than-fifteen-bytes";
+};
+
+TEST_F(ACleanerWithoutMemory, MakesNoRequest) {
+    auto const failures =
+        support::failEverywhere([&] { cleaner->clean(topic, milliseconds(0)); },
+                                [&](unsigned which) {
+                                    EXPECT_TRUE(cleaner->waitAllTasks(milliseconds(0))) << which;
+                                    look();
+                                    EXPECT_EQ(counter.topics + counter.all, 0U) << which;
+                                });
+    EXPECT_GE(failures, 5U);
+    EXPECT_FALSE(cleaner->waitAllTasks(milliseconds(0)));
+}
+
+TEST_F(ACleanerWithoutMemory, EndsARequestWhenItLooksAgain) {
+    bool lacking = true;
+    for (unsigned which = 1; lacking; ++which) {
+        cleaner->clean(topic, milliseconds(0));
+        {
+            support::FailingAllocation const failing(which);
+            look();
+            lacking = failing.happened();
+        }
+        EXPECT_TRUE(counter.all == which || hand_driven_timer::record().armed);
+        look();
+        EXPECT_EQ(counter.topics, which);
+        EXPECT_EQ(counter.all, which);
+    }
+    EXPECT_GE(counter.all, 2U);
 }
 
 } // namespace

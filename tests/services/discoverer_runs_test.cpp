@@ -62,6 +62,17 @@ TEST_F(ARunAfterAnother, StartsFromNothing) {
     EXPECT_THAT(entities(), ElementsAre(textsOf("b"), PLACEHOLDER));
 }
 
+TEST_F(ADiscoverer, WaitsForNothingOnTheWorker) {
+    auto other = launch(1);
+    ASSERT_TRUE(waitForSubscriptions(1));
+    script_->runInLoop([this](auto&) {
+        EXPECT_FALSE(discoverer->discoverSync(WITHOUT_LIMIT, true));
+        EXPECT_FALSE(discoverer->waitChange(WITHOUT_LIMIT, true));
+    });
+    EXPECT_FALSE(other.get());
+    EXPECT_THAT(subscribed(), IsEmpty());
+}
+
 TEST_F(ADiscoverer, MakesOneRunAfterTheOther) {
     auto first = launch();
     ASSERT_TRUE(waitForSubscriptions(1));

@@ -71,9 +71,10 @@ private:
 /// Counts how often it is told. Declare it before the proxy.
 class TimeListener : public ClockedProxy::Listener {
 public:
-    /// @param hook called within every call, after it was counted; only locals of it are touched
-    ///        afterwards
-    explicit TimeListener(std::function<void()> hook = {}) : hook_(std::move(hook)) {}
+    using Hook = std::function<void()>;
+
+    /// @param hook called within every call, after it was counted; it outlives the listener
+    explicit TimeListener(Hook hook = {}) : hook_(std::make_shared<Hook>(std::move(hook))) {}
     virtual ~TimeListener() = default;
 
     int count() const { return count_.copy(); }
@@ -82,14 +83,16 @@ public:
     }
 
     void onTimeSynchronized() override {
+        // Who waits for this call may destroy the listener as soon as it was counted.
+        auto const hook = hook_;
         count_.change([](int& count) { ++count; });
-        if (hook_)
-            hook_();
+        if (*hook)
+            (*hook)();
     }
 
 private:
     support::Watched<int> count_;
-    std::function<void()> hook_;
+    std::shared_ptr<Hook> const hook_;
 };
 
 /// Stops the next one who comes by, on another thread than the one that closed it.

@@ -10,21 +10,28 @@ namespace {
 
 void* allocate(std::size_t size) {
     if (support::countingAllocations && ++support::allocations == support::failingAllocation)
-        throw std::bad_alloc();
+        support::interrupt();
     void* const result = std::malloc(size == 0 ? 1 : size);
     if (result == nullptr)
         throw std::bad_alloc();
     return result;
 }
 
-} // namespace
-
-void* operator new(std::size_t size) {
+void* allocateUnlessRefused(std::size_t size) {
+    if (support::countingAllocations && support::refusesMemory != nullptr
+        && support::refusesMemory())
+        throw std::bad_alloc();
     return allocate(size);
 }
 
+} // namespace
+
+void* operator new(std::size_t size) {
+    return allocateUnlessRefused(size);
+}
+
 void* operator new[](std::size_t size) {
-    return allocate(size);
+    return allocateUnlessRefused(size);
 }
 
 void operator delete(void* memory) noexcept {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <new>
 
 namespace support {
@@ -11,6 +12,11 @@ inline thread_local std::size_t allocations = 0;
 inline thread_local bool countingAllocations = true;
 /// When `allocations` gets there, there is no memory.
 inline thread_local std::size_t failingAllocation = 0;
+/// Where it is set, it is asked at each allocation that counts: whether there is no memory.
+inline bool (*refusesMemory)() = nullptr;
+
+/// What happens then instead, unless null.
+inline thread_local std::function<void()> const* interruption = nullptr;
 
 /// The allocations of this thread since this was made.
 class AllocationCount {
@@ -42,6 +48,32 @@ public:
     FailingAllocation& operator=(FailingAllocation const&) = delete;
 
     bool happened() const { return allocations >= failingAllocation; }
+};
+
+inline void interrupt() {
+    if (interruption == nullptr)
+        throw std::bad_alloc();
+    UncountedAllocations const uncounted;
+    (*interruption)();
+}
+
+/// Does something in the middle of one allocation of this thread, as another thread might: there
+/// are allocations between most statements.
+class InterruptedAllocation {
+public:
+    InterruptedAllocation(std::size_t which, std::function<void()> call)
+        : call_(std::move(call)), failing_(which) {
+        interruption = &call_;
+    }
+    ~InterruptedAllocation() { interruption = nullptr; }
+    InterruptedAllocation(InterruptedAllocation const&) = delete;
+    InterruptedAllocation& operator=(InterruptedAllocation const&) = delete;
+
+    bool happened() const { return failing_.happened(); }
+
+private:
+    std::function<void()> const call_;
+    FailingAllocation const failing_;
 };
 
 /// Calls the action with its first allocation failing, then with its second one, and so on, until

@@ -16,7 +16,7 @@ std::ostream& operator<<(std::ostream& out, Delivery const& delivery) {
                << "\"}";
 }
 
-MessageRecorder::MessageRecorder(Hook hook) : hook_(std::move(hook)) {}
+MessageRecorder::MessageRecorder(Hook hook) : hook_(std::make_shared<Hook>(std::move(hook))) {}
 
 std::vector<std::string> MessageRecorder::payloads() const {
     std::vector<std::string> result;
@@ -53,13 +53,15 @@ bool MessageRecorder::waitForPayload(std::string const& payload,
 }
 
 void MessageRecorder::onMqttMessage(int tag, mqtt::Topic const& topic, std::string const& payload) {
+    // Who waits for this delivery may destroy the recorder as soon as it was kept.
+    auto const hook = hook_;
     deliveries_.change([&](auto& all) { all.push_back({tag, topic.text(), payload}); });
-    if (hook_) {
-        hook_(tag, topic, payload);
+    if (*hook) {
+        (*hook)(tag, topic, payload);
     }
 }
 
-StateRecorder::StateRecorder(Hook hook) : hook_(std::move(hook)) {}
+StateRecorder::StateRecorder(Hook hook) : hook_(std::make_shared<Hook>(std::move(hook))) {}
 
 void StateRecorder::clear() {
     history_.change([](auto& all) { all.clear(); });
@@ -76,9 +78,10 @@ bool StateRecorder::waitForHistory(History const& history,
 }
 
 void StateRecorder::onComStateChanged(conv::ComState state) {
+    auto const hook = hook_;
     history_.change([&](auto& all) { all.push_back(state); });
-    if (hook_) {
-        hook_(state);
+    if (*hook) {
+        (*hook)(state);
     }
 }
 

@@ -7,6 +7,7 @@
 
 #include <functional>
 #include <iosfwd>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -28,7 +29,7 @@ class MessageRecorder : public mqtt::MqttClient::Subscriber {
 public:
     using Hook = std::function<void(int, mqtt::Topic const&, std::string const&)>;
 
-    /// @param hook called within every delivery, after it was kept
+    /// @param hook called within every delivery, after it was kept; it outlives the recorder
     explicit MessageRecorder(Hook hook = {});
 
     std::vector<Delivery> deliveries() const { return deliveries_.copy(); }
@@ -47,7 +48,7 @@ public:
 
 private:
     Watched<std::vector<Delivery>> deliveries_;
-    Hook hook_;
+    std::shared_ptr<Hook> const hook_;
 };
 
 /// A state listener that keeps what it sees. It must be unregistered before it dies, or die
@@ -57,7 +58,7 @@ public:
     using Hook = std::function<void(conv::ComState)>;
     using History = std::vector<conv::ComState>;
 
-    /// @param hook called within every change, after it was kept
+    /// @param hook called within every change, after it was kept; it outlives the recorder
     explicit StateRecorder(Hook hook = {});
     virtual ~StateRecorder() = default;
 
@@ -74,7 +75,7 @@ public:
 
 private:
     Watched<History> history_;
-    Hook hook_;
+    std::shared_ptr<Hook> const hook_;
 };
 
 } // namespace support

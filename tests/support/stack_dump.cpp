@@ -76,7 +76,9 @@ std::string sourceLine(Place const& place) {
     return text.find("??") == 0 ? std::string() : text;
 }
 
-std::string describe(void* frame) {
+} // namespace
+
+std::string describeFrame(void* frame) {
     Place const place = placeOf(frame);
     std::string const source = place.file == "?" ? std::string() : sourceLine(place);
     if (!source.empty()) {
@@ -91,6 +93,8 @@ std::string describe(void* frame) {
     }
     return text.str();
 }
+
+namespace {
 
 std::vector<pid_t> threads() {
     std::vector<pid_t> ids;
@@ -120,7 +124,7 @@ void dump(std::ostream& out, pid_t thread, int signal) {
     eventually(answered);
     constexpr int SIGNAL_FRAMES = 2; // the handler and the kernel's trampoline
     for (int i = SIGNAL_FRAMES; i < answer.count; ++i) {
-        out << "    " << describe(answer.frames[static_cast<std::size_t>(i)]) << "\n";
+        out << "    " << describeFrame(answer.frames[static_cast<std::size_t>(i)]) << "\n";
     }
 }
 

@@ -20,9 +20,6 @@ constexpr unsigned PARSING = rapidjson::kParseNumbersAsStringsFlag | rapidjson::
 // The parser is recursive: without a limit a stranger's text could exhaust the stack.
 constexpr unsigned DEEPEST = 64;
 
-// More than most lists have, and not much to waste on those that have fewer.
-constexpr std::size_t MOST_EXPECTED = 1024;
-
 // The parser counts in 32 bits, and so do we.
 constexpr auto LONGEST = std::numeric_limits<std::uint32_t>::max();
 
@@ -36,8 +33,8 @@ bool isDecodedTo(std::string_view rawKey, std::string_view name) {
 
 } // namespace
 
-/// Follows the parser through a text and notes where the root's members or elements stand. The
-/// parser tells of a key or value when it has just read past it.
+/// Follows the parser through a text and notes where the root's members stand. The parser tells of
+/// a key or value when it has just read past it.
 class Deserializer::Outline
     : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Deserializer::Outline> {
 public:
@@ -59,15 +56,15 @@ public:
         return true;
     }
 
-    bool StartObject() { return enter(Root::OBJECT); }
-    bool StartArray() { return enter(Root::ARRAY); }
+    bool StartObject() { return enter(true); }
+    bool StartArray() { return enter(false); }
     bool EndObject(rapidjson::SizeType /*members*/) { return leave(); }
     bool EndArray(rapidjson::SizeType /*elements*/) { return leave(); }
 
 private:
-    bool enter(Root kind) {
+    bool enter(bool isObject) {
         if (depth_ == 0) {
-            out_.root_ = kind;
+            out_.isObject_ = isObject;
         } else if (depth_ == 1) {
             nested_ = stream_.part();
         }
@@ -82,22 +79,15 @@ private:
     }
 
     void addValue(std::uint32_t begin) {
+        if (!out_.isObject_) {
+            return;
+        }
         Part const value{begin, stream_.Tell()};
-        if (out_.root_ == Root::ARRAY) {
-            addElement(out_.part(value));
-        } else if (!out_.members_.isFull()) {
+        if (!out_.members_.isFull()) {
             out_.members_.add({key_, value});
         } else {
             out_.moreMembers_.push_back({key_, value});
         }
-    }
-
-    // The others are expected to be as long as the first.
-    void addElement(std::string_view text) {
-        if (out_.elements_.empty()) {
-            out_.elements_.reserve(std::min(MOST_EXPECTED, stream_.bytesLeft() / text.size() + 1));
-        }
-        out_.elements_.push_back(text);
     }
 
     OutlineStream const& stream_;
@@ -115,13 +105,12 @@ Deserializer::Deserializer(std::string_view text) : text_(text) {
         std::uint64_t{text.size()} <= LONGEST && !reader.Parse<PARSING>(stream, outline).IsError();
     // The parser takes a zero byte for the end of the text.
     if (!parsed || stream.Tell() != text.size()) {
-        root_ = Root::OTHER;
-        elements_.clear();
+        isObject_ = false;
     }
 }
 
 std::string_view Deserializer::getMember(char const* key) const {
-    if (root_ != Root::OBJECT) {
+    if (!isObject_) {
         throw std::runtime_error("Cannot get member from a scalar or array");
     }
     std::string_view const name(key);
@@ -136,13 +125,6 @@ std::string_view Deserializer::getMember(char const* key) const {
     }
     auto const found = std::find_if(moreMembers_.begin(), moreMembers_.end(), isNamed);
     return found == moreMembers_.end() ? std::string_view() : part(found->value);
-}
-
-std::vector<std::string_view> const& Deserializer::getElements() const {
-    if (root_ != Root::ARRAY) {
-        throw std::runtime_error("Cannot get elements from a scalar or object");
-    }
-    return elements_;
 }
 
 } // namespace zym::common::lwjson

@@ -62,7 +62,6 @@ public:
 
     /// Where the next key or value begins, or the one that is being read.
     std::uint32_t part() const { return part_; }
-    std::size_t bytesLeft() const { return static_cast<std::size_t>(end_ - at_); }
 
     /// Whether there were escapes in the last string.
     bool sawEscapes() const { return sawEscapes_; }

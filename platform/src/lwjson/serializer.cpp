@@ -117,6 +117,7 @@ Serializer::Serializer(std::string& json) : target_(&json) {
 }
 
 Serializer::Serializer(std::string const& finishedText) : target_(nullptr) {
+    wrapped_.reserve(finishedText.size());
     appendOnOneLine(wrapped_, finishedText);
 }
 

@@ -102,6 +102,7 @@ int mosquittopp::will_clear() {
 }
 
 int mosquittopp::connect(char const* host, int port, int keepalive) {
+    support::UncountedAllocations const ours;
     StandIn::Call call = callOf(Operation::CONNECT, host);
     call.qos = port;
     call.keepAlive = keepalive;
@@ -113,6 +114,7 @@ int mosquittopp::reconnect() {
 }
 
 int mosquittopp::disconnect() {
+    support::UncountedAllocations const ours;
     return scriptOf(m_mosq)->run(callOf(Operation::DISCONNECT), nullptr);
 }
 

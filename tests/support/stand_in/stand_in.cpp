@@ -116,6 +116,11 @@ void StandIn::setAcknowledging(bool acknowledging) {
     acknowledging_ = acknowledging;
 }
 
+void StandIn::setNextMid(int mid) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    lastMid_ = mid - 1;
+}
+
 void StandIn::setSocket(int socket) {
     std::lock_guard<std::mutex> lock(mutex_);
     socket_ = socket;

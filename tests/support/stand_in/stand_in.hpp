@@ -93,6 +93,9 @@ public:
     void setConnack(std::optional<int> code);
     /// Whether publications and unsubscriptions are acknowledged by themselves.
     void setAcknowledging(bool acknowledging);
+    /// The message id of the next call; they count up from there. The library's begin anew after
+    /// 65,535.
+    void setNextMid(int mid);
     /// What `socket()` returns: -1 unless set.
     void setSocket(int socket);
 

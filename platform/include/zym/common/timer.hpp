@@ -6,7 +6,6 @@
 #include <functional>
 #include <memory>
 #include <mutex>
-#include <thread>
 
 namespace zym::common {
 
@@ -24,6 +23,10 @@ namespace zym::common {
 /// ### The callback
 /// Runs on the timer's thread with no lock held: it may call every operation, and even destroy
 /// the timer. What it throws is dropped.
+///
+/// The thread is named `zym-timer` and has a stack of 512 KiB. All signals are blocked on it but
+/// those that a fault raises there (SIGSEGV and the like): the program's handlers run on other
+/// threads, and a process started by the callback inherits that.
 ///
 /// ### Threads
 /// Every operation may be called from any thread; `stop`, `terminate` and the destructor take
@@ -74,10 +77,6 @@ public:
     /// Disarms the timer for good and waits for a callback under way to return, except in the
     /// timer's own callback. Do not hold a lock that the callback takes.
     void terminate();
-
-private:
-    std::mutex joinMutex_; ///< one thread joins, the others wait for it here
-    std::thread thread_;   ///< written under the timer's lock, never after `terminate`
 };
 
 } // namespace zym::common

@@ -13,21 +13,18 @@
 
 namespace zym::common::lwjson {
 
-/// Reads a JSON text: gives the raw texts of the root's members or elements, and turns raw texts
-/// into values.
+/// Reads a JSON text: gives the raw texts of the root's members, and turns raw texts into values.
 /// ```
 /// Deserializer const in(json);
 /// std::string name;
 /// Deserializer::extractValue(in.getMember("name"), name, "");
-/// Deserializer const list(in.getMember("list"));
-/// for (std::string_view const element : list.getElements()) { ... }
 /// ```
 /// The text is read once, when the reader is made, and is not copied. Once made, a reader may be
 /// used from any number of threads.
 class ZYM_COMMON_EXPORT Deserializer {
 public:
-    /// Reads a text. A malformed one raises nothing here: it simply has no object or array as
-    /// its root. Malformed is what breaks the grammar of JSON, has more bytes after its root, is
+    /// Reads a text. A malformed one raises nothing here: it simply has no object as its root.
+    /// Malformed is what breaks the grammar of JSON, has more bytes after its root, is
     /// nested more than 64 deep, or is longer than 4 GiB.
     /// @param text must outlive the reader and all texts got from it
     explicit Deserializer(std::string_view text);
@@ -41,11 +38,6 @@ public:
     /// @throws std::runtime_error "Cannot get member from a scalar or array" when the root is not
     ///         an object
     std::string_view getMember(char const* key) const;
-
-    /// The raw texts of the elements of the root array, in order, each a part of the text read.
-    /// @throws std::runtime_error "Cannot get elements from a scalar or object" when the root is
-    ///         not an array
-    std::vector<std::string_view> const& getElements() const;
 
     /// Turns a raw text, without blanks around it, into a value. Integers are digits only. A time
     /// is a number or `null`, the invalid time. Bytes of 0x80 and above pass unchanged.
@@ -66,7 +58,6 @@ public:
     static void extractValue(std::string_view text, conv::UnixTime& out, char const* extra);
 
 private:
-    enum class Root : std::uint8_t { OTHER, OBJECT, ARRAY };
     /// Where something stands in the text.
     struct Part {
         std::uint32_t begin;
@@ -106,11 +97,10 @@ private:
     }
 
     std::string_view text_;
-    Root root_ = Root::OTHER;
+    bool isObject_ = false;
     bool keysHaveEscapes_ = false;
     UsualMembers members_;
     std::vector<Member> moreMembers_;
-    std::vector<std::string_view> elements_;
 };
 
 } // namespace zym::common::lwjson

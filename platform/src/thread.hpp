@@ -1,0 +1,32 @@
+#pragma once
+
+#include <functional>
+
+#include <pthread.h>
+
+namespace zym::common {
+
+/// A thread of the library's own: with a name, a small stack, and no part in the program's signals.
+///
+/// Not for several threads at once. Ends as it began when it is neither joined nor detached: the
+/// thread goes on, and what it occupied is never freed.
+class Thread {
+public:
+    /// Starts the thread, once.
+    /// @param name at most 15 characters; a literal
+    /// @param body must not throw
+    /// @throws std::system_error when there is no thread to be had
+    /// @throws std::bad_alloc
+    void start(char const* name, std::function<void()> body);
+
+    /// Whether it was started, and neither joined nor detached since.
+    bool isJoinable() const noexcept { return joinable_; }
+    void join() noexcept;
+    void detach() noexcept;
+
+private:
+    pthread_t handle_{};
+    bool joinable_ = false;
+};
+
+} // namespace zym::common

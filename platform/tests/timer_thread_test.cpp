@@ -1,0 +1,155 @@
+// What the thread of a timer is like, and what comes of having none to give.
+
+#include "support/watched.hpp"
+
+#include <zym/common/timer.hpp>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstddef>
+#include <mutex>
+#include <string>
+#include <system_error>
+
+#include <dlfcn.h>
+#include <pthread.h>
+
+namespace {
+
+using support::Watched;
+using zym::common::Timer;
+
+constexpr std::size_t KIB = 1024;
+constexpr std::size_t LARGE = 1024 * KIB;
+
+enum class Threads { AVAILABLE, NONE, WITH_LARGE_STACKS_ONLY };
+
+/// What this program gets when it asks for a thread.
+std::atomic<Threads> supply{Threads::AVAILABLE};
+
+int refusal(pthread_attr_t const* attributes) {
+    std::size_t stack = LARGE;
+    if (attributes != nullptr)
+        pthread_attr_getstacksize(attributes, &stack);
+    switch (supply) {
+    case Threads::NONE:
+        return EAGAIN;
+    case Threads::WITH_LARGE_STACKS_ONLY:
+        return stack < LARGE ? EINVAL : 0;
+    case Threads::AVAILABLE:
+        break;
+    }
+    return 0;
+}
+
+} // namespace
+
+// In the program itself, this comes before that of the C library.
+extern "C" int pthread_create(pthread_t* handle, pthread_attr_t const* attributes,
+                              void* (*body)(void*), void* argument) {
+    if (int const error = refusal(attributes); error != 0)
+        return error;
+    static auto const next =
+        reinterpret_cast<decltype(&pthread_create)>(dlsym(RTLD_NEXT, "pthread_create"));
+    return next(handle, attributes, body, argument);
+}
+
+namespace {
+
+struct Facts {
+    std::string name;
+    std::size_t stackBytes = 0;
+    sigset_t blocked{};
+};
+
+Facts ofThisThread() {
+    Facts facts;
+    char name[16] = {};
+    pthread_getname_np(pthread_self(), name, sizeof name);
+    facts.name = name;
+    pthread_attr_t attributes;
+    pthread_getattr_np(pthread_self(), &attributes);
+    pthread_attr_getstacksize(&attributes, &facts.stackBytes);
+    pthread_attr_destroy(&attributes);
+    pthread_sigmask(SIG_SETMASK, nullptr, &facts.blocked);
+    return facts;
+}
+
+bool isBlocked(Facts const& facts, int signal) {
+    return sigismember(&facts.blocked, signal) == 1;
+}
+
+class TheThreadOfATimer : public testing::Test {
+protected:
+    ~TheThreadOfATimer() override { supply = Threads::AVAILABLE; }
+
+    void start() {
+        std::unique_lock<std::mutex> lock(timer_.mutex());
+        timer_.restart(lock);
+    }
+
+    Facts facts() {
+        EXPECT_TRUE(facts_.waitFor([](Facts const& found) { return found.stackBytes > 0; }));
+        return facts_.copy();
+    }
+
+private:
+    Watched<Facts> facts_;
+    Timer timer_{[this] { facts_.change([](Facts& found) { found = ofThisThread(); }); },
+                 std::chrono::milliseconds(0), true};
+};
+
+TEST_F(TheThreadOfATimer, HasAName) {
+    start();
+    EXPECT_EQ(facts().name, "zym-timer");
+}
+
+TEST_F(TheThreadOfATimer, HasASmallStack) {
+    start();
+    EXPECT_GE(facts().stackBytes, 256 * KIB);
+    EXPECT_LT(facts().stackBytes, LARGE);
+}
+
+TEST_F(TheThreadOfATimer, BlocksAllSignalsButThoseOfAFault) {
+    start();
+    auto const found = facts();
+    for (int const signal :
+         {SIGHUP, SIGINT, SIGQUIT, SIGALRM, SIGTERM, SIGCHLD, SIGPIPE, SIGUSR1}) {
+        EXPECT_TRUE(isBlocked(found, signal)) << signal;
+    }
+    for (int const signal : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS}) {
+        EXPECT_FALSE(isBlocked(found, signal)) << signal;
+    }
+    EXPECT_TRUE(isBlocked(found, SIGRTMIN));
+}
+
+TEST_F(TheThreadOfATimer, LeavesTheSignalsOfItsCreatorAsTheyWere) {
+    sigset_t one;
+    sigemptyset(&one);
+    sigaddset(&one, SIGUSR2);
+    pthread_sigmask(SIG_BLOCK, &one, nullptr);
+    start();
+    auto const now = ofThisThread();
+    EXPECT_TRUE(isBlocked(now, SIGUSR2));
+    EXPECT_FALSE(isBlocked(now, SIGUSR1));
+}
+
+TEST_F(TheThreadOfATimer, HasTheUsualStackWhereASmallOneIsTooSmall) {
+    supply = Threads::WITH_LARGE_STACKS_ONLY;
+    start();
+    EXPECT_GE(facts().stackBytes, LARGE);
+}
+
+TEST_F(TheThreadOfATimer, IsStartedByTheNextRestartWhenThereWasNone) {
+    supply = Threads::NONE;
+    EXPECT_THROW(start(), std::system_error);
+    supply = Threads::AVAILABLE;
+    start();
+    EXPECT_EQ(facts().name, "zym-timer");
+}
+
+} // namespace

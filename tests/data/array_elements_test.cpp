@@ -1,0 +1,71 @@
+#include "data/array_elements.hpp"
+
+#include <gmock/gmock.h>
+
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace {
+
+using mqtt::ArrayElements;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+std::vector<std::string> elementsOf(std::string_view text) {
+    // Nothing stands behind it: AddressSanitizer sees every byte too many.
+    std::vector<char> const bytes(text.begin(), text.end());
+    ArrayElements elements({bytes.data(), bytes.size()});
+    std::vector<std::string> result;
+    std::string_view element;
+    while (elements.next(element))
+        result.emplace_back(element);
+    EXPECT_FALSE(elements.next(element));
+    return result;
+}
+
+TEST(TheElementsOfAnArray, AreGivenInOrderWithoutBlanksAroundThem) {
+    EXPECT_THAT(elementsOf("[]"), IsEmpty());
+    EXPECT_THAT(elementsOf(" \t\r\n[ \n ]"), IsEmpty());
+    EXPECT_THAT(elementsOf("[1]"), ElementsAre("1"));
+    EXPECT_THAT(elementsOf(" [ 1 ,\r\n2,\tnull\n, \"a b\" ] "),
+                ElementsAre("1", "2", "null", "\"a b\""));
+}
+
+TEST(TheElementsOfAnArray, MayBeObjectsAndArrays) {
+    EXPECT_THAT(elementsOf(R"([{"a": 1, "b": [2, 3]}, [[], {}], {}])"),
+                ElementsAre(R"({"a": 1, "b": [2, 3]})", "[[], {}]", "{}"));
+    std::string const deep = std::string(100000, '[') + std::string(100000, ']');
+    EXPECT_THAT(elementsOf('[' + deep + ']'), ElementsAre(deep));
+}
+
+TEST(TheElementsOfAnArray, MayHoldAnyMarkInTheirStrings) {
+    for (char const* const text : {R"("],}{[")", R"("\"")", R"("\\")", R"("\\\",")", R"("a\\")",
+                                   R"({"],": "\"]"})", R"("\u005c")", R"("")"})
+        EXPECT_THAT(elementsOf(std::string("[") + text + ", " + text + "]"),
+                    ElementsAre(text, text));
+}
+
+TEST(TheElementsOfAnArray, EndWithItWhateverFollows) {
+    EXPECT_THAT(elementsOf(R"([1, 2], "more": ["x)"), ElementsAre("1", "2"));
+    EXPECT_THAT(elementsOf("[]]"), IsEmpty());
+}
+
+TEST(TheElementsOfAnArray, AreLeftToTheirReaderWhenTheyAreBad) {
+    EXPECT_THAT(elementsOf("[1,,x y,]"), ElementsAre("1", "", "x y", ""));
+}
+
+TEST(ATextThatIsNoArray, HasNoElements) {
+    for (char const* const text : {"", " ", "{}", "1", "\"[]\"", "null", "]", "x[]"})
+        EXPECT_THROW(elementsOf(text), std::runtime_error) << text;
+}
+
+TEST(AnArrayCutOffAnywhere, IsRefused) {
+    std::string const text = R"([ {"a": ["\\\"]", 1 ]} , "\"" , 2 ])";
+    ASSERT_EQ(elementsOf(text).size(), 3U);
+    for (std::size_t length = 0; length < text.size(); ++length)
+        EXPECT_THROW(elementsOf({text.data(), length}), std::runtime_error) << length;
+}
+
+} // namespace

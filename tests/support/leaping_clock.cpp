@@ -1,0 +1,51 @@
+#include "support/leaping_clock.hpp"
+
+#include <pthread.h>
+
+#include <atomic>
+#include <ctime>
+
+namespace {
+
+using std::chrono::nanoseconds;
+using std::chrono::seconds;
+using std::chrono::steady_clock;
+
+std::atomic<steady_clock::duration> ahead{steady_clock::duration::zero()};
+
+} // namespace
+
+// The linker puts what is wrapped in the place of the clock, and of the wait on a condition.
+
+steady_clock::time_point realNow() __asm__("__real_" ZYM_TEST_STEADY_NOW);
+steady_clock::time_point leapingNow() __asm__("__wrap_" ZYM_TEST_STEADY_NOW);
+int realWait(pthread_cond_t*, pthread_mutex_t*, clockid_t,
+             timespec const*) __asm__("__real_pthread_cond_clockwait");
+// Visible, because the run-time library of ThreadSanitizer refers to it.
+__attribute__((visibility("default"))) int
+leapingWait(pthread_cond_t*, pthread_mutex_t*, clockid_t,
+            timespec const*) __asm__("__wrap_pthread_cond_clockwait");
+
+steady_clock::time_point leapingNow() {
+    return realNow() + ahead.load();
+}
+
+int leapingWait(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock,
+                timespec const* until) {
+    if (clock != CLOCK_MONOTONIC)
+        return realWait(condition, mutex, clock, until);
+    auto const real = seconds(until->tv_sec) + nanoseconds(until->tv_nsec) - ahead.load();
+    auto const whole = std::chrono::floor<seconds>(real);
+    timespec moment{};
+    moment.tv_sec = static_cast<time_t>(whole.count());
+    moment.tv_nsec = static_cast<long>(nanoseconds(real - whole).count());
+    return realWait(condition, mutex, clock, &moment);
+}
+
+namespace leaping_clock {
+
+void leap(std::chrono::milliseconds forward) {
+    ahead = ahead.load() + forward;
+}
+
+} // namespace leaping_clock
