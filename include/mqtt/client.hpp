@@ -71,7 +71,8 @@ public:
         NOT_FOUND = 6, ///< see `unsubscribe`
         CONN_LOST = 7,
         TLS = 8,
-        PAYLOAD_SIZE = 9, ///< payload, topic and four bytes exceed 268,435,455, or a will 65,535
+        PAYLOAD_SIZE =
+            9, ///< payload, topic and four bytes (QoS 0: two) exceed 268,435,455, a will 65,535
         NOT_SUPPORTED = 10,
         AUTH = 11,
         ACL_DENIED = 12,
@@ -199,9 +200,9 @@ public:
     Error disconnect(conv::SecondsDuration timeout);
 
     /// Ends the attempts to connect, which `disconnect` does not end while there is no connection.
-    /// One that is just coming up is ended as by `disconnect`. Does not wait: the state becomes
-    /// "disconnected" when the attempt, or the time between two, that is under way is over; a pause
-    /// takes effect after that. `connect` begins anew.
+    /// A connection that stands or is just coming up is ended as by `disconnect`. Does not wait:
+    /// the state becomes "disconnected" when the attempt, or the time between two, that is under
+    /// way is over; a pause takes effect after that. `connect` begins anew.
     void giveUp();
 
     /// Stops all network traffic, keep-alives too, until `resume`. Takes effect at the end of

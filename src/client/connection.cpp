@@ -49,7 +49,6 @@ Error MqttClient::connect(std::string host, int port, conv::SecondsDuration time
         if (!leaveDisconnected())
             return Error::CONNECTION_PENDING;
         engine_->flushFirst = false; // meant for the last connection
-        engine_->givenUp = false;
         result = mosqpp::mosquittopp::connect(host.c_str(), port, HEART_BEAT_RATE.toInt32());
         systemError = errno;
         if (result == 0) {
@@ -158,6 +157,8 @@ bool MqttClient::leaveDisconnected() {
     std::lock_guard const lock(stateMutex_);
     if (comState_ != ComState::DISCONNECTED)
         return false;
+    // Before the listeners hear of it: they may give up.
+    engine_->givenUp = false;
     setComState(ComState::CONNECTING);
     return true;
 }

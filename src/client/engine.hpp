@@ -96,7 +96,6 @@ struct MqttClient::Engine {
     Topic received; ///< worker: of the message under way; kept between messages for its memory
 
     UnsubscriptionWait* unsubscriptionWaits = nullptr; ///< the first; unsubscription lock
-    int wakeMid = -1;          ///< of the packet that only woke the worker; unsubscription lock
     bool acknowledged = false; ///< worker: the broker has consented, the rest is to be done
     std::atomic<bool> flushFirst{false};   ///< a DISCONNECT packet must leave before any reading
     std::atomic<bool> givenUp{false};      ///< nobody wants a connection until the next `connect`

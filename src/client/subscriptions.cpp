@@ -62,10 +62,6 @@ Error MqttClient::unsubscribeWait(Topic const& topic, Subscriber* subscriber,
 
 void MqttClient::on_unsubscribe(int mid) {
     std::lock_guard const lock(unsubscriptionMutex_);
-    if (mid == engine_->wakeMid) {
-        engine_->wakeMid = -1;
-        return;
-    }
     lastUnsubscribed_ = mid;
     for (auto* wait = engine_->unsubscriptionWaits; wait != nullptr; wait = wait->next)
         wait->acknowledged = wait->acknowledged || wait->mid == mid;

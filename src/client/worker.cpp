@@ -55,8 +55,11 @@ bool MqttClient::isLeaving() const {
 void MqttClient::networkStep() {
     auto& engine = *engine_;
     engine.turn.enter();
-    if (isLeaving() && disconnect(0) == Error::NO_CONN)
+    if (isLeaving() && disconnect(0) == Error::NO_CONN) {
+        // An earlier DISCONNECT packet may have been for a connection that never came up.
+        closeGate();
         setComState(conv::ComState::DISCONNECTED);
+    }
     if (engine.flushFirst.exchange(false))
         flushDisconnect();
     int const result = step(engine.tuning.patience());
@@ -131,13 +134,7 @@ void MqttClient::flushOutput(std::chrono::steady_clock::time_point deadline) {
 /// Ends a network step that waits for input. The library has no call for that; it wakes up for a
 /// packet to be sent, so we send one that changes nothing. False without a connection.
 bool MqttClient::wakeWorker() {
-    // Held until its id is known: the acknowledgement must not be taken for anybody else's.
-    std::lock_guard const lock(unsubscriptionMutex_);
-    int mid = -1;
-    if (unsubscribeAtBroker(&mid, WAKE_TOPIC) != Error::SUCCESS)
-        return false;
-    engine_->wakeMid = mid;
-    return true;
+    return unsubscribeAtBroker(nullptr, WAKE_TOPIC) == Error::SUCCESS;
 }
 
 void MqttClient::on_connect(int rc) {
@@ -149,11 +146,6 @@ void MqttClient::on_connect(int rc) {
 void MqttClient::on_disconnect(int rc) {
     // The broker's consent makes the library forget that it was told to disconnect.
     bool const intended = closeGate() || rc == 0;
-    {
-        // Nobody acknowledges it any more, and one day its id is used again.
-        std::lock_guard const lock(unsubscriptionMutex_);
-        engine_->wakeMid = -1;
-    }
     engine_->acknowledged = false;
     setComState(intended ? conv::ComState::DISCONNECTED : conv::ComState::CONNECTION_LOST);
 }

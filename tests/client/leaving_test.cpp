@@ -55,6 +55,31 @@ TEST_P(ALeavingClientAtEveryQos, KeepsItsQueueWhenTheBrokersConsentCrossesItsEnd
     EXPECT_THAT(published(), ElementsAre("0", "1"));
 }
 
+TEST_F(ALeavingClient, ConnectsAnewAfterItHasGivenUpInTheMidstOfAnAttempt) {
+    connect();
+    script_->setHook(Operation::RECONNECT, [this](auto const&) {
+        leave();
+        client_->giveUp();
+        return std::optional<int>(FAILED);
+    });
+    script_->loseConnection();
+    ASSERT_TRUE(states_.waitFor(ComState::DISCONNECTED));
+    connectAgain();
+    EXPECT_EQ(client_->communicationState(), ComState::CONNECTED);
+}
+
+TEST_F(ALeavingClient, MayGiveUpAsSoonAsItIsToldThatItConnects) {
+    support::StateRecorder quitter([this](ComState state) {
+        if (state == ComState::CONNECTING)
+            client_->giveUp();
+    });
+    client_->registerListener(&quitter);
+    script_->answer(Operation::CONNECT, {FAILED});
+    EXPECT_NE(client_->connect("", -1, 0), Error::SUCCESS);
+    EXPECT_TRUE(states_.waitFor(ComState::DISCONNECTED));
+    client_->unregisterListener(&quitter);
+}
+
 TEST_F(ALeavingClient, KeepsItsQueueWhenItIsToldInTheMidstOfResubscribing) {
     queue({"0"}, 0);
     ASSERT_EQ(client_->subscribe("b", &subscriber_, 0), Error::SUCCESS);
