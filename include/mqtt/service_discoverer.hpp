@@ -28,8 +28,9 @@ class Visitors;
 ///
 /// ### Threads
 /// Every operation may be called from any thread. On the MQTT client's worker thread, which has to
-/// read the answers, `discoverSync`, `waitChange` and `launchSync` return false at once. None may
-/// be called from a communication state listener, the destructor neither. Runs are made one at a
+/// read the answers, `discoverSync`, `waitChange` and `launchSync` return false at once. No
+/// operation, also not `links` or `entities`, and not the destructor, may be called from a
+/// communication state listener. Runs are made one at a
 /// time: a call waits for the run under way to end before its own time-out begins.
 ///
 /// ### Lifetime
@@ -78,6 +79,7 @@ private:
 
     ZYM_MQTT_LOCAL bool waitUntilDone(conv::SecondsDuration const& timeout, Lock& lock);
     ZYM_MQTT_LOCAL bool accepts(std::vector<Link> const& links, Lock const& lock) const;
+    ZYM_MQTT_LOCAL void takeOver(std::vector<Link> const& links, Lock const& lock);
     ZYM_MQTT_LOCAL void expect(std::size_t entities, Lock const& lock);
     ZYM_MQTT_LOCAL void askEntities(Lock const& lock);
     ZYM_MQTT_LOCAL Endpoint* awaited(int id, Lock const& lock) const;
@@ -98,6 +100,7 @@ private:
     bool awaitsLinks_ = false;                ///< the run under way has not accepted a list yet
     std::vector<bool> awaited_;               ///< by link: whose answer still counts
     bool ending_ = false;                     ///< being destroyed
+    bool failed_ = false;                     ///< the run cannot go on for lack of memory
     std::mutex runMutex_;                     ///< one run at a time; taken before `mutex_`
     std::shared_ptr<Visitors> const callers_; ///< inside a run
 };

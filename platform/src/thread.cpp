@@ -30,9 +30,9 @@ void* run(void* argument) noexcept {
 
 /// A new thread begins with the signals blocked that are blocked where it is created. Those that a
 /// fault raises in a thread stay: their handlers run there only.
-class BlockedSignals {
+class SignalsBlocked {
 public:
-    BlockedSignals() noexcept {
+    SignalsBlocked() noexcept {
         sigset_t all;
         sigfillset(&all);
         for (int const fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS}) {
@@ -40,9 +40,9 @@ public:
         }
         pthread_sigmask(SIG_SETMASK, &all, &before_);
     }
-    ~BlockedSignals() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
-    BlockedSignals(BlockedSignals const&) = delete;
-    BlockedSignals& operator=(BlockedSignals const&) = delete;
+    ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+    SignalsBlocked(SignalsBlocked const&) = delete;
+    SignalsBlocked& operator=(SignalsBlocked const&) = delete;
 
 private:
     sigset_t before_{};
@@ -66,7 +66,7 @@ private:
 };
 
 int create(pthread_t& handle, Task* task) noexcept {
-    BlockedSignals const blocked;
+    SignalsBlocked const blocked;
     Attributes const attributes;
     int const error = pthread_create(&handle, attributes.get(), run, task);
     // The thread-local objects of the program stand on the stack as well: there may be no room.

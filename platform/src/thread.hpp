@@ -8,8 +8,8 @@ namespace zym::common {
 
 /// A thread of the library's own: with a name, a small stack, and no part in the program's signals.
 ///
-/// Not for several threads at once. Ends as it began when it is neither joined nor detached: the
-/// thread goes on, and what it occupied is never freed.
+/// Not for several threads at once. If it is neither joined nor detached, the destructor does
+/// nothing: the thread goes on, and its memory is never freed.
 class Thread {
 public:
     /// Starts the thread, once.

@@ -84,7 +84,7 @@ void Timer::Engine::moveDeadline(Clock::time_point now) {
         armed = false;
         return;
     }
-    auto const missed = (now - deadline) / period;
+    auto const missed = std::chrono::floor<std::chrono::milliseconds>(now - deadline) / period;
     deadline = later(deadline + missed * period, period);
 }
 

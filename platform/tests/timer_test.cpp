@@ -134,6 +134,17 @@ TEST_F(ATimer, OnlyStoresAPeriodThatIsSetWhileItIsArmed) {
     EXPECT_TRUE(expires(1));
 }
 
+TEST_F(ATimer, TakesAPeriodBeyondAllTime) {
+    {
+        Lock lock(timer_.mutex());
+        timer_.restart(lock);
+        timer_.setPeriod(milliseconds(1LL << 58), lock);
+    }
+    ASSERT_TRUE(expires(1));
+    letOthersPass();
+    EXPECT_EQ(expiries_.copy(), 1);
+}
+
 TEST_F(ATimer, ReadsTheFlagAtExpiry) {
     {
         Lock lock(timer_.mutex());

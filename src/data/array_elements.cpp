@@ -43,6 +43,8 @@ bool ArrayElements::next(std::string_view& element) {
     skipValue();
     element = withoutBlanksBehind(text_.substr(begin, at_ - begin));
     hasNext_ = text_[at_] == ',';
+    if (text_[at_] == '}')
+        throw std::runtime_error("A JSON array with another end");
     ++at_;
     return true;
 }

@@ -33,8 +33,8 @@ void readElement(std::string_view element, std::string& text, Link& link) {
     constexpr std::string_view BEFORE = R"({"@id": )";
     constexpr std::string_view BEHIND = "}";
     std::size_t const begin = BEFORE.size() + 1;
-    if (element.substr(0, begin) == R"({"@id": ")"
-        && element.find('"', begin) == element.size() - 2) {
+    if (element.substr(0, begin) == R"({"@id": ")" && element.find('"', begin) == element.size() - 2
+        && element.back() == '}') {
         text = element.substr(BEFORE.size(), element.size() - BEFORE.size() - BEHIND.size());
         Deserializer::extractValue(text.c_str(), link.id, "");
     } else {
@@ -63,9 +63,10 @@ Link& emptyLinkAt(std::vector<Link>& links, std::size_t i) {
 }
 
 /// Reads links in the place of those that are there, up to the first that is none.
-void readElements(std::string const& array, std::vector<Link>& links) {
+void readElements(Deserializer const& in, std::vector<Link>& links) {
     std::size_t count = 0;
     try {
+        std::string const array(in.getMember("members"));
         ArrayElements elements(array);
         std::string_view element;
         std::string text;
@@ -149,7 +150,7 @@ void MqttDataCollection<Link>::deserialize(Topic const& /*topic*/, std::string c
     Deserializer::extractValue(in.getMember("members@count"), count, "");
     // A stranger's number: make room for no more than this text can hold.
     value.reserve(std::min<std::size_t>(count, payload.size() / SHORTEST_ELEMENT));
-    readElements(std::string(in.getMember("members")), value);
+    readElements(in, value);
 }
 
 std::ostream& operator<<(std::ostream& out, std::vector<Link> const& links) {

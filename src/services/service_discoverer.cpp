@@ -42,7 +42,9 @@ ServiceDiscovererMqtt::~ServiceDiscovererMqtt() {
     {
         Lock const lock(mutex_);
         ending_ = true;
-        cleanSubscriptions(lock);
+        // Without memory for topics: the endpoints are released below.
+        awaitsLinks_ = false;
+        awaited_.clear();
         changed_.notify_all();
     }
     callers_->waitForOthers();
@@ -73,6 +75,7 @@ bool ServiceDiscovererMqtt::launchSync(conv::SecondsDuration timeout, bool withI
     withIdentification_ = withIdentification;
     waitForChange_ = waitForChange;
     done_ = false;
+    failed_ = false;
     awaitsLinks_ = true;
     linksData_.subscribe(this, 0);
     return waitUntilDone(timeout, lock);
@@ -83,10 +86,10 @@ bool ServiceDiscovererMqtt::waitUntilDone(conv::SecondsDuration const& timeout, 
     while (true) {
         auto const now = steady_clock::now();
         auto const sliceEnd = deadline - now > SLICE ? now + SLICE : deadline;
-        waitUntil(changed_, lock, sliceEnd, [this] { return done_ || ending_; });
+        waitUntil(changed_, lock, sliceEnd, [this] { return done_ || failed_ || ending_; });
         if (done_)
             return true;
-        if (ending_ || steady_clock::now() >= deadline)
+        if (failed_ || ending_ || steady_clock::now() >= deadline)
             break;
     }
     cleanSubscriptions(lock);
@@ -121,6 +124,16 @@ void ServiceDiscovererMqtt::onMqttData(std::vector<Link> const& links, bool empt
     Lock const lock(mutex_);
     if (!accepts(links, lock))
         return;
+    try {
+        takeOver(links, lock);
+    } catch (...) {
+        // No memory: nothing would end the run.
+        failed_ = true;
+        changed_.notify_all();
+    }
+}
+
+void ServiceDiscovererMqtt::takeOver(std::vector<Link> const& links, Lock const& lock) {
     awaitsLinks_ = false;
     links_ = links;
     linksData_.unsubscribe();
@@ -148,11 +161,11 @@ void ServiceDiscovererMqtt::expect(std::size_t entities, Lock const& /*lock*/) {
 }
 
 void ServiceDiscovererMqtt::askEntities(Lock const& /*lock*/) {
-    awaited_.assign(links_.size(), true);
     for (auto const& link : links_) {
         auto const position = static_cast<int>(identificationEndpoints_.size());
         auto const endpoint = std::make_shared<Endpoint>(client_, Topic(link.id));
         identificationEndpoints_.push_back(endpoint);
+        awaited_.push_back(true);
         endpoint->subscribe(this, position);
     }
 }

@@ -57,7 +57,8 @@ TEST(TheElementsOfAnArray, AreLeftToTheirReaderWhenTheyAreBad) {
 }
 
 TEST(ATextThatIsNoArray, HasNoElements) {
-    for (char const* const text : {"", " ", "{}", "1", "\"[]\"", "null", "]", "x[]"})
+    for (char const* const text :
+         {"", " ", "{}", "1", "\"[]\"", "null", "]", "x[]", "[1}", "[1, 2}"})
         EXPECT_THROW(elementsOf(text), std::runtime_error) << text;
 }
 

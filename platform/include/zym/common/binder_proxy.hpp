@@ -85,7 +85,8 @@ protected:
     /// @return SUCCESS: go ahead; CANCELLED: terminated; BUSY: a phase is under way;
     ///         ALREADY_BOUND: unbind first
     Binder::Error startBinding(Uuid const& server);
-    /// Ends the binding under way and tells the listener; ignored when there is none.
+    /// Ends the binding under way and tells the listener; ignored when there is none. What the
+    /// listener throws comes out, after the phase has ended; the same holds for `endUnbinding`.
     /// @param error SUCCESS and ALREADY_BOUND mean that the client is bound now
     void endBinding(Binder::Error error);
 

@@ -69,6 +69,7 @@ public:
     /// nothing after `terminate`.
     /// @param lock holds the timer's own lock
     /// @throws std::system_error when there is no thread to be had; the timer stays idle
+    /// @throws std::bad_alloc likewise
     void restart(std::unique_lock<std::mutex>& lock);
 
     /// Disarms the timer. Never waits: a callback already decided still runs.

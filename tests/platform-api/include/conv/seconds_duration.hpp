@@ -7,9 +7,6 @@ namespace conv {
 
 class SecondsDuration {
 public:
-    static SecondsDuration const NO_TIMEOUT;
-
-    SecondsDuration();
     SecondsDuration(std::uint32_t seconds);
 
     std::int32_t toInt32() const;
