@@ -15,6 +15,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <utility>
 
 namespace mqtt {
@@ -133,11 +134,12 @@ private:
 ///
 /// ### Threads
 /// Every operation may be called from any thread, also from inside a listener's call. On the MQTT
-/// client's worker thread those that wait do not wait: their time has run out at once. A listener
-/// is called with no lock held, on the thread that ends the request: the worker for a reply and for
-/// a time-out of `request`, the timer's thread for a time-out that the broker does not carry, the
-/// waiting thread for one of `waitEndOfRequest`, the caller of `cancel` or `terminate`. What it
-/// throws is dropped. Not to be called from a communication state listener.
+/// client's worker thread, and in a call on the timer's, those that wait do not wait: their time
+/// has run out at once. A listener is called with no lock held, on the thread that ends the
+/// request: the worker for a reply and for a time-out of `request`, the timer's thread for a
+/// time-out that the broker does not carry, the waiting thread for one of `waitEndOfRequest`, the
+/// caller of `cancel` or `terminate`. What it throws is dropped. Not to be called from a
+/// communication state listener.
 ///
 /// The client may be destroyed at any time, also from inside its listener's call. On another thread
 /// the destructor waits for such a call to return.
@@ -149,8 +151,8 @@ public:
     public:
         /// How a request ended.
         struct Reply {
-            ErrorCode error;
-            std::uint32_t requestId;
+            ErrorCode error = ErrorCode::NONE;
+            std::uint32_t requestId = 0;
             std::string name;
             zym::common::Uuid clientUuid;
             zym::common::Uuid serverUuid;
@@ -180,16 +182,17 @@ public:
     ///
     /// When its time has run out the client publishes a time-out reply, which ends the request when
     /// it comes back. If it does not come back within a second, it is published once more, and a
-    /// second later the client ends the request itself. A request whose topics were refused at once
-    /// ends when its time has run out. Without a connection a request does not end: it is queued,
-    /// and its time-out reply too.
+    /// second later the client ends the request itself. Without a connection a request does not
+    /// end: it is queued, and its time-out reply too. But a request whose topics were refused at
+    /// once ends when its time has run out, with a connection or without.
     /// @param listener may be null; must live until it is told
     /// @param clientUuid who asks; the reply's topic ends in it
     /// @param requestData may be null
     /// @param replyData what the reply to this request is read into, on the worker thread, and
     ///        nothing after the request has ended; may be null
     /// @param requestIdOut where to put the identifier, the steady clock in milliseconds or, when
-    ///        that is not later than the last one, the last one plus one; may be null
+    ///        that is not later than the last one of the process, the last one plus one; may be
+    ///        null
     /// @param timeout seconds until the time-out reply is published; 0 publishes it at once, all
     ///        ones never
     /// @return PENDING: sent, or queued until there is a connection; BUSY: a request is under way;
@@ -264,7 +267,7 @@ private:
     ZYM_MQTT_LOCAL Request newRequest(zym::common::Uuid const& clientUuid,
                                       zym::common::Uuid const& serverUuid,
                                       std::shared_ptr<RequestReplyData> data) const;
-    ZYM_MQTT_LOCAL std::uint32_t nextRequestId(Lock const& lock);
+    ZYM_MQTT_LOCAL void endLeftSubscription();
     ZYM_MQTT_LOCAL void prepareTimeout(Request const& request);
     ZYM_MQTT_LOCAL void armTimer(std::chrono::milliseconds period);
     ZYM_MQTT_LOCAL ErrorCode waitFor(conv::SecondsDuration const& timeout, Lock& lock);
@@ -290,11 +293,12 @@ private:
     std::chrono::steady_clock::time_point due_; ///< when
     std::shared_ptr<Visitors> const callers_;   ///< waiting, or ending a request
     MqttClient& mqtt_;
-    std::int64_t lastId_;                        ///< before its upper half is cut off
     std::shared_ptr<RequestReplyData> expected_; ///< what only a reply to this request is read into
-    bool refused_ = false;                       ///< the request has not left
-    int timeoutReplies_ = 0;                     ///< published for this request
-    bool timerHasTold_ = false; ///< its thread may be inside a listener: do not wait for it there
+    bool refused_ = false;          ///< the request cannot be answered, or has not left
+    int timeoutReplies_ = 0;        ///< published for this request
+    std::thread::id timerThread_;   ///< which ends requests, so that no wait may hold it up
+    bool timerHasTold_ = false;     ///< and may be inside a listener: `terminate` does not wait
+    bool subscriptionLeft_ = false; ///< of an earlier request
 };
 
 /// Answers the requests of one service, of all clients, one after the other. A request that comes

@@ -13,12 +13,14 @@
 // - The timer may decide on an expiry and run it after the request's end, in the next request. So
 //   each request notes the moment when its time is over, and an expiry before that does nothing.
 
+#include "common/no_timeout.hpp"
 #include "common/user_call.hpp"
 #include "common/visitors.hpp"
 #include "common/wait.hpp"
 #include "mqtt/request_reply.hpp"
 
 #include <algorithm>
+#include <atomic>
 
 namespace mqtt {
 
@@ -35,7 +37,7 @@ constexpr milliseconds RETRY_PERIOD{1000};
 constexpr int MAX_TIMEOUT_REPLIES = 2;
 
 bool isEndless(conv::SecondsDuration const& timeout) {
-    return timeout.toInt32() == conv::SecondsDuration::NO_TIMEOUT.toInt32();
+    return timeout.toInt32() == NO_TIMEOUT.toInt32();
 }
 
 milliseconds periodOf(conv::SecondsDuration const& timeout) {
@@ -45,6 +47,18 @@ milliseconds periodOf(conv::SecondsDuration const& timeout) {
 std::int64_t steadyMilliseconds() {
     auto const now = steady_clock::now().time_since_epoch();
     return std::chrono::duration_cast<milliseconds>(now).count();
+}
+
+/// The clock, and never the same twice in this process: it tells the replies to requests apart,
+/// also to those of a client that is gone, whose reply topic the next one may have.
+std::uint32_t nextRequestId() {
+    static std::atomic<std::int64_t> last{0};
+    auto before = last.load();
+    std::int64_t next = 0;
+    do {
+        next = std::max(steadyMilliseconds(), before + 1);
+    } while (!last.compare_exchange_weak(before, next));
+    return static_cast<std::uint32_t>(next);
 }
 
 /// What the reply to one request is read into. It passes on the payload of that reply only: a
@@ -88,8 +102,7 @@ RequestReplyClient::RequestReplyClient(MqttClient& client, Topic const& base, To
       timer_([this] { onTimer(); }, INITIAL_PERIOD, false),
       timeoutReply_(client, base),
       callers_(std::make_shared<Visitors>()),
-      mqtt_(client),
-      lastId_(steadyMilliseconds() - 1) {
+      mqtt_(client) {
     outcome_->ended = true;
 }
 
@@ -127,7 +140,7 @@ ErrorCode RequestReplyClient::requestWait(zym::common::Uuid const& clientUuid,
                                           conv::SecondsDuration const& timeout) {
     Lock lock(mutex_);
     auto const result = begin(nullptr, newRequest(clientUuid, serverUuid, std::move(requestData)),
-                              std::move(replyData), conv::SecondsDuration::NO_TIMEOUT, lock);
+                              std::move(replyData), NO_TIMEOUT, lock);
     return result == ErrorCode::PENDING ? waitFor(timeout, lock) : result;
 }
 
@@ -143,12 +156,6 @@ RequestReply::Request RequestReplyClient::newRequest(zym::common::Uuid const& cl
     return request;
 }
 
-/// The clock, and never the same twice: it tells the replies of this client's requests apart.
-std::uint32_t RequestReplyClient::nextRequestId(Lock const& /*lock*/) {
-    lastId_ = std::max(steadyMilliseconds(), lastId_ + 1);
-    return static_cast<std::uint32_t>(lastId_);
-}
-
 ErrorCode RequestReplyClient::begin(Listener* listener, Request request,
                                     std::shared_ptr<RequestReplyData> replyData,
                                     conv::SecondsDuration const& timeout, Lock const& lock) {
@@ -157,7 +164,7 @@ ErrorCode RequestReplyClient::begin(Listener* listener, Request request,
     if (!idle_)
         return ErrorCode::BUSY;
     // What needs memory comes before the client is busy.
-    request.requestId = nextRequestId(lock);
+    request.requestId = nextRequestId();
     Reply expected(request);
     expected.data = std::make_shared<ExpectedReply>(request.requestId, replyData);
     auto outcome = std::make_shared<Outcome>();
@@ -184,6 +191,7 @@ ErrorCode RequestReplyClient::begin(Listener* listener, Request request,
 /// Subscription and timer are in place before the request leaves: no reply can be too fast.
 void RequestReplyClient::send(Request const& request, Reply const& expected,
                               conv::SecondsDuration const& timeout) {
+    endLeftSubscription();
     prepareTimeout(request);
     due_ = timeout.toTimepoint(steady_clock::now());
     {
@@ -197,6 +205,15 @@ void RequestReplyClient::send(Request const& request, Reply const& expected,
     MqttDataBase::Lock endpointLock(requests().mutex());
     requests().value = request;
     refused_ = requests().send(false, endpointLock) != MqttClient::Error::SUCCESS || refused_;
+}
+
+/// That of an earlier request, which could not be ended for lack of memory.
+void RequestReplyClient::endLeftSubscription() {
+    if (!subscriptionLeft_)
+        return;
+    MqttDataBase::Lock lock(replies().mutex());
+    replies().MqttDataBase::unsubscribe(lock);
+    subscriptionLeft_ = false;
 }
 
 void RequestReplyClient::prepareTimeout(Request const& request) {
@@ -217,6 +234,7 @@ void RequestReplyClient::onTimer() {
     Ending ending{};
     {
         Lock const lock(mutex_);
+        timerThread_ = std::this_thread::get_id();
         if (idle_ || steady_clock::now() < due_)
             return;
         try {
@@ -268,7 +286,7 @@ RequestReplyClient::endRequest(Notification& pending, ErrorCode error,
     outcome_->ended = true;
     outcome_->reply.error = error;
     outcome_->reply.data = data;
-    Ending const ending(pending.listener, {outcome_, &outcome_->reply});
+    Ending ending(pending.listener, {outcome_, &outcome_->reply});
     pending.listener = nullptr;
     stopListening();
     timer_.stop();
@@ -290,8 +308,9 @@ void RequestReplyClient::stopListening() noexcept {
         replies().subscriber = nullptr;
         replies().MqttDataBase::unsubscribe(endpointLock);
     } catch (...) {
-        // No memory for the topic. The subscription stays until the next request has ended; what
-        // arrives meanwhile finds no subscriber.
+        // No memory for the topic. The subscription stays until the next request; what arrives
+        // meanwhile finds no subscriber.
+        subscriptionLeft_ = true;
     }
 }
 
@@ -315,8 +334,8 @@ ErrorCode RequestReplyClient::waitFor(conv::SecondsDuration const& timeout, Lock
         return pending_.error;
     Visitors::Visit const visit(callers_);
     auto const deadline = timeout.toTimepoint(steady_clock::now());
-    // The worker would have to read the reply that it waits for.
-    bool late = mqtt_.onWorkerThread();
+    // The worker would have to read the reply that it waits for, and the timer to end the request.
+    bool late = mqtt_.onWorkerThread() || std::this_thread::get_id() == timerThread_;
     ++outcome->waiters;
     while (!outcome->ended && !late) {
         waitSlice(ended_, lock, deadline);

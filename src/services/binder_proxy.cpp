@@ -12,6 +12,7 @@
 
 #include "mqtt/binder_proxy.hpp"
 
+#include "common/no_timeout.hpp"
 #include "common/user_call.hpp"
 #include "common/visitors.hpp"
 #include "services/binder_phases.hpp"
@@ -150,7 +151,7 @@ Binder::Error BinderMqttProxy::bind(Uuid const& server, conv::SecondsDuration co
 
 Binder::Error BinderMqttProxy::bindSync(Uuid const& server, conv::SecondsDuration const& timeout) {
     Visitors::Visit const visit(callers_);
-    auto begun = beginBinding(server, nullptr, conv::SecondsDuration::NO_TIMEOUT);
+    auto begun = beginBinding(server, nullptr, NO_TIMEOUT);
     if (begun.error != Binder::Error::SUCCESS)
         return begun.error;
     if (begun.code == ErrorCode::PENDING)
@@ -257,7 +258,7 @@ Binder::Error BinderMqttProxy::unbind(conv::SecondsDuration const& timeout) {
 
 Binder::Error BinderMqttProxy::unbindSync(conv::SecondsDuration const& timeout) {
     Visitors::Visit const visit(callers_);
-    auto begun = beginUnbinding(nullptr, conv::SecondsDuration::NO_TIMEOUT);
+    auto begun = beginUnbinding(nullptr, NO_TIMEOUT);
     if (begun.error != Binder::Error::SUCCESS)
         return begun.error;
     if (begun.code == ErrorCode::PENDING)

@@ -6,7 +6,7 @@
 // - Each run has a number. What an earlier one left in flight, a reply, an expiry of the timer or
 //   a call to the listener, is recognised by it and changes nothing.
 // - An active proxy that is not synchronised has a request under way or, when that could not be
-//   sent, its timer armed to try again.
+//   sent, its timer armed to try again. That needs no thread: the timer has its own from the start.
 
 #include "common/user_call.hpp"
 #include "common/visitors.hpp"
@@ -304,7 +304,8 @@ void SynchronizedTimeBaseMqttProxy::startPeriodicExchange(Lock const& lock) {
         arm(SAMPLE_PERIOD, lock);
         periodic_ = true;
     } catch (...) {
-        // A timer may need a new thread each time, and there is none: the next sample tries again.
+        // A device's timer may need a new thread each time, and there is none: the next sample, a
+        // forced one, tries again.
     }
 }
 

@@ -56,6 +56,10 @@ TEST_F(ARequestWithoutMemory, EndsAllTheSame) {
         }
         EXPECT_EQ(ends.count, which);
     }
+    ASSERT_EQ(client.request(&ends, id, id, nullptr, nullptr, nullptr, AN_HOUR), Code::PENDING);
+    client.cancel();
+    EXPECT_EQ(script->count(Operation::SUBSCRIBE), 6U);
+    EXPECT_EQ(script->count(Operation::UNSUBSCRIBE), 6U) << "nothing is left";
 }
 
 } // namespace

@@ -285,6 +285,21 @@ TEST_F(AListenerOnTheTimersThread, KeepsNobodyWaitingWhoTerminatesTheClient) {
     EXPECT_THAT(ending.errors(), ElementsAre(Code::TIMEOUT));
 }
 
+/// The timer would have to end the request that it waits for.
+TEST_F(AListenerOnTheTimersThread, DoesNotWait) {
+    support::Watched<bool> done;
+    Code waited = Code::NONE;
+    ReplyRecorder ending([&](Call const&) {
+        EXPECT_EQ(request(AN_HOUR), Code::PENDING);
+        waited = client->waitEndOfRequest(WITHOUT_LIMIT);
+        set(done);
+    });
+    requestFor(ending);
+    ASSERT_TRUE(done.waitFor(isSet));
+    EXPECT_EQ(waited, Code::TIMEOUT);
+    client.reset();
+}
+
 TEST_F(AListenerOnTheTimersThread, IsWaitedForByADestruction) {
     support::Watched<bool> inside;
     std::atomic<bool> left{false};
