@@ -6,7 +6,8 @@
 
 namespace zym::common {
 
-/// A thread of the library's own: with a name, a small stack, and no part in the program's signals.
+/// A thread of the library's own: it has a name and a small stack, and blocks all
+/// signals but those of a fault.
 ///
 /// Not for several threads at once. If it is neither joined nor detached, the destructor does
 /// nothing: the thread goes on, and its memory is never freed.
