@@ -102,7 +102,8 @@ public:
     zym::common::Binder::Error unbind(conv::SecondsDuration const& timeout) override;
     /// Ends an unbinding under way without the server's answer: for us the binding is over, as
     /// after a time-out, and whoever unbinds gets SUCCESS. The server may have unbound or not. Does
-    /// nothing when none is under way, and does not wait.
+    /// nothing when none is under way. Waits only, as `unbindSync` does too, for a call to
+    /// `onBound` on another thread.
     void cancelUnbinding();
 
     /// As `SynchronizedTimeBaseMqttProxy::forceSync`.
@@ -147,6 +148,7 @@ private:
     ZYM_MQTT_LOCAL void completeUnbinding(unsigned int phase);
     ZYM_MQTT_LOCAL void stopTime();
     ZYM_MQTT_LOCAL void closeUnbinding(unsigned int phase, zym::common::Binder::Error error);
+    ZYM_MQTT_LOCAL void endWaits();
     ZYM_MQTT_LOCAL void endRequests();
 
     Topic boundTopic_;

@@ -334,8 +334,10 @@ ErrorCode RequestReplyClient::waitFor(conv::SecondsDuration const& timeout, Lock
         return pending_.error;
     Visitors::Visit const visit(callers_);
     auto const deadline = timeout.toTimepoint(steady_clock::now());
-    // The worker would have to read the reply that it waits for, and the timer to end the request.
-    bool late = mqtt_.onWorkerThread() || std::this_thread::get_id() == timerThread_;
+    // The worker would have to read the reply that it waits for, and the timer to end a request
+    // with a time-out.
+    bool const timed = due_ != steady_clock::time_point::max();
+    bool late = mqtt_.onWorkerThread() || (timed && std::this_thread::get_id() == timerThread_);
     ++outcome->waiters;
     while (!outcome->ended && !late) {
         waitSlice(ended_, lock, deadline);

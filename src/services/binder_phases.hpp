@@ -2,6 +2,7 @@
 
 #include <zym/common/binder_proxy.hpp>
 
+#include <atomic>
 #include <condition_variable>
 #include <mutex>
 #include <thread>
@@ -18,6 +19,7 @@ struct BinderPhases final : zym::common::BinderProxy::Listener {
         bool open = false;       ///< nobody ends it yet
         bool asked = false;      ///< the request that was sent last is this phase's
         bool askedBefore = false;
+        bool awaited = false;     ///< a thread waits for the reply
         unsigned int firstId = 0; ///< of all requests that were sent
         unsigned int lastId = 0;
 
@@ -44,11 +46,11 @@ struct BinderPhases final : zym::common::BinderProxy::Listener {
     // The listener may destroy this object.
     void onBound(zym::common::Binder::Error error) override {
         bindingHasEnded();
-        if (listener != nullptr)
+        if (listener != nullptr && !terminated)
             listener->onBound(error);
     }
     void onUnbound(zym::common::Binder::Error error) override {
-        if (listener != nullptr)
+        if (listener != nullptr && !terminated)
             listener->onUnbound(error);
     }
 
@@ -71,8 +73,9 @@ struct BinderPhases final : zym::common::BinderProxy::Listener {
     std::mutex mutex;                                   ///< see binder_proxy.cpp
     Phase binding;
     Phase unbinding;
-    bool calledOff = false; ///< the unbinding, before its request was sent
-    int readers = 0;        ///< threads inside the time base, for a binding
+    std::atomic<bool> terminated{false}; ///< nothing begins, and nothing is told any more
+    bool calledOff = false;              ///< the unbinding, before its request was sent
+    int readers = 0;                     ///< threads inside the time base, for a binding
     /// Is about to end the last binding in the base.
     std::thread::id closer;
     bool overtaken = false;          ///< an unbinding has ended that binding in the base meanwhile

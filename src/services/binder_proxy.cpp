@@ -126,11 +126,32 @@ void BinderMqttProxy::terminate() {
     if (isTerminated())
         return;
     auto const callers = callers_;
+    {
+        Visitors::Visit const visit(callers);
+        if (visit.isInside())
+            endWaits();
+    }
     // Waits for calls to the listener, and one of them may destroy this object.
     zym::common::BinderProxy::terminate();
     Visitors::Visit const visit(callers);
     if (visit.isInside())
         endRequests();
+}
+
+/// The base waits for calls to the listener, and such a call may itself wait for a server.
+void BinderMqttProxy::endWaits() {
+    bool binding = false;
+    bool unbinding = false;
+    {
+        Lock const lock(phases_->mutex);
+        phases_->terminated = true;
+        binding = phases_->binding.open && phases_->binding.awaited;
+        unbinding = phases_->unbinding.open && phases_->unbinding.awaited;
+    }
+    if (unbinding)
+        unbindClient_.cancel();
+    if (binding)
+        bindClient_.cancel();
 }
 
 void BinderMqttProxy::endRequests() {
@@ -167,10 +188,11 @@ BinderMqttProxy::Begun BinderMqttProxy::beginBinding(Uuid const& server,
     try {
         Lock lock(phases_->mutex);
         waitForCloser(*phases_, lock, typeid(*this) == typeid(BinderMqttProxy));
-        begun.error = startBinding(server);
+        begun.error = phases_->terminated ? Binder::Error::CANCELLED : startBinding(server);
         if (begun.error != Binder::Error::SUCCESS)
             return begun;
         begun.phase = phases_->beginBinding();
+        phases_->binding.awaited = listener == nullptr;
         begun.code =
             bindClient_.request(listener, uuid(), server, data, NO_DATA, &begun.requestId, timeout);
         if (begun.code == ErrorCode::PENDING)
@@ -273,10 +295,11 @@ BinderMqttProxy::Begun BinderMqttProxy::beginUnbinding(RequestReplyClient::Liste
     Begun begun;
     {
         Lock const lock(phases_->mutex);
-        begun.error = startUnbinding();
+        begun.error = phases_->terminated ? Binder::Error::CANCELLED : startUnbinding();
         if (begun.error != Binder::Error::SUCCESS)
             return begun;
         begun.phase = phases_->unbinding.begin();
+        phases_->unbinding.awaited = listener == nullptr;
         phases_->calledOff = false;
     }
     // The listener hears that its binding is called off.
@@ -292,6 +315,10 @@ void BinderMqttProxy::sendUnbinding(Begun& begun, RequestReplyClient::Listener* 
                                     conv::SecondsDuration const& timeout) {
     try {
         Lock const lock(phases_->mutex);
+        if (phases_->terminated) {
+            begun.code = ErrorCode::CANCELLED;
+            return;
+        }
         if (phases_->calledOff) {
             begun.code = ErrorCode::SUCCESS; // nobody asks the server any more
             return;

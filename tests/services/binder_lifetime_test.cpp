@@ -135,6 +135,22 @@ TEST_F(ABlockingCall, EndsBeforeTheProxyIsGoneThatUnbinds) {
 
 /// The worker is inside the listener's call and destroys the proxy there, while another thread is
 /// about to unbind: neither must wait for the other.
+/// The termination waits for the listener, and the listener for a server.
+TEST_F(ABlockingCall, InsideAListenersCallIsEndedByATermination) {
+    server.ignoreBindings();
+    support::Watched<bool> inside;
+    recorder.setHook([&](auto const&) {
+        set(inside);
+        EXPECT_EQ(proxy->bindSync(server.id, conv::SecondsDuration::NO_TIMEOUT), Error::CANCELLED);
+    });
+    block("bind", [this] { EXPECT_EQ(proxy->bindSync(server.id, 0), Error::TIMEOUT); });
+    ASSERT_TRUE(inside.waitFor(isSet));
+    ASSERT_TRUE(caller->fallsAsleep());
+    proxy->terminate();
+    caller->join();
+    EXPECT_EQ(recorder.events().size(), 1U) << "what is terminated tells nobody";
+}
+
 class AWorkerThatDestroysAProxy : public ABlockingCall {
 protected:
     void expectEndWith(conv::SecondsDuration const& timeout) {
