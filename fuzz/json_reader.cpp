@@ -54,8 +54,9 @@ void compare(Deserializer const& in, Json const& json);
 
 void descend(std::string_view raw, Json const& json) {
     require(isSame(raw, json.raw), "a raw text");
-    if (!json.children.empty())
+    if (!json.children.empty()) {
         compare(Deserializer(raw), json);
+    }
 }
 
 void compareMembers(Deserializer const& in, Json const& json) {
@@ -64,18 +65,21 @@ void compareMembers(Deserializer const& in, Json const& json) {
         bool const canBeAsked = key && key->find('\0') == std::string::npos;
         if (canBeAsked
             && std::find(json.keys.begin(), json.keys.end(), key) - json.keys.begin()
-                   == static_cast<std::ptrdiff_t>(i))
+                   == static_cast<std::ptrdiff_t>(i)) {
             descend(in.getMember(key->c_str()), json.children[i]);
+        }
     }
-    if (json.member("absent").kind == Json::Kind::ABSENT)
+    if (json.member("absent").kind == Json::Kind::ABSENT) {
         require(in.getMember("absent").empty(), "a member that is not there is empty");
+    }
 }
 
 void compare(Deserializer const& in, Json const& json) {
     bool const isObject = json.kind == Json::Kind::OBJECT;
     require(isRefused([&] { in.getMember(""); }) == !isObject, "only an object has members");
-    if (isObject)
+    if (isObject) {
         compareMembers(in, json);
+    }
 }
 
 void run(std::string_view text) {

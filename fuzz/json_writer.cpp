@@ -21,22 +21,27 @@ using zym::common::lwjson::Serializer;
 /// Eight bytes of a text as a number, so that every number can be had; or what it says.
 double numberIn(std::string const& text) {
     double number = 0;
-    if (text.size() == sizeof number)
+    if (text.size() == sizeof number) {
         std::memcpy(&number, text.data(), sizeof number);
-    else
+    } else {
         number = std::strtod(text.c_str(), nullptr);
+    }
     return number;
 }
 
 bool isEqual(Json const& a, Json const& b) {
     if (a.kind != b.kind || a.keys != b.keys || a.text != b.text
-        || a.children.size() != b.children.size())
+        || a.children.size() != b.children.size()) {
         return false;
-    if (a.children.empty() && a.kind != Json::Kind::OBJECT && a.kind != Json::Kind::ARRAY)
+    }
+    if (a.children.empty() && a.kind != Json::Kind::OBJECT && a.kind != Json::Kind::ARRAY) {
         return a.raw == b.raw;
-    for (std::size_t i = 0; i < a.children.size(); ++i)
-        if (!isEqual(a.children[i], b.children[i]))
+    }
+    for (std::size_t i = 0; i < a.children.size(); ++i) {
+        if (!isEqual(a.children[i], b.children[i])) {
             return false;
+        }
+    }
     return true;
 }
 
@@ -120,8 +125,9 @@ private:
     void addWrapped(std::string const& key, std::string const& text) {
         Json json; // with room for the level that it goes down
         if (fuzz::readReference('[' + text + ']', json) != fuzz::Verdict::GOOD
-            || json.children.size() != 1 || json.children[0].kind != Json::Kind::OBJECT)
+            || json.children.size() != 1 || json.children[0].kind != Json::Kind::OBJECT) {
             return;
+        }
         begin('w', key, text, 0);
         out_.addValue(Serializer(text));
     }
@@ -140,8 +146,9 @@ private:
                     "a number reads back");
         } else if (check.kind == 'o') {
             require(json.children.size() == check.text.size() % 4U, "every object is written");
-            for (auto const& object : json.children)
+            for (auto const& object : json.children) {
                 require(object.member("inner").text == check.text, "a text in an object");
+            }
         } else {
             Json wrapped;
             require(fuzz::readReference(check.text, wrapped) == fuzz::Verdict::GOOD
@@ -161,8 +168,9 @@ void run(std::string_view bytes) {
     Document document;
     for (fuzz::Lines lines(bytes); !lines.none();) {
         std::string const head = lines.next();
-        if (!head.empty())
+        if (!head.empty()) {
             document.add(head[0], head.substr(1), lines.next());
+        }
     }
     document.check();
 }

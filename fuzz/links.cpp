@@ -53,15 +53,19 @@ void link(std::string const& payload, Json const& json) {
 /// @return whether it does not
 bool expect(Json const& json, Links& links) {
     std::uint64_t count = 0;
-    if (fuzz::readInteger(json.member("members@count"), 0xffffffffU, count) != Outcome::TAKEN)
+    if (fuzz::readInteger(json.member("members@count"), 0xffffffffU, count) != Outcome::TAKEN) {
         return false;
+    }
     links.clear();
     auto const& members = json.member("members");
-    if (members.kind != Json::Kind::ARRAY)
+    if (members.kind != Json::Kind::ARRAY) {
         return false;
-    for (auto const& member : members.children)
-        if (fuzz::readText(member.member("@id"), links.emplace_back().id) != Outcome::TAKEN)
+    }
+    for (auto const& member : members.children) {
+        if (fuzz::readText(member.member("@id"), links.emplace_back().id) != Outcome::TAKEN) {
             return false;
+        }
+    }
     return true;
 }
 
@@ -85,8 +89,9 @@ std::vector<std::string_view> walked(std::string_view text) {
     try {
         mqtt::ArrayElements elements(text);
         std::string_view element;
-        while (elements.next(element))
+        while (elements.next(element)) {
             result.push_back(element);
+        }
     } catch (std::runtime_error const&) {
         // No array, or one without an end.
     }
@@ -95,10 +100,12 @@ std::vector<std::string_view> walked(std::string_view text) {
 
 void elements(std::string_view text, Json const& json) {
     auto const found = walked(text);
-    for (auto const element : found)
+    for (auto const element : found) {
         require(element.empty() || text.find(element) != std::string_view::npos, "a part of it");
-    if (json.kind != Json::Kind::ARRAY)
+    }
+    if (json.kind != Json::Kind::ARRAY) {
         return;
+    }
     require(std::equal(found.begin(), found.end(), json.children.begin(), json.children.end(),
                        [](std::string_view a, Json const& b) { return a == b.raw; }),
             "the elements of a good array");

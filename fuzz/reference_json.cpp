@@ -21,12 +21,15 @@ std::string utf8(std::uint32_t code) {
     auto const head = [code](unsigned mark, unsigned shift) {
         return static_cast<char>(mark | (code >> shift));
     };
-    if (code < 0x80U)
+    if (code < 0x80U) {
         return {head(0, 0)};
-    if (code < 0x800U)
+    }
+    if (code < 0x800U) {
         return {head(0xc0U, 6), tail(0)};
-    if (code < 0x10000U)
+    }
+    if (code < 0x10000U) {
         return {head(0xe0U, 12), tail(6), tail(0)};
+    }
     return {head(0xf0U, 18), tail(12), tail(6), tail(0)};
 }
 
@@ -36,15 +39,17 @@ public:
 
     Json document() {
         Json json = value();
-        if (at_ != text_.size())
+        if (at_ != text_.size()) {
             throw Verdict::MALFORMED;
+        }
         return json;
     }
 
 private:
     char peek() const {
-        if (at_ == text_.size())
+        if (at_ == text_.size()) {
             throw Verdict::MALFORMED;
+        }
         return text_[at_];
     }
 
@@ -55,15 +60,17 @@ private:
     }
 
     bool takeIf(std::string_view word) {
-        if (text_.substr(at_, word.size()) != word)
+        if (text_.substr(at_, word.size()) != word) {
             return false;
+        }
         at_ += word.size();
         return true;
     }
 
     void expect(std::string_view word) {
-        if (!takeIf(word))
+        if (!takeIf(word)) {
             throw Verdict::MALFORMED;
+        }
     }
 
     void skipBlanks() { at_ = std::min(text_.find_first_not_of(" \t\r\n", at_), text_.size()); }
@@ -91,8 +98,9 @@ private:
             number();
         } else {
             json.kind = Json::Kind::LITERAL;
-            if (!takeIf("true") && !takeIf("false"))
+            if (!takeIf("true") && !takeIf("false")) {
                 expect("null");
+            }
         }
         return json;
     }
@@ -101,17 +109,21 @@ private:
         json.kind = isObject ? Json::Kind::OBJECT : Json::Kind::ARRAY;
         char const end = isObject ? '}' : ']';
         ++at_;
-        if (++depth_ > DEEPEST)
+        if (++depth_ > DEEPEST) {
             throw Verdict::TOO_DEEP;
+        }
         skipBlanks();
         for (bool first = true; peek() != end; first = false) {
-            if (!first)
+            if (!first) {
                 expect(",");
-            if (isObject)
+            }
+            if (isObject) {
                 json.keys.push_back(key());
+            }
             json.children.push_back(value());
-            if (peek() != ',' && peek() != end)
+            if (peek() != ',' && peek() != end) {
                 throw Verdict::MALFORMED;
+            }
         }
         ++at_;
         --depth_;
@@ -127,22 +139,27 @@ private:
 
     void number() {
         takeIf("-");
-        if (!takeIf("0"))
+        if (!takeIf("0")) {
             digits();
-        if (takeIf("."))
+        }
+        if (takeIf(".")) {
             digits();
+        }
         if (takeIf("e") || takeIf("E")) {
-            if (!takeIf("+"))
+            if (!takeIf("+")) {
                 takeIf("-");
+            }
             digits();
         }
     }
 
     void digits() {
-        if (!isDigit(peek()))
+        if (!isDigit(peek())) {
             throw Verdict::MALFORMED;
-        while (at_ < text_.size() && isDigit(text_[at_]))
+        }
+        while (at_ < text_.size() && isDigit(text_[at_])) {
             ++at_;
+        }
     }
 
     std::optional<std::string> string() {
@@ -150,12 +167,14 @@ private:
         std::string result;
         bool whole = true;
         for (char c = take(); c != '"'; c = take()) {
-            if (static_cast<unsigned char>(c) < 0x20U)
+            if (static_cast<unsigned char>(c) < 0x20U) {
                 throw Verdict::MALFORMED;
-            if (c == '\\')
+            }
+            if (c == '\\') {
                 whole = escape(result) && whole;
-            else
+            } else {
                 result += c;
+            }
         }
         return whole ? std::make_optional(result) : std::nullopt;
     }
@@ -163,12 +182,14 @@ private:
     /// @return false for half of a surrogate pair
     bool escape(std::string& result) {
         char const letter = take();
-        if (letter == 'u')
+        if (letter == 'u') {
             return unicode(result);
+        }
         constexpr std::string_view LETTERS = "\"\\/bfnrt";
         auto const i = LETTERS.find(letter);
-        if (i == std::string_view::npos)
+        if (i == std::string_view::npos) {
             throw Verdict::MALFORMED;
+        }
         result += "\"\\/\b\f\n\r\t"[i];
         return true;
     }
@@ -196,8 +217,9 @@ private:
         for (int i = 0; i < 4; ++i) {
             constexpr std::string_view DIGITS = "0123456789abcdef0123456789ABCDEF";
             auto const digit = DIGITS.find(take());
-            if (digit == std::string_view::npos)
+            if (digit == std::string_view::npos) {
                 throw Verdict::MALFORMED;
+            }
             result = result * 16U + static_cast<std::uint32_t>(digit % 16U);
         }
         return result;
@@ -212,9 +234,11 @@ private:
 
 Json const& Json::member(std::string_view key) const {
     static Json const ABSENT_MEMBER;
-    for (std::size_t i = 0; i < keys.size(); ++i)
-        if (keys[i] == key)
+    for (std::size_t i = 0; i < keys.size(); ++i) {
+        if (keys[i] == key) {
             return children[i];
+        }
+    }
     return ABSENT_MEMBER;
 }
 
@@ -228,38 +252,48 @@ Verdict readReference(std::string_view text, Json& json) {
 }
 
 Outcome readInteger(Json const& json, std::uint64_t largest, std::uint64_t& out) {
-    if (json.kind == Json::Kind::ABSENT)
+    if (json.kind == Json::Kind::ABSENT) {
         return Outcome::OUT_OF_RANGE;
-    if (json.kind != Json::Kind::NUMBER || json.raw.find_first_of(".eE") != std::string_view::npos)
+    }
+    if (json.kind != Json::Kind::NUMBER
+        || json.raw.find_first_of(".eE") != std::string_view::npos) {
         return Outcome::INVALID;
-    if (json.raw.front() == '-' || json.raw.size() > 10)
+    }
+    if (json.raw.front() == '-' || json.raw.size() > 10) {
         return Outcome::OUT_OF_RANGE;
+    }
     auto const number = std::stoull(std::string(json.raw));
-    if (number > largest)
+    if (number > largest) {
         return Outcome::OUT_OF_RANGE;
+    }
     out = number;
     return Outcome::TAKEN;
 }
 
 Outcome readNumber(Json const& json, double& out) {
-    if (json.kind == Json::Kind::ABSENT)
+    if (json.kind == Json::Kind::ABSENT) {
         return Outcome::OUT_OF_RANGE;
-    if (json.kind != Json::Kind::NUMBER)
+    }
+    if (json.kind != Json::Kind::NUMBER) {
         return Outcome::INVALID;
+    }
     double const number = std::strtod(std::string(json.raw).c_str(), nullptr);
     auto const mantissa = json.raw.substr(0, json.raw.find_first_of("eE"));
     bool const isZero = mantissa.find_first_of("123456789") == std::string_view::npos;
-    if (std::isinf(number) || (number == 0 && !isZero))
+    if (std::isinf(number) || (number == 0 && !isZero)) {
         return Outcome::OUT_OF_RANGE;
+    }
     out = number;
     return Outcome::TAKEN;
 }
 
 Outcome readText(Json const& json, std::string& out) {
-    if (json.kind == Json::Kind::ABSENT)
+    if (json.kind == Json::Kind::ABSENT) {
         return Outcome::OUT_OF_RANGE;
-    if (!json.text)
+    }
+    if (!json.text) {
         return Outcome::INVALID;
+    }
     out = *json.text;
     return Outcome::TAKEN;
 }

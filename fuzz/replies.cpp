@@ -16,8 +16,9 @@ bool expect(Json const& json, Reply& reply) {
     std::uint64_t id = 0;
     std::uint64_t error = 0;
     if (fuzz::readInteger(json.member("$reqId"), 0xffffffffU, id) != Outcome::TAKEN
-        || fuzz::readInteger(json.member("$err"), 0xffU, error) != Outcome::TAKEN)
+        || fuzz::readInteger(json.member("$err"), 0xffU, error) != Outcome::TAKEN) {
         return false;
+    }
     reply.requestId = static_cast<std::uint32_t>(id);
     reply.error = static_cast<mqtt::RequestReply::ErrorCode>(error);
     return true;
@@ -35,16 +36,18 @@ void run(std::string_view bytes) {
         auto expected = reply;
         std::string bound;
         bool const readable = payload.empty() || expect(json, expected);
-        if (readable && !payload.empty())
+        if (readable && !payload.empty()) {
             fuzz::readText(json.member("topic"), bound);
+        }
         require(fuzz::isTaken(topic, payload, reply) == readable, "what is taken for a reply");
         require(fuzz::hasSameTopic(reply, expected), "a reply's topic says nothing");
         require(reply.requestId == expected.requestId, "the request's identifier");
         require(reply.error == expected.error, "how it went");
         require(!fuzz::payloadOf(reply) || fuzz::boundTopic(reply) == Topic(bound).text(),
                 "the payload, as far as it can be read");
-        if (readable && !payload.empty())
+        if (readable && !payload.empty()) {
             readBack(topic, reply);
+        }
     }
 }
 

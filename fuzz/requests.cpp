@@ -17,8 +17,9 @@ struct Levels {
     explicit Levels(Topic const& topic) {
         auto const& text = topic.text();
         auto const last = text.rfind('/');
-        if (last == std::string::npos)
+        if (last == std::string::npos) {
             return;
+        }
         auto const before = last == 0 ? std::string::npos : text.rfind('/', last - 1);
         client = text.substr(last + 1);
         name = text.substr(before + 1, last - before - 1);
@@ -47,10 +48,12 @@ bool expect(Topic const& topic, Json const& json, Request& request) {
     std::uint64_t id = 0;
     std::string bound;
     if (levels.name.size() < 2 || !client
-        || fuzz::readInteger(json.member("$reqId"), 0xffffffffU, id) != Outcome::TAKEN)
+        || fuzz::readInteger(json.member("$reqId"), 0xffffffffU, id) != Outcome::TAKEN) {
         return false;
-    if (fuzz::payloadOf(request) && fuzz::readText(json.member("topic"), bound) != Outcome::TAKEN)
+    }
+    if (fuzz::payloadOf(request) && fuzz::readText(json.member("topic"), bound) != Outcome::TAKEN) {
         return false;
+    }
     request.name = levels.name.substr(0, levels.name.size() - 2);
     request.clientUuid = *client;
     request.requestId = static_cast<std::uint32_t>(id);
@@ -73,8 +76,9 @@ void run(std::string_view bytes) {
         require(fuzz::hasSameTopic(request, expected), "who asks whom for what");
         require(request.requestId == expected.requestId, "the request's identifier");
         require(request.data == expected.data, "the payload stays the same object");
-        if (readable && !payload.empty())
+        if (readable && !payload.empty()) {
             readBack(topic, request);
+        }
     }
 }
 

@@ -48,8 +48,9 @@ void communication(std::string const& payload, Json const& json) {
         double since = 0;
         if (fuzz::readInteger(json.member("state"), 0xffU, state) == Outcome::TAKEN) {
             expected.state = static_cast<conv::ComState>(state);
-            if (fuzz::readNumber(json.member("since"), since) == Outcome::TAKEN)
+            if (fuzz::readNumber(json.member("since"), since) == Outcome::TAKEN) {
                 expected.since = conv::UnixTime(since);
+            }
         }
     }
     require(value.state == expected.state, "the state");
@@ -72,8 +73,9 @@ void identification(std::string const& payload, Json const& json) {
          {"location", &Identification::location},
          {"contact", &Identification::contact}}};
     Identification value;
-    for (auto const& [key, field] : FIELDS)
+    for (auto const& [key, field] : FIELDS) {
         value.*field = key;
+    }
     // Only a document that is no object can fail.
     bool const taken = isTaken(payload, value);
     require(taken || json.kind != Json::Kind::OBJECT, "reading an identification never fails");
@@ -92,8 +94,9 @@ void status(std::string const& payload, Json const& json) {
     std::uint64_t health = value.health;
     bool const taken = isTaken(payload, value);
     bool expected = payload.empty();
-    if (fuzz::readInteger(json.member("operating"), 0xffU, operating) == Outcome::TAKEN)
+    if (fuzz::readInteger(json.member("operating"), 0xffU, operating) == Outcome::TAKEN) {
         expected = fuzz::readInteger(json.member("health"), 0xffU, health) == Outcome::TAKEN;
+    }
     require(taken == expected, "a status is dropped without one of its members");
     require(value.operating == operating && value.health == health, "the two codes");
     auto const again = readAgain(value);

@@ -22,21 +22,24 @@ void run(std::string_view bytes) {
     Registry registry;
     for (fuzz::Lines lines(bytes); !lines.none();) {
         std::string const line = lines.next();
-        if (line.empty())
+        if (line.empty()) {
             continue;
+        }
         // Without zero bytes: none is subscribed to, and none is received.
         Topic const topic(line.c_str() + 1);
-        if (line[0] == '+')
+        if (line[0] == '+') {
             registry.add(topic);
-        else if (line[0] == '-' && registry.exact(topic) != nullptr)
+        } else if (line[0] == '-' && registry.exact(topic) != nullptr) {
             registry.remove(topic);
-        else if (line[0] == '0')
+        } else if (line[0] == '0') {
             registry.clear();
+        }
         compare(registry, topic);
     }
     // Every one left is found by its text, whatever it is.
-    for (auto const& entry : registry.entries())
+    for (auto const& entry : registry.entries()) {
         compare(registry, entry.first);
+    }
 }
 
 fuzz::Target const SUBSCRIPTIONS("subscriptions", run);

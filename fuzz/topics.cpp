@@ -17,37 +17,44 @@ using mqtt::Topic;
 
 std::vector<std::string> split(std::string const& text) {
     std::vector<std::string> result(1);
-    for (char const c : text)
-        if (c == '/')
+    for (char const c : text) {
+        if (c == '/') {
             result.emplace_back();
-        else
+        } else {
             result.back() += c;
+        }
+    }
     return result;
 }
 
 std::string join(std::vector<std::string> const& segments) {
     std::string result;
-    for (std::size_t i = 0; i < segments.size(); ++i)
+    for (std::size_t i = 0; i < segments.size(); ++i) {
         result += (i == 0 ? "" : "/") + segments[i];
+    }
     return result;
 }
 
 struct Model {
     Model() = default;
     explicit Model(std::string path) {
-        if (path.empty())
+        if (path.empty()) {
             return;
-        if (path.back() == '/')
+        }
+        if (path.back() == '/') {
             path.pop_back();
-        if (!path.empty() && path.front() == '/')
+        }
+        if (!path.empty() && path.front() == '/') {
             path.erase(0, 1);
+        }
         text = path;
         segments = split(path);
     }
 
     void append(Model const& tail) {
-        if (tail.segments.empty())
+        if (tail.segments.empty()) {
             return;
+        }
         // From here on the segments may say more than the text: see `Topic::operator+=`.
         bool const cut = tail.text.find('\0') != std::string::npos;
         isPlain = isPlain && tail.isPlain && !cut && (segments.empty() || !text.empty());
@@ -99,8 +106,9 @@ public:
     void check() const {
         require(topic_.text() == model_.text, "the text");
         require(topic_.size() == model_.segments.size(), "the number of segments");
-        for (unsigned i = 0; i < topic_.size(); ++i)
+        for (unsigned i = 0; i < topic_.size(); ++i) {
             checkSegment(i);
+        }
     }
 
     void compare(Pair const& other) const {
@@ -132,8 +140,9 @@ void run(std::string_view bytes) {
     std::size_t length = 0;
     for (fuzz::Lines lines(bytes); !lines.none() && length < LONGEST;) {
         std::string const line = lines.next();
-        if (line.size() < 2)
+        if (line.size() < 2) {
             continue;
+        }
         auto& topic = topics[static_cast<unsigned char>(line[1]) % topics.size()];
         auto const& other = topics[static_cast<unsigned char>(line.back()) % topics.size()];
         auto const path = line.substr(2);

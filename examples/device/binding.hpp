@@ -37,10 +37,11 @@ private:
                                                       Uuid const& /*serverUuid*/,
                                                       mqtt::RequestReplyData const& data,
                                                       ErrorCode& error) override {
-        if (name == bind_.name())
+        if (name == bind_.name()) {
             bind(panel, dynamic_cast<mqtt::BindRequestData const&>(data).topic, error);
-        else
+        } else {
             unbind(panel, error);
+        }
         return mqtt::NO_DATA;
     }
 

@@ -54,8 +54,9 @@ private:
     void handOut(unsigned int litres) {
         left_ -= litres;
         say("handed out " + std::to_string(litres) + " litres");
-        if (left_ < 50)
+        if (left_ < 50) {
             entity_.report(OPERATING, RUNNING_LOW);
+        }
     }
 
     unsigned int left_ = 100; // used on the worker thread only

@@ -26,6 +26,7 @@ inline void cleanUp(std::string const& host, int port) {
     CleaningReport report;
     mqtt::TopicCleaner cleaner(&report, CLEANER_ID, host, port);
     cleaner.clean(PLANT + "#", std::chrono::seconds(1));
-    if (!cleaner.waitAllTasks(std::chrono::seconds(20)))
+    if (!cleaner.waitAllTasks(std::chrono::seconds(20))) {
         throw std::runtime_error("cleaning takes too long");
+    }
 }

@@ -15,10 +15,12 @@ inline Uuid const NOBODY_ID(99);
 
 inline std::string outcome(ErrorCode code) {
     std::string const number = "code " + std::to_string(static_cast<int>(code));
-    if (code == NOT_ENOUGH)
+    if (code == NOT_ENOUGH) {
         return "refused with " + number + ", not enough";
-    if (code == NOT_BOUND)
+    }
+    if (code == NOT_BOUND) {
         return "refused with " + number + ", not bound";
+    }
     switch (code) {
     case ErrorCode::SUCCESS:
         return "done";

@@ -36,8 +36,9 @@ namespace {
 Uuid const TIME_READER_ID(41);
 
 void require(bool fulfilled, char const* what) {
-    if (!fulfilled)
+    if (!fulfilled) {
         throw std::runtime_error(what);
+    }
 }
 
 /// Reads the links of the plant, then the identification of each entity, and watches them all.

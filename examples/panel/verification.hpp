@@ -32,15 +32,17 @@ public:
 
     void run() {
         first_.get_future().wait();
-        if (!mqtt::checkCollectionPublished({TANK_ID, PUMP_ID, VALVE_ID}, links_))
+        if (!mqtt::checkCollectionPublished({TANK_ID, PUMP_ID, VALVE_ID}, links_)) {
             throw std::runtime_error("the links are not those of tank, pump and valve");
+        }
         say("the links are those of tank, pump and valve");
     }
 
 private:
     void onMqttData(std::vector<mqtt::Link> const& /*links*/, bool empty, int /*id*/) override {
-        if (!empty && !std::exchange(arrived_, true))
+        if (!empty && !std::exchange(arrived_, true)) {
             first_.set_value();
+        }
     }
 
     bool arrived_ = false; // used on the worker thread only
@@ -62,8 +64,9 @@ public:
     int count() {
         using mqtt::MqttClient;
         if (client_.subscribe(PLANT + "#", this, 0) != MqttClient::Error::SUCCESS
-            || client_.publish(mark_, "that is all", 0, false) != MqttClient::Error::SUCCESS)
+            || client_.publish(mark_, "that is all", 0, false) != MqttClient::Error::SUCCESS) {
             throw std::runtime_error("cannot look at what is retained");
+        }
         return found_.get_future().get();
     }
 
@@ -89,16 +92,18 @@ class Verification {
 public:
     Verification(mqtt::MqttClient& client, std::string const& host, int port)
         : client_(client), host_(host), port_(port), isStandard_(isStandardBroker(host, port)) {
-        if (!isStandard_)
+        if (!isStandard_) {
             say("the check functions look at localhost:1883 only: on " + host + ':'
                 + std::to_string(port) + " the panel looks for itself");
+        }
     }
 
     void verifyLinks() {
         LinkCheck(client_).run();
-        if (isStandard_)
+        if (isStandard_) {
             mqtt::testLinkInCollection(topicOf(TANK_ID).text(), PLANT,
                                        "Check that the tank belongs to the plant", counter_);
+        }
     }
 
     void verifyThatAllIsClean() {

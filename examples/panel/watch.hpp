@@ -25,8 +25,9 @@ public:
 private:
     /// An empty one: the value has been erased from the broker.
     void onMqttData(conv::ServiceStatus const& status, bool empty, int /*id*/) override {
-        if (empty)
+        if (empty) {
             return;
+        }
         std::string const health = status.health == RUNNING_LOW ? ", but is running low" : "";
         say("the " + name_ + (status.operating == OPERATING ? " works" : " is closed") + health);
     }
@@ -78,8 +79,9 @@ private:
     }
 
     void onMqttData(conv::CommunicationStatus const& status, bool empty, int /*id*/) override {
-        if (empty)
+        if (empty) {
             return;
+        }
         say("the plant: " + inWords(status.state));
         std::lock_guard<std::mutex> const lock(mutex_);
         plant_ = status.state;

@@ -263,8 +263,9 @@ void MqttData<T>::notify(bool empty, int id, Lock& lock) {
     auto* const receiver = subscriber;
     lock.unlock();
     // From here on this endpoint may be destroyed, by the receiver too.
-    if (receiver != nullptr)
+    if (receiver != nullptr) {
         receiver->onMqttData(copy, empty, id);
+    }
 }
 
 } // namespace mqtt

@@ -33,8 +33,9 @@ std::atomic<Threads> supply{Threads::AVAILABLE};
 
 int refusal(pthread_attr_t const* attributes) {
     std::size_t stack = LARGE;
-    if (attributes != nullptr)
+    if (attributes != nullptr) {
         pthread_attr_getstacksize(attributes, &stack);
+    }
     switch (supply) {
     case Threads::NONE:
         return EAGAIN;
@@ -51,8 +52,9 @@ int refusal(pthread_attr_t const* attributes) {
 // In the program itself, this comes before that of the C library.
 extern "C" int pthread_create(pthread_t* handle, pthread_attr_t const* attributes,
                               void* (*body)(void*), void* argument) {
-    if (int const error = refusal(attributes); error != 0)
+    if (int const error = refusal(attributes); error != 0) {
         return error;
+    }
     static auto const next =
         reinterpret_cast<decltype(&pthread_create)>(dlsym(RTLD_NEXT, "pthread_create"));
     return next(handle, attributes, body, argument);

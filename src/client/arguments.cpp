@@ -23,25 +23,30 @@ bool fits(Topic const& topic, std::size_t payloadSize, int qos) {
 
 Error checkPublication(Topic const& topic, std::size_t payloadSize, int qos) {
     auto const& text = topic.text();
-    if (qos < 0 || qos > 2 || text.empty())
+    if (qos < 0 || qos > 2 || text.empty()) {
         return Error::INVALID_PARAMETER;
-    if (!isUtf8(text))
+    }
+    if (!isUtf8(text)) {
         return MALFORMED_UTF8;
-    if (!fits(topic, payloadSize, qos))
+    }
+    if (!fits(topic, payloadSize, qos)) {
         return Error::PAYLOAD_SIZE;
+    }
     return static_cast<Error>(mosquitto_pub_topic_check(text.c_str()));
 }
 
 Error checkSubscription(Topic const& topic) {
     auto const& text = topic.text();
-    if (text.empty() || mosquitto_sub_topic_check(text.c_str()) != 0)
+    if (text.empty() || mosquitto_sub_topic_check(text.c_str()) != 0) {
         return Error::INVALID_PARAMETER;
+    }
     return isUtf8(text) ? Error::SUCCESS : MALFORMED_UTF8;
 }
 
 Error checkSizes(Topic const& topic, std::size_t payloadSize, int qos) {
-    if (topic.text().find('\0') != std::string::npos)
+    if (topic.text().find('\0') != std::string::npos) {
         return MALFORMED_UTF8;
+    }
     return fits(topic, payloadSize, qos) ? Error::SUCCESS : Error::PAYLOAD_SIZE;
 }
 

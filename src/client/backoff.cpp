@@ -28,8 +28,9 @@ int nextReconnectAttempt() {
 
 void resetReconnectAttempts() {
     // Called after every network step: look before writing, or all clients share a cache line.
-    if (attempts.load(std::memory_order_relaxed) != 0)
+    if (attempts.load(std::memory_order_relaxed) != 0) {
         attempts.store(0);
+    }
 }
 
 } // namespace mqtt

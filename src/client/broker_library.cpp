@@ -16,8 +16,9 @@ void requireKnownLayout() {
     int minor = 0;
     int revision = 0;
     mosqpp::lib_version(&major, &minor, &revision);
-    if (major == LIBMOSQUITTO_MAJOR && minor == LIBMOSQUITTO_MINOR)
+    if (major == LIBMOSQUITTO_MAJOR && minor == LIBMOSQUITTO_MINOR) {
         return;
+    }
     throw std::runtime_error("libzym-mqtt needs libmosquittopp 2.0.x, but version "
                              + std::to_string(major) + "." + std::to_string(minor) + "."
                              + std::to_string(revision)

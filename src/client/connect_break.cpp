@@ -17,8 +17,9 @@ class Descriptor {
 public:
     explicit Descriptor(int fd) : fd_(fd) {}
     ~Descriptor() {
-        if (fd_ >= 0)
+        if (fd_ >= 0) {
             ::close(fd_);
+        }
     }
     Descriptor(Descriptor const&) = delete;
     Descriptor& operator=(Descriptor const&) = delete;
@@ -34,8 +35,9 @@ int connectingDescriptor(pid_t thread) {
     std::array<char, 64> text{};
     std::snprintf(text.data(), text.size(), "/proc/self/task/%d/syscall", static_cast<int>(thread));
     Descriptor const file(::open(text.data(), O_RDONLY | O_CLOEXEC));
-    if (file.get() < 0 || ::read(file.get(), text.data(), text.size() - 1) <= 0)
+    if (file.get() < 0 || ::read(file.get(), text.data(), text.size() - 1) <= 0) {
         return -1;
+    }
     long call = -1;
     unsigned long long fd = 0;
     bool const isConnect =
@@ -57,14 +59,16 @@ Name fileBehind(int fd) {
 
 void breakConnect(pid_t thread) {
     int const fd = connectingDescriptor(thread);
-    if (fd < 0)
+    if (fd < 0) {
         return;
+    }
     Descriptor const same(::fcntl(fd, F_DUPFD_CLOEXEC, 0));
     // The connect may have ended since, and the number be another thread's: only what it stood for
     // before the thread was seen at it, and stands for after that, is what the thread connects.
     if (same.get() >= 0 && connectingDescriptor(thread) == fd
-        && fileBehind(fd) == fileBehind(same.get()))
+        && fileBehind(fd) == fileBehind(same.get())) {
         ::shutdown(same.get(), SHUT_RDWR);
+    }
 }
 
 } // namespace mqtt

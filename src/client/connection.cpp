@@ -33,21 +33,26 @@ private:
 Error MqttClient::connect(std::string host, int port, conv::SecondsDuration timeout) {
     // On the worker, so in a subscriber or a listener, waiting for the worker would be for ever.
     if (comState_ != ComState::DISCONNECTED || onWorkerThread()
-        || engine_->notifier == std::this_thread::get_id())
+        || engine_->notifier == std::this_thread::get_id()) {
         return Error::CONNECTION_PENDING;
+    }
     int result = 0;
     int systemError = 0;
     {
         CallersTurn const turn(engine_->turn);
-        if (host.empty())
+        if (host.empty()) {
             host = host_;
-        if (port < 0)
+        }
+        if (port < 0) {
             port = port_;
+        }
         // The library would accept some of these and go on with the last good host.
-        if (port < 0 || port > MAX_PORT)
+        if (port < 0 || port > MAX_PORT) {
             return Error::INVALID_PARAMETER;
-        if (!leaveDisconnected())
+        }
+        if (!leaveDisconnected()) {
             return Error::CONNECTION_PENDING;
+        }
         engine_->flushFirst = false; // meant for the last connection
         result = mosqpp::mosquittopp::connect(host.c_str(), port, HEART_BEAT_RATE.toInt32());
         systemError = errno;
@@ -65,8 +70,9 @@ Error MqttClient::connect(std::string host, int port, conv::SecondsDuration time
 }
 
 Error MqttClient::disconnect(conv::SecondsDuration timeout) {
-    if (engine_->notifier == std::this_thread::get_id())
+    if (engine_->notifier == std::this_thread::get_id()) {
         return Error::CONNECTION_PENDING;
+    }
     // Between two network steps, so that nothing is read before the DISCONNECT packet is
     // written. A worker that stays in its step, as a subscriber keeps it there, is left there.
     constexpr std::chrono::seconds patience{1};
@@ -85,8 +91,9 @@ Error MqttClient::disconnect(conv::SecondsDuration timeout) {
             engine_->flushFirst = true;
         }
     }
-    if (haveTurn)
+    if (haveTurn) {
         engine_->turn.giveBack();
+    }
     if (result != 0) {
         errno = systemError;
         return static_cast<Error>(result);
@@ -110,11 +117,13 @@ void MqttClient::resume() {
 }
 
 void MqttClient::registerListener(Listener* listener) {
-    if (listener == nullptr)
+    if (listener == nullptr) {
         return;
+    }
     std::lock_guard const lock(stateMutex_);
-    if (std::find(listeners_.begin(), listeners_.end(), listener) != listeners_.end())
+    if (std::find(listeners_.begin(), listeners_.end(), listener) != listeners_.end()) {
         return;
+    }
     // Now, or a change of the state could run out of memory.
     engine_->told.reserve(listeners_.size() + 1);
     listeners_.push_back(listener);
@@ -123,28 +132,33 @@ void MqttClient::registerListener(Listener* listener) {
 void MqttClient::unregisterListener(Listener* listener) {
     std::lock_guard const lock(stateMutex_);
     auto const found = std::find(listeners_.begin(), listeners_.end(), listener);
-    if (found != listeners_.end())
+    if (found != listeners_.end()) {
         listeners_.erase(found);
+    }
 }
 
 Error MqttClient::setWill(Topic const& topic, std::string const& payload, int qos, bool retain) {
     std::lock_guard const lock(stateMutex_);
-    if (comState_ != ComState::DISCONNECTED)
+    if (comState_ != ComState::DISCONNECTED) {
         return Error::CONNECTION_PENDING;
+    }
     // More than the library checks: with a will like that the broker drops every connection.
     auto const refused = checkPublication(topic, payload.size(), qos);
-    if (refused != Error::SUCCESS)
+    if (refused != Error::SUCCESS) {
         return refused;
-    if (payload.size() > MAX_WILL_PAYLOAD)
+    }
+    if (payload.size() > MAX_WILL_PAYLOAD) {
         return Error::PAYLOAD_SIZE;
+    }
     return static_cast<Error>(will_set(topic.text().c_str(), static_cast<int>(payload.size()),
                                        payload.data(), qos, retain));
 }
 
 Error MqttClient::clearWill() {
     std::lock_guard const lock(stateMutex_);
-    if (comState_ != ComState::DISCONNECTED)
+    if (comState_ != ComState::DISCONNECTED) {
         return Error::CONNECTION_PENDING;
+    }
     return static_cast<Error>(will_clear());
 }
 
@@ -155,8 +169,9 @@ bool MqttClient::onWorkerThread() const {
 bool MqttClient::leaveDisconnected() {
     std::lock_guard const mainLock(mainMutex_);
     std::lock_guard const lock(stateMutex_);
-    if (comState_ != ComState::DISCONNECTED)
+    if (comState_ != ComState::DISCONNECTED) {
         return false;
+    }
     // Before the listeners hear of it: they may give up.
     engine_->givenUp = false;
     setComState(ComState::CONNECTING);
@@ -167,8 +182,9 @@ void MqttClient::setComState(ComState state) {
     // The main lock too, and first: a listener may subscribe.
     std::lock_guard const mainLock(mainMutex_);
     std::lock_guard const lock(stateMutex_);
-    if (!changeComState(state))
+    if (!changeComState(state)) {
         return;
+    }
     engine_->notifier = std::this_thread::get_id();
     // A copy: a listener may register and unregister, itself too.
     auto& told = engine_->told;

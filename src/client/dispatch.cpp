@@ -19,11 +19,14 @@ void Dispatch::deliver(Topic const& topic, std::string const& payload) {
 
 void Dispatch::retire(MqttClient::Subscriber const* subscriber, bool wait) {
     std::unique_lock lock(mutex_);
-    for (auto& receiver : receivers_)
-        if (receiver.first == subscriber)
+    for (auto& receiver : receivers_) {
+        if (receiver.first == subscriber) {
             receiver.first = nullptr;
-    if (wait)
+        }
+    }
+    if (wait) {
         callEnded_.wait(lock, [&] { return called_ != subscriber; });
+    }
 }
 
 /// Ends the call under way and begins that of receiver `index` or of the next one that has not
@@ -32,8 +35,9 @@ bool Dispatch::beginCall(std::size_t& index, Receiver& receiver) {
     std::lock_guard const lock(mutex_);
     called_ = nullptr;
     callEnded_.notify_all();
-    while (index < receivers_.size() && receivers_[index].first == nullptr)
+    while (index < receivers_.size() && receivers_[index].first == nullptr) {
         ++index;
+    }
     if (index == receivers_.size()) {
         receivers_.clear();
         return false;
@@ -53,8 +57,9 @@ void MqttClient::on_message(mosquitto_message const* message) {
         {
             std::lock_guard const lock(mainMutex_);
             auto const* const subscription = engine_->registrations.find(topic);
-            if (subscription == nullptr)
+            if (subscription == nullptr) {
                 return;
+            }
             engine_->dispatch.prepare(subscription->subscribers);
         }
         engine_->dispatch.deliver(topic, payload);

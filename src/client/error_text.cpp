@@ -57,8 +57,9 @@ char const* text(MqttClient::Error error) {
 std::ostream& operator<<(std::ostream& out, MqttClient::Error const& error) {
     int const systemError = errno;
     out << text(error);
-    if (error == MqttClient::Error::ERRNO)
+    if (error == MqttClient::Error::ERRNO) {
         out << std::to_string(systemError);
+    }
     return out;
 }
 

@@ -17,18 +17,22 @@ public:
     /// @return where the pointer stands, until the next insertion or removal; or null
     template <class IsIt>
     Pointer const* find(std::size_t hash, IsIt const& isIt) const {
-        if (slots_.empty())
+        if (slots_.empty()) {
             return nullptr;
-        for (auto i = home(hash); slots_[i].item != nullptr; i = next(i))
-            if (slots_[i].hash == hash && isIt(*slots_[i].item))
+        }
+        for (auto i = home(hash); slots_[i].item != nullptr; i = next(i)) {
+            if (slots_[i].hash == hash && isIt(*slots_[i].item)) {
                 return &slots_[i].item;
+            }
+        }
         return nullptr;
     }
 
     /// @throws std::bad_alloc nothing has changed then
     void insert(std::size_t hash, Pointer item) {
-        if ((count_ + 1) * 4 > slots_.size() * 3)
+        if ((count_ + 1) * 4 > slots_.size() * 3) {
             grow();
+        }
         place({hash, std::move(item)});
         ++count_;
     }
@@ -36,8 +40,9 @@ public:
     template <class IsIt>
     void erase(std::size_t hash, IsIt const& isIt) noexcept {
         auto gap = home(hash);
-        while (slots_[gap].hash != hash || !isIt(*slots_[gap].item))
+        while (slots_[gap].hash != hash || !isIt(*slots_[gap].item)) {
             gap = next(gap);
+        }
         // No search may end at a gap that was none when its thing was put behind it.
         for (auto i = next(gap); slots_[i].item != nullptr; i = next(i)) {
             if (distance(home(slots_[i].hash), i) >= distance(gap, i)) {
@@ -69,8 +74,9 @@ private:
 
     void place(Slot slot) {
         auto i = home(slot.hash);
-        while (slots_[i].item != nullptr)
+        while (slots_[i].item != nullptr) {
             i = next(i);
+        }
         slots_[i] = std::move(slot);
     }
 
@@ -78,9 +84,11 @@ private:
         constexpr std::size_t FEWEST = 8;
         std::vector<Slot> old(std::max(FEWEST, slots_.size() * 2));
         old.swap(slots_);
-        for (auto& slot : old)
-            if (slot.item != nullptr)
+        for (auto& slot : old) {
+            if (slot.item != nullptr) {
                 place(std::move(slot));
+            }
+        }
     }
 
     std::vector<Slot> slots_;

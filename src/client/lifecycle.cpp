@@ -25,8 +25,9 @@ public:
     SignalsBlocked() {
         sigset_t all;
         sigfillset(&all);
-        for (int const fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS})
+        for (int const fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS}) {
             sigdelset(&all, fault);
+        }
         ::pthread_sigmask(SIG_SETMASK, &all, &before_);
     }
     ~SignalsBlocked() { ::pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
@@ -62,8 +63,9 @@ MqttClient::MqttClient(zym::common::Uuid const& id, bool persistent, std::string
         worker_ = std::thread([this] { loop(); });
     }
     try {
-        if (connectNow)
+        if (connectNow) {
             connect(host, port, conv::SecondsDuration(5));
+        }
     } catch (...) {
         endWorker(); // There will be no destructor.
         throw;
@@ -72,12 +74,14 @@ MqttClient::MqttClient(zym::common::Uuid const& id, bool persistent, std::string
 
 MqttClient::~MqttClient() {
     // The worker cannot wait for its own end: fail at once and not by hanging for ever.
-    if (onWorkerThread())
+    if (onWorkerThread()) {
         std::terminate();
+    }
     {
         std::lock_guard const lock(mainMutex_);
-        for (auto const& entry : subscriptions_)
+        for (auto const& entry : subscriptions_) {
             unsubscribeAtBroker(nullptr, entry.first.text().c_str());
+        }
         engine_->registrations.clear();
     }
     {
@@ -98,8 +102,9 @@ void MqttClient::endWorker() noexcept {
     constexpr std::chrono::milliseconds look{50};
     while (!engine_->life.waitForEnd(look)) {
         // Nothing of the application's follows on the worker: it has been told to stop.
-        if (engine_->reconnecting)
+        if (engine_->reconnecting) {
             breakConnect(engine_->workerId);
+        }
     }
     worker_.join();
 }

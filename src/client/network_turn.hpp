@@ -25,8 +25,9 @@ public:
     void leave() {
         std::lock_guard const lock(mutex_);
         taken_ = false;
-        if (callers_ != 0)
+        if (callers_ != 0) {
             changed_.notify_all();
+        }
     }
 
     /// For callers: takes the turn at the end of the network step under way.
@@ -43,11 +44,13 @@ public:
     template <class Wake>
     [[nodiscard]] bool takeWithin(std::chrono::milliseconds patience, Wake wake) {
         Announcement announcement(*this);
-        if (!wake())
+        if (!wake()) {
             return false;
+        }
         std::unique_lock lock(mutex_);
-        if (!changed_.wait_for(lock, patience, [this] { return !taken_; }))
+        if (!changed_.wait_for(lock, patience, [this] { return !taken_; })) {
             return false;
+        }
         taken_ = true;
         announcement.keep();
         return true;
@@ -70,8 +73,9 @@ private:
             ++turn.callers_;
         }
         ~Announcement() {
-            if (turn_ != nullptr)
+            if (turn_ != nullptr) {
                 turn_->withdraw();
+            }
         }
         Announcement(Announcement const&) = delete;
         Announcement& operator=(Announcement const&) = delete;

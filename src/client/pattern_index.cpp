@@ -88,14 +88,17 @@ void PatternIndex::add(Subscription& subscription) {
 
 void PatternIndex::remove(Subscription const& subscription) noexcept {
     auto const& pattern = subscription.topic.text();
-    if (odd_.erase(pattern) != 0)
+    if (odd_.erase(pattern) != 0) {
         return;
+    }
     Node* node = &root_;
     Levels levels(pattern);
-    for (; node != nullptr && !levels.none() && levels.first() != "#"; levels.dropFirst())
+    for (; node != nullptr && !levels.none() && levels.first() != "#"; levels.dropFirst()) {
         node = child(*node, levels.first());
-    if (node == nullptr)
+    }
+    if (node == nullptr) {
         return;
+    }
     (levels.none() ? node->here : node->below) = nullptr;
     prune(node);
 }
@@ -109,8 +112,9 @@ void PatternIndex::clear() noexcept {
 MqttClient::Subscription* PatternIndex::find(Topic const& topic) const {
     std::string_view const text = topic.text().c_str(); // as `matches` sees it
     // Neither an empty topic nor one with a wildcard matches anything.
-    if (text.empty() || text.find_first_of(WILDCARDS) != std::string_view::npos)
+    if (text.empty() || text.find_first_of(WILDCARDS) != std::string_view::npos) {
         return nullptr;
+    }
     Levels const levels(text);
     // Topics that begin with "$" are none of the wildcards' business on the first level.
     auto* const found = text.front() == '$' ? searchNamed(root_, levels) : search(root_, levels);
@@ -119,26 +123,32 @@ MqttClient::Subscription* PatternIndex::find(Topic const& topic) const {
 
 /// The first match among the patterns from `node` on; `levels` are those behind the node's.
 MqttClient::Subscription* PatternIndex::search(Node const& node, Levels const& levels) const {
-    if (levels.none())
+    if (levels.none()) {
         return node.here != nullptr ? node.here : node.below; // "a/#" matches "a" too
+    }
     auto const level = levels.first();
     // What stands in a pattern with this very level where the others have their wildcard.
     auto const next = static_cast<unsigned char>(level.empty() ? '/' : level.front());
     // But "a/" ends there, and the end comes first.
     if (level.empty() && levels.one()) {
         auto const* const named = child(node, level);
-        if (named != nullptr && named->here != nullptr)
+        if (named != nullptr && named->here != nullptr) {
             return named->here;
+        }
     }
-    if (node.below != nullptr && next > '#')
+    if (node.below != nullptr && next > '#') {
         return node.below;
+    }
     auto* found = next < '+' ? searchNamed(node, levels) : nullptr;
-    if (found == nullptr)
+    if (found == nullptr) {
         found = node.below;
-    if (found == nullptr && node.any != nullptr)
+    }
+    if (found == nullptr && node.any != nullptr) {
         found = search(*node.any, levels.rest());
-    if (found == nullptr && next > '+')
+    }
+    if (found == nullptr && next > '+') {
         found = searchNamed(node, levels);
+    }
     return found;
 }
 
@@ -150,10 +160,12 @@ MqttClient::Subscription* PatternIndex::searchNamed(Node const& node, Levels con
 /// The first match among the odd ones, unless `rival` comes before it.
 MqttClient::Subscription* PatternIndex::firstOdd(Topic const& topic, Subscription* rival) const {
     for (auto const& [pattern, subscription] : odd_) {
-        if (rival != nullptr && rival->topic.text() < pattern)
+        if (rival != nullptr && rival->topic.text() < pattern) {
             break;
-        if (subscription->topic.matches(topic))
+        }
+        if (subscription->topic.matches(topic)) {
             return subscription;
+        }
     }
     return rival;
 }
@@ -164,16 +176,18 @@ PatternIndex::Node* PatternIndex::child(Node const& parent, std::string_view lev
 }
 
 PatternIndex::Node* PatternIndex::grow(Node& parent, std::string_view level) {
-    if (auto* const known = child(parent, level))
+    if (auto* const known = child(parent, level)) {
         return known;
+    }
     auto made = std::make_unique<Node>();
     auto* const node = made.get();
     node->parent = &parent;
     node->level = level;
     nodes_.insert(hashOf(parent, level), std::move(made));
     ++parent.children;
-    if (level == "+")
+    if (level == "+") {
         parent.any = node;
+    }
     return node;
 }
 
@@ -182,8 +196,9 @@ void PatternIndex::prune(Node* node) noexcept {
     while (node != &root_ && node->children == 0 && node->here == nullptr
            && node->below == nullptr) {
         auto* const parent = node->parent;
-        if (parent->any == node)
+        if (parent->any == node) {
             parent->any = nullptr;
+        }
         --parent->children;
         auto const hash = hashOf(*parent, node->level);
         nodes_.erase(hash, [node](Node const& other) { return &other == node; });

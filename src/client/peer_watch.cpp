@@ -35,8 +35,9 @@ constexpr std::uint32_t SMALL = 536;
 } // namespace
 
 milliseconds PeerWatch::patience() const {
-    if (!keepsBack_)
+    if (!keepsBack_) {
         return ANY_TIME;
+    }
     return verdict_ == Verdict::QUIET ? A_WHILE : A_MOMENT;
 }
 
@@ -47,8 +48,9 @@ bool PeerWatch::look(int fd) {
     case Verdict::QUIET:
         return awaitSilence(fd);
     case Verdict::WAITS:
-        if (++looks_ < SECOND_THOUGHTS)
+        if (++looks_ < SECOND_THOUGHTS) {
             return true;
+        }
         begin();
         break;
     case Verdict::OPEN:
@@ -68,8 +70,9 @@ bool PeerWatch::observe(int fd) {
                         now.bytesReceived - last_.bytesReceived,
                         now.segmentsSent - last_.segmentsSent,
                         now.segmentsSentWithData - last_.segmentsSentWithData};
-    if (++looks_ == MOST_LOOKS)
+    if (++looks_ == MOST_LOOKS) {
         verdict_ = Verdict::QUIET;
+    }
     bool const nothing = since.segmentsReceived == 0 && since.segmentsSent == 0;
     // A step also ends for a packet of ours, which the kernel may hold back.
     if (keepsBack_ && nothing && time - looked_ < A_MOMENT) {
@@ -95,13 +98,15 @@ bool PeerWatch::awaitSilence(int fd) {
     bool const silence = keepsBack_ && time - looked_ >= A_WHILE;
     keepsBack_ = !silence;
     looked_ = time;
-    if (!silence)
+    if (!silence) {
         return false;
+    }
     Traffic now;
     read(fd, now);
     bool const nothingToAcknowledge = now.segmentsReceived == last_.segmentsReceived;
-    if (nothingToAcknowledge) // We publish, and the peer has nothing to say to it.
+    if (nothingToAcknowledge) { // We publish, and the peer has nothing to say to it.
         return false;
+    }
     begin();
     looks_ = MOST_LOOKS - SECOND_LOOKS;
     last_ = now;
@@ -110,15 +115,18 @@ bool PeerWatch::awaitSilence(int fd) {
 }
 
 void PeerWatch::judge(Traffic const& since, Clock::duration pause) {
-    if (since.segmentsReceived == 0)
+    if (since.segmentsReceived == 0) {
         return;
+    }
     if (acknowledged_ && pause < AT_ONCE) {
         // What it says after data of ours may be the answer to that.
-        if (since.segmentsSentWithData == 0 && ++silences_ >= ENOUGH_SILENCES && goingsOn_ == 0)
+        if (since.segmentsSentWithData == 0 && ++silences_ >= ENOUGH_SILENCES && goingsOn_ == 0) {
             verdict_ = Verdict::WAITS;
+        }
     } else if (isFewPackets(since) && pause < LONG && isTooMuch(since)) {
-        if (++goingsOn_ == ENOUGH_GOINGS_ON)
+        if (++goingsOn_ == ENOUGH_GOINGS_ON) {
             verdict_ = Verdict::SENDS_ON;
+        }
     }
 }
 
@@ -142,8 +150,9 @@ bool PeerWatch::read(int fd, Traffic& traffic) {
     tcp_info info{};
     socklen_t length = sizeof info;
     if (::getsockopt(fd, IPPROTO_TCP, TCP_INFO, &info, &length) != 0
-        || length < offsetof(tcp_info, tcpi_delivery_rate))
+        || length < offsetof(tcp_info, tcpi_delivery_rate)) {
         return false;
+    }
     traffic.segmentsReceived = info.tcpi_data_segs_in;
     traffic.bytesReceived = static_cast<std::uint32_t>(info.tcpi_bytes_received);
     traffic.segmentsSent = info.tcpi_segs_out;

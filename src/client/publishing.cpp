@@ -25,12 +25,14 @@ Error MqttClient::publishWait(Topic const& topic, std::string const& payload, in
     lastPublished_ = -1;
     int mid = 0;
     auto const result = send(&mid, topic, payload, qos, retain, awaitable);
-    if (!awaitable)
+    if (!awaitable) {
         return result;
+    }
     auto const deadline = timeout.toTimepoint(std::chrono::steady_clock::now());
     bool const done = waitUntil(delivered_, lock, deadline, [&] { return lastPublished_ == mid; });
-    if (done)
+    if (done) {
         engine_->tuning.answered();
+    }
     return done ? Error::SUCCESS : Error::TIMEOUT;
 }
 
@@ -45,8 +47,9 @@ void MqttClient::on_publish(int mid) {
 Error MqttClient::send(int* mid, Topic const& topic, std::string const& payload, int qos,
                        bool retain, bool& awaitable) {
     auto const sizes = checkSizes(topic, payload.size(), qos);
-    if (sizes != Error::SUCCESS)
+    if (sizes != Error::SUCCESS) {
         return sizes;
+    }
     std::lock_guard const lock(engine_->gate.mutex);
     auto result = Error::NO_CONN;
     if (engine_->gate.online) {
@@ -56,26 +59,31 @@ Error MqttClient::send(int* mid, Topic const& topic, std::string const& payload,
                                                                  payload.data(), qos, retain));
         awaitable = result == Error::SUCCESS;
         // The library has kept it and sends it with the next connection.
-        if (result == Error::NO_CONN && qos != 0)
+        if (result == Error::NO_CONN && qos != 0) {
             return Error::SUCCESS;
+        }
     } else {
         auto const refused = checkPublication(topic, payload.size(), qos);
-        if (refused != Error::SUCCESS)
+        if (refused != Error::SUCCESS) {
             return refused;
+        }
     }
-    if (result != Error::NO_CONN && result != Error::CONN_LOST)
+    if (result != Error::NO_CONN && result != Error::CONN_LOST) {
         return result;
+    }
     queue_.push_back({topic, payload, qos, retain});
     return Error::SUCCESS;
 }
 
 Error MqttClient::clear(Topic const& topic) {
     auto const refused = checkPublication(topic, 0, 2);
-    if (refused != Error::SUCCESS)
+    if (refused != Error::SUCCESS) {
         return refused;
+    }
     std::lock_guard const lock(engine_->gate.mutex);
-    if (!engine_->gate.online)
+    if (!engine_->gate.online) {
         return Error::NO_CONN;
+    }
     engine_->tuning.issued();
     auto const result = static_cast<Error>(
         mosqpp::mosquittopp::publish(nullptr, topic.text().c_str(), 0, nullptr, 2, true));

@@ -7,23 +7,26 @@
 namespace mqtt {
 
 bool Registrations::Order::less(Key const& left, Key const& right) {
-    if (left.subscriber != right.subscriber)
+    if (left.subscriber != right.subscriber) {
         return std::less<>()(left.subscriber, right.subscriber);
+    }
     return left.topic < right.topic;
 }
 
 void Registrations::add(Topic const& topic, Subscriber* subscriber, int tag) {
     auto const place = registry_.lower_bound(topic);
     bool const isKnown = place != registry_.end() && place->first == topic;
-    if (isKnown)
+    if (isKnown) {
         place->second.subscribers.emplace_back(subscriber, tag);
+    }
     auto const entry = isKnown ? place : addEntry(place, topic, subscriber, tag);
     try {
         pairs_.insert({subscriber, entry});
     } catch (...) {
         entry->second.subscribers.pop_back();
-        if (!isKnown)
+        if (!isKnown) {
             eraseEntry(entry);
+        }
         throw;
     }
 }
@@ -52,8 +55,9 @@ void Registrations::takeBack(Topic const& topic, Subscriber const* subscriber) n
 
 bool Registrations::remove(Topic const& topic, Subscriber const* subscriber) noexcept {
     auto const pair = pairs_.find(Key{subscriber, topic});
-    if (pair == pairs_.end())
+    if (pair == pairs_.end()) {
         return false;
+    }
     auto& subscribers = pair->entry->second.subscribers;
     subscribers.erase(std::find_if(subscribers.begin(), subscribers.end(),
                                    [&](auto const& each) { return each.first == subscriber; }));
@@ -74,11 +78,13 @@ bool Registrations::dropUnused(Pairs::iterator pair) noexcept {
     bool const isUsed = std::any_of(subscribers.begin(), subscribers.end(), [&](auto const& each) {
         return each.first == pair->subscriber;
     });
-    if (!isUsed)
+    if (!isUsed) {
         pairs_.erase(pair);
+    }
     bool const isAbandoned = subscribers.empty();
-    if (isAbandoned)
+    if (isAbandoned) {
         eraseEntry(entry);
+    }
     return isAbandoned;
 }
 

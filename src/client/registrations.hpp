@@ -77,8 +77,9 @@ void Registrations::removeAll(Subscriber const* subscriber, Abandoned const& aba
     while (next != pairs_.end() && next->subscriber == subscriber) {
         auto const pair = next++;
         eraseSubscriber(*pair);
-        if (pair->entry->second.subscribers.empty())
+        if (pair->entry->second.subscribers.empty()) {
             abandoned(pair->entry->first);
+        }
         dropUnused(pair);
     }
 }

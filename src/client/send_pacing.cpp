@@ -24,15 +24,17 @@ void SendPacing::stepped(int fd) {
     auto const unanswered = unanswered_.load(std::memory_order_relaxed);
     bool const stream = unanswered > A_FEW;
     if (!gathers_) {
-        if (stream)
+        if (stream) {
             gather(fd, true);
+        }
         return;
     }
     calmSteps_ = stream ? 0 : calmSteps_ + 1;
-    if (calmSteps_ == CALM_STEPS)
+    if (calmSteps_ == CALM_STEPS) {
         gather(fd, false);
-    else
+    } else {
         releaseAfterPause(fd, unanswered);
+    }
 }
 
 /// Switched off, it releases what was held back, too.

@@ -23,8 +23,9 @@ bool anythingToRead(int fd) {
 } // namespace
 
 void SocketTuning::connected(int fd) {
-    if (fd < 0)
+    if (fd < 0) {
         return;
+    }
     // A child process must not keep the connection open.
     ::fcntl(fd, F_SETFD, FD_CLOEXEC);
     tcp_ = setTcpOption(fd, TCP_QUICKACK, 1);
@@ -41,39 +42,45 @@ void SocketTuning::received(std::size_t bytes) {
         messages_ = 0;
         flooded_ = false;
     }
-    if (++messages_ % MANY != 0 && !flooded_)
+    if (++messages_ % MANY != 0 && !flooded_) {
         return;
+    }
     auto const now = Clock::now();
     flooded_ = now - lastMessages_ < SendPacing::PAUSE;
     lastMessages_ = now;
 }
 
 void SocketTuning::stepped(int fd, bool moreToWrite) {
-    if (fd < 0 || !tcp_)
+    if (fd < 0 || !tcp_) {
         return;
+    }
     pacing_.stepped(fd);
     bool const urgent = peer_.look(fd);
-    if (!urgent)
+    if (!urgent) {
         flooded_ = false;
-    else if (!moreToWrite)
+    } else if (!moreToWrite) {
         acknowledge(fd);
+    }
 }
 
 /// At once in a conversation, and once a pause in a stream, whoever's it is: a peer that gathers
 /// while it waits for us would otherwise send each message in a segment of its own.
 void SocketTuning::acknowledge(int fd) {
-    if (pacing_.holdsBack() || (flooded_ && !floodHasPaused()))
+    if (pacing_.holdsBack() || (flooded_ && !floodHasPaused())) {
         return;
+    }
     // With more to read, the step that reads the last of it acknowledges it all. The kernel
     // forgets this option whenever it likes, hence once a step.
-    if (!anythingToRead(fd))
+    if (!anythingToRead(fd)) {
         setTcpOption(fd, TCP_QUICKACK, 1);
+    }
 }
 
 bool SocketTuning::floodHasPaused() {
     auto const now = Clock::now();
-    if (now - lastMessages_ < SendPacing::PAUSE)
+    if (now - lastMessages_ < SendPacing::PAUSE) {
         return false;
+    }
     flooded_ = false;
     messages_ = 0;
     lastMessages_ = now;
@@ -82,10 +89,12 @@ bool SocketTuning::floodHasPaused() {
 
 std::chrono::milliseconds SocketTuning::patience() const {
     auto patience = peer_.patience();
-    if (pacing_.holdsBack())
+    if (pacing_.holdsBack()) {
         patience = std::min(patience, pacing_.patience());
-    if (flooded_)
+    }
+    if (flooded_) {
         patience = std::min(patience, SendPacing::PAUSE);
+    }
     return patience;
 }
 

@@ -25,22 +25,26 @@ constexpr std::chrono::milliseconds LONGEST_BEYOND{10};
 
 int MqttClient::step(std::chrono::milliseconds patience) {
     int const result = mosqpp::mosquittopp::loop(static_cast<int>(patience.count()), 1);
-    if (result != REFUSED)
+    if (result != REFUSED) {
         return result;
+    }
     // With a socket there is no other reason to refuse, and without one nothing to wait for.
     return socket() < 0 ? NO_CONN : stepBeyondSelect(std::min(patience, LONGEST_BEYOND));
 }
 
 int MqttClient::stepBeyondSelect(std::chrono::milliseconds patience) {
     pollfd ready{socket(), POLLIN, 0};
-    if (want_write())
+    if (want_write()) {
         ready.events |= POLLOUT;
+    }
     ::poll(&ready, 1, static_cast<int>(patience.count()));
     int result = OK;
-    if ((ready.revents & ~POLLOUT) != 0)
+    if ((ready.revents & ~POLLOUT) != 0) {
         result = loop_read(1);
-    if (result == OK && socket() >= 0 && want_write())
+    }
+    if (result == OK && socket() >= 0 && want_write()) {
         result = loop_write(1);
+    }
     // As in the library: the end of a connection that was told to end is no failure.
     return result == OK && socket() >= 0 ? loop_misc() : result;
 }

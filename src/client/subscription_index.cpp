@@ -20,13 +20,15 @@ bool hasWildcard(Topic const& pattern) {
 
 void SubscriptionIndex::add(Subscription& subscription) {
     bool const isPattern = hasWildcard(subscription.topic);
-    if (isPattern)
+    if (isPattern) {
         patterns_.add(subscription);
+    }
     try {
         texts_.insert(hashOf(subscription.topic), &subscription);
     } catch (...) {
-        if (isPattern)
+        if (isPattern) {
             patterns_.remove(subscription);
+        }
         throw;
     }
 }
@@ -34,8 +36,9 @@ void SubscriptionIndex::add(Subscription& subscription) {
 void SubscriptionIndex::remove(Subscription const& subscription) noexcept {
     auto const& topic = subscription.topic;
     texts_.erase(hashOf(topic), [&](Subscription const& other) { return &other == &subscription; });
-    if (hasWildcard(topic))
+    if (hasWildcard(topic)) {
         patterns_.remove(subscription);
+    }
 }
 
 void SubscriptionIndex::clear() noexcept {

@@ -11,23 +11,26 @@ using Error = MqttClient::Error;
 
 Error MqttClient::subscribe(Topic const& topic, Subscriber* subscriber, int tag) {
     auto const refused = checkSubscription(topic);
-    if (refused != Error::SUCCESS)
+    if (refused != Error::SUCCESS) {
         return refused;
+    }
     std::lock_guard const lock(mainMutex_);
     // First, as it may run out of memory: the broker must not know of what is not registered.
     engine_->registrations.add(topic, subscriber, tag);
     auto const result = subscribeAtBroker(topic.text().c_str());
     // Without a connection the completion of the next one subscribes.
-    if (result == Error::SUCCESS || result == Error::NO_CONN || result == Error::CONN_LOST)
+    if (result == Error::SUCCESS || result == Error::NO_CONN || result == Error::CONN_LOST) {
         return Error::SUCCESS;
+    }
     engine_->registrations.takeBack(topic, subscriber);
     return result;
 }
 
 Error MqttClient::unsubscribe(Topic const& topic, Subscriber* subscriber, int* mid) {
     std::lock_guard const lock(mainMutex_);
-    if (!engine_->registrations.remove(topic, subscriber))
+    if (!engine_->registrations.remove(topic, subscriber)) {
         return Error::NOT_FOUND;
+    }
     return unsubscribeAtBroker(mid, topic.text().c_str());
 }
 
@@ -48,14 +51,16 @@ Error MqttClient::unsubscribeWait(Topic const& topic, Subscriber* subscriber,
     lastUnsubscribed_ = -1;
     UnsubscriptionWait wait;
     auto const result = unsubscribe(topic, subscriber, &wait.mid);
-    if (result != Error::SUCCESS)
+    if (result != Error::SUCCESS) {
         return result;
+    }
     wait.next = std::exchange(engine_->unsubscriptionWaits, &wait);
     auto const deadline = timeout.toTimepoint(std::chrono::steady_clock::now());
     bool const done = waitUntil(unsubscribed_, lock, deadline, [&] { return wait.acknowledged; });
     auto** link = &engine_->unsubscriptionWaits;
-    while (*link != &wait)
+    while (*link != &wait) {
         link = &(*link)->next;
+    }
     *link = wait.next;
     return done ? Error::SUCCESS : Error::TIMEOUT;
 }
@@ -63,14 +68,16 @@ Error MqttClient::unsubscribeWait(Topic const& topic, Subscriber* subscriber,
 void MqttClient::on_unsubscribe(int mid) {
     std::lock_guard const lock(unsubscriptionMutex_);
     lastUnsubscribed_ = mid;
-    for (auto* wait = engine_->unsubscriptionWaits; wait != nullptr; wait = wait->next)
+    for (auto* wait = engine_->unsubscriptionWaits; wait != nullptr; wait = wait->next) {
         wait->acknowledged = wait->acknowledged || wait->mid == mid;
+    }
     unsubscribed_.notify_all();
 }
 
 void MqttClient::release(Subscriber* subscriber) noexcept {
-    if (subscriber == nullptr)
+    if (subscriber == nullptr) {
         return;
+    }
     {
         std::lock_guard const lock(mainMutex_);
         engine_->registrations.removeAll(subscriber, [this](Topic const& topic) {
@@ -82,16 +89,18 @@ void MqttClient::release(Subscriber* subscriber) noexcept {
 
 Error MqttClient::subscribeAtBroker(char const* topic) {
     std::lock_guard const lock(engine_->gate.mutex);
-    if (!engine_->gate.online)
+    if (!engine_->gate.online) {
         return Error::NO_CONN;
+    }
     engine_->tuning.issued();
     return static_cast<Error>(mosqpp::mosquittopp::subscribe(nullptr, topic, 0));
 }
 
 Error MqttClient::unsubscribeAtBroker(int* mid, char const* topic) {
     std::lock_guard const lock(engine_->gate.mutex);
-    if (!engine_->gate.online)
+    if (!engine_->gate.online) {
         return Error::NO_CONN;
+    }
     engine_->tuning.issued();
     return static_cast<Error>(mosqpp::mosquittopp::unsubscribe(mid, topic));
 }

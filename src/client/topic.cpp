@@ -12,8 +12,9 @@ namespace {
 
 // Thrown by us: what the standard library says here differs between compilers.
 std::string checkedText(char const* path) {
-    if (path == nullptr)
+    if (path == nullptr) {
         throw std::logic_error("basic_string::_M_construct null not valid");
+    }
     return path;
 }
 
@@ -34,32 +35,40 @@ void Topic::assign(char const* path) {
 
 void Topic::parse() {
     starts_.clear();
-    if (text_.empty())
+    if (text_.empty()) {
         return;
-    if (text_.back() == '/')
+    }
+    if (text_.back() == '/') {
         text_.pop_back();
-    if (!text_.empty() && text_.front() == '/')
+    }
+    if (!text_.empty() && text_.front() == '/') {
         text_.erase(0, 1);
+    }
     auto const separators = std::count(text_.begin(), text_.end(), '/');
     starts_.reserve(static_cast<std::size_t>(separators) + 1);
     starts_.push_back(0);
-    for (auto at = text_.find('/'); at != std::string::npos; at = text_.find('/', at + 1))
+    for (auto at = text_.find('/'); at != std::string::npos; at = text_.find('/', at + 1)) {
         starts_.push_back(static_cast<std::uint32_t>(at + 1));
+    }
 }
 
 Topic& Topic::operator+=(Topic const& tail) {
-    if (tail.starts_.empty())
+    if (tail.starts_.empty()) {
         return *this;
-    if (&tail == this)
+    }
+    if (&tail == this) {
         return *this += Topic(tail);
+    }
     // The text decides, not the segments: the parse of "/" has one segment and no text, and
     // gets no separator.
-    if (!text_.empty())
+    if (!text_.empty()) {
         text_ += '/';
+    }
     auto const base = static_cast<std::uint32_t>(text_.size());
     text_ += tail.text_.c_str();
-    for (auto const start : tail.starts_)
+    for (auto const start : tail.starts_) {
         starts_.push_back(base + start);
+    }
     return *this;
 }
 
@@ -77,8 +86,9 @@ Topic& Topic::operator+=(zym::common::Uuid const& id) {
 
 std::string Topic::operator[](unsigned int i) const {
     std::size_t const start = starts_[i];
-    if (i + 1 < starts_.size())
+    if (i + 1 < starts_.size()) {
         return text_.substr(start, starts_[i + 1] - start - 1);
+    }
     return text_.substr(start);
 }
 
@@ -93,8 +103,9 @@ void Topic::resize(unsigned int n) {
         text_.clear();
         starts_.clear();
     }
-    if (n >= starts_.size())
+    if (n >= starts_.size()) {
         return;
+    }
     // Segment n may start at 0 (see operator+=), and the text may be shorter than its segments
     // say (see clear): the cut never wraps around and never makes the text longer.
     std::size_t const end = starts_[n] == 0 ? 0 : starts_[n] - 1;

@@ -37,10 +37,11 @@ int MqttClient::loop() {
     ::pthread_setname_np(::pthread_self(), "zym-mqtt");
     engine_->workerId = static_cast<pid_t>(::syscall(SYS_gettid));
     while (!stop_) {
-        if (paused_ && !isLeaving())
+        if (paused_ && !isLeaving()) {
             engine_->life.sleep(std::chrono::milliseconds(500));
-        else
+        } else {
             networkStep();
+        }
     }
     takeLeave();
     engine_->life.ended();
@@ -60,13 +61,15 @@ void MqttClient::networkStep() {
         closeGate();
         setComState(conv::ComState::DISCONNECTED);
     }
-    if (engine.flushFirst.exchange(false))
+    if (engine.flushFirst.exchange(false)) {
         flushDisconnect();
+    }
     int const result = step(engine.tuning.patience());
     if (result == OK) {
         engine.tuning.stepped(socket(), want_write());
-        if (engine.acknowledged)
+        if (engine.acknowledged) {
             completeConnection();
+        }
     }
     // Decided while we have the turn: a caller that connects leaves state 1 only when it has it,
     // and a result from before says nothing about the connection that has come up since.
@@ -74,27 +77,31 @@ void MqttClient::networkStep() {
         (result == NO_CONN || result == CONN_LOST) && comState_ != conv::ComState::DISCONNECTED;
     // There was a DISCONNECT packet for a connection that never came up.
     bool const retry = lost && !closeGate();
-    if (lost && !retry)
+    if (lost && !retry) {
         setComState(conv::ComState::DISCONNECTED);
+    }
     engine.turn.leave();
 
-    if (result == OK)
+    if (result == OK) {
         resetReconnectAttempts();
-    else if (retry)
+    } else if (retry) {
         backOffAndReconnect();
-    else
+    } else {
         std::this_thread::yield();
+    }
 }
 
 void MqttClient::backOffAndReconnect() {
     auto& engine = *engine_;
-    if (!engine.life.sleep(reconnectDelay(nextReconnectAttempt())))
+    if (!engine.life.sleep(reconnectDelay(nextReconnectAttempt()))) {
         return;
+    }
     engine.turn.enter();
     engine.reconnecting = true;
     // Once asked to end, `reconnecting` may have been looked at already: do not begin.
-    if (!stop_ && !engine.givenUp && mosqpp::mosquittopp::reconnect() == OK)
+    if (!stop_ && !engine.givenUp && mosqpp::mosquittopp::reconnect() == OK) {
         engine.tuning.connected(socket());
+    }
     engine.reconnecting = false;
     engine.turn.leave();
 }
@@ -106,19 +113,22 @@ void MqttClient::flushDisconnect() {
     auto const deadline = std::chrono::steady_clock::now() + LAST_WORDS;
     Farewell const farewell(socket());
     flushOutput(deadline);
-    if (socket() < 0)
+    if (socket() < 0) {
         farewell.waitForPeer(deadline);
+    }
 }
 
 /// Lets the broker have what the destructor has sent, the unsubscriptions, before the connection
 /// is closed.
 void MqttClient::takeLeave() {
-    if (engine_->flushFirst.exchange(false))
+    if (engine_->flushFirst.exchange(false)) {
         flushDisconnect();
+    }
     {
         std::lock_guard const lock(engine_->gate.mutex);
-        if (!engine_->gate.online)
+        if (!engine_->gate.online) {
             return;
+        }
     }
     auto const deadline = std::chrono::steady_clock::now() + LAST_WORDS;
     flushOutput(deadline);
@@ -127,8 +137,9 @@ void MqttClient::takeLeave() {
 
 void MqttClient::flushOutput(std::chrono::steady_clock::time_point deadline) {
     while (socket() >= 0 && want_write() && loop_write(1) == OK && socket() >= 0 && want_write()
-           && std::chrono::steady_clock::now() < deadline)
+           && std::chrono::steady_clock::now() < deadline) {
         waitForOutput(socket());
+    }
 }
 
 /// Ends a network step that waits for input. The library has no call for that; it wakes up for a
@@ -139,8 +150,9 @@ bool MqttClient::wakeWorker() {
 
 void MqttClient::on_connect(int rc) {
     // The broker's answer is the low byte.
-    if ((rc & 0xFF) == 0)
+    if ((rc & 0xFF) == 0) {
         engine_->acknowledged = true;
+    }
 }
 
 void MqttClient::on_disconnect(int rc) {
@@ -160,23 +172,26 @@ bool MqttClient::closeGate() {
 void MqttClient::completeConnection() {
     std::lock_guard const lock(mainMutex_);
     engine_->acknowledged = false;
-    if (resubscribe() && drainQueue())
+    if (resubscribe() && drainQueue()) {
         setComState(conv::ComState::CONNECTED);
+    }
 }
 
 bool MqttClient::resubscribe() {
     for (auto const& entry : subscriptions_) {
         engine_->tuning.issued();
-        if (mosqpp::mosquittopp::subscribe(nullptr, entry.first.text().c_str(), 0) == CONN_LOST)
+        if (mosqpp::mosquittopp::subscribe(nullptr, entry.first.text().c_str(), 0) == CONN_LOST) {
             return false;
+        }
     }
     return true;
 }
 
 bool MqttClient::drainQueue() {
     std::lock_guard const lock(engine_->gate.mutex);
-    if (engine_->gate.leaving)
+    if (engine_->gate.leaving) {
         return false;
+    }
     while (!queue_.empty()) {
         auto const& first = queue_.front();
         engine_->tuning.issued(first.qos != 0);
@@ -184,11 +199,13 @@ bool MqttClient::drainQueue() {
             nullptr, first.topic.text().c_str(), static_cast<int>(first.payload.size()),
             first.payload.data(), first.qos, first.retain);
         // NO_CONN too: but then the library has kept a QoS 1 or 2 publication for itself.
-        if (result == CONN_LOST || (result == NO_CONN && first.qos == 0))
+        if (result == CONN_LOST || (result == NO_CONN && first.qos == 0)) {
             return false;
+        }
         queue_.pop_front();
-        if (result == NO_CONN)
+        if (result == NO_CONN) {
             return false;
+        }
     }
     engine_->gate.online = true;
     return true;

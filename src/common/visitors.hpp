@@ -20,8 +20,9 @@ public:
         explicit Visit(std::shared_ptr<Visitors> visitors)
             : visitors_(std::move(visitors)), thread_(std::this_thread::get_id()) {
             std::lock_guard const lock(visitors_->mutex_);
-            if (visitors_->closed_)
+            if (visitors_->closed_) {
                 return;
+            }
             inside_ = true;
             next_ = visitors_->first_;
             visitors_->first_ = this;
@@ -75,8 +76,9 @@ private:
     void waitForOthers(std::unique_lock<std::mutex>& lock) {
         left_.wait(lock, [this, me = std::this_thread::get_id()] {
             auto const* visit = first_;
-            while (visit != nullptr && visit->thread_ == me)
+            while (visit != nullptr && visit->thread_ == me) {
                 visit = visit->next_;
+            }
             return visit == nullptr;
         });
     }
@@ -84,10 +86,11 @@ private:
     template <class Predicate>
     void removeIf(Predicate const& predicate) {
         for (auto** link = &first_; *link != nullptr;) {
-            if (predicate(**link))
+            if (predicate(**link)) {
                 *link = (*link)->next_;
-            else
+            } else {
                 link = &(*link)->next_;
+            }
         }
         left_.notify_all();
     }

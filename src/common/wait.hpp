@@ -10,10 +10,12 @@ inline std::chrono::steady_clock::time_point later(std::chrono::steady_clock::ti
     using std::chrono::floor;
     using std::chrono::milliseconds;
     constexpr auto end = std::chrono::steady_clock::time_point::max();
-    if (duration >= floor<milliseconds>(end - moment))
+    if (duration >= floor<milliseconds>(end - moment)) {
         return end;
-    if (duration <= -floor<milliseconds>(moment.time_since_epoch()))
+    }
+    if (duration <= -floor<milliseconds>(moment.time_since_epoch())) {
         return {};
+    }
     return moment + duration;
 }
 
@@ -33,8 +35,9 @@ template <class Condition, class Lock, class Predicate>
 bool waitUntil(Condition& condition, Lock& lock, std::chrono::steady_clock::time_point deadline,
                Predicate done) {
     while (!done()) {
-        if (std::chrono::steady_clock::now() >= deadline)
+        if (std::chrono::steady_clock::now() >= deadline) {
             return false;
+        }
         waitSlice(condition, lock, deadline);
     }
     return true;

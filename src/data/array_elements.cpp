@@ -13,8 +13,9 @@ bool isBlank(char c) {
 }
 
 std::string_view withoutBlanksBehind(std::string_view text) {
-    while (!text.empty() && isBlank(text.back()))
+    while (!text.empty() && isBlank(text.back())) {
         text.remove_suffix(1);
+    }
     return text;
 }
 
@@ -28,36 +29,41 @@ bool endsWithAnEscape(std::string_view text) {
 
 ArrayElements::ArrayElements(std::string_view text) : text_(text) {
     skipBlanks();
-    if (at_ == text_.size() || text_[at_] != '[')
+    if (at_ == text_.size() || text_[at_] != '[') {
         throw std::runtime_error("Not a JSON array");
+    }
     ++at_;
     skipBlanks();
     hasNext_ = at() != ']';
 }
 
 bool ArrayElements::next(std::string_view& element) {
-    if (!hasNext_)
+    if (!hasNext_) {
         return false;
+    }
     skipBlanks();
     auto const begin = at_;
     skipValue();
     element = withoutBlanksBehind(text_.substr(begin, at_ - begin));
     hasNext_ = text_[at_] == ',';
-    if (text_[at_] == '}')
+    if (text_[at_] == '}') {
         throw std::runtime_error("A JSON array with another end");
+    }
     ++at_;
     return true;
 }
 
 char ArrayElements::at() const {
-    if (at_ == text_.size())
+    if (at_ == text_.size()) {
         throw std::runtime_error("A JSON array without an end");
+    }
     return text_[at_];
 }
 
 void ArrayElements::skipBlanks() {
-    while (at_ < text_.size() && isBlank(text_[at_]))
+    while (at_ < text_.size() && isBlank(text_[at_])) {
         ++at_;
+    }
 }
 
 /// Up to the comma or bracket behind it.
@@ -73,13 +79,15 @@ void ArrayElements::skipValue() {
             break;
         case ']':
         case '}':
-            if (depth == 0)
+            if (depth == 0) {
                 return;
+            }
             --depth;
             break;
         case ',':
-            if (depth == 0)
+            if (depth == 0) {
                 return;
+            }
             break;
         default:
             break;

@@ -17,8 +17,9 @@ MqttDataBase::MqttDataBase(MqttClient& client, Topic const& topic, int qos, bool
       qos_(qos),
       retained_(retained),
       subscribeTopic_(subscribeTopic) {
-    if (subscribeTopic_.size() > 0)
+    if (subscribeTopic_.size() > 0) {
         static_cast<void>(client_.subscribe(subscribeTopic_, this, 0));
+    }
 }
 
 MqttDataBase::MqttDataBase(MqttClient& client, Topic const& topic, int qos, bool retained)
@@ -46,8 +47,9 @@ void MqttDataBase::subscribeLike(MqttDataBase const& other) {
         Lock const lock(other.mutex_);
         subscribeTopic_ = other.subscribeTopic_;
     }
-    if (subscribeTopic_.size() > 0)
+    if (subscribeTopic_.size() > 0) {
         static_cast<void>(client_.subscribe(subscribeTopic_, this, 0));
+    }
 }
 
 void MqttDataBase::release() noexcept {

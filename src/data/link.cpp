@@ -56,8 +56,9 @@ std::vector<Serializer> documentsOf(Topic const& topic, std::vector<Link> const&
 }
 
 Link& emptyLinkAt(std::vector<Link>& links, std::size_t i) {
-    if (i == links.size())
+    if (i == links.size()) {
         return links.emplace_back();
+    }
     links[i].id.clear(); // keeps its memory
     return links[i];
 }
@@ -70,8 +71,9 @@ void readElements(Deserializer const& in, std::vector<Link>& links) {
         ArrayElements elements(array);
         std::string_view element;
         std::string text;
-        while (elements.next(element))
+        while (elements.next(element)) {
             readElement(element, text, emptyLinkAt(links, count++));
+        }
     } catch (...) {
         links.resize(count);
         throw;
@@ -96,8 +98,9 @@ void MqttData<Link>::serialize(Topic const& /*topic*/, std::string& payload, Lin
 template <>
 void MqttData<Link>::deserialize(Topic const& /*topic*/, std::string const& payload, bool empty,
                                  Link& value) {
-    if (!empty)
+    if (!empty) {
         read(Deserializer(payload), value);
+    }
 }
 
 template <>
@@ -143,8 +146,9 @@ void MqttDataCollection<Link>::serialize(Topic const& topic, std::string& payloa
 
 void MqttDataCollection<Link>::deserialize(Topic const& /*topic*/, std::string const& payload,
                                            bool empty, std::vector<Link>& value) {
-    if (empty)
+    if (empty) {
         return;
+    }
     Deserializer const in(payload);
     unsigned int count = 0;
     Deserializer::extractValue(in.getMember("members@count"), count, "");
@@ -154,8 +158,9 @@ void MqttDataCollection<Link>::deserialize(Topic const& /*topic*/, std::string c
 }
 
 std::ostream& operator<<(std::ostream& out, std::vector<Link> const& links) {
-    for (auto const& link : links)
+    for (auto const& link : links) {
         out << link.id << std::endl;
+    }
     return out;
 }
 

@@ -58,8 +58,9 @@ void MqttData<CommunicationStatus>::serialize(Topic const& /*topic*/, std::strin
 template <>
 void MqttData<CommunicationStatus>::deserialize(Topic const& /*topic*/, std::string const& payload,
                                                 bool empty, CommunicationStatus& value) {
-    if (empty)
+    if (empty) {
         return;
+    }
     try {
         Deserializer const in(payload);
         unsigned char state = 0;
@@ -92,8 +93,9 @@ void MqttData<Identification>::serialize(Topic const& /*topic*/, std::string& pa
 template <>
 void MqttData<Identification>::deserialize(Topic const& /*topic*/, std::string const& payload,
                                            bool empty, Identification& value) {
-    if (empty)
+    if (empty) {
         return;
+    }
     Deserializer const in(payload);
     for (auto const& [key, field] : IDENTIFICATION) {
         try {
@@ -123,8 +125,9 @@ void MqttData<ServiceStatus>::serialize(Topic const& /*topic*/, std::string& pay
 template <>
 void MqttData<ServiceStatus>::deserialize(Topic const& /*topic*/, std::string const& payload,
                                           bool empty, ServiceStatus& value) {
-    if (empty)
+    if (empty) {
         return;
+    }
     Deserializer const in(payload);
     extract(in, "operating", value.operating);
     extract(in, "health", value.health);

@@ -71,8 +71,9 @@ public:
     void deserialize(zym::common::lwjson::Deserializer& in) override {
         unsigned int requestId = 0;
         zym::common::lwjson::Deserializer::extractValue(in.getMember("$reqId"), requestId, "");
-        if (requestId == requestId_ && payload_)
+        if (requestId == requestId_ && payload_) {
             payload_->deserialize(in);
+        }
     }
     void serialize(zym::common::lwjson::Serializer& /*out*/) const override {}
 
@@ -84,8 +85,9 @@ private:
 void tell(std::pair<RequestReplyClient::Listener*,
                     std::shared_ptr<RequestReplyClient::Listener::Reply>> const& ending) {
     auto const& [listener, reply] = ending;
-    if (listener == nullptr)
+    if (listener == nullptr) {
         return;
+    }
     RequestReplyData const& data = reply->data ? *reply->data : *NO_DATA;
     callUser([&listener = listener, &reply = reply, &data] {
         listener->onReply(reply->requestId, reply->name, reply->clientUuid, reply->serverUuid, data,
@@ -114,8 +116,9 @@ void RequestReplyClient::release() noexcept {
     terminate();
     // A thread that waits for a request that ended just now may not have woken up yet.
     callers_->waitForOthers();
-    if (timerHasTold_)
+    if (timerHasTold_) {
         timer_.terminate();
+    }
     replies().release();
 }
 
@@ -128,8 +131,9 @@ ErrorCode RequestReplyClient::request(Listener* listener, zym::common::Uuid cons
     Lock const lock(mutex_);
     auto const result = begin(listener, newRequest(clientUuid, serverUuid, std::move(requestData)),
                               std::move(replyData), timeout, lock);
-    if (result == ErrorCode::PENDING && requestIdOut != nullptr)
+    if (result == ErrorCode::PENDING && requestIdOut != nullptr) {
         *requestIdOut = pending_.requestId;
+    }
     return result;
 }
 
@@ -159,10 +163,12 @@ RequestReply::Request RequestReplyClient::newRequest(zym::common::Uuid const& cl
 ErrorCode RequestReplyClient::begin(Listener* listener, Request request,
                                     std::shared_ptr<RequestReplyData> replyData,
                                     conv::SecondsDuration const& timeout, Lock const& lock) {
-    if (terminated_)
+    if (terminated_) {
         return ErrorCode::CANCELLED;
-    if (!idle_)
+    }
+    if (!idle_) {
         return ErrorCode::BUSY;
+    }
     // What needs memory comes before the client is busy.
     request.requestId = nextRequestId();
     Reply expected(request);
@@ -200,8 +206,9 @@ void RequestReplyClient::send(Request const& request, Reply const& expected,
         replies().subscriber = this;
         refused_ = replies().subscribe(0, endpointLock) != MqttClient::Error::SUCCESS;
     }
-    if (!isEndless(timeout))
+    if (!isEndless(timeout)) {
         armTimer(periodOf(timeout));
+    }
     MqttDataBase::Lock endpointLock(requests().mutex());
     requests().value = request;
     refused_ = requests().send(false, endpointLock) != MqttClient::Error::SUCCESS || refused_;
@@ -209,8 +216,9 @@ void RequestReplyClient::send(Request const& request, Reply const& expected,
 
 /// That of an earlier request, which could not be ended for lack of memory.
 void RequestReplyClient::endLeftSubscription() {
-    if (!subscriptionLeft_)
+    if (!subscriptionLeft_) {
         return;
+    }
     MqttDataBase::Lock lock(replies().mutex());
     replies().MqttDataBase::unsubscribe(lock);
     subscriptionLeft_ = false;
@@ -235,8 +243,9 @@ void RequestReplyClient::onTimer() {
     {
         Lock const lock(mutex_);
         timerThread_ = std::this_thread::get_id();
-        if (idle_ || steady_clock::now() < due_)
+        if (idle_ || steady_clock::now() < due_) {
             return;
+        }
         try {
             ending = timeOut(lock);
         } catch (...) {
@@ -253,10 +262,12 @@ void RequestReplyClient::onTimer() {
 /// time-out reply in the queue, and the request pending.
 RequestReplyClient::Ending RequestReplyClient::timeOut(Lock const& lock) {
     bool const connected = mqtt_.communicationState() == conv::ComState::CONNECTED;
-    if (refused_ || (connected && timeoutReplies_ >= MAX_TIMEOUT_REPLIES))
+    if (refused_ || (connected && timeoutReplies_ >= MAX_TIMEOUT_REPLIES)) {
         return endRequest(pending_, ErrorCode::TIMEOUT, pending_.data, lock);
-    if (timeoutReplies_ == 0)
+    }
+    if (timeoutReplies_ == 0) {
         armTimer(RETRY_PERIOD);
+    }
     if (connected || timeoutReplies_ == 0) {
         timeoutReply_.publish();
         ++timeoutReplies_;
@@ -265,13 +276,15 @@ RequestReplyClient::Ending RequestReplyClient::timeOut(Lock const& lock) {
 }
 
 void RequestReplyClient::onMqttData(Reply const& reply, bool empty, int /*id*/) {
-    if (empty)
+    if (empty) {
         return;
+    }
     Ending ending{};
     {
         Lock const lock(mutex_);
-        if (!idle_ && reply.requestId == pending_.requestId && reply.data == expected_)
+        if (!idle_ && reply.requestId == pending_.requestId && reply.data == expected_) {
             ending = endRequest(pending_, reply.error, pending_.data, lock);
+        }
     }
     // From here on this object may be destroyed, by the listener too.
     tell(ending);
@@ -330,8 +343,9 @@ ErrorCode RequestReplyClient::waitEndOfRequest(unsigned int requestId,
 /// still has time hears what the reply said.
 ErrorCode RequestReplyClient::waitFor(conv::SecondsDuration const& timeout, Lock& lock) {
     auto const outcome = outcome_;
-    if (outcome->ended)
+    if (outcome->ended) {
         return pending_.error;
+    }
     Visitors::Visit const visit(callers_);
     auto const deadline = timeout.toTimepoint(steady_clock::now());
     // The worker would have to read the reply that it waits for, and the timer to end a request
@@ -345,10 +359,11 @@ ErrorCode RequestReplyClient::waitFor(conv::SecondsDuration const& timeout, Lock
     }
     --outcome->waiters;
     Ending ending{};
-    if (late && !outcome->ended)
+    if (late && !outcome->ended) {
         ending = endRequest(pending_, ErrorCode::TIMEOUT, lock);
-    else if (late && outcome == outcome_)
+    } else if (late && outcome == outcome_) {
         pending_.error = ErrorCode::TIMEOUT;
+    }
     auto const result = late ? ErrorCode::TIMEOUT : outcome->reply.error;
     waiterLeft_.notify_all();
     lock.unlock();
@@ -368,8 +383,9 @@ ErrorCode RequestReplyClient::cancel() {
 }
 
 RequestReplyClient::Ending RequestReplyClient::callOff(Lock& lock) {
-    if (idle_)
+    if (idle_) {
         return Ending{};
+    }
     auto const outcome = outcome_;
     auto ending = endRequest(pending_, ErrorCode::CANCELLED, lock);
     waiterLeft_.wait(lock, [&] { return outcome->waiters == 0; });
@@ -377,18 +393,21 @@ RequestReplyClient::Ending RequestReplyClient::callOff(Lock& lock) {
 }
 
 void RequestReplyClient::terminate() {
-    if (terminated_)
+    if (terminated_) {
         return;
+    }
     Visitors::Visit const visit(callers_);
     Lock lock(mutex_);
-    if (terminated_.exchange(true))
+    if (terminated_.exchange(true)) {
         return;
+    }
     auto const ending = callOff(lock);
     bool const timerIsQuiet = !timerHasTold_;
     lock.unlock();
     // Its thread may be inside a listener that destroys this object, and waits for us.
-    if (timerIsQuiet)
+    if (timerIsQuiet) {
         timer_.terminate();
+    }
     // From here on this object may be destroyed, by the listener too.
     tell(ending);
 }

@@ -36,8 +36,9 @@ char const* text(ErrorCode error) {
 
 std::ostream& operator<<(std::ostream& out, RequestReply::ErrorCode const& error) {
     out << text(error);
-    if (error > ErrorCode::APPLICATION)
+    if (error > ErrorCode::APPLICATION) {
         out << std::to_string(static_cast<int>(error) - static_cast<int>(ErrorCode::APPLICATION));
+    }
     return out;
 }
 

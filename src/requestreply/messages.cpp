@@ -30,8 +30,9 @@ constexpr std::size_t SUFFIX_LENGTH = sizeof REQUEST - 1;
 
 Topic prefix(Topic const& base, Request const& message, char const* suffix) {
     Topic topic = base;
-    if (!message.serverUuid.isNil())
+    if (!message.serverUuid.isNil()) {
         topic += message.serverUuid;
+    }
     topic += message.topic;
     topic += message.name + suffix;
     return topic;
@@ -39,15 +40,17 @@ Topic prefix(Topic const& base, Request const& message, char const* suffix) {
 
 /// Exactly the type without members: one derived from it may have some.
 bool hasMembers(Request const& message) {
-    if (!message.data)
+    if (!message.data) {
         return false;
+    }
     auto const& data = *message.data;
     return typeid(data) != typeid(RequestReplyNoData);
 }
 
 void appendRest(Serializer& out, Request const& message) {
-    if (hasMembers(message))
+    if (hasMembers(message)) {
         message.data->serialize(out);
+    }
     out.finalize();
 }
 
@@ -85,19 +88,22 @@ void MqttData<Request>::serialize(Topic const& /*topic*/, std::string& payload,
 template <>
 void MqttData<Request>::deserialize(Topic const& topic, std::string const& payload, bool empty,
                                     Request& value) {
-    if (empty)
+    if (empty) {
         return;
+    }
     auto const levels = topic.size();
-    if (levels < 2 || topic[levels - 2].size() < SUFFIX_LENGTH)
+    if (levels < 2 || topic[levels - 2].size() < SUFFIX_LENGTH) {
         throw std::out_of_range("No request has such a topic");
+    }
     Deserializer in(payload);
     Uuid const clientUuid(topic[levels - 1]);
     std::string name = topic[levels - 2];
     name.resize(name.size() - SUFFIX_LENGTH);
     std::uint32_t requestId = 0;
     Deserializer::extractValue(in.getMember("$reqId"), requestId, "");
-    if (hasMembers(value))
+    if (hasMembers(value)) {
         value.data->deserialize(in);
+    }
     value.clientUuid = clientUuid;
     value.name = std::move(name);
     value.requestId = requestId;
@@ -128,8 +134,9 @@ void MqttData<Reply>::serialize(Topic const& /*topic*/, std::string& payload, Re
 template <>
 void MqttData<Reply>::deserialize(Topic const& /*topic*/, std::string const& payload, bool empty,
                                   Reply& value) {
-    if (empty)
+    if (empty) {
         return;
+    }
     Deserializer in(payload);
     std::uint32_t requestId = 0;
     Deserializer::extractValue(in.getMember("$reqId"), requestId, "");
@@ -161,8 +168,9 @@ RequestReply::RequestReply(MqttClient& client, Topic const& base, Topic const& s
     : name_(name), topic_(subPath), requests_(client, base), replies_(client, base) {
     // Only an outer "/" is found by this. With an inner one the server answers under the last
     // level of the name, and requests end by time-out.
-    if (Topic(name).text() != name)
+    if (Topic(name).text() != name) {
         throw std::invalid_argument("Invalid Request/Reply name; should not contain any of '/'.");
+    }
 }
 
 RequestReply::~RequestReply() {

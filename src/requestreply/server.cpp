@@ -57,8 +57,9 @@ Topic RequestReplyServer::requestTopic() const {
 }
 
 void RequestReplyServer::onMqttData(Request const& request, bool empty, int /*id*/) {
-    if (empty)
+    if (empty) {
         return;
+    }
     Reply reply(request);
     reply.error = ErrorCode::NO_LISTENER;
     reply.data = nullptr;
@@ -68,8 +69,9 @@ void RequestReplyServer::onMqttData(Request const& request, bool empty, int /*id
         reply.error = ErrorCode::SUCCESS;
         reply.data = listener->onRequest(request.name, request.clientUuid, request.serverUuid, data,
                                          reply.error);
-        if (alive.expired())
+        if (alive.expired()) {
             return;
+        }
     }
     MqttDataBase::Lock lock(replies().mutex());
     replies().value = reply;

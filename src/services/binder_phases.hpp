@@ -46,19 +46,22 @@ struct BinderPhases final : zym::common::BinderProxy::Listener {
     // The listener may destroy this object.
     void onBound(zym::common::Binder::Error error) override {
         bindingHasEnded();
-        if (listener != nullptr && !terminated)
+        if (listener != nullptr && !terminated) {
             listener->onBound(error);
+        }
     }
     void onUnbound(zym::common::Binder::Error error) override {
-        if (listener != nullptr && !terminated)
+        if (listener != nullptr && !terminated) {
             listener->onUnbound(error);
+        }
     }
 
     /// For the thread that ends the last binding in the base.
     void bindingHasEnded() {
         std::lock_guard const lock(mutex);
-        if (closer != std::this_thread::get_id())
+        if (closer != std::this_thread::get_id()) {
             return;
+        }
         closer = std::thread::id();
         changed.notify_all();
     }

@@ -54,12 +54,14 @@ bool isBound(Binder::Error error) {
 /// Without an unbinding in between the base has it under way until then.
 void waitForCloser(BinderPhases& phases, Lock& lock, bool seesListener) {
     auto const isThrough = [&phases] { return phases.closer == std::thread::id(); };
-    if (!phases.overtaken || phases.closer == std::this_thread::get_id())
+    if (!phases.overtaken || phases.closer == std::this_thread::get_id()) {
         return;
-    if (seesListener)
+    }
+    if (seesListener) {
         phases.changed.wait(lock, isThrough);
-    else // It may call the listener for long, and does no harm any more.
+    } else { // It may call the listener for long, and does no harm any more.
         phases.changed.wait_for(lock, CLOSING_TIME, isThrough);
+    }
 }
 
 /// 0 when it is over.
@@ -123,19 +125,22 @@ void BinderMqttProxy::release() noexcept {
 }
 
 void BinderMqttProxy::terminate() {
-    if (isTerminated())
+    if (isTerminated()) {
         return;
+    }
     auto const callers = callers_;
     {
         Visitors::Visit const visit(callers);
-        if (visit.isInside())
+        if (visit.isInside()) {
             endWaits();
+        }
     }
     // Waits for calls to the listener, and one of them may destroy this object.
     zym::common::BinderProxy::terminate();
     Visitors::Visit const visit(callers);
-    if (visit.isInside())
+    if (visit.isInside()) {
         endRequests();
+    }
 }
 
 /// The base waits for calls to the listener, and such a call may itself wait for a server.
@@ -148,10 +153,12 @@ void BinderMqttProxy::endWaits() {
         binding = phases_->binding.open && phases_->binding.awaited;
         unbinding = phases_->unbinding.open && phases_->unbinding.awaited;
     }
-    if (unbinding)
+    if (unbinding) {
         unbindClient_.cancel();
-    if (binding)
+    }
+    if (binding) {
         bindClient_.cancel();
+    }
 }
 
 void BinderMqttProxy::endRequests() {
@@ -163,8 +170,9 @@ void BinderMqttProxy::endRequests() {
 Binder::Error BinderMqttProxy::bind(Uuid const& server, conv::SecondsDuration const& timeout) {
     Visitors::Visit const visit(callers_);
     auto const begun = beginBinding(server, this, timeout);
-    if (begun.error != Binder::Error::SUCCESS || begun.code == ErrorCode::PENDING)
+    if (begun.error != Binder::Error::SUCCESS || begun.code == ErrorCode::PENDING) {
         return begun.error;
+    }
     auto const error = requestReplyToBinderError(begun.code);
     closeBinding(begun.phase, error);
     return error;
@@ -173,10 +181,12 @@ Binder::Error BinderMqttProxy::bind(Uuid const& server, conv::SecondsDuration co
 Binder::Error BinderMqttProxy::bindSync(Uuid const& server, conv::SecondsDuration const& timeout) {
     Visitors::Visit const visit(callers_);
     auto begun = beginBinding(server, nullptr, NO_TIMEOUT);
-    if (begun.error != Binder::Error::SUCCESS)
+    if (begun.error != Binder::Error::SUCCESS) {
         return begun.error;
-    if (begun.code == ErrorCode::PENDING)
+    }
+    if (begun.code == ErrorCode::PENDING) {
         begun.code = bindClient_.waitEndOfRequest(begun.requestId, timeout);
+    }
     return onBindReply(begun.phase, begun.code, true);
 }
 
@@ -189,21 +199,24 @@ BinderMqttProxy::Begun BinderMqttProxy::beginBinding(Uuid const& server,
         Lock lock(phases_->mutex);
         waitForCloser(*phases_, lock, typeid(*this) == typeid(BinderMqttProxy));
         begun.error = phases_->terminated ? Binder::Error::CANCELLED : startBinding(server);
-        if (begun.error != Binder::Error::SUCCESS)
+        if (begun.error != Binder::Error::SUCCESS) {
             return begun;
+        }
         begun.phase = phases_->beginBinding();
         phases_->binding.awaited = listener == nullptr;
         begun.code =
             bindClient_.request(listener, uuid(), server, data, NO_DATA, &begun.requestId, timeout);
-        if (begun.code == ErrorCode::PENDING)
+        if (begun.code == ErrorCode::PENDING) {
             phases_->binding.ask(begun.requestId);
+        }
     } catch (...) {
         closeBinding(begun.phase, Binder::Error::FAILED);
         throw;
     }
     // That of a binding which a derived class has ended by itself: the next one shall not meet it.
-    if (begun.code == ErrorCode::BUSY)
+    if (begun.code == ErrorCode::BUSY) {
         bindClient_.cancel();
+    }
     return begun;
 }
 
@@ -215,12 +228,14 @@ Binder::Error BinderMqttProxy::onBindReply(unsigned int phase, ErrorCode code, b
     }
     bool const done = readTime(phase, blocking);
     if (!blocking) {
-        if (!done)
+        if (!done) {
             closeBinding(phase, Binder::Error::NOT_SYNCHRONIZED);
+        }
         return error;
     }
-    if (!done)
+    if (!done) {
         return Binder::Error::NOT_SYNCHRONIZED;
+    }
     auto const before = std::exchange(synchronizedHere, {this, phase});
     callUser([this] { onTimeSynchronized(); });
     synchronizedHere = before;
@@ -231,8 +246,9 @@ Binder::Error BinderMqttProxy::onBindReply(unsigned int phase, ErrorCode code, b
 bool BinderMqttProxy::readTime(unsigned int phase, bool blocking) {
     {
         Lock const lock(phases_->mutex);
-        if (!phases_->binding.is(phase))
+        if (!phases_->binding.is(phase)) {
             return false;
+        }
         ++phases_->readers;
     }
     bool done = false;
@@ -255,24 +271,28 @@ void BinderMqttProxy::closeBinding(unsigned int phase, Binder::Error error) {
     auto const callers = callers_;
     {
         Lock const lock(phases_->mutex);
-        if (!phases_->binding.is(phase))
+        if (!phases_->binding.is(phase)) {
             return;
+        }
         phases_->binding.open = false;
         phases_->closer = std::this_thread::get_id();
         phases_->overtaken = false;
     }
     callUser([this, error] { endBinding(error); });
-    if (!callers->isClosed())
+    if (!callers->isClosed()) {
         phases_->bindingHasEnded();
+    }
 }
 
 Binder::Error BinderMqttProxy::unbind(conv::SecondsDuration const& timeout) {
     Visitors::Visit const visit(callers_);
     auto const begun = beginUnbinding(this, timeout);
-    if (begun.error != Binder::Error::SUCCESS || begun.code == ErrorCode::PENDING)
+    if (begun.error != Binder::Error::SUCCESS || begun.code == ErrorCode::PENDING) {
         return begun.error;
-    if (begun.code == ErrorCode::SUCCESS)
+    }
+    if (begun.code == ErrorCode::SUCCESS) {
         return onUnbindReply(begun.phase, begun.code);
+    }
     auto const error = requestReplyToBinderError(begun.code);
     closeUnbinding(begun.phase, error);
     return error;
@@ -281,10 +301,12 @@ Binder::Error BinderMqttProxy::unbind(conv::SecondsDuration const& timeout) {
 Binder::Error BinderMqttProxy::unbindSync(conv::SecondsDuration const& timeout) {
     Visitors::Visit const visit(callers_);
     auto begun = beginUnbinding(nullptr, NO_TIMEOUT);
-    if (begun.error != Binder::Error::SUCCESS)
+    if (begun.error != Binder::Error::SUCCESS) {
         return begun.error;
-    if (begun.code == ErrorCode::PENDING)
+    }
+    if (begun.code == ErrorCode::PENDING) {
         begun.code = unbindClient_.waitEndOfRequest(begun.requestId, timeout);
+    }
     return onUnbindReply(begun.phase, begun.code);
 }
 
@@ -296,18 +318,20 @@ BinderMqttProxy::Begun BinderMqttProxy::beginUnbinding(RequestReplyClient::Liste
     {
         Lock const lock(phases_->mutex);
         begun.error = phases_->terminated ? Binder::Error::CANCELLED : startUnbinding();
-        if (begun.error != Binder::Error::SUCCESS)
+        if (begun.error != Binder::Error::SUCCESS) {
             return begun;
+        }
         begun.phase = phases_->unbinding.begin();
         phases_->unbinding.awaited = listener == nullptr;
         phases_->calledOff = false;
     }
     // The listener hears that its binding is called off.
     bindClient_.cancel();
-    if (callers->isClosed())
+    if (callers->isClosed()) {
         begun.error = Binder::Error::CANCELLED;
-    else
+    } else {
         sendUnbinding(begun, listener, timeout);
+    }
     return begun;
 }
 
@@ -325,8 +349,9 @@ void BinderMqttProxy::sendUnbinding(Begun& begun, RequestReplyClient::Listener* 
         }
         begun.code = unbindClient_.request(listener, uuid(), serverUuid(), NO_DATA, NO_DATA,
                                            &begun.requestId, timeout);
-        if (begun.code == ErrorCode::PENDING)
+        if (begun.code == ErrorCode::PENDING) {
             phases_->unbinding.ask(begun.requestId);
+        }
     } catch (...) {
         closeUnbinding(begun.phase, Binder::Error::FAILED);
         throw;
@@ -347,8 +372,9 @@ Binder::Error BinderMqttProxy::onUnbindReply(unsigned int phase, ErrorCode code)
 void BinderMqttProxy::completeUnbinding(unsigned int phase) {
     {
         Lock const lock(phases_->mutex);
-        if (!phases_->unbinding.is(phase))
+        if (!phases_->unbinding.is(phase)) {
             return;
+        }
         phases_->unbinding.open = false;
         phases_->binding.open = false;
         auto const closer = phases_->closer;
@@ -376,8 +402,9 @@ void BinderMqttProxy::stopTime() {
 void BinderMqttProxy::closeUnbinding(unsigned int phase, Binder::Error error) {
     {
         Lock const lock(phases_->mutex);
-        if (!phases_->unbinding.is(phase))
+        if (!phases_->unbinding.is(phase)) {
             return;
+        }
         phases_->unbinding.open = false;
     }
     callUser([this, error] { endUnbinding(error); });
@@ -396,10 +423,11 @@ void BinderMqttProxy::onReply(unsigned int requestId, std::string const& name,
                               Uuid const& /*clientUuid*/, Uuid const& /*serverUuid*/,
                               RequestReplyData const& /*data*/, ErrorCode error) {
     Visitors::Visit const visit(callers_);
-    if (name == bindClient_.name())
+    if (name == bindClient_.name()) {
         onBindReply(phaseOf(*phases_, phases_->binding, requestId), error, false);
-    else if (name == unbindClient_.name())
+    } else if (name == unbindClient_.name()) {
         onUnbindReply(phaseOf(*phases_, phases_->unbinding, requestId), error);
+    }
 }
 
 void BinderMqttProxy::onTimeSynchronized() {
@@ -441,8 +469,9 @@ Binder::Error BinderMqttProxy::requestReplyToBinderError(ErrorCode code) {
     default:
         break;
     }
-    if (code < ErrorCode::APPLICATION)
+    if (code < ErrorCode::APPLICATION) {
         return Binder::Error::FAILED;
+    }
     auto const offset = static_cast<std::uint8_t>(ErrorCode::APPLICATION);
     return static_cast<Binder::Error>(static_cast<std::uint8_t>(code) - offset);
 }

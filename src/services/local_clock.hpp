@@ -17,8 +17,9 @@ inline double monotonicSeconds() {
 inline std::uint32_t wholeSeconds(double seconds) {
     constexpr auto largest = std::numeric_limits<std::uint32_t>::max();
     // Not a number is none, either.
-    if (!(seconds > 0.0))
+    if (!(seconds > 0.0)) {
         return 0;
+    }
     return seconds < largest ? static_cast<std::uint32_t>(seconds) : largest;
 }
 

@@ -50,8 +50,9 @@ ServiceDiscovererMqtt::~ServiceDiscovererMqtt() {
     callers_->waitForOthers();
     linksData_.release();
     // Nobody adds to them any more.
-    for (auto const& endpoint : identificationEndpoints_)
+    for (auto const& endpoint : identificationEndpoints_) {
         endpoint->release();
+    }
 }
 
 bool ServiceDiscovererMqtt::discoverSync(conv::SecondsDuration timeout, bool withIdentification) {
@@ -65,13 +66,15 @@ bool ServiceDiscovererMqtt::waitChange(conv::SecondsDuration timeout, bool withI
 bool ServiceDiscovererMqtt::launchSync(conv::SecondsDuration timeout, bool withIdentification,
                                        bool waitForChange) {
     // The answers would have to be read by the very thread that waits for them.
-    if (client_.onWorkerThread())
+    if (client_.onWorkerThread()) {
         return false;
+    }
     Visitors::Visit const visit(callers_);
     std::lock_guard const run(runMutex_);
     Lock lock(mutex_);
-    if (ending_)
+    if (ending_) {
         return false;
+    }
     withIdentification_ = withIdentification;
     waitForChange_ = waitForChange;
     done_ = false;
@@ -87,10 +90,12 @@ bool ServiceDiscovererMqtt::waitUntilDone(conv::SecondsDuration const& timeout, 
         auto const now = steady_clock::now();
         auto const sliceEnd = deadline - now > SLICE ? now + SLICE : deadline;
         waitUntil(changed_, lock, sliceEnd, [this] { return done_ || failed_ || ending_; });
-        if (done_)
+        if (done_) {
             return true;
-        if (failed_ || ending_ || steady_clock::now() >= deadline)
+        }
+        if (failed_ || ending_ || steady_clock::now() >= deadline) {
             break;
+        }
     }
     cleanSubscriptions(lock);
     return done_;
@@ -114,16 +119,19 @@ void ServiceDiscovererMqtt::cleanSubscriptions(Lock const& /*lock*/) {
     awaitsLinks_ = false;
     awaited_.clear();
     linksData_.unsubscribe();
-    for (auto const& endpoint : identificationEndpoints_)
+    for (auto const& endpoint : identificationEndpoints_) {
         endpoint->unsubscribe();
+    }
 }
 
 void ServiceDiscovererMqtt::onMqttData(std::vector<Link> const& links, bool empty, int /*id*/) {
-    if (empty)
+    if (empty) {
         return;
+    }
     Lock const lock(mutex_);
-    if (!accepts(links, lock))
+    if (!accepts(links, lock)) {
         return;
+    }
     try {
         takeOver(links, lock);
     } catch (...) {
@@ -138,8 +146,9 @@ void ServiceDiscovererMqtt::takeOver(std::vector<Link> const& links, Lock const&
     links_ = links;
     linksData_.unsubscribe();
     expect(links.size(), lock);
-    if (isDone(lock))
+    if (isDone(lock)) {
         return;
+    }
     identifications_.assign(links.size(), placeholder());
     if (withIdentification_) {
         askEntities(lock);
@@ -172,20 +181,23 @@ void ServiceDiscovererMqtt::askEntities(Lock const& /*lock*/) {
 
 void ServiceDiscovererMqtt::onMqttData(conv::Identification const& identification, bool empty,
                                        int id) {
-    if (empty)
+    if (empty) {
         return;
+    }
     Endpoint* endpoint = nullptr;
     {
         Lock const lock(mutex_);
         endpoint = awaited(id, lock);
     }
-    if (endpoint == nullptr)
+    if (endpoint == nullptr) {
         return;
+    }
     // Endpoints are replaced by this thread only.
     endpoint->unsubscribe();
     Lock const lock(mutex_);
-    if (awaited(id, lock) == nullptr)
+    if (awaited(id, lock) == nullptr) {
         return;
+    }
     auto const position = static_cast<std::size_t>(id);
     awaited_[position] = false;
     identifications_[position] = identification;
@@ -197,14 +209,16 @@ void ServiceDiscovererMqtt::onMqttData(conv::Identification const& identificatio
 ServiceDiscovererMqtt::Endpoint* ServiceDiscovererMqtt::awaited(int id,
                                                                 Lock const& /*lock*/) const {
     auto const position = static_cast<std::size_t>(id);
-    if (id < 0 || position >= awaited_.size() || !awaited_[position])
+    if (id < 0 || position >= awaited_.size() || !awaited_[position]) {
         return nullptr;
+    }
     return identificationEndpoints_[position].get();
 }
 
 bool ServiceDiscovererMqtt::isDone(Lock const& /*lock*/) {
-    if (pending_ != 0)
+    if (pending_ != 0) {
         return false;
+    }
     done_ = true;
     changed_.notify_all();
     return true;

@@ -22,8 +22,9 @@ void SynchronizedTimeBaseMqttAdaptor::release() noexcept {
 }
 
 void SynchronizedTimeBaseMqttAdaptor::terminate() {
-    if (setTerminatedFlag())
+    if (setTerminatedFlag()) {
         server_.unsubscribeWait();
+    }
 }
 
 std::uint32_t SynchronizedTimeBaseMqttAdaptor::timeBase() const {

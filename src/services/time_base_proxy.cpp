@@ -86,8 +86,9 @@ void SynchronizedTimeBaseMqttProxy::release() noexcept {
 }
 
 void SynchronizedTimeBaseMqttProxy::terminate() {
-    if (!setTerminatedFlag())
+    if (!setTerminatedFlag()) {
         return;
+    }
     registerListener(nullptr);
     requestClient_.terminate();
     timer_.terminate();
@@ -115,8 +116,9 @@ bool SynchronizedTimeBaseMqttProxy::synchronize(Uuid const& server,
 
 /// Active before the first request leaves: its reply may be here before `request` returns.
 bool SynchronizedTimeBaseMqttProxy::start(Uuid const& server, bool blocking, Lock const& lock) {
-    if (active_)
+    if (active_) {
         return false;
+    }
     reset(lock);
     setServerUuid(server);
     active_ = true;
@@ -140,15 +142,18 @@ bool SynchronizedTimeBaseMqttProxy::waitUntilSynchronized(conv::SecondsDuration 
     auto const deadline = steady_clock::now() + seconds(patience);
     auto const run = run_;
     while (run == run_ && active_) {
-        if (isSynchronized())
+        if (isSynchronized()) {
             return true;
-        if (steady_clock::now() >= deadline)
+        }
+        if (steady_clock::now() >= deadline) {
             break;
+        }
         waitSlice(changed_, lock, deadline);
     }
     // Who has stopped this run may have started another one since.
-    if (run == run_)
+    if (run == run_) {
         stop(lock);
+    }
     return false;
 }
 
@@ -181,8 +186,9 @@ void SynchronizedTimeBaseMqttProxy::reset(Lock const& /*lock*/) {
 
 void SynchronizedTimeBaseMqttProxy::forceSync() {
     Lock const lock(mutex_);
-    if (!isSynchronized())
+    if (!isSynchronized()) {
         return;
+    }
     sendRequest(true, lock);
     remainingSamples_ = SAMPLES;
     setOffset(0.0);
@@ -190,10 +196,12 @@ void SynchronizedTimeBaseMqttProxy::forceSync() {
 
 bool SynchronizedTimeBaseMqttProxy::sendRequest(bool notify, Lock const& lock) {
     notifyOnSuccess_ = notify;
-    if (tryToSendRequest(lock))
+    if (tryToSendRequest(lock)) {
         return true;
-    if (isSynchronized())
+    }
+    if (isSynchronized()) {
         return false; // the timer's exchange is as good as ours
+    }
     // An expiry of the timer from before this run is late, and was faster than we are: nobody
     // needs its exchange, and without ours there would be no next one.
     requestClient_.cancel();
@@ -211,13 +219,15 @@ bool SynchronizedTimeBaseMqttProxy::tryToSendRequest(Lock const& /*lock*/) {
 /// Makes the next exchange of a run, now or, when that cannot be, later.
 void SynchronizedTimeBaseMqttProxy::goOn(Lock const& lock) {
     try {
-        if (sendRequest(notifyOnSuccess_, lock))
+        if (sendRequest(notifyOnSuccess_, lock)) {
             return;
+        }
     } catch (...) {
         // No memory, or a derived clock that throws.
     }
-    if (isSynchronized())
+    if (isSynchronized()) {
         return; // the periodic exchange is enough
+    }
     retrying_ = true;
     arm(RETRY_PERIOD, lock);
 }
@@ -234,22 +244,26 @@ void SynchronizedTimeBaseMqttProxy::onReply(unsigned int /*requestId*/, std::str
                                             RequestReplyData const& data, ErrorCode error) {
     // A request that was called off comes without its sample, and with our mutex locked already.
     auto const* const sample = dynamic_cast<Sample const*>(&data);
-    if (sample == nullptr)
+    if (sample == nullptr) {
         return;
+    }
     double const offset = offsetOf(*sample);
     auto const run = sample->run;
     bool done = false;
     {
         Lock const lock(mutex_);
-        if (!isCurrent(*sample, lock))
+        if (!isCurrent(*sample, lock)) {
             return;
-        if (error == ErrorCode::SUCCESS && std::isfinite(offset))
+        }
+        if (error == ErrorCode::SUCCESS && std::isfinite(offset)) {
             done = updateTimeBase(offset, lock);
-        else
+        } else {
             goOn(lock);
+        }
     }
-    if (done)
+    if (done) {
         tellListener(run);
+    }
 }
 
 /// Not a number when the reply could not be read, or our clock.
@@ -269,8 +283,9 @@ bool SynchronizedTimeBaseMqttProxy::isCurrent(Sample const& sample, Lock const& 
 bool SynchronizedTimeBaseMqttProxy::updateTimeBase(double sample, Lock const& lock) {
     if (isSynchronized()) {
         filter(sample, lock);
-        if (!periodic_)
+        if (!periodic_) {
             startPeriodicExchange(lock);
+        }
         return false;
     }
     if (remainingSamples_ == SAMPLES) {
@@ -289,8 +304,9 @@ bool SynchronizedTimeBaseMqttProxy::updateTimeBase(double sample, Lock const& lo
 
 void SynchronizedTimeBaseMqttProxy::filter(double sample, Lock const& /*lock*/) {
     setOffset(gain_ * sample + (1 - gain_) * offset_);
-    if (gain_ > LEAST_GAIN)
+    if (gain_ > LEAST_GAIN) {
         gain_ *= GAIN_DECAY;
+    }
 }
 
 void SynchronizedTimeBaseMqttProxy::setSynchronized(Lock const& lock) {
@@ -313,8 +329,9 @@ void SynchronizedTimeBaseMqttProxy::tellListener(unsigned int run) {
     Visitors::Visit const visit(tellers_);
     {
         Lock const lock(mutex_);
-        if (run != run_)
+        if (run != run_) {
             return;
+        }
     }
     // The listener may destroy this object.
     callUser([this] { notifyListener(); });
@@ -332,8 +349,9 @@ void SynchronizedTimeBaseMqttProxy::onTimer() {
             return;
         }
         // Without a connection the exchanges would only fill the queue.
-        if (!isSynchronized() || mqtt_.communicationState() != conv::ComState::CONNECTED)
+        if (!isSynchronized() || mqtt_.communicationState() != conv::ComState::CONNECTED) {
             return;
+        }
         notifyOnSuccess_ = true;
         sample = std::make_shared<Sample>(run_);
         request = std::make_shared<TimeSyncRequestData>(localTimeBase());
@@ -341,12 +359,14 @@ void SynchronizedTimeBaseMqttProxy::onTimer() {
     }
     // Unless it was a reply that ended the exchange, the sample has not been read.
     if (requestClient_.requestWait(uuid(), server, request, sample, REQUEST_TIMEOUT)
-        != ErrorCode::SUCCESS)
+        != ErrorCode::SUCCESS) {
         return;
+    }
     double const offset = offsetOf(*sample);
     Lock const lock(mutex_);
-    if (std::isfinite(offset) && isCurrent(*sample, lock))
+    if (std::isfinite(offset) && isCurrent(*sample, lock)) {
         updateTimeBase(offset, lock);
+    }
 }
 
 std::uint32_t SynchronizedTimeBaseMqttProxy::timeBase() const {

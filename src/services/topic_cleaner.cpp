@@ -87,8 +87,9 @@ TopicCleaner::~TopicCleaner() {
 void TopicCleaner::clean(Topic const& topic, milliseconds duration) {
     Visitors::Visit const visit(callers_);
     Lock const lock(tasksMutex_);
-    if (terminated_)
+    if (terminated_) {
         return;
+    }
     auto const running = std::find_if(tasks_.begin(), tasks_.end(),
                                       [&](auto const& task) { return *task == topic; });
     if (running != tasks_.end()) {
@@ -98,8 +99,9 @@ void TopicCleaner::clean(Topic const& topic, milliseconds duration) {
     auto const tag = taskCount_ + 1;
     Tasks made{std::make_shared<Task>(client_, topic, tag, duration, this)};
     // Nobody else would: a topic without retained messages sees no activity.
-    if (tasks_.empty())
+    if (tasks_.empty()) {
         arm(NO_ACTIVITY_TIME);
+    }
     made.front()->start();
     taskCount_ = tag;
     tasks_.splice(tasks_.end(), made);
@@ -108,8 +110,9 @@ void TopicCleaner::clean(Topic const& topic, milliseconds duration) {
 
 /// An empty message is an erased one, most likely by ourselves.
 void TopicCleaner::onMqttMessage(int /*tag*/, Topic const& topic, std::string const& payload) {
-    if (!payload.empty())
+    if (!payload.empty()) {
         client_->clear(topic);
+    }
     arm(milliseconds::zero());
 }
 
@@ -130,8 +133,9 @@ void TopicCleaner::onTimer() {
         // No memory for the name of a topic, whose request is left: the next look ends it.
         callUser([this] { arm(NO_ACTIVITY_TIME); });
     }
-    if (alive.expired())
+    if (alive.expired()) {
         return;
+    }
     looker_ = std::thread::id();
     tasksDone_.notify_all();
 }
@@ -144,19 +148,22 @@ void TopicCleaner::handleTasksExpiration(Lock& lock) {
         ended.splice(ended.end(), tasks_, due);
         lock.unlock();
         ended.clear();
-        if (!tell([&] { listener_->onTopicCleaned(topic); }, lock))
+        if (!tell([&] { listener_->onTopicCleaned(topic); }, lock)) {
             return;
+        }
     }
     if (!tasks_.empty()) {
         arm(NO_ACTIVITY_TIME);
         return;
     }
     // Who ends all work lets the waiters go too.
-    if (!cleaning_ || terminated_)
+    if (!cleaning_ || terminated_) {
         return;
+    }
     lock.unlock();
-    if (!tell([&] { listener_->onAllTopicsCleaned(); }, lock))
+    if (!tell([&] { listener_->onAllTopicsCleaned(); }, lock)) {
         return;
+    }
     // The listener may have asked for the next topic.
     cleaning_ = !tasks_.empty();
 }
@@ -165,10 +172,12 @@ void TopicCleaner::handleTasksExpiration(Lock& lock) {
 template <class Call>
 bool TopicCleaner::tell(Call const& call, Lock& lock) {
     std::weak_ptr<void> const alive = alive_;
-    if (listener_ != nullptr && !terminated_)
+    if (listener_ != nullptr && !terminated_) {
         callUser(call);
-    if (alive.expired())
+    }
+    if (alive.expired()) {
         return false;
+    }
     lock.lock();
     return true;
 }
@@ -190,8 +199,9 @@ bool TopicCleaner::waitAllTasks(milliseconds timeout) const {
     Visitors::Visit const visit(callers_);
     Lock lock(tasksMutex_);
     // These would have to end what they wait for.
-    if (isLooking(lock) || client_->onWorkerThread())
+    if (isLooking(lock) || client_->onWorkerThread()) {
         timeout = milliseconds::zero();
+    }
     return waitUntil(tasksDone_, lock, later(steady_clock::now(), timeout),
                      [this] { return tasks_.empty() && !cleaning_; });
 }
@@ -205,8 +215,9 @@ void TopicCleaner::terminate() {
             return destroyedInside_ || looker_ == std::thread::id() || isLooking(lock);
         });
         // The destructor does the rest, and waits for us.
-        if (destroyedInside_ && !isLooking(lock))
+        if (destroyedInside_ && !isLooking(lock)) {
             return;
+        }
     }
     timer_.terminate();
     Tasks dropped;
@@ -217,8 +228,9 @@ void TopicCleaner::terminate() {
         tasksDone_.notify_all();
     }
     dropped.clear();
-    if (client_->disconnect(BROKER_TIMEOUT) != MqttClient::Error::SUCCESS)
+    if (client_->disconnect(BROKER_TIMEOUT) != MqttClient::Error::SUCCESS) {
         client_->giveUp();
+    }
     // A client that stays disconnected keeps a processor busy.
     client_->pause();
 }

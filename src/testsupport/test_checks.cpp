@@ -97,8 +97,9 @@ void testTopicClean(Topic const& topic, TestCounter& counter) {
         static_cast<void>(checker.client.subscribe(topic, &checker, 0));
         check.start();
         for (int poll = 0; poll < CLEAN_POLLS; ++poll) {
-            if (!checker.clean)
+            if (!checker.clean) {
                 throw test_error();
+            }
             zym::common::test::sleep(PAUSE);
         }
         check.pass();
@@ -116,8 +117,9 @@ void testLinkInCollection(std::string const& link, Topic const& topic, char cons
         collection.subscribe(nullptr, 0);
         check.start();
         for (int poll = 1; !isLinkPublishedInCollection(link, collection); ++poll) {
-            if (poll == LINK_POLLS)
+            if (poll == LINK_POLLS) {
                 throw test_error();
+            }
             zym::common::test::sleep(PAUSE);
         }
         check.pass();

@@ -25,8 +25,9 @@ void expectCleaned(Stage& stage) {
 
 /// For an hour, unless it is in the middle of it.
 void beginToClean(Stage& stage) {
-    if (!stage.own)
+    if (!stage.own) {
         stage.things.makeCleaner().clean(stage.topic("for ever"), std::chrono::hours(1));
+    }
 }
 
 } // namespace

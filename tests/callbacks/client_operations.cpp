@@ -36,8 +36,9 @@ void expectConnection(Stage& stage) {
 }
 
 void expectDisconnection(Stage& stage) {
-    if (stage.refused)
+    if (stage.refused) {
         return expectConnection(stage);
+    }
     EXPECT_TRUE(support::eventually(
         [&] { return stage.client->communicationState() == conv::ComState::DISCONNECTED; }));
 }
@@ -124,8 +125,9 @@ Operations pausing() {
                  // It takes effect at the end of the step that calls us, and of another one.
                  s.peer.publish(s.topic("wake"), "hello");
                  EXPECT_EQ(s.client->publish(s.topic("x"), "hello", 2, false), Error::SUCCESS);
-                 for (int i = 0; i < 20; ++i)
+                 for (int i = 0; i < 20; ++i) {
                      s.peer.publish(s.topic("other"), "hello");
+                 }
                  EXPECT_EQ(s.countAtPeer(s.topic("x")), 0U);
                  s.client->resume();
                  expectAtPeer(s);
@@ -141,8 +143,9 @@ Operations pausing() {
 Operations wills() {
     return {{"MqttClient/setWill", nothing, [](Stage& s) { EXPECT_EQ(setWill(s), expected(s)); },
              [](Stage& s) {
-                 if (s.refused)
+                 if (s.refused) {
                      return expectConnection(s);
+                 }
                  s.vanish();
                  expectAtPeer(s);
              },
@@ -155,8 +158,9 @@ Operations wills() {
              },
              [](Stage& s) { EXPECT_EQ(s.client->clearWill(), expected(s)); },
              [](Stage& s) {
-                 if (s.refused)
+                 if (s.refused) {
                      return expectConnection(s);
+                 }
                  s.vanish();
                  s.peer.publish(s.topic("last"), "hello");
                  EXPECT_EQ(s.countAtPeer(s.topic("x")), 0U);
@@ -176,7 +180,8 @@ Operations wills() {
 Operations clientOperations() {
     Operations all;
     for (auto const& some :
-         {publishing(), subscribing(), listening(), connecting(), pausing(), wills()})
+         {publishing(), subscribing(), listening(), connecting(), pausing(), wills()}) {
         all.insert(all.end(), some.begin(), some.end());
+    }
     return all;
 }

@@ -66,8 +66,9 @@ Operations publishing() {
                            s.refused ? Error::CONNECTION_PENDING : Error::SUCCESS);
              },
              [](Stage& s) {
-                 if (s.refused)
+                 if (s.refused) {
                      return s.flush();
+                 }
                  s.vanish();
                  expectAtPeer(s);
              },

@@ -39,8 +39,9 @@ public:
         // Who waits for this event may destroy the ear as soon as it was kept.
         auto const hook = hook_;
         events_.change([&](auto& events) { events.push_back(event); });
-        if (*hook)
+        if (*hook) {
             (*hook)(event);
+        }
     }
 
     void clear() {

@@ -14,8 +14,9 @@ std::string trimmed(std::string const& text) {
 std::vector<std::string> cellsOf(std::string const& line) {
     std::vector<std::string> cells;
     std::istringstream in(line.substr(1));
-    for (std::string cell; std::getline(in, cell, '|');)
+    for (std::string cell; std::getline(in, cell, '|');) {
         cells.push_back(trimmed(cell));
+    }
     return cells;
 }
 
@@ -26,8 +27,9 @@ std::vector<std::string> marked(std::string const& text, std::string const& mark
     while (begin != std::string::npos) {
         begin += mark.size();
         auto const end = text.find(mark, begin);
-        if (end == std::string::npos)
+        if (end == std::string::npos) {
             break;
+        }
         found.push_back(text.substr(begin, end - begin));
         begin = text.find(mark, end + mark.size());
     }
@@ -36,8 +38,9 @@ std::vector<std::string> marked(std::string const& text, std::string const& mark
 
 Row rowOf(std::vector<std::string> const& cells, std::string& className) {
     auto const classes = marked(cells[0], "**");
-    if (!classes.empty())
+    if (!classes.empty()) {
         className = classes[0];
+    }
     Row row;
     for (auto const& operation : marked(cells[0], "`")) {
         // Built up: a compiler takes `className + "/" + operation` for a mistake.
@@ -46,10 +49,12 @@ Row rowOf(std::vector<std::string> const& cells, std::string& className) {
         name += operation;
         row.names.push_back(name);
     }
-    if (row.names.empty())
+    if (row.names.empty()) {
         row.names.push_back(className);
-    for (std::size_t i = 1; i < cells.size(); ++i)
+    }
+    for (std::size_t i = 1; i < cells.size(); ++i) {
         row.cells.push_back(trimmed(cells[i].substr(0, cells[i].find('('))));
+    }
     return row;
 }
 
@@ -68,8 +73,9 @@ std::vector<Row> tableOfTheGuide(std::string const& heading) {
             tableLines = 0;
         }
         // The first two are the heads of the columns and a rule.
-        if (inside && line.rfind('|', 0) == 0 && ++tableLines > 2)
+        if (inside && line.rfind('|', 0) == 0 && ++tableLines > 2) {
             rows.push_back(rowOf(cellsOf(line), className));
+        }
     }
     return rows;
 }

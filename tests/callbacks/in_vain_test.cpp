@@ -24,9 +24,10 @@ using Wait = std::function<bool(Stage&)>;
 
 bool waitForReply(Stage& stage, bool already) {
     auto& requester = stage.things.makeRequester("echo");
-    if (already)
+    if (already) {
         return stage.things.request() == Code::PENDING
                && requester.waitEndOfRequest(A_SECOND) == Code::TIMEOUT;
+    }
     return requester.requestWait(stage.things.id, zym::common::Uuid::NIL,
                                  std::make_shared<NumberData>(1), nullptr, A_SECOND)
            == Code::TIMEOUT;
@@ -91,8 +92,9 @@ bool waitsInVain(Wait const& wait, Stage& stage) {
     support::Watched<int> ended;
     bool inVain = false;
     stage.callersEar.setHook([&](std::string const& event) {
-        if (event.rfind("message", 0) != 0)
+        if (event.rfind("message", 0) != 0) {
             return;
+        }
         inVain = wait(stage);
         ended.change([](int& count) { ++count; });
     });
@@ -112,15 +114,17 @@ TEST(AWaitInVain, EndsByTimeOut) {
         threads.emplace_back([&name = name, &wait = wait, &stage = *stages.back()] {
             EXPECT_TRUE(waitsInVain(wait, stage)) << name;
             // What was asked for is done all the same, and the client goes on.
-            if (name != "MqttClient/disconnect")
+            if (name != "MqttClient/disconnect") {
                 return stage.flush();
+            }
             EXPECT_TRUE(support::eventually([&] {
                 return stage.client->communicationState() == conv::ComState::DISCONNECTED;
             }));
         });
     }
-    for (auto& thread : threads)
+    for (auto& thread : threads) {
         thread.join();
+    }
 }
 
 TEST(AWaitInVain, EndsByTimeOutInTheCleanersOwnCallToo) {
@@ -129,8 +133,9 @@ TEST(AWaitInVain, EndsByTimeOutInTheCleanersOwnCallToo) {
     support::Watched<int> ended;
     bool done = true;
     stage.ear.setHook([&](std::string const& event) {
-        if (event != "all cleaned")
+        if (event != "all cleaned") {
             return;
+        }
         done = cleaner.waitAllTasks(std::chrono::hours(1));
         ended.change([](int& count) { ++count; });
     });
@@ -142,12 +147,15 @@ TEST(AWaitInVain, EndsByTimeOutInTheCleanersOwnCallToo) {
 
 TEST(TheFirstTableOfTheGuide, NamesTheWaitsInVain) {
     std::vector<std::string> inTheTable;
-    for (auto const& row : tableOfTheGuide("Which operation may be called from which callback"))
-        if (row.cells.at(0) == "in vain")
+    for (auto const& row : tableOfTheGuide("Which operation may be called from which callback")) {
+        if (row.cells.at(0) == "in vain") {
             inTheTable.insert(inTheTable.end(), row.names.begin(), row.names.end());
+        }
+    }
     std::vector<std::string> tested;
-    for (auto const& wait : waits())
+    for (auto const& wait : waits()) {
         tested.push_back(wait.first);
+    }
     EXPECT_THAT(inTheTable, testing::UnorderedElementsAreArray(tested));
 }
 

@@ -132,8 +132,9 @@ std::string classOf(Operation const& operation) {
 }
 
 std::string eventOf(Callback const& callback, Operation const& operation, bool refused) {
-    if (callback.column == OWN && !operation.ownEvent.empty())
+    if (callback.column == OWN && !operation.ownEvent.empty()) {
         return operation.ownEvent;
+    }
     return callback.column == STATE && operation.offline && !refused ? "state 1" : callback.event;
 }
 
@@ -159,15 +160,17 @@ public:
         things.ear.setHook(
             [&, begins = eventOf(callback, operation_, refused_)](std::string const& event) {
                 // The ear may hear more while we are in here.
-                if (event.rfind(begins, 0) != 0 || begun.exchange(true))
+                if (event.rfind(begins, 0) != 0 || begun.exchange(true)) {
                     return;
+                }
                 call(stage);
                 called.change([](bool& done) { done = true; });
             });
         callback.provoke(stage, things, operation_);
         ASSERT_TRUE(called.waitFor([](bool done) { return done; }));
-        if (!HasFailure())
+        if (!HasFailure()) {
             operation_.check(stage);
+        }
     }
 
 private:
@@ -197,8 +200,9 @@ std::vector<Operation> const& operations() {
         Operations result;
         for (auto const& some :
              {clientOperations(), dataOperations(), requestReplyOperations(), timeBaseOperations(),
-              binderOperations(), discoveryOperations(), cleaningOperations(), timerOperations()})
+              binderOperations(), discoveryOperations(), cleaningOperations(), timerOperations()}) {
             result.insert(result.end(), some.begin(), some.end());
+        }
         return result;
     }();
     return all;
@@ -211,10 +215,13 @@ std::vector<Row> const& table() {
 
 /// What the table says; "" when it says nothing.
 std::string verdict(std::string const& operation, Column column) {
-    for (auto const& row : table())
-        for (auto const& name : row.names)
-            if (name == operation && column < row.cells.size())
+    for (auto const& row : table()) {
+        for (auto const& name : row.names) {
+            if (name == operation && column < row.cells.size()) {
                 return row.cells[column];
+            }
+        }
+    }
     return "";
 }
 
@@ -223,8 +230,9 @@ int registerTests() {
     for (auto const& callback : callbacks()) {
         for (auto const& operation : operations()) {
             auto const says = verdict(operation.name, callback.column);
-            if (says != "yes" && says != "refused")
+            if (says != "yes" && says != "refused") {
                 continue;
+            }
             bool const refused = says == "refused";
             testing::RegisterTest(
                 callback.suite.c_str(), operation.name.c_str(), nullptr, nullptr, __FILE__,
@@ -239,20 +247,23 @@ int const registered = registerTests();
 
 TEST(TheFirstTableOfTheGuide, HasARowForEveryOperationAndNoOther) {
     std::vector<std::string> inTheTable;
-    for (auto const& row : table())
+    for (auto const& row : table()) {
         inTheTable.insert(inTheTable.end(), row.names.begin(), row.names.end());
+    }
     std::vector<std::string> ours;
-    for (auto const& operation : operations())
+    for (auto const& operation : operations()) {
         ours.push_back(operation.name);
+    }
     EXPECT_THAT(inTheTable, testing::UnorderedElementsAreArray(ours));
 }
 
 TEST(TheFirstTableOfTheGuide, SaysInEveryCellWhatWeUnderstand) {
     for (auto const& row : table()) {
         EXPECT_EQ(row.cells.size(), COLUMNS) << row.names[0];
-        for (auto const& cell : row.cells)
+        for (auto const& cell : row.cells) {
             EXPECT_THAT(cell, testing::AnyOf("yes", "refused", "in vain", "no", "-"))
                 << row.names[0];
+        }
     }
 }
 
@@ -262,15 +273,17 @@ TEST(TheFirstTableOfTheGuide, HasATestForEveryYesAndEveryRefusal) {
     auto const& program = *testing::UnitTest::GetInstance();
     for (int i = 0; i < program.total_test_suite_count(); ++i) {
         auto const& suite = *program.GetTestSuite(i);
-        for (int j = 0; j < suite.total_test_count(); ++j)
+        for (int j = 0; j < suite.total_test_count(); ++j) {
             tests.insert(std::string(suite.name()) + " " + suite.GetTestInfo(j)->name());
+        }
     }
     int expected = 0;
     for (auto const& callback : callbacks()) {
         for (auto const& row : table()) {
             auto const& cell = row.cells.at(callback.column);
-            if (cell != "yes" && cell != "refused")
+            if (cell != "yes" && cell != "refused") {
                 continue;
+            }
             for (auto const& name : row.names) {
                 EXPECT_EQ(tests.count(callback.suite + " " + name), 1U)
                     << callback.suite << " " << name;

@@ -35,16 +35,20 @@ struct Repeated {
 void allAtOnce(std::vector<Repeated> const& calls) {
     std::atomic<std::size_t> ready{0};
     std::vector<std::thread> threads;
-    for (auto const& repeated : calls)
+    for (auto const& repeated : calls) {
         threads.emplace_back([&] {
             ++ready;
-            while (ready < calls.size())
+            while (ready < calls.size()) {
                 std::this_thread::yield();
-            for (int i = 0; i < repeated.rounds; ++i)
+            }
+            for (int i = 0; i < repeated.rounds; ++i) {
                 repeated.call();
+            }
         });
-    for (auto& thread : threads)
+    }
+    for (auto& thread : threads) {
         thread.join();
+    }
 }
 
 class AllAtOnce : public testing::Test {
@@ -273,10 +277,12 @@ std::set<std::string> testsOf(std::vector<std::string> const& suites) {
     auto const& program = *testing::UnitTest::GetInstance();
     for (int i = 0; i < program.total_test_suite_count(); ++i) {
         auto const& suite = *program.GetTestSuite(i);
-        if (std::find(suites.begin(), suites.end(), suite.name()) == suites.end())
+        if (std::find(suites.begin(), suites.end(), suite.name()) == suites.end()) {
             continue;
-        for (int j = 0; j < suite.total_test_count(); ++j)
+        }
+        for (int j = 0; j < suite.total_test_count(); ++j) {
             tests.insert(std::string(suite.name()) + " " + suite.GetTestInfo(j)->name());
+        }
     }
     return tests;
 }
@@ -289,8 +295,9 @@ TEST(TheSecondTableOfTheGuide, HasATestForEveryYesAndNoOther) {
         ASSERT_EQ(row.cells.size(), suites.size()) << row.names[0];
         for (std::size_t i = 0; i < suites.size(); ++i) {
             EXPECT_THAT(row.cells[i], testing::AnyOf("yes", "no", "-")) << row.names[0];
-            if (row.cells[i] == "yes")
+            if (row.cells[i] == "yes") {
                 expected.insert(suites[i] + " " + row.names[0]);
+            }
         }
     }
     EXPECT_THAT(expected, testing::Not(testing::IsEmpty()));

@@ -79,8 +79,9 @@ Operations asking() {
 }
 
 void serve(Stage& stage) {
-    if (stage.own)
+    if (stage.own) {
         return;
+    }
     EXPECT_EQ(stage.things.serve(), Error::SUCCESS);
     stage.ask(stage.topic("service?\?"));
     EXPECT_EQ(stage.ear.count("request"), 1U);
@@ -125,7 +126,8 @@ Operations serving() {
 
 Operations requestReplyOperations() {
     Operations all;
-    for (auto const& some : {asking(), ending(), serving()})
+    for (auto const& some : {asking(), ending(), serving()}) {
         all.insert(all.end(), some.begin(), some.end());
+    }
     return all;
 }

@@ -34,8 +34,9 @@ struct Consent final : mqtt::RequestReplyServer::Listener {
 } // namespace
 
 World& world() {
-    if (theWorld == nullptr)
+    if (theWorld == nullptr) {
         theWorld = std::make_unique<World>();
+    }
     return *theWorld;
 }
 
@@ -63,60 +64,69 @@ Things::Things(Stage& on, std::string const& below, Ear& listener)
     : stage(on), root(below), ear(listener) {}
 
 mqtt::MqttData<mqtt::Link>& Things::makeEndpoint() {
-    if (endpoint == nullptr)
+    if (endpoint == nullptr) {
         endpoint = std::make_unique<mqtt::MqttData<mqtt::Link>>(*stage.client, root + "/value");
+    }
     return *endpoint;
 }
 
 mqtt::RequestReplyClient& Things::makeRequester(std::string const& service) {
-    if (requester == nullptr)
+    if (requester == nullptr) {
         requester = std::make_unique<mqtt::RequestReplyClient>(*stage.client, "far", "", service);
+    }
     return *requester;
 }
 
 mqtt::RequestReplyServer& Things::makeServer() {
-    if (server == nullptr)
+    if (server == nullptr) {
         server = std::make_unique<mqtt::RequestReplyServer>(*stage.client, root, "", "service");
+    }
     return *server;
 }
 
 mqtt::SynchronizedTimeBaseMqttProxy& Things::makeTimeProxy() {
-    if (timeProxy == nullptr)
+    if (timeProxy == nullptr) {
         timeProxy =
             std::make_unique<mqtt::SynchronizedTimeBaseMqttProxy>(*stage.client, "far", id, &ear);
+    }
     return *timeProxy;
 }
 
 CountingTimeBase& Things::makeTimeBase() {
-    if (timeBase == nullptr)
+    if (timeBase == nullptr) {
         timeBase = std::make_unique<CountingTimeBase>(*stage.client, root, id);
+    }
     return *timeBase;
 }
 
 mqtt::BinderMqttProxy& Things::makeBinder() {
-    if (binder == nullptr)
+    if (binder == nullptr) {
         binder = std::make_unique<mqtt::BinderMqttProxy>(*stage.client, "far", "", id,
                                                          root + "/bound", &ear);
+    }
     return *binder;
 }
 
 mqtt::ServiceDiscovererMqtt& Things::makeDiscoverer(std::string const& topic) {
-    if (discoverer == nullptr)
+    if (discoverer == nullptr) {
         discoverer = std::make_unique<mqtt::ServiceDiscovererMqtt>(*stage.client, topic);
+    }
     return *discoverer;
 }
 
 mqtt::TopicCleaner& Things::makeCleaner() {
-    if (cleaner == nullptr)
+    if (cleaner == nullptr) {
         cleaner = std::make_unique<mqtt::TopicCleaner>(&ear, id, world().broker.host(),
                                                        world().broker.port());
+    }
     return *cleaner;
 }
 
 zym::common::Timer& Things::makeTimer() {
-    if (timer == nullptr)
+    if (timer == nullptr) {
         timer = std::make_unique<zym::common::Timer>([&heard = ear] { heard.hear("timer"); },
                                                      std::chrono::hours(1), true);
+    }
     return *timer;
 }
 
@@ -169,8 +179,9 @@ std::size_t Stage::countAtPeer(std::string const& of) const {
 }
 
 void Stage::vanish() {
-    if (client->communicationState() == conv::ComState::DISCONNECTED)
+    if (client->communicationState() == conv::ComState::DISCONNECTED) {
         client->connect("", -1, PATIENCE);
+    }
     EXPECT_TRUE(support::becomesConnected(*client));
     things.endpoint.reset();
     client.reset();

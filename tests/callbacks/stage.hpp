@@ -31,8 +31,9 @@ public:
 
     double localTimeBase() const override {
         ++asked;
-        if (whenAsked)
+        if (whenAsked) {
             whenAsked();
+        }
         return mqtt::SynchronizedTimeBaseMqttAdaptor::localTimeBase();
     }
 

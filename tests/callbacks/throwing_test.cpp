@@ -148,8 +148,9 @@ std::vector<Thrower> ofTimers() {
 
 std::vector<Thrower> throwers() {
     std::vector<Thrower> all;
-    for (auto const& some : {ofMessages(), ofRequests(), ofBindings(), ofTimers()})
+    for (auto const& some : {ofMessages(), ofRequests(), ofBindings(), ofTimers()}) {
         all.insert(all.end(), some.begin(), some.end());
+    }
     return all;
 }
 
@@ -160,8 +161,9 @@ public:
     void TestBody() override {
         Stage stage;
         auto event = thrower_.event;
-        if (auto const root = event.find("ROOT"); root != std::string::npos)
+        if (auto const root = event.find("ROOT"); root != std::string::npos) {
             event.replace(root, 4, stage.root);
+        }
         stage.ear.setHook([&, event](std::string const& heard) {
             if (heard == event) {
                 EXPECT_EQ(threadNow(stage), thrower_.name.substr(thrower_.name.find(' ') + 1));
@@ -177,8 +179,9 @@ public:
 
 private:
     std::string threadNow(Stage const& stage) const {
-        if (stage.client->onWorkerThread())
+        if (stage.client->onWorkerThread()) {
             return "worker";
+        }
         return std::this_thread::get_id() == test_ ? "caller" : "timer";
     }
 
@@ -209,14 +212,18 @@ TEST(TheTableOfCallbacks, HasATestForEveryThreadAndNoOther) {
         EXPECT_THAT(row.cells[2], testing::StartsWith("dropped")) << row.names[0];
         for (auto const& [words, thread] :
              {std::pair("the worker", "worker"), std::pair("the thread", "caller"),
-              std::pair("timer", "timer")})
-            for (auto const& name : row.names)
-                if (row.cells[0].find(words) != std::string::npos)
+              std::pair("timer", "timer")}) {
+            for (auto const& name : row.names) {
+                if (row.cells[0].find(words) != std::string::npos) {
                     inTheTable.push_back(lastPart(name) + " " + thread);
+                }
+            }
+        }
     }
     std::vector<std::string> tested;
-    for (auto const& thrower : throwers())
+    for (auto const& thrower : throwers()) {
         tested.push_back(thrower.name);
+    }
     EXPECT_THAT(inTheTable, testing::UnorderedElementsAreArray(tested));
     EXPECT_EQ(registered, static_cast<int>(tested.size()));
 }

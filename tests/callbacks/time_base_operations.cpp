@@ -95,7 +95,8 @@ Operations offering() {
 
 Operations timeBaseOperations() {
     Operations all;
-    for (auto const& some : {running(), ending(), offering()})
+    for (auto const& some : {running(), ending(), offering()}) {
         all.insert(all.end(), some.begin(), some.end());
+    }
     return all;
 }

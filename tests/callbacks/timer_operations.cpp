@@ -10,8 +10,9 @@ void makeTimer(Stage& stage) {
 
 /// Again and again.
 void run(Stage& stage) {
-    if (stage.own)
+    if (stage.own) {
         return;
+    }
     stage.things.makeTimer();
     stage.things.restartTimer(milliseconds(1), false);
     EXPECT_TRUE(stage.ear.waitFor("timer"));

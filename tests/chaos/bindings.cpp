@@ -1,7 +1,7 @@
 #include "chaos/bindings.hpp"
 
-#include <support/sanitizers.hpp>
-#include <support/test_client.hpp>
+#include "support/sanitizers.hpp"
+#include "support/test_client.hpp"
 
 namespace chaos {
 
@@ -64,18 +64,21 @@ bool Guest::visit() {
     if (dice().percent(60)) {
         auto const error = proxy_->bindSync(Host::ID, 1);
         bound = error == Error::SUCCESS;
-        if (!bound && !ended(error))
+        if (!bound && !ended(error)) {
             place_.findings.breach(name() + ": bindSync "
                                    + std::to_string(static_cast<int>(error)));
+        }
     } else {
         bindWithListener();
     }
     bool const free = letGo();
     auto const after = told_.copy();
-    if (after.bound > before.bound + 1)
+    if (after.bound > before.bound + 1) {
         place_.findings.breach(name() + ": told twice that a binding has ended");
-    if (after.unbound != before.unbound + 1 && free)
+    }
+    if (after.unbound != before.unbound + 1 && free) {
         place_.findings.breach(name() + ": not told once that it is not bound any more");
+    }
     place_.findings.count("bindings made", bound ? 1 : 0);
     return bound;
 }
@@ -88,12 +91,13 @@ bool Guest::ended(Error error) {
 void Guest::bindWithListener() {
     auto const before = told_.copy().bound;
     auto const error = proxy_->bind(Host::ID, 1);
-    if (error != Error::SUCCESS)
+    if (error != Error::SUCCESS) {
         place_.findings.breach(name() + ": bind " + std::to_string(static_cast<int>(error)));
-    else if (dice().percent(50))
+    } else if (dice().percent(50)) {
         pause(0, 20);
-    else if (!told_.waitFor([&](Told const& told) { return told.bound > before; }, NEVER))
+    } else if (!told_.waitFor([&](Told const& told) { return told.bound > before; }, NEVER)) {
         place_.findings.breach(name() + ": a binding never ended");
+    }
 }
 
 /// Whether there was anything to let go.
@@ -101,18 +105,21 @@ bool Guest::letGo() {
     auto const before = told_.copy().unbound;
     bool const waiting = dice().percent(50);
     auto const error = waiting ? proxy_->unbindSync(1) : proxy_->unbind(1);
-    if (error == Error::NOT_BOUND)
+    if (error == Error::NOT_BOUND) {
         return false;
-    if (error != Error::SUCCESS)
+    }
+    if (error != Error::SUCCESS) {
         place_.findings.breach(name() + ": unbind " + std::to_string(static_cast<int>(error)));
-    else if (!told_.waitFor([&](Told const& told) { return told.unbound > before; }, NEVER))
+    } else if (!told_.waitFor([&](Told const& told) { return told.unbound > before; }, NEVER)) {
         place_.findings.breach(name() + ": an unbinding never ended");
+    }
     return true;
 }
 
 void Guest::prove() {
-    if (!support::eventually([this] { return visit(); }, NEVER))
+    if (!support::eventually([this] { return visit(); }, NEVER)) {
         place_.findings.breach(name() + " cannot bind itself any more");
+    }
 }
 
 void Guest::onBound(Error /*error*/) {
@@ -144,15 +151,17 @@ void ClockReader::step() {
 bool ClockReader::read() {
     bool const known = proxy_->synchronize(Host::ID, 3);
     place_.findings.count(known ? "clock readings made" : "clock readings that ran out of time");
-    if (known != proxy_->isSynchronized())
+    if (known != proxy_->isSynchronized()) {
         place_.findings.breach(name() + ": does not know whether it knows the time");
+    }
     proxy_->stop();
     return known;
 }
 
 void ClockReader::prove() {
-    if (!support::eventually([this] { return read(); }, NEVER))
+    if (!support::eventually([this] { return read(); }, NEVER)) {
         place_.findings.breach(name() + " cannot read the time any more");
+    }
 }
 
 } // namespace chaos

@@ -3,7 +3,7 @@
 #include "chaos/party.hpp"
 #include "chaos/place.hpp"
 
-#include <support/watched.hpp>
+#include "support/watched.hpp"
 
 #include <mqtt/binder_proxy.hpp>
 #include <mqtt/time_base.hpp>

@@ -4,9 +4,9 @@
 #include "chaos/house.hpp"
 #include "chaos/storm.hpp"
 
-#include <support/eventually.hpp>
-#include <support/sanitizers.hpp>
-#include <support/watchdog.hpp>
+#include "support/eventually.hpp"
+#include "support/sanitizers.hpp"
+#include "support/watchdog.hpp"
 
 #include <gtest/gtest.h>
 

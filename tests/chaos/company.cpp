@@ -3,9 +3,9 @@
 #include "chaos/text.hpp"
 #include "chaos/visitors.hpp"
 
-#include <support/eventually.hpp>
-#include <support/raw_peer.hpp>
-#include <support/sanitizers.hpp>
+#include "support/eventually.hpp"
+#include "support/raw_peer.hpp"
+#include "support/sanitizers.hpp"
 
 #include <algorithm>
 
@@ -25,8 +25,9 @@ Company::Company(Place& place) : place_(place) {
 }
 
 Company::~Company() {
-    for (auto const& party : parties_)
+    for (auto const& party : parties_) {
         party->rest();
+    }
 }
 
 Stream* Company::addText(std::string const& name, Manner manner) {
@@ -71,8 +72,9 @@ void Company::addWatchers() {
 }
 
 void Company::addServices() {
-    for (char const* const topic : ASKED)
+    for (char const* const topic : ASKED) {
         answerers_.push_back(std::make_unique<Answerer>(place_, topic));
+    }
     host_ = std::make_unique<Host>(place_);
     device_ = std::make_unique<Device>(place_);
     auto const add = [this](auto party) { parties_.push_back(std::move(party)); };
@@ -88,10 +90,12 @@ void Company::addServices() {
 }
 
 void Company::work() {
-    for (auto const& publisher : publishers_)
+    for (auto const& publisher : publishers_) {
         publisher->work();
-    for (auto const& party : parties_)
+    }
+    for (auto const& party : parties_) {
         party->work();
+    }
 }
 
 void Company::settle() {
@@ -99,29 +103,36 @@ void Company::settle() {
     awaitConnections();
     awaitMarkers();
     checkRetained();
-    for (auto const& party : parties_)
+    for (auto const& party : parties_) {
         party->prove();
+    }
     place_.kills = false;
 }
 
 void Company::restAll() {
-    for (auto const& publisher : publishers_)
+    for (auto const& publisher : publishers_) {
         publisher->rest();
-    for (auto const& party : parties_)
+    }
+    for (auto const& party : parties_) {
         party->rest();
-    for (auto const& publisher : publishers_)
+    }
+    for (auto const& publisher : publishers_) {
         publisher->waitForRest();
-    for (auto const& party : parties_)
+    }
+    for (auto const& party : parties_) {
         party->waitForRest();
+    }
 }
 
 void Company::awaitConnections() {
-    for (auto const& publisher : publishers_)
+    for (auto const& publisher : publishers_) {
         must(support::eventually([&] { return publisher->connected(); }, NEVER),
              publisher->name() + " does not get connected any more");
-    for (auto const& watcher : watchers_)
+    }
+    for (auto const& watcher : watchers_) {
         must(support::eventually([&] { return watcher->connected(); }, NEVER),
              watcher->name() + " does not get connected any more");
+    }
 }
 
 /// Again and again: a cut that was ordered in the storm may still come, and a subscriber that is
@@ -130,22 +141,27 @@ void Company::awaitMarkers() {
     std::string whoHasNot;
     auto const end = std::chrono::steady_clock::now() + NEVER;
     do {
-        for (auto const& publisher : publishers_)
+        for (auto const& publisher : publishers_) {
             publisher->publishOnce();
-        if (support::eventually([&] { return allHaveSeenAll(nullptr); }, std::chrono::seconds(2)))
+        }
+        if (support::eventually([&] { return allHaveSeenAll(nullptr); }, std::chrono::seconds(2))) {
             return;
+        }
     } while (std::chrono::steady_clock::now() < end);
-    if (!allHaveSeenAll(&whoHasNot))
+    if (!allHaveSeenAll(&whoHasNot)) {
         place_.findings.breach("a subscription is lost, or a publisher dumb: " + whoHasNot);
+    }
 }
 
 bool Company::allHaveSeenAll(std::string* whoHasNot) const {
     for (auto const& watcher : watchers_) {
         for (auto const& stream : streams_) {
-            if (watcher->hasSeen(*stream, stream->published()))
+            if (watcher->hasSeen(*stream, stream->published())) {
                 continue;
-            if (whoHasNot != nullptr)
+            }
+            if (whoHasNot != nullptr) {
                 *whoHasNot = watcher->name() + " misses the last of " + stream->topic();
+            }
             return false;
         }
     }
@@ -154,15 +170,17 @@ bool Company::allHaveSeenAll(std::string* whoHasNot) const {
 
 void Company::checkRetained() {
     auto const isLast = [this](Stream const& stream, std::string const& payload) {
-        if (std::find(texts_.begin(), texts_.end(), &stream) != texts_.end())
+        if (std::find(texts_.begin(), texts_.end(), &stream) != texts_.end()) {
             return numberIn(payload) == stream.published();
+        }
         conv::CommunicationStatus value;
         mqtt::MqttData<conv::CommunicationStatus>::deserialize({}, payload, false, value);
         return value.since.seconds == static_cast<double>(stream.published());
     };
     for (auto const& stream : streams_) {
-        if (!stream->manner().retained)
+        if (!stream->manner().retained) {
             continue;
+        }
         auto const found = support::allRetained(place_.broker, stream->topic() + "/#");
         must(found.size() == 1 && isLast(*stream, found.front().payload),
              stream->topic() + ": the retained value is not the last one");
@@ -171,8 +189,9 @@ void Company::checkRetained() {
 }
 
 void Company::must(bool holds, std::string const& what) {
-    if (!holds)
+    if (!holds) {
         place_.findings.breach(what);
+    }
 }
 
 } // namespace chaos

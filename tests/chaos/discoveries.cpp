@@ -1,8 +1,8 @@
 #include "chaos/discoveries.hpp"
 
-#include <support/raw_peer.hpp>
-#include <support/sanitizers.hpp>
-#include <support/test_client.hpp>
+#include "support/raw_peer.hpp"
+#include "support/sanitizers.hpp"
+#include "support/test_client.hpp"
 
 namespace chaos {
 
@@ -37,14 +37,16 @@ Device::~Device() {
 }
 
 void Device::publish() {
-    for (auto const& entity : entities_)
+    for (auto const& entity : entities_) {
         entity->publish();
+    }
     links_->publish();
 }
 
 void Device::onComStateChanged(conv::ComState state) {
-    if (state == conv::ComState::CONNECTED)
+    if (state == conv::ComState::CONNECTED) {
         publish();
+    }
 }
 
 Explorer::Explorer(Place& place, std::string const& name) : Party(name, place.seed), place_(place) {
@@ -65,20 +67,24 @@ void Explorer::step() {
 bool Explorer::explore() {
     bool const complete = discoverer_->discoverSync(2, true);
     place_.findings.count(complete ? "discoveries made" : "discoveries that ran out of time");
-    if (!complete)
+    if (!complete) {
         return false;
+    }
     auto const entities = discoverer_->entities();
     bool right = entities.size() == static_cast<std::size_t>(Device::ENTITIES);
-    for (std::size_t i = 0; right && i < entities.size(); ++i)
+    for (std::size_t i = 0; right && i < entities.size(); ++i) {
         right = entities[i].name == "entity " + std::to_string(i);
-    if (!right)
+    }
+    if (!right) {
         place_.findings.breach(name() + ": complete, but wrong");
+    }
     return right;
 }
 
 void Explorer::prove() {
-    if (!support::eventually([this] { return explore(); }, NEVER))
+    if (!support::eventually([this] { return explore(); }, NEVER)) {
         place_.findings.breach(name() + " finds nothing any more");
+    }
 }
 
 Sweeper::Sweeper(Place& place, std::string const& name)
@@ -97,8 +103,9 @@ void Sweeper::step() {
 }
 
 void Sweeper::litter() {
-    for (int n = dice().between(1, 20); n > 0; --n)
+    for (int n = dice().between(1, 20); n > 0; --n) {
         client_->publish(std::string(LITTER) + '/' + std::to_string(n), "litter", 1, true);
+    }
 }
 
 void Sweeper::sweep() {
@@ -111,13 +118,16 @@ void Sweeper::sweep() {
         // Every now and then it is destroyed at work.
         bool const patient = dice().percent(80);
         done = patient && cleaner.waitAllTasks(NEVER);
-        if (patient && !done)
+        if (patient && !done) {
             place_.findings.breach(name() + ": cleaning never ended");
+        }
     }
     place_.findings.count(done ? "cleanings made" : "cleaners destroyed at work");
     // Not while the cleaner lives: it tells of the one thing before the other.
-    if (cleaned_ > cleaned + 1 || all_ > all + 1 || (done && (cleaned_ == cleaned || all_ == all)))
+    if (cleaned_ > cleaned + 1 || all_ > all + 1
+        || (done && (cleaned_ == cleaned || all_ == all))) {
         place_.findings.breach(name() + ": not told once that all is cleaned");
+    }
 }
 
 void Sweeper::prove() {
@@ -125,8 +135,9 @@ void Sweeper::prove() {
         sweep();
         return support::allRetained(place_.broker, std::string(LITTER) + "/#").empty();
     };
-    if (!support::eventually(clean, NEVER))
+    if (!support::eventually(clean, NEVER)) {
         place_.findings.breach(name() + " cannot clean up any more");
+    }
 }
 
 void Sweeper::onTopicCleaned(mqtt::Topic const& /*topic*/) {

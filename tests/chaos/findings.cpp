@@ -12,8 +12,9 @@ constexpr std::size_t KEPT = 40;
 
 void Findings::breach(std::string const& what) {
     std::lock_guard<std::mutex> const lock(mutex_);
-    if (++breachCount_ > KEPT)
+    if (++breachCount_ > KEPT) {
         return;
+    }
     breaches_.push_back(what);
     // At once, so that it stands in the log where it happened.
     std::cout << "BREACH: " << what << std::endl;
@@ -42,11 +43,13 @@ std::vector<std::string> Findings::firstBreaches() const {
 
 void Findings::print(std::ostream& out) const {
     std::lock_guard<std::mutex> const lock(mutex_);
-    for (auto const& [name, n] : counts_)
+    for (auto const& [name, n] : counts_) {
         out << "  " << name << ": " << n << '\n';
+    }
     out << "  BREACHES: " << breachCount_ << '\n';
-    for (auto const& what : breaches_)
+    for (auto const& what : breaches_) {
         out << "    " << what << '\n';
+    }
 }
 
 } // namespace chaos

@@ -13,8 +13,9 @@ void Party::work() {
     std::lock_guard<std::mutex> const lock(mutex_);
     working_ = true;
     // Not in the constructor: a derived class is whole only now.
-    if (!thread_.joinable())
+    if (!thread_.joinable()) {
         thread_ = std::thread([this] { run(); });
+    }
     changed_.notify_all();
 }
 
@@ -36,8 +37,9 @@ void Party::end() {
         ended_ = true;
         changed_.notify_all();
     }
-    if (thread_.joinable())
+    if (thread_.joinable()) {
         thread_.join();
+    }
 }
 
 void Party::pause(int fromMilliseconds, int toMilliseconds) {
@@ -55,8 +57,9 @@ void Party::run() {
     std::unique_lock<std::mutex> lock(mutex_);
     for (;;) {
         changed_.wait(lock, [&] { return working_ || ended_; });
-        if (ended_)
+        if (ended_) {
             return;
+        }
         inStep_ = true;
         lock.unlock();
         step();

@@ -2,8 +2,8 @@
 
 #include "chaos/findings.hpp"
 
-#include <support/broker.hpp>
-#include <support/cut_proxy.hpp>
+#include "support/broker.hpp"
+#include "support/cut_proxy.hpp"
 
 #include <atomic>
 #include <cstdint>

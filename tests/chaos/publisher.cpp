@@ -2,7 +2,7 @@
 
 #include "chaos/text.hpp"
 
-#include <support/test_client.hpp>
+#include "support/test_client.hpp"
 
 #include <algorithm>
 
@@ -18,8 +18,9 @@ Publisher::Publisher(Place& place, std::string const& name, bool persistent,
                      std::vector<Stream*> const& streams)
     : Party(name, place.seed), place_(place), streams_(streams) {
     auto const& line = place.newLine();
-    for (Stream* const stream : streams)
+    for (Stream* const stream : streams) {
         stream->runsOver(line);
+    }
     client_ = support::testClient(place.broker.host(), line.port(), {persistent});
     client_->registerListener(this);
 }
@@ -48,8 +49,9 @@ void Publisher::step() {
 }
 
 void Publisher::publishOnce() {
-    for (std::size_t i = 0; i < streams_.size(); ++i)
+    for (std::size_t i = 0; i < streams_.size(); ++i) {
         publish(i, streams_[i]->next());
+    }
 }
 
 bool Publisher::tooFarAhead() const {
@@ -58,11 +60,13 @@ bool Publisher::tooFarAhead() const {
 }
 
 void Publisher::onComStateChanged(conv::ComState state) {
-    if (state != conv::ComState::CONNECTION_LOST)
+    if (state != conv::ComState::CONNECTION_LOST) {
         return;
+    }
     place_.findings.count("connections lost by publishers");
-    for (Stream* const stream : streams_)
+    for (Stream* const stream : streams_) {
         stream->broke();
+    }
 }
 
 void TextPublisher::publish(std::size_t stream, std::uint64_t number) {
@@ -73,9 +77,10 @@ void TextPublisher::publish(std::size_t stream, std::uint64_t number) {
 ValuePublisher::ValuePublisher(Place& place, std::string const& name, bool persistent,
                                std::vector<Stream*> const& streams)
     : Publisher(place, name, persistent, streams) {
-    for (Stream const* const stream : streams)
+    for (Stream const* const stream : streams) {
         endpoints_.push_back(
             std::make_unique<mqtt::MqttData<conv::CommunicationStatus>>(client(), stream->topic()));
+    }
 }
 
 ValuePublisher::~ValuePublisher() {

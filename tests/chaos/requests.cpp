@@ -1,8 +1,8 @@
 #include "chaos/requests.hpp"
 
-#include <support/eventually.hpp>
-#include <support/sanitizers.hpp>
-#include <support/test_client.hpp>
+#include "support/eventually.hpp"
+#include "support/sanitizers.hpp"
+#include "support/test_client.hpp"
 
 #include <zym/common/lwjson.hpp>
 
@@ -80,11 +80,13 @@ Answerer::onRequest(std::string const& /*name*/, zym::common::Uuid const& /*clie
     auto const number = dynamic_cast<NumberData const&>(requestData).number;
     place_.findings.count("requests carried out");
     // Visitors all ask with 0.
-    if (number != 0 && std::find(recent_.begin(), recent_.end(), number) != recent_.end())
+    if (number != 0 && std::find(recent_.begin(), recent_.end(), number) != recent_.end()) {
         place_.findings.breach(topic_ + ": request " + std::to_string(number) + " came twice");
+    }
     recent_.push_back(number);
-    if (recent_.size() > REMEMBERED)
+    if (recent_.size() > REMEMBERED) {
         recent_.pop_front();
+    }
     return std::make_shared<NumberData>(number);
 }
 
@@ -103,10 +105,11 @@ Asker::~Asker() {
 }
 
 void Asker::step() {
-    if (dice().percent(40))
+    if (dice().percent(40)) {
         askAndWait();
-    else
+    } else {
         askWithListener();
+    }
     pause(0, 30);
 }
 
@@ -156,21 +159,23 @@ void Asker::judge(Ending const& ending, std::uint32_t number) {
 
 void Asker::judgeReply(ErrorCode error, std::uint32_t asked, std::uint32_t answered) {
     place_.findings.count("requests " + text(error));
-    if (error == ErrorCode::SUCCESS && asked != answered)
+    if (error == ErrorCode::SUCCESS && asked != answered) {
         place_.findings.breach(name() + ": asked " + std::to_string(asked) + ", answered "
                                + std::to_string(answered));
-    else if (error != ErrorCode::SUCCESS && error != ErrorCode::TIMEOUT
-             && error != ErrorCode::CANCELLED)
+    } else if (error != ErrorCode::SUCCESS && error != ErrorCode::TIMEOUT
+               && error != ErrorCode::CANCELLED) {
         place_.findings.breach(name() + ": a request " + text(error));
+    }
 }
 
 /// An end that comes again is noticed for as long as the last requests' endings are kept.
 void Asker::forgetOldEndings(std::size_t kept) {
     while (endings_.size() > kept) {
         int const times = endings_.front()->state().times;
-        if (times != 1)
+        if (times != 1) {
             place_.findings.breach(name() + ": a request ended " + std::to_string(times)
                                    + " times");
+        }
         endings_.pop_front();
     }
 }
@@ -178,8 +183,9 @@ void Asker::forgetOldEndings(std::size_t kept) {
 void Asker::prove() {
     bool const answered =
         support::eventually([this] { return askAndWait() == ErrorCode::SUCCESS; }, NEVER);
-    if (!answered)
+    if (!answered) {
         place_.findings.breach(name() + " gets no answer any more");
+    }
 }
 
 } // namespace chaos

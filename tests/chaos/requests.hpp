@@ -3,7 +3,7 @@
 #include "chaos/party.hpp"
 #include "chaos/place.hpp"
 
-#include <support/watched.hpp>
+#include "support/watched.hpp"
 
 #include <mqtt/client.hpp>
 #include <mqtt/request_reply.hpp>

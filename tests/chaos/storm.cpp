@@ -1,6 +1,6 @@
 #include "chaos/storm.hpp"
 
-#include <support/eventually.hpp>
+#include "support/eventually.hpp"
 
 namespace chaos {
 
@@ -9,8 +9,9 @@ using Clock = std::chrono::steady_clock;
 
 void Storm::cut(std::chrono::milliseconds duration) {
     auto const end = Clock::now() + duration;
-    while (Clock::now() < end)
+    while (Clock::now() < end) {
         breakSomething();
+    }
 }
 
 void Storm::kill(std::chrono::milliseconds duration) {
@@ -19,8 +20,9 @@ void Storm::kill(std::chrono::milliseconds duration) {
     while (Clock::now() < end) {
         killBroker();
         auto const next = Clock::now() + std::chrono::milliseconds(dice_.between(300, 3000));
-        while (Clock::now() < next)
+        while (Clock::now() < next) {
             breakSomething();
+        }
     }
 }
 
@@ -28,18 +30,19 @@ void Storm::breakSomething() {
     auto& line = *place_.lines[static_cast<std::size_t>(
         dice_.between(0, static_cast<int>(place_.lines.size()) - 1))];
     int const what = dice_.between(1, 100);
-    if (what <= 50)
+    if (what <= 50) {
         cutInPacket(line);
-    else if (what <= 60)
+    } else if (what <= 60) {
         cutInHandshake(line);
-    else if (what <= 70)
+    } else if (what <= 70) {
         line.cutNow();
-    else if (what <= 85)
+    } else if (what <= 85) {
         hold(line, 10, 300);
-    else if (what <= 87)
+    } else if (what <= 87) {
         hold(line, 1000, 2500);
-    else if (what <= 94)
+    } else if (what <= 94) {
         stopBroker();
+    }
     wait(0, 60);
 }
 

@@ -32,14 +32,15 @@ constexpr unsigned GAPS = 4;
 void Follower::see(std::uint64_t number, unsigned away) {
     findings_.count("values received");
     auto const last = last_.load();
-    if (number == 0 || number > stream_.published())
+    if (number == 0 || number > stream_.published()) {
         breach("came, which nobody has published", number);
-    else if (number == last + 1)
+    } else if (number == last + 1)
         ; // As it should be.
-    else if (number > last)
+    else if (number > last) {
         seeAhead(number, away);
-    else
+    } else {
         seeAgain(number, away);
+    }
     awayAtLast_ = away;
     last_ = number;
     highest_ = std::max(highest_, number);
@@ -66,8 +67,9 @@ void Follower::seeAhead(std::uint64_t number, unsigned away) {
     } else if (stream_.manner().qos == 2 && !stream_.manner().persistent && publisherBroke) {
         findings_.count("lost: QoS 2 past PUBREC in a clean session", missing);
         dropped_ += missing;
-        if (dropped_ > WINDOW * stream_.reconnections())
+        if (dropped_ > WINDOW * stream_.reconnections()) {
             breach("more lost than was under way", number);
+        }
     } else {
         breach(std::to_string(missing) + " lost before", number);
     }

@@ -2,7 +2,7 @@
 
 #include "chaos/findings.hpp"
 
-#include <support/cut_proxy.hpp>
+#include "support/cut_proxy.hpp"
 
 #include <atomic>
 #include <cstdint>

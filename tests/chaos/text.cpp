@@ -13,11 +13,13 @@ std::string textOf(std::uint64_t number, Dice& dice) {
 std::optional<std::uint64_t> numberIn(std::string const& text) {
     auto const first = text.find(' ');
     auto const last = text.rfind(' ');
-    if (first == std::string::npos || last == first)
+    if (first == std::string::npos || last == first) {
         return std::nullopt;
+    }
     auto const length = std::strtoull(text.c_str() + last + 1, nullptr, 10);
-    if (last - first - 1 != length)
+    if (last - first - 1 != length) {
         return std::nullopt;
+    }
     return std::strtoull(text.c_str(), nullptr, 10);
 }
 

@@ -2,7 +2,7 @@
 
 #include "chaos/requests.hpp"
 
-#include <support/test_client.hpp>
+#include "support/test_client.hpp"
 
 #include <mqtt/payloads.hpp>
 
@@ -19,8 +19,9 @@ void Visitors::step() {
         support::uniqueId(), dice().percent(30), "visitor", place_.broker.host(), port_, true);
     place_.findings.count("clients made and destroyed");
     visit(*client);
-    if (dice().percent(50))
+    if (dice().percent(50)) {
         client->disconnect(1);
+    }
     pause(0, 100);
 }
 
@@ -42,13 +43,15 @@ void Visitors::ask(mqtt::MqttClient& client) {
         mqtt::RequestReplyClient requests(client, asked_, "sub", "number");
         auto const result = requests.request(&ending, support::uniqueId(), zym::common::Uuid::NIL,
                                              std::make_shared<NumberData>(0), answer, nullptr, 1);
-        if (result != mqtt::RequestReply::ErrorCode::PENDING)
+        if (result != mqtt::RequestReply::ErrorCode::PENDING) {
             place_.findings.breach(name() + ": a request is not made");
+        }
         pause(0, 10);
     }
-    if (ending.state().times != 1)
+    if (ending.state().times != 1) {
         place_.findings.breach(name() + ": a request ended " + std::to_string(ending.state().times)
                                + " times as its client went");
+    }
 }
 
 void Visitors::onMqttMessage(int /*tag*/, mqtt::Topic const& /*topic*/,

@@ -51,14 +51,16 @@ protected:
     }
 
     void queue(std::vector<std::string> const& payloads, int qos) {
-        for (auto const& payload : payloads)
+        for (auto const& payload : payloads) {
             ASSERT_EQ(client_->publish("a", payload, qos, false), mqtt::MqttClient::Error::SUCCESS);
+        }
     }
 
     std::vector<std::string> published() const {
         std::vector<std::string> result;
-        for (auto const& call : script_->calls(support::StandIn::Operation::PUBLISH))
+        for (auto const& call : script_->calls(support::StandIn::Operation::PUBLISH)) {
             result.push_back(call.payload);
+        }
         return result;
     }
 

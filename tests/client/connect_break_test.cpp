@@ -100,8 +100,9 @@ TEST(AThreadThatReads, IsLeftAlone) {
 }
 
 TEST(AThreadThatThereIsNot, IsLeftAlone) {
-    for (pid_t const none : {-1, 0})
+    for (pid_t const none : {-1, 0}) {
         mqtt::breakConnect(none);
+    }
 }
 
 } // namespace

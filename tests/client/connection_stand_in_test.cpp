@@ -27,8 +27,9 @@ protected:
     /// Host and port of each connection that was asked for.
     std::vector<std::pair<std::string, int>> asked() const {
         std::vector<std::pair<std::string, int>> result;
-        for (auto const& call : script_->calls(Operation::CONNECT))
+        for (auto const& call : script_->calls(Operation::CONNECT)) {
             result.emplace_back(call.topic, call.qos);
+        }
         return result;
     }
 };
@@ -54,8 +55,9 @@ TEST_F(AConnectionOnAScript, LeavesHostAndPortAsTheyWereWhenItFails) {
 
 TEST_F(AConnectionOnAScript, LetsTheBackOffStartAnewWithEachStepThatSucceeds) {
     connect();
-    for (int i = 0; i < 3; ++i)
+    for (int i = 0; i < 3; ++i) {
         mqtt::nextReconnectAttempt();
+    }
     letTheStepEnd();
     EXPECT_EQ(mqtt::nextReconnectAttempt(), 1);
 }

@@ -43,10 +43,12 @@ int numberOf(std::string const& payload) {
 
 std::set<int> missing(Payloads const& payloads, int count) {
     std::set<int> result;
-    for (int n = 0; n < count; ++n)
+    for (int n = 0; n < count; ++n) {
         result.insert(n);
-    for (auto const& payload : payloads)
+    }
+    for (auto const& payload : payloads) {
         result.erase(numberOf(payload));
+    }
     return result;
 }
 
@@ -63,8 +65,9 @@ public:
     explicit HandshakesInTheLog(std::string const& log, std::string const& clientId) {
         std::istringstream lines(log);
         for (std::string line; std::getline(lines, line);) {
-            if (line.find(clientId) != std::string::npos)
+            if (line.find(clientId) != std::string::npos) {
                 read(line);
+            }
         }
     }
 
@@ -81,14 +84,15 @@ private:
         auto const numberAfter = [&](std::string const& words) {
             return std::stoi(line.substr(line.find(words) + words.size()));
         };
-        if (says("New client connected"))
+        if (says("New client connected")) {
             connectionEnded();
-        else if (says("Received PUBLISH"))
+        } else if (says("Received PUBLISH")) {
             begin(numberAfter("... (") - 10, numberAfter(", m"));
-        else if (says("Sending PUBREC"))
+        } else if (says("Sending PUBREC")) {
             byMid(numberAfter("(m")).open = true;
-        else if (says("Received PUBREL"))
+        } else if (says("Received PUBREL")) {
             release(byMid(numberAfter("Mid: ")));
+        }
     }
 
     void begin(int n, int mid) {
@@ -146,12 +150,14 @@ protected:
 
     void orderACut(bool onTheNextConnectionToo) {
         // A handshake has more than 20 bytes for the server, and 8 for the client.
-        if (random(0, 1) == 0)
+        if (random(0, 1) == 0) {
             proxy_.cutCurrentAfter(CutProxy::Way::TO_SERVER, bytes(1, 200));
-        else
+        } else {
             proxy_.cutCurrentAfter(CutProxy::Way::TO_CLIENT, bytes(1, 40));
-        if (onTheNextConnectionToo)
+        }
+        if (onTheNextConnectionToo) {
             proxy_.cutNextAfter(CutProxy::Way::TO_SERVER, bytes(1, 300));
+        }
     }
 
     /// Publishes until the connection is cut, within the handshakes of a few values, and a few
@@ -161,17 +167,21 @@ protected:
         bool const twice = random(0, 3) == 0;
         int const cuts = proxy_.cuts() + (twice ? 2 : 1);
         orderACut(twice);
-        for (int i = 0; i < 6; ++i)
+        for (int i = 0; i < 6; ++i) {
             publishOne();
+        }
         ASSERT_TRUE(support::eventually([&] {
-            if (proxy_.cuts() >= cuts)
+            if (proxy_.cuts() >= cuts) {
                 return true;
-            if (client_->communicationState() == ComState::CONNECTED)
+            }
+            if (client_->communicationState() == ComState::CONNECTED) {
                 publishOne();
+            }
             return false;
         }));
-        for (int i = random(0, 4); i > 0; --i)
+        for (int i = random(0, 4); i > 0; --i) {
             publishOne();
+        }
     }
 
     /// Waits for the connection after the last cut: before, the client may not know of the cut.
@@ -210,8 +220,9 @@ TEST_P(ACutConnection, LosesAndDoublesAndReordersNothingOfAPersistentClient) {
     start(true);
     ASSERT_NO_FATAL_FAILURE(publishThroughAllCuts());
     Payloads all;
-    for (int n = 0; n < count_; ++n)
+    for (int n = 0; n < count_; ++n) {
         all.push_back(value(n));
+    }
     EXPECT_EQ(peer_.payloads(), all);
     EXPECT_EQ(support::retained(broker_, "a")->payload, value(count_ - 1));
 }
@@ -220,14 +231,16 @@ TEST_P(ACutConnection, DoublesAndReordersNothingOfACleanClientAndLosesOnlyWhatWa
     start(false);
     ASSERT_NO_FATAL_FAILURE(publishThroughAllCuts());
     auto const payloads = peer_.payloads();
-    for (std::size_t i = 1; i < payloads.size(); ++i)
+    for (std::size_t i = 1; i < payloads.size(); ++i) {
         EXPECT_LT(numberOf(payloads[i - 1]), numberOf(payloads[i]));
+    }
     EXPECT_EQ(support::retained(broker_, "a")->payload, value(count_ - 1));
     auto const lost = missing(payloads, count_);
     RecordProperty("lost", static_cast<int>(lost.size()));
     HandshakesInTheLog const handshakes(broker_.log(), MqttClient::clientId(id_));
-    for (int const n : lost)
+    for (int const n : lost) {
         EXPECT_TRUE(handshakes.lostPastPubrec(n)) << "value " << n;
+    }
 }
 
 } // namespace

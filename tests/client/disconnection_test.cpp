@@ -44,8 +44,9 @@ TEST(Disconnect, ComesBehindWhatABrokerThatDoesNotReadHasNotTakenYet) {
     support::ScriptedServer server;
     support::Watched<bool> reading(true);
     server.setHook([&](auto const& packet) {
-        if (packet.type == support::PacketType::PUBLISH)
+        if (packet.type == support::PacketType::PUBLISH) {
             reading.waitFor([](bool on) { return on; });
+        }
         return support::ScriptedServer::Reaction::ANSWER;
     });
     auto const client = support::testClient(server.host(), server.port());
@@ -53,8 +54,9 @@ TEST(Disconnect, ComesBehindWhatABrokerThatDoesNotReadHasNotTakenYet) {
     // More than the kernel takes.
     constexpr std::size_t MANY = 64;
     std::string const payload(262'144, 'x');
-    for (std::size_t i = 0; i < MANY; ++i)
+    for (std::size_t i = 0; i < MANY; ++i) {
         ASSERT_EQ(client->publish("a", payload, 0, false), Error::SUCCESS);
+    }
     EXPECT_EQ(client->disconnect(2), Error::TIMEOUT);
     reading.change([](bool& on) { on = true; });
     EXPECT_TRUE(server.waitForPackets(support::PacketType::DISCONNECT, 1));
@@ -130,9 +132,10 @@ TEST(Disconnect, QueuesWhatIsPublishedAfterIt) {
     watcher.subscribe("a");
     auto const client = support::testClient(broker);
     client->disconnect(0);
-    for (int const qos : {0, 1, 2})
+    for (int const qos : {0, 1, 2}) {
         EXPECT_EQ(client->publish("a", "after at " + std::to_string(qos), qos, false),
                   Error::SUCCESS);
+    }
     ASSERT_TRUE(support::eventually(
         [&] { return client->communicationState() == ComState::DISCONNECTED; }));
     ASSERT_EQ(client->connect("", -1, PATIENCE), Error::SUCCESS);

@@ -58,8 +58,9 @@ TEST_F(ADispatch, GivesTheMessagesTopicAndNotThePattern) {
 TEST_F(ADispatch, GivesTheTopicParsed) {
     Strings segments;
     MessageRecorder recorder([&](int, Topic const& topic, auto&&) {
-        for (unsigned i = 0; i < topic.size(); ++i)
+        for (unsigned i = 0; i < topic.size(); ++i) {
             segments.push_back(topic[i]);
+        }
     });
     subscribe("#", recorder);
     send("/a//b/", "x");
@@ -70,8 +71,9 @@ TEST_F(ADispatch, GivesTheTopicParsed) {
 
 TEST_F(ADispatch, HandsOverAllBytesOfAPayload) {
     std::string bytes;
-    for (int i = 0; i < 512; ++i)
+    for (int i = 0; i < 512; ++i) {
         bytes.push_back(static_cast<char>(i));
+    }
     subscribe("a", first);
     send("a", bytes);
     send("a", std::string(3, '\0'));
@@ -157,8 +159,9 @@ TEST_F(ADispatch, PassesOverPatternsThatDoNotMatch) {
 TEST_F(ADispatch, LooksForTheTopicWithoutOneSeparatorAtEitherEnd) {
     subscribe("a/b", first);
     subscribe("/c", second); // registered as "c"
-    for (char const* const topic : {"/a/b", "a/b/", "/a/b/"})
+    for (char const* const topic : {"/a/b", "a/b/", "/a/b/"}) {
         send(topic, topic);
+    }
     send("//a/b", "two leading ones");
     send("c/", "c");
     receiveAll();
@@ -198,8 +201,9 @@ TEST_F(ADispatch, CallsASubscriberThatWasUnsubscribedByAnEarlierOneForThisMessag
 
 TEST_F(ADispatch, CallsASubscriberThatWasAddedByAnEarlierOneFromTheNextMessageOn) {
     MessageRecorder adder([&](int, auto&&, std::string const& payload) {
-        if (payload == "1")
+        if (payload == "1") {
             subscribe("a", second);
+        }
     });
     subscribe("a", adder);
     send("a", "1");
@@ -260,8 +264,9 @@ TEST_F(ADispatch, HappensOneMessageAtATimeAndOnOneThread) {
     std::vector<std::thread::id> threads;
     MessageRecorder recorder([&](auto&&...) { threads.push_back(std::this_thread::get_id()); });
     subscribe("a", recorder);
-    for (int i = 0; i < 20; ++i)
+    for (int i = 0; i < 20; ++i) {
         send("a", "x");
+    }
     receiveAll();
     client->release(&recorder);
     ASSERT_THAT(threads, SizeIs(20));

@@ -38,13 +38,15 @@ TEST(AnError, PrintsItsName) {
                                                          {15, "EAI"},
                                                          {16, "PROXY"},
                                                          {256, "TIMEOUT"}};
-    for (auto const& [value, name] : names)
+    for (auto const& [value, name] : names) {
         EXPECT_EQ(printed(static_cast<MqttClient::Error>(value)), name) << value;
+    }
 }
 
 TEST(AnError, WithoutANamePrintsAsUnknown) {
-    for (int const value : {-2, 17, 18, 255, 257, 100000})
+    for (int const value : {-2, 17, 18, 255, 257, 100000}) {
         EXPECT_EQ(printed(static_cast<MqttClient::Error>(value)), "UNKNOWN") << value;
+    }
 }
 
 TEST(AnError, OfTheSystemPrintsTheErrnoOfTheMoment) {
@@ -61,8 +63,9 @@ TEST(AConnectionError, PrintsItsNameOrUnknown) {
                                                                    {3, "BROKER_UNAVAILABLE"},
                                                                    {4, "UNKNOWN"},
                                                                    {255, "UNKNOWN"}};
-    for (auto const& [value, name] : names)
+    for (auto const& [value, name] : names) {
         EXPECT_EQ(printed(static_cast<MqttClient::ConnectionError>(value)), name) << +value;
+    }
 }
 
 TEST(ADisconnectionError, IsSuccessOrUnexpected) {

@@ -34,8 +34,9 @@ protected:
     std::string readByPeer() const {
         std::string all;
         std::array<char, 64> piece{};
-        for (ssize_t count = 0; (count = ::recv(peer.get(), piece.data(), piece.size(), 0)) > 0;)
+        for (ssize_t count = 0; (count = ::recv(peer.get(), piece.data(), piece.size(), 0)) > 0;) {
             all.append(piece.data(), static_cast<std::size_t>(count));
+        }
         return all;
     }
 
@@ -82,8 +83,9 @@ TEST_F(AFarewell, DoesNotBeginToWaitBehindItsDeadline) {
 TEST_F(AFarewell, GivesUpOnAPeerThatNeverStopsTalking) {
     std::atomic<bool> enough{false};
     std::thread talker([&] {
-        while (!enough)
+        while (!enough) {
             static_cast<void>(::send(peer.get(), "and", 3, MSG_NOSIGNAL | MSG_DONTWAIT));
+        }
     });
     Farewell(near.get()).waitForPeer(Clock::now() + A_MOMENT);
     enough = true;

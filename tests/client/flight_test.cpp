@@ -49,8 +49,9 @@ public:
         auto& trace = trace_;
         std::this_thread::yield();
         ++trace.calls;
-        if (!trace.alive)
+        if (!trace.alive) {
             ++trace.callsAfterItsEnd;
+        }
     }
 
 private:
@@ -71,9 +72,10 @@ void comeAndGo(Client& client, Tally& tally, unsigned seed) {
         Trace trace;
         {
             auto const traveller = std::make_unique<Traveller>(client, trace);
-            for (int i = 0; i < 3; ++i)
+            for (int i = 0; i < 3; ++i) {
                 EXPECT_EQ(client.subscribe(topics[random() % topics.size()], traveller.get(), i),
                           Error::SUCCESS);
+            }
             if (round % 8 == 0) {
                 EXPECT_TRUE(support::eventually([&] { return trace.calls > 0; }));
             }
@@ -95,10 +97,12 @@ TEST(Subscribers, ComeAndGoWhileMessagesFly) {
     {
         Flood const flood(broker, FLIGHTS, "x");
         std::vector<std::thread> threads;
-        for (unsigned i = 0; i < 3; ++i)
+        for (unsigned i = 0; i < 3; ++i) {
             threads.emplace_back([&, i] { comeAndGo(*client, tally, i + 1); });
-        for (auto& thread : threads)
+        }
+        for (auto& thread : threads) {
             thread.join();
+        }
     }
     EXPECT_GT(tally.called, 0);
     EXPECT_EQ(tally.calledAfterTheirEnd, 0);
@@ -132,8 +136,9 @@ TEST(Subscribers, DestroyThemselvesInTheirCallsWhileMessagesFly) {
         auto* const mayfly = new Mayfly(*client, alive);
         // Twice in one step of the worker, or it could be gone before the second time.
         support::MessageRecorder hatcher([&, done = false](auto&&...) mutable {
-            if (done)
+            if (done) {
                 return;
+            }
             done = true;
             EXPECT_EQ(client->subscribe("flight/+", mayfly, 1), Error::SUCCESS);
             EXPECT_EQ(client->subscribe("flight/+", mayfly, 2), Error::SUCCESS);

@@ -34,8 +34,9 @@ private:
     static std::vector<Post> toAll(std::vector<std::string> const& topics,
                                    std::string const& payload) {
         std::vector<Post> posts;
-        for (auto const& topic : topics)
+        for (auto const& topic : topics) {
             posts.push_back({topic, payload});
+        }
         return posts;
     }
 
@@ -44,8 +45,9 @@ private:
             auto const& post = posts_[i % posts_.size()];
             peer_.post(post.topic, post.payload, 0);
             // No faster than the broker takes it: its memory is finite.
-            if (i % 64 == 0)
+            if (i % 64 == 0) {
                 peer_.publish("pace", "", 1);
+            }
         }
     }
 

@@ -33,8 +33,9 @@ extern "C" __attribute__((visibility("default"))) int
 setsockopt(int fd, int level, int option, void const* value, socklen_t length) {
     using SetOption = int (*)(int, int, int, void const*, socklen_t);
     static auto const original = reinterpret_cast<SetOption>(::dlsym(RTLD_NEXT, "setsockopt"));
-    if (level == IPPROTO_TCP && option == TCP_QUICKACK)
+    if (level == IPPROTO_TCP && option == TCP_QUICKACK) {
         ++promptAcknowledgements;
+    }
     return original(fd, level, option, value, length);
 }
 
@@ -60,12 +61,14 @@ std::vector<int> socketsTo(int port) {
         sockaddr_storage peer{};
         socklen_t length = sizeof peer;
         if (::getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &length) != 0
-            || peer.ss_family != AF_INET)
+            || peer.ss_family != AF_INET) {
             continue;
+        }
         sockaddr_in internet{};
         std::memcpy(&internet, &peer, sizeof internet);
-        if (ntohs(internet.sin_port) == port)
+        if (ntohs(internet.sin_port) == port) {
             found.push_back(fd);
+        }
     }
     return found;
 }

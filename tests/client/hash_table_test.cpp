@@ -27,13 +27,16 @@ TEST(AHashTable, FindsNothingWhenEmpty) {
 
 TEST(AHashTable, TellsApartWhatHasTheSameHash) {
     HashTable<std::unique_ptr<int>> table;
-    for (int key = 0; key < 100; ++key)
+    for (int key = 0; key < 100; ++key) {
         table.insert(7, std::make_unique<int>(key));
-    for (int key = 0; key < 100; key += 2)
+    }
+    for (int key = 0; key < 100; key += 2) {
         table.erase(7, is(key));
+    }
     EXPECT_EQ(table.size(), 50U);
-    for (int key = 0; key < 100; ++key)
+    for (int key = 0; key < 100; ++key) {
         EXPECT_EQ(table.find(7, is(key)) != nullptr, key % 2 == 1) << key;
+    }
 }
 
 TEST(AHashTable, DoesNotTakeTheSameSlotForTheSameHash) {
@@ -57,14 +60,16 @@ TEST_P(ACrowdedHashTable, FindsWhatIsThereAndNothingElseAfterEveryChange) {
     std::map<int, bool> there;
     for (int change = 0; change < 3000; ++change) {
         auto const key = static_cast<int>(random() % KEYS);
-        if (there[key])
+        if (there[key]) {
             table.erase(hashOf(key), is(key));
-        else
+        } else {
             table.insert(hashOf(key), std::make_unique<int>(key));
+        }
         there[key] = !there[key];
-        for (int other = 0; other < KEYS; ++other)
+        for (int other = 0; other < KEYS; ++other) {
             ASSERT_EQ(table.find(hashOf(other), is(other)) != nullptr, there[other])
                 << "change " << change << ", key " << other;
+        }
         ASSERT_EQ(table.size(),
                   static_cast<std::size_t>(std::count_if(there.begin(), there.end(),
                                                          [](auto& one) { return one.second; })));

@@ -80,8 +80,9 @@ TEST_F(AMessage, WithALongPayloadArrivesWithThatOfThePayloadAlone) {
 }
 
 TEST_F(AMessage, ArrivesByAPatternAtTheSameCost) {
-    for (int i = 0; i < 1000; ++i)
+    for (int i = 0; i < 1000; ++i) {
         subscribe("plant/+/device-" + std::to_string(i) + "/#");
+    }
     subscribe("plant/+/device-0815/temperature/+");
     subscribe("+/+/+/pressure/#");
     EXPECT_EQ(allocationsToReceive(LONG_TOPIC, SHORT_TEXT), 0U);
@@ -90,8 +91,9 @@ TEST_F(AMessage, ArrivesByAPatternAtTheSameCost) {
 }
 
 TEST_F(AMessage, ReachesManySubscribersAtTheSameCost) {
-    for (int i = 0; i < 20; ++i)
+    for (int i = 0; i < 20; ++i) {
         subscribe(LONG_TOPIC);
+    }
     EXPECT_EQ(allocationsToReceive(LONG_TOPIC, LONG_TEXT), 1U);
     EXPECT_EQ(counter_.messages, 40U);
 }

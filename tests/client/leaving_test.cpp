@@ -70,8 +70,9 @@ TEST_F(ALeavingClient, ConnectsAnewAfterItHasGivenUpInTheMidstOfAnAttempt) {
 
 TEST_F(ALeavingClient, MayGiveUpAsSoonAsItIsToldThatItConnects) {
     support::StateRecorder quitter([this](ComState state) {
-        if (state == ComState::CONNECTING)
+        if (state == ComState::CONNECTING) {
             client_->giveUp();
+        }
     });
     client_->registerListener(&quitter);
     script_->answer(Operation::CONNECT, {FAILED});

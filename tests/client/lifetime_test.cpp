@@ -57,9 +57,11 @@ bool isBeingConnectedTo(int port) {
            << " 02 "; // SYN_SENT
     std::ifstream table("/proc/net/tcp");
     std::string line;
-    while (std::getline(table, line))
-        if (line.find(remote.str()) != std::string::npos)
+    while (std::getline(table, line)) {
+        if (line.find(remote.str()) != std::string::npos) {
             return true;
+        }
+    }
     return false;
 }
 
@@ -78,8 +80,9 @@ protected:
 };
 
 TEST_F(TheEndOfAClient, UnsubscribesEveryTopicAtTheBrokerInByteOrder) {
-    for (char const* const topic : {"b", "a/+", "a", "a/#", "b"})
+    for (char const* const topic : {"b", "a/+", "a", "a/#", "b"}) {
         subscribe(topic, first);
+    }
     client.reset();
     EXPECT_THAT(unsubscribed(), ElementsAre("a", "a/#", "a/+", "b"));
 }
@@ -89,8 +92,9 @@ TEST_F(TheEndOfAClient, UnsubscribesAtTheBrokerAlsoWhileMessagesFly) {
     subscribe("b", first);
     std::atomic<bool> stop{false};
     std::thread flood([&] {
-        while (!stop && server.publish("a", "x"))
+        while (!stop && server.publish("a", "x")) {
             std::this_thread::yield();
+        }
     });
     EXPECT_TRUE(first.waitForCount(100));
     client.reset();
@@ -116,8 +120,9 @@ TEST_F(TheEndOfAClient, UnsubscribesAtTheBrokerAlsoWhenASubscriberIsBusy) {
     });
     self = &slow;
     subscribe("a", slow);
-    for (int i = 0; i < 1000; ++i)
+    for (int i = 0; i < 1000; ++i) {
         subscribe("probe/" + std::to_string(i), slow);
+    }
     send("a", "x");
     ASSERT_TRUE(entered.waitFor(isSet));
     set(ending);
@@ -166,8 +171,9 @@ TEST_F(TheEndOfAClient, ComesInTimeDuringAPause) {
 
 TEST_F(TheEndOfAClient, ComesInTimeWhenABrokerGoneSilentStillStands) {
     server.setMode(ScriptedServer::Mode::SILENT);
-    for (int i = 0; i < 100; ++i)
+    for (int i = 0; i < 100; ++i) {
         subscribe("a/" + std::to_string(i), first);
+    }
     EXPECT_LT(timeToDestroy(client), FAR_TOO_LONG);
 }
 

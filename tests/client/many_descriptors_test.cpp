@@ -33,9 +33,9 @@ public:
         ::getrlimit(RLIMIT_NOFILE, &limit);
         limit.rlim_cur = limit.rlim_max;
         ::setrlimit(RLIMIT_NOFILE, &limit);
-        do
+        do {
             taken_.emplace_back(::open("/dev/null", O_RDONLY | O_CLOEXEC));
-        while (taken_.back().valid() && taken_.back().get() < FD_SETSIZE);
+        } while (taken_.back().valid() && taken_.back().get() < FD_SETSIZE);
     }
 
     bool areTaken() const { return !taken_.empty() && taken_.back().get() >= FD_SETSIZE; }
@@ -50,13 +50,16 @@ protected:
     void SetUp() override {
         support::ClientOptions options;
         options.connect = false;
-        if (GetParam())
+        if (GetParam()) {
             low_.take();
+        }
         client_ = support::testClient(broker_, options);
-        if (!GetParam())
+        if (!GetParam()) {
             low_.take();
-        if (!low_.areTaken())
+        }
+        if (!low_.areTaken()) {
             GTEST_SKIP() << "this process may not have so many";
+        }
     }
 
     support::MessageRecorder recorder_;
@@ -71,9 +74,10 @@ INSTANTIATE_TEST_SUITE_P(Made, AClientAmongManyDescriptors, testing::Bool(),
 TEST_P(AClientAmongManyDescriptors, WorksAsAnyOther) {
     ASSERT_EQ(client_->connect("", -1, PATIENCE), Error::SUCCESS);
     ASSERT_EQ(client_->subscribe("a", &recorder_, 0), Error::SUCCESS);
-    for (int const qos : {0, 1, 2})
+    for (int const qos : {0, 1, 2}) {
         EXPECT_EQ(client_->publishWait("a", std::to_string(qos), qos, false, PATIENCE),
                   Error::SUCCESS);
+    }
     EXPECT_TRUE(recorder_.waitForCount(3));
     EXPECT_EQ(client_->unsubscribeWait("a", &recorder_, PATIENCE), Error::SUCCESS);
     EXPECT_EQ(client_->disconnect(PATIENCE), Error::SUCCESS);

@@ -113,8 +113,9 @@ TEST_F(ASubscriptionWithoutMemory, LeavesThoseOfOthersOnItsTopicAlone) {
 TEST_F(ASubscriptionWithoutMemory, EndsAllTheSame) {
     connect();
     Topic const a("a");
-    for (auto const* topic : {"a", "b", "c/#"})
+    for (auto const* topic : {"a", "b", "c/#"}) {
         ASSERT_EQ(client_->subscribe(topic, &subscriber_, 0), Error::SUCCESS);
+    }
     {
         FailingAllocation const failing(1);
         EXPECT_EQ(client_->unsubscribe(a, &subscriber_), Error::SUCCESS);
@@ -132,11 +133,12 @@ TEST_F(ASubscriptionWithoutMemory, LosesAMessageAndNoMore) {
     message.topic = topic.data();
     message.payload = topic.data();
     message.payloadlen = static_cast<int>(topic.size());
-    for (unsigned which = 1; which < 8; ++which)
+    for (unsigned which = 1; which < 8; ++which) {
         script_->runInLoop([&](mosqpp::mosquittopp& object) {
             FailingAllocation const failing(which);
             object.on_message(&message);
         });
+    }
     EXPECT_EQ(received(topic), 1U);
 }
 
@@ -168,8 +170,9 @@ TEST_F(AClientOnAScript, DisconnectsAndEndsWithoutMemory) {
 struct StateCounter : MqttClient::Listener {
     virtual ~StateCounter() = default;
     void onComStateChanged(conv::ComState state) override {
-        if (state == conv::ComState::CONNECTION_LOST)
+        if (state == conv::ComState::CONNECTION_LOST) {
             ++losses;
+        }
     }
     std::atomic<int> losses{0};
 };

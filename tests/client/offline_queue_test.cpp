@@ -35,8 +35,9 @@ SecondsDuration const PATIENCE{30};
 
 Payloads numbers(int count) {
     Payloads result;
-    for (int i = 0; i < count; ++i)
+    for (int i = 0; i < count; ++i) {
         result.push_back(std::to_string(i));
+    }
     return result;
 }
 
@@ -87,8 +88,9 @@ TEST_P(AnOfflineClientAtEveryQos, PublishesOnceAndUnchangedWhenTheConnectionCome
 }
 
 TEST_P(AnOfflineClientAtEveryQos, KeepsTheOrder) {
-    for (auto const& number : numbers(300))
+    for (auto const& number : numbers(300)) {
         EXPECT_EQ(client_->publish("a", number, GetParam(), true), Error::SUCCESS);
+    }
     connect();
     EXPECT_EQ(payloadsUpToHere(), numbers(300));
     EXPECT_EQ(support::retained(broker_, "a")->payload, "299");
@@ -104,8 +106,9 @@ TEST_P(AnOfflineClientAtEveryQos, KeepsTheOrderOfWhatIsPublishedWhileTheQueueIsS
             EXPECT_EQ(client_->publish("a", std::to_string(number), GetParam(), false),
                       Error::SUCCESS);
             published = number + 1;
-            if (number >= before)
+            if (number >= before) {
                 std::this_thread::yield();
+            }
         }
     });
     EXPECT_TRUE(support::eventually([&] { return published >= before; }));
@@ -181,17 +184,19 @@ TEST(AQueue, IsSentAfterTheSubscriptionsAndBeforeTheStateBecomesConnected) {
     auto const client = idleClient(server.host(), server.port());
     publisher = client.get();
     client->registerListener(&states);
-    for (int qos : {0, 1, 2})
+    for (int qos : {0, 1, 2}) {
         EXPECT_EQ(client->publish("a", std::to_string(qos), qos, false), Error::SUCCESS);
+    }
     EXPECT_EQ(client->subscribe("b", &recorder, 0), Error::SUCCESS);
     ASSERT_EQ(client->connect("", -1, PATIENCE), Error::SUCCESS);
     ASSERT_TRUE(server.waitForPackets(PacketType::PUBLISH, 4));
     Payloads heard;
     for (auto const& received : server.received()) {
-        if (received.packet.type == PacketType::SUBSCRIBE)
+        if (received.packet.type == PacketType::SUBSCRIBE) {
             heard.push_back("subscribe " + received.packet.topic);
-        else if (received.packet.type == PacketType::PUBLISH)
+        } else if (received.packet.type == PacketType::PUBLISH) {
             heard.push_back(received.packet.payload);
+        }
     }
     EXPECT_THAT(heard, ElementsAre("subscribe b", "0", "1", "2", "connected"));
 }
@@ -219,8 +224,9 @@ TEST(AQueue, OutlivesRefusedConnections) {
     ScriptedServer server;
     server.refuseWith(3);
     auto const client = idleClient(server.host(), server.port());
-    for (auto const& number : numbers(10))
+    for (auto const& number : numbers(10)) {
         EXPECT_EQ(client->publish("a", number, 1, false), Error::SUCCESS);
+    }
     EXPECT_EQ(client->connect("", -1, 0), Error::TIMEOUT);
     ASSERT_TRUE(server.waitForPackets(PacketType::CONNECT, 2));
     EXPECT_EQ(server.count(PacketType::PUBLISH), 0U);
@@ -228,8 +234,9 @@ TEST(AQueue, OutlivesRefusedConnections) {
     ASSERT_TRUE(support::becomesConnected(*client));
     ASSERT_TRUE(server.waitForPackets(PacketType::PUBLISH, 10));
     Payloads heard;
-    for (auto const& packet : server.received(PacketType::PUBLISH))
+    for (auto const& packet : server.received(PacketType::PUBLISH)) {
         heard.push_back(packet.payload);
+    }
     EXPECT_EQ(heard, numbers(10));
 }
 
@@ -267,8 +274,9 @@ TEST_P(AClientThatLosesItsConnection, PublishesWhatWasQueuedOnceAndInOrder) {
     // At QoS 0 "done" means written to the network.
     ASSERT_TRUE(peer_.waitForMessages(1));
     loseConnection();
-    for (int i = 1; i < 50; ++i)
+    for (int i = 1; i < 50; ++i) {
         EXPECT_EQ(client_->publish("a", std::to_string(i), GetParam(), false), Error::SUCCESS);
+    }
     comeBack();
     EXPECT_EQ(client_->publish("a", "50", GetParam(), false), Error::SUCCESS);
     ASSERT_TRUE(peer_.waitForMessages(51));
@@ -326,11 +334,13 @@ INSTANTIATE_TEST_SUITE_P(QosAndSession, APublicationInFlightAsTheBrokerDies,
 
 TEST_P(APublicationInFlightAsTheBrokerDies, ArrivesBeforeWhatWasQueuedEachOnce) {
     broker_.suspend();
-    for (int i = 0; i < 3; ++i)
+    for (int i = 0; i < 3; ++i) {
         EXPECT_EQ(client_->publish("a", std::to_string(i), qos(), true), Error::SUCCESS);
+    }
     killBroker();
-    for (int i = 3; i < 6; ++i)
+    for (int i = 3; i < 6; ++i) {
         EXPECT_EQ(client_->publish("a", std::to_string(i), qos(), true), Error::SUCCESS);
+    }
     restartBrokerWithPeer();
     EXPECT_EQ(client_->publishWait("a", "6", qos(), true, PATIENCE), Error::SUCCESS);
     ASSERT_TRUE(peer_->waitForMessages(7));
@@ -341,11 +351,13 @@ TEST_P(APublicationInFlightAsTheBrokerDies, ArrivesBeforeWhatWasQueuedEachOnce) 
 TEST_P(APublicationInFlightAsTheBrokerDies, ArrivesBeforeWhatWasQueuedThoughTheyAreMany) {
     // More than the library sends without an acknowledgement.
     broker_.suspend();
-    for (int i = 0; i < 60; ++i)
+    for (int i = 0; i < 60; ++i) {
         EXPECT_EQ(client_->publish("a", std::to_string(i), qos(), true), Error::SUCCESS);
+    }
     killBroker();
-    for (int i = 60; i < 120; ++i)
+    for (int i = 60; i < 120; ++i) {
         EXPECT_EQ(client_->publish("a", std::to_string(i), qos(), true), Error::SUCCESS);
+    }
     restartBrokerWithPeer();
     ASSERT_TRUE(peer_->waitForMessages(120));
     EXPECT_EQ(client_->publishWait("a", "120", qos(), true, PATIENCE), Error::SUCCESS);

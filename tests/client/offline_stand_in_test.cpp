@@ -63,8 +63,9 @@ TEST_F(ALibraryWithoutAConnection, IsNotCalledFromWithinTheNewsOfTheLoss) {
 
 TEST_F(ALibraryWithoutAConnection, IsNotCalledForAListenerThatHearsOfTheLoss) {
     support::StateRecorder listener([&](ComState state) {
-        if (state != ComState::CONNECTION_LOST)
+        if (state != ComState::CONNECTION_LOST) {
             return;
+        }
         EXPECT_EQ(client_->publish("a", "0", 2, true), Error::SUCCESS);
         EXPECT_EQ(client_->clear("a"), Error::NO_CONN);
     });

@@ -32,8 +32,9 @@ bool leadsTo(int fd, int port) {
 int connectionTo(int port) {
     for (auto const& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
         int const fd = std::atoi(entry.path().filename().c_str());
-        if (leadsTo(fd, port))
+        if (leadsTo(fd, port)) {
             return fd;
+        }
     }
     return -1;
 }
@@ -56,13 +57,15 @@ protected:
     }
 
     void stream(int count) {
-        for (int i = 0; i < count; ++i)
+        for (int i = 0; i < count; ++i) {
             EXPECT_EQ(client->publish(topic, "news", 1, false), Error::SUCCESS);
+        }
     }
 
     void subscribeToMany() {
-        for (int i = 0; i < MANY; ++i)
+        for (int i = 0; i < MANY; ++i) {
             EXPECT_EQ(client->subscribe(topic + std::to_string(i), &recorder, 0), Error::SUCCESS);
+        }
     }
 
     bool becomesTalkative() {
@@ -94,8 +97,9 @@ protected:
 };
 
 TEST_F(APacedClient, SendsAtOnceWhatItWaitsFor) {
-    for (int i = 0; i < MANY; ++i)
+    for (int i = 0; i < MANY; ++i) {
         ASSERT_EQ(client->publishWait(topic, "news", 1, false, PATIENCE), Error::SUCCESS);
+    }
     EXPECT_TRUE(sendsAtOnce());
 }
 
@@ -114,8 +118,9 @@ TEST_F(APacedClient, GathersAStreamOfPublications) {
 }
 
 TEST_F(APacedClient, GathersAStreamOfClearedTopics) {
-    for (int i = 0; i < MANY; ++i)
+    for (int i = 0; i < MANY; ++i) {
         ASSERT_EQ(client->clear(topic), Error::SUCCESS);
+    }
     EXPECT_TRUE(gathers());
 }
 
@@ -128,8 +133,9 @@ TEST_F(APacedClient, GathersAStreamOfUnsubscriptions) {
     subscribeToMany();
     ASSERT_TRUE(gathers());
     ASSERT_TRUE(becomesTalkative());
-    for (int i = 0; i < MANY; ++i)
+    for (int i = 0; i < MANY; ++i) {
         ASSERT_EQ(client->unsubscribe(topic + std::to_string(i), &recorder), Error::SUCCESS);
+    }
     EXPECT_TRUE(gathers());
 }
 

@@ -21,8 +21,9 @@ Topic topicOf(std::string const& text) {
 class ThePatternIndex : public testing::Test {
 protected:
     void add(std::vector<std::string> const& patterns) {
-        for (auto const& pattern : patterns)
+        for (auto const& pattern : patterns) {
             registry_.add(topicOf(pattern));
+        }
     }
 
     void remove(std::string const& pattern) { registry_.remove(topicOf(pattern)); }
@@ -40,8 +41,9 @@ protected:
         ASSERT_TRUE(std::is_sorted(patterns.begin(), patterns.end()));
         for (bool const backwards : {false, true}) {
             auto added = patterns;
-            if (backwards)
+            if (backwards) {
                 std::reverse(added.begin(), added.end());
+            }
             add(added);
             for (auto const& pattern : patterns) {
                 EXPECT_EQ(found(topic), pattern) << "for " << topic;
@@ -72,15 +74,17 @@ TEST_F(ThePatternIndex, PutsNamesThatBeginBelowTheWildcardsFirst) {
 }
 
 TEST_F(ThePatternIndex, PutsNamesThatBeginBetweenTheWildcardsBetweenThem) {
-    for (std::string const name : {"$", "%", "&a", "'", "(", ")", "*z"})
+    for (std::string const name : {"$", "%", "&a", "'", "(", ")", "*z"}) {
         expectInThisOrder("x/" + name + "/c",
                           {"x/#", "x/" + name + "/#", "x/" + name + "/+", "x/+/#", "x/+/c"});
+    }
 }
 
 TEST_F(ThePatternIndex, PutsNamesThatBeginAboveTheWildcardsLast) {
-    for (std::string const name : {",", "-", ".", "0", "~", "\x7f", "\x80", "\xff"})
+    for (std::string const name : {",", "-", ".", "0", "~", "\x7f", "\x80", "\xff"}) {
         expectInThisOrder("x/" + name + "/c", {"x/#", "x/+/#", "x/+/+", "x/+/c", "x/" + name + "/#",
                                                "x/" + name + "/+"});
+    }
 }
 
 TEST_F(ThePatternIndex, LooksAtTheFirstByteOfANameOnly) {
@@ -143,15 +147,17 @@ TEST_F(ThePatternIndex, SeesATopicUpToItsFirstZeroByte) {
 
 TEST_F(ThePatternIndex, FindsNothingForATopicWithAWildcard) {
     add({"#", "+", "+/+", "a/+", "a/#"});
-    for (auto const* const topic : {"+", "#", "a/+", "a/#", "a/b+", "a#/b"})
+    for (auto const* const topic : {"+", "#", "a/+", "a/#", "a/b+", "a#/b"}) {
         EXPECT_EQ(found(topic), "none") << topic;
+    }
 }
 
 TEST_F(ThePatternIndex, AgreesWithTheWalkAboutWhatIsNoPattern) {
     // Some of these do match a topic, if one asks the broker library.
     add({"+/#x", "+/#/y", "a+/b", "+a", "a/#/b", "##", "++", "a/b#", "+/+b", "x/+"});
-    for (auto const* const topic : {"a", "a/b", "ab", "b", "a/x", "x/y", "x", "a/b/c", "+a"})
+    for (auto const* const topic : {"a", "a/b", "ab", "b", "a/x", "x/y", "x", "a/b/c", "+a"}) {
         found(topic);
+    }
     EXPECT_EQ(found("q"), "+/#/y");
     remove("+/#/y");
     EXPECT_EQ(found("q"), "+/#x");
@@ -194,8 +200,9 @@ TEST_F(ThePatternIndex, TakesAnyNumberOfLevels) {
 
 TEST_F(ThePatternIndex, SurvivesThousandsOfLevels) {
     std::string deep = "a";
-    for (int i = 0; i < 30000; ++i)
+    for (int i = 0; i < 30000; ++i) {
         deep += "/a";
+    }
     add({deep + "/+", "a/+"});
     EXPECT_EQ(found(deep + "/a"), deep + "/+");
     EXPECT_EQ(found(deep), "none");
@@ -222,8 +229,10 @@ TEST_F(ThePatternIndex, DoesNotMindRemovingWhatIsNotThere) {
     PatternIndex index;
     PatternIndex::Subscription known{"a/b/+", {}};
     index.add(known);
-    for (auto const* const pattern : {"#", "+", "a/#", "a/b/#", "a/b/+/#", "a/b/+/c", "b/+", "+a"})
+    for (auto const* const pattern :
+         {"#", "+", "a/#", "a/b/#", "a/b/+/#", "a/b/+/c", "b/+", "+a"}) {
         index.remove({pattern, {}});
+    }
     EXPECT_EQ(index.size(), 3U);
     EXPECT_EQ(index.find("a/b/c"), &known);
 }
@@ -232,17 +241,20 @@ TEST_F(ThePatternIndex, ForgetsEverythingAtOnce) {
     add({"#", "+", "a/+", "a/b/#", "+a", "$SYS/#"});
     registry_.clear();
     EXPECT_EQ(registry_.index().size(), 0U);
-    for (auto const* const topic : {"a", "a/b", "b", "$SYS/x"})
+    for (auto const* const topic : {"a", "a/b", "b", "$SYS/x"}) {
         EXPECT_EQ(found(topic), "none") << topic;
+    }
     add({"+"});
     EXPECT_EQ(found("a"), "+");
 }
 
 TEST_F(ThePatternIndex, FindsEachOfThousands) {
-    for (int i = 0; i < 5000; ++i)
+    for (int i = 0; i < 5000; ++i) {
         add({"plant/+/device" + std::to_string(i) + "/#"});
-    for (int i = 0; i < 5000; i += 2)
+    }
+    for (int i = 0; i < 5000; i += 2) {
         remove("plant/+/device" + std::to_string(i) + "/#");
+    }
     for (int i = 0; i < 5000; ++i) {
         auto const device = "/device" + std::to_string(i);
         auto const* const subscription = registry_.find(topicOf("plant/hall" + device + "/state"));

@@ -37,11 +37,13 @@ protected:
     bool step() {
         pollfd readable{client.get(), POLLIN, 0};
         char buffer[100];
-        if (::poll(&readable, 1, static_cast<int>(watch.patience().count())) == 1)
+        if (::poll(&readable, 1, static_cast<int>(watch.patience().count())) == 1) {
             received += ::recv(client.get(), buffer, sizeof buffer, 0);
+        }
         bool const urgent = watch.look(client.get());
-        if (urgent)
+        if (urgent) {
             set(client.get(), TCP_QUICKACK, 1);
+        }
         return urgent;
     }
 
@@ -63,8 +65,9 @@ protected:
     /// Steps until so much has been read. Returns whether the last step acknowledged.
     bool read(ssize_t bytes) {
         bool urgent = false;
-        for (auto const goal = received + bytes; received < goal;)
+        for (auto const goal = received + bytes; received < goal;) {
             urgent = step();
+        }
         return urgent;
     }
 
@@ -99,8 +102,9 @@ protected:
     /// Whether it is taken for one that does not wait, after so many of these rounds.
     bool sendsOnAfter(int rounds, std::function<void()> const& round) {
         watch.begin();
-        for (int i = 0; i < rounds; ++i)
+        for (int i = 0; i < rounds; ++i) {
             round();
+        }
         return watch.sendsOn();
     }
 
@@ -134,8 +138,9 @@ TEST_F(APeer, ThatDoesNotWaitNeedsNone) {
 
 TEST_F(APeer, WhoseEveryPacketIsAnsweredNeedsNoneUntilItFallsSilent) {
     int urgent = 0;
-    for (int i = 0; i < 1000; ++i)
+    for (int i = 0; i < 1000; ++i) {
         urgent += askForOne() ? 1 : 0;
+    }
     EXPECT_LT(urgent, 500) << "now and then a busy machine looks like silence";
     EXPECT_TRUE(support::eventually([this] {
         askForOne();
@@ -199,9 +204,11 @@ TEST_F(APeer, ThatWasSeenNotToWaitIsNotTakenForOneThatWaits) {
     EXPECT_TRUE(support::eventually([this] {
         watch.begin();
         askForTwo();
-        for (int i = 0; i < 20; ++i)
-            if (askForTwoInTurn())
+        for (int i = 0; i < 20; ++i) {
+            if (askForTwoInTurn()) {
                 return false;
+            }
+        }
         return !watch.sendsOn();
     }));
 }
@@ -210,8 +217,9 @@ TEST_F(APeer, IsNotSaidToSendOnForWhatIsTooLargeToBeHeldBack) {
     set(peer.get(), TCP_NODELAY, 1);
     EXPECT_FALSE(sendsOnAfter(20, [this] {
         ask();
-        for (int i = 0; i < 8; ++i)
+        for (int i = 0; i < 8; ++i) {
             send(peer.get(), std::string(1000, 'x'));
+        }
         stepWhenThereIs(8000);
     }));
 }
@@ -243,8 +251,9 @@ TEST_F(APeer, IsNotSaidToSendOnWhenTheKernelHasAcknowledgedOfItsOwnAccord) {
 
 TEST_F(APeer, WhoseEveryPacketWasAnsweredIsLookedAtAnewAfterASilence) {
     set(peer.get(), TCP_NODELAY, 1);
-    for (int i = 0; i < 1000; ++i)
+    for (int i = 0; i < 1000; ++i) {
         askForOne();
+    }
     EXPECT_TRUE(support::eventually([this] {
         step();
         askForTwo();
@@ -257,8 +266,9 @@ TEST_F(APeer, ThatSeemedToWaitIsLookedAtAnewAfterAWhile) {
     ASSERT_TRUE(support::eventually([&] { return (inARow = askForTwo() ? inARow + 1 : 0) == 10; }));
     set(peer.get(), TCP_NODELAY, 1);
     EXPECT_TRUE(support::eventually([this] {
-        for (int i = 0; i < 100 && !watch.sendsOn(); ++i)
+        for (int i = 0; i < 100 && !watch.sendsOn(); ++i) {
             askForTwo();
+        }
         return watch.sendsOn();
     }));
 }

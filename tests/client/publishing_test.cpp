@@ -84,16 +84,18 @@ TEST_P(AClientAtEveryQos, RetainsWhatItIsAskedToRetain) {
 }
 
 TEST_P(AClientAtEveryQos, RetainsOnlyTheLastOfManyValues) {
-    for (int i = 0; i <= 100; ++i)
+    for (int i = 0; i <= 100; ++i) {
         EXPECT_EQ(client_->publish("kept", std::to_string(i), GetParam(), true), Error::SUCCESS);
+    }
     ASSERT_TRUE(peer_.waitForMessages(101));
     EXPECT_EQ(retained("kept"), (Message{"kept", "100", GetParam(), true}));
 }
 
 TEST_P(AClientAtEveryQos, PublishesPayloadsOfAnyBytes) {
     std::string everyByte;
-    for (int i = 0; i < 256; ++i)
+    for (int i = 0; i < 256; ++i) {
         everyByte += static_cast<char>(i);
+    }
     std::string const large(1'000'000, '\0');
     EXPECT_EQ(client_->publish("a", everyByte, GetParam(), false), Error::SUCCESS);
     EXPECT_EQ(client_->publish("a", "", GetParam(), false), Error::SUCCESS);
@@ -111,10 +113,11 @@ TEST_P(AClientAtEveryQos, WaitsAndThenTheValueIsThere) {
 }
 
 TEST_P(AClientAtEveryQos, WaitsWithoutLimitWhenAskedTo) {
-    for (int i = 0; i < 50; ++i)
+    for (int i = 0; i < 50; ++i) {
         EXPECT_EQ(
             client_->publishWait("a", "value", GetParam(), false, SecondsDuration(UINT32_MAX)),
             Error::SUCCESS);
+    }
 }
 
 TEST_P(AClientAtEveryQos, PublishesFromInsideASubscriber) {
@@ -235,16 +238,19 @@ TEST_F(AConnectedClient, PublishesFromManyThreadsInTheOrderOfEach) {
     std::vector<std::thread> publishers;
     for (int thread = 0; thread < threads; ++thread) {
         publishers.emplace_back([&, topic = "thread/" + std::to_string(thread)] {
-            for (int i = 0; i < values; ++i)
+            for (int i = 0; i < values; ++i) {
                 EXPECT_EQ(client_->publish(topic, std::to_string(i), 2, false), Error::SUCCESS);
+            }
         });
     }
-    for (auto& publisher : publishers)
+    for (auto& publisher : publishers) {
         publisher.join();
+    }
     ASSERT_TRUE(peer_.waitForMessages(threads * values));
     std::map<std::string, int> next;
-    for (auto const& message : peer_.messages())
+    for (auto const& message : peer_.messages()) {
         EXPECT_EQ(message.payload, std::to_string(next[message.topic]++)) << message.topic;
+    }
 }
 
 /// What is refused, and how: the same whether there is a connection or not.

@@ -26,8 +26,9 @@ using Clock = std::chrono::steady_clock;
 support::Watched<std::vector<std::pair<int, Clock::time_point>>> attempts;
 
 void noteAttempt(sockaddr const* address) {
-    if (address->sa_family != AF_INET)
+    if (address->sa_family != AF_INET) {
         return;
+    }
     sockaddr_in internet{};
     std::memcpy(&internet, address, sizeof internet);
     int const port = ntohs(internet.sin_port);
@@ -56,9 +57,11 @@ using Error = MqttClient::Error;
 
 std::vector<Clock::time_point> attemptsAt(int port) {
     std::vector<Clock::time_point> times;
-    for (auto const& [at, time] : attempts.copy())
-        if (at == port)
+    for (auto const& [at, time] : attempts.copy()) {
+        if (at == port) {
             times.push_back(time);
+        }
+    }
     return times;
 }
 

@@ -37,13 +37,15 @@ TEST_F(ARelease, DropsAllRegistrationsOfASubscriber) {
     subscribe("c", second, 2);
     subscribe("c", first);
     client->release(&first);
-    for (char const* const topic : {"a", "b/x", "c"})
+    for (char const* const topic : {"a", "b/x", "c"}) {
         send(topic, topic);
+    }
     receiveAll();
     EXPECT_THAT(first.deliveries(), IsEmpty());
     EXPECT_THAT(second.deliveries(), ElementsAre(Delivery{2, "c", "c"}));
-    for (char const* const topic : {"a", "b/#", "c"})
+    for (char const* const topic : {"a", "b/#", "c"}) {
         EXPECT_EQ(client->unsubscribe(topic, &first), Error::NOT_FOUND) << topic;
+    }
 }
 
 TEST_F(ARelease, UnsubscribesAtTheBrokerWhereNobodyIsLeft) {

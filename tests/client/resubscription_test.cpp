@@ -20,8 +20,9 @@ using testing::IsEmpty;
 class AReconnection : public ScriptedSession {};
 
 TEST_F(AReconnection, SubscribesEveryTopicOnceInByteOrderAtQosZero) {
-    for (char const* const topic : {"b", "a/+", "a", "a/#", "b", "B"})
+    for (char const* const topic : {"b", "a/+", "a", "a/#", "b", "B"}) {
         subscribe(topic, first);
+    }
     sendAll();
     reconnect();
     sendAll();
@@ -42,9 +43,11 @@ TEST_F(AReconnection, SubscribesBeforeTheStateBecomesConnected) {
     reconnect();
     ASSERT_TRUE(server.waitForPackets(Type::PUBLISH, 1));
     Strings order;
-    for (auto const& one : server.received())
-        if (one.connection == 2)
+    for (auto const& one : server.received()) {
+        if (one.connection == 2) {
             order.push_back(one.packet.topic);
+        }
+    }
     EXPECT_THAT(order, ElementsAre("", "a", "b", "connected")) << "CONNECT first";
     client->unregisterListener(&listener);
 }
@@ -57,9 +60,11 @@ TEST_F(AReconnection, SubscribesBeforeQueuedPublicationsAreSent) {
     ASSERT_EQ(client->connect("", -1, 30), Error::SUCCESS);
     ASSERT_TRUE(server.waitForPackets(Type::PUBLISH, 1));
     Strings order;
-    for (auto const& one : server.received())
-        if (one.connection == 2)
+    for (auto const& one : server.received()) {
+        if (one.connection == 2) {
             order.push_back(one.packet.topic);
+        }
+    }
     EXPECT_THAT(order, ElementsAre("", "a", "b", "queued")) << "CONNECT first";
 }
 
@@ -125,9 +130,11 @@ protected:
         EXPECT_TRUE(support::becomesConnected(*client));
         sendAll();
         std::vector<Type> result;
-        for (auto const& one : server.received())
-            if (one.connection == 2 && one.packet.type != Type::CONNECT)
+        for (auto const& one : server.received()) {
+            if (one.connection == 2 && one.packet.type != Type::CONNECT) {
                 result.push_back(one.packet.type);
+            }
+        }
         return result;
     }
 };

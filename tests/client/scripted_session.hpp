@@ -43,9 +43,11 @@ protected:
     /// The topics in packets of this type over one connection, in the order they came.
     Strings topicsIn(Type type, int connection) const {
         Strings result;
-        for (auto const& one : server.received())
-            if (one.packet.type == type && one.connection == connection)
+        for (auto const& one : server.received()) {
+            if (one.packet.type == type && one.connection == connection) {
                 result.push_back(one.packet.topic);
+            }
+        }
         return result;
     }
 

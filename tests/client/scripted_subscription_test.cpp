@@ -46,8 +46,9 @@ protected:
 
     Strings topics(Operation operation) const {
         Strings result;
-        for (auto const& call : library->calls(operation))
+        for (auto const& call : library->calls(operation)) {
             result.push_back(call.topic);
+        }
         return result;
     }
 
@@ -97,8 +98,9 @@ TEST_F(ASubscribingClient, AfterALostConnectionDoesNotCallTheLibrary) {
 
 TEST_F(ASubscribingClient, RefusesWhatTheBrokerWouldNotBearBeforeAnythingChanges) {
     auto const refuses = [&] {
-        for (char const* const topic : {"", "/", "a/#/b", "a+"})
+        for (char const* const topic : {"", "/", "a/#/b", "a+"}) {
             EXPECT_EQ(client->subscribe(topic, &recorder, 0), Error::INVALID_PARAMETER) << topic;
+        }
         EXPECT_EQ(client->subscribe("a/\xFF", &recorder, 0), MALFORMED_UTF8);
         EXPECT_EQ(client->subscribe(std::string("a\0b", 3), &recorder, 0), MALFORMED_UTF8);
         EXPECT_EQ(client->subscribe(std::string(65536, 'a'), &recorder, 0),
@@ -212,8 +214,9 @@ TEST_F(AReusedMessageId, IsWaitedForOnTheSameConnection) {
 }
 
 TEST_F(ASubscribingClient, StopsCompletingAConnectionThatIsLostMeanwhile) {
-    for (char const* const topic : {"a", "b", "c"})
+    for (char const* const topic : {"a", "b", "c"}) {
         ASSERT_EQ(client->subscribe(topic, &recorder, 0), Error::SUCCESS);
+    }
     ASSERT_EQ(client->publish("queued", "x", 1, false), Error::SUCCESS);
     library->answer(Operation::SUBSCRIBE, {0, CONN_LOST});
     ASSERT_EQ(client->connect("", -1, 0), Error::TIMEOUT);
@@ -233,12 +236,14 @@ TEST_F(ASubscribingClient, StopsCompletingAConnectionThatIsLostMeanwhile) {
 }
 
 TEST_F(ASubscribingClient, HasSubscribedEverythingWhenItsStateBecomesConnected) {
-    for (char const* const topic : {"a", "b"})
+    for (char const* const topic : {"a", "b"}) {
         ASSERT_EQ(client->subscribe(topic, &recorder, 0), Error::SUCCESS);
+    }
     Strings subscribed;
     support::StateRecorder listener([&](ComState state) {
-        if (state == ComState::CONNECTED)
+        if (state == ComState::CONNECTED) {
             subscribed = topics(Operation::SUBSCRIBE);
+        }
     });
     client->registerListener(&listener);
     connect();
@@ -247,8 +252,9 @@ TEST_F(ASubscribingClient, HasSubscribedEverythingWhenItsStateBecomesConnected) 
 }
 
 TEST_F(ASubscribingClient, CompletesAConnectionWhateverElseBecomesOfItsSubscriptions) {
-    for (char const* const topic : {"a", "b", "c", "d"})
+    for (char const* const topic : {"a", "b", "c", "d"}) {
         ASSERT_EQ(client->subscribe(topic, &recorder, 0), Error::SUCCESS);
+    }
     library->answer(Operation::SUBSCRIBE, {1, 3, 14, 4});
     connect();
     EXPECT_THAT(topics(Operation::SUBSCRIBE), ElementsAre("a", "b", "c", "d"));
@@ -264,8 +270,9 @@ TEST_F(ASubscribingClient, AcceptsAMessageWithoutPayload) {
 
 TEST_F(ASubscribingClient, UnsubscribesEveryTopicWhenItIsDestroyed) {
     connect();
-    for (char const* const topic : {"b", "a", "b"})
+    for (char const* const topic : {"b", "a", "b"}) {
         ASSERT_EQ(client->subscribe(topic, &recorder, 0), Error::SUCCESS);
+    }
     library->answer(Operation::UNSUBSCRIBE, {14});
     client.reset();
     auto ended = topics(Operation::UNSUBSCRIBE);
@@ -281,8 +288,9 @@ TEST_F(ASubscribingClient, CallsNobodyAnyMoreWhileItIsDestroyed) {
     ASSERT_EQ(client->subscribe("+/b", &recorder, 0), Error::SUCCESS);
     // What wakes the worker for its end comes when the subscriptions are gone.
     library->setHook(Operation::UNSUBSCRIBE, [&](auto const& call) {
-        if (call.topic == "$zym/wake")
+        if (call.topic == "$zym/wake") {
             library->deliver("a/b", "late");
+        }
         return std::nullopt;
     });
     client.reset();

@@ -41,8 +41,9 @@ protected:
     void step() { pacing.stepped(pair.near.get()); }
 
     void streams(bool answered = true) {
-        for (int i = 0; i < 100; ++i)
+        for (int i = 0; i < 100; ++i) {
             pacing.issued(answered);
+        }
         step();
     }
 
@@ -109,8 +110,9 @@ TEST_F(APublisher, HoldsBackAgainWhatFollowsAPause) {
 TEST_F(APublisher, SendsAtOnceAgainWhenTheStreamHasBecomeAConversation) {
     streams();
     pacing.answered();
-    for (int i = 0; i < 15; ++i)
+    for (int i = 0; i < 15; ++i) {
         step();
+    }
     EXPECT_FALSE(sendsAtOnce()) << "one word does not make a conversation";
     step();
     EXPECT_TRUE(sendsAtOnce());

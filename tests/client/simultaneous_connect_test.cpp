@@ -30,8 +30,9 @@ public:
                 now.workerIsHere = true;
                 return wasEmpty;
             });
-            if (first)
+            if (first) {
                 awaitTwo(*state);
+            }
             return std::nullopt;
         });
         EXPECT_TRUE(state_->waitFor([](State const& now) { return now.workerIsHere; }));
@@ -50,8 +51,9 @@ private:
     static void awaitTwo(support::Watched<State>& state) {
         EXPECT_TRUE(state.waitFor([](State const& now) { return now.callers == 2; }));
         // From their announcement it is a few instructions to where they wait.
-        for (int i = 0; i < 1000; ++i)
+        for (int i = 0; i < 1000; ++i) {
             std::this_thread::yield();
+        }
     }
 
     std::shared_ptr<support::Watched<State>> state_ = std::make_shared<support::Watched<State>>();
@@ -63,13 +65,15 @@ TEST_F(AClientOnAScript, IsConnectedByOneOfTwoWhoTryAtOnce) {
         Crowd crowd(*script_);
         std::vector<Error> results(2);
         std::vector<std::thread> callers;
-        for (auto& result : results)
+        for (auto& result : results) {
             callers.emplace_back([&] {
                 crowd.announce();
                 result = client_->connect("", -1, PATIENCE);
             });
-        for (auto& caller : callers)
+        }
+        for (auto& caller : callers) {
             caller.join();
+        }
         EXPECT_EQ(std::count(results.begin(), results.end(), Error::SUCCESS), 1);
         EXPECT_EQ(std::count(results.begin(), results.end(), Error::CONNECTION_PENDING), 1);
         ASSERT_EQ(script_->count(Operation::CONNECT), round);

@@ -67,8 +67,9 @@ protected:
         bool const acknowledged = acknowledgesAtOnce();
         ::send(far.get(), "b", 1, 0);
         pollfd readable{near.get(), POLLIN, 0};
-        while (::poll(&readable, 1, static_cast<int>(tuning.patience().count())) == 0)
+        while (::poll(&readable, 1, static_cast<int>(tuning.patience().count())) == 0) {
             tuning.stepped(near.get(), false);
+        }
         ::recv(near.get(), bytes, sizeof bytes, 0);
         tuning.stepped(near.get(), false);
         return acknowledged;
@@ -109,8 +110,9 @@ TEST_F(ATcpConnection, AcknowledgesAStreamOnlyWhenItPauses) {
     ASSERT_TRUE(findsOutThatThePeerWaits());
     EXPECT_TRUE(support::eventually([&] {
         putOffAcknowledging();
-        for (int i = 0; i < 100; ++i)
+        for (int i = 0; i < 100; ++i) {
             tuning.received(1);
+        }
         tuning.stepped(near.get(), false);
         return !acknowledgesAtOnce();
     })) << "a busy machine may pause in between";
@@ -127,8 +129,9 @@ TEST_F(ATcpConnection, AcknowledgesAFastConversationAtOnce) {
     putOffAcknowledging();
     for (int i = 0; i < 100; ++i) {
         tuning.issued();
-        for (int k = 0; k < 4; ++k)
+        for (int k = 0; k < 4; ++k) {
             tuning.received(1);
+        }
     }
     tuning.stepped(near.get(), false);
     EXPECT_TRUE(acknowledgesAtOnce());
@@ -136,8 +139,9 @@ TEST_F(ATcpConnection, AcknowledgesAFastConversationAtOnce) {
 
 TEST_F(ATcpConnection, AcknowledgesNoMoreThanItsOwnStreamDoes) {
     ASSERT_TRUE(findsOutThatThePeerWaits());
-    for (int i = 0; i < 100; ++i)
+    for (int i = 0; i < 100; ++i) {
         tuning.issued();
+    }
     tuning.stepped(near.get(), false);
     putOffAcknowledging();
     tuning.issued();
@@ -151,8 +155,9 @@ TEST_F(ATcpConnection, AcknowledgesNoMoreThanItsOwnStreamDoes) {
 
 TEST_F(ATcpConnection, IsWaitedForInPeaceWhenAStreamIsOverAndNothingUrgent) {
     tuning.connected(near.get());
-    for (int i = 0; i < 1000; ++i)
+    for (int i = 0; i < 1000; ++i) {
         tuning.received(1);
+    }
     EXPECT_TRUE(support::eventually([&] {
         tuning.stepped(near.get(), false);
         return tuning.patience() == std::chrono::milliseconds(1000);
@@ -161,8 +166,9 @@ TEST_F(ATcpConnection, IsWaitedForInPeaceWhenAStreamIsOverAndNothingUrgent) {
 
 TEST_F(ATcpConnection, LeavesNothingToAUnixSocketThatFollowsIt) {
     tuning.connected(near.get());
-    for (int i = 0; i < 100; ++i)
+    for (int i = 0; i < 100; ++i) {
         tuning.issued();
+    }
     tuning.stepped(near.get(), false);
     ASSERT_LT(tuning.patience(), std::chrono::milliseconds(1000));
     FileDescriptor const unixSocket(::socket(AF_UNIX, SOCK_STREAM, 0));
@@ -188,9 +194,11 @@ protected:
 TEST_F(AUnixSocket, IsWaitedForUntilItTakesOutput) {
     std::string const block(65536, 'x');
     std::size_t written = 0;
-    for (ssize_t count = 0; count >= 0; written += static_cast<std::size_t>(count))
-        if ((count = ::send(near.get(), block.data(), block.size(), MSG_DONTWAIT)) < 0)
+    for (ssize_t count = 0; count >= 0; written += static_cast<std::size_t>(count)) {
+        if ((count = ::send(near.get(), block.data(), block.size(), MSG_DONTWAIT)) < 0) {
             break;
+        }
+    }
     auto const before = std::chrono::steady_clock::now();
     mqtt::waitForOutput(near.get()); // in vain, but not for ever
     EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(50));
@@ -200,8 +208,9 @@ TEST_F(AUnixSocket, IsWaitedForUntilItTakesOutput) {
         EXPECT_EQ(::recv(far.get(), buffer.data(), written, MSG_WAITALL),
                   static_cast<ssize_t>(written));
     });
-    while (::send(near.get(), "x", 1, MSG_DONTWAIT) < 0)
+    while (::send(near.get(), "x", 1, MSG_DONTWAIT) < 0) {
         mqtt::waitForOutput(near.get());
+    }
     reader.join();
 }
 

@@ -185,8 +185,9 @@ TEST_F(AStateListener, CanNeitherConnectNorDisconnect) {
 
 TEST_F(AStateListener, ThatThrowsStopsNeitherTheOthersNorTheClient) {
     hook = [](ComState state) {
-        if (state == ComState::CONNECTED)
+        if (state == ComState::CONNECTED) {
             throw std::runtime_error("from a listener");
+        }
         throw 42;
     };
     client->registerListener(&first);
@@ -205,11 +206,13 @@ TEST_F(AStateListener, IsNotBeingCalledAnyMoreOnceItIsUnregistered) {
     std::atomic<bool> left{false};
     std::atomic<bool> goOn{false};
     hook = [&](ComState state) {
-        if (state != ComState::CONNECTED)
+        if (state != ComState::CONNECTED) {
             return;
+        }
         inside.change([](bool& value) { value = true; });
-        while (!goOn)
+        while (!goOn) {
             std::this_thread::yield();
+        }
         left = true;
     };
     client->registerListener(&first);

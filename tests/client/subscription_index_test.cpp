@@ -46,30 +46,35 @@ public:
     void changeVocabulary() { vocabulary_ = &VOCABULARIES[dice_.below(VOCABULARIES.size())]; }
 
     std::string name() {
-        if (!vocabulary_->empty())
+        if (!vocabulary_->empty()) {
             return (*vocabulary_)[dice_.below(vocabulary_->size())];
+        }
         // Every byte but zero and the separator; wildcards too.
         std::string result(dice_.below(3), ' ');
-        for (auto& byte : result)
-            do
+        for (auto& byte : result) {
+            do {
                 byte = static_cast<char>(1 + dice_.below(255));
-            while (byte == '/');
+            } while (byte == '/');
+        }
         return result;
     }
 
     std::string topic() {
         std::string result = name();
-        for (auto more = dice_.below(5); more > 0; --more)
+        for (auto more = dice_.below(5); more > 0; --more) {
             result += '/' + name();
+        }
         return dice_.oneIn(50) ? result + "/+" : result;
     }
 
     std::string pattern() {
         std::string result = patternLevel();
-        for (auto more = dice_.below(5); more > 0; --more)
+        for (auto more = dice_.below(5); more > 0; --more) {
             result += '/' + patternLevel();
-        if (dice_.oneIn(3))
+        }
+        if (dice_.oneIn(3)) {
             result += "/#";
+        }
         return dice_.oneIn(400) ? "#" : result;
     }
 
@@ -77,20 +82,22 @@ public:
     std::string instance(std::string const& pattern) {
         std::string result;
         for (char const byte : pattern) {
-            if (byte == '+')
+            if (byte == '+') {
                 result += name();
-            else if (byte == '#')
+            } else if (byte == '#') {
                 result += dice_.oneIn(2) ? topic() : "";
-            else
+            } else {
                 result += byte;
+            }
         }
         return result + (dice_.oneIn(4) ? "/" : "");
     }
 
 private:
     std::string patternLevel() {
-        if (dice_.oneIn(3))
+        if (dice_.oneIn(3)) {
             return "+";
+        }
         // Now and then what is no pattern to MQTT.
         return dice_.oneIn(40) ? name() + "+#"[dice_.below(2)] + name() : name();
     }
@@ -103,10 +110,11 @@ std::string readable(std::string const& text) {
     std::ostringstream out;
     for (char const c : text) {
         auto const byte = static_cast<unsigned char>(c);
-        if (std::isprint(byte) != 0)
+        if (std::isprint(byte) != 0) {
             out << byte;
-        else
+        } else {
             out << "\\x" << std::hex << int{byte} << std::dec << ' ';
+        }
     }
     return '"' + out.str() + '"';
 }
@@ -125,10 +133,11 @@ protected:
             texts_.changeVocabulary();
         }
         auto const& entries = registry_.entries();
-        if (!entries.empty() && (dice_.oneIn(2) || entries.size() == MOST_ENTRIES))
+        if (!entries.empty() && (dice_.oneIn(2) || entries.size() == MOST_ENTRIES)) {
             registry_.remove(Topic(anyEntry()));
-        else
+        } else {
             registry_.add(dice_.oneIn(5) ? texts_.topic() : texts_.pattern());
+        }
     }
 
     Topic anyTopic() {
@@ -141,8 +150,9 @@ protected:
         auto const* const exact = registry_.exact(topic);
         auto const* const expected = exact != nullptr ? exact : registry_.walk(topic);
         auto const* const found = registry_.find(topic);
-        if (found != expected)
+        if (found != expected) {
             report(topic, found, expected);
+        }
         return exact == nullptr && found != nullptr;
     }
 
@@ -158,8 +168,9 @@ private:
     void report(Topic const& topic, mqtt::MqttClient::Subscription const* found,
                 mqtt::MqttClient::Subscription const* expected) const {
         std::string all;
-        for (auto const& entry : registry_.entries())
+        for (auto const& entry : registry_.entries()) {
             all += ' ' + readable(entry.first.text());
+        }
         FAIL() << "seed " << GetParam() << ", topic " << readable(topic.text()) << ": found "
                << readable(found) << ", the walk finds " << readable(expected) << " among" << all;
     }
@@ -176,8 +187,9 @@ TEST_P(ARandomRegistry, IsSearchedAsIfItWereWalkedThrough) {
     unsigned patternsFound = 0;
     for (unsigned i = 0; i < CHANGES && !HasFatalFailure(); ++i) {
         change();
-        for (unsigned j = 0; j < TOPICS; ++j)
+        for (unsigned j = 0; j < TOPICS; ++j) {
             patternsFound += compare(anyTopic()) ? 1U : 0U;
+        }
     }
     // Or it would say little.
     EXPECT_GT(patternsFound, CHANGES * TOPICS / 4);

@@ -50,8 +50,9 @@ protected:
     void deliver(std::string const& topic, std::string const& payload) {
         peer.publish(topic, payload);
         std::string const name = "marker " + std::to_string(++markers_);
-        if (markers_ == 1)
+        if (markers_ == 1) {
             subscribe("marker", marker_);
+        }
         peer.publish("marker", name);
         ASSERT_TRUE(marker_.waitForPayload(name));
     }

@@ -18,8 +18,9 @@ using zym::common::Uuid;
 
 std::vector<std::string> segments(Topic const& topic) {
     std::vector<std::string> result;
-    for (unsigned int i = 0; i < topic.size(); ++i)
+    for (unsigned int i = 0; i < topic.size(); ++i) {
         result.push_back(topic[i]);
+    }
     return result;
 }
 

@@ -101,14 +101,16 @@ TEST_F(AWaitForAnUnsubscription, InsideACallbackDoesNotLastEvenWithoutLimit) {
 TEST_F(AWaitForAnUnsubscription, CanBeMadeByManyThreadsAtATime) {
     // A wait may miss its acknowledgement to another, but none waits beyond its time.
     std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i)
+    for (int i = 0; i < 4; ++i) {
         threads.emplace_back([this, topic = "many/" + std::to_string(i)] {
             EXPECT_EQ(client->subscribe(topic, &first, 0), Error::SUCCESS);
             EXPECT_THAT(client->unsubscribeWait(topic, &first, 1),
                         testing::AnyOf(Error::SUCCESS, Error::TIMEOUT));
         });
-    for (auto& thread : threads)
+    }
+    for (auto& thread : threads) {
         thread.join();
+    }
     EXPECT_TRUE(server.waitForPackets(Type::UNSUBSCRIBE, 4));
 }
 

@@ -15,8 +15,9 @@ public:
 
     void add(mqtt::Topic const& topic) {
         auto const [entry, isNew] = entries_.try_emplace(topic, Subscription{topic, {}});
-        if (isNew)
+        if (isNew) {
             index_.add(entry->second);
+        }
     }
 
     void remove(mqtt::Topic const& topic) {
@@ -32,9 +33,11 @@ public:
 
     /// In byte order, asking every entry.
     Subscription const* walk(mqtt::Topic const& topic) const {
-        for (auto const& entry : entries_)
-            if (entry.first.matches(topic))
+        for (auto const& entry : entries_) {
+            if (entry.first.matches(topic)) {
                 return &entry.second;
+            }
+        }
         return nullptr;
     }
 

@@ -26,10 +26,13 @@ TEST_F(AClientOnAScript, HasAWorkerThatLeavesTheSignalsOfTheProcessToOthers) {
     sigset_t blocked = blockedSignals();
     EXPECT_EQ(sigismember(&blocked, SIGTERM), 0) << "what made the client is as it was";
     script_->runInLoop([&](auto&) { blocked = blockedSignals(); });
-    for (int const signal : {SIGTERM, SIGINT, SIGHUP, SIGCHLD, SIGALRM, SIGUSR1, SIGPIPE, SIGRTMIN})
+    for (int const signal :
+         {SIGTERM, SIGINT, SIGHUP, SIGCHLD, SIGALRM, SIGUSR1, SIGPIPE, SIGRTMIN}) {
         EXPECT_EQ(sigismember(&blocked, signal), 1) << signal;
-    for (int const fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL})
+    }
+    for (int const fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL}) {
         EXPECT_EQ(sigismember(&blocked, fault), 0) << fault;
+    }
 }
 
 TEST_F(AClientOnAScript, HasAWorkerWithAName) {

@@ -43,8 +43,9 @@ public:
 
     void leave() {
         set(leave_);
-        if (thread_.joinable())
+        if (thread_.joinable()) {
             thread_.join();
+        }
     }
 
 private:
@@ -166,18 +167,21 @@ TEST_F(TheWaitForVisitors, SeesEverybodyOut) {
         auto value = std::make_unique<std::atomic<int>>(0);
         std::atomic<int> inside{0};
         std::vector<std::thread> threads;
-        for (int i = 0; i < 4; ++i)
+        for (int i = 0; i < 4; ++i) {
             threads.emplace_back([&] {
                 Visitors::Visit const visit(visitors);
                 ++inside;
                 ++*value;
             });
-        while (inside < 4)
+        }
+        while (inside < 4) {
             std::this_thread::yield();
+        }
         visitors->waitForOthers();
         value.reset();
-        for (auto& thread : threads)
+        for (auto& thread : threads) {
             thread.join();
+        }
     }
 }
 

@@ -26,8 +26,9 @@ void MqttData<FillLevel>::serialize(Topic const& /*topic*/, std::string& payload
 template <>
 void MqttData<FillLevel>::deserialize(Topic const& /*topic*/, std::string const& payload,
                                       bool empty, FillLevel& level) {
-    if (!empty)
+    if (!empty) {
         Deserializer::extractValue(Deserializer(payload).getMember("litres"), level.litres, "");
+    }
 }
 
 } // namespace mqtt

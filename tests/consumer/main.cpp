@@ -60,8 +60,9 @@ public:
     }
     unsigned int wait() {
         auto level = level_.get_future();
-        if (level.wait_for(std::chrono::seconds(30)) != std::future_status::ready)
+        if (level.wait_for(std::chrono::seconds(30)) != std::future_status::ready) {
             throw std::runtime_error("no level was received");
+        }
         return level.get();
     }
 
@@ -71,8 +72,9 @@ private:
 };
 
 void require(bool condition, char const* what) {
-    if (!condition)
+    if (!condition) {
         throw std::runtime_error(what);
+    }
 }
 
 void publishAndRead(MqttClient& atTank, MqttClient& atDisplay) {

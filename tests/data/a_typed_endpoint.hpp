@@ -24,8 +24,9 @@ public:
         told_.change([&](auto& told) {
             told.push_back(link.id + (empty ? " empty " : " ") + std::to_string(id));
         });
-        if (hook_)
+        if (hook_) {
             hook_(link);
+        }
     }
 
     std::vector<std::string> told() const { return told_.copy(); }

@@ -50,19 +50,22 @@ public:
 protected:
     void getPublishTopic(mqtt::Topic& topic) override {
         MqttDataBase::getPublishTopic(topic);
-        if (!publishTopic.empty())
+        if (!publishTopic.empty()) {
             topic = publishTopic;
+        }
     }
     void getSubscribeTopic(mqtt::Topic& topic) override {
         MqttDataBase::getSubscribeTopic(topic);
-        if (!subscribeTopic.empty())
+        if (!subscribeTopic.empty()) {
             topic = subscribeTopic;
+        }
     }
     void deserialize(mqtt::Topic const& topic, std::string const& payload, bool empty) override {
         value = payload;
         events.push_back("read " + topic.text() + " " + payload + (empty ? "empty" : ""));
-        if (whileReading)
+        if (whileReading) {
             whileReading();
+        }
     }
     void serialize(mqtt::Topic const& topic, std::string& payload) const override {
         payload = value + "@" + topic.text();
@@ -71,10 +74,12 @@ protected:
         EXPECT_TRUE(lock.owns_lock());
         EXPECT_EQ(lock.mutex(), &mutex());
         events.push_back("tell " + std::to_string(id) + (empty ? " empty" : ""));
-        if (releasesTheLock)
+        if (releasesTheLock) {
             lock.unlock();
-        if (whileTelling)
+        }
+        if (whileTelling) {
             whileTelling();
+        }
     }
 };
 
@@ -99,8 +104,9 @@ protected:
 
     std::vector<std::string> topics(support::StandIn::Operation operation) const {
         std::vector<std::string> result;
-        for (auto const& call : script_->calls(operation))
+        for (auto const& call : script_->calls(operation)) {
             result.push_back(call.topic);
+        }
         return result;
     }
 

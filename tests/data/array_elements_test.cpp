@@ -19,8 +19,9 @@ std::vector<std::string> elementsOf(std::string_view text) {
     ArrayElements elements({bytes.data(), bytes.size()});
     std::vector<std::string> result;
     std::string_view element;
-    while (elements.next(element))
+    while (elements.next(element)) {
         result.emplace_back(element);
+    }
     EXPECT_FALSE(elements.next(element));
     return result;
 }
@@ -42,9 +43,10 @@ TEST(TheElementsOfAnArray, MayBeObjectsAndArrays) {
 
 TEST(TheElementsOfAnArray, MayHoldAnyMarkInTheirStrings) {
     for (char const* const text : {R"("],}{[")", R"("\"")", R"("\\")", R"("\\\",")", R"("a\\")",
-                                   R"({"],": "\"]"})", R"("\u005c")", R"("")"})
+                                   R"({"],": "\"]"})", R"("\u005c")", R"("")"}) {
         EXPECT_THAT(elementsOf(std::string("[") + text + ", " + text + "]"),
                     ElementsAre(text, text));
+    }
 }
 
 TEST(TheElementsOfAnArray, EndWithItWhateverFollows) {
@@ -58,15 +60,17 @@ TEST(TheElementsOfAnArray, AreLeftToTheirReaderWhenTheyAreBad) {
 
 TEST(ATextThatIsNoArray, HasNoElements) {
     for (char const* const text :
-         {"", " ", "{}", "1", "\"[]\"", "null", "]", "x[]", "[1}", "[1, 2}"})
+         {"", " ", "{}", "1", "\"[]\"", "null", "]", "x[]", "[1}", "[1, 2}"}) {
         EXPECT_THROW(elementsOf(text), std::runtime_error) << text;
+    }
 }
 
 TEST(AnArrayCutOffAnywhere, IsRefused) {
     std::string const text = R"([ {"a": ["\\\"]", 1 ]} , "\"" , 2 ])";
     ASSERT_EQ(elementsOf(text).size(), 3U);
-    for (std::size_t length = 0; length < text.size(); ++length)
+    for (std::size_t length = 0; length < text.size(); ++length) {
         EXPECT_THROW(elementsOf({text.data(), length}), std::runtime_error) << length;
+    }
 }
 
 } // namespace

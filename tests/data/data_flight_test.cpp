@@ -45,8 +45,9 @@ public:
     virtual ~Counter() = default;
     void onMqttData(T const& /*value*/, bool /*empty*/, int /*id*/) override {
         ++calls;
-        if (ended)
+        if (ended) {
             ++callsAfterTheEnd;
+        }
     }
 
     std::atomic<int> calls{0};
@@ -65,8 +66,9 @@ void comeAndGo(Client& client, char const* topic) {
             if (round % 4 == 0) {
                 EXPECT_TRUE(support::eventually([&] { return counter.calls > 0; }));
             }
-            if (round % 3 == 0)
+            if (round % 3 == 0) {
                 endpoint.unsubscribe();
+            }
         }
         counter.ended = true;
         // The worker gets as far as it would to call what is gone.
@@ -83,8 +85,9 @@ TEST(TypedEndpoints, ComeAndGoWhileMessagesFly) {
     threads.emplace_back([&] { comeAndGo<MqttData<Link>, Link>(*client, "link"); });
     threads.emplace_back([&] { comeAndGo<MqttData<Link>, Link>(*client, "link"); });
     threads.emplace_back([&] { comeAndGo<Collection, Links>(*client, "links"); });
-    for (auto& thread : threads)
+    for (auto& thread : threads) {
         thread.join();
+    }
 }
 
 template <class Endpoint, class T>
@@ -176,7 +179,7 @@ TEST(TypedEndpoints, ArePublishedWrittenAndReadByManyThreadsAtOnce) {
     MqttData<Link> endpoint(*client, "link");
     ASSERT_EQ(endpoint.subscribe(&counter, 1), Error::SUCCESS);
     std::vector<std::thread> threads;
-    for (int i = 0; i < 3; ++i)
+    for (int i = 0; i < 3; ++i) {
         threads.emplace_back([&, i] {
             for (int round = 0; round < ROUNDS; ++round) {
                 MqttData<Link>::Lock lock(endpoint.mutex());
@@ -187,8 +190,10 @@ TEST(TypedEndpoints, ArePublishedWrittenAndReadByManyThreadsAtOnce) {
                 EXPECT_EQ(endpoint.topicBase().size(), 1U);
             }
         });
-    for (auto& thread : threads)
+    }
+    for (auto& thread : threads) {
         thread.join();
+    }
     EXPECT_TRUE(support::eventually([&] { return counter.calls == 3 * ROUNDS; }));
 }
 

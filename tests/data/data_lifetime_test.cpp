@@ -39,8 +39,9 @@ void MqttData<Traced>::serialize(Topic const& /*topic*/, std::string& payload,
 template <>
 void MqttData<Traced>::deserialize(Topic const& /*topic*/, std::string const& payload, bool empty,
                                    Traced& traced) {
-    if (!empty)
+    if (!empty) {
         traced.text = payload;
+    }
 }
 
 } // namespace mqtt

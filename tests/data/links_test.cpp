@@ -32,8 +32,9 @@ void read(Links& links, std::string const& payload) {
 
 std::vector<std::string> ids(Links const& links) {
     std::vector<std::string> result;
-    for (auto const& link : links)
+    for (auto const& link : links) {
         result.push_back(link.id);
+    }
     return result;
 }
 
@@ -61,9 +62,10 @@ TEST(ALink, IsUnchangedByNothing) {
 TEST(ALink, IsUnchangedByADocumentWithoutItsMember) {
     Link link{"old"};
     for (char const* const payload :
-         {"{}", R"({"@id": 1})", R"({"@id": null})", R"({"@id": "\ud800"})", R"({"id": "x"})"})
+         {"{}", R"({"@id": 1})", R"({"@id": null})", R"({"@id": "\ud800"})", R"({"id": "x"})"}) {
         EXPECT_THROW(MqttData<Link>::deserialize("a", payload, false, link), std::logic_error)
             << payload;
+    }
     EXPECT_EQ(link.id, "old");
 }
 
@@ -110,8 +112,9 @@ TEST(ACollectionOfLinks, IsWrittenInTheSameWayByTheVectorEndpoint) {
 
 TEST(ACollectionOfLinks, ReadsWhatItWrote) {
     Links links;
-    for (int i = 0; i < 300; ++i)
+    for (int i = 0; i < 300; ++i) {
         links.push_back({"a/" + std::to_string(i) + "\"\\\n\t {}[],:\xff"});
+    }
     links.push_back({""});
     Links result{{"old"}};
     read(result, written(links));
@@ -171,11 +174,12 @@ TEST(ACollectionOfLinks, IsUnchangedByNothing) {
 TEST(ACollectionOfLinks, IsUnchangedByADocumentWithoutACount) {
     Links links{{"old"}};
     EXPECT_THROW(read(links, R"({"members": [{"@id": "a"}]})"), std::out_of_range);
-    for (char const* const count : {"-1", "4294967296", "1e3", "1.0", "\"1\"", "null", "[]"})
+    for (char const* const count : {"-1", "4294967296", "1e3", "1.0", "\"1\"", "null", "[]"}) {
         EXPECT_THROW(read(links, std::string(R"({"members@count": )") + count
                                      + R"(, "members": [{"@id": "a"}]})"),
                      std::logic_error)
             << count;
+    }
     EXPECT_THAT(ids(links), ElementsAre("old"));
 }
 

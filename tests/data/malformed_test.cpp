@@ -70,11 +70,13 @@ void PrintTo(Malformed const& malformed, std::ostream* out) {
 
 std::string nested(std::size_t depth, std::string const& open, std::string const& close) {
     std::string text;
-    for (std::size_t i = 0; i < depth; ++i)
+    for (std::size_t i = 0; i < depth; ++i) {
         text += open;
+    }
     text += "1";
-    for (std::size_t i = 0; i < depth; ++i)
+    for (std::size_t i = 0; i < depth; ++i) {
         text += close;
+    }
     return text;
 }
 
@@ -84,16 +86,18 @@ std::string everyMember(std::string const& value) {
     for (char const* const key :
          {"state", "since", "uuid", "manufacturer", "model", "serial", "physicalName", "name",
           "interface", "version", "location", "contact", "operating", "health", "@id",
-          "members@count", "members"})
+          "members@count", "members"}) {
         text += std::string("\"") + key + "\": " + value + ", ";
+    }
     return text + "\"end\": 0}";
 }
 
 std::string garbage() {
     std::string bytes(1024 * 1024, '\0');
     std::minstd_rand random(1);
-    for (auto& byte : bytes)
+    for (auto& byte : bytes) {
         byte = static_cast<char>(random() % 256);
+    }
     return bytes;
 }
 

@@ -131,9 +131,11 @@ TEST(AServiceStatus, ReadsWhatItWrote) {
 }
 
 TEST(Payloads, DoNotDependOnTheLocale) {
-    for (char const* const name : {"de_DE.UTF-8", "fr_FR.UTF-8", "de_DE"})
-        if (std::setlocale(LC_ALL, name) != nullptr)
+    for (char const* const name : {"de_DE.UTF-8", "fr_FR.UTF-8", "de_DE"}) {
+        if (std::setlocale(LC_ALL, name) != nullptr) {
             break;
+        }
+    }
     CommunicationStatus status;
     auto const text = written(CommunicationStatus{ComState::CONNECTED, UnixTime(0.5)});
     read(status, text);
@@ -172,14 +174,16 @@ TEST_F(ACommunicationStatusRead, WithoutATimeHasTheInvalidOneAndTheStateReceived
 
 TEST_F(ACommunicationStatusRead, WithoutAStateKeepsTheOldOneAndSkipsTheTime) {
     expectFailure(ComState::CONNECTED, R"({"since": 7.5})");
-    for (char const* const state : {"\"4\"", "4.0", "4e0", "true", "null", "[4]", "256", "-1"})
+    for (char const* const state : {"\"4\"", "4.0", "4e0", "true", "null", "[4]", "256", "-1"}) {
         expectFailure(ComState::CONNECTED,
                       std::string(R"({"state": )") + state + R"(, "since": 7.5})");
+    }
 }
 
 TEST_F(ACommunicationStatusRead, FromWhatIsNoObjectHasTheInvalidTime) {
-    for (char const* const payload : {"[]", "4", "null", "\"state\"", "{", "x", "{} {}", " "})
+    for (char const* const payload : {"[]", "4", "null", "\"state\"", "{", "x", "{} {}", " "}) {
         expectFailure(ComState::CONNECTED, payload);
+    }
 }
 
 TEST_F(ACommunicationStatusRead, FromNothingIsUnchanged) {
@@ -253,8 +257,9 @@ TEST(AServiceStatusRead, WithoutOperatingIsUnchanged) {
 
 TEST(AServiceStatusRead, FromWhatIsNoObjectFailsInTheseWords) {
     ServiceStatus status{1, 2};
-    for (char const* const payload : {"[]", "4", "null", "\"x\"", "{", "x", " "})
+    for (char const* const payload : {"[]", "4", "null", "\"x\"", "{", "x", " "}) {
         expectNoObject(status, payload);
+    }
     EXPECT_EQ(status.operating, 1);
     EXPECT_EQ(status.health, 2);
 }

@@ -36,12 +36,14 @@ Boxes boxesOfThePage() {
     Boxes boxes;
     std::string line;
     while (std::getline(page, line)) {
-        if (line.rfind("```", 0) != 0)
+        if (line.rfind("```", 0) != 0) {
             continue;
+        }
         auto const heading = line.substr(3);
         std::string body;
-        while (std::getline(page, line) && line != "```")
+        while (std::getline(page, line) && line != "```") {
             body += (body.empty() ? "" : "\n") + line;
+        }
         EXPECT_TRUE(boxes.emplace(heading, body).second) << heading << " stands there twice";
     }
     return boxes;
@@ -193,8 +195,9 @@ TEST_F(TheWireFormatPage, NamesTheLevelsOfTheStandardValues) {
          {"| communication status | `<base>/communication` | 2 | yes |",
           "| identification | `<base>/identification` | 2 | yes |",
           "| service status | `<base>/status` | 2 | yes |", "| link | `<base>` | 2 | yes |",
-          "| link collection | `<base>` | 2 | yes |"})
+          "| link collection | `<base>` | 2 | yes |"}) {
         EXPECT_NE(page.find(row), std::string::npos) << row;
+    }
 }
 
 } // namespace

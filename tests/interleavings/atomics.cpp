@@ -13,8 +13,9 @@ constexpr int ORDER_OF_COUNTERS = __ATOMIC_ACQ_REL;
 
 void point(int order = __ATOMIC_SEQ_CST) {
     auto& scheduler = interleavings::Scheduler::instance();
-    if (scheduler.started() && order != ORDER_OF_COUNTERS)
+    if (scheduler.started() && order != ORDER_OF_COUNTERS) {
         scheduler.point();
+    }
 }
 
 } // namespace

@@ -40,8 +40,9 @@ struct StateListener final : MqttClient::Listener {
 };
 
 void publishSome(SmallBroker& broker) {
-    for (auto const* const payload : {"1", "2", "3"})
+    for (auto const* const payload : {"1", "2", "3"}) {
         broker.publish("a", payload);
+    }
 }
 
 } // namespace
@@ -56,8 +57,9 @@ SCENARIO(DisconnectMeetsConnack, PAUSES) {
         scene.pause();
         Scene::expect(one.client.disconnect(5) == Error::SUCCESS, "the client does not disconnect");
         std::thread other([&] {
-            if (scene.mistaken())
+            if (scene.mistaken()) {
                 one.client.disconnect(5);
+            }
         });
         one.client.connect("", -1, 0);
         other.join();
@@ -76,8 +78,9 @@ SCENARIO(DisconnectMeetsTheQueue, PAUSES) {
         one.client.connect("", -1, 0);
         scene.pause();
         one.client.disconnect(5);
-        if (scene.mistaken())
+        if (scene.mistaken()) {
             one.client.publish("a", "queued", 0, false);
+        }
     }
     Scene::pass(LONG);
     one.client.connect("", -1, 5);
@@ -93,18 +96,20 @@ SCENARIO(PublicationsMeetTheLossOfTheConnection, THREADS_ONLY) {
         library->loseConnection();
         one.client.publish("a", "1", 0, false);
         std::thread other([&] { one.client.publish("b", "other", 0, false); });
-        if (scene.mistaken())
+        if (scene.mistaken()) {
             std::thread([&] { one.client.publish("a", "2", 0, false); }).detach();
-        else
+        } else {
             one.client.publish("a", "2", 0, false);
+        }
         one.client.publish("a", "3", 0, false);
         other.join();
         Scene::pass(seconds(1));
     }
     Scene::pass(LONG);
     std::string order;
-    for (auto const& message : one.broker.messages())
+    for (auto const& message : one.broker.messages()) {
         order += message.topic == "a" ? message.payload : "";
+    }
     Scene::expect(order == "123", "publications get lost, or into another order");
     Scene::expect(one.broker.count("other") == 1, "a publication does not arrive once");
 }
@@ -118,10 +123,11 @@ SCENARIO(ReleaseMeetsDispatch, THREADS_ONLY) {
     {
         Scene::Exploration const here;
         publishSome(one.broker);
-        if (scene.mistaken())
+        if (scene.mistaken()) {
             one.client.unsubscribe("a", &first);
-        else
+        } else {
             one.client.release(&first);
+        }
         first.ear.close();
     }
     Scene::pass(LONG);
@@ -143,8 +149,9 @@ SCENARIO(SubscriptionsMeetTheConnection, THREADS_ONLY) {
             one.client.unsubscribe("old", &subscriber);
         });
         one.client.connect("", -1, 0);
-        if (scene.mistaken())
+        if (scene.mistaken()) {
             static_cast<void>(one.client.subscribe("old", &subscriber, 1));
+        }
         other.join();
     }
     Scene::pass(LONG);
@@ -182,8 +189,9 @@ SCENARIO(UnregisteringMeetsAChangeOfState, THREADS_ONLY) {
         Scene::Exploration const here;
         StandIn::last()->loseConnection();
         std::thread other([&] { one.client.disconnect(5); });
-        if (!scene.mistaken())
+        if (!scene.mistaken()) {
             one.client.unregisterListener(&first);
+        }
         first.closed = true;
         other.join();
     }
@@ -206,8 +214,9 @@ SCENARIO(TheEndOfAClientMeetsItsCallbacks, DEADLINES) {
         publishSome(broker);
         StandIn::of(MqttClient::clientId(ME))->loseConnection();
         StandIn::of(MqttClient::clientId(OTHER))->loseConnection();
-        if (scene.mistaken())
+        if (scene.mistaken()) {
             subscriber.ear.close();
+        }
         client.reset();
         subscriber.ear.close();
         listener.closed = true;
@@ -241,8 +250,9 @@ SCENARIO(AClientWithoutMemory, NO_MEMORY) {
         publish();
         subscribed[1] = subscribe("online");
     }
-    if (scene.mistaken())
+    if (scene.mistaken()) {
         publish();
+    }
     Scene::pass(LONG);
     one.broker.publish("offline", "0");
     one.broker.publish("online", "1");
@@ -265,14 +275,16 @@ SCENARIO(CallbacksOfAClientThrow, THREADS_ONLY) {
     Subscriber subscribers[2]{Subscriber(&throwSometimes), Subscriber()};
     one.client.registerListener(&listener);
     one.client.registerListener(&second);
-    for (auto& subscriber : subscribers)
+    for (auto& subscriber : subscribers) {
         static_cast<void>(one.client.subscribe("a", &subscriber, 1));
+    }
     {
         Scene::Exploration const here;
         StandIn::last()->loseConnection();
         publishSome(one.broker);
-        if (scene.mistaken())
+        if (scene.mistaken()) {
             one.client.unsubscribe("a", &subscribers[1]);
+        }
         Scene::pass(seconds(2));
         publishSome(one.broker);
         one.client.release(&subscribers[0]);
@@ -294,8 +306,9 @@ SCENARIO(TwoThreadsConnectAndDisconnect, DEADLINES) {
         });
         one.client.connect("", -1, 1);
         one.client.disconnect(1);
-        if (!scene.mistaken())
+        if (!scene.mistaken()) {
             one.client.pause();
+        }
         other.join();
         one.client.resume();
     }
@@ -304,8 +317,9 @@ SCENARIO(TwoThreadsConnectAndDisconnect, DEADLINES) {
     Scene::pass(LONG);
     Scene::expect(one.client.communicationState() == ComState::DISCONNECTED,
                   "the client does not disconnect");
-    for (std::size_t i = 1; i < listener.states.size(); ++i)
+    for (std::size_t i = 1; i < listener.states.size(); ++i) {
         Scene::expect(listener.states[i] != listener.states[i - 1], "a change is told twice");
+    }
     Scene::expect(one.client.connect("", -1, 5) == Error::SUCCESS && !scene.mistaken(),
                   "the client does not connect any more");
 }

@@ -155,16 +155,19 @@ int pthread_cond_destroy(pthread_cond_t* condition) noexcept {
 int pthread_create(pthread_t* id, pthread_attr_t const* attributes, void* (*routine)(void*),
                    void* argument) noexcept {
     auto* const create = ZYM_REAL(pthread_create);
-    if (!virtually())
+    if (!virtually()) {
         return create(id, attributes, routine, argument);
-    if (scheduler().refuses(interleavings::NO_THREAD))
+    }
+    if (scheduler().refuses(interleavings::NO_THREAD)) {
         return EAGAIN;
+    }
     auto& thread = scheduler().add();
     support::UncountedAllocations const ours;
     auto start = std::make_unique<Start>(Start{routine, argument, &thread, Scene::Shortage::on});
     int const result = create(id, attributes, &enter, start.get());
-    if (result != 0)
+    if (result != 0) {
         scheduler().fail("the machine has no thread for the explorer");
+    }
     static_cast<void>(start.release());
     thread.id = *id;
     scheduler().point();
@@ -175,17 +178,20 @@ int pthread_join(pthread_t id, void** result) {
     if (virtually()) {
         scheduler().point();
         auto* const thread = scheduler().find(id);
-        while (thread != nullptr && thread->state != State::ENDED)
+        while (thread != nullptr && thread->state != State::ENDED) {
             scheduler().block(State::ON_THREAD, thread);
-        if (thread != nullptr)
+        }
+        if (thread != nullptr) {
             thread->joined = true;
+        }
     }
     return ZYM_REAL(pthread_join)(id, result);
 }
 
 int clock_gettime(clockid_t clock, timespec* time) noexcept {
-    if (!virtually() || !isVirtual(clock))
+    if (!virtually() || !isVirtual(clock)) {
         return ZYM_REAL(clock_gettime)(clock, time);
+    }
     auto const now = scheduler().now() + (isRealTime(clock) ? REAL_TIME : 0);
     time->tv_sec = static_cast<time_t>(now / SECOND);
     time->tv_nsec = static_cast<long>(now % SECOND);
@@ -220,11 +226,13 @@ int sched_yield() noexcept {
 /// Looks at once and, when there is nothing, again when the time is over.
 int poll(pollfd* descriptors, nfds_t count, int milliseconds) {
     auto* const look = ZYM_REAL(poll);
-    if (!virtually())
+    if (!virtually()) {
         return look(descriptors, count, milliseconds);
+    }
     int const found = look(descriptors, count, 0);
-    if (found != 0 || milliseconds == 0)
+    if (found != 0 || milliseconds == 0) {
         return found;
+    }
     sleepUntil(milliseconds < 0 ? NEVER
                                 : scheduler().now() + Nanoseconds(milliseconds) * 1'000'000);
     return look(descriptors, count, 0);

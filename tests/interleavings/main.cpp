@@ -33,39 +33,43 @@ Wishes wishesOf(std::vector<std::string> const& words) {
     Wishes wishes;
     for (auto word = words.begin(); word != words.end(); ++word) {
         auto const value = [&]() -> std::string const& {
-            if (std::next(word) == words.end())
+            if (std::next(word) == words.end()) {
                 throw std::invalid_argument(*word + " needs a value");
+            }
             return *++word;
         };
-        if (*word == "--list")
+        if (*word == "--list") {
             wishes.list = true;
-        else if (*word == "--mistaken")
+        } else if (*word == "--mistaken") {
             wishes.mistaken = true;
-        else if (*word == "--schedules")
+        } else if (*word == "--schedules") {
             wishes.budget.schedules = std::stoul(value());
-        else if (*word == "--seconds")
+        } else if (*word == "--seconds") {
             wishes.budget.seconds = std::chrono::seconds(std::stoul(value()));
-        else if (*word == "--seed")
+        } else if (*word == "--seed") {
             wishes.budget.seed = static_cast<unsigned>(std::stoul(value()));
-        else if (*word == "--replay")
+        } else if (*word == "--replay") {
             wishes.replay = Schedule::fromText(value());
-        else if (word->rfind("--", 0) == 0)
+        } else if (word->rfind("--", 0) == 0) {
             throw std::invalid_argument("Unknown option " + *word);
-        else
+        } else {
             wishes.names.push_back(*word);
+        }
     }
     return wishes;
 }
 
 std::vector<Scenario> chosen(std::vector<std::string> const& names) {
-    if (names.empty())
+    if (names.empty()) {
         return scenarios();
+    }
     std::vector<Scenario> result;
     for (auto const& name : names) {
         auto const found = std::find_if(scenarios().begin(), scenarios().end(),
                                         [&](auto const& one) { return one.name == name; });
-        if (found == scenarios().end())
+        if (found == scenarios().end()) {
             throw std::invalid_argument("There is no scenario " + name);
+        }
         result.push_back(*found);
     }
     return result;
@@ -82,8 +86,9 @@ void tell(Scenario const& scenario, Found const& found, std::size_t runs, double
                                         + " deviations and some with more")
               << "), " << found.random << " random, " << static_cast<int>(double(runs) / seconds)
               << " a second" << std::endl;
-    if (!found.finding)
+    if (!found.finding) {
         return;
+    }
     auto const& finding = *found.finding;
     std::cout << "  FAILS after " << finding.after << " schedules: " << finding.failure << "\n  "
               << finding.deviations << " deviations, of which it needs "
@@ -126,12 +131,14 @@ int main(int argc, char** argv) {
     try {
         auto const wishes = wishesOf({argv + 1, argv + argc});
         if (wishes.list) {
-            for (auto const& scenario : scenarios())
+            for (auto const& scenario : scenarios()) {
                 std::cout << scenario.name << "\n";
+            }
             return 0;
         }
-        if (wishes.replay && wishes.names.size() != 1)
+        if (wishes.replay && wishes.names.size() != 1) {
             throw std::invalid_argument("A schedule is that of one scenario");
+        }
         return (wishes.replay ? replay(chosen(wishes.names)[0], wishes) : exploreAll(wishes)) ? 0
                                                                                               : 1;
     } catch (std::exception const& error) {

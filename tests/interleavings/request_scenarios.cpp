@@ -84,8 +84,9 @@ SCENARIO(RequestAfterCancel, PAUSES) {
         Scene::Exploration const here;
         one.request(&first, 1, std::make_shared<NumberData>());
         scene.pause();
-        if (!scene.mistaken())
+        if (!scene.mistaken()) {
             one.requester->cancel();
+        }
         scene.pause();
         one.request(&second, 2, reply);
     }
@@ -109,8 +110,9 @@ SCENARIO(ReplyMeetsTheDeadline, PAUSES | DEADLINES) {
         scene.pause();
         Scene::pass(seconds(1));
         one.server.speak();
-        if (!scene.mistaken())
+        if (!scene.mistaken()) {
             one.requester->waitEndOfRequest(5);
+        }
         one.request(&second, 2, reply, 1);
     }
     Scene::pass(LONG);
@@ -155,8 +157,9 @@ SCENARIO(TheEndOfARequesterMeetsItsCallbacks, DEADLINES) {
     {
         Scene::Exploration const here;
         one.server.speak();
-        if (scene.mistaken())
+        if (scene.mistaken()) {
             recorder.ear.close();
+        }
         one.requester.reset();
         recorder.ear.close();
     }
@@ -172,8 +175,9 @@ SCENARIO(ARequesterEndsInItsListener, DEADLINES) {
     {
         Scene::Exploration const here;
         one.request(&recorder, 1, std::make_shared<NumberData>(), 1);
-        if (scene.mistaken())
+        if (scene.mistaken()) {
             one.requester->cancel();
+        }
         Scene::pass(seconds(2));
     }
     Scene::pass(LONG);
@@ -192,8 +196,9 @@ SCENARIO(RequestsMeetTheLossOfTheConnection, PAUSES | DEADLINES) {
         one.request(&recorder, 1, std::make_shared<NumberData>(), 1);
         scene.pause();
         Scene::pass(seconds(1));
-        if (scene.mistaken())
+        if (scene.mistaken()) {
             one.requester->terminate();
+        }
     }
     Scene::pass(LONG);
     Scene::expect(recorder.ends.size() == 1, "the end of a request is not told once");
@@ -218,18 +223,21 @@ SCENARIO(TwoClientsAskOneServer, PAUSES) {
         neighbour.request(&recorders[1], OTHER, SERVER, std::make_shared<NumberData>(2),
                           *(replies.begin() + 1), nullptr, 5);
         scene.pause();
-        if (scene.mistaken())
+        if (scene.mistaken()) {
             echo.ear.close();
+        }
         server.reset();
         echo.ear.close();
     }
     Scene::pass(LONG);
-    for (auto const& recorder : recorders)
+    for (auto const& recorder : recorders) {
         Scene::expect(recorder.ends.size() == 1, "the end of a request is not told once");
+    }
     unsigned number = 0;
-    for (auto const& reply : replies)
+    for (auto const& reply : replies) {
         Scene::expect(reply->number == 0 || reply->number == ++number || reply->number == 2,
                       "a request has the answer to another one");
+    }
     Scene::expect(broker.subscriptions() == 0, "a subscription is left over");
 }
 
@@ -252,8 +260,9 @@ SCENARIO(RequestsWithoutMemory, NO_MEMORY) {
     OneRequester one;
     ReplyRecorder recorder;
     bool accepted = false;
-    if (Scene::Exploration const here; Scene::maybe())
+    if (Scene::Exploration const here; Scene::maybe()) {
         one.server.beSilent();
+    }
     {
         Scene::Exploration const here;
         Scene::Shortage const shortage;
@@ -277,13 +286,16 @@ SCENARIO(AReplyListenerThrows, DEADLINES) {
         Scene::Exploration const here;
         one.request(&recorder, 1, std::make_shared<NumberData>(), 1);
         std::thread other([&] { one.requester->waitEndOfRequest(1); });
-        if (!Scene::maybe())
+        if (!Scene::maybe()) {
             one.requester->cancel();
+        }
         other.join();
-        if (scene.mistaken())
+        if (scene.mistaken()) {
             throwSometimes();
-        if (Scene::maybe())
+        }
+        if (Scene::maybe()) {
             one.renew();
+        }
     }
     Scene::pass(LONG);
     Scene::expect(recorder.ends.size() == 1, "the end of a request is not told once");

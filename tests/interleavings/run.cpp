@@ -36,8 +36,9 @@ Journal& sharedJournal() {
     static Journal& journal = [&]() -> Journal& {
         void* const memory = mmap(nullptr, sizeof(Journal), PROT_READ | PROT_WRITE,
                                   MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-        if (memory == MAP_FAILED)
+        if (memory == MAP_FAILED) {
             throw std::system_error(errno, std::generic_category(), "mmap");
+        }
         return *static_cast<Journal*>(memory);
     }();
     return journal;
@@ -52,12 +53,15 @@ void stayOnThisProcessor() {
 }
 
 std::string failureOf(Journal const& journal, int status) {
-    if (journal.failure[0] != '\0')
+    if (journal.failure[0] != '\0') {
         return journal.failure.data();
-    if (WIFSIGNALED(status) && WTERMSIG(status) == SIGALRM)
+    }
+    if (WIFSIGNALED(status) && WTERMSIG(status) == SIGALRM) {
         return "waits for something that the explorer does not know";
-    if (WIFSIGNALED(status))
+    }
+    if (WIFSIGNALED(status)) {
         return std::string("ends by a signal: ") + strsignal(WTERMSIG(status));
+    }
     return WIFEXITED(status) && WEXITSTATUS(status) == 0 && journal.ended ? "" : "ends the process";
 }
 
@@ -68,8 +72,9 @@ public:
         std::string text;
         for (int i = 0; i < place.count && most > 0; ++i) {
             auto const& line = lineOf(place.frames[static_cast<std::size_t>(i)]);
-            if (line.empty())
+            if (line.empty()) {
                 continue;
+            }
             text += "\n        " + line;
             --most;
         }
@@ -82,9 +87,11 @@ private:
         auto const [entry, isNew] = lines_.try_emplace(frame);
         if (isNew) {
             std::istringstream all(support::describeFrame(frame));
-            for (std::string line; entry->second.empty() && std::getline(all, line);)
-                if (isOurs(line))
+            for (std::string line; entry->second.empty() && std::getline(all, line);) {
+                if (isOurs(line)) {
                     entry->second = shortened(line);
+                }
+            }
         }
         return entry->second;
     }
@@ -123,8 +130,9 @@ void tellStory(Journal const& journal, std::ostream& out) {
     for (std::size_t i = 0; i < journal.waitingCount; ++i) {
         auto const& thread = journal.waiting[i];
         out << "    thread " << thread.thread << " " << thread.what;
-        if (thread.holder >= 0)
+        if (thread.holder >= 0) {
             out << " that thread " << thread.holder << " has";
+        }
         out << places.describe(thread.place, 6) << "\n";
     }
 }
@@ -139,10 +147,12 @@ Outcome Runner::run(Plan plan) {
     journal_.clear();
     ++count_;
     auto const child = fork();
-    if (child < 0)
+    if (child < 0) {
         throw std::system_error(errno, std::generic_category(), "fork");
-    if (child == 0)
+    }
+    if (child == 0) {
         act(plan);
+    }
     int status = 0;
     while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
     }
@@ -162,11 +172,13 @@ void Runner::act(Plan const& plan) const {
     rlimit const noCore{0, 0};
     setrlimit(RLIMIT_CORE, &noCore);
     alarm(LONGEST_RUN_SECONDS);
-    if (plan.traced)
-        for (int const signal : {SIGABRT, SIGBUS, SIGSEGV})
+    if (plan.traced) {
+        for (int const signal : {SIGABRT, SIGBUS, SIGSEGV}) {
             std::signal(signal, [](int number) { Scheduler::instance().fail(strsignal(number)); });
-    else
+        }
+    } else {
         dup2(open("/dev/null", O_WRONLY | O_CLOEXEC), STDERR_FILENO); // the replay says it, too
+    }
     stayOnThisProcessor();
     mallopt(M_PERTURB, 0xA5); // what is used after its end is to look like it
     support::refusesMemory = &Scene::Shortage::refusesMemory;

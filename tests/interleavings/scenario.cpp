@@ -5,8 +5,9 @@
 namespace interleavings {
 
 void Scene::pause() const {
-    if (pauses_)
+    if (pauses_) {
         pass(std::chrono::milliseconds(2));
+    }
 }
 
 void Scene::pass(std::chrono::milliseconds time) {
@@ -16,8 +17,9 @@ void Scene::pass(std::chrono::milliseconds time) {
 }
 
 void Scene::expect(bool holds, char const* what) {
-    if (!holds)
+    if (!holds) {
         Scheduler::instance().fail(what);
+    }
 }
 
 bool Scene::maybe() {

@@ -28,8 +28,9 @@ Schedule Schedule::fromText(std::string const& text) {
             continue;
         }
         auto const colon = word.find(':');
-        if (colon == std::string::npos)
+        if (colon == std::string::npos) {
             throw std::invalid_argument("Not a schedule: " + text);
+        }
         schedule.deviations.push_back(
             {static_cast<std::uint32_t>(std::stoul(word.substr(0, colon))),
              static_cast<std::uint8_t>(std::stoul(word.substr(colon + 1)))});
@@ -40,9 +41,11 @@ Schedule Schedule::fromText(std::string const& text) {
 Schedule Schedule::of(bool pause, std::vector<Choice> const& choices) {
     Schedule schedule;
     schedule.pause = pause;
-    for (std::size_t i = 0; i < choices.size(); ++i)
-        if (choices[i].taken != 0)
+    for (std::size_t i = 0; i < choices.size(); ++i) {
+        if (choices[i].taken != 0) {
             schedule.deviations.push_back({static_cast<std::uint32_t>(i), choices[i].taken});
+        }
+    }
     return schedule;
 }
 

@@ -91,20 +91,23 @@ void Scheduler::end() {
 }
 
 void Scheduler::point() {
-    if (exploring_)
+    if (exploring_) {
         handOver("is stopped");
+    }
 }
 
 int Scheduler::pick(int among) {
     int const taken = choose(static_cast<std::size_t>(among), false);
-    if (taken != 0 && plan_.traced)
+    if (taken != 0 && plan_.traced) {
         note(*current_, "goes another way");
+    }
     return taken;
 }
 
 bool Scheduler::refuses(Explored what) {
-    if ((plan_.explored & what) == 0 || refused_)
+    if ((plan_.explored & what) == 0 || refused_) {
         return false;
+    }
     refused_ = pick(2) != 0;
     return refused_;
 }
@@ -130,11 +133,13 @@ void Scheduler::yield() {
 void Scheduler::wake(State why, void const* object, bool all) {
     auto const before = waiting_;
     for (auto* const thread : before) {
-        if (thread->state != why || thread->object != object)
+        if (thread->state != why || thread->object != object) {
             continue;
+        }
         ready(*thread, false);
-        if (!all)
+        if (!all) {
             return;
+        }
     }
 }
 
@@ -151,36 +156,43 @@ Nanoseconds Scheduler::now() {
 
 void Scheduler::handOver(char const* reason) {
     support::UncountedAllocations const ours;
-    if (++steps_ > MOST_STEPS)
+    if (++steps_ > MOST_STEPS) {
         fail("does not come to an end");
+    }
     passTimeTo(now_);
     auto possible = ways();
     while (possible.empty()) {
-        if (!passTime())
+        if (!passTime()) {
             fail("nobody can go on");
+        }
         possible = ways();
     }
     bool const couldGoOn = current_->state == State::READY;
     auto const& way = possible[static_cast<std::size_t>(choose(possible.size(), couldGoOn))];
-    if (way.passTo != NEVER)
+    if (way.passTo != NEVER) {
         passTimeTo(way.passTo);
+    }
     resume(*way.thread, reason);
 }
 
 void Scheduler::resume(Thread& next, char const* reason) {
     auto& self = *current_;
-    if (self.state == State::YIELDED)
+    if (self.state == State::YIELDED) {
         self.state = State::READY;
-    if (&next == &self)
+    }
+    if (&next == &self) {
         return;
-    if (plan_.traced)
+    }
+    if (plan_.traced) {
         note(next, reason);
+    }
     current_ = &next;
     // The other one may end the run, and this one be gone, as soon as it has its turn.
     bool const ended = self.state == State::ENDED;
     sem_post(&next.turn);
-    if (!ended)
+    if (!ended) {
         waitForTurn(self);
+    }
 }
 
 /// The first one is what happens without an explorer: the current thread goes on, or the next one.
@@ -190,28 +202,35 @@ std::vector<Scheduler::Way> Scheduler::ways() {
     auto const first = static_cast<std::size_t>(current_->number);
     for (std::size_t i = 0; i < threads_.size(); ++i) {
         auto& thread = threads_[(first + i) % threads_.size()];
-        if (thread.state == State::READY && !(yields && thread.yields >= MOST_YIELDS))
+        if (thread.state == State::READY && !(yields && thread.yields >= MOST_YIELDS)) {
             result.push_back({&thread, NEVER});
+        }
     }
-    if (result.empty() && yields && current_->yields < MOST_YIELDS)
+    if (result.empty() && yields && current_->yields < MOST_YIELDS) {
         result.push_back({current_, NEVER});
-    if (!result.empty() && exploring_ && (plan_.explored & DEADLINES) != 0)
+    }
+    if (!result.empty() && exploring_ && (plan_.explored & DEADLINES) != 0) {
         addWaits(result);
+    }
     return result;
 }
 
 void Scheduler::addWaits(std::vector<Way>& ways) {
-    for (auto* const thread : waiting_)
-        if (thread->deadline != NEVER)
+    for (auto* const thread : waiting_) {
+        if (thread->deadline != NEVER) {
             ways.push_back({thread, thread->deadline});
+        }
+    }
 }
 
 int Scheduler::choose(std::size_t among, bool preempts) {
-    if (!exploring_ || among < 2)
+    if (!exploring_ || among < 2) {
         return 0;
+    }
     auto const at = journal_->choiceCount;
-    if (at == journal_->choices.size())
+    if (at == journal_->choices.size()) {
         fail("makes too many choices");
+    }
     int const taken = decide(at, among);
     journal_->choices[at] = {static_cast<std::uint8_t>(taken), static_cast<std::uint8_t>(among),
                              preempts};
@@ -221,39 +240,49 @@ int Scheduler::choose(std::size_t among, bool preempts) {
 
 int Scheduler::decide(std::size_t at, std::size_t among) {
     auto const& deviations = plan_.schedule.deviations;
-    while (nextDeviation_ < deviations.size() && deviations[nextDeviation_].at < at)
+    while (nextDeviation_ < deviations.size() && deviations[nextDeviation_].at < at) {
         ++nextDeviation_;
-    if (nextDeviation_ < deviations.size() && deviations[nextDeviation_].at == at)
+    }
+    if (nextDeviation_ < deviations.size() && deviations[nextDeviation_].at == at) {
         return static_cast<int>(std::min<std::size_t>(deviations[nextDeviation_].taken, among - 1));
-    if (plan_.seed && random_() % oneIn_ == 0)
+    }
+    if (plan_.seed && random_() % oneIn_ == 0) {
         return static_cast<int>(random_() % among);
+    }
     return 0;
 }
 
 void Scheduler::passTimeTo(Nanoseconds moment) {
     now_ = std::max(now_, moment);
     auto const before = waiting_;
-    for (auto* const thread : before)
-        if (thread->deadline != NEVER && thread->deadline <= now_)
+    for (auto* const thread : before) {
+        if (thread->deadline != NEVER && thread->deadline <= now_) {
             ready(*thread, true);
+        }
+    }
 }
 
 bool Scheduler::passTime() {
     Nanoseconds next = NEVER;
-    for (auto const* const thread : waiting_)
-        if (thread->deadline != NEVER && (next == NEVER || thread->deadline < next))
+    for (auto const* const thread : waiting_) {
+        if (thread->deadline != NEVER && (next == NEVER || thread->deadline < next)) {
             next = thread->deadline;
-    if (next == NEVER)
+        }
+    }
+    if (next == NEVER) {
         return false;
-    if (next > BEGINNING + LONGEST_RUN)
+    }
+    if (next > BEGINNING + LONGEST_RUN) {
         fail("somebody waits for ever");
+    }
     passTimeTo(next);
     return true;
 }
 
 void Scheduler::somethingHappened() {
-    for (auto& thread : threads_)
+    for (auto& thread : threads_) {
         thread.yields = 0;
+    }
 }
 
 void Scheduler::ready(Thread& thread, bool timedOut) {
@@ -267,8 +296,9 @@ void Scheduler::ready(Thread& thread, bool timedOut) {
 
 void Scheduler::fail(char const* text) {
     std::snprintf(journal_->failure.data(), journal_->failure.size(), "%s", text);
-    if (plan_.traced)
+    if (plan_.traced) {
         noteWaiting();
+    }
     _exit(1);
 }
 
@@ -280,8 +310,9 @@ void Scheduler::pass() {
 void Scheduler::note(Thread const& next, char const* reason) {
     auto& self = *current_;
     look(self.place);
-    if (journal_->switchCount == journal_->switches.size())
+    if (journal_->switchCount == journal_->switches.size()) {
         return;
+    }
     journal_->switches[journal_->switchCount++] = {
         now_,        static_cast<std::uint32_t>(journal_->choiceCount),
         self.number, next.number,
@@ -291,8 +322,9 @@ void Scheduler::note(Thread const& next, char const* reason) {
 void Scheduler::noteWaiting() {
     look(current_->place);
     for (auto const& thread : threads_) {
-        if (thread.state == State::ENDED || journal_->waitingCount == journal_->waiting.size())
+        if (thread.state == State::ENDED || journal_->waitingCount == journal_->waiting.size()) {
             continue;
+        }
         int const holder =
             thread.state == State::ON_MUTEX && holderOf_ != nullptr ? holderOf_(thread.object) : -1;
         journal_->waiting[journal_->waitingCount++] = {

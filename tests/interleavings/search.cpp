@@ -22,8 +22,9 @@ Search::Search(Runner& runner, bool pauses, Budget const& budget)
     : runner_(runner), pauses_(pauses), budget_(budget), random_(budget.seed) {}
 
 Found Search::run() {
-    if (!searchSystematically())
+    if (!searchSystematically()) {
         searchAtRandom();
+    }
     return found_;
 }
 
@@ -46,10 +47,12 @@ bool Search::searchSystematically() {
             level.schedules.resize(std::min(room, level.schedules.size()));
         }
         Level next;
-        if (tryLevel(level.schedules, next))
+        if (tryLevel(level.schedules, next)) {
             return true;
-        if (!all)
+        }
+        if (!all) {
             return false;
+        }
         found_.complete = deviations;
         level = std::move(next);
     }
@@ -63,8 +66,9 @@ bool Search::tryLevel(Schedules const& level, Level& next) {
         plan.schedule = schedule;
         std::vector<Choice> choices;
         ++found_.systematic;
-        if (isTried(plan, choices))
+        if (isTried(plan, choices)) {
             return true;
+        }
         addSuccessors(schedule, choices, next);
     }
     return false;
@@ -75,8 +79,9 @@ void Search::addSuccessors(Schedule const& schedule, std::vector<Choice> const& 
     bool const mayPreempt = preemptions(choices) < MOST_PREEMPTIONS;
     auto const first = schedule.deviations.empty() ? 0 : schedule.deviations.back().at + 1;
     for (std::size_t at = first; at < choices.size(); ++at) {
-        if (choices[at].preempts && !mayPreempt)
+        if (choices[at].preempts && !mayPreempt) {
             continue;
+        }
         for (std::uint8_t way = 1; way < choices[at].among; ++way) {
             auto longer = schedule;
             longer.deviations.push_back({static_cast<std::uint32_t>(at), way});
@@ -93,8 +98,9 @@ void Search::add(Schedule schedule, Level& level) {
         return;
     }
     auto const place = random_() % level.seen;
-    if (place < level.schedules.size())
+    if (place < level.schedules.size()) {
         level.schedules[place] = std::move(schedule);
+    }
 }
 
 bool Search::searchAtRandom() {
@@ -107,8 +113,9 @@ bool Search::searchAtRandom() {
         plan.seed = budget_.seed + static_cast<unsigned>(found_.random);
         plan.schedule.pause = pauses_ && found_.random % 2 != 0;
         std::vector<Choice> choices;
-        if (isTried(plan, choices))
+        if (isTried(plan, choices)) {
             return true;
+        }
     }
     return false;
 }
@@ -117,8 +124,9 @@ bool Search::searchAtRandom() {
 bool Search::isTried(Plan const& plan, std::vector<Choice>& choices) {
     auto outcome = runner_.run(plan);
     choices = std::move(outcome.choices);
-    if (outcome.failure.empty())
+    if (outcome.failure.empty()) {
         return false;
+    }
     auto const after = runner_.count();
     auto const schedule = Schedule::of(plan.schedule.pause, choices);
     found_.finding = shrunk(schedule, outcome.failure);
@@ -132,8 +140,9 @@ Finding Search::shrunk(Schedule schedule, std::string failure) {
     finding.deviations = schedule.deviations.size();
     for (auto part = finding.deviations; part > 0;) {
         part = std::min(part, schedule.deviations.size());
-        if (!shrink(schedule, part, failure))
+        if (!shrink(schedule, part, failure)) {
             part /= 2;
+        }
     }
     finding.failure = std::move(failure);
     finding.schedule = std::move(schedule);
@@ -151,8 +160,9 @@ bool Search::shrink(Schedule& schedule, std::size_t part, std::string& failure) 
         auto const outcome = runner_.run(plan);
         // What became of it: later deviations may not have found their choice any more.
         auto const actual = Schedule::of(schedule.pause, outcome.choices);
-        if (outcome.failure.empty() || actual.deviations.size() >= size)
+        if (outcome.failure.empty() || actual.deviations.size() >= size) {
             continue;
+        }
         failure = outcome.failure;
         schedule = actual;
         return true;

@@ -115,10 +115,11 @@ struct OneCleaner {
 void publishEntities(SmallBroker& broker) {
     broker.publish("entities",
                    R"({"members@count": 2, "members": [{"@id": "one"}, {"@id": "two"}]})", true);
-    for (auto const* const entity : {"one", "two"})
+    for (auto const* const entity : {"one", "two"}) {
         broker.publish(std::string(entity) + "/"
                            + mqtt::MqttData<conv::Identification>::TOPIC_SUFFIX,
                        R"({"name": "n"})", true);
+    }
 }
 
 } // namespace
@@ -132,8 +133,9 @@ SCENARIO(TimeBaseStopAndStart, PAUSES) {
         one.proxy->stop();
         scene.pause();
         one.proxy->startSync(SERVER);
-        if (scene.mistaken())
+        if (scene.mistaken()) {
             std::thread([&] { one.proxy->stop(); }).join();
+        }
     }
     Scene::pass(LONG);
     Scene::expect(one.proxy->isSynchronized(), "the time base stands still");
@@ -152,8 +154,9 @@ SCENARIO(TimeBaseInTwoHands, PAUSES | DEADLINES) {
         started = one.proxy->startSync(SERVER);
         scene.pause();
         one.proxy->forceSync();
-        if (scene.mistaken())
+        if (scene.mistaken()) {
             one.proxy->stop();
+        }
         other.join();
     }
     Scene::pass(seconds(40));
@@ -173,8 +176,9 @@ SCENARIO(ThePeriodicExchangeMeetsStop, PAUSES | DEADLINES) {
         Scene::pass(milliseconds(99));
         scene.pause();
         one.proxy->stop();
-        if (!scene.mistaken())
+        if (!scene.mistaken()) {
             one.proxy->startSync(SERVER);
+        }
     }
     Scene::pass(LONG);
     Scene::expect(one.proxy->isSynchronized(), "the time base stands still");
@@ -195,8 +199,9 @@ SCENARIO(TheEndOfATimeBaseMeetsItsCallback, DEADLINES) {
     {
         Scene::Exploration const here;
         one.server.speak();
-        if (scene.mistaken())
+        if (scene.mistaken()) {
             one.listener.ear.close();
+        }
         Scene::stop();
         one.proxy.reset();
         one.listener.ear.close();
@@ -243,8 +248,9 @@ SCENARIO(ATimeListenerThrows, THREADS_ONLY) {
         one.proxy->startSync(SERVER);
         Scene::pass(milliseconds(1));
         one.proxy->stop();
-        if (!scene.mistaken())
+        if (!scene.mistaken()) {
             one.proxy->startSync(SERVER);
+        }
     }
     Scene::pass(LONG);
     Scene::expect(one.proxy->isSynchronized(), "the time base stands still");
@@ -259,18 +265,20 @@ SCENARIO(BindMeetsUnbind, PAUSES) {
         std::thread other([&] {
             scene.pause();
             unbound = one.proxy->unbindSync(5);
-            if (scene.mistaken())
+            if (scene.mistaken()) {
                 one.proxy->bind(SERVER, 5);
+            }
         });
         one.proxy->bind(SERVER, 5);
         other.join();
     }
     Scene::pass(LONG);
     Scene::expect(one.listener.bound.size() <= 1, "the end of a binding is not told once");
-    if (unbound == BinderError::SUCCESS)
+    if (unbound == BinderError::SUCCESS) {
         one.expectUnboundAtTheServer();
-    else
+    } else {
         Scene::expect(one.listener.bound.size() == 1, "the end of a binding is not told once");
+    }
     one.expectUsable();
 }
 
@@ -283,10 +291,11 @@ SCENARIO(BindingFollowsAnUnbindingAtOnce, PAUSES | DEADLINES) {
         bool const zero = Scene::maybe();
         bool const async = Scene::maybe();
         std::thread other([&] {
-            if (async)
+            if (async) {
                 one.proxy->bind(SERVER, 5);
-            else
+            } else {
                 one.proxy->bindSync(SERVER, 5);
+            }
         });
         scene.pause();
         unbound = one.proxy->unbindSync(zero ? 0 : 5);
@@ -295,16 +304,18 @@ SCENARIO(BindingFollowsAnUnbindingAtOnce, PAUSES | DEADLINES) {
             Scene::expect(one.proxy->bind(nobody, conv::SecondsDuration::NO_TIMEOUT)
                               == BinderError::SUCCESS,
                           "no next binding");
-            if (scene.mistaken())
+            if (scene.mistaken()) {
                 one.proxy->unbindSync(0);
+            }
         }
         other.join();
         Scene::pass(milliseconds(50));
     }
     Scene::pass(seconds(1));
-    if (unbound == BinderError::SUCCESS)
+    if (unbound == BinderError::SUCCESS) {
         Scene::expect(one.proxy->unbindSync(0) == BinderError::SUCCESS,
                       "the next binding has ended");
+    }
     one.server.speak();
     one.expectUsable();
 }
@@ -324,15 +335,17 @@ SCENARIO(BindingThatTimesOutMeetsUnbindAndBind, PAUSES | DEADLINES) {
             Scene::expect(one.proxy->bind(nobody, conv::SecondsDuration::NO_TIMEOUT)
                               == BinderError::SUCCESS,
                           "no next binding");
-            if (scene.mistaken())
+            if (scene.mistaken()) {
                 one.proxy->unbindSync(0);
+            }
         }
         other.join();
         Scene::pass(milliseconds(50));
     }
-    if (unbound == BinderError::SUCCESS)
+    if (unbound == BinderError::SUCCESS) {
         Scene::expect(one.proxy->unbindSync(0) == BinderError::SUCCESS,
                       "the next binding has ended");
+    }
     one.server.speak();
     one.expectUsable();
 }
@@ -348,15 +361,17 @@ SCENARIO(BindSyncMeetsUnbindSync, PAUSES) {
             unbound = one.proxy->unbindSync(5);
         });
         bound = one.proxy->bindSync(SERVER, 5);
-        if (scene.mistaken())
+        if (scene.mistaken()) {
             one.proxy->bindSync(SERVER, 5);
+        }
         other.join();
     }
     Scene::pass(LONG);
-    if (unbound == BinderError::SUCCESS)
+    if (unbound == BinderError::SUCCESS) {
         one.expectUnboundAtTheServer();
-    else
+    } else {
         Scene::expect(bound == BinderError::SUCCESS, "neither bound nor unbound");
+    }
     one.expectUsable();
 }
 
@@ -371,8 +386,9 @@ SCENARIO(UnbindMeetsTheDeadline, PAUSES | DEADLINES) {
         std::thread other([&] { one.proxy->unbindSync(1); });
         Scene::pass(milliseconds(999));
         one.server.speak();
-        if (scene.mistaken())
+        if (scene.mistaken()) {
             one.proxy->terminate();
+        }
         other.join();
     }
     Scene::pass(LONG);
@@ -391,15 +407,17 @@ SCENARIO(TheEndOfABinderMeetsItsCallbacks, DEADLINES) {
         unbinds = Scene::maybe();
     }
     std::thread waiter([&, unbinds] {
-        if (unbinds)
+        if (unbinds) {
             one.proxy->unbindSync(1);
+        }
     });
     Scene::pass(milliseconds(1));
     {
         Scene::Exploration const here;
         one.server.speak();
-        if (scene.mistaken())
+        if (scene.mistaken()) {
             one.listener.ear.close();
+        }
         one.proxy.reset();
         one.listener.ear.close();
     }
@@ -415,8 +433,9 @@ SCENARIO(BindingsWithoutAThread, NO_THREAD) {
         attempt([&] { one.proxy->bind(SERVER, 5); });
         Scene::pass(seconds(1));
         attempt([&] { one.proxy->unbind(5); });
-        if (scene.mistaken())
+        if (scene.mistaken()) {
             one.proxy->terminate();
+        }
         Scene::pass(seconds(1));
     }
     Scene::pass(seconds(70));
@@ -431,8 +450,9 @@ SCENARIO(BindingsWithoutMemory, NO_MEMORY) {
         attempt([&] { one.proxy->bind(SERVER, 5); });
         Scene::pass(milliseconds(1));
         attempt([&] { one.proxy->unbind(5); });
-        if (scene.mistaken())
+        if (scene.mistaken()) {
             one.proxy->terminate();
+        }
         Scene::pass(milliseconds(1));
     }
     Scene::pass(seconds(70));
@@ -445,8 +465,9 @@ SCENARIO(ABindingListenerThrows, THREADS_ONLY) {
         Scene::Exploration const here;
         one.proxy->bind(SERVER, 5);
         one.proxy->unbind(5);
-        if (scene.mistaken())
+        if (scene.mistaken()) {
             throwSometimes();
+        }
         Scene::pass(seconds(1));
     }
     Scene::pass(LONG);
@@ -462,8 +483,9 @@ SCENARIO(CleaningMeetsItsEnd, PAUSES | DEADLINES) {
         std::thread other([&] { one.cleaner->clean("new", seconds(1)); });
         std::thread third([cleaner = one.cleaner.get()] { cleaner->waitAllTasks(seconds(3)); });
         Scene::pass(seconds(1));
-        if (scene.mistaken())
+        if (scene.mistaken()) {
             one.listener.ear.close();
+        }
         one.cleaner->terminate();
         one.listener.ear.close();
         other.join();
@@ -496,8 +518,9 @@ SCENARIO(CleaningWithoutAThread, NO_THREAD) {
     OneCleaner one;
     {
         Scene::Exploration const here;
-        if (!attempt([&] { one.cleaner->clean("old/+", seconds(1)); }) && !scene.mistaken())
+        if (!attempt([&] { one.cleaner->clean("old/+", seconds(1)); }) && !scene.mistaken()) {
             one.cleaner->clean("old/+", seconds(1));
+        }
     }
     Scene::expect(one.cleaner->waitAllTasks(LONG), "tasks are left");
     Scene::expect(one.listener.topics == 1 && one.listener.all == 1, "an end is not told once");
@@ -524,8 +547,9 @@ SCENARIO(ACleaningListenerThrows, THREADS_ONLY) {
     {
         Scene::Exploration const here;
         one.cleaner->clean("old/+", seconds(1));
-        if (!scene.mistaken())
+        if (!scene.mistaken()) {
             one.cleaner->clean("new", seconds(1));
+        }
         Scene::pass(seconds(3));
     }
     Scene::expect(one.cleaner->waitAllTasks(LONG), "tasks are left");
@@ -540,8 +564,9 @@ SCENARIO(DiscoveryMeetsItsEnd, DEADLINES) {
     {
         Scene::Exploration const here;
         publishEntities(one.broker);
-        if (scene.mistaken())
+        if (scene.mistaken()) {
             std::thread([&] { discoverer->links(); }).detach();
+        }
         discoverer.reset();
     }
     waiter.join();
@@ -559,15 +584,17 @@ SCENARIO(DiscoveryMeetsItsAnswers, PAUSES) {
         publishEntities(one.broker);
         scene.pause();
         publishEntities(one.broker);
-        if (scene.mistaken())
+        if (scene.mistaken()) {
             discoverer.cleanSubscriptions();
+        }
         found[1] = discoverer.discoverSync(5, true);
         other.join();
     }
     Scene::expect(found[0] && found[1] && discoverer.entities().size() == 2,
                   "what is published is not discovered");
-    for (auto const& entity : discoverer.entities())
+    for (auto const& entity : discoverer.entities()) {
         Scene::expect(entity.name == "n", "an answer gets lost");
+    }
     Scene::pass(LONG);
     one.expectNothingLeft();
 }

@@ -58,36 +58,43 @@ void SmallBroker::attend(StandIn& client) {
 
 SmallBroker::Answer SmallBroker::publishFrom(Session& session, StandIn& client,
                                              StandIn::Call const& call) {
-    if (client.connected() && !session.leaving)
+    if (client.connected() && !session.leaving) {
         publish(call.topic, call.payload, call.retain);
+    }
     return std::nullopt;
 }
 
 SmallBroker::Answer SmallBroker::subscribe(Session& session, StandIn& client,
                                            StandIn::Call const& call) {
-    if (!client.connected() || session.leaving)
+    if (!client.connected() || session.leaving) {
         return std::nullopt;
+    }
     session.subscriptions.insert(call.topic);
-    for (auto const& [topic, payload] : retained_)
-        if (matches(call.topic, topic))
+    for (auto const& [topic, payload] : retained_) {
+        if (matches(call.topic, topic)) {
             deliver(client, {topic, payload}, true);
+        }
+    }
     return std::nullopt;
 }
 
 void SmallBroker::publish(std::string const& topic, std::string const& payload, bool retain) {
     messages_.push_back({topic, payload});
-    if (retain && payload.empty())
+    if (retain && payload.empty()) {
         retained_.erase(topic);
-    else if (retain)
+    } else if (retain) {
         retained_[topic] = payload;
-    if (watcher_)
+    }
+    if (watcher_) {
         watcher_({topic, payload});
+    }
     for (auto const& [client, session] : sessions_) {
         auto const& all = session.subscriptions;
         if (client->connected() && std::any_of(all.begin(), all.end(), [&](auto const& pattern) {
                 return matches(pattern, topic);
-            }))
+            })) {
             deliver(*client, {topic, payload}, false);
+        }
     }
 }
 
@@ -112,9 +119,11 @@ std::ptrdiff_t SmallBroker::count(std::string const& payload) const {
 
 std::size_t SmallBroker::subscriptions() const {
     std::size_t count = 0;
-    for (auto const& [client, session] : sessions_)
-        if (client->connected())
+    for (auto const& [client, session] : sessions_) {
+        if (client->connected()) {
             count += session.subscriptions.size();
+        }
+    }
     return count;
 }
 

@@ -27,8 +27,9 @@ inline constexpr std::chrono::seconds LONG{20};
 
 /// As a callback of a user may do.
 inline void throwSometimes() {
-    if (Scene::maybe())
+    if (Scene::maybe()) {
         throw std::runtime_error("a user's own");
+    }
 }
 
 /// @return whether there was what it takes
@@ -54,8 +55,9 @@ public:
         ++count_;
         ++inside_;
         Scene::stop();
-        if (hook_)
+        if (hook_) {
             hook_();
+        }
         --inside_;
     }
     /// From now on nothing may be heard.
@@ -98,24 +100,27 @@ public:
     /// Answers the last request of the silence, too.
     void speak() {
         silent_ = false;
-        if (!unanswered_.topic.empty())
+        if (!unanswered_.topic.empty()) {
             broker_.publish(std::exchange(unanswered_.topic, {}), unanswered_.payload);
+        }
     }
 
 private:
     void answer(SmallBroker::Message const& message) {
         auto const suffix = message.topic.rfind("?\?/");
-        if (suffix == std::string::npos)
+        if (suffix == std::string::npos) {
             return;
+        }
         auto const name = message.topic.rfind('/', suffix) + 1;
         served_.push_back(message.topic.substr(name, suffix - name));
         auto reply = message;
         reply.topic.replace(suffix, 2, "?=");
         reply.payload.insert(reply.payload.find('}'), ", \"ref\": 500.5, \"$err\": 1");
-        if (silent_)
+        if (silent_) {
             unanswered_ = reply;
-        else
+        } else {
             broker_.publish(reply.topic, reply.payload);
+        }
     }
 
     SmallBroker& broker_;

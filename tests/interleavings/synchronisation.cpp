@@ -34,33 +34,38 @@ void pointAt(void const* object) {
     bool const quiet = std::any_of(leftAlone.begin(), leftAlone.end(), [&](auto const& range) {
         return !std::less<>()(address, range.first) && std::less<>()(address, range.second);
     });
-    if (!quiet)
+    if (!quiet) {
         scheduler().point();
+    }
 }
 
 bool take(pthread_mutex_t const* mutex) {
     auto& self = scheduler().current();
     auto const [entry, isFree] = held.try_emplace(mutex, Held{&self, 0});
-    if (!isFree && (entry->second.owner != &self || !isRecursive(mutex)))
+    if (!isFree && (entry->second.owner != &self || !isRecursive(mutex))) {
         return false;
+    }
     ++entry->second.depth;
     return true;
 }
 
 void takeWaiting(pthread_mutex_t const* mutex) {
     while (!take(mutex)) {
-        if (held.at(mutex).owner == &scheduler().current())
+        if (held.at(mutex).owner == &scheduler().current()) {
             scheduler().fail("locks a plain mutex that it has locked");
+        }
         scheduler().block(State::ON_MUTEX, mutex);
     }
 }
 
 void give(pthread_mutex_t const* mutex) {
     auto const entry = held.find(mutex);
-    if (entry == held.end() || entry->second.owner != &scheduler().current())
+    if (entry == held.end() || entry->second.owner != &scheduler().current()) {
         scheduler().fail("unlocks a mutex that it has not locked");
-    if (--entry->second.depth != 0)
+    }
+    if (--entry->second.depth != 0) {
         return;
+    }
     held.erase(entry);
     scheduler().wake(State::ON_MUTEX, mutex, true);
 }
@@ -100,8 +105,9 @@ void notify(pthread_cond_t const* condition, bool all) {
 }
 
 void destroy(pthread_cond_t const* condition) {
-    if (scheduler().isWaitedFor(State::ON_CONDITION, condition))
+    if (scheduler().isWaitedFor(State::ON_CONDITION, condition)) {
         scheduler().fail("destroys a condition that somebody waits on");
+    }
 }
 
 void leaveAlone(void const* begin, std::size_t size) {

@@ -37,8 +37,9 @@ SCENARIO(RestartingMeetsExpiry, DEADLINES) {
         other.join();
         timer.stop();
         before = ear.count();
-        if (!scene.mistaken())
+        if (!scene.mistaken()) {
             arm(timer, PERIOD, true);
+        }
     }
     Scene::pass(LONG);
     Scene::expect(before <= 2 && ear.count() >= 1 && ear.count() <= 3, "it expires too often");
@@ -53,10 +54,11 @@ SCENARIO(TheEndOfATimerMeetsItsExpiry, DEADLINES) {
         arm(*timer, PERIOD, false);
         std::thread other([&] { timer->terminate(); });
         Scene::pass(PERIOD);
-        if (scene.mistaken())
+        if (scene.mistaken()) {
             timer->stop();
-        else
+        } else {
             timer->terminate();
+        }
         ear.close();
         other.join();
     }
@@ -71,8 +73,9 @@ SCENARIO(ATimerEndsInItsCallback, DEADLINES) {
     {
         Scene::Exploration const here;
         arm(*timer, PERIOD, false);
-        if (scene.mistaken())
+        if (scene.mistaken()) {
             timer->stop();
+        }
         Scene::pass(PERIOD);
     }
     Scene::pass(LONG);
@@ -87,8 +90,9 @@ SCENARIO(ATimerWithoutAThread, NO_THREAD) {
         try {
             arm(timer, PERIOD, true);
         } catch (std::system_error const&) {
-            if (!scene.mistaken())
+            if (!scene.mistaken()) {
                 arm(timer, PERIOD, true);
+            }
         }
     }
     Scene::pass(LONG);

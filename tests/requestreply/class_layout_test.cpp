@@ -74,14 +74,15 @@ TEST(TheSlotsOfAServersListener, AreTheOneCall) {
 }
 
 TEST(TheSlotsOfAMessageSubscriber, AreTheOneCall) {
-    for (std::string const type : {"mqtt::RequestReply::Request", "mqtt::RequestReply::Reply"})
+    for (std::string const type : {"mqtt::RequestReply::Request", "mqtt::RequestReply::Reply"}) {
         EXPECT_THAT(probeTables("mqtt::MqttData<" + type + ">::Subscriber",
                                 "    void onMqttData(" + type + " const&, bool, int) override;\n"),
                     ElementsAre(ElementsAre("Probe::onMqttData")));
+    }
 }
 
 TEST(TheSlotsOfAMessageEndpoint, AreThoseOfEveryEndpoint) {
-    for (std::string const type : {"mqtt::RequestReply::Request", "mqtt::RequestReply::Reply"})
+    for (std::string const type : {"mqtt::RequestReply::Request", "mqtt::RequestReply::Reply"}) {
         EXPECT_THAT(probeTables("mqtt::MqttData<" + type + ">",
                                 "    ~Probe() override;\n"
                                 "    void getPublishTopic(mqtt::Topic&) override;\n"
@@ -95,6 +96,7 @@ TEST(TheSlotsOfAMessageEndpoint, AreThoseOfEveryEndpoint) {
                                             "Probe::~Probe", "Probe::getPublishTopic",
                                             "Probe::getSubscribeTopic", "Probe::deserialize",
                                             "Probe::serialize", "Probe::notify")));
+    }
 }
 
 } // namespace

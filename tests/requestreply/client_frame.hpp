@@ -59,8 +59,9 @@ public:
     }
     std::vector<Code> errors() const {
         std::vector<Code> errors;
-        for (auto const& call : calls())
+        for (auto const& call : calls()) {
             errors.push_back(call.error);
+        }
         return errors;
     }
 
@@ -72,8 +73,9 @@ public:
         // Who waits for this call may destroy the recorder as soon as it was kept.
         auto const hook = hook_;
         calls_.change([&](auto& calls) { calls.push_back(call); });
-        if (*hook)
+        if (*hook) {
             (*hook)(call);
+        }
     }
 
 private:
@@ -125,16 +127,20 @@ private:
             support::Message message;
             peer_.waitFor(
                 [&](auto const& all) {
-                    if (all.size() > next)
+                    if (all.size() > next) {
                         message = all[next];
+                    }
                     return all.size() > next;
                 },
                 std::chrono::hours(1));
-            if (message.topic == end_)
+            if (message.topic == end_) {
                 return;
-            if (message.topic.find("?\?/") != std::string::npos)
-                for (auto const& reply : answer_(message.payload))
+            }
+            if (message.topic.find("?\?/") != std::string::npos) {
+                for (auto const& reply : answer_(message.payload)) {
                     peer_.post(replyTopicFor(message.topic), reply);
+                }
+            }
         }
     }
 
@@ -170,9 +176,11 @@ protected:
         EXPECT_TRUE(peer.waitFor(
             [&](auto const& all) { return !all.empty() && all.back().topic == marker; }));
         support::RawPeer::Messages messages;
-        for (auto const& message : peer.messages())
-            if (message.topic.rfind("svc/marker/", 0) != 0)
+        for (auto const& message : peer.messages()) {
+            if (message.topic.rfind("svc/marker/", 0) != 0) {
                 messages.push_back(message);
+            }
+        }
         return messages;
     }
 

@@ -97,16 +97,18 @@ protected:
     }
 
     void onEnd(Call const& call) {
-        if (call.error == Code::SUCCESS)
+        if (call.error == Code::SUCCESS) {
             EXPECT_EQ(replyData->number, number);
-        else
+        } else {
             EXPECT_EQ(call.error, withoutTime() ? Code::TIMEOUT : Code::SUCCESS);
+        }
         EXPECT_GT(call.requestId, lastId);
         lastId = call.requestId;
-        if (number < DEPTH)
+        if (number < DEPTH) {
             next();
-        else
+        } else {
             set(done);
+        }
     }
 
     RawServer server{broker, [](std::string const& text) {
@@ -165,11 +167,13 @@ TEST_F(AWait, IsOverBeforeTheListenerHearsOfACancellation) {
         auto* const waited = client.get();
         std::array<Code, CROWD> results{};
         std::deque<Sleeper> waiters;
-        for (auto& result : results)
+        for (auto& result : results) {
             waiters.emplace_back(
                 [waited, &result] { result = waited->waitEndOfRequest(WITHOUT_LIMIT); });
-        for (auto const& waiter : waiters)
+        }
+        for (auto const& waiter : waiters) {
             ASSERT_TRUE(waiter.fallsAsleep());
+        }
         EXPECT_EQ(waited->cancel(), Code::SUCCESS);
         waiters.clear();
         EXPECT_THAT(results, Each(Code::CANCELLED));
@@ -186,11 +190,13 @@ TEST_F(AWait, IsOverBeforeTheClientIs) {
         auto* const waited = client.get();
         std::array<Code, CROWD> results{};
         std::deque<Sleeper> waiters;
-        for (auto& result : results)
+        for (auto& result : results) {
             waiters.emplace_back(
                 [waited, &result] { result = waited->waitEndOfRequest(WITHOUT_LIMIT); });
-        for (auto const& waiter : waiters)
+        }
+        for (auto const& waiter : waiters) {
             ASSERT_TRUE(waiter.fallsAsleep());
+        }
         reply(replyText(requestId, 17));
         waiters.clear();
         EXPECT_THAT(results, Each(FAILURE_OF_THE_SERVICE));
@@ -404,8 +410,9 @@ TEST_F(TheEndOfARequestReplyClient, ComesAtAnyMomentWhileRepliesFly) {
         // From before the request arrives to after its reply does.
         auto const moment =
             std::chrono::steady_clock::now() + std::chrono::microseconds(10 * (round % 100));
-        while (std::chrono::steady_clock::now() < moment)
+        while (std::chrono::steady_clock::now() < moment) {
             std::this_thread::yield();
+        }
         client.reset();
         ASSERT_EQ(listener->count(), 1U) << "in round " << round;
         listener.reset();
@@ -423,16 +430,19 @@ TEST_F(ASharedClient, EndsEveryRequestOnceWhateverThreadsDo) {
     });
     std::atomic<bool> stop{false};
     std::vector<std::thread> threads;
-    for (int i = 0; i < 2; ++i)
+    for (int i = 0; i < 2; ++i) {
         threads.emplace_back([&] {
-            while (!stop)
+            while (!stop) {
                 client->waitEndOfRequest(1);
+            }
         });
+    }
     threads.emplace_back([&] {
         for (unsigned int i = 0; !stop; ++i) {
             client->waitEndOfRequest(WITHOUT_LIMIT);
-            if (i % 8 == 0)
+            if (i % 8 == 0) {
                 client->cancel();
+            }
         }
     });
     std::deque<ReplyRecorder> listeners;
@@ -446,11 +456,13 @@ TEST_F(ASharedClient, EndsEveryRequestOnceWhateverThreadsDo) {
     }
     stop = true;
     client->terminate();
-    for (auto& thread : threads)
+    for (auto& thread : threads) {
         thread.join();
+    }
     receiveAll();
-    for (auto const& listener : listeners)
+    for (auto const& listener : listeners) {
         ASSERT_EQ(listener.count(), 1U);
+    }
 }
 
 } // namespace

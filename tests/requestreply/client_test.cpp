@@ -184,14 +184,16 @@ TEST_F(ARequestReplyClient, DropsMalformedRepliesAndTakesTheGoodOne) {
     ASSERT_EQ(request(), Code::PENDING);
     awaitRequest();
     auto const start = "{\"$reqId\": " + std::to_string(requestId);
-    for (auto const& malformed : malformedMessages())
+    for (auto const& malformed : malformedMessages()) {
         peer.post(replyTopic(), malformed.payload);
+    }
     for (char const* const error :
          {"", ", \"$err\": 256", ", \"$err\": -1", ", \"$err\": 1.0", ", \"$err\": 1e0",
           ", \"$err\": \"1\"", ", \"$err\": true", ", \"$err\": null", ", \"$err\": {}",
           ", \"$err\": []", ", \"err\": 1", ", \"a\": {\"$err\": 1}",
-          ", \"$err\": 1, \"\xed\": ", ", \"$err\": 18446744073709551617", ", \"$err\": 1,"})
+          ", \"$err\": 1, \"\xed\": ", ", \"$err\": 18446744073709551617", ", \"$err\": 1,"}) {
         peer.post(replyTopic(), start + error + "}");
+    }
     peer.post(replyTopic(), start + ", \"$err\": 1");
     peer.post(replyTopic(), "[" + start + ", \"$err\": 1}]");
     peer.waitForAcknowledgements();
@@ -286,8 +288,9 @@ TEST_F(ARequestReplyClient, DropsWhatItsListenerThrows) {
             << "after end " << i;
         ends[i]();
         ASSERT_TRUE(throwing.waitForCount(i + 1));
-        if (client && client->requestWait(id, Uuid::NIL, nullptr, nullptr, 0) == Code::CANCELLED)
+        if (client && client->requestWait(id, Uuid::NIL, nullptr, nullptr, 0) == Code::CANCELLED) {
             client = makeClient();
+        }
     }
 }
 
@@ -453,8 +456,9 @@ TEST(ARequest, LeavesBehindTheSubscriptionToItsReply) {
               Code::PENDING);
     ASSERT_TRUE(server.waitForPackets(support::PacketType::PUBLISH, 1));
     std::vector<support::PacketType> order;
-    for (auto const& one : server.received())
+    for (auto const& one : server.received()) {
         order.push_back(one.packet.type);
+    }
     order.resize(3); // its handshake may have gone on
     EXPECT_THAT(order, ElementsAre(support::PacketType::CONNECT, support::PacketType::SUBSCRIBE,
                                    support::PacketType::PUBLISH));

@@ -79,8 +79,9 @@ TEST_F(AClientWithATimerInOurHand, PublishesNoTimeOutReplyOfTheNextRequest) {
         EXPECT_EQ(request(), Code::BUSY);
         client->cancel();
     }
-    for (auto const& message : seen())
+    for (auto const& message : seen()) {
         EXPECT_EQ(message.topic, requestTopic());
+    }
     EXPECT_THAT(recorder.errors(), ElementsAre(Code::CANCELLED, Code::CANCELLED, Code::CANCELLED));
 }
 
@@ -101,8 +102,9 @@ TEST_F(AClientWithATimerInOurHand, IgnoresTheLateTimeOutReplyOfAnEarlierRequest)
 TEST_F(AClientWithATimerInOurHand, QueuesOneTimeOutReplyWithoutAConnection) {
     ASSERT_EQ(mqtt->disconnect(30), mqtt::MqttClient::Error::SUCCESS);
     ASSERT_EQ(request(0), Code::PENDING);
-    for (int expiry = 0; expiry < 5; ++expiry)
+    for (int expiry = 0; expiry < 5; ++expiry) {
         hand_driven_timer::expire();
+    }
     EXPECT_THAT(recorder.calls(), IsEmpty());
     ASSERT_EQ(mqtt->connect("", -1, 30), mqtt::MqttClient::Error::SUCCESS);
     ASSERT_TRUE(recorder.waitForCount(1));
@@ -209,10 +211,12 @@ TEST_F(AClientWithATimerInOurHand, TellsThePatientWhatTheReplySaysWhenAnotherWai
     std::array<Code, 8> results{};
     std::deque<Sleeper> waiters;
     waiters.emplace_back([&] { client->waitEndOfRequest(PATIENCE_OF_THE_WAITER); });
-    for (auto& result : results)
+    for (auto& result : results) {
         waiters.emplace_back([&] { result = client->waitEndOfRequest(WITHOUT_LIMIT); });
-    for (auto const& waiter : waiters)
+    }
+    for (auto const& waiter : waiters) {
         ASSERT_TRUE(waiter.fallsAsleep());
+    }
     endTheRequestUntilTheWaiterIsLate();
     reply(replyText(requestId, 17));
     waiters.clear();
@@ -233,10 +237,12 @@ TEST_F(AClientWithATimerInOurHand, LeavesTheNextRequestToItselfWhenTheWaitersAre
     // Many, or the only one might get to know of the end before the next request is made.
     std::array<Code, 8> results{};
     std::deque<Sleeper> waiters;
-    for (auto& result : results)
+    for (auto& result : results) {
         waiters.emplace_back([&] { result = client->waitEndOfRequest(PATIENCE_OF_THE_WAITER); });
-    for (auto const& waiter : waiters)
+    }
+    for (auto const& waiter : waiters) {
         ASSERT_TRUE(waiter.fallsAsleep());
+    }
     endTheRequestUntilTheWaiterIsLate();
     reply(replyText(requestId, 17));
     waiters.clear();

@@ -20,8 +20,9 @@ TEST(AnErrorCode, PrintsItsName) {
     std::vector<std::pair<int, std::string>> const names{
         {0, "NONE"},        {1, "SUCCESS"}, {2, "NO_SERVER"}, {3, "TIMEOUT"},
         {4, "NO_LISTENER"}, {5, "PENDING"}, {6, "BUSY"},      {7, "CANCELLED"}};
-    for (auto const& [code, name] : names)
+    for (auto const& [code, name] : names) {
         EXPECT_EQ(printed(code), name) << code;
+    }
 }
 
 TEST(AnErrorCode, OfAnApplicationPrintsHowFarItIsFromTheFirstOne) {
@@ -31,8 +32,9 @@ TEST(AnErrorCode, OfAnApplicationPrintsHowFarItIsFromTheFirstOne) {
 }
 
 TEST(AnErrorCode, WithoutANamePrintsAsUnknown) {
-    for (int const code : {8, 15})
+    for (int const code : {8, 15}) {
         EXPECT_EQ(printed(code), "UNKNOWN") << code;
+    }
 }
 
 } // namespace

@@ -16,8 +16,9 @@ inline std::ostream& operator<<(std::ostream& out, Malformed const& malformed) {
 
 inline std::string repeated(std::string const& text, int times) {
     std::string result;
-    for (int i = 0; i < times; ++i)
+    for (int i = 0; i < times; ++i) {
         result += text;
+    }
     return result;
 }
 

@@ -103,14 +103,16 @@ protected:
 };
 
 TEST_F(AName, IsRefusedWithASlashAtItsBeginningOrEnd) {
-    for (char const* const name : {"/a", "a/", "/", "//", "/a/b", "a/b/"})
+    for (char const* const name : {"/a", "a/", "/", "//", "/a/b", "a/b/"}) {
         EXPECT_EQ(refusal(name), "Invalid Request/Reply name; should not contain any of '/'.")
             << name;
+    }
 }
 
 TEST_F(AName, IsAcceptedWithASlashInside) {
-    for (char const* const name : {"a", "a/b", "a//b", ""})
+    for (char const* const name : {"a", "a/b", "a//b", ""}) {
         EXPECT_EQ(refusal(name), "accepted") << name;
+    }
 }
 
 } // namespace

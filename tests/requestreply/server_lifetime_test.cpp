@@ -113,8 +113,9 @@ TEST_F(TheEndOfAServer, LetsTheListenerGoAtOnce) {
             return nullptr;
         });
         server = serve(own.get());
-        for (int id = 0; id < 20; ++id)
+        for (int id = 0; id < 20; ++id) {
             peer.post("x/n?\?/" + CALLER, R"({"$reqId": 1})");
+        }
         ASSERT_TRUE(entered.waitFor(isSet));
         server.reset();
         own.reset();
@@ -150,8 +151,9 @@ TEST_F(TheEndOfAServer, MayComeOnTwoServersOfOneNameAtOnce) {
     ServerListener other;
     server = serve(&listener);
     auto second = serve(&other);
-    for (int id = 0; id < 100; ++id)
+    for (int id = 0; id < 100; ++id) {
         peer.post("x/n?\?/" + CALLER, R"({"$reqId": 1})");
+    }
     ASSERT_TRUE(support::eventually([&] { return listener.count() > 0; }));
     std::thread thread([&] { second.reset(); });
     server.reset();
@@ -198,11 +200,13 @@ TEST_F(TheEndOfAServer, IsNoDangerToWhoAsksForItsTopicMeanwhile) {
     server = serve(&listener);
     std::atomic<bool> stop{false};
     std::thread reader([&] {
-        while (!stop)
+        while (!stop) {
             EXPECT_EQ(server->requestTopic(), "x/n?\?");
+        }
     });
-    for (int id = 0; id < 100; ++id)
+    for (int id = 0; id < 100; ++id) {
         peer.post("x/n?\?/" + CALLER, R"({"$reqId": 1})");
+    }
     EXPECT_TRUE(support::eventually([&] { return listener.count() == 100; }));
     server->unsubscribe();
     EXPECT_EQ(server->subscribe(&listener, Uuid(), mqtt::NO_DATA), Error::SUCCESS);

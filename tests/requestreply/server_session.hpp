@@ -98,16 +98,19 @@ protected:
     std::vector<support::Message> replies() {
         settle();
         std::vector<support::Message> result;
-        for (auto const& message : peer.messages())
-            if (message.topic.find(mqtt::REPLY_SUFFIX) != std::string::npos)
+        for (auto const& message : peer.messages()) {
+            if (message.topic.find(mqtt::REPLY_SUFFIX) != std::string::npos) {
                 result.push_back(message);
+            }
+        }
         return result;
     }
 
     Strings replyPayloads() {
         Strings result;
-        for (auto const& message : replies())
+        for (auto const& message : replies()) {
             result.push_back(message.payload);
+        }
         return result;
     }
 
@@ -125,9 +128,11 @@ private:
     void sendUp(std::string const& mark) {
         ASSERT_EQ(client->publish("session/up", mark, 2, false), Error::SUCCESS);
         ASSERT_TRUE(peer.waitFor([&](auto const& messages) {
-            for (auto const& message : messages)
-                if (message.topic == "session/up" && message.payload == mark)
+            for (auto const& message : messages) {
+                if (message.topic == "session/up" && message.payload == mark) {
                     return true;
+                }
+            }
             return false;
         }));
     }

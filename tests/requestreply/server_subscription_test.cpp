@@ -20,8 +20,9 @@ protected:
     Strings topicsIn(Type type) {
         EXPECT_EQ(client->publishWait("sent", "", 1, false, 30), Error::SUCCESS);
         Strings result;
-        for (auto const& packet : server.received(type))
+        for (auto const& packet : server.received(type)) {
             result.push_back(packet.topic);
+        }
         return result;
     }
 
@@ -45,8 +46,9 @@ TEST_F(TheSubscriptionOfAServer, EndsWithTheServer) {
 }
 
 TEST_F(TheSubscriptionOfAServer, EndsWithTheServerAlsoWhenThereAreMany) {
-    for (auto const& id : {zym::common::Uuid(), zym::common::Uuid(), zym::common::Uuid(7)})
+    for (auto const& id : {zym::common::Uuid(), zym::common::Uuid(), zym::common::Uuid(7)}) {
         ASSERT_EQ(served->subscribe(&listener, id, nullptr), Error::SUCCESS);
+    }
     served.reset();
     EXPECT_THAT(topicsIn(Type::UNSUBSCRIBE),
                 testing::UnorderedElementsAre("x/n?\?/+",

@@ -58,8 +58,9 @@ TEST_F(AServer, HearsNoRequestsToOthers) {
     auto const server = serve(&listener);
     for (auto const& topic : {"x/m?\?/" + CALLER, "x/n?=/" + CALLER, "x/n/" + CALLER,
                               "x/" + Uuid(7).base64URL() + "/n?\?/" + CALLER, "n?\?/" + CALLER,
-                              "x/n?\?/" + CALLER + "/y", std::string("x/n?\?")})
+                              "x/n?\?/" + CALLER + "/y", std::string("x/n?\?")}) {
         peer.publish(topic, R"({"$reqId": 1})");
+    }
     settle();
     EXPECT_EQ(listener.count(), 0U);
     ask(R"({"$reqId": 2})");
@@ -192,8 +193,9 @@ TEST_F(AServer, IgnoresAnEmptyArrayAndABareNumber) {
 TEST_F(AServer, IgnoresWhatIsNoRequest) {
     auto const data = std::make_shared<NumberData>(9);
     auto const server = serve(&listener, data);
-    for (auto const& malformed : malformedMessages())
+    for (auto const& malformed : malformedMessages()) {
         ask(malformed.payload);
+    }
     ask(R"({"$reqId": 1})");
     ask(R"({"$reqId": 1, "number": "5"})");
     EXPECT_THAT(replies(), IsEmpty());
@@ -218,8 +220,9 @@ TEST_F(AServer, IgnoresHalfACharacterWhereItReadsAText) {
 TEST_F(AServer, IgnoresAnIdentifierThatIsNone) {
     auto const server = serve(&listener);
     for (char const* const text :
-         {"u1", "", "AAAAAAAAAAAAAAAAAAAAAR", "AAAAAAAAAAAAAAAAAAAAAQ==", "not even close", "??"})
+         {"u1", "", "AAAAAAAAAAAAAAAAAAAAAR", "AAAAAAAAAAAAAAAAAAAAAQ==", "not even close", "??"}) {
         peer.publish(std::string("x/n?\?/") + text, R"({"$reqId": 1})");
+    }
     EXPECT_THAT(replies(), IsEmpty());
     EXPECT_EQ(listener.count(), 0U);
     expectTheNextOneAnswered();

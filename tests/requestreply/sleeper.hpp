@@ -43,8 +43,9 @@ public:
     }
 
     void join() {
-        if (thread_.joinable())
+        if (thread_.joinable()) {
             thread_.join();
+        }
     }
 
 private:

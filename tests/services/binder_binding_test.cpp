@@ -109,8 +109,9 @@ TEST_F(ABinding, IsMadeOnce) {
 
 TEST_F(ABinding, MayFollowFromInsideTheListener) {
     recorder.setHook([&](BindingEvent const& event) {
-        if (recorder.count() > 4)
+        if (recorder.count() > 4) {
             return;
+        }
         auto const next =
             event.first == "bound" ? proxy->unbind(AN_HOUR) : proxy->bind(server.id, AN_HOUR);
         EXPECT_EQ(next, Error::SUCCESS);

@@ -33,9 +33,11 @@ protected:
 
     std::vector<support::StandIn::Call> requests(std::string const& name) const {
         std::vector<support::StandIn::Call> found;
-        for (auto const& call : script->calls(Operation::PUBLISH))
-            if (call.topic.find("/" + name + "?\?/") != std::string::npos)
+        for (auto const& call : script->calls(Operation::PUBLISH)) {
+            if (call.topic.find("/" + name + "?\?/") != std::string::npos) {
                 found.push_back(call);
+            }
+        }
         return found;
     }
 
@@ -48,8 +50,9 @@ protected:
     }
 
     void tellTime() {
-        for (int sample = 0; sample < 10; ++sample)
+        for (int sample = 0; sample < 10; ++sample) {
             answer("timeSync", 1, "\"client\": 1.5, \"ref\": 2.5");
+        }
     }
 
     void bind() {
@@ -64,9 +67,10 @@ protected:
     /// None for a timer, after so many.
     static void haveNoThread(int available = 0) {
         hand_driven_timer::onRestart([left = std::make_shared<int>(available)] {
-            if (--*left < 0)
+            if (--*left < 0) {
                 throw std::system_error(
                     std::make_error_code(std::errc::resource_unavailable_try_again));
+            }
         });
     }
 
@@ -212,8 +216,9 @@ TEST_F(ABindingWithoutMemory, FailsWhenTheTimeCannotBeRead) {
         request();
         auto const before = requests("timeSync").size();
         lacking = answerBindingWithout(which);
-        if (events.failed == 0 && requests("timeSync").size() == before)
+        if (events.failed == 0 && requests("timeSync").size() == before) {
             answer("bind", 1); // the first one was lost
+        }
         EXPECT_EQ(requests("timeSync").size(), before + 1 - events.failed);
         failures += events.failed;
         EXPECT_EQ(proxy->unbindSync(0), events.failed == 0 ? Error::SUCCESS : Error::NOT_BOUND);

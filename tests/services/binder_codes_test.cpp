@@ -21,13 +21,15 @@ int meaning(int code) {
 
 TEST(ACodeOfRequestReply, MeansWhatTheTableSaysBelowSixteen) {
     int const table[16] = {1, 0, 4, 3, 4, 1, 2, 9, 1, 1, 1, 1, 1, 1, 1, 1};
-    for (int code = 0; code < 16; ++code)
+    for (int code = 0; code < 16; ++code) {
         EXPECT_EQ(meaning(code), table[code]) << "code " << code;
+    }
 }
 
 TEST(ACodeOfRequestReply, CarriesTheServersOwnFromSixteenOn) {
-    for (int code = 16; code < 256; ++code)
+    for (int code = 16; code < 256; ++code) {
         EXPECT_EQ(meaning(code), code - 16) << "code " << code;
+    }
     EXPECT_EQ(meaning(16), 0);
     EXPECT_EQ(meaning(21), 5);
     EXPECT_EQ(meaning(255), 239);
@@ -82,13 +84,15 @@ TEST(ARequestForABinding, HasToNameATopic) {
 }
 
 TEST(ARequestForABinding, HasToNameTheTopicByText) {
-    for (std::string const value : {"7", "null", "true", "[]", R"(["a"])", R"({"topic": "a"})"})
+    for (std::string const value : {"7", "null", "true", "[]", R"(["a"])", R"({"topic": "a"})"}) {
         expectRefused<std::invalid_argument>(R"({"topic": )" + value + "}");
+    }
 }
 
 TEST(ARequestForABinding, HasToBeAnObject) {
-    for (std::string const text : {"[]", R"(["topic"])", "7", "\"topic\"", "null", "", "{"})
+    for (std::string const text : {"[]", R"(["topic"])", "7", "\"topic\"", "null", "", "{"}) {
         expectRefused<std::runtime_error>(text, "Cannot get member from a scalar or array");
+    }
 }
 
 } // namespace

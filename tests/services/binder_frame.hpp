@@ -55,8 +55,9 @@ private:
         auto const hook = hook_.copy();
         lastThread_.change([](auto& thread) { thread = std::this_thread::get_id(); });
         events_.change([&](auto& events) { events.push_back(event); });
-        if (hook)
+        if (hook) {
             hook(event);
+        }
     }
 
     support::Watched<std::vector<BindingEvent>> events_;
@@ -194,11 +195,13 @@ protected:
         EXPECT_TRUE(peer.waitFor([&](auto const& all) {
             std::size_t seen = 0;
             for (auto const& message : all) {
-                if (!isRequest(message, name))
+                if (!isRequest(message, name)) {
                     continue;
+                }
                 found = message;
-                if (++seen == count)
+                if (++seen == count) {
                     return true;
+                }
             }
             return false;
         })) << "the request "
@@ -283,8 +286,9 @@ protected:
     void onTimeSynchronized() override {
         bool const consents = consents_;
         times_.change([](int& times) { ++times; });
-        if (consents)
+        if (consents) {
             BinderMqttProxy::onTimeSynchronized();
+        }
     }
 
 private:

@@ -15,8 +15,9 @@ std::vector<support::VirtualTable> tables(std::string const& className) {
 }
 
 std::vector<std::string> ofTheProxy(std::vector<std::string> names) {
-    for (auto& name : names)
+    for (auto& name : names) {
         name = "mqtt::BinderMqttProxy::" + name;
+    }
     return names;
 }
 

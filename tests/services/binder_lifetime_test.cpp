@@ -158,8 +158,9 @@ protected:
         support::Watched<bool> destroy;
         support::Watched<bool> destroyed;
         recorder.setHook([&](BindingEvent const& event) {
-            if (event.first == "unbound")
+            if (event.first == "unbound") {
                 return;
+            }
             set(told);
             destroy.waitFor(isSet);
             proxy.reset();
@@ -219,8 +220,9 @@ protected:
 
     void destroyAt(std::string const& what) {
         recorder.setHook([this, what](BindingEvent const& event) {
-            if (event.first != what)
+            if (event.first != what) {
                 return;
+            }
             proxy.reset();
             set(destroyed);
         });

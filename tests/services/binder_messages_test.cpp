@@ -90,8 +90,9 @@ TEST_F(AMessageOfAProxy, HasNothingToDoWithWhatElseTheReplySays) {
     ASSERT_EQ(proxy->bind(server, AN_HOUR), Error::SUCCESS);
     auto const request = awaitRequest("bind");
     auto const replyTopic = replyTopicFor(request.topic);
-    for (std::string const nonsense : {"", "[]", "7", "{}", "{\"$err\": 1}", "{\"$reqId\": 1"})
+    for (std::string const nonsense : {"", "[]", "7", "{}", "{\"$err\": 1}", "{\"$reqId\": 1"}) {
         peer.publish(replyTopic, nonsense);
+    }
     peer.publish(replyTopic, replyText(idIn(request.payload) + 1, 17));
     reply(request, 23, "\"topic\": 7, \"more\": []");
     ASSERT_TRUE(recorder.waitForCount(1));
@@ -120,9 +121,12 @@ TEST_F(AMessageOfAProxy, IsNotWhatAReplyToAnotherNameEnds) {
     // No other cast leads to a private base.
     auto& listener = (mqtt::RequestReplyClient::Listener&)*proxy;
     auto const replyToOthers = [&] {
-        for (std::string const name : {"", "Bind", "bind?\?", "unbinding", "timeSync"})
-            for (Code const code : {Code::SUCCESS, Code::CANCELLED, Code::BUSY, Code{21}, Code{23}})
+        for (std::string const name : {"", "Bind", "bind?\?", "unbinding", "timeSync"}) {
+            for (Code const code :
+                 {Code::SUCCESS, Code::CANCELLED, Code::BUSY, Code{21}, Code{23}}) {
                 listener.onReply(1, name, id, server, *mqtt::NO_DATA, code);
+            }
+        }
         settle();
     };
     replyToOthers();

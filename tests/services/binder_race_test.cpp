@@ -26,8 +26,9 @@ protected:
     static void spend(int round) {
         auto const moment = std::chrono::steady_clock::now()
                             + std::chrono::microseconds(40 * (round * support::SLOWNESS % 150));
-        while (std::chrono::steady_clock::now() < moment)
+        while (std::chrono::steady_clock::now() < moment) {
             std::this_thread::yield();
+        }
     }
 
     /// The listener goes with the proxy: nobody may call it any more.
@@ -38,8 +39,9 @@ protected:
             auto own = std::make_unique<ProxyType>(*mqtt, arguments..., listener.get());
             ASSERT_EQ(own->bind(server.id, round % 4 == 0 ? 0 : AN_HOUR), Error::SUCCESS);
             spend(round);
-            if (round % 3 == 0)
+            if (round % 3 == 0) {
                 static_cast<void>(own->unbind(round % 2 == 0 ? 0 : AN_HOUR));
+            }
             spend(round % 7);
             own.reset();
             EXPECT_LE(listener->count(), 2U);
@@ -149,12 +151,14 @@ TEST_F(ASharedProxy, IsAtAnyonesService) {
         }
     });
     threads.emplace_back([&] {
-        while (!stop)
+        while (!stop) {
             static_cast<void>(proxy->bindSync(server.id, 1));
+        }
     });
     threads.emplace_back([&] {
-        while (!stop)
+        while (!stop) {
             static_cast<void>(proxy->unbind(1));
+        }
     });
     for (int round = 0; round < ROUNDS; ++round) {
         static_cast<void>(proxy->bind(server.id, 1));
@@ -163,8 +167,9 @@ TEST_F(ASharedProxy, IsAtAnyonesService) {
     stop = true;
     // One may be inside the 30 seconds for the time, of a binding that was ended meanwhile.
     proxy->terminate();
-    for (auto& thread : threads)
+    for (auto& thread : threads) {
         thread.join();
+    }
     proxy = makeProxy();
     bind();
     expectBound();

@@ -115,12 +115,14 @@ class ABrokerThatComesBack : public WithAServer {
 protected:
     void restartBroker() {
         broker.kill();
-        for (auto const* client : clients)
+        for (auto const* client : clients) {
             ASSERT_TRUE(support::eventually(
                 [&] { return client->communicationState() != conv::ComState::CONNECTED; }));
+        }
         broker.start();
-        for (auto const* client : clients)
+        for (auto const* client : clients) {
             ASSERT_TRUE(support::becomesConnected(*client));
+        }
         // Both are subscribed again.
         ASSERT_EQ(mqtt->publishWait("settled", "", 1, false, 30), mqtt::MqttClient::Error::SUCCESS);
         server.settle();
@@ -143,15 +145,17 @@ TEST_F(ABrokerThatComesBack, FindsEverythingAsItWas) {
 
 TEST_F(ABrokerThatComesBack, IsNotConfusedByABindingThatCameAndWentWithoutIt) {
     broker.kill();
-    for (auto const* client : clients)
+    for (auto const* client : clients) {
         ASSERT_TRUE(support::eventually(
             [&] { return client->communicationState() != conv::ComState::CONNECTED; }));
+    }
     EXPECT_EQ(proxy->bind(server.id, AN_HOUR), Error::SUCCESS);
     EXPECT_EQ(proxy->unbind(AN_HOUR), Error::SUCCESS);
     EXPECT_THAT(recorder.events(), ElementsAre(bound(Error::CANCELLED)));
     broker.start();
-    for (auto const* client : clients)
+    for (auto const* client : clients) {
         EXPECT_TRUE(support::becomesConnected(*client));
+    }
     server.settle();
     // The server hears of it when it is subscribed in time, or never.
     proxy = makeProxy();

@@ -172,8 +172,9 @@ TEST_F(ABindingCalledOff, IsToldAsCancelledByTheCallThatDoesNotWait) {
     server.ignoreBindings();
     std::thread::id cancelledOn;
     recorder.setHook([&](BindingEvent const& event) {
-        if (event.first == "bound")
+        if (event.first == "bound") {
             cancelledOn = std::this_thread::get_id();
+        }
     });
     startBinding();
     EXPECT_EQ(proxy->unbind(AN_HOUR), Error::SUCCESS);
@@ -240,8 +241,9 @@ TEST_F(ABindingCalledOff, LetsItsListenerTerminate) {
 TEST_F(ABindingCalledOff, LetsItsListenerCancelTheUnbindingToo) {
     server.ignoreBindings();
     recorder.setHook([&](BindingEvent const& event) {
-        if (event.first == "bound")
+        if (event.first == "bound") {
             proxy->cancelUnbinding();
+        }
     });
     startBinding();
     EXPECT_EQ(proxy->unbind(AN_HOUR), Error::SUCCESS);
@@ -338,8 +340,9 @@ protected:
     static void spend(int round) {
         auto const moment =
             std::chrono::steady_clock::now() + std::chrono::microseconds(40 * (round % 100));
-        while (std::chrono::steady_clock::now() < moment)
+        while (std::chrono::steady_clock::now() < moment) {
             std::this_thread::yield();
+        }
     }
 };
 

@@ -48,9 +48,11 @@ protected:
                                [](auto const& message) { return message.topic == "last"; });
         }));
         Strings topics;
-        for (auto const& message : peer.messages())
-            if (message.retain)
+        for (auto const& message : peer.messages()) {
+            if (message.retain) {
                 topics.push_back(message.topic);
+            }
+        }
         return topics;
     }
 
@@ -64,8 +66,9 @@ protected:
 };
 
 TEST_F(Cleaning, ErasesWhatStandsBelowAPattern) {
-    for (auto const* const topic : {"a/x", "a/y", "b"})
+    for (auto const* const topic : {"a/x", "a/y", "b"}) {
         retain(topic);
+    }
     RawPeer witness(broker);
     witness.subscribe("#");
     EXPECT_TRUE(witness.waitForMessages(3));
@@ -76,8 +79,9 @@ TEST_F(Cleaning, ErasesWhatStandsBelowAPattern) {
     Strings erased;
     for (auto const& message : witness.messages()) {
         EXPECT_EQ(message.payload, "");
-        if (message.topic != "last")
+        if (message.topic != "last") {
             erased.push_back(message.topic);
+        }
     }
     EXPECT_THAT(erased, UnorderedElementsAre("a/x", "a/y"));
 }
@@ -96,8 +100,9 @@ TEST_F(Cleaning, PublishesNothingWhereNothingStands) {
 
 TEST_F(Cleaning, ErasesAThousandTopicsBelowOnePattern) {
     RawPeer peer(broker);
-    for (int i = 0; i < 1000; ++i)
+    for (int i = 0; i < 1000; ++i) {
         peer.post("many/" + std::to_string(i), "payload", 1, true);
+    }
     peer.waitForAcknowledgements();
     cleaner->clean("many/#", AN_HOUR);
     EXPECT_TRUE(becomesRetained({}));
@@ -105,10 +110,12 @@ TEST_F(Cleaning, ErasesAThousandTopicsBelowOnePattern) {
 }
 
 TEST_F(Cleaning, ErasesWhereTopicsAndPatternsOverlap) {
-    for (auto const* const topic : {"a/x", "a/y", "a/b/c"})
+    for (auto const* const topic : {"a/x", "a/y", "a/b/c"}) {
         retain(topic);
-    for (auto const* const topic : {"a/x", "a/+", "a/#", "+/x", "#"})
+    }
+    for (auto const* const topic : {"a/x", "a/+", "a/#", "+/x", "#"}) {
         cleaner->clean(topic, AN_HOUR);
+    }
     EXPECT_TRUE(becomesRetained({}));
 }
 
@@ -119,8 +126,9 @@ TEST_F(Cleaning, ErasesWhatIsPublishedMeanwhile) {
 }
 
 TEST_F(Cleaning, EndsRequestsInTheirOwnTime) {
-    for (auto const* const topic : {"a", "", "b/#/c", "c/#"})
+    for (auto const* const topic : {"a", "", "b/#/c", "c/#"}) {
         cleaner->clean(topic, milliseconds(topic[0] == 'a' ? 1 : 0));
+    }
     cleaner->clean("lasting", AN_HOUR);
     EXPECT_TRUE(recorder.waitForCount(4));
     EXPECT_FALSE(cleaner->waitAllTasks(A_WHILE));

@@ -168,8 +168,9 @@ TEST_F(TheEndOfACleaner, ComesWhenTheLastTopicIsDone) {
 
 TEST_F(TheEndOfACleaner, ComesWhenAllIsDone) {
     recorder.setHook([&](auto const& what) {
-        if (what == ALL)
+        if (what == ALL) {
             cleaner->terminate();
+        }
     });
     cleaner->clean("a", milliseconds(0));
     look();
@@ -190,8 +191,9 @@ TEST_F(TheEndOfACleaner, ComesByDestroyingItWhenATopicIsDone) {
 
 TEST_F(TheEndOfACleaner, ComesByDestroyingItWhenAllIsDone) {
     recorder.setHook([&](auto const& what) {
-        if (what == ALL)
+        if (what == ALL) {
             cleaner.reset();
+        }
     });
     cleaner->clean("a", milliseconds(0));
     Sleeper waiter([which = cleaner.get()] { EXPECT_TRUE(which->waitAllTasks(AN_HOUR)); });

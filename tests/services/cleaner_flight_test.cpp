@@ -102,7 +102,7 @@ TEST_F(CleanersInAFlood, AreUsedByManyThreadsAtOnce) {
     CleanerRecorder recorder;
     auto const cleaner = makeCleaner(&recorder);
     std::vector<std::thread> threads;
-    for (auto const* const topic : {"a/#", "a/x", "a/+", "b"})
+    for (auto const* const topic : {"a/#", "a/x", "a/+", "b"}) {
         threads.emplace_back([&, topic] {
             for (int round = 0; round < ROUNDS / 4; ++round) {
                 cleaner->clean(mqtt::Topic(std::to_string(round)) + topic, milliseconds(0));
@@ -110,18 +110,22 @@ TEST_F(CleanersInAFlood, AreUsedByManyThreadsAtOnce) {
                 cleaner->waitAllTasks(milliseconds(round % 3));
             }
         });
-    for (auto& thread : threads)
+    }
+    for (auto& thread : threads) {
         thread.join();
+    }
     EXPECT_TRUE(recorder.waitForCount(4));
     threads.clear();
-    for (int i = 0; i < 3; ++i)
+    for (int i = 0; i < 3; ++i) {
         threads.emplace_back([&] {
             cleaner->terminate();
             cleaner->clean("b", AN_HOUR);
             EXPECT_TRUE(cleaner->waitAllTasks(support::DEADLINE));
         });
-    for (auto& thread : threads)
+    }
+    for (auto& thread : threads) {
         thread.join();
+    }
 }
 
 } // namespace

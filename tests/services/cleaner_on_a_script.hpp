@@ -39,10 +39,12 @@ protected:
 
     Strings topics(Operation operation) const {
         Strings topics;
-        for (auto const& call : script->calls(operation))
+        for (auto const& call : script->calls(operation)) {
             // The client's own, to wake its worker.
-            if (call.topic.rfind("$zym/", 0) != 0)
+            if (call.topic.rfind("$zym/", 0) != 0) {
                 topics.push_back(call.topic);
+            }
+        }
         return topics;
     }
 

@@ -43,8 +43,9 @@ private:
     void tell(std::string const& what) {
         auto const hook = hook_;
         told_.change([&](auto& told) { told.push_back(what); });
-        if (hook)
+        if (hook) {
             hook(what);
+        }
     }
 
     support::Watched<Strings> told_;

@@ -125,8 +125,9 @@ TEST_F(ACleaningTask, EqualsTopicsOfItsText) {
     auto const one = task("a/#");
     EXPECT_TRUE(*one == mqtt::Topic("a/#"));
     EXPECT_TRUE(*one == mqtt::Topic("/a/#/"));
-    for (auto const* const other : {"a/+", "a/x", "a", ""})
+    for (auto const* const other : {"a/+", "a/x", "a", ""}) {
         EXPECT_FALSE(*one == mqtt::Topic(other));
+    }
     EXPECT_EQ(one->topic().text(), "a/#");
 }
 

@@ -69,8 +69,9 @@ TEST_F(ACleaner, ReportsATopicWithoutMessagesToo) {
 }
 
 TEST_F(ACleaner, EndsRequestsInTheOrderTheyWereMade) {
-    for (auto const* const topic : {"c", "a", "b"})
+    for (auto const* const topic : {"c", "a", "b"}) {
         cleaner->clean(topic, milliseconds(0));
+    }
     look();
     EXPECT_THAT(recorder.told(), ElementsAre("c", "a", "b", ALL));
     EXPECT_THAT(topics(Operation::UNSUBSCRIBE), ElementsAre("c", "a", "b"));
@@ -119,17 +120,20 @@ TEST_F(ACleaner, GivesEveryRequestANumber) {
     auto own = std::make_unique<Numbered>(nullptr, support::uniqueId(), "host", 1883);
     auto const& tags = own->tags;
     script = support::StandIn::last();
-    for (auto const* const topic : {"a", "b", "b", "c"})
+    for (auto const* const topic : {"a", "b", "b", "c"}) {
         own->clean(topic, AN_HOUR);
-    for (auto const* const topic : {"c", "b", "a"})
+    }
+    for (auto const* const topic : {"c", "b", "a"}) {
         deliver(topic, "x");
+    }
     EXPECT_THAT(tags.copy(), ElementsAre(3, 2, 1));
     cleaner = std::move(own);
 }
 
 TEST_F(ACleaner, ReportsATopicThatTheBrokerRefuses) {
-    for (auto const* const topic : {"", "a/#/b", "a+", "\xff"})
+    for (auto const* const topic : {"", "a/#/b", "a+", "\xff"}) {
         cleaner->clean(topic, milliseconds(0));
+    }
     cleaner->clean("#/a", AN_HOUR);
     look();
     EXPECT_THAT(recorder.told(), ElementsAre("", "a/#/b", "a+", "\xff"));
@@ -173,8 +177,9 @@ TEST_F(ACleaner, NeverMakesARunningRequestShorter) {
 }
 
 TEST_F(ACleaner, TakesAnotherTextForAnotherRequest) {
-    for (auto const* const topic : {"a/+", "a/#", "a/x", "/a/x/", "A/x"})
+    for (auto const* const topic : {"a/+", "a/#", "a/x", "/a/x/", "A/x"}) {
         cleaner->clean(topic, milliseconds(0));
+    }
     EXPECT_THAT(topics(Operation::SUBSCRIBE), ElementsAre("a/+", "a/#", "a/x", "A/x"));
 }
 
@@ -259,8 +264,9 @@ TEST_F(ACleaner, TellsThatAllIsDoneOncePerEmptying) {
     cleaner->terminate();
     replace(&recorder);
     cleaner->clean("c", milliseconds(0));
-    for (int i = 0; i < 3; ++i)
+    for (int i = 0; i < 3; ++i) {
         look();
+    }
     EXPECT_THAT(recorder.told(), ElementsAre("a", "c", ALL));
 }
 
@@ -279,15 +285,17 @@ TEST_F(ACleaner, SaysNothingAfterALateMessage) {
 
 TEST_F(ACleaner, HasNothingToWaitForWithoutARequest) {
     for (auto const timeout :
-         {milliseconds(0), milliseconds(-1), milliseconds::min(), milliseconds::max()})
+         {milliseconds(0), milliseconds(-1), milliseconds::min(), milliseconds::max()}) {
         EXPECT_TRUE(cleaner->waitAllTasks(timeout));
+    }
 }
 
 TEST_F(ACleaner, WaitsNoLongerThanItIsTold) {
     cleaner->clean("a", AN_HOUR);
     for (auto const timeout :
-         {milliseconds(0), milliseconds(1), milliseconds(-1), milliseconds::min()})
+         {milliseconds(0), milliseconds(1), milliseconds(-1), milliseconds::min()}) {
         EXPECT_FALSE(cleaner->waitAllTasks(timeout));
+    }
 }
 
 TEST_F(ACleaner, LetsAllWaitersGoWhenTheLastRequestHasEnded) {
@@ -324,8 +332,9 @@ TEST_F(ACleaner, TellsItsListenerBeforeThoseWhoWait) {
 
 TEST_F(ACleaner, MayBeAskedForMoreWhenATopicIsDone) {
     recorder.setHook([&](auto const& what) {
-        if (what == "a")
+        if (what == "a") {
             cleaner->clean("b", milliseconds(0));
+        }
     });
     cleaner->clean("a", milliseconds(0));
     look();
@@ -343,8 +352,9 @@ TEST_F(ACleaner, MayBeAskedForTheSameTopicWhenItIsDone) {
 
 TEST_F(ACleaner, MayBeAskedForMoreWhenAllIsDone) {
     recorder.setHook([&](auto const& what) {
-        if (what == ALL && recorder.told().size() == 2)
+        if (what == ALL && recorder.told().size() == 2) {
             cleaner->clean("b", milliseconds(0));
+        }
     });
     cleaner->clean("a", milliseconds(0));
     Sleeper waiter([&] { EXPECT_TRUE(cleaner->waitAllTasks(AN_HOUR)); });
@@ -360,8 +370,9 @@ TEST_F(ACleaner, MayBeAskedForMoreWhenAllIsDone) {
 
 TEST_F(ACleaner, EndsAllRequestsAlsoWhenItsListenerThrows) {
     recorder.setHook([](auto const&) { throw std::runtime_error("from a listener"); });
-    for (auto const* const topic : {"a", "b"})
+    for (auto const* const topic : {"a", "b"}) {
         cleaner->clean(topic, milliseconds(0));
+    }
     Sleeper waiter([&] { EXPECT_TRUE(cleaner->waitAllTasks(AN_HOUR)); });
     ASSERT_TRUE(waiter.fallsAsleep());
     look();
@@ -381,8 +392,9 @@ TEST_F(ACleaner, IsUsedByOthersWhileItsListenerIsCalled) {
     recorder.setHook([&](auto const& what) {
         std::thread([&] {
             EXPECT_FALSE(cleaner->waitAllTasks(milliseconds(0)));
-            if (what == "a")
+            if (what == "a") {
                 cleaner->clean("b", milliseconds(0));
+            }
         }).join();
     });
     cleaner->clean("a", milliseconds(0));

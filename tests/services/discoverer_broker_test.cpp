@@ -35,8 +35,9 @@ protected:
     std::size_t countInLog(std::string const& text) const {
         auto const log = broker.log();
         std::size_t count = 0;
-        for (auto at = log.find(text); at != std::string::npos; at = log.find(text, at + 1))
+        for (auto at = log.find(text); at != std::string::npos; at = log.find(text, at + 1)) {
             ++count;
+        }
         return count;
     }
 
@@ -76,8 +77,9 @@ TEST_F(Discovery, FindsTwoHundredEntities) {
     EXPECT_TRUE(discoverer.discoverSync(LONG_ENOUGH, true));
     auto const entities = discoverer.entities();
     ASSERT_THAT(entities, SizeIs(200));
-    for (std::size_t i = 0; i < ids.size(); ++i)
+    for (std::size_t i = 0; i < ids.size(); ++i) {
         EXPECT_EQ(textsOf(entities[i]), textsOf(ids[i]));
+    }
 }
 
 TEST_F(Discovery, SeesAChange) {
@@ -160,8 +162,9 @@ private:
             peer_.post("b/identification", i % 8 == 1 ? "nonsense" : identificationOf("b"), 0,
                        true);
             // No faster than the broker takes it: its memory is finite.
-            if (i % 16 == 0)
+            if (i % 16 == 0) {
                 peer_.publish("pace", "", 1);
+            }
         }
     }
 

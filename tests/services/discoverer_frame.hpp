@@ -31,8 +31,9 @@ inline std::string const UNKNOWN = "ffffffff-ffff-ffff-ffff-ffffffffffff";
 /// @param ids as they stand between the quotation marks
 inline std::string listOf(Strings const& ids) {
     std::string members;
-    for (auto const& id : ids)
+    for (auto const& id : ids) {
         members += (members.empty() ? "" : ", ") + (R"({"@id": ")" + id + "\"}");
+    }
     return "{\"members@count\": " + std::to_string(ids.size()) + ", \"members\": [" + members
            + "]}";
 }
@@ -41,9 +42,10 @@ inline std::string listOf(Strings const& ids) {
 inline std::string identificationOf(std::string const& name) {
     std::string members;
     for (auto const* const key : {"uuid", "manufacturer", "model", "serial", "physicalName", "name",
-                                  "interface", "version", "location", "contact"})
+                                  "interface", "version", "location", "contact"}) {
         members += (members.empty() ? "\"" : ", \"") + std::string(key) + "\": \"" + name + " "
                    + key + "\"";
+    }
     return "{" + members + "}";
 }
 
@@ -62,15 +64,17 @@ inline Strings const PLACEHOLDER{UNKNOWN, "", "", "", "", "", "", "", "", ""};
 
 inline Strings idsOf(std::vector<mqtt::Link> const& links) {
     Strings ids;
-    for (auto const& link : links)
+    for (auto const& link : links) {
         ids.push_back(link.id);
+    }
     return ids;
 }
 
 inline std::vector<Strings> textsOf(std::vector<conv::Identification> const& entities) {
     std::vector<Strings> texts;
-    for (auto const& entity : entities)
+    for (auto const& entity : entities) {
         texts.push_back(textsOf(entity));
+    }
     return texts;
 }
 
@@ -91,8 +95,9 @@ protected:
                 auto const found = all.find(call.topic);
                 return found == all.end() ? std::nullopt : std::optional(found->second);
             });
-            if (payload)
+            if (payload) {
                 script_->deliver(call.topic, *payload, 0, true);
+            }
             return std::optional<int>();
         });
     }
@@ -122,8 +127,9 @@ protected:
     }
     void listLate(Strings const& ids) {
         std::vector<mqtt::Link> links;
-        for (auto const& id : ids)
+        for (auto const& id : ids) {
             links.push_back({id});
+        }
         script_->runInLoop([&](auto&) { discoverer->onMqttData(links, false, 0); });
     }
 
@@ -138,10 +144,11 @@ protected:
     std::multiset<std::string> subscribed() const {
         std::multiset<std::string> topics;
         for (auto const& call : script_->calls()) {
-            if (call.operation == Operation::SUBSCRIBE)
+            if (call.operation == Operation::SUBSCRIBE) {
                 topics.insert(call.topic);
-            else if (call.operation == Operation::UNSUBSCRIBE)
+            } else if (call.operation == Operation::UNSUBSCRIBE) {
                 topics.erase(call.topic);
+            }
         }
         return topics;
     }

@@ -163,8 +163,9 @@ TEST_F(ADiscoverer, IsReadWhileItRuns) {
         retainEntity(ids.back());
     }
     retainLinks(ids);
-    for (int round = 0; round < 20; ++round)
+    for (int round = 0; round < 20; ++round) {
         EXPECT_TRUE(discoverer->discoverSync(LONG_ENOUGH, true));
+    }
     stop = true;
     reader.wait();
 }

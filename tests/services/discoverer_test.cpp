@@ -87,8 +87,9 @@ TEST_F(ADiscoverer, WaitsOnWhenTheListIsMalformed) {
     auto run = launch();
     ASSERT_TRUE(waitForSubscriptions(1));
     for (auto const* const payload :
-         {"nonsense", "{}", R"({"members@count": 1, "members": [{"@id": "x"}, {}]})"})
+         {"nonsense", "{}", R"({"members@count": 1, "members": [{"@id": "x"}, {}]})"}) {
         deliver(ENTITIES, payload);
+    }
     EXPECT_TRUE(isUnderWay(run));
     EXPECT_THAT(links(), IsEmpty());
     deliver(ENTITIES, listOf({}));
@@ -146,8 +147,9 @@ TEST_F(ADiscoverer, IgnoresAnswersOfWhomItNeverAsked) {
     auto run = launch();
     ASSERT_TRUE(waitForSubscriptions(2));
     letTheStepEnd();
-    for (int const position : {-1, 1, INT_MAX, INT_MIN})
+    for (int const position : {-1, 1, INT_MAX, INT_MIN}) {
         answerLate("nobody", position);
+    }
     EXPECT_TRUE(isUnderWay(run));
     answer("a");
     EXPECT_TRUE(run.get());
@@ -174,8 +176,9 @@ TEST_F(ADiscoverer, FindsTwoHundredEntities) {
     EXPECT_TRUE(discoverer->discoverSync(LONG_ENOUGH, true));
     EXPECT_EQ(links(), ids);
     ASSERT_THAT(entities(), SizeIs(200));
-    for (std::size_t i = 0; i < ids.size(); ++i)
+    for (std::size_t i = 0; i < ids.size(); ++i) {
         EXPECT_EQ(entities()[i], textsOf(ids[i]));
+    }
     letTheStepEnd();
     EXPECT_THAT(subscribed(), IsEmpty());
 }

@@ -91,8 +91,9 @@ int notedWait(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock
               timespec const* until) {
     auto const moment = std::chrono::seconds(until->tv_sec) + nanoseconds(until->tv_nsec);
     auto none = nanoseconds::zero();
-    if (sleeper.load() == std::this_thread::get_id())
+    if (sleeper.load() == std::this_thread::get_id()) {
         slept.compare_exchange_strong(none, moment - lastLook.time_since_epoch());
+    }
     return realWait(condition, mutex, clock, until);
 }
 

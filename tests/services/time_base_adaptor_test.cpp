@@ -54,9 +54,11 @@ protected:
     std::vector<std::string> replies() {
         receiveAll();
         std::vector<std::string> payloads;
-        for (auto const& message : seen())
-            if (message.topic == replyTopicFor(topicTo(server)))
+        for (auto const& message : seen()) {
+            if (message.topic == replyTopicFor(topicTo(server))) {
                 payloads.push_back(message.payload);
+            }
+        }
         return payloads;
     }
 
@@ -97,8 +99,9 @@ TEST_F(ATimeBaseAdaptor, DropsWhatItCannotReadAndAnswersTheNext) {
          {"", "null", "[]", "12.5", R"({"client": 12.5})", R"({"$reqId": 1})",
           R"({"$reqId": 1, "client": "12.5"})", R"({"$reqId": 1, "client": null})",
           R"({"$reqId": 1, "client": [12.5]})", R"({"$reqId": 1, "client": {}})",
-          R"({"$reqId": 1, "client": 12.5)", R"([{"$reqId": 1, "client": 12.5}])"})
+          R"({"$reqId": 1, "client": 12.5)", R"([{"$reqId": 1, "client": 12.5}])"}) {
         ask(payload);
+    }
     EXPECT_THAT(replies(), IsEmpty());
     ask(R"({"$reqId": 2, "client": 3})");
     EXPECT_THAT(
@@ -112,8 +115,9 @@ TEST_F(ATimeBaseAdaptor, LeavesTheRequestsToOthersAlone) {
     peer.publish(topicTo(stranger), R"({"$reqId": 7, "client": 12.5})");
     peer.publish("svc/timeSync?\?/" + caller.base64URL(), R"({"$reqId": 7, "client": 12.5})");
     receiveAll();
-    for (auto const& message : seen())
+    for (auto const& message : seen()) {
         EXPECT_EQ(message.topic.find("?="), std::string::npos) << message.topic;
+    }
 }
 
 TEST_F(ATimeBaseAdaptor, AnswersNothingAfterTermination) {

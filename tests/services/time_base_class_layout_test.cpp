@@ -19,8 +19,9 @@ std::vector<VirtualTable> tables(std::string const& className) {
 }
 
 std::vector<std::string> membersOf(std::string const& scope, std::vector<std::string> names) {
-    for (auto& name : names)
+    for (auto& name : names) {
         name.insert(0, scope + "::");
+    }
     return names;
 }
 
@@ -63,10 +64,11 @@ TEST(TheSlotsOfATimeBaseAdaptor, AreThoseOfItsInterfaceThroughThat) {
 }
 
 TEST(TheSlotsOfATimePayload, AreThoseOfEveryPayload) {
-    for (std::string const name : {"TimeSyncRequestData", "TimeSyncReplyData"})
+    for (std::string const name : {"TimeSyncRequestData", "TimeSyncReplyData"}) {
         EXPECT_THAT(tables("mqtt::" + name),
                     ElementsAre(ElementsAreArray(membersOf(
                         "mqtt::" + name, {"~" + name, "~" + name, "deserialize", "serialize"}))));
+    }
 }
 
 } // namespace

@@ -84,8 +84,9 @@ TEST_F(AnEstimateOfTheTime, GivesPeriodicSamplesEverLessWeightDownToHalfAPercent
         0.00581497370, 0.00523347633, 0.00471012870, 0.00471012870, 0.00471012870, 0.00471012870};
     synchronize(5.0);
     std::size_t n = SAMPLES;
-    for (double const weight : weights)
+    for (double const weight : weights) {
         EXPECT_NEAR(weightOfPeriodicSample(++n), weight, ROUNDING) << "in exchange " << n;
+    }
     EXPECT_EQ(requestCount(), n) << "and no exchange follows";
     EXPECT_EQ(listener.count(), 1);
 }

@@ -112,8 +112,9 @@ protected:
         EXPECT_TRUE(gate.stopsSomebody());
     }
     ~APeriodicReplyInFlight() override {
-        if (expiry.joinable())
+        if (expiry.joinable()) {
             letItGo();
+        }
     }
 
     void letItGo() {
@@ -160,8 +161,9 @@ TEST_F(AnExpiryAtAnyMoment, ChangesNothingAfterAStopAndHindersNoStart) {
         EXPECT_TRUE(listener.isTold(round)) << "in round " << round;
         auto const moment =
             std::chrono::steady_clock::now() + std::chrono::microseconds(10 * (round % 50));
-        while (std::chrono::steady_clock::now() < moment)
+        while (std::chrono::steady_clock::now() < moment) {
             std::this_thread::yield();
+        }
         proxy->stop();
         EXPECT_EQ(proxy->offset(), 0.0);
         EXPECT_FALSE(record(0).armed);

@@ -86,8 +86,9 @@ public:
         // Who waits for this call may destroy the listener as soon as it was counted.
         auto const hook = hook_;
         count_.change([](int& count) { ++count; });
-        if (*hook)
+        if (*hook) {
             (*hook)();
+        }
     }
 
 private:
@@ -114,8 +115,9 @@ public:
             state.visited = state.visited || std::this_thread::get_id() != state.owner;
             return first && state.visited;
         });
-        if (stopped)
+        if (stopped) {
             state_.waitFor([](State const& state) { return !state.closed; });
+        }
     }
 
 private:
@@ -153,9 +155,11 @@ protected:
 
     static Messages requestsIn(Messages const& messages) {
         Messages requests;
-        for (auto const& message : messages)
-            if (message.topic.find("?\?/") != std::string::npos)
+        for (auto const& message : messages) {
+            if (message.topic.find("?\?/") != std::string::npos) {
                 requests.push_back(message);
+            }
+        }
         return requests;
     }
 
@@ -182,8 +186,9 @@ protected:
 
     /// Answers this many, from the n-th on.
     void answerAll(std::size_t n, int count, double sample) {
-        for (int i = 0; i < count; ++i)
+        for (int i = 0; i < count; ++i) {
             answer(n++, sample);
+        }
     }
 
     /// From the first request of the proxy on.

@@ -66,9 +66,11 @@ protected:
 
     std::vector<support::Message> requestsTo(Uuid const& whom) {
         std::vector<support::Message> result;
-        for (auto const& request : requestsIn(peer.messages()))
-            if (request.topic.find(whom.base64URL()) != std::string::npos)
+        for (auto const& request : requestsIn(peer.messages())) {
+            if (request.topic.find(whom.base64URL()) != std::string::npos) {
                 result.push_back(request);
+            }
+        }
         return result;
     }
     support::Message requestTo(Uuid const& whom, std::size_t n) {
@@ -89,8 +91,9 @@ TEST_F(ALateExpiry, DoesNotKeepTheNextRunFromStarting) {
     letItGo();
     requestTo(server, 11);
     ASSERT_TRUE(proxy->startSync(other));
-    for (std::size_t n = 1; n <= SAMPLES; ++n)
+    for (std::size_t n = 1; n <= SAMPLES; ++n) {
         answerTo(other, n, 7.0);
+    }
     ASSERT_TRUE(listener.isTold(2));
     EXPECT_DOUBLE_EQ(proxy->offset(), 7.0);
 }
@@ -99,8 +102,9 @@ TEST_F(ALateExpiry, ChangesNothingBesideTheNextRun) {
     ASSERT_TRUE(proxy->startSync(other));
     requestTo(other, 1);
     letItGo();
-    for (std::size_t n = 1; n <= SAMPLES; ++n)
+    for (std::size_t n = 1; n <= SAMPLES; ++n) {
         answerTo(other, n, 7.0);
+    }
     ASSERT_TRUE(listener.isTold(2));
     EXPECT_DOUBLE_EQ(proxy->offset(), 7.0);
 }
@@ -116,8 +120,9 @@ TEST_F(ALateExpiry, DoesNotComeBetweenTwoSamplesOfTheNextRun) {
     ASSERT_TRUE(support::eventually([] { return exchanges == 1; }));
     ASSERT_TRUE(expiry->fallsAsleep());
     gate.open();
-    for (std::size_t n = 2; n <= SAMPLES; ++n)
+    for (std::size_t n = 2; n <= SAMPLES; ++n) {
         answerTo(other, n, 7.0);
+    }
     ASSERT_TRUE(listener.isTold(2));
     EXPECT_DOUBLE_EQ(proxy->offset(), 7.0);
 }

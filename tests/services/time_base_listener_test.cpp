@@ -33,8 +33,9 @@ protected:
         answerAll(1, SAMPLES, 5.0);
         ASSERT_TRUE(done.waitFor(isSet));
         receiveAll();
-        if (proxy)
+        if (proxy) {
             proxy->registerListener(&listener);
+        }
     }
 
     support::Watched<bool> done;

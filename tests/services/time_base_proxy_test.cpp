@@ -131,8 +131,9 @@ TEST_F(ATimeBaseProxyThatSamples, CannotBeStartedAgain) {
 TEST_F(ATimeBaseProxyThatSamples, MakesAFailedExchangeAgainWithoutLimit) {
     constexpr std::size_t FAILURES = 200;
     answer(1, 5.0);
-    for (std::size_t n = 2; n < 2 + FAILURES; ++n)
+    for (std::size_t n = 2; n < 2 + FAILURES; ++n) {
         reply(n, times(1.0, 2.0), n % 2 == 0 ? 3 : 17);
+    }
     answerAll(2 + FAILURES, SAMPLES - 1, 5.0);
     ASSERT_TRUE(listener.isTold());
     EXPECT_EQ(requestCount(), FAILURES + 10);
@@ -186,8 +187,9 @@ TEST_F(ATimeBaseProxyThatSamples, GoesOnWhenItsClockFailsInBetween) {
     for (int const reading : {1, 2}) {
         std::atomic<int> left{0};
         proxy = std::make_unique<ClockedProxy>(*mqtt, "svc", id, &listener, [&]() -> double {
-            if (left > 0 && --left == 0)
+            if (left > 0 && --left == 0) {
                 throw std::runtime_error("no clock");
+            }
             return now;
         });
         auto const first = requestCount() + 1;
@@ -229,8 +231,9 @@ TEST_F(ATimeBaseProxyThatSamples, KnowsTheTimeAlsoWithoutATimerForThePeriodicExc
 
 TEST_F(ATimeBaseProxyThatSamples, DropsWhatIsNoReplyAtAll) {
     auto const question = request(1);
-    for (std::string const text : {"null", "[]", "12", "{}", "{", "", "{\"$err\": 1}"})
+    for (std::string const text : {"null", "[]", "12", "{}", "{", "", "{\"$err\": 1}"}) {
         peer.publish(replyTopicFor(question.topic), text);
+    }
     receiveAll();
     EXPECT_EQ(requestCount(), 1U);
     EXPECT_EQ(proxy->offset(), 0.0);

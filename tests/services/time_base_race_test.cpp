@@ -22,8 +22,9 @@ constexpr int ROUNDS = 200 / support::SLOWNESS;
 /// Returns that much later, without having slept: sleeping is too coarse.
 void pass(microseconds time) {
     auto const moment = steady_clock::now() + time;
-    while (steady_clock::now() < moment)
+    while (steady_clock::now() < moment) {
         std::this_thread::yield();
+    }
 }
 
 /// From before the first request arrives to after the time is known.
@@ -121,8 +122,9 @@ TEST_F(TimeBasesInARace, MayLoseTheProxyWhileOthersWaitForTheTime) {
         auto proxy = makeProxy(nullptr);
         std::thread waiter([&proxy = *proxy, this] { proxy.synchronize(server, AN_HOUR); });
         // Who waits has to be inside before the end begins.
-        while (proxy->serverUuid() == Uuid::NIL)
+        while (proxy->serverUuid() == Uuid::NIL) {
             std::this_thread::yield();
+        }
         pass(momentOf(round));
         proxy.reset();
         waiter.join();
@@ -148,8 +150,9 @@ TEST_F(TimeBasesInARace, BearWhateverThreadsDoWithOneProxy) {
     std::vector<std::thread> threads;
     auto const again = [&](auto action) {
         threads.emplace_back([&end, action] {
-            while (!end)
+            while (!end) {
                 action();
+            }
         });
     };
     again([&] { proxy->startSync(server); });
@@ -165,8 +168,9 @@ TEST_F(TimeBasesInARace, BearWhateverThreadsDoWithOneProxy) {
         proxy->stop();
     }
     end = true;
-    for (auto& thread : threads)
+    for (auto& thread : threads) {
         thread.join();
+    }
     proxy->stop();
     int const before = listener.count();
     ASSERT_TRUE(proxy->startSync(server));

@@ -125,12 +125,14 @@ TEST_F(AWaitForTheTime, OnTheWorkerDoesNotWait) {
 
 TEST_F(AWaitForTheTime, LeavesAProxyAloneThatIsActive) {
     ASSERT_TRUE(proxy->startSync(server));
-    for (std::uint32_t const timeout : {0U, LONGEST, UINT32_MAX})
+    for (std::uint32_t const timeout : {0U, LONGEST, UINT32_MAX}) {
         EXPECT_FALSE(proxy->synchronize(support::uniqueId(), timeout));
+    }
     answerAll(1, SAMPLES, 5.0);
     ASSERT_TRUE(listener.isTold());
-    for (std::uint32_t const timeout : {0U, LONGEST, UINT32_MAX})
+    for (std::uint32_t const timeout : {0U, LONGEST, UINT32_MAX}) {
         EXPECT_FALSE(proxy->synchronize(server, timeout));
+    }
     EXPECT_TRUE(proxy->isSynchronized());
     EXPECT_EQ(proxy->serverUuid(), server);
     EXPECT_EQ(requestCount(), 10U);

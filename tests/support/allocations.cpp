@@ -9,18 +9,21 @@
 namespace {
 
 void* allocate(std::size_t size) {
-    if (support::countingAllocations && ++support::allocations == support::failingAllocation)
+    if (support::countingAllocations && ++support::allocations == support::failingAllocation) {
         support::interrupt();
+    }
     void* const result = std::malloc(size == 0 ? 1 : size);
-    if (result == nullptr)
+    if (result == nullptr) {
         throw std::bad_alloc();
+    }
     return result;
 }
 
 void* allocateUnlessRefused(std::size_t size) {
     if (support::countingAllocations && support::refusesMemory != nullptr
-        && support::refusesMemory())
+        && support::refusesMemory()) {
         throw std::bad_alloc();
+    }
     return allocate(size);
 }
 

@@ -51,8 +51,9 @@ public:
 };
 
 inline void interrupt() {
-    if (interruption == nullptr)
+    if (interruption == nullptr) {
         throw std::bad_alloc();
+    }
     UncountedAllocations const uncounted;
     (*interruption)();
 }

@@ -45,8 +45,9 @@ void call(std::function<void()> const& hook) {
         std::lock_guard<std::mutex> const lock(theMutex);
         copy = hook;
     }
-    if (copy)
+    if (copy) {
         copy();
+    }
 }
 
 } // namespace
@@ -60,8 +61,9 @@ Record record(std::size_t timer) {
 
 void reset() {
     std::lock_guard<std::mutex> const lock(theMutex);
-    for (auto const& timer : theTimers)
+    for (auto const& timer : theTimers) {
         *timer.record = Record();
+    }
     theRestartHook = nullptr;
     theStopHook = nullptr;
 }

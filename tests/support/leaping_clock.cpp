@@ -32,8 +32,9 @@ steady_clock::time_point leapingNow() {
 
 int leapingWait(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock,
                 timespec const* until) {
-    if (clock != CLOCK_MONOTONIC)
+    if (clock != CLOCK_MONOTONIC) {
         return realWait(condition, mutex, clock, until);
+    }
     auto const real = seconds(until->tv_sec) + nanoseconds(until->tv_nsec) - ahead.load();
     auto const whole = std::chrono::floor<seconds>(real);
     timespec moment{};

@@ -15,8 +15,9 @@ TcpPair::TcpPair() : near(::socket(AF_INET, SOCK_STREAM, 0)) {
     auto* const any = reinterpret_cast<sockaddr*>(&address);
     if (::bind(listener.get(), any, length) != 0 || ::listen(listener.get(), 1) != 0
         || ::getsockname(listener.get(), any, &length) != 0
-        || ::connect(near.get(), any, length) != 0)
+        || ::connect(near.get(), any, length) != 0) {
         throw std::runtime_error("no TCP connection over the loopback interface");
+    }
     far = FileDescriptor(::accept(listener.get(), nullptr, nullptr));
 }
 

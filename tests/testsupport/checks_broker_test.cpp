@@ -32,9 +32,10 @@ bool isTakenOnIpv6() {
 support::PortLease leaseOfThePort() {
     support::Watchdog::limit(std::chrono::minutes(30));
     support::PortLease lease(PORT);
-    if (isTakenOnIpv6())
+    if (isTakenOnIpv6()) {
         throw std::runtime_error("Port 1883 of ::1 is taken by another program. This test needs"
                                  " it free: stop the program, and try again.");
+    }
     return lease;
 }
 
@@ -58,9 +59,11 @@ protected:
 /// Whether the topic stands somewhere in the expected text, before its last line.
 bool isWithTopic(std::string const& text, std::string const& expected, std::string const& topic) {
     auto const lastLine = expected.rfind('\n', expected.size() - 2) + 1;
-    for (std::size_t at = 0; at <= lastLine; ++at)
-        if (text == std::string(expected).insert(at, topic))
+    for (std::size_t at = 0; at <= lastLine; ++at) {
+        if (text == std::string(expected).insert(at, topic)) {
             return true;
+        }
+    }
     return false;
 }
 

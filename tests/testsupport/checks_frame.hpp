@@ -26,8 +26,9 @@ inline std::string cleanSubject(std::string const& topic) {
 
 inline std::string linksText(std::vector<std::string> const& ids) {
     std::string members;
-    for (auto const& id : ids)
+    for (auto const& id : ids) {
         members += (members.empty() ? "" : ", ") + (R"({"@id": ")" + id + "\"}");
+    }
     return "{\"members@count\": " + std::to_string(ids.size()) + ", \"members\": [" + members
            + "]}";
 }

@@ -61,8 +61,9 @@ protected:
     static void deliverInPause(std::size_t n, std::string const& topic,
                                std::string const& payload) {
         hand_driven_pause::reset([=](std::size_t pause) {
-            if (pause != n)
+            if (pause != n) {
                 return;
+            }
             StandIn::last()->deliver(topic, payload, 0, true);
             StandIn::last()->runInLoop([](auto&) {});
         });
@@ -146,8 +147,9 @@ TEST_F(ACheckThatATopicIsClean, ListensBeforeItSaysSo) {
 }
 
 TEST_F(ACheckThatATopicIsClean, PassesForATopicThatCannotBeSubscribed) {
-    for (auto const* const topic : {"", "a/#/b"})
+    for (auto const* const topic : {"", "a/#/b"}) {
         EXPECT_TRUE(topicClean(topic).passed);
+    }
 }
 
 // Of a link

@@ -30,8 +30,9 @@ namespace zym::common::test {
 // In the program itself, this comes before that of the shared library.
 void sleep(unsigned milliseconds) {
     thePauses.push_back(milliseconds);
-    if (theHook)
+    if (theHook) {
         theHook(thePauses.size());
+    }
 }
 
 } // namespace zym::common::test

@@ -43,8 +43,9 @@ TEST_F(ACollectionToCheck, HasALinkOfTheVeryText) {
     publish({"other", "a/b"});
     EXPECT_TRUE(has("a/b"));
     EXPECT_TRUE(has("other"));
-    for (auto const* const text : {"", "a", "a/b/c", "a/", "A/b", "/a/b", "b", "a/b ", "oth"})
+    for (auto const* const text : {"", "a", "a/b/c", "a/", "A/b", "/a/b", "b", "a/b ", "oth"}) {
         EXPECT_FALSE(has(text)) << text;
+    }
     publish({"a/b/c"});
     EXPECT_FALSE(has("a/b")) << "no more";
     EXPECT_TRUE(has("a/b/c"));

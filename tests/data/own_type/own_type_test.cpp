@@ -73,8 +73,9 @@ TEST_F(AnApplicationsOwnType, DropsWhatItCannotRead) {
     // The broker knows of the subscription by then: it came before, on the same connection.
     sensor.publishWait();
     support::RawPeer peer(broker);
-    for (char const* const payload : {"{", "[]", R"({"value": 1})", R"({"value": "1"})"})
+    for (char const* const payload : {"{", "[]", R"({"value": 1})", R"({"value": "1"})"}) {
         peer.publish("house/cellar/reading", payload);
+    }
     sensor.value = {0, "K"};
     sensor.publishWait();
     EXPECT_THAT(display.lines(2), ElementsAre("7: 0.000000", "7: 0.000000K"));

@@ -30,8 +30,9 @@ void MqttData<Reading>::serialize(Topic const& /*topic*/, std::string& payload,
 template <>
 void MqttData<Reading>::deserialize(Topic const& /*topic*/, std::string const& payload, bool empty,
                                     Reading& reading) {
-    if (empty)
+    if (empty) {
         return;
+    }
     Deserializer const in(payload);
     Reading read;
     Deserializer::extractValue(in.getMember("value"), read.value, "");
