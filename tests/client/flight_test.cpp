@@ -5,7 +5,7 @@
 #include "support/broker.hpp"
 #include "support/raw_peer.hpp"
 #include "support/recorder.hpp"
-#include "support/sanitizers.hpp"
+#include "support/timeout_factor.hpp"
 #include "support/test_client.hpp"
 
 #include <gtest/gtest.h>
@@ -26,7 +26,7 @@ using Error = mqtt::MqttClient::Error;
 
 std::vector<std::string> const FLIGHTS{"flight/0", "flight/1", "flight/2", "flight/3"};
 
-constexpr int ROUNDS = 400 / support::SLOWNESS;
+constexpr int ROUNDS = 400 / support::TIMEOUT_FACTOR;
 
 /// What is left of a subscriber when it is gone.
 struct Trace {

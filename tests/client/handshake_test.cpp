@@ -95,7 +95,7 @@ TEST_F(AHandshake, TakesOneTcpConnectionAndOneConnectPacketAThousandTimesInARow)
 }
 
 TEST_F(AHandshake, IsTheCallersAloneWhileItWaitsForTcp) {
-    server.setMode(Mode::DEAF);
+    server.setMode(Mode::NOT_ACCEPTING);
     auto connecting =
         std::async(std::launch::async, [&] { return client.connect("", -1, PATIENCE); });
     ASSERT_TRUE(

@@ -178,7 +178,7 @@ TEST_F(TheEndOfAClient, ComesInTimeWhenABrokerGoneSilentStillStands) {
 }
 
 TEST_F(TheEndOfAClient, ComesInTimeDuringAReconnectionToASilentHost) {
-    server.setMode(ScriptedServer::Mode::DEAF);
+    server.setMode(ScriptedServer::Mode::NOT_ACCEPTING);
     server.drop();
     ASSERT_TRUE(support::eventually([&] { return isBeingConnectedTo(server.port()); }));
     EXPECT_LT(timeToDestroy(client), FAR_TOO_LONG);

@@ -4,7 +4,7 @@
 #include "client/subscription_index.hpp"
 
 #include "client/walked_registry.hpp"
-#include "support/sanitizers.hpp"
+#include "support/timeout_factor.hpp"
 
 #include <gtest/gtest.h>
 
@@ -182,7 +182,7 @@ private:
 INSTANTIATE_TEST_SUITE_P(Seeds, ARandomRegistry, testing::Range(1U, 9U));
 
 TEST_P(ARandomRegistry, IsSearchedAsIfItWereWalkedThrough) {
-    constexpr unsigned CHANGES = 200000 / (support::SLOWNESS * support::SLOWNESS);
+    constexpr unsigned CHANGES = 200000 / (support::TIMEOUT_FACTOR * support::TIMEOUT_FACTOR);
     constexpr unsigned TOPICS = 6;
     unsigned patternsFound = 0;
     for (unsigned i = 0; i < CHANGES && !HasFatalFailure(); ++i) {

@@ -44,15 +44,15 @@ TEST_F(AClientOnAScript, HasAWorkerWithAName) {
 }
 
 TEST(AClientThatCannotBeMade, EndsItsWorkerAndSaysWhy) {
-    StandIn::whenMade([](StandIn& script) {
+    StandIn::onConstruction([](StandIn& script) {
         script.setHook(Operation::CONNECT, [](auto const&) -> std::optional<int> {
             throw std::runtime_error("no connection today");
         });
     });
     EXPECT_THROW(mqtt::MqttClient(support::uniqueId(), false, "", "host", 1883, true),
                  std::runtime_error);
-    EXPECT_TRUE(StandIn::last()->gone());
-    StandIn::whenMade({});
+    EXPECT_TRUE(StandIn::last()->destroyed());
+    StandIn::onConstruction({});
 }
 
 } // namespace

@@ -3,7 +3,7 @@
 
 #include "client/flood.hpp"
 #include "support/broker.hpp"
-#include "support/sanitizers.hpp"
+#include "support/timeout_factor.hpp"
 #include "support/test_client.hpp"
 
 #include <mqtt/link.hpp>
@@ -26,7 +26,7 @@ using Collection = mqtt::MqttDataCollection<Link>;
 using Error = mqtt::MqttClient::Error;
 using Links = std::vector<Link>;
 
-constexpr int ROUNDS = 200 / support::SLOWNESS;
+constexpr int ROUNDS = 200 / support::TIMEOUT_FACTOR;
 
 /// Links on "link", collections on "links", now and then nonsense and nothing.
 std::vector<Flood::Post> linksAndLists() {

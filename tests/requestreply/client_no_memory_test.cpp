@@ -35,7 +35,7 @@ TEST_F(ARequestWithoutMemory, IsNotMadeAtAll) {
         ASSERT_EQ(client.request(&ends, id, id, data, data, nullptr, AN_HOUR), Code::PENDING);
         ++made;
     };
-    auto const failures = support::failEverywhere(request, [&](unsigned which) {
+    auto const failures = support::failEachAllocation(request, [&](unsigned which) {
         EXPECT_EQ(client.cancel(), Code::SUCCESS);
         EXPECT_EQ(ends.count, 0U) << "allocation " << which;
         EXPECT_EQ(script->count(Operation::PUBLISH), 0U) << "allocation " << which;

@@ -3,8 +3,8 @@
 
 #include "requestreply/client_frame.hpp"
 #include "requestreply/sleeper.hpp"
-#include "support/flag.hpp"
-#include "support/sanitizers.hpp"
+#include "support/watched.hpp"
+#include "support/timeout_factor.hpp"
 #include "support/watchdog.hpp"
 
 #include <array>
@@ -22,7 +22,7 @@ using testing::SizeIs;
 constexpr auto WITHOUT_LIMIT = UINT32_MAX;
 /// Enough of those who wait that the last of them is late.
 constexpr std::size_t CROWD = 12;
-constexpr int ROUNDS = 200 / support::SLOWNESS;
+constexpr int ROUNDS = 200 / support::TIMEOUT_FACTOR;
 
 /// Answers with the number that it was sent.
 class Echo : public mqtt::RequestReplyServer::Listener {

@@ -1,7 +1,7 @@
 #include "requestreply/client_frame.hpp"
 
 #include "requestreply/malformed.hpp"
-#include "support/flag.hpp"
+#include "support/watched.hpp"
 #include "support/scripted_server.hpp"
 
 #include <chrono>

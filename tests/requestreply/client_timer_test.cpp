@@ -2,8 +2,8 @@
 
 #include "requestreply/client_frame.hpp"
 #include "requestreply/sleeper.hpp"
-#include "support/hand_driven_timer.hpp"
-#include "support/leaping_clock.hpp"
+#include "support/manual_timer.hpp"
+#include "support/adjustable_clock.hpp"
 #include "support/temp_dir.hpp"
 
 #include <array>
@@ -25,30 +25,30 @@ constexpr auto WITHOUT_LIMIT = UINT32_MAX;
 
 class AClientWithATimerInOurHand : public ClientOnABroker {
 protected:
-    AClientWithATimerInOurHand() { hand_driven_timer::reset(); }
-    ~AClientWithATimerInOurHand() override { hand_driven_timer::reset(); }
+    AClientWithATimerInOurHand() { manual_timer::reset(); }
+    ~AClientWithATimerInOurHand() override { manual_timer::reset(); }
 };
 
 TEST_F(AClientWithATimerInOurHand, ArmsItForTheTimeOutInMilliseconds) {
     for (std::uint32_t const timeout : {0U, 1U, 3600U, WITHOUT_LIMIT - 1}) {
         ASSERT_EQ(request(timeout), Code::PENDING);
-        auto const record = hand_driven_timer::record();
+        auto const record = manual_timer::record();
         EXPECT_TRUE(record.armed);
         EXPECT_FALSE(record.once);
         EXPECT_EQ(record.period, seconds(timeout));
         client->cancel();
-        EXPECT_FALSE(hand_driven_timer::record().armed);
+        EXPECT_FALSE(manual_timer::record().armed);
     }
 }
 
 TEST_F(AClientWithATimerInOurHand, ArmsNothingWithoutLimit) {
     ASSERT_EQ(request(WITHOUT_LIMIT), Code::PENDING);
-    EXPECT_EQ(hand_driven_timer::record().restarts, 0);
+    EXPECT_EQ(manual_timer::record().restarts, 0);
 }
 
 TEST_F(AClientWithATimerInOurHand, ArmsNothingWhenItWaitsItself) {
     EXPECT_EQ(requestWait(1), Code::TIMEOUT);
-    EXPECT_EQ(hand_driven_timer::record().restarts, 0);
+    EXPECT_EQ(manual_timer::record().restarts, 0);
     EXPECT_THAT(seen(), SizeIs(1)) << "only the request, and no time-out reply";
 }
 
@@ -57,15 +57,15 @@ TEST_F(AClientWithATimerInOurHand, ArmsNothingForWhatItRefuses) {
     EXPECT_EQ(request(1), Code::BUSY);
     client->terminate();
     EXPECT_EQ(request(1), Code::CANCELLED);
-    EXPECT_EQ(hand_driven_timer::record().restarts, 0);
-    EXPECT_EQ(hand_driven_timer::record().terminations, 1);
+    EXPECT_EQ(manual_timer::record().restarts, 0);
+    EXPECT_EQ(manual_timer::record().terminations, 1);
 }
 
 TEST_F(AClientWithATimerInOurHand, StopsItWithTheReply) {
     ASSERT_EQ(request(), Code::PENDING);
     reply(replyText(requestId, 1));
     ASSERT_TRUE(recorder.waitForCount(1));
-    EXPECT_FALSE(hand_driven_timer::record().armed);
+    EXPECT_FALSE(manual_timer::record().armed);
 }
 
 TEST_F(AClientWithATimerInOurHand, PublishesNoTimeOutReplyOfTheNextRequest) {
@@ -74,7 +74,7 @@ TEST_F(AClientWithATimerInOurHand, PublishesNoTimeOutReplyOfTheNextRequest) {
     for (std::uint32_t const timeout : {AN_HOUR, WITHOUT_LIMIT}) {
         ASSERT_EQ(request(timeout), Code::PENDING);
         // Of the first request: the timer's thread was slow.
-        hand_driven_timer::expire();
+        manual_timer::expire();
         receiveAll();
         EXPECT_EQ(request(), Code::BUSY);
         client->cancel();
@@ -89,7 +89,7 @@ TEST_F(AClientWithATimerInOurHand, IgnoresTheLateTimeOutReplyOfAnEarlierRequest)
     ASSERT_EQ(request(0), Code::PENDING);
     auto const first = requestId;
     client->cancel();
-    hand_driven_timer::expire();
+    manual_timer::expire();
     ASSERT_EQ(request(), Code::PENDING);
     reply(replyText(first, 3));
     receiveAll();
@@ -103,7 +103,7 @@ TEST_F(AClientWithATimerInOurHand, QueuesOneTimeOutReplyWithoutAConnection) {
     ASSERT_EQ(mqtt->disconnect(30), mqtt::MqttClient::Error::SUCCESS);
     ASSERT_EQ(request(0), Code::PENDING);
     for (int expiry = 0; expiry < 5; ++expiry) {
-        hand_driven_timer::expire();
+        manual_timer::expire();
     }
     EXPECT_THAT(recorder.calls(), IsEmpty());
     ASSERT_EQ(mqtt->connect("", -1, 30), mqtt::MqttClient::Error::SUCCESS);
@@ -124,7 +124,7 @@ protected:
         client.reset();
         mqtt = support::testClient(*denying);
         client = makeClient();
-        hand_driven_timer::reset();
+        manual_timer::reset();
     }
     ~ADeniedRequest() override {
         client.reset();
@@ -137,30 +137,30 @@ protected:
 
 TEST_F(ADeniedRequest, EndsAfterTwoTimeOutRepliesInVain) {
     ASSERT_EQ(request(0), Code::PENDING);
-    hand_driven_timer::expire();
-    EXPECT_EQ(hand_driven_timer::record().period, seconds(1));
-    EXPECT_TRUE(hand_driven_timer::record().armed);
-    hand_driven_timer::expire();
+    manual_timer::expire();
+    EXPECT_EQ(manual_timer::record().period, seconds(1));
+    EXPECT_TRUE(manual_timer::record().armed);
+    manual_timer::expire();
     EXPECT_EQ(requestWait(), Code::BUSY) << "the second one is still to come back";
-    hand_driven_timer::expire();
-    hand_driven_timer::expire();
+    manual_timer::expire();
+    manual_timer::expire();
     ASSERT_THAT(recorder.calls(), SizeIs(1));
     EXPECT_EQ(recorder.calls()[0].error, Code::TIMEOUT);
     EXPECT_EQ(recorder.calls()[0].data, replyData.get());
     EXPECT_EQ(recorder.calls()[0].thread, std::this_thread::get_id());
-    EXPECT_FALSE(hand_driven_timer::record().armed);
+    EXPECT_FALSE(manual_timer::record().armed);
     EXPECT_EQ(request(), Code::PENDING);
 }
 
 TEST_F(ADeniedRequest, StaysPendingWhileThereIsNoConnection) {
     ASSERT_EQ(request(0), Code::PENDING);
-    hand_driven_timer::expire();
-    hand_driven_timer::expire();
+    manual_timer::expire();
+    manual_timer::expire();
     ASSERT_EQ(mqtt->disconnect(30), mqtt::MqttClient::Error::SUCCESS);
-    hand_driven_timer::expire();
+    manual_timer::expire();
     EXPECT_THAT(recorder.calls(), IsEmpty());
     ASSERT_EQ(mqtt->connect("", -1, 30), mqtt::MqttClient::Error::SUCCESS);
-    hand_driven_timer::expire();
+    manual_timer::expire();
     EXPECT_THAT(recorder.errors(), ElementsAre(Code::TIMEOUT));
 }
 
@@ -173,7 +173,7 @@ TEST_F(AClientWithATimerInOurHand, EndsARequestToATopicThatCannotBeWhenItsTimeIs
         ReplyRecorder ending;
         ASSERT_EQ(client->request(&ending, id, Uuid::NIL, nullptr, nullptr, nullptr, 0),
                   Code::PENDING);
-        hand_driven_timer::expire();
+        manual_timer::expire();
         EXPECT_THAT(ending.errors(), ElementsAre(Code::TIMEOUT)) << connected;
         client.reset();
     }
@@ -186,9 +186,9 @@ constexpr unsigned PATIENCE_OF_THE_WAITER = 25; // seconds
 /// Lets the deadline of the one who waits pass within the end of a request, of which nobody can
 /// know before.
 void endTheRequestUntilTheWaiterIsLate() {
-    hand_driven_timer::onStop([] {
-        leaping_clock::leap(seconds(PATIENCE_OF_THE_WAITER));
-        hand_driven_timer::onStop(nullptr);
+    manual_timer::onStop([] {
+        adjustable_clock::advance(seconds(PATIENCE_OF_THE_WAITER));
+        manual_timer::onStop(nullptr);
     });
 }
 

@@ -3,8 +3,8 @@
 #include "sample_data.hpp"
 #include "server_session.hpp"
 
-#include "support/flag.hpp"
-#include "support/sanitizers.hpp"
+#include "support/watched.hpp"
+#include "support/timeout_factor.hpp"
 
 #include <gmock/gmock.h>
 
@@ -105,7 +105,7 @@ TEST_F(TheEndOfAServer, MayTakeItsListenerAlong) {
 }
 
 TEST_F(TheEndOfAServer, LetsTheListenerGoAtOnce) {
-    for (int i = 0; i < 40 / support::SLOWNESS; ++i) {
+    for (int i = 0; i < 40 / support::TIMEOUT_FACTOR; ++i) {
         auto own = std::make_unique<ServerListener>();
         Watched<bool> entered;
         own->setAnswer([&](auto const&, auto&) {

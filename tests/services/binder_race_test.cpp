@@ -3,8 +3,8 @@
 
 #include "services/binder_frame.hpp"
 
-#include "support/flag.hpp"
-#include "support/sanitizers.hpp"
+#include "support/watched.hpp"
+#include "support/timeout_factor.hpp"
 #include "support/watchdog.hpp"
 
 #include <atomic>
@@ -16,7 +16,7 @@ using testing::AnyOf;
 
 using Error = BinderError;
 
-constexpr int ROUNDS = 200 / support::SLOWNESS;
+constexpr int ROUNDS = 200 / support::TIMEOUT_FACTOR;
 
 class TheEndOfAProxy : public WithAServer {
 protected:
@@ -25,7 +25,7 @@ protected:
     /// From before the request arrives to after the binding is there.
     static void spend(int round) {
         auto const moment = std::chrono::steady_clock::now()
-                            + std::chrono::microseconds(40 * (round * support::SLOWNESS % 150));
+                            + std::chrono::microseconds(40 * (round * support::TIMEOUT_FACTOR % 150));
         while (std::chrono::steady_clock::now() < moment) {
             std::this_thread::yield();
         }

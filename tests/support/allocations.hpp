@@ -80,7 +80,7 @@ private:
 /// Calls the action with its first allocation failing, then with its second one, and so on, until
 /// none is left to fail. @return how often it failed
 template <class Action, class Check>
-unsigned failEverywhere(Action const& action, Check const& check) {
+unsigned failEachAllocation(Action const& action, Check const& check) {
     for (unsigned which = 1;; ++which) {
         try {
             FailingAllocation const failing(which);

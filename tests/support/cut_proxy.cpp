@@ -59,19 +59,19 @@ CutProxy::~CutProxy() {
     thread_.join();
 }
 
-void CutProxy::cutCurrentAfter(Way way, std::size_t bytes) {
+void CutProxy::cutCurrentAfter(Direction direction, std::size_t bytes) {
     {
         std::lock_guard<std::mutex> lock(mutex_);
         if (!connections_.empty()) {
-            connections_.back()->cut = Cut{way, bytes};
+            connections_.back()->cut = Cut{direction, bytes};
         }
     }
     wake();
 }
 
-void CutProxy::cutNextAfter(Way way, std::size_t bytes) {
+void CutProxy::cutNextAfter(Direction direction, std::size_t bytes) {
     std::lock_guard<std::mutex> lock(mutex_);
-    orders_.push_back({way, bytes});
+    orders_.push_back({direction, bytes});
 }
 
 void CutProxy::cutNow() {
@@ -106,9 +106,10 @@ int CutProxy::cuts() const {
     return seen_.read([](Seen const& seen) { return seen.cuts; });
 }
 
-std::size_t CutProxy::bytes(Way way) const {
-    return seen_.read(
-        [&](Seen const& seen) { return way == Way::TO_SERVER ? seen.toServer : seen.toClient; });
+std::size_t CutProxy::bytes(Direction direction) const {
+    return seen_.read([&](Seen const& seen) {
+        return direction == Direction::TO_SERVER ? seen.toServer : seen.toClient;
+    });
 }
 
 bool CutProxy::waitForConnections(int count, std::chrono::milliseconds deadline) const {
@@ -119,9 +120,10 @@ bool CutProxy::waitForCuts(int count, std::chrono::milliseconds deadline) const 
     return seen_.waitFor([&](Seen const& seen) { return seen.cuts >= count; }, deadline);
 }
 
-bool CutProxy::waitForBytes(Way way, std::size_t count, std::chrono::milliseconds deadline) const {
+bool CutProxy::waitForBytes(Direction direction, std::size_t count,
+                            std::chrono::milliseconds deadline) const {
     auto const enough = [&](Seen const& seen) {
-        return (way == Way::TO_SERVER ? seen.toServer : seen.toClient) >= count;
+        return (direction == Direction::TO_SERVER ? seen.toServer : seen.toClient) >= count;
     };
     return seen_.waitFor(enough, deadline);
 }
@@ -189,22 +191,22 @@ void CutProxy::acceptAll() {
 
 void CutProxy::forward(Connection& connection) {
     cutIfDue(connection);
-    forward(connection, Way::TO_SERVER);
-    forward(connection, Way::TO_CLIENT);
+    forward(connection, Direction::TO_SERVER);
+    forward(connection, Direction::TO_CLIENT);
 }
 
-void CutProxy::forward(Connection& connection, Way way) {
-    bool const up = way == Way::TO_SERVER;
+void CutProxy::forward(Connection& connection, Direction direction) {
+    bool const up = direction == Direction::TO_SERVER;
     FileDescriptor& from = up ? connection.client : connection.server;
     FileDescriptor& to = up ? connection.server : connection.client;
     if (!from.valid()) {
         return;
     }
-    bool const limited = connection.cut && connection.cut->way == way;
+    bool const limited = connection.cut && connection.cut->direction == direction;
     Step const step = move(from, to, limited ? connection.cut->bytes : SIZE_MAX);
     (up ? connection.blockedToServer : connection.blockedToClient) =
         step.outcome == Outcome::NO_ROOM;
-    count(way, step.bytes);
+    count(direction, step.bytes);
     if (limited) {
         connection.cut->bytes -= step.bytes;
         cutIfDue(connection);
@@ -230,10 +232,11 @@ void CutProxy::cutIfDue(Connection& connection) {
     connection.server.reset();
 }
 
-void CutProxy::count(Way way, std::size_t bytes) {
+void CutProxy::count(Direction direction, std::size_t bytes) {
     if (bytes > 0) {
-        seen_.change(
-            [&](Seen& seen) { (way == Way::TO_SERVER ? seen.toServer : seen.toClient) += bytes; });
+        seen_.change([&](Seen& seen) {
+            (direction == Direction::TO_SERVER ? seen.toServer : seen.toClient) += bytes;
+        });
     }
 }
 

@@ -23,7 +23,7 @@ namespace support {
 /// reach the one they are for, and not one more.
 class CutProxy {
 public:
-    enum class Way { TO_SERVER, TO_CLIENT };
+    enum class Direction { TO_SERVER, TO_CLIENT };
 
     explicit CutProxy(int serverPort);
     ~CutProxy();
@@ -33,12 +33,12 @@ public:
     std::string host() const { return "127.0.0.1"; }
     int port() const noexcept { return lease_.port(); }
 
-    /// Cuts the latest connection once that many more bytes have gone this way. Nothing when
-    /// there is no connection.
-    void cutCurrentAfter(Way way, std::size_t bytes);
+    /// Cuts the latest connection once that many more bytes were forwarded in this direction.
+    /// Nothing when there is no connection.
+    void cutCurrentAfter(Direction direction, std::size_t bytes);
     /// Cuts a connection to come after that many bytes. Each connection takes one such order,
     /// in the order they were given.
-    void cutNextAfter(Way way, std::size_t bytes);
+    void cutNextAfter(Direction direction, std::size_t bytes);
     /// Resets all connections, both ends of them.
     void cutNow();
     /// Forwards nothing any more, also on connections to come, until `thaw`.
@@ -49,16 +49,16 @@ public:
     int connections() const;
     /// Connections cut so far.
     int cuts() const;
-    /// Bytes forwarded this way so far, over all connections.
-    std::size_t bytes(Way way) const;
+    /// Bytes forwarded in this direction so far, over all connections.
+    std::size_t bytes(Direction direction) const;
     bool waitForConnections(int count, std::chrono::milliseconds deadline = DEADLINE) const;
     bool waitForCuts(int count, std::chrono::milliseconds deadline = DEADLINE) const;
-    bool waitForBytes(Way way, std::size_t count,
+    bool waitForBytes(Direction direction, std::size_t count,
                       std::chrono::milliseconds deadline = DEADLINE) const;
 
 private:
     struct Cut {
-        Way way;
+        Direction direction;
         std::size_t bytes;
     };
     struct Connection {
@@ -80,9 +80,9 @@ private:
     void waitForNews();
     void acceptAll();
     void forward(Connection& connection);
-    void forward(Connection& connection, Way way);
+    void forward(Connection& connection, Direction direction);
     void cutIfDue(Connection& connection);
-    void count(Way way, std::size_t bytes);
+    void count(Direction direction, std::size_t bytes);
 
     PortLease lease_;
     int const serverPort_;

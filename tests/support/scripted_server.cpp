@@ -44,9 +44,9 @@ std::string answerTo(MqttPacket const& packet) {
 
 ScriptedServer::ScriptedServer(Mode mode)
     : mode_(mode),
-      listener_(listenOn(lease_.port(), mode == Mode::DEAF ? 0 : BACKLOG)),
+      listener_(listenOn(lease_.port(), mode == Mode::NOT_ACCEPTING ? 0 : BACKLOG)),
       wakeUp_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-    if (mode == Mode::DEAF) {
+    if (mode == Mode::NOT_ACCEPTING) {
         fillBacklog();
     }
     thread_ = std::thread([this] { serve(); });
@@ -61,9 +61,9 @@ ScriptedServer::~ScriptedServer() {
 void ScriptedServer::setMode(Mode mode) {
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        if (mode == Mode::DEAF && mode_ != Mode::DEAF) {
+        if (mode == Mode::NOT_ACCEPTING && mode_ != Mode::NOT_ACCEPTING) {
             fillBacklog();
-        } else if (mode != Mode::DEAF && mode_ == Mode::DEAF) {
+        } else if (mode != Mode::NOT_ACCEPTING && mode_ == Mode::NOT_ACCEPTING) {
             ::listen(listener_.get(), BACKLOG);
         }
         mode_ = mode;
@@ -219,7 +219,7 @@ void ScriptedServer::waitForNews() {
     std::vector<pollfd> sockets{{wakeUp_.get(), POLLIN, 0}};
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        if (mode_ != Mode::DEAF) {
+        if (mode_ != Mode::NOT_ACCEPTING) {
             sockets.push_back({listener_.get(), POLLIN, 0});
         }
         for (auto const& connection : connections_) {
@@ -232,7 +232,7 @@ void ScriptedServer::waitForNews() {
 }
 
 void ScriptedServer::acceptAll() {
-    while (mode_ != Mode::DEAF) {
+    while (mode_ != Mode::NOT_ACCEPTING) {
         FileDescriptor socket = acceptFrom(listener_);
         if (!socket.valid()) {
             return;

@@ -26,10 +26,10 @@ class ScriptedServer {
 public:
     /// What it does with connections from now on.
     enum class Mode {
-        BROKER, ///< consents and acknowledges
-        SILENT, ///< accepts TCP connections, reads, never answers
-        REFUSE, ///< answers CONNECT with a code that is not 0, and closes
-        DEAF    ///< accepts nothing, and the kernel's queue is full: connecting blocks
+        BROKER,       ///< consents and acknowledges
+        SILENT,       ///< accepts TCP connections, reads, never answers
+        REFUSE,       ///< answers CONNECT with a code that is not 0, and closes
+        NOT_ACCEPTING ///< accepts nothing, and the kernel's queue is full: connecting blocks
     };
 
     /// What happens to the packet that a hook was shown.
@@ -56,7 +56,7 @@ public:
     int port() const noexcept { return lease_.port(); }
 
     // The script; may change at any time.
-    /// Connections that wait since DEAF are accepted when that ends.
+    /// Connections that wait since NOT_ACCEPTING are accepted when that ends.
     void setMode(Mode mode);
     /// Mode REFUSE with this code of CONNACK.
     void refuseWith(int code);

@@ -137,4 +137,15 @@ bool sendAll(FileDescriptor const& socket, std::string const& bytes) {
     return true;
 }
 
+TcpPair::TcpPair() {
+    FileDescriptor const listener = listenOn(0, 1);
+    near = connectTo(localPort(listener));
+    pollfd incoming{listener.get(), POLLIN, 0};
+    poll(&incoming, 1, -1);
+    far = FileDescriptor(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    if (!near.valid() || !far.valid()) {
+        throw std::system_error(errno, std::generic_category(), "TCP connection over loopback");
+    }
+}
+
 } // namespace support

@@ -33,4 +33,13 @@ int waitingConnections(FileDescriptor const& listener);
 /// Writes everything, waiting for room. @return false when the connection is gone
 bool sendAll(FileDescriptor const& socket, std::string const& bytes);
 
+/// Both ends of one TCP connection.
+/// @throws std::system_error
+struct TcpPair {
+    TcpPair();
+
+    FileDescriptor near;
+    FileDescriptor far;
+};
+
 } // namespace support

@@ -1,8 +1,8 @@
 #include "support/watchdog.hpp"
 
 #include "support/last_words.hpp"
-#include "support/sanitizers.hpp"
 #include "support/stack_dump.hpp"
+#include "support/timeout_factor.hpp"
 
 #include <gtest/gtest.h>
 
@@ -36,12 +36,12 @@ Watchdog* Watchdog::instance_ = nullptr;
 
 std::chrono::seconds Watchdog::defaultLimit() {
     char const* const text = std::getenv("ZYM_TEST_LIMIT");
-    return std::chrono::seconds(text ? std::atoi(text) : 60) * SLOWNESS;
+    return std::chrono::seconds(text ? std::atoi(text) : 60) * TIMEOUT_FACTOR;
 }
 
 void Watchdog::limit(std::chrono::seconds limit) {
     if (instance_ && defaultLimit().count() != 0) {
-        instance_->extend(limit * SLOWNESS);
+        instance_->extend(limit * TIMEOUT_FACTOR);
     }
 }
 

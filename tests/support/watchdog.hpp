@@ -14,9 +14,9 @@ namespace support {
 class Watchdog {
 public:
     /// 60 s, or the environment's ZYM_TEST_LIMIT in seconds (0: no limit, for a debugger);
-    /// times `SLOWNESS`.
+    /// times `TIMEOUT_FACTOR`.
     static std::chrono::seconds defaultLimit();
-    /// Gives the running test case this long, times `SLOWNESS`, from now on.
+    /// Gives the running test case this long, times `TIMEOUT_FACTOR`, from now on.
     static void limit(std::chrono::seconds limit);
 
     /// Starts to watch the test cases of this process.

@@ -56,4 +56,14 @@ private:
     T value_{};
 };
 
+// A flag that is set once and waited for: `flag.waitFor(isSet)`.
+
+inline bool isSet(bool value) {
+    return value;
+}
+
+inline void set(Watched<bool>& flag) {
+    flag.change([](bool& value) { value = true; });
+}
+
 } // namespace support

@@ -47,7 +47,7 @@ protected:
     ACheck() { hand_driven_pause::reset(); }
     ~ACheck() override {
         hand_driven_pause::reset();
-        StandIn::whenMade({});
+        StandIn::onConstruction({});
     }
 
     Checked topicClean(std::string const& topic = "a/b") {
@@ -80,7 +80,7 @@ void expectTheClientOfAllChecks(StandIn const& script, std::string const& topic)
     EXPECT_EQ(script.calls(Operation::CONNECT)[0].qos, 1883);
     ASSERT_THAT(script.calls(Operation::SUBSCRIBE), SizeIs(1));
     EXPECT_EQ(script.calls(Operation::SUBSCRIBE)[0].topic, topic);
-    EXPECT_TRUE(script.gone());
+    EXPECT_TRUE(script.destroyed());
 }
 
 // Of a topic
@@ -108,7 +108,7 @@ TEST_F(ACheckThatATopicIsClean, PrintsTheTopicAndFailsWhenAMessageArrives) {
                   startOf(cleanSubject("a/b")) + "a/b" + failureOf(cleanSubject("a/b")));
         EXPECT_EQ(counter, (TestCounter{11, 20, 31}));
         EXPECT_THAT(hand_driven_pause::pauses(), SizeIs(pause));
-        EXPECT_TRUE(StandIn::last()->gone());
+        EXPECT_TRUE(StandIn::last()->destroyed());
     }
 }
 
@@ -136,7 +136,7 @@ TEST_F(ACheckThatATopicIsClean, FailsForAnEmptyMessageToo) {
 TEST_F(ACheckThatATopicIsClean, ListensBeforeItSaysSo) {
     std::string before = "nothing";
     Output output;
-    StandIn::whenMade([&](StandIn& script) {
+    StandIn::onConstruction([&](StandIn& script) {
         script.setHook(Operation::SUBSCRIBE, [&](auto const&) {
             before = output.text();
             return std::optional<int>();
@@ -180,7 +180,7 @@ TEST_F(ACheckThatALinkIsThere, FailsAfterThirtyPauses) {
     EXPECT_EQ(counter, (TestCounter{11, 20, 31}));
     EXPECT_THAT(hand_driven_pause::pauses(), SizeIs(30));
     EXPECT_THAT(hand_driven_pause::pauses(), Each(100));
-    EXPECT_TRUE(StandIn::last()->gone());
+    EXPECT_TRUE(StandIn::last()->destroyed());
 }
 
 TEST_F(ACheckThatALinkIsThere, HasASubjectOfAnyText) {
@@ -258,7 +258,7 @@ protected:
 };
 
 TEST_P(AMishap, WhileTheClientIsMadeComesBeforeTheStart) {
-    StandIn::whenMade([](auto&) { GetParam().happen(); });
+    StandIn::onConstruction([](auto&) { GetParam().happen(); });
     auto const topic = topicClean();
     expectFailed(topic);
     EXPECT_EQ(topic.text, endOf(cleanSubject("a/b")));
@@ -270,7 +270,7 @@ TEST_P(AMishap, WhileTheClientIsMadeComesBeforeTheStart) {
 }
 
 TEST_P(AMishap, WhileSubscribingComesBeforeTheStart) {
-    StandIn::whenMade([](StandIn& script) {
+    StandIn::onConstruction([](StandIn& script) {
         script.setHook(Operation::SUBSCRIBE, [](auto const&) {
             GetParam().happen();
             return std::optional<int>();
@@ -279,12 +279,12 @@ TEST_P(AMishap, WhileSubscribingComesBeforeTheStart) {
     auto const topic = topicClean();
     expectFailed(topic);
     EXPECT_EQ(topic.text, endOf(cleanSubject("a/b")));
-    EXPECT_TRUE(StandIn::last()->gone());
+    EXPECT_TRUE(StandIn::last()->destroyed());
     auto const link = linkInCollection("subject");
     expectFailed(link);
     EXPECT_EQ(link.text, endOf("subject"));
     EXPECT_EQ(counter, (TestCounter{10, 20, 32}));
-    EXPECT_TRUE(StandIn::last()->gone());
+    EXPECT_TRUE(StandIn::last()->destroyed());
 }
 
 TEST_P(AMishap, InAPauseComesAfterTheStart) {

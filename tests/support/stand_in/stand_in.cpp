@@ -18,7 +18,7 @@ struct Registry {
     std::mutex mutex;
     StandIn::Version version{LIBMOSQUITTO_MAJOR, LIBMOSQUITTO_MINOR, LIBMOSQUITTO_REVISION};
     std::vector<std::shared_ptr<StandIn>> all;
-    std::function<void(StandIn&)> whenMade;
+    std::function<void(StandIn&)> onConstruction;
 };
 
 Registry& registry() {
@@ -55,7 +55,7 @@ StandIn* StandIn::make(mosqpp::mosquittopp& object, char const* clientId, bool c
     {
         std::lock_guard<std::mutex> lock(registry().mutex);
         registry().all.push_back(standIn);
-        hook = registry().whenMade;
+        hook = registry().onConstruction;
     }
     try {
         if (hook) {
@@ -68,9 +68,9 @@ StandIn* StandIn::make(mosqpp::mosquittopp& object, char const* clientId, bool c
     return standIn.get();
 }
 
-void StandIn::whenMade(std::function<void(StandIn&)> hook) {
+void StandIn::onConstruction(std::function<void(StandIn&)> hook) {
     std::lock_guard<std::mutex> lock(registry().mutex);
-    registry().whenMade = std::move(hook);
+    registry().onConstruction = std::move(hook);
 }
 
 void StandIn::bury(StandIn* standIn) {
@@ -84,7 +84,7 @@ std::shared_ptr<StandIn> StandIn::last() {
     return registry().all.empty() ? nullptr : registry().all.back();
 }
 
-std::shared_ptr<StandIn> StandIn::of(std::string const& clientId) {
+std::shared_ptr<StandIn> StandIn::withClientId(std::string const& clientId) {
     std::lock_guard<std::mutex> lock(registry().mutex);
     auto const& all = registry().all;
     auto const found = std::find_if(all.rbegin(), all.rend(), [&](auto const& standIn) {
@@ -204,7 +204,7 @@ bool StandIn::connected() const {
     return connected_;
 }
 
-bool StandIn::gone() const {
+bool StandIn::destroyed() const {
     std::lock_guard<std::mutex> lock(mutex_);
     return object_ == nullptr;
 }

@@ -66,11 +66,11 @@ public:
     /// Of the object made last, also when it is gone since. Null when there was none.
     static std::shared_ptr<StandIn> last();
     /// Of the object made last with this client identifier.
-    static std::shared_ptr<StandIn> of(std::string const& clientId);
+    static std::shared_ptr<StandIn> withClientId(std::string const& clientId);
 
     /// Called from now on with every one as it is made, before its client can use it. What it
     /// throws leaves the constructor of the library's class.
-    static void whenMade(std::function<void(StandIn&)> hook);
+    static void onConstruction(std::function<void(StandIn&)> hook);
 
     /// How often the library as a whole was initialised so far.
     static std::atomic<int>& libraryInitialisations();
@@ -122,7 +122,7 @@ public:
     std::string const& clientId() const { return clientId_; }
     bool cleanSession() const { return cleanSession_; }
     /// Whether the object is gone.
-    bool gone() const;
+    bool destroyed() const;
 
 private:
     friend class mosqpp::mosquittopp;

@@ -15,7 +15,7 @@ namespace {
 
 using support::CutProxy;
 using support::RawPeer;
-using Way = CutProxy::Way;
+using Direction = CutProxy::Direction;
 
 enum class End { ORDERLY, RESET, OTHER, NOT_YET };
 
@@ -71,8 +71,8 @@ TEST_F(ACutProxy, ForwardsBothWaysAndCounts) {
     EXPECT_EQ(receive(server_, 13), "to the server");
     support::sendAll(server_, "back");
     EXPECT_EQ(receive(client_, 4), "back");
-    EXPECT_TRUE(proxy_.waitForBytes(Way::TO_SERVER, 13));
-    EXPECT_TRUE(proxy_.waitForBytes(Way::TO_CLIENT, 4));
+    EXPECT_TRUE(proxy_.waitForBytes(Direction::TO_SERVER, 13));
+    EXPECT_TRUE(proxy_.waitForBytes(Direction::TO_CLIENT, 4));
     EXPECT_EQ(proxy_.connections(), 1);
     EXPECT_EQ(proxy_.cuts(), 0);
 }
@@ -87,7 +87,7 @@ TEST_F(ACutProxy, PassesOnTheEndOfAConnection) {
 }
 
 TEST_F(ACutProxy, CutsTheNextConnectionAfterThatManyBytesToTheServer) {
-    proxy_.cutNextAfter(Way::TO_SERVER, 5);
+    proxy_.cutNextAfter(Direction::TO_SERVER, 5);
     connect();
     support::sendAll(client_, "to ");
     support::sendAll(client_, "the server");
@@ -98,7 +98,7 @@ TEST_F(ACutProxy, CutsTheNextConnectionAfterThatManyBytesToTheServer) {
 }
 
 TEST_F(ACutProxy, CutsTheNextConnectionAfterThatManyBytesToTheClient) {
-    proxy_.cutNextAfter(Way::TO_CLIENT, 5);
+    proxy_.cutNextAfter(Direction::TO_CLIENT, 5);
     connect();
     support::sendAll(server_, "to the client");
     EXPECT_EQ(receive(client_, 5), "to th");
@@ -110,15 +110,15 @@ TEST_F(ACutProxy, CutsTheCurrentConnectionCountingFromNow) {
     connect();
     support::sendAll(client_, "before ");
     ASSERT_EQ(receive(server_, 7), "before ");
-    proxy_.cutCurrentAfter(Way::TO_SERVER, 3);
+    proxy_.cutCurrentAfter(Direction::TO_SERVER, 3);
     support::sendAll(client_, "after");
     EXPECT_EQ(receive(server_, 5), "aft");
     EXPECT_EQ(endOf(client_), End::RESET);
 }
 
 TEST_F(ACutProxy, CutsSeveralConnectionsInTurnAndSparesTheRest) {
-    proxy_.cutNextAfter(Way::TO_SERVER, 1);
-    proxy_.cutNextAfter(Way::TO_SERVER, 2);
+    proxy_.cutNextAfter(Direction::TO_SERVER, 1);
+    proxy_.cutNextAfter(Direction::TO_SERVER, 2);
     for (char const* const expected : {"t", "te"}) {
         connect();
         support::sendAll(client_, "text");
@@ -133,7 +133,7 @@ TEST_F(ACutProxy, CutsSeveralConnectionsInTurnAndSparesTheRest) {
 }
 
 TEST_F(ACutProxy, CutsAConnectionBeforeItsFirstByte) {
-    proxy_.cutNextAfter(Way::TO_SERVER, 0);
+    proxy_.cutNextAfter(Direction::TO_SERVER, 0);
     connect();
     EXPECT_EQ(endOf(client_), End::RESET);
 }
@@ -150,7 +150,7 @@ TEST_F(ACutProxy, KeepsBytesBackWhileFrozen) {
     connect();
     proxy_.freeze();
     support::sendAll(client_, "text");
-    EXPECT_FALSE(proxy_.waitForBytes(Way::TO_SERVER, 1, std::chrono::milliseconds(50)));
+    EXPECT_FALSE(proxy_.waitForBytes(Direction::TO_SERVER, 1, std::chrono::milliseconds(50)));
     proxy_.thaw();
     EXPECT_EQ(receive(server_, 4), "text");
 }
@@ -178,7 +178,7 @@ TEST(ACutProxyBeforeABroker, CutsAHandshakeInTheMiddle) {
     watcher.subscribe("a");
     RawPeer peer(proxy.host(), proxy.port());
     // CONNACK went by; of PUBREC's four bytes two get through.
-    proxy.cutCurrentAfter(Way::TO_CLIENT, 2);
+    proxy.cutCurrentAfter(Direction::TO_CLIENT, 2);
     peer.post("a", "b", 2);
     EXPECT_TRUE(peer.waitForConnectionLoss());
     EXPECT_EQ(proxy.cuts(), 1);

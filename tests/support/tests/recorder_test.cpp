@@ -35,7 +35,7 @@ TEST(ATestClient, HasTheIdentifierItIsGiven) {
     options.id = zym::common::Uuid(42);
     options.persistent = true;
     auto const client = support::testClient("host", 1234, options);
-    auto const script = StandIn::of(MqttClient::clientId(options.id));
+    auto const script = StandIn::withClientId(MqttClient::clientId(options.id));
     ASSERT_TRUE(script);
     EXPECT_FALSE(script->cleanSession());
     EXPECT_EQ(script->count(StandIn::Operation::CONNECT), 0U);

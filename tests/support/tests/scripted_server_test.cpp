@@ -162,7 +162,7 @@ TEST(ASilentServer, AcceptsAndSaysNothing) {
 }
 
 TEST(ADeafServer, LetsConnectingBlock) {
-    ScriptedServer server(Mode::DEAF);
+    ScriptedServer server(Mode::NOT_ACCEPTING);
     auto const socket = support::startConnecting(server.port());
     ASSERT_TRUE(socket.valid());
     pollfd news{socket.get(), POLLOUT, 0};
@@ -171,7 +171,7 @@ TEST(ADeafServer, LetsConnectingBlock) {
 }
 
 TEST(ADeafServer, AcceptsWhoStillTriesOnceItListens) {
-    ScriptedServer server(Mode::DEAF);
+    ScriptedServer server(Mode::NOT_ACCEPTING);
     auto const socket = support::startConnecting(server.port());
     server.setMode(Mode::BROKER);
     ASSERT_TRUE(server.waitForTcpConnections(1));
@@ -182,7 +182,7 @@ TEST(ADeafServer, AcceptsWhoStillTriesOnceItListens) {
 TEST(AServerThatTurnsDeaf, KeepsTheConnectionsItHas) {
     ScriptedServer server;
     RawPeer peer(server.host(), server.port());
-    server.setMode(Mode::DEAF);
+    server.setMode(Mode::NOT_ACCEPTING);
     peer.publish("a", "b", 2);
     auto const socket = support::startConnecting(server.port());
     pollfd news{socket.get(), POLLOUT, 0};

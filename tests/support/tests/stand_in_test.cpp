@@ -28,7 +28,7 @@ public:
     void join() {
         stop_ = true;
         if (worker_.joinable()) {
-            StandIn::of("client")->loseConnection();
+            StandIn::withClientId("client")->loseConnection();
             worker_.join();
         }
     }
@@ -62,7 +62,7 @@ private:
 class AStandIn : public testing::Test {
 protected:
     Client client_;
-    std::shared_ptr<StandIn> script_ = StandIn::of("client");
+    std::shared_ptr<StandIn> script_ = StandIn::withClientId("client");
 };
 
 TEST_F(AStandIn, IsFoundByItsClientIdentifier) {
@@ -70,7 +70,7 @@ TEST_F(AStandIn, IsFoundByItsClientIdentifier) {
     EXPECT_EQ(script_->clientId(), "client");
     EXPECT_TRUE(script_->cleanSession());
     EXPECT_EQ(StandIn::last(), script_);
-    EXPECT_EQ(StandIn::of("nobody"), nullptr);
+    EXPECT_EQ(StandIn::withClientId("nobody"), nullptr);
 }
 
 TEST_F(AStandIn, ConnectsAsWithAGoodBroker) {
@@ -181,26 +181,26 @@ TEST(AStandInWithoutItsObject, StillTellsWhatItSaw) {
     std::shared_ptr<StandIn> script;
     {
         Client client;
-        script = StandIn::of("client");
+        script = StandIn::withClientId("client");
         client.connect("host", 1, 1);
-        EXPECT_FALSE(script->gone());
+        EXPECT_FALSE(script->destroyed());
     }
-    EXPECT_TRUE(script->gone());
+    EXPECT_TRUE(script->destroyed());
     EXPECT_EQ(script->count(Operation::CONNECT), 1U);
 }
 
 TEST(AStandInInTheMaking, IsScriptedBeforeItsClientCanUseIt) {
-    StandIn::whenMade([](StandIn& script) { script.answer(Operation::CONNECT, {15}); });
+    StandIn::onConstruction([](StandIn& script) { script.answer(Operation::CONNECT, {15}); });
     Client client;
-    StandIn::whenMade({});
+    StandIn::onConstruction({});
     EXPECT_EQ(client.connect("host", 1, 1), 15);
 }
 
 TEST(AStandInInTheMaking, MayThrowOutOfTheConstructor) {
-    StandIn::whenMade([](StandIn&) { throw std::runtime_error("no"); });
+    StandIn::onConstruction([](StandIn&) { throw std::runtime_error("no"); });
     EXPECT_THROW(Client(), std::runtime_error);
-    StandIn::whenMade({});
-    EXPECT_TRUE(StandIn::last()->gone());
+    StandIn::onConstruction({});
+    EXPECT_TRUE(StandIn::last()->destroyed());
 }
 
 } // namespace

@@ -14,9 +14,9 @@ namespace support {
 /// How many times longer a test may take in this build; on ARM it runs on a small device, or under
 /// emulation.
 #if defined(ZYM_TEST_SANITIZED) || defined(__arm__)
-inline constexpr int SLOWNESS = 4;
+inline constexpr int TIMEOUT_FACTOR = 4;
 #else
-inline constexpr int SLOWNESS = 1;
+inline constexpr int TIMEOUT_FACTOR = 1;
 #endif
 
 } // namespace support

@@ -1,4 +1,4 @@
-#include "support/hand_driven_timer.hpp"
+#include "support/manual_timer.hpp"
 
 #include <zym/common/timer.hpp>
 
@@ -14,7 +14,7 @@ struct Timer::Engine {
     std::mutex mutex;
     std::chrono::milliseconds period;
     bool once;
-    hand_driven_timer::Record record; ///< guarded by theMutex
+    manual_timer::Record record; ///< guarded by theMutex
 };
 
 } // namespace zym::common
@@ -24,7 +24,7 @@ namespace {
 /// An engine's type is private to its timer.
 struct Known {
     void const* engine;
-    hand_driven_timer::Record* record;
+    manual_timer::Record* record;
     std::function<void()> callback;
 };
 
@@ -34,7 +34,7 @@ std::function<void()> theRestartHook;
 std::function<void()> theStopHook;
 
 template <class Change>
-void change(hand_driven_timer::Record& record, Change apply) {
+void change(manual_timer::Record& record, Change apply) {
     std::lock_guard<std::mutex> const lock(theMutex);
     apply(record);
 }
@@ -52,7 +52,7 @@ void call(std::function<void()> const& hook) {
 
 } // namespace
 
-namespace hand_driven_timer {
+namespace manual_timer {
 
 Record record(std::size_t timer) {
     std::lock_guard<std::mutex> const lock(theMutex);
@@ -87,7 +87,7 @@ void onStop(std::function<void()> hook) {
     theStopHook = std::move(hook);
 }
 
-} // namespace hand_driven_timer
+} // namespace manual_timer
 
 namespace zym::common {
 

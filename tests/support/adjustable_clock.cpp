@@ -1,4 +1,4 @@
-#include "support/leaping_clock.hpp"
+#include "support/adjustable_clock.hpp"
 
 #include <pthread.h>
 
@@ -18,20 +18,20 @@ std::atomic<steady_clock::duration> ahead{steady_clock::duration::zero()};
 // The linker puts what is wrapped in the place of the clock, and of the wait on a condition.
 
 steady_clock::time_point realNow() __asm__("__real_" ZYM_TEST_STEADY_NOW);
-steady_clock::time_point leapingNow() __asm__("__wrap_" ZYM_TEST_STEADY_NOW);
+steady_clock::time_point adjustedNow() __asm__("__wrap_" ZYM_TEST_STEADY_NOW);
 int realWait(pthread_cond_t*, pthread_mutex_t*, clockid_t,
              timespec const*) __asm__("__real_pthread_cond_clockwait");
 // Visible, because the run-time library of ThreadSanitizer refers to it.
 __attribute__((visibility("default"))) int
-leapingWait(pthread_cond_t*, pthread_mutex_t*, clockid_t,
-            timespec const*) __asm__("__wrap_pthread_cond_clockwait");
+adjustedWait(pthread_cond_t*, pthread_mutex_t*, clockid_t,
+             timespec const*) __asm__("__wrap_pthread_cond_clockwait");
 
-steady_clock::time_point leapingNow() {
+steady_clock::time_point adjustedNow() {
     return realNow() + ahead.load();
 }
 
-int leapingWait(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock,
-                timespec const* until) {
+int adjustedWait(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock,
+                 timespec const* until) {
     if (clock != CLOCK_MONOTONIC) {
         return realWait(condition, mutex, clock, until);
     }
@@ -43,10 +43,10 @@ int leapingWait(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clo
     return realWait(condition, mutex, clock, &moment);
 }
 
-namespace leaping_clock {
+namespace adjustable_clock {
 
-void leap(std::chrono::milliseconds forward) {
+void advance(std::chrono::milliseconds forward) {
     ahead = ahead.load() + forward;
 }
 
-} // namespace leaping_clock
+} // namespace adjustable_clock

@@ -4,11 +4,11 @@
 #include <cstddef>
 #include <functional>
 
-/// A program that links `hand-driven-timer` has no timers but ours: they expire when the test says
+/// A program that links `manual-timer` has no timers but ours: they expire when the test says
 /// so, on the test's thread.
 ///
 /// A timer is named by its place among those that exist, in the order in which they were made.
-namespace hand_driven_timer {
+namespace manual_timer {
 
 /// What was done with a timer.
 struct Record {
@@ -30,4 +30,4 @@ void onRestart(std::function<void()> hook);
 /// Called within every `stop` of every timer, on the thread that stops.
 void onStop(std::function<void()> hook);
 
-} // namespace hand_driven_timer
+} // namespace manual_timer
