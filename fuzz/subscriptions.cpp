@@ -1,7 +1,7 @@
 // The choice of a subscription by the index, against the plain walk through the registry, while
 // subscriptions come and go.
 
-#include "client/subscription_index.hpp"
+#include "client/registry/subscription_index.hpp"
 
 #include "client/walked_registry.hpp"
 #include "fuzz/lines.hpp"

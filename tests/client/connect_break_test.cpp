@@ -1,4 +1,4 @@
-#include "client/connect_break.hpp"
+#include "client/socket/connect_break.hpp"
 
 #include "support/eventually.hpp"
 #include "support/file_descriptor.hpp"

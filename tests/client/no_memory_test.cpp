@@ -1,7 +1,7 @@
 // Running out of memory at every possible place in turn.
 
 #include "client/client_on_a_script.hpp"
-#include "client/subscription_index.hpp"
+#include "client/registry/subscription_index.hpp"
 #include "client/walked_registry.hpp"
 #include "support/allocations.hpp"
 

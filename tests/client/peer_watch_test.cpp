@@ -1,4 +1,4 @@
-#include "client/peer_watch.hpp"
+#include "client/socket/peer_watch.hpp"
 
 #include "support/eventually.hpp"
 #include "support/file_descriptor.hpp"

@@ -1,4 +1,4 @@
-#include "client/send_pacing.hpp"
+#include "client/socket/send_pacing.hpp"
 
 #include "support/eventually.hpp"
 #include "support/file_descriptor.hpp"

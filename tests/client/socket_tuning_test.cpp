@@ -1,4 +1,4 @@
-#include "client/socket_tuning.hpp"
+#include "client/socket/socket_tuning.hpp"
 
 #include "support/eventually.hpp"
 #include "support/file_descriptor.hpp"

@@ -1,7 +1,7 @@
 // The choice of a subscription against the plain walk through the registry, for random
 // registries and topics.
 
-#include "client/subscription_index.hpp"
+#include "client/registry/subscription_index.hpp"
 
 #include "client/walked_registry.hpp"
 #include "support/timeout_factor.hpp"

@@ -1,4 +1,4 @@
-#include "client/subscription_index.hpp"
+#include "client/registry/subscription_index.hpp"
 
 #include <functional>
 #include <string>

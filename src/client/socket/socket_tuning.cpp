@@ -1,6 +1,6 @@
-#include "client/socket_tuning.hpp"
+#include "client/socket/socket_tuning.hpp"
 
-#include "client/tcp_option.hpp"
+#include "client/socket/tcp_option.hpp"
 
 #include <algorithm>
 #include <fcntl.h>

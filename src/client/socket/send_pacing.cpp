@@ -1,6 +1,6 @@
-#include "client/send_pacing.hpp"
+#include "client/socket/send_pacing.hpp"
 
-#include "client/tcp_option.hpp"
+#include "client/socket/tcp_option.hpp"
 
 #include <netinet/tcp.h>
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "client/subscription_index.hpp"
+#include "client/registry/subscription_index.hpp"
 #include "mqtt/client.hpp"
 
 #include <map>

@@ -1,4 +1,4 @@
-#include "client/connect_break.hpp"
+#include "client/socket/connect_break.hpp"
 
 #include <array>
 #include <cstdio>

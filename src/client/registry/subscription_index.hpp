@@ -1,7 +1,7 @@
 #pragma once
 
-#include "client/hash_table.hpp"
-#include "client/pattern_index.hpp"
+#include "client/registry/hash_table.hpp"
+#include "client/registry/pattern_index.hpp"
 #include "mqtt/client.hpp"
 
 namespace mqtt {

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "client/peer_watch.hpp"
-#include "client/send_pacing.hpp"
+#include "client/socket/peer_watch.hpp"
+#include "client/socket/send_pacing.hpp"
 
 #include <chrono>
 #include <cstddef>

@@ -1,4 +1,4 @@
-#include "client/registrations.hpp"
+#include "client/registry/registrations.hpp"
 
 #include <algorithm>
 #include <functional>

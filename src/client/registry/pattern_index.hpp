@@ -1,6 +1,6 @@
 #pragma once
 
-#include "client/hash_table.hpp"
+#include "client/registry/hash_table.hpp"
 #include "mqtt/client.hpp"
 
 #include <cstddef>

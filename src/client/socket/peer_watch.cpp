@@ -1,4 +1,4 @@
-#include "client/peer_watch.hpp"
+#include "client/socket/peer_watch.hpp"
 
 // Not <netinet/tcp.h>, whose tcp_info ends before the counters.
 #include <linux/tcp.h>
