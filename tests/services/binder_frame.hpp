@@ -2,7 +2,7 @@
 
 #include "requestreply/client_frame.hpp"
 #include "requestreply/server_session.hpp"
-#include "requestreply/sleeper.hpp"
+#include "requestreply/blocking_thread.hpp"
 
 #include <mqtt/binder_proxy.hpp>
 #include <mqtt/time_base.hpp>

@@ -53,17 +53,17 @@ protected:
 TEST_F(TheEndOfAProxy, WaitsForItsListener) {
     support::Watched<bool> entered;
     std::atomic<bool> left{false};
-    Sleeper* ender = nullptr;
+    BlockingThread* ender = nullptr;
     support::Watched<bool> ready;
     recorder.setHook([&](auto const&) {
         set(entered);
         ready.waitFor(isSet);
-        EXPECT_TRUE(ender->fallsAsleep());
+        EXPECT_TRUE(ender->isBlocked());
         left = true;
     });
     ASSERT_EQ(proxy->bind(server.id, AN_HOUR), Error::SUCCESS);
     ASSERT_TRUE(entered.waitFor(isSet));
-    Sleeper destruction([&] {
+    BlockingThread destruction([&] {
         proxy.reset();
         EXPECT_TRUE(left);
     });
@@ -83,11 +83,11 @@ TEST_F(TheEndOfAProxy, WaitsForAnUnbindingThatTellsItsListener) {
         });
         auto* const asked = proxy.get();
         ASSERT_EQ(asked->bind(server.id, AN_HOUR), Error::SUCCESS);
-        Sleeper unbinding(
+        BlockingThread unbinding(
             [&] { EXPECT_THAT(asked->unbind(AN_HOUR), AnyOf(Error::SUCCESS, Error::CANCELLED)); });
         ASSERT_TRUE(entered.waitFor(isSet));
-        Sleeper destruction([&] { proxy.reset(); });
-        ASSERT_TRUE(destruction.fallsAsleep());
+        BlockingThread destruction([&] { proxy.reset(); });
+        ASSERT_TRUE(destruction.isBlocked());
         set(leave);
         destruction.join();
         unbinding.join();
