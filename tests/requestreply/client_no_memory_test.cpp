@@ -36,7 +36,7 @@ TEST_F(ARequestWithoutMemory, IsNotMadeAtAll) {
                   Code::PENDING);
         ++made;
     };
-    auto const failures = support::failEverywhere(request, [&](unsigned which) {
+    auto const failures = support::failEachAllocation(request, [&](unsigned which) {
         EXPECT_EQ(client.cancel(), Code::SUCCESS);
         EXPECT_EQ(ends.count, 0U) << "allocation " << which;
         EXPECT_EQ(standIn->count(Operation::PUBLISH), 0U) << "allocation " << which;

@@ -5,8 +5,8 @@
 #include "requestreply/client_fixture.hpp"
 #include "requestreply/rounds.hpp"
 #include "requestreply/server_fixture.hpp"
-#include "support/flag.hpp"
 #include "support/watchdog.hpp"
+#include "support/watched.hpp"
 
 #include <array>
 #include <atomic>

@@ -2,8 +2,8 @@
 
 #include "requestreply/blocking_thread.hpp"
 #include "requestreply/client_fixture.hpp"
-#include "support/hand_driven_timer.hpp"
-#include "support/leaping_clock.hpp"
+#include "support/adjustable_clock.hpp"
+#include "support/manual_timer.hpp"
 #include "support/temp_dir.hpp"
 
 #include <array>
@@ -23,19 +23,19 @@ using testing::SizeIs;
 
 class AClientWithAHandDrivenTimer : public ClientOnABroker {
 protected:
-    AClientWithAHandDrivenTimer() { hand_driven_timer::reset(); }
-    ~AClientWithAHandDrivenTimer() override { hand_driven_timer::reset(); }
+    AClientWithAHandDrivenTimer() { manual_timer::reset(); }
+    ~AClientWithAHandDrivenTimer() override { manual_timer::reset(); }
 };
 
 TEST_F(AClientWithAHandDrivenTimer, ArmsItForTheTimeOutInMilliseconds) {
     for (std::uint32_t const timeout : {0U, 1U, 3600U, NO_TIME_LIMIT - 1}) {
         ASSERT_EQ(request(timeout), Code::PENDING);
-        auto const record = hand_driven_timer::record();
+        auto const record = manual_timer::record();
         EXPECT_TRUE(record.armed);
         EXPECT_FALSE(record.once);
         EXPECT_EQ(record.period, seconds(timeout));
         client->cancel();
-        EXPECT_FALSE(hand_driven_timer::record().armed);
+        EXPECT_FALSE(manual_timer::record().armed);
     }
 }
 
@@ -46,15 +46,15 @@ TEST_F(AClientWithAHandDrivenTimer, ArmsItForNoOtherRequest) {
     EXPECT_EQ(request(1), Code::BUSY);
     client->terminate();
     EXPECT_EQ(request(1), Code::CANCELLED);
-    EXPECT_EQ(hand_driven_timer::record().restarts, 0);
-    EXPECT_EQ(hand_driven_timer::record().terminations, 1);
+    EXPECT_EQ(manual_timer::record().restarts, 0);
+    EXPECT_EQ(manual_timer::record().terminations, 1);
 }
 
 TEST_F(AClientWithAHandDrivenTimer, StopsItWithTheReply) {
     ASSERT_EQ(request(), Code::PENDING);
     reply(replyText(requestId, 1));
     ASSERT_TRUE(recorder.waitForCount(1));
-    EXPECT_FALSE(hand_driven_timer::record().armed);
+    EXPECT_FALSE(manual_timer::record().armed);
 }
 
 TEST_F(AClientWithAHandDrivenTimer, PublishesNoTimeOutReplyForTheNextRequest) {
@@ -63,7 +63,7 @@ TEST_F(AClientWithAHandDrivenTimer, PublishesNoTimeOutReplyForTheNextRequest) {
     for (std::uint32_t const timeout : {LONG_TIMEOUT_S, NO_TIME_LIMIT}) {
         ASSERT_EQ(request(timeout), Code::PENDING);
         // The late expiry of the first request.
-        hand_driven_timer::expire();
+        manual_timer::expire();
         receiveAll();
         EXPECT_EQ(request(), Code::BUSY);
         client->cancel();
@@ -78,7 +78,7 @@ TEST_F(AClientWithAHandDrivenTimer, IgnoresTheLateTimeOutReplyOfAnEarlierRequest
     ASSERT_EQ(request(0), Code::PENDING);
     auto const first = requestId;
     client->cancel();
-    hand_driven_timer::expire();
+    manual_timer::expire();
     ASSERT_EQ(request(), Code::PENDING);
     reply(replyText(first, 3));
     receiveAll();
@@ -92,7 +92,7 @@ TEST_F(AClientWithAHandDrivenTimer, QueuesOneTimeOutReplyWithoutAConnection) {
     ASSERT_EQ(mqtt->disconnect(30), mqtt::MqttClient::Error::SUCCESS);
     ASSERT_EQ(request(0), Code::PENDING);
     for (int expiry = 0; expiry < 5; ++expiry) {
-        hand_driven_timer::expire();
+        manual_timer::expire();
     }
     EXPECT_THAT(recorder.calls(), IsEmpty());
     ASSERT_EQ(mqtt->connect("", -1, 30), mqtt::MqttClient::Error::SUCCESS);
@@ -113,7 +113,7 @@ protected:
         client.reset();
         mqtt = support::testClient(*denying);
         client = makeClient();
-        hand_driven_timer::reset();
+        manual_timer::reset();
     }
     ~ADeniedRequest() override {
         client.reset();
@@ -126,30 +126,30 @@ protected:
 
 TEST_F(ADeniedRequest, EndsAfterTwoTimeOutRepliesThatDoNotComeBack) {
     ASSERT_EQ(request(0), Code::PENDING);
-    hand_driven_timer::expire();
-    EXPECT_EQ(hand_driven_timer::record().period, seconds(1));
-    EXPECT_TRUE(hand_driven_timer::record().armed);
-    hand_driven_timer::expire();
+    manual_timer::expire();
+    EXPECT_EQ(manual_timer::record().period, seconds(1));
+    EXPECT_TRUE(manual_timer::record().armed);
+    manual_timer::expire();
     EXPECT_EQ(requestWait(), Code::BUSY) << "the second time-out reply may still come back";
-    hand_driven_timer::expire();
-    hand_driven_timer::expire();
+    manual_timer::expire();
+    manual_timer::expire();
     ASSERT_THAT(recorder.calls(), SizeIs(1));
     EXPECT_EQ(recorder.calls()[0].error, Code::TIMEOUT);
     EXPECT_EQ(recorder.calls()[0].data, replyData.get());
     EXPECT_EQ(recorder.calls()[0].thread, std::this_thread::get_id());
-    EXPECT_FALSE(hand_driven_timer::record().armed);
+    EXPECT_FALSE(manual_timer::record().armed);
     EXPECT_EQ(request(), Code::PENDING);
 }
 
 TEST_F(ADeniedRequest, StaysPendingWhileThereIsNoConnection) {
     ASSERT_EQ(request(0), Code::PENDING);
-    hand_driven_timer::expire();
-    hand_driven_timer::expire();
+    manual_timer::expire();
+    manual_timer::expire();
     ASSERT_EQ(mqtt->disconnect(30), mqtt::MqttClient::Error::SUCCESS);
-    hand_driven_timer::expire();
+    manual_timer::expire();
     EXPECT_THAT(recorder.calls(), IsEmpty());
     ASSERT_EQ(mqtt->connect("", -1, 30), mqtt::MqttClient::Error::SUCCESS);
-    hand_driven_timer::expire();
+    manual_timer::expire();
     EXPECT_THAT(recorder.errors(), ElementsAre(Code::TIMEOUT));
 }
 
@@ -162,7 +162,7 @@ TEST_F(AClientWithAHandDrivenTimer, EndsARequestToAnInvalidTopicAfterItsTimeout)
         ReplyRecorder ending;
         ASSERT_EQ(client->request(&ending, id, Uuid::NIL, nullptr, nullptr, nullptr, 0),
                   Code::PENDING);
-        hand_driven_timer::expire();
+        manual_timer::expire();
         EXPECT_THAT(ending.errors(), ElementsAre(Code::TIMEOUT)) << connected;
         client.reset();
     }
@@ -174,9 +174,9 @@ constexpr unsigned WAIT_S = 25;
 
 /// Lets the deadline of a waiting thread pass while the request is being ended.
 void passTheDeadlineWhileTheRequestEnds() {
-    hand_driven_timer::onStop([] {
-        leaping_clock::leap(seconds(WAIT_S));
-        hand_driven_timer::onStop(nullptr);
+    manual_timer::onStop([] {
+        adjustable_clock::advance(seconds(WAIT_S));
+        manual_timer::onStop(nullptr);
     });
 }
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "support/sanitizers.hpp"
+#include "support/timeout_factor.hpp"
 
 #include <algorithm>
 #include <cstdlib>
@@ -10,5 +10,5 @@
 inline int rounds(int number) {
     char const* const factor = std::getenv("ZYM_TEST_ROUNDS");
     int const all = number * (factor == nullptr ? 1 : std::atoi(factor));
-    return std::max(1, all / support::SLOWNESS);
+    return std::max(1, all / support::TIMEOUT_FACTOR);
 }

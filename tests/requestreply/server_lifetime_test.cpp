@@ -2,8 +2,8 @@
 
 #include "requestreply/sample_data.hpp"
 #include "requestreply/server_fixture.hpp"
-#include "support/flag.hpp"
-#include "support/sanitizers.hpp"
+#include "support/timeout_factor.hpp"
+#include "support/watched.hpp"
 
 #include <gmock/gmock.h>
 
@@ -95,7 +95,7 @@ TEST_F(TheEndOfAServer, MayIncludeItsListener) {
 }
 
 TEST_F(TheEndOfAServer, LeavesTheListenerAlone) {
-    for (int i = 0; i < 20 / support::SLOWNESS; ++i) {
+    for (int i = 0; i < 20 / support::TIMEOUT_FACTOR; ++i) {
         auto own = std::make_unique<ServerListener>();
         Watched<bool> entered;
         own->setAnswer([&](auto const&, auto&) {

@@ -2,8 +2,8 @@
 
 #include "services/binder_frame.hpp"
 
-#include "support/flag.hpp"
-#include "support/sanitizers.hpp"
+#include "support/timeout_factor.hpp"
+#include "support/watched.hpp"
 
 namespace {
 
@@ -14,7 +14,7 @@ using testing::IsEmpty;
 
 using Error = BinderError;
 
-constexpr int ROUNDS = 200 / support::SLOWNESS;
+constexpr int ROUNDS = 200 / support::TIMEOUT_FACTOR;
 
 class ATerminatedProxy : public WithAServer {};
 

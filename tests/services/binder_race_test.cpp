@@ -3,9 +3,9 @@
 
 #include "services/binder_frame.hpp"
 
-#include "support/flag.hpp"
-#include "support/sanitizers.hpp"
+#include "support/timeout_factor.hpp"
 #include "support/watchdog.hpp"
+#include "support/watched.hpp"
 
 #include <atomic>
 
@@ -16,7 +16,7 @@ using testing::AnyOf;
 
 using Error = BinderError;
 
-constexpr int ROUNDS = 200 / support::SLOWNESS;
+constexpr int ROUNDS = 200 / support::TIMEOUT_FACTOR;
 
 class TheEndOfAProxy : public WithAServer {
 protected:
@@ -24,8 +24,9 @@ protected:
 
     /// From before the request arrives to after the binding is there.
     static void spend(int round) {
-        auto const moment = std::chrono::steady_clock::now()
-                            + std::chrono::microseconds(40 * (round * support::SLOWNESS % 150));
+        auto const moment =
+            std::chrono::steady_clock::now()
+            + std::chrono::microseconds(40 * (round * support::TIMEOUT_FACTOR % 150));
         while (std::chrono::steady_clock::now() < moment) {
             std::this_thread::yield();
         }

@@ -3,7 +3,7 @@
 #include "requestreply/blocking_thread.hpp"
 #include "services/barrier.hpp"
 #include "services/cleaner_on_a_script.hpp"
-#include "support/sanitizers.hpp"
+#include "support/timeout_factor.hpp"
 
 #include <atomic>
 #include <optional>
@@ -24,12 +24,12 @@ TEST_F(TheEndOfACleaner, DropsRequestsWithoutAWord) {
     EXPECT_THAT(topics(Operation::UNSUBSCRIBE), ElementsAre("a", "b"));
     EXPECT_THAT(script->calls(Operation::DISCONNECT), SizeIs(1));
     EXPECT_FALSE(script->connected());
-    EXPECT_EQ(hand_driven_timer::record().terminations, 1);
+    EXPECT_EQ(manual_timer::record().terminations, 1);
     look();
     EXPECT_THAT(recorder.told(), IsEmpty());
-    EXPECT_FALSE(script->gone());
+    EXPECT_FALSE(script->destroyed());
     cleaner.reset();
-    EXPECT_TRUE(script->gone());
+    EXPECT_TRUE(script->destroyed());
 }
 
 TEST_F(TheEndOfACleaner, ComesWithTheDestructorToo) {
@@ -48,7 +48,7 @@ TEST_F(TheEndOfACleaner, IsForGood) {
     look();
     cleaner->terminate();
     EXPECT_THAT(recorder.told(), IsEmpty());
-    EXPECT_EQ(hand_driven_timer::record().restarts, 0);
+    EXPECT_EQ(manual_timer::record().restarts, 0);
 }
 
 TEST_F(TheEndOfACleaner, LetsThoseGoWhoWait) {
@@ -83,7 +83,7 @@ TEST_F(TheEndOfACleaner, LetsThoseGoWhoWaitBeforeItIsDestroyed) {
 }
 
 TEST_F(TheEndOfACleaner, WaitsForRequestsBeingMade) {
-    for (int i = 0; i < 40 / support::SLOWNESS; ++i) {
+    for (int i = 0; i < 40 / support::TIMEOUT_FACTOR; ++i) {
         Barrier barrier;
         script->setHook(Operation::SUBSCRIBE, [&](auto const&) { return barrier.pass(); });
         auto* const which = cleaner.get();
@@ -119,7 +119,7 @@ TEST_F(TheEndOfACleaner, WaitsForTheMessageBeingHandled) {
     ASSERT_TRUE(end.isBlocked());
     barrier.open();
     end.join();
-    EXPECT_TRUE(script->gone());
+    EXPECT_TRUE(script->destroyed());
 }
 
 // While the broker is away
@@ -186,7 +186,7 @@ TEST_F(TheEndOfACleaner, ComesByDestroyingItWhenATopicIsDone) {
     ASSERT_TRUE(waiter.isBlocked());
     look();
     EXPECT_THAT(recorder.told(), ElementsAre("a"));
-    EXPECT_TRUE(script->gone());
+    EXPECT_TRUE(script->destroyed());
 }
 
 TEST_F(TheEndOfACleaner, ComesByDestroyingItWhenAllIsDone) {
@@ -200,7 +200,7 @@ TEST_F(TheEndOfACleaner, ComesByDestroyingItWhenAllIsDone) {
     ASSERT_TRUE(waiter.isBlocked());
     look();
     EXPECT_THAT(recorder.told(), ElementsAre("a", ALL));
-    EXPECT_TRUE(script->gone());
+    EXPECT_TRUE(script->destroyed());
 }
 
 TEST_F(TheEndOfACleaner, MayTakeItsListenerAlong) {

@@ -4,9 +4,9 @@
 #include "client/flood.hpp"
 #include "requestreply/blocking_thread.hpp"
 #include "services/cleaner_recorder.hpp"
-#include "support/flag.hpp"
-#include "support/sanitizers.hpp"
 #include "support/test_client.hpp"
+#include "support/timeout_factor.hpp"
+#include "support/watched.hpp"
 
 #include <gmock/gmock.h>
 
@@ -19,7 +19,7 @@ using std::chrono::milliseconds;
 using support::isSet;
 using testing::Each;
 
-constexpr int ROUNDS = 40 / support::SLOWNESS;
+constexpr int ROUNDS = 40 / support::TIMEOUT_FACTOR;
 
 class CleanersInAFlood : public testing::Test {
 protected:

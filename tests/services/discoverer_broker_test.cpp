@@ -5,7 +5,7 @@
 #include "services/discoverer_frame.hpp"
 #include "support/broker.hpp"
 #include "support/raw_peer.hpp"
-#include "support/sanitizers.hpp"
+#include "support/timeout_factor.hpp"
 
 #include <atomic>
 #include <thread>
@@ -138,7 +138,7 @@ TEST_F(Discovery, LeavesNothingSubscribedAtTheBroker) {
     EXPECT_EQ(countInLog("Sending UNSUBACK to"), 5U);
 }
 
-constexpr int ROUNDS = 60 / support::SLOWNESS;
+constexpr int ROUNDS = 60 / support::TIMEOUT_FACTOR;
 
 /// Publishes lists and identifications without end; one entity never answers.
 class Bustle {

@@ -3,8 +3,8 @@
 
 #include "requestreply/blocking_thread.hpp"
 #include "services/time_base_frame.hpp"
-#include "support/hand_driven_timer.hpp"
-#include "support/sanitizers.hpp"
+#include "support/manual_timer.hpp"
+#include "support/timeout_factor.hpp"
 
 #include <atomic>
 #include <chrono>
@@ -12,7 +12,7 @@
 
 namespace {
 
-using hand_driven_timer::record;
+using manual_timer::record;
 
 class AReplyInFlight : public TimeBaseOnABroker {
 protected:
@@ -105,7 +105,7 @@ class APeriodicReplyInFlight : public TimeBaseOnABroker {
 protected:
     APeriodicReplyInFlight() {
         synchronize(5.0);
-        expiry = std::thread([] { hand_driven_timer::expire(); });
+        expiry = std::thread([] { manual_timer::expire(); });
         request(11);
         gate.close();
         answer(11, 70.0);
@@ -152,11 +152,11 @@ TEST_F(AnExpiryAtAnyMoment, ChangesNothingAfterAStopAndHindersNoStart) {
     std::atomic<bool> end{false};
     std::thread expiring([&] {
         while (!end) {
-            hand_driven_timer::expire();
+            manual_timer::expire();
             std::this_thread::yield();
         }
     });
-    for (int round = 1; round <= 100 / support::SLOWNESS; ++round) {
+    for (int round = 1; round <= 100 / support::TIMEOUT_FACTOR; ++round) {
         EXPECT_TRUE(proxy->startSync(server));
         EXPECT_TRUE(listener.isTold(round)) << "in round " << round;
         auto const moment =

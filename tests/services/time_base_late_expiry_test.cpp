@@ -3,7 +3,7 @@
 
 #include "requestreply/blocking_thread.hpp"
 #include "services/time_base_frame.hpp"
-#include "support/hand_driven_timer.hpp"
+#include "support/manual_timer.hpp"
 
 #include <atomic>
 #include <memory>
@@ -50,7 +50,7 @@ protected:
         synchronize(5.0);
         exchanges = 0;
         beforeTheExchange.close();
-        expiry = std::make_unique<BlockingThread>([] { hand_driven_timer::expire(); });
+        expiry = std::make_unique<BlockingThread>([] { manual_timer::expire(); });
         EXPECT_TRUE(beforeTheExchange.stopsSomebody());
         proxy->stop();
     }

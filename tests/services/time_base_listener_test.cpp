@@ -2,7 +2,7 @@
 
 #include "requestreply/blocking_thread.hpp"
 #include "services/time_base_frame.hpp"
-#include "support/hand_driven_timer.hpp"
+#include "support/manual_timer.hpp"
 
 #include <atomic>
 #include <utility>
@@ -59,7 +59,7 @@ TEST_F(InsideTheCallOfATimeListener, TheProxyMayBeReplaced) {
 TEST_F(InsideTheCallOfATimeListener, TheProxyMayBeStopped) {
     inside([&] { EXPECT_TRUE(proxy->stop()); });
     EXPECT_FALSE(proxy->isSynchronized());
-    EXPECT_FALSE(hand_driven_timer::record().armed);
+    EXPECT_FALSE(manual_timer::record().armed);
 }
 
 TEST_F(InsideTheCallOfATimeListener, TheProxyMayBeStartedAnew) {

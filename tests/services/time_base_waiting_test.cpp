@@ -2,15 +2,15 @@
 
 #include "requestreply/blocking_thread.hpp"
 #include "services/time_base_frame.hpp"
-#include "support/hand_driven_timer.hpp"
-#include "support/sanitizers.hpp"
+#include "support/manual_timer.hpp"
+#include "support/timeout_factor.hpp"
 
 #include <optional>
 
 namespace {
 
 using conv::SecondsDuration;
-using hand_driven_timer::record;
+using manual_timer::record;
 
 /// The first is far from what a test may last, and the last is a second ago.
 constexpr std::uint32_t LONGEST = INT32_MAX;
@@ -158,7 +158,7 @@ TEST_F(AWaitForTheTime, IsEndedByTermination) {
 }
 
 TEST_F(AWaitForTheTime, IsEndedByDestruction) {
-    for (int round = 1; round <= 20 / support::SLOWNESS; ++round) {
+    for (int round = 1; round <= 20 / support::TIMEOUT_FACTOR; ++round) {
         Wait wait(*proxy, server);
         request(static_cast<std::size_t>(round));
         ASSERT_TRUE(wait.isBlocked());
@@ -170,7 +170,7 @@ TEST_F(AWaitForTheTime, IsEndedByDestruction) {
 
 TEST_F(AWaitForTheTime, DoesNotStopTheRunThatFollowsItsOwn) {
     std::size_t n = 1;
-    for (int round = 1; round <= 20 / support::SLOWNESS; ++round) {
+    for (int round = 1; round <= 20 / support::TIMEOUT_FACTOR; ++round) {
         Wait wait(*proxy, support::uniqueId());
         request(n);
         ASSERT_TRUE(wait.isBlocked());

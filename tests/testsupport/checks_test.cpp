@@ -61,7 +61,7 @@ protected:
     ACheck() { setPauseHook({}); }
     ~ACheck() override {
         setPauseHook({});
-        StandIn::whenMade({});
+        StandIn::onConstruction({});
     }
 
     /// Forgets the pauses so far.
@@ -90,7 +90,7 @@ protected:
     }
 
     static void whenSubscribing(std::function<void()> const& action) {
-        StandIn::whenMade([action](StandIn& standIn) {
+        StandIn::onConstruction([action](StandIn& standIn) {
             standIn.setHook(Operation::SUBSCRIBE, [action](auto const&) {
                 action();
                 return std::optional<int>();
@@ -109,7 +109,7 @@ void expectTheClientOfAllChecks(StandIn const& standIn, std::string const& topic
     EXPECT_EQ(standIn.calls(Operation::CONNECT)[0].qos, 1883);
     ASSERT_THAT(standIn.calls(Operation::SUBSCRIBE), SizeIs(1));
     EXPECT_EQ(standIn.calls(Operation::SUBSCRIBE)[0].topic, topic);
-    EXPECT_TRUE(standIn.gone());
+    EXPECT_TRUE(standIn.destroyed());
 }
 
 using ACheckThatATopicIsClean = ACheck;
@@ -136,7 +136,7 @@ TEST_F(ACheckThatATopicIsClean, PrintsTheTopicAndFailsWhenAMessageArrives) {
                   startOf(cleanSubject("a/b")) + "a/b" + failureOf(cleanSubject("a/b")));
         EXPECT_EQ(counter, (TestCounter{11, 20, 31}));
         EXPECT_THAT(pauses, SizeIs(pause));
-        EXPECT_TRUE(StandIn::last()->gone());
+        EXPECT_TRUE(StandIn::last()->destroyed());
     }
 }
 
@@ -187,7 +187,7 @@ TEST_F(ACheckThatALinkIsThere, FailsAfterThirtyPauses) {
         EXPECT_EQ(counter, (TestCounter{11, 20, 31}));
         EXPECT_THAT(pauses, SizeIs(30));
         EXPECT_THAT(pauses, Each(100));
-        EXPECT_TRUE(StandIn::last()->gone());
+        EXPECT_TRUE(StandIn::last()->destroyed());
     }
 }
 
@@ -253,12 +253,12 @@ protected:
 };
 
 TEST_P(AnExceptionInACheck, IsPrintedAndBecomesATestError) {
-    StandIn::whenMade([](auto&) { GetParam().raise(); });
+    StandIn::onConstruction([](auto&) { GetParam().raise(); });
     expectFailure(false);
     whenSubscribing(GetParam().raise);
     expectFailure(false);
-    EXPECT_TRUE(StandIn::last()->gone());
-    StandIn::whenMade({});
+    EXPECT_TRUE(StandIn::last()->destroyed());
+    StandIn::onConstruction({});
     setPauseHook([](auto) { GetParam().raise(); });
     expectFailure(true);
 }
