@@ -108,7 +108,8 @@ TEST_F(ABindingWithoutAThread, FailsWhenTheTimeCannotBeRead) {
 
 TEST_F(ABindingWithoutAThread, IsLeftToBeUnboundByACallThatCannotReadTheTime) {
     haveNoThread();
-    Sleeper caller([&] { EXPECT_EQ(proxy->bindSync(server, AN_HOUR), Error::NOT_SYNCHRONIZED); });
+    BlockingThread caller(
+        [&] { EXPECT_EQ(proxy->bindSync(server, AN_HOUR), Error::NOT_SYNCHRONIZED); });
     ASSERT_TRUE(support::eventually([&] { return !requests("bind").empty(); }));
     answer("bind", 1);
     caller.join();
@@ -175,12 +176,12 @@ protected:
 
 TEST_F(ABindingWithoutMemory, Fails) {
     auto const failures = support::failEachAllocation([&] { request(); },
-                                                  [&](unsigned which) {
-                                                      SCOPED_TRACE(which);
-                                                      EXPECT_LE(events.failed, which);
-                                                      EXPECT_THAT(requests("bind"), IsEmpty());
-                                                      expectFree();
-                                                  });
+                                                      [&](unsigned which) {
+                                                          SCOPED_TRACE(which);
+                                                          EXPECT_LE(events.failed, which);
+                                                          EXPECT_THAT(requests("bind"), IsEmpty());
+                                                          expectFree();
+                                                      });
     EXPECT_GE(failures, 10U);
     EXPECT_GE(events.failed, failures - 3) << "but for what comes before it begins";
 }
@@ -234,11 +235,11 @@ TEST_F(ABindingInterrupted, IsCalledOffOrHasNotBegun) {
     for (std::size_t which = 1; interrupted; ++which) {
         SCOPED_TRACE(which);
         Error result = Error::FAILED;
-        std::unique_ptr<Sleeper> other;
+        std::unique_ptr<BlockingThread> other;
         {
             InterruptedAllocation const allocation(which, [&] {
-                other = std::make_unique<Sleeper>([&] { result = proxy->unbindSync(0); });
-                EXPECT_TRUE(other->comesToRest());
+                other = std::make_unique<BlockingThread>([&] { result = proxy->unbindSync(0); });
+                EXPECT_TRUE(other->isBlockedOrReturns());
             });
             ASSERT_EQ(proxy->bind(server, AN_HOUR), Error::SUCCESS);
             interrupted = allocation.happened();

@@ -121,10 +121,10 @@ TEST_F(AnUnbinding, IsOverWhenItIsCancelled) {
 TEST_F(AnUnbinding, IsOverWhenItIsCancelledWhileACallWaits) {
     server.ignoreUnbindings();
     bind();
-    Sleeper caller(
+    BlockingThread caller(
         [&] { EXPECT_EQ(proxy->unbindSync(conv::SecondsDuration::NO_TIMEOUT), Error::SUCCESS); });
     awaitRequest("unbind");
-    ASSERT_TRUE(caller.fallsAsleep());
+    ASSERT_TRUE(caller.isBlocked());
     proxy->cancelUnbinding();
     caller.join();
     EXPECT_EQ(recorder.events().back(), unbound(Error::SUCCESS));
@@ -260,8 +260,8 @@ TEST_F(ABindingCalledOff, LetsItsListenerCancelTheUnbindingToo) {
 class AWaitForABinding : public WithAServer {
 protected:
     void startWaiting() {
-        waiting =
-            std::make_unique<Sleeper>([this] { result = proxy->bindSync(server.id, AN_HOUR); });
+        waiting = std::make_unique<BlockingThread>(
+            [this] { result = proxy->bindSync(server.id, AN_HOUR); });
     }
 
     void expectBindableAgain() {
@@ -273,14 +273,14 @@ protected:
     }
 
     Error result = Error::SUCCESS;
-    std::unique_ptr<Sleeper> waiting;
+    std::unique_ptr<BlockingThread> waiting;
 };
 
 TEST_F(AWaitForABinding, IsCancelledByAnUnbinding) {
     server.ignoreBindings();
     startWaiting();
     awaitRequest("bind");
-    ASSERT_TRUE(waiting->fallsAsleep());
+    ASSERT_TRUE(waiting->isBlocked());
     EXPECT_EQ(proxy->unbind(AN_HOUR), Error::SUCCESS);
     waiting->join();
     EXPECT_EQ(result, Error::CANCELLED);
@@ -296,7 +296,7 @@ TEST_F(AWaitForABinding, IsCancelledByAnUnbindingThatWaits) {
     server.ignoreBindings();
     startWaiting();
     awaitRequest("bind");
-    ASSERT_TRUE(waiting->fallsAsleep());
+    ASSERT_TRUE(waiting->isBlocked());
     EXPECT_EQ(proxy->unbindSync(AN_HOUR), Error::SUCCESS);
     waiting->join();
     EXPECT_EQ(result, Error::CANCELLED);

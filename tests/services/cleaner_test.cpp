@@ -1,4 +1,4 @@
-#include "requestreply/sleeper.hpp"
+#include "requestreply/blocking_thread.hpp"
 #include "services/cleaner_on_a_script.hpp"
 #include "support/allocations.hpp"
 #include "support/watched.hpp"
@@ -194,7 +194,7 @@ TEST_F(ACleaner, CleansATopicAgainOnceItsRequestHasEnded) {
 TEST_F(ACleaner, TakesANewRequestWhileAnotherOneOfItsTopicEnds) {
     script->setAcknowledging(false);
     cleaner->clean("a", milliseconds(0));
-    Sleeper timer([] { look(); });
+    BlockingThread timer([] { look(); });
     ASSERT_TRUE(script->waitForCalls(Operation::UNSUBSCRIBE, 1));
     cleaner->clean("a", AN_HOUR);
     acknowledgeUnsubscription();
@@ -302,10 +302,10 @@ TEST_F(ACleaner, LetsAllWaitersGoWhenTheLastRequestHasEnded) {
     cleaner->clean("a", milliseconds(0));
     bool ended = false;
     bool endedToo = false;
-    Sleeper one([&] { ended = cleaner->waitAllTasks(milliseconds::max()); });
-    Sleeper other([&] { endedToo = cleaner->waitAllTasks(AN_HOUR); });
-    ASSERT_TRUE(one.fallsAsleep());
-    ASSERT_TRUE(other.fallsAsleep());
+    BlockingThread one([&] { ended = cleaner->waitAllTasks(milliseconds::max()); });
+    BlockingThread other([&] { endedToo = cleaner->waitAllTasks(AN_HOUR); });
+    ASSERT_TRUE(one.isBlocked());
+    ASSERT_TRUE(other.isBlocked());
     look();
     one.join();
     other.join();
@@ -315,11 +315,11 @@ TEST_F(ACleaner, LetsAllWaitersGoWhenTheLastRequestHasEnded) {
 TEST_F(ACleaner, TellsItsListenerBeforeThoseWhoWait) {
     support::Watched<bool> returned;
     cleaner->clean("a", milliseconds(0));
-    Sleeper waiter([&] {
+    BlockingThread waiter([&] {
         EXPECT_TRUE(cleaner->waitAllTasks(AN_HOUR));
         set(returned);
     });
-    ASSERT_TRUE(waiter.fallsAsleep());
+    ASSERT_TRUE(waiter.isBlocked());
     recorder.setHook([&](auto const&) {
         EXPECT_FALSE(returned.waitFor(isSet, A_WHILE));
         EXPECT_FALSE(cleaner->waitAllTasks(milliseconds(0))) << "not told of all yet";
@@ -357,8 +357,8 @@ TEST_F(ACleaner, MayBeAskedForMoreWhenAllIsDone) {
         }
     });
     cleaner->clean("a", milliseconds(0));
-    Sleeper waiter([&] { EXPECT_TRUE(cleaner->waitAllTasks(AN_HOUR)); });
-    ASSERT_TRUE(waiter.fallsAsleep());
+    BlockingThread waiter([&] { EXPECT_TRUE(cleaner->waitAllTasks(AN_HOUR)); });
+    ASSERT_TRUE(waiter.isBlocked());
     look();
     EXPECT_THAT(recorder.told(), ElementsAre("a", ALL));
     EXPECT_FALSE(cleaner->waitAllTasks(milliseconds(0)));
@@ -373,8 +373,8 @@ TEST_F(ACleaner, EndsAllRequestsAlsoWhenItsListenerThrows) {
     for (auto const* const topic : {"a", "b"}) {
         cleaner->clean(topic, milliseconds(0));
     }
-    Sleeper waiter([&] { EXPECT_TRUE(cleaner->waitAllTasks(AN_HOUR)); });
-    ASSERT_TRUE(waiter.fallsAsleep());
+    BlockingThread waiter([&] { EXPECT_TRUE(cleaner->waitAllTasks(AN_HOUR)); });
+    ASSERT_TRUE(waiter.isBlocked());
     look();
     waiter.join();
     EXPECT_THAT(recorder.told(), ElementsAre("a", "b", ALL));
@@ -436,11 +436,12 @@ protected:
 TEST_F(ACleanerWithoutMemory, MakesNoRequest) {
     auto const failures =
         support::failEachAllocation([&] { cleaner->clean(topic, milliseconds(0)); },
-                                [&](unsigned which) {
-                                    EXPECT_TRUE(cleaner->waitAllTasks(milliseconds(0))) << which;
-                                    look();
-                                    EXPECT_EQ(counter.topics + counter.all, 0U) << which;
-                                });
+                                    [&](unsigned which) {
+                                        EXPECT_TRUE(cleaner->waitAllTasks(milliseconds(0)))
+                                            << which;
+                                        look();
+                                        EXPECT_EQ(counter.topics + counter.all, 0U) << which;
+                                    });
     EXPECT_GE(failures, 5U);
     EXPECT_FALSE(cleaner->waitAllTasks(milliseconds(0)));
 }

@@ -1,7 +1,7 @@
 // Stopping and starting while something of the run before is on its way, at moments that are rare
 // by themselves: the proxy's clock holds it up.
 
-#include "requestreply/sleeper.hpp"
+#include "requestreply/blocking_thread.hpp"
 #include "services/time_base_frame.hpp"
 #include "support/manual_timer.hpp"
 #include "support/timeout_factor.hpp"
@@ -72,8 +72,8 @@ TEST_F(AReplyInFlight, DoesNotCountInTheNextRunThatWaits) {
     holdUpTheReply(1);
     proxy->stop();
     bool result = false;
-    Sleeper waiter([&] { result = proxy->synchronize(support::uniqueId(), AN_HOUR); });
-    ASSERT_TRUE(waiter.fallsAsleep());
+    BlockingThread waiter([&] { result = proxy->synchronize(support::uniqueId(), AN_HOUR); });
+    ASSERT_TRUE(waiter.isBlocked());
     letItGo();
     EXPECT_EQ(proxy->offset(), 0.0);
     answerAll(2, SAMPLES, 7.0);
@@ -94,8 +94,8 @@ TEST_F(AReplyInFlight, OfAFailureIsNotMadeAgainInTheNextRun) {
 
 TEST_F(AReplyInFlight, IsWaitedForByTheEndOfTheProxy) {
     holdUpTheReply(1);
-    Sleeper destruction([&] { proxy.reset(); });
-    ASSERT_TRUE(destruction.fallsAsleep());
+    BlockingThread destruction([&] { proxy.reset(); });
+    ASSERT_TRUE(destruction.isBlocked());
     letItGo();
     destruction.join();
     EXPECT_EQ(listener.count(), 0);

@@ -1,6 +1,6 @@
 // What a listener may do from inside its call, and who waits for it.
 
-#include "requestreply/sleeper.hpp"
+#include "requestreply/blocking_thread.hpp"
 #include "services/time_base_frame.hpp"
 #include "support/manual_timer.hpp"
 
@@ -116,11 +116,11 @@ protected:
     /// Does this on another thread, where it lasts until the listener's call ends.
     template <class Action>
     void expectToWait(Action action) {
-        Sleeper sleeper([&] {
+        BlockingThread sleeper([&] {
             action();
             EXPECT_TRUE(left) << "too early";
         });
-        EXPECT_TRUE(sleeper.fallsAsleep());
+        EXPECT_TRUE(sleeper.isBlocked());
         set(mayLeave);
     }
 

@@ -1,13 +1,17 @@
 #pragma once
 
-#include "testsupport/output.hpp"
+#include "support/watched.hpp"
 
 #include <mqtt/test_checks.hpp>
 
 #include <gmock/gmock.h>
 
 #include <functional>
+#include <iostream>
+#include <ostream>
+#include <streambuf>
 #include <string>
+#include <vector>
 
 inline std::string const PREFIX = "[TEST-UTILS] ";
 
@@ -45,10 +49,36 @@ inline void PrintTo(TestCounter const& counter, std::ostream* out) {
 
 } // namespace mqtt
 
-/// Runs a check and says whether it passed; keeps what it prints.
-struct Checked {
-    explicit Checked(std::function<void()> const& check) {
-        Output output;
+/// Takes what is written to the standard output while it lives, from any thread.
+class CapturedOutput : private std::streambuf {
+public:
+    CapturedOutput() : before_(std::cout.rdbuf(this)) {}
+    ~CapturedOutput() override {
+        std::cout.rdbuf(before_); // clears the state too
+    }
+    CapturedOutput(CapturedOutput const&) = delete;
+    CapturedOutput& operator=(CapturedOutput const&) = delete;
+
+    std::string text() const { return text_.copy(); }
+
+private:
+    int_type overflow(int_type character) override {
+        text_.change([&](auto& text) { text += traits_type::to_char_type(character); });
+        return character;
+    }
+    std::streamsize xsputn(char const* bytes, std::streamsize count) override {
+        text_.change([&](auto& text) { text.append(bytes, static_cast<std::size_t>(count)); });
+        return count;
+    }
+
+    support::Watched<std::string> text_;
+    std::streambuf* before_;
+};
+
+/// Runs a check; keeps what it prints and whether it passed.
+struct CheckResult {
+    explicit CheckResult(std::function<void()> const& check) {
+        CapturedOutput const output;
         try {
             check();
             passed = true;
@@ -59,6 +89,6 @@ struct Checked {
     }
 
     bool passed = false;
-    std::string message;
+    std::string message; ///< of the test_error
     std::string text;
 };

@@ -12,23 +12,23 @@
 #include <string>
 #include <thread>
 
-/// A thread that calls something which blocks.
-class Sleeper {
+/// A thread that makes one call, which blocks.
+class BlockingThread {
 public:
-    explicit Sleeper(std::function<void()> call)
+    explicit BlockingThread(std::function<void()> call)
         : thread_([this, call = std::move(call)] {
               number_ = static_cast<long>(syscall(SYS_gettid));
               call();
               ended_ = true;
           }) {}
-    ~Sleeper() { join(); }
-    Sleeper(Sleeper const&) = delete;
-    Sleeper& operator=(Sleeper const&) = delete;
+    ~BlockingThread() { join(); }
+    BlockingThread(BlockingThread const&) = delete;
+    BlockingThread& operator=(BlockingThread const&) = delete;
 
     /// Waits until the call blocks.
     /// @return false when it returns instead
-    bool fallsAsleep() const {
-        // More than once: it may have dozed for another reason.
+    bool isBlocked() const {
+        // Seen several times: a thread may also sleep for a moment on a mutex.
         int seen = 0;
         return support::eventually([&] {
                    seen = number_ != 0 && state() == 'S' ? seen + 1 : 0;
@@ -38,7 +38,7 @@ public:
     }
 
     /// Waits until the call blocks or has returned.
-    bool comesToRest() const {
+    bool isBlockedOrReturns() const {
         return support::eventually([&] { return ended_ || (number_ != 0 && state() == 'S'); });
     }
 

@@ -9,78 +9,77 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <functional>
 #include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
-/// Asked by a server; keeps what it was asked.
+/// Keeps the requests that a server hands to it.
 class ServerListener : public mqtt::RequestReplyServer::Listener {
 public:
     using ErrorCode = mqtt::RequestReply::ErrorCode;
     using Data = std::shared_ptr<mqtt::RequestReplyData>;
     using Answer = std::function<Data(mqtt::RequestReplyData const&, ErrorCode&)>;
 
-    struct Asked {
+    struct Call {
         std::string name;
         zym::common::Uuid clientUuid;
         zym::common::Uuid serverUuid;
         mqtt::RequestReplyData const* data;
-        ErrorCode error;
+        ErrorCode error; ///< before the listener changes it
     };
 
-    /// @param answer what comes of a request; nothing but success without one
+    /// @param answer makes the reply and the error; without it the error is SUCCESS
     explicit ServerListener(Answer answer = {}) : answer_(std::move(answer)) {}
     virtual ~ServerListener() = default;
 
-    /// For the requests to come. What the caller wrote before is seen by the answer.
+    /// For the requests to come.
     void setAnswer(Answer answer) {
         answer_.change([&](auto& current) { current = std::move(answer); });
     }
 
-    std::vector<Asked> asked() const { return asked_.copy(); }
-    std::size_t count() const { return asked().size(); }
+    std::vector<Call> calls() const { return calls_.copy(); }
+    std::size_t count() const { return calls().size(); }
 
     Data onRequest(std::string const& name, zym::common::Uuid const& clientUuid,
                    zym::common::Uuid const& serverUuid, mqtt::RequestReplyData const& requestData,
                    ErrorCode& error) override {
-        asked_.change([&](auto& all) {
+        calls_.change([&](auto& all) {
             all.push_back({name, clientUuid, serverUuid, &requestData, error});
         });
-        // A copy: the listener may be gone when it returns.
+        // A copy, because the answer may destroy this listener.
         auto const answer = answer_.copy();
         return answer ? answer(requestData, error) : nullptr;
     }
 
 private:
     support::Watched<Answer> answer_;
-    support::Watched<std::vector<Asked>> asked_;
+    support::Watched<std::vector<Call>> calls_;
 };
 
-/// Servers on one client, and a stranger who asks them.
-class ServerSession : public testing::Test {
+/// Servers on one MQTT client, and a raw peer that sends requests to them.
+class ServerOnABroker : public testing::Test {
 protected:
-    using Client = mqtt::MqttClient;
     using Error = mqtt::MqttClient::Error;
     using ErrorCode = mqtt::RequestReply::ErrorCode;
     using Server = mqtt::RequestReplyServer;
     using Uuid = zym::common::Uuid;
     using Strings = std::vector<std::string>;
 
-    ServerSession() {
+    ServerOnABroker() {
         EXPECT_EQ(client->subscribe("session/down", &marker_, 0), Error::SUCCESS);
         peer.subscribe("#");
     }
 
-    /// Returns when everything sent before has arrived, on the way there and on the way back, and
-    /// what came to the client has been handled.
+    /// Returns when the client has handled everything that was sent to it, and the peer has
+    /// everything that the client has sent.
     void settle() {
         auto const mark = std::to_string(++marks_);
-        sendUp(mark);
+        sendToPeer(mark);
         peer.publish("session/down", mark);
         ASSERT_TRUE(marker_.waitForPayload(mark));
-        sendUp(mark + "!");
+        sendToPeer(mark + "!");
     }
 
     /// A server for the name n on the base x, without identifier.
@@ -92,9 +91,9 @@ protected:
         return server;
     }
 
-    void ask(std::string const& payload) { peer.publish("x/n?\?/" + CALLER, payload); }
+    void request(std::string const& payload) { peer.publish("x/n?\?/" + CLIENT_ID, payload); }
 
-    /// All replies sent so far, whoever they are for.
+    /// All replies sent so far, to any client.
     std::vector<support::Message> replies() {
         settle();
         std::vector<support::Message> result;
@@ -119,21 +118,18 @@ protected:
                + "\n}";
     }
 
-    std::string const CALLER = Uuid(1).base64URL();
+    std::string const CLIENT_ID = Uuid(1).base64URL();
 
     support::Broker broker;
     support::RawPeer peer{broker};
 
 private:
-    void sendUp(std::string const& mark) {
+    void sendToPeer(std::string const& mark) {
         ASSERT_EQ(client->publish("session/up", mark, 2, false), Error::SUCCESS);
         ASSERT_TRUE(peer.waitFor([&](auto const& messages) {
-            for (auto const& message : messages) {
-                if (message.topic == "session/up" && message.payload == mark) {
-                    return true;
-                }
-            }
-            return false;
+            return std::any_of(messages.begin(), messages.end(), [&](auto const& message) {
+                return message.topic == "session/up" && message.payload == mark;
+            });
         }));
     }
 
@@ -141,5 +137,5 @@ private:
     support::MessageRecorder marker_;
 
 protected:
-    std::unique_ptr<Client> client = support::testClient(broker);
+    std::unique_ptr<mqtt::MqttClient> client = support::testClient(broker);
 };

@@ -3,6 +3,7 @@
 #include "requestreply/sample_data.hpp"
 #include "support/broker.hpp"
 #include "support/raw_peer.hpp"
+#include "support/recorder.hpp"
 #include "support/test_client.hpp"
 #include "support/watched.hpp"
 
@@ -20,19 +21,20 @@
 
 using Code = mqtt::RequestReply::ErrorCode;
 
-/// An error code of the service's own.
-constexpr Code FAILURE_OF_THE_SERVICE{17};
-/// Far longer than any test takes, but not without limit.
-constexpr std::uint32_t AN_HOUR = 3600;
-/// Long enough to see that something does not happen; it never makes a right client fail.
-constexpr std::chrono::milliseconds A_WHILE{300};
+/// An error code that a service defines itself.
+constexpr Code SERVICE_ERROR{17};
+/// Longer than any test takes, in seconds.
+constexpr std::uint32_t LONG_TIMEOUT_S = 3600;
+constexpr std::uint32_t NO_TIME_LIMIT = UINT32_MAX;
+/// How long a test watches that something does not happen. A correct client never fails by it.
+constexpr std::chrono::milliseconds OBSERVATION_TIME{300};
 
 inline std::ostream& operator<<(std::ostream& out, zym::common::Uuid const& id) {
     return out << id.to_string();
 }
 
-/// One call of a listener.
-struct Call {
+/// One call of a reply listener.
+struct ReplyCall {
     unsigned int requestId;
     std::string name;
     zym::common::Uuid clientUuid;
@@ -42,16 +44,16 @@ struct Call {
     std::thread::id thread;
 };
 
-/// A listener that keeps what it is told. Declare it before the client.
+/// A listener that keeps its calls. Declare it before the client.
 class ReplyRecorder : public mqtt::RequestReplyClient::Listener {
 public:
-    using Hook = std::function<void(Call const&)>;
+    using Hook = std::function<void(ReplyCall const&)>;
 
-    /// @param hook called within every call, after it was kept; it outlives the recorder
+    /// @param hook called within every call, after that was recorded; it may destroy the recorder
     explicit ReplyRecorder(Hook hook = {}) : hook_(std::make_shared<Hook>(std::move(hook))) {}
     virtual ~ReplyRecorder() = default;
 
-    std::vector<Call> calls() const { return calls_.copy(); }
+    std::vector<ReplyCall> calls() const { return calls_.copy(); }
     std::size_t count() const { return calls().size(); }
     bool waitForCount(std::size_t count,
                       std::chrono::milliseconds deadline = support::DEADLINE) const {
@@ -68,9 +70,9 @@ public:
     void onReply(unsigned int requestId, std::string const& name,
                  zym::common::Uuid const& clientUuid, zym::common::Uuid const& serverUuid,
                  mqtt::RequestReplyData const& data, Code error) override {
-        Call const call{
+        ReplyCall const call{
             requestId, name, clientUuid, serverUuid, &data, error, std::this_thread::get_id()};
-        // Who waits for this call may destroy the recorder as soon as it was kept.
+        // A thread that waits for this call may destroy the recorder once it is recorded.
         auto const hook = hook_;
         calls_.change([&](auto& calls) { calls.push_back(call); });
         if (*hook) {
@@ -79,17 +81,19 @@ public:
     }
 
 private:
-    support::Watched<std::vector<Call>> calls_;
+    support::Watched<std::vector<ReplyCall>> calls_;
     std::shared_ptr<Hook> const hook_;
 };
 
-/// The topic of the reply to a request, in words of a stranger.
+// Topics and documents of replies, made without the library's code.
+
+/// The topic of the reply to a request on this topic.
 inline std::string replyTopicFor(std::string topic) {
     auto const suffix = topic.rfind("?\?/");
     return topic.replace(suffix, 2, "?=");
 }
 
-/// The identifier in a message, in words of a stranger.
+/// The identifier in a message.
 inline unsigned int idIn(std::string const& payload) {
     std::string const key = "\"$reqId\": ";
     return static_cast<unsigned int>(std::stoul(payload.substr(payload.find(key) + key.size())));
@@ -100,10 +104,10 @@ inline std::string replyText(unsigned int requestId, int error, std::string cons
            + (members.empty() ? "" : ", ") + members + "}";
 }
 
-/// Answers every request below svc/ with whatever the test likes, and knows nothing of our code.
+/// Answers every request below svc/ without the library's code.
 class RawServer {
 public:
-    /// Makes the payloads to send on the reply topic, in this order, of that of the request.
+    /// From the payload of a request to the payloads of its replies.
     using Answer = std::function<std::vector<std::string>(std::string const& request)>;
 
     RawServer(support::Broker const& broker, Answer answer)
@@ -150,7 +154,7 @@ private:
     std::thread thread_;
 };
 
-/// An MQTT client on a broker with a stranger who sees all that is carried below svc/.
+/// An MQTT client on a broker, and a raw peer that receives all messages below svc/.
 class SessionOnABroker : public testing::Test {
 protected:
     using Uuid = zym::common::Uuid;
@@ -163,13 +167,13 @@ protected:
         return options;
     }
 
-    /// Returns when the broker knows all subscriptions that were made through this.
+    /// Returns when the broker knows all subscriptions of this client.
     static void settle(mqtt::MqttClient& through) {
         EXPECT_EQ(through.publishWait("settled", "", 1, false, 30),
                   mqtt::MqttClient::Error::SUCCESS);
     }
 
-    /// What the broker has carried below svc/ so far, and what our client has sent before.
+    /// All messages below svc/ so far, with those that our client has sent before.
     support::RawPeer::Messages seen() {
         auto const marker = "svc/marker/" + std::to_string(++markers);
         EXPECT_EQ(mqtt->publish(marker, "x", 2, false), mqtt::MqttClient::Error::SUCCESS);
@@ -184,19 +188,12 @@ protected:
         return messages;
     }
 
-    /// Waits until our client has dealt with all that was published before.
+    /// Waits until our client has handled everything that was published before.
     void receiveAll() {
-        support::Watched<int> received;
-        struct Probe : mqtt::MqttClient::Subscriber {
-            explicit Probe(support::Watched<int>& target) : target_(target) {}
-            void onMqttMessage(int, mqtt::Topic const&, std::string const&) override {
-                target_.change([](int& count) { ++count; });
-            }
-            support::Watched<int>& target_;
-        } probe(received);
+        support::MessageRecorder probe;
         ASSERT_EQ(mqtt->subscribe("probe", &probe, 0), mqtt::MqttClient::Error::SUCCESS);
         ASSERT_EQ(mqtt->publish("probe", "x", 2, false), mqtt::MqttClient::Error::SUCCESS);
-        EXPECT_TRUE(received.waitFor([](int count) { return count > 0; }));
+        EXPECT_TRUE(probe.waitForCount(1));
         mqtt->release(&probe);
     }
 
@@ -219,12 +216,12 @@ protected:
     }
 
     /// Sends a request with the number 7, for a reply that goes to `replyData`.
-    Code request(conv::SecondsDuration const& timeout = AN_HOUR) {
+    Code request(conv::SecondsDuration const& timeout = LONG_TIMEOUT_S) {
         return client->request(&recorder, id, Uuid::NIL, std::make_shared<NumberData>(7), replyData,
                                &requestId, timeout);
     }
 
-    Code requestWait(conv::SecondsDuration const& timeout = AN_HOUR) {
+    Code requestWait(conv::SecondsDuration const& timeout = LONG_TIMEOUT_S) {
         return client->requestWait(id, Uuid::NIL, std::make_shared<NumberData>(7), replyData,
                                    timeout);
     }
@@ -232,7 +229,7 @@ protected:
     std::string requestTopic() const { return "svc/time/sync?\?/" + id.base64URL(); }
     std::string replyTopic() const { return "svc/time/sync?=/" + id.base64URL(); }
 
-    /// Returns when the broker has our last request, and so the subscription before it too.
+    /// Returns when the broker has our last request, and the subscription before it.
     void awaitRequest() {
         EXPECT_TRUE(peer.waitFor([&](auto const& all) {
             return std::any_of(all.begin(), all.end(), [&](auto const& message) {
