@@ -1,6 +1,6 @@
 #include "number_text.hpp"
 
-#include "support/sanitizers.hpp"
+#include "support/timeout_factor.hpp"
 
 #include <gtest/gtest.h>
 
@@ -66,7 +66,7 @@ TEST(ANumberText, IsShortAndReadsBackTheSame) {
 
 TEST(ANumberText, ReadsBackTheSameForAnyBits) {
     std::mt19937_64 bits(1);
-    for (int i = 0; i < 20000 / support::SLOWNESS; ++i) {
+    for (int i = 0; i < 20000 / support::TIMEOUT_FACTOR; ++i) {
         std::uint64_t const pattern = bits();
         double number = 0;
         std::memcpy(&number, &pattern, sizeof(number));
@@ -96,7 +96,7 @@ void expectAsByTheStandardLibraryAround(double number) {
 
 TEST(ANumberText, IsThatOfTheStandardLibraryForNumbersWithFewDecimals) {
     std::mt19937_64 random(3);
-    for (int i = 0; i < 30000 / support::SLOWNESS; ++i) {
+    for (int i = 0; i < 30000 / support::TIMEOUT_FACTOR; ++i) {
         auto const digits = static_cast<double>(random() >> random() % 64U);
         double const power = std::pow(10, static_cast<int>(random() % 20U));
         ASSERT_NO_FATAL_FAILURE(expectAsByTheStandardLibraryAround(digits / power));
