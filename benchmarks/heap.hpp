@@ -6,7 +6,7 @@
 
 namespace bench {
 
-/// Bytes of heap in use, those of all threads.
+/// Bytes of heap that this process uses.
 inline std::size_t heapInUse() {
 #if __GLIBC_PREREQ(2, 33)
     auto const info = ::mallinfo2();

@@ -1,186 +1,203 @@
 #include "measurements.hpp"
 
-#include "cpu_clock.hpp"
-#include "statistics.hpp"
+#include "samples.hpp"
+#include "text_exchanges.hpp"
+
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <cstddef>
-#include <limits>
 
 namespace bench {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using Figures = std::vector<Figure>;
+using Samples = std::vector<double>;
 
 constexpr char const* TOPIC = "bench/device/status";
 constexpr double MICROSECONDS = 1e6;
-constexpr double UNKNOWN = std::numeric_limits<double>::quiet_NaN();
+/// At most so many messages are under way: the broker drops messages at QoS 0 for a subscriber that
+/// is 1000 behind.
+constexpr std::uint64_t WINDOW = 800;
+std::string const TEXT(64, 'x');
 
 double secondsSince(Clock::time_point start) {
     return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
-/// The processor times of everyone who takes part in a throughput run.
+/// @param fraction above 0, up to 1
+double percentile(Samples samples, double fraction) {
+    std::sort(samples.begin(), samples.end());
+    auto const rank = std::ceil(fraction * static_cast<double>(samples.size()));
+    return samples[static_cast<std::size_t>(rank) - 1];
+}
+
+// Throughput
+
+/// Processor time in seconds.
 struct CpuTimes {
     double publisher;
     double subscriber;
     double broker;
 };
 
-/// Both clients live in this process: what the subscriber's worker thread did not use went
-/// into publishing, on the caller's and the publisher's worker thread.
-CpuTimes cpuTimes(Tally const& received, BrokerProcess const& broker) {
-    double const subscriber = received.countingThreadCpuTime();
-    return {cpuSeconds(CLOCK_PROCESS_CPUTIME_ID) - subscriber, subscriber, broker.cpuTime()};
+/// Both clients live in this process: what the subscriber's thread has not used is the publisher's.
+CpuTimes cpuTimes(MessageCounter const& received, BenchmarkBroker const& broker) {
+    double const subscriber = received.cpuSecondsOfCountingThread();
+    return {cpuSeconds(CLOCK_PROCESS_CPUTIME_ID) - subscriber, subscriber, broker.cpuSeconds()};
 }
 
-/// At QoS 0 the last small packets of a window now and then wait 40 ms for an acknowledgement
-/// by the other kernel: a longer run has its fair share of these pauses, a short one has luck.
+/// At QoS 0 the last small packets of a window sometimes wait 40 ms for an acknowledgement by the
+/// other kernel. Only a long run has an average share of these pauses.
 std::uint64_t messagesAt(int qos, Effort const& effort) {
     return qos == 0 ? effort.messages * 5 : effort.messages;
 }
 
-/// The broker throws QoS 0 messages away when a subscriber falls too far behind, so only
-/// a window of them is on its way. The wait is for half a window, lest everything come to
-/// a stop and be woken up again all the time.
-template <typename Send>
-void publishAll(Send send, Tally& received, std::uint64_t messages, unsigned window) {
-    std::uint64_t const half = std::max(window / 2, 1U);
+/// Waits for half a window each time: waiting for all of it would stop everyone again and again.
+void publishAll(Action const& publish, MessageCounter& received, std::uint64_t messages) {
     for (std::uint64_t sent = 0; sent < messages; ++sent) {
-        if (sent >= 2 * half && sent % half == 0) {
-            received.waitFor(sent - half);
+        if (sent >= WINDOW && sent % (WINDOW / 2) == 0) {
+            received.waitFor(sent - WINDOW / 2);
         }
-        send();
+        publish();
     }
     received.waitFor(messages);
 }
 
-template <typename Send>
-std::vector<Figure> timeAll(Party const& party, Send send, Tally& received,
-                            BrokerProcess const& broker, std::uint64_t messages, unsigned window) {
+Figures measureThroughput(ClientLibrary const& library, Action const& publish,
+                          MessageCounter& received, BenchmarkBroker const& broker,
+                          std::uint64_t messages) {
     CpuTimes const before = cpuTimes(received, broker);
     auto const start = Clock::now();
-    publishAll(send, received, messages, window);
-    double const seconds = secondsSince(start);
-    CpuTimes const after = cpuTimes(received, broker);
+    publishAll(publish, received, messages);
     auto const count = static_cast<double>(messages);
-    auto const each = [count](double used) { return used / count * MICROSECONDS; };
-    double const publisher = each(after.publisher - before.publisher);
-    double const subscriber = each(after.subscriber - before.subscriber);
-    bool const apart = party.hasThreadsOfItsOwn();
-    return {{"throughput", "msg/s", count / seconds},
-            {"publisher CPU", "us/msg", apart ? publisher : UNKNOWN},
-            {"subscriber CPU", "us/msg", apart ? subscriber : UNKNOWN},
-            {"client CPU", "us/msg", publisher + subscriber},
-            {"broker CPU", "us/msg", each(after.broker - before.broker)}};
+    double const messagesPerSecond = count / secondsSince(start);
+    CpuTimes const after = cpuTimes(received, broker);
+    auto const perMessage = [count](double seconds) { return seconds / count * MICROSECONDS; };
+    double const publisher = perMessage(after.publisher - before.publisher);
+    double const subscriber = perMessage(after.subscriber - before.subscriber);
+    Figures figures{{"throughput", "msg/s", messagesPerSecond},
+                    {"client CPU", "us/msg", publisher + subscriber},
+                    {"broker CPU", "us/msg", perMessage(after.broker - before.broker)}};
+    if (library.hasThreadPerClient()) {
+        figures.push_back({"publisher CPU", "us/msg", publisher});
+        figures.push_back({"subscriber CPU", "us/msg", subscriber});
+    }
+    return figures;
 }
 
-std::vector<Figure> throughput(Party& party, BrokerProcess const& broker, int qos, std::size_t size,
-                               Effort const& effort) {
-    Tally received;
-    auto const subscriber = party.makeSubscriber(broker.port(), TOPIC, received);
-    auto const publisher = party.makePublisher(broker.port(), TOPIC);
-    std::string const payload(size, 'x');
-    return timeAll(
-        party, [&] { publisher->publish(payload, qos); }, received, broker, messagesAt(qos, effort),
-        effort.window);
+Measurement throughput(int qos, std::size_t size, Effort const& effort) {
+    return {"throughput-qos" + std::to_string(qos) + '-' + std::to_string(size),
+            [=](ClientLibrary const& library, BenchmarkBroker const& broker) {
+                MessageCounter received;
+                auto const subscriber =
+                    makeCountingSubscriber(library, broker.port(), TOPIC, received);
+                auto const publisher = library.makeClient(broker.port());
+                auto const topic = publisher->addTopic(TOPIC);
+                publisher->connect();
+                std::string const payload(size, 'x');
+                return measureThroughput(
+                    library, [&] { publisher->publishInStream(topic, payload, qos, false); },
+                    received, broker, messagesAt(qos, effort));
+            }};
 }
 
-/// Typed values are retained: with a topic of its own no run meets the last value of another.
-std::vector<Figure> valueThroughput(Party& party, BrokerProcess const& broker, Document document,
-                                    Effort const& effort) {
-    static unsigned runs = 0;
-    std::string const topic = "bench/device" + std::to_string(++runs);
-    Tally received;
-    auto const subscriber = party.makeValueSubscriber(broker.port(), topic, document, received);
-    auto const publisher = party.makeValuePublisher(broker.port(), topic, document);
-    return timeAll(
-        party, [&] { publisher->publish(); }, received, broker, effort.messages, effort.window);
+Measurement valueThroughput(char const* name, Document document, Effort const& effort) {
+    return {name, [=](ClientLibrary const& library, BenchmarkBroker const& broker) {
+                // Values are retained: a topic that was used before would bring an old one.
+                static unsigned runs = 0;
+                std::string const topic = "bench/device" + std::to_string(++runs);
+                MessageCounter received;
+                auto const subscriber =
+                    library.makeValueSubscriber(broker.port(), topic, document, received);
+                auto const publish = library.makeValuePublisher(broker.port(), topic, document);
+                return measureThroughput(library, publish, received, broker, effort.messages);
+            }};
 }
 
-/// Repeats until there are enough samples or enough time has gone by: one sample takes from
-/// a fraction of a millisecond to a tenth of a second.
-template <typename Sample>
-void takeSamples(unsigned count, Effort const& effort, Sample sample) {
+// Latency
+
+template <class Action>
+double microsecondsOf(Action&& action) {
     auto const start = Clock::now();
-    for (unsigned taken = 0; taken < count && secondsSince(start) < effort.seconds; ++taken) {
+    action();
+    return secondsSince(start) * MICROSECONDS;
+}
+
+/// Repeats until there are enough samples, or until enough time has gone by: a sample takes from a
+/// tenth of a millisecond to a second.
+template <class Sample>
+void takeSamples(unsigned count, Effort const& effort, Sample&& sample) {
+    auto const start = Clock::now();
+    for (unsigned taken = 0;
+         taken < count && secondsSince(start) < effort.longestSecondsForLatencies; ++taken) {
         sample();
     }
 }
 
-template <typename Action>
-std::vector<Figure> latencies(Effort const& effort, Action action) {
-    std::vector<double> samples;
-    takeSamples(effort.latencies, effort, [&] {
-        auto const start = Clock::now();
-        action();
-        samples.push_back(secondsSince(start) * MICROSECONDS);
-    });
+Figures measureLatencies(Effort const& effort, Action const& action) {
+    Samples samples;
+    takeSamples(effort.latencies, effort, [&] { samples.push_back(microsecondsOf(action)); });
     return {{"p50", "us", percentile(samples, 0.5)}, {"p99", "us", percentile(samples, 0.99)}};
 }
 
-std::vector<Figure> acknowledgement(Party& party, BrokerProcess const& broker, int qos,
-                                    Effort const& effort) {
-    auto const publisher = party.makePublisher(broker.port(), TOPIC);
-    std::string const payload(64, 'x');
-    return latencies(effort, [&] { publisher->publishAndWait(payload, qos); });
-}
-
-template <typename Exchange>
-std::vector<Figure> exchanges(Party& party, BrokerProcess const& broker, Effort const& effort,
-                              Exchange exchange) {
-    auto const dialogue =
-        party.makeDialogue(broker.port(), "bench/device/question", "bench/panel/answer");
-    std::string const payload(64, 'x');
-    return latencies(effort, [&] { exchange(*dialogue, payload); });
-}
-
-std::vector<Figure> requests(Party& party, BrokerProcess const& broker, Effort const& effort) {
-    auto const requester = party.makeRequester(broker.port());
-    return latencies(effort, [&] { requester->request(); });
-}
-
-std::vector<Figure> connecting(Party& party, BrokerProcess const& broker, Effort const& effort) {
-    auto const caller = party.makeCaller(broker.port());
-    std::vector<double> connects;
-    std::vector<double> visits;
-    takeSamples(effort.connections, effort, [&] {
-        auto const start = Clock::now();
-        caller->connect();
-        connects.push_back(secondsSince(start) * MICROSECONDS);
-        caller->disconnect();
-        visits.push_back(secondsSince(start) * MICROSECONDS);
-    });
-    return {{"connect p50", "us", percentile(connects, 0.5)},
-            {"connect p99", "us", percentile(connects, 0.99)},
-            {"connect and disconnect p50", "us", percentile(visits, 0.5)}};
-}
-
-template <typename Exchange>
-Measurement exchangeOf(char const* name, Effort const& effort, Exchange exchange) {
-    return {name, [=](Party& party, BrokerProcess const& broker) {
-                return exchanges(party, broker, effort, exchange);
-            }};
-}
-
-Measurement throughputOf(int qos, std::size_t size, Effort const& effort) {
-    return {"throughput-qos" + std::to_string(qos) + '-' + std::to_string(size),
-            [=](Party& party, BrokerProcess const& broker) {
-                return throughput(party, broker, qos, size, effort);
-            }};
-}
-
-Measurement valueThroughputOf(char const* name, Document document, Effort const& effort) {
-    return {name, [=](Party& party, BrokerProcess const& broker) {
-                return valueThroughput(party, broker, document, effort);
-            }};
-}
-
-Measurement acknowledgementOf(int qos, Effort const& effort) {
+Measurement acknowledgement(int qos, Effort const& effort) {
     return {"acknowledge-qos" + std::to_string(qos),
-            [=](Party& party, BrokerProcess const& broker) {
-                return acknowledgement(party, broker, qos, effort);
+            [=](ClientLibrary const& library, BenchmarkBroker const& broker) {
+                auto const publisher = library.makeClient(broker.port());
+                auto const topic = publisher->addTopic(TOPIC);
+                publisher->connect();
+                return measureLatencies(effort,
+                                        [&] { publisher->publishAndWait(topic, TEXT, qos); });
+            }};
+}
+
+Measurement dialogue(char const* name, Effort const& effort, void (*exchange)(Dialogue&)) {
+    return {name, [=](ClientLibrary const& library, BenchmarkBroker const& broker) {
+                Dialogue dialogue(library, broker.port(), "bench/device/question",
+                                  "bench/panel/answer", TEXT, TEXT, true);
+                return measureLatencies(effort, [&] { exchange(dialogue); });
+            }};
+}
+
+Measurement requestReply(Effort const& effort) {
+    return {"request-reply", [=](ClientLibrary const& library, BenchmarkBroker const& broker) {
+                return measureLatencies(effort, library.makeRequester(broker.port()));
+            }};
+}
+
+/// Over many connections, each of a client and of the service that it requests.
+Measurement firstExchanges(Effort const& effort) {
+    return {FIRST_EXCHANGES, [=](ClientLibrary const& library, BenchmarkBroker const& broker) {
+                constexpr int EXCHANGES = 24;
+                Samples samples;
+                takeSamples(effort.connections, effort, [&] {
+                    auto const request = library.makeRequester(broker.port());
+                    for (int i = 0; i < EXCHANGES; ++i) {
+                        samples.push_back(microsecondsOf(request));
+                    }
+                });
+                return Figures{{"p50", "us", percentile(samples, 0.5)},
+                               {"p99", "us", percentile(samples, 0.99)},
+                               {"slowest", "us", percentile(samples, 1)}};
+            }};
+}
+
+Measurement connecting(Effort const& effort) {
+    return {"connect", [=](ClientLibrary const& library, BenchmarkBroker const& broker) {
+                auto const client = library.makeClient(broker.port());
+                Samples connects;
+                Samples both;
+                takeSamples(effort.connections, effort, [&] {
+                    connects.push_back(microsecondsOf([&] { client->connect(); }));
+                    both.push_back(connects.back() + microsecondsOf([&] { client->disconnect(); }));
+                });
+                return Figures{{"connect p50", "us", percentile(connects, 0.5)},
+                               {"connect p99", "us", percentile(connects, 0.99)},
+                               {"connect and disconnect p50", "us", percentile(both, 0.5)}};
             }};
 }
 
@@ -189,27 +206,23 @@ Measurement acknowledgementOf(int qos, Effort const& effort) {
 std::vector<Measurement> allMeasurements(Effort const& effort) {
     std::vector<Measurement> all;
     for (int const qos : {0, 1, 2}) {
-        for (std::size_t const size : {std::size_t{64}, std::size_t{1024}}) {
-            all.push_back(throughputOf(qos, size, effort));
-        }
+        all.push_back(throughput(qos, 64, effort));
+        all.push_back(throughput(qos, 1024, effort));
     }
-    all.push_back(valueThroughputOf("values-communication", Document::COMMUNICATION, effort));
-    all.push_back(valueThroughputOf("values-identification", Document::IDENTIFICATION, effort));
-    all.push_back(acknowledgementOf(1, effort));
-    all.push_back(acknowledgementOf(2, effort));
-    using Payload = std::string const&;
-    all.push_back(exchangeOf("round-trip", effort,
-                             [](Dialogue& dialogue, Payload text) { dialogue.ask(text, 1); }));
-    all.push_back(exchangeOf("burst-of-four", effort,
-                             [](Dialogue& dialogue, Payload text) { dialogue.ask(text, 4); }));
-    all.push_back(exchangeOf("subscribe-and-ask", effort,
-                             [](Dialogue& dialogue, Payload text) { dialogue.askAnew(text); }));
-    all.push_back({"request-reply", [effort](Party& party, BrokerProcess const& broker) {
-                       return requests(party, broker, effort);
-                   }});
-    all.push_back({"connect", [effort](Party& party, BrokerProcess const& broker) {
-                       return connecting(party, broker, effort);
-                   }});
+    all.push_back(valueThroughput("values-communication", Document::COMMUNICATION, effort));
+    all.push_back(valueThroughput("values-identification", Document::IDENTIFICATION, effort));
+    all.push_back(acknowledgement(1, effort));
+    all.push_back(acknowledgement(2, effort));
+    all.push_back(dialogue("round-trip", effort, [](Dialogue& both) { both.ask(1); }));
+    all.push_back(dialogue("burst-of-four", effort, [](Dialogue& both) { both.ask(4); }));
+    all.push_back(dialogue("subscribe-and-ask", effort, [](Dialogue& both) {
+        both.unsubscribe();
+        both.subscribe();
+        both.ask(1);
+    }));
+    all.push_back(requestReply(effort));
+    all.push_back(firstExchanges(effort));
+    all.push_back(connecting(effort));
     return all;
 }
 

@@ -1,28 +1,37 @@
 #pragma once
 
-#include "broker_process.hpp"
-#include "options.hpp"
-#include "party.hpp"
+#include "benchmark_broker.hpp"
+#include "benchmark_client.hpp"
 
+#include <cstdint>
 #include <functional>
 #include <string>
 #include <vector>
 
 namespace bench {
 
-/// One number of one run of one party.
+/// How much one repetition does.
+struct Effort {
+    std::uint64_t messages = 20000;          ///< in a throughput run; five times as many at QoS 0
+    unsigned latencies = 1000;               ///< at most
+    unsigned connections = 200;              ///< at most
+    double longestSecondsForLatencies = 4.0; ///< ends the taking of latencies and connections
+};
+
 struct Figure {
     std::string name;
     std::string unit;
-    double value; ///< not a number: the party does not tell
+    double value;
 };
 
 struct Measurement {
     std::string name;
-    /// Makes clients of the party, takes the figures (always the same ones in the same order)
-    /// and leaves nothing behind.
-    std::function<std::vector<Figure>(Party&, BrokerProcess const&)> run;
+    /// Makes clients of the library, measures, and leaves nothing behind.
+    std::function<std::vector<Figure>(ClientLibrary const&, BenchmarkBroker const&)> run;
 };
+
+/// The one measurement that also shows the bare library with prompt acknowledgements.
+constexpr char const* FIRST_EXCHANGES = "first-exchanges";
 
 std::vector<Measurement> allMeasurements(Effort const& effort);
 

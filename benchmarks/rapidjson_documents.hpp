@@ -1,40 +1,194 @@
 #pragma once
 
+#include "samples.hpp"
+
 #include <mqtt/link.hpp>
 #include <mqtt/payloads.hpp>
 #include <mqtt/request_reply.hpp>
 
-#include <cstddef>
+#include <rapidjson/document.h>
+#include <rapidjson/stringbuffer.h>
+#include <rapidjson/writer.h>
+
+#include <stdexcept>
 #include <string>
+#include <type_traits>
 #include <vector>
 
-/// The documents as a user of bare RapidJSON would write and read them: a writer into a buffer,
-/// and a document whose members are looked up and checked.
+/// The documents as a user of RapidJSON alone would write and read them: a Writer into a buffer,
+/// and a Document whose members are looked up and checked.
 namespace bench::rapid {
 
-/// Writes a document, which is then thrown away.
-/// @return its length
-std::size_t write(conv::CommunicationStatus const& value);
-std::size_t write(conv::Identification const& value);
-std::size_t write(conv::ServiceStatus const& value);
-std::size_t write(mqtt::Link const& value);
-std::size_t write(std::vector<mqtt::Link> const& value);
-std::size_t write(mqtt::RequestReply::Request const& value);
-std::size_t write(mqtt::RequestReply::Reply const& value);
+using Writer = rapidjson::Writer<rapidjson::StringBuffer>;
 
-/// Writes a document for somebody who keeps it.
-std::string text(conv::CommunicationStatus const& value);
-std::string text(conv::Identification const& value);
+/// Calls `visit(key, member)` for each member of a value.
+template <class T>
+struct Members;
 
-/// Reads a document.
-/// @throws std::runtime_error when something is missing: a comparison of which one side failed
+template <>
+struct Members<conv::CommunicationStatus> {
+    template <class Value, class Visit>
+    static void visitAll(Value& value, Visit visit) {
+        visit("state", value.state);
+        visit("since", value.since.seconds);
+    }
+};
+
+template <>
+struct Members<conv::Identification> {
+    template <class Value, class Visit>
+    static void visitAll(Value& value, Visit visit) {
+        visit("uuid", value.uuid);
+        visit("manufacturer", value.manufacturer);
+        visit("model", value.model);
+        visit("serial", value.serial);
+        visit("physicalName", value.physicalName);
+        visit("name", value.name);
+        visit("interface", value.interface);
+        visit("version", value.version);
+        visit("location", value.location);
+        visit("contact", value.contact);
+    }
+};
+
+template <>
+struct Members<conv::ServiceStatus> {
+    template <class Value, class Visit>
+    static void visitAll(Value& value, Visit visit) {
+        visit("operating", value.operating);
+        visit("health", value.health);
+    }
+};
+
+template <>
+struct Members<mqtt::Link> {
+    template <class Value, class Visit>
+    static void visitAll(Value& value, Visit visit) {
+        visit("@id", value.id);
+    }
+};
+
+template <>
+struct Members<mqtt::RequestReply::Request> {
+    template <class Value, class Visit>
+    static void visitAll(Value& value, Visit visit) {
+        visit("$reqId", value.requestId);
+        visit("text", static_cast<Text&>(*value.data).text);
+    }
+};
+
+template <>
+struct Members<mqtt::RequestReply::Reply> {
+    template <class Value, class Visit>
+    static void visitAll(Value& value, Visit visit) {
+        visit("$reqId", value.requestId);
+        visit("$err", value.error);
+        visit("text", static_cast<Text&>(*value.data).text);
+    }
+};
+
+struct WriteMember {
+    void operator()(char const* key, std::string const& text) const {
+        out.Key(key);
+        out.String(text.data(), static_cast<rapidjson::SizeType>(text.size()));
+    }
+    void operator()(char const* key, double number) const {
+        out.Key(key);
+        out.Double(number);
+    }
+    template <class Integer>
+    std::enable_if_t<!std::is_floating_point_v<Integer>> operator()(char const* key,
+                                                                    Integer number) const {
+        out.Key(key);
+        out.Uint(static_cast<unsigned>(number));
+    }
+
+    Writer& out;
+};
+
+inline void require(bool condition) {
+    if (!condition) {
+        throw std::runtime_error("RapidJSON cannot read a document");
+    }
+}
+
+struct ReadMember {
+    void operator()(char const* key, std::string& text) const {
+        auto const& value = find(key);
+        require(value.IsString());
+        text.assign(value.GetString(), value.GetStringLength());
+    }
+    void operator()(char const* key, double& number) const {
+        auto const& value = find(key);
+        require(value.IsNumber());
+        number = value.GetDouble();
+    }
+    template <class Integer>
+    void operator()(char const* key, Integer& number) const {
+        auto const& value = find(key);
+        require(value.IsUint());
+        number = static_cast<Integer>(value.GetUint());
+    }
+    rapidjson::Value const& find(char const* key) const {
+        auto const member = object.FindMember(key);
+        require(member != object.MemberEnd());
+        return member->value;
+    }
+
+    rapidjson::Value const& object;
+};
+
+template <class T>
+void writeObject(Writer& out, T const& value) {
+    out.StartObject();
+    Members<T>::visitAll(value, WriteMember{out});
+    out.EndObject();
+}
+
+inline void writeObject(Writer& out, std::vector<mqtt::Link> const& links) {
+    out.StartObject();
+    WriteMember{out}("members@count", links.size());
+    out.Key("members");
+    out.StartArray();
+    for (auto const& link : links) {
+        writeObject(out, link);
+    }
+    out.EndArray();
+    out.EndObject();
+}
+
+template <class T>
+void readObject(rapidjson::Value const& object, T& value) {
+    require(object.IsObject());
+    Members<T>::visitAll(value, ReadMember{object});
+}
+
+inline void readObject(rapidjson::Value const& object, std::vector<mqtt::Link>& links) {
+    require(object.IsObject());
+    auto const& members = ReadMember{object}.find("members");
+    require(members.IsArray());
+    links.clear();
+    links.reserve(members.Size());
+    for (auto const& member : members.GetArray()) {
+        readObject(member, links.emplace_back());
+    }
+}
+
+template <class T>
+rapidjson::StringBuffer write(T const& value) {
+    rapidjson::StringBuffer buffer;
+    Writer out(buffer);
+    writeObject(out, value);
+    return buffer;
+}
+
+/// @throws std::runtime_error when something is missing: a comparison in which one side failed
 ///         shows nothing
-void read(std::string const& text, conv::CommunicationStatus& value);
-void read(std::string const& text, conv::Identification& value);
-void read(std::string const& text, conv::ServiceStatus& value);
-void read(std::string const& text, mqtt::Link& value);
-void read(std::string const& text, std::vector<mqtt::Link>& value);
-void read(std::string const& text, mqtt::RequestReply::Request& value);
-void read(std::string const& text, mqtt::RequestReply::Reply& value);
+template <class T>
+void read(std::string const& text, T& value) {
+    rapidjson::Document document;
+    require(!document.Parse(text.data(), text.size()).HasParseError());
+    readObject(document, value);
+}
 
 } // namespace bench::rapid
