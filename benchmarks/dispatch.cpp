@@ -1,8 +1,7 @@
 // From a message of the broker library to the call of its subscriber, by number of subscriptions.
 
-#include "clocks.hpp"
-#include "heap.hpp"
 #include "in_process.hpp"
+#include "resources.hpp"
 
 #include <algorithm>
 #include <array>
@@ -31,6 +30,11 @@ Texts devices(std::size_t number, std::string const& level, std::string const& l
     return result;
 }
 
+Texts sorted(Texts texts) {
+    std::sort(texts.begin(), texts.end());
+    return texts;
+}
+
 Texts exactTopics(std::size_t number) {
     return devices(number, "hall", "state");
 }
@@ -53,16 +57,6 @@ Texts similarPatterns(std::size_t number) {
     return result;
 }
 
-std::string firstTopic(std::size_t number) {
-    auto const topics = exactTopics(number);
-    return *std::min_element(topics.begin(), topics.end());
-}
-
-std::string lastTopic(std::size_t number) {
-    auto const topics = exactTopics(number);
-    return *std::max_element(topics.begin(), topics.end());
-}
-
 struct Case {
     char const* name;
     Texts (*subscriptions)(std::size_t number);
@@ -74,8 +68,10 @@ Case const CASES[] = {
     {"text, the same ten", exactTopics, [](std::size_t /*number*/) { return exactTopics(FEW); }},
     {"text, each in turn", exactTopics, exactTopics},
     {"text, none", exactTopics, [](std::size_t n) { return devices(n, "hall", "other"); }},
-    {"pattern, the first", patterns, [](std::size_t n) { return Texts{firstTopic(n)}; }},
-    {"pattern, the last", patterns, [](std::size_t n) { return Texts{lastTopic(n)}; }},
+    {"pattern, the first", patterns,
+     [](std::size_t n) { return Texts{sorted(exactTopics(n)).front()}; }},
+    {"pattern, the last", patterns,
+     [](std::size_t n) { return Texts{sorted(exactTopics(n)).back()}; }},
     {"pattern, each in turn", patterns, exactTopics},
     {"pattern, none", patterns, [](std::size_t n) { return devices(n, "hall/east", "state"); }},
     {"similar patterns, none", similarPatterns,
@@ -126,10 +122,7 @@ public:
     }
 
     mosquitto_message next() {
-        mosquitto_message message{};
-        message.topic = topics_[next_].data();
-        message.payload = payload_.data();
-        message.payloadlen = static_cast<int>(payload_.size());
+        auto const message = messageOf(topics_[next_].data(), payload_);
         next_ = next_ + 1 == topics_.size() ? 0 : next_ + 1;
         return message;
     }
@@ -149,12 +142,16 @@ struct Subject {
 };
 
 void measureCase(Options const& options, Case const& measured) {
+    int const repetitions = repetitionsOf(options, "dispatch", measured.name, 9);
+    if (repetitions == 0) {
+        return;
+    }
     double const seconds = options.quick ? 0.002 : 0.05;
     std::map<std::size_t, std::unique_ptr<Subject>> subjects;
     for (std::size_t const number : NUMBERS) {
         subjects[number] = std::make_unique<Subject>(measured, number);
     }
-    for (int repetition = 0; repetition < options.repetitions; ++repetition) {
+    for (int repetition = 0; repetition < repetitions; ++repetition) {
         for (auto const& [number, subject] : subjects) {
             auto const receiveNext = [&client = subject->client, &messages = subject->messages] {
                 return client.receive(messages.next());
@@ -177,11 +174,9 @@ void measureHeap(char const* figure, Texts const& subscriptions) {
 
 void measureDispatch(Options const& options) {
     for (auto const& measured : CASES) {
-        if (isWanted(options, "dispatch", measured.name)) {
-            measureCase(options, measured);
-        }
+        measureCase(options, measured);
     }
-    if (isWanted(options, "dispatch", "heap of a subscription")) {
+    if (repetitionsOf(options, "dispatch", "heap of a subscription", 1) > 0) {
         measureHeap("text", exactTopics(MANY));
         measureHeap("pattern", patterns(MANY));
     }

@@ -1,8 +1,8 @@
 // Writing and reading every kind of document, beside RapidJSON alone.
 
-#include "clocks.hpp"
 #include "in_process.hpp"
 #include "rapidjson_documents.hpp"
+#include "resources.hpp"
 #include "samples.hpp"
 
 #include <string>
@@ -15,20 +15,18 @@ namespace {
 template <class T>
 void measureDocument(Options const& options, char const* name, T const& sample,
                      mqtt::Topic const& topic = "bench") {
-    if (!isWanted(options, "documents", name)) {
-        return;
-    }
     using Data = mqtt::MqttData<T>;
     double const seconds = options.quick ? 0.005 : 0.1;
     std::string text;
     Data::serialize(topic, text, sample);
     T value = sample;
-    for (int repetition = 0; repetition < options.repetitions; ++repetition) {
+    int const repetitions = repetitionsOf(options, "documents", name, 9);
+    for (int repetition = 0; repetition < repetitions; ++repetition) {
         auto const time = [&](char const* figure, char const* library, auto action) {
             print({"documents", name, figure, "ns", library, "", repetition,
                    nanosecondsPerCall(action, seconds)});
         };
-        time("write", "RapidJSON", [&] { return rapid::write(sample).GetSize(); });
+        time("write", "RapidJSON", [&] { return rapid::write(value).GetSize(); });
         time("write", "ours", [&] {
             std::string payload;
             Data::serialize(topic, payload, sample);

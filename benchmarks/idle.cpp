@@ -1,12 +1,6 @@
-// What a connected client holds that does nothing: memory, threads, descriptors. Each library is
-// measured in a process of its own, whose heap nobody has used before.
+#include "measurements.hpp"
+#include "resources.hpp"
 
-#include "benchmark_broker.hpp"
-#include "benchmark_client.hpp"
-#include "heap.hpp"
-#include "program.hpp"
-
-#include <mosquittopp.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -20,9 +14,8 @@
 #include <string>
 #include <vector>
 
+namespace bench {
 namespace {
-
-using bench::ClientLibrary;
 
 constexpr unsigned MORE_CLIENTS = 32;
 constexpr double KIB = 1024;
@@ -52,24 +45,19 @@ double entriesOf(char const* folder) {
 }
 
 Resources resources() {
-    return {static_cast<double>(bench::heapInUse()) / KIB, residentKib(),
-            entriesOf("/proc/self/task"), entriesOf("/proc/self/fd")};
-}
-
-std::unique_ptr<bench::BenchmarkClient> connectedClient(ClientLibrary const& library, int port) {
-    auto client = library.makeClient(port);
-    client->connect();
-    return client;
+    return {static_cast<double>(heapInUse()) / KIB, residentKib(), entriesOf("/proc/self/task"),
+            entriesOf("/proc/self/fd")};
 }
 
 void measureHere(ClientLibrary const& library, int port, int repetition) {
-    mosqpp::lib_init();
     Resources const none = resources();
-    auto const first = connectedClient(library, port);
+    auto const first = library.makeClient(port);
+    first->connect();
     Resources const one = resources();
-    std::vector<std::unique_ptr<bench::BenchmarkClient>> more(MORE_CLIENTS);
+    std::vector<std::unique_ptr<BenchmarkClient>> more(MORE_CLIENTS);
     for (auto& client : more) {
-        client = connectedClient(library, port);
+        client = library.makeClient(port);
+        client->connect();
     }
     Resources const all = resources();
     auto const print = [&](char const* figure, char const* unit, double value) {
@@ -83,21 +71,18 @@ void measureHere(ClientLibrary const& library, int port, int repetition) {
     print("resident memory of one more", "KiB", (all.residentKib - one.residentKib) / MORE_CLIENTS);
 }
 
-[[noreturn]] void measureAndEnd(ClientLibrary const& library, int port, int repetition) {
-    try {
-        measureHere(library, port, repetition);
-        ::_exit(0);
-    } catch (std::exception const& error) {
-        std::fprintf(stderr, "%s: %s\n", library.name(), error.what());
-        ::_exit(1);
-    }
-}
-
-/// This process has only one thread, so that the child may do anything.
+/// In a process of its own, whose heap nobody has used before. This process has only one thread, so
+/// that the child may do anything.
 void measureInChild(ClientLibrary const& library, int port, int repetition) {
     pid_t const child = ::fork();
     if (child == 0) {
-        measureAndEnd(library, port, repetition);
+        try {
+            measureHere(library, port, repetition);
+            ::_exit(0);
+        } catch (std::exception const& error) {
+            std::fprintf(stderr, "%s: %s\n", library.name(), error.what());
+            ::_exit(1);
+        }
     }
     int status = 1;
     if (child < 0 || ::waitpid(child, &status, 0) != child || status != 0) {
@@ -105,28 +90,16 @@ void measureInChild(ClientLibrary const& library, int port, int repetition) {
     }
 }
 
-void run(bench::Options const& options) {
-    if (!bench::isWanted(options, "idle", "idle")) {
-        return;
-    }
-    bench::pinToOneProcessor();
-    bench::printConditions("idle", options, "");
-    bench::BenchmarkBroker const broker(bench::BrokerKind::NODELAY);
-    std::vector<std::unique_ptr<ClientLibrary>> libraries;
-    libraries.push_back(bench::rawLibrary());
-    libraries.push_back(bench::ourLibrary());
-    if (auto paho = bench::pahoLibrary(); paho && !options.quick) { // it connects slowly
-        libraries.push_back(std::move(paho));
-    }
-    for (int repetition = 0; repetition < options.repetitions; ++repetition) {
+} // namespace
+
+void measureIdleClients(Options const& options, ClientLibraries const& libraries) {
+    int const repetitions = repetitionsOf(options, "idle", "idle", 3);
+    BenchmarkBroker const broker(BrokerKind::NODELAY);
+    for (int repetition = 0; repetition < repetitions; ++repetition) {
         for (auto const& library : libraries) {
             measureInChild(*library, broker.port(), repetition);
         }
     }
 }
 
-} // namespace
-
-int main(int argc, char** argv) {
-    return bench::runProgram(argc, argv, 3, run);
-}
+} // namespace bench

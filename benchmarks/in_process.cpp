@@ -8,7 +8,6 @@ namespace {
 
 void run(bench::Options const& options) {
     bench::pinToOneProcessor();
-    bench::printConditions("in-process", options, "");
     bench::measureDocuments(options);
     bench::measureDispatch(options);
     bench::measurePaths(options);
@@ -17,5 +16,5 @@ void run(bench::Options const& options) {
 } // namespace
 
 int main(int argc, char** argv) {
-    return bench::runProgram(argc, argv, 9, run);
+    return bench::runProgram(argc, argv, run);
 }

@@ -4,6 +4,8 @@
 
 #include <mqtt/client.hpp>
 
+#include <string>
+
 namespace bench {
 
 /// The parts of the program that need no broker.
@@ -19,5 +21,14 @@ inline void receive(mqtt::MqttClient& client, mosquitto_message const& message) 
     ((mosqpp::mosquittopp&)client).on_message(&message);
 }
 #pragma GCC diagnostic pop
+
+/// A message as the broker library hands it over, which points to these texts.
+inline mosquitto_message messageOf(char* topic, std::string& payload) {
+    mosquitto_message message{};
+    message.topic = topic;
+    message.payload = payload.data();
+    message.payloadlen = static_cast<int>(payload.size());
+    return message;
+}
 
 } // namespace bench

@@ -2,13 +2,25 @@
 
 #include "benchmark_broker.hpp"
 #include "benchmark_client.hpp"
+#include "program.hpp"
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
 namespace bench {
+
+using ClientLibraries = std::vector<std::unique_ptr<ClientLibrary>>;
+
+/// What a connected client holds that does nothing: memory, threads, descriptors. To be called
+/// while the process has only one thread.
+void measureIdleClients(Options const& options, ClientLibraries const& libraries);
+
+/// How far the time base's estimate of a server's clock is from the truth after the first
+/// synchronisation.
+void measureTimeBase(Options const& options);
 
 /// How much one repetition does.
 struct Effort {
@@ -30,9 +42,9 @@ struct Measurement {
     std::function<std::vector<Figure>(ClientLibrary const&, BenchmarkBroker const&)> run;
 };
 
-/// The one measurement that also shows the bare library with prompt acknowledgements.
-constexpr char const* FIRST_EXCHANGES = "first-exchanges";
-
+/// All but the next one.
 std::vector<Measurement> allMeasurements(Effort const& effort);
+/// The first 24 requests of each of many connections.
+Measurement firstExchanges(Effort const& effort);
 
 } // namespace bench

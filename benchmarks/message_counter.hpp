@@ -1,9 +1,16 @@
 #pragma once
 
+#include "resources.hpp"
+
+#include <pthread.h>
+
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <ctime>
 #include <mutex>
+#include <stdexcept>
+#include <string>
 
 namespace bench {
 
@@ -13,14 +20,40 @@ namespace bench {
 /// be measured along with the clients.
 class MessageCounter {
 public:
-    void add();
+    void add() {
+        std::lock_guard<std::mutex> const lock(mutex_);
+        if (!clockIsKnown_) {
+            clockIsKnown_ = ::pthread_getcpuclockid(::pthread_self(), &clock_) == 0;
+        }
+        ++count_;
+        if (count_ == expected_) {
+            reached_.notify_all();
+        }
+    }
+
     /// @throws std::runtime_error when the count is not reached within a minute
-    void waitFor(std::uint64_t count);
-    void reset();
+    void waitFor(std::uint64_t count) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        expected_ = count;
+        auto const reached = [this, count] { return count_ >= count; };
+        if (!reached_.wait_for(lock, std::chrono::minutes(1), reached)) {
+            throw std::runtime_error("only " + std::to_string(count_) + " of "
+                                     + std::to_string(count) + " messages came");
+        }
+    }
+
+    void reset() {
+        std::lock_guard<std::mutex> const lock(mutex_);
+        count_ = 0;
+        expected_ = 0;
+    }
 
     /// The processor time in seconds that the counting thread has used so far. Call it after the
     /// first `add`.
-    double cpuSecondsOfCountingThread() const;
+    double cpuSecondsOfCountingThread() const {
+        std::lock_guard<std::mutex> const lock(mutex_);
+        return cpuSeconds(clock_);
+    }
 
 private:
     mutable std::mutex mutex_;

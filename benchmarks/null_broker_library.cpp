@@ -11,32 +11,9 @@
 namespace mosqpp {
 namespace {
 
-/// What the next network step does.
-enum class Step { NOTHING, CONNECT, DISCONNECT };
-
-std::mutex stepMutex;
-std::condition_variable stepChanged;
-Step nextStep = Step::NOTHING;
-bool isConnected = false;
-
-int schedule(Step step) {
-    std::lock_guard<std::mutex> const lock(stepMutex);
-    nextStep = step;
-    stepChanged.notify_all();
-    return MOSQ_ERR_SUCCESS;
-}
-
-Step takeStep(int timeoutMs) {
-    std::unique_lock<std::mutex> lock(stepMutex);
-    stepChanged.wait_for(lock, std::chrono::milliseconds(timeoutMs),
-                         [] { return nextStep != Step::NOTHING; });
-    Step const step = nextStep;
-    nextStep = Step::NOTHING;
-    if (step != Step::NOTHING) {
-        isConnected = step == Step::CONNECT;
-    }
-    return step;
-}
+std::mutex connectionMutex;
+std::condition_variable connectionCalled;
+bool mustAccept = false;
 
 } // namespace
 
@@ -49,25 +26,25 @@ int mosquittopp::threaded_set(bool /*threaded*/) {
 }
 
 int mosquittopp::connect(char const* /*host*/, int /*port*/, int /*keepAlive*/) {
-    return schedule(Step::CONNECT);
+    std::lock_guard<std::mutex> const lock(connectionMutex);
+    mustAccept = true;
+    connectionCalled.notify_all();
+    return MOSQ_ERR_SUCCESS;
 }
 
 int mosquittopp::disconnect() {
-    return schedule(Step::DISCONNECT);
+    return MOSQ_ERR_NO_CONN;
 }
 
 int mosquittopp::loop(int timeoutMs, int /*packets*/) {
-    switch (takeStep(timeoutMs)) {
-    case Step::CONNECT:
+    std::unique_lock<std::mutex> lock(connectionMutex);
+    if (connectionCalled.wait_for(lock, std::chrono::milliseconds(timeoutMs),
+                                  [] { return mustAccept; })) {
+        mustAccept = false;
+        lock.unlock();
         on_connect(0);
-        break;
-    case Step::DISCONNECT:
-        on_disconnect(0);
-        break;
-    case Step::NOTHING:
-        break;
     }
-    return isConnected ? MOSQ_ERR_SUCCESS : MOSQ_ERR_NO_CONN;
+    return MOSQ_ERR_SUCCESS;
 }
 
 int mosquittopp::publish(int* id, char const* /*topic*/, int /*size*/, void const* /*payload*/,

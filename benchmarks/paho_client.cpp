@@ -1,5 +1,7 @@
 #include "benchmark_client.hpp"
 
+#ifdef ZYM_BENCH_WITH_PAHO
+
 #include <mqtt/async_client.h>
 
 #include <chrono>
@@ -119,3 +121,11 @@ std::unique_ptr<ClientLibrary> pahoLibrary() {
 }
 
 } // namespace bench
+
+#else
+
+std::unique_ptr<bench::ClientLibrary> bench::pahoLibrary() {
+    return nullptr;
+}
+
+#endif

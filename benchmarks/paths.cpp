@@ -1,9 +1,9 @@
 // The ways of a message in and out, between the broker library and the application: with the
 // allocations on them, beside what an application would write by hand.
 
-#include "clocks.hpp"
 #include "in_process.hpp"
 #include "rapidjson_documents.hpp"
+#include "resources.hpp"
 #include "samples.hpp"
 
 #include "support/allocations.hpp"
@@ -24,26 +24,6 @@ namespace {
 constexpr char const* TOPIC = "plant/hall-seventeen/device-0815";
 
 using TimedAction = std::function<std::size_t()>;
-
-/// A message as the broker library hands it over.
-class Message {
-public:
-    Message(std::string topic, std::string payload)
-        : topic_(std::move(topic)), payload_(std::move(payload)) {
-        message_.topic = topic_.data();
-        message_.payload = payload_.data();
-        message_.payloadlen = static_cast<int>(payload_.size());
-    }
-    Message(Message const&) = delete;
-    Message& operator=(Message const&) = delete;
-
-    mosquitto_message const& get() const { return message_; }
-
-private:
-    std::string topic_;
-    std::string payload_;
-    mosquitto_message message_{};
-};
 
 /// What one would write by hand: a table of handlers under a lock, and strings.
 class HandwrittenClient {
@@ -88,8 +68,8 @@ public:
 
     mqtt::MqttClient& operator*() { return client_; }
     mqtt::MqttClient* operator->() { return &client_; }
-    std::size_t receive(Message const& message) {
-        bench::receive(client_, message.get());
+    std::size_t receive(mosquitto_message const& message) {
+        bench::receive(client_, message);
         return 1;
     }
 
@@ -121,11 +101,9 @@ double allocationsOf(TimedAction const& action) {
 
 void measurePath(Options const& options, std::string const& name, TimedAction const& ours,
                  TimedAction const& byHand) {
-    if (!isWanted(options, "paths", name)) {
-        return;
-    }
+    int const repetitions = repetitionsOf(options, "paths", name, 9);
     double const seconds = options.quick ? 0.01 : 0.1;
-    for (int repetition = 0; repetition < options.repetitions; ++repetition) {
+    for (int repetition = 0; repetition < repetitions; ++repetition) {
         for (auto const& [library, action] : {std::pair{"by hand", &byHand}, {"ours", &ours}}) {
             print({"paths", name, "allocations", "", library, "", repetition,
                    allocationsOf(*action)});
@@ -145,11 +123,12 @@ void measureTexts(Options const& options) {
     }
     byHand.subscribe(TOPIC, [](auto const& payload) { resultOfTimedAction = payload.size(); });
     std::string const text(1000, 'x');
-    for (std::string const& payload : {std::string("21.5"), text}) {
-        Message const message(TOPIC, payload);
+    for (std::string payload : {std::string("21.5"), text}) {
+        std::string topicText = TOPIC;
+        auto const message = messageOf(topicText.data(), payload);
         measurePath(
             options, "receive " + std::to_string(payload.size()) + " bytes",
-            [&] { return client.receive(message); }, [&] { return byHand.receive(message.get()); });
+            [&] { return client.receive(message); }, [&] { return byHand.receive(message); });
     }
     measurePath(
         options, "send 1000 bytes",
@@ -164,16 +143,16 @@ void measureValues(Options const& options, T const& sample, std::string const& n
     ValueSubscriber<T> subscriber;
     HandwrittenClient byHand;
     mqtt::MqttData<T> endpoint(*client, mqtt::Topic(TOPIC));
-    std::string const topic = endpoint.topicBase().text();
+    std::string topic = endpoint.topicBase().text();
     std::string text;
     mqtt::MqttData<T>::serialize(endpoint.topicBase(), text, sample);
-    Message const message(topic, text);
+    auto const message = messageOf(topic.data(), text);
     T value = sample;
     endpoint.subscribe(&subscriber, 0);
     byHand.subscribe(topic, [&](auto const& payload) { rapid::read(payload, value); });
     measurePath(
         options, "receive " + name, [&] { return client.receive(message); },
-        [&] { return byHand.receive(message.get()); });
+        [&] { return byHand.receive(message); });
 
     mqtt::MqttData<T> sender(*client, mqtt::Topic(TOPIC));
     sender.value = sample;
@@ -182,7 +161,7 @@ void measureValues(Options const& options, T const& sample, std::string const& n
         return std::size_t{1};
     };
     auto const sendByHand = [&] {
-        auto const buffer = rapid::write(sample);
+        auto const buffer = rapid::write(value);
         return byHand.publish(std::string(TOPIC) + "/value",
                               std::string(buffer.GetString(), buffer.GetSize()));
     };

@@ -23,24 +23,9 @@ constexpr char const* USAGE =
     "  --control                    libmosquittopp in the place of our client: shows the noise\n"
     "  --quick                      one short repetition: shows only that it works\n";
 
-[[noreturn]] void endWithUsage(char const* program) {
-    std::fprintf(stderr, "Usage: %s [options]\n%s", program, USAGE);
-    std::exit(2);
-}
-
 std::string machine() {
     utsname name{};
     return ::uname(&name) == 0 ? name.machine : "unknown";
-}
-
-int lastUsableProcessor(cpu_set_t const& usable) {
-    int last = 0;
-    for (int processor = 0; processor < CPU_SETSIZE; ++processor) {
-        if (CPU_ISSET(static_cast<std::size_t>(processor), &usable)) {
-            last = processor;
-        }
-    }
-    return last;
 }
 
 #ifdef __OPTIMIZE__
@@ -49,9 +34,8 @@ constexpr char const* BUILD = "optimised";
 constexpr char const* BUILD = "NOT OPTIMISED";
 #endif
 
-} // namespace
-
-Options parseOptions(int argc, char** argv, int defaultRepetitions) {
+/// Ends the program with its usage when the command line is wrong.
+Options parseOptions(int argc, char** argv) {
     constexpr option OPTIONS[] = {{"only", required_argument, nullptr, 'o'},
                                   {"repetitions", required_argument, nullptr, 'r'},
                                   {"broker", required_argument, nullptr, 'b'},
@@ -59,30 +43,41 @@ Options parseOptions(int argc, char** argv, int defaultRepetitions) {
                                   {"quick", no_argument, nullptr, 'q'},
                                   {nullptr, 0, nullptr, 0}};
     Options options;
-    int repetitions = 0;
     for (int letter = 0; (letter = ::getopt_long(argc, argv, "", OPTIONS, nullptr)) != -1;) {
         std::string const value = optarg == nullptr ? "" : optarg;
         if (letter == 'o') {
             options.only = value;
         } else if (letter == 'r' && std::atoi(optarg) > 0) {
-            repetitions = std::atoi(optarg);
+            options.repetitions = std::atoi(optarg);
         } else if (letter == 'b' && (value == "shipped" || value == "nodelay")) {
-            options.shipped = value == "shipped";
-            options.nodelay = value == "nodelay";
+            options.brokers = {value == "shipped" ? BrokerKind::SHIPPED : BrokerKind::NODELAY};
         } else if (letter == 'c') {
             options.control = true;
         } else if (letter == 'q') {
             options.quick = true;
         } else {
-            endWithUsage(argv[0]);
+            optind = 0;
+            break;
         }
     }
     if (optind != argc) {
-        endWithUsage(argv[0]);
+        std::fprintf(stderr, "Usage: %s [options]\n%s", argv[0], USAGE);
+        std::exit(2);
     }
-    options.repetitions = repetitions > 0 ? repetitions : options.quick ? 1 : defaultRepetitions;
     return options;
 }
+
+void printConditions() {
+    int major = 0;
+    int minor = 0;
+    int revision = 0;
+    mosquitto_lib_version(&major, &minor, &revision);
+    std::printf(R"({"conditions": "libmosquittopp %d.%d.%d, compiler %s, %s"})"
+                "\n",
+                major, minor, revision, __VERSION__, BUILD);
+}
+
+} // namespace
 
 void print(Result const& result) {
     static std::string const machineName = machine();
@@ -96,39 +91,34 @@ void print(Result const& result) {
     std::fflush(stdout);
 }
 
-void printConditions(std::string const& program, Options const& options, std::string const& more) {
-    int major = 0;
-    int minor = 0;
-    int revision = 0;
-    mosquitto_lib_version(&major, &minor, &revision);
-    std::printf(R"({"program": "%s", "conditions": "%d repetition(s); libmosquittopp %d.%d.%d; )"
-                R"(compiler %s, %s%s"})"
-                "\n",
-                program.c_str(), options.repetitions, major, minor, revision, __VERSION__, BUILD,
-                more.c_str());
-}
-
-bool isWanted(Options const& options, std::string const& program, std::string const& measurement) {
-    return (program + ' ' + measurement).find(options.only) != std::string::npos;
+int repetitionsOf(Options const& options, std::string const& program,
+                  std::string const& measurement, int usual) {
+    if ((program + ' ' + measurement).find(options.only) == std::string::npos) {
+        return 0;
+    }
+    return options.repetitions > 0 ? options.repetitions : options.quick ? 1 : usual;
 }
 
 void pinToOneProcessor() {
     cpu_set_t processors;
-    CPU_ZERO(&processors);
-    if (::sched_getaffinity(0, sizeof processors, &processors) == 0) {
-        int const last = lastUsableProcessor(processors);
-        CPU_ZERO(&processors);
-        CPU_SET(static_cast<std::size_t>(last), &processors);
-        if (::sched_setaffinity(0, sizeof processors, &processors) == 0) {
-            return;
-        }
+    int result = ::sched_getaffinity(0, sizeof processors, &processors);
+    std::size_t last = CPU_SETSIZE - 1;
+    while (last > 0 && !CPU_ISSET(last, &processors)) {
+        --last;
     }
-    throw std::system_error(errno, std::generic_category(), "cannot choose a processor");
+    CPU_ZERO(&processors);
+    CPU_SET(last, &processors);
+    result = result == 0 ? ::sched_setaffinity(0, sizeof processors, &processors) : result;
+    if (result != 0) {
+        throw std::system_error(errno, std::generic_category(), "cannot choose a processor");
+    }
 }
 
-int runProgram(int argc, char** argv, int defaultRepetitions, void (*run)(Options const&)) {
+int runProgram(int argc, char** argv, void (*run)(Options const&)) {
     try {
-        run(parseOptions(argc, argv, defaultRepetitions));
+        Options const options = parseOptions(argc, argv);
+        printConditions();
+        run(options);
         return 0;
     } catch (std::exception const& error) {
         std::fprintf(stderr, "%s: %s\n", argv[0], error.what());

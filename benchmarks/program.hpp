@@ -1,25 +1,28 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 namespace bench {
+
+/// The configurations of the broker.
+enum class BrokerKind {
+    SHIPPED, ///< nothing but its port and its access
+    NODELAY  ///< with `set_tcp_nodelay true`
+};
 
 /// What every benchmark program takes from its command line.
 struct Options {
     std::string only;     ///< part of "PROGRAM MEASUREMENT"; empty: everything
-    int repetitions = 0;  ///< of each measurement
+    int repetitions = 0;  ///< of each measurement; 0: as many as the measurement wants
     bool quick = false;   ///< shows only that it works
     bool control = false; ///< libmosquittopp in the place of our client: shows the noise
-    bool shipped = true;  ///< measure on a broker as shipped
-    bool nodelay = true;  ///< measure on a broker with `set_tcp_nodelay true`
+    std::vector<BrokerKind> brokers{BrokerKind::SHIPPED, BrokerKind::NODELAY};
 };
-
-/// Ends the program with its usage when the command line is wrong.
-Options parseOptions(int argc, char** argv, int defaultRepetitions);
 
 /// One line of output, in JSON.
 struct Result {
-    std::string program;     ///< clients, idle, documents, ...
+    std::string program;     ///< the group: clients, idle, documents, ...
     std::string measurement; ///< what was done
     std::string figure;      ///< which number of it: throughput, p50, ...
     std::string unit;
@@ -30,18 +33,17 @@ struct Result {
 };
 
 void print(Result const& result);
-/// Prints versions, machine and method, for the page that shows the figures.
-void printConditions(std::string const& program, Options const& options, std::string const& more);
-
-/// Whether `--only` asks for this measurement.
-bool isWanted(Options const& options, std::string const& program, std::string const& measurement);
+/// How often a measurement is repeated; 0 where `--only` asks for others.
+int repetitionsOf(Options const& options, std::string const& program,
+                  std::string const& measurement, int usual);
 
 /// Puts this process, and all threads and processes that it starts later, on the last processor
 /// that it may use. Over several processors a round trip takes up to four times as long, depending
 /// on where the scheduler puts whom.
 void pinToOneProcessor();
 
-/// Calls `run` with the options. @return what main() returns; 1 after an exception, with its text
-int runProgram(int argc, char** argv, int defaultRepetitions, void (*run)(Options const&));
+/// Prints the versions that the figures depend on, and calls `run` with the options.
+/// @return what main() returns
+int runProgram(int argc, char** argv, void (*run)(Options const&));
 
 } // namespace bench

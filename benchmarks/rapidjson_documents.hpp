@@ -21,86 +21,65 @@ namespace bench::rapid {
 
 using Writer = rapidjson::Writer<rapidjson::StringBuffer>;
 
-/// Calls `visit(key, member)` for each member of a value.
-template <class T>
-struct Members;
+// visitMembers() calls `visit(key, member)` for each member of a value.
 
-template <>
-struct Members<conv::CommunicationStatus> {
-    template <class Value, class Visit>
-    static void visitAll(Value& value, Visit visit) {
-        visit("state", value.state);
-        visit("since", value.since.seconds);
-    }
-};
+template <class Visit>
+void visitMembers(conv::CommunicationStatus& value, Visit visit) {
+    visit("state", value.state);
+    visit("since", value.since.seconds);
+}
 
-template <>
-struct Members<conv::Identification> {
-    template <class Value, class Visit>
-    static void visitAll(Value& value, Visit visit) {
-        visit("uuid", value.uuid);
-        visit("manufacturer", value.manufacturer);
-        visit("model", value.model);
-        visit("serial", value.serial);
-        visit("physicalName", value.physicalName);
-        visit("name", value.name);
-        visit("interface", value.interface);
-        visit("version", value.version);
-        visit("location", value.location);
-        visit("contact", value.contact);
-    }
-};
+template <class Visit>
+void visitMembers(conv::Identification& value, Visit visit) {
+    visit("uuid", value.uuid);
+    visit("manufacturer", value.manufacturer);
+    visit("model", value.model);
+    visit("serial", value.serial);
+    visit("physicalName", value.physicalName);
+    visit("name", value.name);
+    visit("interface", value.interface);
+    visit("version", value.version);
+    visit("location", value.location);
+    visit("contact", value.contact);
+}
 
-template <>
-struct Members<conv::ServiceStatus> {
-    template <class Value, class Visit>
-    static void visitAll(Value& value, Visit visit) {
-        visit("operating", value.operating);
-        visit("health", value.health);
-    }
-};
+template <class Visit>
+void visitMembers(conv::ServiceStatus& value, Visit visit) {
+    visit("operating", value.operating);
+    visit("health", value.health);
+}
 
-template <>
-struct Members<mqtt::Link> {
-    template <class Value, class Visit>
-    static void visitAll(Value& value, Visit visit) {
-        visit("@id", value.id);
-    }
-};
+template <class Visit>
+void visitMembers(mqtt::Link& value, Visit visit) {
+    visit("@id", value.id);
+}
 
-template <>
-struct Members<mqtt::RequestReply::Request> {
-    template <class Value, class Visit>
-    static void visitAll(Value& value, Visit visit) {
-        visit("$reqId", value.requestId);
-        visit("text", static_cast<Text&>(*value.data).text);
-    }
-};
+template <class Visit>
+void visitMembers(mqtt::RequestReply::Request& value, Visit visit) {
+    visit("$reqId", value.requestId);
+    visit("text", static_cast<Text&>(*value.data).text);
+}
 
-template <>
-struct Members<mqtt::RequestReply::Reply> {
-    template <class Value, class Visit>
-    static void visitAll(Value& value, Visit visit) {
-        visit("$reqId", value.requestId);
-        visit("$err", value.error);
-        visit("text", static_cast<Text&>(*value.data).text);
-    }
-};
+template <class Visit>
+void visitMembers(mqtt::RequestReply::Reply& value, Visit visit) {
+    visit("$reqId", value.requestId);
+    visit("$err", value.error);
+    visit("text", static_cast<Text&>(*value.data).text);
+}
 
 struct WriteMember {
     void operator()(char const* key, std::string const& text) const {
         out.Key(key);
         out.String(text.data(), static_cast<rapidjson::SizeType>(text.size()));
     }
-    void operator()(char const* key, double number) const {
+    template <class Number>
+    void operator()(char const* key, Number number) const {
         out.Key(key);
-        out.Double(number);
-    }
-    template <class Integer>
-    std::enable_if_t<!std::is_floating_point_v<Integer>> operator()(char const* key,
-                                                                    Integer number) const {
-        out.Key(key);
-        out.Uint(static_cast<unsigned>(number));
+        if constexpr (std::is_floating_point_v<Number>) {
+            out.Double(number);
+        } else {
+            out.Uint(static_cast<unsigned>(number));
+        }
     }
 
     Writer& out;
@@ -139,18 +118,18 @@ struct ReadMember {
 };
 
 template <class T>
-void writeObject(Writer& out, T const& value) {
+void writeObject(Writer& out, T& value) {
     out.StartObject();
-    Members<T>::visitAll(value, WriteMember{out});
+    visitMembers(value, WriteMember{out});
     out.EndObject();
 }
 
-inline void writeObject(Writer& out, std::vector<mqtt::Link> const& links) {
+inline void writeObject(Writer& out, std::vector<mqtt::Link>& links) {
     out.StartObject();
     WriteMember{out}("members@count", links.size());
     out.Key("members");
     out.StartArray();
-    for (auto const& link : links) {
+    for (auto& link : links) {
         writeObject(out, link);
     }
     out.EndArray();
@@ -160,7 +139,7 @@ inline void writeObject(Writer& out, std::vector<mqtt::Link> const& links) {
 template <class T>
 void readObject(rapidjson::Value const& object, T& value) {
     require(object.IsObject());
-    Members<T>::visitAll(value, ReadMember{object});
+    visitMembers(value, ReadMember{object});
 }
 
 inline void readObject(rapidjson::Value const& object, std::vector<mqtt::Link>& links) {
@@ -175,7 +154,7 @@ inline void readObject(rapidjson::Value const& object, std::vector<mqtt::Link>& 
 }
 
 template <class T>
-rapidjson::StringBuffer write(T const& value) {
+rapidjson::StringBuffer write(T& value) {
     rapidjson::StringBuffer buffer;
     Writer out(buffer);
     writeObject(out, value);

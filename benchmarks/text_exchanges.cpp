@@ -29,42 +29,33 @@ std::shared_ptr<BenchmarkClient> makeCountingSubscriber(ClientLibrary const& lib
     return client;
 }
 
-Responder::Responder(ClientLibrary const& library, int port, std::string const& requestTopic,
-                     std::string const& replyTopic, std::string reply)
-    : reply_(std::move(reply)),
-      client_(library.makeClient(port)),
-      replyTopic_(client_->addTopic(replyTopic)) {
-    client_->onMessage = [this](std::string_view payload) {
-        // An answer to the probe could come late, and count as the answer to the first request.
-        if (payload == PROBE) {
-            probes_.add();
-        } else {
-            client_->publish(replyTopic_, reply_, 2, false);
-        }
-    };
-    client_->connect();
-    subscribeAndConfirm(*client_, client_->addTopic(requestTopic), probes_);
+Dialogue::Dialogue(ClientLibrary const& library, int port, Texts texts)
+    : texts_(std::move(texts)),
+      responder_(library.makeClient(port)),
+      requester_(library.makeClient(port)),
+      responderReplyTopic_(responder_->addTopic(texts_.replyTopic)),
+      requestTopic_(requester_->addTopic(texts_.requestTopic)),
+      replyTopic_(requester_->addTopic(texts_.replyTopic)) {
+    responder_->onMessage = [this](std::string_view payload) { answer(payload); };
+    responder_->connect();
+    subscribeAndConfirm(*responder_, responder_->addTopic(texts_.requestTopic), probes_);
+    requester_->onMessage = [this](std::string_view /*payload*/) { replies_.add(); };
+    requester_->connect();
 }
 
-Dialogue::Dialogue(ClientLibrary const& library, int port, std::string const& requestTopic,
-                   std::string const& replyTopic, std::string request, std::string reply,
-                   bool staysSubscribed)
-    : request_(std::move(request)),
-      responder_(library, port, requestTopic, replyTopic, std::move(reply)),
-      client_(library.makeClient(port)),
-      requestTopic_(client_->addTopic(requestTopic)),
-      replyTopic_(client_->addTopic(replyTopic)) {
-    client_->onMessage = [this](std::string_view /*payload*/) { replies_.add(); };
-    client_->connect();
-    if (staysSubscribed) {
-        subscribeAndConfirm(*client_, replyTopic_, replies_);
+/// An answer to the probe could come late, and count as the reply to the first request.
+void Dialogue::answer(std::string_view request) {
+    if (request == PROBE) {
+        probes_.add();
+    } else {
+        responder_->publish(responderReplyTopic_, texts_.reply, 2, false);
     }
 }
 
 void Dialogue::ask(unsigned count) {
     replies_.reset();
     for (unsigned sent = 0; sent < count; ++sent) {
-        client_->publish(requestTopic_, request_, 2, false);
+        requester_->publish(requestTopic_, texts_.request, 2, false);
     }
     replies_.waitFor(count);
 }
@@ -85,8 +76,8 @@ std::shared_ptr<void> ClientLibrary::makeValueSubscriber(int port, std::string c
 }
 
 Action ClientLibrary::makeRequester(int port) const {
-    auto const dialogue = std::make_shared<Dialogue>(*this, port, requestTopic(), replyTopic(),
-                                                     requestText(), replyText(), false);
+    auto const dialogue = std::make_shared<Dialogue>(
+        *this, port, Dialogue::Texts{requestTopic(), replyTopic(), requestText(), replyText()});
     return [dialogue] {
         dialogue->subscribe();
         dialogue->ask(1);

@@ -17,37 +17,34 @@ std::shared_ptr<BenchmarkClient> makeCountingSubscriber(ClientLibrary const& lib
                                                         std::string const& topic,
                                                         MessageCounter& received);
 
-/// Answers each message of one topic with a text on another topic, at QoS 2.
-class Responder {
-public:
-    Responder(ClientLibrary const& library, int port, std::string const& requestTopic,
-              std::string const& replyTopic, std::string reply);
-
-private:
-    MessageCounter probes_;
-    std::string const reply_;
-    std::unique_ptr<BenchmarkClient> const client_;
-    BenchmarkClient::TopicId const replyTopic_;
-};
-
-/// A client that asks, and a Responder that answers.
+/// Two connected clients: one asks on one topic, the other one answers each request on another
+/// topic. Requests and replies are always the same text, at QoS 2.
 class Dialogue {
 public:
-    /// @param staysSubscribed whether the subscription for the answers is made now
-    Dialogue(ClientLibrary const& library, int port, std::string const& requestTopic,
-             std::string const& replyTopic, std::string request, std::string reply,
-             bool staysSubscribed);
+    struct Texts {
+        std::string requestTopic;
+        std::string replyTopic;
+        std::string request;
+        std::string reply;
+    };
 
-    /// Sends so many requests in a row, at QoS 2, and returns when all replies have come.
+    /// The asking client is not subscribed to the replies yet.
+    Dialogue(ClientLibrary const& library, int port, Texts texts);
+
+    void subscribe() { requester_->subscribe(replyTopic_); }
+    void unsubscribe() { requester_->unsubscribe(replyTopic_); }
+    /// Sends so many requests in a row, and returns when all replies have come.
     void ask(unsigned count);
-    void subscribe() { client_->subscribe(replyTopic_); }
-    void unsubscribe() { client_->unsubscribe(replyTopic_); }
 
 private:
+    void answer(std::string_view request);
+
+    Texts const texts_;
+    MessageCounter probes_;
     MessageCounter replies_;
-    std::string const request_;
-    Responder const responder_;
-    std::unique_ptr<BenchmarkClient> const client_;
+    std::unique_ptr<BenchmarkClient> const responder_;
+    std::unique_ptr<BenchmarkClient> const requester_;
+    BenchmarkClient::TopicId const responderReplyTopic_;
     BenchmarkClient::TopicId const requestTopic_;
     BenchmarkClient::TopicId const replyTopic_;
 };

@@ -1,25 +1,22 @@
-// How far the time base's estimate of a server's clock is from the truth after the first
-// synchronisation. The server's clock is ours plus an offset that this program chooses, so the
-// truth is known. Both clocks are cut to milliseconds, as they are by default.
+// The server's clock is ours plus an offset that this file chooses, so the truth is known. Both
+// clocks are cut to milliseconds, as they are by default.
 
-#include "benchmark_broker.hpp"
-#include "program.hpp"
+#include "measurements.hpp"
 
 #include <mqtt/time_base.hpp>
-
-#include <mosquittopp.h>
 
 #include <chrono>
 #include <cmath>
 #include <stdexcept>
 #include <string>
 
+namespace bench {
 namespace {
 
 using zym::common::Uuid;
 using Milliseconds = std::chrono::duration<double, std::milli>;
 
-constexpr char const* HOST = "127.0.0.1";
+constexpr char const* MEASUREMENT = "first synchronisation";
 constexpr unsigned TIMEOUT_SECONDS = 30;
 /// The cut to milliseconds falls differently on both sides, in each run.
 constexpr double FIRST_OFFSET_SECONDS = 3600.000123;
@@ -44,16 +41,16 @@ private:
 };
 
 void connect(mqtt::MqttClient& client, int port) {
-    if (client.connect(HOST, port, TIMEOUT_SECONDS) != mqtt::MqttClient::Error::SUCCESS) {
+    if (client.connect(BROKER_HOST, port, TIMEOUT_SECONDS) != mqtt::MqttClient::Error::SUCCESS) {
         throw std::runtime_error("no connection to the broker");
     }
 }
 
-void synchronizeOnce(bench::BenchmarkBroker const& broker, int run) {
+void synchronizeOnce(BenchmarkBroker const& broker, int run) {
     auto const number = static_cast<unsigned>(run);
     Uuid const server(1000 + number);
-    mqtt::MqttClient serverClient(server, false, "server", HOST, broker.port(), false);
-    mqtt::MqttClient client(Uuid(number + 1), false, "client", HOST, broker.port(), false);
+    mqtt::MqttClient serverClient(server, false, "server", BROKER_HOST, broker.port(), false);
+    mqtt::MqttClient client(Uuid(number + 1), false, "client", BROKER_HOST, broker.port(), false);
     connect(serverClient, broker.port());
     connect(client, broker.port());
     double const offset = FIRST_OFFSET_SECONDS + run * OFFSET_STEP_SECONDS;
@@ -67,29 +64,21 @@ void synchronizeOnce(bench::BenchmarkBroker const& broker, int run) {
     }
     Milliseconds const duration = std::chrono::steady_clock::now() - start;
     double const error = std::abs(proxy.offset() + offset) * 1000.0;
-    bench::print({"time-base", "first synchronisation", "error", "ms", "ours", broker.description(),
-                  run, error});
-    bench::print({"time-base", "first synchronisation", "duration", "ms", "ours",
-                  broker.description(), run, duration.count()});
-}
-
-void run(bench::Options const& options) {
-    if (!bench::isWanted(options, "time-base", "first synchronisation")) {
-        return;
-    }
-    mosqpp::lib_init();
-    bench::printConditions("time-base", options, ", not pinned");
-    for (auto const kind : bench::brokerKinds(options)) {
-        bench::BenchmarkBroker const broker(kind);
-        for (int run = 0; run < options.repetitions; ++run) {
-            synchronizeOnce(broker, run);
-        }
-    }
-    mosqpp::lib_cleanup();
+    print({"time-base", MEASUREMENT, "error", "ms", "ours", broker.description(), run, error});
+    print({"time-base", MEASUREMENT, "duration", "ms", "ours", broker.description(), run,
+           duration.count()});
 }
 
 } // namespace
 
-int main(int argc, char** argv) {
-    return bench::runProgram(argc, argv, 20, run);
+void measureTimeBase(Options const& options) {
+    int const runs = repetitionsOf(options, "time-base", MEASUREMENT, 20);
+    for (auto const kind : options.brokers) {
+        BenchmarkBroker const broker(kind);
+        for (int run = 0; run < runs; ++run) {
+            synchronizeOnce(broker, run);
+        }
+    }
 }
+
+} // namespace bench

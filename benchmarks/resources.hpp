@@ -1,5 +1,7 @@
 #pragma once
 
+#include <malloc.h>
+
 #include <cerrno>
 #include <cstddef>
 #include <ctime>
@@ -24,7 +26,7 @@ inline std::size_t volatile resultOfTimedAction = 0;
 ///         not count what other processes do.
 template <class Action>
 double nanosecondsPerCall(Action&& action, double seconds) {
-    constexpr unsigned CALLS_PER_CLOCK_READ = 256;
+    constexpr unsigned CALLS_PER_CLOCK_READ = 64;
     double passed = 0;
     double calls = 0;
     double const start = cpuSeconds(CLOCK_THREAD_CPUTIME_ID);
@@ -36,6 +38,16 @@ double nanosecondsPerCall(Action&& action, double seconds) {
         passed = cpuSeconds(CLOCK_THREAD_CPUTIME_ID) - start;
     }
     return passed / calls * 1e9;
+}
+
+/// Bytes of heap that this process uses.
+inline std::size_t heapInUse() {
+#if __GLIBC_PREREQ(2, 33)
+    auto const info = ::mallinfo2();
+#else
+    auto const info = ::mallinfo();
+#endif
+    return static_cast<std::size_t>(info.uordblks) + static_cast<std::size_t>(info.hblkhd);
 }
 
 } // namespace bench
