@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace bench {
 
@@ -51,13 +52,15 @@ using Action = std::function<void()>;
 /// One of the libraries that are compared.
 class ClientLibrary {
 public:
+    /// Makes a client that is not connected yet, for the broker on a port of the loopback address.
+    using MakeClient = std::function<std::unique_ptr<BenchmarkClient>(int port)>;
+
+    ClientLibrary(char const* libraryName, MakeClient makeOne)
+        : name(libraryName), makeClient(std::move(makeOne)) {}
     virtual ~ClientLibrary() = default;
 
-    virtual char const* name() const = 0;
-    /// Whether each client has a thread of its own, so that its processor time can be told.
-    virtual bool hasThreadPerClient() const { return true; }
-    /// A client that is not connected yet, for the broker on this port of the loopback address.
-    virtual std::unique_ptr<BenchmarkClient> makeClient(int port) const = 0;
+    char const* const name;
+    MakeClient const makeClient;
 
     /// Connects a publisher of one typed value, at QoS 2 and retained. Libraries without typed
     /// values send the text of the value, made once, and do not read what they get.

@@ -24,7 +24,7 @@ void measureInTurns(Options const& options, Measurement const& measurement,
     for (int repetition = 0; repetition < repetitions; ++repetition) {
         for (auto const& library : libraries) {
             for (auto const& figure : measurement.run(*library, broker)) {
-                print({"clients", measurement.name, figure.name, figure.unit, library->name(),
+                print({"clients", measurement.name, figure.name, figure.unit, library->name,
                        broker.description(), repetition, figure.value});
             }
         }

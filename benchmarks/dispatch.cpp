@@ -78,26 +78,35 @@ Case const CASES[] = {
      [](std::size_t /*number*/) { return Texts{"a/a/a/a/a/a/a/a/a/a/a/a/a/a/other"}; }},
 };
 
-/// A client that never connects.
-class ClientWithSubscriptions : private mqtt::MqttClient::Subscriber {
+/// A client that never connects, and the messages that arrive there in random order.
+class Subject : private mqtt::MqttClient::Subscriber {
 public:
-    explicit ClientWithSubscriptions(Texts const& subscriptions) {
+    Subject(Texts const& subscriptions, Texts const& topics) {
+        for (std::size_t i = 0; i < topics_.size(); ++i) {
+            auto const& topic = topics[i % topics.size()];
+            topic.copy(topics_[i].data(), topics_[i].size() - 1);
+        }
+        std::shuffle(topics_.begin(), topics_.end(), std::mt19937(1));
         client_.pause();
+        std::size_t const before = heapInUse();
         for (auto const& text : subscriptions) {
             if (client_.subscribe(text, this, 0) != mqtt::MqttClient::Error::SUCCESS) {
                 throw std::runtime_error("cannot subscribe to " + text);
             }
         }
+        heapOfSubscriptions_ = heapInUse() - before;
     }
-    ~ClientWithSubscriptions() { client_.release(this); }
-    ClientWithSubscriptions(ClientWithSubscriptions const&) = delete;
-    ClientWithSubscriptions& operator=(ClientWithSubscriptions const&) = delete;
+    ~Subject() { client_.release(this); }
+    Subject(Subject const&) = delete;
+    Subject& operator=(Subject const&) = delete;
 
-    /// @return how many messages a subscriber has got so far
-    std::size_t receive(mosquitto_message const& message) {
-        bench::receive(client_, message);
+    /// @return how many messages the subscriber has got so far
+    std::size_t receiveNext() {
+        receive(client_, messageOf(topics_[next_].data(), payload_));
+        next_ = next_ + 1 == topics_.size() ? 0 : next_ + 1;
         return received_;
     }
+    double heapOfSubscriptions() const { return static_cast<double>(heapOfSubscriptions_); }
 
 private:
     void onMqttMessage(int /*tag*/, mqtt::Topic const& /*topic*/,
@@ -105,40 +114,13 @@ private:
         ++received_;
     }
 
-    std::size_t received_ = 0;
-    mqtt::MqttClient client_{zym::common::Uuid(1), false, "", "", 0, false};
-};
-
-/// Messages that arrive in random order. There are as many for few topics as for many, side by
-/// side, so that the memory of the messages does not make a difference.
-class Messages {
-public:
-    explicit Messages(Texts const& topics) {
-        for (std::size_t i = 0; i < topics_.size(); ++i) {
-            auto const& topic = topics[i % topics.size()];
-            topic.copy(topics_[i].data(), topics_[i].size() - 1);
-        }
-        std::shuffle(topics_.begin(), topics_.end(), std::mt19937(1));
-    }
-
-    mosquitto_message next() {
-        auto const message = messageOf(topics_[next_].data(), payload_);
-        next_ = next_ + 1 == topics_.size() ? 0 : next_ + 1;
-        return message;
-    }
-
-private:
+    // As many for few topics as for many, side by side: their memory makes no difference.
     std::vector<std::array<char, 48>> topics_{MANY};
     std::size_t next_ = 0;
     std::string payload_ = "{\"state\": 3}";
-};
-
-struct Subject {
-    explicit Subject(Case const& measured, std::size_t number)
-        : client(measured.subscriptions(number)), messages(measured.messages(number)) {}
-
-    ClientWithSubscriptions client;
-    Messages messages;
+    std::size_t received_ = 0;
+    std::size_t heapOfSubscriptions_ = 0;
+    mqtt::MqttClient client_{zym::common::Uuid(1), false, "", "", 0, false};
 };
 
 void measureCase(Options const& options, Case const& measured) {
@@ -149,25 +131,22 @@ void measureCase(Options const& options, Case const& measured) {
     double const seconds = options.quick ? 0.002 : 0.05;
     std::map<std::size_t, std::unique_ptr<Subject>> subjects;
     for (std::size_t const number : NUMBERS) {
-        subjects[number] = std::make_unique<Subject>(measured, number);
+        subjects[number] =
+            std::make_unique<Subject>(measured.subscriptions(number), measured.messages(number));
     }
     for (int repetition = 0; repetition < repetitions; ++repetition) {
         for (auto const& [number, subject] : subjects) {
-            auto const receiveNext = [&client = subject->client, &messages = subject->messages] {
-                return client.receive(messages.next());
-            };
             print({"dispatch", measured.name, std::to_string(number), "ns", "ours", "", repetition,
-                   nanosecondsPerCall(receiveNext, seconds)});
+                   nanosecondsPerCall([&subject = *subject] { return subject.receiveNext(); },
+                                      seconds)});
         }
     }
 }
 
 void measureHeap(char const* figure, Texts const& subscriptions) {
-    std::size_t const before = heapInUse();
-    ClientWithSubscriptions const client(subscriptions);
-    auto const bytes = static_cast<double>(heapInUse() - before);
+    Subject const subject(subscriptions, {"a"});
     print({"dispatch", "heap of a subscription", figure, "bytes", "ours", "", 0,
-           bytes / static_cast<double>(subscriptions.size())});
+           subject.heapOfSubscriptions() / MANY});
 }
 
 } // namespace

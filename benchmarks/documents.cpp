@@ -54,7 +54,6 @@ void measureDocuments(Options const& options) {
     measureDocument(options, "link", link);
     measureDocument(options, "10 links", std::vector<mqtt::Link>(10, link));
     measureDocument(options, "1000 links", std::vector<mqtt::Link>(1000, link));
-    measureDocument(options, "request", mqtt::RequestReply::Request(reply), requestTopic());
     measureDocument(options, "reply", reply, replyTopic());
 }
 

@@ -17,9 +17,6 @@
 namespace bench {
 namespace {
 
-constexpr unsigned MORE_CLIENTS = 32;
-constexpr double KIB = 1024;
-
 /// What this process holds.
 struct Resources {
     double heapKib;
@@ -45,59 +42,59 @@ double entriesOf(char const* folder) {
 }
 
 Resources resources() {
-    return {static_cast<double>(heapInUse()) / KIB, residentKib(), entriesOf("/proc/self/task"),
+    return {static_cast<double>(heapInUse()) / 1024, residentKib(), entriesOf("/proc/self/task"),
             entriesOf("/proc/self/fd")};
 }
 
-void measureHere(ClientLibrary const& library, int port, int repetition) {
-    Resources const none = resources();
+void measureHere(ClientLibrary const& library, int port, int repetition, unsigned clients) {
+    // The first one brings what the process has only once.
     auto const first = library.makeClient(port);
     first->connect();
-    Resources const one = resources();
-    std::vector<std::unique_ptr<BenchmarkClient>> more(MORE_CLIENTS);
+    Resources const before = resources();
+    std::vector<std::unique_ptr<BenchmarkClient>> more(clients);
     for (auto& client : more) {
         client = library.makeClient(port);
         client->connect();
     }
-    Resources const all = resources();
-    auto const print = [&](char const* figure, char const* unit, double value) {
-        bench::print({"idle", "idle", figure, unit, library.name(), "", repetition, value});
+    Resources const after = resources();
+    auto const print = [&](char const* figure, char const* unit, double Resources::*resource) {
+        double const each = (after.*resource - before.*resource) / clients;
+        bench::print({"idle", "one more client", figure, unit, library.name, "", repetition, each});
     };
-    print("threads of the only one", "", one.threads - none.threads);
-    print("descriptors of the only one", "", one.descriptors - none.descriptors);
-    print("threads of one more", "", (all.threads - one.threads) / MORE_CLIENTS);
-    print("descriptors of one more", "", (all.descriptors - one.descriptors) / MORE_CLIENTS);
-    print("heap of one more", "KiB", (all.heapKib - one.heapKib) / MORE_CLIENTS);
-    print("resident memory of one more", "KiB", (all.residentKib - one.residentKib) / MORE_CLIENTS);
+    print("threads", "", &Resources::threads);
+    print("descriptors", "", &Resources::descriptors);
+    print("heap", "KiB", &Resources::heapKib);
+    print("resident memory", "KiB", &Resources::residentKib);
 }
 
 /// In a process of its own, whose heap nobody has used before. This process has only one thread, so
 /// that the child may do anything.
-void measureInChild(ClientLibrary const& library, int port, int repetition) {
+void measureInChild(ClientLibrary const& library, int port, int repetition, unsigned clients) {
     pid_t const child = ::fork();
     if (child == 0) {
         try {
-            measureHere(library, port, repetition);
+            measureHere(library, port, repetition, clients);
             ::_exit(0);
         } catch (std::exception const& error) {
-            std::fprintf(stderr, "%s: %s\n", library.name(), error.what());
+            std::fprintf(stderr, "%s: %s\n", library.name, error.what());
             ::_exit(1);
         }
     }
     int status = 1;
     if (child < 0 || ::waitpid(child, &status, 0) != child || status != 0) {
-        throw std::runtime_error(std::string("no figures of ") + library.name());
+        throw std::runtime_error(std::string("no figures of ") + library.name);
     }
 }
 
 } // namespace
 
 void measureIdleClients(Options const& options, ClientLibraries const& libraries) {
-    int const repetitions = repetitionsOf(options, "idle", "idle", 3);
+    int const repetitions = repetitionsOf(options, "idle", "one more client", 3);
+    unsigned const clients = options.quick ? 4 : 32;
     BenchmarkBroker const broker(BrokerKind::NODELAY);
     for (int repetition = 0; repetition < repetitions; ++repetition) {
         for (auto const& library : libraries) {
-            measureInChild(*library, broker.port(), repetition);
+            measureInChild(*library, broker.port(), repetition, clients);
         }
     }
 }

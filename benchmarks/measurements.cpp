@@ -3,8 +3,6 @@
 #include "samples.hpp"
 #include "text_exchanges.hpp"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <chrono>
 #include <cmath>
@@ -16,6 +14,8 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using Figures = std::vector<Figure>;
 using Samples = std::vector<double>;
+using Library = ClientLibrary const&;
+using Broker = BenchmarkBroker const&;
 
 constexpr char const* TOPIC = "bench/device/status";
 constexpr double MICROSECONDS = 1e6;
@@ -37,19 +37,6 @@ double percentile(Samples samples, double fraction) {
 
 // Throughput
 
-/// Processor time in seconds.
-struct CpuTimes {
-    double publisher;
-    double subscriber;
-    double broker;
-};
-
-/// Both clients live in this process: what the subscriber's thread has not used is the publisher's.
-CpuTimes cpuTimes(MessageCounter const& received, BenchmarkBroker const& broker) {
-    double const subscriber = received.cpuSecondsOfCountingThread();
-    return {cpuSeconds(CLOCK_PROCESS_CPUTIME_ID) - subscriber, subscriber, broker.cpuSeconds()};
-}
-
 /// At QoS 0 the last small packets of a window sometimes wait 40 ms for an acknowledgement by the
 /// other kernel. Only a long run has an average share of these pauses.
 std::uint64_t messagesAt(int qos, Effort const& effort) {
@@ -67,31 +54,24 @@ void publishAll(Action const& publish, MessageCounter& received, std::uint64_t m
     received.waitFor(messages);
 }
 
-Figures measureThroughput(ClientLibrary const& library, Action const& publish,
-                          MessageCounter& received, BenchmarkBroker const& broker,
-                          std::uint64_t messages) {
-    CpuTimes const before = cpuTimes(received, broker);
+/// Both clients live in this process.
+Figures measureThroughput(Action const& publish, MessageCounter& received,
+                          BenchmarkBroker const& broker, std::uint64_t messages) {
+    double const clientsBefore = cpuSeconds(CLOCK_PROCESS_CPUTIME_ID);
+    double const brokerBefore = broker.cpuSeconds();
     auto const start = Clock::now();
     publishAll(publish, received, messages);
+    double const seconds = secondsSince(start);
+    double const clients = cpuSeconds(CLOCK_PROCESS_CPUTIME_ID) - clientsBefore;
     auto const count = static_cast<double>(messages);
-    double const messagesPerSecond = count / secondsSince(start);
-    CpuTimes const after = cpuTimes(received, broker);
-    auto const perMessage = [count](double seconds) { return seconds / count * MICROSECONDS; };
-    double const publisher = perMessage(after.publisher - before.publisher);
-    double const subscriber = perMessage(after.subscriber - before.subscriber);
-    Figures figures{{"throughput", "msg/s", messagesPerSecond},
-                    {"client CPU", "us/msg", publisher + subscriber},
-                    {"broker CPU", "us/msg", perMessage(after.broker - before.broker)}};
-    if (library.hasThreadPerClient()) {
-        figures.push_back({"publisher CPU", "us/msg", publisher});
-        figures.push_back({"subscriber CPU", "us/msg", subscriber});
-    }
-    return figures;
+    return {{"throughput", "msg/s", count / seconds},
+            {"client CPU", "us/msg", clients / count * MICROSECONDS},
+            {"broker CPU", "us/msg", (broker.cpuSeconds() - brokerBefore) / count * MICROSECONDS}};
 }
 
 Measurement throughput(int qos, std::size_t size, Effort const& effort) {
     return {"throughput-qos" + std::to_string(qos) + '-' + std::to_string(size),
-            [=](ClientLibrary const& library, BenchmarkBroker const& broker) {
+            [=](Library library, Broker broker) {
                 MessageCounter received;
                 auto const subscriber =
                     makeCountingSubscriber(library, broker.port(), TOPIC, received);
@@ -100,13 +80,13 @@ Measurement throughput(int qos, std::size_t size, Effort const& effort) {
                 publisher->connect();
                 std::string const payload(size, 'x');
                 return measureThroughput(
-                    library, [&] { publisher->publishInStream(topic, payload, qos, false); },
-                    received, broker, messagesAt(qos, effort));
+                    [&] { publisher->publishInStream(topic, payload, qos, false); }, received,
+                    broker, messagesAt(qos, effort));
             }};
 }
 
 Measurement valueThroughput(char const* name, Document document, Effort const& effort) {
-    return {name, [=](ClientLibrary const& library, BenchmarkBroker const& broker) {
+    return {name, [=](Library library, Broker broker) {
                 // Values are retained: a topic that was used before would bring an old one.
                 static unsigned runs = 0;
                 std::string const topic = "bench/device" + std::to_string(++runs);
@@ -114,7 +94,7 @@ Measurement valueThroughput(char const* name, Document document, Effort const& e
                 auto const subscriber =
                     library.makeValueSubscriber(broker.port(), topic, document, received);
                 auto const publish = library.makeValuePublisher(broker.port(), topic, document);
-                return measureThroughput(library, publish, received, broker, effort.messages);
+                return measureThroughput(publish, received, broker, effort.messages);
             }};
 }
 
@@ -145,8 +125,7 @@ Figures measureLatencies(Effort const& effort, Action const& action) {
 }
 
 Measurement acknowledgement(int qos, Effort const& effort) {
-    return {"acknowledge-qos" + std::to_string(qos),
-            [=](ClientLibrary const& library, BenchmarkBroker const& broker) {
+    return {"acknowledge-qos" + std::to_string(qos), [=](Library library, Broker broker) {
                 auto const publisher = library.makeClient(broker.port());
                 auto const topic = publisher->addTopic(TOPIC);
                 publisher->connect();
@@ -156,7 +135,7 @@ Measurement acknowledgement(int qos, Effort const& effort) {
 }
 
 Measurement dialogue(char const* name, Effort const& effort, void (*exchange)(Dialogue&)) {
-    return {name, [=](ClientLibrary const& library, BenchmarkBroker const& broker) {
+    return {name, [=](Library library, Broker broker) {
                 Dialogue dialogue(library, broker.port(),
                                   {"bench/device/question", "bench/panel/answer", TEXT, TEXT});
                 dialogue.subscribe();
@@ -165,13 +144,13 @@ Measurement dialogue(char const* name, Effort const& effort, void (*exchange)(Di
 }
 
 Measurement requestReply(Effort const& effort) {
-    return {"request-reply", [=](ClientLibrary const& library, BenchmarkBroker const& broker) {
+    return {"request-reply", [=](Library library, Broker broker) {
                 return measureLatencies(effort, library.makeRequester(broker.port()));
             }};
 }
 
 Measurement connecting(Effort const& effort) {
-    return {"connect", [=](ClientLibrary const& library, BenchmarkBroker const& broker) {
+    return {"connect", [=](Library library, Broker broker) {
                 auto const client = library.makeClient(broker.port());
                 Samples connects;
                 Samples both;
@@ -188,7 +167,7 @@ Measurement connecting(Effort const& effort) {
 } // namespace
 
 Measurement firstExchanges(Effort const& effort) {
-    return {"first-exchanges", [=](ClientLibrary const& library, BenchmarkBroker const& broker) {
+    return {"first-exchanges", [=](Library library, Broker broker) {
                 constexpr int EXCHANGES = 24;
                 Samples samples;
                 // Client and service connect anew each time.
@@ -216,11 +195,6 @@ std::vector<Measurement> allMeasurements(Effort const& effort) {
     all.push_back(acknowledgement(2, effort));
     all.push_back(dialogue("round-trip", effort, [](Dialogue& both) { both.ask(1); }));
     all.push_back(dialogue("burst-of-four", effort, [](Dialogue& both) { both.ask(4); }));
-    all.push_back(dialogue("subscribe-and-ask", effort, [](Dialogue& both) {
-        both.unsubscribe();
-        both.subscribe();
-        both.ask(1);
-    }));
     all.push_back(requestReply(effort));
     all.push_back(connecting(effort));
     return all;

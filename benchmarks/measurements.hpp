@@ -31,8 +31,8 @@ struct Effort {
 };
 
 struct Figure {
-    std::string name;
-    std::string unit;
+    char const* name;
+    char const* unit;
     double value;
 };
 

@@ -1,13 +1,8 @@
 #pragma once
 
-#include "resources.hpp"
-
-#include <pthread.h>
-
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
-#include <ctime>
 #include <mutex>
 #include <stdexcept>
 #include <string>
@@ -22,9 +17,6 @@ class MessageCounter {
 public:
     void add() {
         std::lock_guard<std::mutex> const lock(mutex_);
-        if (!clockIsKnown_) {
-            clockIsKnown_ = ::pthread_getcpuclockid(::pthread_self(), &clock_) == 0;
-        }
         ++count_;
         if (count_ == expected_) {
             reached_.notify_all();
@@ -48,20 +40,11 @@ public:
         expected_ = 0;
     }
 
-    /// The processor time in seconds that the counting thread has used so far. Call it after the
-    /// first `add`.
-    double cpuSecondsOfCountingThread() const {
-        std::lock_guard<std::mutex> const lock(mutex_);
-        return cpuSeconds(clock_);
-    }
-
 private:
-    mutable std::mutex mutex_;
+    std::mutex mutex_;
     std::condition_variable reached_;
     std::uint64_t count_ = 0;
     std::uint64_t expected_ = 0;
-    bool clockIsKnown_ = false;
-    clockid_t clock_{};
 };
 
 } // namespace bench

@@ -182,11 +182,9 @@ private:
 
 class OurLibrary final : public ClientLibrary {
 public:
-    char const* name() const override { return "ours"; }
+    OurLibrary()
+        : ClientLibrary("ours", [](int port) { return std::make_unique<OurClient>(port); }) {}
 
-    std::unique_ptr<BenchmarkClient> makeClient(int port) const override {
-        return std::make_unique<OurClient>(port);
-    }
     Action makeValuePublisher(int port, std::string const& topic,
                               Document document) const override {
         return document == Document::COMMUNICATION

@@ -104,20 +104,11 @@ private:
     mqtt::async_client client_;
 };
 
-class PahoLibrary final : public ClientLibrary {
-public:
-    char const* name() const override { return "Paho"; }
-    /// All clients of a process share one thread that sends and one that receives.
-    bool hasThreadPerClient() const override { return false; }
-    std::unique_ptr<BenchmarkClient> makeClient(int port) const override {
-        return std::make_unique<PahoClient>(port);
-    }
-};
-
 } // namespace
 
 std::unique_ptr<ClientLibrary> pahoLibrary() {
-    return std::make_unique<PahoLibrary>();
+    return std::make_unique<ClientLibrary>(
+        "Paho", [](int port) { return std::make_unique<PahoClient>(port); });
 }
 
 } // namespace bench

@@ -3,7 +3,6 @@
 #include <getopt.h>
 #include <mosquitto.h>
 #include <sched.h>
-#include <sys/utsname.h>
 
 #include <cerrno>
 #include <cstddef>
@@ -22,11 +21,6 @@ constexpr char const* USAGE =
     "  --broker shipped|nodelay     only this configuration of the broker\n"
     "  --control                    libmosquittopp in the place of our client: shows the noise\n"
     "  --quick                      one short repetition: shows only that it works\n";
-
-std::string machine() {
-    utsname name{};
-    return ::uname(&name) == 0 ? name.machine : "unknown";
-}
 
 #ifdef __OPTIMIZE__
 constexpr char const* BUILD = "optimised";
@@ -80,14 +74,11 @@ void printConditions() {
 } // namespace
 
 void print(Result const& result) {
-    static std::string const machineName = machine();
     std::printf(R"({"program": "%s", "measurement": "%s", "figure": "%s", "library": "%s", )"
-                R"("broker": "%s", "repetition": %d, "value": %.9g, "unit": "%s", )"
-                R"("machine": "%s"})"
+                R"("broker": "%s", "repetition": %d, "value": %.9g, "unit": "%s"})"
                 "\n",
-                result.program.c_str(), result.measurement.c_str(), result.figure.c_str(),
-                result.library.c_str(), result.broker.c_str(), result.repetition, result.value,
-                result.unit.c_str(), machineName.c_str());
+                result.program, result.measurement.c_str(), result.figure.c_str(), result.library,
+                result.broker, result.repetition, result.value, result.unit);
     std::fflush(stdout);
 }
 

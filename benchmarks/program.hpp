@@ -22,12 +22,12 @@ struct Options {
 
 /// One line of output, in JSON.
 struct Result {
-    std::string program;     ///< the group: clients, idle, documents, ...
+    char const* program;     ///< the group: clients, idle, documents, ...
     std::string measurement; ///< what was done
     std::string figure;      ///< which number of it: throughput, p50, ...
-    std::string unit;
-    std::string library; ///< who did it: ours, raw, Paho, ...
-    std::string broker;  ///< the broker's configuration; empty: none took part
+    char const* unit;
+    char const* library; ///< who did it: ours, raw, Paho, ...
+    char const* broker;  ///< the broker's configuration; empty: none took part
     int repetition = 0;
     double value = 0;
 };

@@ -55,12 +55,6 @@ void visitMembers(mqtt::Link& value, Visit visit) {
 }
 
 template <class Visit>
-void visitMembers(mqtt::RequestReply::Request& value, Visit visit) {
-    visit("$reqId", value.requestId);
-    visit("text", static_cast<Text&>(*value.data).text);
-}
-
-template <class Visit>
 void visitMembers(mqtt::RequestReply::Reply& value, Visit visit) {
     visit("$reqId", value.requestId);
     visit("$err", value.error);
@@ -68,17 +62,15 @@ void visitMembers(mqtt::RequestReply::Reply& value, Visit visit) {
 }
 
 struct WriteMember {
-    void operator()(char const* key, std::string const& text) const {
+    template <class Member>
+    void operator()(char const* key, Member const& member) const {
         out.Key(key);
-        out.String(text.data(), static_cast<rapidjson::SizeType>(text.size()));
-    }
-    template <class Number>
-    void operator()(char const* key, Number number) const {
-        out.Key(key);
-        if constexpr (std::is_floating_point_v<Number>) {
-            out.Double(number);
+        if constexpr (std::is_same_v<Member, std::string>) {
+            out.String(member.data(), static_cast<rapidjson::SizeType>(member.size()));
+        } else if constexpr (std::is_floating_point_v<Member>) {
+            out.Double(member);
         } else {
-            out.Uint(static_cast<unsigned>(number));
+            out.Uint(static_cast<unsigned>(member));
         }
     }
 
@@ -92,22 +84,21 @@ inline void require(bool condition) {
 }
 
 struct ReadMember {
-    void operator()(char const* key, std::string& text) const {
+    template <class Member>
+    void operator()(char const* key, Member& member) const {
         auto const& value = find(key);
-        require(value.IsString());
-        text.assign(value.GetString(), value.GetStringLength());
+        if constexpr (std::is_same_v<Member, std::string>) {
+            require(value.IsString());
+            member.assign(value.GetString(), value.GetStringLength());
+        } else if constexpr (std::is_floating_point_v<Member>) {
+            require(value.IsNumber());
+            member = value.GetDouble();
+        } else {
+            require(value.IsUint());
+            member = static_cast<Member>(value.GetUint());
+        }
     }
-    void operator()(char const* key, double& number) const {
-        auto const& value = find(key);
-        require(value.IsNumber());
-        number = value.GetDouble();
-    }
-    template <class Integer>
-    void operator()(char const* key, Integer& number) const {
-        auto const& value = find(key);
-        require(value.IsUint());
-        number = static_cast<Integer>(value.GetUint());
-    }
+
     rapidjson::Value const& find(char const* key) const {
         auto const member = object.FindMember(key);
         require(member != object.MemberEnd());

@@ -112,29 +112,20 @@ private:
     bool running_ = false;
 };
 
-class RawLibrary final : public ClientLibrary {
-public:
-    RawLibrary(char const* name, bool acknowledgesPromptly)
-        : name_(name), acknowledgesPromptly_(acknowledgesPromptly) {}
-
-    char const* name() const override { return name_; }
-    std::unique_ptr<BenchmarkClient> makeClient(int port) const override {
-        return std::make_unique<RawClient>(port, acknowledgesPromptly_);
-    }
-
-private:
-    char const* const name_;
-    bool const acknowledgesPromptly_;
-};
+std::unique_ptr<ClientLibrary> makeLibrary(char const* name, bool acknowledgesPromptly) {
+    return std::make_unique<ClientLibrary>(name, [acknowledgesPromptly](int port) {
+        return std::make_unique<RawClient>(port, acknowledgesPromptly);
+    });
+}
 
 } // namespace
 
 std::unique_ptr<ClientLibrary> rawLibrary(char const* name) {
-    return std::make_unique<RawLibrary>(name, false);
+    return makeLibrary(name, false);
 }
 
 std::unique_ptr<ClientLibrary> rawLibraryWithPromptAcknowledgements() {
-    return std::make_unique<RawLibrary>("raw, prompt", true);
+    return makeLibrary("raw, prompt", true);
 }
 
 } // namespace bench

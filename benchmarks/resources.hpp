@@ -42,12 +42,8 @@ double nanosecondsPerCall(Action&& action, double seconds) {
 
 /// Bytes of heap that this process uses.
 inline std::size_t heapInUse() {
-#if __GLIBC_PREREQ(2, 33)
     auto const info = ::mallinfo2();
-#else
-    auto const info = ::mallinfo();
-#endif
-    return static_cast<std::size_t>(info.uordblks) + static_cast<std::size_t>(info.hblkhd);
+    return info.uordblks + info.hblkhd;
 }
 
 } // namespace bench
