@@ -15,7 +15,7 @@ std::atomic<steady_clock::duration> ahead{steady_clock::duration::zero()};
 
 } // namespace
 
-// The linker puts what is wrapped in the place of the clock, and of the wait on a condition.
+// The linker replaces the clock, and the wait on a condition, by the functions with `__wrap_`.
 
 steady_clock::time_point realNow() __asm__("__real_" ZYM_TEST_STEADY_NOW);
 steady_clock::time_point adjustedNow() __asm__("__wrap_" ZYM_TEST_STEADY_NOW);
@@ -37,16 +37,11 @@ int adjustedWait(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t cl
     }
     auto const real = seconds(until->tv_sec) + nanoseconds(until->tv_nsec) - ahead.load();
     auto const whole = std::chrono::floor<seconds>(real);
-    timespec moment{};
-    moment.tv_sec = static_cast<time_t>(whole.count());
-    moment.tv_nsec = static_cast<long>(nanoseconds(real - whole).count());
+    timespec const moment{static_cast<time_t>(whole.count()),
+                          static_cast<long>(nanoseconds(real - whole).count())};
     return realWait(condition, mutex, clock, &moment);
 }
 
-namespace adjustable_clock {
-
-void advance(std::chrono::milliseconds forward) {
-    ahead = ahead.load() + forward;
+void adjustable_clock::advance(std::chrono::milliseconds by) {
+    ahead = ahead.load() + by;
 }
-
-} // namespace adjustable_clock

@@ -2,13 +2,13 @@
 
 #include <chrono>
 
-/// A program that links `adjustable-clock` has a steady clock that the test can set forward, so
-/// that time has passed without anybody having waited for it, and however busy the machine is.
+/// A program that links `adjustable-clock` has a steady clock that the test can set forward: time
+/// passes without waiting, however busy the machine is.
 ///
-/// Who waits on a condition meanwhile finds out when it is woken; what waits from then on waits as
-/// long as it would have.
+/// A thread that waits on a condition meanwhile notices when it is woken; waits that begin later
+/// last as long as without this.
 namespace adjustable_clock {
 
-void advance(std::chrono::milliseconds forward);
+void advance(std::chrono::milliseconds by);
 
 } // namespace adjustable_clock

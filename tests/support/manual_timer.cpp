@@ -1,5 +1,7 @@
 #include "support/manual_timer.hpp"
 
+#include "support/watched.hpp"
+
 #include <zym/common/timer.hpp>
 
 #include <algorithm>
@@ -14,39 +16,41 @@ struct Timer::Engine {
     std::mutex mutex;
     std::chrono::milliseconds period;
     bool once;
-    manual_timer::Record record; ///< guarded by theMutex
 };
 
 } // namespace zym::common
 
 namespace {
 
-/// An engine's type is private to its timer.
-struct Known {
-    void const* engine;
-    manual_timer::Record* record;
+struct KnownTimer {
+    void const* engine; ///< its type is private to the timer
     std::function<void()> callback;
+    manual_timer::Record record;
 };
 
-std::mutex theMutex; // what follows
-std::vector<Known> theTimers;
-std::function<void()> theRestartHook;
-std::function<void()> theStopHook;
+struct State {
+    std::vector<KnownTimer> timers;
+    std::function<void()> onRestart;
+    std::function<void()> onStop;
+};
+
+support::Watched<State> state;
 
 template <class Change>
-void change(manual_timer::Record& record, Change apply) {
-    std::lock_guard<std::mutex> const lock(theMutex);
-    apply(record);
+void changeRecord(void const* engine, Change const& change) {
+    state.change([&](State& all) {
+        for (KnownTimer& timer : all.timers) {
+            if (timer.engine == engine) {
+                change(timer.record);
+            }
+        }
+    });
 }
 
+/// With no lock held.
 void call(std::function<void()> const& hook) {
-    std::function<void()> copy;
-    {
-        std::lock_guard<std::mutex> const lock(theMutex);
-        copy = hook;
-    }
-    if (copy) {
-        copy();
+    if (hook) {
+        hook();
     }
 }
 
@@ -55,56 +59,53 @@ void call(std::function<void()> const& hook) {
 namespace manual_timer {
 
 Record record(std::size_t timer) {
-    std::lock_guard<std::mutex> const lock(theMutex);
-    return *theTimers.at(timer).record;
+    return state.read([&](State const& all) { return all.timers.at(timer).record; });
 }
 
 void reset() {
-    std::lock_guard<std::mutex> const lock(theMutex);
-    for (auto const& timer : theTimers) {
-        *timer.record = Record();
-    }
-    theRestartHook = nullptr;
-    theStopHook = nullptr;
+    state.change([](State& all) {
+        for (KnownTimer& timer : all.timers) {
+            timer.record = Record();
+        }
+        all.onRestart = nullptr;
+        all.onStop = nullptr;
+    });
 }
 
 void expire(std::size_t timer) {
-    std::function<void()> callback;
-    {
-        std::lock_guard<std::mutex> const lock(theMutex);
-        callback = theTimers.at(timer).callback;
-    }
-    callback();
+    call(state.read([&](State const& all) { return all.timers.at(timer).callback; }));
 }
 
 void onRestart(std::function<void()> hook) {
-    std::lock_guard<std::mutex> const lock(theMutex);
-    theRestartHook = std::move(hook);
+    state.change([&](State& all) { all.onRestart = std::move(hook); });
 }
 
 void onStop(std::function<void()> hook) {
-    std::lock_guard<std::mutex> const lock(theMutex);
-    theStopHook = std::move(hook);
+    state.change([&](State& all) { all.onStop = std::move(hook); });
 }
 
 } // namespace manual_timer
 
 namespace zym::common {
 
-// In the program itself, these come before those of the shared library.
+// In the program itself, these take precedence over those of the shared library.
 
 Timer::Timer(std::function<void()> callback, std::chrono::milliseconds period, bool expireOnce)
     : engine_(std::make_shared<Engine>()), once(engine_->once) {
     engine_->period = period;
     once = expireOnce;
-    std::lock_guard<std::mutex> const lock(theMutex);
-    theTimers.push_back({engine_.get(), &engine_->record, std::move(callback)});
+    state.change([&](State& all) {
+        all.timers.push_back({engine_.get(), std::move(callback), {}});
+    });
 }
 
 Timer::~Timer() {
-    std::lock_guard<std::mutex> const lock(theMutex);
-    auto const isOurs = [this](Known const& known) { return known.engine == engine_.get(); };
-    theTimers.erase(std::find_if(theTimers.begin(), theTimers.end(), isOurs));
+    state.change([this](State& all) {
+        auto const isOurs = [this](KnownTimer const& timer) {
+            return timer.engine == engine_.get();
+        };
+        all.timers.erase(std::find_if(all.timers.begin(), all.timers.end(), isOurs));
+    });
 }
 
 std::mutex& Timer::mutex() noexcept {
@@ -117,8 +118,8 @@ void Timer::setPeriod(std::chrono::milliseconds period,
 }
 
 void Timer::restart(std::unique_lock<std::mutex>& /*lock*/) {
-    call(theRestartHook);
-    change(engine_->record, [this](auto& record) {
+    call(state.read([](State const& all) { return all.onRestart; }));
+    changeRecord(engine_.get(), [this](manual_timer::Record& record) {
         ++record.restarts;
         record.armed = true;
         record.once = once;
@@ -127,15 +128,15 @@ void Timer::restart(std::unique_lock<std::mutex>& /*lock*/) {
 }
 
 void Timer::stop() {
-    change(engine_->record, [](auto& record) {
+    changeRecord(engine_.get(), [](manual_timer::Record& record) {
         ++record.stops;
         record.armed = false;
     });
-    call(theStopHook);
+    call(state.read([](State const& all) { return all.onStop; }));
 }
 
 void Timer::terminate() {
-    change(engine_->record, [](auto& record) {
+    changeRecord(engine_.get(), [](manual_timer::Record& record) {
         ++record.terminations;
         record.armed = false;
     });

@@ -4,8 +4,8 @@
 #include <cstddef>
 #include <functional>
 
-/// A program that links `manual-timer` has no timers but ours: they expire when the test says
-/// so, on the test's thread.
+/// A program that links `manual-timer` has timers that expire only when the test says so, on the
+/// test's thread.
 ///
 /// A timer is named by its place among those that exist, in the order in which they were made.
 namespace manual_timer {
@@ -21,9 +21,9 @@ struct Record {
 };
 
 Record record(std::size_t timer = 0);
-/// Forgets what was done so far, with all timers, and the hooks.
+/// Clears the records of all timers, and the hooks.
 void reset();
-/// Calls the callback, whether armed or not: an expiry that was decided on a while ago.
+/// Calls the callback, whether armed or not: an expiry may have been decided on before a stop.
 void expire(std::size_t timer = 0);
 /// Called within every `restart` of every timer, before it is armed. What it throws comes out.
 void onRestart(std::function<void()> hook);
