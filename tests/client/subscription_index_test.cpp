@@ -8,7 +8,6 @@
 
 #include <gtest/gtest.h>
 
-#include <array>
 #include <cctype>
 #include <iterator>
 #include <random>
@@ -19,91 +18,82 @@
 namespace {
 
 using mqtt::Topic;
-using Registry = WalkedRegistry<mqtt::SubscriptionIndex>;
 
-/// What levels are made of: few names, so that topics and patterns meet often.
-std::array<std::vector<std::string>, 3> const VOCABULARIES{
-    {{"a", "b", "", "aa"},
-     // Below, between and above the wildcards, and at the ends of what a byte can be.
-     {"", "!", "\"", "$", "$a", "*", "'", ",", "-", ".", "0", "a", "\x01", "\x7f", "\x80", "\xff"},
-     {}}};
+/// Names of levels: few, so that topics and patterns meet often.
+std::vector<std::vector<std::string>> const NAMES{
+    {"a", "b", "", "aa"},
+    // Below, between and above the wildcards, and the smallest and largest bytes.
+    {"", "!", "\"", "$", "$a", "*", "'", ",", "-", ".", "0", "a", "\x01", "\x7f", "\x80", "\xff"},
+    {}}; // any bytes
 
-class Dice {
+class RandomTexts {
 public:
-    explicit Dice(unsigned seed) : engine_(seed) {}
+    explicit RandomTexts(unsigned seed) : engine_(seed) {}
 
     std::size_t below(std::size_t limit) { return engine_() % limit; }
     bool oneIn(std::size_t n) { return below(n) == 0; }
 
-private:
-    std::mt19937 engine_;
-};
-
-class Texts {
-public:
-    explicit Texts(Dice& dice) : dice_(dice) {}
-
-    void changeVocabulary() { vocabulary_ = &VOCABULARIES[dice_.below(VOCABULARIES.size())]; }
-
-    std::string name() {
-        if (!vocabulary_->empty()) {
-            return (*vocabulary_)[dice_.below(vocabulary_->size())];
-        }
-        // Every byte but zero and the separator; wildcards too.
-        std::string result(dice_.below(3), ' ');
-        for (auto& byte : result) {
-            do {
-                byte = static_cast<char>(1 + dice_.below(255));
-            } while (byte == '/');
-        }
-        return result;
-    }
+    void changeNames() { names_ = &NAMES[below(NAMES.size())]; }
 
     std::string topic() {
         std::string result = name();
-        for (auto more = dice_.below(5); more > 0; --more) {
+        for (auto more = below(5); more > 0; --more) {
             result += '/' + name();
         }
-        return dice_.oneIn(50) ? result + "/+" : result;
+        return oneIn(50) ? result + "/+" : result;
     }
 
     std::string pattern() {
         std::string result = patternLevel();
-        for (auto more = dice_.below(5); more > 0; --more) {
+        for (auto more = below(5); more > 0; --more) {
             result += '/' + patternLevel();
         }
-        if (dice_.oneIn(3)) {
+        if (oneIn(3)) {
             result += "/#";
         }
-        return dice_.oneIn(400) ? "#" : result;
+        return oneIn(400) ? "#" : result;
     }
 
     /// A topic that the pattern matches, or nearly so.
-    std::string instance(std::string const& pattern) {
+    std::string topicFor(std::string const& pattern) {
         std::string result;
         for (char const byte : pattern) {
             if (byte == '+') {
                 result += name();
             } else if (byte == '#') {
-                result += dice_.oneIn(2) ? topic() : "";
+                result += oneIn(2) ? topic() : "";
             } else {
                 result += byte;
             }
         }
-        return result + (dice_.oneIn(4) ? "/" : "");
+        return result + (oneIn(4) ? "/" : "");
     }
 
 private:
-    std::string patternLevel() {
-        if (dice_.oneIn(3)) {
-            return "+";
+    std::string name() {
+        if (!names_->empty()) {
+            return (*names_)[below(names_->size())];
         }
-        // Now and then what is no pattern to MQTT.
-        return dice_.oneIn(40) ? name() + "+#"[dice_.below(2)] + name() : name();
+        // Every byte but zero and the separator; wildcards too.
+        std::string result(below(3), ' ');
+        for (auto& byte : result) {
+            do {
+                byte = static_cast<char>(1 + below(255));
+            } while (byte == '/');
+        }
+        return result;
     }
 
-    Dice& dice_;
-    std::vector<std::string> const* vocabulary_ = &VOCABULARIES[0];
+    std::string patternLevel() {
+        if (oneIn(3)) {
+            return "+";
+        }
+        // Sometimes what is no pattern to MQTT.
+        return oneIn(40) ? name() + "+#"[below(2)] + name() : name();
+    }
+
+    std::mt19937 engine_;
+    std::vector<std::string> const* names_ = &NAMES[0];
 };
 
 std::string readable(std::string const& text) {
@@ -128,21 +118,21 @@ protected:
     static constexpr std::size_t MOST_ENTRIES = 40;
 
     void change() {
-        if (dice_.oneIn(300)) {
+        if (random_.oneIn(300)) {
             registry_.clear();
-            texts_.changeVocabulary();
+            random_.changeNames();
         }
         auto const& entries = registry_.entries();
-        if (!entries.empty() && (dice_.oneIn(2) || entries.size() == MOST_ENTRIES)) {
+        if (!entries.empty() && (random_.oneIn(2) || entries.size() == MOST_ENTRIES)) {
             registry_.remove(Topic(anyEntry()));
         } else {
-            registry_.add(dice_.oneIn(5) ? texts_.topic() : texts_.pattern());
+            registry_.add(random_.oneIn(5) ? random_.topic() : random_.pattern());
         }
     }
 
     Topic anyTopic() {
-        bool const near = !registry_.entries().empty() && !dice_.oneIn(4);
-        return near ? texts_.instance(anyEntry().text()) : texts_.topic();
+        bool const near = !registry_.entries().empty() && !random_.oneIn(4);
+        return near ? random_.topicFor(anyEntry().text()) : random_.topic();
     }
 
     /// @return whether a pattern was found
@@ -156,12 +146,10 @@ protected:
         return exact == nullptr && found != nullptr;
     }
 
-    Dice dice_{GetParam()};
-
 private:
     Topic const& anyEntry() {
         auto const& entries = registry_.entries();
-        auto const index = static_cast<std::ptrdiff_t>(dice_.below(entries.size()));
+        auto const index = static_cast<std::ptrdiff_t>(random_.below(entries.size()));
         return std::next(entries.begin(), index)->first;
     }
 
@@ -175,11 +163,12 @@ private:
                << readable(found) << ", the walk finds " << readable(expected) << " among" << all;
     }
 
-    Registry registry_;
-    Texts texts_{dice_};
+    RandomTexts random_{GetParam()};
+    WalkedRegistry<mqtt::SubscriptionIndex> registry_;
 };
 
-INSTANTIATE_TEST_SUITE_P(Seeds, ARandomRegistry, testing::Range(1U, 9U));
+INSTANTIATE_TEST_SUITE_P(Seed, ARandomRegistry, testing::Values(1U));
+INSTANTIATE_TEST_SUITE_P(Long, ARandomRegistry, testing::Range(2U, 9U));
 
 TEST_P(ARandomRegistry, IsSearchedAsIfItWereWalkedThrough) {
     constexpr unsigned CHANGES = 200000 / (support::SLOWNESS * support::SLOWNESS);
@@ -191,8 +180,7 @@ TEST_P(ARandomRegistry, IsSearchedAsIfItWereWalkedThrough) {
             patternsFound += compare(anyTopic()) ? 1U : 0U;
         }
     }
-    // Or it would say little.
-    EXPECT_GT(patternsFound, CHANGES * TOPICS / 4);
+    EXPECT_GT(patternsFound, CHANGES * TOPICS / 4) << "too few to prove anything";
 }
 
 } // namespace
