@@ -112,47 +112,6 @@ TEST(Subscribers, ComeAndGoWhileMessagesArrive) {
     client->release(&permanent);
 }
 
-/// Destroys itself in its first call.
-class SelfDestroyingSubscriber : public Client::Subscriber {
-public:
-    SelfDestroyingSubscriber(Client& client, std::atomic<int>& alive)
-        : client_(client), alive_(alive) {
-        ++alive_;
-    }
-    ~SelfDestroyingSubscriber() override { --alive_; }
-    void onMqttMessage(int, Topic const&, std::string const&) override {
-        client_.release(this);
-        delete this;
-    }
-
-private:
-    Client& client_;
-    std::atomic<int>& alive_;
-};
-
-TEST(Subscribers, DestroyThemselvesInTheirCallsWhileMessagesArrive) {
-    support::Broker broker;
-    std::atomic<int> alive{0};
-    auto const client = support::testClient(broker);
-    Flood const flood(broker, FLOODED_TOPICS, "x");
-    for (int round = 0; round < ROUNDS; ++round) {
-        auto* const subscriber = new SelfDestroyingSubscriber(*client, alive);
-        // Subscribes it twice within one call, as it may be gone after the next message.
-        support::MessageRecorder starter([&, done = false](auto&&...) mutable {
-            if (done) {
-                return;
-            }
-            done = true;
-            EXPECT_EQ(client->subscribe("flood/+", subscriber, 1), Error::SUCCESS);
-            EXPECT_EQ(client->subscribe("flood/+", subscriber, 2), Error::SUCCESS);
-        });
-        ASSERT_EQ(client->subscribe("flood/0", &starter, 0), Error::SUCCESS);
-        ASSERT_TRUE(starter.waitForCount(1));
-        client->release(&starter);
-        ASSERT_TRUE(support::eventually([&] { return alive == 0; }));
-    }
-}
-
 TEST(Clients, AreDestroyedWhileMessagesArrive) {
     support::Broker broker;
     Flood const flood(broker, FLOODED_TOPICS, "x");

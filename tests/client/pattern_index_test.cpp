@@ -81,7 +81,7 @@ TEST_F(ThePatternIndex, PutsNamesByTheirFirstByteBelowBetweenOrAboveTheWildcards
     }
 }
 
-TEST_F(ThePatternIndex, FindsNothingWhereNothingMatches) {
+TEST_F(ThePatternIndex, FindsWhatMatchesAndNothingElse) {
     struct Case {
         Strings patterns;
         std::string topic, found;
