@@ -1,6 +1,6 @@
 #include "common/visitors.hpp"
 
-#include "support/flag.hpp"
+#include "support/watched.hpp"
 
 #include <gtest/gtest.h>
 
