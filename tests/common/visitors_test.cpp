@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <memory>
 #include <optional>
 #include <thread>
@@ -13,23 +14,18 @@
 namespace {
 
 using mqtt::Visitors;
+using support::isSet;
+using support::set;
 using support::Watched;
 
-/// Long enough to see that something waits; it never makes a right wait fail.
-constexpr std::chrono::milliseconds A_WHILE{100};
+/// Long enough to see that a call waits. If a machine is slow, a defect may pass unseen; a correct
+/// wait never fails.
+constexpr std::chrono::milliseconds NOTICEABLE_WAIT{100};
 
-bool isSet(bool value) {
-    return value;
-}
-
-void set(Watched<bool>& flag) {
-    flag.change([](bool& value) { value = true; });
-}
-
-/// Somebody inside, on a thread of its own, until told to leave.
-class Visitor {
+/// A visit on a thread of its own, which ends when it is told to.
+class VisitOnAThread {
 public:
-    explicit Visitor(std::shared_ptr<Visitors> const& visitors)
+    explicit VisitOnAThread(std::shared_ptr<Visitors> const& visitors)
         : thread_([this, visitors] {
               Visitors::Visit const visit(visitors);
               set(inside_);
@@ -37,9 +33,9 @@ public:
           }) {
         inside_.waitFor(isSet);
     }
-    ~Visitor() { leave(); }
-    Visitor(Visitor const&) = delete;
-    Visitor& operator=(Visitor const&) = delete;
+    ~VisitOnAThread() { leave(); }
+    VisitOnAThread(VisitOnAThread const&) = delete;
+    VisitOnAThread& operator=(VisitOnAThread const&) = delete;
 
     void leave() {
         set(leave_);
@@ -54,20 +50,24 @@ private:
     std::thread thread_;
 };
 
-/// Waits on a thread of its own for others to leave.
-class Waiting {
+/// A wait for the others on a thread of its own, which may be inside too.
+class WaitOnAThread {
 public:
-    explicit Waiting(std::shared_ptr<Visitors> const& visitors)
-        : thread_([this, visitors] {
+    explicit WaitOnAThread(std::shared_ptr<Visitors> const& visitors, bool inside = false)
+        : thread_([this, visitors, inside] {
+              std::optional<Visitors::Visit> visit;
+              if (inside) {
+                  visit.emplace(visitors);
+              }
               visitors->waitForOthers();
               set(over_);
           }) {}
-    ~Waiting() { thread_.join(); }
-    Waiting(Waiting const&) = delete;
-    Waiting& operator=(Waiting const&) = delete;
+    ~WaitOnAThread() { thread_.join(); }
+    WaitOnAThread(WaitOnAThread const&) = delete;
+    WaitOnAThread& operator=(WaitOnAThread const&) = delete;
 
-    bool isOver() const { return over_.waitFor(isSet, A_WHILE); }
-    bool endsNow() const { return over_.waitFor(isSet); }
+    bool isOver() const { return over_.waitFor(isSet, NOTICEABLE_WAIT); }
+    bool ends() const { return over_.waitFor(isSet); }
 
 private:
     Watched<bool> over_;
@@ -79,90 +79,58 @@ protected:
     std::shared_ptr<Visitors> visitors = std::make_shared<Visitors>();
 };
 
-TEST_F(TheWaitForVisitors, IsOverWhenNobodyIsInside) {
-    visitors->waitForOthers();
-    { Visitor const visitor(visitors); }
-    visitors->waitForOthers();
-}
-
-TEST_F(TheWaitForVisitors, LastsUntilTheLastOneHasLeft) {
-    Visitor first(visitors);
-    Visitor second(visitors);
-    Waiting const waiting(visitors);
-    EXPECT_FALSE(waiting.isOver());
+TEST_F(TheWaitForVisitors, LastsUntilTheLastOneHasLeftForEveryThreadThatWaits) {
+    visitors->waitForOthers(); // nobody is inside
+    VisitOnAThread first(visitors);
+    VisitOnAThread second(visitors);
+    WaitOnAThread const outside(visitors);
+    EXPECT_FALSE(outside.isOver());
     first.leave();
-    EXPECT_FALSE(waiting.isOver());
+    WaitOnAThread const inside(visitors, true);
+    EXPECT_FALSE(inside.isOver());
+    EXPECT_FALSE(outside.isOver());
     second.leave();
-    EXPECT_TRUE(waiting.endsNow());
+    EXPECT_TRUE(inside.ends());
+    EXPECT_TRUE(outside.ends());
 }
 
-TEST_F(TheWaitForVisitors, IsEndedForEverybodyWhoWaits) {
-    Visitor visitor(visitors);
-    Waiting const first(visitors);
-    Waiting const second(visitors);
-    EXPECT_FALSE(first.isOver());
-    EXPECT_FALSE(second.isOver());
-    visitor.leave();
-    EXPECT_TRUE(first.endsNow());
-    EXPECT_TRUE(second.endsNow());
-}
-
-TEST_F(TheWaitForVisitors, IsNotForOneself) {
+TEST_F(TheWaitForVisitors, IsNotForTheOwnThreadAndMayBeTheEndOfWhatWasVisited) {
     Visitors::Visit const outer(visitors);
     Visitors::Visit const inner(visitors);
     visitors->waitForOthers();
-}
-
-TEST_F(TheWaitForVisitors, IsForOthersWhileOneIsInsideOneself) {
-    Watched<bool> over;
-    Visitor visitor(visitors);
-    std::thread thread([&] {
-        Visitors::Visit const visit(visitors);
-        visitors->waitForOthers();
-        set(over);
-    });
-    EXPECT_FALSE(over.waitFor(isSet, A_WHILE));
-    visitor.leave();
-    EXPECT_TRUE(over.waitFor(isSet));
-    thread.join();
+    visitors.reset();
 }
 
 TEST_F(TheWaitForVisitors, CountsEveryVisitOfAThread) {
     std::optional<Visitors::Visit> inner;
     auto outer = std::make_unique<Visitors::Visit>(visitors);
     inner.emplace(visitors);
-    Waiting const waiting(visitors);
+    WaitOnAThread const waiting(visitors);
     inner.reset();
     EXPECT_FALSE(waiting.isOver());
     outer.reset();
-    EXPECT_TRUE(waiting.endsNow());
+    EXPECT_TRUE(waiting.ends());
 }
 
 TEST_F(TheWaitForVisitors, IsOverWhenTheVisitorsLeaveEarly) {
     auto const outer = std::make_unique<Visitors::Visit>(visitors);
     auto inner = std::make_unique<Visitors::Visit>(visitors);
-    Visitor other(visitors);
-    Waiting const waiting(visitors);
+    VisitOnAThread other(visitors);
+    WaitOnAThread const waiting(visitors);
     visitors->leave();
     EXPECT_FALSE(waiting.isOver()) << "the other one is still inside";
     other.leave();
-    EXPECT_TRUE(waiting.endsNow());
-    // And whoever comes back is waited for again.
+    EXPECT_TRUE(waiting.ends());
+    // A new visit is waited for again.
     auto again = std::make_unique<Visitors::Visit>(visitors);
-    Waiting const next(visitors);
+    WaitOnAThread const next(visitors);
     inner.reset();
     EXPECT_FALSE(next.isOver());
     again.reset();
-    EXPECT_TRUE(next.endsNow());
+    EXPECT_TRUE(next.ends());
 }
 
-TEST_F(TheWaitForVisitors, MayBeTheEndOfWhatWasVisited) {
-    Visitors::Visit const visit(visitors);
-    visitors->waitForOthers();
-    visitors.reset();
-}
-
-TEST_F(TheWaitForVisitors, SeesEverybodyOut) {
+TEST_F(TheWaitForVisitors, EndsAfterAllAccesses) {
     for (int round = 0; round < 200; ++round) {
         auto value = std::make_unique<std::atomic<int>>(0);
         std::atomic<int> inside{0};
