@@ -1,4 +1,4 @@
-#include "common/visitors.hpp"
+#include "common/active_calls.hpp"
 
 #include "support/watched.hpp"
 
@@ -12,7 +12,7 @@
 
 namespace {
 
-using mqtt::Visitors;
+using mqtt::ActiveCalls;
 using support::Watched;
 
 /// Long enough to see that something waits; it never makes a right wait fail.
@@ -29,9 +29,9 @@ void set(Watched<bool>& flag) {
 /// Somebody inside, on a thread of its own, until told to leave.
 class Visitor {
 public:
-    explicit Visitor(std::shared_ptr<Visitors> const& visitors)
+    explicit Visitor(std::shared_ptr<ActiveCalls> const& visitors)
         : thread_([this, visitors] {
-              Visitors::Visit const visit(visitors);
+              ActiveCalls::Call const visit(visitors);
               set(inside_);
               leave_.waitFor(isSet);
           }) {
@@ -57,7 +57,7 @@ private:
 /// Waits on a thread of its own for others to leave.
 class Waiting {
 public:
-    explicit Waiting(std::shared_ptr<Visitors> const& visitors)
+    explicit Waiting(std::shared_ptr<ActiveCalls> const& visitors)
         : thread_([this, visitors] {
               visitors->waitForOthers();
               set(over_);
@@ -76,7 +76,7 @@ private:
 
 class TheWaitForVisitors : public testing::Test {
 protected:
-    std::shared_ptr<Visitors> visitors = std::make_shared<Visitors>();
+    std::shared_ptr<ActiveCalls> visitors = std::make_shared<ActiveCalls>();
 };
 
 TEST_F(TheWaitForVisitors, IsOverWhenNobodyIsInside) {
@@ -108,8 +108,8 @@ TEST_F(TheWaitForVisitors, IsEndedForEverybodyWhoWaits) {
 }
 
 TEST_F(TheWaitForVisitors, IsNotForOneself) {
-    Visitors::Visit const outer(visitors);
-    Visitors::Visit const inner(visitors);
+    ActiveCalls::Call const outer(visitors);
+    ActiveCalls::Call const inner(visitors);
     visitors->waitForOthers();
 }
 
@@ -117,7 +117,7 @@ TEST_F(TheWaitForVisitors, IsForOthersWhileOneIsInsideOneself) {
     Watched<bool> over;
     Visitor visitor(visitors);
     std::thread thread([&] {
-        Visitors::Visit const visit(visitors);
+        ActiveCalls::Call const visit(visitors);
         visitors->waitForOthers();
         set(over);
     });
@@ -128,8 +128,8 @@ TEST_F(TheWaitForVisitors, IsForOthersWhileOneIsInsideOneself) {
 }
 
 TEST_F(TheWaitForVisitors, CountsEveryVisitOfAThread) {
-    std::optional<Visitors::Visit> inner;
-    auto outer = std::make_unique<Visitors::Visit>(visitors);
+    std::optional<ActiveCalls::Call> inner;
+    auto outer = std::make_unique<ActiveCalls::Call>(visitors);
     inner.emplace(visitors);
     Waiting const waiting(visitors);
     inner.reset();
@@ -139,16 +139,16 @@ TEST_F(TheWaitForVisitors, CountsEveryVisitOfAThread) {
 }
 
 TEST_F(TheWaitForVisitors, IsOverWhenTheVisitorsLeaveEarly) {
-    auto const outer = std::make_unique<Visitors::Visit>(visitors);
-    auto inner = std::make_unique<Visitors::Visit>(visitors);
+    auto const outer = std::make_unique<ActiveCalls::Call>(visitors);
+    auto inner = std::make_unique<ActiveCalls::Call>(visitors);
     Visitor other(visitors);
     Waiting const waiting(visitors);
-    visitors->leave();
+    visitors->endCallsOfThisThread();
     EXPECT_FALSE(waiting.isOver()) << "the other one is still inside";
     other.leave();
     EXPECT_TRUE(waiting.endsNow());
     // And whoever comes back is waited for again.
-    auto again = std::make_unique<Visitors::Visit>(visitors);
+    auto again = std::make_unique<ActiveCalls::Call>(visitors);
     Waiting const next(visitors);
     inner.reset();
     EXPECT_FALSE(next.isOver());
@@ -157,7 +157,7 @@ TEST_F(TheWaitForVisitors, IsOverWhenTheVisitorsLeaveEarly) {
 }
 
 TEST_F(TheWaitForVisitors, MayBeTheEndOfWhatWasVisited) {
-    Visitors::Visit const visit(visitors);
+    ActiveCalls::Call const visit(visitors);
     visitors->waitForOthers();
     visitors.reset();
 }
@@ -169,7 +169,7 @@ TEST_F(TheWaitForVisitors, SeesEverybodyOut) {
         std::vector<std::thread> threads;
         for (int i = 0; i < 4; ++i) {
             threads.emplace_back([&] {
-                Visitors::Visit const visit(visitors);
+                ActiveCalls::Call const visit(visitors);
                 ++inside;
                 ++*value;
             });
