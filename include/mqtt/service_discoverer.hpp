@@ -76,11 +76,7 @@ public:
 private:
     using Endpoint = MqttData<conv::Identification>;
 
-    ZYM_MQTT_LOCAL bool waitUntilDone(conv::SecondsDuration const& timeout, MutexLock& lock)
-        ZYM_MQTT_REQUIRES(mutex_);
-    ZYM_MQTT_LOCAL bool accepts(std::vector<Link> const& links) const ZYM_MQTT_REQUIRES(mutex_);
     ZYM_MQTT_LOCAL void handleLinks(std::vector<Link> const& links) ZYM_MQTT_REQUIRES(mutex_);
-    ZYM_MQTT_LOCAL void expectIdentifications(std::size_t entities) ZYM_MQTT_REQUIRES(mutex_);
     ZYM_MQTT_LOCAL void subscribeToIdentifications() ZYM_MQTT_REQUIRES(mutex_);
     ZYM_MQTT_LOCAL Endpoint* awaitedEndpoint(int id) const ZYM_MQTT_REQUIRES(mutex_);
     ZYM_MQTT_LOCAL void stopListening() ZYM_MQTT_REQUIRES(mutex_);

@@ -139,7 +139,6 @@ private:
     ZYM_MQTT_LOCAL bool updateTimeBase(double sample) ZYM_MQTT_REQUIRES(mutex_);
     ZYM_MQTT_LOCAL void filter(double sample) ZYM_MQTT_REQUIRES(mutex_);
     ZYM_MQTT_LOCAL void setOffset(double offset) ZYM_MQTT_REQUIRES(mutex_);
-    ZYM_MQTT_LOCAL void setSynchronized() ZYM_MQTT_REQUIRES(mutex_);
     ZYM_MQTT_LOCAL void startPeriodicExchange() ZYM_MQTT_REQUIRES(mutex_);
     ZYM_MQTT_LOCAL void callListener(unsigned int run);
     ZYM_MQTT_LOCAL void onTimer();

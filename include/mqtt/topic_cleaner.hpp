@@ -90,8 +90,6 @@ public:
 private:
     using Tasks = std::list<std::shared_ptr<Task>>;
 
-    ZYM_MQTT_LOCAL void buildInternalClient(zym::common::Uuid const& id, std::string const& host,
-                                            int port);
     ZYM_MQTT_LOCAL void onTimer();
     ZYM_MQTT_LOCAL void handleTasksExpiration();
     template <class Call>

@@ -21,19 +21,25 @@ public:
         explicit Call(std::shared_ptr<ActiveCalls> calls)
             : calls_(std::move(calls)), thread_(std::this_thread::get_id()) {
             std::lock_guard const lock(calls_->mutex_);
-            if (!calls_->closed_) {
-                next_ = std::exchange(calls_->first_, this);
-            }
+            next_ = std::exchange(calls_->first_, this);
         }
         ~Call() {
             std::lock_guard const lock(calls_->mutex_);
-            calls_->removeIf([this](Call const& call) { return &call == this; });
+            auto** link = &calls_->first_;
+            while (*link != this) {
+                link = &(*link)->next_;
+            }
+            *link = next_;
+            calls_->changed_.notify_all();
         }
         Call(Call const&) = delete;
         Call& operator=(Call const&) = delete;
 
         /// False when the object was closed: before this call began, or by this call's thread.
-        bool isObjectAlive() const { return !calls_->isClosed(); }
+        bool isObjectAlive() const {
+            std::lock_guard const lock(calls_->mutex_);
+            return !calls_->closed_;
+        }
 
     private:
         friend class ActiveCalls;
@@ -41,6 +47,7 @@ public:
         std::shared_ptr<ActiveCalls> const calls_;
         std::thread::id const thread_;
         Call* next_ = nullptr;
+        bool ended_ = false;
     };
 
     /// Waits until no other thread is inside, or the object is closed by one that is.
@@ -62,51 +69,32 @@ public:
 
     bool isThisThreadInside() {
         std::lock_guard const lock(mutex_);
-        return contains([](Call const& call) { return isOfThisThread(call); });
+        return hasCall(true);
     }
 
     /// Ends the calls of this thread before they return. For a call that ends the object and has to
     /// wait for threads that wait for this call.
     void endCallsOfThisThread() {
         std::lock_guard const lock(mutex_);
-        removeIf(isOfThisThread);
+        for (auto* call = first_; call != nullptr; call = call->next_) {
+            call->ended_ = call->ended_ || call->thread_ == std::this_thread::get_id();
+        }
+        changed_.notify_all();
     }
 
 private:
-    static bool isOfThisThread(Call const& call) {
-        return call.thread_ == std::this_thread::get_id();
-    }
-
-    bool isClosed() {
-        std::lock_guard const lock(mutex_);
-        return closed_;
-    }
-
     void waitForOthers(std::unique_lock<std::mutex>& lock) {
-        changed_.wait(lock, [this] {
-            return closed_ || !contains([](Call const& call) { return !isOfThisThread(call); });
-        });
+        changed_.wait(lock, [this] { return closed_ || !hasCall(false); });
     }
 
-    template <class Predicate>
-    bool contains(Predicate const& predicate) const {
-        auto const* call = first_;
-        while (call != nullptr && !predicate(*call)) {
-            call = call->next_;
-        }
-        return call != nullptr;
-    }
-
-    template <class Predicate>
-    void removeIf(Predicate const& predicate) {
-        for (auto** link = &first_; *link != nullptr;) {
-            if (predicate(**link)) {
-                *link = (*link)->next_;
-            } else {
-                link = &(*link)->next_;
+    bool hasCall(bool ofThisThread) const {
+        for (auto const* call = first_; call != nullptr; call = call->next_) {
+            bool const isOwn = call->thread_ == std::this_thread::get_id();
+            if (!call->ended_ && isOwn == ofThisThread) {
+                return true;
             }
         }
-        changed_.notify_all();
+        return false;
     }
 
     std::mutex mutex_; ///< no other lock is taken while it is held

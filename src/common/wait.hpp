@@ -2,9 +2,15 @@
 
 #include "mqtt/mutex.hpp"
 
+#include <conv/seconds_duration.hpp>
+
 #include <chrono>
+#include <cstdint>
 
 namespace mqtt {
+
+/// All ones: no limit.
+inline conv::SecondsDuration const NO_TIMEOUT{UINT32_MAX};
 
 /// The moment that is so much later, or earlier; at most the last moment of the clock, at least its
 /// first.

@@ -14,14 +14,10 @@
 
 #include "common/active_calls.hpp"
 #include "common/arm_timer.hpp"
-#include "common/no_timeout.hpp"
 #include "common/user_call.hpp"
 #include "common/wait.hpp"
 #include "mqtt/request_reply.hpp"
-#include "requestreply/expected_reply.hpp"
-
-#include <algorithm>
-#include <atomic>
+#include "requestreply/request_identity.hpp"
 
 namespace mqtt {
 
@@ -42,23 +38,6 @@ bool isEndless(conv::SecondsDuration const& timeout) {
 
 milliseconds periodOf(conv::SecondsDuration const& timeout) {
     return seconds(static_cast<std::uint32_t>(timeout.toInt32()));
-}
-
-std::int64_t steadyMilliseconds() {
-    auto const now = steady_clock::now().time_since_epoch();
-    return std::chrono::duration_cast<milliseconds>(now).count();
-}
-
-/// The clock, but never the same number twice in this process: the next client may have the reply
-/// topic of one that is destroyed, and must not take a late reply for its own.
-std::uint32_t nextRequestId() {
-    static std::atomic<std::int64_t> last{0};
-    auto before = last.load();
-    std::int64_t next = 0;
-    do {
-        next = std::max(steadyMilliseconds(), before + 1);
-    } while (!last.compare_exchange_weak(before, next));
-    return static_cast<std::uint32_t>(next);
 }
 
 /// What the next expiry of the timer does, once the request's time is over. PUBLISH, PUBLISH_AGAIN

@@ -1,5 +1,6 @@
 // The payload of a request for a binding, and what the codes of replies mean for it.
 
+#include "common/json_members.hpp"
 #include "mqtt/binder_proxy.hpp"
 
 namespace mqtt {
@@ -17,13 +18,12 @@ BindRequestData::~BindRequestData() = default;
 
 void BindRequestData::deserialize(zym::common::lwjson::Deserializer& in) {
     std::string text;
-    zym::common::lwjson::Deserializer::extractValue(in.getMember(TOPIC), text, "");
+    readMember(in, TOPIC, text);
     topic = Topic(text);
 }
 
 void BindRequestData::serialize(zym::common::lwjson::Serializer& out) const {
-    out.appendKey(TOPIC);
-    out.addValue(topic.text());
+    appendMember(out, TOPIC, topic.text());
 }
 
 Binder::Error BinderMqttProxy::requestReplyToBinderError(ErrorCode code) {

@@ -13,8 +13,8 @@
 #include "mqtt/binder_proxy.hpp"
 
 #include "common/active_calls.hpp"
-#include "common/no_timeout.hpp"
 #include "common/user_call.hpp"
+#include "common/wait.hpp"
 #include "services/binder_phases.hpp"
 
 #include <chrono>
@@ -29,9 +29,6 @@ using ErrorCode = RequestReply::ErrorCode;
 
 namespace {
 
-constexpr char BIND[] = "bind";
-constexpr char UNBIND[] = "unbind";
-
 conv::SecondsDuration const SYNCHRONIZATION_TIMEOUT{30};
 
 /// Between two attempts to stop a thread that is about to read the time.
@@ -43,10 +40,6 @@ struct SynchronizedBinding {
     unsigned int phase = 0;
 };
 thread_local SynchronizedBinding synchronizedBinding;
-
-bool isBound(Binder::Error error) {
-    return error == Binder::Error::SUCCESS || error == Binder::Error::ALREADY_BOUND;
-}
 
 } // namespace
 
@@ -69,8 +62,8 @@ BinderMqttProxy::BinderMqttProxy(MqttClient& client, Topic const& requestTopic,
                                  std::shared_ptr<BinderPhases> phases)
     : zym::common::BinderProxy(uuid, phases.get()),
       boundTopic_(boundTopic),
-      bindClient_(client, requestTopic, replyTopic, BIND),
-      unbindClient_(client, requestTopic, replyTopic, UNBIND),
+      bindClient_(client, requestTopic, replyTopic, "bind"),
+      unbindClient_(client, requestTopic, replyTopic, "unbind"),
       timeBase_(client, requestTopic, uuid, this),
       calls_(std::make_shared<ActiveCalls>()),
       phases_(std::move(phases)) {}
@@ -81,7 +74,7 @@ BinderMqttProxy::~BinderMqttProxy() {
 
 void BinderMqttProxy::release() noexcept {
     BinderMqttProxy::terminate();
-    // A thread in an earlier `terminate` may still wait for the call that we are in.
+    // A thread in an earlier `terminate` may still wait for the listener's call that we are in.
     endRequests();
     calls_->close();
     bindClient_.release();
@@ -187,7 +180,7 @@ BinderMqttProxy::Begun BinderMqttProxy::beginBinding(Uuid const& server,
 
 Binder::Error BinderMqttProxy::onBindReply(unsigned int phase, ErrorCode code, bool blocking) {
     auto const error = requestReplyToBinderError(code);
-    if (!isBound(error)) {
+    if (error != Binder::Error::SUCCESS && error != Binder::Error::ALREADY_BOUND) {
         endBindingPhase(phase, error);
         return error;
     }
@@ -298,7 +291,7 @@ BinderMqttProxy::Begun BinderMqttProxy::beginUnbinding(RequestReplyClient::Liste
 }
 
 void BinderMqttProxy::sendUnbinding(Begun& begun, RequestReplyClient::Listener* listener,
-                                         conv::SecondsDuration const& timeout) {
+                                    conv::SecondsDuration const& timeout) {
     try {
         MutexLock const lock(phases_->mutex);
         if (phases_->terminated || phases_->unbindingIsCancelled) {

@@ -81,13 +81,10 @@ bool ServiceDiscovererMqtt::launchSync(conv::SecondsDuration timeout, bool withI
     failed_ = false;
     awaitsLinks_ = true;
     linksData_.subscribe(this, 0);
-    return waitUntilDone(timeout, lock);
-}
-
-bool ServiceDiscovererMqtt::waitUntilDone(conv::SecondsDuration const& timeout, MutexLock& lock) {
-    auto const isOver = [this]()
-                            ZYM_MQTT_REQUIRES(mutex_) { return done_ || failed_ || destroyed_; };
-    waitUntil(changed_, lock, timeout.toTimepoint(steady_clock::now()), isOver, LONGEST_SLEEP);
+    waitUntil(
+        changed_, lock, timeout.toTimepoint(steady_clock::now()),
+        [this]() ZYM_MQTT_REQUIRES(mutex_) { return done_ || failed_ || destroyed_; },
+        LONGEST_SLEEP);
     if (!done_) {
         stopListening();
     }
@@ -123,7 +120,7 @@ void ServiceDiscovererMqtt::onMqttData(std::vector<Link> const& links, bool empt
         return;
     }
     MutexLock const lock(mutex_);
-    if (!accepts(links)) {
+    if (!awaitsLinks_ || (waitForChange_ && haveSameIds(links, links_))) {
         return;
     }
     try {
@@ -139,7 +136,10 @@ void ServiceDiscovererMqtt::handleLinks(std::vector<Link> const& links) {
     awaitsLinks_ = false;
     links_ = links;
     linksData_.unsubscribe();
-    expectIdentifications(links.size());
+    pending_ = static_cast<std::int32_t>(links.size());
+    awaited_.clear();
+    identificationEndpoints_.clear();
+    identifications_.clear();
     if (isDone()) {
         return;
     }
@@ -150,17 +150,6 @@ void ServiceDiscovererMqtt::handleLinks(std::vector<Link> const& links) {
     }
     pending_ = 0;
     isDone();
-}
-
-bool ServiceDiscovererMqtt::accepts(std::vector<Link> const& links) const {
-    return awaitsLinks_ && !(waitForChange_ && haveSameIds(links, links_));
-}
-
-void ServiceDiscovererMqtt::expectIdentifications(std::size_t entities) {
-    pending_ = static_cast<std::int32_t>(entities);
-    awaited_.clear();
-    identificationEndpoints_.clear();
-    identifications_.clear();
 }
 
 void ServiceDiscovererMqtt::subscribeToIdentifications() {

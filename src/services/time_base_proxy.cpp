@@ -292,7 +292,9 @@ bool SynchronizedTimeBaseMqttProxy::updateTimeBase(double sample) {
         makeNextExchange();
         return false;
     }
-    setSynchronized();
+    setSynchronizedFlag(true);
+    changed_.notify_all();
+    startPeriodicExchange();
     return notifyOnSuccess_;
 }
 
@@ -301,12 +303,6 @@ void SynchronizedTimeBaseMqttProxy::filter(double sample) {
     if (gain_ > LEAST_GAIN) {
         gain_ *= GAIN_DECAY;
     }
-}
-
-void SynchronizedTimeBaseMqttProxy::setSynchronized() {
-    setSynchronizedFlag(true);
-    changed_.notify_all();
-    startPeriodicExchange();
 }
 
 void SynchronizedTimeBaseMqttProxy::startPeriodicExchange() {

@@ -58,15 +58,9 @@ bool TopicCleaner::Task::isDone() const {
 TopicCleaner::TopicCleaner(Listener* listener, zym::common::Uuid const& id, std::string const& host,
                            int port)
     : listener_(listener),
-      // Not every timer catches what its callback throws.
-      timer_([this] { callUser([this] { onTimer(); }); }, NO_ACTIVITY_TIME, true),
+      timer_([this] { onTimer(); }, NO_ACTIVITY_TIME, true),
       calls_(std::make_shared<ActiveCalls>()),
       timerCalls_(std::make_shared<ActiveCalls>()) {
-    buildInternalClient(id, host, port);
-}
-
-void TopicCleaner::buildInternalClient(zym::common::Uuid const& id, std::string const& host,
-                                       int port) {
     client_ = std::make_shared<MqttClient>(id, false, "", host, port, true);
 }
 
@@ -114,6 +108,7 @@ void TopicCleaner::onMqttMessage(int /*tag*/, Topic const& topic, std::string co
     armTimer(timer_, milliseconds::zero(), true);
 }
 
+/// Lets nothing through: not every timer catches what its callback throws.
 void TopicCleaner::onTimer() {
     try {
         handleTasksExpiration();
