@@ -1,4 +1,4 @@
-#include "common/visitors.hpp"
+#include "common/active_calls.hpp"
 
 #include "support/watched.hpp"
 
@@ -13,9 +13,7 @@
 
 namespace {
 
-using mqtt::Visitors;
-using support::isSet;
-using support::set;
+using mqtt::ActiveCalls;
 using support::Watched;
 
 /// Long enough to see that a call waits. If a machine is slow, a defect may pass unseen; a correct
@@ -25,9 +23,9 @@ constexpr std::chrono::milliseconds NOTICEABLE_WAIT{100};
 /// A visit on a thread of its own, which ends when it is told to.
 class VisitOnAThread {
 public:
-    explicit VisitOnAThread(std::shared_ptr<Visitors> const& visitors)
+    explicit Visitor(std::shared_ptr<ActiveCalls> const& visitors)
         : thread_([this, visitors] {
-              Visitors::Visit const visit(visitors);
+              ActiveCalls::Call const visit(visitors);
               set(inside_);
               leave_.waitFor(isSet);
           }) {
@@ -53,12 +51,8 @@ private:
 /// A wait for the others on a thread of its own, which may be inside too.
 class WaitOnAThread {
 public:
-    explicit WaitOnAThread(std::shared_ptr<Visitors> const& visitors, bool inside = false)
-        : thread_([this, visitors, inside] {
-              std::optional<Visitors::Visit> visit;
-              if (inside) {
-                  visit.emplace(visitors);
-              }
+    explicit Waiting(std::shared_ptr<ActiveCalls> const& visitors)
+        : thread_([this, visitors] {
               visitors->waitForOthers();
               set(over_);
           }) {}
@@ -76,7 +70,7 @@ private:
 
 class TheWaitForVisitors : public testing::Test {
 protected:
-    std::shared_ptr<Visitors> visitors = std::make_shared<Visitors>();
+    std::shared_ptr<ActiveCalls> visitors = std::make_shared<ActiveCalls>();
 };
 
 TEST_F(TheWaitForVisitors, LastsUntilTheLastOneHasLeftForEveryThreadThatWaits) {
@@ -94,16 +88,40 @@ TEST_F(TheWaitForVisitors, LastsUntilTheLastOneHasLeftForEveryThreadThatWaits) {
     EXPECT_TRUE(outside.ends());
 }
 
-TEST_F(TheWaitForVisitors, IsNotForTheOwnThreadAndMayBeTheEndOfWhatWasVisited) {
-    Visitors::Visit const outer(visitors);
-    Visitors::Visit const inner(visitors);
+TEST_F(TheWaitForVisitors, IsEndedForEverybodyWhoWaits) {
+    Visitor visitor(visitors);
+    Waiting const first(visitors);
+    Waiting const second(visitors);
+    EXPECT_FALSE(first.isOver());
+    EXPECT_FALSE(second.isOver());
+    visitor.leave();
+    EXPECT_TRUE(first.endsNow());
+    EXPECT_TRUE(second.endsNow());
+}
+
+TEST_F(TheWaitForVisitors, IsNotForOneself) {
+    ActiveCalls::Call const outer(visitors);
+    ActiveCalls::Call const inner(visitors);
     visitors->waitForOthers();
-    visitors.reset();
+}
+
+TEST_F(TheWaitForVisitors, IsForOthersWhileOneIsInsideOneself) {
+    Watched<bool> over;
+    Visitor visitor(visitors);
+    std::thread thread([&] {
+        ActiveCalls::Call const visit(visitors);
+        visitors->waitForOthers();
+        set(over);
+    });
+    EXPECT_FALSE(over.waitFor(isSet, A_WHILE));
+    visitor.leave();
+    EXPECT_TRUE(over.waitFor(isSet));
+    thread.join();
 }
 
 TEST_F(TheWaitForVisitors, CountsEveryVisitOfAThread) {
-    std::optional<Visitors::Visit> inner;
-    auto outer = std::make_unique<Visitors::Visit>(visitors);
+    std::optional<ActiveCalls::Call> inner;
+    auto outer = std::make_unique<ActiveCalls::Call>(visitors);
     inner.emplace(visitors);
     WaitOnAThread const waiting(visitors);
     inner.reset();
@@ -113,31 +131,37 @@ TEST_F(TheWaitForVisitors, CountsEveryVisitOfAThread) {
 }
 
 TEST_F(TheWaitForVisitors, IsOverWhenTheVisitorsLeaveEarly) {
-    auto const outer = std::make_unique<Visitors::Visit>(visitors);
-    auto inner = std::make_unique<Visitors::Visit>(visitors);
-    VisitOnAThread other(visitors);
-    WaitOnAThread const waiting(visitors);
-    visitors->leave();
+    auto const outer = std::make_unique<ActiveCalls::Call>(visitors);
+    auto inner = std::make_unique<ActiveCalls::Call>(visitors);
+    Visitor other(visitors);
+    Waiting const waiting(visitors);
+    visitors->endCallsOfThisThread();
     EXPECT_FALSE(waiting.isOver()) << "the other one is still inside";
     other.leave();
-    EXPECT_TRUE(waiting.ends());
-    // A new visit is waited for again.
-    auto again = std::make_unique<Visitors::Visit>(visitors);
-    WaitOnAThread const next(visitors);
+    EXPECT_TRUE(waiting.endsNow());
+    // And whoever comes back is waited for again.
+    auto again = std::make_unique<ActiveCalls::Call>(visitors);
+    Waiting const next(visitors);
     inner.reset();
     EXPECT_FALSE(next.isOver());
     again.reset();
     EXPECT_TRUE(next.ends());
 }
 
-TEST_F(TheWaitForVisitors, EndsAfterAllAccesses) {
+TEST_F(TheWaitForVisitors, MayBeTheEndOfWhatWasVisited) {
+    ActiveCalls::Call const visit(visitors);
+    visitors->waitForOthers();
+    visitors.reset();
+}
+
+TEST_F(TheWaitForVisitors, SeesEverybodyOut) {
     for (int round = 0; round < 200; ++round) {
         auto value = std::make_unique<std::atomic<int>>(0);
         std::atomic<int> inside{0};
         std::vector<std::thread> threads;
         for (int i = 0; i < 4; ++i) {
             threads.emplace_back([&] {
-                Visitors::Visit const visit(visitors);
+                ActiveCalls::Call const visit(visitors);
                 ++inside;
                 ++*value;
             });
