@@ -294,40 +294,14 @@ public:
     Error clear(Topic const& topic);
 
 private:
-    struct ZYM_MQTT_LOCAL Engine;
+    struct ZYM_MQTT_LOCAL Implementation;
 
-    // Exported, for the virtual tables of derived classes.
+    // The broker library's callbacks. Exported, for the virtual tables of derived classes.
     void on_connect(int rc) override;
     void on_disconnect(int rc) override;
     void on_publish(int mid) override;
     void on_message(mosquitto_message const* message) override;
     void on_unsubscribe(int mid) override;
-
-    ZYM_MQTT_LOCAL int loop();
-    ZYM_MQTT_LOCAL void networkStep();
-    ZYM_MQTT_LOCAL int step(std::chrono::milliseconds patience);
-    ZYM_MQTT_LOCAL int stepBeyondSelect(std::chrono::milliseconds patience);
-    ZYM_MQTT_LOCAL bool isLeaving() const;
-    ZYM_MQTT_LOCAL void backOffAndReconnect();
-    ZYM_MQTT_LOCAL void flushDisconnect();
-    ZYM_MQTT_LOCAL void takeLeave();
-    ZYM_MQTT_LOCAL void endWorker() noexcept;
-    ZYM_MQTT_LOCAL void flushOutput(std::chrono::steady_clock::time_point deadline);
-    ZYM_MQTT_LOCAL bool wakeWorker();
-    ZYM_MQTT_LOCAL void completeConnection();
-    ZYM_MQTT_LOCAL bool resubscribe();
-    ZYM_MQTT_LOCAL bool drainQueue();
-    ZYM_MQTT_LOCAL bool closeGate();
-
-    ZYM_MQTT_LOCAL bool leaveDisconnected();
-    ZYM_MQTT_LOCAL void setComState(conv::ComState state);
-    ZYM_MQTT_LOCAL bool changeComState(conv::ComState state);
-    ZYM_MQTT_LOCAL bool waitForComState(conv::ComState state, conv::SecondsDuration timeout);
-
-    ZYM_MQTT_LOCAL Error send(int* mid, Topic const& topic, std::string const& payload, int qos,
-                              bool retain, bool& awaitable);
-    ZYM_MQTT_LOCAL Error subscribeAtBroker(char const* topic);
-    ZYM_MQTT_LOCAL Error unsubscribeAtBroker(int* mid, char const* topic);
 
     std::recursive_mutex mainMutex_; ///< registry, replay, listeners' calls
     zym::common::Uuid id_;
@@ -349,9 +323,9 @@ private:
     std::atomic<bool> stop_;
     std::atomic<bool> paused_;
     std::thread worker_;
-    std::map<Topic, Subscription> subscriptions_; ///< changed by the engine's registrations only
-    std::deque<Publish> queue_;                   ///< guarded by the engine's gate
-    std::unique_ptr<Engine> engine_;              ///< where worker and callers meet
+    std::map<Topic, Subscription> subscriptions_; ///< main lock
+    std::deque<Publish> queue_;                   ///< with a lock of its own
+    std::unique_ptr<Implementation> impl_;
 };
 
 /// Writes the upper-case name of an outcome. ERRNO is followed by the calling thread's errno
