@@ -2,7 +2,7 @@
 
 #include "support/eventually.hpp"
 #include "support/file_descriptor.hpp"
-#include "support/tcp_pair.hpp"
+#include "support/socket.hpp"
 
 #include <gtest/gtest.h>
 
