@@ -1,4 +1,4 @@
-#include "client/socket/farewell.hpp"
+#include "client/socket/orderly_close.hpp"
 
 #include <array>
 #include <cerrno>
@@ -10,20 +10,20 @@
 
 namespace mqtt {
 
-Farewell::Farewell(int fd) : fd_(fd < 0 ? -1 : ::fcntl(fd, F_DUPFD_CLOEXEC, 0)) {}
+OrderlyClose::OrderlyClose(int fd) : fd_(fd < 0 ? -1 : ::fcntl(fd, F_DUPFD_CLOEXEC, 0)) {}
 
-Farewell::~Farewell() {
+OrderlyClose::~OrderlyClose() {
     if (fd_ >= 0) {
         ::close(fd_);
     }
 }
 
-void Farewell::waitForPeer(std::chrono::steady_clock::time_point deadline) const {
+void OrderlyClose::waitForPeer(std::chrono::steady_clock::time_point deadline) const {
     if (fd_ < 0) {
         return;
     }
     ::shutdown(fd_, SHUT_WR);
-    std::array<char, 16384> swallowed{};
+    std::array<char, 16384> dropped{};
     for (;;) {
         auto const left = std::chrono::duration_cast<std::chrono::milliseconds>(
             deadline - std::chrono::steady_clock::now());
@@ -34,11 +34,16 @@ void Farewell::waitForPeer(std::chrono::steady_clock::time_point deadline) const
         if (::poll(&readable, 1, static_cast<int>(left.count())) <= 0 && errno != EINTR) {
             return;
         }
-        auto const count = ::recv(fd_, swallowed.data(), swallowed.size(), MSG_DONTWAIT);
+        auto const count = ::recv(fd_, dropped.data(), dropped.size(), MSG_DONTWAIT);
         if (count == 0 || (count < 0 && errno != EAGAIN && errno != EINTR)) {
             return;
         }
     }
+}
+
+void waitForOutput(int fd) {
+    pollfd writable{fd, POLLOUT, 0};
+    ::poll(&writable, 1, 100);
 }
 
 } // namespace mqtt
