@@ -1,36 +1,32 @@
-#include "chaos/party.hpp"
+#include "chaos/worker.hpp"
 
 namespace chaos {
 
-Party::Party(std::string name, std::uint64_t seed)
-    : name_(std::move(name)), dice_(seed, name_), thread_() {}
+Worker::Worker(TestBed& on, std::string name)
+    : testBed(on), name_(std::move(name)), random(on.seed, name_) {}
 
-Party::~Party() {
-    end();
-}
-
-void Party::work() {
+void Worker::start() {
     std::lock_guard<std::mutex> const lock(mutex_);
     working_ = true;
-    // Not in the constructor: a derived class is whole only now.
+    // Not in the constructor: the derived class is not constructed there.
     if (!thread_.joinable()) {
         thread_ = std::thread([this] { run(); });
     }
     changed_.notify_all();
 }
 
-void Party::rest() {
+void Worker::pause() {
     std::lock_guard<std::mutex> const lock(mutex_);
     working_ = false;
     changed_.notify_all();
 }
 
-void Party::waitForRest() {
+void Worker::waitUntilPaused() {
     std::unique_lock<std::mutex> lock(mutex_);
     changed_.wait(lock, [&] { return !inStep_; });
 }
 
-void Party::end() {
+void Worker::end() {
     {
         std::lock_guard<std::mutex> const lock(mutex_);
         working_ = false;
@@ -42,18 +38,13 @@ void Party::end() {
     }
 }
 
-void Party::pause(int fromMilliseconds, int toMilliseconds) {
-    std::chrono::milliseconds const time(dice_.between(fromMilliseconds, toMilliseconds));
+void Worker::wait(int fromMilliseconds, int toMilliseconds) {
+    std::chrono::milliseconds const time(random.between(fromMilliseconds, toMilliseconds));
     std::unique_lock<std::mutex> lock(mutex_);
     changed_.wait_for(lock, time, [&] { return !working_; });
 }
 
-bool Party::working() const {
-    std::lock_guard<std::mutex> const lock(mutex_);
-    return working_;
-}
-
-void Party::run() {
+void Worker::run() {
     std::unique_lock<std::mutex> lock(mutex_);
     for (;;) {
         changed_.wait(lock, [&] { return working_ || ended_; });
