@@ -37,9 +37,9 @@ public:
 /// that is cancelled in between only `onUnbound` of the listener is called.
 ///
 /// A server answers with SUCCESS, or refuses with 16 plus a `Binder::Error`; 16 plus ALREADY_BOUND
-/// counts as success. An unbinding ends the binding whatever the server answers, and also without an
-/// answer in time. Only when the server is busy (16 plus BUSY, or another request under way here) or
-/// has no listener, nothing has changed.
+/// counts as success. An unbinding ends the binding whatever the server answers, and also without
+/// an answer in time. Only when the server is busy (16 plus BUSY, or another request under way
+/// here) or has no listener, nothing has changed.
 ///
 /// A binding or unbinding that has begun is always ended. When its request cannot be sent, or an
 /// operation throws, the listener is called with FAILED, or with what the operation returns, before
@@ -48,10 +48,10 @@ public:
 /// ### Threads
 /// Every operation may be called from any thread, also from inside the listener's calls; none may
 /// be called from a communication state listener. On the MQTT client's worker thread `bindSync` and
-/// `unbindSync` do not wait: they end as if the server had not answered. The listener is called with
-/// no lock held: on the worker thread, on a timer's thread for a request without an answer, and on
-/// the caller's thread by a blocking operation, for a request that cannot be sent, and for a phase
-/// that `unbind` or `cancelUnbinding` cancels. What it throws is dropped.
+/// `unbindSync` do not wait: they end as if the server had not answered. The listener is called
+/// with no lock held: on the worker thread, on a timer's thread for a request without an answer,
+/// and on the caller's thread by a blocking operation, for a request that cannot be sent, and for a
+/// phase that `unbind` or `cancelUnbinding` cancels. What it throws is dropped.
 ///
 /// ### Lifetime
 /// The proxy may be destroyed at any time, also from inside the listener's calls, and while other
@@ -65,7 +65,8 @@ public:
     /// @param replyTopic the sub-path of the services "bind" and "unbind", empty for none
     /// @param uuid the client's own identity
     /// @param boundTopic sent with every binding: see `BindRequestData`
-    /// @param listener may be null; must live until `terminate` has returned. A derived class passes
+    /// @param listener may be null; must live until `terminate` has returned. A derived class
+    /// passes
     ///        uuid and listener also to the virtual base `zym::common::BinderProxy`, which calls it
     BinderMqttProxy(MqttClient& client, Topic const& requestTopic, Topic const& replyTopic,
                     zym::common::Uuid const& uuid, Topic const& boundTopic,
@@ -78,8 +79,8 @@ public:
     /// Binds, and waits up to 30 seconds more for the server's time.
     /// @return also what the server answered; NOT_SYNCHRONIZED: the server has agreed but its time
     ///         could not be read: the binding is neither complete nor ended, call `unbind`. A call
-    ///         whose binding is cancelled by another thread returns CANCELLED while it waits for the
-    ///         server's answer, and NOT_SYNCHRONIZED while it reads the time
+    ///         whose binding is cancelled by another thread returns CANCELLED while it waits for
+    ///         the server's answer, and NOT_SYNCHRONIZED while it reads the time
     /// @throws std::bad_alloc nothing is bound
     zym::common::Binder::Error bindSync(zym::common::Uuid const& server,
                                         conv::SecondsDuration const& timeout) override;
@@ -100,13 +101,14 @@ public:
     /// @param timeout all ones: until the server answers or `cancelUnbinding` is called
     /// @return SUCCESS: the request is sent; BUSY, NOT_BOUND or CANCELLED: not begun; otherwise the
     ///         request could not be sent, and the listener has been called with the same
-    /// @throws std::system_error no thread for a timer; std::bad_alloc; the listener has been called
+    /// @throws std::system_error no thread for a timer; std::bad_alloc; the listener has been
+    /// called
     ///         with FAILED, and a binding still exists
     zym::common::Binder::Error unbind(conv::SecondsDuration const& timeout) override;
-    /// Ends an unbinding under way without the server's answer: the binding is over on this side, as
-    /// after a time-out, and the caller or the listener of the unbinding gets SUCCESS. The server may
-    /// have unbound or not. Does nothing when none is under way. Waits, as `unbindSync` does, only
-    /// for a call of `onBound` on another thread.
+    /// Ends an unbinding under way without the server's answer: the binding is over on this side,
+    /// as after a time-out, and the caller or the listener of the unbinding gets SUCCESS. The
+    /// server may have unbound or not. Does nothing when none is under way. Waits, as `unbindSync`
+    /// does, only for a call of `onBound` on another thread.
     void cancelUnbinding();
 
     /// As `SynchronizedTimeBaseMqttProxy::forceSync`.
@@ -121,8 +123,8 @@ protected:
     /// The server's time is known: completes the binding.
     void onTimeSynchronized() override;
 
-    /// Terminates and waits for the calls under way on other threads. For the destructor of a derived
-    /// class, before any of its members is destroyed.
+    /// Terminates and waits for the calls under way on other threads. For the destructor of a
+    /// derived class, before any of its members is destroyed.
     void release() noexcept;
 
 private:
