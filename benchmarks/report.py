@@ -6,7 +6,6 @@ report.py RESULTS --write  puts them into docs/performance.md and docs/footprint
 
 import json
 import pathlib
-import platform
 import statistics
 import sys
 
@@ -48,17 +47,15 @@ GOALS = [
 
 def number(value):
     """A few digits that say something, whatever the size."""
-    if value == round(value) or value >= 100:
-        return f"{value:.0f}"
-    return f"{value:.3f}" if value < 0.1 else f"{value:.2f}"
+    return f"{value:.{0 if abs(value) >= 100 else 2 if abs(value) >= 0.1 else 3}f}"
 
 
-def spread(values, unit=""):
-    """The median, with the lowest and the highest when they differ."""
-    text = number(statistics.median(values)) + (f" {unit}" if unit else "")
-    if min(values) == max(values):
-        return text
-    return f"{text} ({number(min(values))}..{number(max(values))})"
+def spread(values, unit):
+    """The median, with the lowest and the highest when they differ. Without a unit: a count."""
+    write = number if unit else "{:g}".format
+    middle, low, high = map(write, (statistics.median(values), min(values), max(values)))
+    text = middle if unit in ("", "ratio") else f"{middle} {unit}"
+    return text if low == high else f"{text} ({low}..{high})"
 
 
 class Results:
@@ -88,8 +85,9 @@ class Results:
         if reference not in values or "ours" not in values:
             return "-"
         if self.units[key] == "":  # small counts
-            return " to ".join(number(statistics.median(values[who])) for who in ("ours", reference))
-        return spread(self.ratios(key, reference))
+            return " to ".join(spread(values[who], "") for who in ("ours", reference))
+        ratios = self.ratios(key, reference)
+        return spread(ratios, "ratio") if ratios else "-"
 
     def own(self, key, library):
         values = self.values.get(key, {}).get(library)
@@ -99,9 +97,10 @@ class Results:
         return list(dict.fromkeys(key[2:] for key in self.values if key[0] == program))
 
     def measured(self, key, reference, kind):
+        if kind == "ratio":
+            return statistics.median(self.ratios(key, reference))
         ours, theirs = (statistics.median(self.values[key][who]) for who in ("ours", reference))
-        return {"ratio": lambda: statistics.median(self.ratios(key, reference)),
-                "ours": lambda: ours, "excess": lambda: ours - theirs}[kind]()
+        return ours - theirs if kind == "excess" else ours
 
 
 def table(title, head, rows):
@@ -125,8 +124,8 @@ def absolute(results, title, program, measurement=None):
     figures = list(dict.fromkeys(key[3] for key in keys))
     rows = dict.fromkeys((key[2], key[1], library) for key in keys
                          for library in results.values[key])
-    return table(title, ["measurement", "broker", "who", *figures],
-                 [[name, broker or "-", library,
+    return table(title, ["measurement", "who", *figures],
+                 [[f"{name}, broker {broker}" if broker else name, library,
                    *(results.own((program, broker, name, figure), library) for figure in figures)]
                   for name, broker, library in rows])
 
@@ -141,9 +140,9 @@ def goals(results):
         value = results.measured(key, reference, kind)
         kept = value >= limit if more_is_better else value <= limit
         what = words.get(kind, "at least" if more_is_better else "at most")
-        unit = "" if kind == "ratio" else f" {results.units[key]}".rstrip()
-        rows.append([key[2], key[3], key[1] or "-", reference, f"{what} {number(limit)}{unit}",
-                     number(value), "yes" if kept else "**no**"])
+        unit = "ratio" if kind == "ratio" else results.units[key]
+        rows.append([key[2], key[3], key[1] or "-", reference, f"{what} {round(limit, 2):g}",
+                     spread([value], unit), "yes" if kept else "**no**"])
     return table("Goals", ["measurement", "figure", "broker", "beside", "goal", "measured", "kept"],
                  rows)
 
@@ -151,11 +150,9 @@ def goals(results):
 def performance(results):
     brokers = [(f"{broker}: to {who}", broker, who) for broker in (SHIPPED, NODELAY)
                for who in ("raw", "Paho")]
-    numbers = [row for row in results.rows("dispatch") if row[1].isdigit()]
-    cases = dict.fromkeys(name for name, _ in numbers)
+    cases = dict.fromkeys(name for name, count in results.rows("dispatch") if count.isdigit())
     return "".join((
-        f"{platform.system()} {platform.release()} {platform.machine()}; ",
-        "; ".join(dict.fromkeys(results.conditions)), ".\n",
+        "Conditions: ", "; ".join(dict.fromkeys(results.conditions)), ".\n",
         "\n![How many times better than the others](performance.png)\n",
         goals(results),
         comparison(results, "Clients", "clients", brokers),
@@ -187,7 +184,7 @@ def plot(results, path):
     for key, values in results.values.items():
         for reference in values.keys() - {"ours"} if "ours" in values else ():
             ratios = results.ratios(key, reference)
-            if results.units[key] and ratios and key[3] not in NOT_PLOTTED:
+            if results.units[key] and ratios and all(ratios) and key[3] not in NOT_PLOTTED:
                 panels.setdefault(" ".join(key[:2]), {}).setdefault(", ".join(key[2:]), {})[
                     f"to {reference}"] = [
                         ratio if key[3] == "throughput" else 1 / ratio for ratio in ratios]
