@@ -1,4 +1,4 @@
-#include "text_exchanges.hpp"
+#include "benchmark_client.hpp"
 
 #include "samples.hpp"
 
@@ -60,24 +60,20 @@ void Dialogue::ask(unsigned count) {
     replies_.waitFor(count);
 }
 
-Action ClientLibrary::makeValuePublisher(int port, std::string const& topic,
-                                         Document document) const {
-    std::shared_ptr<BenchmarkClient> const client = makeClient(port);
-    auto const id = client->addTopic(valueTopic(topic, document));
-    client->connect();
-    return
-        [client, id, text = documentText(document)] { client->publishInStream(id, text, 2, true); };
-}
-
-std::shared_ptr<void> ClientLibrary::makeValueSubscriber(int port, std::string const& topic,
-                                                         Document document,
-                                                         MessageCounter& received) const {
-    return makeCountingSubscriber(*this, port, valueTopic(topic, document), received);
+Action ClientLibrary::makeValueStream(int port, std::string const& topic, Document document,
+                                      MessageCounter& received) const {
+    auto const subscriber =
+        makeCountingSubscriber(*this, port, valueTopic(topic, document), received);
+    std::shared_ptr<BenchmarkClient> const publisher = makeClient(port);
+    auto const id = publisher->addTopic(valueTopic(topic, document));
+    publisher->connect();
+    return [subscriber, publisher, id, text = documentText(document)] {
+        publisher->publishInStream(id, text, 2, true);
+    };
 }
 
 Action ClientLibrary::makeRequester(int port) const {
-    auto const dialogue = std::make_shared<Dialogue>(
-        *this, port, Dialogue::Texts{requestTopic(), replyTopic(), requestText(), replyText()});
+    auto const dialogue = std::make_shared<Dialogue>(*this, port, requestAndReply());
     return [dialogue] {
         dialogue->subscribe();
         dialogue->ask(1);
