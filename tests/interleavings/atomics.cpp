@@ -1,5 +1,5 @@
-// Makes operations on atomics switch points. Code compiled for ThreadSanitizer calls these functions;
-// the program is not linked with its runtime.
+// Makes operations on atomics switch points. Code compiled for ThreadSanitizer calls these
+// functions; the program is not linked with its runtime.
 
 #include "interleavings/scheduler.hpp"
 
