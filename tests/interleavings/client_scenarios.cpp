@@ -57,11 +57,7 @@ SCENARIO(DisconnectMeetsConnack, WithListeners<IdleClient>, THREADS_ONLY) {
         client.connect("", -1, 0);
         maybePause();
         expect(client.disconnect(5) == Error::SUCCESS, "the client does not disconnect");
-        std::thread other([&] {
-            if (makesMistake()) {
-                client.disconnect(5);
-            }
-        });
+        std::thread other([&] { ifMistaken([&] { client.disconnect(5); }); });
         client.connect("", -1, 0);
         other.join();
     });
@@ -78,9 +74,7 @@ SCENARIO(DisconnectMeetsTheQueue, IdleClient, THREADS_ONLY) {
         client.connect("", -1, 0);
         maybePause();
         client.disconnect(5);
-        if (makesMistake()) {
-            client.publish("a", "queued", 0, false);
-        }
+        ifMistaken([&] { client.publish("a", "queued", 0, false); });
     });
     client.connect("", -1, 5);
     pass(SETTLING_TIME);
@@ -93,11 +87,8 @@ SCENARIO(PublicationsMeetTheLossOfTheConnection, ConnectedClient, THREADS_ONLY) 
         library->loseConnection();
         client.publish("a", "1", 0, false);
         std::thread other([&] { client.publish("b", "other", 0, false); });
-        if (makesMistake()) {
-            std::thread([&] { client.publish("a", "2", 0, false); }).detach();
-        } else {
-            client.publish("a", "2", 0, false);
-        }
+        ifMistaken([&] { std::thread([&] { client.publish("a", "2", 0, false); }).detach(); });
+        unlessMistaken([&] { client.publish("a", "2", 0, false); });
         client.publish("a", "3", 0, false);
         other.join();
         pass(seconds(1));
@@ -115,11 +106,8 @@ SCENARIO(ReleaseMeetsDispatch, WithListeners<ConnectedClient>, THREADS_ONLY) {
     subscribe(client, "a", secondSubscriber);
     explore([&] {
         publishThree(broker);
-        if (makesMistake()) {
-            client.unsubscribe("a", &subscriber);
-        } else {
-            client.release(&subscriber);
-        }
+        ifMistaken([&] { client.unsubscribe("a", &subscriber); });
+        unlessMistaken([&] { client.release(&subscriber); });
         subscriber.close();
     });
     expect(secondSubscriber.payloads == std::vector<std::string>{"1", "2", "3"},
@@ -137,9 +125,7 @@ SCENARIO(SubscriptionsMeetTheConnection, WithListeners<IdleClient>, THREADS_ONLY
             client.unsubscribe("old", &subscriber);
         });
         client.connect("", -1, 0);
-        if (makesMistake()) {
-            subscribe(client, "old", subscriber);
-        }
+        ifMistaken([&] { subscribe(client, "old", subscriber); });
         other.join();
     });
     broker.publish("new", "x");
@@ -170,9 +156,7 @@ SCENARIO(UnregisteringMeetsAChangeOfState, WithListeners<ConnectedClient>, THREA
     explore([&] {
         StandIn::last()->loseConnection();
         std::thread other([&] { client.disconnect(5); });
-        if (!makesMistake()) {
-            client.unregisterListener(&listener);
-        }
+        unlessMistaken([&] { client.unregisterListener(&listener); });
         listener.closed = true;
         other.join();
     });
@@ -188,9 +172,7 @@ SCENARIO(TheEndOfAClientMeetsItsCallbacks, WithListeners<TwoConnectedClients>, D
         publishThree(broker);
         StandIn::of(MqttClient::clientId(CLIENT))->loseConnection();
         StandIn::of(MqttClient::clientId(OTHER_CLIENT))->loseConnection();
-        if (makesMistake()) {
-            subscriber.close();
-        }
+        ifMistaken([&] { subscriber.close(); });
         client.reset();
         subscriber.close();
         listener.closed = true;
@@ -213,9 +195,7 @@ SCENARIO(AClientWithoutMemory, WithListeners<IdleClient>, NO_MEMORY) {
     explore([&] { publishAndSubscribe("offline"); });
     client.connect("", -1, 5);
     explore([&] { publishAndSubscribe("online"); });
-    if (makesMistake()) {
-        publish();
-    }
+    ifMistaken([&] { publish(); });
     broker.publish("offline", "0");
     broker.publish("online", "1");
     pass(SETTLING_TIME);
@@ -240,9 +220,7 @@ SCENARIO(CallbacksOfAClientThrow, WithListeners<ConnectedClient>, THREADS_ONLY) 
     explore([&] {
         StandIn::last()->loseConnection();
         publishThree(broker);
-        if (makesMistake()) {
-            client.unsubscribe("a", &secondSubscriber);
-        }
+        ifMistaken([&] { client.unsubscribe("a", &secondSubscriber); });
         pass(seconds(2));
         publishThree(broker);
         client.release(&subscriber);
@@ -262,9 +240,7 @@ SCENARIO(TwoThreadsConnectAndDisconnect, WithListeners<IdleClient>, DEADLINES) {
     explore([&] {
         std::thread other(connectAndDisconnect);
         connectAndDisconnect();
-        if (!makesMistake()) {
-            client.pause();
-        }
+        unlessMistaken([&] { client.pause(); });
         other.join();
         client.resume();
     });

@@ -95,9 +95,7 @@ SCENARIO(RequestAfterCancel, RequesterFixture, THREADS_ONLY) {
     explore([&] {
         request(listener, 1, 5);
         maybePause();
-        if (!makesMistake()) {
-            requester->cancel();
-        }
+        unlessMistaken([&] { requester->cancel(); });
         maybePause();
         request(secondListener, 2, 5, reply);
     });
@@ -115,9 +113,7 @@ SCENARIO(ReplyMeetsTheDeadline, RequesterFixture, DEADLINES) {
         maybePause();
         pass(seconds(1));
         server.releaseReplies();
-        if (!makesMistake()) {
-            requester->waitEndOfRequest(5);
-        }
+        unlessMistaken([&] { requester->waitEndOfRequest(5); });
         request(secondListener, 2, 1, reply);
     });
     secondListener.expectEnds(1);
@@ -151,9 +147,7 @@ SCENARIO(TheEndOfARequesterMeetsItsCallbacks, RequesterFixture, DEADLINES) {
     pass(milliseconds(1));
     explore([&] {
         server.releaseReplies();
-        if (makesMistake()) {
-            listener.close();
-        }
+        ifMistaken([&] { listener.close(); });
         requester.reset();
         listener.close();
     });
@@ -166,9 +160,7 @@ SCENARIO(ARequesterEndsInItsListener, RequesterFixture, DEADLINES) {
     listener.setAction([&] { requester.reset(); });
     explore([&] {
         request(listener, 1, 1);
-        if (makesMistake()) {
-            requester->cancel();
-        }
+        ifMistaken([&] { requester->cancel(); });
         pass(seconds(2));
     });
     listener.expectEnds(1);
@@ -183,9 +175,7 @@ SCENARIO(RequestsMeetTheLossOfTheConnection, RequesterFixture, DEADLINES) {
         request(listener, 1, 1);
         maybePause();
         pass(seconds(1));
-        if (makesMistake()) {
-            requester->terminate();
-        }
+        ifMistaken([&] { requester->terminate(); });
     });
     expectOneEndAndUsable();
 }
@@ -203,9 +193,7 @@ SCENARIO(TwoClientsAskOneServer, TwoConnectedClients, THREADS_ONLY) {
                                   numberData(i + 1), replies[i], nullptr, 5);
         }
         maybePause();
-        if (makesMistake()) {
-            echo.close();
-        }
+        ifMistaken([&] { echo.close(); });
         server.reset();
         echo.close();
     });
@@ -240,9 +228,7 @@ SCENARIO(AReplyListenerThrows, RequesterFixture, DEADLINES) {
             requester->cancel();
         }
         other.join();
-        if (makesMistake()) {
-            maybeThrow();
-        }
+        ifMistaken([&] { maybeThrow(); });
         if (chooseWay()) {
             requester = std::make_unique<RequestReplyClient>(client, "svc", "", "echo");
         }

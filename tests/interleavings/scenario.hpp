@@ -18,6 +18,18 @@ inline constexpr std::chrono::seconds SETTLING_TIME{70};
 
 /// Whether the scenario has to make its mistake, which the explorer then has to find.
 bool makesMistake();
+template <class Action>
+void ifMistaken(Action const& action) {
+    if (makesMistake()) {
+        action();
+    }
+}
+template <class Action>
+void unlessMistaken(Action const& action) {
+    if (!makesMistake()) {
+        action();
+    }
+}
 /// Ends the run as failed unless `holds`.
 void expect(bool holds, char const* requirement);
 /// Lets virtual time pass while the other threads continue.

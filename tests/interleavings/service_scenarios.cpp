@@ -54,9 +54,7 @@ SCENARIO(TimeBaseStopAndStart, TimeBaseFixture, THREADS_ONLY) {
         proxy->stop();
         maybePause();
         proxy->startSync(SERVER);
-        if (makesMistake()) {
-            proxy->stop();
-        }
+        ifMistaken([&] { proxy->stop(); });
     });
     expect(listener.count() == 1 || listener.count() == 2, "the listener is not called once");
     expectSynchronizedAndUsable();
@@ -70,9 +68,7 @@ SCENARIO(TimeBaseInTwoHands, TimeBaseFixture, DEADLINES) {
         started = proxy->startSync(SERVER);
         maybePause();
         proxy->forceSync();
-        if (makesMistake()) {
-            proxy->stop();
-        }
+        ifMistaken([&] { proxy->stop(); });
         other.join();
     });
     expect(!synchronized || listener.count() <= 1, "the listener is not called once");
@@ -87,9 +83,7 @@ SCENARIO(ThePeriodicExchangeMeetsStop, TimeBaseFixture, DEADLINES) {
         pass(milliseconds(99));
         maybePause();
         proxy->stop();
-        if (!makesMistake()) {
-            proxy->startSync(SERVER);
-        }
+        unlessMistaken([&] { proxy->startSync(SERVER); });
     });
     expectSynchronizedAndUsable();
 }
@@ -102,9 +96,7 @@ SCENARIO(TheEndOfATimeBaseMeetsItsCallback, TimeBaseFixture, DEADLINES) {
     pass(milliseconds(1));
     explore([&] {
         server.releaseReplies();
-        if (makesMistake()) {
-            listener.close();
-        }
+        ifMistaken([&] { listener.close(); });
         Scheduler::instance().switchPoint();
         proxy.reset();
         listener.close();
@@ -127,9 +119,7 @@ SCENARIO(ATimeListenerThrows, TimeBaseFixture, THREADS_ONLY) {
         proxy->startSync(SERVER);
         pass(milliseconds(1));
         proxy->stop();
-        if (!makesMistake()) {
-            proxy->startSync(SERVER);
-        }
+        unlessMistaken([&] { proxy->startSync(SERVER); });
     });
     expectSynchronizedAndUsable();
 }
@@ -170,9 +160,7 @@ struct BinderFixture : ConnectedClient {
         expect(proxy->bind(zym::common::Uuid(77), conv::SecondsDuration::NO_TIMEOUT)
                    == BinderError::SUCCESS,
                "the next binding does not begin");
-        if (makesMistake()) {
-            proxy->unbindSync(0);
-        }
+        ifMistaken([&] { proxy->unbindSync(0); });
     }
     /// @param unbound result of the unbinding before `bindToSilentServer`
     void expectStillBindingAndUsable(BinderError unbound) {
@@ -187,9 +175,7 @@ struct BinderFixture : ConnectedClient {
             attempt([&] { proxy->bind(SERVER, 5); });
             pass(milliseconds(1));
             attempt([&] { proxy->unbind(5); });
-            if (makesMistake()) {
-                proxy->terminate();
-            }
+            ifMistaken([&] { proxy->terminate(); });
             pass(milliseconds(1));
         });
         expectUsable();
@@ -207,9 +193,7 @@ SCENARIO(BindMeetsUnbind, BinderFixture, THREADS_ONLY) {
         std::thread other([&] {
             maybePause();
             unbound = proxy->unbindSync(5);
-            if (makesMistake()) {
-                proxy->bind(SERVER, 5);
-            }
+            ifMistaken([&] { proxy->bind(SERVER, 5); });
         });
         proxy->bind(SERVER, 5);
         other.join();
@@ -265,9 +249,7 @@ SCENARIO(BindSyncMeetsUnbindSync, BinderFixture, THREADS_ONLY) {
             unbound = proxy->unbindSync(5);
         });
         bound = proxy->bindSync(SERVER, 5);
-        if (makesMistake()) {
-            proxy->bindSync(SERVER, 5);
-        }
+        ifMistaken([&] { proxy->bindSync(SERVER, 5); });
         other.join();
     });
     if (unbound == BinderError::SUCCESS) {
@@ -287,9 +269,7 @@ SCENARIO(UnbindMeetsTheDeadline, BinderFixture, DEADLINES) {
         std::thread other([&] { proxy->unbindSync(1); });
         pass(milliseconds(999));
         server.releaseReplies();
-        if (makesMistake()) {
-            proxy->terminate();
-        }
+        ifMistaken([&] { proxy->terminate(); });
         other.join();
     });
     expect(listener.count() <= 2, "the listener does not learn the end of an unbinding once");
@@ -309,9 +289,7 @@ SCENARIO(TheEndOfABinderMeetsItsCallbacks, BinderFixture, DEADLINES) {
     pass(milliseconds(1));
     explore([&] {
         server.releaseReplies();
-        if (makesMistake()) {
-            listener.close();
-        }
+        ifMistaken([&] { listener.close(); });
         proxy.reset();
         listener.close();
     });
@@ -332,9 +310,7 @@ SCENARIO(ABindingListenerThrows, BinderFixture, THREADS_ONLY) {
     explore([&] {
         proxy->bind(SERVER, 5);
         proxy->unbind(5);
-        if (makesMistake()) {
-            maybeThrow();
-        }
+        ifMistaken([&] { maybeThrow(); });
         pass(seconds(1));
     });
     expectUsable();
@@ -379,9 +355,7 @@ SCENARIO(CleaningMeetsItsEnd, CleanerFixture, DEADLINES) {
         std::thread other([&] { cleanNew(); });
         std::thread third([&] { cleaner->waitAllTasks(seconds(3)); });
         pass(seconds(1));
-        if (makesMistake()) {
-            listener.close();
-        }
+        ifMistaken([&] { listener.close(); });
         cleaner->terminate();
         listener.close();
         other.join();
@@ -433,9 +407,7 @@ SCENARIO(ACleaningListenerThrows, CleanerFixture, THREADS_ONLY) {
     listener.setAction(&maybeThrow);
     explore([&] {
         cleanOld();
-        if (!makesMistake()) {
-            cleanNew();
-        }
+        unlessMistaken([&] { cleanNew(); });
         pass(seconds(3));
     });
     expectCleaned(2, 1);
@@ -465,9 +437,7 @@ SCENARIO(DiscoveryMeetsItsEnd, DiscovererFixture, DEADLINES) {
     pass(milliseconds(1));
     explore([&] {
         publishEntities();
-        if (makesMistake()) {
-            std::thread([&] { discoverer->links(); }).detach();
-        }
+        ifMistaken([&] { std::thread([&] { discoverer->links(); }).detach(); });
         discoverer.reset();
     });
     waiter.join();
@@ -481,9 +451,7 @@ SCENARIO(DiscoveryMeetsItsAnswers, DiscovererFixture, THREADS_ONLY) {
         publishEntities();
         maybePause();
         publishEntities();
-        if (makesMistake()) {
-            discoverer->cleanSubscriptions();
-        }
+        ifMistaken([&] { discoverer->cleanSubscriptions(); });
         found[1] = discover();
         other.join();
     });

@@ -38,9 +38,7 @@ SCENARIO(RestartingMeetsExpiry, TimerFixture, DEADLINES) {
         other.join();
         timer->stop();
         before = callback.count();
-        if (!makesMistake()) {
-            arm(true);
-        }
+        unlessMistaken([&] { arm(true); });
     });
     auto const count = callback.count();
     expect(before <= 2 && count >= 1 && count <= 3, "the timer expires too often");
@@ -52,11 +50,8 @@ SCENARIO(TheEndOfATimerMeetsItsExpiry, TimerFixture, DEADLINES) {
         arm(false);
         std::thread other([&] { timer->terminate(); });
         pass(PERIOD);
-        if (makesMistake()) {
-            timer->stop();
-        } else {
-            timer->terminate();
-        }
+        ifMistaken([&] { timer->stop(); });
+        unlessMistaken([&] { timer->terminate(); });
         callback.close();
         other.join();
     });
@@ -66,9 +61,7 @@ SCENARIO(ATimerEndsInItsCallback, TimerFixture, DEADLINES) {
     callback.setAction([&] { timer.reset(); });
     explore([&] {
         arm(false);
-        if (makesMistake()) {
-            timer->stop();
-        }
+        ifMistaken([&] { timer->stop(); });
         pass(PERIOD);
     });
     expect(callback.count() == 1 && timer == nullptr, "the timer does not expire once");
