@@ -1,7 +1,7 @@
 // Adds and removes subscriptions, and compares which one the index finds for a topic with a linear
 // search of the registry.
 
-#include "client/subscription_index.hpp"
+#include "client/registry/subscription_index.hpp"
 
 #include "client/walked_registry.hpp"
 #include "fuzz/target.hpp"

@@ -170,8 +170,8 @@ SCENARIO(TheEndOfAClientMeetsItsCallbacks, WithListeners<TwoConnectedClients>, D
     subscribe(*client, "a", subscriber);
     explore([&] {
         publishThree(broker);
-        StandIn::of(MqttClient::clientId(CLIENT))->loseConnection();
-        StandIn::of(MqttClient::clientId(OTHER_CLIENT))->loseConnection();
+        StandIn::withClientId(MqttClient::clientId(CLIENT))->loseConnection();
+        StandIn::withClientId(MqttClient::clientId(OTHER_CLIENT))->loseConnection();
         ifMistaken([&] { subscriber.close(); });
         client.reset();
         subscriber.close();

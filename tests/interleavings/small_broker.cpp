@@ -34,11 +34,11 @@ void deliver(StandIn& client, SmallBroker::Message const& message, bool retain) 
 } // namespace
 
 SmallBroker::SmallBroker() {
-    StandIn::whenMade([this](StandIn& client) { serve(client); });
+    StandIn::onConstruction([this](StandIn& client) { serve(client); });
 }
 
 SmallBroker::~SmallBroker() {
-    StandIn::whenMade(nullptr);
+    StandIn::onConstruction(nullptr);
 }
 
 void SmallBroker::serve(StandIn& client) {
