@@ -1,6 +1,6 @@
 #pragma once
 
-// Using a service: requests that are answered, refused, never answered, and called off.
+// Uses a service: requests that are answered, refused, never answered, and cancelled.
 
 #include "console.hpp"
 #include "plant.hpp"
@@ -11,9 +11,9 @@
 #include <memory>
 #include <string>
 
-inline Uuid const NOBODY_ID(99);
+inline Uuid const ABSENT_SERVER_ID(99);
 
-inline std::string outcome(ErrorCode code) {
+inline std::string describe(ErrorCode code) {
     std::string const number = "code " + std::to_string(static_cast<int>(code));
     if (code == NOT_ENOUGH) {
         return "refused with " + number + ", not enough";
@@ -37,51 +37,51 @@ inline std::string outcome(ErrorCode code) {
     }
 }
 
-/// Told how a request ended that nobody waited for.
-class Ending final : public mqtt::RequestReplyClient::Listener {
+/// Prints how a request ended that no thread waits for.
+class RequestEndPrinter final : public mqtt::RequestReplyClient::Listener {
 public:
     void onReply(unsigned int /*requestId*/, std::string const& /*name*/, Uuid const& /*client*/,
                  Uuid const& /*server*/, mqtt::RequestReplyData const& /*data*/,
                  ErrorCode error) override {
-        say("the request has ended: " + outcome(error));
+        printLine("the request has ended: " + describe(error));
     }
 };
 
-/// Draws water from the tank. One client has one request under way at a time.
-class Drawing {
+/// Draws water from the tank. A client has one request under way at a time.
+class TankUser {
 public:
-    explicit Drawing(mqtt::MqttClient& client) : draw_(client, PLANT, mqtt::Topic(), DRAW) {}
+    explicit TankUser(mqtt::MqttClient& client) : draw_(client, PLANT, mqtt::Topic(), DRAW) {}
 
-    /// The simple way: wait for the reply. It is read into `left`, also when the code is an error.
+    /// Waits for the reply. It is read into `left`, also when the code is an error.
     void draw(unsigned int litres) {
         auto const wanted = std::make_shared<Litres>(litres);
         auto const left = std::make_shared<Litres>();
         auto const code = draw_.requestWait(PANEL_ID, TANK_ID, wanted, left, 5);
         bool const answered = code == ErrorCode::SUCCESS || code >= ErrorCode::APPLICATION;
         std::string const answer = ", " + std::to_string(left->count()) + " litres left";
-        say("draw " + std::to_string(litres) + " litres: " + outcome(code)
-            + (answered ? answer : ""));
+        printLine("draw " + std::to_string(litres) + " litres: " + describe(code)
+                  + (answered ? answer : ""));
     }
 
-    /// Nobody says that a server is not there: the request ends by time-out, here of one second.
-    void drawFromNobody() {
+    /// Without a server nothing answers: the request ends with its time-out, here one second.
+    void drawFromAbsentServer() {
         auto const wanted = std::make_shared<Litres>(5);
-        auto const code = draw_.requestWait(PANEL_ID, NOBODY_ID, wanted, nullptr, 1);
-        say("draw 5 litres from nobody: " + outcome(code));
+        auto const code = draw_.requestWait(PANEL_ID, ABSENT_SERVER_ID, wanted, nullptr, 1);
+        printLine("draw 5 litres from nobody: " + describe(code));
     }
 
-    /// Without waiting: a listener is told. A second request is refused at once.
-    void drawAndThinkBetterOfIt() {
-        Ending ending;
+    /// Does not wait: a listener is called at the end. A second request is refused at once.
+    void drawAndCancel() {
+        RequestEndPrinter ending;
         auto const wanted = std::make_shared<Litres>(5);
-        auto const forEver = conv::SecondsDuration::NO_TIMEOUT;
+        auto const noTimeout = conv::SecondsDuration::NO_TIMEOUT;
         for (auto const* attempt : {"first", "second"}) {
-            auto const code =
-                draw_.request(&ending, PANEL_ID, NOBODY_ID, wanted, nullptr, nullptr, forEver);
-            say(std::string("draw 5 litres from nobody, ") + attempt
-                + " request: " + outcome(code));
+            auto const code = draw_.request(&ending, PANEL_ID, ABSENT_SERVER_ID, wanted, nullptr,
+                                            nullptr, noTimeout);
+            printLine(std::string("draw 5 litres from nobody, ") + attempt
+                      + " request: " + describe(code));
         }
-        draw_.cancel(); // the listener has been told when this returns
+        draw_.cancel(); // the listener has been called when this returns
     }
 
 private:

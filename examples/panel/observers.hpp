@@ -1,7 +1,6 @@
 #pragma once
 
-// Watching: what the plant and its entities say of themselves, and our own connection, without
-// which we would not hear it.
+// Observes the status of the plant and its entities, and the panel's own connection.
 
 #include "console.hpp"
 #include "plant.hpp"
@@ -13,43 +12,45 @@
 #include <mutex>
 #include <string>
 
-/// Prints what an entity says of how it is doing. Values come in on the client's worker thread,
-/// each as a copy; one that is retained comes right after the subscription.
-class EntityWatch final : private mqtt::MqttData<conv::ServiceStatus>::Subscriber {
+/// Prints the status of an entity. Values arrive on the client's worker thread, each as a copy; a
+/// retained value arrives right after the subscription.
+class EntityObserver final : private mqtt::MqttData<conv::ServiceStatus>::Subscriber {
 public:
-    EntityWatch(mqtt::MqttClient& client, std::string const& topic, std::string const& name)
+    EntityObserver(mqtt::MqttClient& client, std::string const& topic, std::string const& name)
         : name_(name), status_(client, topic) {
         status_.subscribe(this, 0);
     }
 
 private:
-    /// An empty one: the value has been erased from the broker.
+    /// `empty`: the value was erased from the broker.
     void onMqttData(conv::ServiceStatus const& status, bool empty, int /*id*/) override {
         if (empty) {
             return;
         }
         std::string const health = status.health == RUNNING_LOW ? ", but is running low" : "";
-        say("the " + name_ + (status.operating == OPERATING ? " works" : " is closed") + health);
+        printLine("the " + name_ + (status.operating == OPERATING ? " works" : " is closed")
+                  + health);
     }
 
     std::string const name_;
-    // The last one, and so the first to go: its destructor waits for a value coming in.
+    // Declared last and so destroyed first: its destructor waits for a value being handled.
     mqtt::MqttData<conv::ServiceStatus> status_;
 };
 
-/// Prints every change of the plant's connection and of ours, and waits for some.
-class PlantWatch final : private mqtt::MqttClient::Listener,
-                         private mqtt::MqttData<conv::CommunicationStatus>::Subscriber {
+/// Prints every change of the plant's connection and of the panel's, and can wait for a change.
+class PlantObserver final : private mqtt::MqttClient::Listener,
+                            private mqtt::MqttData<conv::CommunicationStatus>::Subscriber {
 public:
-    explicit PlantWatch(mqtt::MqttClient& client) : client_(client), communication_(client, PLANT) {
+    explicit PlantObserver(mqtt::MqttClient& client)
+        : client_(client), communication_(client, PLANT) {
         client_.registerListener(this);
         communication_.subscribe(this, 0);
     }
-    ~PlantWatch() { client_.unregisterListener(this); }
-    PlantWatch(PlantWatch const&) = delete;
-    PlantWatch& operator=(PlantWatch const&) = delete;
+    ~PlantObserver() { client_.unregisterListener(this); }
+    PlantObserver(PlantObserver const&) = delete;
+    PlantObserver& operator=(PlantObserver const&) = delete;
 
-    void waitUntilThere() {
+    void waitUntilConnected() {
         std::unique_lock<std::mutex> lock(mutex_);
         changed_.wait(lock, [this] { return plant_ == ComState::CONNECTED; });
     }
@@ -59,20 +60,20 @@ public:
             return plant_ == ComState::DISCONNECTED || plant_ == ComState::CONNECTION_LOST;
         });
     }
-    void waitUntilTheBrokerWasLost() {
+    void waitUntilBrokerLost() {
         std::unique_lock<std::mutex> lock(mutex_);
-        changed_.wait(lock, [this] { return brokerWasLost_; });
+        changed_.wait(lock, [this] { return brokerLost_; });
     }
 
 private:
     using ComState = conv::ComState;
 
-    /// What the plant said before we lost the broker may have changed since: it counts no more.
+    /// After a loss of the broker the last state of the plant is no longer known.
     void onComStateChanged(ComState state) override {
-        say(inWords(state));
+        printLine(textOf(state));
         if (state == ComState::CONNECTION_LOST) {
             std::lock_guard<std::mutex> const lock(mutex_);
-            brokerWasLost_ = true;
+            brokerLost_ = true;
             plant_ = ComState::UNKNOWN;
             changed_.notify_all();
         }
@@ -82,7 +83,7 @@ private:
         if (empty) {
             return;
         }
-        say("the plant: " + inWords(status.state));
+        printLine("the plant: " + textOf(status.state));
         std::lock_guard<std::mutex> const lock(mutex_);
         plant_ = status.state;
         changed_.notify_all();
@@ -91,7 +92,7 @@ private:
     std::mutex mutex_;
     std::condition_variable changed_;
     ComState plant_ = ComState::UNKNOWN;
-    bool brokerWasLost_ = false;
+    bool brokerLost_ = false;
     mqtt::MqttClient& client_;
     mqtt::MqttData<conv::CommunicationStatus> communication_;
 };
