@@ -1,10 +1,11 @@
-#include "common/visitors.hpp"
+#include "common/active_calls.hpp"
 
 #include "support/watched.hpp"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <memory>
 #include <optional>
 #include <thread>
@@ -12,34 +13,27 @@
 
 namespace {
 
-using mqtt::Visitors;
+using mqtt::ActiveCalls;
 using support::Watched;
 
-/// Long enough to see that something waits; it never makes a right wait fail.
-constexpr std::chrono::milliseconds A_WHILE{100};
+/// Long enough to see that a call waits. If a machine is slow, a defect may pass unseen; a correct
+/// wait never fails.
+constexpr std::chrono::milliseconds NOTICEABLE_WAIT{100};
 
-bool isSet(bool value) {
-    return value;
-}
-
-void set(Watched<bool>& flag) {
-    flag.change([](bool& value) { value = true; });
-}
-
-/// Somebody inside, on a thread of its own, until told to leave.
-class Visitor {
+/// A visit on a thread of its own, which ends when it is told to.
+class VisitOnAThread {
 public:
-    explicit Visitor(std::shared_ptr<Visitors> const& visitors)
+    explicit Visitor(std::shared_ptr<ActiveCalls> const& visitors)
         : thread_([this, visitors] {
-              Visitors::Visit const visit(visitors);
+              ActiveCalls::Call const visit(visitors);
               set(inside_);
               leave_.waitFor(isSet);
           }) {
         inside_.waitFor(isSet);
     }
-    ~Visitor() { leave(); }
-    Visitor(Visitor const&) = delete;
-    Visitor& operator=(Visitor const&) = delete;
+    ~VisitOnAThread() { leave(); }
+    VisitOnAThread(VisitOnAThread const&) = delete;
+    VisitOnAThread& operator=(VisitOnAThread const&) = delete;
 
     void leave() {
         set(leave_);
@@ -54,20 +48,20 @@ private:
     std::thread thread_;
 };
 
-/// Waits on a thread of its own for others to leave.
-class Waiting {
+/// A wait for the others on a thread of its own, which may be inside too.
+class WaitOnAThread {
 public:
-    explicit Waiting(std::shared_ptr<Visitors> const& visitors)
+    explicit Waiting(std::shared_ptr<ActiveCalls> const& visitors)
         : thread_([this, visitors] {
               visitors->waitForOthers();
               set(over_);
           }) {}
-    ~Waiting() { thread_.join(); }
-    Waiting(Waiting const&) = delete;
-    Waiting& operator=(Waiting const&) = delete;
+    ~WaitOnAThread() { thread_.join(); }
+    WaitOnAThread(WaitOnAThread const&) = delete;
+    WaitOnAThread& operator=(WaitOnAThread const&) = delete;
 
-    bool isOver() const { return over_.waitFor(isSet, A_WHILE); }
-    bool endsNow() const { return over_.waitFor(isSet); }
+    bool isOver() const { return over_.waitFor(isSet, NOTICEABLE_WAIT); }
+    bool ends() const { return over_.waitFor(isSet); }
 
 private:
     Watched<bool> over_;
@@ -76,24 +70,22 @@ private:
 
 class TheWaitForVisitors : public testing::Test {
 protected:
-    std::shared_ptr<Visitors> visitors = std::make_shared<Visitors>();
+    std::shared_ptr<ActiveCalls> visitors = std::make_shared<ActiveCalls>();
 };
 
-TEST_F(TheWaitForVisitors, IsOverWhenNobodyIsInside) {
-    visitors->waitForOthers();
-    { Visitor const visitor(visitors); }
-    visitors->waitForOthers();
-}
-
-TEST_F(TheWaitForVisitors, LastsUntilTheLastOneHasLeft) {
-    Visitor first(visitors);
-    Visitor second(visitors);
-    Waiting const waiting(visitors);
-    EXPECT_FALSE(waiting.isOver());
+TEST_F(TheWaitForVisitors, LastsUntilTheLastOneHasLeftForEveryThreadThatWaits) {
+    visitors->waitForOthers(); // nobody is inside
+    VisitOnAThread first(visitors);
+    VisitOnAThread second(visitors);
+    WaitOnAThread const outside(visitors);
+    EXPECT_FALSE(outside.isOver());
     first.leave();
-    EXPECT_FALSE(waiting.isOver());
+    WaitOnAThread const inside(visitors, true);
+    EXPECT_FALSE(inside.isOver());
+    EXPECT_FALSE(outside.isOver());
     second.leave();
-    EXPECT_TRUE(waiting.endsNow());
+    EXPECT_TRUE(inside.ends());
+    EXPECT_TRUE(outside.ends());
 }
 
 TEST_F(TheWaitForVisitors, IsEndedForEverybodyWhoWaits) {
@@ -108,8 +100,8 @@ TEST_F(TheWaitForVisitors, IsEndedForEverybodyWhoWaits) {
 }
 
 TEST_F(TheWaitForVisitors, IsNotForOneself) {
-    Visitors::Visit const outer(visitors);
-    Visitors::Visit const inner(visitors);
+    ActiveCalls::Call const outer(visitors);
+    ActiveCalls::Call const inner(visitors);
     visitors->waitForOthers();
 }
 
@@ -117,7 +109,7 @@ TEST_F(TheWaitForVisitors, IsForOthersWhileOneIsInsideOneself) {
     Watched<bool> over;
     Visitor visitor(visitors);
     std::thread thread([&] {
-        Visitors::Visit const visit(visitors);
+        ActiveCalls::Call const visit(visitors);
         visitors->waitForOthers();
         set(over);
     });
@@ -128,36 +120,36 @@ TEST_F(TheWaitForVisitors, IsForOthersWhileOneIsInsideOneself) {
 }
 
 TEST_F(TheWaitForVisitors, CountsEveryVisitOfAThread) {
-    std::optional<Visitors::Visit> inner;
-    auto outer = std::make_unique<Visitors::Visit>(visitors);
+    std::optional<ActiveCalls::Call> inner;
+    auto outer = std::make_unique<ActiveCalls::Call>(visitors);
     inner.emplace(visitors);
-    Waiting const waiting(visitors);
+    WaitOnAThread const waiting(visitors);
     inner.reset();
     EXPECT_FALSE(waiting.isOver());
     outer.reset();
-    EXPECT_TRUE(waiting.endsNow());
+    EXPECT_TRUE(waiting.ends());
 }
 
 TEST_F(TheWaitForVisitors, IsOverWhenTheVisitorsLeaveEarly) {
-    auto const outer = std::make_unique<Visitors::Visit>(visitors);
-    auto inner = std::make_unique<Visitors::Visit>(visitors);
+    auto const outer = std::make_unique<ActiveCalls::Call>(visitors);
+    auto inner = std::make_unique<ActiveCalls::Call>(visitors);
     Visitor other(visitors);
     Waiting const waiting(visitors);
-    visitors->leave();
+    visitors->endCallsOfThisThread();
     EXPECT_FALSE(waiting.isOver()) << "the other one is still inside";
     other.leave();
     EXPECT_TRUE(waiting.endsNow());
     // And whoever comes back is waited for again.
-    auto again = std::make_unique<Visitors::Visit>(visitors);
+    auto again = std::make_unique<ActiveCalls::Call>(visitors);
     Waiting const next(visitors);
     inner.reset();
     EXPECT_FALSE(next.isOver());
     again.reset();
-    EXPECT_TRUE(next.endsNow());
+    EXPECT_TRUE(next.ends());
 }
 
 TEST_F(TheWaitForVisitors, MayBeTheEndOfWhatWasVisited) {
-    Visitors::Visit const visit(visitors);
+    ActiveCalls::Call const visit(visitors);
     visitors->waitForOthers();
     visitors.reset();
 }
@@ -169,7 +161,7 @@ TEST_F(TheWaitForVisitors, SeesEverybodyOut) {
         std::vector<std::thread> threads;
         for (int i = 0; i < 4; ++i) {
             threads.emplace_back([&] {
-                Visitors::Visit const visit(visitors);
+                ActiveCalls::Call const visit(visitors);
                 ++inside;
                 ++*value;
             });

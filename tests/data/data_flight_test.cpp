@@ -1,10 +1,10 @@
-// Typed endpoints that come, go and are copied while messages fly. What these tests cannot see
-// by themselves the sanitizers do: they are worth most in such a build.
+// Typed endpoints that are made, copied and destroyed while messages arrive. The sanitizers see
+// more here than the assertions do.
 
 #include "client/flood.hpp"
 #include "support/broker.hpp"
-#include "support/sanitizers.hpp"
 #include "support/test_client.hpp"
+#include "support/timeout_factor.hpp"
 
 #include <mqtt/link.hpp>
 
@@ -26,9 +26,9 @@ using Collection = mqtt::MqttDataCollection<Link>;
 using Error = mqtt::MqttClient::Error;
 using Links = std::vector<Link>;
 
-constexpr int ROUNDS = 200 / support::SLOWNESS;
+constexpr int ROUNDS = 200 / support::TIMEOUT_FACTOR;
 
-/// Links on "link", collections on "links", now and then nonsense and nothing.
+/// Links on "link" and collections on "links", among them a malformed and an empty payload.
 std::vector<Flood::Post> linksAndLists() {
     std::vector<Flood::Post> posts;
     for (int i = 0; i < 16; ++i) {
@@ -38,11 +38,11 @@ std::vector<Flood::Post> linksAndLists() {
     return posts;
 }
 
-/// Counts what it is told, and what it is told when that is not to be any more.
+/// Counts its calls, and those after the end of its endpoint.
 template <class T>
-class Counter : public MqttData<T>::Subscriber {
+class CountingSubscriber : public MqttData<T>::Subscriber {
 public:
-    virtual ~Counter() = default;
+    virtual ~CountingSubscriber() = default;
     void onMqttData(T const& /*value*/, bool /*empty*/, int /*id*/) override {
         ++calls;
         if (ended) {
@@ -56,9 +56,9 @@ public:
 };
 
 template <class Endpoint, class T>
-void comeAndGo(Client& client, char const* topic) {
+void makeAndDestroy(Client& client, char const* topic) {
     for (int round = 0; round < ROUNDS; ++round) {
-        Counter<T> counter;
+        CountingSubscriber<T> counter;
         {
             Endpoint endpoint(client, topic);
             EXPECT_EQ(endpoint.subscribe(&counter, 1), Error::SUCCESS);
@@ -71,20 +71,20 @@ void comeAndGo(Client& client, char const* topic) {
             }
         }
         counter.ended = true;
-        // The worker gets as far as it would to call what is gone.
+        // Gives the worker a chance to call after the end.
         std::this_thread::yield();
         EXPECT_EQ(counter.callsAfterTheEnd, 0);
     }
 }
 
-TEST(TypedEndpoints, ComeAndGoWhileMessagesFly) {
+TEST(TypedEndpoints, AreMadeAndDestroyedWhileMessagesArrive) {
     support::Broker broker;
     auto const client = support::testClient(broker);
     Flood const flood(broker, linksAndLists());
     std::vector<std::thread> threads;
-    threads.emplace_back([&] { comeAndGo<MqttData<Link>, Link>(*client, "link"); });
-    threads.emplace_back([&] { comeAndGo<MqttData<Link>, Link>(*client, "link"); });
-    threads.emplace_back([&] { comeAndGo<Collection, Links>(*client, "links"); });
+    threads.emplace_back([&] { makeAndDestroy<MqttData<Link>, Link>(*client, "link"); });
+    threads.emplace_back([&] { makeAndDestroy<MqttData<Link>, Link>(*client, "link"); });
+    threads.emplace_back([&] { makeAndDestroy<Collection, Links>(*client, "links"); });
     for (auto& thread : threads) {
         thread.join();
     }
@@ -92,7 +92,7 @@ TEST(TypedEndpoints, ComeAndGoWhileMessagesFly) {
 
 template <class Endpoint, class T>
 void copyAndDestroy(Client& client, char const* topic) {
-    Counter<T> counter;
+    CountingSubscriber<T> counter;
     Endpoint original(client, topic);
     ASSERT_EQ(original.subscribe(&counter, 1), Error::SUCCESS);
     for (int round = 0; round < ROUNDS; ++round) {
@@ -105,7 +105,7 @@ void copyAndDestroy(Client& client, char const* topic) {
     }
 }
 
-TEST(TypedEndpoints, AreCopiedWhileMessagesFly) {
+TEST(TypedEndpoints, AreCopiedWhileMessagesArrive) {
     support::Broker broker;
     auto const client = support::testClient(broker);
     Flood const flood(broker, linksAndLists());
@@ -114,20 +114,19 @@ TEST(TypedEndpoints, AreCopiedWhileMessagesFly) {
     links.join();
 }
 
-/// Destroys its own endpoint when it is told something.
-class Mayfly : public MqttData<Link>::Subscriber {
+/// Destroys itself and its own endpoint in its first call.
+class SelfDestroyingSubscriber : public MqttData<Link>::Subscriber {
 public:
-    Mayfly(Client& client, std::atomic<int>& alive)
+    SelfDestroyingSubscriber(Client& client, std::atomic<int>& alive)
         : alive_(alive), endpoint_(std::make_unique<MqttData<Link>>(client, "link")) {
         ++alive_;
     }
-    virtual ~Mayfly() { --alive_; }
-    Mayfly(Mayfly const&) = delete;
-    Mayfly& operator=(Mayfly const&) = delete;
+    virtual ~SelfDestroyingSubscriber() { --alive_; }
+    SelfDestroyingSubscriber(SelfDestroyingSubscriber const&) = delete;
+    SelfDestroyingSubscriber& operator=(SelfDestroyingSubscriber const&) = delete;
 
-    /// It may be gone when this returns.
-    void fly() {
-        // On the worker, so that nothing comes between the two.
+    /// For the worker, so that no call comes between the two.
+    void subscribeTwice() {
         EXPECT_EQ(endpoint_->subscribe(this, 1), Error::SUCCESS);
         EXPECT_EQ(endpoint_->subscribe(this, 2), Error::SUCCESS);
     }
@@ -139,43 +138,42 @@ private:
     std::unique_ptr<MqttData<Link>> endpoint_;
 };
 
-/// Sets one free when it is told something.
-class Hatcher : public MqttData<Links>::Subscriber {
+/// Makes the next one when the last one has destroyed itself.
+class Maker : public MqttData<Links>::Subscriber {
 public:
-    Hatcher(Client& client, std::atomic<int>& alive) : client_(client), alive_(alive) {}
-    virtual ~Hatcher() = default;
+    explicit Maker(Client& client) : client_(client) {}
+    virtual ~Maker() = default;
 
     void onMqttData(Links const& /*value*/, bool /*empty*/, int /*id*/) override {
-        if (alive_ == 0 && hatched < ROUNDS) {
-            auto* const mayfly = new Mayfly(client_, alive_);
-            ++hatched;
-            mayfly->fly();
+        if (alive == 0 && made < ROUNDS) {
+            auto* const subscriber = new SelfDestroyingSubscriber(client_, alive);
+            ++made;
+            subscriber->subscribeTwice();
         }
     }
 
-    std::atomic<int> hatched{0};
+    std::atomic<int> made{0};
+    std::atomic<int> alive{0};
 
 private:
     Client& client_;
-    std::atomic<int>& alive_;
 };
 
-TEST(TypedEndpoints, DestroyThemselvesInTheirCallsWhileMessagesFly) {
+TEST(TypedEndpoints, DestroyThemselvesInTheirCallsWhileMessagesArrive) {
     support::Broker broker;
-    std::atomic<int> alive{0};
     auto const client = support::testClient(broker);
-    Hatcher hatcher(*client, alive);
-    Collection nest(*client, "links");
-    ASSERT_EQ(nest.subscribe(&hatcher, 0), Error::SUCCESS);
+    Maker maker(*client);
+    Collection endpoint(*client, "links");
+    ASSERT_EQ(endpoint.subscribe(&maker, 0), Error::SUCCESS);
     Flood const flood(broker, linksAndLists());
-    EXPECT_TRUE(support::eventually([&] { return hatcher.hatched == ROUNDS && alive == 0; }));
-    nest.unsubscribe();
+    EXPECT_TRUE(support::eventually([&] { return maker.made == ROUNDS && maker.alive == 0; }));
+    endpoint.unsubscribe();
 }
 
 TEST(TypedEndpoints, ArePublishedWrittenAndReadByManyThreadsAtOnce) {
     support::Broker broker;
     auto const client = support::testClient(broker);
-    Counter<Link> counter;
+    CountingSubscriber<Link> counter;
     MqttData<Link> endpoint(*client, "link");
     ASSERT_EQ(endpoint.subscribe(&counter, 1), Error::SUCCESS);
     std::vector<std::thread> threads;
