@@ -14,26 +14,28 @@
 namespace {
 
 using mqtt::ActiveCalls;
+using support::isSet;
+using support::set;
 using support::Watched;
 
 /// Long enough to see that a call waits. If a machine is slow, a defect may pass unseen; a correct
 /// wait never fails.
 constexpr std::chrono::milliseconds NOTICEABLE_WAIT{100};
 
-/// A visit on a thread of its own, which ends when it is told to.
-class VisitOnAThread {
+/// A call on a thread of its own, which ends when it is told to.
+class CallOnAThread {
 public:
-    explicit Visitor(std::shared_ptr<ActiveCalls> const& visitors)
-        : thread_([this, visitors] {
-              ActiveCalls::Call const visit(visitors);
+    explicit CallOnAThread(std::shared_ptr<ActiveCalls> const& calls)
+        : thread_([this, calls] {
+              ActiveCalls::Call const call(calls);
               set(inside_);
               leave_.waitFor(isSet);
           }) {
         inside_.waitFor(isSet);
     }
-    ~VisitOnAThread() { leave(); }
-    VisitOnAThread(VisitOnAThread const&) = delete;
-    VisitOnAThread& operator=(VisitOnAThread const&) = delete;
+    ~CallOnAThread() { leave(); }
+    CallOnAThread(CallOnAThread const&) = delete;
+    CallOnAThread& operator=(CallOnAThread const&) = delete;
 
     void leave() {
         set(leave_);
@@ -51,9 +53,13 @@ private:
 /// A wait for the others on a thread of its own, which may be inside too.
 class WaitOnAThread {
 public:
-    explicit Waiting(std::shared_ptr<ActiveCalls> const& visitors)
-        : thread_([this, visitors] {
-              visitors->waitForOthers();
+    explicit WaitOnAThread(std::shared_ptr<ActiveCalls> const& calls, bool inside = false)
+        : thread_([this, calls, inside] {
+              std::optional<ActiveCalls::Call> call;
+              if (inside) {
+                  call.emplace(calls);
+              }
+              calls->waitForOthers();
               set(over_);
           }) {}
     ~WaitOnAThread() { thread_.join(); }
@@ -70,17 +76,17 @@ private:
 
 class TheWaitForVisitors : public testing::Test {
 protected:
-    std::shared_ptr<ActiveCalls> visitors = std::make_shared<ActiveCalls>();
+    std::shared_ptr<ActiveCalls> calls = std::make_shared<ActiveCalls>();
 };
 
 TEST_F(TheWaitForVisitors, LastsUntilTheLastOneHasLeftForEveryThreadThatWaits) {
-    visitors->waitForOthers(); // nobody is inside
-    VisitOnAThread first(visitors);
-    VisitOnAThread second(visitors);
-    WaitOnAThread const outside(visitors);
+    calls->waitForOthers(); // nobody is inside
+    CallOnAThread first(calls);
+    CallOnAThread second(calls);
+    WaitOnAThread const outside(calls);
     EXPECT_FALSE(outside.isOver());
     first.leave();
-    WaitOnAThread const inside(visitors, true);
+    WaitOnAThread const inside(calls, true);
     EXPECT_FALSE(inside.isOver());
     EXPECT_FALSE(outside.isOver());
     second.leave();
@@ -88,42 +94,18 @@ TEST_F(TheWaitForVisitors, LastsUntilTheLastOneHasLeftForEveryThreadThatWaits) {
     EXPECT_TRUE(outside.ends());
 }
 
-TEST_F(TheWaitForVisitors, IsEndedForEverybodyWhoWaits) {
-    Visitor visitor(visitors);
-    Waiting const first(visitors);
-    Waiting const second(visitors);
-    EXPECT_FALSE(first.isOver());
-    EXPECT_FALSE(second.isOver());
-    visitor.leave();
-    EXPECT_TRUE(first.endsNow());
-    EXPECT_TRUE(second.endsNow());
-}
-
-TEST_F(TheWaitForVisitors, IsNotForOneself) {
-    ActiveCalls::Call const outer(visitors);
-    ActiveCalls::Call const inner(visitors);
-    visitors->waitForOthers();
-}
-
-TEST_F(TheWaitForVisitors, IsForOthersWhileOneIsInsideOneself) {
-    Watched<bool> over;
-    Visitor visitor(visitors);
-    std::thread thread([&] {
-        ActiveCalls::Call const visit(visitors);
-        visitors->waitForOthers();
-        set(over);
-    });
-    EXPECT_FALSE(over.waitFor(isSet, A_WHILE));
-    visitor.leave();
-    EXPECT_TRUE(over.waitFor(isSet));
-    thread.join();
+TEST_F(TheWaitForVisitors, IsNotForTheOwnThreadAndMayBeTheEndOfWhatWasVisited) {
+    ActiveCalls::Call const outer(calls);
+    ActiveCalls::Call const inner(calls);
+    calls->waitForOthers();
+    calls.reset();
 }
 
 TEST_F(TheWaitForVisitors, CountsEveryVisitOfAThread) {
     std::optional<ActiveCalls::Call> inner;
-    auto outer = std::make_unique<ActiveCalls::Call>(visitors);
-    inner.emplace(visitors);
-    WaitOnAThread const waiting(visitors);
+    auto outer = std::make_unique<ActiveCalls::Call>(calls);
+    inner.emplace(calls);
+    WaitOnAThread const waiting(calls);
     inner.reset();
     EXPECT_FALSE(waiting.isOver());
     outer.reset();
@@ -131,37 +113,31 @@ TEST_F(TheWaitForVisitors, CountsEveryVisitOfAThread) {
 }
 
 TEST_F(TheWaitForVisitors, IsOverWhenTheVisitorsLeaveEarly) {
-    auto const outer = std::make_unique<ActiveCalls::Call>(visitors);
-    auto inner = std::make_unique<ActiveCalls::Call>(visitors);
-    Visitor other(visitors);
-    Waiting const waiting(visitors);
-    visitors->endCallsOfThisThread();
+    auto const outer = std::make_unique<ActiveCalls::Call>(calls);
+    auto inner = std::make_unique<ActiveCalls::Call>(calls);
+    CallOnAThread other(calls);
+    WaitOnAThread const waiting(calls);
+    calls->endCallsOfThisThread();
     EXPECT_FALSE(waiting.isOver()) << "the other one is still inside";
     other.leave();
-    EXPECT_TRUE(waiting.endsNow());
-    // And whoever comes back is waited for again.
-    auto again = std::make_unique<ActiveCalls::Call>(visitors);
-    Waiting const next(visitors);
+    EXPECT_TRUE(waiting.ends());
+    // A new call is waited for again.
+    auto again = std::make_unique<ActiveCalls::Call>(calls);
+    WaitOnAThread const next(calls);
     inner.reset();
     EXPECT_FALSE(next.isOver());
     again.reset();
     EXPECT_TRUE(next.ends());
 }
 
-TEST_F(TheWaitForVisitors, MayBeTheEndOfWhatWasVisited) {
-    ActiveCalls::Call const visit(visitors);
-    visitors->waitForOthers();
-    visitors.reset();
-}
-
-TEST_F(TheWaitForVisitors, SeesEverybodyOut) {
+TEST_F(TheWaitForVisitors, EndsAfterAllAccesses) {
     for (int round = 0; round < 200; ++round) {
         auto value = std::make_unique<std::atomic<int>>(0);
         std::atomic<int> inside{0};
         std::vector<std::thread> threads;
         for (int i = 0; i < 4; ++i) {
             threads.emplace_back([&] {
-                ActiveCalls::Call const visit(visitors);
+                ActiveCalls::Call const call(calls);
                 ++inside;
                 ++*value;
             });
@@ -169,7 +145,7 @@ TEST_F(TheWaitForVisitors, SeesEverybodyOut) {
         while (inside < 4) {
             std::this_thread::yield();
         }
-        visitors->waitForOthers();
+        calls->waitForOthers();
         value.reset();
         for (auto& thread : threads) {
             thread.join();
