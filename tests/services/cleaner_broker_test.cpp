@@ -41,12 +41,23 @@ protected:
         RawPeer(broker).publish(topic, "payload of " + topic, 1, true);
     }
 
+    /// Waits until these topics have retained messages. Erasures may arrive meanwhile.
     bool becomesRetained(Strings const& topics) {
         return support::eventually([&] {
+            RawPeer peer(broker);
+            peer.subscribe("#");
+            peer.publish("last", "", 1);
             Strings now;
-            for (auto const& message : support::allRetained(broker, "#")) {
-                now.push_back(message.topic);
-            }
+            EXPECT_TRUE(peer.waitFor([&](auto const& all) {
+                now.clear();
+                for (auto const& message : all) {
+                    if (message.retain) {
+                        now.push_back(message.topic);
+                    }
+                }
+                return std::any_of(all.begin(), all.end(),
+                                   [](auto const& message) { return message.topic == "last"; });
+            }));
             return now == topics;
         });
     }
