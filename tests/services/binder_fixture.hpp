@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <atomic>
 #include <functional>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <thread>
@@ -92,7 +93,6 @@ public:
           mqtt_(support::testClient(broker)),
           bind_(*mqtt_, BASE_TOPIC, SUB_PATH, "bind"),
           unbind_(*mqtt_, BASE_TOPIC, SUB_PATH, "unbind") {
-        EXPECT_EQ(mqtt_->subscribe(markTopic(), &marker_, 0), mqtt::MqttClient::Error::SUCCESS);
         serveBindings();
         serveUnbindings();
         offerTime();
@@ -116,9 +116,8 @@ public:
 
     /// Returns when the broker knows all subscriptions that were made.
     void settle() {
-        auto const mark = std::to_string(++marks_);
-        EXPECT_EQ(mqtt_->publish(markTopic(), mark, 2, false), mqtt::MqttClient::Error::SUCCESS);
-        EXPECT_TRUE(marker_.waitForPayload(mark));
+        EXPECT_EQ(mqtt_->publishWait("settled", "", 1, false, 30),
+                  mqtt::MqttClient::Error::SUCCESS);
     }
     mqtt::MqttClient const& mqtt() const { return *mqtt_; }
 
@@ -148,11 +147,7 @@ private:
         settle();
     }
 
-    std::string markTopic() const { return "settled/" + id.base64URL(); }
-
     double const ahead_;
-    int marks_ = 0;
-    support::MessageRecorder marker_;
     std::unique_ptr<mqtt::MqttClient> mqtt_;
     mqtt::RequestReplyServer bind_;
     mqtt::RequestReplyServer unbind_;
@@ -180,34 +175,28 @@ protected:
         return std::make_unique<Proxy>(*mqtt, BASE_TOPIC, SUB_PATH, id, BOUND_TOPIC, &recorder);
     }
 
-    static bool isRequest(support::Message const& message, std::string const& name) {
-        return message.topic.find("/" + name + "?\?/") != std::string::npos;
+    static support::RawPeer::Messages requestsIn(support::RawPeer::Messages const& all,
+                                                 std::string const& name) {
+        support::RawPeer::Messages found;
+        std::copy_if(all.begin(), all.end(), std::back_inserter(found), [&](auto const& message) {
+            return message.topic.find("/" + name + "?\?/") != std::string::npos;
+        });
+        return found;
     }
 
     /// How many requests of this name the broker has forwarded so far.
     std::size_t requests(std::string const& name) const {
-        auto const all = peer.messages();
-        return static_cast<std::size_t>(std::count_if(
-            all.begin(), all.end(), [&](auto const& message) { return isRequest(message, name); }));
+        return requestsIn(peer.messages(), name).size();
     }
 
     support::Message awaitRequest(std::string const& name, std::size_t count = 1) {
-        support::Message found;
+        support::RawPeer::Messages found;
         EXPECT_TRUE(peer.waitFor([&](auto const& all) {
-            std::size_t seen = 0;
-            for (auto const& message : all) {
-                if (!isRequest(message, name)) {
-                    continue;
-                }
-                found = message;
-                if (++seen == count) {
-                    return true;
-                }
-            }
-            return false;
+            found = requestsIn(all, name);
+            return found.size() >= count;
         })) << "the request "
             << count << " of " << name;
-        return found;
+        return found.size() < count ? support::Message{} : found[count - 1];
     }
 
     /// Waits until the peer has everything that our client has sent.

@@ -157,19 +157,13 @@ protected:
     Proxy* asked = proxy.get();
 };
 
-TEST_F(AWorkerThatDestroysAProxy, EndsTheWaitForTheServer) {
-    startDestruction();
-    blockInUnbinding(LONG_TIMEOUT_S);
-    expectEnd();
-}
-
-TEST_F(AWorkerThatDestroysAProxy, EndsTheWaitForItself) {
+TEST_F(AWorkerThatDestroysAProxy, EndsAWaitForItself) {
     startDestruction();
     blockInUnbinding(0);
     expectEnd();
 }
 
-TEST_F(AWorkerThatDestroysAProxy, EndsTheWaitOfATermination) {
+TEST_F(AWorkerThatDestroysAProxy, EndsTheWaitsForTheServerAndOfATermination) {
     server.ignoreUnbindings();
     startDestruction();
     blockInUnbinding(LONG_TIMEOUT_S);
@@ -346,23 +340,6 @@ TEST_F(TheEndOfAProxy, ComesAtAnyMomentForADerivedOneInManyRounds) {
         own.reset();
         EXPECT_LE(listener->count(), 2U);
         listener.reset();
-    }
-}
-
-TEST_F(TheEndOfAProxy, MayBeATerminationOnSeveralThreadsInManyRounds) {
-    int const count = rounds(20);
-    for (int round = 0; round < count; ++round) {
-        static_cast<void>(proxy->bind(server.id, LONG_TIMEOUT_S));
-        spendTime(round);
-        std::thread first([&] { proxy->terminate(); });
-        std::thread second([&] { proxy->terminate(); });
-        EXPECT_THAT(proxy->unbind(LONG_TIMEOUT_S), AnyOf(Error::SUCCESS, Error::CANCELLED));
-        first.join();
-        second.join();
-        EXPECT_EQ(proxy->bind(server.id, LONG_TIMEOUT_S), Error::CANCELLED);
-        auto const events = recorder.count();
-        proxy = makeProxy();
-        EXPECT_EQ(recorder.count(), events);
     }
 }
 

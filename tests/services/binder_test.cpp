@@ -67,12 +67,6 @@ TEST_F(ABinding, ExistsForEveryCodeOfSuccess) {
         EXPECT_EQ(proxy->bindSync(server.id, LONG_TIMEOUT_S), Error::SUCCESS);
         expectBound();
         EXPECT_EQ(proxy->unbindSync(LONG_TIMEOUT_S), Error::SUCCESS);
-        auto const before = recorder.count();
-        EXPECT_EQ(proxy->bind(server.id, LONG_TIMEOUT_S), Error::SUCCESS);
-        ASSERT_TRUE(recorder.waitForCount(before + 1));
-        expectBound();
-        EXPECT_EQ(recorder.events().back(), bound(Error::SUCCESS));
-        EXPECT_EQ(proxy->unbindSync(LONG_TIMEOUT_S), Error::SUCCESS);
     }
 }
 
@@ -202,18 +196,6 @@ TEST_F(TheTimeOfAServer, IsThatOfTheServerBoundTo) {
     EXPECT_EQ(proxy->bind(server.id, LONG_TIMEOUT_S), Error::SUCCESS);
     ASSERT_TRUE(recorder.waitForCount(5));
     EXPECT_TRUE(isTimeOf(server, proxy->timeBase()));
-}
-
-TEST_F(TheTimeOfAServer, IsKnownToEachOfTwoProxies) {
-    BindingRecorder others;
-    Proxy other(*mqtt, BASE_TOPIC, SUB_PATH, support::uniqueId(), "other", &others);
-    bind();
-    EXPECT_EQ(other.bindSync(server.id, LONG_TIMEOUT_S), Error::SUCCESS);
-    EXPECT_EQ(proxy->unbindSync(LONG_TIMEOUT_S), Error::SUCCESS);
-    expectUnbound();
-    EXPECT_TRUE(other.isTimeBaseSynchronized());
-    EXPECT_TRUE(isTimeOf(server, other.timeBase()));
-    EXPECT_THAT(others.events(), ElementsAre(bound(Error::SUCCESS)));
 }
 
 /// Through the hook of a derived class.

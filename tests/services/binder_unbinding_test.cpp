@@ -1,9 +1,6 @@
 // Unbindings, which also call off a binding under way, on a real broker.
 
-#include "requestreply/rounds.hpp"
 #include "services/binder_fixture.hpp"
-#include "support/watchdog.hpp"
-
 namespace {
 
 using testing::ElementsAre;
@@ -158,18 +155,6 @@ TEST_F(ABindingCalledOff, IsOverAlsoWhenTheServerIsBusy) {
     expectUnbound();
 }
 
-TEST_F(ABindingCalledOff, MayWaitForTheServersTime) {
-    server.withdrawTime();
-    startBinding();
-    awaitRequest("timeSync");
-    EXPECT_EQ(proxy->unbindSync(LONG_TIMEOUT_S), Error::SUCCESS);
-    EXPECT_THAT(recorder.events(), ElementsAre(unbound(Error::SUCCESS)));
-    expectUnbound();
-    server.offerTime();
-    bind();
-    expectBound();
-}
-
 TEST_F(ABindingCalledOff, LetsItsListenerTerminate) {
     server.ignoreBindings();
     recorder.setHook([&](auto const&) { proxy->terminate(); });
@@ -236,15 +221,6 @@ TEST_F(AWaitForABinding, IsCancelledByAnUnbinding) {
     expectBindableAgain();
 }
 
-TEST_F(AWaitForABinding, IsCancelledByAnUnbindingThatWaits) {
-    server.ignoreBindings();
-    startWaiting("bind");
-    EXPECT_EQ(proxy->unbindSync(LONG_TIMEOUT_S), Error::SUCCESS);
-    waiting->join();
-    EXPECT_EQ(result, Error::CANCELLED);
-    expectBindableAgain();
-}
-
 TEST_F(AWaitForABinding, FailsWhenItIsUnboundBeforeTheServersTimeIsKnown) {
     server.withdrawTime();
     startWaiting("timeSync");
@@ -266,35 +242,6 @@ TEST_F(AWaitForABinding, GoesOnWhenTheServerDoesNotUnbind) {
     EXPECT_EQ(result, Error::SUCCESS);
     expectBound();
     EXPECT_THAT(recorder.events(), ElementsAre(unbound(Error::BUSY), bound(Error::SUCCESS)));
-}
-
-class BindingAndUnbinding : public ProxyAndServer {};
-
-TEST_F(BindingAndUnbinding, LeaveTheProxyUnboundInManyRounds) {
-    support::Watchdog::limit(std::chrono::seconds(240));
-    int const count = rounds(40);
-    for (int round = 0; round < count; ++round) {
-        auto const before = recorder.count();
-        ASSERT_EQ(proxy->bind(server.id, LONG_TIMEOUT_S), Error::SUCCESS);
-        // From before the request reaches the server to after the binding exists.
-        auto const moment =
-            std::chrono::steady_clock::now() + std::chrono::microseconds(100 * (round % 40));
-        while (std::chrono::steady_clock::now() < moment) {
-            std::this_thread::yield();
-        }
-        if (round % 2 == 0) {
-            ASSERT_EQ(proxy->unbindSync(round % 4 == 0 ? 0 : LONG_TIMEOUT_S), Error::SUCCESS);
-        } else {
-            ASSERT_EQ(proxy->unbind(LONG_TIMEOUT_S), Error::SUCCESS);
-            ASSERT_TRUE(support::eventually([&] {
-                return recorder.count() > before && recorder.events().back().first == "unbound";
-            }));
-        }
-        expectUnbound();
-        EXPECT_LE(recorder.count(), before + 2);
-    }
-    bind();
-    expectBound();
 }
 
 } // namespace

@@ -157,33 +157,4 @@ TEST_F(Cleaning, IsEndedByListenerAndAnotherThreadInManyRounds) {
     }
 }
 
-TEST_F(Cleaning, IsSharedByThreadsInManyRounds) {
-    int const count = rounds(10);
-    std::vector<std::thread> threads;
-    for (auto const* const topic : {"a/#", "a/x", "a/+", "b"}) {
-        threads.emplace_back([&, topic] {
-            for (int round = 0; round < count; ++round) {
-                cleaner->clean(mqtt::Topic(std::to_string(round)) + topic, milliseconds(0));
-                cleaner->clean(topic, LONG_DURATION);
-                cleaner->waitAllTasks(milliseconds(round % 3));
-            }
-        });
-    }
-    for (auto& thread : threads) {
-        thread.join();
-    }
-    EXPECT_TRUE(recorder.waitForCount(4));
-    threads.clear();
-    for (int i = 0; i < 3; ++i) {
-        threads.emplace_back([&] {
-            cleaner->terminate();
-            cleaner->clean("b", LONG_DURATION);
-            EXPECT_TRUE(cleaner->waitAllTasks(support::DEADLINE));
-        });
-    }
-    for (auto& thread : threads) {
-        thread.join();
-    }
-}
-
 } // namespace

@@ -33,15 +33,6 @@ protected:
                           [this] { return discoverer.discoverSync(SUCCESS_TIMEOUT_S, true); });
     }
 
-    std::size_t countInLog(std::string const& text) const {
-        auto const log = broker.log();
-        std::size_t count = 0;
-        for (auto at = log.find(text); at != std::string::npos; at = log.find(text, at + 1)) {
-            ++count;
-        }
-        return count;
-    }
-
     support::Broker broker{persistent()};
     std::unique_ptr<support::RawPeer> peer = std::make_unique<support::RawPeer>(broker);
     std::unique_ptr<mqtt::MqttClient> client = support::testClient(broker);
@@ -99,19 +90,6 @@ TEST_F(Discovery, GoesOnWhenTheBrokerRestarts) {
     publishEntity("b");
     EXPECT_TRUE(run.get());
     EXPECT_THAT(textsOf(discoverer.entities()), ElementsAre(textsOf("a"), textsOf("b")));
-}
-
-TEST_F(Discovery, LeavesNothingSubscribedAtTheBroker) {
-    publishLinks({"a", "b", "silent"});
-    publishEntity("a");
-    publishEntity("b");
-    EXPECT_TRUE(discoverer.discoverSync(SUCCESS_TIMEOUT_S, false));
-    EXPECT_FALSE(discoverer.discoverSync(1, true));
-    ASSERT_EQ(client->publishWait("settled", "", 1, false, SUCCESS_TIMEOUT_S),
-              mqtt::MqttClient::Error::SUCCESS);
-    // Two times the list, and three entities.
-    EXPECT_EQ(countInLog("Sending SUBACK to"), 5U);
-    EXPECT_EQ(countInLog("Sending UNSUBACK to"), 5U);
 }
 
 /// Publishes changing lists and identifications until its end; one entity never answers.

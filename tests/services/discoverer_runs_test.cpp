@@ -4,7 +4,6 @@
 #include "services/checkpoint.hpp"
 #include "services/discoverer_fixture.hpp"
 
-#include <atomic>
 #include <memory>
 
 namespace {
@@ -138,27 +137,6 @@ TEST_F(ADiscoverer, WaitsWithoutLimit) {
         deliver(ENTITIES, listOf({"a"}));
         EXPECT_TRUE(run.get());
     }
-}
-
-TEST_F(ADiscoverer, IsReadWhileItRuns) {
-    std::atomic<bool> stop{false};
-    auto reader = std::async(std::launch::async, [&] {
-        while (!stop) {
-            EXPECT_LE(discoverer->entities().size(), 20U);
-            EXPECT_LE(discoverer->links().size(), 20U);
-        }
-    });
-    Strings ids;
-    for (int i = 0; i < 20; ++i) {
-        ids.push_back(std::to_string(i));
-        retainEntity(ids.back());
-    }
-    retainLinks(ids);
-    for (int round = 0; round < 20; ++round) {
-        EXPECT_TRUE(discoverer->discoverSync(SUCCESS_TIMEOUT_S, true));
-    }
-    stop = true;
-    reader.wait();
 }
 
 // The end

@@ -9,13 +9,10 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
 
-TEST_F(ADiscoverer, HasFoundNothingAtFirst) {
-    EXPECT_EQ(script_->count(Operation::SUBSCRIBE), 0U);
+TEST_F(ADiscoverer, EndsAtOnceWithAnEmptyList) {
+    EXPECT_EQ(script_->count(Operation::SUBSCRIBE), 0U) << "before its first run";
     EXPECT_THAT(links(), IsEmpty());
     EXPECT_THAT(entities(), IsEmpty());
-}
-
-TEST_F(ADiscoverer, EndsAtOnceWithAnEmptyList) {
     retainLinks({"a"});
     retainEntity("a");
     ASSERT_TRUE(discoverer->discoverSync(SUCCESS_TIMEOUT_S, true));
@@ -166,14 +163,6 @@ TEST_F(ADiscoverer, SubscribesTheIdentificationBelowEachLink) {
         letTheStepEnd();
         EXPECT_THAT(subscribed(), IsEmpty());
     }
-}
-
-TEST_F(ADiscoverer, MayFindItsListAndAnIdentificationOnOneTopic) {
-    discoverer = std::make_unique<Discoverer>(*client_, "a/identification");
-    retain("a/identification", listOf({"a"}));
-    EXPECT_TRUE(discoverer->discoverSync(SUCCESS_TIMEOUT_S, true));
-    EXPECT_THAT(links(), ElementsAre("a"));
-    EXPECT_THAT(entities()[0], Each(""));
 }
 
 TEST_F(ADiscoverer, TimesOutOnATopicThatCannotBeSubscribed) {

@@ -2,7 +2,6 @@
 
 #include "requestreply/blocking_thread.hpp"
 #include "services/time_base_fixture.hpp"
-#include "support/flag.hpp"
 #include "support/scripted_server.hpp"
 
 #include <cmath>
@@ -11,7 +10,6 @@
 
 namespace {
 
-using support::isSet;
 using support::PacketType;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -130,27 +128,6 @@ TEST_F(ATimeBaseAdaptor, EndsAfterTheRequestBeingHandled) {
         adaptor = makeAdaptor();
         settle(*mqtt);
     }
-}
-
-TEST_F(ATimeBaseAdaptor, MayEndOnTheWorker) {
-    support::Watched<bool> ended;
-    support::MessageRecorder ending([&](auto&&...) {
-        adaptor.reset();
-        set(ended);
-    });
-    ASSERT_EQ(mqtt->subscribe("ending", &ending, 0), mqtt::MqttClient::Error::SUCCESS);
-    settle(*mqtt);
-    peer.publish("ending", "now");
-    ASSERT_TRUE(ended.waitFor(isSet));
-    expectNoReply();
-    mqtt->release(&ending);
-}
-
-TEST_F(ATimeBaseAdaptor, MayEndWithoutABroker) {
-    broker.kill();
-    ASSERT_TRUE(support::eventually(
-        [&] { return mqtt->communicationState() != conv::ComState::CONNECTED; }));
-    adaptor.reset();
 }
 
 TEST_F(ATimeBaseAdaptor, OffersWholeSecondsOf32BitsOfItsClock) {

@@ -2,12 +2,9 @@
 // checkpoint in the proxy's clock stops them there.
 
 #include "requestreply/blocking_thread.hpp"
-#include "requestreply/rounds.hpp"
 #include "services/time_base_fixture.hpp"
 #include "support/hand_driven_timer.hpp"
 
-#include <atomic>
-#include <chrono>
 #include <thread>
 
 namespace {
@@ -143,37 +140,6 @@ TEST_F(APeriodicReplyInFlight, DoesNotCountInTheNextRun) {
     answerAll(12, SAMPLES, 7.0);
     ASSERT_TRUE(listener.waitForCalls(2));
     EXPECT_DOUBLE_EQ(proxy->offset(), 7.0);
-}
-
-/// A timer that expires all the time, and a server that replies at once.
-class AnExpiryAtAnyMoment : public TimeBaseOnABroker {};
-
-TEST_F(AnExpiryAtAnyMoment, ChangesNothingAfterAStopAndPreventsNoStartInManyRounds) {
-    auto const serversMqtt = support::testClient(broker);
-    mqtt::SynchronizedTimeBaseMqttAdaptor const adaptor(*serversMqtt, "svc", server);
-    settle(*serversMqtt);
-    int const count = rounds(30);
-    std::atomic<bool> end{false};
-    std::thread expiring([&] {
-        while (!end) {
-            hand_driven_timer::expire();
-            std::this_thread::yield();
-        }
-    });
-    for (int round = 1; round <= count; ++round) {
-        EXPECT_TRUE(proxy->startSync(server));
-        EXPECT_TRUE(listener.waitForCalls(round)) << "in round " << round;
-        auto const moment =
-            std::chrono::steady_clock::now() + std::chrono::microseconds(10 * (round % 50));
-        while (std::chrono::steady_clock::now() < moment) {
-            std::this_thread::yield();
-        }
-        proxy->stop();
-        EXPECT_EQ(proxy->offset(), 0.0);
-        EXPECT_FALSE(record(0).armed);
-    }
-    end = true;
-    expiring.join();
 }
 
 } // namespace

@@ -258,18 +258,6 @@ TEST_F(ATimeBaseProxyThatKnowsTheTime, DoesNothingWithALateExpiryAfterAStop) {
     EXPECT_TRUE(listener.waitForCalls(2)) << "once for each start";
 }
 
-TEST_F(ATimeBaseProxyThatKnowsTheTime, IsStartedAnewDuringAPeriodicExchange) {
-    std::thread expiry([] { hand_driven_timer::expire(SAMPLING); });
-    request(11);
-    proxy->stop();
-    ASSERT_TRUE(proxy->startSync(support::uniqueId()));
-    expiry.join();
-    answer(11, 70.0);
-    answerAll(12, SAMPLES, 6.0);
-    ASSERT_TRUE(listener.waitForCalls(2));
-    EXPECT_DOUBLE_EQ(proxy->offset(), 6.0);
-}
-
 TEST_F(ATimeBaseProxyThatKnowsTheTime, UsesThePeriodicExchangeUnderWayForAForcedOne) {
     std::thread expiry([] { hand_driven_timer::expire(SAMPLING); });
     request(11);

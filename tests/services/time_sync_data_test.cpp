@@ -91,19 +91,7 @@ std::string errorOf(mqtt::RequestReplyData& data, std::string const& text) {
     return "none";
 }
 
-TEST(ATimeReading, OfNoObjectIsAnError) {
-    for (char const* const text : {"[12.5]", "12.5", "null", "\"client\"", "", "{\"client\": 1"}) {
-        TimeSyncRequestData request(3.0);
-        TimeSyncReplyData reply(3.0, 4.0);
-        EXPECT_EQ(errorOf(request, text), "Cannot get member from a scalar or array") << text;
-        EXPECT_EQ(errorOf(reply, text), "Cannot get member from a scalar or array") << text;
-        EXPECT_EQ(request.client, 3.0);
-        EXPECT_EQ(reply.client, 3.0);
-        EXPECT_EQ(reply.ref, 4.0);
-    }
-}
-
-TEST(ATimeReading, OfAMissingOrOtherMemberIsAnError) {
+TEST(ATimeReading, FailsWithoutNumbersInAnObject) {
     for (char const* const value :
          {"null", "true", "\"12.5\"", "{}", "[]", "[12.5]", "{\"client\": 12.5}"}) {
         auto const client = std::string(R"({"ref": 1, "client": )") + value + "}";
@@ -118,6 +106,8 @@ TEST(ATimeReading, OfAMissingOrOtherMemberIsAnError) {
     }
     TimeSyncRequestData request;
     TimeSyncReplyData reply;
+    EXPECT_EQ(errorOf(request, "[12.5]"), "Cannot get member from a scalar or array");
+    EXPECT_EQ(errorOf(reply, "{\"client\": 1"), "Cannot get member from a scalar or array");
     EXPECT_NE(errorOf(request, "{}"), "none");
     EXPECT_NE(errorOf(request, R"({"ref": 1})"), "none");
     EXPECT_NE(errorOf(reply, R"({"ref": 1})"), "none");
