@@ -114,10 +114,15 @@ public:
     void withdrawTime() { clock_.reset(); }
     std::uint32_t timeBase() const { return clock_->timeBase(); }
 
-    /// Returns when the broker knows all subscriptions that were made.
+    /// Returns when the broker knows all subscriptions that were made. `publishWait` does not do
+    /// while replies are being acknowledged.
     void settle() {
-        EXPECT_EQ(mqtt_->publishWait("settled", "", 1, false, 30),
-                  mqtt::MqttClient::Error::SUCCESS);
+        support::MessageRecorder marker;
+        auto const topic = "settled/" + id.base64URL();
+        EXPECT_EQ(mqtt_->subscribe(topic, &marker, 0), mqtt::MqttClient::Error::SUCCESS);
+        EXPECT_EQ(mqtt_->publish(topic, "x", 2, false), mqtt::MqttClient::Error::SUCCESS);
+        EXPECT_TRUE(marker.waitForCount(1));
+        mqtt_->release(&marker);
     }
     mqtt::MqttClient const& mqtt() const { return *mqtt_; }
 

@@ -3,9 +3,6 @@
 #include "support/allocations.hpp"
 #include "support/flag.hpp"
 
-#include <stdexcept>
-#include <system_error>
-
 namespace {
 
 using mqtt::TopicCleaner;
@@ -75,29 +72,6 @@ TEST_F(ACleaner, EndsRequestsInTheirOrderAndKeepsThoseThatAreNotDue) {
     EXPECT_THAT(topics(Operation::UNSUBSCRIBE), ElementsAre("c", "a", "b"));
     deliver("lasting", "x");
     EXPECT_THAT(topics(Operation::PUBLISH), ElementsAre("lasting"));
-}
-
-TEST_F(ACleaner, GivesEveryRequestANumber) {
-    struct Numbered : TopicCleaner {
-        using TopicCleaner::TopicCleaner;
-        ~Numbered() override { terminate(); }
-        void onMqttMessage(int tag, mqtt::Topic const& /*topic*/,
-                           std::string const& /*payload*/) override {
-            tags.change([&](auto& all) { all.push_back(tag); });
-        }
-        support::Watched<std::vector<int>> tags;
-    };
-    auto own = std::make_unique<Numbered>(nullptr, support::uniqueId(), "host", 1883);
-    auto const& tags = own->tags;
-    standIn = support::StandIn::last();
-    for (auto const* const topic : {"a", "b", "b", "c"}) {
-        own->clean(topic, LONG_DURATION);
-    }
-    for (auto const* const topic : {"c", "b", "a"}) {
-        deliver(topic, "x");
-    }
-    EXPECT_THAT(tags.copy(), ElementsAre(3, 2, 1));
-    cleaner = std::move(own);
 }
 
 TEST_F(ACleaner, ReportsATopicThatCannotBeSubscribed) {
@@ -283,30 +257,6 @@ TEST_F(ACleaner, TakesARequestWhenAllWereDone) {
     EXPECT_THAT(recorder.calls(), ElementsAre("a", ALL, "b", ALL));
 }
 
-TEST_F(ACleaner, EndsAllRequestsAlsoWhenItsListenerThrows) {
-    recorder.setHook([](auto const&) { throw std::runtime_error("from a listener"); });
-    for (auto const* const topic : {"a", "b"}) {
-        cleaner->clean(topic, milliseconds(0));
-    }
-    expire();
-    EXPECT_TRUE(cleaner->waitAllTasks(milliseconds(0)));
-    EXPECT_THAT(recorder.calls(), ElementsAre("a", "b", ALL));
-}
-
-// Without a thread, and without memory
-
-TEST_F(ACleaner, MakesNoRequestWithoutAThread) {
-    hand_driven_timer::onRestart([] {
-        throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again));
-    });
-    EXPECT_THROW(cleaner->clean("a", LONG_DURATION), std::system_error);
-    EXPECT_TRUE(cleaner->waitAllTasks(milliseconds(0)));
-    EXPECT_THAT(topics(Operation::SUBSCRIBE), IsEmpty());
-    hand_driven_timer::reset();
-    cleaner->clean("a", LONG_DURATION);
-    EXPECT_THAT(topics(Operation::SUBSCRIBE), ElementsAre("a"));
-}
-
 class ACleanerWithoutMemory : public ACleaner {
 protected:
     /// Counts without allocating memory.
@@ -323,18 +273,6 @@ protected:
     Counter counter;
     mqtt::Topic const topic = "a/name-of-more-than-fifteen-bytes";
 };
-
-TEST_F(ACleanerWithoutMemory, MakesNoRequest) {
-    auto const failures =
-        support::failEverywhere([&] { cleaner->clean(topic, milliseconds(0)); },
-                                [&](unsigned which) {
-                                    EXPECT_TRUE(cleaner->waitAllTasks(milliseconds(0))) << which;
-                                    expire();
-                                    EXPECT_EQ(counter.topics + counter.all, 0U) << which;
-                                });
-    EXPECT_GE(failures, 5U);
-    EXPECT_FALSE(cleaner->waitAllTasks(milliseconds(0)));
-}
 
 TEST_F(ACleanerWithoutMemory, EndsARequestAtTheNextExpiry) {
     bool lacking = true;

@@ -82,19 +82,6 @@ TEST_F(ADiscoverer, MakesOneRunAfterTheOther) {
     EXPECT_THAT(entities(), ElementsAre(PLACEHOLDER));
 }
 
-TEST_F(ADiscoverer, CleanedDuringARunTimesOut) {
-    retainLinks({"a"});
-    auto run = startRun(1);
-    ASSERT_TRUE(waitForSubscriptions(2));
-    letTheStepEnd();
-    discoverer->cleanSubscriptions();
-    EXPECT_THAT(subscribed(), IsEmpty());
-    answer("a");
-    answerLate("late", 0);
-    EXPECT_FALSE(run.get());
-    EXPECT_THAT(entities(), ElementsAre(PLACEHOLDER));
-}
-
 TEST_F(ADiscoverer, CleanedDuringAnAnswerTimesOut) {
     retainLinks({"a"});
     auto run = startRun(1);

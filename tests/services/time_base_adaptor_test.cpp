@@ -102,7 +102,7 @@ TEST_F(ATimeBaseAdaptor, DoesNotReplyAfterTerminationOrDestruction) {
     adaptor->terminate();
     EXPECT_EQ(adaptor->timeBase(), 1700U) << "its clock goes on";
     adaptor = makeAdaptor();
-    settle(*mqtt);
+    receiveAll();
     adaptor.reset();
     expectNoReply();
 }
@@ -126,7 +126,7 @@ TEST_F(ATimeBaseAdaptor, EndsAfterTheRequestBeingHandled) {
         checkpoint.open();
         destruction.join();
         adaptor = makeAdaptor();
-        settle(*mqtt);
+        receiveAll();
     }
 }
 

@@ -67,21 +67,6 @@ TEST_F(AReplyInFlight, DoesNotCountInTheNextRun) {
     EXPECT_DOUBLE_EQ(proxy->offset(), 7.0);
 }
 
-TEST_F(AReplyInFlight, DoesNotCountInTheNextRunThatWaits) {
-    stopAtTheReply(1);
-    proxy->stop();
-    bool result = false;
-    BlockingThread waiter(
-        [&] { result = proxy->synchronize(support::uniqueId(), LONG_TIMEOUT_S); });
-    ASSERT_TRUE(waiter.isBlocked());
-    letItGo();
-    EXPECT_EQ(proxy->offset(), 0.0);
-    answerAll(2, SAMPLES, 7.0);
-    waiter.join();
-    EXPECT_TRUE(result);
-    EXPECT_DOUBLE_EQ(proxy->offset(), 7.0);
-}
-
 TEST_F(AReplyInFlight, WithAFailureIsNotRepeatedAfterAStop) {
     request(1);
     checkpoint.close();

@@ -77,13 +77,6 @@ TEST_F(InsideTheCallOfATimeListener, AWaitEndsAtOnce) {
     EXPECT_FALSE(proxy->isSynchronized());
 }
 
-TEST_F(InsideTheCallOfATimeListener, TheTimeMayBeForced) {
-    inside([&] { proxy->forceSync(); });
-    answer(11, 100.0);
-    EXPECT_TRUE(support::eventually([&] { return proxy->offset() != 0.0; }));
-    EXPECT_NEAR(proxy->offset(), 3.874204890, 1e-9);
-}
-
 /// Its call lasts until the test ends it.
 class ASlowTimeListener : public TimeBaseOnABroker {
 protected:

@@ -98,21 +98,6 @@ TEST_F(AWaitForTheTime, OnTheWorkerDoesNotWait) {
     expectItCanStart();
 }
 
-TEST_F(AWaitForTheTime, LeavesAProxyAloneThatIsActive) {
-    ASSERT_TRUE(proxy->startSync(server));
-    for (std::uint32_t const timeout : {0U, LONGEST_TIMEOUT_S, UINT32_MAX}) {
-        EXPECT_FALSE(proxy->synchronize(support::uniqueId(), timeout));
-    }
-    answerAll(1, SAMPLES, 5.0);
-    ASSERT_TRUE(listener.waitForCalls());
-    for (std::uint32_t const timeout : {0U, LONGEST_TIMEOUT_S, UINT32_MAX}) {
-        EXPECT_FALSE(proxy->synchronize(server, timeout));
-    }
-    EXPECT_TRUE(proxy->isSynchronized());
-    EXPECT_EQ(proxy->serverUuid(), server);
-    EXPECT_EQ(requestCount(), 10U);
-}
-
 TEST_F(AWaitForTheTime, IsEndedByAStopATerminationAndADestruction) {
     std::vector<std::function<void()>> const ends{[this] { EXPECT_TRUE(proxy->stop()); },
                                                   [this] { proxy->terminate(); },
