@@ -4,7 +4,7 @@
 #include "requestreply/blocking_thread.hpp"
 #include "requestreply/client_fixture.hpp"
 #include "requestreply/rounds.hpp"
-#include "support/flag.hpp"
+#include "support/watched.hpp"
 
 #include <array>
 #include <atomic>

@@ -1,7 +1,7 @@
 #include "requestreply/client_fixture.hpp"
 #include "requestreply/server_fixture.hpp"
-#include "support/flag.hpp"
 #include "support/scripted_server.hpp"
+#include "support/watched.hpp"
 
 #include <chrono>
 #include <stdexcept>

@@ -2,7 +2,7 @@
 
 #include "requestreply/sample_data.hpp"
 #include "requestreply/server_fixture.hpp"
-#include "support/flag.hpp"
+#include "support/watched.hpp"
 
 #include <gmock/gmock.h>
 

@@ -2,8 +2,8 @@
 
 #include "requestreply/rounds.hpp"
 #include "services/binder_fixture.hpp"
-#include "support/flag.hpp"
 #include "support/watchdog.hpp"
+#include "support/watched.hpp"
 
 #include <atomic>
 #include <ostream>

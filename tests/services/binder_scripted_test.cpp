@@ -3,7 +3,7 @@
 
 #include "services/binder_fixture.hpp"
 #include "support/allocations.hpp"
-#include "support/hand_driven_timer.hpp"
+#include "support/manual_timer.hpp"
 #include "support/stand_in/stand_in.hpp"
 
 #include <mosquittopp.h>
@@ -27,8 +27,8 @@ protected:
     using Proxy = mqtt::BinderMqttProxy;
     using Uuid = zym::common::Uuid;
 
-    AScriptedProxy() { hand_driven_timer::reset(); }
-    ~AScriptedProxy() override { hand_driven_timer::reset(); }
+    AScriptedProxy() { manual_timer::reset(); }
+    ~AScriptedProxy() override { manual_timer::reset(); }
 
     std::vector<support::StandIn::Call> requests(std::string const& name) const {
         std::vector<support::StandIn::Call> found;
@@ -67,7 +67,7 @@ protected:
 
     /// Only so many timers can start a thread.
     static void limitThreads(int available = 0) {
-        hand_driven_timer::onRestart([left = std::make_shared<int>(available)] {
+        manual_timer::onRestart([left = std::make_shared<int>(available)] {
             if (--*left < 0) {
                 throw std::system_error(
                     std::make_error_code(std::errc::resource_unavailable_try_again));
@@ -163,7 +163,7 @@ TEST_F(ABindingWithoutAThread, Fails) {
     EXPECT_THAT(recorder.events(), ElementsAre(bound(Error::FAILED)));
     EXPECT_THAT(requests("bind"), IsEmpty());
     expectUnbound();
-    hand_driven_timer::reset();
+    manual_timer::reset();
     bind();
 }
 
@@ -173,7 +173,7 @@ TEST_F(ABindingWithoutAThread, FailsWhenTheTimeCannotBeRead) {
     reply("bind", 1);
     EXPECT_THAT(recorder.events(), ElementsAre(bound(Error::NOT_SYNCHRONIZED)));
     expectUnbound();
-    hand_driven_timer::reset();
+    manual_timer::reset();
     bind();
     EXPECT_TRUE(proxy->isTimeBaseSynchronized());
 }
@@ -186,7 +186,7 @@ TEST_F(ABindingWithoutAThread, CanBeUnboundAfterACallThatCannotReadTheTime) {
     reply("bind", 1);
     caller.join();
     EXPECT_THAT(recorder.events(), IsEmpty());
-    hand_driven_timer::reset();
+    manual_timer::reset();
     ASSERT_EQ(proxy->unbind(LONG_TIMEOUT_S), Error::SUCCESS);
     reply("unbind", 1);
     EXPECT_THAT(recorder.events(), ElementsAre(unbound(Error::SUCCESS)));
@@ -232,13 +232,13 @@ protected:
 };
 
 TEST_F(ABindingWithoutMemory, Fails) {
-    auto const failures = support::failEverywhere([&] { request(); },
-                                                  [&](unsigned which) {
-                                                      SCOPED_TRACE(which);
-                                                      EXPECT_LE(events.failed, which);
-                                                      EXPECT_THAT(requests("bind"), IsEmpty());
-                                                      expectUnbound();
-                                                  });
+    auto const failures = support::failEachAllocation([&] { request(); },
+                                                      [&](unsigned which) {
+                                                          SCOPED_TRACE(which);
+                                                          EXPECT_LE(events.failed, which);
+                                                          EXPECT_THAT(requests("bind"), IsEmpty());
+                                                          expectUnbound();
+                                                      });
     EXPECT_GE(failures, 10U);
     EXPECT_GE(events.failed, failures - 3) << "except before it begins";
 }

@@ -4,10 +4,10 @@
 #include "requestreply/rounds.hpp"
 #include "services/cleaner_recorder.hpp"
 #include "support/broker.hpp"
-#include "support/flag.hpp"
 #include "support/raw_peer.hpp"
 #include "support/scripted_server.hpp"
 #include "support/test_client.hpp"
+#include "support/watched.hpp"
 
 #include <gmock/gmock.h>
 

@@ -41,14 +41,14 @@ TEST_F(TheEndOfACleaner, DropsItsRequestsWithoutCallingTheListener) {
             cleaner.reset();
         } else {
             cleaner->terminate();
-            EXPECT_EQ(hand_driven_timer::record().terminations, 1);
+            EXPECT_EQ(manual_timer::record().terminations, 1);
             expire();
         }
         EXPECT_THAT(topics(Operation::UNSUBSCRIBE), ElementsAre("a", "b"));
         EXPECT_THAT(standIn->calls(Operation::DISCONNECT), SizeIs(1));
         EXPECT_FALSE(standIn->connected());
         EXPECT_THAT(recorder.calls(), IsEmpty());
-        EXPECT_EQ(standIn->gone(), destroys);
+        EXPECT_EQ(standIn->destroyed(), destroys);
     }
 }
 
@@ -60,7 +60,7 @@ TEST_F(TheEndOfACleaner, CannotBeUndone) {
     expire();
     cleaner->terminate();
     EXPECT_THAT(recorder.calls(), IsEmpty());
-    EXPECT_EQ(hand_driven_timer::record().restarts, 0);
+    EXPECT_EQ(manual_timer::record().restarts, 0);
 }
 
 TEST_F(TheEndOfACleaner, EndsAllWaits) {
@@ -104,7 +104,7 @@ TEST_F(TheEndOfACleaner, WaitsForTheMessageBeingHandled) {
     ASSERT_TRUE(end.isBlocked());
     checkpoint.open();
     end.join();
-    EXPECT_TRUE(standIn->gone());
+    EXPECT_TRUE(standIn->destroyed());
 }
 
 // While the broker is away
@@ -169,7 +169,7 @@ TEST_P(TheEndOfACleanerInItsListener, EndsWaitsAndLaterCalls) {
     ASSERT_TRUE(waiter.isBlocked());
     expire();
     waiter.join();
-    EXPECT_EQ(standIn->gone(), GetParam().destroys);
+    EXPECT_EQ(standIn->destroyed(), GetParam().destroys);
     EXPECT_EQ(doomed == nullptr, GetParam().destroys);
     if (doomed) {
         EXPECT_EQ(doomed->calls(), GetParam().calls);

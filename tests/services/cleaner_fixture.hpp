@@ -1,7 +1,7 @@
 #pragma once
 
 #include "services/cleaner_recorder.hpp"
-#include "support/hand_driven_timer.hpp"
+#include "support/manual_timer.hpp"
 #include "support/stand_in/stand_in.hpp"
 #include "support/test_client.hpp"
 
@@ -18,16 +18,16 @@ protected:
     using Operation = support::StandIn::Operation;
     using steady_clock = std::chrono::steady_clock;
 
-    ACleaner() { hand_driven_timer::reset(); }
+    ACleaner() { manual_timer::reset(); }
 
     void replace(Cleaner::Listener* listener) {
         cleaner = std::make_unique<Cleaner>(listener, support::uniqueId(), "host", 1883);
         standIn = support::StandIn::last();
-        hand_driven_timer::reset();
+        manual_timer::reset();
     }
 
     /// Runs the timer's callback, armed or not.
-    static void expire() { hand_driven_timer::expire(); }
+    static void expire() { manual_timer::expire(); }
 
     /// Returns when the message has been handled.
     void deliver(std::string const& topic, std::string const& payload) {

@@ -1,7 +1,7 @@
 #include "requestreply/blocking_thread.hpp"
 #include "services/cleaner_fixture.hpp"
 #include "support/allocations.hpp"
-#include "support/flag.hpp"
+#include "support/watched.hpp"
 
 namespace {
 
@@ -45,14 +45,14 @@ TEST_F(ACleaner, ReportsATopicWithoutMessagesToo) {
     for (auto const duration : {milliseconds(0), milliseconds(-1), milliseconds::min()}) {
         auto const before = recorder.calls().size();
         cleaner->clean("nothing/here", duration);
-        EXPECT_TRUE(hand_driven_timer::record().armed);
+        EXPECT_TRUE(manual_timer::record().armed);
         EXPECT_FALSE(cleaner->waitAllTasks(milliseconds(0)));
         expire();
         EXPECT_TRUE(cleaner->waitAllTasks(milliseconds(0)));
         ASSERT_THAT(recorder.calls(), SizeIs(before + 2));
         EXPECT_EQ(recorder.calls()[before], "nothing/here");
         EXPECT_EQ(recorder.calls().back(), ALL);
-        hand_driven_timer::reset();
+        manual_timer::reset();
     }
     EXPECT_THAT(standIn->calls(Operation::PUBLISH), IsEmpty());
     EXPECT_THAT(topics(Operation::UNSUBSCRIBE),
@@ -134,27 +134,27 @@ TEST_F(ACleaner, TakesANewRequestWhileAnotherOneOfItsTopicEnds) {
 TEST_F(ACleaner, ArmsItsTimerForTheFirstRequest) {
     expire();
     EXPECT_THAT(recorder.calls(), IsEmpty());
-    EXPECT_EQ(hand_driven_timer::record().restarts, 0) << "without a request";
+    EXPECT_EQ(manual_timer::record().restarts, 0) << "without a request";
     cleaner->clean("a", LONG_DURATION);
-    auto const record = hand_driven_timer::record();
+    auto const record = manual_timer::record();
     EXPECT_TRUE(record.armed);
     EXPECT_TRUE(record.once);
     EXPECT_EQ(record.period, TopicCleaner::NO_ACTIVITY_TIME);
     cleaner->clean("b", LONG_DURATION);
-    EXPECT_EQ(hand_driven_timer::record().restarts, 1);
+    EXPECT_EQ(manual_timer::record().restarts, 1);
 }
 
 TEST_F(ACleaner, ArmsItsTimerAgainWhileRequestsRemainAndAfterEveryMessage) {
     cleaner->clean("a", milliseconds(0));
     cleaner->clean("b", LONG_DURATION);
     auto const expectArmed = [](milliseconds period) {
-        auto const record = hand_driven_timer::record();
+        auto const record = manual_timer::record();
         EXPECT_TRUE(record.armed);
         EXPECT_TRUE(record.once);
         EXPECT_EQ(record.period, period);
-        hand_driven_timer::reset();
+        manual_timer::reset();
     };
-    hand_driven_timer::reset();
+    manual_timer::reset();
     expire();
     expectArmed(TopicCleaner::NO_ACTIVITY_TIME);
     for (auto const* const payload : {"x", ""}) {
@@ -164,11 +164,11 @@ TEST_F(ACleaner, ArmsItsTimerAgainWhileRequestsRemainAndAfterEveryMessage) {
     EXPECT_THAT(recorder.calls(), ElementsAre("a"));
     replace(&recorder);
     cleaner->clean("c", milliseconds(0));
-    hand_driven_timer::reset();
+    manual_timer::reset();
     for (int i = 0; i < 3; ++i) {
         expire();
     }
-    EXPECT_EQ(hand_driven_timer::record().restarts, 0) << "when no request remains";
+    EXPECT_EQ(manual_timer::record().restarts, 0) << "when no request remains";
     EXPECT_THAT(recorder.calls(), ElementsAre("a", "c", ALL));
 }
 
@@ -177,7 +177,7 @@ TEST_F(ACleaner, DoesNotCallItsListenerAfterALateMessage) {
     expire();
     // Being dispatched already when the subscription ended.
     standIn->runInLoop([&](auto&) { cleaner->onMqttMessage(1, "a", "late"); });
-    EXPECT_TRUE(hand_driven_timer::record().armed);
+    EXPECT_TRUE(manual_timer::record().armed);
     expire();
     EXPECT_THAT(recorder.calls(), ElementsAre("a", ALL));
     EXPECT_THAT(topics(Operation::PUBLISH), ElementsAre("a"));
@@ -236,7 +236,7 @@ TEST_F(ACleaner, TakesRequestsInsideItsListenersCalls) {
     expire();
     EXPECT_THAT(recorder.calls(), ElementsAre("a", "b", "c"));
     EXPECT_THAT(topics(Operation::SUBSCRIBE), ElementsAre("a", "b", "c", "c"));
-    EXPECT_TRUE(hand_driven_timer::record().armed);
+    EXPECT_TRUE(manual_timer::record().armed);
 }
 
 TEST_F(ACleaner, TakesARequestWhenAllWereDone) {
@@ -251,7 +251,7 @@ TEST_F(ACleaner, TakesARequestWhenAllWereDone) {
     expire();
     EXPECT_THAT(recorder.calls(), ElementsAre("a", ALL));
     EXPECT_FALSE(cleaner->waitAllTasks(milliseconds(0)));
-    EXPECT_TRUE(hand_driven_timer::record().armed);
+    EXPECT_TRUE(manual_timer::record().armed);
     expire();
     waiter.join();
     EXPECT_THAT(recorder.calls(), ElementsAre("a", ALL, "b", ALL));
@@ -283,7 +283,7 @@ TEST_F(ACleanerWithoutMemory, EndsARequestAtTheNextExpiry) {
             expire();
             lacking = failing.happened();
         }
-        EXPECT_TRUE(counter.all == which || hand_driven_timer::record().armed);
+        EXPECT_TRUE(counter.all == which || manual_timer::record().armed);
         expire();
         EXPECT_EQ(counter.topics, which);
         EXPECT_EQ(counter.all, which);

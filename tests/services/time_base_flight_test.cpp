@@ -3,13 +3,13 @@
 
 #include "requestreply/blocking_thread.hpp"
 #include "services/time_base_fixture.hpp"
-#include "support/hand_driven_timer.hpp"
+#include "support/manual_timer.hpp"
 
 #include <thread>
 
 namespace {
 
-using hand_driven_timer::record;
+using manual_timer::record;
 
 class AReplyInFlight : public TimeBaseOnABroker {
 protected:
@@ -90,7 +90,7 @@ class APeriodicReplyInFlight : public TimeBaseOnABroker {
 protected:
     APeriodicReplyInFlight() {
         synchronize(5.0);
-        expiry = std::thread([] { hand_driven_timer::expire(); });
+        expiry = std::thread([] { manual_timer::expire(); });
         request(11);
         checkpoint.close();
         answer(11, 70.0);

@@ -2,7 +2,7 @@
 
 #include "requestreply/blocking_thread.hpp"
 #include "services/time_base_fixture.hpp"
-#include "support/hand_driven_timer.hpp"
+#include "support/manual_timer.hpp"
 
 #include <atomic>
 #include <memory>
@@ -48,7 +48,7 @@ protected:
         synchronize(5.0);
         exchanges = 0;
         beforeTheExchange.close();
-        expiry = std::make_unique<BlockingThread>([] { hand_driven_timer::expire(); });
+        expiry = std::make_unique<BlockingThread>([] { manual_timer::expire(); });
         EXPECT_TRUE(beforeTheExchange.hasStoppedAThread());
         proxy->stop();
     }

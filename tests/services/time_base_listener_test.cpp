@@ -2,8 +2,8 @@
 
 #include "requestreply/blocking_thread.hpp"
 #include "services/time_base_fixture.hpp"
-#include "support/flag.hpp"
-#include "support/hand_driven_timer.hpp"
+#include "support/manual_timer.hpp"
+#include "support/watched.hpp"
 
 #include <atomic>
 #include <utility>
@@ -53,7 +53,7 @@ TEST_F(InsideTheCallOfATimeListener, TheProxyMayBeStoppedAndTerminated) {
         proxy->terminate();
     });
     EXPECT_FALSE(proxy->isSynchronized());
-    EXPECT_FALSE(hand_driven_timer::record().armed);
+    EXPECT_FALSE(manual_timer::record().armed);
     EXPECT_FALSE(proxy->startSync(server));
 }
 

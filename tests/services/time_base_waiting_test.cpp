@@ -3,14 +3,14 @@
 #include "requestreply/blocking_thread.hpp"
 #include "requestreply/rounds.hpp"
 #include "services/time_base_fixture.hpp"
-#include "support/hand_driven_timer.hpp"
+#include "support/manual_timer.hpp"
 
 #include <optional>
 
 namespace {
 
 using conv::SecondsDuration;
-using hand_driven_timer::record;
+using manual_timer::record;
 
 constexpr std::uint32_t LONGEST_TIMEOUT_S = INT32_MAX;
 /// Read as a negative number.
@@ -112,7 +112,7 @@ TEST_F(AWaitForTheTime, IsEndedByAStopATerminationAndADestruction) {
         if (proxy) {
             expectIdle();
         }
-        hand_driven_timer::reset();
+        manual_timer::reset();
         proxy = makeProxy();
     }
 }
