@@ -1,6 +1,7 @@
 #pragma once
 
-#include "requestreply/client_frame.hpp"
+#include "requestreply/client_fixture.hpp"
+#include "services/checkpoint.hpp"
 
 #include <mqtt/time_base.hpp>
 
@@ -9,13 +10,11 @@
 #include <iomanip>
 #include <limits>
 #include <memory>
-#include <optional>
 #include <sstream>
 #include <string>
-#include <thread>
 
-/// A clock of the test's, as part of a derived class. Whoever reads it must be gone when the class
-/// has released its base.
+/// The clock of a derived class, set by the test. No thread may read it after the class has
+/// released its base.
 class DerivedClock {
 public:
     using Read = std::function<double()>;
@@ -26,7 +25,7 @@ public:
         Reading const reading(readers_);
         return read_();
     }
-    void expectNoReader() const { EXPECT_EQ(readers_, 0) << "in a class that is being destroyed"; }
+    void expectNoReader() const { EXPECT_EQ(readers_, 0) << "while its owner is destroyed"; }
 
 private:
     /// Also when the clock throws.
@@ -68,22 +67,22 @@ private:
     DerivedClock clock_;
 };
 
-/// Counts how often it is told. Declare it before the proxy.
+/// A listener that counts its calls. Declare it before the proxy.
 class TimeListener : public ClockedProxy::Listener {
 public:
     using Hook = std::function<void()>;
 
-    /// @param hook called within every call, after it was counted; it outlives the listener
+    /// @param hook called within every call, after that was counted; it may destroy the listener
     explicit TimeListener(Hook hook = {}) : hook_(std::make_shared<Hook>(std::move(hook))) {}
     virtual ~TimeListener() = default;
 
     int count() const { return count_.copy(); }
-    bool isTold(int times = 1) const {
+    bool waitForCalls(int times = 1) const {
         return count_.waitFor([times](int count) { return count >= times; });
     }
 
     void onTimeSynchronized() override {
-        // Who waits for this call may destroy the listener as soon as it was counted.
+        // A thread that waits for this call may destroy the listener once it is counted.
         auto const hook = hook_;
         count_.change([](int& count) { ++count; });
         if (*hook) {
@@ -96,39 +95,6 @@ private:
     std::shared_ptr<Hook> const hook_;
 };
 
-/// Stops the next one who comes by, on another thread than the one that closed it.
-class Gate {
-public:
-    void close() {
-        state_.change([](State& state) { state = {true, false, std::this_thread::get_id()}; });
-    }
-    bool stopsSomebody() const {
-        return state_.waitFor([](State const& state) { return state.visited; });
-    }
-    void open() {
-        state_.change([](State& state) { state.closed = false; });
-    }
-
-    void pass() {
-        bool const stopped = state_.change([](State& state) {
-            bool const first = state.closed && !state.visited;
-            state.visited = state.visited || std::this_thread::get_id() != state.owner;
-            return first && state.visited;
-        });
-        if (stopped) {
-            state_.waitFor([](State const& state) { return !state.closed; });
-        }
-    }
-
-private:
-    struct State {
-        bool closed = false;
-        bool visited = false;
-        std::thread::id owner;
-    };
-    support::Watched<State> state_;
-};
-
 /// The members of a reply.
 inline std::string times(double client, double ref) {
     std::ostringstream text;
@@ -137,7 +103,7 @@ inline std::string times(double client, double ref) {
     return text.str();
 }
 
-/// A proxy below svc/ on a clock that stands still, and a stranger in the server's place.
+/// A proxy below svc/ with a clock that stands still. The test replies in place of a server.
 class TimeBaseOnABroker : public SessionOnABroker {
 protected:
     using Messages = support::RawPeer::Messages;
@@ -148,7 +114,7 @@ protected:
 
     std::unique_ptr<ClockedProxy> makeProxy() {
         return std::make_unique<ClockedProxy>(*mqtt, "svc", id, &listener, [this] {
-            gate.pass();
+            checkpoint.pass();
             return now.load();
         });
     }
@@ -181,10 +147,10 @@ protected:
                      replyText(idIn(question.payload), code, members));
     }
 
-    /// Answers the n-th request so that its sample is this much.
+    /// Replies to the n-th request so that its sample is this one.
     void answer(std::size_t n, double sample) { reply(n, times(now, now - sample)); }
 
-    /// Answers this many, from the n-th on.
+    /// Replies to so many requests, from the n-th on.
     void answerAll(std::size_t n, int count, double sample) {
         for (int i = 0; i < count; ++i) {
             answer(n++, sample);
@@ -195,11 +161,11 @@ protected:
     void synchronize(double sample) {
         ASSERT_TRUE(proxy->startSync(server));
         answerAll(1, SAMPLES, sample);
-        ASSERT_TRUE(listener.isTold());
+        ASSERT_TRUE(listener.waitForCalls());
     }
 
     TimeListener listener;
-    Gate gate; ///< in the proxy's clock
+    Checkpoint checkpoint; ///< in the proxy's clock
     std::atomic<double> now{1000.0};
     Uuid server = support::uniqueId();
     std::unique_ptr<ClockedProxy> proxy;

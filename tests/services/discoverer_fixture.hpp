@@ -18,17 +18,17 @@
 
 using Strings = std::vector<std::string>;
 
-/// Long enough to see that something does not happen; it never makes a right run fail.
-constexpr std::chrono::milliseconds A_WHILE{300};
-/// Longer than a right run ever takes.
-constexpr std::uint32_t LONG_ENOUGH = 30;
-constexpr std::uint32_t WITHOUT_LIMIT = UINT32_MAX;
+/// How long a test watches that something does not happen. A correct run never fails by it.
+constexpr std::chrono::milliseconds OBSERVATION_TIME{300};
+/// Longer than a run that succeeds, in seconds.
+constexpr std::uint32_t SUCCESS_TIMEOUT_S = 30;
+constexpr std::uint32_t NO_TIME_LIMIT = UINT32_MAX;
 
 inline std::string const ENTITIES = "plant/entities";
-inline std::string const UNKNOWN = "ffffffff-ffff-ffff-ffff-ffffffffffff";
+inline std::string const UNKNOWN_UUID = "ffffffff-ffff-ffff-ffff-ffffffffffff";
 
-/// A list of links in words of a stranger.
-/// @param ids as they stand between the quotation marks
+/// The document of a list of links.
+/// @param ids as JSON writes them between the quotation marks
 inline std::string listOf(Strings const& ids) {
     std::string members;
     for (auto const& id : ids) {
@@ -38,7 +38,7 @@ inline std::string listOf(Strings const& ids) {
            + "]}";
 }
 
-/// All ten texts, each of them another one.
+/// The document of an identification with ten different texts.
 inline std::string identificationOf(std::string const& name) {
     std::string members;
     for (auto const* const key : {"uuid", "manufacturer", "model", "serial", "physicalName", "name",
@@ -60,7 +60,8 @@ inline Strings textsOf(std::string const& name) {
             name + " location",     name + " contact"};
 }
 
-inline Strings const PLACEHOLDER{UNKNOWN, "", "", "", "", "", "", "", "", ""};
+/// The texts of an entity that has not answered.
+inline Strings const PLACEHOLDER{UNKNOWN_UUID, "", "", "", "", "", "", "", "", ""};
 
 inline Strings idsOf(std::vector<mqtt::Link> const& links) {
     Strings ids;
@@ -79,10 +80,10 @@ inline std::vector<Strings> textsOf(std::vector<conv::Identification> const& ent
 }
 
 inline bool isUnderWay(std::future<bool> const& run) {
-    return run.wait_for(A_WHILE) == std::future_status::timeout;
+    return run.wait_for(OBSERVATION_TIME) == std::future_status::timeout;
 }
 
-/// A discoverer whose broker holds what the test puts there, and nothing is sent but that.
+/// A discoverer with the stand-in for the broker library, which sends what the test retains.
 class ADiscoverer : public AClientOnAScript {
 protected:
     using Operation = support::StandIn::Operation;
@@ -103,7 +104,7 @@ protected:
     }
     ~ADiscoverer() override { script_->setHook(Operation::SUBSCRIBE, {}); }
 
-    /// What those see who subscribe from now on.
+    /// The message is sent to later subscriptions.
     void retain(std::string const& topic, std::string const& payload) {
         retained_.change([&](auto& all) { all[topic] = payload; });
     }
@@ -112,14 +113,14 @@ protected:
         retain(id + "/identification", identificationOf(id));
     }
 
-    /// Returns when it has been dealt with.
+    /// Returns when the message has been handled.
     void deliver(std::string const& topic, std::string const& payload) {
         script_->deliver(topic, payload);
         letTheStepEnd();
     }
     void answer(std::string const& id) { deliver(id + "/identification", identificationOf(id)); }
 
-    /// An answer that is on its way already, past all subscriptions.
+    /// A message that was being dispatched when its subscription ended.
     void answerLate(std::string const& name, int position) {
         conv::Identification identification;
         identification.name = name;
@@ -133,14 +134,14 @@ protected:
         script_->runInLoop([&](auto&) { discoverer->onMqttData(links, false, 0); });
     }
 
-    std::future<bool> launch(std::uint32_t timeout = LONG_ENOUGH, bool withIdentification = true,
-                             bool waitForChange = false) {
+    std::future<bool> startRun(std::uint32_t timeout = SUCCESS_TIMEOUT_S,
+                               bool withIdentification = true, bool waitForChange = false) {
         return std::async(std::launch::async, [=] {
             return discoverer->launchSync(timeout, withIdentification, waitForChange);
         });
     }
 
-    /// What the broker has to send us.
+    /// The topics subscribed now.
     std::multiset<std::string> subscribed() const {
         std::multiset<std::string> topics;
         for (auto const& call : script_->calls()) {
@@ -153,7 +154,7 @@ protected:
         return topics;
     }
 
-    /// Waits until that many have been made, to the end of the call.
+    /// Waits until that many calls have been made and have returned.
     bool waitForSubscriptions(std::size_t count) const {
         return support::eventually([&] {
             auto const calls = script_->calls(Operation::SUBSCRIBE);

@@ -1,8 +1,8 @@
 #pragma once
 
 #include "requestreply/blocking_thread.hpp"
-#include "requestreply/client_frame.hpp"
-#include "requestreply/server_session.hpp"
+#include "requestreply/client_fixture.hpp"
+#include "requestreply/server_fixture.hpp"
 
 #include <mqtt/binder_proxy.hpp>
 #include <mqtt/time_base.hpp>
@@ -10,7 +10,9 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
+#include <atomic>
 #include <functional>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <thread>
@@ -19,7 +21,7 @@
 
 using BinderError = zym::common::Binder::Error;
 
-/// What a listener was told: "bound" or "unbound", and how that ended.
+/// A call of a listener: "bound" or "unbound", and the result.
 using BindingEvent = std::pair<std::string, BinderError>;
 
 inline BindingEvent bound(BinderError error) {
@@ -30,12 +32,12 @@ inline BindingEvent unbound(BinderError error) {
     return {"unbound", error};
 }
 
-/// Tells the threads of its calls apart, and lets the test do something within them.
+/// A listener that keeps its calls, with a hook.
 class BindingRecorder final : public zym::common::BinderProxy::Listener {
 public:
     using Hook = std::function<void(BindingEvent const&)>;
 
-    /// Called within the calls to come, after they were kept.
+    /// Called within each later call, after that was recorded.
     void setHook(Hook hook) {
         hook_.change([&](Hook& current) { current = std::move(hook); });
     }
@@ -65,33 +67,32 @@ private:
     support::Watched<Hook> hook_;
 };
 
-inline ServerListener::Answer saying(int code) {
+/// An answer with this code and no payload.
+inline ServerListener::Answer replying(int code) {
     return [code](mqtt::RequestReplyData const&, Code& error) -> ServerListener::Data {
         error = static_cast<Code>(code);
         return nullptr;
     };
 }
 
-/// Where proxies ask, and what they want to be bound.
-inline mqtt::Topic const PLANT{"plant/pump"};
-inline mqtt::Topic const DESK{"desk"};
-inline mqtt::Topic const PANEL{"plant/panel"};
+/// The topics of all proxies: of the requests, and the one that is to be bound.
+inline mqtt::Topic const BASE_TOPIC{"plant/pump"};
+inline mqtt::Topic const SUB_PATH{"desk"};
+inline mqtt::Topic const BOUND_TOPIC{"plant/panel"};
 
-/// A server of bindings with an MQTT client of its own. It consents to everything, and offers a
-/// time of its own.
-class BindServer {
+/// A server of bindings with an MQTT client of its own. It grants every request and has a clock.
+class BindingServer {
 public:
     using Uuid = zym::common::Uuid;
 
-    /// @param ahead so many seconds its clock is ahead of this machine's
-    explicit BindServer(support::Broker const& broker, Uuid const& identity = support::uniqueId(),
-                        double ahead = 10000)
+    /// @param ahead seconds that its clock is ahead of this machine's
+    explicit BindingServer(support::Broker const& broker,
+                           Uuid const& identity = support::uniqueId(), double ahead = 10000)
         : id(identity),
           ahead_(ahead),
           mqtt_(support::testClient(broker)),
-          bind_(*mqtt_, PLANT, DESK, "bind"),
-          unbind_(*mqtt_, PLANT, DESK, "unbind") {
-        EXPECT_EQ(mqtt_->subscribe(markTopic(), &marker_, 0), mqtt::MqttClient::Error::SUCCESS);
+          bind_(*mqtt_, BASE_TOPIC, SUB_PATH, "bind"),
+          unbind_(*mqtt_, BASE_TOPIC, SUB_PATH, "unbind") {
         serveBindings();
         serveUnbindings();
         offerTime();
@@ -99,8 +100,8 @@ public:
 
     void serveBindings() { serve(bind_, &bindings, std::make_shared<mqtt::BindRequestData>()); }
     void serveUnbindings() { serve(unbind_, &unbindings, mqtt::NO_DATA); }
-    /// Requests are answered, that nobody is there to ask.
-    void leaveBindingsToNobody() {
+    /// Requests are answered with NO_LISTENER.
+    void serveBindingsWithoutAListener() {
         ignoreBindings();
         serve(bind_, nullptr, mqtt::NO_DATA);
     }
@@ -113,11 +114,15 @@ public:
     void withdrawTime() { clock_.reset(); }
     std::uint32_t timeBase() const { return clock_->timeBase(); }
 
-    /// Returns when the broker knows all subscriptions that were made.
+    /// Returns when the broker knows all subscriptions that were made. `publishWait` does not do
+    /// while replies are being acknowledged.
     void settle() {
-        auto const mark = std::to_string(++marks_);
-        EXPECT_EQ(mqtt_->publish(markTopic(), mark, 2, false), mqtt::MqttClient::Error::SUCCESS);
-        EXPECT_TRUE(marker_.waitForPayload(mark));
+        support::MessageRecorder marker;
+        auto const topic = "settled/" + id.base64URL();
+        EXPECT_EQ(mqtt_->subscribe(topic, &marker, 0), mqtt::MqttClient::Error::SUCCESS);
+        EXPECT_EQ(mqtt_->publish(topic, "x", 2, false), mqtt::MqttClient::Error::SUCCESS);
+        EXPECT_TRUE(marker.waitForCount(1));
+        mqtt_->release(&marker);
     }
     mqtt::MqttClient const& mqtt() const { return *mqtt_; }
 
@@ -129,7 +134,7 @@ private:
     class Clock : public mqtt::SynchronizedTimeBaseMqttAdaptor {
     public:
         Clock(mqtt::MqttClient& client, Uuid const& server, double ahead)
-            : SynchronizedTimeBaseMqttAdaptor(client, PLANT, server), ahead_(ahead) {}
+            : SynchronizedTimeBaseMqttAdaptor(client, BASE_TOPIC, server), ahead_(ahead) {}
         ~Clock() override { release(); }
 
         double localTimeBase() const override {
@@ -147,24 +152,20 @@ private:
         settle();
     }
 
-    std::string markTopic() const { return "settled/" + id.base64URL(); }
-
     double const ahead_;
-    int marks_ = 0;
-    support::MessageRecorder marker_;
     std::unique_ptr<mqtt::MqttClient> mqtt_;
     mqtt::RequestReplyServer bind_;
     mqtt::RequestReplyServer unbind_;
     std::unique_ptr<Clock> clock_;
 };
 
-/// A proxy, a broker, and a stranger who sees all.
-class WithAProxy : public testing::Test {
+/// A proxy, a broker, and a raw peer that receives all messages.
+class ProxyOnABroker : public testing::Test {
 protected:
     using Uuid = zym::common::Uuid;
     using Proxy = mqtt::BinderMqttProxy;
 
-    WithAProxy() {
+    ProxyOnABroker() {
         peer.subscribe("plant/#");
         proxy = makeProxy();
     }
@@ -176,40 +177,34 @@ protected:
     }
 
     std::unique_ptr<Proxy> makeProxy() {
-        return std::make_unique<Proxy>(*mqtt, PLANT, DESK, id, PANEL, &recorder);
+        return std::make_unique<Proxy>(*mqtt, BASE_TOPIC, SUB_PATH, id, BOUND_TOPIC, &recorder);
     }
 
-    static bool isRequest(support::Message const& message, std::string const& name) {
-        return message.topic.find("/" + name + "?\?/") != std::string::npos;
-    }
-
-    /// What the broker has carried of the requests of this name, so far.
-    std::size_t requests(std::string const& name) const {
-        auto const all = peer.messages();
-        return static_cast<std::size_t>(std::count_if(
-            all.begin(), all.end(), [&](auto const& message) { return isRequest(message, name); }));
-    }
-
-    support::Message awaitRequest(std::string const& name, std::size_t count = 1) {
-        support::Message found;
-        EXPECT_TRUE(peer.waitFor([&](auto const& all) {
-            std::size_t seen = 0;
-            for (auto const& message : all) {
-                if (!isRequest(message, name)) {
-                    continue;
-                }
-                found = message;
-                if (++seen == count) {
-                    return true;
-                }
-            }
-            return false;
-        })) << "the request "
-            << count << " of " << name;
+    static support::RawPeer::Messages requestsIn(support::RawPeer::Messages const& all,
+                                                 std::string const& name) {
+        support::RawPeer::Messages found;
+        std::copy_if(all.begin(), all.end(), std::back_inserter(found), [&](auto const& message) {
+            return message.topic.find("/" + name + "?\?/") != std::string::npos;
+        });
         return found;
     }
 
-    /// Waits until everything that our client has sent was carried.
+    /// How many requests of this name the broker has forwarded so far.
+    std::size_t requests(std::string const& name) const {
+        return requestsIn(peer.messages(), name).size();
+    }
+
+    support::Message awaitRequest(std::string const& name, std::size_t count = 1) {
+        support::RawPeer::Messages found;
+        EXPECT_TRUE(peer.waitFor([&](auto const& all) {
+            found = requestsIn(all, name);
+            return found.size() >= count;
+        })) << "the request "
+            << count << " of " << name;
+        return found.size() < count ? support::Message{} : found[count - 1];
+    }
+
+    /// Waits until the peer has everything that our client has sent.
     void settle() {
         auto const mark = "plant/mark/" + std::to_string(++marks_);
         EXPECT_EQ(mqtt->publish(mark, "x", 2, false), mqtt::MqttClient::Error::SUCCESS);
@@ -231,37 +226,37 @@ private:
 };
 
 /// The same with a server.
-class WithAServer : public WithAProxy {
+class ProxyAndServer : public ProxyOnABroker {
 protected:
     void bind() {
         auto const before = recorder.count();
-        ASSERT_EQ(proxy->bindSync(server.id, AN_HOUR), BinderError::SUCCESS);
+        ASSERT_EQ(proxy->bindSync(server.id, LONG_TIMEOUT_S), BinderError::SUCCESS);
         ASSERT_EQ(recorder.count(), before + 1);
     }
 
-    /// Not bound, and free to bind.
-    void expectFree() {
-        EXPECT_EQ(proxy->unbind(AN_HOUR), BinderError::NOT_BOUND);
-        EXPECT_EQ(proxy->unbindSync(AN_HOUR), BinderError::NOT_BOUND);
+    /// Neither bound nor binding.
+    void expectUnbound() {
+        EXPECT_EQ(proxy->unbind(LONG_TIMEOUT_S), BinderError::NOT_BOUND);
+        EXPECT_EQ(proxy->unbindSync(LONG_TIMEOUT_S), BinderError::NOT_BOUND);
         EXPECT_FALSE(proxy->isTimeBaseSynchronized());
     }
 
     void expectBound() {
-        EXPECT_EQ(proxy->bind(server.id, AN_HOUR), BinderError::ALREADY_BOUND);
-        EXPECT_EQ(proxy->bindSync(server.id, AN_HOUR), BinderError::ALREADY_BOUND);
+        EXPECT_EQ(proxy->bind(server.id, LONG_TIMEOUT_S), BinderError::ALREADY_BOUND);
+        EXPECT_EQ(proxy->bindSync(server.id, LONG_TIMEOUT_S), BinderError::ALREADY_BOUND);
         EXPECT_TRUE(proxy->isTimeBaseSynchronized());
     }
 
     /// Whether this is the server's time, as far as a busy machine can tell.
-    static bool isTimeOf(BindServer const& server, std::uint32_t time) {
+    static bool isTimeOf(BindingServer const& server, std::uint32_t time) {
         auto const reference = server.timeBase();
         return time + 120 >= reference && time <= reference + 120;
     }
 
-    BindServer server{broker};
+    BindingServer server{broker};
 };
 
-/// Lets a test into what deriving classes can do.
+/// Makes the operations for derived classes public.
 class DerivedProxy : public mqtt::BinderMqttProxy {
 public:
     using Hook = std::function<void()>;
@@ -269,29 +264,29 @@ public:
     DerivedProxy(mqtt::MqttClient& client, zym::common::Uuid const& self,
                  zym::common::BinderProxy::Listener* listener)
         : zym::common::BinderProxy(self, listener),
-          BinderMqttProxy(client, PLANT, DESK, self, PANEL, listener) {}
+          BinderMqttProxy(client, BASE_TOPIC, SUB_PATH, self, BOUND_TOPIC, listener) {}
     ~DerivedProxy() override { release(); }
 
     using BinderMqttProxy::endBinding;
     using BinderMqttProxy::serverUuid;
 
-    /// Whether to go on as every proxy does.
-    void setConsent(bool consent) { consents_ = consent; }
-    int timesSynchronized() const { return times_.copy(); }
-    bool waitForTimes(int count) const {
-        return times_.waitFor([&](int times) { return times >= count; });
+    /// Whether a known time ends the binding, as in the base class.
+    void setEndsBinding(bool ends) { endsBinding_ = ends; }
+    int synchronizations() const { return synchronizations_.copy(); }
+    bool waitForSynchronizations(int count) const {
+        return synchronizations_.waitFor([&](int times) { return times >= count; });
     }
 
 protected:
     void onTimeSynchronized() override {
-        bool const consents = consents_;
-        times_.change([](int& times) { ++times; });
-        if (consents) {
+        bool const ends = endsBinding_;
+        synchronizations_.change([](int& times) { ++times; });
+        if (ends) {
             BinderMqttProxy::onTimeSynchronized();
         }
     }
 
 private:
-    std::atomic<bool> consents_{true};
-    support::Watched<int> times_;
+    std::atomic<bool> endsBinding_{true};
+    support::Watched<int> synchronizations_;
 };

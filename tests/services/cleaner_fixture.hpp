@@ -10,8 +10,7 @@
 
 #include <memory>
 
-/// A cleaner whose timer expires when the test says so, over a script in place of the broker
-/// library.
+/// A cleaner with the stand-in for the broker library. Its timer expires when the test says so.
 class ACleaner : public testing::Test {
 protected:
     using Cleaner = mqtt::TopicCleaner;
@@ -21,26 +20,25 @@ protected:
 
     ACleaner() { manual_timer::reset(); }
 
-    /// One with this listener, in place of the one there was.
     void replace(Cleaner::Listener* listener) {
         cleaner = std::make_unique<Cleaner>(listener, support::uniqueId(), "host", 1883);
-        script = support::StandIn::last();
+        standIn = support::StandIn::last();
         manual_timer::reset();
     }
 
-    /// The timer's callback runs, whatever was armed.
-    static void look() { manual_timer::expire(); }
+    /// Runs the timer's callback, armed or not.
+    static void expire() { manual_timer::expire(); }
 
-    /// Returns when it has been dealt with.
+    /// Returns when the message has been handled.
     void deliver(std::string const& topic, std::string const& payload) {
-        script->deliver(topic, payload, 0, true);
-        script->runInLoop([](auto&) {});
+        standIn->deliver(topic, payload, 0, true);
+        standIn->runInLoop([](auto&) {});
     }
 
     Strings topics(Operation operation) const {
         Strings topics;
-        for (auto const& call : script->calls(operation)) {
-            // The client's own, to wake its worker.
+        for (auto const& call : standIn->calls(operation)) {
+            // The client publishes below $zym/ to wake its worker.
             if (call.topic.rfind("$zym/", 0) != 0) {
                 topics.push_back(call.topic);
             }
@@ -48,14 +46,14 @@ protected:
         return topics;
     }
 
-    /// Lets the broker answer the unsubscription made last.
+    /// Lets the broker answer the unsubstandInion made last.
     void acknowledgeUnsubscription() {
-        auto const mid = script->calls(Operation::UNSUBSCRIBE).back().mid;
-        script->runInLoop([mid](auto& object) { object.on_unsubscribe(mid); });
+        auto const mid = standIn->calls(Operation::UNSUBSCRIBE).back().mid;
+        standIn->runInLoop([mid](auto& object) { object.on_unsubscribe(mid); });
     }
 
     CleanerRecorder recorder;
     std::unique_ptr<Cleaner> cleaner =
         std::make_unique<Cleaner>(&recorder, support::uniqueId(), "host", 1883);
-    std::shared_ptr<support::StandIn> script = support::StandIn::last();
+    std::shared_ptr<support::StandIn> standIn = support::StandIn::last();
 };
