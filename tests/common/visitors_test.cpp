@@ -22,7 +22,7 @@ using support::Watched;
 /// wait never fails.
 constexpr std::chrono::milliseconds NOTICEABLE_WAIT{100};
 
-/// A visit on a thread of its own, which ends when it is told to.
+/// A visit on a thread of its own, which ends with `leave`.
 class VisitOnAThread {
 public:
     explicit VisitOnAThread(std::shared_ptr<Visitors> const& visitors)
