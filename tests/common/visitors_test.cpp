@@ -1,6 +1,6 @@
-#include "common/visitors.hpp"
+#include "common/active_calls.hpp"
 
-#include "support/flag.hpp"
+#include "support/watched.hpp"
 
 #include <gtest/gtest.h>
 
@@ -13,7 +13,7 @@
 
 namespace {
 
-using mqtt::Visitors;
+using mqtt::ActiveCalls;
 using support::isSet;
 using support::set;
 using support::Watched;
@@ -25,9 +25,9 @@ constexpr std::chrono::milliseconds NOTICEABLE_WAIT{100};
 /// A visit on a thread of its own, which ends with `leave`.
 class VisitOnAThread {
 public:
-    explicit VisitOnAThread(std::shared_ptr<Visitors> const& visitors)
+    explicit VisitOnAThread(std::shared_ptr<ActiveCalls> const& visitors)
         : thread_([this, visitors] {
-              Visitors::Visit const visit(visitors);
+              ActiveCalls::Call const visit(visitors);
               set(inside_);
               leave_.waitFor(isSet);
           }) {
@@ -53,9 +53,9 @@ private:
 /// A wait for the others on a thread of its own, which may be inside too.
 class WaitOnAThread {
 public:
-    explicit WaitOnAThread(std::shared_ptr<Visitors> const& visitors, bool inside = false)
+    explicit WaitOnAThread(std::shared_ptr<ActiveCalls> const& visitors, bool inside = false)
         : thread_([this, visitors, inside] {
-              std::optional<Visitors::Visit> visit;
+              std::optional<ActiveCalls::Call> visit;
               if (inside) {
                   visit.emplace(visitors);
               }
@@ -76,7 +76,7 @@ private:
 
 class TheWaitForVisitors : public testing::Test {
 protected:
-    std::shared_ptr<Visitors> visitors = std::make_shared<Visitors>();
+    std::shared_ptr<ActiveCalls> visitors = std::make_shared<ActiveCalls>();
 };
 
 TEST_F(TheWaitForVisitors, LastsUntilTheLastOneHasLeftForEveryThreadThatWaits) {
@@ -95,15 +95,15 @@ TEST_F(TheWaitForVisitors, LastsUntilTheLastOneHasLeftForEveryThreadThatWaits) {
 }
 
 TEST_F(TheWaitForVisitors, IsNotForTheOwnThreadAndMayBeTheEndOfWhatWasVisited) {
-    Visitors::Visit const outer(visitors);
-    Visitors::Visit const inner(visitors);
+    ActiveCalls::Call const outer(visitors);
+    ActiveCalls::Call const inner(visitors);
     visitors->waitForOthers();
     visitors.reset();
 }
 
 TEST_F(TheWaitForVisitors, CountsEveryVisitOfAThread) {
-    std::optional<Visitors::Visit> inner;
-    auto outer = std::make_unique<Visitors::Visit>(visitors);
+    std::optional<ActiveCalls::Call> inner;
+    auto outer = std::make_unique<ActiveCalls::Call>(visitors);
     inner.emplace(visitors);
     WaitOnAThread const waiting(visitors);
     inner.reset();
@@ -113,16 +113,16 @@ TEST_F(TheWaitForVisitors, CountsEveryVisitOfAThread) {
 }
 
 TEST_F(TheWaitForVisitors, IsOverWhenTheVisitorsLeaveEarly) {
-    auto const outer = std::make_unique<Visitors::Visit>(visitors);
-    auto inner = std::make_unique<Visitors::Visit>(visitors);
+    auto const outer = std::make_unique<ActiveCalls::Call>(visitors);
+    auto inner = std::make_unique<ActiveCalls::Call>(visitors);
     VisitOnAThread other(visitors);
     WaitOnAThread const waiting(visitors);
-    visitors->leave();
+    visitors->endCallsOfThisThread();
     EXPECT_FALSE(waiting.isOver()) << "the other one is still inside";
     other.leave();
     EXPECT_TRUE(waiting.ends());
     // A new visit is waited for again.
-    auto again = std::make_unique<Visitors::Visit>(visitors);
+    auto again = std::make_unique<ActiveCalls::Call>(visitors);
     WaitOnAThread const next(visitors);
     inner.reset();
     EXPECT_FALSE(next.isOver());
@@ -137,7 +137,7 @@ TEST_F(TheWaitForVisitors, EndsAfterAllAccesses) {
         std::vector<std::thread> threads;
         for (int i = 0; i < 4; ++i) {
             threads.emplace_back([&] {
-                Visitors::Visit const visit(visitors);
+                ActiveCalls::Call const visit(visitors);
                 ++inside;
                 ++*value;
             });

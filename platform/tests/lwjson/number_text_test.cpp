@@ -1,6 +1,6 @@
 #include "number_text.hpp"
 
-#include "support/sanitizers.hpp"
+#include "support/timeout_factor.hpp"
 
 #include <gtest/gtest.h>
 
@@ -63,7 +63,7 @@ TEST(ANumberText, IsShortAndReadsBackTheSame) {
 
 TEST(ANumberText, ReadsBackTheSameForAnyBits) {
     std::mt19937_64 bits(1);
-    for (int i = 0; i < 20000 / support::SLOWNESS; ++i) {
+    for (int i = 0; i < 20000 / support::TIMEOUT_FACTOR; ++i) {
         std::uint64_t const pattern = bits();
         double number = 0;
         std::memcpy(&number, &pattern, sizeof(number));
@@ -95,7 +95,7 @@ void expectAsByTheStandardLibraryAround(double number) {
 
 TEST(ANumberText, IsThatOfTheStandardLibraryForNumbersWithFewDecimals) {
     std::mt19937_64 random(3);
-    for (int i = 0; i < 30000 / support::SLOWNESS; ++i) {
+    for (int i = 0; i < 30000 / support::TIMEOUT_FACTOR; ++i) {
         auto const digits = static_cast<double>(random() >> random() % 64U);
         double const power = std::pow(10, static_cast<int>(random() % 20U));
         ASSERT_NO_FATAL_FAILURE(expectAsByTheStandardLibraryAround(digits / power));
@@ -120,7 +120,7 @@ TEST(ANumberText, IsThatOfTheStandardLibraryAtEveryEdge) {
 
 TEST(ANumberText, IsReadAsByTheStandardLibrary) {
     std::mt19937_64 random(4);
-    for (int i = 0; i < 100000 / support::SLOWNESS; ++i) {
+    for (int i = 0; i < 100000 / support::TIMEOUT_FACTOR; ++i) {
         std::string text = std::to_string(random() >> random() % 64U);
         if (random() % 4U != 0) {
             text += '.' + std::to_string(random() >> random() % 64U);
