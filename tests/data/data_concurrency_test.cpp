@@ -10,7 +10,6 @@
 
 #include <gtest/gtest.h>
 
-#include <array>
 #include <atomic>
 #include <memory>
 #include <string>
@@ -56,13 +55,14 @@ public:
 };
 
 template <class Endpoint, class T>
-void makeAndDestroy(Client& client, char const* topic) {
+void makeCopyAndDestroy(Client& client, char const* topic) {
     for (int round = 0; round < ROUNDS; ++round) {
         CountingSubscriber<T> counter;
         {
             Endpoint endpoint(client, topic);
             EXPECT_EQ(endpoint.subscribe(&counter, 1), Error::SUCCESS);
             EXPECT_EQ(endpoint.subscribe(&counter, 2), Error::SUCCESS);
+            Endpoint const copy(endpoint);
             if (round % 4 == 0) {
                 EXPECT_TRUE(support::eventually([&] { return counter.calls > 0; }));
             }
@@ -77,41 +77,17 @@ void makeAndDestroy(Client& client, char const* topic) {
     }
 }
 
-TEST(TypedEndpoints, AreMadeAndDestroyedWhileMessagesArrive) {
+TEST(TypedEndpoints, AreMadeCopiedAndDestroyedWhileMessagesArrive) {
     support::Broker broker;
     auto const client = support::testClient(broker);
     Flood const flood(broker, linksAndLists());
     std::vector<std::thread> threads;
-    threads.emplace_back([&] { makeAndDestroy<MqttData<Link>, Link>(*client, "link"); });
-    threads.emplace_back([&] { makeAndDestroy<MqttData<Link>, Link>(*client, "link"); });
-    threads.emplace_back([&] { makeAndDestroy<Collection, Links>(*client, "links"); });
+    threads.emplace_back([&] { makeCopyAndDestroy<MqttData<Link>, Link>(*client, "link"); });
+    threads.emplace_back([&] { makeCopyAndDestroy<MqttData<Link>, Link>(*client, "link"); });
+    threads.emplace_back([&] { makeCopyAndDestroy<Collection, Links>(*client, "links"); });
     for (auto& thread : threads) {
         thread.join();
     }
-}
-
-template <class Endpoint, class T>
-void copyAndDestroy(Client& client, char const* topic) {
-    CountingSubscriber<T> counter;
-    Endpoint original(client, topic);
-    ASSERT_EQ(original.subscribe(&counter, 1), Error::SUCCESS);
-    for (int round = 0; round < ROUNDS; ++round) {
-        std::array<Endpoint, 2> const copies{original, original};
-        EXPECT_EQ(copies[0].subscriber, &counter);
-        int const before = counter.calls;
-        if (round % 4 == 0) {
-            EXPECT_TRUE(support::eventually([&] { return counter.calls > before; }));
-        }
-    }
-}
-
-TEST(TypedEndpoints, AreCopiedWhileMessagesArrive) {
-    support::Broker broker;
-    auto const client = support::testClient(broker);
-    Flood const flood(broker, linksAndLists());
-    std::thread links([&] { copyAndDestroy<MqttData<Link>, Link>(*client, "link"); });
-    copyAndDestroy<Collection, Links>(*client, "links");
-    links.join();
 }
 
 /// Destroys itself and its own endpoint in its first call.
