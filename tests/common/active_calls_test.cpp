@@ -22,12 +22,12 @@ using support::Watched;
 /// wait never fails.
 constexpr std::chrono::milliseconds NOTICEABLE_WAIT{100};
 
-/// A visit on a thread of its own, which ends with `leave`.
-class VisitOnAThread {
+/// A call on a thread of its own, which ends when it is told to.
+class CallOnAThread {
 public:
-    explicit VisitOnAThread(std::shared_ptr<ActiveCalls> const& visitors)
-        : thread_([this, visitors] {
-              ActiveCalls::Call const visit(visitors);
+    explicit CallOnAThread(std::shared_ptr<ActiveCalls> const& calls)
+        : thread_([this, calls] {
+              ActiveCalls::Call const call(calls);
               set(inside_);
               leave_.waitFor(isSet);
           }) {
@@ -53,9 +53,9 @@ private:
 /// A wait for the others on a thread of its own, which may be inside too.
 class WaitOnAThread {
 public:
-    explicit WaitOnAThread(std::shared_ptr<ActiveCalls> const& visitors, bool inside = false)
-        : thread_([this, visitors, inside] {
-              std::optional<ActiveCalls::Call> visit;
+    explicit WaitOnAThread(std::shared_ptr<ActiveCalls> const& calls, bool inside = false)
+        : thread_([this, calls, inside] {
+              std::optional<ActiveCalls::Call> call;
               if (inside) {
                   call.emplace(calls);
               }
@@ -76,7 +76,7 @@ private:
 
 class TheWaitForActiveCalls : public testing::Test {
 protected:
-    std::shared_ptr<ActiveCalls> visitors = std::make_shared<ActiveCalls>();
+    std::shared_ptr<ActiveCalls> calls = std::make_shared<ActiveCalls>();
 };
 
 TEST_F(TheWaitForActiveCalls, EndsForAllWaitingThreadsWithTheLastCall) {
@@ -94,36 +94,36 @@ TEST_F(TheWaitForActiveCalls, EndsForAllWaitingThreadsWithTheLastCall) {
     EXPECT_TRUE(outside.ends());
 }
 
-TEST_F(TheWaitForVisitors, IsNotForTheOwnThreadAndMayBeTheEndOfWhatWasVisited) {
-    ActiveCalls::Call const outer(visitors);
-    ActiveCalls::Call const inner(visitors);
-    visitors->waitForOthers();
-    visitors.reset();
+TEST_F(TheWaitForActiveCalls, IgnoresItsOwnThreadWhichMayDestroyTheObject) {
+    ActiveCalls::Call const outer(calls);
+    ActiveCalls::Call const inner(calls);
+    calls->waitForOthers();
+    calls.reset();
 }
 
-TEST_F(TheWaitForVisitors, CountsEveryVisitOfAThread) {
+TEST_F(TheWaitForActiveCalls, CountsEachCallOfAThread) {
     std::optional<ActiveCalls::Call> inner;
-    auto outer = std::make_unique<ActiveCalls::Call>(visitors);
-    inner.emplace(visitors);
-    WaitOnAThread const waiting(visitors);
+    auto outer = std::make_unique<ActiveCalls::Call>(calls);
+    inner.emplace(calls);
+    WaitOnAThread const waiting(calls);
     inner.reset();
     EXPECT_FALSE(waiting.isOver());
     outer.reset();
     EXPECT_TRUE(waiting.ends());
 }
 
-TEST_F(TheWaitForVisitors, IsOverWhenTheVisitorsLeaveEarly) {
-    auto const outer = std::make_unique<ActiveCalls::Call>(visitors);
-    auto inner = std::make_unique<ActiveCalls::Call>(visitors);
-    VisitOnAThread other(visitors);
-    WaitOnAThread const waiting(visitors);
-    visitors->endCallsOfThisThread();
+TEST_F(TheWaitForActiveCalls, EndsWhenCallsAreEndedEarly) {
+    auto const outer = std::make_unique<ActiveCalls::Call>(calls);
+    auto inner = std::make_unique<ActiveCalls::Call>(calls);
+    CallOnAThread other(calls);
+    WaitOnAThread const waiting(calls);
+    calls->endCallsOfThisThread();
     EXPECT_FALSE(waiting.isOver()) << "the other one is still inside";
     other.leave();
     EXPECT_TRUE(waiting.ends());
-    // A new visit is waited for again.
-    auto again = std::make_unique<ActiveCalls::Call>(visitors);
-    WaitOnAThread const next(visitors);
+    // A new call is waited for again.
+    auto again = std::make_unique<ActiveCalls::Call>(calls);
+    WaitOnAThread const next(calls);
     inner.reset();
     EXPECT_FALSE(next.isOver());
     again.reset();
@@ -137,7 +137,7 @@ TEST_F(TheWaitForActiveCalls, EndsAfterAllAccesses) {
         std::vector<std::thread> threads;
         for (int i = 0; i < 4; ++i) {
             threads.emplace_back([&] {
-                ActiveCalls::Call const visit(visitors);
+                ActiveCalls::Call const call(calls);
                 ++inside;
                 ++*value;
             });
