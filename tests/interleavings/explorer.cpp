@@ -17,8 +17,8 @@
 #include <cstring>
 #include <exception>
 #include <iomanip>
+#include <iostream>
 #include <map>
-#include <ostream>
 #include <random>
 #include <regex>
 #include <sstream>
@@ -82,29 +82,126 @@ std::string const& placeOf(void* frame) {
     return entry->second;
 }
 
-void print(Event const& event, std::ostream& out) {
-    out << "    " << std::fixed << std::setprecision(6)
-        << static_cast<double>(event.nanoseconds) * 1e-9 << " s, choice " << event.choices
-        << ": thread " << event.thread << ' ' << event.what;
+void print(Event const& event) {
+    std::cout << "    " << std::fixed << std::setprecision(6)
+              << static_cast<double>(event.nanoseconds) * 1e-9 << " s, choice " << event.choices
+              << ": thread " << event.thread << ' ' << event.what;
     if (event.otherThread >= 0) {
-        out << ", " << event.relation << " thread " << event.otherThread;
+        std::cout << ", " << event.relation << " thread " << event.otherThread;
     }
-    out << "\n       ";
+    std::cout << "\n       ";
     for (int i = 0; i < event.stack.count; ++i) {
         auto const& place = placeOf(event.stack.frames[static_cast<std::size_t>(i)]);
-        out << (place.empty() ? "" : " ") << place;
+        std::cout << (place.empty() ? "" : " ") << place;
     }
-    out << '\n';
+    std::cout << '\n';
 }
 
 } // namespace
 
-Runner::Runner(Scenario const& scenario, bool mistaken)
-    : scenario_(scenario), mistaken_(mistaken), record_(sharedRecord()) {}
+Explorer::Explorer(Scenario const& scenario, Options const& options)
+    : scenario_(scenario), options_(options), record_(sharedRecord()) {}
 
-RunResult Runner::run(Plan plan) {
+bool Explorer::explore() {
+    auto const start = Clock::now();
+    bool const failed = searchSystematically() || searchAtRandom();
+    print(start);
+    return failed == options_.mistaken;
+}
+
+bool Explorer::replay(Schedule const& schedule) {
+    Plan plan;
+    plan.schedule = schedule;
+    plan.traced = true;
+    auto const failure = run(plan);
+    std::for_each(record_.events.begin(), record_.events.begin() + record_.eventCount,
+                  [](Event const& event) { interleavings::print(event); });
+    std::cout << scenario_.name << ": " << (failure.empty() ? "passes" : failure) << std::endl;
+    return failure.empty();
+}
+
+bool Explorer::searchSystematically() {
+    ++systematic_;
+    if (fails(Plan())) {
+        return true;
+    }
+    std::vector<Schedule> schedules;
+    for (std::uint32_t choice = 0; choice < record_.choiceCount; ++choice) {
+        for (std::uint8_t way = 1; way < record_.choices[choice].ways; ++way) {
+            schedules.push_back({{choice, way}});
+        }
+    }
+    complete_ = schedules.size() <= options_.schedules / 2;
+    if (!complete_) {
+        std::shuffle(schedules.begin(), schedules.end(), std::mt19937(options_.seed));
+        schedules.resize(options_.schedules / 2);
+    }
+    return std::any_of(schedules.begin(), schedules.end(), [&](Schedule const& schedule) {
+        Plan plan;
+        plan.schedule = schedule;
+        ++systematic_;
+        return fails(plan);
+    });
+}
+
+bool Explorer::searchAtRandom() {
+    auto const end = Clock::now() + options_.seconds;
+    for (; systematic_ + random_ < options_.schedules || Clock::now() < end; ++random_) {
+        Plan plan;
+        plan.seed = options_.seed + static_cast<unsigned>(random_);
+        if (fails(plan)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+bool Explorer::fails(Plan const& plan) {
+    failure_ = run(plan);
+    if (failure_.empty()) {
+        return false;
+    }
+    runsUntilFailure_ = runs_;
+    schedule_ = scheduleOf(record_);
+    deviations_ = schedule_.size();
+    reduce();
+    return true;
+}
+
+/// Leaves out one deviation after the other, from the last one on, as long as the run fails.
+void Explorer::reduce() {
+    for (auto i = schedule_.size(); i > 0; --i) {
+        Plan plan;
+        plan.schedule = schedule_;
+        plan.schedule.erase(plan.schedule.begin() + static_cast<std::ptrdiff_t>(i) - 1);
+        auto const failure = run(plan);
+        // Later deviations may concern choices that the run no longer makes.
+        auto const made = scheduleOf(record_);
+        if (!failure.empty() && made.size() < schedule_.size()) {
+            failure_ = failure;
+            schedule_ = made;
+            i = std::min(i, made.size() + 1);
+        }
+    }
+}
+
+void Explorer::print(Clock::time_point start) const {
+    std::chrono::duration<double> const seconds = Clock::now() - start;
+    std::cout << scenario_.name << ": " << systematic_ << " systematic ("
+              << (complete_ ? "all" : "some") << " with one deviation), " << random_ << " random, "
+              << static_cast<int>(static_cast<double>(runs_) / seconds.count()) << " a second"
+              << std::endl;
+    if (!failure_.empty()) {
+        std::cout << "  FAILS after " << runsUntilFailure_ << " schedules: " << failure_ << "\n  "
+                  << deviations_ << " deviations, of which " << schedule_.size()
+                  << " are needed:\n    interleavings --replay \"" << textOf(schedule_) << "\" "
+                  << scenario_.name << std::endl;
+    }
+}
+
+std::string Explorer::run(Plan plan) {
     plan.explored = scenario_.explored;
-    plan.mistaken = mistaken_;
+    plan.mistaken = options_.mistaken;
     record_.completed = false;
     record_.failure[0] = '\0';
     record_.choiceCount = record_.eventCount = 0;
@@ -119,20 +216,10 @@ RunResult Runner::run(Plan plan) {
     int status = 0;
     while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
     }
-    auto const* const choices = record_.choices.data();
-    return {failureOf(record_, status), {choices, choices + record_.choiceCount}};
+    return failureOf(record_, status);
 }
 
-RunResult Runner::runTraced(Plan plan, std::ostream& out) {
-    plan.traced = true;
-    auto result = run(std::move(plan));
-    for (std::size_t i = 0; i < record_.eventCount; ++i) {
-        print(record_.events[i], out);
-    }
-    return result;
-}
-
-void Runner::runInThisProcess(Plan const& plan) const {
+void Explorer::runInThisProcess(Plan const& plan) const {
     rlimit const noCore{0, 0};
     setrlimit(RLIMIT_CORE, &noCore);
     alarm(MAX_RUN_SECONDS);
@@ -154,81 +241,6 @@ void Runner::runInThisProcess(Plan const& plan) const {
         scheduler.fail((std::string("throws ") + error.what()).c_str());
     }
     scheduler.succeed();
-}
-
-Search::Search(Runner& runner, Budget const& budget) : runner_(runner), budget_(budget) {}
-
-SearchResult Search::run() {
-    if (!searchSystematically()) {
-        searchAtRandom();
-    }
-    return result_;
-}
-
-bool Search::searchSystematically() {
-    ++result_.systematic;
-    if (fails(Plan())) {
-        return true;
-    }
-    std::vector<Schedule> schedules;
-    for (std::uint32_t choice = 0; choice < choices_.size(); ++choice) {
-        for (std::uint8_t way = 1; way < choices_[choice].ways; ++way) {
-            schedules.push_back({{choice, way}});
-        }
-    }
-    result_.complete = schedules.size() <= budget_.schedules / 2;
-    if (!result_.complete) {
-        std::shuffle(schedules.begin(), schedules.end(), std::mt19937(budget_.seed));
-        schedules.resize(budget_.schedules / 2);
-    }
-    return std::any_of(schedules.begin(), schedules.end(), [&](Schedule const& schedule) {
-        Plan plan;
-        plan.schedule = schedule;
-        ++result_.systematic;
-        return fails(plan);
-    });
-}
-
-bool Search::searchAtRandom() {
-    auto const end = Clock::now() + budget_.seconds;
-    for (; result_.systematic + result_.random < budget_.schedules || Clock::now() < end;
-         ++result_.random) {
-        Plan plan;
-        plan.seed = budget_.seed + static_cast<unsigned>(result_.random);
-        if (fails(plan)) {
-            return true;
-        }
-    }
-    return false;
-}
-
-bool Search::fails(Plan const& plan) {
-    auto result = runner_.run(plan);
-    choices_ = std::move(result.choices);
-    if (result.failure.empty()) {
-        return false;
-    }
-    auto const schedule = scheduleOf(choices_);
-    result_.failure = {result.failure, schedule, runner_.runs(), schedule.size()};
-    reduce(*result_.failure);
-    return true;
-}
-
-/// Leaves out one deviation after the other, from the last one on, as long as the run fails.
-void Search::reduce(Failure& failure) {
-    for (auto i = failure.schedule.size(); i > 0; --i) {
-        Plan plan;
-        plan.schedule = failure.schedule;
-        plan.schedule.erase(plan.schedule.begin() + static_cast<std::ptrdiff_t>(i) - 1);
-        auto const result = runner_.run(plan);
-        // Later deviations may concern choices that the run no longer makes.
-        auto const made = scheduleOf(result.choices);
-        if (!result.failure.empty() && made.size() < failure.schedule.size()) {
-            failure.text = result.failure;
-            failure.schedule = made;
-            i = std::min(i, made.size() + 1);
-        }
-    }
 }
 
 } // namespace interleavings

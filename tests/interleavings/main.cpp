@@ -11,122 +11,82 @@
 #include "interleavings/explorer.hpp"
 
 #include <algorithm>
-#include <chrono>
 #include <iostream>
 #include <iterator>
+#include <optional>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 namespace {
 
 using namespace interleavings;
-using Clock = std::chrono::steady_clock;
 
-struct Options {
-    std::vector<std::string> names;
-    Budget budget;
+struct CommandLine {
+    std::vector<Scenario> scenarios;
+    Options options;
     bool list = false;
-    bool mistaken = false;
     std::optional<Schedule> replay;
 };
 
-Options parse(std::vector<std::string> const& words) {
-    Options options;
+Scenario const& scenarioNamed(std::string const& name) {
+    auto const found = std::find_if(scenarios().begin(), scenarios().end(),
+                                    [&](auto const& scenario) { return scenario.name == name; });
+    if (found == scenarios().end()) {
+        throw std::invalid_argument("There is no scenario " + name);
+    }
+    return *found;
+}
+
+CommandLine parse(std::vector<std::string> const& words) {
+    CommandLine line;
     for (auto word = words.begin(); word != words.end(); ++word) {
         auto const number = [&] { return std::stoul(*++word); };
         if (*word == "--list") {
-            options.list = true;
+            line.list = true;
         } else if (*word == "--mistaken") {
-            options.mistaken = true;
+            line.options.mistaken = true;
         } else if (word->rfind("--", 0) != 0) {
-            options.names.push_back(*word);
+            line.scenarios.push_back(scenarioNamed(*word));
         } else if (std::next(word) == words.end()) {
             throw std::invalid_argument("Unknown option, or no value: " + *word);
         } else if (*word == "--schedules") {
-            options.budget.schedules = number();
+            line.options.schedules = number();
         } else if (*word == "--seconds") {
-            options.budget.seconds = std::chrono::seconds(number());
+            line.options.seconds = std::chrono::seconds(number());
         } else if (*word == "--seed") {
-            options.budget.seed = static_cast<unsigned>(number());
+            line.options.seed = static_cast<unsigned>(number());
         } else if (*word == "--replay") {
-            options.replay = scheduleFrom(*++word);
+            line.replay = scheduleFrom(*++word);
         } else {
             throw std::invalid_argument("Unknown option " + *word);
         }
     }
-    return options;
-}
-
-std::vector<Scenario> select(std::vector<std::string> const& names) {
-    std::vector<Scenario> result;
-    for (auto const& name : names) {
-        auto const found = std::find_if(scenarios().begin(), scenarios().end(),
-                                        [&](auto const& one) { return one.name == name; });
-        if (found == scenarios().end()) {
-            throw std::invalid_argument("There is no scenario " + name);
-        }
-        result.push_back(*found);
+    if (line.replay && line.scenarios.size() != 1) {
+        throw std::invalid_argument("--replay needs the name of one scenario");
     }
-    return names.empty() ? scenarios() : result;
+    return line;
 }
 
-int perSecond(std::size_t runs, Clock::time_point start) {
-    return static_cast<int>(static_cast<double>(runs)
-                            / std::chrono::duration<double>(Clock::now() - start).count());
-}
-
-void print(Runner const& runner, SearchResult const& result, Clock::time_point start) {
-    char const* const name = runner.scenario().name;
-    std::cout << name << ": " << result.systematic << " systematic ("
-              << (result.complete ? "all" : "some") << " with one deviation"
-              << "), " << result.random << " random, " << perSecond(runner.runs(), start)
-              << " a second" << std::endl;
-    if (result.failure) {
-        auto const& failure = *result.failure;
-        std::cout << "  FAILS after " << failure.schedules << " schedules: " << failure.text
-                  << "\n  " << failure.deviations << " deviations, of which "
-                  << failure.schedule.size() << " are needed:\n    interleavings"
-                  << " --replay \"" << textOf(failure.schedule) << "\" " << name << std::endl;
-    }
-}
-
-bool replay(Scenario const& scenario, Options const& options) {
-    Runner runner(scenario, options.mistaken);
-    Plan plan;
-    plan.schedule = *options.replay;
-    auto const failure = runner.runTraced(plan, std::cout).failure;
-    std::cout << scenario.name << ": " << (failure.empty() ? "passes" : failure) << std::endl;
-    return failure.empty();
-}
-
-bool exploreAll(Options const& options) {
-    auto const start = Clock::now();
-    auto const selected = select(options.names);
+bool exploreAll(std::vector<Scenario> const& selected, Options const& options) {
     std::size_t runs = 0;
-    int failures = 0;
+    std::size_t unexpected = 0;
     for (auto const& scenario : selected) {
-        auto const begin = Clock::now();
-        Runner runner(scenario, options.mistaken);
-        auto const result = Search(runner, options.budget).run();
-        print(runner, result, begin);
-        runs += runner.runs();
-        failures += result.failure.has_value() != options.mistaken;
+        Explorer explorer(scenario, options);
+        unexpected += explorer.explore() ? 0U : 1U;
+        runs += explorer.runs();
     }
-    std::cout << selected.size() << " scenarios, " << runs << " schedules, "
-              << perSecond(runs, start) << " a second, " << failures
+    std::cout << selected.size() << " scenarios, " << runs << " schedules, " << unexpected
               << (options.mistaken ? " mistakes not found" : " failures") << std::endl;
-    return failures == 0;
+    return unexpected == 0;
 }
 
-bool run(Options const& options) {
-    if (options.replay) {
-        if (options.names.size() != 1) {
-            throw std::invalid_argument("--replay needs the name of one scenario");
-        }
-        return replay(select(options.names)[0], options);
+bool run(CommandLine const& line) {
+    if (line.replay) {
+        return Explorer(line.scenarios[0], line.options).replay(*line.replay);
     }
-    if (!options.list) {
-        return exploreAll(options);
+    if (!line.list) {
+        return exploreAll(line.scenarios.empty() ? scenarios() : line.scenarios, line.options);
     }
     for (auto const& scenario : scenarios()) {
         std::cout << scenario.name << "\n";

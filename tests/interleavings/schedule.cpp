@@ -27,11 +27,11 @@ Schedule scheduleFrom(std::string const& text) {
     return schedule;
 }
 
-Schedule scheduleOf(std::vector<Choice> const& choices) {
+Schedule scheduleOf(RunRecord const& record) {
     Schedule schedule;
-    for (std::size_t i = 0; i < choices.size(); ++i) {
-        if (choices[i].taken != 0) {
-            schedule.push_back({static_cast<std::uint32_t>(i), choices[i].taken});
+    for (std::uint32_t choice = 0; choice < record.choiceCount; ++choice) {
+        if (record.choices[choice].taken != 0) {
+            schedule.push_back({choice, record.choices[choice].taken});
         }
     }
     return schedule;

@@ -27,9 +27,6 @@ using Schedule = std::vector<Deviation>;
 std::string textOf(Schedule const& schedule);
 /// @throws std::invalid_argument
 Schedule scheduleFrom(std::string const& text);
-/// The schedule that repeats a run.
-Schedule scheduleOf(std::vector<Choice> const& choices);
-
 /// The call stack of a thread, innermost function first.
 struct Stack {
     std::array<void*, 20> frames;
@@ -57,5 +54,8 @@ struct RunRecord {
     std::size_t eventCount;
     std::array<Event, 4096> events;
 };
+
+/// The schedule that repeats a run.
+Schedule scheduleOf(RunRecord const& record);
 
 } // namespace interleavings
