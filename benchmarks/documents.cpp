@@ -1,89 +1,60 @@
-#include "documents.hpp"
+// Writing and reading every kind of document, beside RapidJSON alone.
+
+#include "in_process.hpp"
+#include "rapidjson_documents.hpp"
+#include "resources.hpp"
+#include "samples.hpp"
+
+#include <string>
+#include <vector>
 
 namespace bench {
 namespace {
 
-using mqtt::MqttData;
-using mqtt::RequestReply;
-using mqtt::Topic;
-
+/// Both read what we write, into a value that they have read before.
 template <class T>
-std::string textOf(T const& value) {
+void measureDocument(Options const& options, char const* name, T const& sample,
+                     mqtt::Topic const& topic = "bench") {
+    using Data = mqtt::MqttData<T>;
+    double const seconds = options.quick ? 0.005 : 0.1;
     std::string text;
-    MqttData<T>::serialize(Topic(), text, value);
-    return text;
-}
-
-std::string exchangeTopic(std::string const& suffix) {
-    Topic topic(SERVICE_BASE);
-    topic += SERVICE_NAME + suffix;
-    topic += zym::common::Uuid(REQUESTER);
-    return topic.text();
+    Data::serialize(topic, text, sample);
+    T value = sample;
+    int const repetitions = repetitionsOf(options, "documents", name, 9);
+    for (int repetition = 0; repetition < repetitions; ++repetition) {
+        auto const time = [&](char const* figure, char const* library, auto action) {
+            print({"documents", name, figure, "ns", library, "", repetition,
+                   nanosecondsPerCall(action, seconds)});
+        };
+        time("write", "RapidJSON", [&] { return rapid::write(value).GetSize(); });
+        time("write", "ours", [&] {
+            std::string payload;
+            Data::serialize(topic, payload, sample);
+            return payload.size();
+        });
+        time("read", "RapidJSON", [&] {
+            rapid::read(text, value);
+            return text.size();
+        });
+        time("read", "ours", [&] {
+            Data::deserialize(topic, text, false, value);
+            return text.size();
+        });
+    }
 }
 
 } // namespace
 
-conv::CommunicationStatus sampleCommunication() {
-    return {conv::ComState::CONNECTED, conv::UnixTime(1700000000.5)};
-}
-
-conv::Identification sampleIdentification() {
-    return {"123e4567-e89b-12d3-a456-426614174000",
-            "A maker of pumps",
-            "Pump 3000",
-            "0815-4711",
-            "basement/left",
-            "Pump",
-            "device",
-            "1.2.3",
-            "Second basement, behind the door",
-            "Call the porter: \"extension 12\""};
-}
-
-std::string valueTopic(std::string const& topic, Document document) {
-    return topic + (document == Document::COMMUNICATION ? "/communication" : "/identification");
-}
-
-std::string documentText(Document document) {
-    return document == Document::COMMUNICATION ? textOf(sampleCommunication())
-                                               : textOf(sampleIdentification());
-}
-
-Text::Text() : text(64, 'x') {}
-
-void Text::serialize(zym::common::lwjson::Serializer& out) const {
-    out.appendKey("text");
-    out.addValue(text);
-}
-
-void Text::deserialize(zym::common::lwjson::Deserializer& in) {
-    zym::common::lwjson::Deserializer::extractValue(in.getMember("text"), text, "");
-}
-
-RequestReply::Reply sampleReply() {
-    RequestReply::Reply reply;
-    reply.name = SERVICE_NAME;
-    reply.clientUuid = zym::common::Uuid(REQUESTER);
-    reply.data = std::make_shared<Text>();
-    reply.requestId = 123456789;
-    reply.error = RequestReply::ErrorCode::SUCCESS;
-    return reply;
-}
-
-std::string requestTopic() {
-    return exchangeTopic(mqtt::REQUEST_SUFFIX);
-}
-
-std::string replyTopic() {
-    return exchangeTopic(mqtt::REPLY_SUFFIX);
-}
-
-std::string requestText() {
-    return textOf(RequestReply::Request(sampleReply()));
-}
-
-std::string replyText() {
-    return textOf(sampleReply());
+void measureDocuments(Options const& options) {
+    mqtt::Link const link{"site/building/device/4711"};
+    mqtt::RequestReply::Reply const reply = sampleReply();
+    measureDocument(options, "communication", sampleCommunication());
+    measureDocument(options, "identification", sampleIdentification());
+    measureDocument(options, "status", conv::ServiceStatus{1, 3});
+    measureDocument(options, "link", link);
+    measureDocument(options, "10 links", std::vector<mqtt::Link>(10, link));
+    measureDocument(options, "1000 links", std::vector<mqtt::Link>(1000, link));
+    measureDocument(options, "reply", reply, replyTopic());
 }
 
 } // namespace bench

@@ -1,4 +1,4 @@
-#include "support/flag.hpp"
+#include "support/watched.hpp"
 
 #include <zym/common/binder_proxy.hpp>
 

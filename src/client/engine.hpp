@@ -2,8 +2,8 @@
 
 #include "client/dispatch.hpp"
 #include "client/network_turn.hpp"
-#include "client/registrations.hpp"
-#include "client/socket_tuning.hpp"
+#include "client/registry/registrations.hpp"
+#include "client/socket/socket_tuning.hpp"
 #include "mqtt/client.hpp"
 
 #include <atomic>

@@ -1,6 +1,6 @@
 #include "client/broker_library.hpp"
-#include "client/connect_break.hpp"
 #include "client/engine.hpp"
+#include "client/socket/connect_break.hpp"
 #include "mqtt/client.hpp"
 
 #include <csignal>

@@ -8,7 +8,7 @@
 
 #include "client/backoff.hpp"
 #include "client/engine.hpp"
-#include "client/farewell.hpp"
+#include "client/socket/farewell.hpp"
 #include "mqtt/client.hpp"
 
 #include <utility>

@@ -5,7 +5,7 @@
 #include "guide.hpp"
 #include "stage.hpp"
 
-#include "support/sanitizers.hpp"
+#include "support/timeout_factor.hpp"
 
 #include <gmock/gmock.h>
 
@@ -22,7 +22,7 @@ using Lock = mqtt::MqttDataBase::Lock;
 using std::chrono::milliseconds;
 using zym::common::Uuid;
 
-constexpr int ROUNDS = 40 / support::SLOWNESS;
+constexpr int ROUNDS = 40 / support::TIMEOUT_FACTOR;
 /// A wait that others may well make last that long.
 constexpr std::uint32_t SHORT = 1;
 

@@ -1,7 +1,7 @@
 #include "chaos/bindings.hpp"
 
-#include "support/sanitizers.hpp"
 #include "support/test_client.hpp"
+#include "support/timeout_factor.hpp"
 
 namespace chaos {
 
@@ -11,7 +11,7 @@ using zym::common::Uuid;
 using Error = zym::common::Binder::Error;
 
 /// What has not ended by then never will: beyond the time-outs of all that a binding consists of.
-constexpr std::chrono::seconds NEVER{90 * support::SLOWNESS};
+constexpr std::chrono::seconds NEVER{90 * support::TIMEOUT_FACTOR};
 
 } // namespace
 

@@ -5,7 +5,7 @@
 #include "chaos/storm.hpp"
 
 #include "support/eventually.hpp"
-#include "support/sanitizers.hpp"
+#include "support/timeout_factor.hpp"
 #include "support/watchdog.hpp"
 
 #include <gtest/gtest.h>
@@ -94,7 +94,8 @@ protected:
     }
 
     std::uint64_t const seed_ = fromEnvironment("ZYM_CHAOS_SEED", std::random_device()());
-    seconds const length_{fromEnvironment("ZYM_CHAOS_SECONDS", support::SLOWNESS > 1 ? 20 : 60)};
+    seconds const length_{
+        fromEnvironment("ZYM_CHAOS_SECONDS", support::TIMEOUT_FACTOR > 1 ? 20 : 60)};
     Clock::time_point begin_ = Clock::now();
     std::optional<Holdings> firstCalm_;
     std::optional<Holdings> lastCalm_;

@@ -5,7 +5,7 @@
 
 #include "support/eventually.hpp"
 #include "support/raw_peer.hpp"
-#include "support/sanitizers.hpp"
+#include "support/timeout_factor.hpp"
 
 #include <algorithm>
 
@@ -13,7 +13,7 @@ namespace chaos {
 
 namespace {
 
-constexpr std::chrono::seconds NEVER{90 * support::SLOWNESS};
+constexpr std::chrono::seconds NEVER{90 * support::TIMEOUT_FACTOR};
 constexpr char const* ASKED[] = {"chaos/asked/a", "chaos/asked/b"};
 
 } // namespace

@@ -1,14 +1,14 @@
 #include "chaos/discoveries.hpp"
 
 #include "support/raw_peer.hpp"
-#include "support/sanitizers.hpp"
 #include "support/test_client.hpp"
+#include "support/timeout_factor.hpp"
 
 namespace chaos {
 
 namespace {
 
-constexpr std::chrono::seconds NEVER{90 * support::SLOWNESS};
+constexpr std::chrono::seconds NEVER{90 * support::TIMEOUT_FACTOR};
 constexpr char const* LITTER = "chaos/litter";
 
 std::string entity(int i) {

@@ -1,6 +1,6 @@
 #include "chaos/house.hpp"
 
-#include "support/sanitizers.hpp"
+#include "support/timeout_factor.hpp"
 
 #include <features.h>
 #include <malloc.h>

@@ -1,8 +1,8 @@
 #include "chaos/requests.hpp"
 
 #include "support/eventually.hpp"
-#include "support/sanitizers.hpp"
 #include "support/test_client.hpp"
+#include "support/timeout_factor.hpp"
 
 #include <zym/common/lwjson.hpp>
 
@@ -19,7 +19,7 @@ using ErrorCode = mqtt::RequestReply::ErrorCode;
 
 /// A request that has not ended by then never will: far beyond its time-out of one second, which
 /// comes by way of the broker.
-constexpr std::chrono::seconds NEVER{60 * support::SLOWNESS};
+constexpr std::chrono::seconds NEVER{60 * support::TIMEOUT_FACTOR};
 
 constexpr std::size_t REMEMBERED = 200;
 constexpr std::size_t KEPT = 50;

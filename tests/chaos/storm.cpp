@@ -85,8 +85,8 @@ void Storm::wait(int fromMilliseconds, int toMilliseconds) {
                         std::chrono::milliseconds(dice_.between(fromMilliseconds, toMilliseconds)));
 }
 
-CutProxy::Way Storm::anyWay() {
-    return dice_.percent(50) ? CutProxy::Way::TO_SERVER : CutProxy::Way::TO_CLIENT;
+CutProxy::Direction Storm::anyWay() {
+    return dice_.percent(50) ? CutProxy::Direction::TO_SERVER : CutProxy::Direction::TO_CLIENT;
 }
 
 } // namespace chaos

@@ -26,7 +26,7 @@ private:
     void stopBroker();
     void killBroker();
     void wait(int fromMilliseconds, int toMilliseconds);
-    support::CutProxy::Way anyWay();
+    support::CutProxy::Direction anyWay();
 
     Place& place_;
     Dice dice_;

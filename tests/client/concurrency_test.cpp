@@ -5,8 +5,8 @@
 #include "support/broker.hpp"
 #include "support/raw_peer.hpp"
 #include "support/recorder.hpp"
-#include "support/sanitizers.hpp"
 #include "support/test_client.hpp"
+#include "support/timeout_factor.hpp"
 
 #include <gtest/gtest.h>
 
@@ -26,7 +26,7 @@ using Error = mqtt::MqttClient::Error;
 
 std::vector<std::string> const FLOODED_TOPICS{"flood/0", "flood/1", "flood/2", "flood/3"};
 
-constexpr int ROUNDS = 400 / support::SLOWNESS;
+constexpr int ROUNDS = 400 / support::TIMEOUT_FACTOR;
 
 /// What is known of a subscriber, also when it is destroyed.
 struct CallCount {

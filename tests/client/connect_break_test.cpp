@@ -1,9 +1,9 @@
-#include "client/connect_break.hpp"
+#include "client/socket/connect_break.hpp"
 
 #include "support/eventually.hpp"
 #include "support/file_descriptor.hpp"
 #include "support/scripted_server.hpp"
-#include "support/tcp_pair.hpp"
+#include "support/socket.hpp"
 
 #include <gtest/gtest.h>
 
@@ -70,7 +70,7 @@ protected:
                   0);
     }
 
-    ScriptedServer server{ScriptedServer::Mode::DEAF};
+    ScriptedServer server{ScriptedServer::Mode::NOT_ACCEPTING};
 };
 
 TEST_F(AConnect, ThatWaitsForAnAnswerIsBroken) {

@@ -149,12 +149,12 @@ protected:
     void orderACut(bool onTheNextConnectionToo) {
         // A handshake has more than 20 bytes for the server, and 8 for the client.
         if (random(0, 1) == 0) {
-            proxy_.cutCurrentAfter(CutProxy::Way::TO_SERVER, bytes(1, 200));
+            proxy_.cutCurrentAfter(CutProxy::Direction::TO_SERVER, bytes(1, 200));
         } else {
-            proxy_.cutCurrentAfter(CutProxy::Way::TO_CLIENT, bytes(1, 40));
+            proxy_.cutCurrentAfter(CutProxy::Direction::TO_CLIENT, bytes(1, 40));
         }
         if (onTheNextConnectionToo) {
-            proxy_.cutNextAfter(CutProxy::Way::TO_SERVER, bytes(1, 300));
+            proxy_.cutNextAfter(CutProxy::Direction::TO_SERVER, bytes(1, 300));
         }
     }
 

@@ -2,11 +2,11 @@
 
 #include "client/flood.hpp"
 #include "support/broker.hpp"
-#include "support/flag.hpp"
 #include "support/raw_peer.hpp"
 #include "support/recorder.hpp"
 #include "support/scripted_server.hpp"
 #include "support/test_client.hpp"
+#include "support/watched.hpp"
 
 #include <gmock/gmock.h>
 

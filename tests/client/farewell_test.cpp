@@ -1,4 +1,4 @@
-#include "client/farewell.hpp"
+#include "client/socket/farewell.hpp"
 
 #include "support/file_descriptor.hpp"
 

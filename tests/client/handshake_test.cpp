@@ -92,7 +92,7 @@ TEST_F(AHandshake, TakesOneTcpConnectionAndOneConnectPacketEachTime) {
 }
 
 TEST_F(AHandshake, IsTheCallersAloneWhileItWaitsForTcp) {
-    server.setMode(Mode::DEAF);
+    server.setMode(Mode::NOT_ACCEPTING);
     auto connecting =
         std::async(std::launch::async, [&] { return client.connect("", -1, WAIT_SECONDS); });
     ASSERT_TRUE(

@@ -1,4 +1,4 @@
-#include "client/hash_table.hpp"
+#include "client/registry/hash_table.hpp"
 
 #include <gtest/gtest.h>
 

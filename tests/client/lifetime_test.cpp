@@ -3,9 +3,9 @@
 #include "client/scripted_session.hpp"
 
 #include "support/broker.hpp"
-#include "support/flag.hpp"
 #include "support/port_lease.hpp"
 #include "support/raw_peer.hpp"
+#include "support/watched.hpp"
 
 #include <gmock/gmock.h>
 
@@ -162,7 +162,7 @@ TEST_F(TheEndOfAClient, ComesInTimeWhenTheBrokerHasGoneSilent) {
 }
 
 TEST_F(TheEndOfAClient, ComesInTimeDuringAReconnectionToASilentHost) {
-    server.setMode(ScriptedServer::Mode::DEAF);
+    server.setMode(ScriptedServer::Mode::NOT_ACCEPTING);
     server.drop();
     ASSERT_TRUE(support::eventually([&] { return isBeingConnectedTo(server.port()); }));
     expectToBeInTime();

@@ -1,4 +1,4 @@
-#include "client/pattern_index.hpp"
+#include "client/registry/pattern_index.hpp"
 
 #include "client/walked_registry.hpp"
 

@@ -1,8 +1,8 @@
-#include "client/peer_watch.hpp"
+#include "client/socket/peer_watch.hpp"
 
 #include "support/eventually.hpp"
 #include "support/file_descriptor.hpp"
-#include "support/tcp_pair.hpp"
+#include "support/socket.hpp"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,6 @@
 #include "client/scripted_session.hpp"
 
-#include "support/flag.hpp"
+#include "support/watched.hpp"
 
 #include <gmock/gmock.h>
 

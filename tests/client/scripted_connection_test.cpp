@@ -3,7 +3,7 @@
 #include "client/client_on_a_script.hpp"
 
 #include "client/backoff.hpp"
-#include "support/flag.hpp"
+#include "support/watched.hpp"
 
 #include <gmock/gmock.h>
 
@@ -289,15 +289,15 @@ TEST_F(AWorkerOnAScript, BeginsWhenTheLibraryKnowsOfTheThread) {
 }
 
 TEST(AClientThatCannotBeMade, EndsItsWorkerAndSaysWhy) {
-    StandIn::whenMade([](StandIn& script) {
+    StandIn::onConstruction([](StandIn& script) {
         script.setHook(Operation::CONNECT, [](auto const&) -> std::optional<int> {
             throw std::runtime_error("on purpose");
         });
     });
     EXPECT_THROW(mqtt::MqttClient(support::uniqueId(), false, "", "host", 1883, true),
                  std::runtime_error);
-    EXPECT_TRUE(StandIn::last()->gone());
-    StandIn::whenMade({});
+    EXPECT_TRUE(StandIn::last()->destroyed());
+    StandIn::onConstruction({});
 }
 
 } // namespace

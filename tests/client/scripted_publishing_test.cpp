@@ -3,7 +3,7 @@
 
 #include "client/client_on_a_script.hpp"
 
-#include "support/flag.hpp"
+#include "support/watched.hpp"
 
 #include <gmock/gmock.h>
 

@@ -1,8 +1,8 @@
-#include "client/send_pacing.hpp"
+#include "client/socket/send_pacing.hpp"
 
 #include "support/eventually.hpp"
 #include "support/file_descriptor.hpp"
-#include "support/tcp_pair.hpp"
+#include "support/socket.hpp"
 
 #include <gtest/gtest.h>
 

@@ -1,8 +1,8 @@
-#include "client/socket_tuning.hpp"
+#include "client/socket/socket_tuning.hpp"
 
 #include "support/eventually.hpp"
 #include "support/file_descriptor.hpp"
-#include "support/tcp_pair.hpp"
+#include "support/socket.hpp"
 
 #include <gtest/gtest.h>
 

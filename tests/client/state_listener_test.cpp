@@ -1,9 +1,9 @@
 #include "mqtt/client.hpp"
 
 #include "support/broker.hpp"
-#include "support/flag.hpp"
 #include "support/recorder.hpp"
 #include "support/test_client.hpp"
+#include "support/watched.hpp"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

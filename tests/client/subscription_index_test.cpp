@@ -1,10 +1,10 @@
 // The choice of a subscription against the plain walk through the registry, for random
 // registries and topics.
 
-#include "client/subscription_index.hpp"
+#include "client/registry/subscription_index.hpp"
 
 #include "client/walked_registry.hpp"
-#include "support/sanitizers.hpp"
+#include "support/timeout_factor.hpp"
 
 #include <gtest/gtest.h>
 
@@ -141,7 +141,7 @@ INSTANTIATE_TEST_SUITE_P(Long, ARandomRegistry, testing::Range(2U, 9U));
 
 TEST_P(ARandomRegistry, IsSearchedAsIfItWereWalkedThrough) {
     unsigned const changes =
-        (GetParam() == 1 ? 50000U : 200000U) / (support::SLOWNESS * support::SLOWNESS);
+        (GetParam() == 1 ? 50000U : 200000U) / (support::TIMEOUT_FACTOR * support::TIMEOUT_FACTOR);
     constexpr unsigned TOPICS = 6;
     unsigned patternsFound = 0;
     for (unsigned i = 0; i < changes && !HasFailure(); ++i) {

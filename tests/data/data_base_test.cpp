@@ -2,7 +2,7 @@
 
 #include "data/an_endpoint.hpp"
 
-#include "support/flag.hpp"
+#include "support/watched.hpp"
 
 #include <gmock/gmock.h>
 

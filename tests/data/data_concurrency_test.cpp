@@ -3,8 +3,8 @@
 
 #include "client/flood.hpp"
 #include "support/broker.hpp"
-#include "support/sanitizers.hpp"
 #include "support/test_client.hpp"
+#include "support/timeout_factor.hpp"
 
 #include <mqtt/link.hpp>
 
@@ -25,7 +25,7 @@ using Collection = mqtt::MqttDataCollection<Link>;
 using Error = mqtt::MqttClient::Error;
 using Links = std::vector<Link>;
 
-constexpr int ROUNDS = 200 / support::SLOWNESS;
+constexpr int ROUNDS = 200 / support::TIMEOUT_FACTOR;
 
 /// Links on "link" and collections on "links", among them a malformed and an empty payload.
 std::vector<Flood::Post> linksAndLists() {

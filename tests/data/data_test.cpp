@@ -2,7 +2,7 @@
 
 #include "data/a_typed_endpoint.hpp"
 
-#include "support/flag.hpp"
+#include "support/watched.hpp"
 
 #include <mqtt/payloads.hpp>
 

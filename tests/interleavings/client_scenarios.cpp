@@ -212,8 +212,8 @@ SCENARIO(TheEndOfAClientMeetsItsCallbacks, DEADLINES) {
     {
         Scene::Exploration const here;
         publishSome(broker);
-        StandIn::of(MqttClient::clientId(ME))->loseConnection();
-        StandIn::of(MqttClient::clientId(OTHER))->loseConnection();
+        StandIn::withClientId(MqttClient::clientId(ME))->loseConnection();
+        StandIn::withClientId(MqttClient::clientId(OTHER))->loseConnection();
         if (scene.mistaken()) {
             subscriber.ear.close();
         }

@@ -24,11 +24,11 @@ bool matches(std::string const& pattern, std::string const& topic) {
 } // namespace
 
 SmallBroker::SmallBroker() {
-    StandIn::whenMade([this](StandIn& client) { attend(client); });
+    StandIn::onConstruction([this](StandIn& client) { attend(client); });
 }
 
 SmallBroker::~SmallBroker() {
-    StandIn::whenMade(nullptr);
+    StandIn::onConstruction(nullptr);
 }
 
 void SmallBroker::attend(StandIn& client) {

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "support/flag.hpp"
+#include "support/watched.hpp"
 
 #include <gtest/gtest.h>
 

@@ -3,7 +3,7 @@
 
 #include "services/binder_frame.hpp"
 #include "support/allocations.hpp"
-#include "support/hand_driven_timer.hpp"
+#include "support/manual_timer.hpp"
 #include "support/stand_in/stand_in.hpp"
 
 #include <mosquittopp.h>
@@ -28,8 +28,8 @@ protected:
     using Proxy = mqtt::BinderMqttProxy;
     using Uuid = zym::common::Uuid;
 
-    AProxyOnAScript() { hand_driven_timer::reset(); }
-    ~AProxyOnAScript() override { hand_driven_timer::reset(); }
+    AProxyOnAScript() { manual_timer::reset(); }
+    ~AProxyOnAScript() override { manual_timer::reset(); }
 
     std::vector<support::StandIn::Call> requests(std::string const& name) const {
         std::vector<support::StandIn::Call> found;
@@ -66,7 +66,7 @@ protected:
 
     /// None for a timer, after so many.
     static void haveNoThread(int available = 0) {
-        hand_driven_timer::onRestart([left = std::make_shared<int>(available)] {
+        manual_timer::onRestart([left = std::make_shared<int>(available)] {
             if (--*left < 0) {
                 throw std::system_error(
                     std::make_error_code(std::errc::resource_unavailable_try_again));
@@ -91,7 +91,7 @@ TEST_F(ABindingWithoutAThread, Fails) {
     EXPECT_THAT(recorder.events(), ElementsAre(bound(Error::FAILED)));
     EXPECT_THAT(requests("bind"), IsEmpty());
     expectFree();
-    hand_driven_timer::reset();
+    manual_timer::reset();
     bind();
 }
 
@@ -101,19 +101,20 @@ TEST_F(ABindingWithoutAThread, FailsWhenTheTimeCannotBeRead) {
     answer("bind", 1);
     EXPECT_THAT(recorder.events(), ElementsAre(bound(Error::NOT_SYNCHRONIZED)));
     expectFree();
-    hand_driven_timer::reset();
+    manual_timer::reset();
     bind();
     EXPECT_TRUE(proxy->isTimeBaseSynchronized());
 }
 
 TEST_F(ABindingWithoutAThread, IsLeftToBeUnboundByACallThatCannotReadTheTime) {
     haveNoThread();
-    Sleeper caller([&] { EXPECT_EQ(proxy->bindSync(server, AN_HOUR), Error::NOT_SYNCHRONIZED); });
+    BlockingThread caller(
+        [&] { EXPECT_EQ(proxy->bindSync(server, AN_HOUR), Error::NOT_SYNCHRONIZED); });
     ASSERT_TRUE(support::eventually([&] { return !requests("bind").empty(); }));
     answer("bind", 1);
     caller.join();
     EXPECT_THAT(recorder.events(), IsEmpty());
-    hand_driven_timer::reset();
+    manual_timer::reset();
     ASSERT_EQ(proxy->unbind(AN_HOUR), Error::SUCCESS);
     answer("unbind", 1);
     EXPECT_THAT(recorder.events(), ElementsAre(unbound(Error::SUCCESS)));
@@ -127,7 +128,7 @@ TEST_F(ABindingWithoutAThread, StaysWhenItCannotBeUnbound) {
     EXPECT_EQ(recorder.events().back(), unbound(Error::FAILED));
     EXPECT_THAT(requests("unbind"), IsEmpty());
     EXPECT_EQ(proxy->bind(server, AN_HOUR), Error::ALREADY_BOUND);
-    hand_driven_timer::reset();
+    manual_timer::reset();
     ASSERT_EQ(proxy->unbind(AN_HOUR), Error::SUCCESS);
     answer("unbind", 1);
     expectFree();
@@ -174,13 +175,13 @@ protected:
 };
 
 TEST_F(ABindingWithoutMemory, Fails) {
-    auto const failures = support::failEverywhere([&] { request(); },
-                                                  [&](unsigned which) {
-                                                      SCOPED_TRACE(which);
-                                                      EXPECT_LE(events.failed, which);
-                                                      EXPECT_THAT(requests("bind"), IsEmpty());
-                                                      expectFree();
-                                                  });
+    auto const failures = support::failEachAllocation([&] { request(); },
+                                                      [&](unsigned which) {
+                                                          SCOPED_TRACE(which);
+                                                          EXPECT_LE(events.failed, which);
+                                                          EXPECT_THAT(requests("bind"), IsEmpty());
+                                                          expectFree();
+                                                      });
     EXPECT_GE(failures, 10U);
     EXPECT_GE(events.failed, failures - 3) << "but for what comes before it begins";
 }
@@ -234,11 +235,11 @@ TEST_F(ABindingInterrupted, IsCalledOffOrHasNotBegun) {
     for (std::size_t which = 1; interrupted; ++which) {
         SCOPED_TRACE(which);
         Error result = Error::FAILED;
-        std::unique_ptr<Sleeper> other;
+        std::unique_ptr<BlockingThread> other;
         {
             InterruptedAllocation const allocation(which, [&] {
-                other = std::make_unique<Sleeper>([&] { result = proxy->unbindSync(0); });
-                EXPECT_TRUE(other->comesToRest());
+                other = std::make_unique<BlockingThread>([&] { result = proxy->unbindSync(0); });
+                EXPECT_TRUE(other->isBlockedOrReturns());
             });
             ASSERT_EQ(proxy->bind(server, AN_HOUR), Error::SUCCESS);
             interrupted = allocation.happened();

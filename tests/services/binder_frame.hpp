@@ -1,8 +1,8 @@
 #pragma once
 
+#include "requestreply/blocking_thread.hpp"
 #include "requestreply/client_frame.hpp"
 #include "requestreply/server_session.hpp"
-#include "requestreply/sleeper.hpp"
 
 #include <mqtt/binder_proxy.hpp>
 #include <mqtt/time_base.hpp>

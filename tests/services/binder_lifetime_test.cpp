@@ -2,8 +2,8 @@
 
 #include "services/binder_frame.hpp"
 
-#include "support/flag.hpp"
-#include "support/sanitizers.hpp"
+#include "support/timeout_factor.hpp"
+#include "support/watched.hpp"
 
 namespace {
 
@@ -14,7 +14,7 @@ using testing::IsEmpty;
 
 using Error = BinderError;
 
-constexpr int ROUNDS = 200 / support::SLOWNESS;
+constexpr int ROUNDS = 200 / support::TIMEOUT_FACTOR;
 
 class ATerminatedProxy : public WithAServer {};
 
@@ -63,9 +63,9 @@ class ABlockingCall : public WithAServer {
 protected:
     /// @param name of the request after which nothing more is to come
     void block(std::string const& name, std::function<void()> call) {
-        caller = std::make_unique<Sleeper>(std::move(call));
+        caller = std::make_unique<BlockingThread>(std::move(call));
         awaitRequest(name);
-        ASSERT_TRUE(caller->fallsAsleep());
+        ASSERT_TRUE(caller->isBlocked());
     }
 
     void blockInBinding() {
@@ -92,7 +92,7 @@ protected:
     }
 
     Error result = Error::FAILED;
-    std::unique_ptr<Sleeper> caller;
+    std::unique_ptr<BlockingThread> caller;
 };
 
 TEST_F(ABlockingCall, EndsWhenTheProxyIsTerminatedBeforeTheServerHasAnswered) {
@@ -145,7 +145,7 @@ TEST_F(ABlockingCall, InsideAListenersCallIsEndedByATermination) {
     });
     block("bind", [this] { EXPECT_EQ(proxy->bindSync(server.id, 0), Error::TIMEOUT); });
     ASSERT_TRUE(inside.waitFor(isSet));
-    ASSERT_TRUE(caller->fallsAsleep());
+    ASSERT_TRUE(caller->isBlocked());
     proxy->terminate();
     caller->join();
     EXPECT_EQ(recorder.events().size(), 1U) << "what is terminated tells nobody";
@@ -169,8 +169,8 @@ protected:
         auto* const asked = proxy.get();
         ASSERT_EQ(asked->bind(server.id, AN_HOUR), Error::SUCCESS);
         ASSERT_TRUE(told.waitFor(isSet));
-        caller = std::make_unique<Sleeper>([&] { result = asked->unbindSync(timeout); });
-        ASSERT_TRUE(caller->fallsAsleep());
+        caller = std::make_unique<BlockingThread>([&] { result = asked->unbindSync(timeout); });
+        ASSERT_TRUE(caller->isBlocked());
         set(destroy);
         caller->join();
         EXPECT_EQ(result, Error::SUCCESS);
@@ -199,10 +199,10 @@ TEST_F(AWorkerThatDestroysAProxy, LetsEverybodyGoWhoWaits) {
     auto* const asked = proxy.get();
     ASSERT_EQ(asked->bind(server.id, AN_HOUR), Error::SUCCESS);
     ASSERT_TRUE(told.waitFor(isSet));
-    caller = std::make_unique<Sleeper>([&] { result = asked->unbindSync(AN_HOUR); });
-    ASSERT_TRUE(caller->fallsAsleep());
-    Sleeper terminating([&] { asked->terminate(); });
-    ASSERT_TRUE(terminating.fallsAsleep());
+    caller = std::make_unique<BlockingThread>([&] { result = asked->unbindSync(AN_HOUR); });
+    ASSERT_TRUE(caller->isBlocked());
+    BlockingThread terminating([&] { asked->terminate(); });
+    ASSERT_TRUE(terminating.isBlocked());
     set(destroy);
     caller->join();
     terminating.join();
@@ -303,9 +303,9 @@ TEST_F(AListenerThatDestroysItsProxy, DoesSoInACallThatAnotherThreadCallsOff) {
     server.ignoreBindings();
     server.ignoreUnbindings();
     Error result = Error::SUCCESS;
-    Sleeper caller([&] { result = asked->bindSync(server.id, AN_HOUR); });
+    BlockingThread caller([&] { result = asked->bindSync(server.id, AN_HOUR); });
     awaitRequest("bind");
-    ASSERT_TRUE(caller.fallsAsleep());
+    ASSERT_TRUE(caller.isBlocked());
     // The proxy may be gone before that is sent: the thread called off is in the listener.
     EXPECT_THAT(asked->unbindSync(AN_HOUR), AnyOf(Error::SUCCESS, Error::CANCELLED));
     caller.join();
@@ -318,8 +318,8 @@ TEST_F(AListenerThatDestroysItsProxy, DoesSoInACallThatAnotherThreadCallsOffWith
     server.ignoreUnbindings();
     for (int round = 0; round < ROUNDS / 4; ++round) {
         Error result = Error::SUCCESS;
-        Sleeper caller([&] { result = asked->bindSync(server.id, AN_HOUR); });
-        ASSERT_TRUE(caller.fallsAsleep());
+        BlockingThread caller([&] { result = asked->bindSync(server.id, AN_HOUR); });
+        ASSERT_TRUE(caller.isBlocked());
         EXPECT_THAT(asked->unbind(AN_HOUR), AnyOf(Error::SUCCESS, Error::CANCELLED));
         caller.join();
         EXPECT_EQ(result, Error::CANCELLED);

@@ -3,9 +3,9 @@
 
 #include "services/binder_frame.hpp"
 
-#include "support/flag.hpp"
-#include "support/sanitizers.hpp"
+#include "support/timeout_factor.hpp"
 #include "support/watchdog.hpp"
+#include "support/watched.hpp"
 
 #include <atomic>
 
@@ -16,7 +16,7 @@ using testing::AnyOf;
 
 using Error = BinderError;
 
-constexpr int ROUNDS = 200 / support::SLOWNESS;
+constexpr int ROUNDS = 200 / support::TIMEOUT_FACTOR;
 
 class TheEndOfAProxy : public WithAServer {
 protected:
@@ -24,8 +24,9 @@ protected:
 
     /// From before the request arrives to after the binding is there.
     static void spend(int round) {
-        auto const moment = std::chrono::steady_clock::now()
-                            + std::chrono::microseconds(40 * (round * support::SLOWNESS % 150));
+        auto const moment =
+            std::chrono::steady_clock::now()
+            + std::chrono::microseconds(40 * (round * support::TIMEOUT_FACTOR % 150));
         while (std::chrono::steady_clock::now() < moment) {
             std::this_thread::yield();
         }
@@ -53,17 +54,17 @@ protected:
 TEST_F(TheEndOfAProxy, WaitsForItsListener) {
     support::Watched<bool> entered;
     std::atomic<bool> left{false};
-    Sleeper* ender = nullptr;
+    BlockingThread* ender = nullptr;
     support::Watched<bool> ready;
     recorder.setHook([&](auto const&) {
         set(entered);
         ready.waitFor(isSet);
-        EXPECT_TRUE(ender->fallsAsleep());
+        EXPECT_TRUE(ender->isBlocked());
         left = true;
     });
     ASSERT_EQ(proxy->bind(server.id, AN_HOUR), Error::SUCCESS);
     ASSERT_TRUE(entered.waitFor(isSet));
-    Sleeper destruction([&] {
+    BlockingThread destruction([&] {
         proxy.reset();
         EXPECT_TRUE(left);
     });
@@ -83,11 +84,11 @@ TEST_F(TheEndOfAProxy, WaitsForAnUnbindingThatTellsItsListener) {
         });
         auto* const asked = proxy.get();
         ASSERT_EQ(asked->bind(server.id, AN_HOUR), Error::SUCCESS);
-        Sleeper unbinding(
+        BlockingThread unbinding(
             [&] { EXPECT_THAT(asked->unbind(AN_HOUR), AnyOf(Error::SUCCESS, Error::CANCELLED)); });
         ASSERT_TRUE(entered.waitFor(isSet));
-        Sleeper destruction([&] { proxy.reset(); });
-        ASSERT_TRUE(destruction.fallsAsleep());
+        BlockingThread destruction([&] { proxy.reset(); });
+        ASSERT_TRUE(destruction.isBlocked());
         set(leave);
         destruction.join();
         unbinding.join();

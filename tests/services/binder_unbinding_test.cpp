@@ -1,6 +1,6 @@
 #include "services/binder_frame.hpp"
 
-#include "support/sanitizers.hpp"
+#include "support/timeout_factor.hpp"
 #include "support/watchdog.hpp"
 
 namespace {
@@ -121,10 +121,10 @@ TEST_F(AnUnbinding, IsOverWhenItIsCancelled) {
 TEST_F(AnUnbinding, IsOverWhenItIsCancelledWhileACallWaits) {
     server.ignoreUnbindings();
     bind();
-    Sleeper caller(
+    BlockingThread caller(
         [&] { EXPECT_EQ(proxy->unbindSync(conv::SecondsDuration::NO_TIMEOUT), Error::SUCCESS); });
     awaitRequest("unbind");
-    ASSERT_TRUE(caller.fallsAsleep());
+    ASSERT_TRUE(caller.isBlocked());
     proxy->cancelUnbinding();
     caller.join();
     EXPECT_EQ(recorder.events().back(), unbound(Error::SUCCESS));
@@ -260,8 +260,8 @@ TEST_F(ABindingCalledOff, LetsItsListenerCancelTheUnbindingToo) {
 class AWaitForABinding : public WithAServer {
 protected:
     void startWaiting() {
-        waiting =
-            std::make_unique<Sleeper>([this] { result = proxy->bindSync(server.id, AN_HOUR); });
+        waiting = std::make_unique<BlockingThread>(
+            [this] { result = proxy->bindSync(server.id, AN_HOUR); });
     }
 
     void expectBindableAgain() {
@@ -273,14 +273,14 @@ protected:
     }
 
     Error result = Error::SUCCESS;
-    std::unique_ptr<Sleeper> waiting;
+    std::unique_ptr<BlockingThread> waiting;
 };
 
 TEST_F(AWaitForABinding, IsCancelledByAnUnbinding) {
     server.ignoreBindings();
     startWaiting();
     awaitRequest("bind");
-    ASSERT_TRUE(waiting->fallsAsleep());
+    ASSERT_TRUE(waiting->isBlocked());
     EXPECT_EQ(proxy->unbind(AN_HOUR), Error::SUCCESS);
     waiting->join();
     EXPECT_EQ(result, Error::CANCELLED);
@@ -296,7 +296,7 @@ TEST_F(AWaitForABinding, IsCancelledByAnUnbindingThatWaits) {
     server.ignoreBindings();
     startWaiting();
     awaitRequest("bind");
-    ASSERT_TRUE(waiting->fallsAsleep());
+    ASSERT_TRUE(waiting->isBlocked());
     EXPECT_EQ(proxy->unbindSync(AN_HOUR), Error::SUCCESS);
     waiting->join();
     EXPECT_EQ(result, Error::CANCELLED);
@@ -333,7 +333,7 @@ TEST_F(AWaitForABinding, GoesOnWhenTheServerDoesNotUnbind) {
 /// From before the server knows to after the binding is there.
 class BindingAndUnbindingAtAnyMoment : public WithAServer {
 protected:
-    static constexpr int ROUNDS = 200 / support::SLOWNESS;
+    static constexpr int ROUNDS = 200 / support::TIMEOUT_FACTOR;
 
     BindingAndUnbindingAtAnyMoment() { support::Watchdog::limit(std::chrono::seconds(240)); }
 
@@ -349,7 +349,7 @@ protected:
 TEST_F(BindingAndUnbindingAtAnyMoment, LeavesTheProxyFree) {
     for (int round = 0; round < ROUNDS; ++round) {
         ASSERT_EQ(proxy->bind(server.id, AN_HOUR), Error::SUCCESS);
-        spend(round * support::SLOWNESS);
+        spend(round * support::TIMEOUT_FACTOR);
         ASSERT_EQ(proxy->unbindSync(AN_HOUR), Error::SUCCESS);
         expectFree();
     }
@@ -361,7 +361,7 @@ TEST_F(BindingAndUnbindingAtAnyMoment, EndsEachWithItsListenerTold) {
     for (int round = 0; round < ROUNDS; ++round) {
         auto const before = recorder.count();
         ASSERT_EQ(proxy->bind(server.id, AN_HOUR), Error::SUCCESS);
-        spend(round * support::SLOWNESS);
+        spend(round * support::TIMEOUT_FACTOR);
         ASSERT_EQ(proxy->unbind(AN_HOUR), Error::SUCCESS);
         ASSERT_TRUE(support::eventually([&] {
             return recorder.count() > before && recorder.events().back().first == "unbound";
@@ -375,7 +375,7 @@ TEST_F(BindingAndUnbindingAtAnyMoment, IsNoDangerForTheNextBinding) {
     BindServer other(broker, support::uniqueId(), 1000000);
     for (int round = 0; round < ROUNDS / 4; ++round) {
         ASSERT_EQ(proxy->bind(server.id, AN_HOUR), Error::SUCCESS);
-        spend(round * 4 * support::SLOWNESS);
+        spend(round * 4 * support::TIMEOUT_FACTOR);
         // Nobody waits for the server: its reply to the binding may be under way.
         ASSERT_EQ(proxy->unbindSync(0), Error::SUCCESS);
         ASSERT_EQ(proxy->bindSync(other.id, AN_HOUR), Error::SUCCESS) << "in round " << round;

@@ -1,4 +1,4 @@
-#include "requestreply/sleeper.hpp"
+#include "requestreply/blocking_thread.hpp"
 #include "services/cleaner_recorder.hpp"
 #include "support/broker.hpp"
 #include "support/raw_peer.hpp"
@@ -188,8 +188,8 @@ protected:
 };
 
 TEST_F(CleaningOnASlowBroker, EndedWhileARequestEndsSaysNothingMore) {
-    Sleeper end([&] { cleaner->terminate(); });
-    ASSERT_TRUE(end.fallsAsleep());
+    BlockingThread end([&] { cleaner->terminate(); });
+    ASSERT_TRUE(end.isBlocked());
     server.release();
     end.join();
     EXPECT_THAT(recorder.told(), IsEmpty());

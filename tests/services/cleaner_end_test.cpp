@@ -1,9 +1,9 @@
 // Cleaners that are ended while something is going on.
 
-#include "requestreply/sleeper.hpp"
+#include "requestreply/blocking_thread.hpp"
 #include "services/barrier.hpp"
 #include "services/cleaner_on_a_script.hpp"
-#include "support/sanitizers.hpp"
+#include "support/timeout_factor.hpp"
 
 #include <atomic>
 #include <optional>
@@ -24,12 +24,12 @@ TEST_F(TheEndOfACleaner, DropsRequestsWithoutAWord) {
     EXPECT_THAT(topics(Operation::UNSUBSCRIBE), ElementsAre("a", "b"));
     EXPECT_THAT(script->calls(Operation::DISCONNECT), SizeIs(1));
     EXPECT_FALSE(script->connected());
-    EXPECT_EQ(hand_driven_timer::record().terminations, 1);
+    EXPECT_EQ(manual_timer::record().terminations, 1);
     look();
     EXPECT_THAT(recorder.told(), IsEmpty());
-    EXPECT_FALSE(script->gone());
+    EXPECT_FALSE(script->destroyed());
     cleaner.reset();
-    EXPECT_TRUE(script->gone());
+    EXPECT_TRUE(script->destroyed());
 }
 
 TEST_F(TheEndOfACleaner, ComesWithTheDestructorToo) {
@@ -48,17 +48,17 @@ TEST_F(TheEndOfACleaner, IsForGood) {
     look();
     cleaner->terminate();
     EXPECT_THAT(recorder.told(), IsEmpty());
-    EXPECT_EQ(hand_driven_timer::record().restarts, 0);
+    EXPECT_EQ(manual_timer::record().restarts, 0);
 }
 
 TEST_F(TheEndOfACleaner, LetsThoseGoWhoWait) {
     cleaner->clean("a", AN_HOUR);
     bool ended = false;
     bool endedToo = false;
-    Sleeper one([&] { ended = cleaner->waitAllTasks(milliseconds::max()); });
-    Sleeper other([&] { endedToo = cleaner->waitAllTasks(AN_HOUR); });
-    ASSERT_TRUE(one.fallsAsleep());
-    ASSERT_TRUE(other.fallsAsleep());
+    BlockingThread one([&] { ended = cleaner->waitAllTasks(milliseconds::max()); });
+    BlockingThread other([&] { endedToo = cleaner->waitAllTasks(AN_HOUR); });
+    ASSERT_TRUE(one.isBlocked());
+    ASSERT_TRUE(other.isBlocked());
     cleaner->terminate();
     one.join();
     other.join();
@@ -70,11 +70,11 @@ TEST_F(TheEndOfACleaner, LetsThoseGoWhoWaitBeforeItIsDestroyed) {
     for (int i = 0; i < 20; ++i) {
         cleaner->clean("a", AN_HOUR);
         std::atomic<bool> left{false};
-        Sleeper waiter([&, which = cleaner.get()] {
+        BlockingThread waiter([&, which = cleaner.get()] {
             EXPECT_TRUE(which->waitAllTasks(AN_HOUR));
             left = true;
         });
-        ASSERT_TRUE(waiter.fallsAsleep());
+        ASSERT_TRUE(waiter.isBlocked());
         cleaner.reset();
         waiter.join();
         EXPECT_TRUE(left);
@@ -83,16 +83,16 @@ TEST_F(TheEndOfACleaner, LetsThoseGoWhoWaitBeforeItIsDestroyed) {
 }
 
 TEST_F(TheEndOfACleaner, WaitsForRequestsBeingMade) {
-    for (int i = 0; i < 40 / support::SLOWNESS; ++i) {
+    for (int i = 0; i < 40 / support::TIMEOUT_FACTOR; ++i) {
         Barrier barrier;
         script->setHook(Operation::SUBSCRIBE, [&](auto const&) { return barrier.pass(); });
         auto* const which = cleaner.get();
-        Sleeper one([=] { which->clean("a", AN_HOUR); });
+        BlockingThread one([=] { which->clean("a", AN_HOUR); });
         ASSERT_TRUE(barrier.waitForVisitor());
-        Sleeper another([=] { which->clean("b", AN_HOUR); });
-        ASSERT_TRUE(another.fallsAsleep());
-        Sleeper end([&] { cleaner.reset(); });
-        ASSERT_TRUE(end.fallsAsleep());
+        BlockingThread another([=] { which->clean("b", AN_HOUR); });
+        ASSERT_TRUE(another.isBlocked());
+        BlockingThread end([&] { cleaner.reset(); });
+        ASSERT_TRUE(end.isBlocked());
         barrier.open();
         one.join();
         another.join();
@@ -112,14 +112,14 @@ TEST_F(TheEndOfACleaner, WaitsForTheMessageBeingHandled) {
     });
     script->deliver("a", "x");
     ASSERT_TRUE(barrier.waitForVisitor());
-    Sleeper end([&] {
+    BlockingThread end([&] {
         cleaner.reset();
         EXPECT_TRUE(left);
     });
-    ASSERT_TRUE(end.fallsAsleep());
+    ASSERT_TRUE(end.isBlocked());
     barrier.open();
     end.join();
-    EXPECT_TRUE(script->gone());
+    EXPECT_TRUE(script->destroyed());
 }
 
 // While the broker is away
@@ -182,11 +182,11 @@ TEST_F(TheEndOfACleaner, ComesByDestroyingItWhenATopicIsDone) {
     recorder.setHook([&](auto const&) { cleaner.reset(); });
     cleaner->clean("a", milliseconds(0));
     cleaner->clean("b", milliseconds(0));
-    Sleeper waiter([which = cleaner.get()] { EXPECT_TRUE(which->waitAllTasks(AN_HOUR)); });
-    ASSERT_TRUE(waiter.fallsAsleep());
+    BlockingThread waiter([which = cleaner.get()] { EXPECT_TRUE(which->waitAllTasks(AN_HOUR)); });
+    ASSERT_TRUE(waiter.isBlocked());
     look();
     EXPECT_THAT(recorder.told(), ElementsAre("a"));
-    EXPECT_TRUE(script->gone());
+    EXPECT_TRUE(script->destroyed());
 }
 
 TEST_F(TheEndOfACleaner, ComesByDestroyingItWhenAllIsDone) {
@@ -196,11 +196,11 @@ TEST_F(TheEndOfACleaner, ComesByDestroyingItWhenAllIsDone) {
         }
     });
     cleaner->clean("a", milliseconds(0));
-    Sleeper waiter([which = cleaner.get()] { EXPECT_TRUE(which->waitAllTasks(AN_HOUR)); });
-    ASSERT_TRUE(waiter.fallsAsleep());
+    BlockingThread waiter([which = cleaner.get()] { EXPECT_TRUE(which->waitAllTasks(AN_HOUR)); });
+    ASSERT_TRUE(waiter.isBlocked());
     look();
     EXPECT_THAT(recorder.told(), ElementsAre("a", ALL));
-    EXPECT_TRUE(script->gone());
+    EXPECT_TRUE(script->destroyed());
 }
 
 TEST_F(TheEndOfACleaner, MayTakeItsListenerAlong) {

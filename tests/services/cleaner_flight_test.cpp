@@ -2,11 +2,11 @@
 // sanitizers do: they are worth most in such a build.
 
 #include "client/flood.hpp"
-#include "requestreply/sleeper.hpp"
+#include "requestreply/blocking_thread.hpp"
 #include "services/cleaner_recorder.hpp"
-#include "support/flag.hpp"
-#include "support/sanitizers.hpp"
 #include "support/test_client.hpp"
+#include "support/timeout_factor.hpp"
+#include "support/watched.hpp"
 
 #include <gmock/gmock.h>
 
@@ -19,7 +19,7 @@ using std::chrono::milliseconds;
 using support::isSet;
 using testing::Each;
 
-constexpr int ROUNDS = 40 / support::SLOWNESS;
+constexpr int ROUNDS = 40 / support::TIMEOUT_FACTOR;
 
 class CleanersInAFlood : public testing::Test {
 protected:
@@ -83,12 +83,12 @@ TEST_F(CleanersInAFlood, AreDestroyedByTheirListenersWhileOthersTerminateThem) {
     for (int round = 0; round < ROUNDS / 4; ++round) {
         support::Watched<bool> gone;
         CleanerRecorder recorder;
-        std::unique_ptr<Sleeper> terminating;
+        std::unique_ptr<BlockingThread> terminating;
         std::unique_ptr<TopicCleaner> cleaner = makeCleaner(&recorder);
         auto* const which = cleaner.get();
         recorder.setHook([&](auto const& /*what*/) {
-            terminating = std::make_unique<Sleeper>([=] { which->terminate(); });
-            EXPECT_TRUE(terminating->fallsAsleep());
+            terminating = std::make_unique<BlockingThread>([=] { which->terminate(); });
+            EXPECT_TRUE(terminating->isBlocked());
             cleaner.reset();
             set(gone);
         });

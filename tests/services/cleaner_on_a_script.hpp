@@ -1,7 +1,7 @@
 #pragma once
 
 #include "services/cleaner_recorder.hpp"
-#include "support/hand_driven_timer.hpp"
+#include "support/manual_timer.hpp"
 #include "support/stand_in/stand_in.hpp"
 #include "support/test_client.hpp"
 
@@ -19,17 +19,17 @@ protected:
     using Operation = support::StandIn::Operation;
     using steady_clock = std::chrono::steady_clock;
 
-    ACleaner() { hand_driven_timer::reset(); }
+    ACleaner() { manual_timer::reset(); }
 
     /// One with this listener, in place of the one there was.
     void replace(Cleaner::Listener* listener) {
         cleaner = std::make_unique<Cleaner>(listener, support::uniqueId(), "host", 1883);
         script = support::StandIn::last();
-        hand_driven_timer::reset();
+        manual_timer::reset();
     }
 
     /// The timer's callback runs, whatever was armed.
-    static void look() { hand_driven_timer::expire(); }
+    static void look() { manual_timer::expire(); }
 
     /// Returns when it has been dealt with.
     void deliver(std::string const& topic, std::string const& payload) {

@@ -1,7 +1,7 @@
-#include "requestreply/sleeper.hpp"
+#include "requestreply/blocking_thread.hpp"
 #include "services/cleaner_on_a_script.hpp"
 #include "support/allocations.hpp"
-#include "support/flag.hpp"
+#include "support/watched.hpp"
 
 #include <stdexcept>
 #include <system_error>
@@ -56,12 +56,12 @@ TEST_F(ACleaner, ErasesEveryMessageOnItsOwnTopic) {
 TEST_F(ACleaner, ReportsATopicWithoutMessagesToo) {
     for (std::size_t round = 1; round <= 3; ++round) {
         cleaner->clean("nothing/here", milliseconds(0));
-        EXPECT_TRUE(hand_driven_timer::record().armed);
+        EXPECT_TRUE(manual_timer::record().armed);
         look();
         EXPECT_THAT(recorder.told(), SizeIs(2 * round));
         EXPECT_EQ(recorder.told()[2 * round - 2], "nothing/here");
         EXPECT_EQ(recorder.told().back(), ALL);
-        hand_driven_timer::reset();
+        manual_timer::reset();
     }
     EXPECT_THAT(script->calls(Operation::PUBLISH), IsEmpty());
     EXPECT_THAT(topics(Operation::UNSUBSCRIBE),
@@ -91,7 +91,7 @@ TEST_F(ACleaner, KeepsRequestsThatAreNotDue) {
 TEST_F(ACleaner, EndsRequestsWithoutTimeWhenItLooks) {
     for (auto const duration : {milliseconds(0), milliseconds(-1), milliseconds::min()}) {
         cleaner->clean("a", duration);
-        EXPECT_EQ(hand_driven_timer::record().period, TopicCleaner::NO_ACTIVITY_TIME);
+        EXPECT_EQ(manual_timer::record().period, TopicCleaner::NO_ACTIVITY_TIME);
         EXPECT_FALSE(cleaner->waitAllTasks(milliseconds(0)));
         look();
         EXPECT_TRUE(cleaner->waitAllTasks(milliseconds(0)));
@@ -194,7 +194,7 @@ TEST_F(ACleaner, CleansATopicAgainOnceItsRequestHasEnded) {
 TEST_F(ACleaner, TakesANewRequestWhileAnotherOneOfItsTopicEnds) {
     script->setAcknowledging(false);
     cleaner->clean("a", milliseconds(0));
-    Sleeper timer([] { look(); });
+    BlockingThread timer([] { look(); });
     ASSERT_TRUE(script->waitForCalls(Operation::UNSUBSCRIBE, 1));
     cleaner->clean("a", AN_HOUR);
     acknowledgeUnsubscription();
@@ -209,28 +209,28 @@ TEST_F(ACleaner, TakesANewRequestWhileAnotherOneOfItsTopicEnds) {
 // The timer
 
 TEST_F(ACleaner, IsIdleWithoutARequest) {
-    EXPECT_EQ(hand_driven_timer::record().restarts, 0);
+    EXPECT_EQ(manual_timer::record().restarts, 0);
     look();
     look();
     EXPECT_THAT(recorder.told(), IsEmpty());
-    EXPECT_EQ(hand_driven_timer::record().restarts, 0);
+    EXPECT_EQ(manual_timer::record().restarts, 0);
 }
 
 TEST_F(ACleaner, ArmsItsTimerForTheFirstRequest) {
     cleaner->clean("a", AN_HOUR);
-    auto const record = hand_driven_timer::record();
+    auto const record = manual_timer::record();
     EXPECT_TRUE(record.armed);
     EXPECT_TRUE(record.once);
     EXPECT_EQ(record.period, TopicCleaner::NO_ACTIVITY_TIME);
     cleaner->clean("b", AN_HOUR);
-    EXPECT_EQ(hand_driven_timer::record().restarts, 1);
+    EXPECT_EQ(manual_timer::record().restarts, 1);
 }
 
 TEST_F(ACleaner, LooksAgainAsLongAsRequestsAreLeft) {
     cleaner->clean("a", AN_HOUR);
-    hand_driven_timer::reset();
+    manual_timer::reset();
     look();
-    auto const record = hand_driven_timer::record();
+    auto const record = manual_timer::record();
     EXPECT_TRUE(record.armed);
     EXPECT_TRUE(record.once);
     EXPECT_EQ(record.period, TopicCleaner::NO_ACTIVITY_TIME);
@@ -238,17 +238,17 @@ TEST_F(ACleaner, LooksAgainAsLongAsRequestsAreLeft) {
 
 TEST_F(ACleaner, LooksNoMoreWhenNoneIsLeft) {
     cleaner->clean("a", milliseconds(0));
-    hand_driven_timer::reset();
+    manual_timer::reset();
     look();
-    EXPECT_EQ(hand_driven_timer::record().restarts, 0);
+    EXPECT_EQ(manual_timer::record().restarts, 0);
 }
 
 TEST_F(ACleaner, LooksPromptlyAfterEveryMessage) {
     cleaner->clean("a", AN_HOUR);
     for (auto const* const payload : {"x", ""}) {
-        hand_driven_timer::reset();
+        manual_timer::reset();
         deliver("a", payload);
-        auto const record = hand_driven_timer::record();
+        auto const record = manual_timer::record();
         EXPECT_TRUE(record.armed);
         EXPECT_TRUE(record.once);
         EXPECT_EQ(record.period, milliseconds(0));
@@ -275,7 +275,7 @@ TEST_F(ACleaner, SaysNothingAfterALateMessage) {
     look();
     // Dispatched already when the subscription ended.
     script->runInLoop([&](auto&) { cleaner->onMqttMessage(1, "a", "late"); });
-    EXPECT_TRUE(hand_driven_timer::record().armed);
+    EXPECT_TRUE(manual_timer::record().armed);
     look();
     EXPECT_THAT(recorder.told(), ElementsAre("a", ALL));
     EXPECT_THAT(topics(Operation::PUBLISH), ElementsAre("a"));
@@ -302,10 +302,10 @@ TEST_F(ACleaner, LetsAllWaitersGoWhenTheLastRequestHasEnded) {
     cleaner->clean("a", milliseconds(0));
     bool ended = false;
     bool endedToo = false;
-    Sleeper one([&] { ended = cleaner->waitAllTasks(milliseconds::max()); });
-    Sleeper other([&] { endedToo = cleaner->waitAllTasks(AN_HOUR); });
-    ASSERT_TRUE(one.fallsAsleep());
-    ASSERT_TRUE(other.fallsAsleep());
+    BlockingThread one([&] { ended = cleaner->waitAllTasks(milliseconds::max()); });
+    BlockingThread other([&] { endedToo = cleaner->waitAllTasks(AN_HOUR); });
+    ASSERT_TRUE(one.isBlocked());
+    ASSERT_TRUE(other.isBlocked());
     look();
     one.join();
     other.join();
@@ -315,11 +315,11 @@ TEST_F(ACleaner, LetsAllWaitersGoWhenTheLastRequestHasEnded) {
 TEST_F(ACleaner, TellsItsListenerBeforeThoseWhoWait) {
     support::Watched<bool> returned;
     cleaner->clean("a", milliseconds(0));
-    Sleeper waiter([&] {
+    BlockingThread waiter([&] {
         EXPECT_TRUE(cleaner->waitAllTasks(AN_HOUR));
         set(returned);
     });
-    ASSERT_TRUE(waiter.fallsAsleep());
+    ASSERT_TRUE(waiter.isBlocked());
     recorder.setHook([&](auto const&) {
         EXPECT_FALSE(returned.waitFor(isSet, A_WHILE));
         EXPECT_FALSE(cleaner->waitAllTasks(milliseconds(0))) << "not told of all yet";
@@ -347,7 +347,7 @@ TEST_F(ACleaner, MayBeAskedForTheSameTopicWhenItIsDone) {
     look();
     EXPECT_THAT(recorder.told(), ElementsAre("a"));
     EXPECT_THAT(topics(Operation::SUBSCRIBE), ElementsAre("a", "a"));
-    EXPECT_TRUE(hand_driven_timer::record().armed);
+    EXPECT_TRUE(manual_timer::record().armed);
 }
 
 TEST_F(ACleaner, MayBeAskedForMoreWhenAllIsDone) {
@@ -357,12 +357,12 @@ TEST_F(ACleaner, MayBeAskedForMoreWhenAllIsDone) {
         }
     });
     cleaner->clean("a", milliseconds(0));
-    Sleeper waiter([&] { EXPECT_TRUE(cleaner->waitAllTasks(AN_HOUR)); });
-    ASSERT_TRUE(waiter.fallsAsleep());
+    BlockingThread waiter([&] { EXPECT_TRUE(cleaner->waitAllTasks(AN_HOUR)); });
+    ASSERT_TRUE(waiter.isBlocked());
     look();
     EXPECT_THAT(recorder.told(), ElementsAre("a", ALL));
     EXPECT_FALSE(cleaner->waitAllTasks(milliseconds(0)));
-    EXPECT_TRUE(hand_driven_timer::record().armed);
+    EXPECT_TRUE(manual_timer::record().armed);
     look();
     waiter.join();
     EXPECT_THAT(recorder.told(), ElementsAre("a", ALL, "b", ALL));
@@ -373,8 +373,8 @@ TEST_F(ACleaner, EndsAllRequestsAlsoWhenItsListenerThrows) {
     for (auto const* const topic : {"a", "b"}) {
         cleaner->clean(topic, milliseconds(0));
     }
-    Sleeper waiter([&] { EXPECT_TRUE(cleaner->waitAllTasks(AN_HOUR)); });
-    ASSERT_TRUE(waiter.fallsAsleep());
+    BlockingThread waiter([&] { EXPECT_TRUE(cleaner->waitAllTasks(AN_HOUR)); });
+    ASSERT_TRUE(waiter.isBlocked());
     look();
     waiter.join();
     EXPECT_THAT(recorder.told(), ElementsAre("a", "b", ALL));
@@ -405,13 +405,13 @@ TEST_F(ACleaner, IsUsedByOthersWhileItsListenerIsCalled) {
 // Without what it needs
 
 TEST_F(ACleaner, MakesNoRequestWithoutAThread) {
-    hand_driven_timer::onRestart([] {
+    manual_timer::onRestart([] {
         throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again));
     });
     EXPECT_THROW(cleaner->clean("a", AN_HOUR), std::system_error);
     EXPECT_TRUE(cleaner->waitAllTasks(milliseconds(0)));
     EXPECT_THAT(topics(Operation::SUBSCRIBE), IsEmpty());
-    hand_driven_timer::reset();
+    manual_timer::reset();
     cleaner->clean("a", AN_HOUR);
     EXPECT_THAT(topics(Operation::SUBSCRIBE), ElementsAre("a"));
 }
@@ -435,12 +435,13 @@ protected:
 
 TEST_F(ACleanerWithoutMemory, MakesNoRequest) {
     auto const failures =
-        support::failEverywhere([&] { cleaner->clean(topic, milliseconds(0)); },
-                                [&](unsigned which) {
-                                    EXPECT_TRUE(cleaner->waitAllTasks(milliseconds(0))) << which;
-                                    look();
-                                    EXPECT_EQ(counter.topics + counter.all, 0U) << which;
-                                });
+        support::failEachAllocation([&] { cleaner->clean(topic, milliseconds(0)); },
+                                    [&](unsigned which) {
+                                        EXPECT_TRUE(cleaner->waitAllTasks(milliseconds(0)))
+                                            << which;
+                                        look();
+                                        EXPECT_EQ(counter.topics + counter.all, 0U) << which;
+                                    });
     EXPECT_GE(failures, 5U);
     EXPECT_FALSE(cleaner->waitAllTasks(milliseconds(0)));
 }
@@ -454,7 +455,7 @@ TEST_F(ACleanerWithoutMemory, EndsARequestWhenItLooksAgain) {
             look();
             lacking = failing.happened();
         }
-        EXPECT_TRUE(counter.all == which || hand_driven_timer::record().armed);
+        EXPECT_TRUE(counter.all == which || manual_timer::record().armed);
         look();
         EXPECT_EQ(counter.topics, which);
         EXPECT_EQ(counter.all, which);

@@ -1,11 +1,11 @@
 // Discovery on a real broker, and discoverers that come and go while messages fly. Some of this
 // only a sanitizer can see.
 
-#include "requestreply/sleeper.hpp"
+#include "requestreply/blocking_thread.hpp"
 #include "services/discoverer_frame.hpp"
 #include "support/broker.hpp"
 #include "support/raw_peer.hpp"
-#include "support/sanitizers.hpp"
+#include "support/timeout_factor.hpp"
 
 #include <atomic>
 #include <thread>
@@ -138,7 +138,7 @@ TEST_F(Discovery, LeavesNothingSubscribedAtTheBroker) {
     EXPECT_EQ(countInLog("Sending UNSUBACK to"), 5U);
 }
 
-constexpr int ROUNDS = 60 / support::SLOWNESS;
+constexpr int ROUNDS = 60 / support::TIMEOUT_FACTOR;
 
 /// Publishes lists and identifications without end; one entity never answers.
 class Bustle {
@@ -174,14 +174,14 @@ private:
 };
 
 /// Something that shows how far a run on another thread is; it is surely inside then.
-bool isAsFarAs(int stage, ServiceDiscovererMqtt const& discoverer, Sleeper const& run) {
+bool isAsFarAs(int stage, ServiceDiscovererMqtt const& discoverer, BlockingThread const& run) {
     auto const hasAnswer = [&] {
         auto const entities = discoverer.entities();
         return !entities.empty() && entities[0].uuid != UNKNOWN;
     };
     switch (stage) {
     case 0:
-        return run.fallsAsleep();
+        return run.isBlocked();
     case 1:
         return support::eventually([&] { return !discoverer.links().empty(); });
     default:
@@ -193,7 +193,7 @@ TEST_F(Discovery, IsCalledOffAtAnyMomentWhileMessagesFly) {
     Bustle const bustle(broker);
     for (int round = 0; round < ROUNDS; ++round) {
         auto passing = std::make_unique<ServiceDiscovererMqtt>(*client, ENTITIES);
-        Sleeper run(
+        BlockingThread run(
             [which = passing.get()] { EXPECT_FALSE(which->discoverSync(WITHOUT_LIMIT, true)); });
         EXPECT_TRUE(isAsFarAs(round % 3, *passing, run));
         passing.reset();
@@ -206,7 +206,7 @@ TEST_F(Discovery, IsCalledOffOnTheWorkerWhileMessagesFly) {
         support::Watched<std::unique_ptr<ServiceDiscovererMqtt>> passing(
             std::make_unique<ServiceDiscovererMqtt>(*client, ENTITIES));
         auto* const which = passing.read([](auto const& owner) { return owner.get(); });
-        Sleeper run([which] { EXPECT_FALSE(which->discoverSync(WITHOUT_LIMIT, true)); });
+        BlockingThread run([which] { EXPECT_FALSE(which->discoverSync(WITHOUT_LIMIT, true)); });
         EXPECT_TRUE(isAsFarAs(round % 3, *which, run));
         support::MessageRecorder killer(
             [&](auto&&...) { passing.change([](auto& owner) { owner.reset(); }); });

@@ -1,6 +1,6 @@
 // Runs that meet one another, or the end of their discoverer.
 
-#include "requestreply/sleeper.hpp"
+#include "requestreply/blocking_thread.hpp"
 #include "services/barrier.hpp"
 #include "services/discoverer_frame.hpp"
 
@@ -77,8 +77,8 @@ TEST_F(ADiscoverer, MakesOneRunAfterTheOther) {
     auto first = launch();
     ASSERT_TRUE(waitForSubscriptions(1));
     bool result = false;
-    Sleeper second([&] { result = discoverer->discoverSync(1, false); });
-    ASSERT_TRUE(second.fallsAsleep());
+    BlockingThread second([&] { result = discoverer->discoverSync(1, false); });
+    ASSERT_TRUE(second.isBlocked());
     // Its own time does not run yet.
     waitOut(milliseconds(1100));
     EXPECT_EQ(script_->count(Operation::SUBSCRIBE), 1U);
@@ -111,11 +111,11 @@ TEST_F(ADiscoverer, ToldToCleanUpWhileItTakesAnAnswerEndsItsRunByTimeOut) {
     ASSERT_TRUE(waitForSubscriptions(2));
     letTheStepEnd();
     // Inside the client on its way to the broker; the other one holds up the answer from there on.
-    std::unique_ptr<Sleeper> other;
+    std::unique_ptr<BlockingThread> other;
     script_->setHook(Operation::UNSUBSCRIBE, [&](auto const&) {
         if (!other) {
-            other = std::make_unique<Sleeper>([this] { discoverer->cleanSubscriptions(); });
-            EXPECT_TRUE(other->fallsAsleep());
+            other = std::make_unique<BlockingThread>([this] { discoverer->cleanSubscriptions(); });
+            EXPECT_TRUE(other->isBlocked());
         }
         return std::optional<int>();
     });
@@ -203,10 +203,10 @@ TEST_F(TheEndOfADiscoverer, LetsAllRunsGo) {
     bool first = true;
     bool second = true;
     auto* const which = discoverer.get();
-    Sleeper one([&] { first = which->discoverSync(WITHOUT_LIMIT, true); });
-    ASSERT_TRUE(one.fallsAsleep());
-    Sleeper other([&] { second = which->discoverSync(WITHOUT_LIMIT, true); });
-    ASSERT_TRUE(other.fallsAsleep());
+    BlockingThread one([&] { first = which->discoverSync(WITHOUT_LIMIT, true); });
+    ASSERT_TRUE(one.isBlocked());
+    BlockingThread other([&] { second = which->discoverSync(WITHOUT_LIMIT, true); });
+    ASSERT_TRUE(other.isBlocked());
     discoverer.reset();
     one.join();
     other.join();
@@ -244,8 +244,8 @@ TEST_F(TheEndOfADiscoverer, WaitsForTheListBeingHandled) {
     script_->setHook(Operation::SUBSCRIBE, [&](auto const&) { return barrier.pass(); });
     script_->deliver(ENTITIES, listOf({"a", "b"}));
     ASSERT_TRUE(barrier.waitForVisitor());
-    Sleeper end([&] { discoverer.reset(); });
-    ASSERT_TRUE(end.fallsAsleep());
+    BlockingThread end([&] { discoverer.reset(); });
+    ASSERT_TRUE(end.isBlocked());
     barrier.open();
     end.join();
     EXPECT_FALSE(run.get());
@@ -263,8 +263,8 @@ TEST_F(TheEndOfADiscoverer, WaitsForTheAnswerBeingHandled) {
     script_->setHook(Operation::UNSUBSCRIBE, [&](auto const&) { return barrier.pass(); });
     script_->deliver("a/identification", identificationOf("a"));
     ASSERT_TRUE(barrier.waitForVisitor());
-    Sleeper end([&] { discoverer.reset(); });
-    ASSERT_TRUE(end.fallsAsleep());
+    BlockingThread end([&] { discoverer.reset(); });
+    ASSERT_TRUE(end.isBlocked());
     barrier.open();
     end.join();
     EXPECT_FALSE(run.get());

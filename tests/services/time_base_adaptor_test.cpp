@@ -1,6 +1,6 @@
 // The server's side: what it answers, and its clock.
 
-#include "requestreply/sleeper.hpp"
+#include "requestreply/blocking_thread.hpp"
 #include "services/time_base_frame.hpp"
 #include "support/recorder.hpp"
 #include "support/scripted_server.hpp"
@@ -139,11 +139,11 @@ TEST_F(ATimeBaseAdaptor, EndsAfterTheRequestThatItAnswers) {
     ask(R"({"$reqId": 7, "client": 12.5})");
     ASSERT_TRUE(gate.stopsSomebody());
     std::atomic<bool> opened{false};
-    Sleeper destruction([&] {
+    BlockingThread destruction([&] {
         adaptor.reset();
         EXPECT_TRUE(opened);
     });
-    ASSERT_TRUE(destruction.fallsAsleep());
+    ASSERT_TRUE(destruction.isBlocked());
     opened = true;
     gate.open();
     destruction.join();
@@ -155,8 +155,8 @@ TEST_F(ATimeBaseAdaptor, EndsAfterThatAlsoWhenItIsTerminatedAlready) {
     ASSERT_TRUE(gate.stopsSomebody());
     // In vain for the broker's acknowledgement: nobody is there to read it.
     adaptor->terminate();
-    Sleeper destruction([&] { adaptor.reset(); });
-    EXPECT_TRUE(destruction.fallsAsleep());
+    BlockingThread destruction([&] { adaptor.reset(); });
+    EXPECT_TRUE(destruction.isBlocked());
     gate.open();
     destruction.join();
 }
@@ -232,9 +232,9 @@ TEST_F(TheTerminationOfATimeBaseAdaptor, UnsubscribesOnce) {
 TEST_F(TheTerminationOfATimeBaseAdaptor, WaitsForTheBroker) {
     mqtt::SynchronizedTimeBaseMqttAdaptor adaptor(*mqtt, "svc", support::uniqueId());
     server.hold(PacketType::UNSUBSCRIBE);
-    Sleeper termination([&] { adaptor.terminate(); });
+    BlockingThread termination([&] { adaptor.terminate(); });
     ASSERT_TRUE(server.waitForPackets(PacketType::UNSUBSCRIBE, 1));
-    EXPECT_TRUE(termination.fallsAsleep());
+    EXPECT_TRUE(termination.isBlocked());
     server.release();
     termination.join();
 }

@@ -1,7 +1,7 @@
 // The numbers: what exchanges make of the estimate.
 
 #include "services/time_base_frame.hpp"
-#include "support/hand_driven_timer.hpp"
+#include "support/manual_timer.hpp"
 
 #include <cstdint>
 #include <thread>
@@ -23,7 +23,7 @@ protected:
     /// Lets the proxy's timer expire while this happens here.
     template <class Action>
     static void duringAnExpiry(Action action) {
-        std::thread expiry([] { hand_driven_timer::expire(); });
+        std::thread expiry([] { manual_timer::expire(); });
         action();
         expiry.join();
     }

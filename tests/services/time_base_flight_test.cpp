@@ -1,10 +1,10 @@
 // Stopping and starting while something of the run before is on its way, at moments that are rare
 // by themselves: the proxy's clock holds it up.
 
-#include "requestreply/sleeper.hpp"
+#include "requestreply/blocking_thread.hpp"
 #include "services/time_base_frame.hpp"
-#include "support/hand_driven_timer.hpp"
-#include "support/sanitizers.hpp"
+#include "support/manual_timer.hpp"
+#include "support/timeout_factor.hpp"
 
 #include <atomic>
 #include <chrono>
@@ -12,7 +12,7 @@
 
 namespace {
 
-using hand_driven_timer::record;
+using manual_timer::record;
 
 class AReplyInFlight : public TimeBaseOnABroker {
 protected:
@@ -72,8 +72,8 @@ TEST_F(AReplyInFlight, DoesNotCountInTheNextRunThatWaits) {
     holdUpTheReply(1);
     proxy->stop();
     bool result = false;
-    Sleeper waiter([&] { result = proxy->synchronize(support::uniqueId(), AN_HOUR); });
-    ASSERT_TRUE(waiter.fallsAsleep());
+    BlockingThread waiter([&] { result = proxy->synchronize(support::uniqueId(), AN_HOUR); });
+    ASSERT_TRUE(waiter.isBlocked());
     letItGo();
     EXPECT_EQ(proxy->offset(), 0.0);
     answerAll(2, SAMPLES, 7.0);
@@ -94,8 +94,8 @@ TEST_F(AReplyInFlight, OfAFailureIsNotMadeAgainInTheNextRun) {
 
 TEST_F(AReplyInFlight, IsWaitedForByTheEndOfTheProxy) {
     holdUpTheReply(1);
-    Sleeper destruction([&] { proxy.reset(); });
-    ASSERT_TRUE(destruction.fallsAsleep());
+    BlockingThread destruction([&] { proxy.reset(); });
+    ASSERT_TRUE(destruction.isBlocked());
     letItGo();
     destruction.join();
     EXPECT_EQ(listener.count(), 0);
@@ -105,7 +105,7 @@ class APeriodicReplyInFlight : public TimeBaseOnABroker {
 protected:
     APeriodicReplyInFlight() {
         synchronize(5.0);
-        expiry = std::thread([] { hand_driven_timer::expire(); });
+        expiry = std::thread([] { manual_timer::expire(); });
         request(11);
         gate.close();
         answer(11, 70.0);
@@ -152,11 +152,11 @@ TEST_F(AnExpiryAtAnyMoment, ChangesNothingAfterAStopAndHindersNoStart) {
     std::atomic<bool> end{false};
     std::thread expiring([&] {
         while (!end) {
-            hand_driven_timer::expire();
+            manual_timer::expire();
             std::this_thread::yield();
         }
     });
-    for (int round = 1; round <= 100 / support::SLOWNESS; ++round) {
+    for (int round = 1; round <= 100 / support::TIMEOUT_FACTOR; ++round) {
         EXPECT_TRUE(proxy->startSync(server));
         EXPECT_TRUE(listener.isTold(round)) << "in round " << round;
         auto const moment =

@@ -1,9 +1,9 @@
 // An expiry of the proxy's timer that was found good, and then the timer's thread got no processor
 // for a while.
 
-#include "requestreply/sleeper.hpp"
+#include "requestreply/blocking_thread.hpp"
 #include "services/time_base_frame.hpp"
-#include "support/hand_driven_timer.hpp"
+#include "support/manual_timer.hpp"
 
 #include <atomic>
 #include <memory>
@@ -50,7 +50,7 @@ protected:
         synchronize(5.0);
         exchanges = 0;
         beforeTheExchange.close();
-        expiry = std::make_unique<Sleeper>([] { hand_driven_timer::expire(); });
+        expiry = std::make_unique<BlockingThread>([] { manual_timer::expire(); });
         EXPECT_TRUE(beforeTheExchange.stopsSomebody());
         proxy->stop();
     }
@@ -84,7 +84,7 @@ protected:
     }
 
     Uuid other = support::uniqueId();
-    std::unique_ptr<Sleeper> expiry;
+    std::unique_ptr<BlockingThread> expiry;
 };
 
 TEST_F(ALateExpiry, DoesNotKeepTheNextRunFromStarting) {
@@ -118,7 +118,7 @@ TEST_F(ALateExpiry, DoesNotComeBetweenTwoSamplesOfTheNextRun) {
     // No exchange is under way now, and the timer's thread is faster than the next sample.
     letItGo();
     ASSERT_TRUE(support::eventually([] { return exchanges == 1; }));
-    ASSERT_TRUE(expiry->fallsAsleep());
+    ASSERT_TRUE(expiry->isBlocked());
     gate.open();
     for (std::size_t n = 2; n <= SAMPLES; ++n) {
         answerTo(other, n, 7.0);

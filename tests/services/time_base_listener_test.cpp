@@ -1,8 +1,8 @@
 // What a listener may do from inside its call, and who waits for it.
 
-#include "requestreply/sleeper.hpp"
+#include "requestreply/blocking_thread.hpp"
 #include "services/time_base_frame.hpp"
-#include "support/hand_driven_timer.hpp"
+#include "support/manual_timer.hpp"
 
 #include <atomic>
 #include <utility>
@@ -59,7 +59,7 @@ TEST_F(InsideTheCallOfATimeListener, TheProxyMayBeReplaced) {
 TEST_F(InsideTheCallOfATimeListener, TheProxyMayBeStopped) {
     inside([&] { EXPECT_TRUE(proxy->stop()); });
     EXPECT_FALSE(proxy->isSynchronized());
-    EXPECT_FALSE(hand_driven_timer::record().armed);
+    EXPECT_FALSE(manual_timer::record().armed);
 }
 
 TEST_F(InsideTheCallOfATimeListener, TheProxyMayBeStartedAnew) {
@@ -116,11 +116,11 @@ protected:
     /// Does this on another thread, where it lasts until the listener's call ends.
     template <class Action>
     void expectToWait(Action action) {
-        Sleeper sleeper([&] {
+        BlockingThread sleeper([&] {
             action();
             EXPECT_TRUE(left) << "too early";
         });
-        EXPECT_TRUE(sleeper.fallsAsleep());
+        EXPECT_TRUE(sleeper.isBlocked());
         set(mayLeave);
     }
 

@@ -1,7 +1,7 @@
 // Starting, stopping, and what is done with the timer and the listener.
 
 #include "services/time_base_frame.hpp"
-#include "support/hand_driven_timer.hpp"
+#include "support/manual_timer.hpp"
 
 #include <atomic>
 #include <stdexcept>
@@ -12,7 +12,7 @@
 
 namespace {
 
-using hand_driven_timer::record;
+using manual_timer::record;
 using std::chrono::seconds;
 using testing::ElementsAre;
 
@@ -36,7 +36,7 @@ TEST_F(ANewTimeBaseProxy, CanBeStopped) {
 }
 
 TEST_F(ANewTimeBaseProxy, DoesNothingWhenItsTimerExpires) {
-    hand_driven_timer::expire(SAMPLING);
+    manual_timer::expire(SAMPLING);
     EXPECT_EQ(requestCount(), 0U);
 }
 
@@ -103,7 +103,7 @@ TEST_F(ATimeBaseProxyThatSamples, ThenTakesOneEvery30Seconds) {
     EXPECT_TRUE(timer.armed);
     EXPECT_EQ(timer.period, seconds(30));
     EXPECT_FALSE(timer.once);
-    std::thread expiry([] { hand_driven_timer::expire(SAMPLING); });
+    std::thread expiry([] { manual_timer::expire(SAMPLING); });
     answer(11, 7.0);
     expiry.join();
     EXPECT_GT(proxy->offset(), 5.0);
@@ -203,7 +203,7 @@ TEST_F(ATimeBaseProxyThatSamples, GoesOnWhenItsClockFailsInBetween) {
         EXPECT_EQ(timer.armed, reading == 2) << "a reply without a time is asked for again";
         if (timer.armed) {
             EXPECT_EQ(timer.period, seconds(1));
-            hand_driven_timer::expire(SAMPLING);
+            manual_timer::expire(SAMPLING);
             EXPECT_FALSE(record(SAMPLING).armed);
         }
         request(first + 1);
@@ -214,7 +214,7 @@ TEST_F(ATimeBaseProxyThatSamples, GoesOnWhenItsClockFailsInBetween) {
 TEST_F(ATimeBaseProxyThatSamples, KnowsTheTimeAlsoWithoutATimerForThePeriodicExchange) {
     answerAll(1, SAMPLES - 1, 5.0);
     request(SAMPLES);
-    hand_driven_timer::onRestart([] {
+    manual_timer::onRestart([] {
         throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again));
     });
     answer(SAMPLES, 5.0);
@@ -222,7 +222,7 @@ TEST_F(ATimeBaseProxyThatSamples, KnowsTheTimeAlsoWithoutATimerForThePeriodicExc
     EXPECT_TRUE(proxy->isSynchronized());
     receiveAll();
     EXPECT_FALSE(record(SAMPLING).armed);
-    hand_driven_timer::onRestart(nullptr);
+    manual_timer::onRestart(nullptr);
     proxy->forceSync();
     answer(SAMPLES + 1, 5.0);
     receiveAll();
@@ -284,17 +284,17 @@ TEST_F(ATimeBaseProxyThatKnowsTheTime, StopsWithoutATrace) {
 
 TEST_F(ATimeBaseProxyThatKnowsTheTime, DoesNothingWithALateExpiryAfterAStop) {
     proxy->stop();
-    hand_driven_timer::expire(SAMPLING);
+    manual_timer::expire(SAMPLING);
     EXPECT_EQ(requestCount(), 10U);
     ASSERT_TRUE(proxy->startSync(server));
-    hand_driven_timer::expire(SAMPLING);
+    manual_timer::expire(SAMPLING);
     EXPECT_EQ(requestCount(), 11U);
     answerAll(11, SAMPLES, 5.0);
     EXPECT_TRUE(listener.isTold(2)) << "once for each start";
 }
 
 TEST_F(ATimeBaseProxyThatKnowsTheTime, IsStoppedDuringAPeriodicExchange) {
-    std::thread expiry([] { hand_driven_timer::expire(SAMPLING); });
+    std::thread expiry([] { manual_timer::expire(SAMPLING); });
     request(11);
     proxy->stop();
     expiry.join();
@@ -305,7 +305,7 @@ TEST_F(ATimeBaseProxyThatKnowsTheTime, IsStoppedDuringAPeriodicExchange) {
 }
 
 TEST_F(ATimeBaseProxyThatKnowsTheTime, IsStartedAnewDuringAPeriodicExchange) {
-    std::thread expiry([] { hand_driven_timer::expire(SAMPLING); });
+    std::thread expiry([] { manual_timer::expire(SAMPLING); });
     request(11);
     proxy->stop();
     ASSERT_TRUE(proxy->startSync(support::uniqueId()));
@@ -317,7 +317,7 @@ TEST_F(ATimeBaseProxyThatKnowsTheTime, IsStartedAnewDuringAPeriodicExchange) {
 }
 
 TEST_F(ATimeBaseProxyThatKnowsTheTime, LeavesAForcedExchangeToThePeriodicOneUnderWay) {
-    std::thread expiry([] { hand_driven_timer::expire(SAMPLING); });
+    std::thread expiry([] { manual_timer::expire(SAMPLING); });
     request(11);
     proxy->forceSync();
     EXPECT_EQ(proxy->offset(), 0.0);
@@ -330,7 +330,7 @@ TEST_F(ATimeBaseProxyThatKnowsTheTime, LeavesAForcedExchangeToThePeriodicOneUnde
 
 TEST_F(ATimeBaseProxyThatKnowsTheTime, AsksNobodyWithoutAConnection) {
     ASSERT_EQ(mqtt->disconnect(30), mqtt::MqttClient::Error::SUCCESS);
-    hand_driven_timer::expire();
+    manual_timer::expire();
     ASSERT_EQ(mqtt->connect("", -1, 30), mqtt::MqttClient::Error::SUCCESS);
     EXPECT_EQ(requestCount(), 10U);
 }

@@ -2,7 +2,7 @@
 // themselves the sanitizers do: they are worth most in such a build.
 
 #include "services/time_base_frame.hpp"
-#include "support/sanitizers.hpp"
+#include "support/timeout_factor.hpp"
 #include "support/watchdog.hpp"
 
 #include <atomic>
@@ -17,7 +17,7 @@ namespace {
 using std::chrono::microseconds;
 using std::chrono::steady_clock;
 
-constexpr int ROUNDS = 200 / support::SLOWNESS;
+constexpr int ROUNDS = 200 / support::TIMEOUT_FACTOR;
 
 /// Returns that much later, without having slept: sleeping is too coarse.
 void pass(microseconds time) {

@@ -1,16 +1,16 @@
 // Waiting for the time, and who ends the wait.
 
-#include "requestreply/sleeper.hpp"
+#include "requestreply/blocking_thread.hpp"
 #include "services/time_base_frame.hpp"
-#include "support/hand_driven_timer.hpp"
-#include "support/sanitizers.hpp"
+#include "support/manual_timer.hpp"
+#include "support/timeout_factor.hpp"
 
 #include <optional>
 
 namespace {
 
 using conv::SecondsDuration;
-using hand_driven_timer::record;
+using manual_timer::record;
 
 /// The first is far from what a test may last, and the last is a second ago.
 constexpr std::uint32_t LONGEST = INT32_MAX;
@@ -26,7 +26,7 @@ protected:
                   result_ = proxy.synchronize(server, timeout);
               }) {}
 
-        bool fallsAsleep() const { return sleeper_.fallsAsleep(); }
+        bool isBlocked() const { return sleeper_.isBlocked(); }
         bool result() {
             sleeper_.join();
             return result_.value();
@@ -34,7 +34,7 @@ protected:
 
     private:
         std::optional<bool> result_;
-        Sleeper sleeper_; // last: it writes the result
+        BlockingThread sleeper_; // last: it writes the result
     };
 
     void expectIdle() {
@@ -58,7 +58,7 @@ TEST_F(AWaitForTheTime, EndsWhenItIsKnownAndTellsNobodyElse) {
     Wait wait(*proxy, server);
     answerAll(1, SAMPLES - 1, 5.0);
     request(SAMPLES);
-    EXPECT_TRUE(wait.fallsAsleep());
+    EXPECT_TRUE(wait.isBlocked());
     answer(SAMPLES, 5.0);
     EXPECT_TRUE(wait.result());
     EXPECT_TRUE(proxy->isSynchronized());
@@ -141,7 +141,7 @@ TEST_F(AWaitForTheTime, LeavesAProxyAloneThatIsActive) {
 TEST_F(AWaitForTheTime, IsEndedByAStop) {
     Wait wait(*proxy, server);
     request(1);
-    ASSERT_TRUE(wait.fallsAsleep());
+    ASSERT_TRUE(wait.isBlocked());
     EXPECT_TRUE(proxy->stop());
     EXPECT_FALSE(wait.result());
     expectIdle();
@@ -151,17 +151,17 @@ TEST_F(AWaitForTheTime, IsEndedByAStop) {
 TEST_F(AWaitForTheTime, IsEndedByTermination) {
     Wait wait(*proxy, server);
     request(1);
-    ASSERT_TRUE(wait.fallsAsleep());
+    ASSERT_TRUE(wait.isBlocked());
     proxy->terminate();
     EXPECT_FALSE(wait.result());
     expectIdle();
 }
 
 TEST_F(AWaitForTheTime, IsEndedByDestruction) {
-    for (int round = 1; round <= 20 / support::SLOWNESS; ++round) {
+    for (int round = 1; round <= 20 / support::TIMEOUT_FACTOR; ++round) {
         Wait wait(*proxy, server);
         request(static_cast<std::size_t>(round));
-        ASSERT_TRUE(wait.fallsAsleep());
+        ASSERT_TRUE(wait.isBlocked());
         proxy.reset();
         EXPECT_FALSE(wait.result());
         proxy = makeProxy();
@@ -170,10 +170,10 @@ TEST_F(AWaitForTheTime, IsEndedByDestruction) {
 
 TEST_F(AWaitForTheTime, DoesNotStopTheRunThatFollowsItsOwn) {
     std::size_t n = 1;
-    for (int round = 1; round <= 20 / support::SLOWNESS; ++round) {
+    for (int round = 1; round <= 20 / support::TIMEOUT_FACTOR; ++round) {
         Wait wait(*proxy, support::uniqueId());
         request(n);
-        ASSERT_TRUE(wait.fallsAsleep());
+        ASSERT_TRUE(wait.isBlocked());
         proxy->stop();
         ASSERT_TRUE(proxy->startSync(server));
         EXPECT_FALSE(wait.result());

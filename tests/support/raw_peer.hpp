@@ -14,7 +14,6 @@
 #include <vector>
 
 struct mosquitto;
-struct mosquitto_message;
 
 namespace support {
 
@@ -32,14 +31,11 @@ std::ostream& operator<<(std::ostream& out, Message const& message);
 struct RawPeerOptions {
     std::string clientId; ///< "": one that no other client has
     bool cleanSession = true;
-    std::optional<Message> will;
-    int keepAlive = 60; ///< seconds
     bool connect = true;
 };
 
-/// A client made of nothing but the C library of the broker's makers: what it sees is what
-/// the broker says, whatever our own code believes. It has a network thread of its own and
-/// never reconnects by itself.
+/// A client on the C library of the broker's makers alone: it shows what the broker does, without
+/// any code of ours. It has a network thread of its own and never reconnects by itself.
 ///
 /// The operations wait until the broker has answered.
 /// @throws std::runtime_error from every operation that fails or gets no answer
@@ -56,7 +52,7 @@ public:
 
     void connect();
     void disconnect();
-    /// Closes the connection without a word, so that the broker publishes the will.
+    /// Closes the connection without DISCONNECT.
     void drop();
     bool connected() const;
     bool waitForConnectionLoss(std::chrono::milliseconds deadline = DEADLINE) const;
@@ -65,7 +61,7 @@ public:
     void unsubscribe(std::string const& topic);
     void publish(std::string const& topic, std::string const& payload, int qos = 2,
                  bool retain = false);
-    /// Does not wait; `waitForAcknowledgements` does, for all of them.
+    /// Publishes without waiting; `waitForAcknowledgements` waits for all that was posted.
     void post(std::string const& topic, std::string const& payload, int qos = 2,
               bool retain = false);
     void waitForAcknowledgements() const;
@@ -83,27 +79,21 @@ private:
         std::optional<int> connack; ///< of the connection under way
         bool connected = false;
         std::set<int> pending;      ///< publications without acknowledgement
-        std::set<int> early;        ///< acknowledged before we learnt their number
-        std::set<int> subscribed;   ///< acknowledged
-        std::set<int> refused;      ///< acknowledged with a refusal
-        std::set<int> unsubscribed; ///< acknowledged
+        std::set<int> early;        ///< acknowledged before their number was known
+        std::set<int> acknowledged; ///< subscriptions and unsubscriptions
+        bool refused = false;       ///< a subscription
         Messages messages;
     };
 
-    static void onConnect(mosquitto*, void* self, int code);
-    static void onDisconnect(mosquitto*, void* self, int code);
-    static void onPublish(mosquitto*, void* self, int mid);
-    static void onSubscribe(mosquitto*, void* self, int mid, int count, int const* granted);
-    static void onUnsubscribe(mosquitto*, void* self, int mid);
-    static void onMessage(mosquitto*, void* self, mosquitto_message const* message);
-
-    void create(Options const& options);
+    template <class Change>
+    static void note(void* peer, Change const& change);
+    void setCallbacks();
     void runNetwork();
     void endNetwork();
+    void waitForAcknowledgement(int mid, char const* what) const;
 
-    std::string host_;
-    int port_;
-    int keepAlive_;
+    std::string const host_;
+    int const port_;
     std::unique_ptr<mosquitto, void (*)(mosquitto*)> client_;
     Watched<Seen> seen_;
     std::atomic<bool> stop_{false};
