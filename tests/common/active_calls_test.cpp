@@ -22,7 +22,7 @@ using support::Watched;
 /// wait never fails.
 constexpr std::chrono::milliseconds NOTICEABLE_WAIT{100};
 
-/// A call on a thread of its own, which ends when it is told to.
+/// A call on a thread of its own, which ends with `leave`.
 class CallOnAThread {
 public:
     explicit CallOnAThread(std::shared_ptr<ActiveCalls> const& calls)
