@@ -1,215 +1,200 @@
 #include "measurements.hpp"
 
-#include "cpu_clock.hpp"
-#include "statistics.hpp"
+#include "samples.hpp"
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <cstddef>
-#include <limits>
 
 namespace bench {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using Figures = std::vector<Figure>;
+using Samples = std::vector<double>;
+using Library = ClientLibrary const&;
+using Broker = BenchmarkBroker const&;
 
 constexpr char const* TOPIC = "bench/device/status";
 constexpr double MICROSECONDS = 1e6;
-constexpr double UNKNOWN = std::numeric_limits<double>::quiet_NaN();
+/// At most so many messages are under way: the broker drops messages at QoS 0 for a subscriber that
+/// is 1000 behind.
+constexpr std::uint64_t WINDOW = 800;
+std::string const TEXT(64, 'x');
 
 double secondsSince(Clock::time_point start) {
     return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
-/// The processor times of everyone who takes part in a throughput run.
-struct CpuTimes {
-    double publisher;
-    double subscriber;
-    double broker;
-};
-
-/// Both clients live in this process: what the subscriber's worker thread did not use went
-/// into publishing, on the caller's and the publisher's worker thread.
-CpuTimes cpuTimes(Tally const& received, BrokerProcess const& broker) {
-    double const subscriber = received.countingThreadCpuTime();
-    return {cpuSeconds(CLOCK_PROCESS_CPUTIME_ID) - subscriber, subscriber, broker.cpuTime()};
+/// @param fraction above 0, up to 1
+double percentile(Samples samples, double fraction) {
+    std::sort(samples.begin(), samples.end());
+    auto const rank = std::ceil(fraction * static_cast<double>(samples.size()));
+    return samples[static_cast<std::size_t>(rank) - 1];
 }
 
-/// At QoS 0 the last small packets of a window now and then wait 40 ms for an acknowledgement
-/// by the other kernel: a longer run has its fair share of these pauses, a short one has luck.
+// Throughput
+
+/// At QoS 0 the last small packets of a window sometimes wait 40 ms for an acknowledgement by the
+/// other kernel. Only a long run has an average share of these pauses.
 std::uint64_t messagesAt(int qos, Effort const& effort) {
     return qos == 0 ? effort.messages * 5 : effort.messages;
 }
 
-/// The broker throws QoS 0 messages away when a subscriber falls too far behind, so only
-/// a window of them is on its way. The wait is for half a window, lest everything come to
-/// a stop and be woken up again all the time.
-template <typename Send>
-void publishAll(Send send, Tally& received, std::uint64_t messages, unsigned window) {
-    std::uint64_t const half = std::max(window / 2, 1U);
+/// Waits for half a window each time: waiting for all of it would stop everyone again and again.
+void publishAll(Action const& publish, MessageCounter& received, std::uint64_t messages) {
     for (std::uint64_t sent = 0; sent < messages; ++sent) {
-        if (sent >= 2 * half && sent % half == 0) {
-            received.waitFor(sent - half);
+        if (sent >= WINDOW && sent % (WINDOW / 2) == 0) {
+            received.waitFor(sent - WINDOW / 2);
         }
-        send();
+        publish();
     }
     received.waitFor(messages);
 }
 
-template <typename Send>
-std::vector<Figure> timeAll(Party const& party, Send send, Tally& received,
-                            BrokerProcess const& broker, std::uint64_t messages, unsigned window) {
-    CpuTimes const before = cpuTimes(received, broker);
+/// Both clients live in this process.
+Figures measureThroughput(Action const& publish, MessageCounter& received,
+                          BenchmarkBroker const& broker, std::uint64_t messages) {
+    double const clientsBefore = cpuSeconds(CLOCK_PROCESS_CPUTIME_ID);
+    double const brokerBefore = broker.cpuSeconds();
     auto const start = Clock::now();
-    publishAll(send, received, messages, window);
+    publishAll(publish, received, messages);
     double const seconds = secondsSince(start);
-    CpuTimes const after = cpuTimes(received, broker);
+    double const clients = cpuSeconds(CLOCK_PROCESS_CPUTIME_ID) - clientsBefore;
     auto const count = static_cast<double>(messages);
-    auto const each = [count](double used) { return used / count * MICROSECONDS; };
-    double const publisher = each(after.publisher - before.publisher);
-    double const subscriber = each(after.subscriber - before.subscriber);
-    bool const apart = party.hasThreadsOfItsOwn();
     return {{"throughput", "msg/s", count / seconds},
-            {"publisher CPU", "us/msg", apart ? publisher : UNKNOWN},
-            {"subscriber CPU", "us/msg", apart ? subscriber : UNKNOWN},
-            {"client CPU", "us/msg", publisher + subscriber},
-            {"broker CPU", "us/msg", each(after.broker - before.broker)}};
+            {"client CPU", "us/msg", clients / count * MICROSECONDS},
+            {"broker CPU", "us/msg", (broker.cpuSeconds() - brokerBefore) / count * MICROSECONDS}};
 }
 
-std::vector<Figure> throughput(Party& party, BrokerProcess const& broker, int qos, std::size_t size,
-                               Effort const& effort) {
-    Tally received;
-    auto const subscriber = party.makeSubscriber(broker.port(), TOPIC, received);
-    auto const publisher = party.makePublisher(broker.port(), TOPIC);
-    std::string const payload(size, 'x');
-    return timeAll(
-        party, [&] { publisher->publish(payload, qos); }, received, broker, messagesAt(qos, effort),
-        effort.window);
+Measurement throughput(int qos, std::size_t size, Effort const& effort) {
+    return {"throughput-qos" + std::to_string(qos) + '-' + std::to_string(size),
+            [=](Library library, Broker broker) {
+                MessageCounter received;
+                auto const subscriber =
+                    makeCountingSubscriber(library, broker.port(), TOPIC, received);
+                auto const publisher = library.makeClient(broker.port());
+                auto const topic = publisher->addTopic(TOPIC);
+                publisher->connect();
+                std::string const payload(size, 'x');
+                return measureThroughput(
+                    [&] { publisher->publishInStream(topic, payload, qos, false); }, received,
+                    broker, messagesAt(qos, effort));
+            }};
 }
 
-/// Typed values are retained: with a topic of its own no run meets the last value of another.
-std::vector<Figure> valueThroughput(Party& party, BrokerProcess const& broker, Document document,
-                                    Effort const& effort) {
-    static unsigned runs = 0;
-    std::string const topic = "bench/device" + std::to_string(++runs);
-    Tally received;
-    auto const subscriber = party.makeValueSubscriber(broker.port(), topic, document, received);
-    auto const publisher = party.makeValuePublisher(broker.port(), topic, document);
-    return timeAll(
-        party, [&] { publisher->publish(); }, received, broker, effort.messages, effort.window);
+Measurement valueThroughput(char const* name, Document document, Effort const& effort) {
+    return {name, [=](Library library, Broker broker) {
+                // Values are retained: a topic that was used before would bring an old one.
+                static unsigned runs = 0;
+                std::string const topic = "bench/device" + std::to_string(++runs);
+                MessageCounter received;
+                auto const publish =
+                    library.makeValueStream(broker.port(), topic, document, received);
+                return measureThroughput(publish, received, broker, effort.messages);
+            }};
 }
 
-/// Repeats until there are enough samples or enough time has gone by: one sample takes from
-/// a fraction of a millisecond to a tenth of a second.
-template <typename Sample>
-void takeSamples(unsigned count, Effort const& effort, Sample sample) {
+// Latency
+
+template <class Action>
+double microsecondsOf(Action&& action) {
     auto const start = Clock::now();
-    for (unsigned taken = 0; taken < count && secondsSince(start) < effort.seconds; ++taken) {
+    action();
+    return secondsSince(start) * MICROSECONDS;
+}
+
+/// Repeats until there are enough samples, or until enough time has gone by: a sample takes from a
+/// tenth of a millisecond to a second.
+template <class Sample>
+void takeSamples(unsigned count, Effort const& effort, Sample&& sample) {
+    auto const start = Clock::now();
+    for (unsigned taken = 0;
+         taken < count && secondsSince(start) < effort.longestSecondsForLatencies; ++taken) {
         sample();
     }
 }
 
-template <typename Action>
-std::vector<Figure> latencies(Effort const& effort, Action action) {
-    std::vector<double> samples;
-    takeSamples(effort.latencies, effort, [&] {
-        auto const start = Clock::now();
-        action();
-        samples.push_back(secondsSince(start) * MICROSECONDS);
-    });
+Figures measureLatencies(Effort const& effort, Action const& action) {
+    Samples samples;
+    takeSamples(effort.latencies, effort, [&] { samples.push_back(microsecondsOf(action)); });
     return {{"p50", "us", percentile(samples, 0.5)}, {"p99", "us", percentile(samples, 0.99)}};
 }
 
-std::vector<Figure> acknowledgement(Party& party, BrokerProcess const& broker, int qos,
-                                    Effort const& effort) {
-    auto const publisher = party.makePublisher(broker.port(), TOPIC);
-    std::string const payload(64, 'x');
-    return latencies(effort, [&] { publisher->publishAndWait(payload, qos); });
-}
-
-template <typename Exchange>
-std::vector<Figure> exchanges(Party& party, BrokerProcess const& broker, Effort const& effort,
-                              Exchange exchange) {
-    auto const dialogue =
-        party.makeDialogue(broker.port(), "bench/device/question", "bench/panel/answer");
-    std::string const payload(64, 'x');
-    return latencies(effort, [&] { exchange(*dialogue, payload); });
-}
-
-std::vector<Figure> requests(Party& party, BrokerProcess const& broker, Effort const& effort) {
-    auto const requester = party.makeRequester(broker.port());
-    return latencies(effort, [&] { requester->request(); });
-}
-
-std::vector<Figure> connecting(Party& party, BrokerProcess const& broker, Effort const& effort) {
-    auto const caller = party.makeCaller(broker.port());
-    std::vector<double> connects;
-    std::vector<double> visits;
-    takeSamples(effort.connections, effort, [&] {
-        auto const start = Clock::now();
-        caller->connect();
-        connects.push_back(secondsSince(start) * MICROSECONDS);
-        caller->disconnect();
-        visits.push_back(secondsSince(start) * MICROSECONDS);
-    });
-    return {{"connect p50", "us", percentile(connects, 0.5)},
-            {"connect p99", "us", percentile(connects, 0.99)},
-            {"connect and disconnect p50", "us", percentile(visits, 0.5)}};
-}
-
-template <typename Exchange>
-Measurement exchangeOf(char const* name, Effort const& effort, Exchange exchange) {
-    return {name, [=](Party& party, BrokerProcess const& broker) {
-                return exchanges(party, broker, effort, exchange);
+Measurement acknowledgement(int qos, Effort const& effort) {
+    return {"acknowledge-qos" + std::to_string(qos), [=](Library library, Broker broker) {
+                auto const publisher = library.makeClient(broker.port());
+                auto const topic = publisher->addTopic(TOPIC);
+                publisher->connect();
+                return measureLatencies(effort,
+                                        [&] { publisher->publishAndWait(topic, TEXT, qos); });
             }};
 }
 
-Measurement throughputOf(int qos, std::size_t size, Effort const& effort) {
-    return {"throughput-qos" + std::to_string(qos) + '-' + std::to_string(size),
-            [=](Party& party, BrokerProcess const& broker) {
-                return throughput(party, broker, qos, size, effort);
+Measurement dialogue(char const* name, Effort const& effort, void (*exchange)(Dialogue&)) {
+    return {name, [=](Library library, Broker broker) {
+                Dialogue dialogue(library, broker.port(),
+                                  {"bench/device/question", "bench/panel/answer", TEXT, TEXT});
+                dialogue.subscribe();
+                return measureLatencies(effort, [&] { exchange(dialogue); });
             }};
 }
 
-Measurement valueThroughputOf(char const* name, Document document, Effort const& effort) {
-    return {name, [=](Party& party, BrokerProcess const& broker) {
-                return valueThroughput(party, broker, document, effort);
+Measurement requestReply(Effort const& effort) {
+    return {"request-reply", [=](Library library, Broker broker) {
+                return measureLatencies(effort, library.makeRequester(broker.port()));
             }};
 }
 
-Measurement acknowledgementOf(int qos, Effort const& effort) {
-    return {"acknowledge-qos" + std::to_string(qos),
-            [=](Party& party, BrokerProcess const& broker) {
-                return acknowledgement(party, broker, qos, effort);
+Measurement connecting(Effort const& effort) {
+    return {"connect", [=](Library library, Broker broker) {
+                auto const client = library.makeClient(broker.port());
+                Samples connects;
+                Samples both;
+                takeSamples(effort.connections, effort, [&] {
+                    connects.push_back(microsecondsOf([&] { client->connect(); }));
+                    both.push_back(connects.back() + microsecondsOf([&] { client->disconnect(); }));
+                });
+                return Figures{{"connect p50", "us", percentile(connects, 0.5)},
+                               {"connect p99", "us", percentile(connects, 0.99)},
+                               {"connect and disconnect p50", "us", percentile(both, 0.5)}};
             }};
 }
 
 } // namespace
 
+Measurement firstExchanges(Effort const& effort) {
+    return {"first-exchanges", [=](Library library, Broker broker) {
+                constexpr int EXCHANGES = 24;
+                Samples samples;
+                // Client and service connect anew each time.
+                takeSamples(effort.connections, effort, [&] {
+                    auto const request = library.makeRequester(broker.port());
+                    for (int i = 0; i < EXCHANGES; ++i) {
+                        samples.push_back(microsecondsOf(request));
+                    }
+                });
+                return Figures{{"p50", "us", percentile(samples, 0.5)},
+                               {"p99", "us", percentile(samples, 0.99)},
+                               {"slowest", "us", percentile(samples, 1)}};
+            }};
+}
+
 std::vector<Measurement> allMeasurements(Effort const& effort) {
     std::vector<Measurement> all;
     for (int const qos : {0, 1, 2}) {
-        for (std::size_t const size : {std::size_t{64}, std::size_t{1024}}) {
-            all.push_back(throughputOf(qos, size, effort));
-        }
+        all.push_back(throughput(qos, 64, effort));
+        all.push_back(throughput(qos, 1024, effort));
     }
-    all.push_back(valueThroughputOf("values-communication", Document::COMMUNICATION, effort));
-    all.push_back(valueThroughputOf("values-identification", Document::IDENTIFICATION, effort));
-    all.push_back(acknowledgementOf(1, effort));
-    all.push_back(acknowledgementOf(2, effort));
-    using Payload = std::string const&;
-    all.push_back(exchangeOf("round-trip", effort,
-                             [](Dialogue& dialogue, Payload text) { dialogue.ask(text, 1); }));
-    all.push_back(exchangeOf("burst-of-four", effort,
-                             [](Dialogue& dialogue, Payload text) { dialogue.ask(text, 4); }));
-    all.push_back(exchangeOf("subscribe-and-ask", effort,
-                             [](Dialogue& dialogue, Payload text) { dialogue.askAnew(text); }));
-    all.push_back({"request-reply", [effort](Party& party, BrokerProcess const& broker) {
-                       return requests(party, broker, effort);
-                   }});
-    all.push_back({"connect", [effort](Party& party, BrokerProcess const& broker) {
-                       return connecting(party, broker, effort);
-                   }});
+    all.push_back(valueThroughput("values-communication", Document::COMMUNICATION, effort));
+    all.push_back(valueThroughput("values-identification", Document::IDENTIFICATION, effort));
+    all.push_back(acknowledgement(1, effort));
+    all.push_back(acknowledgement(2, effort));
+    all.push_back(dialogue("round-trip", effort, [](Dialogue& both) { both.ask(1); }));
+    all.push_back(dialogue("burst-of-four", effort, [](Dialogue& both) { both.ask(4); }));
+    all.push_back(requestReply(effort));
+    all.push_back(connecting(effort));
     return all;
 }
 

@@ -1,29 +1,50 @@
 #pragma once
 
-#include "broker_process.hpp"
-#include "options.hpp"
-#include "party.hpp"
+#include "benchmark_broker.hpp"
+#include "benchmark_client.hpp"
+#include "program.hpp"
 
+#include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
 namespace bench {
 
-/// One number of one run of one party.
+using ClientLibraries = std::vector<std::unique_ptr<ClientLibrary>>;
+
+/// What a connected client holds that does nothing: memory, threads, descriptors. To be called
+/// while the process has only one thread.
+void measureIdleClients(Options const& options, ClientLibraries const& libraries);
+
+/// How far the time base's estimate of a server's clock is from the truth after the first
+/// synchronisation.
+void measureTimeBase(Options const& options);
+
+/// How much one repetition does.
+struct Effort {
+    std::uint64_t messages = 20000;          ///< in a throughput run; five times as many at QoS 0
+    unsigned latencies = 1000;               ///< at most
+    unsigned connections = 200;              ///< at most
+    double longestSecondsForLatencies = 4.0; ///< ends the taking of latencies and connections
+};
+
 struct Figure {
-    std::string name;
-    std::string unit;
-    double value; ///< not a number: the party does not tell
+    char const* name;
+    char const* unit;
+    double value;
 };
 
 struct Measurement {
     std::string name;
-    /// Makes clients of the party, takes the figures (always the same ones in the same order)
-    /// and leaves nothing behind.
-    std::function<std::vector<Figure>(Party&, BrokerProcess const&)> run;
+    /// Makes clients of the library, measures, and leaves nothing behind.
+    std::function<std::vector<Figure>(ClientLibrary const&, BenchmarkBroker const&)> run;
 };
 
+/// All but the next one.
 std::vector<Measurement> allMeasurements(Effort const& effort);
+/// The first 24 requests of each of many connections.
+Measurement firstExchanges(Effort const& effort);
 
 } // namespace bench

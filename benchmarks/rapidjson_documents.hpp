@@ -1,40 +1,164 @@
 #pragma once
 
+#include "samples.hpp"
+
 #include <mqtt/link.hpp>
 #include <mqtt/payloads.hpp>
 #include <mqtt/request_reply.hpp>
 
-#include <cstddef>
+#include <rapidjson/document.h>
+#include <rapidjson/stringbuffer.h>
+#include <rapidjson/writer.h>
+
+#include <stdexcept>
 #include <string>
+#include <type_traits>
 #include <vector>
 
-/// The documents as a user of bare RapidJSON would write and read them: a writer into a buffer,
-/// and a document whose members are looked up and checked.
+/// The documents as a user of RapidJSON alone would write and read them: a Writer into a buffer,
+/// and a Document whose members are looked up and checked.
 namespace bench::rapid {
 
-/// Writes a document, which is then thrown away.
-/// @return its length
-std::size_t write(conv::CommunicationStatus const& value);
-std::size_t write(conv::Identification const& value);
-std::size_t write(conv::ServiceStatus const& value);
-std::size_t write(mqtt::Link const& value);
-std::size_t write(std::vector<mqtt::Link> const& value);
-std::size_t write(mqtt::RequestReply::Request const& value);
-std::size_t write(mqtt::RequestReply::Reply const& value);
+using Writer = rapidjson::Writer<rapidjson::StringBuffer>;
 
-/// Writes a document for somebody who keeps it.
-std::string text(conv::CommunicationStatus const& value);
-std::string text(conv::Identification const& value);
+// visitMembers() calls `visit(key, member)` for each member of a value.
 
-/// Reads a document.
-/// @throws std::runtime_error when something is missing: a comparison of which one side failed
+template <class Visit>
+void visitMembers(conv::CommunicationStatus& value, Visit visit) {
+    visit("state", value.state);
+    visit("since", value.since.seconds);
+}
+
+template <class Visit>
+void visitMembers(conv::Identification& value, Visit visit) {
+    visit("uuid", value.uuid);
+    visit("manufacturer", value.manufacturer);
+    visit("model", value.model);
+    visit("serial", value.serial);
+    visit("physicalName", value.physicalName);
+    visit("name", value.name);
+    visit("interface", value.interface);
+    visit("version", value.version);
+    visit("location", value.location);
+    visit("contact", value.contact);
+}
+
+template <class Visit>
+void visitMembers(conv::ServiceStatus& value, Visit visit) {
+    visit("operating", value.operating);
+    visit("health", value.health);
+}
+
+template <class Visit>
+void visitMembers(mqtt::Link& value, Visit visit) {
+    visit("@id", value.id);
+}
+
+template <class Visit>
+void visitMembers(mqtt::RequestReply::Reply& value, Visit visit) {
+    visit("$reqId", value.requestId);
+    visit("$err", value.error);
+    visit("text", static_cast<Text&>(*value.data).text);
+}
+
+struct WriteMember {
+    template <class Member>
+    void operator()(char const* key, Member const& member) const {
+        out.Key(key);
+        if constexpr (std::is_same_v<Member, std::string>) {
+            out.String(member.data(), static_cast<rapidjson::SizeType>(member.size()));
+        } else if constexpr (std::is_floating_point_v<Member>) {
+            out.Double(member);
+        } else {
+            out.Uint(static_cast<unsigned>(member));
+        }
+    }
+
+    Writer& out;
+};
+
+inline void require(bool condition) {
+    if (!condition) {
+        throw std::runtime_error("RapidJSON cannot read a document");
+    }
+}
+
+struct ReadMember {
+    template <class Member>
+    void operator()(char const* key, Member& member) const {
+        auto const& value = find(key);
+        if constexpr (std::is_same_v<Member, std::string>) {
+            require(value.IsString());
+            member.assign(value.GetString(), value.GetStringLength());
+        } else if constexpr (std::is_floating_point_v<Member>) {
+            require(value.IsNumber());
+            member = value.GetDouble();
+        } else {
+            require(value.IsUint());
+            member = static_cast<Member>(value.GetUint());
+        }
+    }
+
+    rapidjson::Value const& find(char const* key) const {
+        auto const member = object.FindMember(key);
+        require(member != object.MemberEnd());
+        return member->value;
+    }
+
+    rapidjson::Value const& object;
+};
+
+template <class T>
+void writeObject(Writer& out, T& value) {
+    out.StartObject();
+    visitMembers(value, WriteMember{out});
+    out.EndObject();
+}
+
+inline void writeObject(Writer& out, std::vector<mqtt::Link>& links) {
+    out.StartObject();
+    WriteMember{out}("members@count", links.size());
+    out.Key("members");
+    out.StartArray();
+    for (auto& link : links) {
+        writeObject(out, link);
+    }
+    out.EndArray();
+    out.EndObject();
+}
+
+template <class T>
+void readObject(rapidjson::Value const& object, T& value) {
+    require(object.IsObject());
+    visitMembers(value, ReadMember{object});
+}
+
+inline void readObject(rapidjson::Value const& object, std::vector<mqtt::Link>& links) {
+    require(object.IsObject());
+    auto const& members = ReadMember{object}.find("members");
+    require(members.IsArray());
+    links.clear();
+    links.reserve(members.Size());
+    for (auto const& member : members.GetArray()) {
+        readObject(member, links.emplace_back());
+    }
+}
+
+template <class T>
+rapidjson::StringBuffer write(T& value) {
+    rapidjson::StringBuffer buffer;
+    Writer out(buffer);
+    writeObject(out, value);
+    return buffer;
+}
+
+/// @throws std::runtime_error when something is missing: a comparison in which one side failed
 ///         shows nothing
-void read(std::string const& text, conv::CommunicationStatus& value);
-void read(std::string const& text, conv::Identification& value);
-void read(std::string const& text, conv::ServiceStatus& value);
-void read(std::string const& text, mqtt::Link& value);
-void read(std::string const& text, std::vector<mqtt::Link>& value);
-void read(std::string const& text, mqtt::RequestReply::Request& value);
-void read(std::string const& text, mqtt::RequestReply::Reply& value);
+template <class T>
+void read(std::string const& text, T& value) {
+    rapidjson::Document document;
+    require(!document.Parse(text.data(), text.size()).HasParseError());
+    readObject(document, value);
+}
 
 } // namespace bench::rapid

@@ -118,10 +118,10 @@ protected:
     template <class Object>
     static void destroy(std::unique_ptr<Object>& object,
                         std::vector<std::function<void()>> const& waits) {
-        std::deque<Sleeper> sleepers;
+        std::deque<BlockingThread> sleepers;
         for (auto const& wait : waits) {
             sleepers.emplace_back(wait);
-            ASSERT_TRUE(sleepers.back().fallsAsleep());
+            ASSERT_TRUE(sleepers.back().isBlocked());
         }
         object.reset();
     }

@@ -1,9 +1,9 @@
-// The client and its timer, in moments that are rare with a real one.
+// The client with a timer that expires when the test says so.
 
-#include "requestreply/client_frame.hpp"
-#include "requestreply/sleeper.hpp"
-#include "support/manual_timer.hpp"
+#include "requestreply/blocking_thread.hpp"
+#include "requestreply/client_fixture.hpp"
 #include "support/adjustable_clock.hpp"
+#include "support/manual_timer.hpp"
 #include "support/temp_dir.hpp"
 
 #include <array>
@@ -21,16 +21,14 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
 
-constexpr auto WITHOUT_LIMIT = UINT32_MAX;
-
-class AClientWithATimerInOurHand : public ClientOnABroker {
+class AClientWithAHandDrivenTimer : public ClientOnABroker {
 protected:
-    AClientWithATimerInOurHand() { manual_timer::reset(); }
-    ~AClientWithATimerInOurHand() override { manual_timer::reset(); }
+    AClientWithAHandDrivenTimer() { manual_timer::reset(); }
+    ~AClientWithAHandDrivenTimer() override { manual_timer::reset(); }
 };
 
-TEST_F(AClientWithATimerInOurHand, ArmsItForTheTimeOutInMilliseconds) {
-    for (std::uint32_t const timeout : {0U, 1U, 3600U, WITHOUT_LIMIT - 1}) {
+TEST_F(AClientWithAHandDrivenTimer, ArmsItForTheTimeOutInMilliseconds) {
+    for (std::uint32_t const timeout : {0U, 1U, 3600U, NO_TIME_LIMIT - 1}) {
         ASSERT_EQ(request(timeout), Code::PENDING);
         auto const record = manual_timer::record();
         EXPECT_TRUE(record.armed);
@@ -41,19 +39,10 @@ TEST_F(AClientWithATimerInOurHand, ArmsItForTheTimeOutInMilliseconds) {
     }
 }
 
-TEST_F(AClientWithATimerInOurHand, ArmsNothingWithoutLimit) {
-    ASSERT_EQ(request(WITHOUT_LIMIT), Code::PENDING);
-    EXPECT_EQ(manual_timer::record().restarts, 0);
-}
-
-TEST_F(AClientWithATimerInOurHand, ArmsNothingWhenItWaitsItself) {
+TEST_F(AClientWithAHandDrivenTimer, ArmsItForNoOtherRequest) {
     EXPECT_EQ(requestWait(1), Code::TIMEOUT);
-    EXPECT_EQ(manual_timer::record().restarts, 0);
     EXPECT_THAT(seen(), SizeIs(1)) << "only the request, and no time-out reply";
-}
-
-TEST_F(AClientWithATimerInOurHand, ArmsNothingForWhatItRefuses) {
-    ASSERT_EQ(request(WITHOUT_LIMIT), Code::PENDING);
+    ASSERT_EQ(request(NO_TIME_LIMIT), Code::PENDING);
     EXPECT_EQ(request(1), Code::BUSY);
     client->terminate();
     EXPECT_EQ(request(1), Code::CANCELLED);
@@ -61,19 +50,19 @@ TEST_F(AClientWithATimerInOurHand, ArmsNothingForWhatItRefuses) {
     EXPECT_EQ(manual_timer::record().terminations, 1);
 }
 
-TEST_F(AClientWithATimerInOurHand, StopsItWithTheReply) {
+TEST_F(AClientWithAHandDrivenTimer, StopsItWithTheReply) {
     ASSERT_EQ(request(), Code::PENDING);
     reply(replyText(requestId, 1));
     ASSERT_TRUE(recorder.waitForCount(1));
     EXPECT_FALSE(manual_timer::record().armed);
 }
 
-TEST_F(AClientWithATimerInOurHand, PublishesNoTimeOutReplyOfTheNextRequest) {
+TEST_F(AClientWithAHandDrivenTimer, PublishesNoTimeOutReplyForTheNextRequest) {
     ASSERT_EQ(request(0), Code::PENDING);
     client->cancel();
-    for (std::uint32_t const timeout : {AN_HOUR, WITHOUT_LIMIT}) {
+    for (std::uint32_t const timeout : {LONG_TIMEOUT_S, NO_TIME_LIMIT}) {
         ASSERT_EQ(request(timeout), Code::PENDING);
-        // Of the first request: the timer's thread was slow.
+        // The late expiry of the first request.
         manual_timer::expire();
         receiveAll();
         EXPECT_EQ(request(), Code::BUSY);
@@ -85,7 +74,7 @@ TEST_F(AClientWithATimerInOurHand, PublishesNoTimeOutReplyOfTheNextRequest) {
     EXPECT_THAT(recorder.errors(), ElementsAre(Code::CANCELLED, Code::CANCELLED, Code::CANCELLED));
 }
 
-TEST_F(AClientWithATimerInOurHand, IgnoresTheLateTimeOutReplyOfAnEarlierRequest) {
+TEST_F(AClientWithAHandDrivenTimer, IgnoresTheLateTimeOutReplyOfAnEarlierRequest) {
     ASSERT_EQ(request(0), Code::PENDING);
     auto const first = requestId;
     client->cancel();
@@ -99,7 +88,7 @@ TEST_F(AClientWithATimerInOurHand, IgnoresTheLateTimeOutReplyOfAnEarlierRequest)
     EXPECT_THAT(recorder.errors(), ElementsAre(Code::CANCELLED, Code::SUCCESS));
 }
 
-TEST_F(AClientWithATimerInOurHand, QueuesOneTimeOutReplyWithoutAConnection) {
+TEST_F(AClientWithAHandDrivenTimer, QueuesOneTimeOutReplyWithoutAConnection) {
     ASSERT_EQ(mqtt->disconnect(30), mqtt::MqttClient::Error::SUCCESS);
     ASSERT_EQ(request(0), Code::PENDING);
     for (int expiry = 0; expiry < 5; ++expiry) {
@@ -112,8 +101,8 @@ TEST_F(AClientWithATimerInOurHand, QueuesOneTimeOutReplyWithoutAConnection) {
     EXPECT_THAT(seen(), SizeIs(2)) << "the request and its time-out reply";
 }
 
-/// The broker denies the topics, but says nothing of it.
-class ADeniedRequest : public AClientWithATimerInOurHand {
+/// The broker denies the topics without an error.
+class ADeniedRequest : public AClientWithAHandDrivenTimer {
 protected:
     ADeniedRequest() {
         support::BrokerOptions options;
@@ -135,13 +124,13 @@ protected:
     std::unique_ptr<support::Broker> denying;
 };
 
-TEST_F(ADeniedRequest, EndsAfterTwoTimeOutRepliesInVain) {
+TEST_F(ADeniedRequest, EndsAfterTwoTimeOutRepliesThatDoNotComeBack) {
     ASSERT_EQ(request(0), Code::PENDING);
     manual_timer::expire();
     EXPECT_EQ(manual_timer::record().period, seconds(1));
     EXPECT_TRUE(manual_timer::record().armed);
     manual_timer::expire();
-    EXPECT_EQ(requestWait(), Code::BUSY) << "the second one is still to come back";
+    EXPECT_EQ(requestWait(), Code::BUSY) << "the second time-out reply may still come back";
     manual_timer::expire();
     manual_timer::expire();
     ASSERT_THAT(recorder.calls(), SizeIs(1));
@@ -164,9 +153,9 @@ TEST_F(ADeniedRequest, StaysPendingWhileThereIsNoConnection) {
     EXPECT_THAT(recorder.errors(), ElementsAre(Code::TIMEOUT));
 }
 
-TEST_F(AClientWithATimerInOurHand, EndsARequestToATopicThatCannotBeWhenItsTimeIsOver) {
+TEST_F(AClientWithAHandDrivenTimer, EndsARequestToAnInvalidTopicAfterItsTimeout) {
     for (bool const connected : {true, false}) {
-        client = makeClient("+"); // and "+??" is no topic
+        client = makeClient("+"); // "+??" is no valid topic
         if (!connected) {
             ASSERT_EQ(mqtt->disconnect(30), mqtt::MqttClient::Error::SUCCESS);
         }
@@ -180,70 +169,70 @@ TEST_F(AClientWithATimerInOurHand, EndsARequestToATopicThatCannotBeWhenItsTimeIs
     EXPECT_THAT(peer.messages(), IsEmpty());
 }
 
-// Long enough for a reply to come first, also on a busy machine; nobody waits that long.
-constexpr unsigned PATIENCE_OF_THE_WAITER = 25; // seconds
+/// Long enough for the reply to come first, also on a busy machine. The clock leaps over it.
+constexpr unsigned WAIT_S = 25;
 
-/// Lets the deadline of the one who waits pass within the end of a request, of which nobody can
-/// know before.
-void endTheRequestUntilTheWaiterIsLate() {
+/// Lets the deadline of a waiting thread pass while the request is being ended.
+void passTheDeadlineWhileTheRequestEnds() {
     manual_timer::onStop([] {
-        adjustable_clock::advance(seconds(PATIENCE_OF_THE_WAITER));
+        adjustable_clock::advance(seconds(WAIT_S));
         manual_timer::onStop(nullptr);
     });
 }
 
-TEST_F(AClientWithATimerInOurHand, TellsWaiterAndListenerDifferentThingsWhenTheWaiterIsLate) {
-    ASSERT_EQ(request(WITHOUT_LIMIT), Code::PENDING);
+TEST_F(AClientWithAHandDrivenTimer, ReportsTimeoutToALateWaiterAndTheReplyToTheListener) {
+    ASSERT_EQ(request(NO_TIME_LIMIT), Code::PENDING);
     Code result = Code::NONE;
-    Sleeper waiter([&] { result = client->waitEndOfRequest(PATIENCE_OF_THE_WAITER); });
-    ASSERT_TRUE(waiter.fallsAsleep());
-    endTheRequestUntilTheWaiterIsLate();
+    BlockingThread waiter([&] { result = client->waitEndOfRequest(WAIT_S); });
+    ASSERT_TRUE(waiter.isBlocked());
+    passTheDeadlineWhileTheRequestEnds();
     reply(replyText(requestId, 17));
     waiter.join();
     EXPECT_EQ(result, Code::TIMEOUT);
     ASSERT_TRUE(recorder.waitForCount(1));
-    EXPECT_THAT(recorder.errors(), ElementsAre(FAILURE_OF_THE_SERVICE));
-    EXPECT_EQ(client->waitEndOfRequest(AN_HOUR), Code::TIMEOUT) << "as the last wait said";
+    EXPECT_THAT(recorder.errors(), ElementsAre(SERVICE_ERROR));
+    EXPECT_EQ(client->waitEndOfRequest(LONG_TIMEOUT_S), Code::TIMEOUT)
+        << "as the last wait returned";
 }
 
-TEST_F(AClientWithATimerInOurHand, TellsThePatientWhatTheReplySaysWhenAnotherWaiterIsLate) {
-    ASSERT_EQ(request(WITHOUT_LIMIT), Code::PENDING);
+TEST_F(AClientWithAHandDrivenTimer, ReportsTheReplyToTheOtherWaitersOfALateOne) {
+    ASSERT_EQ(request(NO_TIME_LIMIT), Code::PENDING);
     std::array<Code, 8> results{};
-    std::deque<Sleeper> waiters;
-    waiters.emplace_back([&] { client->waitEndOfRequest(PATIENCE_OF_THE_WAITER); });
+    std::deque<BlockingThread> waiters;
+    waiters.emplace_back([&] { client->waitEndOfRequest(WAIT_S); });
     for (auto& result : results) {
-        waiters.emplace_back([&] { result = client->waitEndOfRequest(WITHOUT_LIMIT); });
+        waiters.emplace_back([&] { result = client->waitEndOfRequest(NO_TIME_LIMIT); });
     }
     for (auto const& waiter : waiters) {
-        ASSERT_TRUE(waiter.fallsAsleep());
+        ASSERT_TRUE(waiter.isBlocked());
     }
-    endTheRequestUntilTheWaiterIsLate();
+    passTheDeadlineWhileTheRequestEnds();
     reply(replyText(requestId, 17));
     waiters.clear();
-    EXPECT_THAT(results, Each(FAILURE_OF_THE_SERVICE));
+    EXPECT_THAT(results, Each(SERVICE_ERROR));
 }
 
-TEST_F(AClientWithATimerInOurHand, LeavesTheNextRequestToItselfWhenTheWaitersAreLate) {
+TEST_F(AClientWithAHandDrivenTimer, DoesNotEndTheNextRequestForLateWaiters) {
     ReplyRecorder next;
     unsigned int nextId = 0;
-    ReplyRecorder first([&](Call const&) {
-        EXPECT_EQ(client->request(&next, id, Uuid::NIL, nullptr, replyData, &nextId, WITHOUT_LIMIT),
+    ReplyRecorder first([&](ReplyCall const&) {
+        EXPECT_EQ(client->request(&next, id, Uuid::NIL, nullptr, replyData, &nextId, NO_TIME_LIMIT),
                   Code::PENDING);
     });
-    // However this ends: the client tells nobody who is gone.
+    // Also when an assertion fails: the client must not call a listener that is gone.
     std::shared_ptr<void> const end(nullptr, [&](auto) { client.reset(); });
-    ASSERT_EQ(client->request(&first, id, Uuid::NIL, nullptr, replyData, &requestId, WITHOUT_LIMIT),
+    ASSERT_EQ(client->request(&first, id, Uuid::NIL, nullptr, replyData, &requestId, NO_TIME_LIMIT),
               Code::PENDING);
-    // Many, or the only one might get to know of the end before the next request is made.
+    // Several, because one alone may wake up before the next request is made.
     std::array<Code, 8> results{};
-    std::deque<Sleeper> waiters;
+    std::deque<BlockingThread> waiters;
     for (auto& result : results) {
-        waiters.emplace_back([&] { result = client->waitEndOfRequest(PATIENCE_OF_THE_WAITER); });
+        waiters.emplace_back([&] { result = client->waitEndOfRequest(WAIT_S); });
     }
     for (auto const& waiter : waiters) {
-        ASSERT_TRUE(waiter.fallsAsleep());
+        ASSERT_TRUE(waiter.isBlocked());
     }
-    endTheRequestUntilTheWaiterIsLate();
+    passTheDeadlineWhileTheRequestEnds();
     reply(replyText(requestId, 17));
     waiters.clear();
     EXPECT_THAT(results, Each(Code::TIMEOUT));
@@ -252,7 +241,7 @@ TEST_F(AClientWithATimerInOurHand, LeavesTheNextRequestToItselfWhenTheWaitersAre
     requestId = idIn(peer.payloads()[2]);
     reply(replyText(requestId, 1));
     ASSERT_TRUE(next.waitForCount(1));
-    EXPECT_THAT(first.errors(), ElementsAre(FAILURE_OF_THE_SERVICE));
+    EXPECT_THAT(first.errors(), ElementsAre(SERVICE_ERROR));
     EXPECT_THAT(next.errors(), ElementsAre(Code::SUCCESS));
 }
 

@@ -1,0 +1,45 @@
+#pragma once
+
+#include "program.hpp"
+#include "resources.hpp"
+
+#include "support/broker.hpp"
+
+#include <ctime>
+#include <string>
+#include <system_error>
+
+namespace bench {
+
+/// A broker that logs no more than one without any configuration does. The tests' broker would log
+/// every packet.
+class BenchmarkBroker {
+public:
+    explicit BenchmarkBroker(char const* configuration)
+        : description(configuration), broker_(options(std::string(configuration) == NODELAY)) {
+        if (int const code = ::clock_getcpuclockid(broker_.pid(), &clock_); code != 0) {
+            throw std::system_error(code, std::generic_category(), "the broker's processor time");
+        }
+    }
+
+    int port() const { return broker_.port(); }
+    /// Processor time used so far, in seconds.
+    double cpuSeconds() const { return bench::cpuSeconds(clock_); }
+
+    char const* const description;
+
+private:
+    static support::BrokerOptions options(bool nodelay) {
+        support::BrokerOptions options;
+        options.nodelay = nodelay;
+        // `none` cancels what the tests' configuration says; the others are the broker's default.
+        options.extraLines = {"log_type none", "log_type error", "log_type warning",
+                              "log_type notice", "log_type information"};
+        return options;
+    }
+
+    support::Broker broker_;
+    clockid_t clock_{};
+};
+
+} // namespace bench
