@@ -3,7 +3,7 @@
 
 #include "callback_test.hpp"
 
-#include "requestreply/sleeper.hpp"
+#include "requestreply/blocking_thread.hpp"
 
 #include <deque>
 #include <functional>
@@ -118,10 +118,10 @@ protected:
     template <class Object>
     static void destroy(std::unique_ptr<Object>& object,
                         std::vector<std::function<void()>> const& waits) {
-        std::deque<BlockingThread> sleepers;
+        std::deque<BlockingThread> waiting;
         for (auto const& wait : waits) {
-            sleepers.emplace_back(wait);
-            ASSERT_TRUE(sleepers.back().isBlocked());
+            waiting.emplace_back(wait);
+            ASSERT_TRUE(waiting.back().isBlocked());
         }
         object.reset();
     }

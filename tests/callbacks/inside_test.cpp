@@ -286,7 +286,7 @@ Operations const& operations() {
     return all;
 }
 
-/// What the table says; "" when it has no such operation.
+/// The cell of the table; "" when it has no such operation.
 std::string cell(std::string const& operation, Column column) {
     static auto const rows = tableOfTheGuide(HEADING);
     for (auto const& row : rows) {
@@ -300,7 +300,7 @@ std::string cell(std::string const& operation, Column column) {
 std::map<std::string, Verdict> const VERDICTS{
     {"yes", Verdict::WORKS}, {"refused", Verdict::REFUSED}, {"in vain", Verdict::IN_VAIN}};
 
-/// The operations to call inside a callback that the table allows there, with what it says.
+/// The operations to call inside a callback, with the table's verdict, if it allows them there.
 std::map<std::string, Verdict> calls(Callback const& callback) {
     std::map<std::string, Verdict> result;
     for (auto const& operation : operations()) {

@@ -30,7 +30,7 @@ struct Repeated {
     int rounds = ROUNDS;
 };
 
-/// Each of the calls on a thread of its own, again and again.
+/// Makes each of the calls repeatedly, on a thread of its own.
 void allAtOnce(std::vector<Repeated> const& calls) {
     std::atomic<std::size_t> ready{0};
     std::vector<std::thread> threads;

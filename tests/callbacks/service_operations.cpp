@@ -18,7 +18,7 @@ void makeRequester(Test& t) {
     t.objects.makeRequester("echo");
 }
 
-/// For a service that nobody offers; in its own callback, which is a reply, for one that exists:
+/// For a service without a server; in its own callback, which is a reply, for one that exists:
 /// the next reply cannot arrive before that callback returns.
 void makeUnansweredRequester(Test& t) {
     t.objects.makeRequester(t.sameObject ? "echo" : "nobody");

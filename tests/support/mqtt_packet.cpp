@@ -1,7 +1,5 @@
 #include "support/mqtt_packet.hpp"
 
-#include <array>
-#include <ostream>
 #include <stdexcept>
 
 namespace support {
@@ -85,10 +83,6 @@ MqttPacket decode(unsigned head, Body body) {
     case PacketType::CONNECT:
         readConnect(packet, body);
         break;
-    case PacketType::CONNACK:
-        body.byte(); // session present
-        packet.code = body.byte();
-        break;
     case PacketType::PUBLISH:
         readPublish(packet, body, head & 0xFU);
         break;
@@ -96,12 +90,8 @@ MqttPacket decode(unsigned head, Body body) {
     case PacketType::UNSUBSCRIBE:
         readTopics(packet, body);
         break;
-    case PacketType::PINGREQ:
-    case PacketType::PINGRESP:
-    case PacketType::DISCONNECT:
-        break;
-    default: // the acknowledgements
-        packet.mid = body.number();
+    default: // the acknowledgements; PINGREQ and DISCONNECT have no body
+        packet.mid = body.empty() ? 0 : body.number();
         break;
     }
     return packet;
@@ -147,14 +137,13 @@ std::optional<MqttPacket> MqttReader::next() {
     return decode(head, std::move(body));
 }
 
-std::string connack(int code, bool sessionPresent) {
-    return packetOf(PacketType::CONNACK, 0,
-                    {static_cast<char>(sessionPresent), static_cast<char>(code)});
+std::string connack(int code) {
+    return packetOf(PacketType::CONNACK, 0, {'\0', static_cast<char>(code)});
 }
 
 std::string publishPacket(std::string const& topic, std::string const& payload, int qos,
-                          bool retain, std::uint16_t mid, bool dup) {
-    unsigned const flags = (dup ? 8U : 0U) | static_cast<unsigned>(qos) << 1U | (retain ? 1U : 0U);
+                          bool retain, std::uint16_t mid) {
+    unsigned const flags = static_cast<unsigned>(qos) << 1U | (retain ? 1U : 0U);
     std::string const id = qos > 0 ? number(mid) : std::string();
     return packetOf(PacketType::PUBLISH, flags,
                     number(static_cast<std::uint16_t>(topic.size())) + topic + id + payload);
@@ -164,22 +153,12 @@ std::string acknowledgement(PacketType type, std::uint16_t mid) {
     return packetOf(type, type == PacketType::PUBREL ? 2 : 0, number(mid));
 }
 
-std::string suback(std::uint16_t mid, std::vector<std::uint8_t> const& granted) {
-    return packetOf(PacketType::SUBACK, 0,
-                    number(mid) + std::string(granted.begin(), granted.end()));
+std::string suback(std::uint16_t mid, std::size_t topics) {
+    return packetOf(PacketType::SUBACK, 0, number(mid) + std::string(topics, '\0'));
 }
 
 std::string pingresp() {
     return packetOf(PacketType::PINGRESP, 0, {});
-}
-
-std::ostream& operator<<(std::ostream& out, PacketType type) {
-    constexpr std::array<char const*, 15> NAMES{"?",         "CONNECT",  "CONNACK",     "PUBLISH",
-                                                "PUBACK",    "PUBREC",   "PUBREL",      "PUBCOMP",
-                                                "SUBSCRIBE", "SUBACK",   "UNSUBSCRIBE", "UNSUBACK",
-                                                "PINGREQ",   "PINGRESP", "DISCONNECT"};
-    auto const index = static_cast<std::size_t>(type);
-    return out << (index < NAMES.size() ? NAMES[index] : NAMES[0]);
 }
 
 } // namespace support

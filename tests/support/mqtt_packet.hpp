@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <iosfwd>
 #include <optional>
 #include <string>
 #include <vector>
@@ -26,9 +25,8 @@ enum class PacketType : std::uint8_t {
     DISCONNECT = 14
 };
 
-std::ostream& operator<<(std::ostream& out, PacketType type);
-
-/// One control packet, decoded. Fields that its type does not have keep their defaults.
+/// One control packet from a client, decoded. Fields that its type does not have keep their
+/// defaults.
 struct MqttPacket {
     PacketType type{};
     std::uint16_t mid = 0; ///< all acknowledgements, SUBSCRIBE, UNSUBSCRIBE, PUBLISH above QoS 0
@@ -45,8 +43,6 @@ struct MqttPacket {
     bool cleanSession = false; ///< CONNECT
     bool hasWill = false;      ///< CONNECT
     int keepAlive = 0;         ///< CONNECT, seconds
-
-    int code = 0; ///< CONNACK
 };
 
 /// Splits a stream of bytes into packets.
@@ -62,12 +58,13 @@ private:
 };
 
 // What a server sends.
-std::string connack(int code, bool sessionPresent = false);
+std::string connack(int code);
 std::string publishPacket(std::string const& topic, std::string const& payload, int qos,
-                          bool retain, std::uint16_t mid, bool dup = false);
+                          bool retain, std::uint16_t mid);
 /// PUBACK, PUBREC, PUBREL, PUBCOMP or UNSUBACK.
 std::string acknowledgement(PacketType type, std::uint16_t mid);
-std::string suback(std::uint16_t mid, std::vector<std::uint8_t> const& granted);
+/// Grants QoS 0 to that many topics.
+std::string suback(std::uint16_t mid, std::size_t topics);
 std::string pingresp();
 
 } // namespace support

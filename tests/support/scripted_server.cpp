@@ -30,7 +30,7 @@ std::string answerTo(MqttPacket const& packet) {
     case PacketType::PUBREL:
         return acknowledgement(PacketType::PUBCOMP, packet.mid);
     case PacketType::SUBSCRIBE:
-        return suback(packet.mid, std::vector<std::uint8_t>(packet.topics.size(), 0));
+        return suback(packet.mid, packet.topics.size());
     case PacketType::UNSUBSCRIBE:
         return acknowledgement(PacketType::UNSUBACK, packet.mid);
     case PacketType::PINGREQ:
@@ -72,7 +72,7 @@ void ScriptedServer::setMode(Mode mode) {
 }
 
 /// With a queue for one connection and that place taken the kernel drops every further attempt,
-/// and clients try to connect again and again.
+/// and clients repeat theirs.
 void ScriptedServer::fillBacklog() {
     ::listen(listener_.get(), 0);
     auto const full = [this] { return waitingConnections(listener_) > 0; };

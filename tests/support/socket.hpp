@@ -27,7 +27,7 @@ int unsentBytes(FileDescriptor const& socket);
 /// The number of connections that wait to be accepted.
 int waitingConnections(FileDescriptor const& listener);
 
-/// Writes everything, waiting for room. @return false when the connection is gone
+/// Writes everything, waiting for room. @return false when the connection is lost
 bool sendAll(FileDescriptor const& socket, std::string const& bytes);
 
 /// Both ends of one TCP connection.
