@@ -57,9 +57,9 @@ static std::shared_ptr<RequestReplyNoData> const NO_DATA = std::make_shared<Requ
 /// The common base of client and server of a request/reply service: its name, its place below the
 /// base topic, and one endpoint for requests and one for replies.
 ///
-/// With base "svc", sub-path "time", name "sync", no server identifier and a client u1, the topic
-/// of a request is svc/time/sync??/u1, and that of its reply svc/time/sync?=/u1. A server
-/// identifier is a segment after the base.
+/// With base "svc", sub-path "time", name "sync", no server identifier and a client u1, a request
+/// is published on the level u1 below svc/time/sync??, and its reply on the level u1 below
+/// svc/time/sync?=. A server identifier is a segment after the base.
 class ZYM_MQTT_EXPORT RequestReply {
 public:
     /// Outcome of a request. Travels as a number; codes without a name are legal and unchanged.

@@ -74,7 +74,6 @@ std::vector<Link> linksOf(MqttDataCollection<Link>& collection) {
 } // namespace
 
 test_error::test_error() : std::runtime_error("") {}
-
 test_error::~test_error() = default;
 
 CleanTopicChecker::CleanTopicChecker() : client(Uuid(0), false, "", HOST, PORT, true) {}
