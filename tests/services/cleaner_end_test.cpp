@@ -148,16 +148,16 @@ class TheEndOfACleanerInItsListener : public TheEndOfACleaner,
                                       public testing::WithParamInterface<EndInACall> {};
 
 TEST_P(TheEndOfACleanerInItsListener, EndsWaitsAndLaterCalls) {
-    auto own = std::make_unique<CleanerRecorder>();
-    replace(own.get());
-    own->setHook([&](auto const& call) {
+    auto doomed = std::make_unique<CleanerRecorder>();
+    replace(doomed.get());
+    doomed->setHook([&](auto const& call) {
         if (call != GetParam().call) {
             return;
         }
-        EXPECT_EQ(own->calls(), GetParam().calls);
+        EXPECT_EQ(doomed->calls(), GetParam().calls);
         if (GetParam().destroys) {
             cleaner.reset();
-            own.reset();
+            doomed.reset();
         } else {
             cleaner->terminate();
         }
@@ -170,9 +170,9 @@ TEST_P(TheEndOfACleanerInItsListener, EndsWaitsAndLaterCalls) {
     expire();
     waiter.join();
     EXPECT_EQ(standIn->gone(), GetParam().destroys);
-    EXPECT_EQ(own == nullptr, GetParam().destroys);
-    if (own) {
-        EXPECT_EQ(own->calls(), GetParam().calls);
+    EXPECT_EQ(doomed == nullptr, GetParam().destroys);
+    if (doomed) {
+        EXPECT_EQ(doomed->calls(), GetParam().calls);
         EXPECT_TRUE(cleaner->waitAllTasks(milliseconds(0)));
         cleaner.reset();
     }
