@@ -4,19 +4,19 @@
 
 #include <string>
 
-/// An endpoint whose topics can be asked for.
+/// An endpoint whose topics are public.
 template <class T>
 class Endpoint : public mqtt::MqttData<T> {
 public:
     using mqtt::MqttData<T>::MqttData;
 
     std::string publishTopic() {
-        mqtt::Topic topic = "what stood there before";
+        mqtt::Topic topic = "previous text";
         this->getPublishTopic(topic);
         return topic.text();
     }
     std::string subscribeTopic() {
-        mqtt::Topic topic = "what stood there before";
+        mqtt::Topic topic = "previous text";
         this->getSubscribeTopic(topic);
         return topic.text();
     }

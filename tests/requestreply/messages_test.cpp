@@ -126,7 +126,7 @@ TEST_F(TheTopicsOfARequest, HaveANameWithoutOuterSlashes) {
 
 template <class Message>
 std::string written(Message const& message) {
-    std::string text = "what stood there before";
+    std::string text = "previous text";
     MqttData<Message>::serialize("any", text, message);
     return text;
 }

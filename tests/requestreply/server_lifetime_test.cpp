@@ -81,16 +81,16 @@ TEST_F(TheEndOfAServer, ComesInsideTheFirstOfTwoCallsWhichThrows) {
 }
 
 TEST_F(TheEndOfAServer, MayIncludeItsListener) {
-    auto doomed = std::make_unique<ServerListener>();
-    server = serve(doomed.get());
-    doomed->setAnswer([&](auto const&, auto&) {
+    auto own = std::make_unique<ServerListener>();
+    server = serve(own.get());
+    own->setAnswer([&](auto const&, auto&) {
         server.reset();
-        doomed.reset();
+        own.reset();
         return nullptr;
     });
     request(R"({"$reqId": 1})");
     EXPECT_THAT(replies(), IsEmpty());
-    EXPECT_EQ(doomed, nullptr);
+    EXPECT_EQ(own, nullptr);
 }
 
 TEST_F(TheEndOfAServer, LeavesTheOtherServersServing) {

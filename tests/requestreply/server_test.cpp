@@ -279,7 +279,7 @@ TEST(TheSubscriptionsOfAServer, HaveAWildcardForTheClientAndEndWithTheServer) {
     auto const subscribe = [&](zym::common::Uuid const& id) {
         ASSERT_EQ(server->subscribe(&listener, id, nullptr), Error::SUCCESS);
     };
-    EXPECT_THAT(topicsIn(PacketType::SUBSCRIBE), IsEmpty()) << "before it is told to serve";
+    EXPECT_THAT(topicsIn(PacketType::SUBSCRIBE), IsEmpty()) << "before it subscribes";
     subscribe(zym::common::Uuid());
     EXPECT_THAT(topicsIn(PacketType::SUBSCRIBE), ElementsAre("x/n?\?/+"));
     subscribe(zym::common::Uuid());

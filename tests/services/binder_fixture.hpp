@@ -114,8 +114,8 @@ public:
     void withdrawTime() { clock_.reset(); }
     std::uint32_t timeBase() const { return clock_->timeBase(); }
 
-    /// Returns when the broker knows all subscriptions that were made. `publishWait` does not do
-    /// while replies are being acknowledged.
+    /// Returns when the broker knows all subscriptions that were made. `publishWait` may time out
+    /// here, because replies are acknowledged at the same time.
     void settle() {
         support::MessageRecorder marker;
         auto const topic = "settled/" + id.base64URL();
@@ -247,7 +247,7 @@ protected:
         EXPECT_TRUE(proxy->isTimeBaseSynchronized());
     }
 
-    /// Whether this is the server's time, as far as a busy machine can tell.
+    /// Whether this is the server's time, within two minutes.
     static bool isTimeOf(BindingServer const& server, std::uint32_t time) {
         auto const reference = server.timeBase();
         return time + 120 >= reference && time <= reference + 120;

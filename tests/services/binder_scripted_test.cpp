@@ -1,5 +1,5 @@
-// A proxy with the stand-in for the broker library: its messages, and bindings that end early for
-// want of a thread or of memory, by another thread or with a listener that throws.
+// A proxy with the stand-in for the broker library: its messages, and bindings that fail without a
+// thread or without memory, or are interrupted by another thread.
 
 #include "services/binder_fixture.hpp"
 #include "support/allocations.hpp"

@@ -20,9 +20,11 @@ TEST_F(ABinding, DoesNotExistAtFirst) {
 }
 
 TEST_F(ABinding, ExistsWhenBindSyncReturns) {
-    std::string topic;
+    support::Watched<std::string> topic;
     server.bindings.setAnswer([&](auto const& data, auto&) {
-        topic = dynamic_cast<mqtt::BindRequestData const&>(data).topic.text();
+        topic.change([&](auto& text) {
+            text = dynamic_cast<mqtt::BindRequestData const&>(data).topic.text();
+        });
         return nullptr;
     });
     EXPECT_EQ(proxy->bindSync(server.id, LONG_TIMEOUT_S), Error::SUCCESS);
@@ -35,7 +37,7 @@ TEST_F(ABinding, ExistsWhenBindSyncReturns) {
     ASSERT_EQ(server.bindings.count(), 1U);
     EXPECT_EQ(server.bindings.calls()[0].clientUuid, id);
     EXPECT_EQ(server.bindings.calls()[0].name, "bind");
-    EXPECT_EQ(topic, BOUND_TOPIC.text());
+    EXPECT_EQ(topic.copy(), BOUND_TOPIC.text());
 }
 
 TEST_F(ABinding, ExistsWhenTheListenerIsCalled) {

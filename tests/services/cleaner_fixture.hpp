@@ -46,7 +46,7 @@ protected:
         return topics;
     }
 
-    /// Lets the broker answer the unsubstandInion made last.
+    /// Lets the broker answer the unsubscription made last.
     void acknowledgeUnsubscription() {
         auto const mid = standIn->calls(Operation::UNSUBSCRIBE).back().mid;
         standIn->runInLoop([mid](auto& object) { object.on_unsubscribe(mid); });

@@ -113,7 +113,7 @@ TEST_F(ATimeBaseAdaptor, EndsAfterTheRequestBeingHandled) {
         request(R"({"$reqId": 7, "client": 12.5})");
         ASSERT_TRUE(checkpoint.hasStoppedAThread());
         if (terminates) {
-            // It waits in vain for the acknowledgement, which no thread can read.
+            // It times out, because no thread can read the acknowledgement.
             adaptor->terminate();
         }
         std::atomic<bool> opened{false};

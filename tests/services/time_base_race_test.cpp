@@ -1,5 +1,4 @@
-// Starts, stops and replies at the same time. Some defects here are seen by a
-// sanitizer only.
+// Starts, stops and replies at the same time. Some defects here are seen by a sanitizer only.
 
 #include "requestreply/rounds.hpp"
 #include "services/time_base_fixture.hpp"
