@@ -1,8 +1,8 @@
-# Finds the broker library in the versions that we can stand on: 2.0.x. The next minor version
-# keeps the SONAME and changes the layout of the class that we derive from.
+# Finds the supported versions of the broker library: 2.0.x. Version 2.1 has the same SONAME, but
+# another layout of the class that mqtt::MqttClient derives from.
 #
-# Installed beside our package configuration, which uses it as well. Works without pkg-config, so
-# with nothing but a sysroot. Defines the targets Mosquitto::mosquittopp and Mosquitto::mosquitto.
+# This file is installed beside zym-mqtt-config.cmake, which uses it. It needs no pkg-config, so it
+# works with a bare sysroot. It defines the targets Mosquitto::mosquittopp and Mosquitto::mosquitto.
 
 find_path(MOSQUITTOPP_INCLUDE_DIR mosquittopp.h DOC "Where mosquittopp.h is")
 find_path(MOSQUITTO_INCLUDE_DIR mosquitto.h DOC "Where mosquitto.h is")
@@ -18,25 +18,25 @@ if(MOSQUITTO_INCLUDE_DIR)
   list(JOIN Mosquittopp_numbers "." Mosquittopp_VERSION)
   unset(Mosquittopp_numbers)
   if(NOT Mosquittopp_VERSION)
-    set(Mosquittopp_VERSION "unknown") # later versions keep it elsewhere
+    set(Mosquittopp_VERSION "unknown") # later versions define these numbers elsewhere
   endif()
 endif()
 
 set(Mosquittopp_supported OFF)
 if(Mosquittopp_VERSION MATCHES "^2\\.0\\.")
   set(Mosquittopp_supported ON)
-  set(Mosquittopp_complaint "a library is missing")
+  set(Mosquittopp_failure "a library is missing")
 elseif(Mosquittopp_VERSION)
-  set(Mosquittopp_complaint "libzym-mqtt needs libmosquittopp 2.0.x, but the version in ${MOSQUITTO_INCLUDE_DIR} is ${Mosquittopp_VERSION}, whose class layout is another")
+  set(Mosquittopp_failure "libzym-mqtt needs libmosquittopp 2.0.x, but the version in ${MOSQUITTO_INCLUDE_DIR} is ${Mosquittopp_VERSION}, whose class layout is another")
 else()
-  set(Mosquittopp_complaint "please install libmosquittopp 2.0.x (Debian package libmosquittopp-dev)")
+  set(Mosquittopp_failure "please install libmosquittopp 2.0.x (Debian package libmosquittopp-dev)")
 endif()
 
 include(FindPackageHandleStandardArgs)
 find_package_handle_standard_args(Mosquittopp
   REQUIRED_VARS MOSQUITTOPP_LIBRARY MOSQUITTO_LIBRARY MOSQUITTOPP_INCLUDE_DIR MOSQUITTO_INCLUDE_DIR
     Mosquittopp_supported
-  REASON_FAILURE_MESSAGE "${Mosquittopp_complaint}")
+  REASON_FAILURE_MESSAGE "${Mosquittopp_failure}")
 
 if(Mosquittopp_FOUND AND NOT TARGET Mosquitto::mosquitto)
   add_library(Mosquitto::mosquitto UNKNOWN IMPORTED)
@@ -45,11 +45,11 @@ if(Mosquittopp_FOUND AND NOT TARGET Mosquitto::mosquitto)
     INTERFACE_INCLUDE_DIRECTORIES "${MOSQUITTO_INCLUDE_DIR}")
 endif()
 if(Mosquittopp_FOUND AND NOT TARGET Mosquitto::mosquittopp)
-  # Its header includes that of the other.
+  # mosquittopp.h includes mosquitto.h.
   add_library(Mosquitto::mosquittopp UNKNOWN IMPORTED)
   set_target_properties(Mosquitto::mosquittopp PROPERTIES
     IMPORTED_LOCATION "${MOSQUITTOPP_LIBRARY}"
     INTERFACE_INCLUDE_DIRECTORIES "${MOSQUITTOPP_INCLUDE_DIR};${MOSQUITTO_INCLUDE_DIR}")
 endif()
 unset(Mosquittopp_supported)
-unset(Mosquittopp_complaint)
+unset(Mosquittopp_failure)

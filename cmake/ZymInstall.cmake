@@ -1,10 +1,10 @@
-# What is installed, and for whom. Three components: `runtime`, what a program needs to run;
-# `development`, what building one needs; `tools`, programs to try an installation with.
+# What is installed. Three components: `runtime`, what a program needs to run; `development`, what
+# building a program needs; `tools`, programs to try an installation with.
 
 include(CMakePackageConfigHelpers)
 
-# zym_install_library(TARGET HEADERS folder... [EXTRA file...]): the library, its headers and all
-# that find_package and pkg-config want of it.
+# zym_install_library(TARGET HEADERS folder... [EXTRA file...]): installs the library, its headers and
+# its files for find_package and pkg-config.
 function(zym_install_library target)
   if(NOT ZYM_MQTT_INSTALL)
     return()
@@ -27,16 +27,15 @@ function(zym_install_library target)
     DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
 endfunction()
 
-# zym_way_from(VARIABLE from to): the relative way from one folder of an installed tree to another.
-function(zym_way_from variable from to)
-  set(anchor /anchor) # any will do
-  file(RELATIVE_PATH way ${anchor}/${from} ${anchor}/${to})
-  string(REGEX REPLACE "/$" "" way "${way}")
-  set(${variable} "${way}" PARENT_SCOPE)
+# zym_relative_path(VARIABLE from to): the path from one folder of the installed tree to another.
+function(zym_relative_path variable from to)
+  file(RELATIVE_PATH path /prefix/${from} /prefix/${to}) # needs absolute paths; any prefix does
+  string(REGEX REPLACE "/$" "" path "${path}")
+  set(${variable} "${path}" PARENT_SCOPE)
 endfunction()
 
-# The files by which others find the library. None names the folder that it is installed to: a
-# tree may be staged, moved, or put into a sysroot.
+# Makes the files for find_package and pkg-config. None contains the folder of the installation: the
+# installed tree may be staged, moved, or put into a sysroot.
 function(zym_describe_library target cmake_dir)
   configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/${target}-config.cmake.in
     ${CMAKE_CURRENT_BINARY_DIR}/${target}-config.cmake
@@ -50,19 +49,19 @@ function(zym_describe_library target cmake_dir)
   write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/${target}-config-version.cmake
     COMPATIBILITY ${compatible})
 
-  zym_way_from(ZYM_PC_PREFIX ${CMAKE_INSTALL_LIBDIR}/pkgconfig "")
+  zym_relative_path(ZYM_PC_PREFIX ${CMAKE_INSTALL_LIBDIR}/pkgconfig "")
   configure_file(${PROJECT_SOURCE_DIR}/cmake/${target}.pc.in
     ${CMAKE_CURRENT_BINARY_DIR}/${target}.pc @ONLY)
 endfunction()
 
-# zym_install_tools(target...): programs that are called with their path, as their names are too
-# plain for a folder that everybody searches.
+# zym_install_tools(target...): programs in a folder outside PATH, because their names are too general
+# for a folder in PATH.
 function(zym_install_tools)
   if(NOT ZYM_MQTT_INSTALL)
     return()
   endif()
   set(folder ${CMAKE_INSTALL_LIBEXECDIR}/zym-mqtt)
-  zym_way_from(to_libraries ${folder} ${CMAKE_INSTALL_LIBDIR})
+  zym_relative_path(to_libraries ${folder} ${CMAKE_INSTALL_LIBDIR})
   set_target_properties(${ARGN} PROPERTIES INSTALL_RPATH "$ORIGIN/${to_libraries}")
   install(TARGETS ${ARGN} RUNTIME DESTINATION ${folder} COMPONENT tools)
 endfunction()

@@ -1,8 +1,7 @@
 # Toolchain file: 32-bit ARM with hardware floating point, Debian's armhf.
 #
-# The target's headers and libraries come from a folder of their own, which scripts/armhf-sysroot
-# makes; ZYM_ARMHF_SYSROOT, as a CMake or an environment variable, names another one. The programs
-# that are built run through qemu-arm, where the build runs any: tests.
+# The target's headers and libraries come from the folder that scripts/armhf makes; ZYM_ARMHF_SYSROOT,
+# a CMake or an environment variable, names another one. ctest runs the tests through qemu-arm.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR armv7l)
 set(CMAKE_LIBRARY_ARCHITECTURE arm-linux-gnueabihf)
@@ -15,16 +14,16 @@ if(NOT ZYM_ARMHF_SYSROOT)
   endif()
 endif()
 set(ZYM_ARMHF_SYSROOT "${ZYM_ARMHF_SYSROOT}" CACHE PATH "The target's headers and libraries")
-# CMake's own trial builds read this file too, and know nothing of our variables.
+# CMake's trial builds read this file too; this passes them the variable.
 list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES ZYM_ARMHF_SYSROOT)
 
 set(CMAKE_C_COMPILER arm-linux-gnueabihf-gcc)
 set(CMAKE_CXX_COMPILER arm-linux-gnueabihf-g++)
-# Else the compiler notes wherever code and that of a GCC before 7 would not go together.
+# Without it, GCC prints a note wherever its parameter passing differs from that of GCC before 7.
 set(CMAKE_CXX_FLAGS_INIT -Wno-psabi)
 set(CMAKE_SYSROOT "${ZYM_ARMHF_SYSROOT}")
 
-# Programs are this machine's, everything else is the target's.
+# Programs are searched on this machine, everything else in the sysroot.
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)

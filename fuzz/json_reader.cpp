@@ -1,5 +1,5 @@
-// The JSON reader's view of any text: what it takes for a document, and the raw texts in it. Held
-// against the reference; and that, as to what is a document, against RapidJSON's own.
+// Compares the documents that the library's deserializer accepts, and the raw texts that it
+// returns, with the reference; and which documents the reference accepts with RapidJSON's DOM.
 
 #include "fuzz/reference_json.hpp"
 #include "fuzz/target.hpp"
@@ -10,83 +10,61 @@
 #include <rapidjson/memorystream.h>
 
 #include <algorithm>
-#include <stdexcept>
 
 namespace {
 
 using fuzz::Json;
 using fuzz::require;
-using fuzz::Verdict;
+using fuzz::Validity;
 using zym::common::lwjson::Deserializer;
 
-void compareWithDom(std::string_view text, Verdict verdict) {
+void compareWithDom(std::string_view text, Validity validity) {
     rapidjson::MemoryStream stream(text.data(), text.size());
     rapidjson::Document document;
     document.ParseStream<rapidjson::kParseIterativeFlag>(stream);
-    switch (document.GetParseError()) {
-    case rapidjson::kParseErrorNumberTooBig:
-    case rapidjson::kParseErrorStringUnicodeSurrogateInvalid:
-        return; // these are not a matter of grammar
-    default:
-        break;
+    auto const error = document.GetParseError();
+    if (validity == Validity::TOO_DEEP || error == rapidjson::kParseErrorNumberTooBig
+        || error == rapidjson::kParseErrorStringUnicodeSurrogateInvalid) {
+        return; // the grammar of JSON has no such limits
     }
-    // To the parser a zero byte is the end.
-    bool const isGood = !document.HasParseError() && stream.Tell() == text.size();
-    require(verdict == Verdict::TOO_DEEP || isGood == (verdict == Verdict::GOOD),
-            "RapidJSON accepts the same texts");
+    // RapidJSON takes a zero byte for the end.
+    bool const isAccepted = !document.HasParseError() && stream.Tell() == text.size();
+    require(isAccepted == (validity == Validity::VALID), "RapidJSON accepts the same texts");
 }
 
-template <class Action>
-bool isRefused(Action const& action) {
-    try {
-        action();
-    } catch (std::runtime_error const&) {
-        return true;
-    }
-    return false;
-}
+void compareMembers(Deserializer const& in, Json const& json);
 
-bool isSame(std::string_view a, std::string_view b) {
-    return a.data() == b.data() && a.size() == b.size();
-}
-
-void compare(Deserializer const& in, Json const& json);
-
-void descend(std::string_view raw, Json const& json) {
-    require(isSame(raw, json.raw), "a raw text");
-    if (!json.children.empty()) {
-        compare(Deserializer(raw), json);
-    }
-}
-
-void compareMembers(Deserializer const& in, Json const& json) {
-    for (std::size_t i = 0; i < json.keys.size(); ++i) {
-        auto const& key = json.keys[i];
-        bool const canBeAsked = key && key->find('\0') == std::string::npos;
-        if (canBeAsked
-            && std::find(json.keys.begin(), json.keys.end(), key) - json.keys.begin()
-                   == static_cast<std::ptrdiff_t>(i)) {
-            descend(in.getMember(key->c_str()), json.children[i]);
-        }
-    }
-    if (json.member("absent").kind == Json::Kind::ABSENT) {
-        require(in.getMember("absent").empty(), "a member that is not there is empty");
-    }
-}
-
-void compare(Deserializer const& in, Json const& json) {
+void compare(std::string_view text, Json const& json) {
+    Deserializer const in(text);
     bool const isObject = json.kind == Json::Kind::OBJECT;
-    require(isRefused([&] { in.getMember(""); }) == !isObject, "only an object has members");
+    require(fuzz::succeeds([&] { in.getMember(""); }) == isObject, "only an object has members");
     if (isObject) {
         compareMembers(in, json);
     }
 }
 
+void compareMembers(Deserializer const& in, Json const& json) {
+    for (auto key = json.keys.begin(); key != json.keys.end(); ++key) {
+        bool const isFirst = std::find(json.keys.begin(), key, *key) == key;
+        if (!isFirst || !*key || (*key)->find('\0') != std::string::npos) {
+            continue; // no name selects this member
+        }
+        auto const& value = *(json.children.begin() + (key - json.keys.begin()));
+        auto const raw = in.getMember((*key)->c_str());
+        require(raw.data() == value.raw.data() && raw.size() == value.raw.size(), "a raw text");
+        if (!value.children.empty()) {
+            compare(raw, value);
+        }
+    }
+    if (json.member("absent").kind == Json::Kind::ABSENT) {
+        require(in.getMember("absent").empty(), "an absent member is empty");
+    }
+}
+
 void run(std::string_view text) {
     Json json;
-    auto const verdict = fuzz::readReference(text, json);
-    compareWithDom(text, verdict);
-    compare(Deserializer(text), json);
+    compareWithDom(text, fuzz::parse(text, json));
+    compare(text, json);
 }
 
 fuzz::Target const JSON_READER("json_reader", run);

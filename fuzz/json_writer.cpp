@@ -1,48 +1,39 @@
-// What the JSON writer writes, of any values, is a document, and its values read back the same.
+// Writes a document of any values: it must be valid, and its values must read back the same.
 
-#include "fuzz/extraction.hpp"
-#include "fuzz/lines.hpp"
+#include "fuzz/reference_json.hpp"
+#include "fuzz/target.hpp"
 
 #include <zym/common/lwjson.hpp>
 
 #include <cmath>
 #include <cstring>
 #include <limits>
-#include <utility>
 #include <vector>
 
 namespace {
 
 using fuzz::Json;
 using fuzz::require;
+using fuzz::Validity;
 using zym::common::lwjson::Deserializer;
 using zym::common::lwjson::Serializer;
 
-/// Eight bytes of a text as a number, so that every number can be had; or what it says.
+/// Eight bytes of text are taken as the bits of a number, other texts as its digits.
 double numberIn(std::string const& text) {
     double number = 0;
-    if (text.size() == sizeof number) {
-        std::memcpy(&number, text.data(), sizeof number);
-    } else {
-        number = std::strtod(text.c_str(), nullptr);
+    if (text.size() != sizeof number) {
+        return std::strtod(text.c_str(), nullptr);
     }
+    std::memcpy(&number, text.data(), sizeof number);
     return number;
 }
 
 bool isEqual(Json const& a, Json const& b) {
-    if (a.kind != b.kind || a.keys != b.keys || a.text != b.text
-        || a.children.size() != b.children.size()) {
-        return false;
-    }
-    if (a.children.empty() && a.kind != Json::Kind::OBJECT && a.kind != Json::Kind::ARRAY) {
-        return a.raw == b.raw;
-    }
-    for (std::size_t i = 0; i < a.children.size(); ++i) {
-        if (!isEqual(a.children[i], b.children[i])) {
-            return false;
-        }
-    }
-    return true;
+    bool const isContainer = a.kind == Json::Kind::OBJECT || a.kind == Json::Kind::ARRAY;
+    return a.kind == b.kind && a.keys == b.keys && a.text == b.text
+           && (isContainer || a.raw == b.raw)
+           && std::equal(a.children.begin(), a.children.end(), b.children.begin(), b.children.end(),
+                         isEqual);
 }
 
 std::string objectWith(std::string const& text) {
@@ -54,125 +45,116 @@ std::string objectWith(std::string const& text) {
     return json;
 }
 
-class Document {
-public:
-    void add(char kind, std::string const& key, std::string const& text) {
-        switch (kind) {
-        case 'd':
-            addNumber(key, numberIn(text));
-            break;
-        case 't':
-            addTime(key, numberIn(text));
-            break;
-        case 'o':
-            addObjects(key, text);
-            break;
-        case 'w':
-            addWrapped(key, text);
-            break;
-        default:
-            addText(key, text);
-        }
+struct Member {
+    char kind; ///< 'd': number, 't': time, 'o': array of objects, 'w': wrapped object; else text
+    std::string key;
+    std::string text;
+
+    double number() const { return numberIn(text); }
+    std::size_t objects() const { return text.size() % 4U; }
+    conv::UnixTime time() const {
+        return std::signbit(number()) ? conv::UnixTime() : conv::UnixTime(number());
     }
-
-    /// By the reference, and in the end by the reader that belongs to the writer.
-    void check() {
-        out_.finalize();
-        require(fuzz::readReference(json_, root_) == fuzz::Verdict::GOOD, "a document is written");
-        require(root_.kind == Json::Kind::OBJECT && root_.children.size() == checks_.size(),
-                "every member is written");
-        Deserializer const in(json_);
-        require(in.getMember("").data() == root_.member("").raw.data(), "the reader takes it");
-        for (std::size_t i = 0; i < checks_.size(); ++i) {
-            require(root_.keys[i] == checks_[i].key, "a key");
-            checkValue(checks_[i], root_.children[i]);
-        }
-    }
-
-private:
-    struct Check {
-        char kind;
-        std::string key;
-        std::string text;
-        double number;
-    };
-
-    void begin(char kind, std::string const& key, std::string const& text, double number) {
-        out_.appendKey(key.c_str());
-        checks_.push_back({kind, key.c_str(), text, number});
-    }
-
-    void addText(std::string const& key, std::string const& text) {
-        begin('s', key, text, 0);
-        out_.addValue(text);
-    }
-
-    void addNumber(std::string const& key, double number) {
-        begin('d', key, "", number);
-        out_.addValue(number);
-    }
-
-    void addTime(std::string const& key, double seconds) {
-        begin('d', key, "", std::signbit(seconds) ? std::nan("") : seconds);
-        out_.addValue(std::signbit(seconds) ? conv::UnixTime() : conv::UnixTime(seconds));
-    }
-
-    void addObjects(std::string const& key, std::string const& text) {
-        begin('o', key, text, 0);
-        out_.addValue(std::vector<Serializer>(text.size() % 4U, Serializer(objectWith(text))));
-    }
-
-    void addWrapped(std::string const& key, std::string const& text) {
-        Json json; // with room for the level that it goes down
-        if (fuzz::readReference('[' + text + ']', json) != fuzz::Verdict::GOOD
-            || json.children.size() != 1 || json.children[0].kind != Json::Kind::OBJECT) {
-            return;
-        }
-        begin('w', key, text, 0);
-        out_.addValue(Serializer(text));
-    }
-
-    static void checkValue(Check const& check, Json const& json) {
-        if (check.kind == 's') {
-            std::string text;
-            require(fuzz::extract(json.raw, text) == fuzz::Outcome::TAKEN && text == check.text,
-                    "a text reads back");
-        } else if (check.kind == 'd' && !std::isfinite(check.number)) {
-            require(json.raw == "null", "what is no number is null");
-        } else if (check.kind == 'd') {
-            double number = 0;
-            require(fuzz::extract(json.raw, number) == fuzz::Outcome::TAKEN
-                        && fuzz::sameNumber(number, check.number),
-                    "a number reads back");
-        } else if (check.kind == 'o') {
-            require(json.children.size() == check.text.size() % 4U, "every object is written");
-            for (auto const& object : json.children) {
-                require(object.member("inner").text == check.text, "a text in an object");
-            }
-        } else {
-            Json wrapped;
-            require(fuzz::readReference(check.text, wrapped) == fuzz::Verdict::GOOD
-                        && isEqual(wrapped, json),
-                    "a wrapped text stays what it is");
-            require(json.raw.find_first_of("\r\n") == std::string_view::npos, "on one line");
-        }
-    }
-
-    std::string json_ = "to be replaced";
-    Serializer out_{json_};
-    Json root_;
-    std::vector<Check> checks_;
 };
 
+bool canBeWritten(Member const& member) {
+    if (member.kind != 'w') {
+        return true;
+    }
+    Json json; // in an array, to leave room for one more level
+    return fuzz::parse('[' + member.text + ']', json) == Validity::VALID
+           && json.children.size() == 1 && json.children[0].kind == Json::Kind::OBJECT;
+}
+
+void write(Serializer& out, Member const& member) {
+    out.appendKey(member.key.c_str());
+    switch (member.kind) {
+    case 'd':
+        out.addValue(member.number());
+        break;
+    case 't':
+        out.addValue(member.time());
+        break;
+    case 'o':
+        out.addValue(
+            std::vector<Serializer>(member.objects(), Serializer(objectWith(member.text))));
+        break;
+    case 'w':
+        out.addValue(Serializer(member.text));
+        break;
+    default:
+        out.addValue(member.text);
+    }
+}
+
+void checkNumber(double expected, std::string_view raw) {
+    double number = std::numeric_limits<double>::quiet_NaN();
+    if (!std::isfinite(expected)) {
+        require(raw == "null", "a number that is not finite is null");
+        return;
+    }
+    Deserializer::extractValue(raw, number, "");
+    require(fuzz::sameNumber(number, expected), "a number reads back");
+}
+
+void checkWrapped(std::string const& text, Json const& json) {
+    Json wrapped;
+    require(fuzz::parse(text, wrapped) == Validity::VALID && isEqual(wrapped, json),
+            "a wrapped text keeps its value");
+    require(json.raw.find_first_of("\r\n") == std::string_view::npos, "on one line");
+}
+
+void check(Member const& member, Json const& json) {
+    std::string text;
+    switch (member.kind) {
+    case 'd':
+        checkNumber(member.number(), json.raw);
+        break;
+    case 't':
+        checkNumber(member.time().valid == 0 ? std::nan("") : member.number(), json.raw);
+        break;
+    case 'o':
+        require(json.children.size() == member.objects(), "every object is written");
+        for (auto const& object : json.children) {
+            require(object.member("inner").text == member.text, "a text in an object");
+        }
+        break;
+    case 'w':
+        checkWrapped(member.text, json);
+        break;
+    default:
+        Deserializer::extractValue(json.raw, text, "");
+        require(text == member.text, "a text reads back");
+    }
+}
+
 void run(std::string_view bytes) {
-    Document document;
+    std::vector<Member> members;
+    std::string text = "is replaced";
+    Serializer out(text);
     for (fuzz::Lines lines(bytes); !lines.none();) {
         std::string const head = lines.next();
-        if (!head.empty()) {
-            document.add(head[0], head.substr(1), lines.next());
+        if (head.empty()) {
+            continue;
+        }
+        Member const member{head[0], head.c_str() + 1, lines.next()};
+        if (canBeWritten(member)) {
+            write(out, member);
+            members.push_back(member);
         }
     }
-    document.check();
+    out.finalize();
+
+    Json json;
+    require(fuzz::parse(text, json) == Validity::VALID, "the document is valid");
+    require(json.kind == Json::Kind::OBJECT && json.children.size() == members.size(),
+            "every member is written");
+    require(Deserializer(text).getMember("").data() == json.member("").raw.data(),
+            "the deserializer accepts the document");
+    for (std::size_t i = 0; i < members.size(); ++i) {
+        require(json.keys[i] == members[i].key, "a key");
+        check(members[i], json.children[i]);
+    }
 }
 
 fuzz::Target const JSON_WRITER("json_writer", run);

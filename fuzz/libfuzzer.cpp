@@ -1,4 +1,4 @@
-// What libFuzzer's main program calls, for the one target that is linked with it.
+// libFuzzer's main program calls this function, which calls the only target in the program.
 
 #include "fuzz/target.hpp"
 

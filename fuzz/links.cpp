@@ -1,13 +1,11 @@
-// Any payload on the topic of a link, or of a collection of links; and any text as an array.
+// Reads any payload as a link, as a collection of links and as an array.
 
 #include "data/array_elements.hpp"
-#include "fuzz/reference_json.hpp"
-#include "fuzz/target.hpp"
+#include "fuzz/typed_values.hpp"
 
 #include <mqtt/link.hpp>
 
 #include <algorithm>
-#include <exception>
 #include <stdexcept>
 #include <string_view>
 #include <vector>
@@ -20,71 +18,50 @@ using fuzz::require;
 using mqtt::Link;
 using Links = std::vector<Link>;
 
-template <class T>
-bool isTaken(std::string const& payload, T& value) {
-    try {
-        mqtt::MqttData<T>::deserialize(mqtt::Topic(), payload, payload.empty(), value);
-        return true;
-    } catch (std::exception const&) {
-        return false;
-    }
-}
-
 bool isSame(Links const& a, Links const& b) {
     return std::equal(a.begin(), a.end(), b.begin(), b.end(),
                       [](Link const& x, Link const& y) { return x.id == y.id; });
 }
 
-void link(std::string const& payload, Json const& json) {
+void checkLink(std::string const& payload, Json const& json) {
     Link value{"before"};
     Link expected = value;
-    bool const readable =
-        payload.empty() || fuzz::readText(json.member("@id"), expected.id) == Outcome::TAKEN;
-    require(isTaken(payload, value) == readable, "a link is dropped without its id");
+    bool const isAccepted =
+        payload.empty() || fuzz::readText(json.member("@id"), expected.id) == Outcome::SUCCESS;
+    require(fuzz::read(payload, value) == isAccepted, "a link without its id is dropped");
     require(value.id == expected.id, "the id");
-
-    std::string written;
-    mqtt::MqttData<Link>::serialize(mqtt::Topic(), written, value);
-    Link again;
-    require(isTaken(written, again) && again.id == value.id, "it reads back");
+    require(fuzz::writtenAndRead<mqtt::MqttData<Link>>(value).id == value.id, "a link reads back");
 }
 
-/// @param links as they are left, whether the reading fails or not
-/// @return whether it does not
-bool expect(Json const& json, Links& links) {
+/// @param links set as the library leaves them, also on failure
+/// @return whether the collection is accepted
+bool readExpected(Json const& json, Links& links) {
     std::uint64_t count = 0;
-    if (fuzz::readInteger(json.member("members@count"), 0xffffffffU, count) != Outcome::TAKEN) {
+    if (fuzz::readInteger(json.member("members@count"), 0xffffffffU, count) != Outcome::SUCCESS) {
         return false;
     }
     links.clear();
     auto const& members = json.member("members");
-    if (members.kind != Json::Kind::ARRAY) {
-        return false;
-    }
-    for (auto const& member : members.children) {
-        if (fuzz::readText(member.member("@id"), links.emplace_back().id) != Outcome::TAKEN) {
-            return false;
-        }
-    }
-    return true;
+    return members.kind == Json::Kind::ARRAY
+           && std::all_of(members.children.begin(), members.children.end(), [&](Json const& link) {
+                  return fuzz::readText(link.member("@id"), links.emplace_back().id)
+                         == Outcome::SUCCESS;
+              });
 }
 
-void links(std::string const& payload, Json const& json) {
-    Links value{{"before"}, {"that"}};
+void checkCollection(std::string const& payload, Json const& json) {
+    Links value{{"before"}, {"reading"}};
     Links expected = value;
-    bool const readable = payload.empty() || expect(json, expected);
-    require(isTaken(payload, value) == readable, "a collection is dropped for what is no link");
+    bool const isAccepted = payload.empty() || readExpected(json, expected);
+    require(fuzz::read(payload, value) == isAccepted, "a collection without its links is dropped");
     require(isSame(value, expected), "the links");
     require(value.capacity() <= payload.size() + 2, "room for no more than the text can hold");
-
-    std::string written;
-    mqtt::MqttDataCollection<Link>::serialize(mqtt::Topic(), written, value);
-    Links again;
-    require(isTaken(written, again) && isSame(again, value), "they read back");
+    require(isSame(fuzz::writtenAndRead<mqtt::MqttDataCollection<Link>>(value), value),
+            "a collection reads back");
 }
 
-/// What a walk over any text gives, as far as it gets.
-std::vector<std::string_view> walked(std::string_view text) {
+/// The elements before the first error.
+std::vector<std::string_view> elementsIn(std::string_view text) {
     std::vector<std::string_view> result;
     try {
         mqtt::ArrayElements elements(text);
@@ -98,26 +75,25 @@ std::vector<std::string_view> walked(std::string_view text) {
     return result;
 }
 
-void elements(std::string_view text, Json const& json) {
-    auto const found = walked(text);
-    for (auto const element : found) {
-        require(element.empty() || text.find(element) != std::string_view::npos, "a part of it");
+void checkElements(std::string_view text, Json const& json) {
+    auto const elements = elementsIn(text);
+    for (auto const element : elements) {
+        require(text.find(element) != std::string_view::npos, "an element is part of the text");
     }
-    if (json.kind != Json::Kind::ARRAY) {
-        return;
-    }
-    require(std::equal(found.begin(), found.end(), json.children.begin(), json.children.end(),
-                       [](std::string_view a, Json const& b) { return a == b.raw; }),
-            "the elements of a good array");
+    require(json.kind != Json::Kind::ARRAY
+                || std::equal(elements.begin(), elements.end(), json.children.begin(),
+                              json.children.end(),
+                              [](std::string_view a, Json const& b) { return a == b.raw; }),
+            "the elements of a valid array");
 }
 
 void run(std::string_view bytes) {
     std::string const payload(bytes);
     Json json;
-    fuzz::readReference(bytes, json);
-    link(payload, json);
-    links(payload, json);
-    elements(bytes, json);
+    fuzz::parse(bytes, json);
+    checkLink(payload, json);
+    checkCollection(payload, json);
+    checkElements(bytes, json);
 }
 
 fuzz::Target const LINKS("links", run);

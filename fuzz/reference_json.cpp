@@ -1,5 +1,7 @@
 #include "fuzz/reference_json.hpp"
 
+#include <algorithm>
+#include <charconv>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -8,29 +10,23 @@ namespace fuzz {
 
 namespace {
 
-constexpr int DEEPEST = 64;
+constexpr int MAX_DEPTH = 64;
 
 bool isDigit(char c) {
     return c >= '0' && c <= '9';
 }
 
-std::string utf8(std::uint32_t code) {
-    auto const tail = [code](unsigned shift) {
-        return static_cast<char>(0x80U | ((code >> shift) & 0x3fU));
-    };
-    auto const head = [code](unsigned mark, unsigned shift) {
-        return static_cast<char>(mark | (code >> shift));
-    };
-    if (code < 0x80U) {
-        return {head(0, 0)};
+std::string utf8(std::uint32_t codePoint) {
+    if (codePoint < 0x80U) {
+        return {static_cast<char>(codePoint)};
     }
-    if (code < 0x800U) {
-        return {head(0xc0U, 6), tail(0)};
+    std::string tail;
+    std::uint32_t largestHead = 0x3fU; // what fits into the first byte
+    for (; codePoint > largestHead; codePoint >>= 6U, largestHead >>= 1U) {
+        tail.insert(tail.begin(), static_cast<char>(0x80U | (codePoint & 0x3fU)));
     }
-    if (code < 0x10000U) {
-        return {head(0xe0U, 12), tail(6), tail(0)};
-    }
-    return {head(0xf0U, 18), tail(12), tail(6), tail(0)};
+    std::uint32_t const mark = ~(2U * largestHead + 1U);
+    return static_cast<char>((mark & 0xffU) | codePoint) + tail;
 }
 
 class Parser {
@@ -39,17 +35,21 @@ public:
 
     Json document() {
         Json json = value();
-        if (at_ != text_.size()) {
-            throw Verdict::MALFORMED;
-        }
+        check(at_ == text_.size());
         return json;
     }
 
 private:
-    char peek() const {
-        if (at_ == text_.size()) {
-            throw Verdict::MALFORMED;
+    static void check(bool isValid) {
+        if (!isValid) {
+            throw Validity::MALFORMED;
         }
+    }
+
+    void expect(std::string_view word) { check(takeIf(word)); }
+
+    char peek() const {
+        check(at_ < text_.size());
         return text_[at_];
     }
 
@@ -67,15 +67,9 @@ private:
         return true;
     }
 
-    void expect(std::string_view word) {
-        if (!takeIf(word)) {
-            throw Verdict::MALFORMED;
-        }
-    }
-
     void skipBlanks() { at_ = std::min(text_.find_first_not_of(" \t\r\n", at_), text_.size()); }
 
-    /// With the blanks on both sides.
+    /// Skips blanks on both sides.
     Json value() {
         skipBlanks();
         auto const begin = at_;
@@ -109,8 +103,8 @@ private:
         json.kind = isObject ? Json::Kind::OBJECT : Json::Kind::ARRAY;
         char const end = isObject ? '}' : ']';
         ++at_;
-        if (++depth_ > DEEPEST) {
-            throw Verdict::TOO_DEEP;
+        if (++depth_ > MAX_DEPTH) {
+            throw Validity::TOO_DEEP;
         }
         skipBlanks();
         for (bool first = true; peek() != end; first = false) {
@@ -121,9 +115,7 @@ private:
                 json.keys.push_back(key());
             }
             json.children.push_back(value());
-            if (peek() != ',' && peek() != end) {
-                throw Verdict::MALFORMED;
-            }
+            check(peek() == ',' || peek() == end);
         }
         ++at_;
         --depth_;
@@ -146,50 +138,38 @@ private:
             digits();
         }
         if (takeIf("e") || takeIf("E")) {
-            if (!takeIf("+")) {
-                takeIf("-");
-            }
+            static_cast<void>(takeIf("+") || takeIf("-"));
             digits();
         }
     }
 
     void digits() {
-        if (!isDigit(peek())) {
-            throw Verdict::MALFORMED;
-        }
-        while (at_ < text_.size() && isDigit(text_[at_])) {
-            ++at_;
-        }
+        check(isDigit(peek()));
+        at_ = std::min(text_.find_first_not_of("0123456789", at_), text_.size());
     }
 
     std::optional<std::string> string() {
         expect("\"");
         std::string result;
-        bool whole = true;
+        bool isWhole = true;
         for (char c = take(); c != '"'; c = take()) {
-            if (static_cast<unsigned char>(c) < 0x20U) {
-                throw Verdict::MALFORMED;
-            }
+            check(static_cast<unsigned char>(c) >= 0x20U);
             if (c == '\\') {
-                whole = escape(result) && whole;
+                isWhole = escape(result) && isWhole;
             } else {
                 result += c;
             }
         }
-        return whole ? std::make_optional(result) : std::nullopt;
+        return isWhole ? std::make_optional(result) : std::nullopt;
     }
 
     /// @return false for half of a surrogate pair
     bool escape(std::string& result) {
-        char const letter = take();
-        if (letter == 'u') {
+        if (takeIf("u")) {
             return unicode(result);
         }
-        constexpr std::string_view LETTERS = "\"\\/bfnrt";
-        auto const i = LETTERS.find(letter);
-        if (i == std::string_view::npos) {
-            throw Verdict::MALFORMED;
-        }
+        auto const i = std::string_view("\"\\/bfnrt").find(take());
+        check(i != std::string_view::npos);
         result += "\"\\/\b\f\n\r\t"[i];
         return true;
     }
@@ -214,14 +194,10 @@ private:
 
     std::uint32_t hex() {
         std::uint32_t result = 0;
-        for (int i = 0; i < 4; ++i) {
-            constexpr std::string_view DIGITS = "0123456789abcdef0123456789ABCDEF";
-            auto const digit = DIGITS.find(take());
-            if (digit == std::string_view::npos) {
-                throw Verdict::MALFORMED;
-            }
-            result = result * 16U + static_cast<std::uint32_t>(digit % 16U);
-        }
+        auto const digits = text_.substr(at_, 4);
+        auto const end = std::from_chars(digits.begin(), digits.end(), result, 16).ptr;
+        check(digits.size() == 4 && end == digits.end());
+        at_ += 4;
         return result;
     }
 
@@ -230,34 +206,31 @@ private:
     int depth_ = 0;
 };
 
+Outcome outcomeOfOtherKind(Json const& json) {
+    return json.kind == Json::Kind::ABSENT ? Outcome::OUT_OF_RANGE : Outcome::INVALID;
+}
+
 } // namespace
 
 Json const& Json::member(std::string_view key) const {
     static Json const ABSENT_MEMBER;
-    for (std::size_t i = 0; i < keys.size(); ++i) {
-        if (keys[i] == key) {
-            return children[i];
-        }
-    }
-    return ABSENT_MEMBER;
+    auto const found = std::find(keys.begin(), keys.end(), key);
+    return found == keys.end() ? ABSENT_MEMBER : *(children.begin() + (found - keys.begin()));
 }
 
-Verdict readReference(std::string_view text, Json& json) {
+Validity parse(std::string_view text, Json& json) {
     try {
         json = Parser(text).document();
-        return Verdict::GOOD;
-    } catch (Verdict const& verdict) {
-        return verdict;
+        return Validity::VALID;
+    } catch (Validity const& validity) {
+        return validity;
     }
 }
 
 Outcome readInteger(Json const& json, std::uint64_t largest, std::uint64_t& out) {
-    if (json.kind == Json::Kind::ABSENT) {
-        return Outcome::OUT_OF_RANGE;
-    }
     if (json.kind != Json::Kind::NUMBER
         || json.raw.find_first_of(".eE") != std::string_view::npos) {
-        return Outcome::INVALID;
+        return outcomeOfOtherKind(json);
     }
     if (json.raw.front() == '-' || json.raw.size() > 10) {
         return Outcome::OUT_OF_RANGE;
@@ -267,15 +240,12 @@ Outcome readInteger(Json const& json, std::uint64_t largest, std::uint64_t& out)
         return Outcome::OUT_OF_RANGE;
     }
     out = number;
-    return Outcome::TAKEN;
+    return Outcome::SUCCESS;
 }
 
 Outcome readNumber(Json const& json, double& out) {
-    if (json.kind == Json::Kind::ABSENT) {
-        return Outcome::OUT_OF_RANGE;
-    }
     if (json.kind != Json::Kind::NUMBER) {
-        return Outcome::INVALID;
+        return outcomeOfOtherKind(json);
     }
     double const number = std::strtod(std::string(json.raw).c_str(), nullptr);
     auto const mantissa = json.raw.substr(0, json.raw.find_first_of("eE"));
@@ -284,18 +254,15 @@ Outcome readNumber(Json const& json, double& out) {
         return Outcome::OUT_OF_RANGE;
     }
     out = number;
-    return Outcome::TAKEN;
+    return Outcome::SUCCESS;
 }
 
 Outcome readText(Json const& json, std::string& out) {
-    if (json.kind == Json::Kind::ABSENT) {
-        return Outcome::OUT_OF_RANGE;
-    }
     if (!json.text) {
-        return Outcome::INVALID;
+        return outcomeOfOtherKind(json);
     }
     out = *json.text;
-    return Outcome::TAKEN;
+    return Outcome::SUCCESS;
 }
 
 bool sameNumber(double a, double b) {

@@ -9,32 +9,33 @@
 
 namespace fuzz {
 
-/// A JSON text as a plain reader sees it, one that shares nothing with the library's.
+/// A JSON value, read by a simple parser that shares no code with the library.
 struct Json {
     enum class Kind : std::uint8_t { ABSENT, LITERAL, NUMBER, STRING, ARRAY, OBJECT };
 
-    /// The first member of this name; an absent one when there is none.
+    /// The first member with this key; one of kind ABSENT when there is none.
     Json const& member(std::string_view key) const;
 
     Kind kind = Kind::ABSENT;
-    std::string_view raw;            ///< where it stands
+    std::string_view raw;            ///< part of the text read
     std::optional<std::string> text; ///< a string's content; none with half of a surrogate pair
     std::vector<std::optional<std::string>> keys;
     std::vector<Json> children; ///< the values of the keys, or the elements
 };
 
-enum class Verdict : std::uint8_t { GOOD, MALFORMED, TOO_DEEP };
+enum class Validity : std::uint8_t { VALID, MALFORMED, TOO_DEEP };
 
-/// @param json filled when the text is good
-Verdict readReference(std::string_view text, Json& json);
+/// @param json set when the text is valid
+Validity parse(std::string_view text, Json& json);
 
-enum class Outcome : std::uint8_t { TAKEN, OUT_OF_RANGE, INVALID };
+enum class Outcome : std::uint8_t { SUCCESS, OUT_OF_RANGE, INVALID };
 
-// What comes of reading a value as an integer, a number, or a text; `out` is set when it is taken.
+// The expected outcome of `Deserializer::extractValue`; `out` is set on success only.
 Outcome readInteger(Json const& json, std::uint64_t largest, std::uint64_t& out);
 Outcome readNumber(Json const& json, double& out);
 Outcome readText(Json const& json, std::string& out);
 
+/// Compares all bits: 0 and -0 differ, and a NaN may be equal to itself.
 bool sameNumber(double a, double b);
 
 } // namespace fuzz

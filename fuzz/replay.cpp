@@ -1,5 +1,5 @@
-// Gives a target the files of a folder, one after the other: the seeds, in every build, and what a
-// fuzzer has found, under a debugger.
+// Passes the files of a folder to a target, one after the other: the seeds in every build, and the
+// fuzzer's findings under a debugger.
 
 #include "fuzz/target.hpp"
 
@@ -11,7 +11,7 @@
 
 namespace {
 
-// Of exactly their size: a sanitizer sees a read beyond them.
+// A vector, whose memory ends with the content: a sanitizer then reports a read beyond it.
 std::vector<char> content(std::filesystem::path const& file) {
     std::ifstream in(file, std::ios::binary);
     return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
@@ -20,7 +20,7 @@ std::vector<char> content(std::filesystem::path const& file) {
 int replay(fuzz::Target::Function target, std::filesystem::path const& folder) {
     int files = 0;
     for (auto const& entry : std::filesystem::directory_iterator(folder)) {
-        std::cout << entry.path().string() << std::endl; // before it ends the program
+        std::cout << entry.path().string() << std::endl; // flushed: the target may end the program
         auto const bytes = content(entry.path());
         target(std::string_view(bytes.data(), bytes.size()));
         ++files;

@@ -1,6 +1,6 @@
-// Any payload on any topic, read as a reply.
+// Reads any payload on any topic as a reply.
 
-#include "fuzz/envelope.hpp"
+#include "fuzz/messages.hpp"
 
 namespace {
 
@@ -10,13 +10,13 @@ using fuzz::require;
 using mqtt::Topic;
 using Reply = mqtt::RequestReply::Reply;
 
-/// @param reply as it is left
-/// @return whether it is taken over
-bool expect(Json const& json, Reply& reply) {
+/// @param reply set as the library leaves it
+/// @return whether it is accepted
+bool readExpected(Json const& json, Reply& reply) {
     std::uint64_t id = 0;
     std::uint64_t error = 0;
-    if (fuzz::readInteger(json.member("$reqId"), 0xffffffffU, id) != Outcome::TAKEN
-        || fuzz::readInteger(json.member("$err"), 0xffU, error) != Outcome::TAKEN) {
+    if (fuzz::readInteger(json.member("$reqId"), 0xffffffffU, id) != Outcome::SUCCESS
+        || fuzz::readInteger(json.member("$err"), 0xffU, error) != Outcome::SUCCESS) {
         return false;
     }
     reply.requestId = static_cast<std::uint32_t>(id);
@@ -24,30 +24,31 @@ bool expect(Json const& json, Reply& reply) {
     return true;
 }
 
-void readBack(Topic const& topic, Reply const& reply) {
-    auto const again = fuzz::readBack(topic, reply);
-    require(again.requestId == reply.requestId && again.error == reply.error, "it reads back");
+void check(fuzz::ReceivedMessage const& message, Reply reply) {
+    auto expected = reply;
+    std::string bound;
+    bool const isEmpty = message.payload.empty();
+    bool const isAccepted = isEmpty || readExpected(message.json, expected);
+    require(fuzz::read(message.topic, message.payload, reply) == isAccepted, "accepted replies");
+    require(fuzz::hasSameAddress(reply, expected), "the topic changes no field");
+    require(reply.requestId == expected.requestId, "the request's identifier");
+    require(reply.error == expected.error, "the error code");
+    if (isAccepted && !isEmpty) {
+        fuzz::readText(message.json.member("topic"), bound);
+    }
+    require(!fuzz::bindData(reply) || fuzz::boundTopic(reply) == Topic(bound).text(),
+            "the data that can be read");
+    if (isAccepted && !isEmpty) {
+        auto const again = fuzz::writtenAndRead(message.topic, reply);
+        require(again.requestId == reply.requestId && again.error == reply.error,
+                "a reply reads back");
+    }
 }
 
 void run(std::string_view bytes) {
-    fuzz::Arrival const arrival(bytes);
-    auto const& [topic, payload, json] = arrival;
-    for (auto reply : fuzz::endpoints<Reply>()) {
-        auto expected = reply;
-        std::string bound;
-        bool const readable = payload.empty() || expect(json, expected);
-        if (readable && !payload.empty()) {
-            fuzz::readText(json.member("topic"), bound);
-        }
-        require(fuzz::isTaken(topic, payload, reply) == readable, "what is taken for a reply");
-        require(fuzz::hasSameTopic(reply, expected), "a reply's topic says nothing");
-        require(reply.requestId == expected.requestId, "the request's identifier");
-        require(reply.error == expected.error, "how it went");
-        require(!fuzz::payloadOf(reply) || fuzz::boundTopic(reply) == Topic(bound).text(),
-                "the payload, as far as it can be read");
-        if (readable && !payload.empty()) {
-            readBack(topic, reply);
-        }
+    fuzz::ReceivedMessage const message{fuzz::Lines(bytes)};
+    for (auto const& reply : fuzz::initialMessages<Reply>()) {
+        check(message, reply);
     }
 }
 

@@ -1,8 +1,9 @@
-// Any payload on any topic, read as a request.
+// Reads any payload on any topic as a request.
 
-#include "fuzz/envelope.hpp"
+#include "fuzz/messages.hpp"
 
 #include <optional>
+#include <stdexcept>
 
 namespace {
 
@@ -12,46 +13,44 @@ using fuzz::require;
 using mqtt::Topic;
 using Request = mqtt::RequestReply::Request;
 
-/// The last two levels of a topic, where a request has them.
-struct Levels {
-    explicit Levels(Topic const& topic) {
-        auto const& text = topic.text();
-        auto const last = text.rfind('/');
+/// The last two levels of a request's topic.
+struct LastLevels {
+    explicit LastLevels(std::string const& topic) {
+        auto const last = topic.rfind('/');
         if (last == std::string::npos) {
             return;
         }
-        auto const before = last == 0 ? std::string::npos : text.rfind('/', last - 1);
-        client = text.substr(last + 1);
-        name = text.substr(before + 1, last - before - 1);
-    }
-
-    std::optional<zym::common::Uuid> uuid() const {
-        try {
-            zym::common::Uuid const id(client);
-            require(id.base64URL() == client || client.size() == id.to_string().size(),
-                    "an identifier prints back the same");
-            return id;
-        } catch (std::invalid_argument const&) {
-            return std::nullopt;
-        }
+        auto const before = last == 0 ? std::string::npos : topic.rfind('/', last - 1);
+        client = topic.substr(last + 1);
+        name = topic.substr(before + 1, last - before - 1);
     }
 
     std::string name;
     std::string client;
 };
 
-/// @param request as it is left
-/// @return whether it is taken over
-bool expect(Topic const& topic, Json const& json, Request& request) {
-    Levels const levels(topic);
-    auto const client = levels.uuid();
+std::optional<zym::common::Uuid> uuidIn(std::string const& text) {
+    try {
+        zym::common::Uuid const id(text);
+        require(id.base64URL() == text || text.size() == id.to_string().size(),
+                "an identifier is written as it was read");
+        return id;
+    } catch (std::invalid_argument const&) {
+        return std::nullopt;
+    }
+}
+
+/// @param request set as the library leaves it
+/// @return whether it is accepted
+bool readExpected(Topic const& topic, Json const& json, Request& request) {
+    LastLevels const levels(topic.text());
+    auto const client = uuidIn(levels.client);
     std::uint64_t id = 0;
     std::string bound;
     if (levels.name.size() < 2 || !client
-        || fuzz::readInteger(json.member("$reqId"), 0xffffffffU, id) != Outcome::TAKEN) {
-        return false;
-    }
-    if (fuzz::payloadOf(request) && fuzz::readText(json.member("topic"), bound) != Outcome::TAKEN) {
+        || fuzz::readInteger(json.member("$reqId"), 0xffffffffU, id) != Outcome::SUCCESS
+        || (fuzz::bindData(request)
+            && fuzz::readText(json.member("topic"), bound) != Outcome::SUCCESS)) {
         return false;
     }
     request.name = levels.name.substr(0, levels.name.size() - 2);
@@ -60,25 +59,25 @@ bool expect(Topic const& topic, Json const& json, Request& request) {
     return true;
 }
 
-void readBack(Topic const& topic, Request const& request) {
-    auto const again = fuzz::readBack(topic, request);
-    require(again.requestId == request.requestId && fuzz::hasSameTopic(again, request),
-            "it reads back");
+void check(fuzz::ReceivedMessage const& message, Request request) {
+    auto expected = request;
+    bool const isEmpty = message.payload.empty();
+    bool const isAccepted = isEmpty || readExpected(message.topic, message.json, expected);
+    require(fuzz::read(message.topic, message.payload, request) == isAccepted, "accepted requests");
+    require(fuzz::hasSameAddress(request, expected), "client, server and name");
+    require(request.requestId == expected.requestId, "the request's identifier");
+    require(request.data == expected.data, "the data stays the same object");
+    if (isAccepted && !isEmpty) {
+        auto const again = fuzz::writtenAndRead(message.topic, request);
+        require(again.requestId == request.requestId && fuzz::hasSameAddress(again, request),
+                "a request reads back");
+    }
 }
 
 void run(std::string_view bytes) {
-    fuzz::Arrival const arrival(bytes);
-    auto const& [topic, payload, json] = arrival;
-    for (auto request : fuzz::endpoints<Request>()) {
-        auto expected = request;
-        bool const readable = payload.empty() || expect(topic, json, expected);
-        require(fuzz::isTaken(topic, payload, request) == readable, "what is taken for a request");
-        require(fuzz::hasSameTopic(request, expected), "who asks whom for what");
-        require(request.requestId == expected.requestId, "the request's identifier");
-        require(request.data == expected.data, "the payload stays the same object");
-        if (readable && !payload.empty()) {
-            readBack(topic, request);
-        }
+    fuzz::ReceivedMessage const message{fuzz::Lines(bytes)};
+    for (auto const& request : fuzz::initialMessages<Request>()) {
+        check(message, request);
     }
 }
 

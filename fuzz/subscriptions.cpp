@@ -1,10 +1,9 @@
-// The choice of a subscription by the index, against the plain walk through the registry, while
-// subscriptions come and go.
+// Adds and removes subscriptions, and compares which one the index finds for a topic with a linear
+// search of the registry.
 
-#include "client/subscription_index.hpp"
+#include "client/registry/subscription_index.hpp"
 
 #include "client/walked_registry.hpp"
-#include "fuzz/lines.hpp"
 #include "fuzz/target.hpp"
 
 namespace {
@@ -15,7 +14,7 @@ using Registry = WalkedRegistry<mqtt::SubscriptionIndex>;
 void compare(Registry const& registry, Topic const& topic) {
     auto const* const exact = registry.exact(topic);
     auto const* const expected = exact != nullptr ? exact : registry.walk(topic);
-    fuzz::require(registry.find(topic) == expected, "the index finds what the walk does");
+    fuzz::require(registry.find(topic) == expected, "the index finds what the linear search finds");
 }
 
 void run(std::string_view bytes) {
@@ -25,7 +24,7 @@ void run(std::string_view bytes) {
         if (line.empty()) {
             continue;
         }
-        // Without zero bytes: none is subscribed to, and none is received.
+        // Cut at a zero byte: subscriptions and received topics have none.
         Topic const topic(line.c_str() + 1);
         if (line[0] == '+') {
             registry.add(topic);
@@ -36,7 +35,7 @@ void run(std::string_view bytes) {
         }
         compare(registry, topic);
     }
-    // Every one left is found by its text, whatever it is.
+    // A subscription is also found by its own text.
     for (auto const& entry : registry.entries()) {
         compare(registry, entry.first);
     }

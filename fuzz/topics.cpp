@@ -1,6 +1,5 @@
-// Topics, parsed, put together and cut by a random course of operations, beside a plain model.
+// Applies any sequence of operations to topics, and compares them with a simple model.
 
-#include "fuzz/lines.hpp"
 #include "fuzz/target.hpp"
 
 #include <mqtt/topic.hpp>
@@ -55,36 +54,38 @@ struct Model {
         if (tail.segments.empty()) {
             return;
         }
-        // From here on the segments may say more than the text: see `Topic::operator+=`.
-        bool const cut = tail.text.find('\0') != std::string::npos;
-        isPlain = isPlain && tail.isPlain && !cut && (segments.empty() || !text.empty());
+        // The text may lose a part that the segments keep: see `Topic::operator+=`.
+        bool const isCut = tail.text.find('\0') != std::string::npos;
+        isJoined = isJoined && tail.isJoined && !isCut && (segments.empty() || !text.empty());
         text += (text.empty() ? "" : "/") + std::string(tail.text.c_str());
         segments.insert(segments.end(), tail.segments.begin(), tail.segments.end());
     }
 
     std::string text;
     std::vector<std::string> segments;
-    bool isPlain = true; ///< the segments, joined, are the text
+    bool isJoined = true; ///< the text is the segments with separators between them
 };
 
-class Pair {
+/// A topic and its model.
+class ModelledTopic {
 public:
     void assign(std::string const& path) {
         topic_ = Topic(path);
         model_ = Model(path);
-        require(Topic(path.c_str()) == Topic(std::string(path.c_str())), "both paths parse alike");
+        require(Topic(path.c_str()) == Topic(std::string(path.c_str())),
+                "both constructors parse alike");
     }
 
     void append(std::string const& path) {
         auto const sum = topic_ + path;
         topic_ += path;
         model_.append(Model(path));
-        require(sum == topic_ && sum.size() == topic_.size(), "+ gives what += does");
+        require(sum == topic_ && sum.size() == topic_.size(), "+ and += have the same result");
     }
 
-    void append(Pair const& tail) {
+    void append(ModelledTopic const& tail) {
         model_.append(Model(tail.model_));
-        topic_ += tail.topic_; // itself, too
+        topic_ += tail.topic_; // may be itself
     }
 
     void resize(unsigned n) {
@@ -93,14 +94,14 @@ public:
         auto const& text = topic_.text();
         require(before.compare(0, text.size(), text) == 0, "resize keeps a beginning");
         model_.segments.resize(std::min<std::size_t>(n, model_.segments.size()));
-        require(!model_.isPlain || text == join(model_.segments), "resize cuts at a separator");
+        require(!model_.isJoined || text == join(model_.segments), "resize cuts at a separator");
         model_.text = text;
     }
 
     void clear() {
         topic_.clear();
         model_.text.clear();
-        model_.isPlain = model_.segments.empty();
+        model_.isJoined = model_.segments.empty();
     }
 
     void check() const {
@@ -111,7 +112,7 @@ public:
         }
     }
 
-    void compare(Pair const& other) const {
+    void compare(ModelledTopic const& other) const {
         auto const order = topic_.text().compare(other.topic_.text());
         require((topic_ == other.topic_) == (order == 0), "equal texts");
         require((topic_ < other.topic_) == (order < 0), "ordered as the texts");
@@ -123,10 +124,11 @@ private:
     void checkSegment(unsigned i) const {
         try {
             auto const segment = topic_[i];
-            require(!model_.isPlain || segment == model_.segments[i], "a segment");
-            require(topic_.text().find(segment) != std::string::npos, "a segment is in the text");
+            require(!model_.isJoined || segment == model_.segments[i], "a segment");
+            require(topic_.text().find(segment) != std::string::npos,
+                    "a segment is part of the text");
         } catch (std::out_of_range const&) {
-            require(!model_.isPlain, "a plain topic has all its segments");
+            require(!model_.isJoined, "every segment of a joined text exists");
         }
     }
 
@@ -135,10 +137,10 @@ private:
 };
 
 void run(std::string_view bytes) {
-    constexpr std::size_t LONGEST = 1U << 16U; // appending to itself doubles
-    std::array<Pair, 3> topics;
-    std::size_t length = 0;
-    for (fuzz::Lines lines(bytes); !lines.none() && length < LONGEST;) {
+    constexpr std::size_t MAX_LENGTH = 1U << 16U; // a topic appended to itself doubles
+    std::array<ModelledTopic, 3> topics;
+    std::size_t length = 0; // at most
+    for (fuzz::Lines lines(bytes); !lines.none() && length < MAX_LENGTH;) {
         std::string const line = lines.next();
         if (line.size() < 2) {
             continue;

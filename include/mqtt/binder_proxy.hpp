@@ -15,10 +15,10 @@
 
 namespace mqtt {
 
-class Visitors;
+class ActiveCalls;
 struct BinderPhases;
 
-/// Asks a server for a binding: `{"$reqId": 1, "topic": "plant/panel"}`.
+/// The request for a binding: `{"$reqId": 1, "topic": "plant/panel"}`.
 class ZYM_MQTT_EXPORT BindRequestData : public RequestReplyData {
 public:
     BindRequestData() = default;
@@ -29,81 +29,86 @@ public:
     void deserialize(zym::common::lwjson::Deserializer& in) override;
     void serialize(zym::common::lwjson::Serializer& out) const override;
 
-    Topic topic; ///< what the client wants to be bound, or where it is found: the service says
+    Topic topic; ///< its meaning is defined by the service
 };
 
 /// A client's binding to a server, over the request/reply services "bind" and "unbind", with the
-/// server's time: a binding is complete when the server has agreed and its time is known. Of one
-/// that is called off in between the listener is told by `onUnbound` alone.
+/// server's time: a binding is complete when the server has agreed and its time is known. For one
+/// that is cancelled in between only `onUnbound` of the listener is called.
 ///
 /// A server answers with SUCCESS, or refuses with 16 plus a `Binder::Error`; 16 plus ALREADY_BOUND
-/// counts as success. Any answer to "unbind" ends the binding, also none in time, except that the
-/// server is busy (16 plus BUSY, or a request under way here) or that nobody serves it: then
-/// nothing has changed.
+/// counts as success. An unbinding ends the binding whatever the server answers, and also without
+/// an answer in time. Only when the server is busy (16 plus BUSY, or another request under way
+/// here) or has no listener, nothing has changed.
 ///
 /// A binding or unbinding that has begun is always ended. When its request cannot be sent, or an
-/// operation throws, the listener is told so (FAILED, or what the operation returns) before the
-/// operation returns or throws.
+/// operation throws, the listener is called with FAILED, or with what the operation returns, before
+/// the operation returns or throws.
 ///
 /// ### Threads
 /// Every operation may be called from any thread, also from inside the listener's calls; none may
 /// be called from a communication state listener. On the MQTT client's worker thread `bindSync` and
-/// `unbindSync` do not wait: they end as when the server does not answer. The listener is called
-/// with no lock held: on the worker thread, on a timer's for a request that nobody answers, on that
-/// of the caller for a blocking operation, for a request that cannot be sent, and for what `unbind`
-/// or `cancelUnbinding` calls off. What it throws is dropped.
+/// `unbindSync` do not wait: they end as if the server had not answered. The listener is called
+/// with no lock held: on the worker thread, on a timer's thread for a request without an answer,
+/// and on the caller's thread by a blocking operation, for a request that cannot be sent, and for a
+/// phase that `unbind` or `cancelUnbinding` cancels. What it throws is dropped.
 ///
 /// ### Lifetime
-/// The proxy may be destroyed at any time, from inside the listener's calls too, and while others
-/// are in a blocking operation, which then returns, in `unbind`, `cancelUnbinding` or `terminate`.
+/// The proxy may be destroyed at any time, also from inside the listener's calls, and while other
+/// threads are in a blocking operation, which then returns, in `unbind`, `cancelUnbinding` or
+/// `terminate`.
 class ZYM_MQTT_EXPORT BinderMqttProxy : public virtual zym::common::BinderProxy,
                                         private RequestReplyClient::Listener,
                                         private zym::common::SynchronizedTimeBaseProxy::Listener {
 public:
-    /// @param requestTopic below which the server is asked for bindings and its time
+    /// @param requestTopic the base topic of the requests for bindings and for the time
     /// @param replyTopic the sub-path of the services "bind" and "unbind", empty for none
     /// @param uuid the client's own identity
     /// @param boundTopic sent with every binding: see `BindRequestData`
-    /// @param listener may be null; must live until `terminate` has returned. A derived class gives
-    ///        uuid and listener to the virtual base `zym::common::BinderProxy` too, which tells it
+    /// @param listener may be null; must live until `terminate` has returned. A derived class
+    /// passes
+    ///        uuid and listener also to the virtual base `zym::common::BinderProxy`, which calls it
     BinderMqttProxy(MqttClient& client, Topic const& requestTopic, Topic const& replyTopic,
                     zym::common::Uuid const& uuid, Topic const& boundTopic,
                     zym::common::BinderProxy::Listener* listener);
 
     void terminate() override;
-    /// Terminates; the server is not told.
+    /// Terminates, without a message to the server.
     ~BinderMqttProxy() override;
 
     /// Binds, and waits up to 30 seconds more for the server's time.
     /// @return also what the server answered; NOT_SYNCHRONIZED: the server has agreed but its time
-    ///         could not be read: the binding is neither complete nor ended, `unbind` is the way
-    ///         out
+    ///         could not be read: the binding is neither complete nor ended, call `unbind`. A call
+    ///         whose binding is cancelled by another thread returns CANCELLED while it waits for
+    ///         the server's answer, and NOT_SYNCHRONIZED while it reads the time
     /// @throws std::bad_alloc nothing is bound
     zym::common::Binder::Error bindSync(zym::common::Uuid const& server,
                                         conv::SecondsDuration const& timeout) override;
-    /// The listener is told when the server has refused, or has agreed and its time is known,
-    /// however long that takes; NOT_SYNCHRONIZED when there is no way to read the time: the server
-    /// then does hold the binding, and a second one is answered with ALREADY_BOUND, a success.
-    /// @return SUCCESS: the request is on its way; BUSY, ALREADY_BOUND or CANCELLED: not begun;
-    ///         otherwise the request could not be sent, and the listener has been told the same
-    /// @throws std::system_error no thread to be had for a timer; std::bad_alloc; nothing is bound,
-    ///         and the listener has been told FAILED if the binding had begun
+    /// The listener is called when the server has refused, or has agreed and its time is known,
+    /// however long that takes. It is called with NOT_SYNCHRONIZED when the time cannot be read at
+    /// all: the server is bound then, and answers the next binding with ALREADY_BOUND, a success.
+    /// @return SUCCESS: the request is sent; BUSY, ALREADY_BOUND or CANCELLED: not begun; otherwise
+    ///         the request could not be sent, and the listener has been called with the same
+    /// @throws std::system_error no thread for a timer; std::bad_alloc; nothing is bound, and the
+    ///         listener has been called with FAILED if the binding had begun
     zym::common::Binder::Error bind(zym::common::Uuid const& server,
                                     conv::SecondsDuration const& timeout) override;
-    /// Calls off a binding under way, whose caller or listener gets CANCELLED, and unbinds.
+    /// Cancels a binding under way, and unbinds.
     /// @throws std::bad_alloc as `unbind`
     zym::common::Binder::Error unbindSync(conv::SecondsDuration const& timeout) override;
-    /// Calls off a binding under way, whose caller or listener gets CANCELLED, and unbinds.
+    /// Cancels a binding under way, and unbinds. The caller or the listener of a binding that waits
+    /// for the server's answer gets CANCELLED.
     /// @param timeout all ones: until the server answers or `cancelUnbinding` is called
-    /// @return SUCCESS: the request is on its way; BUSY, NOT_BOUND or CANCELLED: not begun;
-    ///         otherwise the request could not be sent, and the listener has been told the same
-    /// @throws std::system_error no thread to be had for a timer; std::bad_alloc; the listener has
-    ///         been told FAILED, and what was bound still is
+    /// @return SUCCESS: the request is sent; BUSY, NOT_BOUND or CANCELLED: not begun; otherwise the
+    ///         request could not be sent, and the listener has been called with the same
+    /// @throws std::system_error no thread for a timer; std::bad_alloc; the listener has been
+    /// called
+    ///         with FAILED, and a binding still exists
     zym::common::Binder::Error unbind(conv::SecondsDuration const& timeout) override;
-    /// Ends an unbinding under way without the server's answer: for us the binding is over, as
-    /// after a time-out, and whoever unbinds gets SUCCESS. The server may have unbound or not. Does
-    /// nothing when none is under way. Waits only, as `unbindSync` does too, for a call to
-    /// `onBound` on another thread.
+    /// Ends an unbinding under way without the server's answer: the binding is over on this side,
+    /// as after a time-out, and the caller or the listener of the unbinding gets SUCCESS. The
+    /// server may have unbound or not. Does nothing when none is under way. Waits, as `unbindSync`
+    /// does, only for a call of `onBound` on another thread.
     void cancelUnbinding();
 
     /// As `SynchronizedTimeBaseMqttProxy::forceSync`.
@@ -111,15 +116,15 @@ public:
     bool isTimeBaseSynchronized() const override;
     std::uint32_t timeBase() const override;
 
-    /// What a request/reply code means for a binding.
+    /// The result of a binding or unbinding whose request ends with this code.
     static zym::common::Binder::Error requestReplyToBinderError(RequestReply::ErrorCode code);
 
 protected:
-    /// The server's time is known: ends the binding.
+    /// The server's time is known: completes the binding.
     void onTimeSynchronized() override;
 
-    /// Terminates and waits for whatever is under way on other threads. For the destructor of a
-    /// derived class, before any part of it is gone.
+    /// Terminates and waits for the calls under way on other threads. For the destructor of a
+    /// derived class, before any of its members is destroyed.
     void release() noexcept;
 
 private:
@@ -138,16 +143,15 @@ private:
     ZYM_MQTT_LOCAL zym::common::Binder::Error
     onBindReply(unsigned int phase, RequestReply::ErrorCode code, bool blocking);
     ZYM_MQTT_LOCAL bool readTime(unsigned int phase, bool blocking);
-    ZYM_MQTT_LOCAL void closeBinding(unsigned int phase, zym::common::Binder::Error error);
+    ZYM_MQTT_LOCAL void endBindingPhase(unsigned int phase, zym::common::Binder::Error error);
     ZYM_MQTT_LOCAL Begun beginUnbinding(RequestReplyClient::Listener* listener,
                                         conv::SecondsDuration const& timeout);
     ZYM_MQTT_LOCAL void sendUnbinding(Begun& begun, RequestReplyClient::Listener* listener,
                                       conv::SecondsDuration const& timeout);
     ZYM_MQTT_LOCAL zym::common::Binder::Error onUnbindReply(unsigned int phase,
                                                             RequestReply::ErrorCode code);
-    ZYM_MQTT_LOCAL void completeUnbinding(unsigned int phase);
-    ZYM_MQTT_LOCAL void stopTime();
-    ZYM_MQTT_LOCAL void closeUnbinding(unsigned int phase, zym::common::Binder::Error error);
+    ZYM_MQTT_LOCAL void endUnbindingPhase(unsigned int phase, zym::common::Binder::Error error);
+    ZYM_MQTT_LOCAL void stopTimeBase();
     ZYM_MQTT_LOCAL void endWaits();
     ZYM_MQTT_LOCAL void endRequests();
 
@@ -155,8 +159,8 @@ private:
     RequestReplyClient bindClient_;
     RequestReplyClient unbindClient_;
     SynchronizedTimeBaseMqttProxy timeBase_;
-    std::shared_ptr<Visitors> const callers_;    ///< inside an operation or a call to the listener
-    std::shared_ptr<BinderPhases> const phases_; ///< what is known here of the phases under way
+    std::shared_ptr<ActiveCalls> const calls_;   ///< operations, and calls of the listener
+    std::shared_ptr<BinderPhases> const phases_; ///< which phases are under way
 };
 
 } // namespace mqtt

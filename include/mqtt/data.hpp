@@ -9,8 +9,8 @@
 
 namespace mqtt {
 
-/// The untyped half of a typed data endpoint: a topic, the client that carries it, and how
-/// values are published there.
+/// The untyped base of a typed data endpoint: a topic, the client that carries it, and how values
+/// are published on that topic.
 ///
 /// ### Threads
 /// Every operation may be called from any thread. The endpoint's recursive mutex guards its
@@ -30,28 +30,29 @@ public:
     /// @param qos of every publication, 0 to 2
     /// @param retained of every publication
     /// @param subscribeTopic subscribed at once, with identifier 0, if it has a segment. Messages
-    ///        may then arrive before a derived class is whole: only for a client that is not
-    ///        connected yet.
+    ///        may then arrive before a derived class is constructed: give one only while the client
+    ///        is not connected yet.
     MqttDataBase(MqttClient& client, Topic const& topic, int qos, bool retained,
                  Topic const& subscribeTopic);
     /// Subscribes to nothing.
     MqttDataBase(MqttClient& client, Topic const& topic, int qos, bool retained);
     /// Publishes at QoS 0, not retained, and subscribes to nothing.
     MqttDataBase(MqttClient& client, Topic const& topic);
-    /// Subscribes at once, with identifier 0, where the other one has subscribed.
+    /// Subscribes at once, with identifier 0, to the topic that the other endpoint has subscribed
+    /// to.
     MqttDataBase(MqttDataBase const& other);
     MqttDataBase& operator=(MqttDataBase const&) = delete;
 
-    /// Replaces the topic. Takes no lock, and does not move a subscription: hold the mutex, and
-    /// subscribe anew.
+    /// Replaces the topic. Takes no lock and does not move a subscription: hold the mutex, and
+    /// subscribe again afterwards.
     void setTopicBase(Topic const& topic);
 
-    /// Hold the mutex while you use it.
+    /// Hold the mutex while you use the reference.
     Topic const& topicBase() const { return topicBase_; }
 
     std::recursive_mutex& mutex() const { return mutex_; }
 
-    /// @param id handed to the listener with every message
+    /// @param id passed to the listener with every message
     /// @return as `MqttClient::subscribe`
     MqttClient::Error subscribe(int id, Lock& lock);
     /// @return as `MqttClient::unsubscribe`
@@ -60,63 +61,72 @@ public:
     /// @return as `MqttClient::unsubscribeWait`
     MqttClient::Error unsubscribeWait(Lock& lock);
 
-    /// Publishes the current value, as `MqttClient::publish` does. What came of it is not told.
+    /// Publishes the current value as `MqttClient::publish` does. The result is not reported.
     void publish(Lock& lock);
     void publish();
-    /// Publishes the current value and waits up to 5 seconds until that is done, but not on the
-    /// client's worker thread; what came of it is not told.
+    /// Publishes the current value and waits up to 5 seconds until it is delivered, but not on the
+    /// client's worker thread. The result is not reported.
     void publishWait(Lock& lock);
     void publishWait();
 
-    /// Publishes the current value and tells what came of it.
-    /// @param wait whether to wait, up to 5 seconds, until that is done
+    /// Publishes the current value and reports the result.
+    /// @param wait whether to wait, up to 5 seconds, until it is delivered
     /// @return as `MqttClient::publish` or `MqttClient::publishWait`
     MqttClient::Error send(bool wait, Lock& lock);
 
     /// Publishes an empty payload with the endpoint's own QoS and retained flag: the broker
     /// forgets a retained value.
-    /// @param wait whether to wait, up to 5 seconds, until that is done
+    /// @param wait whether to wait, up to 5 seconds, until it is delivered
     /// @return as `MqttClient::publish` or `MqttClient::publishWait`
     MqttClient::Error clean(bool wait, Lock& lock);
     MqttClient::Error clean();
     MqttClient::Error cleanWait();
 
-    /// Makes the current value what the broker publishes when the client vanishes.
+    /// Makes the current value the client's will: the broker publishes it when the connection is
+    /// lost.
     /// @return as `MqttClient::setWill`
     MqttClient::Error setCurrentValueAsWill();
 
-    /// Ends every subscription and waits for a delivery under way, unless called from inside it:
-    /// afterwards nothing is delivered. For destructors of classes around this one, before
-    /// anything is gone that a delivery needs. Do not hold a lock that the listener takes.
+    /// Ends every subscription and waits for a delivery under way on another thread: afterwards
+    /// nothing is delivered. For destructors of derived and owning classes, while everything that a
+    /// delivery uses still exists. Do not hold a lock that the listener takes.
     void release() noexcept;
 
 protected:
-    /// Leaves the client. A derived class must have called `release` in its own destructor,
-    /// before any part of it is gone.
+    /// Ends every subscription. A derived class must have called `release` in its own destructor,
+    /// before any of its members is destroyed.
     ~MqttDataBase() override;
 
     /// Where values are published.
     virtual void getPublishTopic(Topic& topic);
     /// Where `subscribe` listens.
     virtual void getSubscribeTopic(Topic& topic);
-    /// Takes over a received payload.
-    /// @throws std::exception the message is dropped, silently
+    /// Reads a received payload into the value.
+    /// @throws std::exception the message is dropped without a report
     virtual void deserialize(Topic const& topic, std::string const& payload, bool empty) = 0;
-    /// Renders the current value.
+    /// Writes the current value into the payload.
     virtual void serialize(Topic const& topic, std::string& payload) const = 0;
-    /// Tells the listener; releases the lock first. The endpoint may be gone when the listener
-    /// returns.
+    /// Releases the lock, then calls the listener, which may destroy the endpoint.
     virtual void notify(bool empty, int id, Lock& lock) = 0;
 
-    /// Not subscribed, whatever the other one is: for a derived class that subscribes when it is
-    /// whole, with `subscribeLike`.
+    /// Copies without subscribing. A derived class then calls `subscribeLike` at the end of its own
+    /// constructor.
     struct Unsubscribed {};
     MqttDataBase(MqttDataBase const& other, Unsubscribed);
     void subscribeLike(MqttDataBase const& other);
 
 private:
+    struct Message {
+        Topic topic;
+        std::string payload;
+    };
+
     MqttDataBase(MqttDataBase const& other, Lock const& lockOfOther);
 
+    ZYM_MQTT_LOCAL void subscribeAtOnce();
+    /// The current value, ready to be published. Releases the lock.
+    ZYM_MQTT_LOCAL Message currentMessage(Lock& lock);
+    ZYM_MQTT_LOCAL MqttClient::Error publish(Message const& message, bool wait);
     void onMqttMessage(int id, Topic const& topic, std::string const& payload) final;
 
     Topic topicBase_;
@@ -130,8 +140,8 @@ private:
 /// A typed data endpoint: one value of type `T`, published as a JSON document on the endpoint's
 /// topic, and received from there.
 ///
-/// The value types of this library stand in `mqtt/payloads.hpp` and `mqtt/link.hpp`. For a type of
-/// your own specialise the constructor, `serialize` and `deserialize`; all else is generic:
+/// The value types of this library are in `mqtt/payloads.hpp` and `mqtt/link.hpp`. For a type of
+/// your own specialise the constructor, `serialize` and `deserialize`; everything else is generic:
 /// ```
 /// template <>
 /// MqttData<Reading>::MqttData(MqttClient& client, Topic const& topic)
@@ -139,18 +149,18 @@ private:
 /// ```
 ///
 /// ### Threads
-/// `value` and `subscriber` are guarded by `mutex()`. A received value is handed out as a copy,
-/// with no lock held: the subscriber may call every operation of the endpoint that does not wait.
+/// `mutex()` guards `value` and `subscriber`. The subscriber gets a copy of a received value and is
+/// called with no lock held: it may call every operation of the endpoint that does not wait.
 template <class T>
 class ZYM_MQTT_EXPORT MqttData : public MqttDataBase {
 public:
-    /// Told of every value received.
+    /// Is called for every value received.
     class Subscriber {
     public:
         /// Called on the client's worker thread.
-        /// @param value a copy of the endpoint's value; unchanged by an empty payload
-        /// @param empty whether the payload was empty, so a retained value was cleared
-        /// @param id what was given to `subscribe`
+        /// @param value a copy of the endpoint's value, which an empty payload does not change
+        /// @param empty whether the payload was empty: a retained value was cleared
+        /// @param id the one given to `subscribe`
         virtual void onMqttData(T const& value, bool empty, int id) = 0;
 
     protected:
@@ -162,17 +172,18 @@ public:
 
     /// Chooses topic, quality of service and retained flag. Subscribes to nothing.
     MqttData(MqttClient& client, Topic const& topic);
-    /// Keeps value and subscriber, and subscribes at once, with identifier 0, where the other one
-    /// has subscribed. So does each element of a `std::vector` that grows: take another container.
+    /// Copies value and subscriber, and subscribes at once, with identifier 0, to the topic that
+    /// the other endpoint has subscribed to. The elements of a growing `std::vector` are copied and
+    /// so subscribe again: use another container.
     MqttData(MqttData const& other);
-    /// Unsubscribes; on another thread than the client's worker it waits until no delivery is
-    /// under way. Do not hold a lock that the subscriber takes.
+    /// Unsubscribes. On any thread but the client's worker it waits until no delivery is under way:
+    /// do not hold a lock that the subscriber takes.
     ~MqttData() override;
 
-    /// Renders a value as a payload, in place of what stands there.
+    /// Writes a value into the payload and replaces its previous content.
     static void serialize(Topic const& topic, std::string& payload, T const& value);
-    /// Takes over what a payload says; does nothing for an empty one.
-    /// @throws std::exception the message is dropped, silently
+    /// Reads a payload into the value; does nothing for an empty one.
+    /// @throws std::exception the message is dropped without a report
     static void deserialize(Topic const& topic, std::string const& payload, bool empty, T& value);
 
     using MqttDataBase::subscribe;
@@ -180,16 +191,17 @@ public:
     /// @return as `MqttClient::subscribe`
     MqttClient::Error subscribe(Subscriber* receiver, int id);
     using MqttDataBase::unsubscribe;
-    /// Removes the subscriber and unsubscribes. Does not wait: one call may still come.
+    /// Removes the subscriber and unsubscribes. Does not wait: the subscriber may still be called
+    /// once for a delivery under way.
     /// @return as `MqttClient::unsubscribe`
     MqttClient::Error unsubscribe();
 
-    Subscriber* subscriber = nullptr; ///< the one listener; not owned
+    Subscriber* subscriber = nullptr; ///< not owned
     T value{};
 
 protected:
-    /// Not subscribed, whatever the other one is: for a derived class with more to copy, which
-    /// calls `subscribeLike` when it is whole.
+    /// Copies without subscribing, for a derived class that has more to copy. It then calls
+    /// `subscribeLike`.
     MqttData(MqttData const& other, Unsubscribed);
 
     void getPublishTopic(Topic& topic) override;
@@ -262,7 +274,7 @@ void MqttData<T>::notify(bool empty, int id, Lock& lock) {
     T const copy = value;
     auto* const receiver = subscriber;
     lock.unlock();
-    // From here on this endpoint may be destroyed, by the receiver too.
+    // From here on this endpoint may be destroyed, also by the receiver.
     if (receiver != nullptr) {
         receiver->onMqttData(copy, empty, id);
     }

@@ -9,7 +9,7 @@
 
 namespace mqtt {
 
-/// Names another entity by its topic: `{"@id": "a/b"}`.
+/// Refers to another entity by its topic: `{"@id": "a/b"}`.
 struct ZYM_MQTT_EXPORT Link {
     std::string id; ///< the topic path of the entity, as text
 };
@@ -53,9 +53,9 @@ class MqttDataCollection;
 ///   ]
 /// }
 /// ```
-/// The number is a hint only: as many links are read as there are. A document without one of the
-/// two members is dropped; so is one with a member that is no link, and the value then holds the
-/// links before it and an empty one.
+/// All links are read, whatever the number says. A document without one of the two members is
+/// dropped. So is one with an element that is no link: the value then holds the links before it and
+/// an empty one.
 template <>
 class ZYM_MQTT_EXPORT MqttDataCollection<Link> : public MqttData<std::vector<Link>> {
 public:

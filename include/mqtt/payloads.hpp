@@ -9,13 +9,13 @@
 
 namespace mqtt {
 
-// The standard values of a service, each on a level of its own under the service's topic,
-// published at QoS 2 and retained. They differ in what they make of a bad document.
+// The standard values of a service, each on its own level under the service's topic, published at
+// QoS 2 and retained. They differ in how they handle a bad document.
 
 /// `{"state": 2, "since": 1700000000.5}` on the level "communication".
 ///
-/// Reading never fails: whatever is missing or wrong, `since` is then the invalid time and
-/// `state` what could be read, or the previous one.
+/// Reading never fails. If a member is missing or wrong, `since` becomes the invalid time, and
+/// `state` keeps its value unless it could be read.
 template <>
 ZYM_MQTT_EXPORT MqttData<conv::CommunicationStatus>::MqttData(MqttClient& client,
                                                               Topic const& topic);
@@ -30,8 +30,8 @@ MqttData<conv::CommunicationStatus>::deserialize(Topic const& topic, std::string
 
 /// Ten strings, "uuid" to "contact", on the level "identification".
 ///
-/// Reading never fails: each key is read on its own, and a field whose key is missing or wrong
-/// keeps its content.
+/// Reading never fails: each key is read separately, and a field whose key is missing or wrong
+/// keeps its value.
 template <>
 ZYM_MQTT_EXPORT char const* const MqttData<conv::Identification>::TOPIC_SUFFIX;
 template <>
@@ -47,7 +47,7 @@ MqttData<conv::Identification>::deserialize(Topic const& topic, std::string cons
 
 /// `{"operating": 1, "health": 3}` on the level "status".
 ///
-/// A document without one of the two is dropped; `operating` may have been taken over by then.
+/// A document without one of the two is dropped; `operating` may have been read before that.
 template <>
 ZYM_MQTT_EXPORT char const* const MqttData<conv::ServiceStatus>::TOPIC_SUFFIX;
 template <>

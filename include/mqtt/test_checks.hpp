@@ -12,12 +12,12 @@
 #include <string>
 #include <vector>
 
-// For test programs of a device: checks of what stands on the broker at localhost:1883. Those that
-// connect do so with the identifier 0: one at a time, of all programs.
+// For test programs of a device: checks of what the broker at localhost:1883 has retained. Those
+// that connect use the identifier 0: only one of them may run at a time, in all programs.
 
 namespace mqtt {
 
-/// A check has failed. It says nothing: what there is to say has been printed.
+/// A check has failed. Without a text of its own: the check has printed the reason.
 class ZYM_MQTT_EXPORT test_error : public std::runtime_error {
 public:
     test_error();
@@ -33,7 +33,7 @@ struct TestCounter {
     std::int32_t failed = 0;
 };
 
-/// Notices whether anything arrives, and writes where it did to the standard output.
+/// Records whether a message arrives, and writes its topic to the standard output.
 class ZYM_MQTT_EXPORT CleanTopicChecker : public MqttClient::Subscriber {
 public:
     /// Connects to the broker at localhost:1883, which may take up to 5 seconds, with the
@@ -49,23 +49,22 @@ public:
     MqttClient client;
 };
 
-/// Checks that no retained message stands on a topic or pattern, for half a second. Prints what it
-/// does and how that ended.
+/// Checks for half a second that a topic or pattern has no retained message. Prints what it checks
+/// and the result.
 ///
-/// What arrives in the last 100 ms is not seen. Without a broker nothing arrives at all, and the
-/// check passes.
-/// @throws test_error when there is a message, or something unexpected happened; the latter is
-///         printed
+/// A message in the last 100 ms is not noticed. Without a broker no message arrives, and the check
+/// passes.
+/// @throws test_error when there is a message, or after an unexpected exception, which is printed
 ZYM_MQTT_EXPORT void testTopicClean(Topic const& topic, TestCounter& counter);
 
-/// Checks that a link shows up, within three seconds, in the collection published on a topic.
-/// Prints what it does and how that ended.
-/// @param message what is being checked, for the printing
-/// @throws test_error when it does not, or something unexpected happened; the latter is printed
+/// Checks that a link appears within three seconds in the collection published on a topic. Prints
+/// what it checks and the result.
+/// @param message what is checked, as it is printed
+/// @throws test_error when it does not appear, or after an unexpected exception, which is printed
 ZYM_MQTT_EXPORT void testLinkInCollection(std::string const& link, Topic const& topic,
                                           char const* message, TestCounter& counter);
 
-/// Whether the collection, as last received, has this very link.
+/// Whether the collection, as last received, has exactly this link.
 ZYM_MQTT_EXPORT bool isLinkPublishedInCollection(std::string const& link,
                                                  MqttDataCollection<Link>& collection);
 

@@ -2,6 +2,7 @@
 
 #include "mqtt/client.hpp"
 #include "mqtt/export.hpp"
+#include "mqtt/mutex.hpp"
 #include "mqtt/topic.hpp"
 
 #include <zym/common/timer.hpp>
@@ -13,20 +14,17 @@
 #include <cstdint>
 #include <list>
 #include <memory>
-#include <mutex>
 #include <string>
-#include <thread>
 
 namespace mqtt {
 
-class Visitors;
+class ActiveCalls;
 
-/// Erases the retained messages on topics and below patterns, over a connection of its own.
+/// Erases the retained messages on topics and topic patterns, over a connection of its own.
 ///
-/// Each request listens to its topic for the time it was given: every retained message that the
-/// broker delivers, and every other message that comes by, is answered with an empty retained one
-/// on the same topic. How much time a broker needs for its retained messages nobody can know: be
-/// generous.
+/// Each request listens to its topic for the given duration: every message that the broker delivers
+/// meanwhile, retained or not, is answered with an empty retained one on the same topic. The time
+/// that a broker needs to deliver its retained messages is not known: choose a long duration.
 ///
 /// ### Threads
 /// Every operation may be called from any thread. The listener is called on the timer's thread
@@ -35,12 +33,12 @@ class Visitors;
 /// lock that the listener takes.
 class ZYM_MQTT_EXPORT TopicCleaner : public MqttClient::Subscriber {
 public:
-    /// Told what has been done. Not owned.
+    /// Is called when requests end. Not owned.
     class Listener {
     public:
         /// The time of a request has passed.
         virtual void onTopicCleaned(Topic const& topic) = 0;
-        /// No request is left; told once each time that the last one has ended.
+        /// No request is left. Called once each time that the last one has ended.
         virtual void onAllTopicsCleaned() = 0;
 
     protected:
@@ -50,13 +48,13 @@ public:
     /// One request.
     class Task;
 
-    /// How often the requests' times are looked at while nothing arrives.
+    /// How often the cleaner looks for requests whose time has passed, while no message arrives.
     static std::chrono::milliseconds const NO_ACTIVITY_TIME; // 1 s
-    /// What a request is given on top when the same topic is asked for again.
+    /// By how much a second request for the same topic extends the first.
     static std::chrono::milliseconds const TIMEOUT; // 3 s
 
-    /// Connects to the broker, which blocks as `MqttClient::connect` with 5 seconds does; when
-    /// there is none, the cleaner goes on trying.
+    /// Connects to the broker, which blocks as `MqttClient::connect` with 5 seconds does; without a
+    /// broker the cleaner tries again until it is terminated.
     /// @param listener may be null; must live until `terminate` has returned
     /// @param id of the connection: no other client of the broker may have it
     /// @param port 0 to 65535
@@ -67,25 +65,23 @@ public:
     TopicCleaner(TopicCleaner const&) = delete;
     TopicCleaner& operator=(TopicCleaner const&) = delete;
 
-    /// Cleans a topic or pattern. When it is being cleaned already, by exactly this text, that
-    /// request gets `TIMEOUT` longer instead, whatever the duration says. Nothing is done after
-    /// `terminate`.
-    /// @param duration how long to listen; requests end when the cleaner looks, after activity or
-    ///        each `NO_ACTIVITY_TIME`
-    /// @throws std::system_error no thread to be had for the timer; std::bad_alloc; nothing is
-    ///         cleaned then
+    /// Cleans a topic or pattern. If a request with exactly this text is under way, it is extended
+    /// by `TIMEOUT` instead, and the duration is not used. Does nothing after `terminate`.
+    /// @param duration how long to listen; the request then ends after the next message or at the
+    /// end
+    ///        of the next `NO_ACTIVITY_TIME`
+    /// @throws std::system_error no thread for the timer; std::bad_alloc; nothing is cleaned then
     void clean(Topic const& topic, std::chrono::milliseconds duration);
 
-    /// Waits until no request is left and the listener has been told so. Does not wait inside the
-    /// listener.
-    /// @return true at once when there is none, also once terminated; false when the time was not
-    ///         enough
+    /// Waits until no request is left and the listener has been called for that. Does not wait
+    /// inside the listener.
+    /// @return true at once when there is none, also after `terminate`; false after the time-out
     bool waitAllTasks(std::chrono::milliseconds timeout) const;
 
-    /// Ends all work for good: requests are dropped without telling the listener, those who wait
-    /// are let go, the connection is closed, or the search for the broker ended. May take up to 5
-    /// seconds for each request and for the connection, when the broker does not answer or several
-    /// threads call this at once.
+    /// Ends all work for good: drops the requests without calling the listener, ends the waits, and
+    /// closes the connection or ends the attempts to connect. May take up to 5 seconds for each
+    /// request and for the connection, when the broker does not answer or several threads call this
+    /// at once.
     void terminate();
 
     /// Called by the connection; not for applications.
@@ -93,38 +89,31 @@ public:
 
 private:
     using Tasks = std::list<std::shared_ptr<Task>>;
-    using Lock = std::unique_lock<std::mutex>;
 
-    ZYM_MQTT_LOCAL void buildInternalClient(zym::common::Uuid const& id, std::string const& host,
-                                            int port);
-    ZYM_MQTT_LOCAL void arm(std::chrono::milliseconds period);
     ZYM_MQTT_LOCAL void onTimer();
-    ZYM_MQTT_LOCAL void handleTasksExpiration(Lock& lock);
-    template <class Call>
-    ZYM_MQTT_LOCAL bool tell(Call const& call, Lock& lock);
-    ZYM_MQTT_LOCAL Tasks::iterator findDueTask(Lock const& lock);
-    ZYM_MQTT_LOCAL bool isLooking(Lock const& lock) const;
+    ZYM_MQTT_LOCAL void handleTasksExpiration();
+    ZYM_MQTT_LOCAL Tasks::iterator findDueTask() ZYM_MQTT_REQUIRES(tasksMutex_);
+    ZYM_MQTT_LOCAL void shutDown();
 
     std::shared_ptr<MqttClient> client_;
-    std::int32_t taskCount_ = 0;
-    mutable std::mutex tasksMutex_; ///< taken before the timer's lock and the client's
-    Tasks tasks_;
+    std::int32_t taskCount_ ZYM_MQTT_GUARDED_BY(tasksMutex_) = 0;
+    mutable Mutex tasksMutex_; ///< taken before the timer's lock and the client's
+    Tasks tasks_ ZYM_MQTT_GUARDED_BY(tasksMutex_);
     mutable std::condition_variable tasksDone_;
     Listener* const listener_;
-    bool cleaning_ = false; ///< from a request's creation until the listener has been told of all
+    /// From a request's creation until the listener has been called for the end of all.
+    bool cleaning_ ZYM_MQTT_GUARDED_BY(tasksMutex_) = false;
     zym::common::Timer timer_;
     std::atomic<bool> terminated_{false};
-    std::shared_ptr<Visitors> const callers_; ///< inside an operation that waits, or `clean`
-    std::shared_ptr<void> const alive_;       ///< expires with this object
-    std::thread::id looker_;                  ///< inside the timer's callback; tasks lock
-    bool destroyedInside_ = false;            ///< being destroyed in there; tasks lock
+    std::shared_ptr<ActiveCalls> const calls_;      ///< `clean`, and operations that wait
+    std::shared_ptr<ActiveCalls> const timerCalls_; ///< those of the timer's callback
 };
 
 /// One request of a cleaner, which makes it, starts it, and destroys it when its time has passed.
-/// Not safe for use from two threads at once.
+/// Must not be used by two threads at once.
 class ZYM_MQTT_EXPORT TopicCleaner::Task {
 public:
-    /// @param tag handed to the client with the subscription
+    /// @param tag passed to the client with the subscription
     /// @param duration from now
     /// @param subscriber gets the messages
     Task(std::shared_ptr<MqttClient> client, Topic const& topic, int tag,

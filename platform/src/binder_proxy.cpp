@@ -9,12 +9,14 @@ namespace zym::common {
 using Error = Binder::Error;
 
 struct BinderProxy::Phases {
-    explicit Phases(Listener* toTell) : listener(toTell) {}
+    explicit Phases(Listener* listenerOfProxy) : listener(listenerOfProxy) {}
 
-    void tell(void (Listener::*event)(Error), Error error, std::unique_lock<std::mutex>& lock);
-    bool othersAreInListener() const;
+    /// Releases the lock during the call.
+    void callListener(void (Listener::*event)(Error), Error error,
+                      std::unique_lock<std::mutex>& lock);
+    bool mustWaitForListenerCalls() const;
 
-    std::mutex mutex;   ///< a leaf: guards all below, nothing is called under it
+    std::mutex mutex;   ///< guards all below; no other lock is taken and nothing is called under it
     Listener* listener; ///< null once terminated
     Uuid serverUuid;
     bool binding = false;
@@ -24,51 +26,51 @@ struct BinderProxy::Phases {
     std::condition_variable callEnded;
 
 private:
-    class Call;
-    Call* calls = nullptr; ///< under way, the last one first
+    class ListenerCall;
+    ListenerCall* calls = nullptr; ///< under way, the newest first
 };
 
-/// Puts a listener call on record for `terminate`, since the lock is not held during the call.
-/// Needs no memory: a phase ends with its listener told.
-class BinderProxy::Phases::Call {
+/// Records a listener call, made without the lock, so that `terminate` can wait for its end. A
+/// linked list on the stack: lack of memory cannot keep the listener from being called.
+class BinderProxy::Phases::ListenerCall {
 public:
-    Call(Phases& phases, std::unique_lock<std::mutex>& lock)
+    ListenerCall(Phases& phases, std::unique_lock<std::mutex>& lock)
         : phases_(phases), next_(phases.calls) {
         phases_.calls = this;
         lock.unlock();
     }
-    ~Call() {
+    ~ListenerCall() {
         std::lock_guard<std::mutex> const lock(phases_.mutex);
-        Call** link = &phases_.calls;
+        ListenerCall** link = &phases_.calls;
         while (*link != this) {
             link = &(*link)->next_;
         }
         *link = next_;
         phases_.callEnded.notify_all();
     }
-    Call(Call const&) = delete;
-    Call& operator=(Call const&) = delete;
+    ListenerCall(ListenerCall const&) = delete;
+    ListenerCall& operator=(ListenerCall const&) = delete;
 
-    Call const* next() const { return next_; }
+    ListenerCall const* next() const { return next_; }
     bool isOn(std::thread::id thread) const { return thread_ == thread; }
 
 private:
     Phases& phases_;
     std::thread::id const thread_ = std::this_thread::get_id();
-    Call* next_;
+    ListenerCall* next_;
 };
 
-void BinderProxy::Phases::tell(void (Listener::*event)(Error), Error error,
-                               std::unique_lock<std::mutex>& lock) {
+void BinderProxy::Phases::callListener(void (Listener::*event)(Error), Error error,
+                                       std::unique_lock<std::mutex>& lock) {
     if (listener != nullptr) {
-        Listener& toTell = *listener;
-        Call const call(*this, lock);
-        (toTell.*event)(error);
+        Listener& called = *listener;
+        ListenerCall const call(*this, lock);
+        (called.*event)(error);
     }
 }
 
-// A thread that is itself inside a call waits for nobody: two of them would wait for each other.
-bool BinderProxy::Phases::othersAreInListener() const {
+// A thread inside a listener call does not wait: two such threads would wait for each other.
+bool BinderProxy::Phases::mustWaitForListenerCalls() const {
     auto const self = std::this_thread::get_id();
     for (auto const* call = calls; call != nullptr; call = call->next()) {
         if (call->isOn(self)) {
@@ -98,7 +100,7 @@ void BinderProxy::terminate() {
     std::unique_lock<std::mutex> lock(phases->mutex);
     phases->terminated = true;
     phases->listener = nullptr;
-    phases->callEnded.wait(lock, [&phases] { return !phases->othersAreInListener(); });
+    phases->callEnded.wait(lock, [&phases] { return !phases->mustWaitForListenerCalls(); });
 }
 
 Error BinderProxy::startBinding(Uuid const& server) {
@@ -118,14 +120,14 @@ Error BinderProxy::startBinding(Uuid const& server) {
 }
 
 void BinderProxy::endBinding(Error error) {
-    auto const phases = phases_; // the listener may destroy us
+    auto const phases = phases_; // the listener may destroy this proxy
     std::unique_lock<std::mutex> lock(phases->mutex);
     if (!phases->binding) {
         return;
     }
     phases->binding = false;
     phases->bound = error == Error::SUCCESS || error == Error::ALREADY_BOUND;
-    phases->tell(&Listener::onBound, error, lock);
+    phases->callListener(&Listener::onBound, error, lock);
 }
 
 Error BinderProxy::startUnbinding() {
@@ -144,7 +146,7 @@ Error BinderProxy::startUnbinding() {
 }
 
 void BinderProxy::endUnbinding(Error error) {
-    auto const phases = phases_; // the listener may destroy us
+    auto const phases = phases_; // the listener may destroy this proxy
     std::unique_lock<std::mutex> lock(phases->mutex);
     if (!phases->unbinding) {
         return;
@@ -154,7 +156,7 @@ void BinderProxy::endUnbinding(Error error) {
         phases->binding = false;
         phases->bound = false;
     }
-    phases->tell(&Listener::onUnbound, error, lock);
+    phases->callListener(&Listener::onUnbound, error, lock);
 }
 
 } // namespace zym::common

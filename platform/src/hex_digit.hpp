@@ -4,8 +4,8 @@
 
 namespace zym::common {
 
-/// The value of a hexadecimal digit. Ranges, not the classification functions of <cctype>: those
-/// follow the locale.
+/// The value of a hexadecimal digit. Compares ranges: the functions of <cctype> depend on the
+/// locale.
 constexpr std::optional<unsigned> hexDigit(char c) noexcept {
     if (c >= '0' && c <= '9') {
         return static_cast<unsigned>(c - '0');

@@ -19,7 +19,7 @@ void SynchronizedTimeBaseProxy::registerListener(Listener* listener) {
 }
 
 void SynchronizedTimeBaseProxy::notifyListener() {
-    // One read: it may be set to null at any moment.
+    // Read once: another thread may set it to null between the check and the call.
     Listener* const listener = listener_;
     if (listener != nullptr) {
         listener->onTimeSynchronized();

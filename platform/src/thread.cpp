@@ -11,9 +11,9 @@ namespace zym::common {
 
 namespace {
 
-// With the usual 8 MiB, some hundred threads do not fit into addresses of 32 bits. Measured: what
-// libzym-mqtt does in a callback takes 12 KiB, an exception or the resolution of a name 24, a
-// std::regex 0.7 for each character of its text, 1.1 under AddressSanitizer.
+// With the default of 8 MiB, a hundred threads do not fit into a 32-bit address space. Measured:
+// the callbacks of libzym-mqtt need 12 KiB, an exception or a name lookup 24 KiB, a std::regex 0.7
+// KiB for each character of its text (1.1 KiB under AddressSanitizer).
 constexpr std::size_t STACK_BYTES = std::size_t{512} * 1024;
 
 struct Task {
@@ -28,8 +28,8 @@ void* run(void* argument) noexcept {
     return nullptr;
 }
 
-/// A new thread begins with the signals blocked that are blocked where it is created. Those that a
-/// fault raises in a thread stay: their handlers run there only.
+/// Blocks signals in the calling thread, since a new thread starts with the signal mask of the
+/// thread that creates it. The signals of a fault stay unblocked: the faulting thread handles them.
 class SignalsBlocked {
 public:
     SignalsBlocked() noexcept {
@@ -52,7 +52,7 @@ class Attributes {
 public:
     Attributes() noexcept {
         pthread_attr_init(&attributes_);
-        // The usual size stays where the system asks for more than this.
+        // Fails, and leaves the default size, where the system requires more.
         pthread_attr_setstacksize(&attributes_, STACK_BYTES);
     }
     ~Attributes() { pthread_attr_destroy(&attributes_); }
@@ -69,7 +69,7 @@ int create(pthread_t& handle, Task* task) noexcept {
     SignalsBlocked const blocked;
     Attributes const attributes;
     int const error = pthread_create(&handle, attributes.get(), run, task);
-    // The program's thread-local objects stand on the stack as well, and may need more than that.
+    // EINVAL: the program's thread-local variables, which share the stack, need more than its size.
     return error == EINVAL ? pthread_create(&handle, nullptr, run, task) : error;
 }
 
@@ -80,7 +80,7 @@ void Thread::start(char const* name, std::function<void()> body) {
     if (int const error = create(handle_, task.get()); error != 0) {
         throw std::system_error(error, std::generic_category(), "No thread to be had");
     }
-    static_cast<void>(task.release()); // the thread's now
+    static_cast<void>(task.release()); // `run` owns it now
     joinable_ = true;
 }
 

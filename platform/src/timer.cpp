@@ -13,15 +13,15 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// Standard libraries hand a deadline to the system as a time_t; where that has 32 bits a far
-// one overflows and the wait returns at once. So no single wait lasts longer than this.
-constexpr std::chrono::hours LONGEST_WAIT{1};
+// Standard libraries pass a deadline to the system as a time_t. Where that has 32 bits, a far
+// deadline overflows and the wait returns at once. So no single wait lasts longer than this.
+constexpr std::chrono::hours MAX_WAIT{1};
 
 bool isOneShot(std::chrono::milliseconds period) {
     return period <= std::chrono::milliseconds::zero();
 }
 
-Clock::time_point later(Clock::time_point now, std::chrono::milliseconds period) {
+Clock::time_point deadlineAfter(Clock::time_point now, std::chrono::milliseconds period) {
     if (isOneShot(period)) {
         return now;
     }
@@ -31,8 +31,8 @@ Clock::time_point later(Clock::time_point now, std::chrono::milliseconds period)
 
 } // namespace
 
-/// What the thread needs. Shared with it, since a callback may destroy the timer: the thread
-/// then finds `terminated` set and leaves.
+/// The state that the timer shares with its thread. A callback may destroy the timer: the thread
+/// then finds `terminated` set and ends.
 struct Timer::Engine {
     Engine(std::function<void()> call, std::chrono::milliseconds every, bool onlyOnce)
         : callback(std::move(call)), period(every), once(onlyOnce) {}
@@ -51,9 +51,9 @@ struct Timer::Engine {
     bool terminated = false;
     std::thread::id worker;
     Clock::time_point deadline;
-    Thread thread; ///< written under the lock, and after `terminate` under that of joining
+    Thread thread; ///< written under `mutex`; after `terminate` under `joining`
 
-    std::mutex joining; ///< one thread joins, the others wait for it here
+    std::mutex joining; ///< several calls of `terminate` may wait; one of them joins the thread
 };
 
 void Timer::Engine::run() {
@@ -74,25 +74,25 @@ void Timer::Engine::run() {
 
 void Timer::Engine::waitForDeadline(std::unique_lock<std::mutex>& lock, Clock::time_point now) {
     // A copy: `deadline` may change while the lock is released in the wait.
-    Clock::time_point const end = std::min(deadline, now + LONGEST_WAIT);
+    Clock::time_point const end = std::min(deadline, now + MAX_WAIT);
     changed.wait_until(lock, end);
 }
 
-// Before the callback, so that whatever it arms stays armed.
+// Called before the callback, so that a `restart` in the callback keeps its effect.
 void Timer::Engine::moveDeadline(Clock::time_point now) {
     if (once || isOneShot(period)) {
         armed = false;
         return;
     }
     auto const missed = std::chrono::floor<std::chrono::milliseconds>(now - deadline) / period;
-    deadline = later(deadline + missed * period, period);
+    deadline = deadlineAfter(deadline + missed * period, period);
 }
 
 void Timer::Engine::expire(std::unique_lock<std::mutex>& lock) {
     lock.unlock();
     try {
         callback();
-    } catch (...) { // NOLINT(bugprone-empty-catch): nobody to tell, and the timer goes on
+    } catch (...) { // NOLINT(bugprone-empty-catch): there is no caller to report to
     }
     lock.lock();
 }
@@ -104,7 +104,7 @@ Timer::Timer(std::function<void()> callback, std::chrono::milliseconds period, b
 Timer::~Timer() {
     terminate();
     if (engine_->thread.isJoinable()) {
-        engine_->thread.detach(); // we are on it
+        engine_->thread.detach(); // this is the timer's own thread
     }
 }
 
@@ -124,7 +124,7 @@ void Timer::restart(std::unique_lock<std::mutex>& /*lock*/) {
     if (!engine_->thread.isJoinable()) {
         engine_->thread.start("zym-timer", [engine = engine_] { engine->run(); });
     }
-    engine_->deadline = later(Clock::now(), engine_->period);
+    engine_->deadline = deadlineAfter(Clock::now(), engine_->period);
     engine_->armed = true;
     engine_->changed.notify_one();
 }

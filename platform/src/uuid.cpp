@@ -32,7 +32,7 @@ unsigned hexDigitOf(char c) {
     return *digit;
 }
 
-// Ranges here too, whatever the locale.
+// Compares ranges, as `hexDigit` does.
 unsigned base64Digit(char c) {
     if (c >= 'A' && c <= 'Z') {
         return static_cast<unsigned>(c - 'A');

@@ -16,6 +16,8 @@
 namespace {
 
 using conv::SecondsDuration;
+using support::isSet;
+using support::set;
 using support::Watched;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -81,37 +83,29 @@ protected:
     BareProxy proxy_{&listener_};
 };
 
-TEST_F(ABinderProxy, KnowsItselfAndNoServerWhenMade) {
+TEST_F(ABinderProxy, RecordsTheServerOfABindingAndIsBusyDuringIt) {
     EXPECT_EQ(proxy_.uuid(), SELF);
     EXPECT_EQ(proxy_.serverUuid(), Uuid::NIL);
     EXPECT_FALSE(proxy_.isTerminated());
-}
-
-TEST_F(ABinderProxy, RecordsTheServerOfABinding) {
+    EXPECT_EQ(proxy_.startUnbinding(), Error::NOT_BOUND);
     EXPECT_EQ(proxy_.startBinding(SERVER), Error::SUCCESS);
+    EXPECT_EQ(proxy_.startBinding(OTHER_SERVER), Error::BUSY);
     EXPECT_EQ(proxy_.serverUuid(), SERVER);
     EXPECT_THAT(listener_.events, IsEmpty());
 }
 
-TEST_F(ABinderProxy, IsBusyWhileBinding) {
-    ASSERT_EQ(proxy_.startBinding(SERVER), Error::SUCCESS);
-    EXPECT_EQ(proxy_.startBinding(OTHER_SERVER), Error::BUSY);
-    EXPECT_EQ(proxy_.serverUuid(), SERVER);
-}
-
-TEST_F(ABinderProxy, IsBoundWhenABindingEndsWithSuccess) {
-    ASSERT_EQ(proxy_.startBinding(SERVER), Error::SUCCESS);
-    proxy_.endBinding(Error::SUCCESS);
-    EXPECT_THAT(listener_.events, ElementsAre(Event("bound", Error::SUCCESS)));
-    EXPECT_TRUE(isBound());
-    EXPECT_EQ(proxy_.serverUuid(), SERVER);
-}
-
-TEST_F(ABinderProxy, IsBoundWhenTheServerSaysItAlreadyWas) {
-    ASSERT_EQ(proxy_.startBinding(SERVER), Error::SUCCESS);
-    proxy_.endBinding(Error::ALREADY_BOUND);
-    EXPECT_THAT(listener_.events, ElementsAre(Event("bound", Error::ALREADY_BOUND)));
-    EXPECT_TRUE(isBound());
+TEST_F(ABinderProxy, IsBoundWhenABindingEndsWithSuccessOrAlreadyBound) {
+    for (auto const error : {Error::SUCCESS, Error::ALREADY_BOUND}) {
+        listener_.events.clear();
+        ASSERT_EQ(proxy_.startBinding(SERVER), Error::SUCCESS);
+        proxy_.endBinding(error);
+        proxy_.endBinding(Error::FAILED); // it has ended
+        EXPECT_THAT(listener_.events, ElementsAre(Event("bound", error)));
+        EXPECT_TRUE(isBound());
+        EXPECT_EQ(proxy_.serverUuid(), SERVER);
+        ASSERT_EQ(proxy_.startUnbinding(), Error::SUCCESS);
+        proxy_.endUnbinding(Error::SUCCESS);
+    }
 }
 
 TEST_F(ABinderProxy, IsFreeAgainWhenABindingFails) {
@@ -135,28 +129,11 @@ TEST_F(ABinderProxy, IgnoresTheEndOfWhatHasNotBegun) {
     EXPECT_FALSE(isBound());
 }
 
-TEST_F(ABinderProxy, EndsABindingOnce) {
-    ASSERT_EQ(proxy_.startBinding(SERVER), Error::SUCCESS);
-    proxy_.endBinding(Error::SUCCESS);
-    proxy_.endBinding(Error::FAILED);
-    EXPECT_THAT(listener_.events, ElementsAre(Event("bound", Error::SUCCESS)));
-    EXPECT_TRUE(isBound());
-}
-
-TEST_F(ABinderProxy, HasNothingToUnbindWhenMade) {
-    EXPECT_EQ(proxy_.startUnbinding(), Error::NOT_BOUND);
-}
-
-TEST_F(ABinderProxy, IsBusyWhileUnbinding) {
+TEST_F(ABinderProxy, IsBusyWhileUnbindingAndNotBoundAfterIt) {
     bind();
     ASSERT_EQ(proxy_.startUnbinding(), Error::SUCCESS);
     EXPECT_EQ(proxy_.startUnbinding(), Error::BUSY);
     EXPECT_EQ(proxy_.startBinding(OTHER_SERVER), Error::BUSY);
-}
-
-TEST_F(ABinderProxy, IsNotBoundAfterUnbinding) {
-    bind();
-    ASSERT_EQ(proxy_.startUnbinding(), Error::SUCCESS);
     proxy_.endUnbinding(Error::SUCCESS);
     EXPECT_THAT(listener_.events, ElementsAre(Event("unbound", Error::SUCCESS)));
     EXPECT_EQ(proxy_.startUnbinding(), Error::NOT_BOUND);
@@ -173,17 +150,14 @@ TEST_F(ABinderProxy, StaysBoundWhenUnbindingFails) {
     EXPECT_EQ(proxy_.startUnbinding(), Error::SUCCESS);
 }
 
-TEST_F(ABinderProxy, LetsABindingInFlightBeCalledOff) {
+TEST_F(ABinderProxy, CancelsABindingInFlightByAnUnbinding) {
     ASSERT_EQ(proxy_.startBinding(SERVER), Error::SUCCESS);
     ASSERT_EQ(proxy_.startUnbinding(), Error::SUCCESS);
     proxy_.endBinding(Error::CANCELLED);
     proxy_.endUnbinding(Error::SUCCESS);
     EXPECT_THAT(listener_.events,
                 ElementsAre(Event("bound", Error::CANCELLED), Event("unbound", Error::SUCCESS)));
-    EXPECT_EQ(proxy_.startBinding(SERVER), Error::SUCCESS);
-}
-
-TEST_F(ABinderProxy, EndsABindingWithTheUnbindingThatCallsItOff) {
+    listener_.events.clear();
     ASSERT_EQ(proxy_.startBinding(SERVER), Error::SUCCESS);
     ASSERT_EQ(proxy_.startUnbinding(), Error::SUCCESS);
     proxy_.endUnbinding(Error::SUCCESS);
@@ -192,25 +166,21 @@ TEST_F(ABinderProxy, EndsABindingWithTheUnbindingThatCallsItOff) {
     EXPECT_EQ(proxy_.startBinding(SERVER), Error::SUCCESS);
 }
 
-TEST_F(ABinderProxy, StartsNothingOnceTerminated) {
+TEST_F(ABinderProxy, TerminatedStartsNothingAndCallsNobody) {
+    ASSERT_EQ(proxy_.startBinding(SERVER), Error::SUCCESS);
+    ASSERT_EQ(proxy_.startUnbinding(), Error::SUCCESS);
     proxy_.terminate();
     EXPECT_TRUE(proxy_.isTerminated());
+    proxy_.endBinding(Error::SUCCESS);
+    proxy_.endUnbinding(Error::SUCCESS);
+    EXPECT_THAT(listener_.events, IsEmpty());
     EXPECT_EQ(proxy_.startBinding(SERVER), Error::CANCELLED);
     EXPECT_EQ(proxy_.startUnbinding(), Error::CANCELLED);
 }
 
-TEST_F(ABinderProxy, NeverCallsItsListenerOnceTerminated) {
-    ASSERT_EQ(proxy_.startBinding(SERVER), Error::SUCCESS);
-    ASSERT_EQ(proxy_.startUnbinding(), Error::SUCCESS);
-    proxy_.terminate();
-    proxy_.endBinding(Error::SUCCESS);
-    proxy_.endUnbinding(Error::SUCCESS);
-    EXPECT_THAT(listener_.events, IsEmpty());
-}
-
-TEST_F(ABinderProxy, LetsItsListenerStartTheNextPhase) {
+TEST_F(ABinderProxy, LetsItsListenerStartTheNextPhaseAndTerminateIt) {
     listener_.reaction = [this] {
-        listener_.reaction = nullptr;
+        listener_.reaction = [this] { proxy_.terminate(); };
         EXPECT_EQ(proxy_.startUnbinding(), Error::SUCCESS);
         proxy_.endUnbinding(Error::SUCCESS);
     };
@@ -218,12 +188,6 @@ TEST_F(ABinderProxy, LetsItsListenerStartTheNextPhase) {
     proxy_.endBinding(Error::SUCCESS);
     EXPECT_THAT(listener_.events,
                 ElementsAre(Event("bound", Error::SUCCESS), Event("unbound", Error::SUCCESS)));
-}
-
-TEST_F(ABinderProxy, LetsItsListenerTerminateIt) {
-    listener_.reaction = [this] { proxy_.terminate(); };
-    ASSERT_EQ(proxy_.startBinding(SERVER), Error::SUCCESS);
-    proxy_.endBinding(Error::FAILED);
     EXPECT_TRUE(proxy_.isTerminated());
 }
 
@@ -235,7 +199,7 @@ TEST_F(ABinderProxy, LetsItsListenerDestroyIt) {
     EXPECT_EQ(proxy, nullptr);
 }
 
-TEST(ABinderProxyWithoutAListener, EndsItsPhasesAllTheSame) {
+TEST(ABinderProxyWithoutAListener, EndsItsPhases) {
     BareProxy proxy(nullptr);
     ASSERT_EQ(proxy.startBinding(SERVER), Error::SUCCESS);
     proxy.endBinding(Error::SUCCESS);
@@ -243,27 +207,27 @@ TEST(ABinderProxyWithoutAListener, EndsItsPhasesAllTheSame) {
 }
 
 TEST_F(ABinderProxy, IsTerminatedOnlyWhenTheListenerCallOfAnotherThreadIsOver) {
-    Watched<bool> inside(false);
-    Watched<bool> mayLeave(false);
+    Watched<bool> inside;
+    Watched<bool> mayLeave;
+    Watched<bool> returned;
     std::atomic<bool> left{false};
     listener_.reaction = [&] {
-        inside.change([](bool& is) { is = true; });
-        EXPECT_TRUE(mayLeave.waitFor([](bool may) { return may; }));
+        set(inside);
+        EXPECT_TRUE(mayLeave.waitFor(isSet));
         left = true;
     };
     ASSERT_EQ(proxy_.startBinding(SERVER), Error::SUCCESS);
-    std::thread ender([this] { proxy_.endBinding(Error::SUCCESS); });
-    ASSERT_TRUE(inside.waitFor([](bool is) { return is; }));
-    Watched<bool> returned(false);
-    std::thread terminator([&] {
+    std::thread ending([this] { proxy_.endBinding(Error::SUCCESS); });
+    ASSERT_TRUE(inside.waitFor(isSet));
+    std::thread terminating([&] {
         proxy_.terminate();
-        returned.change([](bool& has) { has = true; });
+        set(returned);
     });
-    // Time enough for a proxy that does not wait.
-    EXPECT_FALSE(returned.waitFor([](bool has) { return has; }, std::chrono::milliseconds(50)));
-    mayLeave.change([](bool& may) { may = true; });
-    terminator.join();
-    ender.join();
+    // Long enough to see that the call waits.
+    EXPECT_FALSE(returned.waitFor(isSet, std::chrono::milliseconds(50)));
+    set(mayLeave);
+    terminating.join();
+    ending.join();
     EXPECT_TRUE(left);
 }
 

@@ -45,56 +45,33 @@ protected:
     BareProxy proxy_{Uuid(1), &listener_};
 };
 
-TEST_F(ATimeBaseProxy, KnowsItselfAndNothingElseWhenMade) {
+TEST_F(ATimeBaseProxy, KeepsServerAndFlags) {
     EXPECT_EQ(proxy_.uuid(), Uuid(1));
     EXPECT_EQ(proxy_.serverUuid(), Uuid::NIL);
+    for (auto const server : {Uuid(2), Uuid::NIL}) {
+        proxy_.setServerUuid(server);
+        EXPECT_EQ(proxy_.serverUuid(), server);
+    }
     EXPECT_FALSE(proxy_.isSynchronized());
+    for (bool const synchronized : {true, false}) {
+        proxy_.setSynchronizedFlag(synchronized);
+        EXPECT_EQ(proxy_.isSynchronized(), synchronized);
+    }
     EXPECT_FALSE(proxy_.isTerminated());
-}
-
-TEST_F(ATimeBaseProxy, KeepsTheServer) {
-    proxy_.setServerUuid(Uuid(2));
-    EXPECT_EQ(proxy_.serverUuid(), Uuid(2));
-    proxy_.setServerUuid(Uuid::NIL);
-    EXPECT_EQ(proxy_.serverUuid(), Uuid::NIL);
-}
-
-TEST_F(ATimeBaseProxy, KeepsTheSynchronizedFlag) {
-    proxy_.setSynchronizedFlag(true);
-    EXPECT_TRUE(proxy_.isSynchronized());
-    proxy_.setSynchronizedFlag(false);
-    EXPECT_FALSE(proxy_.isSynchronized());
-}
-
-TEST_F(ATimeBaseProxy, IsTerminatedOnce) {
     EXPECT_TRUE(proxy_.setTerminatedFlag());
-    EXPECT_FALSE(proxy_.setTerminatedFlag());
+    EXPECT_FALSE(proxy_.setTerminatedFlag()) << "a second time";
     EXPECT_TRUE(proxy_.isTerminated());
 }
 
-TEST_F(ATimeBaseProxy, TellsTheListenerItWasMadeWith) {
-    proxy_.notifyListener();
-    EXPECT_EQ(listener_.calls, 1);
-}
-
-TEST_F(ATimeBaseProxy, TellsTheListenerRegisteredLast) {
+TEST_F(ATimeBaseProxy, NotifiesTheListenerRegisteredLast) {
     CountingListener other;
+    proxy_.notifyListener();
     proxy_.registerListener(&other);
     proxy_.notifyListener();
-    EXPECT_EQ(listener_.calls, 0);
-    EXPECT_EQ(other.calls, 1);
-}
-
-TEST_F(ATimeBaseProxy, TellsNobodyWithoutAListener) {
     proxy_.registerListener(nullptr);
     proxy_.notifyListener();
-    EXPECT_EQ(listener_.calls, 0);
-}
-
-TEST_F(ATimeBaseProxy, IsATimeBase) {
-    SynchronizedTimeBase const& base = proxy_;
-    EXPECT_EQ(base.timeBase(), 7U);
-    static_assert(std::is_same_v<decltype(base.timeBase()), std::uint32_t>);
+    EXPECT_EQ(listener_.calls, 1);
+    EXPECT_EQ(other.calls, 1);
 }
 
 class BareAdaptor : public SynchronizedTimeBaseAdaptor {
@@ -105,16 +82,20 @@ public:
     double localTimeBase() const override { return 8.5; }
 };
 
-TEST(ATimeBaseAdaptor, IsATimeBase) {
-    BareAdaptor const adaptor;
-    SynchronizedTimeBase const& base = adaptor;
-    EXPECT_EQ(base.timeBase(), 8U);
-}
-
 TEST(ATimeBaseAdaptor, IsTerminatedOnce) {
     BareAdaptor adaptor;
     EXPECT_TRUE(adaptor.setTerminatedFlag());
     EXPECT_FALSE(adaptor.setTerminatedFlag());
+}
+
+TEST(ATimeBase, IsAProxyOrAnAdaptor) {
+    BareProxy const proxy(Uuid(1), nullptr);
+    BareAdaptor const adaptor;
+    SynchronizedTimeBase const* base = &proxy;
+    EXPECT_EQ(base->timeBase(), 7U);
+    base = &adaptor;
+    EXPECT_EQ(base->timeBase(), 8U);
+    static_assert(std::is_same_v<decltype(base->timeBase()), std::uint32_t>);
 }
 
 } // namespace

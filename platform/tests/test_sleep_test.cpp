@@ -6,8 +6,8 @@
 
 namespace {
 
-// The pause itself is what is tested, so there is no condition to wait for instead. It is only ever
-// longer than asked for, however busy the machine is.
+// The pause itself is under test: there is no condition to wait for. A busy machine only makes it
+// longer.
 TEST(TheTestSleep, LastsAtLeastSoManyMilliseconds) {
     auto const begin = std::chrono::steady_clock::now();
     zym::common::test::sleep(20);

@@ -1,4 +1,4 @@
-// What the thread of a timer is like, and what comes of having none to give.
+// The properties of a timer's thread, and what happens when the system gives no thread.
 
 #include "support/watched.hpp"
 
@@ -28,7 +28,7 @@ constexpr std::size_t LARGE = 1024 * KIB;
 
 enum class Threads { AVAILABLE, NONE, WITH_LARGE_STACKS_ONLY };
 
-/// What this program gets when it asks for a thread.
+/// What `pthread_create` gives in this program.
 std::atomic<Threads> supply{Threads::AVAILABLE};
 
 int refusal(pthread_attr_t const* attributes) {
@@ -62,27 +62,27 @@ extern "C" int pthread_create(pthread_t* handle, pthread_attr_t const* attribute
 
 namespace {
 
-struct Facts {
+struct Properties {
     std::string name;
     std::size_t stackBytes = 0;
     sigset_t blocked{};
 };
 
-Facts ofThisThread() {
-    Facts facts;
+Properties ofThisThread() {
+    Properties properties;
     char name[16] = {};
     pthread_getname_np(pthread_self(), name, sizeof name);
-    facts.name = name;
+    properties.name = name;
     pthread_attr_t attributes;
     pthread_getattr_np(pthread_self(), &attributes);
-    pthread_attr_getstacksize(&attributes, &facts.stackBytes);
+    pthread_attr_getstacksize(&attributes, &properties.stackBytes);
     pthread_attr_destroy(&attributes);
-    pthread_sigmask(SIG_SETMASK, nullptr, &facts.blocked);
-    return facts;
+    pthread_sigmask(SIG_SETMASK, nullptr, &properties.blocked);
+    return properties;
 }
 
-bool isBlocked(Facts const& facts, int signal) {
-    return sigismember(&facts.blocked, signal) == 1;
+bool isBlocked(Properties const& properties, int signal) {
+    return sigismember(&properties.blocked, signal) == 1;
 }
 
 class TheThreadOfATimer : public testing::Test {
@@ -94,39 +94,31 @@ protected:
         timer_.restart(lock);
     }
 
-    Facts facts() {
-        EXPECT_TRUE(facts_.waitFor([](Facts const& found) { return found.stackBytes > 0; }));
-        return facts_.copy();
+    Properties properties() {
+        EXPECT_TRUE(
+            properties_.waitFor([](Properties const& found) { return found.stackBytes > 0; }));
+        return properties_.copy();
     }
 
 private:
-    Watched<Facts> facts_;
-    Timer timer_{[this] { facts_.change([](Facts& found) { found = ofThisThread(); }); },
+    Watched<Properties> properties_;
+    Timer timer_{[this] { properties_.change([](Properties& found) { found = ofThisThread(); }); },
                  std::chrono::milliseconds(0), true};
 };
 
-TEST_F(TheThreadOfATimer, HasAName) {
+TEST_F(TheThreadOfATimer, HasANameASmallStackAndBlocksAllSignalsButThoseOfAFault) {
     start();
-    EXPECT_EQ(facts().name, "zym-timer");
-}
-
-TEST_F(TheThreadOfATimer, HasASmallStack) {
-    start();
-    EXPECT_GE(facts().stackBytes, 256 * KIB);
-    EXPECT_LT(facts().stackBytes, LARGE);
-}
-
-TEST_F(TheThreadOfATimer, BlocksAllSignalsButThoseOfAFault) {
-    start();
-    auto const found = facts();
+    auto const found = properties();
+    EXPECT_EQ(found.name, "zym-timer");
+    EXPECT_GE(found.stackBytes, 256 * KIB);
+    EXPECT_LT(found.stackBytes, LARGE);
     for (int const signal :
-         {SIGHUP, SIGINT, SIGQUIT, SIGALRM, SIGTERM, SIGCHLD, SIGPIPE, SIGUSR1}) {
+         {SIGHUP, SIGINT, SIGQUIT, SIGALRM, SIGTERM, SIGCHLD, SIGPIPE, SIGUSR1, SIGRTMIN}) {
         EXPECT_TRUE(isBlocked(found, signal)) << signal;
     }
     for (int const signal : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS}) {
         EXPECT_FALSE(isBlocked(found, signal)) << signal;
     }
-    EXPECT_TRUE(isBlocked(found, SIGRTMIN));
 }
 
 TEST_F(TheThreadOfATimer, LeavesTheSignalsOfItsCreatorAsTheyWere) {
@@ -143,7 +135,7 @@ TEST_F(TheThreadOfATimer, LeavesTheSignalsOfItsCreatorAsTheyWere) {
 TEST_F(TheThreadOfATimer, HasTheUsualStackWhereASmallOneIsTooSmall) {
     supply = Threads::WITH_LARGE_STACKS_ONLY;
     start();
-    EXPECT_GE(facts().stackBytes, LARGE);
+    EXPECT_GE(properties().stackBytes, LARGE);
 }
 
 TEST_F(TheThreadOfATimer, IsStartedByTheNextRestartWhenThereWasNone) {
@@ -151,7 +143,7 @@ TEST_F(TheThreadOfATimer, IsStartedByTheNextRestartWhenThereWasNone) {
     EXPECT_THROW(start(), std::system_error);
     supply = Threads::AVAILABLE;
     start();
-    EXPECT_EQ(facts().name, "zym-timer");
+    EXPECT_EQ(properties().name, "zym-timer");
 }
 
 } // namespace

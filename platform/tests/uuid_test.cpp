@@ -13,41 +13,31 @@ using zym::common::Uuid;
 char const* const PLAIN = "00112233-4455-6677-8899-aabbccddeeff";
 char const* const BASE64 = "ABEiM0RVZneImaq7zN3u_w";
 
-TEST(ADefaultUuid, IsNil) {
-    EXPECT_TRUE(Uuid().isNil());
-    EXPECT_EQ(Uuid(), Uuid::NIL);
-    EXPECT_EQ(Uuid().to_string(), "00000000-0000-0000-0000-000000000000");
-    EXPECT_EQ(Uuid().base64URL(), std::string(22, 'A'));
-}
-
-TEST(AUuid, IsALiteralType) {
+TEST(AUuid, IsNilByDefault) {
+    static_assert(sizeof(Uuid) == 16, "16 bytes");
     constexpr Uuid id(5);
     static_assert(!id.isNil() && id != Uuid::NIL && id == Uuid(5) && Uuid::NIL.isNil());
-    static_assert(sizeof(Uuid) == 16, "16 bytes");
+    EXPECT_TRUE(Uuid().isNil());
+    EXPECT_EQ(Uuid(), Uuid::NIL);
+    EXPECT_EQ(Uuid(0), Uuid::NIL);
 }
 
-TEST(TheUnknownUuid, IsAllOnes) {
+TEST(AUuid, IsPrintedInThePlainAndInTheBase64Form) {
+    EXPECT_EQ(Uuid().to_string(), "00000000-0000-0000-0000-000000000000");
+    EXPECT_EQ(Uuid().base64URL(), std::string(22, 'A'));
     EXPECT_EQ(Uuid::UNKNOWN.to_string(), "ffffffff-ffff-ffff-ffff-ffffffffffff");
     EXPECT_EQ(Uuid::UNKNOWN.base64URL(), "_____________________w");
-    EXPECT_FALSE(Uuid::UNKNOWN.isNil());
-}
-
-TEST(AUuidFromANumber, HoldsItBigEndianInTheLastEightBytes) {
+    // A number stands big-endian in the last eight bytes.
     EXPECT_EQ(Uuid(0x0102030405060708ULL).to_string(), "00000000-0000-0000-0102-030405060708");
     EXPECT_EQ(Uuid(0xffffffffffffffffULL).to_string(), "00000000-0000-0000-ffff-ffffffffffff");
-    EXPECT_EQ(Uuid(0), Uuid::NIL);
-    EXPECT_FALSE(Uuid(1).isNil());
 }
 
-TEST(AUuidFromText, IsReadFromThePlainFormInEitherCase) {
-    EXPECT_EQ(Uuid(std::string(PLAIN)).to_string(), PLAIN);
-    EXPECT_EQ(Uuid(std::string("00112233-4455-6677-8899-AABBCCDDEEFF")).to_string(), PLAIN);
-    EXPECT_EQ(Uuid(std::string("00112233-4455-6677-8899-aAbBcCdDeEfF")).base64URL(), BASE64);
-}
-
-TEST(AUuidFromText, IsReadFromTheBase64Form) {
-    EXPECT_EQ(Uuid(std::string(BASE64)).to_string(), PLAIN);
-    EXPECT_EQ(Uuid(std::string("_____________________w")), Uuid::UNKNOWN);
+TEST(AUuidFromText, IsReadFromBothFormsInEitherCase) {
+    for (std::string const text : {PLAIN, "00112233-4455-6677-8899-AABBCCDDEEFF",
+                                   "00112233-4455-6677-8899-aAbBcCdDeEfF", BASE64}) {
+        EXPECT_EQ(Uuid(text).to_string(), PLAIN);
+        EXPECT_EQ(Uuid(text).base64URL(), BASE64);
+    }
     EXPECT_EQ(Uuid(std::string("-_-_-_-_-_-_-_-_-_-_-Q")).base64URL(), "-_-_-_-_-_-_-_-_-_-_-Q");
 }
 

@@ -1,10 +1,19 @@
 #pragma once
 
+#include "mqtt/mutex.hpp"
+
+#include <conv/seconds_duration.hpp>
+
 #include <chrono>
+#include <cstdint>
 
 namespace mqtt {
 
-/// So much later, or earlier; at most the far end of time, at least the beginning of the clock.
+/// All ones: no limit.
+inline conv::SecondsDuration const NO_TIMEOUT{UINT32_MAX};
+
+/// The moment that is so much later, or earlier; at most the last moment of the clock, at least its
+/// first.
 inline std::chrono::steady_clock::time_point later(std::chrono::steady_clock::time_point moment,
                                                    std::chrono::milliseconds duration) {
     using std::chrono::floor;
@@ -19,26 +28,22 @@ inline std::chrono::steady_clock::time_point later(std::chrono::steady_clock::ti
     return moment + duration;
 }
 
-/// Waits on a condition for a notification, until the deadline or for an hour: where `time_t` has
-/// 32 bits, a far deadline overflows inside the standard library and the wait would return at
-/// once, for ever.
-template <class Condition, class Lock>
-void waitSlice(Condition& condition, Lock& lock, std::chrono::steady_clock::time_point deadline) {
-    constexpr std::chrono::hours slice{1};
-    auto const now = std::chrono::steady_clock::now();
-    // The far end of time minus now still fits; now plus an hour always does.
-    condition.wait_until(lock, deadline - now > slice ? now + slice : deadline);
-}
-
 /// Waits on a condition until `done()` or the deadline; returns what `done()` says last.
+/// @param done called with the lock held
+/// @param longestSleep after which `done()` is asked again. A limit is needed: where `time_t` has
+/// 32
+///        bits, a far deadline overflows inside the standard library, and a wait for it returns at
+///        once.
 template <class Condition, class Lock, class Predicate>
 bool waitUntil(Condition& condition, Lock& lock, std::chrono::steady_clock::time_point deadline,
-               Predicate done) {
+               Predicate done, std::chrono::seconds longestSleep = std::chrono::hours(1))
+    ZYM_MQTT_ANALYSIS(no_thread_safety_analysis) {
     while (!done()) {
-        if (std::chrono::steady_clock::now() >= deadline) {
+        auto const now = std::chrono::steady_clock::now();
+        if (now >= deadline) {
             return false;
         }
-        waitSlice(condition, lock, deadline);
+        condition.wait_until(lock, deadline - now > longestSleep ? now + longestSleep : deadline);
     }
     return true;
 }

@@ -12,7 +12,7 @@ bool isBlank(char c) {
     return c == ' ' || c == '\n' || c == '\r' || c == '\t';
 }
 
-std::string_view withoutBlanksBehind(std::string_view text) {
+std::string_view withoutTrailingBlanks(std::string_view text) {
     while (!text.empty() && isBlank(text.back())) {
         text.remove_suffix(1);
     }
@@ -44,7 +44,7 @@ bool ArrayElements::next(std::string_view& element) {
     skipBlanks();
     auto const begin = at_;
     skipValue();
-    element = withoutBlanksBehind(text_.substr(begin, at_ - begin));
+    element = withoutTrailingBlanks(text_.substr(begin, at_ - begin));
     hasNext_ = text_[at_] == ',';
     if (text_[at_] == '}') {
         throw std::runtime_error("A JSON array with another end");
@@ -66,36 +66,24 @@ void ArrayElements::skipBlanks() {
     }
 }
 
-/// Up to the comma or bracket behind it.
+/// To the comma or bracket that follows it.
 void ArrayElements::skipValue() {
     for (std::size_t depth = 0;; ++at_) {
-        switch (at()) {
-        case '"':
+        char const c = at();
+        if (c == '"') {
             skipString();
-            break;
-        case '[':
-        case '{':
+        } else if (c == '[' || c == '{') {
             ++depth;
-            break;
-        case ']':
-        case '}':
+        } else if (c == ']' || c == '}' || c == ',') {
             if (depth == 0) {
                 return;
             }
-            --depth;
-            break;
-        case ',':
-            if (depth == 0) {
-                return;
-            }
-            break;
-        default:
-            break;
+            depth -= c == ',' ? 0 : 1;
         }
     }
 }
 
-/// From its first quotation mark to its last one.
+/// From its first quotation mark to its last.
 void ArrayElements::skipString() {
     auto const begin = at_ + 1;
     do {

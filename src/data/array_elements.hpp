@@ -7,16 +7,17 @@ namespace mqtt {
 
 /// The elements of a JSON array, as text, one after the other.
 ///
-/// Looks for their ends and for nothing else: whether one is good JSON says who reads it.
+/// Only finds where they end: it does not check that an element is valid JSON.
 class ArrayElements {
 public:
-    /// @param text begins with the array, which ends at its bracket, whatever follows; outlives
+    /// @param text begins with the array; what follows its last bracket is ignored. Must outlive
     /// this
-    /// @throws std::runtime_error it does not begin with an array
+    ///        object
+    /// @throws std::runtime_error the text does not begin with an array
     explicit ArrayElements(std::string_view text);
 
-    /// @param element the next one, without blanks around it
-    /// @return false when there is none any more
+    /// @param element gets the next one, without blanks around it
+    /// @return false when there are no more
     /// @throws std::runtime_error the array has no end
     bool next(std::string_view& element);
 

@@ -4,7 +4,7 @@ namespace mqtt {
 
 namespace {
 
-conv::SecondsDuration const PATIENCE{5};
+conv::SecondsDuration const BROKER_TIMEOUT{5};
 
 } // namespace
 
@@ -17,9 +17,7 @@ MqttDataBase::MqttDataBase(MqttClient& client, Topic const& topic, int qos, bool
       qos_(qos),
       retained_(retained),
       subscribeTopic_(subscribeTopic) {
-    if (subscribeTopic_.size() > 0) {
-        static_cast<void>(client_.subscribe(subscribeTopic_, this, 0));
-    }
+    subscribeAtOnce();
 }
 
 MqttDataBase::MqttDataBase(MqttClient& client, Topic const& topic, int qos, bool retained)
@@ -47,6 +45,10 @@ void MqttDataBase::subscribeLike(MqttDataBase const& other) {
         Lock const lock(other.mutex_);
         subscribeTopic_ = other.subscribeTopic_;
     }
+    subscribeAtOnce();
+}
+
+void MqttDataBase::subscribeAtOnce() {
     if (subscribeTopic_.size() > 0) {
         static_cast<void>(client_.subscribe(subscribeTopic_, this, 0));
     }
@@ -77,17 +79,25 @@ Error MqttDataBase::unsubscribe(Lock& lock) {
 Error MqttDataBase::unsubscribeWait(Lock& lock) {
     Topic const topic = subscribeTopic_;
     lock.unlock();
-    return client_.unsubscribeWait(topic, this, PATIENCE);
+    return client_.unsubscribeWait(topic, this, BROKER_TIMEOUT);
+}
+
+MqttDataBase::Message MqttDataBase::currentMessage(Lock& lock) {
+    Message message;
+    getPublishTopic(message.topic);
+    serialize(message.topic, message.payload);
+    lock.unlock();
+    return message;
+}
+
+Error MqttDataBase::publish(Message const& message, bool wait) {
+    return wait ? client_.publishWait(message.topic, message.payload, qos_, retained_,
+                                      BROKER_TIMEOUT)
+                : client_.publish(message.topic, message.payload, qos_, retained_);
 }
 
 Error MqttDataBase::send(bool wait, Lock& lock) {
-    Topic topic;
-    getPublishTopic(topic);
-    std::string payload;
-    serialize(topic, payload);
-    lock.unlock();
-    return wait ? client_.publishWait(topic, payload, qos_, retained_, PATIENCE)
-                : client_.publish(topic, payload, qos_, retained_);
+    return publish(currentMessage(lock), wait);
 }
 
 void MqttDataBase::publish(Lock& lock) {
@@ -109,11 +119,10 @@ void MqttDataBase::publishWait() {
 }
 
 Error MqttDataBase::clean(bool wait, Lock& lock) {
-    Topic topic;
-    getPublishTopic(topic);
+    Message message;
+    getPublishTopic(message.topic);
     lock.unlock();
-    return wait ? client_.publishWait(topic, "", qos_, retained_, PATIENCE)
-                : client_.publish(topic, "", qos_, retained_);
+    return publish(message, wait);
 }
 
 Error MqttDataBase::clean() {
@@ -128,12 +137,8 @@ Error MqttDataBase::cleanWait() {
 
 Error MqttDataBase::setCurrentValueAsWill() {
     Lock lock(mutex_);
-    Topic topic;
-    getPublishTopic(topic);
-    std::string payload;
-    serialize(topic, payload);
-    lock.unlock();
-    return client_.setWill(topic, payload, qos_, retained_);
+    auto const message = currentMessage(lock);
+    return client_.setWill(message.topic, message.payload, qos_, retained_);
 }
 
 void MqttDataBase::getPublishTopic(Topic& topic) {
@@ -150,10 +155,10 @@ void MqttDataBase::onMqttMessage(int id, Topic const& topic, std::string const& 
     try {
         deserialize(topic, payload, empty);
     } catch (std::exception const&) {
-        // Whoever published that is not ours to complain to.
+        // A message that cannot be read is dropped: its publisher cannot be told.
         return;
     }
-    // This endpoint may be gone when it returns; the lock owns nothing any more by then.
+    // The listener may destroy this endpoint; `notify` has then released the lock.
     notify(empty, id, lock);
 }
 

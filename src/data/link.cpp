@@ -1,6 +1,6 @@
 #include "mqtt/link.hpp"
 
-#include "common/json_number.hpp"
+#include "common/json_members.hpp"
 #include "data/array_elements.hpp"
 
 #include <zym/common/lwjson.hpp>
@@ -22,13 +22,9 @@ constexpr bool RETAINED = true;
 
 constexpr std::size_t SHORTEST_ELEMENT = sizeof R"({"@id":""},)" - 1;
 
-void read(Deserializer const& in, Link& link) {
-    Deserializer::extractValue(in.getMember("@id"), link.id, "");
-}
-
-/// Reads a link that stands in an array. Most look as we write them: what a good object that begins
-/// like this has up to its one more quotation mark is the id.
-/// @param text room for a part of the element, with an end of its own
+/// Reads an element of an array. Most links look as `serialize` writes them: then the id is read at
+/// once, which is faster. It ends at the only quotation mark after its first one.
+/// @param text memory for a copy of a part of the element
 void readElement(std::string_view element, std::string& text, Link& link) {
     constexpr std::string_view BEFORE = R"({"@id": )";
     constexpr std::string_view BEHIND = "}";
@@ -39,11 +35,11 @@ void readElement(std::string_view element, std::string& text, Link& link) {
         Deserializer::extractValue(text.c_str(), link.id, "");
     } else {
         text = element;
-        read(Deserializer(text), link);
+        readMember(Deserializer(text), "@id", link.id);
     }
 }
 
-/// Each link as a finished document.
+/// Each link as a complete JSON document.
 std::vector<Serializer> documentsOf(Topic const& topic, std::vector<Link> const& links) {
     std::vector<Serializer> result;
     result.reserve(links.size());
@@ -63,7 +59,7 @@ Link& emptyLinkAt(std::vector<Link>& links, std::size_t i) {
     return links[i];
 }
 
-/// Reads links in the place of those that are there, up to the first that is none.
+/// Replaces the links by those that are read, up to the first that is no link.
 void readElements(Deserializer const& in, std::vector<Link>& links) {
     std::size_t count = 0;
     try {
@@ -90,8 +86,7 @@ MqttData<Link>::MqttData(MqttClient& client, Topic const& topic)
 template <>
 void MqttData<Link>::serialize(Topic const& /*topic*/, std::string& payload, Link const& value) {
     Serializer out(payload);
-    out.appendKey("@id");
-    out.addValue(value.id);
+    appendMember(out, "@id", value.id);
     out.finalize();
 }
 
@@ -99,7 +94,7 @@ template <>
 void MqttData<Link>::deserialize(Topic const& /*topic*/, std::string const& payload, bool empty,
                                  Link& value) {
     if (!empty) {
-        read(Deserializer(payload), value);
+        readMember(Deserializer(payload), "@id", value.id);
     }
 }
 
@@ -139,8 +134,7 @@ void MqttDataCollection<Link>::serialize(Topic const& topic, std::string& payloa
     Serializer out(payload);
     auto const documents = documentsOf(topic, value);
     appendNumber(out, "members@count", static_cast<unsigned int>(value.size()));
-    out.appendKey("members");
-    out.addValue(documents);
+    appendMember(out, "members", documents);
     out.finalize();
 }
 
@@ -151,8 +145,8 @@ void MqttDataCollection<Link>::deserialize(Topic const& /*topic*/, std::string c
     }
     Deserializer const in(payload);
     unsigned int count = 0;
-    Deserializer::extractValue(in.getMember("members@count"), count, "");
-    // A stranger's number: make room for no more than this text can hold.
+    readMember(in, "members@count", count);
+    // The number may be wrong: reserve no more than this text can hold.
     value.reserve(std::min<std::size_t>(count, payload.size() / SHORTEST_ELEMENT));
     readElements(in, value);
 }

@@ -1,6 +1,6 @@
 #include "mqtt/payloads.hpp"
 
-#include "common/json_number.hpp"
+#include "common/json_members.hpp"
 
 #include <zym/common/lwjson.hpp>
 
@@ -20,11 +20,6 @@ using zym::common::lwjson::Serializer;
 
 constexpr int QOS = 2;
 constexpr bool RETAINED = true;
-
-template <class T>
-void extract(Deserializer const& in, char const* key, T& field) {
-    Deserializer::extractValue(in.getMember(key), field, "");
-}
 
 /// The members of an identification, in the order in which they are written.
 constexpr std::array<std::pair<char const*, std::string Identification::*>, 10> IDENTIFICATION{
@@ -50,8 +45,7 @@ void MqttData<CommunicationStatus>::serialize(Topic const& /*topic*/, std::strin
                                               CommunicationStatus const& value) {
     Serializer out(payload);
     appendNumber(out, "state", static_cast<unsigned int>(value.state));
-    out.appendKey("since");
-    out.addValue(value.since);
+    appendMember(out, "since", value.since);
     out.finalize();
 }
 
@@ -64,9 +58,9 @@ void MqttData<CommunicationStatus>::deserialize(Topic const& /*topic*/, std::str
     try {
         Deserializer const in(payload);
         unsigned char state = 0;
-        extract(in, "state", state);
+        readMember(in, "state", state);
         value.state = static_cast<conv::ComState>(state);
-        extract(in, "since", value.since);
+        readMember(in, "since", value.since);
     } catch (std::exception const&) {
         value.since = conv::UnixTime();
     }
@@ -84,8 +78,7 @@ void MqttData<Identification>::serialize(Topic const& /*topic*/, std::string& pa
                                          Identification const& value) {
     Serializer out(payload);
     for (auto const& [key, field] : IDENTIFICATION) {
-        out.appendKey(key);
-        out.addValue(value.*field);
+        appendMember(out, key, value.*field);
     }
     out.finalize();
 }
@@ -99,9 +92,9 @@ void MqttData<Identification>::deserialize(Topic const& /*topic*/, std::string c
     Deserializer const in(payload);
     for (auto const& [key, field] : IDENTIFICATION) {
         try {
-            extract(in, key, value.*field);
+            readMember(in, key, value.*field);
         } catch (std::exception const&) {
-            // This field keeps its content, and the next one is read.
+            // This field keeps its value, and the next one is read.
         }
     }
 }
@@ -129,8 +122,8 @@ void MqttData<ServiceStatus>::deserialize(Topic const& /*topic*/, std::string co
         return;
     }
     Deserializer const in(payload);
-    extract(in, "operating", value.operating);
-    extract(in, "health", value.health);
+    readMember(in, "operating", value.operating);
+    readMember(in, "health", value.health);
 }
 
 template class MqttData<CommunicationStatus>;

@@ -1,26 +1,23 @@
 // One request at a time, ended exactly once: by its reply, by the time-out reply that the timer
 // publishes on the same topic, by the timer itself when that reply does not come back, by a wait
-// that runs out, or by being called off.
+// whose time has run out, or by `cancel`.
 //
-// - Everything about the request under way is guarded by `mutex_`, which is taken before an
-//   endpoint's mutex, the MQTT client's locks or the timer's, and is never held during a call to a
-//   listener.
-// - Every request has an identifier and an object of its own that its reply is read into. A reply
-//   ends a request only when both are those of the request: a late reply to an earlier request, or
-//   a second one, ends nothing.
-// - Every request has an `Outcome` of its own, so that a thread that waits for it is not confused
-//   by the next one.
-// - The timer may decide on an expiry and run it after the request's end, in the next request. So
-//   each request notes the moment when its time is over, and an expiry before that does nothing.
+// - `mutex_` guards everything about the request under way. It is taken before an endpoint's mutex,
+//   the MQTT client's locks or the timer's, and is never held while a listener is called.
+// - Every request has an identifier, and an object of its own that its reply is read into. A reply
+//   ends a request only when both match: a late reply to an earlier request, or a second one, ends
+//   nothing.
+// - Every request has an `Exchange` of its own: a thread that wakes up when the next request is
+//   under way still finds the outcome of the one that it waited for.
+// - The timer may decide on an expiry in one request and run it in the next. So each request notes
+//   when its time is over, and an earlier expiry does nothing.
 
-#include "common/no_timeout.hpp"
+#include "common/active_calls.hpp"
+#include "common/arm_timer.hpp"
 #include "common/user_call.hpp"
-#include "common/visitors.hpp"
 #include "common/wait.hpp"
 #include "mqtt/request_reply.hpp"
-
-#include <algorithm>
-#include <atomic>
+#include "requestreply/request_identity.hpp"
 
 namespace mqtt {
 
@@ -32,9 +29,8 @@ using std::chrono::steady_clock;
 using ErrorCode = RequestReply::ErrorCode;
 
 constexpr milliseconds INITIAL_PERIOD{1000};
-/// Between a time-out reply that does not come back and what follows it.
+/// Between a time-out reply that does not come back and the next action.
 constexpr milliseconds RETRY_PERIOD{1000};
-constexpr int MAX_TIMEOUT_REPLIES = 2;
 
 bool isEndless(conv::SecondsDuration const& timeout) {
     return timeout.toInt32() == NO_TIMEOUT.toInt32();
@@ -44,68 +40,59 @@ milliseconds periodOf(conv::SecondsDuration const& timeout) {
     return seconds(static_cast<std::uint32_t>(timeout.toInt32()));
 }
 
-std::int64_t steadyMilliseconds() {
-    auto const now = steady_clock::now().time_since_epoch();
-    return std::chrono::duration_cast<milliseconds>(now).count();
-}
-
-/// The clock, and never the same twice in this process: it tells the replies to requests apart,
-/// also to those of a client that is gone, whose reply topic the next one may have.
-std::uint32_t nextRequestId() {
-    static std::atomic<std::int64_t> last{0};
-    auto before = last.load();
-    std::int64_t next = 0;
-    do {
-        next = std::max(steadyMilliseconds(), before + 1);
-    } while (!last.compare_exchange_weak(before, next));
-    return static_cast<std::uint32_t>(next);
-}
-
-/// What the reply to one request is read into. It passes on the payload of that reply only: a
-/// second reply to the last request must not leave its payload in the answer to this one.
-class ExpectedReply final : public RequestReplyData {
-public:
-    ExpectedReply(std::uint32_t requestId, std::shared_ptr<RequestReplyData> payload)
-        : requestId_(requestId), payload_(std::move(payload)) {}
-
-    void deserialize(zym::common::lwjson::Deserializer& in) override {
-        unsigned int requestId = 0;
-        zym::common::lwjson::Deserializer::extractValue(in.getMember("$reqId"), requestId, "");
-        if (requestId == requestId_ && payload_) {
-            payload_->deserialize(in);
-        }
-    }
-    void serialize(zym::common::lwjson::Serializer& /*out*/) const override {}
-
-private:
-    std::uint32_t const requestId_;
-    std::shared_ptr<RequestReplyData> const payload_;
+/// What the next expiry of the timer does, once the request's time is over. PUBLISH, PUBLISH_AGAIN
+/// and END follow one another; the last two need a connection, and without one change nothing.
+enum class Expiry : std::uint8_t {
+    PUBLISH,       ///< publishes the time-out reply, with or without a connection
+    PUBLISH_AGAIN, ///< publishes it once more: the first one has not come back
+    END,           ///< ends the request
+    END_REFUSED    ///< ends it also without a connection: one of its topics was refused at once
 };
 
-void tell(std::pair<RequestReplyClient::Listener*,
-                    std::shared_ptr<RequestReplyClient::Listener::Reply>> const& ending) {
-    auto const& [listener, reply] = ending;
-    if (listener == nullptr) {
-        return;
-    }
-    RequestReplyData const& data = reply->data ? *reply->data : *NO_DATA;
-    callUser([&listener = listener, &reply = reply, &data] {
-        listener->onReply(reply->requestId, reply->name, reply->clientUuid, reply->serverUuid, data,
-                          reply->error);
-    });
-}
-
 } // namespace
+
+/// One request, for the threads that end it and wait for it. Made before the request is sent: its
+/// end needs no memory.
+struct RequestReplyClient::Exchange {
+    Listener::Reply reply;                      ///< what the listener is called with
+    std::shared_ptr<RequestReplyData> expected; ///< only a reply to this request is read into it
+    steady_clock::time_point due;               ///< the end of its time
+    Expiry nextExpiry = Expiry::PUBLISH;
+    bool ended = false;
+    int waiters = 0;
+};
+
+/// Calls the listener of an ended request at the end of its own scope. Declare it before the lock
+/// on `mutex_`, which is then released by that time. The listener may destroy the client.
+struct RequestReplyClient::ListenerCall {
+    ListenerCall() = default;
+    ~ListenerCall() {
+        if (listener == nullptr) {
+            return;
+        }
+        auto const& reply = exchange->reply;
+        RequestReplyData const& data = reply.data ? *reply.data : *NO_DATA;
+        callUser([&] {
+            listener->onReply(reply.requestId, reply.name, reply.clientUuid, reply.serverUuid, data,
+                              reply.error);
+        });
+    }
+    ListenerCall(ListenerCall const&) = delete;
+    ListenerCall& operator=(ListenerCall const&) = delete;
+
+    Listener* listener = nullptr;
+    std::shared_ptr<Exchange const> exchange;
+};
 
 RequestReplyClient::RequestReplyClient(MqttClient& client, Topic const& base, Topic const& subPath,
                                        std::string const& name)
     : RequestReply(client, base, subPath, name),
-      outcome_(std::make_shared<Outcome>()),
       timer_([this] { onTimer(); }, INITIAL_PERIOD, false),
       timeoutReply_(client, base),
-      callers_(std::make_shared<Visitors>()),
+      exchange_(std::make_shared<Exchange>()),
+      calls_(std::make_shared<ActiveCalls>()),
       mqtt_(client) {
-    outcome_->ended = true;
+    exchange_->ended = true;
 }
 
 RequestReplyClient::~RequestReplyClient() {
@@ -115,8 +102,8 @@ RequestReplyClient::~RequestReplyClient() {
 void RequestReplyClient::release() noexcept {
     terminate();
     // A thread that waits for a request that ended just now may not have woken up yet.
-    callers_->waitForOthers();
-    if (timerHasTold_) {
+    calls_->waitForOthers();
+    if (timerHasCalledListener_) {
         timer_.terminate();
     }
     replies().release();
@@ -128,11 +115,11 @@ ErrorCode RequestReplyClient::request(Listener* listener, zym::common::Uuid cons
                                       std::shared_ptr<RequestReplyData> replyData,
                                       unsigned int* requestIdOut,
                                       conv::SecondsDuration const& timeout) {
-    Lock const lock(mutex_);
+    MutexLock const lock(mutex_);
     auto const result = begin(listener, newRequest(clientUuid, serverUuid, std::move(requestData)),
-                              std::move(replyData), timeout, lock);
+                              std::move(replyData), timeout);
     if (result == ErrorCode::PENDING && requestIdOut != nullptr) {
-        *requestIdOut = pending_.requestId;
+        *requestIdOut = pending_.reply.requestId;
     }
     return result;
 }
@@ -142,10 +129,12 @@ ErrorCode RequestReplyClient::requestWait(zym::common::Uuid const& clientUuid,
                                           std::shared_ptr<RequestReplyData> requestData,
                                           std::shared_ptr<RequestReplyData> replyData,
                                           conv::SecondsDuration const& timeout) {
-    Lock lock(mutex_);
+    ActiveCalls::Call const call(calls_);
+    ListenerCall listenerCall;
+    MutexLock lock(mutex_);
     auto const result = begin(nullptr, newRequest(clientUuid, serverUuid, std::move(requestData)),
-                              std::move(replyData), NO_TIMEOUT, lock);
-    return result == ErrorCode::PENDING ? waitFor(timeout, lock) : result;
+                              std::move(replyData), NO_TIMEOUT);
+    return result == ErrorCode::PENDING ? waitFor(timeout, listenerCall, lock) : result;
 }
 
 RequestReply::Request RequestReplyClient::newRequest(zym::common::Uuid const& clientUuid,
@@ -162,159 +151,139 @@ RequestReply::Request RequestReplyClient::newRequest(zym::common::Uuid const& cl
 
 ErrorCode RequestReplyClient::begin(Listener* listener, Request request,
                                     std::shared_ptr<RequestReplyData> replyData,
-                                    conv::SecondsDuration const& timeout, Lock const& lock) {
+                                    conv::SecondsDuration const& timeout) {
     if (terminated_) {
         return ErrorCode::CANCELLED;
     }
     if (!idle_) {
         return ErrorCode::BUSY;
     }
-    // What needs memory comes before the client is busy.
     request.requestId = nextRequestId();
+    // What needs memory comes before the client is busy.
     Reply expected(request);
     expected.data = std::make_shared<ExpectedReply>(request.requestId, replyData);
-    auto outcome = std::make_shared<Outcome>();
-    outcome->reply = {ErrorCode::NONE,    request.requestId,  request.name,
-                      request.clientUuid, request.serverUuid, nullptr};
-    Notification pending{listener,           ErrorCode::NONE,    request.requestId,   request.name,
-                         request.clientUuid, request.serverUuid, std::move(replyData)};
+    Notification pending{listener,
+                         {ErrorCode::NONE, request.requestId, request.name, request.clientUuid,
+                          request.serverUuid, std::move(replyData)}};
+    auto exchange = std::make_shared<Exchange>();
+    exchange->reply = pending.reply;
+    exchange->expected = expected.data;
     pending_ = std::move(pending);
-    outcome_ = std::move(outcome);
-    expected_ = expected.data;
-    refused_ = false;
-    timeoutReplies_ = 0;
+    exchange_ = std::move(exchange);
     idle_ = false;
     try {
         send(request, expected, timeout);
     } catch (...) {
-        // A payload that cannot be written, or no thread for the timer: nothing has left.
-        static_cast<void>(endRequest(pending_, ErrorCode::NONE, lock));
+        // A payload that cannot be written, or no thread for the timer: nothing has been sent.
+        pending_.listener = nullptr;
+        ListenerCall none;
+        endRequest(ErrorCode::NONE, NO_DATA, none);
         throw;
     }
     return ErrorCode::PENDING;
 }
 
-/// Subscription and timer are in place before the request leaves: no reply can be too fast.
+/// Subscription and timer are in place before the request is sent: no reply can be too fast.
 void RequestReplyClient::send(Request const& request, Reply const& expected,
                               conv::SecondsDuration const& timeout) {
-    endLeftSubscription();
-    prepareTimeout(request);
-    due_ = timeout.toTimepoint(steady_clock::now());
+    endOldSubscription();
+    prepareTimeoutReply(request);
+    exchange_->due = timeout.toTimepoint(steady_clock::now());
+    bool refused = false;
     {
         MqttDataBase::Lock endpointLock(replies().mutex());
         replies().value = expected;
         replies().subscriber = this;
-        refused_ = replies().subscribe(0, endpointLock) != MqttClient::Error::SUCCESS;
+        refused = replies().subscribe(0, endpointLock) != MqttClient::Error::SUCCESS;
     }
     if (!isEndless(timeout)) {
-        armTimer(periodOf(timeout));
+        armTimer(timer_, periodOf(timeout), false);
     }
     MqttDataBase::Lock endpointLock(requests().mutex());
     requests().value = request;
-    refused_ = requests().send(false, endpointLock) != MqttClient::Error::SUCCESS || refused_;
+    refused = requests().send(false, endpointLock) != MqttClient::Error::SUCCESS || refused;
+    if (refused) {
+        exchange_->nextExpiry = Expiry::END_REFUSED;
+    }
 }
 
 /// That of an earlier request, which could not be ended for lack of memory.
-void RequestReplyClient::endLeftSubscription() {
-    if (!subscriptionLeft_) {
-        return;
+void RequestReplyClient::endOldSubscription() {
+    if (hasOldSubscription_) {
+        MqttDataBase::Lock lock(replies().mutex());
+        replies().MqttDataBase::unsubscribe(lock);
+        hasOldSubscription_ = false;
     }
-    MqttDataBase::Lock lock(replies().mutex());
-    replies().MqttDataBase::unsubscribe(lock);
-    subscriptionLeft_ = false;
 }
 
-void RequestReplyClient::prepareTimeout(Request const& request) {
+void RequestReplyClient::prepareTimeoutReply(Request const& request) {
     MqttDataBase::Lock const lock(timeoutReply_.mutex());
     timeoutReply_.value = Reply(request);
     timeoutReply_.value.data = NO_DATA;
     timeoutReply_.value.error = ErrorCode::TIMEOUT;
 }
 
-void RequestReplyClient::armTimer(milliseconds period) {
-    std::unique_lock<std::mutex> lock(timer_.mutex());
-    timer_.setPeriod(period, lock);
-    timer_.once = false;
-    timer_.restart(lock);
-}
-
 void RequestReplyClient::onTimer() {
-    Ending ending{};
-    {
-        Lock const lock(mutex_);
-        timerThread_ = std::this_thread::get_id();
-        if (idle_ || steady_clock::now() < due_) {
-            return;
-        }
-        try {
-            ending = timeOut(lock);
-        } catch (...) {
-            // No memory for the time-out reply: the next expiry publishes it.
-            return;
-        }
-        timerHasTold_ = timerHasTold_ || ending.first != nullptr;
+    ListenerCall listenerCall;
+    MutexLock const lock(mutex_);
+    timerThread_ = std::this_thread::get_id();
+    if (idle_ || steady_clock::now() < exchange_->due) {
+        return;
     }
-    // From here on this object may be destroyed, by the listener too.
-    tell(ending);
+    try {
+        handleTimeout(listenerCall);
+    } catch (...) {
+        // No memory for the time-out reply: the next expiry publishes it.
+    }
+    timerHasCalledListener_ = timerHasCalledListener_ || listenerCall.listener != nullptr;
 }
 
-/// What an expiry does when the request's time has run out. Without a connection it leaves one
-/// time-out reply in the queue, and the request pending.
-RequestReplyClient::Ending RequestReplyClient::timeOut(Lock const& lock) {
+/// What an expiry does when the request's time is over. Without a connection it leaves one time-out
+/// reply in the queue, and the request pending.
+void RequestReplyClient::handleTimeout(ListenerCall& listenerCall) {
     bool const connected = mqtt_.communicationState() == conv::ComState::CONNECTED;
-    if (refused_ || (connected && timeoutReplies_ >= MAX_TIMEOUT_REPLIES)) {
-        return endRequest(pending_, ErrorCode::TIMEOUT, pending_.data, lock);
-    }
-    if (timeoutReplies_ == 0) {
-        armTimer(RETRY_PERIOD);
-    }
-    if (connected || timeoutReplies_ == 0) {
+    auto& next = exchange_->nextExpiry;
+    if (next == Expiry::END_REFUSED || (next == Expiry::END && connected)) {
+        endRequest(ErrorCode::TIMEOUT, pending_.reply.data, listenerCall);
+    } else if (next == Expiry::PUBLISH) {
+        armTimer(timer_, RETRY_PERIOD, false);
         timeoutReply_.publish();
-        ++timeoutReplies_;
+        next = Expiry::PUBLISH_AGAIN;
+    } else if (connected) {
+        timeoutReply_.publish();
+        next = Expiry::END;
     }
-    return {};
 }
 
 void RequestReplyClient::onMqttData(Reply const& reply, bool empty, int /*id*/) {
     if (empty) {
         return;
     }
-    Ending ending{};
-    {
-        Lock const lock(mutex_);
-        if (!idle_ && reply.requestId == pending_.requestId && reply.data == expected_) {
-            ending = endRequest(pending_, reply.error, pending_.data, lock);
-        }
+    ListenerCall listenerCall;
+    MutexLock const lock(mutex_);
+    if (!idle_ && reply.requestId == pending_.reply.requestId
+        && reply.data == exchange_->expected) {
+        endRequest(reply.error, pending_.reply.data, listenerCall);
     }
-    // From here on this object may be destroyed, by the listener too.
-    tell(ending);
 }
 
-RequestReplyClient::Ending
-RequestReplyClient::endRequest(Notification& pending, ErrorCode error,
-                               std::shared_ptr<RequestReplyData> const& data,
-                               Lock const& /*lock*/) {
-    pending.error = error;
+void RequestReplyClient::endRequest(ErrorCode error, std::shared_ptr<RequestReplyData> const& data,
+                                    ListenerCall& listenerCall) {
     idle_ = true;
-    outcome_->ended = true;
-    outcome_->reply.error = error;
-    outcome_->reply.data = data;
-    Ending ending(pending.listener, {outcome_, &outcome_->reply});
-    pending.listener = nullptr;
+    pending_.reply.error = error;
+    exchange_->ended = true;
+    exchange_->reply.error = error;
+    exchange_->reply.data = data;
+    listenerCall.listener = std::exchange(pending_.listener, nullptr);
+    listenerCall.exchange = exchange_;
     stopListening();
     timer_.stop();
     ended_.notify_all();
-    return ending;
-}
-
-RequestReplyClient::Ending RequestReplyClient::endRequest(Notification& pending, ErrorCode error,
-                                                          Lock const& lock) {
-    return endRequest(pending, error, NO_DATA, lock);
 }
 
 /// The application has its payload object back: nothing is read into it any more.
 void RequestReplyClient::stopListening() noexcept {
-    expected_ = nullptr;
+    exchange_->expected = nullptr;
     try {
         MqttDataBase::Lock endpointLock(replies().mutex());
         replies().value.data = nullptr;
@@ -323,93 +292,93 @@ void RequestReplyClient::stopListening() noexcept {
     } catch (...) {
         // No memory for the topic. The subscription stays until the next request; what arrives
         // meanwhile finds no subscriber.
-        subscriptionLeft_ = true;
+        hasOldSubscription_ = true;
     }
 }
 
 ErrorCode RequestReplyClient::waitEndOfRequest(conv::SecondsDuration const& timeout) {
-    Lock lock(mutex_);
-    return waitFor(timeout, lock);
+    ActiveCalls::Call const call(calls_);
+    ListenerCall listenerCall;
+    MutexLock lock(mutex_);
+    return waitFor(timeout, listenerCall, lock);
 }
 
 ErrorCode RequestReplyClient::waitEndOfRequest(unsigned int requestId,
                                                conv::SecondsDuration const& timeout) {
-    Lock lock(mutex_);
-    return requestId == pending_.requestId ? waitFor(timeout, lock) : ErrorCode::CANCELLED;
+    ActiveCalls::Call const call(calls_);
+    ListenerCall listenerCall;
+    MutexLock lock(mutex_);
+    return requestId == pending_.reply.requestId ? waitFor(timeout, listenerCall, lock)
+                                                 : ErrorCode::CANCELLED;
 }
 
 /// The deadline counts first: a request that ends in the same instant is a time-out to the thread
-/// that waited, whatever its listener was told, and to those who ask later. Another thread that
-/// still has time hears what the reply said.
-ErrorCode RequestReplyClient::waitFor(conv::SecondsDuration const& timeout, Lock& lock) {
-    auto const outcome = outcome_;
-    if (outcome->ended) {
-        return pending_.error;
+/// that waited, whatever its listener is called with, and to those who ask later. Another thread
+/// that still has time gets what the reply says.
+ErrorCode RequestReplyClient::waitFor(conv::SecondsDuration const& timeout,
+                                      ListenerCall& listenerCall, MutexLock& lock) {
+    auto const exchange = exchange_;
+    if (exchange->ended) {
+        return pending_.reply.error;
     }
-    Visitors::Visit const visit(callers_);
     auto const deadline = timeout.toTimepoint(steady_clock::now());
-    // The worker would have to read the reply that it waits for, and the timer to end a request
-    // with a time-out.
-    bool const timed = due_ != steady_clock::time_point::max();
-    bool late = mqtt_.onWorkerThread() || (timed && std::this_thread::get_id() == timerThread_);
-    ++outcome->waiters;
-    while (!outcome->ended && !late) {
-        waitSlice(ended_, lock, deadline);
+    // The worker would have to read the reply that it waits for, and the timer's thread to end a
+    // request with a time-out.
+    bool const hasTimeout = exchange->due != steady_clock::time_point::max();
+    bool late =
+        mqtt_.onWorkerThread() || (hasTimeout && std::this_thread::get_id() == timerThread_);
+    if (!late) {
+        ++exchange->waiters;
+        waitUntil(ended_, lock, deadline, [&] { return exchange->ended; });
+        --exchange->waiters;
+        waiterLeft_.notify_all();
         late = steady_clock::now() >= deadline;
     }
-    --outcome->waiters;
-    Ending ending{};
-    if (late && !outcome->ended) {
-        ending = endRequest(pending_, ErrorCode::TIMEOUT, lock);
-    } else if (late && outcome == outcome_) {
-        pending_.error = ErrorCode::TIMEOUT;
+    if (!late) {
+        return exchange->reply.error;
     }
-    auto const result = late ? ErrorCode::TIMEOUT : outcome->reply.error;
-    waiterLeft_.notify_all();
-    lock.unlock();
-    // From here on this object may be destroyed, by the listener too.
-    tell(ending);
-    return result;
+    if (!exchange->ended) {
+        endRequest(ErrorCode::TIMEOUT, NO_DATA, listenerCall);
+    } else if (exchange == exchange_) {
+        pending_.reply.error = ErrorCode::TIMEOUT;
+    }
+    return ErrorCode::TIMEOUT;
 }
 
 ErrorCode RequestReplyClient::cancel() {
-    Visitors::Visit const visit(callers_);
-    Lock lock(mutex_);
-    auto const ending = callOff(lock);
-    lock.unlock();
-    // From here on this object may be destroyed, by the listener too.
-    tell(ending);
+    ActiveCalls::Call const call(calls_);
+    ListenerCall listenerCall;
+    MutexLock lock(mutex_);
+    cancelRequest(listenerCall, lock);
     return ErrorCode::SUCCESS;
 }
 
-RequestReplyClient::Ending RequestReplyClient::callOff(Lock& lock) {
+void RequestReplyClient::cancelRequest(ListenerCall& listenerCall, MutexLock& lock) {
     if (idle_) {
-        return Ending{};
+        return;
     }
-    auto const outcome = outcome_;
-    auto ending = endRequest(pending_, ErrorCode::CANCELLED, lock);
-    waiterLeft_.wait(lock, [&] { return outcome->waiters == 0; });
-    return ending;
+    auto const exchange = exchange_;
+    endRequest(ErrorCode::CANCELLED, NO_DATA, listenerCall);
+    waiterLeft_.wait(lock, [&] { return exchange->waiters == 0; });
 }
 
 void RequestReplyClient::terminate() {
     if (terminated_) {
         return;
     }
-    Visitors::Visit const visit(callers_);
-    Lock lock(mutex_);
+    ActiveCalls::Call const call(calls_);
+    ListenerCall listenerCall;
+    MutexLock lock(mutex_);
     if (terminated_.exchange(true)) {
         return;
     }
-    auto const ending = callOff(lock);
-    bool const timerIsQuiet = !timerHasTold_;
+    cancelRequest(listenerCall, lock);
+    bool const timerIsInListener = timerHasCalledListener_;
     lock.unlock();
-    // Its thread may be inside a listener that destroys this object, and waits for us.
-    if (timerIsQuiet) {
+    // That listener may wait for this call, to destroy this object.
+    if (!timerIsInListener) {
         timer_.terminate();
     }
-    // From here on this object may be destroyed, by the listener too.
-    tell(ending);
 }
 
 } // namespace mqtt

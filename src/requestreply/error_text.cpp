@@ -1,6 +1,8 @@
 #include "mqtt/request_reply.hpp"
 
+#include <array>
 #include <ostream>
+#include <string>
 
 namespace mqtt {
 
@@ -8,28 +10,16 @@ namespace {
 
 using ErrorCode = RequestReply::ErrorCode;
 
+/// In the order of their codes.
+constexpr std::array NAMES{"NONE",        "SUCCESS", "NO_SERVER", "TIMEOUT",
+                           "NO_LISTENER", "PENDING", "BUSY",      "CANCELLED"};
+
 char const* text(ErrorCode error) {
-    switch (error) {
-    case ErrorCode::NONE:
-        return "NONE";
-    case ErrorCode::SUCCESS:
-        return "SUCCESS";
-    case ErrorCode::NO_SERVER:
-        return "NO_SERVER";
-    case ErrorCode::TIMEOUT:
-        return "TIMEOUT";
-    case ErrorCode::NO_LISTENER:
-        return "NO_LISTENER";
-    case ErrorCode::PENDING:
-        return "PENDING";
-    case ErrorCode::BUSY:
-        return "BUSY";
-    case ErrorCode::CANCELLED:
-        return "CANCELLED";
-    case ErrorCode::APPLICATION:
-        return "APPLICATION";
+    if (error >= ErrorCode::APPLICATION) {
+        return error == ErrorCode::APPLICATION ? "APPLICATION" : "APPLICATION + ";
     }
-    return error > ErrorCode::APPLICATION ? "APPLICATION + " : "UNKNOWN";
+    auto const code = static_cast<std::size_t>(error);
+    return code < NAMES.size() ? NAMES[code] : "UNKNOWN";
 }
 
 } // namespace

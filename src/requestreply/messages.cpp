@@ -2,7 +2,7 @@
 
 #include "requestreply/messages.hpp"
 
-#include "common/json_number.hpp"
+#include "common/json_members.hpp"
 
 #include <cstdint>
 #include <stdexcept>
@@ -25,7 +25,7 @@ constexpr bool RETAINED = false;
 constexpr char REQUEST[] = "?\?";
 constexpr char REPLY[] = "?=";
 
-/// Of the segment that ends a request's topic, before the client's, this much is the suffix.
+/// Of the suffix in the last but one segment of a request's topic.
 constexpr std::size_t SUFFIX_LENGTH = sizeof REQUEST - 1;
 
 Topic prefix(Topic const& base, Request const& message, char const* suffix) {
@@ -38,7 +38,7 @@ Topic prefix(Topic const& base, Request const& message, char const* suffix) {
     return topic;
 }
 
-/// Exactly the type without members: one derived from it may have some.
+/// Exactly the type without members has none: a type derived from it may have some.
 bool hasMembers(Request const& message) {
     if (!message.data) {
         return false;
@@ -100,7 +100,7 @@ void MqttData<Request>::deserialize(Topic const& topic, std::string const& paylo
     std::string name = topic[levels - 2];
     name.resize(name.size() - SUFFIX_LENGTH);
     std::uint32_t requestId = 0;
-    Deserializer::extractValue(in.getMember("$reqId"), requestId, "");
+    readMember(in, "$reqId", requestId);
     if (hasMembers(value)) {
         value.data->deserialize(in);
     }
@@ -139,14 +139,14 @@ void MqttData<Reply>::deserialize(Topic const& /*topic*/, std::string const& pay
     }
     Deserializer in(payload);
     std::uint32_t requestId = 0;
-    Deserializer::extractValue(in.getMember("$reqId"), requestId, "");
+    readMember(in, "$reqId", requestId);
     unsigned char error = 0;
-    Deserializer::extractValue(in.getMember("$err"), error, "");
+    readMember(in, "$err", error);
     if (hasMembers(value)) {
         try {
             value.data->deserialize(in);
         } catch (std::exception const&) {
-            // A time-out reply has no payload: its code has to get through all the same.
+            // A time-out reply has no payload, but its code must be delivered.
         }
     }
     value.requestId = requestId;
@@ -166,8 +166,8 @@ RequestReply::Reply::~Reply() = default;
 RequestReply::RequestReply(MqttClient& client, Topic const& base, Topic const& subPath,
                            std::string const& name)
     : name_(name), topic_(subPath), requests_(client, base), replies_(client, base) {
-    // Only an outer "/" is found by this. With an inner one the server answers under the last
-    // level of the name, and requests end by time-out.
+    // This finds only a "/" at the begin or the end. With one in between the server takes the last
+    // level for the whole name, and requests end by time-out.
     if (Topic(name).text() != name) {
         throw std::invalid_argument("Invalid Request/Reply name; should not contain any of '/'.");
     }

@@ -1,14 +1,17 @@
 #include "mqtt/request_reply.hpp"
+
+#include "common/active_calls.hpp"
 #include "requestreply/messages.hpp"
 
 namespace mqtt {
 
 RequestReplyServer::RequestReplyServer(MqttClient& client, Topic const& base, Topic const& subPath,
                                        std::string const& name)
-    : RequestReply(client, base, subPath, name), alive_(std::make_shared<char>()) {}
+    : RequestReply(client, base, subPath, name), calls_(std::make_shared<ActiveCalls>()) {}
 
 RequestReplyServer::~RequestReplyServer() {
     release();
+    calls_->close();
 }
 
 void RequestReplyServer::release() noexcept {
@@ -46,14 +49,8 @@ MqttClient::Error RequestReplyServer::unsubscribeWait() {
 }
 
 Topic RequestReplyServer::requestTopic() const {
-    Request prototype;
-    Topic base;
-    {
-        MqttDataBase::Lock const lock(requests().mutex());
-        prototype = requests().value;
-        base = requests().topicBase();
-    }
-    return requestPrefix(base, prototype);
+    MqttDataBase::Lock const lock(requests().mutex());
+    return requestPrefix(requests().topicBase(), requests().value);
 }
 
 void RequestReplyServer::onMqttData(Request const& request, bool empty, int /*id*/) {
@@ -64,12 +61,12 @@ void RequestReplyServer::onMqttData(Request const& request, bool empty, int /*id
     reply.error = ErrorCode::NO_LISTENER;
     reply.data = nullptr;
     if (auto* const listener = listener_.load()) {
-        std::weak_ptr<void> const alive = alive_;
+        ActiveCalls::Call const call(calls_);
         RequestReplyData const& data = request.data ? *request.data : *NO_DATA;
         reply.error = ErrorCode::SUCCESS;
         reply.data = listener->onRequest(request.name, request.clientUuid, request.serverUuid, data,
                                          reply.error);
-        if (alive.expired()) {
+        if (!call.isObjectAlive()) {
             return;
         }
     }

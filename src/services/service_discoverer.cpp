@@ -1,12 +1,12 @@
-// What a run has left behind, an answer in flight above all, must not count in the next one: an
-// answer counts only while its entity is awaited, a list only while the run awaits one.
+// Messages that a run has left in flight must not count in the next run: an identification counts
+// only while its entity is awaited, a list of links only while the run awaits one.
 //
-// `mutex_` is held while the client is called, so the client must never wait for its worker in
-// there, where the callbacks want it.
+// `mutex_` is held while the client is called, so the client must not wait for its worker there:
+// the callbacks on the worker need `mutex_`.
 
 #include "mqtt/service_discoverer.hpp"
 
-#include "common/visitors.hpp"
+#include "common/active_calls.hpp"
 #include "common/wait.hpp"
 
 #include <zym/common/uuid.hpp>
@@ -19,8 +19,8 @@ namespace {
 
 using std::chrono::steady_clock;
 
-/// `done_` is looked at so often at least.
-constexpr std::chrono::seconds SLICE{3};
+/// A run under way looks at its state at least this often.
+constexpr std::chrono::seconds LONGEST_SLEEP{3};
 
 bool haveSameIds(std::vector<Link> const& left, std::vector<Link> const& right) {
     return std::equal(left.begin(), left.end(), right.begin(), right.end(),
@@ -36,20 +36,20 @@ conv::Identification placeholder() {
 } // namespace
 
 ServiceDiscovererMqtt::ServiceDiscovererMqtt(MqttClient& client, Topic const& topic)
-    : client_(client), linksData_(client, topic), callers_(std::make_shared<Visitors>()) {}
+    : client_(client), linksData_(client, topic), calls_(std::make_shared<ActiveCalls>()) {}
 
 ServiceDiscovererMqtt::~ServiceDiscovererMqtt() {
     {
-        Lock const lock(mutex_);
-        ending_ = true;
-        // Without memory for topics: the endpoints are released below.
+        MutexLock const lock(mutex_);
+        destroyed_ = true;
+        // Nothing unsubscribes here, as that needs memory: the endpoints are released below.
         awaitsLinks_ = false;
         awaited_.clear();
         changed_.notify_all();
     }
-    callers_->waitForOthers();
+    calls_->waitForOthers();
     linksData_.release();
-    // Nobody adds to them any more.
+    // The worker adds no endpoints any more.
     for (auto const& endpoint : identificationEndpoints_) {
         endpoint->release();
     }
@@ -65,14 +65,14 @@ bool ServiceDiscovererMqtt::waitChange(conv::SecondsDuration timeout, bool withI
 
 bool ServiceDiscovererMqtt::launchSync(conv::SecondsDuration timeout, bool withIdentification,
                                        bool waitForChange) {
-    // The answers would have to be read by the very thread that waits for them.
+    // The worker would have to read the messages that it waits for.
     if (client_.onWorkerThread()) {
         return false;
     }
-    Visitors::Visit const visit(callers_);
+    ActiveCalls::Call const call(calls_);
     std::lock_guard const run(runMutex_);
-    Lock lock(mutex_);
-    if (ending_) {
+    MutexLock lock(mutex_);
+    if (destroyed_) {
         return false;
     }
     withIdentification_ = withIdentification;
@@ -81,41 +81,32 @@ bool ServiceDiscovererMqtt::launchSync(conv::SecondsDuration timeout, bool withI
     failed_ = false;
     awaitsLinks_ = true;
     linksData_.subscribe(this, 0);
-    return waitUntilDone(timeout, lock);
-}
-
-bool ServiceDiscovererMqtt::waitUntilDone(conv::SecondsDuration const& timeout, Lock& lock) {
-    auto const deadline = timeout.toTimepoint(steady_clock::now());
-    while (true) {
-        auto const now = steady_clock::now();
-        auto const sliceEnd = deadline - now > SLICE ? now + SLICE : deadline;
-        waitUntil(changed_, lock, sliceEnd, [this] { return done_ || failed_ || ending_; });
-        if (done_) {
-            return true;
-        }
-        if (failed_ || ending_ || steady_clock::now() >= deadline) {
-            break;
-        }
+    waitUntil(
+        changed_, lock, timeout.toTimepoint(steady_clock::now()),
+        [this]() ZYM_MQTT_REQUIRES(mutex_) { return done_ || failed_ || destroyed_; },
+        LONGEST_SLEEP);
+    if (!done_) {
+        stopListening();
     }
-    cleanSubscriptions(lock);
     return done_;
 }
 
 std::vector<Link> ServiceDiscovererMqtt::links() const {
-    Lock const lock(mutex_);
+    MutexLock const lock(mutex_);
     return links_;
 }
 
 std::vector<conv::Identification> ServiceDiscovererMqtt::entities() const {
-    Lock const lock(mutex_);
+    MutexLock const lock(mutex_);
     return identifications_;
 }
 
 void ServiceDiscovererMqtt::cleanSubscriptions() {
-    cleanSubscriptions(Lock(mutex_));
+    MutexLock const lock(mutex_);
+    stopListening();
 }
 
-void ServiceDiscovererMqtt::cleanSubscriptions(Lock const& /*lock*/) {
+void ServiceDiscovererMqtt::stopListening() {
     awaitsLinks_ = false;
     awaited_.clear();
     linksData_.unsubscribe();
@@ -128,48 +119,40 @@ void ServiceDiscovererMqtt::onMqttData(std::vector<Link> const& links, bool empt
     if (empty) {
         return;
     }
-    Lock const lock(mutex_);
-    if (!accepts(links, lock)) {
+    MutexLock const lock(mutex_);
+    if (!awaitsLinks_ || (waitForChange_ && haveSameIds(links, links_))) {
         return;
     }
     try {
-        takeOver(links, lock);
+        handleLinks(links);
     } catch (...) {
-        // No memory: nothing would end the run.
+        // No memory: no message would end the run.
         failed_ = true;
         changed_.notify_all();
     }
 }
 
-void ServiceDiscovererMqtt::takeOver(std::vector<Link> const& links, Lock const& lock) {
+void ServiceDiscovererMqtt::handleLinks(std::vector<Link> const& links) {
     awaitsLinks_ = false;
     links_ = links;
     linksData_.unsubscribe();
-    expect(links.size(), lock);
-    if (isDone(lock)) {
+    pending_ = static_cast<std::int32_t>(links.size());
+    awaited_.clear();
+    identificationEndpoints_.clear();
+    identifications_.clear();
+    if (isDone()) {
         return;
     }
     identifications_.assign(links.size(), placeholder());
     if (withIdentification_) {
-        askEntities(lock);
+        subscribeToIdentifications();
         return;
     }
     pending_ = 0;
-    isDone(lock);
+    isDone();
 }
 
-bool ServiceDiscovererMqtt::accepts(std::vector<Link> const& links, Lock const& /*lock*/) const {
-    return awaitsLinks_ && !(waitForChange_ && haveSameIds(links, links_));
-}
-
-void ServiceDiscovererMqtt::expect(std::size_t entities, Lock const& /*lock*/) {
-    pending_ = static_cast<std::int32_t>(entities);
-    awaited_.clear();
-    identificationEndpoints_.clear();
-    identifications_.clear();
-}
-
-void ServiceDiscovererMqtt::askEntities(Lock const& /*lock*/) {
+void ServiceDiscovererMqtt::subscribeToIdentifications() {
     for (auto const& link : links_) {
         auto const position = static_cast<int>(identificationEndpoints_.size());
         auto const endpoint = std::make_shared<Endpoint>(client_, Topic(link.id));
@@ -186,28 +169,27 @@ void ServiceDiscovererMqtt::onMqttData(conv::Identification const& identificatio
     }
     Endpoint* endpoint = nullptr;
     {
-        Lock const lock(mutex_);
-        endpoint = awaited(id, lock);
+        MutexLock const lock(mutex_);
+        endpoint = awaitedEndpoint(id);
     }
     if (endpoint == nullptr) {
         return;
     }
-    // Endpoints are replaced by this thread only.
+    // Only this thread replaces endpoints.
     endpoint->unsubscribe();
-    Lock const lock(mutex_);
-    if (awaited(id, lock) == nullptr) {
+    MutexLock const lock(mutex_);
+    if (awaitedEndpoint(id) == nullptr) {
         return;
     }
     auto const position = static_cast<std::size_t>(id);
     awaited_[position] = false;
     identifications_[position] = identification;
     --pending_;
-    isDone(lock);
+    isDone();
 }
 
-/// The endpoint whose answer still counts; null for any other.
-ServiceDiscovererMqtt::Endpoint* ServiceDiscovererMqtt::awaited(int id,
-                                                                Lock const& /*lock*/) const {
+/// Null when the entity's identification does not count any more.
+ServiceDiscovererMqtt::Endpoint* ServiceDiscovererMqtt::awaitedEndpoint(int id) const {
     auto const position = static_cast<std::size_t>(id);
     if (id < 0 || position >= awaited_.size() || !awaited_[position]) {
         return nullptr;
@@ -215,7 +197,7 @@ ServiceDiscovererMqtt::Endpoint* ServiceDiscovererMqtt::awaited(int id,
     return identificationEndpoints_[position].get();
 }
 
-bool ServiceDiscovererMqtt::isDone(Lock const& /*lock*/) {
+bool ServiceDiscovererMqtt::isDone() {
     if (pending_ != 0) {
         return false;
     }

@@ -1,15 +1,18 @@
-// The server's time as seen from here: exchanges, their samples, and the filter over them.
+// Estimates the server's time: exchanges, their samples, and the filter over them.
 //
-// - `mutex_` guards which run is under way and all that belongs to it. It is taken before the
-//   request client's, the timer's and the MQTT client's locks, and never held while the listener
-//   is called.
-// - Each run has a number. What an earlier one left in flight, a reply, an expiry of the timer or
-//   a call to the listener, is recognised by it and changes nothing.
-// - An active proxy that is not synchronised has a request under way or, when that could not be
-//   sent, its timer armed to try again. That needs no thread: the timer has its own from the start.
+// - `mutex_` guards which run is under way and everything that belongs to it. It is taken before
+// the
+//   request client's, the timer's and the MQTT client's locks, and never held while the listener is
+//   called.
+// - Each run has a number. What an earlier run left in flight, a reply, an expiry of the timer or a
+//   call of the listener, has another number and changes nothing.
+// - An active proxy that is not synchronised has a request under way, or its timer armed to send
+// the
+//   next one. That needs no memory and no thread: the timer has its thread from the start.
 
+#include "common/active_calls.hpp"
+#include "common/arm_timer.hpp"
 #include "common/user_call.hpp"
-#include "common/visitors.hpp"
 #include "common/wait.hpp"
 #include "mqtt/time_base.hpp"
 #include "services/local_clock.hpp"
@@ -40,7 +43,7 @@ constexpr double LEAST_GAIN = 0.005;
 
 } // namespace
 
-/// The reply of one exchange.
+/// The reply of one exchange, and the run that the exchange belongs to.
 class SynchronizedTimeBaseMqttProxy::Sample final : public TimeSyncReplyData {
 public:
     explicit Sample(unsigned int ofRun) : run(ofRun) {}
@@ -50,8 +53,8 @@ public:
         isRead_ = true;
     }
 
-    /// The middle of the exchange on our clock, less the server's time; not a number when the
-    /// reply could not be read.
+    /// The middle of the exchange on the local clock, less the server's time; not a number when
+    /// the reply could not be read.
     double offset(double arrival) const {
         return isRead_ ? 0.5 * (arrival + client) - ref : std::numeric_limits<double>::quiet_NaN();
     }
@@ -69,10 +72,11 @@ SynchronizedTimeBaseMqttProxy::SynchronizedTimeBaseMqttProxy(
       // A derived clock may throw, and not every timer catches that.
       timer_([this] { callUser([this] { onTimer(); }); }, INITIAL_PERIOD, false),
       requestClient_(client, topic, Topic(), TIME_SYNC_REQUEST_REPLY_NAME),
-      callers_(std::make_shared<Visitors>()),
-      tellers_(std::make_shared<Visitors>()),
+      calls_(std::make_shared<ActiveCalls>()),
+      listenerCalls_(std::make_shared<ActiveCalls>()),
       mqtt_(client) {
-    reset(Lock(mutex_));
+    MutexLock const lock(mutex_);
+    reset();
 }
 
 SynchronizedTimeBaseMqttProxy::~SynchronizedTimeBaseMqttProxy() {
@@ -81,52 +85,53 @@ SynchronizedTimeBaseMqttProxy::~SynchronizedTimeBaseMqttProxy() {
 
 void SynchronizedTimeBaseMqttProxy::release() noexcept {
     SynchronizedTimeBaseMqttProxy::terminate();
-    callers_->waitForOthers();
+    calls_->waitForOthers();
     requestClient_.release();
 }
 
 void SynchronizedTimeBaseMqttProxy::terminate() {
-    if (!setTerminatedFlag()) {
-        return;
-    }
-    registerListener(nullptr);
-    requestClient_.terminate();
-    timer_.terminate();
-    {
-        Lock const lock(mutex_);
+    bool const isFirst = setTerminatedFlag();
+    if (isFirst) {
+        registerListener(nullptr);
+        requestClient_.terminate();
+        timer_.terminate();
+        MutexLock const lock(mutex_);
         active_ = false;
         changed_.notify_all();
     }
-    // From inside the listener's call: who waits in `stop` for its end may be someone for whom its
-    // listener waits now, to destroy what is around this proxy.
-    tellers_->leave();
-    tellers_->waitForOthers();
+    // Inside the listener's call: a thread that waits in `stop` or `terminate` for the end of that
+    // call may be one that the listener waits for, to destroy an object around this proxy.
+    listenerCalls_->endCallsOfThisThread();
+    if (isFirst) {
+        listenerCalls_->waitForOthers();
+    }
 }
 
 bool SynchronizedTimeBaseMqttProxy::startSync(Uuid const& server) {
-    return start(server, false, Lock(mutex_));
+    MutexLock const lock(mutex_);
+    return start(server, false);
 }
 
 bool SynchronizedTimeBaseMqttProxy::synchronize(Uuid const& server,
                                                 conv::SecondsDuration const& timeout) {
-    Visitors::Visit const visit(callers_);
-    Lock lock(mutex_);
-    return start(server, true, lock) && waitUntilSynchronized(timeout, lock);
+    ActiveCalls::Call const call(calls_);
+    MutexLock lock(mutex_);
+    return start(server, true) && waitUntilSynchronized(timeout, lock);
 }
 
-/// Active before the first request leaves: its reply may be here before `request` returns.
-bool SynchronizedTimeBaseMqttProxy::start(Uuid const& server, bool blocking, Lock const& lock) {
+/// Active before the first request is sent: its reply may arrive before `request` returns.
+bool SynchronizedTimeBaseMqttProxy::start(Uuid const& server, bool blocking) {
     if (active_) {
         return false;
     }
-    reset(lock);
+    reset();
     setServerUuid(server);
     active_ = true;
     try {
-        // The timer's thread is made now, while the caller can be told that there is none.
-        arm(SAMPLE_PERIOD, lock);
+        // The timer's thread is made now: if there is none, the caller gets the exception.
+        armTimer(timer_, SAMPLE_PERIOD, false);
         timer_.stop();
-        active_ = sendRequest(!blocking, lock);
+        active_ = sendRequest(!blocking);
     } catch (...) {
         active_ = false;
         throw;
@@ -135,48 +140,44 @@ bool SynchronizedTimeBaseMqttProxy::start(Uuid const& server, bool blocking, Loc
 }
 
 bool SynchronizedTimeBaseMqttProxy::waitUntilSynchronized(conv::SecondsDuration const& timeout,
-                                                          Lock& lock) {
-    // As a signed number: all ones is a second ago, and nobody waits.
-    // The worker would have to read the replies that it waits for.
-    auto const patience = mqtt_.onWorkerThread() ? 0 : timeout.toInt32();
-    auto const deadline = steady_clock::now() + seconds(patience);
+                                                          MutexLock& lock) {
+    // Taken as a signed number: all ones is a second ago, and such a call does not wait. Nor does
+    // the worker, which would have to read the replies that it waits for.
+    auto const wait = mqtt_.onWorkerThread() ? 0 : timeout.toInt32();
     auto const run = run_;
-    while (run == run_ && active_) {
-        if (isSynchronized()) {
-            return true;
-        }
-        if (steady_clock::now() >= deadline) {
-            break;
-        }
-        waitSlice(changed_, lock, deadline);
+    waitUntil(changed_, lock, steady_clock::now() + seconds(wait), [&]() ZYM_MQTT_REQUIRES(mutex_) {
+        return run != run_ || !active_ || isSynchronized();
+    });
+    // The thread that has stopped this run may have started another one since.
+    if (run != run_) {
+        return false;
     }
-    // Who has stopped this run may have started another one since.
-    if (run == run_) {
-        stop(lock);
+    if (active_ && isSynchronized()) {
+        return true;
     }
+    stopRun();
     return false;
 }
 
 bool SynchronizedTimeBaseMqttProxy::stop() {
     {
-        Lock const lock(mutex_);
-        stop(lock);
+        MutexLock const lock(mutex_);
+        stopRun();
     }
-    tellers_->waitForOthers();
+    listenerCalls_->waitForOthers();
     return true;
 }
 
-void SynchronizedTimeBaseMqttProxy::stop(Lock const& lock) {
+void SynchronizedTimeBaseMqttProxy::stopRun() {
     setServerUuid(Uuid::NIL);
-    reset(lock);
+    reset();
     changed_.notify_all();
 }
 
-void SynchronizedTimeBaseMqttProxy::reset(Lock const& /*lock*/) {
+void SynchronizedTimeBaseMqttProxy::reset() {
     ++run_;
     active_ = false;
-    retrying_ = false;
-    periodic_ = false;
+    timerUse_ = TimerUse::NONE;
     setSynchronizedFlag(false);
     remainingSamples_ = SAMPLES;
     setOffset(0.0);
@@ -185,30 +186,30 @@ void SynchronizedTimeBaseMqttProxy::reset(Lock const& /*lock*/) {
 }
 
 void SynchronizedTimeBaseMqttProxy::forceSync() {
-    Lock const lock(mutex_);
+    MutexLock const lock(mutex_);
     if (!isSynchronized()) {
         return;
     }
-    sendRequest(true, lock);
+    sendRequest(true);
     remainingSamples_ = SAMPLES;
     setOffset(0.0);
 }
 
-bool SynchronizedTimeBaseMqttProxy::sendRequest(bool notify, Lock const& lock) {
+bool SynchronizedTimeBaseMqttProxy::sendRequest(bool notify) {
     notifyOnSuccess_ = notify;
-    if (tryToSendRequest(lock)) {
+    if (tryToSendRequest()) {
         return true;
     }
     if (isSynchronized()) {
-        return false; // the timer's exchange is as good as ours
+        return false; // the timer's exchange serves as well
     }
-    // An expiry of the timer from before this run is late, and was faster than we are: nobody
-    // needs its exchange, and without ours there would be no next one.
+    // The timer's thread has sent a request in a late expiry of an earlier run. Its reply is of no
+    // use, and without this request there would be no next one.
     requestClient_.cancel();
-    return tryToSendRequest(lock);
+    return tryToSendRequest();
 }
 
-bool SynchronizedTimeBaseMqttProxy::tryToSendRequest(Lock const& /*lock*/) {
+bool SynchronizedTimeBaseMqttProxy::tryToSendRequest() {
     auto const sample = std::make_shared<Sample>(run_);
     auto const request = std::make_shared<TimeSyncRequestData>(localTimeBase());
     return requestClient_.request(this, uuid(), serverUuid(), request, sample, nullptr,
@@ -216,10 +217,10 @@ bool SynchronizedTimeBaseMqttProxy::tryToSendRequest(Lock const& /*lock*/) {
            == ErrorCode::PENDING;
 }
 
-/// Makes the next exchange of a run, now or, when that cannot be, later.
-void SynchronizedTimeBaseMqttProxy::goOn(Lock const& lock) {
+/// Makes the next exchange of a run, now or, when it cannot be sent now, later.
+void SynchronizedTimeBaseMqttProxy::makeNextExchange() {
     try {
-        if (sendRequest(notifyOnSuccess_, lock)) {
+        if (sendRequest(notifyOnSuccess_)) {
             return;
         }
     } catch (...) {
@@ -228,21 +229,14 @@ void SynchronizedTimeBaseMqttProxy::goOn(Lock const& lock) {
     if (isSynchronized()) {
         return; // the periodic exchange is enough
     }
-    retrying_ = true;
-    arm(RETRY_PERIOD, lock);
-}
-
-void SynchronizedTimeBaseMqttProxy::arm(milliseconds period, Lock const& /*lock*/) {
-    std::unique_lock<std::mutex> timerLock(timer_.mutex());
-    timer_.setPeriod(period, timerLock);
-    timer_.once = false;
-    timer_.restart(timerLock);
+    timerUse_ = TimerUse::RETRY;
+    armTimer(timer_, RETRY_PERIOD, false);
 }
 
 void SynchronizedTimeBaseMqttProxy::onReply(unsigned int /*requestId*/, std::string const& /*name*/,
                                             Uuid const& /*clientUuid*/, Uuid const& /*serverUuid*/,
                                             RequestReplyData const& data, ErrorCode error) {
-    // A request that was called off comes without its sample, and with our mutex locked already.
+    // A cancelled request comes without its sample, and on a thread that has locked `mutex_`.
     auto const* const sample = dynamic_cast<Sample const*>(&data);
     if (sample == nullptr) {
         return;
@@ -251,22 +245,22 @@ void SynchronizedTimeBaseMqttProxy::onReply(unsigned int /*requestId*/, std::str
     auto const run = sample->run;
     bool done = false;
     {
-        Lock const lock(mutex_);
-        if (!isCurrent(*sample, lock)) {
+        MutexLock const lock(mutex_);
+        if (!isCurrent(*sample)) {
             return;
         }
         if (error == ErrorCode::SUCCESS && std::isfinite(offset)) {
-            done = updateTimeBase(offset, lock);
+            done = updateTimeBase(offset);
         } else {
-            goOn(lock);
+            makeNextExchange();
         }
     }
     if (done) {
-        tellListener(run);
+        callListener(run);
     }
 }
 
-/// Not a number when the reply could not be read, or our clock.
+/// Not a number when the reply or the local clock could not be read.
 double SynchronizedTimeBaseMqttProxy::offsetOf(Sample const& sample) const {
     try {
         return sample.offset(localTimeBase());
@@ -275,16 +269,16 @@ double SynchronizedTimeBaseMqttProxy::offsetOf(Sample const& sample) const {
     }
 }
 
-bool SynchronizedTimeBaseMqttProxy::isCurrent(Sample const& sample, Lock const& /*lock*/) const {
+bool SynchronizedTimeBaseMqttProxy::isCurrent(Sample const& sample) const {
     return active_ && sample.run == run_;
 }
 
-/// Returns whether the listener is to be told that the time is known now.
-bool SynchronizedTimeBaseMqttProxy::updateTimeBase(double sample, Lock const& lock) {
+/// Returns whether the listener is to be called: the time is known now.
+bool SynchronizedTimeBaseMqttProxy::updateTimeBase(double sample) {
     if (isSynchronized()) {
-        filter(sample, lock);
-        if (!periodic_) {
-            startPeriodicExchange(lock);
+        filter(sample);
+        if (timerUse_ != TimerUse::PERIODIC_EXCHANGE) {
+            startPeriodicExchange();
         }
         return false;
     }
@@ -292,43 +286,39 @@ bool SynchronizedTimeBaseMqttProxy::updateTimeBase(double sample, Lock const& lo
         setOffset(sample);
         gain_ = FIRST_GAIN;
     } else {
-        filter(sample, lock);
+        filter(sample);
     }
     if (--remainingSamples_ > 0) {
-        goOn(lock);
+        makeNextExchange();
         return false;
     }
-    setSynchronized(lock);
+    setSynchronizedFlag(true);
+    changed_.notify_all();
+    startPeriodicExchange();
     return notifyOnSuccess_;
 }
 
-void SynchronizedTimeBaseMqttProxy::filter(double sample, Lock const& /*lock*/) {
-    setOffset(gain_ * sample + (1 - gain_) * offset_);
+void SynchronizedTimeBaseMqttProxy::filter(double sample) {
+    setOffset(gain_ * sample + (1 - gain_) * offset());
     if (gain_ > LEAST_GAIN) {
         gain_ *= GAIN_DECAY;
     }
 }
 
-void SynchronizedTimeBaseMqttProxy::setSynchronized(Lock const& lock) {
-    setSynchronizedFlag(true);
-    changed_.notify_all();
-    startPeriodicExchange(lock);
-}
-
-void SynchronizedTimeBaseMqttProxy::startPeriodicExchange(Lock const& lock) {
+void SynchronizedTimeBaseMqttProxy::startPeriodicExchange() {
     try {
-        arm(SAMPLE_PERIOD, lock);
-        periodic_ = true;
+        armTimer(timer_, SAMPLE_PERIOD, false);
+        timerUse_ = TimerUse::PERIODIC_EXCHANGE;
     } catch (...) {
         // A device's timer may need a new thread each time, and there is none: the next sample, a
         // forced one, tries again.
     }
 }
 
-void SynchronizedTimeBaseMqttProxy::tellListener(unsigned int run) {
-    Visitors::Visit const visit(tellers_);
+void SynchronizedTimeBaseMqttProxy::callListener(unsigned int run) {
+    ActiveCalls::Call const call(listenerCalls_);
     {
-        Lock const lock(mutex_);
+        MutexLock const lock(mutex_);
         if (run != run_) {
             return;
         }
@@ -342,10 +332,11 @@ void SynchronizedTimeBaseMqttProxy::onTimer() {
     std::shared_ptr<TimeSyncRequestData> request;
     Uuid server;
     {
-        Lock const lock(mutex_);
-        if (std::exchange(retrying_, false)) {
+        MutexLock const lock(mutex_);
+        if (timerUse_ == TimerUse::RETRY) {
+            timerUse_ = TimerUse::NONE;
             timer_.stop();
-            goOn(lock);
+            makeNextExchange();
             return;
         }
         // Without a connection the exchanges would only fill the queue.
@@ -357,15 +348,15 @@ void SynchronizedTimeBaseMqttProxy::onTimer() {
         request = std::make_shared<TimeSyncRequestData>(localTimeBase());
         server = serverUuid();
     }
-    // Unless it was a reply that ended the exchange, the sample has not been read.
+    // The sample is read only if a reply ends the exchange.
     if (requestClient_.requestWait(uuid(), server, request, sample, REQUEST_TIMEOUT)
         != ErrorCode::SUCCESS) {
         return;
     }
     double const offset = offsetOf(*sample);
-    Lock const lock(mutex_);
-    if (std::isfinite(offset) && isCurrent(*sample, lock)) {
-        updateTimeBase(offset, lock);
+    MutexLock const lock(mutex_);
+    if (std::isfinite(offset) && isCurrent(*sample)) {
+        updateTimeBase(offset);
     }
 }
 
@@ -378,12 +369,12 @@ double SynchronizedTimeBaseMqttProxy::localTimeBase() const {
 }
 
 double SynchronizedTimeBaseMqttProxy::offset() const {
-    std::lock_guard const lock(offsetMutex_);
+    MutexLock const lock(offsetMutex_);
     return offset_;
 }
 
 void SynchronizedTimeBaseMqttProxy::setOffset(double offset) {
-    std::lock_guard const lock(offsetMutex_);
+    MutexLock const lock(offsetMutex_);
     offset_ = offset;
 }
 

@@ -1,5 +1,7 @@
 #include "mqtt/time_base.hpp"
 
+#include "common/json_members.hpp"
+
 namespace mqtt {
 
 namespace {
@@ -11,11 +13,6 @@ constexpr char TIME_SYNC[] = "timeSync";
 constexpr char CLIENT[] = "client";
 constexpr char REF[] = "ref";
 
-void append(Serializer& out, char const* key, double seconds) {
-    out.appendKey(key);
-    out.addValue(seconds);
-}
-
 } // namespace
 
 char const* const TIME_SYNC_REQUEST_REPLY_NAME = TIME_SYNC;
@@ -23,23 +20,23 @@ char const* const TIME_SYNC_REQUEST_REPLY_NAME = TIME_SYNC;
 TimeSyncRequestData::~TimeSyncRequestData() = default;
 
 void TimeSyncRequestData::deserialize(Deserializer& in) {
-    Deserializer::extractValue(in.getMember(CLIENT), client, "");
+    readMember(in, CLIENT, client);
 }
 
 void TimeSyncRequestData::serialize(Serializer& out) const {
-    append(out, CLIENT, client);
+    appendMember(out, CLIENT, client);
 }
 
 TimeSyncReplyData::~TimeSyncReplyData() = default;
 
 void TimeSyncReplyData::deserialize(Deserializer& in) {
-    Deserializer::extractValue(in.getMember(CLIENT), client, "");
-    Deserializer::extractValue(in.getMember(REF), ref, "");
+    readMember(in, CLIENT, client);
+    readMember(in, REF, ref);
 }
 
 void TimeSyncReplyData::serialize(Serializer& out) const {
-    append(out, CLIENT, client);
-    append(out, REF, ref);
+    appendMember(out, CLIENT, client);
+    appendMember(out, REF, ref);
 }
 
 } // namespace mqtt

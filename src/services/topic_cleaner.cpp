@@ -1,11 +1,12 @@
-// The timer looks at the requests and ends those whose time has passed. Ending one waits for the
-// broker, and then the listener is told: both without the lock, so that requests can be made
-// meanwhile. Who waits for the end of all is let go when the listener has been told of it.
+// The timer's callback looks at the requests and ends those whose time has passed. Ending one waits
+// for the broker and then calls the listener, both without the lock: requests can be made
+// meanwhile. `waitAllTasks` returns after the listener has been called for the end of all.
 
 #include "mqtt/topic_cleaner.hpp"
 
+#include "common/active_calls.hpp"
+#include "common/arm_timer.hpp"
 #include "common/user_call.hpp"
-#include "common/visitors.hpp"
 #include "common/wait.hpp"
 
 #include <algorithm>
@@ -37,7 +38,7 @@ TopicCleaner::Task::~Task() {
     Task::terminate();
 }
 
-/// A topic that the broker refuses simply has its time.
+/// A request for a topic that the broker refuses also runs until its deadline.
 void TopicCleaner::Task::start() {
     static_cast<void>(client_->subscribe(topic_, subscriber_, tag_));
 }
@@ -57,36 +58,27 @@ bool TopicCleaner::Task::isDone() const {
 TopicCleaner::TopicCleaner(Listener* listener, zym::common::Uuid const& id, std::string const& host,
                            int port)
     : listener_(listener),
-      // Not every timer catches what its callback throws.
-      timer_([this] { callUser([this] { onTimer(); }); }, NO_ACTIVITY_TIME, true),
-      callers_(std::make_shared<Visitors>()),
-      alive_(std::make_shared<char>()) {
-    buildInternalClient(id, host, port);
-}
-
-void TopicCleaner::buildInternalClient(zym::common::Uuid const& id, std::string const& host,
-                                       int port) {
+      timer_([this] { onTimer(); }, NO_ACTIVITY_TIME, true),
+      calls_(std::make_shared<ActiveCalls>()),
+      timerCalls_(std::make_shared<ActiveCalls>()) {
     client_ = std::make_shared<MqttClient>(id, false, "", host, port, true);
 }
 
 TopicCleaner::~TopicCleaner() {
-    {
-        // A thread in `terminate` may wait for the call to the listener that we are in.
-        Lock const lock(tasksMutex_);
-        destroyedInside_ = isLooking(lock);
-        tasksDone_.notify_all();
-    }
-    TopicCleaner::terminate();
-    callers_->waitForOthers();
-    // The connection's thread may still be in here.
+    terminated_ = true;
+    // Also ends the wait of a thread in `terminate` for the listener's call that we may be in.
+    timerCalls_->close();
+    shutDown();
+    calls_->waitForOthers();
+    // The worker of the connection may still be in `onMqttMessage`.
     client_->release(this);
     client_.reset();
 }
 
-/// All or nothing: what can fail comes before the request is one of ours.
+/// What can throw comes before the request is in the list: nothing is cleaned then.
 void TopicCleaner::clean(Topic const& topic, milliseconds duration) {
-    Visitors::Visit const visit(callers_);
-    Lock const lock(tasksMutex_);
+    ActiveCalls::Call const call(calls_);
+    MutexLock const lock(tasksMutex_);
     if (terminated_) {
         return;
     }
@@ -98,9 +90,9 @@ void TopicCleaner::clean(Topic const& topic, milliseconds duration) {
     }
     auto const tag = taskCount_ + 1;
     Tasks made{std::make_shared<Task>(client_, topic, tag, duration, this)};
-    // Nobody else would: a topic without retained messages sees no activity.
+    // A topic without retained messages gets none that would arm the timer.
     if (tasks_.empty()) {
-        arm(NO_ACTIVITY_TIME);
+        armTimer(timer_, NO_ACTIVITY_TIME, true);
     }
     made.front()->start();
     taskCount_ = tag;
@@ -108,121 +100,95 @@ void TopicCleaner::clean(Topic const& topic, milliseconds duration) {
     cleaning_ = true;
 }
 
-/// An empty message is an erased one, most likely by ourselves.
+/// An empty message says that a retained one was erased, most likely by this cleaner.
 void TopicCleaner::onMqttMessage(int /*tag*/, Topic const& topic, std::string const& payload) {
     if (!payload.empty()) {
         client_->clear(topic);
     }
-    arm(milliseconds::zero());
+    armTimer(timer_, milliseconds::zero(), true);
 }
 
-void TopicCleaner::arm(milliseconds period) {
-    std::unique_lock<std::mutex> lock(timer_.mutex());
-    timer_.setPeriod(period, lock);
-    timer_.once = true;
-    timer_.restart(lock);
-}
-
+/// Lets nothing through: not every timer catches what its callback throws.
 void TopicCleaner::onTimer() {
-    std::weak_ptr<void> const alive = alive_;
-    Lock lock(tasksMutex_);
-    looker_ = std::this_thread::get_id();
     try {
-        handleTasksExpiration(lock);
+        handleTasksExpiration();
     } catch (...) {
-        // No memory for the name of a topic, whose request is left: the next look ends it.
-        callUser([this] { arm(NO_ACTIVITY_TIME); });
+        // No memory for a topic, whose request is still in the list: the next expiry ends it.
+        callUser([this] { armTimer(timer_, NO_ACTIVITY_TIME, true); });
     }
-    if (alive.expired()) {
-        return;
-    }
-    looker_ = std::thread::id();
-    tasksDone_.notify_all();
 }
 
-/// Comes back without the lock when the listener has destroyed this object.
-void TopicCleaner::handleTasksExpiration(Lock& lock) {
-    for (auto due = findDueTask(lock); due != tasks_.end(); due = findDueTask(lock)) {
+void TopicCleaner::handleTasksExpiration() {
+    ActiveCalls::Call const call(timerCalls_);
+    MutexLock lock(tasksMutex_);
+    for (auto due = findDueTask(); due != tasks_.end(); due = findDueTask()) {
         auto const topic = (*due)->topic();
         Tasks ended;
         ended.splice(ended.end(), tasks_, due);
         lock.unlock();
         ended.clear();
-        if (!tell([&] { listener_->onTopicCleaned(topic); }, lock)) {
+        if (listener_ != nullptr && !terminated_) {
+            callUser([&] { listener_->onTopicCleaned(topic); });
+        }
+        if (!call.isObjectAlive()) {
             return;
         }
+        lock.lock();
     }
     if (!tasks_.empty()) {
-        arm(NO_ACTIVITY_TIME);
+        armTimer(timer_, NO_ACTIVITY_TIME, true);
         return;
     }
-    // Who ends all work lets the waiters go too.
+    // `terminate` ends the waits itself.
     if (!cleaning_ || terminated_) {
         return;
     }
     lock.unlock();
-    if (!tell([&] { listener_->onAllTopicsCleaned(); }, lock)) {
+    if (listener_ != nullptr && !terminated_) {
+        callUser([&] { listener_->onAllTopicsCleaned(); });
+    }
+    if (!call.isObjectAlive()) {
         return;
     }
-    // The listener may have asked for the next topic.
-    cleaning_ = !tasks_.empty();
-}
-
-/// Calls the listener and takes the lock; false, and no lock, when it has destroyed this object.
-template <class Call>
-bool TopicCleaner::tell(Call const& call, Lock& lock) {
-    std::weak_ptr<void> const alive = alive_;
-    if (listener_ != nullptr && !terminated_) {
-        callUser(call);
-    }
-    if (alive.expired()) {
-        return false;
-    }
     lock.lock();
-    return true;
+    // The listener may have made the next request.
+    cleaning_ = !tasks_.empty();
+    tasksDone_.notify_all();
 }
 
-/// The first in the list whose time has passed; the end when there is none, or nothing may be done
-/// any more.
-TopicCleaner::Tasks::iterator TopicCleaner::findDueTask(Lock const& /*lock*/) {
+/// The first in the list whose time has passed; the end when there is none, or after `terminate`.
+TopicCleaner::Tasks::iterator TopicCleaner::findDueTask() {
     return terminated_ ? tasks_.end()
                        : std::find_if(tasks_.begin(), tasks_.end(),
                                       [](auto const& task) { return task->isDone(); });
 }
 
-/// Whether this thread is inside the timer's callback.
-bool TopicCleaner::isLooking(Lock const& /*lock*/) const {
-    return looker_ == std::this_thread::get_id();
-}
-
 bool TopicCleaner::waitAllTasks(milliseconds timeout) const {
-    Visitors::Visit const visit(callers_);
-    Lock lock(tasksMutex_);
-    // These would have to end what they wait for.
-    if (isLooking(lock) || client_->onWorkerThread()) {
+    ActiveCalls::Call const call(calls_);
+    // These threads would have to end what they wait for.
+    if (timerCalls_->isThisThreadInside() || client_->onWorkerThread()) {
         timeout = milliseconds::zero();
     }
+    MutexLock lock(tasksMutex_);
     return waitUntil(tasksDone_, lock, later(steady_clock::now(), timeout),
-                     [this] { return tasks_.empty() && !cleaning_; });
+                     [this]()
+                         ZYM_MQTT_REQUIRES(tasksMutex_) { return tasks_.empty() && !cleaning_; });
 }
 
 void TopicCleaner::terminate() {
-    Visitors::Visit const visit(callers_);
-    {
-        Lock lock(tasksMutex_);
-        terminated_ = true;
-        tasksDone_.wait(lock, [&] {
-            return destroyedInside_ || looker_ == std::thread::id() || isLooking(lock);
-        });
-        // The destructor does the rest, and waits for us.
-        if (destroyedInside_ && !isLooking(lock)) {
-            return;
-        }
+    ActiveCalls::Call const call(calls_);
+    terminated_ = true;
+    // A listener that destroys this object leaves the rest to the destructor, which waits for us.
+    if (timerCalls_->waitForOthers()) {
+        shutDown();
     }
+}
+
+void TopicCleaner::shutDown() {
     timer_.terminate();
     Tasks dropped;
     {
-        Lock const lock(tasksMutex_);
+        MutexLock const lock(tasksMutex_);
         dropped.swap(tasks_);
         cleaning_ = false;
         tasksDone_.notify_all();

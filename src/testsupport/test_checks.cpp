@@ -16,11 +16,11 @@ using zym::common::Uuid;
 constexpr char PREFIX[] = "[TEST-UTILS] ";
 constexpr char HOST[] = "localhost";
 constexpr int PORT = 1883;
-constexpr unsigned PAUSE = 100; // ms
+constexpr unsigned PAUSE_MS = 100;
 constexpr int CLEAN_POLLS = 5;
 constexpr int LINK_POLLS = 31;
 
-/// One check, as it is printed and counted. A null subject prints nothing more.
+/// Prints and counts one check. After a null subject nothing more is printed.
 class Check {
 public:
     Check(char const* subject, TestCounter& counter) : subject_(subject), counter_(counter) {}
@@ -36,7 +36,7 @@ public:
         ++counter_.passed;
     }
 
-    /// To be called while an exception is being handled.
+    /// To be called in a catch block.
     [[noreturn]] void fail() {
         try {
             throw;
@@ -100,7 +100,7 @@ void testTopicClean(Topic const& topic, TestCounter& counter) {
             if (!checker.clean) {
                 throw test_error();
             }
-            zym::common::test::sleep(PAUSE);
+            zym::common::test::sleep(PAUSE_MS);
         }
         check.pass();
     } catch (...) {
@@ -120,7 +120,7 @@ void testLinkInCollection(std::string const& link, Topic const& topic, char cons
             if (poll == LINK_POLLS) {
                 throw test_error();
             }
-            zym::common::test::sleep(PAUSE);
+            zym::common::test::sleep(PAUSE_MS);
         }
         check.pass();
     } catch (...) {

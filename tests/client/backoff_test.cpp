@@ -1,55 +1,47 @@
 #include "client/backoff.hpp"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <climits>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace {
 
-using testing::ElementsAre;
-
 TEST(TheReconnectDelay, GrowsWithTheSquareOfTheAttemptUpToFifteenSeconds) {
-    std::vector<long long> delays;
-    for (int attempt = 1; attempt <= 7; ++attempt) {
-        delays.push_back(mqtt::reconnectDelay(attempt).count());
+    for (auto const& [attempt, milliseconds] :
+         std::vector<std::pair<int, long>>{{0, 0},
+                                           {1, 500},
+                                           {2, 2000},
+                                           {3, 4500},
+                                           {4, 8000},
+                                           {5, 12500},
+                                           {6, 15000},
+                                           {7, 15000},
+                                           {2072, 15000},
+                                           {46340, 15000},
+                                           {46341, 15000}, // its square is beyond an int
+                                           {65536, 15000},
+                                           {INT_MAX, 15000}}) {
+        EXPECT_EQ(mqtt::reconnectDelay(attempt).count(), milliseconds) << attempt;
     }
-    EXPECT_THAT(delays, ElementsAre(500, 2000, 4500, 8000, 12500, 15000, 15000));
 }
 
-TEST(TheReconnectDelay, IsNoneForAttemptZero) {
-    EXPECT_EQ(mqtt::reconnectDelay(0).count(), 0);
-}
+class TheCountOfAttempts : public testing::Test {
+protected:
+    TheCountOfAttempts() { mqtt::resetReconnectAttempts(); }
+    ~TheCountOfAttempts() override { mqtt::resetReconnectAttempts(); }
+};
 
-TEST(TheReconnectDelay, NeverTurnsNegativeHoweverManyAttemptsFailed) {
-    for (int const attempt : {2072, 46340, 46341, 65536, INT_MAX}) {
-        EXPECT_EQ(mqtt::reconnectDelay(attempt).count(), 15000) << attempt;
-    }
-}
-
-TEST(TheCountOfAttempts, StartsAtOneAndStartsAnewAfterASuccess) {
-    mqtt::resetReconnectAttempts();
+TEST_F(TheCountOfAttempts, StartsAtOneAndStartsAgainAfterASuccess) {
     EXPECT_EQ(mqtt::nextReconnectAttempt(), 1);
     EXPECT_EQ(mqtt::nextReconnectAttempt(), 2);
     mqtt::resetReconnectAttempts();
     EXPECT_EQ(mqtt::nextReconnectAttempt(), 1);
 }
 
-TEST(TheCountOfAttempts, StopsGrowingBeforeItOverflows) {
-    mqtt::resetReconnectAttempts();
-    int last = 0;
-    for (int i = 0; i < 1'000'100; ++i) {
-        last = mqtt::nextReconnectAttempt();
-    }
-    EXPECT_EQ(last, 1'000'000);
-    EXPECT_EQ(mqtt::nextReconnectAttempt(), last);
-    mqtt::resetReconnectAttempts();
-}
-
-TEST(TheCountOfAttempts, CountsThoseOfAllClients) {
-    mqtt::resetReconnectAttempts();
+TEST_F(TheCountOfAttempts, CountsThoseOfAllClientsAndStopsBeforeItOverflows) {
     constexpr int THREADS = 4;
     constexpr int EACH = 50'000;
     std::vector<std::thread> clients;
@@ -64,7 +56,10 @@ TEST(TheCountOfAttempts, CountsThoseOfAllClients) {
         client.join();
     }
     EXPECT_EQ(mqtt::nextReconnectAttempt(), THREADS * EACH + 1);
-    mqtt::resetReconnectAttempts();
+    for (int i = 0; i < 1'000'000; ++i) {
+        mqtt::nextReconnectAttempt();
+    }
+    EXPECT_EQ(mqtt::nextReconnectAttempt(), 1'000'000);
 }
 
 } // namespace

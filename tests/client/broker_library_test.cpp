@@ -1,83 +1,56 @@
-// Which versions of the broker library a client can be made of.
+// Which versions of the broker library a client works with, and how the library is initialised.
 
-#include "support/stand_in/stand_in.hpp"
-#include "support/test_client.hpp"
-
-#include <mqtt/client.hpp>
+#include "client/client_on_a_script.hpp"
 
 #include <gmock/gmock.h>
-#include <mosquittopp.h>
 
-#include <memory>
 #include <stdexcept>
-#include <string>
 
 namespace {
 
 using support::StandIn;
+using testing::AllOf;
 using testing::HasSubstr;
-using testing::IsEmpty;
 
-std::unique_ptr<mqtt::MqttClient> aClient() {
-    support::ClientOptions options;
-    options.connect = false;
-    return support::testClient("host", 1883, options);
-}
-
-/// What making a client throws; empty when it throws nothing.
-std::string complaint() {
-    try {
-        aClient();
-    } catch (std::runtime_error const& error) {
-        return error.what();
-    }
-    return {};
-}
-
-class AClientOnAnUnknownLibrary : public testing::Test {
+class AClientMade : public testing::Test {
 protected:
-    ~AClientOnAnUnknownLibrary() override { StandIn::setLibraryVersion({2, 0, 11}); }
+    static std::string failureWith(StandIn::Version version) {
+        StandIn::setLibraryVersion(version);
+        try {
+            mqtt::MqttClient(support::uniqueId(), false, "", "host", 1883, false);
+        } catch (std::runtime_error const& error) {
+            return error.what();
+        }
+        return {};
+    }
 };
 
-class AClientOnAKnownLibrary : public AClientOnAnUnknownLibrary {};
-
-TEST_F(AClientOnAnUnknownLibrary, SaysWhichVersionItFoundAndWhichItNeeds) {
-    StandIn::setLibraryVersion({2, 1, 3});
-    EXPECT_THAT(complaint(), HasSubstr("needs libmosquittopp 2.0.x"));
-    EXPECT_THAT(complaint(), HasSubstr("version 2.1.3 was loaded"));
-}
-
-TEST_F(AClientOnAnUnknownLibrary, IsNotMadeOfAnEarlierOrLaterVersion) {
+TEST_F(AClientMade, WithAnyRevisionOfTheKnownLibraryIsUsable) {
+    auto const real = StandIn::libraryVersion();
     for (StandIn::Version const version :
-         {StandIn::Version{1, 6, 15}, {2, 1, 0}, {2, 10, 0}, {3, 0, 0}}) {
-        StandIn::setLibraryVersion(version);
-        EXPECT_THROW(aClient(), std::runtime_error) << version.major << "." << version.minor;
+         {StandIn::Version{2, 0, 0}, {2, 0, 11}, {2, 0, 22}, {2, 0, 100}, real}) {
+        EXPECT_EQ(failureWith(version), "") << version.minor << "." << version.revision;
     }
 }
 
-TEST_F(AClientOnAnUnknownLibrary, LeavesTheLibraryAlone) {
+TEST_F(AClientMade, WithAnotherLibraryFailsWithTheReasonAndLeavesTheLibraryAlone) {
     int const initialisations = StandIn::libraryInitialisations();
-    auto const last = StandIn::last();
-    StandIn::setLibraryVersion({2, 1, 0});
-    EXPECT_THROW(aClient(), std::runtime_error);
-    EXPECT_EQ(StandIn::libraryInitialisations(), initialisations);
-    EXPECT_EQ(StandIn::last(), last) << "the base was made";
-}
-
-TEST_F(AClientOnAKnownLibrary, IsMadeOfEveryRevision) {
-    for (int const revision : {0, 11, 22, 100}) {
-        StandIn::setLibraryVersion({2, 0, revision});
-        EXPECT_THAT(complaint(), IsEmpty()) << revision;
+    for (StandIn::Version const version :
+         {StandIn::Version{1, 6, 15}, {2, 1, 3}, {2, 10, 0}, {3, 0, 0}}) {
+        auto const number = std::to_string(version.major) + "." + std::to_string(version.minor)
+                            + "." + std::to_string(version.revision);
+        EXPECT_THAT(failureWith(version), AllOf(HasSubstr("needs libmosquittopp 2.0.x"),
+                                                HasSubstr("version " + number + " was loaded")));
     }
+    EXPECT_EQ(StandIn::libraryInitialisations(), initialisations);
+    EXPECT_EQ(StandIn::last(), nullptr) << "the base was made";
 }
 
-TEST_F(AClientOnAKnownLibrary, IsMadeOfTheRealOne) {
-    int major = 0;
-    int minor = 0;
-    int revision = 0;
-    mosquitto_lib_version(&major, &minor, &revision);
-    StandIn::setLibraryVersion({major, minor, revision});
-    EXPECT_THAT(complaint(), IsEmpty());
+TEST_F(AClientMade, FindsTheLibraryInitialisedOnce) {
+    for (int i = 0; i < 3; ++i) {
+        mqtt::MqttClient const client(support::uniqueId(), false, "", "host", 1883, false);
+        EXPECT_EQ(StandIn::last()->initialisations(), 1) << i;
+    }
 }
 
 } // namespace

@@ -14,9 +14,11 @@
 #include <string>
 #include <vector>
 
-/// A client, not yet connected, that publishes to a script in place of the broker library.
+/// A client, not yet connected, over a stand-in for the broker library.
 class AClientOnAScript : public testing::Test {
 protected:
+    static constexpr unsigned WAIT_SECONDS = 30;
+
     AClientOnAScript() { client_->registerListener(&states_); }
 
     static std::unique_ptr<mqtt::MqttClient> idleClient() {
@@ -25,9 +27,11 @@ protected:
         return support::testClient("host", 1883, options);
     }
 
-    void connect() { ASSERT_EQ(client_->connect("", -1, 30), mqtt::MqttClient::Error::SUCCESS); }
+    void connect() {
+        ASSERT_EQ(client_->connect("", -1, WAIT_SECONDS), mqtt::MqttClient::Error::SUCCESS);
+    }
 
-    /// Connects without an answer of the broker.
+    /// Begins to connect; the broker does not answer.
     void beginToConnect() {
         script_->setConnack(std::nullopt);
         ASSERT_EQ(client_->connect("", -1, 0), mqtt::MqttClient::Error::TIMEOUT);
@@ -44,7 +48,7 @@ protected:
         ASSERT_TRUE(support::eventually([&] { return connections() > before; }));
     }
 
-    /// Returns when the network step that is under way, and all that follows it, is over.
+    /// Returns when the network step under way and what it has led to are over.
     void letTheStepEnd() {
         script_->runInLoop([](auto&) {});
         script_->runInLoop([](auto&) {});
@@ -56,10 +60,20 @@ protected:
         }
     }
 
+    /// The payloads handed to the library, in order.
     std::vector<std::string> published() const {
         std::vector<std::string> result;
         for (auto const& call : script_->calls(support::StandIn::Operation::PUBLISH)) {
             result.push_back(call.payload);
+        }
+        return result;
+    }
+
+    /// The topics of the calls of an operation, in order.
+    std::vector<std::string> topics(support::StandIn::Operation operation) const {
+        std::vector<std::string> result;
+        for (auto const& call : script_->calls(operation)) {
+            result.push_back(call.topic);
         }
         return result;
     }

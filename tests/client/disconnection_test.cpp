@@ -1,6 +1,6 @@
 #include "mqtt/client.hpp"
 
-#include "flood.hpp"
+#include "client/flood.hpp"
 #include "support/broker.hpp"
 #include "support/raw_peer.hpp"
 #include "support/recorder.hpp"
@@ -9,35 +9,30 @@
 #include "support/watched.hpp"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
-#include <atomic>
 #include <string>
 
 namespace {
 
 using conv::ComState;
 using mqtt::MqttClient;
-using mqtt::Topic;
 using support::Broker;
-using support::MessageRecorder;
-using support::RawPeer;
-using support::StateRecorder;
 using testing::ElementsAre;
-using testing::IsEmpty;
 using Error = MqttClient::Error;
 
-constexpr unsigned PATIENCE = 30; // seconds
+constexpr unsigned WAIT_SECONDS = 30;
 
 TEST(Disconnect, MovesTheClientToDisconnected) {
-    StateRecorder states;
+    support::StateRecorder states;
     Broker const broker;
     auto const client = support::testClient(broker);
     client->registerListener(&states);
-    EXPECT_EQ(client->disconnect(PATIENCE), Error::SUCCESS);
+    EXPECT_EQ(client->disconnect(WAIT_SECONDS), Error::SUCCESS);
     EXPECT_EQ(client->communicationState(), ComState::DISCONNECTED);
     EXPECT_THAT(states.history(), ElementsAre(ComState::DISCONNECTED));
-    EXPECT_EQ(client->disconnect(PATIENCE), Error::NO_CONN) << "a second time";
+    EXPECT_EQ(client->disconnect(WAIT_SECONDS), Error::NO_CONN) << "a second time";
+    EXPECT_EQ(client->connect("", -1, WAIT_SECONDS), Error::SUCCESS);
+    client->unregisterListener(&states);
 }
 
 TEST(Disconnect, ComesBehindWhatABrokerThatDoesNotReadHasNotTakenYet) {
@@ -45,76 +40,24 @@ TEST(Disconnect, ComesBehindWhatABrokerThatDoesNotReadHasNotTakenYet) {
     support::Watched<bool> reading(true);
     server.setHook([&](auto const& packet) {
         if (packet.type == support::PacketType::PUBLISH) {
-            reading.waitFor([](bool on) { return on; });
+            reading.waitFor(support::isSet);
         }
         return support::ScriptedServer::Reaction::ANSWER;
     });
     auto const client = support::testClient(server.host(), server.port());
     reading.change([](bool& on) { on = false; });
-    // More than the kernel takes.
-    constexpr std::size_t MANY = 64;
+    // More than the kernel's buffers take.
+    constexpr std::size_t MESSAGES = 64;
     std::string const payload(262'144, 'x');
-    for (std::size_t i = 0; i < MANY; ++i) {
+    for (std::size_t i = 0; i < MESSAGES; ++i) {
         ASSERT_EQ(client->publish("a", payload, 0, false), Error::SUCCESS);
     }
     EXPECT_EQ(client->disconnect(2), Error::TIMEOUT);
-    reading.change([](bool& on) { on = true; });
+    support::set(reading);
     EXPECT_TRUE(server.waitForPackets(support::PacketType::DISCONNECT, 1));
-    EXPECT_EQ(server.count(support::PacketType::PUBLISH), MANY);
+    EXPECT_EQ(server.count(support::PacketType::PUBLISH), MESSAGES);
     EXPECT_TRUE(support::eventually(
         [&] { return client->communicationState() == ComState::DISCONNECTED; }));
-}
-
-TEST(Disconnect, EndsAllReconnecting) {
-    Broker broker;
-    auto const left = support::testClient(broker);
-    auto const stayed = support::testClient(broker);
-    StateRecorder states;
-    left->registerListener(&states);
-    ASSERT_EQ(left->disconnect(PATIENCE), Error::SUCCESS);
-    broker.kill();
-    ASSERT_TRUE(support::eventually(
-        [&] { return stayed->communicationState() == ComState::CONNECTION_LOST; }));
-    broker.start();
-    // By the time one client is back, the other one would be too.
-    ASSERT_TRUE(support::becomesConnected(*stayed));
-    EXPECT_THAT(states.history(), ElementsAre(ComState::DISCONNECTED));
-    left->unregisterListener(&states);
-}
-
-TEST(Disconnect, AllowsAWillAndAnotherConnection) {
-    Broker const broker;
-    auto const client = support::testClient(broker);
-    ASSERT_EQ(client->disconnect(PATIENCE), Error::SUCCESS);
-    EXPECT_EQ(client->setWill("will", "gone", 2, false), Error::SUCCESS);
-    EXPECT_EQ(client->connect("", -1, PATIENCE), Error::SUCCESS);
-}
-
-TEST(Disconnect, WaitsNotAtAllForATimeoutOfZero) {
-    StateRecorder states;
-    Broker const broker;
-    auto const client = support::testClient(broker);
-    client->registerListener(&states);
-    auto const result = client->disconnect(0);
-    EXPECT_TRUE(result == Error::TIMEOUT || result == Error::SUCCESS) << result;
-    EXPECT_TRUE(states.waitFor(ComState::DISCONNECTED));
-}
-
-TEST(Disconnect, FromInsideASubscriberTakesEffectAfterIt) {
-    StateRecorder states;
-    std::atomic<int> result{-100};
-    MqttClient* client = nullptr;
-    MessageRecorder recorder([&](int, Topic const&, std::string const&) {
-        result = static_cast<int>(client->disconnect(conv::SecondsDuration::NO_TIMEOUT));
-    });
-    Broker const broker;
-    auto const owned = support::testClient(broker);
-    client = owned.get();
-    client->registerListener(&states);
-    ASSERT_EQ(client->subscribe("a", &recorder, 0), Error::SUCCESS);
-    ASSERT_EQ(client->publish("a", "x", 0, false), Error::SUCCESS);
-    EXPECT_TRUE(states.waitFor(ComState::DISCONNECTED));
-    EXPECT_EQ(result, static_cast<int>(Error::TIMEOUT));
 }
 
 TEST(Disconnect, IsCarriedOutByTheEndOfTheClientAtTheLatest) {
@@ -126,40 +69,23 @@ TEST(Disconnect, IsCarriedOutByTheEndOfTheClientAtTheLatest) {
     EXPECT_TRUE(server.waitForPackets(support::PacketType::DISCONNECT, 1));
 }
 
-TEST(Disconnect, QueuesWhatIsPublishedAfterIt) {
+TEST(Disconnect, IsCleanWhileManyMessagesArrive) {
     Broker const broker;
-    RawPeer watcher(broker);
-    watcher.subscribe("a");
-    auto const client = support::testClient(broker);
-    client->disconnect(0);
-    for (int const qos : {0, 1, 2}) {
-        EXPECT_EQ(client->publish("a", "after at " + std::to_string(qos), qos, false),
-                  Error::SUCCESS);
-    }
-    ASSERT_TRUE(support::eventually(
-        [&] { return client->communicationState() == ComState::DISCONNECTED; }));
-    ASSERT_EQ(client->connect("", -1, PATIENCE), Error::SUCCESS);
-    ASSERT_TRUE(watcher.waitForMessages(3));
-    EXPECT_THAT(watcher.payloads(), ElementsAre("after at 0", "after at 1", "after at 2"));
-}
-
-TEST(Disconnect, IsCleanAlsoWhileMessagesPourIn) {
-    Broker const broker;
-    RawPeer watcher(broker);
+    support::RawPeer watcher(broker);
     watcher.subscribe("will");
-    MessageRecorder recorder;
-    StateRecorder states;
+    support::MessageRecorder recorder;
+    support::StateRecorder states;
     auto const client = support::testClient(broker, {false, false, zym::common::Uuid::NIL});
     client->registerListener(&states);
     ASSERT_EQ(client->setWill("will", "dropped", 2, false), Error::SUCCESS);
     ASSERT_EQ(client->subscribe("flood", &recorder, 0), Error::SUCCESS);
     Flood const flood(broker, {"flood"}, std::string(200, 'x'));
     for (int i = 0; i < 40; ++i) {
-        ASSERT_EQ(client->connect("", -1, PATIENCE), Error::SUCCESS) << i;
+        ASSERT_EQ(client->connect("", -1, WAIT_SECONDS), Error::SUCCESS) << i;
         recorder.clear();
         ASSERT_TRUE(recorder.waitForCount(20)) << i;
         states.clear();
-        ASSERT_EQ(client->disconnect(PATIENCE), Error::SUCCESS) << i;
+        ASSERT_EQ(client->disconnect(WAIT_SECONDS), Error::SUCCESS) << i;
         ASSERT_THAT(states.history(), ElementsAre(ComState::DISCONNECTED)) << i;
     }
     watcher.publish("will", "end of test", 2, false);

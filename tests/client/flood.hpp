@@ -10,7 +10,7 @@
 #include <utility>
 #include <vector>
 
-/// Publishes without end, some messages in turn.
+/// Publishes some messages in turn, without end, on a thread of its own.
 class Flood {
 public:
     struct Post {
@@ -20,6 +20,7 @@ public:
 
     Flood(support::Broker const& broker, std::vector<Post> posts)
         : posts_(std::move(posts)), peer_(broker), thread_([this] { run(); }) {}
+    /// The same payload on all these topics.
     Flood(support::Broker const& broker, std::vector<std::string> const& topics,
           std::string const& payload)
         : Flood(broker, toAll(topics, payload)) {}
@@ -44,7 +45,7 @@ private:
         for (std::size_t i = 0; !stop_; ++i) {
             auto const& post = posts_[i % posts_.size()];
             peer_.post(post.topic, post.payload, 0);
-            // No faster than the broker takes it: its memory is finite.
+            // The broker's memory is finite: no faster than the broker reads.
             if (i % 64 == 0) {
                 peer_.publish("pace", "", 1);
             }

@@ -1,4 +1,4 @@
-#include "client/hash_table.hpp"
+#include "client/registry/hash_table.hpp"
 
 #include <gtest/gtest.h>
 
@@ -6,7 +6,6 @@
 #include <map>
 #include <memory>
 #include <random>
-#include <vector>
 
 namespace {
 
@@ -16,34 +15,15 @@ auto is(int key) {
     return [key](int item) { return item == key; };
 }
 
-TEST(AHashTable, FindsNothingWhenEmpty) {
+TEST(AHashTable, FindsWhatIsThereUnderItsHashOnly) {
     HashTable<std::unique_ptr<int>> table;
     EXPECT_EQ(table.find(0, is(1)), nullptr);
-    table.insert(0, std::make_unique<int>(1));
-    table.clear();
-    EXPECT_EQ(table.find(0, is(1)), nullptr);
-    EXPECT_EQ(table.size(), 0U);
-}
-
-TEST(AHashTable, TellsApartWhatHasTheSameHash) {
-    HashTable<std::unique_ptr<int>> table;
-    for (int key = 0; key < 100; ++key) {
-        table.insert(7, std::make_unique<int>(key));
-    }
-    for (int key = 0; key < 100; key += 2) {
-        table.erase(7, is(key));
-    }
-    EXPECT_EQ(table.size(), 50U);
-    for (int key = 0; key < 100; ++key) {
-        EXPECT_EQ(table.find(7, is(key)) != nullptr, key % 2 == 1) << key;
-    }
-}
-
-TEST(AHashTable, DoesNotTakeTheSameSlotForTheSameHash) {
-    HashTable<std::unique_ptr<int>> table;
     table.insert(1, std::make_unique<int>(5));
-    EXPECT_EQ(table.find(1 + 1024, is(5)), nullptr);
     EXPECT_NE(table.find(1, is(5)), nullptr);
+    EXPECT_EQ(table.find(1 + 1024, is(5)), nullptr) << "the same slot, another hash";
+    table.clear();
+    EXPECT_EQ(table.find(1, is(5)), nullptr);
+    EXPECT_EQ(table.size(), 0U);
 }
 
 class ACrowdedHashTable : public testing::TestWithParam<unsigned> {};

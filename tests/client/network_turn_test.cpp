@@ -28,7 +28,7 @@ TEST(TheNetworkTurn, GoesToACallerHoweverOftenTheWorkerComesBack) {
     for (int i = 0; i < 1000; ++i) {
         turn.take();
         together = together || ++inside != 1;
-        std::this_thread::yield(); // time to go wrong in
+        std::this_thread::yield(); // lets the worker in if nothing keeps it out
         --inside;
         turn.giveBack();
     }
@@ -37,29 +37,23 @@ TEST(TheNetworkTurn, GoesToACallerHoweverOftenTheWorkerComesBack) {
     EXPECT_FALSE(together);
 }
 
-TEST(TheNetworkTurn, IsNotWaitedForLongerThanACallersPatience) {
+TEST(TheNetworkTurn, IsWaitedForUntilTheTimeoutOfTheCaller) {
     NetworkTurn turn;
     turn.enter();
     EXPECT_FALSE(turn.takeWithin(std::chrono::milliseconds(1), [] { return true; }));
     turn.leave();
-    turn.enter(); // would wait for ever if the caller that gave up still counted
-    turn.leave();
-}
-
-TEST(TheNetworkTurn, GoesToACallerWithPatience) {
-    NetworkTurn turn;
-    turn.enter();
+    turn.enter(); // never returns if the caller that gave up still counts
     std::thread worker([&] { turn.leave(); });
     EXPECT_TRUE(turn.takeWithin(std::chrono::minutes(1), [] { return true; }));
     turn.giveBack();
     worker.join();
 }
 
-/// Waits in each of its steps until it is woken.
-class SleepyWorker {
+/// A worker that stays in each of its steps until it is woken.
+class WaitingWorker {
 public:
-    explicit SleepyWorker(NetworkTurn& turn) : turn_(turn) {}
-    ~SleepyWorker() {
+    explicit WaitingWorker(NetworkTurn& turn) : turn_(turn) {}
+    ~WaitingWorker() {
         {
             std::lock_guard const lock(mutex_);
             stop_ = true;
@@ -67,8 +61,8 @@ public:
         changed_.notify_all();
         thread_.join();
     }
-    SleepyWorker(SleepyWorker const&) = delete;
-    SleepyWorker& operator=(SleepyWorker const&) = delete;
+    WaitingWorker(WaitingWorker const&) = delete;
+    WaitingWorker& operator=(WaitingWorker const&) = delete;
 
     void awaitStep() {
         std::unique_lock lock(mutex_);
@@ -113,7 +107,7 @@ private:
 
 TEST(TheNetworkTurn, GoesToACallerThatHasWokenTheWorkerBeforeTheNextStep) {
     NetworkTurn turn;
-    SleepyWorker worker(turn);
+    WaitingWorker worker(turn);
     for (int i = 0; i < 1000; ++i) {
         worker.awaitStep();
         ASSERT_TRUE(turn.takeWithin(std::chrono::minutes(1), [&] { return worker.wake(); }));
@@ -124,7 +118,7 @@ TEST(TheNetworkTurn, GoesToACallerThatHasWokenTheWorkerBeforeTheNextStep) {
 TEST(TheNetworkTurn, StaysWithTheWorkerThatCannotBeWoken) {
     NetworkTurn turn;
     EXPECT_FALSE(turn.takeWithin(std::chrono::minutes(1), [] { return false; }));
-    turn.enter(); // would wait for ever if the caller still counted
+    turn.enter(); // never returns if the caller still counts
     turn.leave();
 }
 

@@ -1,7 +1,7 @@
-// Running out of memory at every possible place in turn.
+// Each allocation fails once, in turn.
 
 #include "client/client_on_a_script.hpp"
-#include "client/subscription_index.hpp"
+#include "client/registry/subscription_index.hpp"
 #include "client/walked_registry.hpp"
 #include "support/allocations.hpp"
 
@@ -14,7 +14,7 @@ namespace {
 
 using mqtt::MqttClient;
 using mqtt::Topic;
-using support::failEverywhere;
+using support::failEachAllocation;
 using support::FailingAllocation;
 using Error = MqttClient::Error;
 using Operation = support::StandIn::Operation;
@@ -23,7 +23,7 @@ TEST(ATopicWithoutMemoryForItsSegments, IsEmptiedByAResizeToZero) {
     Topic const path("a/b");
     Topic topic;
     {
-        FailingAllocation const failing(1); // a short text needs none
+        FailingAllocation const failing(1); // of the segments: a short text needs none
         EXPECT_THROW(topic = path, std::bad_alloc);
     }
     ASSERT_EQ(topic.text(), "a/b");
@@ -41,7 +41,7 @@ TEST(AnIndexWithoutMemory, StaysAsItWas) {
         MqttClient::Subscription subscription{text, {}};
         Topic const topic = "a/b/x/d";
         auto const add = [&] { index.add(subscription); };
-        auto const failures = failEverywhere(add, [&](unsigned which) {
+        auto const failures = failEachAllocation(add, [&](unsigned which) {
             EXPECT_EQ(index.find(text), nullptr) << text << ", allocation " << which;
             EXPECT_EQ(index.find(topic), nullptr) << text << ", allocation " << which;
         });
@@ -53,11 +53,11 @@ TEST(AnIndexWithoutMemory, StaysAsItWas) {
         mqtt::PatternIndex tree;
         MqttClient::Subscription known{"a/b/+/d", {}};
         tree.add(known);
-        failEverywhere([&] { tree.add(subscription); },
-                       [&](unsigned which) {
-                           EXPECT_EQ(tree.size(), before) << text << ", allocation " << which;
-                           EXPECT_EQ(tree.find(topic), &known) << text;
-                       });
+        failEachAllocation([&] { tree.add(subscription); },
+                           [&](unsigned which) {
+                               EXPECT_EQ(tree.size(), before) << text << ", allocation " << which;
+                               EXPECT_EQ(tree.find(topic), &known) << text;
+                           });
     }
 }
 
@@ -79,7 +79,7 @@ TEST_F(ASubscriptionWithoutMemory, IsNotMadeAtAll) {
         Topic const topic(pattern);
         std::string const name = pattern.back() == '#' ? "plant/a-rather-long-level/x/y" : pattern;
         auto const subscribed = script_->count(Operation::SUBSCRIBE);
-        auto const failures = failEverywhere(
+        auto const failures = failEachAllocation(
             [&] { ASSERT_EQ(client_->subscribe(topic, &subscriber_, 0), Error::SUCCESS); },
             [&](unsigned which) {
                 EXPECT_EQ(received(name), 0U) << pattern << ", allocation " << which;
@@ -98,19 +98,20 @@ TEST_F(ASubscriptionWithoutMemory, LeavesThoseOfOthersOnItsTopicAlone) {
     support::MessageRecorder other;
     ASSERT_EQ(client_->subscribe("a", &subscriber_, 0), Error::SUCCESS);
     auto const failures =
-        failEverywhere([&] { ASSERT_EQ(client_->subscribe("a", &other, 0), Error::SUCCESS); },
-                       [&](unsigned which) {
-                           EXPECT_EQ(received("a"), 1U) << which;
-                           EXPECT_EQ(other.count(), 0U) << which;
-                           EXPECT_EQ(client_->unsubscribe("a", &other), Error::NOT_FOUND) << which;
-                       });
+        failEachAllocation([&] { ASSERT_EQ(client_->subscribe("a", &other, 0), Error::SUCCESS); },
+                           [&](unsigned which) {
+                               EXPECT_EQ(received("a"), 1U) << which;
+                               EXPECT_EQ(other.count(), 0U) << which;
+                               EXPECT_EQ(client_->unsubscribe("a", &other), Error::NOT_FOUND)
+                                   << which;
+                           });
     EXPECT_GE(failures, 2U);
     EXPECT_EQ(received("a"), 1U);
     EXPECT_EQ(other.count(), 1U);
     client_->release(&other);
 }
 
-TEST_F(ASubscriptionWithoutMemory, EndsAllTheSame) {
+TEST_F(ASubscriptionWithoutMemory, CanBeEnded) {
     connect();
     Topic const a("a");
     for (auto const* topic : {"a", "b", "c/#"}) {
@@ -125,7 +126,7 @@ TEST_F(ASubscriptionWithoutMemory, EndsAllTheSame) {
     EXPECT_EQ(script_->count(Operation::UNSUBSCRIBE), 3U);
 }
 
-TEST_F(ASubscriptionWithoutMemory, LosesAMessageAndNoMore) {
+TEST_F(ASubscriptionWithoutMemory, LosesThatMessageOnly) {
     connect();
     ASSERT_EQ(client_->subscribe("a-rather-long/topic", &subscriber_, 0), Error::SUCCESS);
     std::string topic = "a-rather-long/topic";
@@ -143,15 +144,14 @@ TEST_F(ASubscriptionWithoutMemory, LosesAMessageAndNoMore) {
 }
 
 TEST_F(AClientOnAScript, IsNotHalfConnectedWithoutMemory) {
-    client_->unregisterListener(&states_); // it takes memory too
-    std::string const host = "a host with a name that takes memory of its own";
-    auto const failures =
-        failEverywhere([&] { EXPECT_EQ(client_->connect(host, 1, 30), Error::SUCCESS); },
-                       [&](unsigned which) {
-                           EXPECT_EQ(client_->communicationState(), conv::ComState::DISCONNECTED)
-                               << which;
-                           EXPECT_EQ(script_->count(Operation::CONNECT), 0U) << which;
-                       });
+    client_->unregisterListener(&states_); // it allocates too
+    std::string const host = "a host name that is too long to be kept inside a string";
+    auto const failures = failEachAllocation(
+        [&] { EXPECT_EQ(client_->connect(host, 1, 30), Error::SUCCESS); },
+        [&](unsigned which) {
+            EXPECT_EQ(client_->communicationState(), conv::ComState::DISCONNECTED) << which;
+            EXPECT_EQ(script_->count(Operation::CONNECT), 0U) << which;
+        });
     EXPECT_GE(failures, 1U);
 }
 
@@ -166,7 +166,7 @@ TEST_F(AClientOnAScript, DisconnectsAndEndsWithoutMemory) {
     client_.reset();
 }
 
-/// Counts without asking for memory.
+/// Counts without an allocation.
 struct StateCounter : MqttClient::Listener {
     virtual ~StateCounter() = default;
     void onComStateChanged(conv::ComState state) override {

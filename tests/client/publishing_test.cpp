@@ -1,244 +1,136 @@
-#include "support/broker.hpp"
-#include "support/raw_peer.hpp"
-#include "support/recorder.hpp"
+// Publishing to a broker, with a connection and without.
+
+#include "client/broker_session.hpp"
+
+#include "support/cut_proxy.hpp"
 #include "support/scripted_server.hpp"
-#include "support/test_client.hpp"
 
-#include <gmock/gmock.h>
-
-#include <algorithm>
 #include <atomic>
-#include <cstdint>
 #include <map>
-#include <memory>
 #include <optional>
-#include <string>
 #include <thread>
-#include <vector>
+#include <tuple>
 
 namespace {
 
+using conv::ComState;
 using conv::SecondsDuration;
 using mqtt::MqttClient;
-using mqtt::Topic;
-using support::Broker;
 using support::Message;
 using support::PacketType;
-using support::RawPeer;
-using support::ScriptedServer;
 using testing::ElementsAre;
-using Error = MqttClient::Error;
+using Payloads = std::vector<std::string>;
 
-constexpr auto MALFORMED_UTF8 = static_cast<Error>(18);
-/// Enough for everything that does happen.
-SecondsDuration const PATIENCE{30};
+Payloads numbers(int count) {
+    Payloads result;
+    for (int i = 0; i < count; ++i) {
+        result.push_back(std::to_string(i));
+    }
+    return result;
+}
 
-class AConnectedClient : public testing::Test {
+class APublishingClient : public AClientAtABroker {
 protected:
-    AConnectedClient() { peer_.subscribe("#"); }
-
     std::optional<Message> retained(std::string const& topic) const {
         return support::retained(broker_, topic);
     }
-
-    /// All that the peer has got once what this client published before has arrived.
-    std::vector<std::string> payloadsUpToHere() {
-        EXPECT_EQ(client_->publishWait("up/to/here", "end", 2, false, PATIENCE), Error::SUCCESS);
-        EXPECT_TRUE(peer_.waitFor(
-            [](auto const& all) { return !all.empty() && all.back().topic == "up/to/here"; }));
-        auto result = peer_.payloads();
-        result.pop_back();
-        return result;
-    }
-
-    /// It may overtake the call that it answers.
-    bool waitForEcho() const {
-        return peer_.waitFor([](auto const& all) {
-            return std::any_of(all.begin(), all.end(), [](Message const& message) {
-                return message.topic == "echo" && message.payload == "value";
-            });
-        });
-    }
-
-    Broker broker_;
-    RawPeer peer_{broker_};
-    std::unique_ptr<MqttClient> client_ = support::testClient(broker_);
 };
 
-class AClientAtEveryQos : public AConnectedClient, public testing::WithParamInterface<int> {};
-INSTANTIATE_TEST_SUITE_P(Qos, AClientAtEveryQos, testing::Values(0, 1, 2));
-
-TEST_P(AClientAtEveryQos, PublishesOnceWithThatQos) {
-    EXPECT_EQ(client_->publish("a/b", "value", GetParam(), false), Error::SUCCESS);
-    ASSERT_TRUE(peer_.waitForMessages(1));
-    EXPECT_THAT(payloadsUpToHere(), ElementsAre("value"));
-    EXPECT_EQ(peer_.messages().front(), (Message{"a/b", "value", GetParam(), false}));
-}
-
-TEST_P(AClientAtEveryQos, RetainsWhatItIsAskedToRetain) {
-    EXPECT_EQ(client_->publish("kept", "value", GetParam(), true), Error::SUCCESS);
-    EXPECT_EQ(client_->publish("passing", "value", GetParam(), false), Error::SUCCESS);
-    ASSERT_TRUE(peer_.waitForMessages(2));
-    EXPECT_EQ(retained("kept"), (Message{"kept", "value", GetParam(), true}));
-    EXPECT_EQ(retained("passing"), std::nullopt);
-}
-
-TEST_P(AClientAtEveryQos, RetainsOnlyTheLastOfManyValues) {
-    for (int i = 0; i <= 100; ++i) {
-        EXPECT_EQ(client_->publish("kept", std::to_string(i), GetParam(), true), Error::SUCCESS);
+class APublishingClientAtEveryQos : public APublishingClient,
+                                    public testing::WithParamInterface<int> {
+protected:
+    void publish(std::string const& topic, std::string const& payload, bool retain = false) {
+        EXPECT_EQ(client_->publish(topic, payload, GetParam(), retain), Error::SUCCESS);
     }
-    ASSERT_TRUE(peer_.waitForMessages(101));
-    EXPECT_EQ(retained("kept"), (Message{"kept", "100", GetParam(), true}));
-}
+};
 
-TEST_P(AClientAtEveryQos, PublishesPayloadsOfAnyBytes) {
+INSTANTIATE_TEST_SUITE_P(Qos, APublishingClientAtEveryQos, testing::Values(0, 1, 2));
+
+TEST_P(APublishingClientAtEveryQos, PublishesOnceAndUnchangedNowOrWithTheNextConnection) {
     std::string everyByte;
     for (int i = 0; i < 256; ++i) {
         everyByte += static_cast<char>(i);
     }
-    std::string const large(1'000'000, '\0');
-    EXPECT_EQ(client_->publish("a", everyByte, GetParam(), false), Error::SUCCESS);
-    EXPECT_EQ(client_->publish("a", "", GetParam(), false), Error::SUCCESS);
-    EXPECT_EQ(client_->publish("a", large, GetParam(), false), Error::SUCCESS);
-    ASSERT_TRUE(peer_.waitForMessages(3));
-    EXPECT_TRUE(peer_.payloads() == (std::vector<std::string>{everyByte, "", large}));
-}
-
-TEST_P(AClientAtEveryQos, WaitsAndThenTheValueIsThere) {
-    EXPECT_EQ(client_->publishWait("a", "value", GetParam(), true, PATIENCE), Error::SUCCESS);
-    if (GetParam() != 0) {
-        EXPECT_EQ(retained("a"), (Message{"a", "value", GetParam(), true}));
+    Payloads const payloads{everyByte, "", std::string(1'000'000, '\0')};
+    Payloads expected;
+    for (bool const connected : {false, true}) {
+        for (auto const& payload : payloads) {
+            publish("a/b", payload);
+            expected.push_back(payload);
+        }
+        publish("kept", "old", true);
+        publish("kept", connected ? "connected" : "queued", true);
+        expected.insert(expected.end(), {"old", connected ? "connected" : "queued"});
+        if (!connected) {
+            connect();
+        }
     }
-    EXPECT_TRUE(peer_.waitForMessages(1));
+    EXPECT_TRUE(receivedPayloads() == expected);
+    EXPECT_EQ(peer_.messages().front(), (Message{"a/b", everyByte, GetParam(), false}));
+    EXPECT_EQ(retained("a/b"), std::nullopt);
+    EXPECT_EQ(retained("kept"), (Message{"kept", "connected", GetParam(), true}));
 }
 
-TEST_P(AClientAtEveryQos, WaitsWithoutLimitWhenAskedTo) {
-    for (int i = 0; i < 50; ++i) {
-        EXPECT_EQ(
-            client_->publishWait("a", "value", GetParam(), false, SecondsDuration(UINT32_MAX)),
-            Error::SUCCESS);
-    }
-}
-
-TEST_P(AClientAtEveryQos, PublishesFromInsideASubscriber) {
-    support::MessageRecorder echo([&](int, Topic const&, std::string const& payload) {
-        EXPECT_EQ(client_->publish("echo", payload, GetParam(), false), Error::SUCCESS);
-    });
-    ASSERT_EQ(client_->subscribe("call", &echo, 0), Error::SUCCESS);
-    payloadsUpToHere(); // so the subscription stands at the broker
-    peer_.publish("call", "value");
-    EXPECT_TRUE(waitForEcho());
-    client_->release(&echo);
-}
-
-TEST_P(AClientAtEveryQos, WaitsInVainInsideASubscriberButPublishes) {
-    Error result = Error::SUCCESS;
-    support::MessageRecorder echo([&](int, Topic const&, std::string const& payload) {
-        result =
-            client_->publishWait("echo", payload, GetParam(), false, SecondsDuration::NO_TIMEOUT);
-    });
-    ASSERT_EQ(client_->subscribe("call", &echo, 0), Error::SUCCESS);
-    payloadsUpToHere(); // so the subscription stands at the broker
-    peer_.publish("call", "value");
-    EXPECT_TRUE(waitForEcho());
-    client_->release(&echo);
-    EXPECT_EQ(result, Error::TIMEOUT);
-}
-
-TEST_F(AConnectedClient, CallsAQos0PublicationDoneWhenItIsWritten) {
-    broker_.suspend();
-    EXPECT_EQ(client_->publishWait("a", "value", 0, false, PATIENCE), Error::SUCCESS);
-    broker_.resume();
-    EXPECT_THAT(payloadsUpToHere(), ElementsAre("value"));
-}
-
-TEST_F(AConnectedClient, WaitsForTheAcknowledgementOfAQos1Publication) {
-    broker_.suspend();
-    EXPECT_EQ(client_->publishWait("a", "value", 1, false, 1), Error::TIMEOUT);
-    broker_.resume();
-    EXPECT_THAT(payloadsUpToHere(), ElementsAre("value"));
-}
-
-TEST(AWaitForAQos2Publication, EndsWithTheLastPacketOfTheHandshake) {
-    ScriptedServer server;
-    auto const client = support::testClient(server.host(), server.port());
-    server.hold(PacketType::PUBREL);
-    EXPECT_EQ(client->publishWait("a", "value", 2, false, 1), Error::TIMEOUT);
-    EXPECT_TRUE(server.waitForPackets(PacketType::PUBREL, 1));
-    server.release();
-    EXPECT_EQ(client->publishWait("a", "value", 2, false, PATIENCE), Error::SUCCESS);
-}
-
-TEST(AWaitForAPublication, IsNotEndedByTheAcknowledgementOfAnother) {
-    ScriptedServer server;
-    auto const client = support::testClient(server.host(), server.port());
+TEST_P(APublishingClientAtEveryQos, KeepsTheOrderOfWhatIsPublishedWhileTheQueueIsSent) {
+    constexpr int QUEUED = 300;
+    constexpr int ALL = 1000;
     std::atomic<int> published{0};
-    server.setHook([&](support::MqttPacket const& packet) {
-        bool const isSecond = packet.type == PacketType::PUBLISH && ++published == 2;
-        return isSecond ? ScriptedServer::Reaction::IGNORE : ScriptedServer::Reaction::ANSWER;
+    std::thread publisher([&] {
+        while (published < ALL) {
+            int const number = published;
+            publish("a", std::to_string(number));
+            published = number + 1;
+            if (number >= QUEUED) {
+                std::this_thread::yield();
+            }
+        }
     });
-    EXPECT_EQ(client->publishWait("a", "first", 1, false, PATIENCE), Error::SUCCESS);
-    Error result = Error::SUCCESS;
-    std::thread waiter([&] { result = client->publishWait("a", "second", 1, false, 2); });
-    EXPECT_TRUE(server.waitForPackets(PacketType::PUBLISH, 2));
-    EXPECT_EQ(client->publish("a", "third", 1, false), Error::SUCCESS);
-    EXPECT_TRUE(server.waitForPackets(PacketType::PUBLISH, 3));
-    waiter.join();
-    EXPECT_EQ(result, Error::TIMEOUT);
+    EXPECT_TRUE(support::eventually([&] { return published >= QUEUED; }));
+    connect();
+    publisher.join();
+    EXPECT_EQ(receivedPayloads(), numbers(ALL));
 }
 
-TEST_F(AConnectedClient, SendsTheMessageThoughItDoesNotWaitAtAll) {
+TEST_P(APublishingClientAtEveryQos, WaitsUntilTheBrokerHasTheValue) {
+    connect();
+    for (int i = 0; i < 50; ++i) {
+        auto const value = std::to_string(i);
+        EXPECT_EQ(client_->publishWait("a", value, GetParam(), true, SecondsDuration::NO_TIMEOUT),
+                  Error::SUCCESS);
+        if (GetParam() != 0) {
+            ASSERT_EQ(retained("a"), (Message{"a", value, GetParam(), true}));
+        }
+    }
+    EXPECT_TRUE(peer_.waitForMessages(50));
+}
+
+TEST_F(APublishingClient, CallsAQos0PublicationDoneWhenItIsWritten) {
+    connect();
     broker_.suspend();
-    EXPECT_EQ(client_->publishWait("a", "one", 1, false, 0), Error::TIMEOUT);
-    EXPECT_EQ(client_->publishWait("a", "two", 2, false, 0), Error::TIMEOUT);
+    EXPECT_EQ(client_->publishWait("a", "value", 0, false, WAIT_SECONDS), Error::SUCCESS);
     broker_.resume();
-    EXPECT_THAT(payloadsUpToHere(), testing::UnorderedElementsAre("one", "two"));
+    EXPECT_THAT(receivedPayloads(), ElementsAre("value"));
 }
 
-TEST_F(AConnectedClient, ErasesARetainedMessage) {
+TEST_F(APublishingClient, ErasesARetainedMessage) {
     peer_.publish("kept", "value", 2, true);
     peer_.publish("kept/too", "value", 2, true);
-    ASSERT_TRUE(peer_.waitForMessages(2));
-    peer_.clearMessages();
+    connect();
     EXPECT_EQ(client_->clear("kept"), Error::SUCCESS);
-    ASSERT_TRUE(peer_.waitForMessages(1));
-    EXPECT_EQ(peer_.messages().front(), (Message{"kept", "", 2, false}));
+    EXPECT_EQ(client_->clear("never/used"), Error::SUCCESS);
+    EXPECT_THAT(receivedPayloads(), ElementsAre("value", "value", "", ""));
     EXPECT_EQ(retained("kept"), std::nullopt);
     EXPECT_TRUE(retained("kept/too"));
 }
 
-TEST_F(AConnectedClient, ErasesWhereNothingIsRetained) {
-    EXPECT_EQ(client_->clear("never/used"), Error::SUCCESS);
-    EXPECT_THAT(payloadsUpToHere(), ElementsAre(""));
-}
-
-TEST_F(AConnectedClient, ErasesWithOneRetainedQos2Publication) {
-    ScriptedServer server;
-    auto const client = support::testClient(server.host(), server.port());
-    EXPECT_EQ(client->clear("kept"), Error::SUCCESS);
-    ASSERT_TRUE(server.waitForPackets(PacketType::PUBREL, 1));
-    auto const packets = server.received(PacketType::PUBLISH);
-    ASSERT_EQ(packets.size(), 1U);
-    EXPECT_EQ(packets[0].topic, "kept");
-    EXPECT_EQ(packets[0].payload, "");
-    EXPECT_EQ(packets[0].qos, 2);
-    EXPECT_TRUE(packets[0].retain);
-}
-
-TEST_F(AConnectedClient, AnswersNoConnectionToClearAndKeepsTheRetainedMessage) {
-    peer_.publish("kept", "value", 2, true);
-    ASSERT_EQ(client_->disconnect(PATIENCE), Error::SUCCESS);
-    EXPECT_EQ(client_->clear("kept"), Error::NO_CONN);
-    EXPECT_TRUE(retained("kept"));
-}
-
-TEST_F(AConnectedClient, PublishesFromManyThreadsInTheOrderOfEach) {
-    constexpr int threads = 4;
-    constexpr int values = 250;
+TEST_F(APublishingClient, PublishesFromManyThreadsInTheOrderOfEach) {
+    constexpr int THREADS = 4;
+    constexpr int VALUES = 250;
+    connect();
     std::vector<std::thread> publishers;
-    for (int thread = 0; thread < threads; ++thread) {
+    for (int thread = 0; thread < THREADS; ++thread) {
         publishers.emplace_back([&, topic = "thread/" + std::to_string(thread)] {
-            for (int i = 0; i < values; ++i) {
+            for (int i = 0; i < VALUES; ++i) {
                 EXPECT_EQ(client_->publish(topic, std::to_string(i), 2, false), Error::SUCCESS);
             }
         });
@@ -246,90 +138,100 @@ TEST_F(AConnectedClient, PublishesFromManyThreadsInTheOrderOfEach) {
     for (auto& publisher : publishers) {
         publisher.join();
     }
-    ASSERT_TRUE(peer_.waitForMessages(threads * values));
+    ASSERT_TRUE(peer_.waitForMessages(THREADS * VALUES));
     std::map<std::string, int> next;
     for (auto const& message : peer_.messages()) {
         EXPECT_EQ(message.payload, std::to_string(next[message.topic]++)) << message.topic;
     }
 }
 
-/// What is refused, and how: the same whether there is a connection or not.
-struct Refusal {
-    std::string name;
-    std::string topic;
-    int qos;
-    Error result;
-};
-
-void PrintTo(Refusal const& refusal, std::ostream* out) {
-    *out << refusal.name;
+TEST(AWaitForAQos2Publication, EndsWithTheLastPacketOfTheHandshake) {
+    using Error = MqttClient::Error;
+    support::ScriptedServer server;
+    auto const client = support::testClient(server.host(), server.port());
+    server.hold(PacketType::PUBREL);
+    EXPECT_EQ(client->publishWait("a", "value", 2, false, 1), Error::TIMEOUT);
+    EXPECT_TRUE(server.waitForPackets(PacketType::PUBREL, 1));
+    server.release();
+    EXPECT_EQ(client->publishWait("a", "value", 2, false, 30), Error::SUCCESS);
 }
 
-class ARefusedPublication : public AConnectedClient, public testing::WithParamInterface<Refusal> {
+TEST_P(APublishingClientAtEveryQos, PublishesOnceAndInOrderAcrossALostConnection) {
+    // Cut at a proxy, so that broker and peer stay.
+    support::CutProxy proxy(broker_.port());
+    client_ = support::testClient(proxy.host(), proxy.port());
+    client_->registerListener(&states_);
+    EXPECT_EQ(client_->publishWait("a", "0", GetParam(), false, WAIT_SECONDS), Error::SUCCESS);
+    // At QoS 0 the wait ends when the value is written.
+    ASSERT_TRUE(peer_.waitForMessages(1));
+    proxy.freeze();
+    proxy.cutNow();
+    ASSERT_TRUE(states_.waitFor(ComState::CONNECTION_LOST));
+    for (int i = 1; i < 50; ++i) {
+        publish("a", std::to_string(i));
+    }
+    proxy.thaw();
+    ASSERT_TRUE(states_.waitFor(ComState::CONNECTED));
+    publish("a", "50");
+    EXPECT_EQ(receivedPayloads(), numbers(51));
+    client_->unregisterListener(&states_);
+}
+
+/// Published while the broker stands still, so still in flight when it dies. The client is kept
+/// from reconnecting until a peer has subscribed at the new broker.
+class APublicationInFlightWhenTheBrokerDies
+    : public testing::TestWithParam<std::tuple<int, int, bool>> {
 protected:
-    void expectRefusals() {
-        auto const& [name, topic, qos, result] = GetParam();
-        EXPECT_EQ(client_->publish(topic, "refused", qos, true), result);
-        EXPECT_EQ(client_->publishWait(topic, "refused", qos, true, PATIENCE), result);
-        if (qos == 2) {
-            EXPECT_EQ(client_->clear(topic), result);
+    using Error = MqttClient::Error;
+
+    APublicationInFlightWhenTheBrokerDies() {
+        support::ClientOptions options;
+        options.persistent = std::get<2>(GetParam());
+        client_ = support::testClient(broker_, options);
+        client_->registerListener(&states_);
+    }
+
+    void publishTo(int end) {
+        for (; next_ < end; ++next_) {
+            EXPECT_EQ(client_->publish("a", std::to_string(next_), std::get<1>(GetParam()), true),
+                      Error::SUCCESS);
         }
     }
+
+    void restartBrokerWithPeer() {
+        client_->pause();
+        broker_.start();
+        peer_ = std::make_unique<support::RawPeer>(broker_);
+        peer_->subscribe("#");
+        client_->resume();
+        ASSERT_TRUE(states_.waitFor(ComState::CONNECTED));
+    }
+
+    support::Broker broker_;
+    support::StateRecorder states_;
+    std::unique_ptr<support::RawPeer> peer_;
+    std::unique_ptr<MqttClient> client_;
+    int next_ = 0;
 };
 
-INSTANTIATE_TEST_SUITE_P(
-    Because, ARefusedPublication,
-    testing::Values(Refusal{"QosIsTooHigh", "a", 3, Error::INVALID_PARAMETER},
-                    Refusal{"QosIsFarTooHigh", "a", 256, Error::INVALID_PARAMETER},
-                    Refusal{"QosIsNegative", "a", -1, Error::INVALID_PARAMETER},
-                    Refusal{"TopicIsEmpty", "", 2, Error::INVALID_PARAMETER},
-                    Refusal{"TopicIsASlash", "/", 2, Error::INVALID_PARAMETER},
-                    Refusal{"TopicIsAWildcard", "#", 2, Error::INVALID_PARAMETER},
-                    Refusal{"TopicEndsInAWildcard", "a/#", 2, Error::INVALID_PARAMETER},
-                    Refusal{"TopicHasAWildcardLevel", "a/+/b", 2, Error::INVALID_PARAMETER},
-                    Refusal{"TopicHasAWildcardInALevel", "a+b", 2, Error::INVALID_PARAMETER},
-                    Refusal{"TopicIsJustTooLong", std::string(65536, 'a'), 2,
-                            Error::INVALID_PARAMETER},
-                    Refusal{"TopicIsTooLong", std::string(65537, 'a'), 2, MALFORMED_UTF8},
-                    Refusal{"TopicIsNotUtf8", "a/\xFF", 2, MALFORMED_UTF8},
-                    Refusal{"TopicIsNotUtf8AtQos0", "a/\xFF", 0, MALFORMED_UTF8},
-                    Refusal{"TopicIsNotUtf8AndAWildcard", "\xFF/#", 2, MALFORMED_UTF8},
-                    Refusal{"TopicHasASurrogate", "a/\xED\xA0\x80", 2, MALFORMED_UTF8},
-                    Refusal{"TopicHasAControlCharacter", "a/\x01", 2, MALFORMED_UTF8},
-                    Refusal{"TopicHasAZeroByte", std::string("a\0b", 3), 2, MALFORMED_UTF8},
-                    Refusal{"TopicHasAZeroByteAtItsEnd", std::string("a\0", 2), 0, MALFORMED_UTF8},
-                    Refusal{"TopicBeginsWithAZeroByte", std::string("\0a", 2), 2, MALFORMED_UTF8}),
-    [](auto const& row) { return row.param.name; });
+// 60 are more than the library sends without an acknowledgement.
+INSTANTIATE_TEST_SUITE_P(CountQosAndSession, APublicationInFlightWhenTheBrokerDies,
+                         testing::Combine(testing::Values(3, 60), testing::Values(1, 2),
+                                          testing::Bool()));
 
-TEST_P(ARefusedPublication, IsAnsweredWithTheReasonAndTheConnectionStays) {
-    support::StateRecorder states;
-    client_->registerListener(&states);
-    expectRefusals();
-    EXPECT_THAT(payloadsUpToHere(), ElementsAre());
-    EXPECT_THAT(states.history(), ElementsAre());
-    client_->unregisterListener(&states);
-}
-
-TEST_P(ARefusedPublication, IsAnsweredTheSameOfflineAndNeverQueued) {
-    ASSERT_EQ(client_->disconnect(PATIENCE), Error::SUCCESS);
-    expectRefusals();
-    ASSERT_EQ(client_->connect("", -1, PATIENCE), Error::SUCCESS);
-    EXPECT_THAT(payloadsUpToHere(), ElementsAre());
-}
-
-TEST_F(AConnectedClient, RefusesAPayloadThatIsTooLargeOnlineAndOffline) {
-    std::string const tooLarge(268'435'453, 'x'); // three bytes are left for the rest
-    for (int qos : {0, 1, 2}) {
-        EXPECT_EQ(client_->publish("a", tooLarge, qos, true), Error::PAYLOAD_SIZE);
-        EXPECT_EQ(client_->publishWait("a", tooLarge, qos, true, PATIENCE), Error::PAYLOAD_SIZE);
-    }
-    ASSERT_EQ(client_->disconnect(PATIENCE), Error::SUCCESS);
-    for (int qos : {0, 1, 2}) {
-        EXPECT_EQ(client_->publish("a", tooLarge, qos, true), Error::PAYLOAD_SIZE);
-        EXPECT_EQ(client_->publishWait("a", tooLarge, qos, true, PATIENCE), Error::PAYLOAD_SIZE);
-    }
-    ASSERT_EQ(client_->connect("", -1, PATIENCE), Error::SUCCESS);
-    EXPECT_THAT(payloadsUpToHere(), ElementsAre());
+TEST_P(APublicationInFlightWhenTheBrokerDies, ArrivesBeforeWhatWasQueuedEachOnce) {
+    int const count = std::get<0>(GetParam());
+    broker_.suspend();
+    publishTo(count);
+    broker_.kill();
+    ASSERT_TRUE(states_.waitFor(ComState::CONNECTION_LOST));
+    publishTo(2 * count);
+    restartBrokerWithPeer();
+    ASSERT_TRUE(peer_->waitForMessages(static_cast<std::size_t>(2 * count)));
+    publishTo(2 * count + 1);
+    ASSERT_TRUE(peer_->waitForMessages(static_cast<std::size_t>(2 * count + 1)));
+    EXPECT_EQ(peer_->payloads(), numbers(2 * count + 1));
+    EXPECT_EQ(support::retained(broker_, "a")->payload, std::to_string(2 * count));
 }
 
 } // namespace

@@ -6,13 +6,13 @@
 #include <cstddef>
 #include <string>
 
-/// A connected client that is handed messages, for programs that count allocations.
+/// A connected client that receives messages, for programs that count allocations.
 class AReceivingClient : public AClientOnAScript {
 protected:
     AReceivingClient() { connect(); }
 
-    /// On the worker, from the broker library's call until it returns. The first message finds
-    /// nothing prepared, and is not counted.
+    /// Counted on the worker, from the library's call until it returns. A first message, which
+    /// makes buffers grow, is not counted.
     std::size_t allocationsToReceive(std::string topic, std::string payload) {
         std::size_t result = 0;
         script_->runInLoop([&](auto& object) {

@@ -7,7 +7,6 @@
 #include "support/watched.hpp"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <dlfcn.h>
 #include <netinet/in.h>
@@ -16,13 +15,14 @@
 #include <chrono>
 #include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
 
-/// When somebody in this process tried to connect, and to which port.
+/// When this process tried to connect, and to which port.
 support::Watched<std::vector<std::pair<int, Clock::time_point>>> attempts;
 
 void noteAttempt(sockaddr const* address) {
@@ -37,7 +37,7 @@ void noteAttempt(sockaddr const* address) {
 
 } // namespace
 
-// The broker library ends up here: a port where nobody listens has no other witness.
+// No other way shows attempts at a port without a listener.
 extern "C" __attribute__((visibility("default"))) int connect(int fd, sockaddr const* address,
                                                               socklen_t length) {
     using Connect = int (*)(int, sockaddr const*, socklen_t);
@@ -50,9 +50,7 @@ namespace {
 
 using conv::ComState;
 using mqtt::MqttClient;
-using support::Broker;
 using support::PortLease;
-using support::StateRecorder;
 using Error = MqttClient::Error;
 
 std::vector<Clock::time_point> attemptsAt(int port) {
@@ -65,62 +63,33 @@ std::vector<Clock::time_point> attemptsAt(int port) {
     return times;
 }
 
-TEST(AClientThatIsRefused, TriesAgainAfterAGrowingDelay) {
+TEST(AReconnectingClient, TriesAgainAfterAGrowingDelay) {
     mqtt::resetReconnectAttempts();
     PortLease const port;
     MqttClient const client(support::uniqueId(), false, "", "127.0.0.1", port.port(), true);
     ASSERT_TRUE(support::eventually([&] { return attemptsAt(port.port()).size() >= 4; }));
     auto const times = attemptsAt(port.port());
-    for (int n = 1; n <= 3; ++n) {
-        auto const gap =
-            times[static_cast<std::size_t>(n)] - times[static_cast<std::size_t>(n - 1)];
-        // No upper bound: how late a busy machine wakes us is not ours to say.
-        EXPECT_GE(gap, mqtt::reconnectDelay(n)) << "attempt " << n;
-        RecordProperty("gap" + std::to_string(n) + "_ms",
-                       std::to_string(gap / std::chrono::milliseconds(1)));
+    for (std::size_t n = 1; n <= 3; ++n) {
+        // No upper bound: a busy machine may wake the worker late.
+        EXPECT_GE(times[n] - times[n - 1], mqtt::reconnectDelay(static_cast<int>(n)));
     }
 }
 
-TEST(AClient, ReconnectsAsOftenAsTheBrokerComesBack) {
-    StateRecorder states;
-    Broker broker;
-    auto const client = support::testClient(broker);
-    client->registerListener(&states);
+TEST(AReconnectingClient, FindsTheBrokerItWasLastConnectedToAgainAndAgain) {
+    support::StateRecorder states;
+    support::Broker broker;
+    PortLease const elsewhere;
+    MqttClient client(support::uniqueId(), false, "", "127.0.0.1", elsewhere.port(), false);
+    ASSERT_EQ(client.connect(broker.host(), broker.port(), 30), Error::SUCCESS);
+    client.registerListener(&states);
     for (int i = 0; i < 3; ++i) {
         broker.kill();
         ASSERT_TRUE(states.waitFor(ComState::CONNECTION_LOST)) << i;
         broker.start();
         ASSERT_TRUE(states.waitFor(ComState::CONNECTED)) << i;
-        EXPECT_EQ(client->publishWait("a", "x", 2, false, 30), Error::SUCCESS) << i;
+        EXPECT_EQ(client.publishWait("a", "x", 2, false, 30), Error::SUCCESS) << i;
     }
-    client->unregisterListener(&states);
-}
-
-TEST(AClient, ReconnectsToTheHostItWasLastConnectedTo) {
-    StateRecorder states;
-    Broker broker;
-    PortLease const elsewhere;
-    MqttClient client(support::uniqueId(), false, "", "127.0.0.1", elsewhere.port(), false);
-    ASSERT_EQ(client.connect(broker.host(), broker.port(), 30), Error::SUCCESS);
-    client.registerListener(&states);
-    broker.kill();
-    ASSERT_TRUE(states.waitFor(ComState::CONNECTION_LOST));
-    broker.start();
-    EXPECT_TRUE(states.waitFor(ComState::CONNECTED));
     client.unregisterListener(&states);
-}
-
-TEST(AClient, OutlastsASilenceShorterThanTheKeepAlive) {
-    StateRecorder states;
-    Broker broker;
-    auto const client = support::testClient(broker);
-    client->registerListener(&states);
-    broker.suspend();
-    client->publish("a", "x", 2, false);
-    broker.resume();
-    EXPECT_EQ(client->publishWait("a", "y", 2, false, 30), Error::SUCCESS);
-    EXPECT_THAT(states.history(), testing::IsEmpty()) << "silence within the keep-alive is no loss";
-    client->unregisterListener(&states);
 }
 
 } // namespace

@@ -12,13 +12,14 @@
 #include <string>
 #include <vector>
 
-/// A client connected to a server that says what the test wants, and some subscribers.
+/// A client connected to a server that answers what the test wants, and three subscribers.
 class ScriptedSession : public ::testing::Test {
 protected:
     using Client = mqtt::MqttClient;
     using Error = mqtt::MqttClient::Error;
     using Strings = std::vector<std::string>;
     using Type = support::PacketType;
+    static constexpr unsigned WAIT_SECONDS = 30;
 
     void subscribe(std::string const& topic, Client::Subscriber& subscriber, int tag = 0) {
         ASSERT_EQ(client->subscribe(topic, &subscriber, tag), Error::SUCCESS);
@@ -38,7 +39,9 @@ protected:
     }
 
     /// Returns when all that the client sent so far is with the server.
-    void sendAll() { ASSERT_EQ(client->publishWait("sent", "", 1, false, 30), Error::SUCCESS); }
+    void sendAll() {
+        ASSERT_EQ(client->publishWait("sent", "", 1, false, WAIT_SECONDS), Error::SUCCESS);
+    }
 
     /// The topics in packets of this type over one connection, in the order they came.
     Strings topicsIn(Type type, int connection) const {
@@ -58,7 +61,7 @@ protected:
             [&] { return client->communicationState() != conv::ComState::CONNECTED; }));
     }
 
-    /// Returns when the client is back.
+    /// Ends the connection; returns when the client is connected again.
     void reconnect() {
         loseConnection();
         ASSERT_TRUE(support::becomesConnected(*client));

@@ -6,7 +6,7 @@
 #include <string>
 #include <utility>
 
-/// A registry beside an index of it, with the plain walk that the index must agree with.
+/// A registry with an index of it. The index must find what a walk through the registry finds.
 template <class Index>
 class WalkedRegistry {
 public:
@@ -31,7 +31,7 @@ public:
         entries_.clear();
     }
 
-    /// In byte order, asking every entry.
+    /// The first entry that matches, in byte order.
     Subscription const* walk(mqtt::Topic const& topic) const {
         for (auto const& entry : entries_) {
             if (entry.first.matches(topic)) {

@@ -1,62 +1,50 @@
 #pragma once
 
-#include "client/client_on_a_script.hpp"
+#include "data/an_endpoint.hpp"
 #include "support/watched.hpp"
 
 #include <mqtt/link.hpp>
 
 #include <functional>
-#include <future>
-#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
 
-/// A listener that keeps what it is told.
-class Reader : public mqtt::MqttData<mqtt::Link>::Subscriber {
+/// A subscriber of links that records its calls: "<link> <identifier>", or
+/// "<link> empty <identifier>".
+class LinkRecorder : public mqtt::MqttData<mqtt::Link>::Subscriber {
 public:
     using Hook = std::function<void(mqtt::Link const&)>;
 
-    explicit Reader(Hook hook = {}) : hook_(std::move(hook)) {}
-    virtual ~Reader() = default;
+    explicit LinkRecorder(Hook hook = {}) : hook_(std::move(hook)) {}
+    virtual ~LinkRecorder() = default;
 
     void onMqttData(mqtt::Link const& link, bool empty, int id) override {
-        told_.change([&](auto& told) {
-            told.push_back(link.id + (empty ? " empty " : " ") + std::to_string(id));
+        calls_.change([&](auto& calls) {
+            calls.push_back(link.id + (empty ? " empty " : " ") + std::to_string(id));
         });
         if (hook_) {
             hook_(link);
         }
     }
 
-    std::vector<std::string> told() const { return told_.copy(); }
+    std::vector<std::string> calls() const { return calls_.copy(); }
 
 private:
-    support::Watched<std::vector<std::string>> told_;
+    support::Watched<std::vector<std::string>> calls_;
     Hook hook_;
 };
-
-template <class T>
-bool isFree(mqtt::MqttData<T> const& endpoint) {
-    auto const look = [&] {
-        return mqtt::MqttDataBase::Lock(endpoint.mutex(), std::try_to_lock).owns_lock();
-    };
-    return std::async(std::launch::async, look).get();
-}
 
 class ATypedEndpoint : public AClientOnAScript {
 protected:
     ATypedEndpoint() { connect(); }
 
-    void deliver(std::string const& id, std::string const& topic = "a/b") {
-        script_->deliver(topic, R"({"@id": ")" + id + R"("})");
+    void deliverPayload(std::string const& payload) {
+        script_->deliver("a/b", payload);
         letTheStepEnd();
     }
 
-    void deliverNothing() {
-        script_->deliver("a/b", "");
-        letTheStepEnd();
-    }
+    void deliver(std::string const& id) { deliverPayload(R"({"@id": ")" + id + R"("})"); }
 
     mqtt::MqttData<mqtt::Link> endpoint{*client_, "a/b"};
 };

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-/// What differs between the runs of a test, with a name for them.
+/// The parameter of a test: a call, with a name.
 template <class Signature>
 struct Named {
     char const* name;
@@ -27,7 +27,7 @@ std::string nameOf(testing::TestParamInfo<Parameter> const& instance) {
     return instance.param.name;
 }
 
-/// An endpoint whose value is the payload itself, and that keeps what happens to it.
+/// An endpoint whose value is the payload itself, and that records its events.
 class Endpoint : public mqtt::MqttDataBase {
 public:
     using mqtt::MqttDataBase::MqttDataBase;
@@ -37,14 +37,14 @@ public:
     /// What the client does with a message.
     void receive(int id, mqtt::Topic const& topic, std::string const& payload) {
         using Raw = mqtt::MqttClient::Subscriber*;
-        // This way of casting alone passes by the privacy of the base.
+        // Only a C-style cast ignores that the base is private.
         Raw(this)->onMqttMessage(id, topic, payload);
     }
 
     std::string value;
     std::vector<std::string> events;
     std::string publishTopic, subscribeTopic; ///< "": the topic base
-    std::function<void()> whileReading, whileTelling;
+    std::function<void()> whileReading, whileNotifying;
     bool releasesTheLock = true;
 
 protected:
@@ -73,41 +73,32 @@ protected:
     void notify(bool empty, int id, mqtt::MqttDataBase::Lock& lock) override {
         EXPECT_TRUE(lock.owns_lock());
         EXPECT_EQ(lock.mutex(), &mutex());
-        events.push_back("tell " + std::to_string(id) + (empty ? " empty" : ""));
+        events.push_back("notify " + std::to_string(id) + (empty ? " empty" : ""));
         if (releasesTheLock) {
             lock.unlock();
         }
-        if (whileTelling) {
-            whileTelling();
+        if (whileNotifying) {
+            whileNotifying();
         }
     }
 };
 
+/// Whether no other thread holds the mutex of the endpoint.
 inline bool isFree(mqtt::MqttDataBase const& endpoint) {
-    return std::async(
-               std::launch::async,
-               [&] {
-                   return mqtt::MqttDataBase::Lock(endpoint.mutex(), std::try_to_lock).owns_lock();
-               })
-        .get();
+    auto const look = [&] {
+        return mqtt::MqttDataBase::Lock(endpoint.mutex(), std::try_to_lock).owns_lock();
+    };
+    return std::async(std::launch::async, look).get();
 }
 
 class AnEndpoint : public AClientOnAScript {
 protected:
     AnEndpoint() { connect(); }
 
-    /// Delivers a message and returns when it has been dealt with.
+    /// Returns when the message has been handled.
     void deliver(std::string const& topic, std::string const& payload) {
         script_->deliver(topic, payload);
         letTheStepEnd();
-    }
-
-    std::vector<std::string> topics(support::StandIn::Operation operation) const {
-        std::vector<std::string> result;
-        for (auto const& call : script_->calls(operation)) {
-            result.push_back(call.topic);
-        }
-        return result;
     }
 
     mqtt::MqttClient::Error subscribe(Endpoint& which, int id) {

@@ -1,35 +1,79 @@
+// Typed endpoints: publishing, subscribing, copies, and their end.
+
 #include "data/a_typed_endpoint.hpp"
+
+#include "support/watched.hpp"
 
 #include <mqtt/payloads.hpp>
 
 #include <gmock/gmock.h>
 
-#include <string>
+#include <atomic>
+#include <chrono>
+#include <future>
+#include <memory>
+#include <optional>
 #include <system_error>
 #include <type_traits>
-#include <vector>
+
+namespace {
+
+/// A value that records its copies.
+struct Traced {
+    Traced() = default;
+    Traced(Traced const& other) : text(other.text) { events.emplace_back("value copied"); }
+    Traced& operator=(Traced const&) = default;
+
+    static inline std::vector<std::string> events;
+    std::string text;
+};
+
+} // namespace
+
+namespace mqtt {
+
+template <>
+MqttData<Traced>::MqttData(MqttClient& client, Topic const& topic)
+    : MqttDataBase(client, topic, 0, false) {}
+
+template <>
+void MqttData<Traced>::serialize(Topic const& /*topic*/, std::string& payload,
+                                 Traced const& traced) {
+    payload = traced.text;
+}
+
+template <>
+void MqttData<Traced>::deserialize(Topic const& /*topic*/, std::string const& payload, bool empty,
+                                   Traced& traced) {
+    if (!empty) {
+        traced.text = payload;
+    }
+}
+
+} // namespace mqtt
 
 namespace {
 
 using mqtt::Link;
 using mqtt::MqttData;
+using support::isSet;
+using support::Watched;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
 using Error = mqtt::MqttClient::Error;
 using Lock = mqtt::MqttDataBase::Lock;
 using Operation = support::StandIn::Operation;
-using Strings = std::vector<std::string>;
 
 static_assert(std::is_base_of_v<mqtt::MqttDataBase, MqttData<Link>>);
 static_assert(!std::has_virtual_destructor_v<MqttData<Link>::Subscriber>);
 static_assert(std::is_same_v<decltype(MqttData<Link>::subscriber), MqttData<Link>::Subscriber*>);
 
-TEST_F(ATypedEndpoint, IsMadeWithoutSubscriberOrSubscription) {
-    EXPECT_EQ(endpoint.subscriber, nullptr);
-    EXPECT_EQ(endpoint.value.id, "");
-    EXPECT_EQ(script_->count(Operation::SUBSCRIBE), 0U);
-}
+/// Long enough to see that a call waits. If a machine is slow, a defect may pass unseen; a correct
+/// endpoint never fails.
+constexpr std::chrono::milliseconds NOTICEABLE_WAIT{300};
+
+// Publishing
 
 TEST_F(ATypedEndpoint, PublishesAtQosTwoAndRetainedOnTheTopicOfItsType) {
     MqttData<conv::CommunicationStatus>(*client_, "a/b").publish();
@@ -38,144 +82,208 @@ TEST_F(ATypedEndpoint, PublishesAtQosTwoAndRetainedOnTheTopicOfItsType) {
     MqttData<Link>(*client_, "a/b").publish();
     MqttData<std::vector<Link>>(*client_, "a/b").publish();
     mqtt::MqttDataCollection<Link>(*client_, "a/b").publish();
-    Strings topics;
     for (auto const& call : script_->calls(Operation::PUBLISH)) {
-        topics.push_back(call.topic);
         EXPECT_EQ(call.qos, 2) << call.topic;
         EXPECT_TRUE(call.retain) << call.topic;
     }
-    EXPECT_THAT(topics, ElementsAre("a/b/communication", "a/b/identification", "a/b/status", "a/b",
-                                    "a/b", "a/b"));
-}
-
-TEST_F(ATypedEndpoint, OffersTheSuffixOfItsTopic) {
+    EXPECT_THAT(topics(Operation::PUBLISH), ElementsAre("a/b/communication", "a/b/identification",
+                                                        "a/b/status", "a/b", "a/b", "a/b"));
     EXPECT_STREQ(MqttData<conv::Identification>::TOPIC_SUFFIX, "identification");
     EXPECT_STREQ(MqttData<conv::ServiceStatus>::TOPIC_SUFFIX, "status");
 }
 
 TEST_F(ATypedEndpoint, PublishesTheValueThatItsOwnerWrote) {
+    EXPECT_EQ(endpoint.subscriber, nullptr);
+    EXPECT_EQ(script_->count(Operation::SUBSCRIBE), 0U);
     Lock lock(endpoint.mutex());
     endpoint.value.id = "c/d";
     endpoint.publish(lock);
     EXPECT_THAT(published(), ElementsAre("{\n  \"@id\": \"c/d\"\n}"));
 }
 
-TEST_F(ATypedEndpoint, TellsItsSubscriberOfEveryValue) {
-    Reader reader;
-    EXPECT_EQ(endpoint.subscribe(&reader, -7), Error::SUCCESS);
+// Subscribing
+
+TEST_F(ATypedEndpoint, TellsItsSubscriberOfEveryValueAndOfAnEmptyPayload) {
+    LinkRecorder recorder;
+    EXPECT_EQ(endpoint.subscribe(&recorder, -7), Error::SUCCESS);
     deliver("x");
+    deliverPayload("{"); // cannot be read
+    EXPECT_EQ(endpoint.value.id, "x");
+    deliverPayload("");
     deliver("y");
-    EXPECT_THAT(reader.told(), ElementsAre("x -7", "y -7"));
+    EXPECT_THAT(recorder.calls(), ElementsAre("x -7", "x empty -7", "y -7"));
     EXPECT_EQ(endpoint.value.id, "y");
 }
 
-TEST_F(ATypedEndpoint, TakesOverValuesWithoutASubscriberToo) {
-    ASSERT_EQ(endpoint.subscribe(nullptr, 0), Error::SUCCESS);
+TEST_F(ATypedEndpoint, SubscribedTwiceTellsTwiceAndUnsubscribedNoMore) {
+    LinkRecorder recorder;
+    ASSERT_EQ(endpoint.subscribe(&recorder, 1), Error::SUCCESS);
+    ASSERT_EQ(endpoint.subscribe(&recorder, 2), Error::SUCCESS);
     deliver("x");
-    EXPECT_EQ(endpoint.value.id, "x");
-}
-
-TEST_F(ATypedEndpoint, TellsOfAnEmptyPayloadWithTheValueItHas) {
-    Reader reader;
-    ASSERT_EQ(endpoint.subscribe(&reader, 1), Error::SUCCESS);
-    deliver("x");
-    deliverNothing();
-    EXPECT_THAT(reader.told(), ElementsAre("x 1", "x empty 1"));
-    EXPECT_EQ(endpoint.value.id, "x");
-}
-
-TEST_F(ATypedEndpoint, TellsNobodyAnyMoreOnceUnsubscribed) {
-    Reader reader;
-    ASSERT_EQ(endpoint.subscribe(&reader, 1), Error::SUCCESS);
+    EXPECT_THAT(recorder.calls(), ElementsAre("x 1", "x 2"));
+    EXPECT_EQ(endpoint.unsubscribe(), Error::NOT_FOUND) << "the second registration is left";
     EXPECT_EQ(endpoint.unsubscribe(), Error::SUCCESS);
     EXPECT_EQ(endpoint.subscriber, nullptr);
     EXPECT_THAT(script_->calls(Operation::UNSUBSCRIBE), SizeIs(1));
-    deliver("x");
-    EXPECT_THAT(reader.told(), IsEmpty());
-    EXPECT_EQ(endpoint.value.id, "");
-    EXPECT_EQ(endpoint.unsubscribe(), Error::NOT_FOUND);
+    deliver("y");
+    EXPECT_THAT(recorder.calls(), SizeIs(2));
+    EXPECT_EQ(endpoint.value.id, "x");
 }
 
-TEST_F(ATypedEndpoint, SubscribedTwiceTellsTwice) {
-    Reader reader;
-    ASSERT_EQ(endpoint.subscribe(&reader, 1), Error::SUCCESS);
-    ASSERT_EQ(endpoint.subscribe(&reader, 2), Error::SUCCESS);
-    deliver("x");
-    EXPECT_THAT(reader.told(), ElementsAre("x 1", "x 2"));
-}
-
-TEST_F(ATypedEndpoint, HandsOutACopy) {
+TEST_F(ATypedEndpoint, GivesItsSubscriberACopyAndHoldsNoLock) {
     std::string seen;
-    Reader reader([&](Link const& link) {
-        EXPECT_NE(&link, &endpoint.value);
+    LinkRecorder recorder([&](Link const& link) {
+        EXPECT_TRUE(isFree(endpoint));
         Lock const lock(endpoint.mutex());
         endpoint.value.id = "changed";
         seen = link.id;
     });
-    ASSERT_EQ(endpoint.subscribe(&reader, 1), Error::SUCCESS);
+    ASSERT_EQ(endpoint.subscribe(&recorder, 1), Error::SUCCESS);
     deliver("x");
     EXPECT_EQ(seen, "x");
     EXPECT_EQ(endpoint.value.id, "changed");
 }
 
-TEST_F(ATypedEndpoint, HoldsNoLockWhileItTells) {
-    bool wasFree = false;
-    Reader reader([&](Link const&) { wasFree = isFree(endpoint); });
-    ASSERT_EQ(endpoint.subscribe(&reader, 1), Error::SUCCESS);
-    deliver("x");
-    EXPECT_TRUE(wasFree);
-}
-
-TEST_F(ATypedEndpoint, MayBeUsedByItsSubscriber) {
-    Reader reader([&](Link const&) {
-        endpoint.publish();
-        EXPECT_EQ(endpoint.clean(), Error::SUCCESS);
-        EXPECT_EQ(endpoint.unsubscribe(), Error::SUCCESS);
-        EXPECT_EQ(endpoint.subscribe(&reader, 2), Error::SUCCESS);
-    });
-    ASSERT_EQ(endpoint.subscribe(&reader, 1), Error::SUCCESS);
-    deliver("x");
-    deliver("y");
-    EXPECT_THAT(reader.told(), ElementsAre("x 1", "y 2"));
-    EXPECT_THAT(published(), SizeIs(4));
-}
-
 TEST_F(ATypedEndpoint, SurvivesASubscriberThatThrows) {
-    Reader reader([](Link const&) { throw 1; });
-    ASSERT_EQ(endpoint.subscribe(&reader, 1), Error::SUCCESS);
+    LinkRecorder recorder([](Link const&) { throw 1; });
+    ASSERT_EQ(endpoint.subscribe(&recorder, 1), Error::SUCCESS);
     deliver("x");
     EXPECT_TRUE(isFree(endpoint));
     deliver("y");
-    EXPECT_THAT(reader.told(), ElementsAre("x 1", "y 1"));
+    EXPECT_THAT(recorder.calls(), ElementsAre("x 1", "y 1"));
 }
 
-TEST_F(ATypedEndpoint, TellsNobodyOfWhatItCannotRead) {
-    Reader reader;
-    ASSERT_EQ(endpoint.subscribe(&reader, 1), Error::SUCCESS);
-    deliver("x");
-    script_->deliver("a/b", "{");
-    letTheStepEnd();
-    EXPECT_THAT(reader.told(), ElementsAre("x 1"));
-    EXPECT_EQ(endpoint.value.id, "x");
-}
-
-TEST_F(ATypedEndpoint, RefusesToTellWithoutItsLock) {
+TEST_F(ATypedEndpoint, RefusesToNotifyWithoutItsLock) {
     struct Probe : MqttData<Link> {
         using MqttData<Link>::MqttData;
         using MqttData<Link>::notify;
     };
-    Reader reader;
+    LinkRecorder recorder;
     Probe probe(*client_, "c");
-    probe.subscriber = &reader;
+    probe.subscriber = &recorder;
     Lock lock(probe.mutex(), std::defer_lock);
     try {
         probe.notify(false, 1, lock);
-        ADD_FAILURE() << "nothing was raised";
+        ADD_FAILURE() << "nothing was thrown";
     } catch (std::system_error const& error) {
         EXPECT_EQ(error.code(), std::errc::operation_not_permitted);
     }
-    EXPECT_THAT(reader.told(), IsEmpty());
+    EXPECT_THAT(recorder.calls(), IsEmpty());
     probe.subscriber = nullptr;
+}
+
+// Copies
+
+TEST_F(ATypedEndpoint, CopiedKeepsValueAndSubscriberAndSubscribesAsIdentifierZero) {
+    LinkRecorder recorder;
+    endpoint.value.id = "x";
+    {
+        MqttData<Link> unsubscribed(endpoint);
+        EXPECT_EQ(unsubscribed.value.id, "x");
+        EXPECT_EQ(unsubscribed.unsubscribe(), Error::NOT_FOUND);
+    }
+    ASSERT_EQ(endpoint.subscribe(&recorder, 7), Error::SUCCESS);
+    MqttData<Link> const copy(endpoint);
+    EXPECT_EQ(copy.subscriber, &recorder);
+    deliver("y");
+    EXPECT_THAT(recorder.calls(), ElementsAre("y 7", "y 0"));
+    EXPECT_EQ(copy.value.id, "y");
+}
+
+TEST_F(ATypedEndpoint, CopiedSubscribesTheCopyWhenThatIsComplete) {
+    MqttData<Traced> original(*client_, "a/b");
+    ASSERT_EQ(original.subscribe(nullptr, 0), Error::SUCCESS);
+    Traced::events.clear();
+    script_->setHook(Operation::SUBSCRIBE, [](auto const&) {
+        Traced::events.emplace_back("subscribed");
+        return std::optional<int>();
+    });
+    MqttData<Traced> const copy(original);
+    EXPECT_THAT(Traced::events, ElementsAre("value copied", "subscribed"));
+    script_->setHook(Operation::SUBSCRIBE, {});
+}
+
+TEST_F(ATypedEndpoint, IsNotCopiedWhileItsValueIsWritten) {
+    Lock lock(endpoint.mutex());
+    Watched<bool> copied;
+    auto copying = std::async(std::launch::async, [&] {
+        MqttData<Link> const copy(endpoint);
+        support::set(copied);
+        return copy.value.id;
+    });
+    endpoint.value.id = "half";
+    EXPECT_FALSE(copied.waitFor(isSet, NOTICEABLE_WAIT));
+    endpoint.value.id = "whole";
+    lock.unlock();
+    EXPECT_EQ(copying.get(), "whole");
+}
+
+TEST_F(ATypedEndpoint, CopiesACollectionToo) {
+    mqtt::MqttDataCollection<Link> original(*client_, "c");
+    ASSERT_EQ(original.subscribe(nullptr, 0), Error::SUCCESS);
+    original.value.push_back({"x"});
+    mqtt::MqttDataCollection<Link> const copy(original);
+    EXPECT_THAT(copy.value, SizeIs(1));
+    script_->deliver("c", R"({"members@count": 0, "members": []})");
+    letTheStepEnd();
+    EXPECT_THAT(copy.value, IsEmpty());
+}
+
+// The end
+
+TEST_F(ATypedEndpoint, DestroyedOrReleasedIsNotRegisteredAnyMore) {
+    LinkRecorder recorder;
+    {
+        MqttData<Link> passing(*client_, "a/b");
+        ASSERT_EQ(passing.subscribe(&recorder, 1), Error::SUCCESS);
+        ASSERT_EQ(passing.subscribe(&recorder, 2), Error::SUCCESS);
+    }
+    EXPECT_THAT(script_->calls(Operation::UNSUBSCRIBE), SizeIs(1));
+    ASSERT_EQ(endpoint.subscribe(&recorder, 3), Error::SUCCESS);
+    endpoint.release();
+    EXPECT_THAT(script_->calls(Operation::UNSUBSCRIBE), SizeIs(2));
+    deliver("x");
+    EXPECT_THAT(recorder.calls(), IsEmpty());
+}
+
+TEST_F(ATypedEndpoint, MayBeDestroyedByItsOwnSubscriber) {
+    std::unique_ptr<MqttData<Link>> passing;
+    std::string seen;
+    LinkRecorder recorder([&](Link const& link) {
+        passing.reset();
+        seen = link.id;
+    });
+    LinkRecorder other;
+    ASSERT_EQ(endpoint.subscribe(&other, 2), Error::SUCCESS);
+    passing = std::make_unique<MqttData<Link>>(*client_, "a/b");
+    ASSERT_EQ(passing->subscribe(&recorder, 1), Error::SUCCESS);
+    ASSERT_EQ(passing->subscribe(&recorder, 1), Error::SUCCESS);
+    deliver("x");
+    EXPECT_EQ(passing, nullptr);
+    EXPECT_EQ(seen, "x");
+    deliver("y");
+    EXPECT_THAT(recorder.calls(), ElementsAre("x 1"));
+    EXPECT_THAT(other.calls(), ElementsAre("x 2", "y 2"));
+}
+
+TEST_F(ATypedEndpoint, DestroyedOnAnotherThreadWaitsForTheCallUnderWay) {
+    Watched<bool> entered;
+    Watched<bool> destroyed;
+    std::atomic<bool> left{false};
+    LinkRecorder recorder([&](Link const&) {
+        support::set(entered);
+        EXPECT_FALSE(destroyed.waitFor(isSet, NOTICEABLE_WAIT));
+        left = true;
+    });
+    auto passing = std::make_unique<MqttData<Link>>(*client_, "a/b");
+    ASSERT_EQ(passing->subscribe(&recorder, 1), Error::SUCCESS);
+    script_->deliver("a/b", R"({"@id": "x"})");
+    ASSERT_TRUE(entered.waitFor(isSet));
+    passing.reset();
+    EXPECT_TRUE(left);
+    support::set(destroyed);
+    deliver("y");
+    EXPECT_THAT(recorder.calls(), ElementsAre("x 1"));
 }
 
 } // namespace

@@ -1,4 +1,4 @@
-// What a typed value costs in allocations, on its way in and on its way out.
+// How many allocations a typed value takes on its way in and on its way out.
 
 #include "client/receiving_client.hpp"
 
@@ -15,7 +15,7 @@ namespace {
 using mqtt::Topic;
 
 template <class T>
-struct Taker final : mqtt::MqttData<T>::Subscriber {
+struct CountingSubscriber final : mqtt::MqttData<T>::Subscriber {
     void onMqttData(T const& /*value*/, bool /*empty*/, int /*id*/) override { ++values; }
     unsigned values = 0;
 };
@@ -25,36 +25,30 @@ protected:
     template <class T>
     std::size_t allocationsToReceiveValue(T const& value) {
         mqtt::MqttData<T> endpoint(*client_, Topic("plant/hall/device"));
-        Taker<T> taker;
-        EXPECT_EQ(endpoint.subscribe(&taker, 0), mqtt::MqttClient::Error::SUCCESS);
+        CountingSubscriber<T> subscriber;
+        EXPECT_EQ(endpoint.subscribe(&subscriber, 0), mqtt::MqttClient::Error::SUCCESS);
         std::string payload;
         mqtt::MqttData<T>::serialize(endpoint.topicBase(), payload, value);
         auto const result = allocationsToReceive(endpoint.topicBase().text(), payload);
-        EXPECT_EQ(taker.values, 2U);
+        EXPECT_EQ(subscriber.values, 2U);
         return result;
     }
 };
 
 std::string const LONG_TEXT(100, 'x');
 
-TEST_F(AValue, ArrivesWithOneAllocationForItsPayload) {
+TEST_F(AValue, ArrivesWithOneAllocationForItsPayloadAndOneForEachLongTextOfTheCopy) {
     conv::CommunicationStatus const status{conv::ComState::CONNECTED, conv::UnixTime(1.5)};
     EXPECT_LE(allocationsToReceiveValue(status), 1U);
     EXPECT_LE(allocationsToReceiveValue(conv::ServiceStatus{1, 3}), 1U);
     EXPECT_LE(allocationsToReceiveValue(mqtt::Link{"a/b"}), 1U);
-    EXPECT_LE(allocationsToReceiveValue(conv::Identification()), 1U);
-}
-
-TEST_F(AValue, ArrivesWithThoseOfTheTextsInTheCopyForItsListener) {
     EXPECT_LE(allocationsToReceiveValue(mqtt::Link{LONG_TEXT}), 1U + 1U);
     conv::Identification identification;
+    EXPECT_LE(allocationsToReceiveValue(identification), 1U);
     identification.name = LONG_TEXT;
     identification.location = LONG_TEXT;
     EXPECT_LE(allocationsToReceiveValue(identification), 1U + 2U);
-}
-
-TEST_F(AValue, ArrivesWithTwoMoreForTheElementsOfACollection) {
-    // Payload, the text of all elements and that of one; array and texts of the copy.
+    // A collection: the payload, the text of all elements and that of one; the copy's array, texts.
     EXPECT_LE(allocationsToReceiveValue(std::vector<mqtt::Link>(10, {LONG_TEXT})), 3U + 1U + 10U);
 }
 
@@ -71,8 +65,7 @@ TEST_F(AValue, LeavesWithThoseOfItsTopicAndItsPayload) {
     endpoint.publish();
     support::AllocationCount const count;
     endpoint.publish();
-    // Text and levels of the topic; the payload.
-    EXPECT_LE(count.value(), 3U);
+    EXPECT_LE(count.value(), 3U); // text and levels of the topic; the payload
 }
 
 } // namespace

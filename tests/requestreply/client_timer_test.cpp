@@ -1,9 +1,9 @@
-// The client and its timer, in moments that are rare with a real one.
+// The client with a timer that expires when the test says so.
 
-#include "requestreply/client_frame.hpp"
-#include "requestreply/sleeper.hpp"
-#include "support/hand_driven_timer.hpp"
-#include "support/leaping_clock.hpp"
+#include "requestreply/blocking_thread.hpp"
+#include "requestreply/client_fixture.hpp"
+#include "support/adjustable_clock.hpp"
+#include "support/manual_timer.hpp"
 #include "support/temp_dir.hpp"
 
 #include <array>
@@ -21,60 +21,49 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
 
-constexpr auto WITHOUT_LIMIT = UINT32_MAX;
-
-class AClientWithATimerInOurHand : public ClientOnABroker {
+class AClientWithAHandDrivenTimer : public ClientOnABroker {
 protected:
-    AClientWithATimerInOurHand() { hand_driven_timer::reset(); }
-    ~AClientWithATimerInOurHand() override { hand_driven_timer::reset(); }
+    AClientWithAHandDrivenTimer() { manual_timer::reset(); }
+    ~AClientWithAHandDrivenTimer() override { manual_timer::reset(); }
 };
 
-TEST_F(AClientWithATimerInOurHand, ArmsItForTheTimeOutInMilliseconds) {
-    for (std::uint32_t const timeout : {0U, 1U, 3600U, WITHOUT_LIMIT - 1}) {
+TEST_F(AClientWithAHandDrivenTimer, ArmsItForTheTimeOutInMilliseconds) {
+    for (std::uint32_t const timeout : {0U, 1U, 3600U, NO_TIME_LIMIT - 1}) {
         ASSERT_EQ(request(timeout), Code::PENDING);
-        auto const record = hand_driven_timer::record();
+        auto const record = manual_timer::record();
         EXPECT_TRUE(record.armed);
         EXPECT_FALSE(record.once);
         EXPECT_EQ(record.period, seconds(timeout));
         client->cancel();
-        EXPECT_FALSE(hand_driven_timer::record().armed);
+        EXPECT_FALSE(manual_timer::record().armed);
     }
 }
 
-TEST_F(AClientWithATimerInOurHand, ArmsNothingWithoutLimit) {
-    ASSERT_EQ(request(WITHOUT_LIMIT), Code::PENDING);
-    EXPECT_EQ(hand_driven_timer::record().restarts, 0);
-}
-
-TEST_F(AClientWithATimerInOurHand, ArmsNothingWhenItWaitsItself) {
+TEST_F(AClientWithAHandDrivenTimer, ArmsItForNoOtherRequest) {
     EXPECT_EQ(requestWait(1), Code::TIMEOUT);
-    EXPECT_EQ(hand_driven_timer::record().restarts, 0);
     EXPECT_THAT(seen(), SizeIs(1)) << "only the request, and no time-out reply";
-}
-
-TEST_F(AClientWithATimerInOurHand, ArmsNothingForWhatItRefuses) {
-    ASSERT_EQ(request(WITHOUT_LIMIT), Code::PENDING);
+    ASSERT_EQ(request(NO_TIME_LIMIT), Code::PENDING);
     EXPECT_EQ(request(1), Code::BUSY);
     client->terminate();
     EXPECT_EQ(request(1), Code::CANCELLED);
-    EXPECT_EQ(hand_driven_timer::record().restarts, 0);
-    EXPECT_EQ(hand_driven_timer::record().terminations, 1);
+    EXPECT_EQ(manual_timer::record().restarts, 0);
+    EXPECT_EQ(manual_timer::record().terminations, 1);
 }
 
-TEST_F(AClientWithATimerInOurHand, StopsItWithTheReply) {
+TEST_F(AClientWithAHandDrivenTimer, StopsItWithTheReply) {
     ASSERT_EQ(request(), Code::PENDING);
     reply(replyText(requestId, 1));
     ASSERT_TRUE(recorder.waitForCount(1));
-    EXPECT_FALSE(hand_driven_timer::record().armed);
+    EXPECT_FALSE(manual_timer::record().armed);
 }
 
-TEST_F(AClientWithATimerInOurHand, PublishesNoTimeOutReplyOfTheNextRequest) {
+TEST_F(AClientWithAHandDrivenTimer, PublishesNoTimeOutReplyForTheNextRequest) {
     ASSERT_EQ(request(0), Code::PENDING);
     client->cancel();
-    for (std::uint32_t const timeout : {AN_HOUR, WITHOUT_LIMIT}) {
+    for (std::uint32_t const timeout : {LONG_TIMEOUT_S, NO_TIME_LIMIT}) {
         ASSERT_EQ(request(timeout), Code::PENDING);
-        // Of the first request: the timer's thread was slow.
-        hand_driven_timer::expire();
+        // The late expiry of the first request.
+        manual_timer::expire();
         receiveAll();
         EXPECT_EQ(request(), Code::BUSY);
         client->cancel();
@@ -85,11 +74,11 @@ TEST_F(AClientWithATimerInOurHand, PublishesNoTimeOutReplyOfTheNextRequest) {
     EXPECT_THAT(recorder.errors(), ElementsAre(Code::CANCELLED, Code::CANCELLED, Code::CANCELLED));
 }
 
-TEST_F(AClientWithATimerInOurHand, IgnoresTheLateTimeOutReplyOfAnEarlierRequest) {
+TEST_F(AClientWithAHandDrivenTimer, IgnoresTheLateTimeOutReplyOfAnEarlierRequest) {
     ASSERT_EQ(request(0), Code::PENDING);
     auto const first = requestId;
     client->cancel();
-    hand_driven_timer::expire();
+    manual_timer::expire();
     ASSERT_EQ(request(), Code::PENDING);
     reply(replyText(first, 3));
     receiveAll();
@@ -99,11 +88,11 @@ TEST_F(AClientWithATimerInOurHand, IgnoresTheLateTimeOutReplyOfAnEarlierRequest)
     EXPECT_THAT(recorder.errors(), ElementsAre(Code::CANCELLED, Code::SUCCESS));
 }
 
-TEST_F(AClientWithATimerInOurHand, QueuesOneTimeOutReplyWithoutAConnection) {
+TEST_F(AClientWithAHandDrivenTimer, QueuesOneTimeOutReplyWithoutAConnection) {
     ASSERT_EQ(mqtt->disconnect(30), mqtt::MqttClient::Error::SUCCESS);
     ASSERT_EQ(request(0), Code::PENDING);
     for (int expiry = 0; expiry < 5; ++expiry) {
-        hand_driven_timer::expire();
+        manual_timer::expire();
     }
     EXPECT_THAT(recorder.calls(), IsEmpty());
     ASSERT_EQ(mqtt->connect("", -1, 30), mqtt::MqttClient::Error::SUCCESS);
@@ -112,8 +101,8 @@ TEST_F(AClientWithATimerInOurHand, QueuesOneTimeOutReplyWithoutAConnection) {
     EXPECT_THAT(seen(), SizeIs(2)) << "the request and its time-out reply";
 }
 
-/// The broker denies the topics, but says nothing of it.
-class ADeniedRequest : public AClientWithATimerInOurHand {
+/// The broker denies the topics without an error.
+class ADeniedRequest : public AClientWithAHandDrivenTimer {
 protected:
     ADeniedRequest() {
         support::BrokerOptions options;
@@ -124,7 +113,7 @@ protected:
         client.reset();
         mqtt = support::testClient(*denying);
         client = makeClient();
-        hand_driven_timer::reset();
+        manual_timer::reset();
     }
     ~ADeniedRequest() override {
         client.reset();
@@ -135,115 +124,115 @@ protected:
     std::unique_ptr<support::Broker> denying;
 };
 
-TEST_F(ADeniedRequest, EndsAfterTwoTimeOutRepliesInVain) {
+TEST_F(ADeniedRequest, EndsAfterTwoTimeOutRepliesThatDoNotComeBack) {
     ASSERT_EQ(request(0), Code::PENDING);
-    hand_driven_timer::expire();
-    EXPECT_EQ(hand_driven_timer::record().period, seconds(1));
-    EXPECT_TRUE(hand_driven_timer::record().armed);
-    hand_driven_timer::expire();
-    EXPECT_EQ(requestWait(), Code::BUSY) << "the second one is still to come back";
-    hand_driven_timer::expire();
-    hand_driven_timer::expire();
+    manual_timer::expire();
+    EXPECT_EQ(manual_timer::record().period, seconds(1));
+    EXPECT_TRUE(manual_timer::record().armed);
+    manual_timer::expire();
+    EXPECT_EQ(requestWait(), Code::BUSY) << "the second time-out reply may still come back";
+    manual_timer::expire();
+    manual_timer::expire();
     ASSERT_THAT(recorder.calls(), SizeIs(1));
     EXPECT_EQ(recorder.calls()[0].error, Code::TIMEOUT);
     EXPECT_EQ(recorder.calls()[0].data, replyData.get());
     EXPECT_EQ(recorder.calls()[0].thread, std::this_thread::get_id());
-    EXPECT_FALSE(hand_driven_timer::record().armed);
+    EXPECT_FALSE(manual_timer::record().armed);
     EXPECT_EQ(request(), Code::PENDING);
 }
 
 TEST_F(ADeniedRequest, StaysPendingWhileThereIsNoConnection) {
     ASSERT_EQ(request(0), Code::PENDING);
-    hand_driven_timer::expire();
-    hand_driven_timer::expire();
+    manual_timer::expire();
+    manual_timer::expire();
     ASSERT_EQ(mqtt->disconnect(30), mqtt::MqttClient::Error::SUCCESS);
-    hand_driven_timer::expire();
+    manual_timer::expire();
     EXPECT_THAT(recorder.calls(), IsEmpty());
     ASSERT_EQ(mqtt->connect("", -1, 30), mqtt::MqttClient::Error::SUCCESS);
-    hand_driven_timer::expire();
+    manual_timer::expire();
     EXPECT_THAT(recorder.errors(), ElementsAre(Code::TIMEOUT));
 }
 
-TEST_F(AClientWithATimerInOurHand, EndsARequestToATopicThatCannotBeWhenItsTimeIsOver) {
+TEST_F(AClientWithAHandDrivenTimer, EndsARequestToAnInvalidTopicAfterItsTimeout) {
     for (bool const connected : {true, false}) {
-        client = makeClient("+"); // and "+??" is no topic
+        client = makeClient("+"); // "+??" is no valid topic
         if (!connected) {
             ASSERT_EQ(mqtt->disconnect(30), mqtt::MqttClient::Error::SUCCESS);
         }
         ReplyRecorder ending;
         ASSERT_EQ(client->request(&ending, id, Uuid::NIL, nullptr, nullptr, nullptr, 0),
                   Code::PENDING);
-        hand_driven_timer::expire();
+        manual_timer::expire();
         EXPECT_THAT(ending.errors(), ElementsAre(Code::TIMEOUT)) << connected;
         client.reset();
     }
     EXPECT_THAT(peer.messages(), IsEmpty());
 }
 
-// Long enough for a reply to come first, also on a busy machine; nobody waits that long.
-constexpr unsigned PATIENCE_OF_THE_WAITER = 25; // seconds
+/// Long enough for the reply to come first, also on a busy machine. The clock leaps over it.
+constexpr unsigned WAIT_S = 25;
 
-/// Lets the deadline of the one who waits pass within the end of a request, of which nobody can
-/// know before.
-void endTheRequestUntilTheWaiterIsLate() {
-    hand_driven_timer::onStop([] {
-        leaping_clock::leap(seconds(PATIENCE_OF_THE_WAITER));
-        hand_driven_timer::onStop(nullptr);
+/// Lets the deadline of a waiting thread pass while the request is being ended.
+void passTheDeadlineWhileTheRequestEnds() {
+    manual_timer::onStop([] {
+        adjustable_clock::advance(seconds(WAIT_S));
+        manual_timer::onStop(nullptr);
     });
 }
 
-TEST_F(AClientWithATimerInOurHand, TellsWaiterAndListenerDifferentThingsWhenTheWaiterIsLate) {
-    ASSERT_EQ(request(WITHOUT_LIMIT), Code::PENDING);
+TEST_F(AClientWithAHandDrivenTimer, ReportsTimeoutToALateWaiterAndTheReplyToTheListener) {
+    ASSERT_EQ(request(NO_TIME_LIMIT), Code::PENDING);
     Code result = Code::NONE;
-    Sleeper waiter([&] { result = client->waitEndOfRequest(PATIENCE_OF_THE_WAITER); });
-    ASSERT_TRUE(waiter.fallsAsleep());
-    endTheRequestUntilTheWaiterIsLate();
+    BlockingThread waiter([&] { result = client->waitEndOfRequest(WAIT_S); });
+    ASSERT_TRUE(waiter.isBlocked());
+    passTheDeadlineWhileTheRequestEnds();
     reply(replyText(requestId, 17));
     waiter.join();
     EXPECT_EQ(result, Code::TIMEOUT);
     ASSERT_TRUE(recorder.waitForCount(1));
-    EXPECT_THAT(recorder.errors(), ElementsAre(FAILURE_OF_THE_SERVICE));
-    EXPECT_EQ(client->waitEndOfRequest(AN_HOUR), Code::TIMEOUT) << "as the last wait said";
+    EXPECT_THAT(recorder.errors(), ElementsAre(SERVICE_ERROR));
+    EXPECT_EQ(client->waitEndOfRequest(LONG_TIMEOUT_S), Code::TIMEOUT)
+        << "as the last wait returned";
 }
 
-TEST_F(AClientWithATimerInOurHand, TellsThePatientWhatTheReplySaysWhenAnotherWaiterIsLate) {
-    ASSERT_EQ(request(WITHOUT_LIMIT), Code::PENDING);
+TEST_F(AClientWithAHandDrivenTimer, ReportsTheReplyToTheOtherWaitersOfALateOne) {
+    ASSERT_EQ(request(NO_TIME_LIMIT), Code::PENDING);
     std::array<Code, 8> results{};
-    std::deque<Sleeper> waiters;
-    waiters.emplace_back([&] { client->waitEndOfRequest(PATIENCE_OF_THE_WAITER); });
+    std::deque<BlockingThread> waiters;
+    waiters.emplace_back([&] { client->waitEndOfRequest(WAIT_S); });
     for (auto& result : results) {
-        waiters.emplace_back([&] { result = client->waitEndOfRequest(WITHOUT_LIMIT); });
+        waiters.emplace_back([&] { result = client->waitEndOfRequest(NO_TIME_LIMIT); });
     }
     for (auto const& waiter : waiters) {
-        ASSERT_TRUE(waiter.fallsAsleep());
+        ASSERT_TRUE(waiter.isBlocked());
     }
-    endTheRequestUntilTheWaiterIsLate();
+    passTheDeadlineWhileTheRequestEnds();
     reply(replyText(requestId, 17));
     waiters.clear();
-    EXPECT_THAT(results, Each(FAILURE_OF_THE_SERVICE));
+    EXPECT_THAT(results, Each(SERVICE_ERROR));
 }
 
-TEST_F(AClientWithATimerInOurHand, LeavesTheNextRequestToItselfWhenTheWaitersAreLate) {
+TEST_F(AClientWithAHandDrivenTimer, DoesNotEndTheNextRequestForLateWaiters) {
     ReplyRecorder next;
     unsigned int nextId = 0;
-    ReplyRecorder first([&](Call const&) {
-        EXPECT_EQ(client->request(&next, id, Uuid::NIL, nullptr, replyData, &nextId, WITHOUT_LIMIT),
+    ReplyRecorder first([&](ReplyCall const&) {
+        EXPECT_EQ(client->request(&next, id, Uuid::NIL, nullptr, replyData, &nextId, NO_TIME_LIMIT),
                   Code::PENDING);
     });
-    // However this ends: the client tells nobody who is gone.
+    // Also when an assertion fails: the client must not call a listener that is gone.
     std::shared_ptr<void> const end(nullptr, [&](auto) { client.reset(); });
-    ASSERT_EQ(client->request(&first, id, Uuid::NIL, nullptr, replyData, &requestId, WITHOUT_LIMIT),
+    ASSERT_EQ(client->request(&first, id, Uuid::NIL, nullptr, replyData, &requestId, NO_TIME_LIMIT),
               Code::PENDING);
-    // Many, or the only one might get to know of the end before the next request is made.
+    // Several, because one alone may wake up before the next request is made.
     std::array<Code, 8> results{};
-    std::deque<Sleeper> waiters;
+    std::deque<BlockingThread> waiters;
     for (auto& result : results) {
-        waiters.emplace_back([&] { result = client->waitEndOfRequest(PATIENCE_OF_THE_WAITER); });
+        waiters.emplace_back([&] { result = client->waitEndOfRequest(WAIT_S); });
     }
     for (auto const& waiter : waiters) {
-        ASSERT_TRUE(waiter.fallsAsleep());
+        ASSERT_TRUE(waiter.isBlocked());
     }
-    endTheRequestUntilTheWaiterIsLate();
+    passTheDeadlineWhileTheRequestEnds();
     reply(replyText(requestId, 17));
     waiters.clear();
     EXPECT_THAT(results, Each(Code::TIMEOUT));
@@ -252,7 +241,7 @@ TEST_F(AClientWithATimerInOurHand, LeavesTheNextRequestToItselfWhenTheWaitersAre
     requestId = idIn(peer.payloads()[2]);
     reply(replyText(requestId, 1));
     ASSERT_TRUE(next.waitForCount(1));
-    EXPECT_THAT(first.errors(), ElementsAre(FAILURE_OF_THE_SERVICE));
+    EXPECT_THAT(first.errors(), ElementsAre(SERVICE_ERROR));
     EXPECT_THAT(next.errors(), ElementsAre(Code::SUCCESS));
 }
 

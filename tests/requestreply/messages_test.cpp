@@ -1,31 +1,138 @@
-#include "read_messages.hpp"
-#include "sample_data.hpp"
+// What requests and replies look like: codes, topics and documents.
 
-#include <gmock/gmock.h>
+#include "requestreply/endpoint.hpp"
+#include "requestreply/read_messages.hpp"
+#include "requestreply/sample_data.hpp"
+#include "support/test_client.hpp"
 
+#include <ios>
 #include <memory>
+#include <sstream>
+#include <stdexcept>
 #include <string>
 #include <typeinfo>
+#include <utility>
+#include <vector>
 
 namespace {
 
 using mqtt::MqttData;
+using mqtt::Topic;
+using zym::common::Uuid;
 using ErrorCode = mqtt::RequestReply::ErrorCode;
 
-std::string written(Request const& request) {
+TEST(AnErrorCode, HasItsNumberAndName) {
+    std::vector<std::pair<int, std::string>> const names{{0, "NONE"},
+                                                         {1, "SUCCESS"},
+                                                         {2, "NO_SERVER"},
+                                                         {3, "TIMEOUT"},
+                                                         {4, "NO_LISTENER"},
+                                                         {5, "PENDING"},
+                                                         {6, "BUSY"},
+                                                         {7, "CANCELLED"},
+                                                         {8, "UNKNOWN"},
+                                                         {15, "UNKNOWN"},
+                                                         {16, "APPLICATION"},
+                                                         {17, "APPLICATION + 1"},
+                                                         {255, "APPLICATION + 239"}};
+    for (auto const& [code, name] : names) {
+        std::ostringstream out;
+        out << std::hex << static_cast<ErrorCode>(code);
+        EXPECT_EQ(out.str(), name) << code;
+    }
+    EXPECT_EQ(static_cast<int>(ErrorCode::CANCELLED), 7);
+    EXPECT_EQ(static_cast<int>(ErrorCode::APPLICATION), 16);
+}
+
+TEST(ANewReply, IsEmpty) {
+    Reply const reply;
+    expectSame(reply, Request());
+    EXPECT_EQ(reply.requestId, 0U);
+    EXPECT_EQ(reply.data, nullptr);
+    EXPECT_TRUE(reply.clientUuid.isNil());
+    EXPECT_EQ(reply.error, ErrorCode::NONE);
+}
+
+TEST(NoData, IsOneSharedPayload) {
+    ASSERT_NE(mqtt::NO_DATA, nullptr);
+    mqtt::RequestReplyData const& data = *mqtt::NO_DATA;
+    EXPECT_EQ(typeid(data), typeid(mqtt::RequestReplyNoData));
+}
+
+// Topics
+
+class TheTopicsOfARequest : public testing::Test {
+protected:
+    static support::ClientOptions idle() {
+        support::ClientOptions options;
+        options.connect = false;
+        return options;
+    }
+
+    void expectTopics(Topic const& base, Request const& value, std::string const& prefix) {
+        SCOPED_TRACE(prefix);
+        auto const client = CLIENT.base64URL();
+        Endpoint<Request> request(*client_, base);
+        request.value = value;
+        EXPECT_EQ(request.publishTopic(), prefix + "?\?/" + client);
+        EXPECT_EQ(request.subscribeTopic(), prefix + "?\?/+");
+        Endpoint<Reply> reply(*client_, base);
+        reply.value = Reply(value);
+        EXPECT_EQ(reply.publishTopic(), prefix + "?=/" + client);
+        EXPECT_EQ(reply.subscribeTopic(), prefix + "?=/" + client);
+    }
+
+    std::string refusalOf(std::string const& name) {
+        try {
+            mqtt::RequestReply const made(*client_, "x", "y/z", name);
+            EXPECT_EQ(made.name(), name);
+            EXPECT_EQ(made.topic(), "y/z");
+        } catch (std::invalid_argument const& error) {
+            return error.what();
+        }
+        return "accepted";
+    }
+
+    std::unique_ptr<mqtt::MqttClient> client_ = support::testClient("127.0.0.1", 1, idle());
+};
+
+TEST_F(TheTopicsOfARequest, ConsistOfBaseServerSubPathNameAndClient) {
+    EXPECT_STREQ(mqtt::REQUEST_SUFFIX, "?\?");
+    EXPECT_STREQ(mqtt::REPLY_SUFFIX, "?=");
+    auto request = aRequest();
+    expectTopics("svc", request, "svc/" + SERVER.base64URL() + "/time/zone/sync");
+    request.serverUuid = Uuid();
+    expectTopics("svc", request, "svc/time/zone/sync");
+    request.topic = Topic();
+    expectTopics("x", request, "x/sync");
+    expectTopics("", request, "sync");
+    request.name = "a/b";
+    expectTopics("x", request, "x/a/b");
+    request.name = "";
+    expectTopics("x", request, "x/");
+}
+
+TEST_F(TheTopicsOfARequest, HaveANameWithoutOuterSlashes) {
+    for (char const* const name : {"/a", "a/", "/", "//", "/a/b", "a/b/"}) {
+        EXPECT_EQ(refusalOf(name), "Invalid Request/Reply name; should not contain any of '/'.")
+            << name;
+    }
+    for (char const* const name : {"a", "a/b", "a//b", ""}) {
+        EXPECT_EQ(refusalOf(name), "accepted") << name;
+    }
+}
+
+// Writing
+
+template <class Message>
+std::string written(Message const& message) {
     std::string text = "what stood there before";
-    MqttData<Request>::serialize("any", text, request);
+    MqttData<Message>::serialize("any", text, message);
     return text;
 }
 
-std::string written(Reply const& reply) {
-    std::string text = "what stood there before";
-    MqttData<Reply>::serialize("any", text, reply);
-    return text;
-}
-
-/// No payload by descent only: it has a member.
-class SpeakingNoData : public mqtt::RequestReplyNoData {
+/// Derived from the empty payload, but not empty.
+class DerivedNoData : public mqtt::RequestReplyNoData {
 public:
     void deserialize(zym::common::lwjson::Deserializer& in) override { number_.deserialize(in); }
     void serialize(zym::common::lwjson::Serializer& out) const override { number_.serialize(out); }
@@ -35,74 +142,33 @@ private:
     NumberData number_{8};
 };
 
-/// Another name for no payload.
-class SilentNoData : public mqtt::RequestReplyNoData {};
+/// Derived from the empty payload, and empty.
+class EmptyDerivedNoData : public mqtt::RequestReplyNoData {};
 
-TEST(TheSuffixes, AreTwoCharactersLong) {
-    EXPECT_STREQ(mqtt::REQUEST_SUFFIX, "?\?");
-    EXPECT_STREQ(mqtt::REPLY_SUFFIX, "?=");
-}
-
-TEST(TheErrorCodes, HaveTheirNumbers) {
-    EXPECT_EQ(static_cast<int>(ErrorCode::NONE), 0);
-    EXPECT_EQ(static_cast<int>(ErrorCode::SUCCESS), 1);
-    EXPECT_EQ(static_cast<int>(ErrorCode::NO_SERVER), 2);
-    EXPECT_EQ(static_cast<int>(ErrorCode::TIMEOUT), 3);
-    EXPECT_EQ(static_cast<int>(ErrorCode::NO_LISTENER), 4);
-    EXPECT_EQ(static_cast<int>(ErrorCode::PENDING), 5);
-    EXPECT_EQ(static_cast<int>(ErrorCode::BUSY), 6);
-    EXPECT_EQ(static_cast<int>(ErrorCode::CANCELLED), 7);
-    EXPECT_EQ(static_cast<int>(ErrorCode::APPLICATION), 16);
-}
-
-TEST(ANewReply, SaysNothing) {
-    Reply const reply;
-    expectSame(reply, Request());
-    EXPECT_EQ(reply.requestId, 0U);
-    EXPECT_EQ(reply.data, nullptr);
-    EXPECT_TRUE(reply.clientUuid.isNil());
-    EXPECT_EQ(reply.error, ErrorCode::NONE);
-}
-
-TEST(NoData, IsOnePayloadForAllWhoHaveNone) {
-    ASSERT_NE(mqtt::NO_DATA, nullptr);
-    mqtt::RequestReplyData const& data = *mqtt::NO_DATA;
-    EXPECT_EQ(typeid(data), typeid(mqtt::RequestReplyNoData));
-}
-
-TEST(AWrittenRequest, HasItsIdentifierOnly) {
+TEST(AWrittenRequest, HasItsIdentifierAndThenThePayload) {
     Request request;
     request.requestId = 42;
     EXPECT_EQ(written(request), "{\n  \"$reqId\": 42\n}");
     request.data = mqtt::NO_DATA;
     EXPECT_EQ(written(request), "{\n  \"$reqId\": 42\n}");
-}
-
-TEST(AWrittenRequest, HasThePayloadsMembersBehind) {
-    Request request;
-    request.requestId = 42;
-    request.data = std::make_shared<NumberData>(7);
-    EXPECT_EQ(written(request), "{\n  \"$reqId\": 42,\n  \"number\": 7\n}");
-}
-
-TEST(AWrittenRequest, HasAnUnsignedIdentifier) {
-    Request request;
+    request.data = std::make_shared<EmptyDerivedNoData>();
+    EXPECT_EQ(written(request), "{\n  \"$reqId\": 42\n}");
+    request.data = std::make_shared<DerivedNoData>();
+    EXPECT_EQ(written(request), "{\n  \"$reqId\": 42,\n  \"number\": 8\n}");
     request.requestId = 4294967295U;
-    EXPECT_EQ(written(request), "{\n  \"$reqId\": 4294967295\n}");
+    request.data = std::make_shared<NumberData>(7);
+    EXPECT_EQ(written(request), "{\n  \"$reqId\": 4294967295,\n  \"number\": 7\n}");
 }
 
-TEST(AWrittenReply, HasIdentifierAndError) {
+TEST(AWrittenReply, HasIdentifierAndErrorAndThenThePayload) {
     Reply reply;
     reply.requestId = 42;
     reply.error = ErrorCode::NO_LISTENER;
     EXPECT_EQ(written(reply), "{\n  \"$reqId\": 42,\n  \"$err\": 4\n}");
     reply.data = mqtt::NO_DATA;
     EXPECT_EQ(written(reply), "{\n  \"$reqId\": 42,\n  \"$err\": 4\n}");
-}
-
-TEST(AWrittenReply, HasThePayloadsMembersBehind) {
-    Reply reply;
-    reply.requestId = 42;
+    reply.data = std::make_shared<DerivedNoData>();
+    EXPECT_EQ(written(reply), "{\n  \"$reqId\": 42,\n  \"$err\": 4,\n  \"number\": 8\n}");
     reply.error = static_cast<ErrorCode>(200);
     reply.data = std::make_shared<NumberData>(7);
     EXPECT_EQ(written(reply), "{\n  \"$reqId\": 42,\n  \"$err\": 200,\n  \"number\": 7\n}");
@@ -112,7 +178,7 @@ TEST(AWrittenReply, KeepsItsEnvelopeWhateverThePayloadWrites) {
     Reply reply;
     reply.requestId = 42;
     reply.error = static_cast<ErrorCode>(17);
-    reply.data = std::make_shared<MeddlesomeData>();
+    reply.data = std::make_shared<EnvelopeWritingData>();
     auto const text = written(reply);
     EXPECT_EQ(text, "{\n  \"$reqId\": 42,\n  \"$err\": 17,\n  \"$reqId\": 99,\n  \"$err\": 1\n}");
     Reply copy;
@@ -121,84 +187,46 @@ TEST(AWrittenReply, KeepsItsEnvelopeWhateverThePayloadWrites) {
     EXPECT_EQ(copy.error, static_cast<ErrorCode>(17));
 }
 
-TEST(APayloadDerivedFromNoData, IsWritten) {
-    Request request;
-    request.data = std::make_shared<SpeakingNoData>();
-    EXPECT_EQ(written(request), "{\n  \"$reqId\": 0,\n  \"number\": 8\n}");
-    Reply reply(request);
-    EXPECT_EQ(written(reply), "{\n  \"$reqId\": 0,\n  \"$err\": 0,\n  \"number\": 8\n}");
-}
+// Reading
 
-TEST(APayloadDerivedFromNoData, IsRead) {
-    auto const data = std::make_shared<SpeakingNoData>();
-    Request request;
-    request.data = data;
-    read(request, R"({"$reqId": 1, "number": 5})");
-    EXPECT_EQ(data->number(), 5U);
-    Reply reply(request);
-    read(reply, R"({"$reqId": 1, "$err": 1, "number": 6})");
-    EXPECT_EQ(data->number(), 6U);
-}
-
-TEST(APayloadDerivedFromNoData, MayLeaveItAtThat) {
-    Request request;
-    request.data = std::make_shared<SilentNoData>();
-    EXPECT_EQ(written(request), "{\n  \"$reqId\": 0\n}");
-    read(request, R"({"$reqId": 1, "number": 5})");
-    EXPECT_EQ(request.requestId, 1U);
-}
-
-TEST(AReadRequest, TakesClientAndNameFromItsTopic) {
-    Request request;
-    read(request, R"({"$reqId": 4294967295})", "any/where/sync?\?/" + CLIENT_TEXT);
-    EXPECT_EQ(request.clientUuid, CLIENT);
-    EXPECT_EQ(request.name, "sync");
-    EXPECT_EQ(request.requestId, 4294967295U);
-}
-
-TEST(AReadRequest, KeepsSubPathAndServer) {
+TEST(AReadRequest, TakesClientAndNameFromItsTopicAndKeepsTheRest) {
     auto request = aRequest();
-    read(request, R"({"$reqId": 5})");
+    read(request, R"({"$reqId": 4294967295})", "any/where/time?\?/" + CLIENT_TEXT);
+    EXPECT_EQ(request.clientUuid, CLIENT);
+    EXPECT_EQ(request.name, "time");
+    EXPECT_EQ(request.requestId, 4294967295U);
     EXPECT_EQ(request.topic, "time/zone");
     EXPECT_EQ(request.serverUuid, SERVER);
 }
 
 TEST(AReadRequest, LosesTheLastTwoCharactersOfItsNameWhateverTheyAre) {
     Request request;
-    read(request, R"({"$reqId": 5})", "x/abcd/" + CLIENT_TEXT);
-    EXPECT_EQ(request.name, "ab");
-    read(request, R"({"$reqId": 5})", "x/yz/" + CLIENT_TEXT);
-    EXPECT_EQ(request.name, "");
-    read(request, R"({"$reqId": 5})", "n?\?/" + CLIENT_TEXT);
-    EXPECT_EQ(request.name, "n");
+    std::vector<std::pair<std::string, std::string>> const names{
+        {"x/abcd/", "ab"}, {"x/yz/", ""}, {"n?\?/", "n"}};
+    for (auto const& [topic, name] : names) {
+        read(request, R"({"$reqId": 5})", topic + CLIENT_TEXT);
+        EXPECT_EQ(request.name, name);
+    }
 }
 
 TEST(AReadRequest, FillsItsPayload) {
     auto const data = std::make_shared<NumberData>();
     Request request;
     request.data = data;
-    read(request, R"({"number": 5, "$reqId": 6, "unheard of": [{}, null]})");
+    read(request, R"({"number": 5, "$reqId": 6, "unknown": [{}, null]})");
     EXPECT_EQ(data->number, 5U);
     EXPECT_EQ(request.requestId, 6U);
     EXPECT_EQ(request.data, data);
+    read(request, " \t\r\n{\"\\u0024reqId\":7\n,\r\n\t\"number\" : 8 }\r\n ");
+    EXPECT_EQ(data->number, 8U) << "in any layout";
+    EXPECT_EQ(request.requestId, 7U);
+    auto const derived = std::make_shared<DerivedNoData>();
+    request.data = derived;
+    read(request, R"({"$reqId": 1, "number": 9})");
+    EXPECT_EQ(derived->number(), 9U);
 }
 
-TEST(AReadRequest, MayBeLaidOutInAnyWay) {
-    auto const data = std::make_shared<NumberData>();
-    Request request;
-    request.data = data;
-    read(request, " \t\r\n{\"\\u0024reqId\":6\n,\r\n\t\"number\" : 5 }\r\n ");
-    EXPECT_EQ(request.requestId, 6U);
-    EXPECT_EQ(data->number, 5U);
-}
-
-TEST(AReadRequest, IsUnchangedByAnEmptyPayload) {
-    auto request = aRequest();
-    read(request, "", "too short");
-    expectSame(request, aRequest());
-}
-
-TEST(AReadReply, TakesOverIdentifierAndError) {
+TEST(AReadReply, TakesIdentifierErrorAndPayload) {
     auto const data = std::make_shared<NumberData>();
     Reply reply(aRequest());
     reply.data = data;
@@ -210,7 +238,10 @@ TEST(AReadReply, TakesOverIdentifierAndError) {
     EXPECT_EQ(reply.name, "sync");
 }
 
-TEST(AReadReply, IsUnchangedByAnEmptyPayload) {
+TEST(AReadMessage, IsUnchangedByAnEmptyPayload) {
+    auto request = aRequest();
+    read(request, "", "too short");
+    expectSame(request, aRequest());
     Reply reply(aRequest());
     reply.error = ErrorCode::BUSY;
     read(reply, "");
@@ -218,29 +249,23 @@ TEST(AReadReply, IsUnchangedByAnEmptyPayload) {
     EXPECT_EQ(reply.error, ErrorCode::BUSY);
 }
 
-TEST(AReplyWhosePayloadCannotBeRead, StillSaysHowItWent) {
-    auto const data = std::make_shared<NumberData>(9);
+TEST(AReplyWhosePayloadCannotBeRead, StillTakesIdentifierAndError) {
+    auto const number = std::make_shared<NumberData>(9);
     Reply reply;
-    reply.data = data;
+    reply.data = number;
     read(reply, R"({"$reqId": 7, "$err": 3})");
     EXPECT_EQ(reply.requestId, 7U);
     EXPECT_EQ(reply.error, ErrorCode::TIMEOUT);
-    EXPECT_EQ(reply.data, data);
-    EXPECT_EQ(data->number, 9U);
+    EXPECT_EQ(reply.data, number);
     read(reply, R"({"$reqId": 8, "$err": 16, "number": -1})");
     EXPECT_EQ(reply.requestId, 8U);
     EXPECT_EQ(reply.error, ErrorCode::APPLICATION);
-    EXPECT_EQ(data->number, 9U);
-}
-
-TEST(AReplyWithHalfACharacterInItsPayload, StillSaysHowItWent) {
-    auto const data = std::make_shared<TextData>("kept");
-    Reply reply;
-    reply.data = data;
-    read(reply, R"({"$reqId": 7, "$err": 1, "text": "\ud800"})");
-    EXPECT_EQ(reply.requestId, 7U);
-    EXPECT_EQ(reply.error, ErrorCode::SUCCESS);
-    EXPECT_EQ(data->text, "kept");
+    EXPECT_EQ(number->number, 9U);
+    auto const text = std::make_shared<TextData>("kept");
+    reply.data = text;
+    read(reply, R"({"$reqId": 9, "$err": 1, "text": "\ud800"})");
+    EXPECT_EQ(reply.requestId, 9U);
+    EXPECT_EQ(text->text, "kept");
 }
 
 } // namespace

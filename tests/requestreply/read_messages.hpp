@@ -9,13 +9,15 @@
 using Request = mqtt::RequestReply::Request;
 using Reply = mqtt::RequestReply::Reply;
 
+// Reads messages without a client.
+
 inline zym::common::Uuid const CLIENT(1);
 inline zym::common::Uuid const SERVER(2);
 inline std::string const CLIENT_TEXT = "AAAAAAAAAAAAAAAAAAAAAQ";
-inline std::string const ENDPOINT = "x/n?\?/" + CLIENT_TEXT;
+inline std::string const REQUEST_TOPIC = "x/n?\?/" + CLIENT_TEXT;
 
 inline void read(Request& request, std::string const& payload,
-                 mqtt::Topic const& topic = ENDPOINT) {
+                 mqtt::Topic const& topic = REQUEST_TOPIC) {
     mqtt::MqttData<Request>::deserialize(topic, payload, payload.empty(), request);
 }
 

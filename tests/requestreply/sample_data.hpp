@@ -37,8 +37,8 @@ public:
     std::string text;
 };
 
-/// Takes itself for part of the envelope.
-class MeddlesomeData : public mqtt::RequestReplyData {
+/// Writes members with the names of the envelope's.
+class EnvelopeWritingData : public mqtt::RequestReplyData {
 public:
     void deserialize(zym::common::lwjson::Deserializer& /*in*/) override {}
     void serialize(zym::common::lwjson::Serializer& out) const override {

@@ -1,5 +1,5 @@
-// The program's own operators for memory, which count. In the place of the standard ones in the
-// whole program, the shared libraries included.
+// Operators for memory that count. They replace the standard ones in the whole program, the shared
+// libraries included.
 
 #include "support/allocations.hpp"
 
@@ -9,8 +9,14 @@
 namespace {
 
 void* allocate(std::size_t size) {
-    if (support::countingAllocations && ++support::allocations == support::failingAllocation) {
-        support::interrupt();
+    using namespace support;
+    if (countingAllocations) {
+        if (refusesMemory != nullptr && refusesMemory()) {
+            throw std::bad_alloc();
+        }
+        if (++allocations == failingAllocation) {
+            interrupt();
+        }
     }
     void* const result = std::malloc(size == 0 ? 1 : size);
     if (result == nullptr) {
@@ -19,22 +25,14 @@ void* allocate(std::size_t size) {
     return result;
 }
 
-void* allocateUnlessRefused(std::size_t size) {
-    if (support::countingAllocations && support::refusesMemory != nullptr
-        && support::refusesMemory()) {
-        throw std::bad_alloc();
-    }
-    return allocate(size);
-}
-
 } // namespace
 
 void* operator new(std::size_t size) {
-    return allocateUnlessRefused(size);
+    return allocate(size);
 }
 
 void* operator new[](std::size_t size) {
-    return allocateUnlessRefused(size);
+    return allocate(size);
 }
 
 void operator delete(void* memory) noexcept {

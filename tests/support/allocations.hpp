@@ -6,17 +6,16 @@
 
 namespace support {
 
-/// How often this thread has asked for memory, in programs that have `allocations.cpp` among
-/// their sources; in others it stays 0.
+/// The number of allocations of this thread, in programs that have `allocations.cpp` among their
+/// sources; in others it stays 0.
 inline thread_local std::size_t allocations = 0;
 inline thread_local bool countingAllocations = true;
-/// When `allocations` gets there, there is no memory.
+/// The allocation with this number fails; 0: none.
 inline thread_local std::size_t failingAllocation = 0;
-/// Where it is set, it is asked at each allocation that counts: whether there is no memory.
-inline bool (*refusesMemory)() = nullptr;
-
-/// What happens then instead, unless null.
+/// Called in place of the failure, unless null.
 inline thread_local std::function<void()> const* interruption = nullptr;
+/// Unless null, asked at each counted allocation of any thread whether it fails.
+inline bool (*refusesMemory)() = nullptr;
 
 /// The allocations of this thread since this was made.
 class AllocationCount {
@@ -27,7 +26,7 @@ private:
     std::size_t before_ = allocations;
 };
 
-/// Takes what a stand-in needs for itself out of the count.
+/// Leaves the allocations of this scope out of the count: those of test code.
 class UncountedAllocations {
 public:
     UncountedAllocations() { countingAllocations = false; }
@@ -39,7 +38,7 @@ private:
     bool before_ = countingAllocations; // initialised before the body changes it
 };
 
-/// Lets one allocation of this thread fail: the next one for 1, and so on.
+/// Lets one allocation of this thread fail: 1 is the next one.
 class FailingAllocation {
 public:
     explicit FailingAllocation(std::size_t which) { failingAllocation = allocations + which; }
@@ -58,8 +57,8 @@ inline void interrupt() {
     (*interruption)();
 }
 
-/// Does something in the middle of one allocation of this thread, as another thread might: there
-/// are allocations between most statements.
+/// Calls a function within one allocation of this thread, as if another thread ran at that point:
+/// there are allocations between most statements.
 class InterruptedAllocation {
 public:
     InterruptedAllocation(std::size_t which, std::function<void()> call)
@@ -78,9 +77,9 @@ private:
 };
 
 /// Calls the action with its first allocation failing, then with its second one, and so on, until
-/// none is left to fail. @return how often it failed
+/// it succeeds; after each failure calls `check(number)`. @return the number of failures
 template <class Action, class Check>
-unsigned failEverywhere(Action const& action, Check const& check) {
+unsigned failEachAllocation(Action const& action, Check const& check) {
     for (unsigned which = 1;; ++which) {
         try {
             FailingAllocation const failing(which);

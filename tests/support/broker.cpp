@@ -9,10 +9,8 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include <filesystem>
 #include <fstream>
 #include <iostream>
-#include <sstream>
 #include <stdexcept>
 
 namespace support {
@@ -34,18 +32,17 @@ std::string userName() {
     return user ? user->pw_name : "root";
 }
 
-/// Whether a broker answers CONNECT. An accepted connection proves less: the kernel accepts for
-/// a process that has only just begun to listen, and is not yet ready for its signals.
+/// Whether a broker answers CONNECT. An accepted connection proves less: the kernel accepts
+/// connections for a process that listens but does not handle signals yet.
 bool answers(int port) {
     FileDescriptor const socket = connectTo(port);
     std::string const connect("\x10\x0c\0\4MQTT\4\2\0\x3c\0\0", 14);
-    std::string const disconnect("\xe0\0", 2);
     if (!socket.valid() || !sendAll(socket, connect)) {
         return false;
     }
     pollfd answer{socket.get(), POLLIN, 0};
     bool const answered = poll(&answer, 1, 1000) == 1;
-    sendAll(socket, disconnect);
+    sendAll(socket, std::string("\xe0\0", 2)); // DISCONNECT
     return answered;
 }
 
@@ -53,7 +50,7 @@ bool answers(int port) {
 
 Broker::Broker(Options const& options)
     : lease_(options.port == 0 ? PortLease() : PortLease(options.port)),
-      lastWords_([this](std::ostream& out) { speakLastWords(out); }) {
+      hangHandler_([this](std::ostream& out) { handleHang(out); }) {
     writeConfiguration(options);
     start();
 }
@@ -96,7 +93,7 @@ void Broker::start() {
     }
 }
 
-/// Tries again while the port is taken: someone else may just have probed it.
+/// Tries again while the port is taken: another test may just have probed it.
 bool Broker::isUp() {
     if (process_ && process_->ended()) {
         process_.reset();
@@ -123,14 +120,14 @@ void Broker::resume() {
     process_->resume();
 }
 
-void Broker::writeConfiguration(Options const& options) {
+void Broker::writeConfiguration(Options const& options) const {
     std::ofstream file(directory_.file("broker.conf"));
     file << "listener " << port() << " 127.0.0.1\n";
     if (options.unixSocket) {
         file << "listener 0 " << socketPath() << "\n";
     }
-    // Without a user named here, root's broker changes its identity, and with it loses the
-    // signal that ends it together with us.
+    // Without this user a broker started by root changes its identity, and with it loses the
+    // signal that ends it together with this process.
     file << "allow_anonymous true\n"
          << "user " << userName() << "\n"
          << "log_dest stderr\nlog_type all\nlog_timestamp_format %H:%M:%S\n"
@@ -144,12 +141,6 @@ void Broker::writeConfiguration(Options const& options) {
     }
 }
 
-std::string Broker::log() const {
-    std::ostringstream text;
-    text << std::ifstream(directory_.file("broker.log")).rdbuf();
-    return text.str();
-}
-
 std::string Broker::logTail() const {
     constexpr std::size_t LENGTH = 8000;
     std::string const text = log();
@@ -157,13 +148,12 @@ std::string Broker::logTail() const {
     return "[broker on port " + std::to_string(port()) + "] end of its log:\n" + tail + "\n";
 }
 
-void Broker::speakLastWords(std::ostream& out) const {
+void Broker::handleHang(std::ostream& out) const {
     out << logTail();
     if (pid_ > 0) {
         ::kill(pid_, SIGKILL);
     }
-    std::error_code ignored;
-    std::filesystem::remove_all(directory_.path(), ignored);
+    directory_.remove();
 }
 
 } // namespace support

@@ -1,9 +1,9 @@
 #pragma once
 
-#include "support/last_words.hpp"
 #include "support/port_lease.hpp"
 #include "support/process.hpp"
 #include "support/temp_dir.hpp"
+#include "support/watchdog.hpp"
 
 #include <atomic>
 #include <memory>
@@ -17,13 +17,13 @@ struct BrokerOptions {
     bool nodelay = false;     ///< without it the broker waits for our kernel's acknowledgements
     bool persistence = false; ///< sessions and retained messages survive even `kill`
     bool unixSocket = false;  ///< listens on `socketPath` too
-    int port = 0;             ///< other than 0: that very one
+    int port = 0;             ///< 0: a free one
     std::vector<std::string> extraLines; ///< of the configuration file
 };
 
-/// A mosquitto process of its own on a port of the loopback address, a free one as a rule.
+/// A private mosquitto process on a port of the loopback address.
 ///
-/// Its operations may be called from any thread. When the test fails or hangs the end of its
+/// Its operations may be called from any thread. When the test fails or hangs, the end of its
 /// log is printed.
 class Broker {
 public:
@@ -36,7 +36,7 @@ public:
     Broker(Broker const&) = delete;
     Broker& operator=(Broker const&) = delete;
 
-    /// An address, not a name: resolving takes its time and may prefer IPv6.
+    /// An address, not a name: resolving a name takes time and may prefer IPv6.
     std::string host() const { return "127.0.0.1"; }
     int port() const noexcept { return lease_.port(); }
     /// What to give as host, with port 0, with the option `unixSocket`.
@@ -44,9 +44,9 @@ public:
     pid_t pid() const noexcept { return pid_; }
     bool running();
 
-    /// SIGKILL; returns when it is gone.
+    /// SIGKILL; returns when the process has ended.
     void kill();
-    /// SIGTERM; returns when it is gone.
+    /// SIGTERM; returns when the process has ended.
     void stop();
     /// Starts it again on the same port; returns when it answers.
     void start();
@@ -54,21 +54,21 @@ public:
     void suspend();
     void resume();
 
-    /// What it has written so far, over all its lives.
-    std::string log() const;
+    /// What it has written so far, over all its processes.
+    std::string log() const { return directory_.read("broker.log"); }
 
 private:
-    void writeConfiguration(Options const& options);
+    void writeConfiguration(Options const& options) const;
     bool isUp();
     std::string logTail() const;
-    void speakLastWords(std::ostream& out) const;
+    void handleHang(std::ostream& out) const;
 
     PortLease lease_;
     TempDir directory_;
-    std::mutex mutex_; ///< process_
+    std::mutex mutex_; ///< guards process_
     std::unique_ptr<Process> process_;
     std::atomic<pid_t> pid_{0}; ///< 0 while it does not run
-    LastWords lastWords_;
+    HangHandler hangHandler_;
 };
 
 } // namespace support

@@ -7,7 +7,6 @@
 #include <sys/socket.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 
 namespace support {
@@ -21,12 +20,12 @@ struct Step {
     std::size_t bytes = 0;
 };
 
-bool again() {
+bool tryAgain() {
     return errno == EAGAIN || errno == EINTR;
 }
 
-/// Looks at what there is and takes only what the other side has room for: nothing is ever
-/// kept in between, and who reads slowly slows the other down as without a proxy.
+/// Takes only what the other side has room for: nothing is kept in between, and a slow reader
+/// slows down the writer as without a proxy.
 Step move(FileDescriptor const& from, FileDescriptor const& to, std::size_t limit) {
     std::array<char, 16384> bytes;
     ssize_t const there = ::recv(from.get(), bytes.data(), std::min(limit, bytes.size()), MSG_PEEK);
@@ -34,15 +33,19 @@ Step move(FileDescriptor const& from, FileDescriptor const& to, std::size_t limi
         return {Outcome::ENDED};
     }
     if (there < 0) {
-        return {again() ? Outcome::NOTHING_THERE : Outcome::BROKEN};
+        return {tryAgain() ? Outcome::NOTHING_THERE : Outcome::BROKEN};
     }
     ssize_t const sent =
         ::send(to.get(), bytes.data(), static_cast<std::size_t>(there), MSG_NOSIGNAL);
     if (sent < 0) {
-        return {again() ? Outcome::NO_ROOM : Outcome::BROKEN};
+        return {tryAgain() ? Outcome::NO_ROOM : Outcome::BROKEN};
     }
     ::recv(from.get(), bytes.data(), static_cast<std::size_t>(sent), 0);
     return {Outcome::MOVED, static_cast<std::size_t>(sent)};
+}
+
+void increment(Watched<int>& counter, int by = 1) {
+    counter.change([by](int& count) { count += by; });
 }
 
 } // namespace
@@ -55,108 +58,63 @@ CutProxy::CutProxy(int serverPort)
 
 CutProxy::~CutProxy() {
     stop_ = true;
-    wake();
+    eventfd_write(wakeUp_.get(), 1);
     thread_.join();
 }
 
-void CutProxy::cutCurrentAfter(Way way, std::size_t bytes) {
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        if (!connections_.empty()) {
-            connections_.back()->cut = Cut{way, bytes};
-        }
-    }
-    wake();
-}
-
-void CutProxy::cutNextAfter(Way way, std::size_t bytes) {
+void CutProxy::cutCurrentAfter(Direction direction, std::size_t bytes) {
     std::lock_guard<std::mutex> lock(mutex_);
-    orders_.push_back({way, bytes});
+    if (!open_.empty()) {
+        open_.back()->cut = Cut{direction, bytes};
+    }
+    eventfd_write(wakeUp_.get(), 1);
 }
 
 void CutProxy::cutNow() {
     std::lock_guard<std::mutex> lock(mutex_);
-    seen_.change([this](Seen& seen) { seen.cuts += static_cast<int>(connections_.size()); });
-    for (auto const& connection : connections_) {
+    increment(cuts_, static_cast<int>(open_.size()));
+    for (auto const& connection : open_) {
         resetConnection(connection->client);
         resetConnection(connection->server);
     }
-    connections_.clear();
-    wake();
+    open_.clear();
+    eventfd_write(wakeUp_.get(), 1);
 }
 
-void CutProxy::freeze() {
+void CutProxy::setFrozen(bool frozen) {
     std::lock_guard<std::mutex> lock(mutex_);
-    frozen_ = true;
-}
-
-void CutProxy::thaw() {
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        frozen_ = false;
-    }
-    wake();
-}
-
-int CutProxy::connections() const {
-    return seen_.read([](Seen const& seen) { return seen.connections; });
-}
-
-int CutProxy::cuts() const {
-    return seen_.read([](Seen const& seen) { return seen.cuts; });
-}
-
-std::size_t CutProxy::bytes(Way way) const {
-    return seen_.read(
-        [&](Seen const& seen) { return way == Way::TO_SERVER ? seen.toServer : seen.toClient; });
-}
-
-bool CutProxy::waitForConnections(int count, std::chrono::milliseconds deadline) const {
-    return seen_.waitFor([&](Seen const& seen) { return seen.connections >= count; }, deadline);
-}
-
-bool CutProxy::waitForCuts(int count, std::chrono::milliseconds deadline) const {
-    return seen_.waitFor([&](Seen const& seen) { return seen.cuts >= count; }, deadline);
-}
-
-bool CutProxy::waitForBytes(Way way, std::size_t count, std::chrono::milliseconds deadline) const {
-    auto const enough = [&](Seen const& seen) {
-        return (way == Way::TO_SERVER ? seen.toServer : seen.toClient) >= count;
-    };
-    return seen_.waitFor(enough, deadline);
-}
-
-void CutProxy::wake() {
+    frozen_ = frozen;
     eventfd_write(wakeUp_.get(), 1);
 }
 
 void CutProxy::serve() {
     while (!stop_) {
-        waitForNews();
+        waitForEvents();
         std::lock_guard<std::mutex> lock(mutex_);
         acceptAll();
-        for (auto const& connection : connections_) {
+        for (auto const& connection : open_) {
             if (!frozen_) {
-                forward(*connection);
+                cutIfDue(*connection);
+                forward(*connection, Direction::TO_SERVER);
+                forward(*connection, Direction::TO_CLIENT);
             }
         }
         auto const closed = [](auto const& connection) { return !connection->client.valid(); };
-        connections_.erase(std::remove_if(connections_.begin(), connections_.end(), closed),
-                           connections_.end());
+        open_.erase(std::remove_if(open_.begin(), open_.end(), closed), open_.end());
     }
 }
 
-void CutProxy::waitForNews() {
+void CutProxy::waitForEvents() {
     std::vector<pollfd> sockets{{wakeUp_.get(), POLLIN, 0}, {listener_.get(), POLLIN, 0}};
     auto const add = [&](FileDescriptor const& from, FileDescriptor const& to, bool blocked) {
         sockets.push_back(blocked ? pollfd{to.get(), POLLOUT, 0} : pollfd{from.get(), POLLIN, 0});
     };
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        for (auto const& connection : connections_) {
+        for (auto const& connection : open_) {
             if (!frozen_) {
-                add(connection->client, connection->server, connection->blockedToServer);
-                add(connection->server, connection->client, connection->blockedToClient);
+                add(connection->client, connection->server, connection->blocked[0]);
+                add(connection->server, connection->client, connection->blocked[1]);
             }
         }
     }
@@ -172,7 +130,7 @@ void CutProxy::acceptAll() {
         if (!connection->client.valid()) {
             return;
         }
-        seen_.change([](Seen& seen) { ++seen.connections; });
+        increment(connections_);
         connection->server = startConnecting(serverPort_);
         if (!connection->server.valid()) {
             resetConnection(connection->client);
@@ -183,28 +141,20 @@ void CutProxy::acceptAll() {
             connection->cut = orders_.front();
             orders_.pop_front();
         }
-        connections_.push_back(std::move(connection));
+        open_.push_back(std::move(connection));
     }
 }
 
-void CutProxy::forward(Connection& connection) {
-    cutIfDue(connection);
-    forward(connection, Way::TO_SERVER);
-    forward(connection, Way::TO_CLIENT);
-}
-
-void CutProxy::forward(Connection& connection, Way way) {
-    bool const up = way == Way::TO_SERVER;
-    FileDescriptor& from = up ? connection.client : connection.server;
-    FileDescriptor& to = up ? connection.server : connection.client;
+void CutProxy::forward(Connection& connection, Direction direction) {
+    bool const toServer = direction == Direction::TO_SERVER;
+    FileDescriptor& from = toServer ? connection.client : connection.server;
+    FileDescriptor& to = toServer ? connection.server : connection.client;
     if (!from.valid()) {
         return;
     }
-    bool const limited = connection.cut && connection.cut->way == way;
+    bool const limited = connection.cut && connection.cut->direction == direction;
     Step const step = move(from, to, limited ? connection.cut->bytes : SIZE_MAX);
-    (up ? connection.blockedToServer : connection.blockedToClient) =
-        step.outcome == Outcome::NO_ROOM;
-    count(way, step.bytes);
+    connection.blocked[toServer ? 0 : 1] = step.outcome == Outcome::NO_ROOM;
     if (limited) {
         connection.cut->bytes -= step.bytes;
         cutIfDue(connection);
@@ -224,17 +174,10 @@ void CutProxy::cutIfDue(Connection& connection) {
     }
     // A reset throws away what the kernel has not sent yet.
     eventually([&] { return unsentBytes(connection.client) == 0; }, std::chrono::seconds(5));
-    // Counted first: who sees the reset finds it counted.
-    seen_.change([](Seen& seen) { ++seen.cuts; });
+    // Counted first: a client that sees the reset finds it counted.
+    increment(cuts_);
     resetConnection(connection.client);
     connection.server.reset();
-}
-
-void CutProxy::count(Way way, std::size_t bytes) {
-    if (bytes > 0) {
-        seen_.change(
-            [&](Seen& seen) { (way == Way::TO_SERVER ? seen.toServer : seen.toClient) += bytes; });
-    }
 }
 
 } // namespace support

@@ -182,13 +182,4 @@ std::ostream& operator<<(std::ostream& out, PacketType type) {
     return out << (index < NAMES.size() ? NAMES[index] : NAMES[0]);
 }
 
-std::ostream& operator<<(std::ostream& out, MqttPacket const& packet) {
-    out << packet.type << " mid " << packet.mid;
-    if (!packet.topic.empty()) {
-        out << " \"" << packet.topic << "\" qos " << packet.qos << (packet.retain ? " retain" : "")
-            << (packet.dup ? " dup" : "");
-    }
-    return out;
-}
-
 } // namespace support

@@ -49,14 +49,12 @@ struct MqttPacket {
     int code = 0; ///< CONNACK
 };
 
-std::ostream& operator<<(std::ostream& out, MqttPacket const& packet);
-
-/// Cuts a stream of bytes into packets.
+/// Splits a stream of bytes into packets.
 class MqttReader {
 public:
     void append(char const* bytes, std::size_t count) { bytes_.append(bytes, count); }
-    /// The next whole packet, if it is there.
-    /// @throws std::runtime_error for what no client sends
+    /// The next whole packet, if there is one.
+    /// @throws std::runtime_error when the bytes are no MQTT
     std::optional<MqttPacket> next();
 
 private:

@@ -12,18 +12,15 @@
 #include <random>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 namespace support {
 
 namespace {
 
-struct Range {
-    int first;
-    int last;
-};
-
-/// The ports below those of outgoing connections or, when these begin too low, above them.
-Range leasedRange() {
+/// First and last: the ports below those of outgoing connections or, when these begin too low,
+/// above them.
+std::pair<int, int> leasedRange() {
     int low = 32768;
     int high = 60999;
     std::ifstream("/proc/sys/net/ipv4/ip_local_port_range") >> low >> high;
@@ -35,8 +32,8 @@ Range leasedRange() {
 }
 
 std::filesystem::path lockFile(int port) {
-    // Per user: a file made by another user in a shared directory often cannot be opened.
-    // Not the folder for temporary files that a process may choose for itself: all must meet.
+    // Per user: a file made by another user in a shared directory often cannot be opened. Not in
+    // $TMPDIR, which differs between processes: all of them must use the same files.
     std::filesystem::path const directory = "/tmp/zym-test-ports-" + std::to_string(geteuid());
     std::filesystem::create_directories(directory);
     return directory / std::to_string(port);

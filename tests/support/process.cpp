@@ -12,128 +12,91 @@
 #include <fstream>
 #include <future>
 #include <mutex>
-#include <set>
 #include <system_error>
-#include <thread>
 
 namespace support {
 
 namespace {
 
-/// One thread forks all children and lives as long as the process. The kernel sends the
-/// parent's death signal when the *thread* that forked ends: a broker restarted by a test's
-/// helper thread would die with that thread.
-class Forker {
+/// Forks all children on one thread that lives as long as this process. The kernel sends the
+/// parent's death signal when the thread that forked ends: a broker restarted by a helper thread
+/// of a test would end with that thread.
+class ForkingThread {
 public:
-    static Forker& instance() {
-        static Forker forker;
-        return forker;
+    using Fork = std::packaged_task<pid_t()>;
+
+    ~ForkingThread() {
+        add({});
+        thread_.join();
     }
 
-    pid_t run(std::function<pid_t()> fork) {
-        std::packaged_task<pid_t()> task(std::move(fork));
+    pid_t run(std::function<pid_t()> const& fork) {
+        Fork task(fork);
         std::future<pid_t> pid = task.get_future();
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            tasks_.push_back(std::move(task));
-        }
-        changed_.notify_all();
+        add(std::move(task));
         return pid.get();
     }
 
 private:
-    Forker() : thread_([this] { serve(); }) {}
-    ~Forker() {
-        run([this] { return stop_ = true; });
-        thread_.join();
+    void add(Fork task) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        tasks_.push_back(std::move(task));
+        changed_.notify_all();
     }
 
     void serve() {
-        while (!stop_) {
+        for (;;) {
             std::unique_lock<std::mutex> lock(mutex_);
             changed_.wait(lock, [this] { return !tasks_.empty(); });
-            std::packaged_task<pid_t()> task = std::move(tasks_.front());
+            Fork task = std::move(tasks_.front());
             tasks_.pop_front();
             lock.unlock();
+            if (!task.valid()) {
+                return; // the end of this process
+            }
             task();
         }
     }
 
     std::mutex mutex_;
     std::condition_variable changed_;
-    std::deque<std::packaged_task<pid_t()>> tasks_;
-    bool stop_ = false; ///< touched by the thread alone
-    std::thread thread_;
+    std::deque<Fork> tasks_;
+    std::thread thread_{[this] { serve(); }};
 };
 
-std::vector<char*> pointers(std::vector<std::string>& texts) {
-    std::vector<char*> result;
-    for (std::string& text : texts) {
-        result.push_back(text.data());
-    }
-    result.push_back(nullptr);
-    return result;
-}
-
-std::string nameIn(std::string const& variable) {
-    return variable.substr(0, variable.find('='));
-}
-
-/// Our environment with these variables added or replaced.
-std::vector<std::string> environmentWith(std::vector<std::string> variables) {
-    std::set<std::string> given;
-    for (std::string const& variable : variables) {
-        given.insert(nameIn(variable));
-    }
-    for (char** entry = environ; *entry; ++entry) {
-        if (given.count(nameIn(*entry)) == 0) {
-            variables.emplace_back(*entry);
-        }
-    }
-    return variables;
-}
-
-/// Everything the child needs, made before the fork: after it only plain system calls are
-/// safe, as another thread may have held any lock at that moment.
-struct Launch {
-    std::vector<std::string> command;
-    std::vector<std::string> environment;
-    std::string output;
-    std::vector<char*> arguments;
-    std::vector<char*> variables;
-    pid_t parent;
-
-    [[noreturn]] void becomeChild() const {
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        if (getppid() != parent) { // it was gone before the line above
-            _exit(127);
-        }
-        int const out = open(output.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0666);
-        int const in = open("/dev/null", O_RDONLY);
-        dup2(in, STDIN_FILENO);
-        dup2(out, STDOUT_FILENO);
-        dup2(out, STDERR_FILENO);
-        execve(arguments[0], arguments.data(), variables.data());
+/// Only plain system calls: another thread may have held any lock at the moment of the fork.
+[[noreturn]] void becomeChild(std::vector<char*> const& arguments, char const* output,
+                              pid_t parent) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != parent) { // the parent ended before the line above
         _exit(127);
     }
-};
-
-pid_t launch(Launch const& launch) {
-    pid_t const pid = fork();
-    if (pid == 0) {
-        launch.becomeChild();
-    }
-    return pid < 0 ? -errno : pid;
+    int const out = open(output, O_WRONLY | O_CREAT | O_APPEND, 0666);
+    dup2(open("/dev/null", O_RDONLY), STDIN_FILENO);
+    dup2(out, STDOUT_FILENO);
+    dup2(out, STDERR_FILENO);
+    execv(arguments[0], arguments.data());
+    _exit(127);
 }
 
 } // namespace
 
-Process::Process(std::vector<std::string> const& command, std::string const& output,
-                 std::vector<std::string> const& environment) {
-    Launch plan{command, environmentWith(environment), output, {}, {}, getpid()};
-    plan.arguments = pointers(plan.command);
-    plan.variables = pointers(plan.environment);
-    pid_ = Forker::instance().run([&plan] { return launch(plan); });
+Process::Process(std::vector<std::string> const& command, std::string const& output) {
+    std::vector<std::string> words = command;
+    std::vector<char*> arguments;
+    for (std::string& word : words) {
+        arguments.push_back(word.data());
+    }
+    arguments.push_back(nullptr);
+    static ForkingThread forkingThread;
+    pid_t const parent = getpid();
+    pid_ = forkingThread.run([&] {
+        pid_t const child = fork();
+        if (child == 0) {
+            becomeChild(arguments, output.c_str(), parent);
+        }
+        return child < 0 ? -errno : child;
+    });
     if (pid_ < 0) {
         throw std::system_error(-pid_, std::generic_category(), "fork");
     }
@@ -163,9 +126,7 @@ void Process::signal(int number) {
 void Process::kill() {
     signal(SIGKILL);
     while (!ended_) {
-        if (waitpid(pid_, &status_, 0) == pid_ || errno != EINTR) {
-            ended_ = true;
-        }
+        ended_ = waitpid(pid_, &status_, 0) == pid_ || errno != EINTR;
     }
 }
 
@@ -184,7 +145,7 @@ bool isAlive(pid_t pid) {
     std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
     std::string text;
     std::getline(file, text);
-    auto const name = text.rfind(") "); // the name may hold anything
+    auto const name = text.rfind(") "); // the name may contain anything
     return name != std::string::npos && text[name + 2] != 'Z' && text[name + 2] != 'X';
 }
 

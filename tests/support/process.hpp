@@ -4,22 +4,19 @@
 
 #include <sys/types.h>
 
-#include <chrono>
 #include <string>
 #include <vector>
 
 namespace support {
 
-/// A child process that never outlives us: the destructor kills it, and so does the kernel
-/// when this process ends in any other way.
+/// A child process that never outlives this one: the destructor kills it, and so does the kernel
+/// when this process ends in any other way. For one thread at a time.
 class Process {
 public:
     /// @param command program (with its path) and arguments
     /// @param output file to which standard output and standard error are appended
-    /// @param environment "NAME=value", added to ours or in place of it
     /// @throws std::system_error. A program that cannot be run ends with status 127.
-    Process(std::vector<std::string> const& command, std::string const& output,
-            std::vector<std::string> const& environment = {});
+    Process(std::vector<std::string> const& command, std::string const& output);
     ~Process();
     Process(Process const&) = delete;
     Process& operator=(Process const&) = delete;
@@ -31,9 +28,9 @@ public:
     int status() const noexcept { return status_; }
 
     void signal(int number);
-    /// Returns when it is gone.
+    /// SIGKILL; returns when it has ended.
     void kill();
-    /// Returns when it stands still.
+    /// SIGSTOP; returns when it has stopped.
     void suspend();
     void resume();
 

@@ -44,9 +44,9 @@ std::string answerTo(MqttPacket const& packet) {
 
 ScriptedServer::ScriptedServer(Mode mode)
     : mode_(mode),
-      listener_(listenOn(lease_.port(), mode == Mode::DEAF ? 0 : BACKLOG)),
+      listener_(listenOn(lease_.port(), mode == Mode::NOT_ACCEPTING ? 0 : BACKLOG)),
       wakeUp_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-    if (mode == Mode::DEAF) {
+    if (mode == Mode::NOT_ACCEPTING) {
         fillBacklog();
     }
     thread_ = std::thread([this] { serve(); });
@@ -54,75 +54,54 @@ ScriptedServer::ScriptedServer(Mode mode)
 
 ScriptedServer::~ScriptedServer() {
     stop_ = true;
-    wake();
+    eventfd_write(wakeUp_.get(), 1);
     thread_.join();
 }
 
 void ScriptedServer::setMode(Mode mode) {
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        if (mode == Mode::DEAF && mode_ != Mode::DEAF) {
+        if (mode == Mode::NOT_ACCEPTING && mode_ != Mode::NOT_ACCEPTING) {
             fillBacklog();
-        } else if (mode != Mode::DEAF && mode_ == Mode::DEAF) {
-            ::listen(listener_.get(), BACKLOG);
+        } else if (mode != Mode::NOT_ACCEPTING && mode_ == Mode::NOT_ACCEPTING) {
+            emptyBacklog();
         }
         mode_ = mode;
     }
-    wake();
+    eventfd_write(wakeUp_.get(), 1);
 }
 
-/// With a queue for one connection and that place taken the kernel drops every further
-/// attempt, and who connects tries again and again.
+/// With a queue for one connection and that place taken the kernel drops every further attempt,
+/// and clients try to connect again and again.
 void ScriptedServer::fillBacklog() {
     ::listen(listener_.get(), 0);
     auto const full = [this] { return waitingConnections(listener_) > 0; };
     if (!full()) {
-        fillers_.push_back(startConnecting(port()));
+        filler_ = startConnecting(port());
     }
     if (!eventually(full)) {
         throw std::runtime_error("the queue of connections does not fill");
     }
 }
 
-bool ScriptedServer::isFiller(FileDescriptor const& socket) const {
-    return std::any_of(fillers_.begin(), fillers_.end(), [&](FileDescriptor const& filler) {
-        return localPort(filler) == peerPort(socket);
-    });
-}
-
-void ScriptedServer::refuseWith(int code) {
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        refusal_ = code;
+void ScriptedServer::emptyBacklog() {
+    if (filler_.valid()) {
+        acceptFrom(listener_); // the filler: the queue has no room for another one
+        filler_.reset();
     }
-    setMode(Mode::REFUSE);
-}
-
-void ScriptedServer::setHook(Hook hook) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    hook_ = std::move(hook);
-}
-
-void ScriptedServer::dropAtPacket(PacketType type, std::size_t n, Reaction how) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    drops_.push_back({type, n, how});
-}
-
-void ScriptedServer::hold(PacketType type) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    held_.push_back(type);
+    ::listen(listener_.get(), BACKLOG);
 }
 
 void ScriptedServer::release() {
     std::lock_guard<std::mutex> lock(mutex_);
-    for (Answer const& one : heldBack_) {
+    for (auto const& [number, bytes] : keptBack_) {
         for (auto const& connection : connections_) {
-            if (connection->number == one.connection && connection->socket.valid()) {
-                sendAll(connection->socket, one.bytes);
+            if (connection->number == number && connection->socket.valid()) {
+                sendAll(connection->socket, bytes);
             }
         }
     }
-    heldBack_.clear();
+    keptBack_.clear();
     held_.clear();
 }
 
@@ -135,19 +114,13 @@ bool ScriptedServer::publish(std::string const& topic, std::string const& payloa
                                                 static_cast<std::uint16_t>(++lastMid_)));
 }
 
-bool ScriptedServer::send(std::string const& bytes) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    Connection* const to = latest();
-    return to && sendAll(to->socket, bytes);
-}
-
 bool ScriptedServer::drop() {
     std::lock_guard<std::mutex> lock(mutex_);
     Connection* const connection = latest();
     if (connection) {
         reset(*connection);
     }
-    wake();
+    eventfd_write(wakeUp_.get(), 1);
     return connection != nullptr;
 }
 
@@ -161,52 +134,22 @@ std::vector<MqttPacket> ScriptedServer::received(PacketType type) const {
     return result;
 }
 
-std::size_t ScriptedServer::count(PacketType type) const {
-    return received(type).size();
-}
-
-int ScriptedServer::tcpConnections() const {
-    return seen_.read([](Seen const& seen) { return seen.accepted; });
-}
-
-int ScriptedServer::openConnections() const {
-    return seen_.read([](Seen const& seen) { return seen.open; });
-}
-
 bool ScriptedServer::waitForPackets(PacketType type, std::size_t count,
                                     std::chrono::milliseconds deadline) const {
+    auto const matches = [&](Received const& one) { return one.packet.type == type; };
     auto const enough = [&](History const& all) {
-        auto const found = std::count_if(
-            all.begin(), all.end(), [&](Received const& one) { return one.packet.type == type; });
-        return static_cast<std::size_t>(found) >= count;
+        return std::count_if(all.begin(), all.end(), matches) >= static_cast<long>(count);
     };
     return waitFor(enough, deadline);
 }
 
-bool ScriptedServer::waitForTcpConnections(int count, std::chrono::milliseconds deadline) const {
-    return seen_.waitFor([&](Seen const& seen) { return seen.accepted >= count; }, deadline);
-}
-
-bool ScriptedServer::waitForNoConnection(std::chrono::milliseconds deadline) const {
-    return seen_.waitFor([](Seen const& seen) { return seen.open == 0; }, deadline);
-}
-
-bool ScriptedServer::waitFor(std::function<bool(History const&)> const& condition,
-                             std::chrono::milliseconds deadline) const {
-    return seen_.waitFor([&](Seen const& seen) { return condition(seen.packets); }, deadline);
-}
-
-void ScriptedServer::wake() {
-    eventfd_write(wakeUp_.get(), 1);
-}
-
 void ScriptedServer::serve() {
     while (!stop_) {
-        waitForNews();
+        waitForEvents();
         std::unique_lock<std::mutex> lock(mutex_);
         acceptAll();
         lock.unlock();
-        // Only this thread adds or removes connections; it reads them without the lock, so
+        // Only this thread adds or removes connections. It reads from them without the lock, so
         // that a hook may use the server.
         for (auto const& connection : connections_) {
             readFrom(*connection);
@@ -215,11 +158,11 @@ void ScriptedServer::serve() {
     }
 }
 
-void ScriptedServer::waitForNews() {
+void ScriptedServer::waitForEvents() {
     std::vector<pollfd> sockets{{wakeUp_.get(), POLLIN, 0}};
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        if (mode_ != Mode::DEAF) {
+        if (mode_ != Mode::NOT_ACCEPTING) {
             sockets.push_back({listener_.get(), POLLIN, 0});
         }
         for (auto const& connection : connections_) {
@@ -232,13 +175,10 @@ void ScriptedServer::waitForNews() {
 }
 
 void ScriptedServer::acceptAll() {
-    while (mode_ != Mode::DEAF) {
+    while (mode_ != Mode::NOT_ACCEPTING) {
         FileDescriptor socket = acceptFrom(listener_);
         if (!socket.valid()) {
             return;
-        }
-        if (isFiller(socket)) {
-            continue;
         }
         auto connection = std::make_unique<Connection>();
         connection->socket = std::move(socket);
@@ -273,17 +213,14 @@ void ScriptedServer::readFrom(Connection& connection) {
 
 void ScriptedServer::handle(Connection& connection, MqttPacket const& packet) {
     Reaction const reaction = reactionTo(packet);
-    // Told before it is answered, in one step: who saw the answer finds the packet here, and
-    // who waited for the packet and then uses the server finds it answered.
+    // Recorded before it is answered, in one step: a client that has the answer finds the packet
+    // recorded, and a test that waited for the packet and then uses the server finds it answered.
     std::lock_guard<std::mutex> lock(mutex_);
     seen_.change([&](Seen& seen) { seen.packets.push_back({connection.number, packet}); });
-    if (reaction == Reaction::ANSWER || reaction == Reaction::ANSWER_THEN_DROP) {
+    if (reaction == Reaction::ANSWER) {
         answer(connection, packet);
-    }
-    if (reaction == Reaction::DROP) {
+    } else if (reaction == Reaction::DROP) {
         reset(connection);
-    } else if (reaction == Reaction::ANSWER_THEN_DROP) {
-        end(connection);
     }
 }
 
@@ -291,23 +228,14 @@ ScriptedServer::Reaction ScriptedServer::reactionTo(MqttPacket const& packet) {
     Hook hook;
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        Reaction const planned = plannedReaction(packet.type);
-        if (planned != Reaction::ANSWER) {
-            return planned;
+        for (Drop& drop : drops_) {
+            if (drop.type == packet.type && drop.left > 0 && --drop.left == 0) {
+                return Reaction::DROP;
+            }
         }
         hook = hook_;
     }
     return hook ? hook(packet) : Reaction::ANSWER;
-}
-
-ScriptedServer::Reaction ScriptedServer::plannedReaction(PacketType type) {
-    Reaction reaction = Reaction::ANSWER;
-    for (Drop& drop : drops_) {
-        if (drop.type == type && drop.left > 0 && --drop.left == 0) {
-            reaction = drop.how;
-        }
-    }
-    return reaction;
 }
 
 void ScriptedServer::answer(Connection& connection, MqttPacket const& packet) {
@@ -316,22 +244,18 @@ void ScriptedServer::answer(Connection& connection, MqttPacket const& packet) {
     }
     if (mode_ == Mode::REFUSE && packet.type == PacketType::CONNECT) {
         sendAll(connection.socket, connack(refusal_));
-        end(connection);
+        // Closes this side only: closing a socket with unread bytes would reset the connection,
+        // and the client could lose the answer.
+        connection.ending = true;
+        ::shutdown(connection.socket.get(), SHUT_WR);
         return;
     }
     std::string const bytes = answerTo(packet);
     if (std::find(held_.begin(), held_.end(), packet.type) != held_.end()) {
-        heldBack_.push_back({connection.number, bytes});
+        keptBack_.emplace_back(connection.number, bytes);
     } else if (!bytes.empty()) {
         sendAll(connection.socket, bytes);
     }
-}
-
-/// Closes our side only, and then reads on: closing a socket with unread bytes would reset the
-/// connection, and the peer could lose what we said last.
-void ScriptedServer::end(Connection& connection) {
-    connection.ending = true;
-    ::shutdown(connection.socket.get(), SHUT_WR);
 }
 
 void ScriptedServer::reset(Connection& connection) {

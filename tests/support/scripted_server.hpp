@@ -6,38 +6,36 @@
 #include "support/watched.hpp"
 
 #include <atomic>
-#include <deque>
 #include <functional>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace support {
 
-/// A TCP server on a port of its own that says what the test wants in MQTT 3.1.1 and keeps all
-/// it hears.
+/// A TCP server on a port of its own that speaks MQTT 3.1.1 as the test scripts it, and records
+/// all packets that it receives.
 ///
-/// As made it behaves like the smallest broker there is: it consents to connections and
-/// acknowledges everything, but forwards nothing. One thread serves all connections.
+/// As made it accepts connections and acknowledges everything, but forwards nothing. One thread
+/// serves all connections.
 class ScriptedServer {
 public:
     /// What it does with connections from now on.
     enum class Mode {
-        BROKER, ///< consents and acknowledges
-        SILENT, ///< accepts TCP connections, reads, never answers
-        REFUSE, ///< answers CONNECT with a code that is not 0, and closes
-        DEAF    ///< accepts nothing, and the kernel's queue is full: connecting blocks
+        BROKER,       ///< accepts and acknowledges
+        SILENT,       ///< accepts TCP connections, reads, never answers
+        REFUSE,       ///< answers CONNECT with a code that is not 0, and closes
+        NOT_ACCEPTING ///< accepts nothing, and the kernel's queue is full: connecting blocks
     };
 
     /// What happens to the packet that a hook was shown.
     enum class Reaction {
-        ANSWER,          ///< what the mode answers
-        IGNORE,          ///< no answer
-        DROP,            ///< no answer; the connection is reset
-        ANSWER_THEN_DROP ///< the answer surely arrives, then the connection ends
+        ANSWER, ///< what the mode answers
+        IGNORE, ///< no answer
+        DROP    ///< no answer; the connection is reset
     };
     using Hook = std::function<Reaction(MqttPacket const&)>;
 
@@ -56,59 +54,72 @@ public:
     int port() const noexcept { return lease_.port(); }
 
     // The script; may change at any time.
-    /// Connections that wait since DEAF are accepted when that ends.
+    /// Connections that wait since NOT_ACCEPTING are accepted when that ends.
     void setMode(Mode mode);
     /// Mode REFUSE with this code of CONNACK.
-    void refuseWith(int code);
+    void refuseWith(int code) {
+        refusal_ = code;
+        setMode(Mode::REFUSE);
+    }
     /// Called on the server's thread for every packet before it is answered.
-    void setHook(Hook hook);
-    /// Lets the n-th packet of this type, counted from now over all connections, end its
+    void setHook(Hook hook) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        hook_ = std::move(hook);
+    }
+    /// Lets the n-th packet of this type, counted from now over all connections, reset its
     /// connection. Several may be set.
-    void dropAtPacket(PacketType type, std::size_t n, Reaction how = Reaction::DROP);
+    void dropAtPacket(PacketType type, std::size_t n) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        drops_.push_back({type, n});
+    }
     /// Keeps back all answers to packets of this type, until `release`.
-    void hold(PacketType type);
-    /// Sends what was held back, in order, as far as its connection still stands; nothing is
-    /// held any more.
+    void hold(PacketType type) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        held_.push_back(type);
+    }
+    /// Sends the answers that were kept back, in order, as far as their connections still exist;
+    /// no answers are kept back any more.
     void release();
 
     // On the latest connection. @return false when there is none
     bool publish(std::string const& topic, std::string const& payload, int qos = 0,
                  bool retain = false);
-    bool send(std::string const& bytes);
     /// Resets the connection.
     bool drop();
 
-    // What was seen.
+    // What was received.
     History received() const {
         return seen_.read([](Seen const& seen) { return seen.packets; });
     }
     std::vector<MqttPacket> received(PacketType type) const;
-    std::size_t count(PacketType type) const;
-    int tcpConnections() const;
-    int openConnections() const;
+    std::size_t count(PacketType type) const { return received(type).size(); }
+    int tcpConnections() const {
+        return seen_.read([](Seen const& seen) { return seen.accepted; });
+    }
     bool waitForPackets(PacketType type, std::size_t count,
                         std::chrono::milliseconds deadline = DEADLINE) const;
-    bool waitForTcpConnections(int count, std::chrono::milliseconds deadline = DEADLINE) const;
+    bool waitForTcpConnections(int count, std::chrono::milliseconds deadline = DEADLINE) const {
+        return seen_.waitFor([&](Seen const& seen) { return seen.accepted >= count; }, deadline);
+    }
     /// Waits until no connection is open.
-    bool waitForNoConnection(std::chrono::milliseconds deadline = DEADLINE) const;
+    bool waitForNoConnection(std::chrono::milliseconds deadline = DEADLINE) const {
+        return seen_.waitFor([](Seen const& seen) { return seen.open == 0; }, deadline);
+    }
     bool waitFor(std::function<bool(History const&)> const& condition,
-                 std::chrono::milliseconds deadline = DEADLINE) const;
+                 std::chrono::milliseconds deadline = DEADLINE) const {
+        return seen_.waitFor([&](Seen const& seen) { return condition(seen.packets); }, deadline);
+    }
 
 private:
     struct Connection {
         int number;
         FileDescriptor socket;
         MqttReader reader;
-        std::atomic<bool> ending{false}; ///< our side is closed; we wait for the peer's end
+        std::atomic<bool> ending{false}; ///< closed on this side, not yet by the client
     };
     struct Drop {
         PacketType type;
         std::size_t left;
-        Reaction how;
-    };
-    struct Answer {
-        int connection;
-        std::string bytes;
     };
     struct Seen {
         History packets;
@@ -117,31 +128,28 @@ private:
     };
 
     void fillBacklog();
-    bool isFiller(FileDescriptor const& socket) const;
-    void wake();
+    void emptyBacklog();
     void serve();
-    void waitForNews();
+    void waitForEvents();
     void acceptAll();
     void readFrom(Connection& connection);
     void handle(Connection& connection, MqttPacket const& packet);
     Reaction reactionTo(MqttPacket const& packet);
-    Reaction plannedReaction(PacketType type);
     void answer(Connection& connection, MqttPacket const& packet);
-    void end(Connection& connection);
-    void reset(Connection& connection);
+    static void reset(Connection& connection);
     void removeClosed();
     Connection* latest();
 
     PortLease lease_;
-    mutable std::mutex mutex_; ///< all but seen_ and what the thread alone uses
+    std::atomic<int> refusal_{5}; ///< the code of CONNACK
+    mutable std::mutex mutex_;    ///< guards what follows, up to wakeUp_
     Mode mode_;
-    int refusal_ = 5;
     Hook hook_;
     std::vector<Drop> drops_;
     std::vector<PacketType> held_;
-    std::deque<Answer> heldBack_;
+    std::vector<std::pair<int, std::string>> keptBack_; ///< answers by number of connection
     std::vector<std::unique_ptr<Connection>> connections_;
-    std::vector<FileDescriptor> fillers_; ///< connections of our own that fill the queue
+    FileDescriptor filler_; ///< a connection of our own that fills the kernel's queue
     std::uint16_t lastMid_ = 0;
     FileDescriptor listener_;
     FileDescriptor wakeUp_;

@@ -45,13 +45,6 @@ bool connectSocket(FileDescriptor const& socket, int port) {
     return connect(socket.get(), reinterpret_cast<sockaddr const*>(&address), sizeof address) == 0;
 }
 
-int portOf(FileDescriptor const& socket, int (*name)(int, sockaddr*, socklen_t*)) {
-    sockaddr_in address{};
-    socklen_t size = sizeof address;
-    bool const known = name(socket.get(), reinterpret_cast<sockaddr*>(&address), &size) == 0;
-    return known ? ntohs(address.sin_port) : 0;
-}
-
 } // namespace
 
 bool canBind(int port) {
@@ -97,14 +90,6 @@ void resetConnection(FileDescriptor& socket) {
     socket.reset();
 }
 
-int localPort(FileDescriptor const& socket) {
-    return portOf(socket, &::getsockname);
-}
-
-int peerPort(FileDescriptor const& socket) {
-    return portOf(socket, &getpeername);
-}
-
 int unsentBytes(FileDescriptor const& socket) {
     int count = 0;
     ioctl(socket.get(), SIOCOUTQNSD, &count);
@@ -135,6 +120,20 @@ bool sendAll(FileDescriptor const& socket, std::string const& bytes) {
         }
     }
     return true;
+}
+
+TcpPair::TcpPair() {
+    FileDescriptor const listener = listenOn(0, 1); // on any port
+    sockaddr_in address{};
+    socklen_t size = sizeof address;
+    getsockname(listener.get(), reinterpret_cast<sockaddr*>(&address), &size);
+    near = connectTo(ntohs(address.sin_port));
+    pollfd incoming{listener.get(), POLLIN, 0};
+    poll(&incoming, 1, -1);
+    far = FileDescriptor(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    if (!near.valid() || !far.valid()) {
+        throw std::system_error(errno, std::generic_category(), "TCP connection over loopback");
+    }
 }
 
 } // namespace support

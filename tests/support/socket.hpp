@@ -8,7 +8,7 @@ namespace support {
 
 // TCP on the loopback address. Every socket is closed in child processes.
 
-/// Whether nobody holds this port.
+/// Whether this port is free.
 bool canBind(int port);
 /// @throws std::system_error
 FileDescriptor listenOn(int port, int backlog);
@@ -18,19 +18,25 @@ FileDescriptor connectTo(int port);
 FileDescriptor startConnecting(int port);
 /// Accepts one connection, which does not block. @return an invalid descriptor when none waits
 FileDescriptor acceptFrom(FileDescriptor const& listener);
-/// Sends at once what is written, however small.
+/// TCP_NODELAY.
 void sendAtOnce(FileDescriptor const& socket);
 /// Closes the connection with a reset: the peer sees "connection reset by peer".
 void resetConnection(FileDescriptor& socket);
-int localPort(FileDescriptor const& socket);
-/// 0 when the connection is gone.
-int peerPort(FileDescriptor const& socket);
-/// Bytes written that have not left for the peer yet.
+/// Bytes written that the kernel has not sent yet.
 int unsentBytes(FileDescriptor const& socket);
-/// How many connections wait to be accepted.
+/// The number of connections that wait to be accepted.
 int waitingConnections(FileDescriptor const& listener);
 
 /// Writes everything, waiting for room. @return false when the connection is gone
 bool sendAll(FileDescriptor const& socket, std::string const& bytes);
+
+/// Both ends of one TCP connection.
+/// @throws std::system_error
+struct TcpPair {
+    TcpPair();
+
+    FileDescriptor near;
+    FileDescriptor far;
+};
 
 } // namespace support

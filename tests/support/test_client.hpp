@@ -5,7 +5,11 @@
 #include <mqtt/client.hpp>
 #include <zym/common/uuid.hpp>
 
+#include <unistd.h>
+
+#include <atomic>
 #include <memory>
+#include <stdexcept>
 #include <string>
 
 namespace support {
@@ -17,17 +21,33 @@ struct ClientOptions {
 };
 
 /// An identifier that no other test uses at the same time.
-zym::common::Uuid uniqueId();
+inline zym::common::Uuid uniqueId() {
+    static std::atomic<unsigned> counter{0};
+    return zym::common::Uuid(static_cast<unsigned long long>(getpid()) << 32 | ++counter);
+}
 
 /// Whether the client is connected, or becomes so.
-bool becomesConnected(mqtt::MqttClient const& client);
+inline bool becomesConnected(mqtt::MqttClient const& client) {
+    return eventually([&] { return client.communicationState() == conv::ComState::CONNECTED; });
+}
 
-/// A client for a broker.
+/// A client of what is or resembles a broker.
 /// @throws std::runtime_error when it does not get connected
-std::unique_ptr<mqtt::MqttClient> testClient(Broker const& broker,
-                                             ClientOptions const& options = {});
-/// The same for what only looks like a broker: a scripted server, a proxy.
-std::unique_ptr<mqtt::MqttClient> testClient(std::string const& host, int port,
-                                             ClientOptions const& options = {});
+inline std::unique_ptr<mqtt::MqttClient> testClient(std::string const& host, int port,
+                                                    ClientOptions const& options = {}) {
+    auto const id = options.id == zym::common::Uuid::NIL ? uniqueId() : options.id;
+    auto client = std::make_unique<mqtt::MqttClient>(id, options.persistent, "test client", host,
+                                                     port, options.connect);
+    if (options.connect && !becomesConnected(*client)) {
+        throw std::runtime_error("The client does not get connected to " + host + ":"
+                                 + std::to_string(port));
+    }
+    return client;
+}
+
+inline std::unique_ptr<mqtt::MqttClient> testClient(Broker const& broker,
+                                                    ClientOptions const& options = {}) {
+    return testClient(broker.host(), broker.port(), options);
+}
 
 } // namespace support

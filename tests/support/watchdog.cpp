@@ -1,47 +1,60 @@
 #include "support/watchdog.hpp"
 
-#include "support/last_words.hpp"
-#include "support/sanitizers.hpp"
 #include "support/stack_dump.hpp"
+#include "support/timeout_factor.hpp"
 
 #include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <iostream>
+#include <set>
 
 namespace support {
+
+namespace {
+
+struct HangHandlers {
+    std::mutex mutex;
+    std::set<HangHandler*> all;
+};
+
+HangHandlers& hangHandlers() {
+    static HangHandlers instance;
+    return instance;
+}
+
+} // namespace
 
 /// Also watches what runs around the cases of a suite: its set-up and tear-down.
 class Watchdog::Listener final : public testing::EmptyTestEventListener {
 public:
-    explicit Listener(Watchdog& dog) : dog_(dog) {}
+    explicit Listener(Watchdog& watchdog) : watchdog_(watchdog) {}
 
     void OnTestSuiteStart(testing::TestSuite const& suite) override {
-        dog_.watch(std::string(suite.name()) + " (set-up)", defaultLimit());
+        watchdog_.watch(std::string(suite.name()) + " (set-up)");
     }
     void OnTestStart(testing::TestInfo const& test) override {
-        dog_.watch(std::string(test.test_suite_name()) + "." + test.name(), defaultLimit());
+        watchdog_.watch(std::string(test.test_suite_name()) + "." + test.name());
     }
     void OnTestEnd(testing::TestInfo const& test) override {
-        dog_.watch(std::string(test.test_suite_name()) + " (after " + test.name() + ")",
-                   defaultLimit());
+        watchdog_.watch(std::string(test.test_suite_name()) + " (after " + test.name() + ")");
     }
-    void OnTestSuiteEnd(testing::TestSuite const& /*suite*/) override { dog_.rest(); }
+    void OnTestSuiteEnd(testing::TestSuite const& /*suite*/) override { watchdog_.stopWatching(); }
 
 private:
-    Watchdog& dog_;
+    Watchdog& watchdog_;
 };
 
 Watchdog* Watchdog::instance_ = nullptr;
 
 std::chrono::seconds Watchdog::defaultLimit() {
     char const* const text = std::getenv("ZYM_TEST_LIMIT");
-    return std::chrono::seconds(text ? std::atoi(text) : 60) * SLOWNESS;
+    return std::chrono::seconds(text ? std::atoi(text) : 60) * TIMEOUT_FACTOR;
 }
 
 void Watchdog::limit(std::chrono::seconds limit) {
     if (instance_ && defaultLimit().count() != 0) {
-        instance_->extend(limit * SLOWNESS);
+        instance_->setDeadline(limit * TIMEOUT_FACTOR);
     }
 }
 
@@ -60,24 +73,24 @@ Watchdog::~Watchdog() {
     instance_ = nullptr;
 }
 
-void Watchdog::watch(std::string const& name, std::chrono::seconds limit) {
+void Watchdog::watch(std::string const& name) {
     {
         std::lock_guard<std::mutex> lock(mutex_);
         name_ = name;
     }
-    if (limit.count() != 0) {
-        extend(limit);
+    if (defaultLimit().count() != 0) {
+        setDeadline(defaultLimit());
     }
 }
 
-void Watchdog::extend(std::chrono::seconds limit) {
+void Watchdog::setDeadline(std::chrono::seconds fromNow) {
     std::lock_guard<std::mutex> lock(mutex_);
-    limit_ = limit;
-    deadline_ = Clock::now() + limit;
+    limit_ = fromNow;
+    deadline_ = Clock::now() + fromNow;
     changed_.notify_all();
 }
 
-void Watchdog::rest() {
+void Watchdog::stopWatching() {
     std::lock_guard<std::mutex> lock(mutex_);
     deadline_ = Clock::time_point::max();
     changed_.notify_all();
@@ -89,21 +102,38 @@ void Watchdog::run() {
         if (deadline_ == Clock::time_point::max()) {
             changed_.wait(lock);
         } else if (Clock::now() >= deadline_) {
-            bite();
+            endProcess();
         } else {
             changed_.wait_until(lock, deadline_);
         }
     }
 }
 
-void Watchdog::bite() {
+void Watchdog::endProcess() {
     std::cout << std::flush;
     std::cerr << "\n[WATCHDOG] " << name_ << " has not ended after " << limit_.count()
-              << " s. Where the threads are:\n";
+              << " s. The stacks of all threads:\n";
     dumpStacks(std::cerr);
-    LastWords::speakAll(std::cerr);
+    HangHandler::runAll(std::cerr);
     std::cerr << "[WATCHDOG] " << name_ << " FAILED: it hangs" << std::endl;
     std::abort();
+}
+
+HangHandler::HangHandler(std::function<void(std::ostream&)> handle) : handle_(std::move(handle)) {
+    std::lock_guard<std::mutex> lock(hangHandlers().mutex);
+    hangHandlers().all.insert(this);
+}
+
+HangHandler::~HangHandler() {
+    std::lock_guard<std::mutex> lock(hangHandlers().mutex);
+    hangHandlers().all.erase(this);
+}
+
+void HangHandler::runAll(std::ostream& out) {
+    std::lock_guard<std::mutex> lock(hangHandlers().mutex);
+    for (HangHandler* handler : hangHandlers().all) {
+        handler->handle_(out);
+    }
 }
 
 } // namespace support

@@ -16,11 +16,11 @@ public:
     Watched() = default;
     explicit Watched(T value) : value_(std::move(value)) {}
 
-    /// Runs `change(value)` and wakes everyone who waits.
+    /// Runs `change(value)` and wakes all threads that wait.
     template <typename Change>
     auto change(Change&& change) {
         std::lock_guard<std::mutex> lock(mutex_);
-        // With the lock held: who waited may destroy this object as soon as it gets the lock.
+        // With the lock held: a thread that waited may destroy this object once it has the lock.
         Waker const waker{changed_};
         return std::forward<Change>(change)(value_);
     }
@@ -55,5 +55,17 @@ private:
     mutable std::condition_variable changed_;
     T value_{};
 };
+
+// A flag that is set once and waited for: `flag.waitFor(isSet)`.
+
+inline bool isSet(bool value) {
+    return value;
+}
+
+/// A template, so that a test may have a `set` of its own.
+template <class T>
+void set(Watched<T>& flag) {
+    flag.change([](T& value) { value = true; });
+}
 
 } // namespace support

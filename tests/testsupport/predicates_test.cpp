@@ -1,111 +1,96 @@
-#include "client/client_on_a_script.hpp"
-#include "testsupport/checks_frame.hpp"
+#include "support/test_client.hpp"
+
+#include <mqtt/test_checks.hpp>
+
+#include <gtest/gtest.h>
 
 #include <chrono>
 #include <future>
 
 namespace {
 
-using mqtt::isLinkPublishedInCollection;
 using zym::common::Uuid;
-using Uuids = std::vector<Uuid>;
+using Strings = std::vector<std::string>;
 
-class ACollectionToCheck : public AClientOnAScript {
+/// A collection whose value the test sets itself.
+class ACollectionToCheck : public testing::Test {
 protected:
-    ACollectionToCheck() {
-        connect();
-        EXPECT_EQ(collection.subscribe(nullptr, 0), mqtt::MqttClient::Error::SUCCESS);
+    static support::ClientOptions idle() {
+        support::ClientOptions options;
+        options.connect = false;
+        return options;
     }
 
-    void publish(std::vector<std::string> const& ids) {
-        script_->deliver("links", linksText(ids));
-        letTheStepEnd();
+    void setLinks(Strings const& ids) {
+        mqtt::MqttDataBase::Lock const lock(collection.mutex());
+        collection.value.clear();
+        for (auto const& id : ids) {
+            collection.value.push_back({id});
+        }
     }
 
     bool has(std::string const& link) { return isLinkPublishedInCollection(link, collection); }
-    bool hasAll(Uuids const& uuids) { return checkCollectionPublished(uuids, collection); }
+    bool hasAll(std::vector<Uuid> const& uuids) {
+        return checkCollectionPublished(uuids, collection);
+    }
 
-    mqtt::MqttDataCollection<mqtt::Link> collection{*client_, "links"};
-    Uuid const one{1};
-    Uuid const two{2};
-    std::string const oneText = one.base64URL();
-    std::string const twoText = two.base64URL();
+    std::unique_ptr<mqtt::MqttClient> client = support::testClient("host", 1883, idle());
+    mqtt::MqttDataCollection<mqtt::Link> collection{*client, "links"};
 };
 
-TEST_F(ACollectionToCheck, HasNoLinkWhenItIsEmpty) {
-    EXPECT_FALSE(has(""));
-    EXPECT_FALSE(has("a/b"));
-    publish({});
-    EXPECT_FALSE(has(""));
-}
-
-TEST_F(ACollectionToCheck, HasALinkOfTheVeryText) {
-    publish({"other", "a/b"});
-    EXPECT_TRUE(has("a/b"));
-    EXPECT_TRUE(has("other"));
-    for (auto const* const text : {"", "a", "a/b/c", "a/", "A/b", "/a/b", "b", "a/b ", "oth"}) {
+TEST_F(ACollectionToCheck, HasALinkOfExactlyThisText) {
+    EXPECT_FALSE(has("")) << "while it is empty";
+    std::string const withZeroByte("z\0b", 3);
+    setLinks({"other", "a/b", withZeroByte});
+    for (auto const& text : {std::string("a/b"), std::string("other"), withZeroByte}) {
+        EXPECT_TRUE(has(text)) << text;
+    }
+    for (auto const& text : {std::string(), std::string("a"), std::string("a/b/c"),
+                             std::string("A/b"), std::string("/a/b"), std::string("a/b "),
+                             std::string("oth"), std::string("z"), std::string("z\0c", 3)}) {
         EXPECT_FALSE(has(text)) << text;
     }
-    publish({"a/b/c"});
-    EXPECT_FALSE(has("a/b")) << "no more";
-    EXPECT_TRUE(has("a/b/c"));
 }
 
-TEST_F(ACollectionToCheck, ComparesZeroBytesToo) {
-    publish({"a\\u0000b", ""});
-    EXPECT_TRUE(has(std::string("a\0b", 3)));
-    EXPECT_TRUE(has(""));
-    EXPECT_FALSE(has("a"));
-    EXPECT_FALSE(has(std::string("a\0c", 3)));
+TEST_F(ACollectionToCheck, HasALinkForEachOfSoManyIdentifiers) {
+    Uuid const one{1};
+    Uuid const two{2};
+    auto const oneText = one.base64URL();
+    auto const twoText = two.base64URL();
+    struct Case {
+        Strings links;
+        std::vector<Uuid> uuids;
+        bool expected;
+    };
+    std::vector<Case> const cases{
+        {{}, {}, true},
+        {{"x"}, {}, false},
+        {{}, {one}, false},
+        {{"plant/" + twoText + "/x", oneText}, {one, two}, true},
+        {{"plant/" + twoText + "/x", oneText}, {two, one}, true},
+        {{oneText, twoText}, {one}, false},
+        {{oneText, twoText}, {one, two, two}, false},
+        {{oneText, twoText, "more"}, {one, two}, false},
+        {{oneText, "other"}, {one, two}, false},
+        {{oneText, twoText.substr(0, twoText.size() - 1)}, {one, two}, false},
+        {{oneText, two.to_string()}, {one, two}, false},
+        // Each identifier is looked for among all links.
+        {{oneText + "/" + twoText, "other"}, {one, two}, true},
+        {{oneText, "other"}, {one, one}, true}};
+    for (std::size_t i = 0; i < cases.size(); ++i) {
+        SCOPED_TRACE(i);
+        setLinks(cases[i].links);
+        EXPECT_EQ(hasAll(cases[i].uuids), cases[i].expected);
+    }
 }
 
-TEST_F(ACollectionToCheck, HasNobodyWhenItIsEmptyAndNobodyIsExpected) {
-    EXPECT_TRUE(hasAll({}));
-    publish({"x"});
-    EXPECT_FALSE(hasAll({}));
-    publish({});
-    EXPECT_TRUE(hasAll({}));
-    EXPECT_FALSE(hasAll({one}));
-}
-
-TEST_F(ACollectionToCheck, HasAllInWhateverOrderAndWhereverInTheText) {
-    publish({"plant/" + twoText + "/x", oneText});
-    EXPECT_TRUE(hasAll({one, two}));
-    EXPECT_TRUE(hasAll({two, one}));
-}
-
-TEST_F(ACollectionToCheck, HasNotAllWhenTheNumbersDiffer) {
-    publish({oneText, twoText});
-    EXPECT_FALSE(hasAll({one}));
-    EXPECT_FALSE(hasAll({one, two, two}));
-    publish({oneText, twoText, "more"});
-    EXPECT_FALSE(hasAll({one, two}));
-}
-
-TEST_F(ACollectionToCheck, HasNotAllWhenOneIsMissing) {
-    publish({oneText, "other"});
-    EXPECT_FALSE(hasAll({one, two}));
-    EXPECT_FALSE(hasAll({two, one}));
-    publish({oneText, twoText.substr(0, twoText.size() - 1)});
-    EXPECT_FALSE(hasAll({one, two}));
-    publish({oneText, two.to_string()});
-    EXPECT_FALSE(hasAll({one, two}));
-}
-
-TEST_F(ACollectionToCheck, LooksForEveryOneAnew) {
-    publish({oneText + "/" + twoText, "other"});
-    EXPECT_TRUE(hasAll({one, two}));
-    EXPECT_TRUE(hasAll({one, one}));
-}
-
-TEST_F(ACollectionToCheck, IsNotReadWhileSomebodyWritesIt) {
+TEST_F(ACollectionToCheck, IsNotReadWhileItIsBeingWritten) {
     mqtt::MqttDataBase::Lock lock(collection.mutex());
-    collection.value = {{"half"}};
     auto link = std::async(std::launch::async, [&] { return has("whole"); });
-    auto all = std::async(std::launch::async, [&] { return hasAll({one}); });
-    constexpr std::chrono::milliseconds aWhile{300};
-    EXPECT_EQ(link.wait_for(aWhile), std::future_status::timeout);
-    EXPECT_EQ(all.wait_for(aWhile), std::future_status::timeout);
+    auto all = std::async(std::launch::async, [&] { return hasAll({Uuid(1)}); });
+    constexpr std::chrono::milliseconds observationTime{300};
+    EXPECT_EQ(link.wait_for(observationTime), std::future_status::timeout);
+    EXPECT_EQ(all.wait_for(observationTime), std::future_status::timeout);
     collection.value = {{"whole"}};
     lock.unlock();
     EXPECT_TRUE(link.get());

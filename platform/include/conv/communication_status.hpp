@@ -6,7 +6,7 @@
 
 namespace conv {
 
-/// State of a service's communication, and since when it lasts.
+/// State of a service's communication, and since when it has been in it.
 struct ZYM_COMMON_EXPORT CommunicationStatus {
     ComState state = ComState::UNKNOWN;
     UnixTime since;

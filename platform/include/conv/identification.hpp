@@ -6,7 +6,7 @@
 
 namespace conv {
 
-/// What an entity says of itself. Every text may be empty.
+/// The data with which an entity describes itself. Every text may be empty.
 struct ZYM_COMMON_EXPORT Identification {
     std::string uuid;
     std::string manufacturer;

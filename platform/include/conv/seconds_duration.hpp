@@ -17,7 +17,7 @@ public:
 
     /// No time at all: 0 seconds.
     constexpr SecondsDuration() noexcept = default;
-    /// Implicit, so that a plain number of seconds serves wherever a duration is asked for.
+    /// Implicit, so that a plain number of seconds can be passed as a duration.
     constexpr SecondsDuration(std::uint32_t seconds) noexcept : seconds_(seconds) {}
 
     /// The bit pattern read as a signed number: -1 for `NO_TIMEOUT`, negative from 2^31 on.
@@ -27,11 +27,11 @@ public:
                    : static_cast<std::int32_t>(seconds_);
     }
 
-    /// The moment so many seconds after `now`; the far end of time for `NO_TIMEOUT` and
-    /// whenever the sum lies beyond it.
+    /// `now` plus this duration; the largest time point for `NO_TIMEOUT` and when the sum exceeds
+    /// it.
     ///
-    /// Beware when waiting for it: standard libraries hand deadlines to the system as a
-    /// `time_t`, which a far moment overflows where that has 32 bits. Wait in slices.
+    /// Beware when waiting for it: standard libraries pass deadlines to the system as a `time_t`.
+    /// Where that has 32 bits, a far time point overflows. Wait in several short waits.
     constexpr std::chrono::steady_clock::time_point
     toTimepoint(std::chrono::steady_clock::time_point now) const noexcept {
         auto const end = std::chrono::steady_clock::time_point::max();

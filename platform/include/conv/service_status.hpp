@@ -6,7 +6,7 @@
 
 namespace conv {
 
-/// How a service is doing. The codes are the service's own and travel unchanged.
+/// The condition of a service. Each service defines its codes, which are transmitted unchanged.
 struct ZYM_COMMON_EXPORT ServiceStatus {
     std::uint8_t operating = 0;
     std::uint8_t health = 0;

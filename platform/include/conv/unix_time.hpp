@@ -14,7 +14,7 @@ struct UnixTime {
     constexpr explicit UnixTime(double secondsSince1970) noexcept
         : seconds(secondsSince1970), valid(1) {}
 
-    double seconds = 4294967295.0; ///< means nothing unless `valid`
+    double seconds = 4294967295.0; ///< without meaning unless `valid`
     std::uint8_t valid = 0;        ///< 0: not known; anything else: known
 };
 

@@ -13,34 +13,35 @@ namespace zym::common::lwjson {
 
 namespace {
 
-// In place, because the parser then asks for no memory: it gives what it has read of a string back
-// to the stream, where it comes to nothing.
-constexpr unsigned PARSING = rapidjson::kParseNumbersAsStringsFlag | rapidjson::kParseInsituFlag;
+// Parsing in place needs no memory: the parser hands what it reads of a string to the stream, which
+// ignores it.
+constexpr unsigned PARSE_FLAGS =
+    rapidjson::kParseNumbersAsStringsFlag | rapidjson::kParseInsituFlag;
 
-// The parser is recursive: without a limit a stranger's text could exhaust the stack.
-constexpr unsigned DEEPEST = 64;
+// The parser is recursive: without a limit a text from the network could exhaust the stack.
+constexpr unsigned MAX_DEPTH = 64;
 
-// The parser counts in 32 bits, and so do we.
-constexpr auto LONGEST = std::numeric_limits<std::uint32_t>::max();
+// The parser counts in 32 bits, and so does `Part`.
+constexpr auto MAX_TEXT_BYTES = std::numeric_limits<std::uint32_t>::max();
 
-bool isDecodedTo(std::string_view rawKey, std::string_view name) {
+bool isDecodedTo(std::string_view literal, std::string_view name) {
     try {
-        return decodeString(rawKey) == name;
+        return decodeString(literal) == name;
     } catch (std::invalid_argument const&) {
-        return false; // half of a surrogate pair: nobody can ask for such a key
+        return false; // half of a surrogate pair: no name has one
     }
 }
 
 } // namespace
 
-/// Follows the parser through a text and notes where the root's members stand. The parser tells of
-/// a key or value when it has just read past it.
+/// Records where the root's members stand. The parser calls an operation when it has just read past
+/// the key or value.
 class Deserializer::Outline
     : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Deserializer::Outline> {
 public:
     Outline(OutlineStream const& stream, Deserializer& out) : stream_(stream), out_(out) {}
 
-    // Called for every scalar.
+    // The parser calls this for every scalar.
     bool Default() {
         if (depth_ == 1) {
             addValue(stream_.part());
@@ -68,7 +69,7 @@ private:
         } else if (depth_ == 1) {
             nested_ = stream_.part();
         }
-        return ++depth_ <= DEEPEST;
+        return ++depth_ <= MAX_DEPTH;
     }
 
     bool leave() {
@@ -93,7 +94,7 @@ private:
     OutlineStream const& stream_;
     Deserializer& out_;
     unsigned depth_ = 0;
-    std::uint32_t nested_ = 0; ///< where an object or array in the root begins
+    std::uint32_t nested_ = 0; ///< where the latest object or array in the root begins
     Part key_{};
 };
 
@@ -101,8 +102,8 @@ Deserializer::Deserializer(std::string_view text) : text_(text) {
     OutlineStream stream(text);
     Outline outline(stream, *this);
     rapidjson::Reader reader;
-    bool const parsed =
-        std::uint64_t{text.size()} <= LONGEST && !reader.Parse<PARSING>(stream, outline).IsError();
+    bool const parsed = std::uint64_t{text.size()} <= MAX_TEXT_BYTES
+                        && !reader.Parse<PARSE_FLAGS>(stream, outline).IsError();
     // The parser takes a zero byte for the end of the text.
     if (!parsed || stream.Tell() != text.size()) {
         isObject_ = false;
@@ -116,8 +117,10 @@ std::string_view Deserializer::getMember(char const* key) const {
     std::string_view const name(key);
     auto const isNamed = [&](Member const& member) {
         std::string_view const rawKey = part(member.key);
-        bool const isRaw = keysHaveEscapes_ && rawKey.find('\\') != std::string_view::npos;
-        return isRaw ? isDecodedTo(rawKey, name) : rawKey == name;
+        if (!keysHaveEscapes_ || rawKey.find('\\') == std::string_view::npos) {
+            return rawKey == name;
+        }
+        return isDecodedTo(part({member.key.begin - 1, member.key.end + 1}), name);
     };
     auto const* const usual = std::find_if(members_.begin(), members_.end(), isNamed);
     if (usual != members_.end()) {

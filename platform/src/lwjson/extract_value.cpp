@@ -17,7 +17,7 @@ void requireText(std::string_view text) {
     }
 }
 
-// Only called with digits, so nothing but their number can be wrong.
+// Called with decimal digits only.
 template <typename Integer>
 Integer readDigits(std::string_view digits) {
     constexpr unsigned LARGEST = std::numeric_limits<Integer>::max();
@@ -55,9 +55,9 @@ void Deserializer::extractValue(std::string_view text, std::string& out, char co
     }
     std::string_view const body = text.substr(1, text.size() - 2);
     if (isAllPlain(body)) {
-        out.assign(body); // into the memory that it has
+        out.assign(body); // reuses the memory of `out`
     } else {
-        out = decodeString(body);
+        out = decodeString(text);
     }
 }
 

@@ -1,15 +1,11 @@
 #include "number_text.hpp"
 
-#include "number_way.hpp"
-
 #include <algorithm>
-#include <array>
 #include <cfloat>
 #include <charconv>
 #include <cmath>
 #include <cstdint>
-#include <limits>
-#include <optional>
+#include <stdexcept>
 
 namespace zym::common::lwjson {
 
@@ -19,7 +15,7 @@ bool isDigit(char c) {
     return c >= '0' && c <= '9';
 }
 
-// Drops leading digits; tells whether there were any.
+// Drops leading digits. Returns whether there were any.
 bool dropDigits(std::string_view& text) {
     auto const* const end = std::find_if_not(text.begin(), text.end(), isDigit);
     auto const digits = static_cast<std::size_t>(end - text.begin());
@@ -51,36 +47,7 @@ bool dropExponent(std::string_view& text) {
     return dropDigits(text);
 }
 
-// Texts of so few digits are as good as exact: no two of them are read as the same double, and a
-// double holds their digits as an integer. A quotient of two integers that it holds is rounded
-// once, to the double that is nearest to the number meant. Unless the processor has more digits.
-constexpr bool QUOTIENTS_ARE_NEAREST = FLT_EVAL_METHOD == 0;
-constexpr std::size_t EXACT_DIGITS = std::numeric_limits<double>::digits10;
-constexpr std::array<double, EXACT_DIGITS + 1> POWERS_OF_TEN{
-    1e0, 1e1, 1e2, 1e3, 1e4, 1e5, 1e6, 1e7, 1e8, 1e9, 1e10, 1e11, 1e12, 1e13, 1e14, 1e15};
-
-// Reads a number without an exponent.
-std::optional<double> readPlain(std::string_view text) {
-    bool const isNegative = dropIf(text, '-');
-    if (text.size() > EXACT_DIGITS) {
-        return std::nullopt;
-    }
-    std::uint64_t digits = 0;
-    std::size_t decimals = 0;
-    for (char const* at = text.begin(); at != text.end(); ++at) {
-        if (isDigit(*at)) {
-            digits = digits * 10U + static_cast<unsigned>(*at - '0');
-        } else if (*at == '.') {
-            decimals = static_cast<std::size_t>(text.end() - at - 1);
-        } else {
-            return std::nullopt;
-        }
-    }
-    double const size = static_cast<double>(digits) / POWERS_OF_TEN[decimals];
-    return isNegative ? -size : size;
-}
-
-// Writes thousandths, a fraction of one.
+// Writes a point and up to three decimals; nothing for zero.
 char* writeDecimals(char* to, unsigned thousandths) {
     if (thousandths > 0) {
         *to++ = '.';
@@ -92,17 +59,24 @@ char* writeDecimals(char* to, unsigned thousandths) {
     return to;
 }
 
-// Writes a number that has up to three decimals, as the times and measurements of most have.
-// Nothing is written of another number, nor of one that is shorter with an exponent.
-char* writePlain(char* to, double number) {
+// Writes a number with at most three decimals, as most times and measurements have: three to seven
+// times faster than the standard library. Writes nothing for other numbers, and for those that are
+// shorter with an exponent.
+//
+// Below MAX_SIZE a double holds the thousandths exactly, and no two of them are the same double.
+// Their quotient is rounded once, to the double nearest to the number meant, unless the processor
+// computes with more digits than a double has.
+char* writeWithFewDecimals(char* to, double number) {
+    constexpr bool QUOTIENT_IS_NEAREST = FLT_EVAL_METHOD == 0;
+    constexpr double MAX_SIZE = 1e12;
     constexpr std::uint64_t ONE = 1000;
     constexpr std::uint64_t MANY_ZEROS = 100000;
-    constexpr double ROUNDED = 0.5; // nearly always right, and looked at below
+    constexpr double TO_ROUND = 0.5; // may round to the wrong side: the quotient shows it
     double const size = std::fabs(number);
-    if (!QUOTIENTS_ARE_NEAREST || size >= POWERS_OF_TEN[EXACT_DIGITS - 3]) {
+    if (!QUOTIENT_IS_NEAREST || size >= MAX_SIZE) {
         return to;
     }
-    auto const thousandths = static_cast<std::uint64_t>(size * ONE + ROUNDED);
+    auto const thousandths = static_cast<std::uint64_t>(size * ONE + TO_ROUND);
     if (static_cast<double>(thousandths) / ONE != size
         || (thousandths % (ONE * MANY_ZEROS) == 0 && thousandths != 0)) {
         return to;
@@ -110,7 +84,7 @@ char* writePlain(char* to, double number) {
     if (std::signbit(number)) {
         *to++ = '-';
     }
-    to = std::to_chars(to, to + EXACT_DIGITS, thousandths / ONE).ptr;
+    to = std::to_chars(to, to + LONGEST_NUMBER - 1, thousandths / ONE).ptr;
     return writeDecimals(to, static_cast<unsigned>(thousandths % ONE));
 }
 
@@ -126,13 +100,17 @@ bool isNumber(std::string_view text) noexcept {
 }
 
 char* writeNumber(char* to, double number) {
-    char* const behind = writePlain(to, number);
-    return behind != to ? behind : writeAny(to, number);
+    char* const end = writeWithFewDecimals(to, number);
+    return end != to ? end : std::to_chars(to, to + LONGEST_NUMBER, number).ptr;
 }
 
 double readNumber(std::string_view text) {
-    auto const number = QUOTIENTS_ARE_NEAREST ? readPlain(text) : std::nullopt;
-    return number ? *number : readAny(text);
+    double number = 0;
+    auto const result = std::from_chars(text.data(), text.data() + text.size(), number);
+    if (result.ec != std::errc()) {
+        throw std::out_of_range("Number out of the range of a double");
+    }
+    return number;
 }
 
 } // namespace zym::common::lwjson

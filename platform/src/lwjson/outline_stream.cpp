@@ -11,7 +11,7 @@ void OutlineStream::skipEscapes() {
     }
 }
 
-// 0 when here is none, or a bad one.
+// 0 when no escape stands here, or a malformed one.
 std::size_t OutlineStream::escapeLength() const {
     constexpr std::size_t LONG = sizeof "\\u0000" - 1;
     if (end_ - at_ < 2 || *at_ != '\\') {

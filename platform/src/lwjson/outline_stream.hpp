@@ -11,13 +11,13 @@
 
 namespace zym::common::lwjson {
 
-/// What the parser gets to see of a JSON text: its structure.
+/// A stream that shows the parser only the structure of a JSON text.
 ///
-/// The parser would refuse a whole document for one number that is too large for a double, or
-/// for half of a surrogate pair in one string, and copies every string. The reader wants to know
-/// no more than where values begin and end, and judges a value when somebody asks for it. So only
-/// the first of a run of digits is shown, and zeros before it, and of what stands in a string
-/// nothing but what must not stand there. What is good JSON and what is not stays the same.
+/// The parser would refuse a whole document for one number too large for a double or for half of a
+/// surrogate pair in one string, and it copies every string. The deserializer needs only where
+/// values begin and end, and checks a value when it is asked for. So the stream leaves out the
+/// valid content of strings, and all digits of a run behind the first that is not zero. The parser
+/// still accepts and refuses the same texts.
 class OutlineStream {
 public:
     using Ch = char;
@@ -40,8 +40,8 @@ public:
 
     std::uint32_t Tell() const { return static_cast<std::uint32_t>(at_ - begin_); }
 
-    // Parsing in place: this is called when the mark that opens a string has been taken, and again
-    // at the end of a number. What the parser then writes is not kept.
+    // The parser, which works in place, calls this behind the opening mark of a string, and again
+    // at the end of a number. The stream ignores what the parser writes.
     char* PutBegin() {
         if (at_[-1] == '"') {
             skipString();
@@ -52,7 +52,7 @@ public:
     void Flush() {}
     std::size_t PutEnd(char*) { return 1; }
 
-    // The parser does so ahead of every key and value.
+    // The parser calls this before every key and value.
     void skipBlanks() {
         while (at_ != end_ && isBlank(*at_)) {
             ++at_;
@@ -60,14 +60,14 @@ public:
         part_ = Tell();
     }
 
-    /// Where the next key or value begins, or the one that is being read.
+    /// Where the current or next key or value begins.
     std::uint32_t part() const { return part_; }
 
-    /// Whether there were escapes in the last string.
+    /// Whether the latest string has escapes.
     bool sawEscapes() const { return sawEscapes_; }
 
 private:
-    // As far as it is good.
+    // Stops at the closing mark, or at the first byte that is not valid.
     void skipString() {
         sawEscapes_ = false;
         at_ = endOfPlain(at_, end_);

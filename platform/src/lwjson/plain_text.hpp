@@ -13,27 +13,28 @@ constexpr bool isPlain(char c) noexcept {
     return static_cast<unsigned char>(c) >= 0x20 && c != '"' && c != '\\';
 }
 
-/// Eight bytes of a text, looked at together.
+/// Eight bytes of a text, tested together.
 class EightBytes {
 public:
     static constexpr std::size_t SIZE = sizeof(std::uint64_t);
     static constexpr std::size_t HALF = sizeof(std::uint32_t);
 
     explicit EightBytes(char const* at) noexcept : bytes_(load<std::uint64_t>(at)) {}
-    /// Two times four, which may overlap.
+    /// Two groups of four bytes, which may overlap.
     EightBytes(char const* first, char const* second) noexcept
         : bytes_(load<std::uint32_t>(first)) {
         bytes_ |= std::uint64_t{load<std::uint32_t>(second)} << 32U;
     }
 
-    /// Whether the first byte is the lowest of a number, as nearly everywhere.
-    static bool areInOrder() noexcept { return load<std::uint16_t>("\1\0") == 1; }
+    /// Whether the first byte is the lowest of a number, as on nearly all processors.
+    static bool isLittleEndian() noexcept { return load<std::uint16_t>("\1\0") == 1; }
 
-    bool arePlain() const noexcept { return odd() == 0; }
+    bool arePlain() const noexcept { return notPlain() == 0; }
 
-    /// How many are plain before the first that is not: there has to be one, and they in order.
-    std::size_t plainOnes() const noexcept {
-        std::uint64_t const found = odd();
+    /// How many plain bytes stand before the first that is not plain. There must be one, and the
+    /// processor must be little-endian.
+    std::size_t plainBytesAtStart() const noexcept {
+        std::uint64_t const found = notPlain();
         std::uint64_t const below = (found & (~found + 1)) - 1;
         return static_cast<std::size_t>((below & ONES) * ONES >> 56U) - 1;
     }
@@ -49,9 +50,9 @@ private:
         return word;
     }
 
-    // The top bit of each byte that is not plain, and perhaps of some behind the first such byte.
-    // Turning one bit over puts the quotation mark next to the control bytes.
-    std::uint64_t odd() const noexcept {
+    // The top bit of the first byte that is not plain, and perhaps of bytes behind it.
+    // Inverting one bit moves the quotation mark next to the control bytes.
+    std::uint64_t notPlain() const noexcept {
         std::uint64_t const controlOrQuote = (bytes_ ^ ONES * 0x02U) - ONES * 0x21U;
         std::uint64_t const backslash = (bytes_ ^ ONES * '\\') - ONES;
         return (controlOrQuote | backslash) & ~bytes_ & TOPS;
@@ -60,8 +61,8 @@ private:
     std::uint64_t bytes_;
 };
 
-/// Whether all of a text is plain. Words that overlap at the end leave no bytes over: texts are
-/// short.
+/// Whether all of a text is plain. The last word overlaps the one before it, so that no bytes are
+/// tested one by one: texts are short.
 inline bool isAllPlain(std::string_view text) noexcept {
     char const* const end = text.data() + text.size();
     if (text.size() < EightBytes::HALF) {
@@ -78,12 +79,12 @@ inline bool isAllPlain(std::string_view text) noexcept {
     return EightBytes(end - EightBytes::SIZE).arePlain();
 }
 
-/// Where the first byte stands that is not plain; the end when all are.
+/// The first byte that is not plain; the end when all are.
 inline char const* endOfPlain(char const* at, char const* end) noexcept {
-    while (EightBytes::areInOrder() && static_cast<std::size_t>(end - at) >= EightBytes::SIZE) {
+    while (EightBytes::isLittleEndian() && static_cast<std::size_t>(end - at) >= EightBytes::SIZE) {
         EightBytes const bytes(at);
         if (!bytes.arePlain()) {
-            return at + bytes.plainOnes();
+            return at + bytes.plainBytesAtStart();
         }
         at += EightBytes::SIZE;
     }

@@ -13,10 +13,10 @@ namespace zym::common::lwjson {
 namespace {
 
 constexpr char MEMBER_LAYOUT[] = "\n  ";
+constexpr char ELEMENT_LAYOUT[] = "\n    ";
+
 // Most documents are shorter.
 constexpr std::size_t USUAL_SIZE = 511;
-
-constexpr char ELEMENT_LAYOUT[] = "\n    ";
 
 bool isLayout(char c) {
     return c == ' ' || c == '\n' || c == '\r' || c == '\t';
@@ -59,17 +59,16 @@ void appendEscape(std::string& json, char c) {
 void appendEscaped(std::string& json, std::string_view text) {
     char const* at = text.begin();
     while (at != text.end()) {
-        char const* const odd = endOfPlain(at, text.end());
-        json.append(at, odd);
-        at = odd;
+        char const* const end = endOfPlain(at, text.end());
+        json.append(at, end);
+        at = end;
         if (at != text.end()) {
             appendEscape(json, *at++);
         }
     }
 }
 
-// A text between what comes before and behind it, in one piece: most of a writer's time goes into
-// making a string longer.
+// Appends three texts at once: growing the string takes most of a writer's time.
 template <std::size_t Before, std::size_t Behind>
 void appendAll(std::string& json, char const (&before)[Before], std::string_view text,
                char const (&behind)[Behind]) {
@@ -94,7 +93,7 @@ void appendString(std::string& json, char const (&before)[Before], std::string_v
     json += behind;
 }
 
-// A raw line feed never stands inside a JSON string, so it and the blanks behind it are layout.
+// A JSON string holds no raw line feed, so a line feed and the blanks behind it are layout.
 void appendOnOneLine(std::string& json, std::string_view text) {
     while (!text.empty()) {
         std::string_view const line = text.substr(0, text.find('\n'));

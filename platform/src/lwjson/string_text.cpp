@@ -1,7 +1,6 @@
 #include "string_text.hpp"
 
-#include "../hex_digit.hpp"
-#include "plain_text.hpp"
+#include <rapidjson/reader.h>
 
 #include <stdexcept>
 
@@ -9,117 +8,46 @@ namespace zym::common::lwjson {
 
 namespace {
 
-class StringDecoder {
-public:
-    explicit StringDecoder(std::string_view body) : rest_(body) {}
+[[noreturn]] void fail() {
+    throw std::invalid_argument("Not a JSON string");
+}
 
-    std::string decode() {
-        std::string text;
-        text.reserve(rest_.size());
-        takePlain(text);
-        while (!rest_.empty()) {
-            if (take() != '\\') {
-                fail();
-            }
-            appendEscape(text);
-            takePlain(text);
-        }
-        return text;
-    }
-
-private:
-    [[noreturn]] static void fail() { throw std::invalid_argument("Not a JSON string"); }
-
-    char take() {
-        if (rest_.empty()) {
+/// RapidJSON 1.1 refuses the first half of a surrogate pair without the second, but takes the
+/// second half without the first.
+struct WholeCharacters : rapidjson::UTF8<> {
+    template <typename OutputStream>
+    static void Encode(OutputStream& out, unsigned codePoint) {
+        if (codePoint >= 0xd800U && codePoint <= 0xdfffU) {
             fail();
         }
-        char const c = rest_.front();
-        rest_.remove_prefix(1);
-        return c;
+        rapidjson::UTF8<>::Encode(out, codePoint);
+    }
+};
+
+struct LengthOfString : rapidjson::BaseReaderHandler<WholeCharacters, LengthOfString> {
+    bool String(char const* /*text*/, rapidjson::SizeType size, bool /*copy*/) {
+        length = size;
+        return true;
     }
 
-    void takePlain(std::string& text) {
-        char const* const begin = rest_.data();
-        auto const length =
-            static_cast<std::size_t>(endOfPlain(begin, begin + rest_.size()) - begin);
-        text.append(begin, length);
-        rest_.remove_prefix(length);
-    }
-
-    void appendEscape(std::string& text) {
-        constexpr std::string_view LETTERS = "\"\\/bfnrt";
-        constexpr std::string_view MEANINGS = "\"\\/\b\f\n\r\t";
-        char const letter = take();
-        if (letter == 'u') {
-            appendUtf8(text, takeCodePoint());
-            return;
-        }
-        std::size_t const i = LETTERS.find(letter);
-        if (i == std::string_view::npos) {
-            fail();
-        }
-        text += MEANINGS[i];
-    }
-
-    unsigned takeHexDigit() {
-        auto const digit = hexDigit(take());
-        if (!digit) {
-            fail();
-        }
-        return *digit;
-    }
-
-    unsigned takeCodeUnit() {
-        unsigned unit = 0;
-        for (int i = 0; i < 4; ++i) {
-            unit = unit << 4U | takeHexDigit();
-        }
-        return unit;
-    }
-
-    unsigned takeCodePoint() {
-        unsigned const unit = takeCodeUnit();
-        if (unit < 0xd800U || unit > 0xdfffU) {
-            return unit;
-        }
-        if (unit > 0xdbffU || take() != '\\' || take() != 'u') {
-            fail();
-        }
-        unsigned const low = takeCodeUnit();
-        if (low < 0xdc00U || low > 0xdfffU) {
-            fail();
-        }
-        return 0x10000U + ((unit & 0x3ffU) << 10U | (low & 0x3ffU));
-    }
-
-    static void appendUtf8(std::string& text, unsigned code) {
-        if (code < 0x80U) {
-            appendByte(text, code);
-        } else if (code < 0x800U) {
-            appendByte(text, 0xc0U | code >> 6U);
-            appendByte(text, 0x80U | (code & 0x3fU));
-        } else if (code < 0x10000U) {
-            appendByte(text, 0xe0U | code >> 12U);
-            appendByte(text, 0x80U | (code >> 6U & 0x3fU));
-            appendByte(text, 0x80U | (code & 0x3fU));
-        } else {
-            appendByte(text, 0xf0U | code >> 18U);
-            appendByte(text, 0x80U | (code >> 12U & 0x3fU));
-            appendByte(text, 0x80U | (code >> 6U & 0x3fU));
-            appendByte(text, 0x80U | (code & 0x3fU));
-        }
-    }
-
-    static void appendByte(std::string& text, unsigned byte) { text += static_cast<char>(byte); }
-
-    std::string_view rest_;
+    std::size_t length = 0;
 };
 
 } // namespace
 
-std::string decodeString(std::string_view body) {
-    return StringDecoder(body).decode();
+std::string decodeString(std::string_view literal) {
+    std::string text(literal);
+    rapidjson::InsituStringStream stream(text.data());
+    rapidjson::GenericReader<WholeCharacters, WholeCharacters> reader;
+    LengthOfString content;
+    bool const parsed = !reader.Parse<rapidjson::kParseInsituFlag>(stream, content).IsError();
+    // The parser takes a zero byte for the end of the text.
+    if (!parsed || stream.Tell() != text.size()) {
+        fail();
+    }
+    text.erase(0, 1); // the quotation mark: the parser writes the content behind it
+    text.resize(content.length);
+    return text;
 }
 
 } // namespace zym::common::lwjson

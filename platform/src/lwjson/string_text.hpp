@@ -6,9 +6,9 @@
 namespace zym::common::lwjson {
 
 /// The content of a JSON string.
-/// @param body what stands between the quotation marks
-/// @throws std::invalid_argument for anything that must not stand there, and for half of a
+/// @param literal begins and ends with a quotation mark
+/// @throws std::invalid_argument for anything else than one JSON string, and for half of a
 ///         surrogate pair
-std::string decodeString(std::string_view body);
+std::string decodeString(std::string_view literal);
 
 } // namespace zym::common::lwjson

@@ -24,20 +24,17 @@ void expectFailure(std::string_view text, T const& before) {
     EXPECT_EQ(value, before) << text;
 }
 
-TEST(AnExtractedInteger, IsReadFromDigits) {
+TEST(AnExtractedInteger, IsReadFromDigitsInItsRange) {
     EXPECT_EQ(extract<unsigned char>("0"), 0);
     EXPECT_EQ(extract<unsigned char>("255"), 255);
     EXPECT_EQ(extract<unsigned>("0"), 0U);
     EXPECT_EQ(extract<unsigned>("4294967295"), 4294967295U);
-}
-
-TEST(AnExtractedInteger, IsOutOfRangeWhenItDoesNotFit) {
-    for (char const* text : {"256", "300", "1000", "4294967296", "99999999999999999999999", "-1",
-                             "-0", "-99999999999999999999999"}) {
+    for (char const* text : {"256", "1000", "4294967296", "99999999999999999999999", "-1", "-0",
+                             "-99999999999999999999999"}) {
         expectFailure<std::out_of_range>(text, static_cast<unsigned char>(77));
     }
-    for (char const* text : {"4294967296", "4294967300", "42949672950", "99999999999999999999999",
-                             "-1", "-4294967295"}) {
+    for (char const* text :
+         {"4294967296", "42949672950", "99999999999999999999999", "-1", "-4294967295"}) {
         expectFailure<std::out_of_range>(text, 77U);
     }
     expectFailure<std::out_of_range>(std::string(500, '9'), 77U);
@@ -69,26 +66,18 @@ TEST(AnExtractedDouble, FailsForEverythingElse) {
     expectFailure<std::out_of_range>("1e-999", 7.5);
 }
 
-TEST(AnExtractedTime, IsReadFromANumber) {
-    auto const time = extract<conv::UnixTime>("1700000000.5");
+TEST(AnExtractedTime, IsReadFromANumberOrInvalidForNull) {
+    conv::UnixTime time = extract<conv::UnixTime>("1700000000.5");
     EXPECT_EQ(time.seconds, 1700000000.5);
     EXPECT_EQ(time.valid, 1);
-}
-
-TEST(AnExtractedTime, IsTheInvalidTimeForNull) {
-    conv::UnixTime time(5.0);
-    Deserializer::extractValue("null", time, "");
-    EXPECT_EQ(time.seconds, 4294967295.0);
-    EXPECT_EQ(time.valid, 0);
-}
-
-TEST(AnExtractedTime, KeepsWhatItWasOnFailure) {
-    conv::UnixTime time(5.0);
     EXPECT_THROW(Deserializer::extractValue("\"5\"", time, ""), std::invalid_argument);
     EXPECT_THROW(Deserializer::extractValue("1e999", time, ""), std::out_of_range);
     EXPECT_THROW(Deserializer::extractValue("", time, ""), std::out_of_range);
-    EXPECT_EQ(time.seconds, 5.0);
+    EXPECT_EQ(time.seconds, 1700000000.5) << "it is unchanged by a failure";
     EXPECT_EQ(time.valid, 1);
+    Deserializer::extractValue("null", time, "");
+    EXPECT_EQ(time.seconds, 4294967295.0);
+    EXPECT_EQ(time.valid, 0);
 }
 
 TEST(AnExtractedValue, IsOutOfRangeWhenThereIsNone) {
@@ -98,17 +87,15 @@ TEST(AnExtractedValue, IsOutOfRangeWhenThereIsNone) {
     expectFailure<std::out_of_range>("", 7.5);
 }
 
-TEST(AnExtractedText, IsDecoded) {
-    EXPECT_EQ(extract<std::string>("\"\""), "");
+TEST(AnExtractedText, IsDecodedWhateverItsLength) {
     EXPECT_EQ(extract<std::string>("\"a b\""), "a b");
     EXPECT_EQ(extract<std::string>(R"("\"\\\/\b\f\n\r\t")"), "\"\\/\b\f\n\r\t");
     EXPECT_EQ(extract<std::string>("\"a\\u0000b\""), std::string("a\0b", 3));
-}
-
-TEST(AnExtractedText, IsTheSameForAnyLength) {
+    std::string text(100, 'x');
     for (std::size_t length = 0; length < 40; ++length) {
         std::string const plain(length, 'x');
-        EXPECT_EQ(extract<std::string>('"' + plain + '"'), plain);
+        Deserializer::extractValue('"' + plain + '"', text, "");
+        EXPECT_EQ(text, plain);
         EXPECT_EQ(extract<std::string>('"' + plain + R"(\n)" + plain + '"'), plain + '\n' + plain);
         expectFailure<std::invalid_argument>('"' + plain + "\x1f\"", std::string("before"));
         expectFailure<std::invalid_argument>('"' + plain + "\"" + plain + '"',
@@ -116,23 +103,12 @@ TEST(AnExtractedText, IsTheSameForAnyLength) {
     }
 }
 
-TEST(AnExtractedText, TakesThePlaceOfALongerOne) {
-    std::string text(100, 'x');
-    Deserializer::extractValue("\"a\"", text, "");
-    EXPECT_EQ(text, "a");
-    Deserializer::extractValue("\"\"", text, "");
-    EXPECT_EQ(text, "");
-}
-
-TEST(AnExtractedText, GetsCodePointsAsUtf8) {
+TEST(AnExtractedText, HasCodePointsAsUtf8AndOtherBytesAsTheyAre) {
     EXPECT_EQ(extract<std::string>("\"\\u0041\\u007f\\u0080\\u07ff\""), "A\x7f\xc2\x80\xdf\xbf");
     EXPECT_EQ(extract<std::string>("\"\\u0800\\uFFFF\\uffff\\uD7FF\\uE000\""),
               "\xe0\xa0\x80\xef\xbf\xbf\xef\xbf\xbf\xed\x9f\xbf\xee\x80\x80");
     EXPECT_EQ(extract<std::string>("\"\\ud800\\udc00\\uDBFF\\uDFFF\\ud83d\\uDE00\""),
               "\xf0\x90\x80\x80\xf4\x8f\xbf\xbf\xf0\x9f\x98\x80");
-}
-
-TEST(AnExtractedText, KeepsBytesAboveAsciiEvenInvalidUtf8) {
     std::string bytes;
     for (int byte = 0x7f; byte < 0x100; ++byte) {
         bytes += static_cast<char>(byte);

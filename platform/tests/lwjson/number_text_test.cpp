@@ -1,6 +1,6 @@
 #include "number_text.hpp"
 
-#include "support/sanitizers.hpp"
+#include "support/timeout_factor.hpp"
 
 #include <gtest/gtest.h>
 
@@ -27,23 +27,20 @@ std::string textOf(double number) {
     return {text, writeNumber(text, number)};
 }
 
-TEST(ANumberText, IsWhatTheGrammarOfJsonSays) {
-    for (char const* text : {"0", "-0", "7", "10", "-12", "0.5", "1.25", "1e5", "1E+5", "1e-05",
-                             "-1.5e300", "0e0", "1e999", "123456789012345678901234567890"}) {
-        EXPECT_TRUE(isNumber(text)) << text;
-    }
-    for (char const* text :
-         {"",     "-",   "+1",  "01", "-01", ".5",  "1.",  "1.e5",  "1e",    "1e+",
-          "0x10", "nan", "inf", "1 ", " 1",  "1,5", "--1", "1.5.2", "1e5.0", "true"}) {
-        EXPECT_FALSE(isNumber(text)) << text;
-    }
-}
-
-TEST(ANumberText, IsAnIntegerWhenItHasDigitsOnly) {
+TEST(ANumberText, FollowsTheGrammarOfJson) {
     for (char const* text : {"0", "7", "10", "123456789012345678901234567890"}) {
+        EXPECT_TRUE(isNumber(text)) << text;
         EXPECT_TRUE(isInteger(text)) << text;
     }
-    for (char const* text : {"", "-", "-1", "+1", "00", "01", "1.0", "1e5", "0x1", "1 ", " 1"}) {
+    for (char const* text :
+         {"-0", "-12", "0.5", "1.25", "1e5", "1E+5", "1e-05", "-1.5e300", "0e0", "1e999"}) {
+        EXPECT_TRUE(isNumber(text)) << text;
+        EXPECT_FALSE(isInteger(text)) << text;
+    }
+    for (char const* text :
+         {"",     "-",   "+1",  "00", "01", "-01", ".5",  "1.",    "1.e5",  "1e",  "1e+",
+          "0x10", "nan", "inf", "1 ", " 1", "1,5", "--1", "1.5.2", "1e5.0", "true"}) {
+        EXPECT_FALSE(isNumber(text)) << text;
         EXPECT_FALSE(isInteger(text)) << text;
     }
 }
@@ -66,7 +63,7 @@ TEST(ANumberText, IsShortAndReadsBackTheSame) {
 
 TEST(ANumberText, ReadsBackTheSameForAnyBits) {
     std::mt19937_64 bits(1);
-    for (int i = 0; i < 20000 / support::SLOWNESS; ++i) {
+    for (int i = 0; i < 20000 / support::TIMEOUT_FACTOR; ++i) {
         std::uint64_t const pattern = bits();
         double number = 0;
         std::memcpy(&number, &pattern, sizeof(number));
@@ -76,7 +73,7 @@ TEST(ANumberText, ReadsBackTheSameForAnyBits) {
     }
 }
 
-// What the standard library gives is what counts; numbers with few digits go another way.
+// The texts must be those of the standard library. Numbers with few digits take another path.
 #if defined(__cpp_lib_to_chars) && !defined(ZYM_COMMON_NO_FLOATING_CHARCONV)
 
 void expectAsByTheStandardLibrary(double number) {
@@ -87,7 +84,7 @@ void expectAsByTheStandardLibrary(double number) {
     ASSERT_EQ(std::memcmp(&again, &number, sizeof number), 0) << expected;
 }
 
-// Both signs, and the neighbours, which have many digits when the number has few.
+// Both signs, and the neighbours, which have many digits if the number has few.
 void expectAsByTheStandardLibraryAround(double number) {
     constexpr double FAR = std::numeric_limits<double>::max();
     for (double const one : {number, std::nextafter(number, FAR), std::nextafter(number, -FAR)}) {
@@ -98,7 +95,7 @@ void expectAsByTheStandardLibraryAround(double number) {
 
 TEST(ANumberText, IsThatOfTheStandardLibraryForNumbersWithFewDecimals) {
     std::mt19937_64 random(3);
-    for (int i = 0; i < 30000 / support::SLOWNESS; ++i) {
+    for (int i = 0; i < 30000 / support::TIMEOUT_FACTOR; ++i) {
         auto const digits = static_cast<double>(random() >> random() % 64U);
         double const power = std::pow(10, static_cast<int>(random() % 20U));
         ASSERT_NO_FATAL_FAILURE(expectAsByTheStandardLibraryAround(digits / power));
@@ -123,7 +120,7 @@ TEST(ANumberText, IsThatOfTheStandardLibraryAtEveryEdge) {
 
 TEST(ANumberText, IsReadAsByTheStandardLibrary) {
     std::mt19937_64 random(4);
-    for (int i = 0; i < 100000 / support::SLOWNESS; ++i) {
+    for (int i = 0; i < 100000 / support::TIMEOUT_FACTOR; ++i) {
         std::string text = std::to_string(random() >> random() % 64U);
         if (random() % 4U != 0) {
             text += '.' + std::to_string(random() >> random() % 64U);
@@ -137,28 +134,16 @@ TEST(ANumberText, IsReadAsByTheStandardLibrary) {
 
 #endif
 
-TEST(ANumberText, HasNoMoreDigitsThanNeeded) {
-    std::mt19937 random(2);
-    for (int i = 0; i < 2000; ++i) {
-        std::string const text =
-            std::to_string(random() % 1000) + "." + std::to_string(random() % 1000000) + "7";
-        EXPECT_LE(textOf(readNumber(text)).size(), text.size());
+TEST(ANumberText, IsOutOfRangeWhenTooLargeOrTooCloseToZeroForADouble) {
+    for (auto const& text :
+         {std::string("1e-999"), "-0." + std::string(400, '0') + "1", std::string("1e999"),
+          std::string("-1e999"), "1" + std::string(400, '0')}) {
+        EXPECT_THROW(readNumber(text), std::out_of_range) << text;
     }
-}
-
-TEST(ANumberText, IsOutOfRangeWhenTooCloseToZeroForADouble) {
-    EXPECT_THROW(readNumber("1e-999"), std::out_of_range);
-    EXPECT_THROW(readNumber("-0." + std::string(400, '0') + "1"), std::out_of_range);
     EXPECT_EQ(readNumber("0e-999"), 0.0);
     EXPECT_EQ(readNumber("0.00E-999"), 0.0);
     EXPECT_EQ(readNumber("0.0"), 0.0);
     EXPECT_EQ(readNumber("5e-324"), std::numeric_limits<double>::denorm_min());
-}
-
-TEST(ANumberText, IsOutOfRangeWhenTooLargeForADouble) {
-    EXPECT_THROW(readNumber("1e999"), std::out_of_range);
-    EXPECT_THROW(readNumber("-1e999"), std::out_of_range);
-    EXPECT_THROW(readNumber("1" + std::string(400, '0')), std::out_of_range);
 }
 
 struct CommaForAPoint : std::numpunct<char> {

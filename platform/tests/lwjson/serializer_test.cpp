@@ -4,12 +4,14 @@
 
 #include <limits>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace {
 
 using zym::common::lwjson::Deserializer;
 using zym::common::lwjson::Serializer;
+using Links = std::vector<Serializer>;
 
 template <typename Value>
 std::string memberWith(Value const& value) {
@@ -21,160 +23,49 @@ std::string memberWith(Value const& value) {
     return json;
 }
 
-std::string link(std::string const& id) {
-    std::string json;
-    Serializer out(json);
-    out.appendKey("@id");
-    out.addValue(id);
-    out.finalize();
-    return json;
+/// The object with the one member "v", of this text.
+std::string object(std::string const& value) {
+    return "{\n  \"v\": " + value + "\n}";
 }
 
-std::string collection(std::vector<std::string> const& ids) {
-    std::vector<Serializer> links;
-    for (std::string const& id : ids) {
-        std::string const text = link(id);
+Links wrapped(std::vector<std::string> const& texts) {
+    Links links;
+    for (std::string const& text : texts) {
         links.emplace_back(text);
     }
-    std::string json;
-    Serializer out(json);
-    out.appendKey("members@count");
-    out.appendValue(std::to_string(ids.size()).c_str());
-    out.appendKey("members");
-    out.addValue(links);
-    out.finalize();
-    return json;
+    return links;
 }
 
-TEST(ASerializer, StandsMembersOnTheirOwnLines) {
-    std::string json;
+TEST(ASerializer, WritesEachMemberOnALineOfItsOwn) {
+    std::string json = "old content";
     Serializer out(json);
-    out.appendKey("state");
+    EXPECT_EQ(json, "{");
+    EXPECT_EQ(&out.mutableJson(), &json);
+    out.appendKey("a\"b"); // keys are escaped too
     out.appendValue("3");
     out.appendKey("since");
     out.addValue(conv::UnixTime(1700000000.5));
     out.finalize();
-    EXPECT_EQ(json, "{\n  \"state\": 3,\n  \"since\": 1700000000.5\n}");
-}
-
-TEST(ASerializer, WritesALink) {
-    EXPECT_EQ(link("a/b"), "{\n  \"@id\": \"a/b\"\n}");
-}
-
-TEST(ASerializer, WritesAnEmptyCollection) {
-    EXPECT_EQ(collection({}), "{\n  \"members@count\": 0,\n  \"members\":\n  [\n  ]\n}");
-}
-
-TEST(ASerializer, WritesACollectionWithALinePerElement) {
-    EXPECT_EQ(collection({"a/b", "c/d"}),
-              "{\n  \"members@count\": 2,\n  \"members\":\n  [\n    {\"@id\": \"a/b\"},\n"
-              "    {\"@id\": \"c/d\"}\n  ]\n}");
-}
-
-TEST(ASerializer, WritesMembersBehindAnArray) {
-    std::string json;
-    Serializer out(json);
-    out.appendKey("list");
-    out.addValue(std::vector<Serializer>());
-    out.appendKey("more");
-    out.appendValue("1");
-    out.finalize();
-    EXPECT_EQ(json, "{\n  \"list\":\n  [\n  ],\n  \"more\": 1\n}");
-}
-
-TEST(ASerializer, WritesAReply) {
-    std::string json;
-    Serializer out(json);
-    out.appendKey("$reqId");
-    out.appendValue("42");
-    out.appendKey("$err");
-    out.appendValue("4");
-    out.finalize();
-    EXPECT_EQ(json, "{\n  \"$reqId\": 42,\n  \"$err\": 4\n}");
-}
-
-TEST(ASerializer, WritesAnObjectWithoutMembers) {
-    std::string json;
+    EXPECT_EQ(json, "{\n  \"a\\\"b\": 3,\n  \"since\": 1700000000.5\n}");
     Serializer(json).finalize();
     EXPECT_EQ(json, "{}");
 }
 
-TEST(ASerializer, ReplacesWhatWasInTheString) {
-    std::string json = "something else";
-    Serializer out(json);
-    EXPECT_EQ(json, "{");
-    EXPECT_EQ(&out.mutableJson(), &json);
-}
-
-TEST(ASerializer, KeepsACommaAtTheEndOfATextWhenItFinishes) {
-    EXPECT_EQ(memberWith(std::string("a,")), "{\n  \"v\": \"a,\"\n}");
-}
-
-TEST(ASerializer, EscapesQuotesBackslashesAndControlBytes) {
-    EXPECT_EQ(memberWith(std::string("\"\\/\b\f\n\r\t")),
-              "{\n  \"v\": \"\\\"\\\\/\\b\\f\\n\\r\\t\"\n}");
-    EXPECT_EQ(memberWith(std::string("a\x01z\x1f\0e", 6)),
-              "{\n  \"v\": \"a\\u0001z\\u001f\\u0000e\"\n}");
-}
-
-void expectEscapedAt(std::size_t place, std::size_t length) {
-    std::string const before(place, 'x');
-    std::string const behind(length - place - 1, 'x');
-    EXPECT_EQ(memberWith(before + '"' + behind),
-              "{\n  \"v\": \"" + before + "\\\"" + behind + "\"\n}");
-    EXPECT_EQ(memberWith(before + '\\' + behind),
-              "{\n  \"v\": \"" + before + "\\\\" + behind + "\"\n}");
-    EXPECT_EQ(memberWith(before + '\x1f' + behind),
-              "{\n  \"v\": \"" + before + "\\u001f" + behind + "\"\n}");
-}
-
-TEST(ASerializer, EscapesAtEveryPlaceInTextsOfEveryLength) {
-    for (std::size_t length = 1; length <= 40; ++length) {
-        for (std::size_t place = 0; place < length; ++place) {
-            expectEscapedAt(place, length);
-        }
-    }
-}
-
-TEST(ASerializer, PassesAllOtherBytesAsTheyAre) {
-    std::string passing;
-    for (int byte = 0x20; byte < 0x100; ++byte) {
-        if (byte != '"' && byte != '\\') {
-            passing += static_cast<char>(byte);
-        }
-    }
-    EXPECT_EQ(memberWith(passing), "{\n  \"v\": \"" + passing + "\"\n}");
-    for (char const byte : passing) {
-        std::string const text(9, byte);
-        EXPECT_EQ(memberWith(text), "{\n  \"v\": \"" + text + "\"\n}");
-    }
-}
-
-TEST(ASerializer, EscapesKeysToo) {
+TEST(ASerializer, WritesAnArrayWithALinePerElement) {
     std::string json;
     Serializer out(json);
-    out.appendKey("a\"b");
+    out.appendKey("empty");
+    out.addValue(Links());
+    out.appendKey("links");
+    out.addValue(wrapped({object("1"), "{\n  \"@id\": \"a  b\"\n}"}));
+    out.appendKey("more");
     out.appendValue("1");
     out.finalize();
-    EXPECT_EQ(json, "{\n  \"a\\\"b\": 1\n}");
-}
-
-TEST(ASerializer, WritesDoublesAsTheShortestTextThatReadsBackTheSame) {
-    EXPECT_EQ(memberWith(0.1), "{\n  \"v\": 0.1\n}");
-    EXPECT_EQ(memberWith(5.0), "{\n  \"v\": 5\n}");
-    EXPECT_EQ(memberWith(-12.5), "{\n  \"v\": -12.5\n}");
-    EXPECT_EQ(memberWith(1e300), "{\n  \"v\": 1e+300\n}");
-    EXPECT_EQ(memberWith(0.1 + 0.2), "{\n  \"v\": 0.30000000000000004\n}");
-}
-
-TEST(ASerializer, WritesNullForWhatIsNoNumber) {
-    EXPECT_EQ(memberWith(std::numeric_limits<double>::quiet_NaN()), "{\n  \"v\": null\n}");
-    EXPECT_EQ(memberWith(std::numeric_limits<double>::infinity()), "{\n  \"v\": null\n}");
-    EXPECT_EQ(memberWith(-std::numeric_limits<double>::infinity()), "{\n  \"v\": null\n}");
-}
-
-TEST(ASerializer, WritesNullForAnInvalidTime) {
-    EXPECT_EQ(memberWith(conv::UnixTime()), "{\n  \"v\": null\n}");
+    EXPECT_EQ(json, "{\n  \"empty\":\n  [\n  ],\n  \"links\":\n  [\n    {\"v\": 1},\n"
+                    "    {\"@id\": \"a  b\"}\n  ],\n  \"more\": 1\n}");
+    // Wrapped itself, it stands on one line.
+    EXPECT_EQ(Serializer(std::as_const(json)).mutableJson(),
+              "{\"empty\":[],\"links\":[{\"v\": 1},{\"@id\": \"a  b\"}],\"more\": 1}");
 }
 
 TEST(ASerializer, AddsAFinishedObjectOnOneLine) {
@@ -185,32 +76,67 @@ TEST(ASerializer, AddsAFinishedObjectOnOneLine) {
     nested.appendKey("b");
     nested.addValue("x \n y");
     nested.finalize();
-    EXPECT_EQ(memberWith(nested), "{\n  \"v\": {\"a\": 1,\"b\": \"x \\n y\"}\n}");
+    EXPECT_EQ(memberWith(nested), object("{\"a\": 1,\"b\": \"x \\n y\"}"));
 }
 
-TEST(AWrappingSerializer, PutsTheFinishedTextOnOneLine) {
-    std::string const text = collection({"a  b", "c"});
-    Serializer wrapped(text);
-    EXPECT_EQ(wrapped.mutableJson(),
-              "{\"members@count\": 2,\"members\":[{\"@id\": \"a  b\"},{\"@id\": \"c\"}]}");
-}
-
-TEST(AWrappingSerializer, LeavesTheTextItWrapsAlone) {
-    std::string const text = "{\n  \"a\": 1\n}";
-    Serializer wrapped(text);
-    wrapped.mutableJson() += "x";
-    EXPECT_EQ(text, "{\n  \"a\": 1\n}");
-}
-
-TEST(AWrappingSerializer, SurvivesCopyingAndMoving) {
-    std::vector<Serializer> list;
-    for (int i = 0; i < 100; ++i) {
-        list.emplace_back(static_cast<std::string const&>("{\"i\": " + std::to_string(i) + "}"));
+TEST(ASerializer, EscapesQuotesBackslashesAndControlBytesOnly) {
+    EXPECT_EQ(memberWith(std::string("\"\\/\b\f\n\r\t")), object("\"\\\"\\\\/\\b\\f\\n\\r\\t\""));
+    EXPECT_EQ(memberWith(std::string("a\x01z\x1f\0e", 6)), object("\"a\\u0001z\\u001f\\u0000e\""));
+    EXPECT_EQ(memberWith(std::string("a,")), object("\"a,\""));
+    std::string passing;
+    for (int byte = 0x20; byte < 0x100; ++byte) {
+        if (byte != '"' && byte != '\\') {
+            passing += static_cast<char>(byte);
+        }
     }
-    std::vector<Serializer> copy = list;
+    EXPECT_EQ(memberWith(passing), object('"' + passing + '"'));
+    for (char const byte : passing) {
+        std::string const text(9, byte);
+        EXPECT_EQ(memberWith(text), object('"' + text + '"'));
+    }
+}
+
+TEST(ASerializer, EscapesAtEveryPlaceInTextsOfEveryLength) {
+    for (std::size_t length = 1; length <= 40; ++length) {
+        for (std::size_t place = 0; place < length; ++place) {
+            std::string const before(place, 'x');
+            std::string const behind(length - place - 1, 'x');
+            for (auto const& [byte, escaped] :
+                 {std::pair('"', "\\\""), std::pair('\\', "\\\\"), std::pair('\x1f', "\\u001f")}) {
+                EXPECT_EQ(memberWith(before + byte + behind),
+                          object('"' + before + escaped + behind + '"'));
+            }
+        }
+    }
+}
+
+TEST(ASerializer, WritesNumbersAsTheShortestTextThatReadsBackTheSame) {
+    EXPECT_EQ(memberWith(0.1), object("0.1"));
+    EXPECT_EQ(memberWith(5.0), object("5"));
+    EXPECT_EQ(memberWith(-12.5), object("-12.5"));
+    EXPECT_EQ(memberWith(1e300), object("1e+300"));
+    EXPECT_EQ(memberWith(0.1 + 0.2), object("0.30000000000000004"));
+}
+
+TEST(ASerializer, WritesNullForWhatIsNoNumberAndForAnInvalidTime) {
+    EXPECT_EQ(memberWith(std::numeric_limits<double>::quiet_NaN()), object("null"));
+    EXPECT_EQ(memberWith(std::numeric_limits<double>::infinity()), object("null"));
+    EXPECT_EQ(memberWith(-std::numeric_limits<double>::infinity()), object("null"));
+    EXPECT_EQ(memberWith(conv::UnixTime()), object("null"));
+}
+
+TEST(AWrappingSerializer, HasACopyOfItsTextAndSurvivesCopyingAndMoving) {
+    std::string const text = object("0");
+    Links list;
+    for (int i = 0; i < 100; ++i) {
+        list.emplace_back(text);
+        list.back().mutableJson() += std::to_string(i);
+    }
+    Links copy = list;
     list.clear();
-    EXPECT_EQ(copy.front().mutableJson(), "{\"i\": 0}");
-    EXPECT_EQ(copy.back().mutableJson(), "{\"i\": 99}");
+    EXPECT_EQ(text, object("0"));
+    EXPECT_EQ(copy.front().mutableJson(), "{\"v\": 0}0");
+    EXPECT_EQ(copy.back().mutableJson(), "{\"v\": 0}99");
 }
 
 TEST(ASerializer, WritesWhatTheReaderReadsBack) {

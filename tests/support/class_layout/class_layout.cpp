@@ -7,7 +7,6 @@
 
 #include <cstdlib>
 #include <fstream>
-#include <iterator>
 #include <memory>
 #include <sstream>
 #include <stdexcept>
@@ -17,37 +16,25 @@ namespace support {
 
 namespace {
 
-std::string contentOf(std::string const& path) {
-    std::ifstream file(path);
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-}
-
-std::vector<std::string> includeOptions() {
-    std::vector<std::string> options;
-    std::istringstream directories(ZYM_LAYOUT_INCLUDES);
-    for (std::string directory; std::getline(directories, directory, ':');) {
-        if (!directory.empty()) {
-            options.push_back("-I" + directory);
+/// What the compiler writes about the classes of this source.
+std::string dumpLayouts(std::string const& source) {
+    TempDir const directory;
+    std::ofstream(directory.file("source.cpp")) << source;
+    std::vector<std::string> command{ZYM_LAYOUT_COMPILER, "-std=c++17", "-fsyntax-only",
+                                     "-fdump-lang-class=" + directory.file("layout")};
+    std::istringstream includes(ZYM_LAYOUT_INCLUDES);
+    for (std::string folder; std::getline(includes, folder, ':');) {
+        if (!folder.empty()) {
+            command.push_back("-I" + folder);
         }
     }
-    return options;
-}
-
-std::string dumpLayouts(std::string const& source) {
-    TempDir const place;
-    std::ofstream(place.file("source.cpp")) << source;
-    std::vector<std::string> command{ZYM_LAYOUT_COMPILER, "-std=c++17", "-fsyntax-only",
-                                     "-fdump-lang-class=" + place.file("layout")};
-    for (std::string const& option : includeOptions()) {
-        command.push_back(option);
-    }
-    command.push_back(place.file("source.cpp"));
-    Process compiler(command, place.file("words"));
+    command.push_back(directory.file("source.cpp"));
+    Process compiler(command, directory.file("messages"));
     if (!compiler.waitForEnd() || compiler.status() != 0) {
         throw std::runtime_error("no class layout from the compiler: "
-                                 + contentOf(place.file("words")));
+                                 + directory.read("messages"));
     }
-    return contentOf(place.file("layout"));
+    return directory.read("layout");
 }
 
 std::string demangled(std::string const& name) {
@@ -57,7 +44,7 @@ std::string demangled(std::string const& name) {
     return status == 0 ? std::string(text.get()) : name;
 }
 
-// "virtual thunk to a::B::c(int) const" or "a::B::c" become "a::B::c".
+/// "virtual thunk to a::B::c(int) const" and "a::B::c" become "a::B::c".
 std::string plainName(std::string const& name) {
     constexpr std::string_view THUNK = "thunk to ";
     std::string text = name;
@@ -72,8 +59,8 @@ std::string plainName(std::string const& name) {
     return text.substr(0, text.find('('));
 }
 
-// One line of the dump reads "24    (int (*)(...))a::B::c"; numbers are offsets, and type
-// information stands before the first function of each table.
+/// A line of the dump reads "24    (int (*)(...))a::B::c"; numbers are offsets. Type information is
+/// ahead of the first function of each table.
 void readLine(std::string const& line, std::vector<VirtualTable>& tables) {
     constexpr std::string_view CAST = "(int (*)(...))";
     std::size_t const cast = line.find(CAST);
@@ -100,7 +87,7 @@ std::vector<VirtualTable> virtualTables(std::string const& source, std::string c
         readLine(line, tables);
     }
     if (tables.empty()) {
-        throw std::runtime_error("the compiler knows no virtual table of " + className);
+        throw std::runtime_error("the compiler has no virtual table of " + className);
     }
     return tables;
 }

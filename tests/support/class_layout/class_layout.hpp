@@ -10,13 +10,13 @@ namespace support {
 using VirtualTable = std::vector<std::string>;
 
 /// Asks the compiler how it lays out the virtual tables of a class: the primary one, and behind
-/// it those of the other bases. Functions reached through a thunk are named plainly.
+/// it those of the other bases. Functions reached through a thunk have their own names.
 ///
-/// The slots of an abstract class have no names: derive a class that overrides them all, and
-/// ask for that.
-/// @param source C++ source that defines the class; our public headers are in reach
+/// The slots of pure virtual functions have no names: derive a class that overrides them all, and
+/// ask for that one.
+/// @param source C++ source that defines the class; the library's public headers can be included
 /// @param className with its namespaces
-/// @throws std::runtime_error with the compiler's words when the source does not compile, and
+/// @throws std::runtime_error with the compiler's messages when the source does not compile, and
 ///         when there is no such class or it has no virtual table
 std::vector<VirtualTable> virtualTables(std::string const& source, std::string const& className);
 

@@ -1,10 +1,8 @@
-// The broker library's class, made anew over a script. Only what this project could call is
-// here: a program that needs more does not link, and that is how one learns of it.
+// The broker library's class, implemented by a script. It has only what this project calls: a
+// program that calls more does not link.
 
 #include "support/allocations.hpp"
 #include "support/stand_in/stand_in.hpp"
-
-#include <mosquittopp.h>
 
 namespace mosqpp {
 
@@ -13,34 +11,15 @@ using Operation = StandIn::Operation;
 
 namespace {
 
-// The only member of the class is a pointer to the C library's client. We put ours there.
-StandIn* scriptOf(mosquitto* member) {
-    return reinterpret_cast<StandIn*>(member);
-}
-
-std::string textOf(char const* text) {
-    return text ? text : "";
-}
-
-std::string bytesOf(void const* bytes, int size) {
-    return size > 0 ? std::string(static_cast<char const*>(bytes), static_cast<std::size_t>(size))
-                    : std::string();
-}
-
-StandIn::Call callOf(Operation operation, char const* topic = nullptr) {
-    StandIn::Call call;
-    call.operation = operation;
-    call.topic = textOf(topic);
-    return call;
+// The only member of the class is a pointer to the C library's client: here, to the script.
+StandIn& scriptOf(mosquitto* member) {
+    return *reinterpret_cast<StandIn*>(member);
 }
 
 StandIn::Call callOf(Operation operation, char const* topic, int size, void const* payload, int qos,
                      bool retain) {
-    StandIn::Call call = callOf(operation, topic);
-    call.payload = bytesOf(payload, size);
-    call.qos = qos;
-    call.retain = retain;
-    return call;
+    auto const* const bytes = static_cast<char const*>(payload);
+    return {operation, topic ? topic : "", std::string(bytes, bytes + size), qos, retain};
 }
 
 } // namespace
@@ -82,63 +61,62 @@ mosquittopp::mosquittopp(char const* id, bool clean_session)
     : m_mosq(reinterpret_cast<mosquitto*>(StandIn::make(*this, id, clean_session))) {}
 
 mosquittopp::~mosquittopp() {
-    StandIn::bury(scriptOf(m_mosq));
-}
-
-int mosquittopp::socket() {
-    StandIn& script = *scriptOf(m_mosq);
-    std::lock_guard<std::mutex> lock(script.mutex_);
-    return script.socket_;
+    scriptOf(m_mosq).detach();
 }
 
 int mosquittopp::will_set(char const* topic, int payloadlen, void const* payload, int qos,
                           bool retain) {
-    return scriptOf(m_mosq)->run(
-        callOf(Operation::WILL_SET, topic, payloadlen, payload, qos, retain), nullptr);
+    return scriptOf(m_mosq).run(
+        callOf(Operation::WILL_SET, topic, payloadlen, payload, qos, retain));
 }
 
 int mosquittopp::will_clear() {
-    return scriptOf(m_mosq)->run(callOf(Operation::WILL_CLEAR), nullptr);
+    return scriptOf(m_mosq).run({Operation::WILL_CLEAR});
 }
 
 int mosquittopp::connect(char const* host, int port, int keepalive) {
     support::UncountedAllocations const ours;
-    StandIn::Call call = callOf(Operation::CONNECT, host);
-    call.qos = port;
-    call.keepAlive = keepalive;
-    return scriptOf(m_mosq)->run(call, nullptr);
+    return scriptOf(m_mosq).run({Operation::CONNECT, host ? host : "", "", port, false, keepalive});
 }
 
 int mosquittopp::reconnect() {
-    return scriptOf(m_mosq)->run(callOf(Operation::RECONNECT), nullptr);
+    return scriptOf(m_mosq).run({Operation::RECONNECT});
 }
 
 int mosquittopp::disconnect() {
     support::UncountedAllocations const ours;
-    return scriptOf(m_mosq)->run(callOf(Operation::DISCONNECT), nullptr);
+    return scriptOf(m_mosq).run({Operation::DISCONNECT});
 }
 
 int mosquittopp::publish(int* mid, char const* topic, int payloadlen, void const* payload, int qos,
                          bool retain) {
     support::UncountedAllocations const ours;
-    return scriptOf(m_mosq)->run(
-        callOf(Operation::PUBLISH, topic, payloadlen, payload, qos, retain), mid);
+    return scriptOf(m_mosq).run(callOf(Operation::PUBLISH, topic, payloadlen, payload, qos, retain),
+                                mid);
 }
 
 int mosquittopp::subscribe(int* mid, char const* sub, int qos) {
     support::UncountedAllocations const ours;
-    StandIn::Call call = callOf(Operation::SUBSCRIBE, sub);
-    call.qos = qos;
-    return scriptOf(m_mosq)->run(call, mid);
+    return scriptOf(m_mosq).run({Operation::SUBSCRIBE, sub, "", qos}, mid);
 }
 
 int mosquittopp::unsubscribe(int* mid, char const* sub) {
     support::UncountedAllocations const ours;
-    return scriptOf(m_mosq)->run(callOf(Operation::UNSUBSCRIBE, sub), mid);
+    return scriptOf(m_mosq).run({Operation::UNSUBSCRIBE, sub}, mid);
 }
 
 int mosquittopp::threaded_set(bool /*threaded*/) {
-    return scriptOf(m_mosq)->run(callOf(Operation::THREADED_SET), nullptr);
+    return scriptOf(m_mosq).run({Operation::THREADED_SET});
+}
+
+int mosquittopp::loop(int timeout, int /*max_packets*/) {
+    return scriptOf(m_mosq).loop(timeout);
+}
+
+// Accepted and ignored.
+
+int mosquittopp::socket() {
+    return -1;
 }
 
 int mosquittopp::opts_set(mosq_opt_t /*option*/, void* /*value*/) {
@@ -147,10 +125,6 @@ int mosquittopp::opts_set(mosq_opt_t /*option*/, void* /*value*/) {
 
 int mosquittopp::max_inflight_messages_set(unsigned /*count*/) {
     return 0;
-}
-
-int mosquittopp::loop(int timeout, int /*max_packets*/) {
-    return scriptOf(m_mosq)->loop(timeout);
 }
 
 int mosquittopp::loop_read(int /*max_packets*/) {

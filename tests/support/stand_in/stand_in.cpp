@@ -1,24 +1,18 @@
 #include "support/stand_in/stand_in.hpp"
 
-#include <mosquittopp.h>
-
 #include <algorithm>
-#include <array>
 #include <future>
-#include <ostream>
 #include <utility>
 
 namespace support {
 
 namespace {
 
-constexpr int NO_CONNECTION = MOSQ_ERR_NO_CONN;
-
 struct Registry {
     std::mutex mutex;
     StandIn::Version version{LIBMOSQUITTO_MAJOR, LIBMOSQUITTO_MINOR, LIBMOSQUITTO_REVISION};
     std::vector<std::shared_ptr<StandIn>> all;
-    std::function<void(StandIn&)> whenMade;
+    std::function<void(StandIn&)> onConstruction;
 };
 
 Registry& registry() {
@@ -55,28 +49,28 @@ StandIn* StandIn::make(mosqpp::mosquittopp& object, char const* clientId, bool c
     {
         std::lock_guard<std::mutex> lock(registry().mutex);
         registry().all.push_back(standIn);
-        hook = registry().whenMade;
+        hook = registry().onConstruction;
     }
     try {
         if (hook) {
             hook(*standIn);
         }
     } catch (...) {
-        bury(standIn.get());
+        standIn->detach();
         throw;
     }
     return standIn.get();
 }
 
-void StandIn::whenMade(std::function<void(StandIn&)> hook) {
+void StandIn::onConstruction(std::function<void(StandIn&)> hook) {
     std::lock_guard<std::mutex> lock(registry().mutex);
-    registry().whenMade = std::move(hook);
+    registry().onConstruction = std::move(hook);
 }
 
-void StandIn::bury(StandIn* standIn) {
-    std::lock_guard<std::mutex> lock(standIn->mutex_);
-    standIn->object_ = nullptr;
-    standIn->steps_.clear();
+void StandIn::detach() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    object_ = nullptr;
+    steps_.clear();
 }
 
 std::shared_ptr<StandIn> StandIn::last() {
@@ -84,7 +78,7 @@ std::shared_ptr<StandIn> StandIn::last() {
     return registry().all.empty() ? nullptr : registry().all.back();
 }
 
-std::shared_ptr<StandIn> StandIn::of(std::string const& clientId) {
+std::shared_ptr<StandIn> StandIn::withClientId(std::string const& clientId) {
     std::lock_guard<std::mutex> lock(registry().mutex);
     auto const& all = registry().all;
     auto const found = std::find_if(all.rbegin(), all.rend(), [&](auto const& standIn) {
@@ -97,33 +91,13 @@ void StandIn::answer(Operation operation, std::vector<int> const& results) {
     std::lock_guard<std::mutex> lock(mutex_);
     auto& queue = answers_[operation];
     queue.insert(queue.end(), results.begin(), results.end());
-    news_.notify_all();
+    changed_.notify_all();
 }
 
 void StandIn::setHook(Operation operation, Hook hook) {
     std::lock_guard<std::mutex> lock(mutex_);
     hooks_[operation] = std::move(hook);
-    news_.notify_all();
-}
-
-void StandIn::setConnack(std::optional<int> code) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    connack_ = code;
-}
-
-void StandIn::setAcknowledging(bool acknowledging) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    acknowledging_ = acknowledging;
-}
-
-void StandIn::setNextMid(int mid) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    lastMid_ = mid - 1;
-}
-
-void StandIn::setSocket(int socket) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    socket_ = socket;
+    changed_.notify_all();
 }
 
 void StandIn::postStep(Step step) {
@@ -131,7 +105,7 @@ void StandIn::postStep(Step step) {
     if (object_) {
         steps_.push_back(std::move(step));
     }
-    news_.notify_all();
+    changed_.notify_all();
 }
 
 void StandIn::post(Callback callback) {
@@ -152,10 +126,7 @@ void StandIn::runInLoop(Callback callback) {
 
 void StandIn::loseConnection(int code) {
     postStep([this, code](mosqpp::mosquittopp& object) {
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            connected_ = false;
-        }
+        locked([this] { connected_ = false; });
         object.on_disconnect(code);
         return code;
     });
@@ -175,51 +146,23 @@ void StandIn::deliver(std::string const& topic, std::string const& payload, int 
     });
 }
 
-std::vector<StandIn::Call> StandIn::calls(Operation operation) const {
-    std::vector<Call> result;
-    for (Call const& call : calls()) {
-        if (call.operation == operation) {
-            result.push_back(call);
-        }
-    }
-    return result;
-}
-
-std::size_t StandIn::count(Operation operation) const {
-    return calls(operation).size();
-}
-
 bool StandIn::waitForCalls(Operation operation, std::size_t count,
                            std::chrono::milliseconds deadline) const {
+    auto const matches = [&](Call const& call) { return call.operation == operation; };
     auto const enough = [&](std::vector<Call> const& all) {
-        auto const found = std::count_if(
-            all.begin(), all.end(), [&](Call const& call) { return call.operation == operation; });
-        return static_cast<std::size_t>(found) >= count;
+        return std::count_if(all.begin(), all.end(), matches) >= static_cast<long>(count);
     };
     return calls_.waitFor(enough, deadline);
-}
-
-bool StandIn::connected() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return connected_;
-}
-
-bool StandIn::gone() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return object_ == nullptr;
 }
 
 int StandIn::run(Call call, int* mid) {
     call.thread = std::this_thread::get_id();
     call.loopsBefore = loops_;
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        call.mid = ++lastMid_;
-    }
+    call.mid = locked([&] { return ++lastMid_; });
     if (mid) {
-        *mid = call.mid; // before a hook runs: the library too may acknowledge that early
+        *mid = call.mid; // before a hook runs: the library may acknowledge as early
     }
-    // Kept before it takes effect: who sees the effect finds the call here.
+    // Kept before it takes effect: a thread that sees the effect finds the call here.
     std::size_t const index = calls_.change([&](std::vector<Call>& all) {
         all.push_back(call);
         return all.size() - 1;
@@ -249,25 +192,31 @@ int StandIn::builtIn(Call const& call) {
     switch (call.operation) {
     case Operation::CONNECT:
     case Operation::RECONNECT:
-        return connectNow();
+        return connect();
     case Operation::DISCONNECT:
-        return disconnectNow();
+        if (!connected()) {
+            return MOSQ_ERR_NO_CONN;
+        }
+        loseConnection(0);
+        return 0;
     case Operation::PUBLISH:
     case Operation::SUBSCRIBE:
     case Operation::UNSUBSCRIBE:
-        return whenConnected(call);
+        if (!connected()) {
+            return MOSQ_ERR_NO_CONN;
+        }
+        acknowledge(call);
+        return 0;
     default:
         return 0;
     }
 }
 
-int StandIn::connectNow() {
-    std::optional<int> code;
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
+int StandIn::connect() {
+    std::optional<int> const code = locked([&] {
         connected_ = true;
-        code = connack_;
-    }
+        return connack_;
+    });
     if (code) {
         post([code](mosqpp::mosquittopp& object) { object.on_connect(*code); });
         if (*code != 0) {
@@ -277,28 +226,9 @@ int StandIn::connectNow() {
     return 0;
 }
 
-int StandIn::disconnectNow() {
-    if (!connected()) {
-        return NO_CONNECTION;
-    }
-    loseConnection(0);
-    return 0;
-}
-
-int StandIn::whenConnected(Call const& call) {
-    if (!connected()) {
-        return NO_CONNECTION;
-    }
-    acknowledge(call);
-    return 0;
-}
-
 void StandIn::acknowledge(Call const& call) {
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        if (!acknowledging_) {
-            return;
-        }
+    if (!locked([&] { return acknowledging_; })) {
+        return;
     }
     if (call.operation == Operation::PUBLISH) {
         post([mid = call.mid](mosqpp::mosquittopp& object) { object.on_publish(mid); });
@@ -319,28 +249,15 @@ int StandIn::loop(int timeoutMilliseconds) {
     auto const something = [this] {
         return !connected_ || !steps_.empty() || !answers_[Operation::LOOP].empty();
     };
-    news_.wait_for(lock, std::chrono::milliseconds(timeoutMilliseconds), something);
+    changed_.wait_for(lock, std::chrono::milliseconds(timeoutMilliseconds), something);
     if (steps_.empty()) {
-        return connected_ ? 0 : NO_CONNECTION;
+        return connected_ ? 0 : MOSQ_ERR_NO_CONN;
     }
     Step const step = std::move(steps_.front());
     steps_.pop_front();
     mosqpp::mosquittopp& object = *object_;
     lock.unlock();
     return step(object);
-}
-
-std::ostream& operator<<(std::ostream& out, StandIn::Operation operation) {
-    constexpr std::array<char const*, 10> NAMES{
-        "connect",   "reconnect",   "disconnect", "loop",       "publish",
-        "subscribe", "unsubscribe", "will_set",   "will_clear", "threaded_set"};
-    return out << NAMES.at(static_cast<std::size_t>(operation));
-}
-
-std::ostream& operator<<(std::ostream& out, StandIn::Call const& call) {
-    return out << call.operation << "(\"" << call.topic << "\", \"" << call.payload << "\", "
-               << call.qos << (call.retain ? ", retain" : "") << ") mid " << call.mid << " -> "
-               << call.result.value_or(-1);
 }
 
 } // namespace support

@@ -10,25 +10,26 @@
 
 namespace zym::common {
 
-/// A client's side of a binding to a server: the base that keeps track of the phase under way.
+/// A client's side of a binding to a server: the base class that keeps the phase (binding, bound,
+/// unbinding).
 ///
-/// Deriving classes carry the messages. They enclose each attempt in `startBinding` and
-/// `endBinding`, or `startUnbinding` and `endUnbinding`, and terminate in their destructor.
+/// Derived classes exchange the messages. They call `startBinding` before and `endBinding` after
+/// each attempt, or `startUnbinding` and `endUnbinding`, and `terminate` in their destructor.
 ///
 /// ### Threads
 /// Every operation may be called from any thread. Listeners are called with no lock held, on
-/// the thread that ends a phase, and may call every operation that does not wait, and even destroy
+/// the thread that ends a phase. They may call every operation that does not wait, and may destroy
 /// the proxy.
 class ZYM_COMMON_EXPORT BinderProxy {
 public:
-    /// Told how a phase ended. Not owned.
+    /// Learns how a phase ended. Not owned.
     class ZYM_COMMON_EXPORT Listener {
     public:
         /// A binding has ended.
         /// @param error SUCCESS or ALREADY_BOUND when bound now; otherwise why not
         virtual void onBound(Binder::Error error) = 0;
         /// An unbinding has ended.
-        /// @param error SUCCESS when not bound any more; otherwise nothing has changed
+        /// @param error SUCCESS when no longer bound; otherwise nothing has changed
         virtual void onUnbound(Binder::Error error) = 0;
 
     protected:
@@ -57,20 +58,20 @@ public:
     /// Binds to a server and waits for the outcome.
     /// @param timeout seconds to wait for the server's answer
     virtual Binder::Error bindSync(Uuid const& server, conv::SecondsDuration const& timeout) = 0;
-    /// Starts to bind to a server; the listener is told how it ended.
+    /// Starts to bind to a server; the listener's `onBound` reports the outcome.
     /// @param timeout seconds to wait for the server's answer
-    /// @return SUCCESS when under way; otherwise why not, and the listener is not told
+    /// @return SUCCESS when under way; otherwise why not, and the listener is not called
     virtual Binder::Error bind(Uuid const& server, conv::SecondsDuration const& timeout) = 0;
-    /// Unbinds from the server, or calls off a binding under way, and waits for the outcome.
+    /// Unbinds from the server, or cancels a binding under way, and waits for the outcome.
     /// @param timeout seconds to wait for the server's answer
     virtual Binder::Error unbindSync(conv::SecondsDuration const& timeout) = 0;
-    /// Starts to unbind from the server or calls off a binding under way; the listener is told
-    /// how it ended.
+    /// Starts to unbind from the server or to cancel a binding under way; the listener's
+    /// `onUnbound` reports the outcome.
     /// @param timeout seconds to wait for the server's answer
-    /// @return SUCCESS when under way; otherwise why not, and the listener is not told
+    /// @return SUCCESS when under way; otherwise why not, and the listener is not called
     virtual Binder::Error unbind(conv::SecondsDuration const& timeout) = 0;
 
-    /// Reads the server's time anew.
+    /// Reads the server's time again.
     virtual void forceTimeBaseSync() = 0;
     virtual bool isTimeBaseSynchronized() const = 0;
 
@@ -85,24 +86,26 @@ protected:
     /// @return SUCCESS: go ahead; CANCELLED: terminated; BUSY: a phase is under way;
     ///         ALREADY_BOUND: unbind first
     Binder::Error startBinding(Uuid const& server);
-    /// Ends the binding under way and tells the listener; ignored when there is none. What the
-    /// listener throws comes out, after the phase has ended; the same holds for `endUnbinding`.
+    /// Ends the binding under way and calls the listener; does nothing when there is none. An
+    /// exception of the listener leaves this operation, with the phase ended; the same holds for
+    /// `endUnbinding`.
     /// @param error SUCCESS and ALREADY_BOUND mean that the client is bound now
     void endBinding(Binder::Error error);
 
-    /// Begins an unbinding. Allowed while a binding is under way: this is how one is called off.
+    /// Begins an unbinding. Allowed while a binding is under way, which it cancels.
     /// @return SUCCESS: go ahead; CANCELLED: terminated; BUSY: already unbinding; NOT_BOUND:
     ///         neither bound nor binding
     Binder::Error startUnbinding();
-    /// Ends the unbinding under way and tells the listener; ignored when there is none.
-    /// @param error SUCCESS: neither bound nor binding any more; otherwise that has not changed
+    /// Ends the unbinding under way and calls the listener; does nothing when there is none.
+    /// @param error SUCCESS: neither bound nor binding from now on; otherwise that has not changed
     void endUnbinding(Binder::Error error);
 
 private:
     struct Phases;
 
     Uuid const uuid_;
-    std::shared_ptr<Phases> const phases_; ///< shared with listener calls: one may destroy us
+    std::shared_ptr<Phases> const
+        phases_; ///< shared with listener calls, which may destroy the proxy
 };
 
 } // namespace zym::common

@@ -12,7 +12,7 @@ public:
     SynchronizedTimeBase(SynchronizedTimeBase const&) = delete;
     SynchronizedTimeBase& operator=(SynchronizedTimeBase const&) = delete;
 
-    /// Whole seconds since a moment of the server's choice. May be called from any thread.
+    /// Whole seconds since a moment that the server chooses. May be called from any thread.
     virtual std::uint32_t timeBase() const = 0;
     virtual ~SynchronizedTimeBase();
 

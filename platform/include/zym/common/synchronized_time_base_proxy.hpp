@@ -10,13 +10,13 @@
 
 namespace zym::common {
 
-/// A client's view of a server's time: the base that keeps identities and flags.
+/// A client's copy of a server's time: the base class that keeps identities and flags.
 ///
-/// Deriving classes read the server's clock and terminate in their destructor. Every operation
-/// may be called from any thread.
+/// Derived classes read the server's clock, and call `terminate` in their destructor. Every
+/// operation may be called from any thread.
 class ZYM_COMMON_EXPORT SynchronizedTimeBaseProxy : public SynchronizedTimeBase {
 public:
-    /// Told when the server's time is known. Not owned.
+    /// Called when the server's time is known. Not owned.
     class ZYM_COMMON_EXPORT Listener {
     public:
         virtual void onTimeSynchronized() = 0;
@@ -33,27 +33,28 @@ public:
     SynchronizedTimeBaseProxy(Uuid const& uuid, Listener* listener);
     ~SynchronizedTimeBaseProxy() override;
 
-    /// Ends the proxy for good: nothing can be started any more, the listener is forgotten.
+    /// Ends the proxy for ever: nothing can be started after that, and the listener is removed.
     virtual void terminate() = 0;
 
-    /// Sets the listener; null for none. Does not wait for a call under way to the one before.
+    /// Sets the listener; null for none. Does not wait for a call of the previous listener to
+    /// return.
     virtual void registerListener(Listener* listener);
 
-    /// Starts to read a server's time, and goes on reading it now and then. The listener is
-    /// told when it is known.
+    /// Starts to read a server's time, and reads it again at intervals. The listener is called
+    /// when the time is known.
     /// @return false when already started, or when the server cannot be asked
     virtual bool startSync(Uuid const& server) = 0;
-    /// Like `startSync`, but waits until the time is known and does not tell the listener.
+    /// Like `startSync`, but waits until the time is known, and does not call the listener.
     /// @param timeout seconds
-    /// @return whether the time is known; otherwise nothing goes on
+    /// @return whether the time is known; otherwise reading has stopped
     virtual bool synchronize(Uuid const& server, conv::SecondsDuration const& timeout) = 0;
-    /// Stops reading; the time is not known any more.
+    /// Stops reading; the time is no longer known.
     /// @return true
     virtual bool stop() = 0;
-    /// Reads the server's time anew; does nothing while it is not known.
+    /// Reads the server's time again; does nothing while it is not known.
     virtual void forceSync() = 0;
 
-    /// The clock of this process that the server's is compared with, in seconds.
+    /// The clock of this process, in seconds, with which the server's clock is compared.
     virtual double localTimeBase() const = 0;
 
     /// Whether the server's time is known.
@@ -72,13 +73,13 @@ protected:
 
     /// The client's own identity.
     Uuid const& uuid() const noexcept { return uuid_; }
-    /// Whose time is read; `Uuid::NIL` for nobody's, as at the start.
+    /// The server whose time is read; at first, and for none, `Uuid::NIL`.
     Uuid serverUuid() const;
     void setServerUuid(Uuid const& server);
 
 private:
     Uuid const uuid_;
-    mutable std::mutex mutex_; ///< a leaf: guards serverUuid_
+    mutable std::mutex mutex_; ///< guards serverUuid_; no other lock is taken under it
     Uuid serverUuid_;
     std::atomic<Listener*> listener_;
     std::atomic<bool> synchronized_{false};

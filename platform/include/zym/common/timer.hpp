@@ -9,10 +9,9 @@
 
 namespace zym::common {
 
-/// Calls back after a period, once or again and again, on a thread of its own.
+/// Calls back after a period, once or repeatedly, on its own thread.
 ///
-/// A timer is idle when made and starts its thread with the first `restart`. It is armed like
-/// this:
+/// A new timer is idle; the first `restart` starts its thread. To arm a timer:
 /// ```
 /// std::unique_lock<std::mutex> lock(timer.mutex());
 /// timer.setPeriod(std::chrono::seconds(30), lock);
@@ -21,12 +20,12 @@ namespace zym::common {
 /// ```
 ///
 /// ### The callback
-/// Runs on the timer's thread with no lock held: it may call every operation, and even destroy
-/// the timer. What it throws is dropped.
+/// Runs on the timer's thread with no lock held: it may call every operation, and may destroy the
+/// timer. Its exceptions are dropped.
 ///
-/// The thread is named `zym-timer` and has a stack of 512 KiB. All signals are blocked on it but
-/// those that a fault raises there (SIGSEGV and the like): the program's handlers run on other
-/// threads, and a process started by the callback inherits that.
+/// The thread is named `zym-timer` and has a stack of 512 KiB. It blocks all signals except those
+/// that a fault raises (such as SIGSEGV): the program's handlers run on other threads. A process
+/// that the callback starts inherits this mask.
 ///
 /// ### Threads
 /// Every operation may be called from any thread; `stop`, `terminate` and the destructor take
@@ -43,39 +42,37 @@ public:
     /// @param expireOnce what `once` is at first
     Timer(std::function<void()> callback, std::chrono::milliseconds period, bool expireOnce);
 
-    /// As `terminate`. In the timer's own callback it does not wait: nothing of the timer is
-    /// touched any more once the callback returns.
+    /// As `terminate`. In the timer's own callback it does not wait: the timer is not used after
+    /// the callback has returned.
     ~Timer();
 
     Timer(Timer const&) = delete;
     Timer& operator=(Timer const&) = delete;
 
-    /// The timer's own lock. Hold it around `setPeriod`, `once` and `restart`; nothing else is
-    /// ever called back under it.
+    /// The timer's own lock. Hold it around `setPeriod`, `once` and `restart`; the callback runs
+    /// without it.
     std::mutex& mutex() noexcept;
 
-    /// True to expire once per `restart`, false to go on at each period until `stop`. Written
-    /// under the timer's lock, read under it at each expiry.
+    /// True to expire once per `restart`, false to expire after each period until `stop`. Write it
+    /// under the timer's lock; each expiry reads it under that lock.
     bool& once;
 
-    /// Stores the period and nothing else: an armed timer keeps its next expiry.
-    /// @param period 0 (and anything below) makes one prompt expiry per `restart`, whatever
-    ///        `once` says
+    /// Stores the period only: an armed timer keeps its next expiry.
+    /// @param period 0 or less: one expiry at once per `restart`, whatever `once` says
     /// @param lock holds the timer's own lock
     void setPeriod(std::chrono::milliseconds period, std::unique_lock<std::mutex>& lock) noexcept;
 
-    /// Arms the timer for now plus the period, in place of any expiry still to come. Periods
-    /// that pass unnoticed, because a callback took long, are skipped and not made up. Does
-    /// nothing after `terminate`.
+    /// Arms the timer for now plus the period, in place of any expiry still to come. Periods that
+    /// pass during a long callback are skipped. Does nothing after `terminate`.
     /// @param lock holds the timer's own lock
-    /// @throws std::system_error when there is no thread to be had; the timer stays idle
+    /// @throws std::system_error when the system has no thread left; the timer stays idle
     /// @throws std::bad_alloc likewise
     void restart(std::unique_lock<std::mutex>& lock);
 
-    /// Disarms the timer. Never waits: a callback already decided still runs.
+    /// Disarms the timer. Never waits: a callback that is about to run still runs.
     void stop();
 
-    /// Disarms the timer for good and waits for a callback under way to return, except in the
+    /// Disarms the timer for ever and waits for a callback under way to return, except in the
     /// timer's own callback. Do not hold a lock that the callback takes.
     void terminate();
 };

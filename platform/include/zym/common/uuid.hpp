@@ -9,14 +9,14 @@
 
 namespace zym::common {
 
-/// A 128-bit identifier: 16 bytes, in the order of their digits.
+/// A 128-bit identifier: 16 bytes, in the order in which they are printed.
 ///
 /// A literal type; may be copied and read from any thread.
 class ZYM_COMMON_EXPORT Uuid {
 public:
-    /// All bits zero: names nobody. Equal to `Uuid()` and to `Uuid(0)`.
+    /// All bits zero: no identity. Equal to `Uuid()` and to `Uuid(0)`.
     static Uuid const NIL;
-    /// All bits one: somebody whose identifier is not known.
+    /// All bits one: an identity that is not known.
     static Uuid const UNKNOWN;
 
     /// The same as `NIL`.
@@ -30,9 +30,9 @@ public:
         }
     }
 
-    /// Reads back what `to_string` (hexadecimal digits in either case) or `base64URL` wrote.
+    /// Reads the text that `to_string` (hexadecimal digits in either case) or `base64URL` returns.
     /// @throws std::invalid_argument for every other text, also for 22 base64url characters
-    ///         whose four spare bits are not zero, since they would not print back the same
+    ///         whose four spare bits are not zero: `base64URL` would return another text
     explicit Uuid(std::string const& text);
 
     constexpr bool isNil() const noexcept {
@@ -46,7 +46,7 @@ public:
 
     /// 36 characters: lower-case hexadecimal digits in groups of 8, 4, 4, 4 and 12.
     std::string to_string() const;
-    /// 22 characters of `A-Za-z0-9-_`, no padding: fit for a topic segment.
+    /// 22 characters of `A-Za-z0-9-_`, no padding: usable as a segment of a topic.
     std::string base64URL() const;
 
     friend constexpr bool operator==(Uuid const& left, Uuid const& right) noexcept {

@@ -13,38 +13,38 @@
 
 namespace zym::common::lwjson {
 
-/// Reads a JSON text: gives the raw texts of the root's members, and turns raw texts into values.
+/// Reads a JSON text: finds the raw texts of the root's members, and turns raw texts into values.
 /// ```
 /// Deserializer const in(json);
 /// std::string name;
 /// Deserializer::extractValue(in.getMember("name"), name, "");
 /// ```
-/// The text is read once, when the reader is made, and is not copied. Once made, a reader may be
-/// used from any number of threads.
+/// The constructor reads the text once and does not copy it. A finished deserializer may be used
+/// from several threads at once.
 class ZYM_COMMON_EXPORT Deserializer {
 public:
-    /// Reads a text. A malformed one raises nothing here: it simply has no object as its root.
-    /// Malformed is what breaks the grammar of JSON, has more bytes after its root, is
-    /// nested more than 64 deep, or is longer than 4 GiB.
-    /// @param text must outlive the reader and all texts got from it
+    /// Reads a text. A malformed text throws nothing here: its root then is no object. A text is
+    /// malformed when it breaks the grammar of JSON, has more bytes after its root, is nested more
+    /// than 64 deep, or is longer than 4 GiB.
+    /// @param text must outlive the deserializer and the texts that `getMember` returned
     explicit Deserializer(std::string_view text);
     explicit Deserializer(char const* text) : Deserializer(std::string_view(text)) {}
-    /// Would be gone before the first use.
+    /// The temporary string would not live long enough.
     explicit Deserializer(std::string&& text) = delete;
 
-    /// The raw text of a member of the root object, a part of the text read. Of members with the
-    /// same key it is the first. Escapes in keys are understood.
+    /// The raw text of a member of the root object, a part of the text read: the first one, if
+    /// several members have the key. Escapes in keys are decoded.
     /// @return an empty text when there is no such member
     /// @throws std::runtime_error "Cannot get member from a scalar or array" when the root is not
     ///         an object
     std::string_view getMember(char const* key) const;
 
-    /// Turns a raw text, without blanks around it, into a value. Integers are digits only. A time
-    /// is a number or `null`, the invalid time. Bytes of 0x80 and above pass unchanged.
-    /// @param out is left untouched on failure
+    /// Turns a raw text, without blanks around it, into a value. An integer has digits only. A time
+    /// is a number, or `null` for the invalid time. Bytes of 0x80 and above stay as they are.
+    /// @param out stays unchanged on failure
     /// @param extra not used
     /// @throws std::out_of_range for an empty text, an integer that is negative or too large, and
-    ///         a number beyond the reach of a double
+    ///         a number out of the range of a double
     /// @throws std::invalid_argument for any other text that is no such value, also for a string
     ///         with half of a surrogate pair
     static void extractValue(std::string_view text, std::string& out, char const* extra);
@@ -58,7 +58,7 @@ public:
     static void extractValue(std::string_view text, conv::UnixTime& out, char const* extra);
 
 private:
-    /// Where something stands in the text.
+    /// Positions in the text.
     struct Part {
         std::uint32_t begin;
         std::uint32_t end;
@@ -67,19 +67,19 @@ private:
         Part key; ///< without the quotation marks
         Part value;
     };
-    /// Room for the members of most documents: those that have more cost an allocation. Clearing it
-    /// would take longer than to read a small document.
-    class UsualMembers {
+    /// The first 12 members, without an allocation: most documents have no more. The array is not
+    /// cleared, which would take longer than to read a small document.
+    class FirstMembers {
     public:
         // NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init, modernize-use-equals-default)
-        UsualMembers() noexcept {}
-        UsualMembers(UsualMembers const& other) noexcept : UsualMembers() { *this = other; }
-        UsualMembers& operator=(UsualMembers const& other) noexcept {
+        FirstMembers() noexcept {}
+        FirstMembers(FirstMembers const& other) noexcept : FirstMembers() { *this = other; }
+        FirstMembers& operator=(FirstMembers const& other) noexcept {
             size_ = other.size_;
             std::copy(other.begin(), other.end(), members_.begin());
             return *this;
         }
-        ~UsualMembers() = default;
+        ~FirstMembers() = default;
 
         bool isFull() const noexcept { return size_ == members_.size(); }
         void add(Member const& member) noexcept { members_[size_++] = member; }
@@ -88,7 +88,7 @@ private:
 
     private:
         std::uint8_t size_ = 0;
-        std::array<Member, 12> members_; ///< as far as there are
+        std::array<Member, 12> members_; ///< the first `size_` are set
     };
     class Outline;
 
@@ -99,7 +99,7 @@ private:
     std::string_view text_;
     bool isObject_ = false;
     bool keysHaveEscapes_ = false;
-    UsualMembers members_;
+    FirstMembers members_;
     std::vector<Member> moreMembers_;
 };
 

@@ -16,20 +16,20 @@ namespace zym::common::lwjson {
 /// out.addValue("pump");
 /// out.finalize(); // {\n  "name": "pump"\n}
 /// ```
-/// or wraps a finished JSON text, to be added as a value to another one.
+/// or wraps a finished JSON text, to be added as a value to another object.
 ///
-/// Texts are taken as they are: `"`, `\` and control bytes are escaped, all other bytes pass
-/// unchanged, whether UTF-8 or not. Not safe for use from two threads at once.
+/// In texts `"`, `\` and control bytes are escaped; all other bytes stay as they are, whether UTF-8
+/// or not. Not for several threads at once.
 class ZYM_COMMON_EXPORT Serializer {
 public:
-    /// Starts an object in the string, in place of what was in it.
+    /// Starts an object in the string, and drops what was in it.
     /// @param json not owned; must outlive all writing
     explicit Serializer(std::string& json);
 
-    /// Wraps a finished JSON text as a value, on one line. Only good for `addValue`.
+    /// Wraps a finished JSON text as a value, on one line. The result may only be passed to
+    /// `addValue`.
     ///
-    /// Beware: with a string that is not const the other constructor is chosen, and the string
-    /// loses what was in it.
+    /// Beware: a string that is not const selects the other constructor, which drops its content.
     explicit Serializer(std::string const& finishedText);
 
     /// Begins a member. Exactly one value must follow.
@@ -49,10 +49,10 @@ public:
     /// An array of finished or wrapped objects, each on a line of its own.
     void addValue(std::vector<Serializer> const& objects);
 
-    /// The text as far as it is written. Changing it is on the caller.
+    /// The text written so far. The caller answers for changes to it.
     std::string& mutableJson() noexcept { return target_ == nullptr ? wrapped_ : *target_; }
 
-    /// Closes the object. Nothing may be added any more.
+    /// Closes the object. Nothing may be added after that.
     void finalize();
 
 private:

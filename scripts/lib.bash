@@ -1,0 +1,146 @@
+# Shared by the scripts, which source it first. It sets the shell's options, goes to the top folder of
+# the repository and defines the functions that several scripts need.
+# shellcheck shell=bash
+set -euo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+
+PATH=$PATH:/usr/sbin # mosquitto and debootstrap are there, which is not in the PATH of every user
+
+say() { printf '%5ss  %s\n' "$SECONDS" "$*"; }
+
+fail() {
+    printf '%s: %s\n' "${0##*/}" "$*" >&2
+    exit 1
+}
+
+# quietly COMMAND...: prints its output only if it fails, and then ends the script.
+quietly() {
+    local output
+    if ! output=$("$@" 2>&1); then
+        printf '%s\n' "$output" >&2
+        fail "failed: $*"
+    fi
+}
+
+as_root() {
+    if ((EUID == 0)); then
+        "$@"
+    elif command -v sudo >/dev/null; then
+        sudo "$@"
+    else
+        fail "please run this as root, or install sudo"
+    fi
+}
+
+# at_exit FUNCTION: calls it once when the script ends, also when a signal ends it.
+at_exit() {
+    # shellcheck disable=SC2064 # the name is known now
+    trap "$1" EXIT
+    trap 'exit 129' HUP
+    trap 'exit 130' INT
+    trap 'exit 143' TERM
+}
+
+# build PRESET [TARGET...]
+build() {
+    cmake --preset "$1" >/dev/null && cmake --build --preset "$1" ${2:+--target "${@:2}"}
+}
+
+# --- a broker ----------------------------------------------------------------------------------
+
+broker_pid=
+
+# start_broker FOLDER [PORT]: on 127.0.0.1, on that port or on any free one. Sets `broker_port`,
+# `broker_pid` and `broker_output`, the descriptor from which its messages can be read. Call
+# stop_broker at the end.
+start_broker() {
+    local try
+    for try in {1..20}; do
+        broker_port=${2:-$((20000 + RANDOM % 12000))}
+        if try_broker "$1"; then
+            return
+        fi
+        stop_broker
+        [[ -z ${2-} ]] || return 1
+    done
+    fail "no broker started on $try different ports"
+}
+
+try_broker() {
+    local line
+    printf '%s\n' "listener $broker_port 127.0.0.1" "allow_anonymous true" "persistence false" \
+        "user $(id -un)" "log_dest stderr" "log_timestamp false" "log_type error" \
+        "log_type information" "log_type subscribe" >"$1/mosquitto.conf"
+    # A check for a free port before the start would be a race: the broker reports whether it got it.
+    exec {broker_output}< <(exec mosquitto -c "$1/mosquitto.conf" 2>&1)
+    broker_pid=$!
+    while IFS= read -r -t 30 -u "$broker_output" line; do
+        if [[ $line == *" running" ]]; then
+            return
+        fi
+    done
+    return 1
+}
+
+stop_broker() {
+    [[ -n $broker_pid ]] || return 0
+    kill -KILL "$broker_pid" 2>/dev/null || true
+    wait "$broker_pid" 2>/dev/null || true
+    broker_pid=
+}
+
+# --- minimal Debian systems in a folder -----------------------------------------------------------
+
+# SUITE and MIRROR select the Debian release and where it comes from; the default is this machine's.
+debian_suite() {
+    # shellcheck source=/dev/null
+    echo "${SUITE:-$(. /etc/os-release && echo "$VERSION_CODENAME")}"
+}
+debian_mirror() {
+    echo "${MIRROR:-$(apt-get indextargets --format '$(SITE)' 'Created-By: Packages' | head -n 1)}"
+}
+
+# make_root FOLDER: a minimal Debian with nothing else installed. It is unpacked from an archive in
+# build/roots, which the first call makes; delete the archive to get newer packages.
+make_root() {
+    local suite mirror archive include=()
+    suite=$(debian_suite)
+    mirror=$(debian_mirror)
+    archive=build/roots/$suite-$(dpkg --print-architecture).tar
+    mkdir -p build/roots "$1"
+    if [[ ! -e $archive ]]; then
+        [[ $mirror != https:* ]] || include=(--include=ca-certificates)
+        quietly as_root debootstrap --variant=minbase "${include[@]}" "$suite" "$1" "$mirror"
+        as_root tar -C "$1" -cf "$archive.new" .
+        mv "$archive.new" "$archive"
+    else
+        as_root tar -C "$1" -xf "$archive"
+    fi
+    as_root cp -L /etc/resolv.conf "$1/etc/resolv.conf"
+    echo '127.0.0.1 localhost' | as_root tee "$1/etc/hosts" >/dev/null
+}
+
+# in_root FOLDER COMMAND...: runs it there as root, in process and mount name spaces of its own that
+# end with it, with this machine's proxy settings.
+in_root() {
+    local root=$1 pass=() name
+    shift
+    for name in http_proxy https_proxy no_proxy; do
+        [[ -z ${!name-} ]] || pass+=("$name=${!name}")
+    done
+    as_root unshare --mount --pid --fork --kill-child --mount-proc="$root/proc" \
+        chroot "$root" env -i PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin \
+        HOME=/root LC_ALL=C.UTF-8 DEBIAN_FRONTEND=noninteractive "${pass[@]}" "$@" &
+    wait "$!" # a signal interrupts this, but not a command in the foreground
+}
+
+# install_in_root FOLDER PACKAGE...
+install_in_root() { quietly in_root "$1" apt-get -q -y --no-install-recommends install "${@:2}"; }
+
+# remove_root FOLDER: ends what runs there and deletes it.
+remove_root() {
+    # unshare ignores gentler signals.
+    as_root pkill -KILL -f -- "--mount-proc=$1/proc" || true
+    wait || true
+    as_root rm -rf --one-file-system "$1" # never into something that is still mounted there
+}

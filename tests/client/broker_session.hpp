@@ -1,0 +1,48 @@
+#pragma once
+
+#include "support/broker.hpp"
+#include "support/raw_peer.hpp"
+#include "support/recorder.hpp"
+#include "support/test_client.hpp"
+
+#include <mqtt/client.hpp>
+
+#include <gmock/gmock.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+/// A client, not yet connected, and a broker at which a peer receives everything.
+class AClientAtABroker : public testing::Test {
+protected:
+    using Error = mqtt::MqttClient::Error;
+    static constexpr unsigned WAIT_SECONDS = 30;
+
+    AClientAtABroker() { peer_.subscribe("#"); }
+
+    std::unique_ptr<mqtt::MqttClient> idleClient() const {
+        support::ClientOptions options;
+        options.connect = false;
+        return support::testClient(broker_, options);
+    }
+
+    void connect() { ASSERT_EQ(client_->connect("", -1, WAIT_SECONDS), Error::SUCCESS); }
+    void disconnect() { ASSERT_EQ(client_->disconnect(WAIT_SECONDS), Error::SUCCESS); }
+
+    /// What the peer has received when all that this client has published has arrived.
+    std::vector<std::string> receivedPayloads() {
+        EXPECT_EQ(client_->publishWait("marker", "", 2, false, WAIT_SECONDS), Error::SUCCESS);
+        EXPECT_TRUE(peer_.waitFor(
+            [](auto const& all) { return !all.empty() && all.back().topic == "marker"; }));
+        auto result = peer_.payloads();
+        result.pop_back();
+        return result;
+    }
+
+    support::Broker broker_;
+    support::RawPeer peer_{broker_};
+    support::MessageRecorder subscriber_;
+    support::StateRecorder states_;
+    std::unique_ptr<mqtt::MqttClient> client_ = idleClient();
+};

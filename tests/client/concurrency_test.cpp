@@ -1,0 +1,149 @@
+// Subscribers and clients that come and go while messages arrive. The sanitizers see more here
+// than the assertions do.
+
+#include "client/flood.hpp"
+#include "support/broker.hpp"
+#include "support/raw_peer.hpp"
+#include "support/recorder.hpp"
+#include "support/test_client.hpp"
+#include "support/timeout_factor.hpp"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <atomic>
+#include <memory>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using mqtt::Topic;
+using Client = mqtt::MqttClient;
+using Error = mqtt::MqttClient::Error;
+
+std::vector<std::string> const FLOODED_TOPICS{"flood/0", "flood/1", "flood/2", "flood/3"};
+
+constexpr int ROUNDS = 400 / support::TIMEOUT_FACTOR;
+
+/// What is known of a subscriber, also when it is destroyed.
+struct CallCount {
+    std::atomic<bool> alive{true};
+    std::atomic<int> calls{0};
+    std::atomic<int> callsAfterDestruction{0};
+};
+
+/// Releases itself in its destructor, as every subscriber must.
+class CountedSubscriber : public Client::Subscriber {
+public:
+    CountedSubscriber(Client& client, CallCount& count) : client_(client), count_(count) {}
+    ~CountedSubscriber() override {
+        client_.release(this);
+        count_.alive = false;
+    }
+
+    void onMqttMessage(int, Topic const&, std::string const&) override {
+        // The count outlives this object, so that a late call can be counted safely.
+        auto& count = count_;
+        std::this_thread::yield();
+        ++count.calls;
+        if (!count.alive) {
+            ++count.callsAfterDestruction;
+        }
+    }
+
+private:
+    Client& client_;
+    CallCount& count_;
+};
+
+struct Totals {
+    std::atomic<int> called{0};
+    std::atomic<int> calledAfterDestruction{0};
+};
+
+void makeAndDestroySubscribers(Client& client, Totals& totals, unsigned seed) {
+    std::minstd_rand random(seed);
+    std::array<char const*, 6> const topics{"flood/0", "flood/1", "flood/2",
+                                            "flood/3", "flood/+", "flood/#"};
+    for (int round = 0; round < ROUNDS; ++round) {
+        CallCount count;
+        {
+            CountedSubscriber subscriber(client, count);
+            for (int i = 0; i < 3; ++i) {
+                EXPECT_EQ(client.subscribe(topics[random() % topics.size()], &subscriber, i),
+                          Error::SUCCESS);
+            }
+            if (round % 8 == 0) {
+                EXPECT_TRUE(support::eventually([&] { return count.calls > 0; }));
+            }
+            client.unsubscribe(topics[random() % topics.size()], &subscriber);
+        }
+        // Gives the worker a chance to call the destroyed subscriber.
+        std::this_thread::yield();
+        totals.called += count.calls > 0 ? 1 : 0;
+        totals.calledAfterDestruction += count.callsAfterDestruction;
+    }
+}
+
+TEST(Subscribers, ComeAndGoWhileMessagesArrive) {
+    support::Broker broker;
+    auto const client = support::testClient(broker);
+    support::MessageRecorder permanent;
+    ASSERT_EQ(client->subscribe("other/#", &permanent, 0), Error::SUCCESS);
+    Totals totals;
+    {
+        Flood const flood(broker, FLOODED_TOPICS, "x");
+        std::vector<std::thread> threads;
+        for (unsigned i = 0; i < 3; ++i) {
+            threads.emplace_back([&, i] { makeAndDestroySubscribers(*client, totals, i + 1); });
+        }
+        for (auto& thread : threads) {
+            thread.join();
+        }
+    }
+    EXPECT_GT(totals.called, 0);
+    EXPECT_EQ(totals.calledAfterDestruction, 0);
+    support::RawPeer peer(broker);
+    peer.publish("other/a", "still there");
+    EXPECT_TRUE(permanent.waitForPayload("still there"));
+    client->release(&permanent);
+}
+
+TEST(Clients, AreDestroyedWhileMessagesArrive) {
+    support::Broker broker;
+    Flood const flood(broker, FLOODED_TOPICS, "x");
+    for (int round = 0; round < ROUNDS / 10; ++round) {
+        std::array<support::MessageRecorder, 3> recorders;
+        auto client = support::testClient(broker);
+        ASSERT_EQ(client->subscribe("flood/0", &recorders[0], 0), Error::SUCCESS);
+        ASSERT_EQ(client->subscribe("flood/0", &recorders[1], 0), Error::SUCCESS);
+        ASSERT_EQ(client->subscribe("flood/#", &recorders[2], 0), Error::SUCCESS);
+        ASSERT_TRUE(recorders[1].waitForCount(1));
+        ASSERT_TRUE(recorders[2].waitForCount(1));
+        ASSERT_EQ(client->publish("own", "x", round % 3, false), Error::SUCCESS);
+    }
+}
+
+TEST(Clients, AreDestroyedWhileTheBrokerComesAndGoes) {
+    support::Broker broker;
+    for (int round = 0; round < 5; ++round) {
+        support::MessageRecorder recorder;
+        std::vector<std::unique_ptr<Client>> clients;
+        for (int i = 0; i < 4; ++i) {
+            clients.push_back(support::testClient(broker));
+            ASSERT_EQ(clients.back()->subscribe("a/#", &recorder, i), Error::SUCCESS);
+        }
+        std::thread killer([&] { broker.kill(); });
+        while (!clients.empty()) {
+            EXPECT_EQ(clients.back()->publish("a/b", "x", 2, true), Error::SUCCESS);
+            clients.pop_back();
+        }
+        killer.join();
+        broker.start();
+    }
+}
+
+} // namespace

@@ -1,0 +1,303 @@
+// Connecting, disconnecting and the worker, over a stand-in for the broker library.
+
+#include "client/client_on_a_script.hpp"
+
+#include "client/backoff.hpp"
+#include "support/watched.hpp"
+
+#include <gmock/gmock.h>
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <future>
+#include <stdexcept>
+#include <thread>
+#include <utility>
+
+#include <pthread.h>
+
+namespace {
+
+using conv::ComState;
+using support::StandIn;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Pair;
+using Error = mqtt::MqttClient::Error;
+using Operation = StandIn::Operation;
+
+constexpr int CONN_LOST = 7;
+constexpr int FAILED = 14;
+
+/// Made for the host "host" and port 1883.
+class AConnectionOnAScript : public AClientOnAScript {
+protected:
+    /// Host and port of each call of the library's `connect`.
+    std::vector<std::pair<std::string, int>> requested() const {
+        std::vector<std::pair<std::string, int>> result;
+        for (auto const& call : script_->calls(Operation::CONNECT)) {
+            result.emplace_back(call.topic, call.qos);
+        }
+        return result;
+    }
+};
+
+TEST_F(AConnectionOnAScript, MayBeMadeAtPortZeroWhichIsRememberedToo) {
+    ASSERT_EQ(client_->connect("/run/broker", 0, WAIT_SECONDS), Error::SUCCESS);
+    ASSERT_EQ(client_->disconnect(WAIT_SECONDS), Error::SUCCESS);
+    connect();
+    EXPECT_THAT(requested(), ElementsAre(Pair("/run/broker", 0), Pair("/run/broker", 0)));
+}
+
+TEST_F(AConnectionOnAScript, LeavesHostAndPortAsTheyWereWhenItFails) {
+    errno = ECONNREFUSED;
+    script_->answer(Operation::CONNECT, {static_cast<int>(Error::ERRNO)});
+    ASSERT_EQ(client_->connect("elsewhere", 4, WAIT_SECONDS), Error::ERRNO);
+    ASSERT_TRUE(states_.waitFor(ComState::CONNECTED)) << "it goes on trying";
+    ASSERT_EQ(client_->disconnect(WAIT_SECONDS), Error::SUCCESS);
+    connect();
+    EXPECT_THAT(requested(), ElementsAre(Pair("elsewhere", 4), Pair("host", 1883)));
+}
+
+// The count of attempts is one for the whole process, and so for this test.
+
+TEST_F(AConnectionOnAScript, RestartsTheBackOffWithEachStepThatSucceeds) {
+    connect();
+    for (int i = 0; i < 3; ++i) {
+        mqtt::nextReconnectAttempt();
+    }
+    letTheStepEnd();
+    EXPECT_EQ(mqtt::nextReconnectAttempt(), 1);
+}
+
+TEST_F(AConnectionOnAScript, LetsTheBackOffGrowWithEachStepThatFails) {
+    mqtt::resetReconnectAttempts();
+    mqtt::nextReconnectAttempt();
+    // Without a connection the client makes one step after the other, and all fail.
+    auto const before = script_->loops();
+    ASSERT_TRUE(support::eventually([&] { return script_->loops() > before + 1; }));
+    EXPECT_EQ(mqtt::nextReconnectAttempt(), 2);
+}
+
+TEST_F(AConnectionOnAScript, EstablishedOrSearchedForIsGivenUp) {
+    connect();
+    client_->giveUp();
+    EXPECT_TRUE(states_.waitFor(ComState::DISCONNECTED));
+    connect();
+    script_->setHook(Operation::RECONNECT, [](auto const&) { return FAILED; });
+    script_->loseConnection();
+    ASSERT_TRUE(states_.waitFor(ComState::CONNECTION_LOST));
+    EXPECT_EQ(client_->disconnect(WAIT_SECONDS), Error::NO_CONN);
+    client_->giveUp();
+    EXPECT_TRUE(states_.waitFor(ComState::DISCONNECTED));
+    connect();
+}
+
+/// Keeps the worker inside one network step until two threads have asked to connect.
+class AConnectionMadeByTwo : public AConnectionOnAScript {
+protected:
+    struct Counts {
+        bool workerIsInside = false;
+        int callers = 0;
+    };
+    using Shared = std::shared_ptr<support::Watched<Counts>>;
+
+    Shared holdTheWorker() {
+        auto const counts = std::make_shared<support::Watched<Counts>>();
+        script_->setHook(Operation::LOOP, [counts](auto const&) -> std::optional<int> {
+            bool const isFirstStep = counts->change(
+                [](Counts& now) { return !std::exchange(now.workerIsInside, true); });
+            if (isFirstStep) {
+                EXPECT_TRUE(counts->waitFor([](Counts const& now) { return now.callers == 2; }));
+                // Callers count themselves a few instructions before they wait.
+                for (int i = 0; i < 1000; ++i) {
+                    std::this_thread::yield();
+                }
+            }
+            return std::nullopt;
+        });
+        EXPECT_TRUE(counts->waitFor([](Counts const& now) { return now.workerIsInside; }));
+        return counts;
+    }
+};
+
+TEST_F(AConnectionMadeByTwo, SucceedsForOneOfThem) {
+    for (std::size_t round = 1; round <= 20; ++round) {
+        auto const counts = holdTheWorker();
+        auto const connectOnce = [&] {
+            counts->change([](Counts& now) { ++now.callers; });
+            return client_->connect("", -1, WAIT_SECONDS);
+        };
+        auto other = std::async(std::launch::async, connectOnce);
+        auto const mine = connectOnce();
+        EXPECT_THAT((std::vector{mine, other.get()}),
+                    testing::UnorderedElementsAre(Error::SUCCESS, Error::CONNECTION_PENDING));
+        ASSERT_EQ(script_->count(Operation::CONNECT), round);
+        ASSERT_EQ(client_->disconnect(WAIT_SECONDS), Error::SUCCESS);
+    }
+}
+
+/// A client whose `disconnect` was called, while something else happens.
+class ADisconnectingClient : public AClientOnAScript {
+protected:
+    /// The library takes the packet, but the connection stays.
+    void beginToDisconnect() {
+        script_->setHook(Operation::DISCONNECT, [](auto const&) { return std::optional<int>(0); });
+        ASSERT_EQ(client_->disconnect(0), Error::TIMEOUT);
+        script_->setHook(Operation::DISCONNECT, {});
+    }
+
+    void acceptTheConnection() {
+        script_->runInLoop([](auto& object) { object.on_connect(0); });
+        letTheStepEnd();
+    }
+
+    void connectAgain() {
+        script_->setConnack(0);
+        connect();
+    }
+};
+
+class ADisconnectingClientAtEveryQos : public ADisconnectingClient,
+                                       public testing::WithParamInterface<int> {};
+INSTANTIATE_TEST_SUITE_P(Qos, ADisconnectingClientAtEveryQos, testing::Values(0, 1, 2));
+
+TEST_P(ADisconnectingClientAtEveryQos, KeepsItsQueueWhenTheBrokerAcceptsTheConnectionMeanwhile) {
+    queue({"0"}, GetParam());
+    beginToConnect();
+    beginToDisconnect();
+    acceptTheConnection();
+    queue({"1"}, GetParam());
+    EXPECT_THAT(published(), IsEmpty());
+    script_->loseConnection(0);
+    ASSERT_TRUE(states_.waitFor(ComState::DISCONNECTED));
+    EXPECT_THAT(states_.history(), ElementsAre(ComState::CONNECTING, ComState::DISCONNECTED));
+    connectAgain();
+    EXPECT_THAT(published(), ElementsAre("0", "1"));
+}
+
+TEST_F(ADisconnectingClient, KeepsItsQueueWhenItIsCalledWhileTheWorkerSubscribes) {
+    queue({"0"}, 0);
+    ASSERT_EQ(client_->subscribe("b", &subscriber_, 0), Error::SUCCESS);
+    beginToConnect();
+    script_->setHook(Operation::SUBSCRIBE, [this](auto const&) {
+        beginToDisconnect();
+        return std::optional<int>(0);
+    });
+    acceptTheConnection();
+    script_->setHook(Operation::SUBSCRIBE, {});
+    EXPECT_THAT(published(), IsEmpty());
+    script_->loseConnection(0);
+    ASSERT_TRUE(states_.waitFor(ComState::DISCONNECTED));
+    EXPECT_THAT(states_.history(), ElementsAre(ComState::CONNECTING, ComState::DISCONNECTED));
+}
+
+TEST_F(ADisconnectingClient, ConnectsAgainAfterItHasGivenUpDuringAnAttempt) {
+    connect();
+    script_->setHook(Operation::RECONNECT, [this](auto const&) {
+        beginToDisconnect();
+        client_->giveUp();
+        return std::optional<int>(FAILED);
+    });
+    script_->loseConnection();
+    ASSERT_TRUE(states_.waitFor(ComState::DISCONNECTED));
+    connectAgain();
+    EXPECT_EQ(client_->communicationState(), ComState::CONNECTED);
+}
+
+TEST_F(ADisconnectingClient, MayGiveUpInTheListenersCallForConnecting) {
+    support::StateRecorder listener([this](ComState state) {
+        if (state == ComState::CONNECTING) {
+            client_->giveUp();
+        }
+    });
+    client_->registerListener(&listener);
+    script_->answer(Operation::CONNECT, {FAILED});
+    EXPECT_NE(client_->connect("", -1, 0), Error::SUCCESS);
+    EXPECT_TRUE(states_.waitFor(ComState::DISCONNECTED));
+    client_->unregisterListener(&listener);
+}
+
+TEST_F(ADisconnectingClient, IsDisconnectedHoweverItsConnectionEnds) {
+    connect();
+    beginToDisconnect();
+    script_->loseConnection(CONN_LOST);
+    ASSERT_TRUE(states_.waitFor(ComState::DISCONNECTED));
+    letTheStepEnd();
+    EXPECT_EQ(script_->count(Operation::RECONNECT), 0U);
+    connect();
+    EXPECT_EQ(client_->communicationState(), ComState::CONNECTED);
+}
+
+TEST_F(ADisconnectingClient, DoesNotTryAgainWhenItsConnectionFails) {
+    connect();
+    support::Watched<bool> calledDisconnect;
+    script_->setHook(Operation::RECONNECT, [&](auto const&) {
+        EXPECT_TRUE(calledDisconnect.waitFor(support::isSet));
+        return std::optional<int>(FAILED);
+    });
+    script_->loseConnection(CONN_LOST);
+    ASSERT_TRUE(script_->waitForCalls(Operation::RECONNECT, 1));
+    beginToDisconnect();
+    support::set(calledDisconnect);
+    ASSERT_TRUE(states_.waitFor(ComState::DISCONNECTED));
+    letTheStepEnd();
+    EXPECT_EQ(script_->count(Operation::RECONNECT), 1U);
+}
+
+// The worker
+
+sigset_t blockedSignals() {
+    sigset_t blocked;
+    sigemptyset(&blocked);
+    ::pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
+    return blocked;
+}
+
+class AWorkerOnAScript : public AClientOnAScript {};
+
+TEST_F(AWorkerOnAScript, HasANameAndBlocksAllSignalsButThoseOfAFault) {
+    connect();
+    sigset_t blocked = blockedSignals();
+    EXPECT_EQ(sigismember(&blocked, SIGTERM), 0) << "the thread that made the client";
+    std::array<char, 16> name{};
+    script_->runInLoop([&](auto&) {
+        blocked = blockedSignals();
+        ::pthread_getname_np(::pthread_self(), name.data(), name.size());
+    });
+    EXPECT_STREQ(name.data(), "zym-mqtt");
+    for (int const signal :
+         {SIGTERM, SIGINT, SIGHUP, SIGCHLD, SIGALRM, SIGUSR1, SIGPIPE, SIGRTMIN}) {
+        EXPECT_EQ(sigismember(&blocked, signal), 1) << signal;
+    }
+    for (int const fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL}) {
+        EXPECT_EQ(sigismember(&blocked, fault), 0) << fault;
+    }
+}
+
+TEST_F(AWorkerOnAScript, BeginsWhenTheLibraryKnowsOfTheThread) {
+    for (int i = 0; i < 200; ++i) {
+        auto const client = idleClient();
+        auto const script = StandIn::last();
+        ASSERT_TRUE(support::eventually([&] { return script->loops() > 0; }));
+        auto const first = script->calls().front();
+        EXPECT_EQ(first.operation, Operation::THREADED_SET);
+        EXPECT_EQ(first.thread, std::this_thread::get_id());
+        EXPECT_EQ(first.loopsBefore, 0U);
+    }
+}
+
+TEST(AClientThatCannotBeMade, EndsItsWorkerAndSaysWhy) {
+    StandIn::onConstruction([](StandIn& script) {
+        script.setHook(Operation::CONNECT, [](auto const&) -> std::optional<int> {
+            throw std::runtime_error("on purpose");
+        });
+    });
+    EXPECT_THROW(mqtt::MqttClient(support::uniqueId(), false, "", "host", 1883, true),
+                 std::runtime_error);
+    EXPECT_TRUE(StandIn::last()->destroyed());
+    StandIn::onConstruction({});
+}
+
+} // namespace

@@ -1,0 +1,81 @@
+// An application's own type over a broker. The shared library and its public headers are all that
+// this program uses of us, besides what the tests stand on.
+
+#include "consumer/fill_level.hpp"
+
+#include "support/broker.hpp"
+#include "support/raw_peer.hpp"
+#include "support/test_client.hpp"
+#include "support/watched.hpp"
+
+#include <gmock/gmock.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace {
+
+using mqtt::MqttData;
+using testing::ElementsAre;
+using Error = mqtt::MqttClient::Error;
+
+class Display : public MqttData<FillLevel>::Subscriber {
+public:
+    virtual ~Display() = default;
+
+    void onMqttData(FillLevel const& level, bool empty, int id) override {
+        lines_.change([&](auto& lines) {
+            lines.push_back(std::to_string(id) + ": "
+                            + (empty ? "gone" : std::to_string(level.litres)));
+        });
+    }
+
+    std::vector<std::string> lines(std::size_t count) const {
+        EXPECT_TRUE(lines_.waitFor([&](auto const& lines) { return lines.size() >= count; }));
+        return lines_.copy();
+    }
+
+private:
+    support::Watched<std::vector<std::string>> lines_;
+};
+
+class AnApplicationsOwnType : public testing::Test {
+protected:
+    support::Broker broker;
+    std::unique_ptr<mqtt::MqttClient> client = support::testClient(broker);
+    Display display;
+    MqttData<FillLevel> tank{*client, "plant/tank"};
+    MqttData<FillLevel> panel{*client, "plant/tank"};
+};
+
+TEST_F(AnApplicationsOwnType, IsPublishedInItsOwnFormatAndRetainedOnItsOwnTopicLevel) {
+    tank.value.litres = 12;
+    tank.publishWait();
+    auto const message = support::retained(broker, "plant/tank/level");
+    ASSERT_TRUE(message);
+    EXPECT_EQ(message->payload, "{\n  \"litres\": 12\n}");
+}
+
+TEST_F(AnApplicationsOwnType, IsReceivedAsAValueAlsoByACopyOfTheEndpoint) {
+    ASSERT_EQ(panel.subscribe(&display, 7), Error::SUCCESS);
+    // The broker has the subscription by then: it was sent before, on the same connection.
+    tank.publishWait();
+    support::RawPeer peer(broker);
+    for (char const* const payload : {"{", "[]", R"({"level": 1})", R"({"litres": "1"})"}) {
+        peer.publish("plant/tank/level", payload); // cannot be read
+    }
+    tank.value.litres = 12;
+    tank.publishWait();
+    EXPECT_THAT(display.lines(2), ElementsAre("7: 0", "7: 12"));
+    {
+        MqttData<FillLevel> const copy(panel);
+        EXPECT_THAT(display.lines(4), ElementsAre("7: 0", "7: 12", "7: 12", "0: 12"))
+            << "the retained value again";
+    }
+    EXPECT_EQ(tank.cleanWait(), Error::SUCCESS);
+    EXPECT_EQ(display.lines(5).back(), "7: gone");
+    EXPECT_EQ(panel.unsubscribe(), Error::SUCCESS);
+}
+
+} // namespace
