@@ -5,8 +5,13 @@
 
 #include <mosquittopp.h>
 
+#include <memory>
+#include <vector>
+
 namespace bench {
 namespace {
+
+using ClientLibraries = std::vector<std::unique_ptr<ClientLibrary>>;
 
 ClientLibraries makeLibraries(Options const& options) {
     ClientLibraries libraries;
@@ -33,7 +38,14 @@ void measureInTurns(Options const& options, Measurement const& measurement,
 
 void run(Options const& options) {
     ClientLibraries libraries = makeLibraries(options);
-    measureIdleClients(options, libraries);
+    if (!options.idle.empty()) {
+        for (auto const& library : libraries) {
+            if (library->name == options.idle) {
+                measureIdleClients(options, *library);
+            }
+        }
+        return;
+    }
     measureTimeBase(options);
     pinToOneProcessor();
     Effort const effort = options.quick ? Effort{300, 20, 10, 1} : Effort{};

@@ -1,13 +1,8 @@
 #include "measurements.hpp"
 #include "resources.hpp"
 
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <array>
 #include <cstddef>
-#include <cstdio>
-#include <exception>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -46,53 +41,23 @@ Resources resources() {
             static_cast<double>(heapInUse()) / 1024, residentKib()};
 }
 
-void measureHere(ClientLibrary const& library, int port, int repetition, unsigned clients) {
-    // The first one brings what the process has only once.
-    auto const first = library.makeClient(port);
+} // namespace
+
+void measureIdleClients(Options const& options, ClientLibrary const& library) {
+    BenchmarkBroker const broker(NODELAY);
+    auto const first = library.makeClient(broker.port());
     first->connect();
     Resources const before = resources();
-    std::vector<std::unique_ptr<BenchmarkClient>> more(clients);
+    std::vector<std::unique_ptr<BenchmarkClient>> more(options.quick ? 4 : 32);
     for (auto& client : more) {
-        client = library.makeClient(port);
+        client = library.makeClient(broker.port());
         client->connect();
     }
     Resources const after = resources();
     for (std::size_t i = 0; i < NAMES_AND_UNITS.size(); ++i) {
         auto const& [name, unit] = NAMES_AND_UNITS[i];
-        print({"idle", "one more client", name, unit, library.name, "", repetition,
-               (after[i] - before[i]) / clients});
-    }
-}
-
-/// In a process of its own, whose heap nobody has used before. This process has only one thread, so
-/// that the child may do anything.
-void measureInChild(ClientLibrary const& library, int port, int repetition, unsigned clients) {
-    pid_t const child = ::fork();
-    if (child == 0) {
-        try {
-            measureHere(library, port, repetition, clients);
-            ::_exit(0);
-        } catch (std::exception const& error) {
-            std::fprintf(stderr, "%s: %s\n", library.name, error.what());
-            ::_exit(1);
-        }
-    }
-    int status = 1;
-    if (child < 0 || ::waitpid(child, &status, 0) != child || status != 0) {
-        throw std::runtime_error(std::string("no figures of ") + library.name);
-    }
-}
-
-} // namespace
-
-void measureIdleClients(Options const& options, ClientLibraries const& libraries) {
-    int const repetitions = repetitionsOf(options, "idle", "one more client", 3);
-    unsigned const clients = options.quick ? 4 : 32;
-    BenchmarkBroker const broker(NODELAY);
-    for (int repetition = 0; repetition < repetitions; ++repetition) {
-        for (auto const& library : libraries) {
-            measureInChild(*library, broker.port(), repetition, clients);
-        }
+        print({"idle", "one more client", name, unit, library.name, "", 0,
+               (after[i] - before[i]) / static_cast<double>(more.size())});
     }
 }
 

@@ -26,7 +26,9 @@ void measureDocument(Options const& options, char const* name, T const& sample,
             print({"documents", name, figure, "ns", library, "", repetition,
                    nanosecondsPerCall(action, options.secondsInProcess)});
         };
-        time("write", "RapidJSON", [&] { return rapid::write(value).GetSize(); });
+        time("write", "RapidJSON", [&] {
+            return rapid::write(value, [](auto const& buffer) { return buffer.GetSize(); });
+        });
         time("write", "ours", [&] {
             std::string payload;
             Data::serialize(topic, payload, sample);

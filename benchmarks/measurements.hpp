@@ -6,17 +6,14 @@
 
 #include <cstdint>
 #include <functional>
-#include <memory>
 #include <string>
 #include <vector>
 
 namespace bench {
 
-using ClientLibraries = std::vector<std::unique_ptr<ClientLibrary>>;
-
-/// What a connected client holds that does nothing: memory, threads, descriptors. To be called
-/// while the process has only one thread.
-void measureIdleClients(Options const& options, ClientLibraries const& libraries);
+/// What a connected client holds that does nothing: memory, threads, descriptors. The first of many
+/// brings what the process has only once and is left out. To be called in a fresh process.
+void measureIdleClients(Options const& options, ClientLibrary const& library);
 
 /// How far the time base's estimate of a server's clock is from the truth after the first
 /// synchronisation.

@@ -148,9 +148,10 @@ void measureValues(Options const& options, T const& sample, std::string const& n
         return std::size_t{1};
     };
     auto const sendByHand = [&] {
-        auto const buffer = rapid::write(value);
         return byHand.publish(std::string(TOPIC) + "/value",
-                              std::string(buffer.GetString(), buffer.GetSize()));
+                              rapid::write(value, [](auto const& buffer) {
+                                  return std::string(buffer.GetString(), buffer.GetSize());
+                              }));
     };
     measurePath(options, "send " + name, sendOurs, sendByHand);
 }

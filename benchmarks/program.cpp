@@ -17,6 +17,7 @@ namespace {
 constexpr char const* USAGE =
     "Prints what it measures as JSON, one object a line.\n"
     "  --only TEXT                  only measurements whose \"PROGRAM NAME\" contains TEXT\n"
+    "  --idle raw|ours|Paho         only what this library's idle clients hold\n"
     "  --repetitions N              how often each of them is repeated\n"
     "  --broker shipped|nodelay     only this configuration of the broker\n"
     "  --control                    libmosquittopp in the place of our client: shows the noise\n"
@@ -25,6 +26,7 @@ constexpr char const* USAGE =
 /// Ends the program with its usage when the command line is wrong.
 Options parseOptions(int argc, char** argv) {
     constexpr option OPTIONS[] = {{"only", required_argument, nullptr, 'o'},
+                                  {"idle", required_argument, nullptr, 'i'},
                                   {"repetitions", required_argument, nullptr, 'r'},
                                   {"broker", required_argument, nullptr, 'b'},
                                   {"control", no_argument, nullptr, 'c'},
@@ -35,6 +37,8 @@ Options parseOptions(int argc, char** argv) {
         std::string const value = optarg == nullptr ? "" : optarg;
         if (letter == 'o') {
             options.only = value;
+        } else if (letter == 'i') {
+            options.idle = value;
         } else if (letter == 'r' && std::atoi(optarg) > 0) {
             options.repetitions = std::atoi(optarg);
         } else if (letter == 'b' && (value == "shipped" || value == "nodelay")) {

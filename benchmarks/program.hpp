@@ -13,6 +13,7 @@ constexpr char const* NODELAY = "set_tcp_nodelay true";
 /// What every benchmark program takes from its command line.
 struct Options {
     std::string only;              ///< part of "PROGRAM MEASUREMENT"; empty: everything
+    std::string idle;              ///< a library: measure only what its idle clients hold
     int repetitions = 0;           ///< of each measurement; 0: as many as the measurement wants
     bool quick = false;            ///< shows only that it works
     double secondsInProcess = 0.1; ///< how long an action is timed that needs no broker

@@ -13,6 +13,7 @@
 #include <stdexcept>
 #include <string>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 /// The documents as a user of RapidJSON alone would write and read them: a Writer into a buffer,
@@ -29,18 +30,23 @@ void visitMembers(conv::CommunicationStatus& value, Visit visit) {
     visit("since", value.since.seconds);
 }
 
+constexpr std::pair<char const*, std::string conv::Identification::*> IDENTIFICATION[] = {
+    {"uuid", &conv::Identification::uuid},
+    {"manufacturer", &conv::Identification::manufacturer},
+    {"model", &conv::Identification::model},
+    {"serial", &conv::Identification::serial},
+    {"physicalName", &conv::Identification::physicalName},
+    {"name", &conv::Identification::name},
+    {"interface", &conv::Identification::interface},
+    {"version", &conv::Identification::version},
+    {"location", &conv::Identification::location},
+    {"contact", &conv::Identification::contact}};
+
 template <class Visit>
 void visitMembers(conv::Identification& value, Visit visit) {
-    visit("uuid", value.uuid);
-    visit("manufacturer", value.manufacturer);
-    visit("model", value.model);
-    visit("serial", value.serial);
-    visit("physicalName", value.physicalName);
-    visit("name", value.name);
-    visit("interface", value.interface);
-    visit("version", value.version);
-    visit("location", value.location);
-    visit("contact", value.contact);
+    for (auto const& [key, member] : IDENTIFICATION) {
+        visit(key, value.*member);
+    }
 }
 
 template <class Visit>
@@ -144,12 +150,14 @@ inline void readObject(rapidjson::Value const& object, std::vector<mqtt::Link>& 
     }
 }
 
-template <class T>
-rapidjson::StringBuffer write(T& value) {
+/// The buffer stays inside: the compiler optimises a buffer that is returned less well.
+/// @return what `use` makes of the text
+template <class T, class Use>
+auto write(T& value, Use use) {
     rapidjson::StringBuffer buffer;
     Writer out(buffer);
     writeObject(out, value);
-    return buffer;
+    return use(buffer);
 }
 
 /// @throws std::runtime_error when something is missing: a comparison in which one side failed
