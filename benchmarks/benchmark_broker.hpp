@@ -6,6 +6,7 @@
 #include "support/broker.hpp"
 
 #include <ctime>
+#include <string>
 #include <system_error>
 
 namespace bench {
@@ -14,7 +15,8 @@ namespace bench {
 /// every packet.
 class BenchmarkBroker {
 public:
-    explicit BenchmarkBroker(BrokerKind kind) : kind_(kind), broker_(optionsOf(kind)) {
+    explicit BenchmarkBroker(char const* configuration)
+        : description(configuration), broker_(options(std::string(configuration) == NODELAY)) {
         if (int const code = ::clock_getcpuclockid(broker_.pid(), &clock_); code != 0) {
             throw std::system_error(code, std::generic_category(), "the broker's processor time");
         }
@@ -23,22 +25,19 @@ public:
     int port() const { return broker_.port(); }
     /// Processor time used so far, in seconds.
     double cpuSeconds() const { return bench::cpuSeconds(clock_); }
-    /// What the results call its configuration.
-    char const* description() const {
-        return kind_ == BrokerKind::NODELAY ? "set_tcp_nodelay true" : "as shipped";
-    }
+
+    char const* const description;
 
 private:
-    static support::BrokerOptions optionsOf(BrokerKind kind) {
+    static support::BrokerOptions options(bool nodelay) {
         support::BrokerOptions options;
-        options.nodelay = kind == BrokerKind::NODELAY;
+        options.nodelay = nodelay;
         // `none` cancels what the tests' configuration says; the others are the broker's default.
         options.extraLines = {"log_type none", "log_type error", "log_type warning",
                               "log_type notice", "log_type information"};
         return options;
     }
 
-    BrokerKind const kind_;
     support::Broker broker_;
     clockid_t clock_{};
 };

@@ -13,6 +13,9 @@ namespace bench {
 
 constexpr char const* BROKER_HOST = "127.0.0.1";
 
+/// What a subscriber publishes on its own topic, to learn that its subscription is in force.
+constexpr char const* PROBE = "probe";
+
 /// One client of one library. All operations throw std::runtime_error when they fail: a comparison
 /// in which one side failed shows nothing.
 class BenchmarkClient {
@@ -62,19 +65,55 @@ public:
     char const* const name;
     MakeClient const makeClient;
 
-    /// Connects a publisher of one typed value, at QoS 2 and retained. Libraries without typed
-    /// values send the text of the value, made once, and do not read what they get.
+    /// Connects a subscriber that counts typed values, and a publisher of one, at QoS 2 and
+    /// retained. Libraries without typed values send the text of the value, made once, and do not
+    /// read what they get.
     /// @param topic what the value's topic begins with
     /// @return publishes the value once
-    virtual Action makeValuePublisher(int port, std::string const& topic, Document document) const;
-    /// Connects a subscriber that counts such values until the returned object goes.
-    virtual std::shared_ptr<void> makeValueSubscriber(int port, std::string const& topic,
-                                                      Document document,
-                                                      MessageCounter& received) const;
+    virtual Action makeValueStream(int port, std::string const& topic, Document document,
+                                   MessageCounter& received) const;
     /// Connects a service, and a client that requests it.
     /// @return makes one request: subscribes for the reply, sends the request at QoS 2, waits for
     ///         the reply at QoS 2, unsubscribes
     virtual Action makeRequester(int port) const;
+};
+
+/// A connected client that counts the messages of one topic. The subscription is in force and the
+/// count is 0 when this returns.
+std::shared_ptr<BenchmarkClient> makeCountingSubscriber(ClientLibrary const& library, int port,
+                                                        std::string const& topic,
+                                                        MessageCounter& received);
+
+/// Two connected clients: one asks on one topic, the other one answers each request on another
+/// topic. Requests and replies are always the same text, at QoS 2.
+class Dialogue {
+public:
+    struct Texts {
+        std::string requestTopic;
+        std::string replyTopic;
+        std::string request;
+        std::string reply;
+    };
+
+    /// The asking client is not subscribed to the replies yet.
+    Dialogue(ClientLibrary const& library, int port, Texts texts);
+
+    void subscribe() { requester_->subscribe(replyTopic_); }
+    void unsubscribe() { requester_->unsubscribe(replyTopic_); }
+    /// Sends so many requests in a row, and returns when all replies have come.
+    void ask(unsigned count);
+
+private:
+    void answer(std::string_view request);
+
+    Texts const texts_;
+    MessageCounter probes_;
+    MessageCounter replies_;
+    std::unique_ptr<BenchmarkClient> const responder_;
+    std::unique_ptr<BenchmarkClient> const requester_;
+    BenchmarkClient::TopicId const responderReplyTopic_;
+    BenchmarkClient::TopicId const requestTopic_;
+    BenchmarkClient::TopicId const replyTopic_;
 };
 
 /// Bare libmosquittopp, used as its manual suggests: a derived class and the library's thread.

@@ -25,7 +25,7 @@ void measureInTurns(Options const& options, Measurement const& measurement,
         for (auto const& library : libraries) {
             for (auto const& figure : measurement.run(*library, broker)) {
                 print({"clients", measurement.name, figure.name, figure.unit, library->name,
-                       broker.description(), repetition, figure.value});
+                       broker.description, repetition, figure.value});
             }
         }
     }
@@ -37,8 +37,8 @@ void run(Options const& options) {
     measureTimeBase(options);
     pinToOneProcessor();
     Effort const effort = options.quick ? Effort{300, 20, 10, 1} : Effort{};
-    for (auto const kind : options.brokers) {
-        BenchmarkBroker const broker(kind);
+    for (auto const* const configuration : options.brokers) {
+        BenchmarkBroker const broker(configuration);
         for (auto const& measurement : allMeasurements(effort)) {
             measureInTurns(options, measurement, libraries, broker);
         }

@@ -4,6 +4,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
+#include <cstddef>
 #include <cstdio>
 #include <exception>
 #include <filesystem>
@@ -12,18 +14,16 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace bench {
 namespace {
 
 /// What this process holds.
-struct Resources {
-    double heapKib;
-    double residentKib;
-    double threads;
-    double descriptors;
-};
+using Resources = std::array<double, 4>;
+constexpr std::array<std::pair<char const*, char const*>, 4> NAMES_AND_UNITS{
+    {{"threads", ""}, {"descriptors", ""}, {"heap", "KiB"}, {"resident memory", "KiB"}}};
 
 double residentKib() {
     std::ifstream file("/proc/self/smaps_rollup");
@@ -42,8 +42,8 @@ double entriesOf(char const* folder) {
 }
 
 Resources resources() {
-    return {static_cast<double>(heapInUse()) / 1024, residentKib(), entriesOf("/proc/self/task"),
-            entriesOf("/proc/self/fd")};
+    return {entriesOf("/proc/self/task"), entriesOf("/proc/self/fd"),
+            static_cast<double>(heapInUse()) / 1024, residentKib()};
 }
 
 void measureHere(ClientLibrary const& library, int port, int repetition, unsigned clients) {
@@ -57,14 +57,11 @@ void measureHere(ClientLibrary const& library, int port, int repetition, unsigne
         client->connect();
     }
     Resources const after = resources();
-    auto const print = [&](char const* figure, char const* unit, double Resources::*resource) {
-        double const each = (after.*resource - before.*resource) / clients;
-        bench::print({"idle", "one more client", figure, unit, library.name, "", repetition, each});
-    };
-    print("threads", "", &Resources::threads);
-    print("descriptors", "", &Resources::descriptors);
-    print("heap", "KiB", &Resources::heapKib);
-    print("resident memory", "KiB", &Resources::residentKib);
+    for (std::size_t i = 0; i < NAMES_AND_UNITS.size(); ++i) {
+        auto const& [name, unit] = NAMES_AND_UNITS[i];
+        print({"idle", "one more client", name, unit, library.name, "", repetition,
+               (after[i] - before[i]) / clients});
+    }
 }
 
 /// In a process of its own, whose heap nobody has used before. This process has only one thread, so
@@ -91,7 +88,7 @@ void measureInChild(ClientLibrary const& library, int port, int repetition, unsi
 void measureIdleClients(Options const& options, ClientLibraries const& libraries) {
     int const repetitions = repetitionsOf(options, "idle", "one more client", 3);
     unsigned const clients = options.quick ? 4 : 32;
-    BenchmarkBroker const broker(BrokerKind::NODELAY);
+    BenchmarkBroker const broker(NODELAY);
     for (int repetition = 0; repetition < repetitions; ++repetition) {
         for (auto const& library : libraries) {
             measureInChild(*library, broker.port(), repetition, clients);

@@ -1,7 +1,6 @@
 #include "measurements.hpp"
 
 #include "samples.hpp"
-#include "text_exchanges.hpp"
 
 #include <algorithm>
 #include <chrono>
@@ -91,9 +90,8 @@ Measurement valueThroughput(char const* name, Document document, Effort const& e
                 static unsigned runs = 0;
                 std::string const topic = "bench/device" + std::to_string(++runs);
                 MessageCounter received;
-                auto const subscriber =
-                    library.makeValueSubscriber(broker.port(), topic, document, received);
-                auto const publish = library.makeValuePublisher(broker.port(), topic, document);
+                auto const publish =
+                    library.makeValueStream(broker.port(), topic, document, received);
                 return measureThroughput(publish, received, broker, effort.messages);
             }};
 }

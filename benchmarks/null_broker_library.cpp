@@ -4,16 +4,14 @@
 
 #include <mosquittopp.h>
 
+#include <atomic>
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
+#include <thread>
 
 namespace mosqpp {
 namespace {
 
-std::mutex connectionMutex;
-std::condition_variable connectionCalled;
-bool mustAccept = false;
+std::atomic<bool> mustAccept = false;
 
 } // namespace
 
@@ -21,14 +19,8 @@ mosquittopp::mosquittopp(char const* /*id*/, bool /*clean*/) : m_mosq(nullptr) {
 
 mosquittopp::~mosquittopp() = default;
 
-int mosquittopp::threaded_set(bool /*threaded*/) {
-    return MOSQ_ERR_SUCCESS;
-}
-
 int mosquittopp::connect(char const* /*host*/, int /*port*/, int /*keepAlive*/) {
-    std::lock_guard<std::mutex> const lock(connectionMutex);
     mustAccept = true;
-    connectionCalled.notify_all();
     return MOSQ_ERR_SUCCESS;
 }
 
@@ -37,12 +29,10 @@ int mosquittopp::disconnect() {
 }
 
 int mosquittopp::loop(int timeoutMs, int /*packets*/) {
-    std::unique_lock<std::mutex> lock(connectionMutex);
-    if (connectionCalled.wait_for(lock, std::chrono::milliseconds(timeoutMs),
-                                  [] { return mustAccept; })) {
-        mustAccept = false;
-        lock.unlock();
+    if (mustAccept.exchange(false)) {
         on_connect(0);
+    } else {
+        std::this_thread::sleep_for(std::chrono::milliseconds(timeoutMs));
     }
     return MOSQ_ERR_SUCCESS;
 }
@@ -61,10 +51,6 @@ int mosquittopp::subscribe(int* /*id*/, char const* /*pattern*/, int /*qos*/) {
 
 int mosquittopp::unsubscribe(int* /*id*/, char const* /*pattern*/) {
     return MOSQ_ERR_SUCCESS;
-}
-
-int mosquittopp::socket() {
-    return -1;
 }
 
 bool mosquittopp::want_write() {

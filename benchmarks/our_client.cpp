@@ -1,6 +1,5 @@
 #include "benchmark_client.hpp"
 #include "samples.hpp"
-#include "text_exchanges.hpp"
 
 #include <mqtt/client.hpp>
 #include <mqtt/payloads.hpp>
@@ -88,78 +87,59 @@ private:
     Connection client_;
 };
 
-/// Writes its value anew for every publication.
+/// Writes its value anew for every publication, and reads what it gets.
 template <class T>
-struct ValuePublisher {
-    ValuePublisher(int port, std::string const& topic, T value)
-        : client(port), endpoint(*client, topic) {
-        endpoint.value = std::move(value);
-        client.connect();
-    }
-
-    Connection client;
-    MqttData<T> endpoint;
-};
-
-template <class T>
-Action valuePublisher(int port, std::string const& topic, T value) {
-    auto const publisher = std::make_shared<ValuePublisher<T>>(port, topic, std::move(value));
-    return [publisher] { publisher->endpoint.publish(); };
-}
-
-/// The readers of the measured types accept any text, so the probe reaches the subscriber too.
-template <class T>
-class ValueSubscriber final : private MqttData<T>::Subscriber {
+class ValueStream final : private MqttData<T>::Subscriber {
 public:
-    ValueSubscriber(int port, std::string const& topic, MessageCounter& received)
-        : received_(received), client_(port), endpoint_(*client_, topic) {
-        client_.connect();
+    ValueStream(int port, std::string const& topic, T value, MessageCounter& received)
+        : received_(received),
+          subscriberClient_(port),
+          publisherClient_(port),
+          subscriber_(*subscriberClient_, topic),
+          publisher_(*publisherClient_, topic) {
+        publisher_.value = std::move(value);
+        subscriberClient_.connect();
+        publisherClient_.connect();
         received_.reset();
-        require(endpoint_.subscribe(this, 0), "subscribe");
-        require(client_->publish(endpoint_.topicBase(), PROBE, 0, false), "publish");
+        require(subscriber_.subscribe(this, 0), "subscribe");
+        // The readers of the measured types accept any text.
+        require(subscriberClient_->publish(subscriber_.topicBase(), PROBE, 0, false), "publish");
         received_.waitFor(1);
         received_.reset();
     }
+
+    void publish() { publisher_.publish(); }
 
 private:
     void onMqttData(T const& /*value*/, bool /*empty*/, int /*id*/) override { received_.add(); }
 
     MessageCounter& received_;
-    Connection client_;
-    MqttData<T> endpoint_;
+    Connection subscriberClient_;
+    Connection publisherClient_;
+    MqttData<T> subscriber_;
+    MqttData<T> publisher_;
 };
 
-class Service final : private mqtt::RequestReplyServer::Listener {
+template <class T>
+Action valueStream(int port, std::string const& topic, T value, MessageCounter& received) {
+    auto const stream = std::make_shared<ValueStream<T>>(port, topic, std::move(value), received);
+    return [stream] { stream->publish(); };
+}
+
+/// A service, and a client that requests it.
+class Requester final : private mqtt::RequestReplyServer::Listener {
 public:
-    explicit Service(int port)
-        : client_(port), server_(*client_, SERVICE_BASE, mqtt::Topic(), SERVICE_NAME) {
-        client_.connect();
+    explicit Requester(int port)
+        : serviceClient_(port),
+          client_(port),
+          server_(*serviceClient_, SERVICE_BASE, mqtt::Topic(), SERVICE_NAME),
+          requests_(*client_, SERVICE_BASE, mqtt::Topic(), SERVICE_NAME) {
+        serviceClient_.connect();
         require(server_.subscribe(this, Uuid(), std::make_shared<Text>()), "subscribe");
         // The broker handles the packets of a client in their order: after this acknowledgement the
         // subscription is in force.
-        require(client_->publishWait("bench/probe", PROBE, 1, false, TIMEOUT_SECONDS), "publish");
-    }
-
-private:
-    std::shared_ptr<mqtt::RequestReplyData> onRequest(std::string const& /*name*/,
-                                                      Uuid const& /*clientUuid*/,
-                                                      Uuid const& /*serverUuid*/,
-                                                      mqtt::RequestReplyData const& /*requestData*/,
-                                                      RequestReply::ErrorCode& /*error*/) override {
-        return reply_;
-    }
-
-    std::shared_ptr<Text> const reply_ = std::make_shared<Text>();
-    Connection client_;
-    mqtt::RequestReplyServer server_;
-};
-
-class Requester {
-public:
-    explicit Requester(int port)
-        : service_(port),
-          client_(port),
-          requests_(*client_, SERVICE_BASE, mqtt::Topic(), SERVICE_NAME) {
+        require(serviceClient_->publishWait("bench/probe", PROBE, 1, false, TIMEOUT_SECONDS),
+                "publish");
         client_.connect();
     }
 
@@ -173,10 +153,20 @@ public:
     }
 
 private:
+    std::shared_ptr<mqtt::RequestReplyData> onRequest(std::string const& /*name*/,
+                                                      Uuid const& /*clientUuid*/,
+                                                      Uuid const& /*serverUuid*/,
+                                                      mqtt::RequestReplyData const& /*requestData*/,
+                                                      RequestReply::ErrorCode& /*error*/) override {
+        return sentReply_;
+    }
+
     std::shared_ptr<Text> const request_ = std::make_shared<Text>();
+    std::shared_ptr<Text> const sentReply_ = std::make_shared<Text>();
     std::shared_ptr<Text> const reply_ = std::make_shared<Text>();
-    Service service_;
+    Connection serviceClient_;
     Connection client_;
+    mqtt::RequestReplyServer server_;
     mqtt::RequestReplyClient requests_;
 };
 
@@ -185,19 +175,11 @@ public:
     OurLibrary()
         : ClientLibrary("ours", [](int port) { return std::make_unique<OurClient>(port); }) {}
 
-    Action makeValuePublisher(int port, std::string const& topic,
-                              Document document) const override {
+    Action makeValueStream(int port, std::string const& topic, Document document,
+                           MessageCounter& received) const override {
         return document == Document::COMMUNICATION
-                   ? valuePublisher(port, topic, sampleCommunication())
-                   : valuePublisher(port, topic, sampleIdentification());
-    }
-    std::shared_ptr<void> makeValueSubscriber(int port, std::string const& topic, Document document,
-                                              MessageCounter& received) const override {
-        if (document == Document::COMMUNICATION) {
-            return std::make_shared<ValueSubscriber<conv::CommunicationStatus>>(port, topic,
-                                                                                received);
-        }
-        return std::make_shared<ValueSubscriber<conv::Identification>>(port, topic, received);
+                   ? valueStream(port, topic, sampleCommunication(), received)
+                   : valueStream(port, topic, sampleIdentification(), received);
     }
     Action makeRequester(int port) const override {
         auto const requester = std::make_shared<Requester>(port);

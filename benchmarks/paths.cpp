@@ -1,5 +1,4 @@
-// The ways of a message in and out, between the broker library and the application: with the
-// allocations on them, beside what an application would write by hand.
+// Between the broker library and the application, with the allocations on the way.
 
 #include "in_process.hpp"
 #include "rapidjson_documents.hpp"
@@ -58,23 +57,13 @@ private:
     std::size_t sentBytes_ = 0;
 };
 
-class ConnectedClient {
-public:
-    ConnectedClient() {
-        if (client_.connect("nowhere", 1883, 30) != mqtt::MqttClient::Error::SUCCESS) {
+struct ConnectedClient : mqtt::MqttClient {
+    ConnectedClient() : mqtt::MqttClient(zym::common::Uuid(1), false, "", "", 0, false) {
+        if (connect("nowhere", 1883, 30) != Error::SUCCESS) {
             throw std::runtime_error("the null broker library does not accept the connection");
         }
     }
-    mqtt::MqttClient& operator*() { return client_; }
-
-private:
-    mqtt::MqttClient client_{zym::common::Uuid(1), false, "", "", 0, false};
 };
-
-std::size_t receiveOurs(mqtt::MqttClient& client, mosquitto_message const& message) {
-    receive(client, message);
-    return 1;
-}
 
 class TextSubscriber final : public mqtt::MqttClient::Subscriber {
     void onMqttMessage(int /*tag*/, mqtt::Topic const& /*topic*/,
@@ -101,13 +90,12 @@ double allocationsOf(TimedAction const& action) {
 void measurePath(Options const& options, std::string const& name, TimedAction const& ours,
                  TimedAction const& byHand) {
     int const repetitions = repetitionsOf(options, "paths", name, 9);
-    double const seconds = options.quick ? 0.01 : 0.1;
     for (int repetition = 0; repetition < repetitions; ++repetition) {
         for (auto const& [library, action] : {std::pair{"by hand", &byHand}, {"ours", &ours}}) {
             print({"paths", name, "allocations", "", library, "", repetition,
                    allocationsOf(*action)});
             print({"paths", name, "processor time", "ns", library, "", repetition,
-                   nanosecondsPerCall(*action, seconds)});
+                   nanosecondsPerCall(*action, options.secondsInProcess)});
         }
     }
 }
@@ -117,7 +105,7 @@ void measureTexts(Options const& options) {
     TextSubscriber subscriber;
     HandwrittenClient byHand;
     mqtt::Topic const topic(TOPIC);
-    if ((*client).subscribe(topic, &subscriber, 0) != mqtt::MqttClient::Error::SUCCESS) {
+    if (client.subscribe(topic, &subscriber, 0) != mqtt::MqttClient::Error::SUCCESS) {
         throw std::runtime_error("cannot subscribe");
     }
     byHand.subscribe(TOPIC, [](auto const& payload) { resultOfTimedAction = payload.size(); });
@@ -127,13 +115,13 @@ void measureTexts(Options const& options) {
         auto const message = messageOf(topicText.data(), payload);
         measurePath(
             options, "receive " + std::to_string(payload.size()) + " bytes",
-            [&] { return receiveOurs(*client, message); }, [&] { return byHand.receive(message); });
+            [&] { return receive(client, message); }, [&] { return byHand.receive(message); });
     }
     measurePath(
         options, "send 1000 bytes",
-        [&] { return static_cast<std::size_t>((*client).publish(topic, text, 1, true)); },
+        [&] { return static_cast<std::size_t>(client.publish(topic, text, 1, true)); },
         [&] { return byHand.publish(TOPIC, text); });
-    (*client).release(&subscriber);
+    client.release(&subscriber);
 }
 
 template <class T>
@@ -141,7 +129,7 @@ void measureValues(Options const& options, T const& sample, std::string const& n
     ConnectedClient client;
     ValueSubscriber<T> subscriber;
     HandwrittenClient byHand;
-    mqtt::MqttData<T> endpoint(*client, mqtt::Topic(TOPIC));
+    mqtt::MqttData<T> endpoint(client, mqtt::Topic(TOPIC));
     std::string topic = endpoint.topicBase().text();
     std::string text;
     mqtt::MqttData<T>::serialize(endpoint.topicBase(), text, sample);
@@ -150,10 +138,10 @@ void measureValues(Options const& options, T const& sample, std::string const& n
     endpoint.subscribe(&subscriber, 0);
     byHand.subscribe(topic, [&](auto const& payload) { rapid::read(payload, value); });
     measurePath(
-        options, "receive " + name, [&] { return receiveOurs(*client, message); },
+        options, "receive " + name, [&] { return receive(client, message); },
         [&] { return byHand.receive(message); });
 
-    mqtt::MqttData<T> sender(*client, mqtt::Topic(TOPIC));
+    mqtt::MqttData<T> sender(client, mqtt::Topic(TOPIC));
     sender.value = sample;
     auto const sendOurs = [&] {
         sender.publish();

@@ -22,12 +22,6 @@ constexpr char const* USAGE =
     "  --control                    libmosquittopp in the place of our client: shows the noise\n"
     "  --quick                      one short repetition: shows only that it works\n";
 
-#ifdef __OPTIMIZE__
-constexpr char const* BUILD = "optimised";
-#else
-constexpr char const* BUILD = "NOT OPTIMISED";
-#endif
-
 /// Ends the program with its usage when the command line is wrong.
 Options parseOptions(int argc, char** argv) {
     constexpr option OPTIONS[] = {{"only", required_argument, nullptr, 'o'},
@@ -44,11 +38,12 @@ Options parseOptions(int argc, char** argv) {
         } else if (letter == 'r' && std::atoi(optarg) > 0) {
             options.repetitions = std::atoi(optarg);
         } else if (letter == 'b' && (value == "shipped" || value == "nodelay")) {
-            options.brokers = {value == "shipped" ? BrokerKind::SHIPPED : BrokerKind::NODELAY};
+            options.brokers = {value == "shipped" ? SHIPPED : NODELAY};
         } else if (letter == 'c') {
             options.control = true;
         } else if (letter == 'q') {
             options.quick = true;
+            options.secondsInProcess = 0.005;
         } else {
             optind = 0;
             break;
@@ -66,9 +61,9 @@ void printConditions() {
     int minor = 0;
     int revision = 0;
     mosquitto_lib_version(&major, &minor, &revision);
-    std::printf(R"({"conditions": "libmosquittopp %d.%d.%d, compiler %s, %s"})"
+    std::printf(R"({"conditions": "libmosquittopp %d.%d.%d, compiler %s"})"
                 "\n",
-                major, minor, revision, __VERSION__, BUILD);
+                major, minor, revision, __VERSION__);
 }
 
 } // namespace

@@ -5,19 +5,19 @@
 
 namespace bench {
 
-/// The configurations of the broker.
-enum class BrokerKind {
-    SHIPPED, ///< nothing but its port and its access
-    NODELAY  ///< with `set_tcp_nodelay true`
-};
+/// The broker's configuration, as the results call it: nothing but its port and its access, or also
+/// `set_tcp_nodelay true`.
+constexpr char const* SHIPPED = "as shipped";
+constexpr char const* NODELAY = "set_tcp_nodelay true";
 
 /// What every benchmark program takes from its command line.
 struct Options {
-    std::string only;     ///< part of "PROGRAM MEASUREMENT"; empty: everything
-    int repetitions = 0;  ///< of each measurement; 0: as many as the measurement wants
-    bool quick = false;   ///< shows only that it works
-    bool control = false; ///< libmosquittopp in the place of our client: shows the noise
-    std::vector<BrokerKind> brokers{BrokerKind::SHIPPED, BrokerKind::NODELAY};
+    std::string only;              ///< part of "PROGRAM MEASUREMENT"; empty: everything
+    int repetitions = 0;           ///< of each measurement; 0: as many as the measurement wants
+    bool quick = false;            ///< shows only that it works
+    double secondsInProcess = 0.1; ///< how long an action is timed that needs no broker
+    bool control = false;          ///< libmosquittopp in the place of our client: shows the noise
+    std::vector<char const*> brokers{SHIPPED, NODELAY};
 };
 
 /// One line of output, in JSON.

@@ -6,13 +6,14 @@ report.py RESULTS --write  puts them into docs/performance.md and docs/footprint
 
 import json
 import pathlib
-import platform
 import statistics
 import sys
 
 DOCS = pathlib.Path(__file__).resolve().parent.parent / "docs"
 BEGIN, END = "<!-- figures: begin, by scripts/bench -->\n", "<!-- figures: end -->\n"
 SHIPPED, NODELAY = "as shipped", "set_tcp_nodelay true"
+TICKS = [2.0 ** power for power in range(-3, 10)]
+NOT_PLOTTED = ("broker CPU", "10", "100", "1000")
 DOCUMENTS = ("communication", "identification", "status", "link", "10 links", "1000 links", "reply")
 
 # (program, broker, measurement, figure), the reference, what is compared, and the limit: the least
@@ -21,7 +22,7 @@ GOALS = [
     *((("clients", NODELAY, name, "throughput"), "raw", "ratio", limit)
       for name, limit in (("values-communication", 1.12), ("values-identification", 1.12),
                           ("throughput-qos0-64", 0.95), ("throughput-qos0-1024", 0.95))),
-    *((("clients", NODELAY, f"acknowledge-qos{qos}", "p50"), "raw", "ratio", 1.03)
+    *((("clients", NODELAY, f"acknowledge-qos{qos}", "p50"), "raw", "ratio", 1 / 0.97)
       for qos in (1, 2)),
     (("clients", NODELAY, "request-reply", "p50"), "raw", "ratio", 1.04),
     (("clients", NODELAY, "request-reply", "p99"), "raw", "ratio", 1.1),
@@ -46,17 +47,15 @@ GOALS = [
 
 def number(value):
     """A few digits that say something, whatever the size."""
-    if value == round(value) or value >= 100:
-        return f"{value:.0f}"
-    return f"{value:.3f}" if value < 0.1 else f"{value:.2f}"
+    return f"{value:.{0 if abs(value) >= 100 else 2 if abs(value) >= 0.1 else 3}f}"
 
 
-def spread(values, unit=""):
-    """The median, with the lowest and the highest when they differ."""
-    text = number(statistics.median(values)) + (f" {unit}" if unit else "")
-    if min(values) == max(values):
-        return text
-    return f"{text} ({number(min(values))}..{number(max(values))})"
+def spread(values, unit):
+    """The median, with the lowest and the highest when they differ. Without a unit: a count."""
+    write = number if unit else "{:g}".format
+    middle, low, high = map(write, (statistics.median(values), min(values), max(values)))
+    text = middle if unit in ("", "ratio") else f"{middle} {unit}"
+    return text if low == high else f"{text} ({low}..{high})"
 
 
 class Results:
@@ -86,16 +85,22 @@ class Results:
         if reference not in values or "ours" not in values:
             return "-"
         if self.units[key] == "":  # small counts
-            return " to ".join(number(statistics.median(values[who])) for who in ("ours", reference))
-        return spread(self.ratios(key, reference))
+            return " to ".join(spread(values[who], "") for who in ("ours", reference))
+        ratios = self.ratios(key, reference)
+        return spread(ratios, "ratio") if ratios else "-"
+
+    def own(self, key, library):
+        values = self.values.get(key, {}).get(library)
+        return spread(values, self.units[key]) if values else "-"
 
     def rows(self, program):
         return list(dict.fromkeys(key[2:] for key in self.values if key[0] == program))
 
     def measured(self, key, reference, kind):
+        if kind == "ratio":
+            return statistics.median(self.ratios(key, reference))
         ours, theirs = (statistics.median(self.values[key][who]) for who in ("ours", reference))
-        return {"ratio": lambda: statistics.median(self.ratios(key, reference)),
-                "ours": lambda: ours, "excess": lambda: ours - theirs}[kind]()
+        return ours - theirs if kind == "excess" else ours
 
 
 def table(title, head, rows):
@@ -114,11 +119,15 @@ def comparison(results, title, program, columns):
 
 
 def absolute(results, title, program, measurement=None):
-    """Each library's own figures."""
+    """Each library's own figures, without a comparison."""
     keys = [key for key in results.values if key[0] == program and measurement in (None, key[2])]
-    return table(title, ["measurement", "figure", "broker", "who", "measured"],
-                 [[key[2], key[3], key[1] or "-", library, spread(values, results.units[key])]
-                  for key in keys for library, values in results.values[key].items()])
+    figures = list(dict.fromkeys(key[3] for key in keys))
+    rows = dict.fromkeys((key[2], key[1], library) for key in keys
+                         for library in results.values[key])
+    return table(title, ["measurement", "who", *figures],
+                 [[f"{name}, broker {broker}" if broker else name, library,
+                   *(results.own((program, broker, name, figure), library) for figure in figures)]
+                  for name, broker, library in rows])
 
 
 def goals(results):
@@ -131,34 +140,21 @@ def goals(results):
         value = results.measured(key, reference, kind)
         kept = value >= limit if more_is_better else value <= limit
         what = words.get(kind, "at least" if more_is_better else "at most")
-        unit = "" if kind == "ratio" else f" {results.units[key]}"
-        rows.append([key[2], key[3], key[1] or "-", reference, f"{what} {number(limit)}{unit}",
-                     number(value), "yes" if kept else "**no**"])
+        unit = "ratio" if kind == "ratio" else results.units[key]
+        rows.append([key[2], key[3], key[1] or "-", reference, f"{what} {round(limit, 2):g}",
+                     spread([value], unit), "yes" if kept else "**no**"])
     return table("Goals", ["measurement", "figure", "broker", "beside", "goal", "measured", "kept"],
                  rows)
-
-
-def behind_paho(results):
-    rows = []
-    for key, values in results.values.items():
-        if {"ours", "Paho"} <= values.keys():
-            ours, paho = (statistics.median(values[who]) for who in ("ours", "Paho"))
-            if (ours <= paho) if key[3] == "throughput" else (ours >= paho):
-                rows.append([key[2], key[3], key[1] or "-", results.cell(key, "Paho")])
-    return table("Not ahead of Paho", ["measurement", "figure", "broker", "to Paho"], rows)
 
 
 def performance(results):
     brokers = [(f"{broker}: to {who}", broker, who) for broker in (SHIPPED, NODELAY)
                for who in ("raw", "Paho")]
-    numbers = [row for row in results.rows("dispatch") if row[1].isdigit()]
-    cases = dict.fromkeys(name for name, _ in numbers)
+    cases = dict.fromkeys(name for name, count in results.rows("dispatch") if count.isdigit())
     return "".join((
-        f"{platform.system()} {platform.release()} {platform.machine()}; ",
-        "; ".join(dict.fromkeys(results.conditions)), ".\n",
+        "Conditions: ", "; ".join(dict.fromkeys(results.conditions)), ".\n",
         "\n![How many times better than the others](performance.png)\n",
         goals(results),
-        behind_paho(results),
         comparison(results, "Clients", "clients", brokers),
         absolute(results, "The first 24 requests of a connection", "clients", "first-exchanges"),
         comparison(results, "One more client that is connected and does nothing", "idle",
@@ -184,36 +180,36 @@ def plot(results, path):
     matplotlib.use("Agg")
     from matplotlib import pyplot
 
-    panels = {}
-    shown = {"throughput", "client CPU", "p50", "p99", "connect p50", "heap", "resident memory",
-             "write", "read", "10000", "processor time"}
+    panels = {}  # title: {row: {reference: how many times better ours is, by repetition}}
     for key, values in results.values.items():
-        for reference in values.keys() - {"ours"}:
-            if key[3] in shown and "ours" in values:
-                ratios = results.ratios(key, reference)
-                better = ratios if key[3] == "throughput" else [1 / ratio for ratio in ratios]
-                panels.setdefault(" ".join(key[:2]), []).append(
-                    (f"{key[2]}, {key[3]}", f"to {reference}", better))
-    labels = {title: list(dict.fromkeys(row[0] for row in rows)) for title, rows in panels.items()}
-    figure, axes = pyplot.subplots(
-        len(panels), 1, squeeze=False, layout="constrained",
-        figsize=(8, sum(len(names) + 4 for names in labels.values()) * 0.17),
-        height_ratios=[len(names) + 4 for names in labels.values()])
+        for reference in values.keys() - {"ours"} if "ours" in values else ():
+            ratios = results.ratios(key, reference)
+            if results.units[key] and ratios and all(ratios) and key[3] not in NOT_PLOTTED:
+                panels.setdefault(" ".join(key[:2]), {}).setdefault(", ".join(key[2:]), {})[
+                    f"to {reference}"] = [
+                        ratio if key[3] == "throughput" else 1 / ratio for ratio in ratios]
+    heights = [len(rows) + 5 for rows in panels.values()]
+    figure, axes = pyplot.subplots(len(panels), 1, squeeze=False, layout="constrained",
+                                   sharex=True,
+                                   figsize=(8, 0.14 * sum(heights)), height_ratios=heights)
     for (title, rows), axis in zip(panels.items(), axes.flat):
-        for reference in sorted({row[1] for row in rows}):
-            points = [(statistics.median(better), -labels[title].index(label), better)
-                      for label, who, better in rows if who == reference]
-            axis.errorbar([x for x, _, _ in points], [y for _, y, _ in points], fmt="o",
-                          markersize=3, label=reference,
-                          xerr=[[x - min(all_) for x, _, all_ in points],
-                                [max(all_) - x for x, _, all_ in points]])
-        axis.set_xscale("log", base=2)
+        references = sorted({reference for row in rows.values() for reference in row})
+        for y, row in enumerate(rows.values()):
+            for reference, values in row.items():
+                better = [min(max(value, TICKS[0]), TICKS[-1]) for value in values]
+                color = f"C{references.index(reference)}"
+                axis.plot([min(better), max(better)], [y, y], color=color, linewidth=1)
+                axis.plot(statistics.median(better), y, "o", color=color, markersize=3)
+        axis.set(xscale="log", xlim=(1 / 8, 512))
+        axis.set_xticks(TICKS, [f"{tick:g}" if tick >= 1 else f"1/{1 / tick:g}" for tick in TICKS])
         axis.axvline(1, color="black", linewidth=0.8)
-        axis.set_yticks([-i for i in range(len(labels[title]))], labels[title], fontsize=6)
-        axis.tick_params(axis="x", labelsize=6)
+        axis.set_yticks(range(len(rows)), rows, fontsize=6)
+        axis.invert_yaxis()
+        axis.tick_params(axis="x", labelsize=6, labelbottom=True)
         axis.set_title(f"{title}: right of 1 is better", fontsize=8)
-        axis.legend(fontsize=6)
-    figure.savefig(path, dpi=90)
+        axis.legend([axis.plot([], [], f"C{i}o", markersize=3)[0] for i in range(len(references))],
+                    references, fontsize=6)
+    figure.savefig(path, dpi=80)
 
 
 def replace_figures(page, figures):

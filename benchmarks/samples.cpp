@@ -49,8 +49,6 @@ std::string documentText(Document document) {
                                                : textOf(sampleIdentification());
 }
 
-Text::Text() : text(64, 'x') {}
-
 void Text::serialize(zym::common::lwjson::Serializer& out) const {
     out.appendKey("text");
     out.addValue(text);
@@ -70,20 +68,9 @@ RequestReply::Reply sampleReply() {
     return reply;
 }
 
-std::string requestTopic() {
-    return exchangeTopic(mqtt::REQUEST_SUFFIX);
-}
-
-std::string replyTopic() {
-    return exchangeTopic(mqtt::REPLY_SUFFIX);
-}
-
-std::string requestText() {
-    return textOf(RequestReply::Request(sampleReply()));
-}
-
-std::string replyText() {
-    return textOf(sampleReply());
+Dialogue::Texts requestAndReply() {
+    return {exchangeTopic(mqtt::REQUEST_SUFFIX), exchangeTopic(mqtt::REPLY_SUFFIX),
+            textOf(RequestReply::Request(sampleReply())), textOf(sampleReply())};
 }
 
 } // namespace bench

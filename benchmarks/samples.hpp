@@ -24,19 +24,15 @@ constexpr unsigned long long REQUESTER = 4711;
 /// What requests and replies carry: a text of 64 bytes.
 class Text final : public mqtt::RequestReplyData {
 public:
-    Text();
     void serialize(zym::common::lwjson::Serializer& out) const override;
     void deserialize(zym::common::lwjson::Deserializer& in) override;
 
-    std::string text;
+    std::string text = std::string(64, 'x');
 };
 
 mqtt::RequestReply::Reply sampleReply();
 
-/// The topics and texts of that request and its reply on the wire.
-std::string requestTopic();
-std::string replyTopic();
-std::string requestText();
-std::string replyText();
+/// That request and its reply on the wire.
+Dialogue::Texts requestAndReply();
 
 } // namespace bench

@@ -40,19 +40,13 @@ private:
     double const offsetSeconds_;
 };
 
-void connect(mqtt::MqttClient& client, int port) {
-    if (client.connect(BROKER_HOST, port, TIMEOUT_SECONDS) != mqtt::MqttClient::Error::SUCCESS) {
-        throw std::runtime_error("no connection to the broker");
-    }
-}
-
 void synchronizeOnce(BenchmarkBroker const& broker, int run) {
     auto const number = static_cast<unsigned>(run);
     Uuid const server(1000 + number);
     mqtt::MqttClient serverClient(server, false, "server", BROKER_HOST, broker.port(), false);
     mqtt::MqttClient client(Uuid(number + 1), false, "client", BROKER_HOST, broker.port(), false);
-    connect(serverClient, broker.port());
-    connect(client, broker.port());
+    serverClient.connect(BROKER_HOST, broker.port(), TIMEOUT_SECONDS);
+    client.connect(BROKER_HOST, broker.port(), TIMEOUT_SECONDS);
     double const offset = FIRST_OFFSET_SECONDS + run * OFFSET_STEP_SECONDS;
     AdaptorWithOffset const adaptor(serverClient, server, offset);
     // The broker acknowledges this after the server's subscription: no request comes before it.
@@ -64,8 +58,8 @@ void synchronizeOnce(BenchmarkBroker const& broker, int run) {
     }
     Milliseconds const duration = std::chrono::steady_clock::now() - start;
     double const error = std::abs(proxy.offset() + offset) * 1000.0;
-    print({"time-base", MEASUREMENT, "error", "ms", "ours", broker.description(), run, error});
-    print({"time-base", MEASUREMENT, "duration", "ms", "ours", broker.description(), run,
+    print({"time-base", MEASUREMENT, "error", "ms", "ours", broker.description, run, error});
+    print({"time-base", MEASUREMENT, "duration", "ms", "ours", broker.description, run,
            duration.count()});
 }
 
@@ -73,8 +67,8 @@ void synchronizeOnce(BenchmarkBroker const& broker, int run) {
 
 void measureTimeBase(Options const& options) {
     int const runs = repetitionsOf(options, "time-base", MEASUREMENT, 20);
-    for (auto const kind : options.brokers) {
-        BenchmarkBroker const broker(kind);
+    for (auto const* const configuration : options.brokers) {
+        BenchmarkBroker const broker(configuration);
         for (int run = 0; run < runs; ++run) {
             synchronizeOnce(broker, run);
         }

@@ -5,12 +5,12 @@
 #include <iostream>
 #include <string>
 
-/// Prints one line in one piece: the client's worker thread and `main` both print.
-inline void say(std::string const& line) {
+/// Writes a line with one call, since the client's worker thread and `main` both print.
+inline void printLine(std::string const& line) {
     std::cout << line + '\n' << std::flush;
 }
 
-inline std::string inWords(conv::ComState state) {
+inline std::string textOf(conv::ComState state) {
     switch (state) {
     case conv::ComState::DISCONNECTED:
         return "disconnected";
@@ -28,5 +28,5 @@ inline std::string inWords(conv::ComState state) {
 /// Prints every change of a connection's state.
 class StatePrinter final : public mqtt::MqttClient::Listener {
 public:
-    void onComStateChanged(conv::ComState state) override { say(inWords(state)); }
+    void onComStateChanged(conv::ComState state) override { printLine(textOf(state)); }
 };

@@ -1,6 +1,6 @@
-// Receives the numbers on "demo/counter" until "end" arrives, and tells whether each came
-// once and in its turn. Counting begins with the first number that arrives: a subscriber
-// that comes late is given the last one, since it is retained at the broker.
+// Receives the numbers on "demo/counter" until "end" arrives, and checks that each arrives once and
+// in order. Counting begins with the first number that arrives: a subscriber that starts late
+// receives the last one, which the broker retains.
 //
 // Usage: subscriber [HOST [PORT]]
 
@@ -20,10 +20,10 @@ using zym::common::Uuid;
 
 namespace {
 
-class Tally final : public MqttClient::Subscriber {
+class SequenceCheck final : public MqttClient::Subscriber {
 public:
-    /// Called on the client's worker thread, one message after the other. What is thrown
-    /// here, by a text that is no number, ends with this message.
+    /// Called on the client's worker thread, one message after the other. If the text is no number,
+    /// std::stoi throws; the client then continues with the next message.
     void onMqttMessage(int /*tag*/, Topic const& /*topic*/, std::string const& payload) override {
         if (payload == "end") {
             ended_.set_value();
@@ -34,12 +34,12 @@ public:
 
     void waitForEnd() { ended_.get_future().wait(); }
 
-    /// To be called when no more messages can come in.
+    /// Call it when no more messages can arrive.
     bool report() const {
         std::string const range =
             "received from " + std::to_string(first_) + " to " + std::to_string(last_);
-        say(faults_ == 0 ? range + ": all, in order, each once"
-                         : range + " with " + std::to_string(faults_) + " faults");
+        printLine(faults_ == 0 ? range + ": all, in order, each once"
+                               : range + " with " + std::to_string(faults_) + " faults");
         return faults_ == 0;
     }
 
@@ -47,11 +47,11 @@ private:
     void count(int number) {
         bool const isFirst = first_ == 0;
         if (isFirst || number == last_ + 1) {
-            say("received " + std::to_string(number));
+            printLine("received " + std::to_string(number));
         } else {
             ++faults_;
-            say("received " + std::to_string(number) + " where " + std::to_string(last_ + 1)
-                + " was due");
+            printLine("received " + std::to_string(number) + " where " + std::to_string(last_ + 1)
+                      + " was due");
         }
         first_ = isFirst ? number : first_;
         last_ = number;
@@ -70,12 +70,12 @@ int main(int argc, char* argv[]) try {
     int const port = argc > 2 ? std::stoi(argv[2]) : 1883;
 
     StatePrinter states;
-    Tally tally;
+    SequenceCheck check;
     MqttClient client(Uuid(2), false, "subscriber", host, port, false);
     client.registerListener(&states);
 
-    // The client keeps the subscription: it reaches the broker with every connection made.
-    auto result = client.subscribe("demo/counter", &tally, 0);
+    // The client keeps the subscription and sends it to the broker with every connection.
+    auto result = client.subscribe("demo/counter", &check, 0);
     if (result == MqttClient::Error::SUCCESS) {
         result = client.connect("", -1, MqttClient::COMMUNICATION_DELAY);
     }
@@ -84,10 +84,10 @@ int main(int argc, char* argv[]) try {
         return 1;
     }
 
-    tally.waitForEnd();
-    client.release(&tally);
+    check.waitForEnd();
+    client.release(&check);
     client.disconnect(MqttClient::COMMUNICATION_DELAY);
-    return tally.report() ? 0 : 1;
+    return check.report() ? 0 : 1;
 } catch (std::exception const& error) {
     std::cerr << error.what() << '\n';
     return 1;

@@ -1,7 +1,7 @@
 #pragma once
 
-// The plant's side of a binding: it serves one panel at a time. Who is bound, and where that one
-// is found, is up to the service; the library carries the question and the answer.
+// The plant's side of a binding: it serves one panel at a time. The service decides which panel is
+// bound; the library transmits request and reply.
 
 #include "console.hpp"
 #include "plant.hpp"
@@ -12,8 +12,8 @@
 #include <memory>
 #include <string>
 
-/// Answers "bind" and "unbind". Everything in here happens on the client's worker thread, one
-/// request after the other, and so do the questions of the tank: no lock is needed.
+/// Answers "bind" and "unbind". All operations after `serve` run on the client's worker thread, one
+/// after the other, also `isBound`, which the tank calls: no lock is needed.
 class Binding final : private mqtt::RequestReplyServer::Listener {
 public:
     explicit Binding(mqtt::MqttClient& client)
@@ -45,29 +45,29 @@ private:
         return mqtt::NO_DATA;
     }
 
-    /// A panel that asks again, because it was restarted perhaps, is told that it is bound.
+    /// A panel that asks again, perhaps after a restart, gets the answer that it is bound.
     void bind(Uuid const& panel, mqtt::Topic const& where, ErrorCode& error) {
         if (isBound(panel)) {
-            error = refusal(Error::ALREADY_BOUND);
+            error = refusalCode(Error::ALREADY_BOUND);
         } else if (!panel_.isNil()) {
-            error = refusal(Error::REFUSED);
+            error = refusalCode(Error::REFUSED);
         } else {
             panel_ = panel;
-            say("bound to " + where.text());
+            printLine("bound to " + where.text());
         }
     }
 
     void unbind(Uuid const& panel, ErrorCode& error) {
         if (isBound(panel)) {
             panel_ = Uuid::NIL;
-            say("unbound");
+            printLine("unbound");
         } else {
-            error = refusal(Error::NOT_BOUND);
+            error = refusalCode(Error::NOT_BOUND);
         }
     }
 
-    Uuid panel_; ///< nil while nobody is bound
-    // The last ones, and so the first to go: their destructors wait for a request being handled.
+    Uuid panel_; ///< nil while no panel is bound
+    // Declared last and so destroyed first: their destructors wait for a request being handled.
     mqtt::RequestReplyServer bind_;
     mqtt::RequestReplyServer unbind_;
 };

@@ -1,10 +1,10 @@
-// The device: a small water works of a tank, a pump and a valve. It publishes what it consists of
-// and how it is doing, binds one panel at a time, tells its time and hands out water, until its
-// standard input ends. When it vanishes without a good-bye, the broker publishes in its place
-// that the connection is lost.
+// The device: a small water works with a tank, a pump and a valve. It publishes its entities and
+// their status, binds one panel at a time, reports its time and hands out water, until its standard
+// input ends. When it ends without disconnecting, the broker publishes its will: the connection is
+// lost.
 //
-// Read plant.hpp first, then this file, and the headers beside it in the order of their members
-// in Plant.
+// Read plant.hpp first, then this file, then the headers beside it in the order of the members of
+// Plant.
 //
 // Usage: device [HOST [PORT]]
 
@@ -37,7 +37,7 @@ conv::UnixTime now() {
 
 class Plant final : public MqttClient::Listener {
 public:
-    /// To be made before the client is connected: a will is set while it is not.
+    /// Construct it before the client is connected: a will cannot be set later.
     explicit Plant(MqttClient& client)
         : client_(client),
           communication_(client, PLANT),
@@ -51,7 +51,7 @@ public:
         set(communication_, {ComState::CONNECTION_LOST, conv::UnixTime()});
         communication_.setCurrentValueAsWill();
         client_.registerListener(this);
-        say("the clock was started at " + std::to_string(clock_.start()));
+        printLine("the clock was started at " + std::to_string(clock_.start()));
     }
     ~Plant() { client_.unregisterListener(this); }
     Plant(Plant const&) = delete;
@@ -62,11 +62,11 @@ public:
         return result == MqttClient::Error::SUCCESS ? tank_.serve() : result;
     }
 
-    /// With every connection everything is published anew: the will may stand in the place of
-    /// the status, and a broker that was restarted may have forgotten all. The communication
-    /// comes last: who reads that the plant is connected finds the rest in place.
+    /// Publishes everything with every connection: the will may have replaced the status, and a
+    /// restarted broker may have lost all values. The communication status comes last: a reader
+    /// that sees the plant connected finds the rest.
     void onComStateChanged(ComState state) override {
-        say(inWords(state));
+        printLine(textOf(state));
         if (state == ComState::CONNECTED) {
             links_.publish();
             tank_.entity().publish();
@@ -77,7 +77,7 @@ public:
         }
     }
 
-    void sayGoodbye() {
+    void publishDisconnected() {
         tank_.close();
         set(communication_, {ComState::DISCONNECTED, now()});
         communication_.publishWait();
@@ -94,7 +94,7 @@ private:
     Clock clock_;
 };
 
-void waitForTheEndOf(std::istream& input) {
+void waitForEndOf(std::istream& input) {
     input.ignore(std::numeric_limits<std::streamsize>::max());
 }
 
@@ -107,7 +107,7 @@ int main(int argc, char* argv[]) try {
     MqttClient client(PLANT_ID, false, "device", host, port, false);
     Plant plant(client);
 
-    // The services are there before anybody can read that they are.
+    // The services start before the plant reports that it is connected.
     auto result = plant.serve();
     if (result == MqttClient::Error::SUCCESS) {
         result = client.connect("", -1, MqttClient::COMMUNICATION_DELAY);
@@ -117,8 +117,8 @@ int main(int argc, char* argv[]) try {
         return 1;
     }
 
-    waitForTheEndOf(std::cin);
-    plant.sayGoodbye();
+    waitForEndOf(std::cin);
+    plant.publishDisconnected();
     client.disconnect(MqttClient::COMMUNICATION_DELAY);
     return 0;
 } catch (std::exception const& error) {

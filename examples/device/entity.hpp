@@ -1,7 +1,7 @@
 #pragma once
 
-// What a device publishes about itself: links to its entities, and for each entity what it is and
-// how it is doing. All of it is retained: a reader that comes later gets it from the broker.
+// What a device publishes about itself: links to its entities, and the identification and status of
+// each. All of it is retained: the broker sends it to readers that subscribe later.
 
 #include "plant.hpp"
 
@@ -44,7 +44,7 @@ public:
         status_.publish();
     }
 
-    /// How others find it: by its topic.
+    /// The topic by which others find the entity.
     mqtt::Link const& link() const { return link_; }
 
 private:

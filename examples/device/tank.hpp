@@ -1,6 +1,6 @@
 #pragma once
 
-// A service of our own: a tank of 100 litres hands out water on request.
+// A service of the application: a tank of 100 litres hands out water on request.
 
 #include "binding.hpp"
 #include "console.hpp"
@@ -19,7 +19,7 @@ public:
           binding_(binding),
           draw_(client, PLANT, mqtt::Topic(), DRAW) {}
 
-    /// Every request is read into the one payload given here.
+    /// The server reads every request into the object given here.
     mqtt::MqttClient::Error serve() {
         return draw_.subscribe(this, TANK_ID, std::make_shared<Litres>());
     }
@@ -32,8 +32,8 @@ public:
     Entity& entity() { return entity_; }
 
 private:
-    /// Called on the client's worker thread. What is returned becomes the reply, whatever the
-    /// code; unless a code is set, it says SUCCESS.
+    /// Called on the client's worker thread. The returned object becomes the reply, whatever the
+    /// error code, which is SUCCESS unless set.
     std::shared_ptr<mqtt::RequestReplyData> onRequest(std::string const& /*name*/,
                                                       Uuid const& panel, Uuid const& /*serverUuid*/,
                                                       mqtt::RequestReplyData const& requestData,
@@ -41,10 +41,10 @@ private:
         auto const wanted = dynamic_cast<Litres const&>(requestData).count();
         if (!binding_.isBound(panel)) {
             error = NOT_BOUND;
-            say("refused a stranger");
+            printLine("refused a stranger");
         } else if (wanted > left_) {
             error = NOT_ENOUGH;
-            say("refused " + std::to_string(wanted) + " litres");
+            printLine("refused " + std::to_string(wanted) + " litres");
         } else {
             handOut(wanted);
         }
@@ -53,7 +53,7 @@ private:
 
     void handOut(unsigned int litres) {
         left_ -= litres;
-        say("handed out " + std::to_string(litres) + " litres");
+        printLine("handed out " + std::to_string(litres) + " litres");
         if (left_ < 50) {
             entity_.report(OPERATING, RUNNING_LOW);
         }
@@ -62,6 +62,6 @@ private:
     unsigned int left_ = 100; // used on the worker thread only
     Entity entity_;
     Binding const& binding_;
-    // The last one, and so the first to go: its destructor waits for a request being handled.
+    // Declared last and so destroyed first: its destructor waits for a request being handled.
     mqtt::RequestReplyServer draw_;
 };

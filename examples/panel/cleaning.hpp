@@ -1,6 +1,6 @@
 #pragma once
 
-// Leaving nothing behind: what is retained stays at the broker until somebody erases it.
+// Erases the retained messages, which the broker otherwise keeps.
 
 #include "console.hpp"
 #include "plant.hpp"
@@ -11,19 +11,20 @@
 #include <stdexcept>
 #include <string>
 
-/// The cleaner has a connection, and so an identifier, of its own.
+/// The cleaner has its own connection, and so its own identifier.
 inline Uuid const CLEANER_ID(5);
 
 /// Called on the cleaner's timer thread.
-class CleaningReport final : public mqtt::TopicCleaner::Listener {
+class CleaningPrinter final : public mqtt::TopicCleaner::Listener {
 public:
-    void onTopicCleaned(mqtt::Topic const& topic) override { say("cleaned " + topic.text()); }
-    void onAllTopicsCleaned() override { say("all is cleaned"); }
+    void onTopicCleaned(mqtt::Topic const& topic) override { printLine("cleaned " + topic.text()); }
+    void onAllTopicsCleaned() override { printLine("all is cleaned"); }
 };
 
-/// Nobody can know how long a broker takes to hand out what it retains: a second is plenty here.
+/// A broker does not report that it has sent all retained messages: the cleaner waits for them for
+/// one second, which is enough here.
 inline void cleanUp(std::string const& host, int port) {
-    CleaningReport report;
+    CleaningPrinter report;
     mqtt::TopicCleaner cleaner(&report, CLEANER_ID, host, port);
     cleaner.clean(PLANT + "#", std::chrono::seconds(1));
     if (!cleaner.waitAllTasks(std::chrono::seconds(20))) {

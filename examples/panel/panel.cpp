@@ -1,18 +1,18 @@
-// The panel of the water works: finds out what the plant consists of, watches it, binds itself to
-// it, reads its clock and draws water. It survives a restart of the broker, waits until the plant
-// is gone, erases what it has left at the broker and checks that this is so.
+// The panel of the water works: finds the entities of the plant, observes them, binds itself to the
+// plant, reads its clock and draws water. It survives a restart of the broker, waits until the
+// plant has disconnected, erases the retained messages of the plant and checks that none is left.
 //
-// Read plant.hpp first, then `main` at the end of this file, and the headers beside it as they
-// come up.
+// Read plant.hpp first, then `main` at the end of this file, then the headers beside it as `main`
+// uses them.
 //
 // Usage: panel [HOST [PORT]]
 
 #include "cleaning.hpp"
 #include "console.hpp"
-#include "drawing.hpp"
+#include "observers.hpp"
 #include "plant.hpp"
+#include "tank_user.hpp"
 #include "verification.hpp"
-#include "watch.hpp"
 
 #include <mqtt/binder_proxy.hpp>
 #include <mqtt/client.hpp>
@@ -31,8 +31,8 @@ using BinderError = zym::common::Binder::Error;
 
 namespace {
 
-/// Replies go to a topic that ends in who asked: the binder asks for the time too, so who asks
-/// beside it goes by another name.
+/// The topic of a reply ends with the identifier of the client. The binder requests the time too,
+/// so a second reader of the time needs another identifier.
 Uuid const TIME_READER_ID(41);
 
 void require(bool fulfilled, char const* what) {
@@ -41,32 +41,32 @@ void require(bool fulfilled, char const* what) {
     }
 }
 
-/// Reads the links of the plant, then the identification of each entity, and watches them all.
-void discover(MqttClient& client, std::deque<EntityWatch>& watches) {
+/// Reads the links of the plant, then the identification of each entity, and observes all entities.
+void discover(MqttClient& client, std::deque<EntityObserver>& observers) {
     mqtt::ServiceDiscovererMqtt discoverer(client, PLANT);
     require(discoverer.discoverSync(5, true), "the plant does not say what it consists of");
 
     auto const links = discoverer.links();
     auto const entities = discoverer.entities(); // one for each link, in the same order
     for (std::size_t i = 0; i < links.size(); ++i) {
-        say("found the " + entities[i].name + " by " + entities[i].manufacturer + " at "
-            + links[i].id);
-        watches.emplace_back(client, links[i].id, entities[i].name);
+        printLine("found the " + entities[i].name + " by " + entities[i].manufacturer + " at "
+                  + links[i].id);
+        observers.emplace_back(client, links[i].id, entities[i].name);
     }
 }
 
 /// A binding is complete when the server has agreed and its time is known.
 void bind(mqtt::BinderMqttProxy& binder) {
     require(binder.bindSync(PLANT_ID, 5) == BinderError::SUCCESS, "the plant does not bind us");
-    say("bound; by the clock of the plant it is " + std::to_string(binder.timeBase()) + " s");
+    printLine("bound; by the clock of the plant it is " + std::to_string(binder.timeBase()) + " s");
 }
 
 void unbind(mqtt::BinderMqttProxy& binder) {
     require(binder.unbindSync(5) == BinderError::SUCCESS, "the plant does not let us go");
-    say("not bound any more");
+    printLine("not bound any more");
 }
 
-/// The same once more without a binding, and in full.
+/// Reads the time without a binding, and prints it in full.
 void compareClocks(MqttClient& client) {
     mqtt::SynchronizedTimeBaseMqttProxy plant(client, PLANT, TIME_READER_ID, nullptr);
     require(plant.synchronize(PLANT_ID, 10), "the plant does not tell the time");
@@ -74,7 +74,7 @@ void compareClocks(MqttClient& client) {
     text << std::fixed << "the clock of the plant: " << plant.timeBase()
          << " s; ours: " << plant.localTimeBase() << " s; the plant is " << plant.offset()
          << " s behind";
-    say(text.str());
+    printLine(text.str());
 }
 
 } // namespace
@@ -83,12 +83,12 @@ int main(int argc, char* argv[]) try {
     std::string const host = argc > 1 ? argv[1] : "localhost";
     int const port = argc > 2 ? std::stoi(argv[2]) : 1883;
 
-    // The client first, and so the last to go: all else is built on it.
+    // Declared first and so destroyed last: the others use it.
     MqttClient client(PANEL_ID, false, "panel", host, port, false);
-    PlantWatch plant(client);
-    std::deque<EntityWatch> entities;
+    PlantObserver plant(client);
+    std::deque<EntityObserver> entities;
     mqtt::BinderMqttProxy binder(client, PLANT, mqtt::Topic(), PANEL_ID, PANEL, nullptr);
-    Drawing tank(client);
+    TankUser tank(client);
 
     auto const result = client.connect("", -1, MqttClient::COMMUNICATION_DELAY);
     if (result != MqttClient::Error::SUCCESS) {
@@ -96,7 +96,7 @@ int main(int argc, char* argv[]) try {
         return 1;
     }
 
-    plant.waitUntilThere();
+    plant.waitUntilConnected();
     Verification verification(client, host, port);
     verification.verifyLinks();
     discover(client, entities);
@@ -106,20 +106,20 @@ int main(int argc, char* argv[]) try {
     compareClocks(client);
     tank.draw(60);
     tank.draw(60); // more than is left
-    tank.drawFromNobody();
-    tank.drawAndThinkBetterOfIt();
+    tank.drawFromAbsentServer();
+    tank.drawAndCancel();
 
-    say("now restart the broker");
-    plant.waitUntilTheBrokerWasLost();
-    plant.waitUntilThere();
-    tank.draw(10); // the binding has survived, and so has the water
+    printLine("now restart the broker");
+    plant.waitUntilBrokerLost();
+    plant.waitUntilConnected();
+    tank.draw(10); // the device has kept the binding and the water
     unbind(binder);
     tank.draw(10);
 
-    say("now stop the device");
+    printLine("now stop the device");
     plant.waitUntilGone();
     cleanUp(host, port);
-    verification.verifyThatAllIsClean();
+    verification.verifyNothingRetained();
     client.disconnect(MqttClient::COMMUNICATION_DELAY);
     return 0;
 } catch (std::exception const& error) {

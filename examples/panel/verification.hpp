@@ -1,8 +1,8 @@
 #pragma once
 
-// Checking what stands on the broker. The check functions of the library are made for the test
-// programs of a device and look at the broker on localhost, port 1883, and nowhere else. On any
-// other broker we look for ourselves.
+// Checks what the broker retains. The check functions of the library are made for the test programs
+// of a device: they connect to localhost, port 1883, only. With any other broker the panel checks
+// by itself.
 
 #include "console.hpp"
 #include "plant.hpp"
@@ -17,7 +17,7 @@
 #include <utility>
 #include <vector>
 
-inline Uuid const RESIDUE_ID(6);
+inline Uuid const RETAINED_MESSAGES_ID(6);
 
 inline bool isStandardBroker(std::string const& host, int port) {
     return port == 1883 && (host == "localhost" || host == "127.0.0.1");
@@ -35,7 +35,7 @@ public:
         if (!mqtt::checkCollectionPublished({TANK_ID, PUMP_ID, VALVE_ID}, links_)) {
             throw std::runtime_error("the links are not those of tank, pump and valve");
         }
-        say("the links are those of tank, pump and valve");
+        printLine("the links are those of tank, pump and valve");
     }
 
 private:
@@ -50,16 +50,17 @@ private:
     mqtt::MqttDataCollection<mqtt::Link> links_;
 };
 
-/// Counts what is retained below the plant. Retained messages come right after a subscription, so
-/// all of them are here when a message arrives that is published after it. The connection is its
-/// own: one connection hands a message to one of its subscriptions only, and the panel has others.
-class Residue final : private mqtt::MqttClient::Subscriber {
+/// Counts the retained messages below the plant. The broker sends them right after a subscription,
+/// so all have arrived when a message arrives that is published after it. It has its own
+/// connection, since a client passes a message to one of its subscriptions only, and the panel has
+/// others.
+class RetainedMessages final : private mqtt::MqttClient::Subscriber {
 public:
-    Residue(std::string const& host, int port)
-        : client_(RESIDUE_ID, false, "residue", host, port, true) {}
-    ~Residue() override { client_.release(this); }
-    Residue(Residue const&) = delete;
-    Residue& operator=(Residue const&) = delete;
+    RetainedMessages(std::string const& host, int port)
+        : client_(RETAINED_MESSAGES_ID, false, "residue", host, port, true) {}
+    ~RetainedMessages() override { client_.release(this); }
+    RetainedMessages(RetainedMessages const&) = delete;
+    RetainedMessages& operator=(RetainedMessages const&) = delete;
 
     int count() {
         using mqtt::MqttClient;
@@ -77,7 +78,7 @@ private:
             found_.set_value(count_);
         } else {
             ++count_;
-            say("still there: " + topic.text());
+            printLine("still there: " + topic.text());
         }
     }
 
@@ -87,14 +88,14 @@ private:
     mqtt::MqttClient client_;
 };
 
-/// Counts its checks; a check that fails has said so, and throws.
+/// Counts its checks. A check that fails throws.
 class Verification {
 public:
     Verification(mqtt::MqttClient& client, std::string const& host, int port)
         : client_(client), host_(host), port_(port), isStandard_(isStandardBroker(host, port)) {
         if (!isStandard_) {
-            say("the check functions look at localhost:1883 only: on " + host + ':'
-                + std::to_string(port) + " the panel looks for itself");
+            printLine("the check functions look at localhost:1883 only: on " + host + ':'
+                      + std::to_string(port) + " the panel looks for itself");
         }
     }
 
@@ -106,15 +107,15 @@ public:
         }
     }
 
-    void verifyThatAllIsClean() {
+    void verifyNothingRetained() {
         if (isStandard_) {
             mqtt::testTopicClean(PLANT + "#", counter_);
-            say("the check functions: " + std::to_string(counter_.started) + " checks, "
-                + std::to_string(counter_.passed) + " passed");
-        } else if (Residue(host_, port_).count() > 0) {
+            printLine("the check functions: " + std::to_string(counter_.started) + " checks, "
+                      + std::to_string(counter_.passed) + " passed");
+        } else if (RetainedMessages(host_, port_).count() > 0) {
             throw std::runtime_error("the broker still retains something of the plant");
         }
-        say("the broker retains nothing of the plant");
+        printLine("the broker retains nothing of the plant");
     }
 
 private:

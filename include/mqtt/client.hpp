@@ -40,22 +40,22 @@ namespace mqtt {
 /// Every operation may be called from any thread, also from inside a subscriber or a state
 /// listener, except where an operation says otherwise. Subscribers and listeners are called
 /// on the worker thread (a listener sees "connecting" on the thread that called `connect`).
-/// An operation that waits does not wait on the worker thread, which handles what it waits for: it
-/// returns as if its time were up.
+/// On the worker thread no operation waits, because that thread handles what the operation would
+/// wait for: it returns as if its time were up.
 ///
 /// ### Ownership
 /// The client owns neither subscribers nor listeners. It must outlive everything built on
 /// it, and must not be destroyed on its own worker thread. In a process made by `fork` that thread
-/// is missing: the client must neither be used nor destroyed there.
+/// does not exist: the client must neither be used nor destroyed there.
 ///
-/// The worker is named "zym-mqtt" and has the system's usual stack: what it calls is yours. It
-/// blocks all signals but those that a fault raises in the thread itself (SIGSEGV and the like): a
-/// process that is started in a callback inherits that, unless you reset it.
+/// The worker is named "zym-mqtt" and has the system's usual stack, because it calls your code. It
+/// blocks all signals but those that a fault raises in the thread itself (such as SIGSEGV). A
+/// process that is started in a callback inherits this signal mask, unless you reset it.
 ///
 /// ### Limits
-/// The broker library waits with select(), which knows no descriptor of 1024 (FD_SETSIZE) and
-/// above. A client whose socket, or whose internal socket pair, gets such a descriptor works all
-/// the same, but takes up to 10 ms until it sends what another thread has handed it.
+/// The broker library waits with select(), which cannot wait for a descriptor of 1024 (FD_SETSIZE)
+/// or above. A client whose socket, or whose internal socket pair, gets such a descriptor works
+/// too, but may take up to 10 ms to send what another thread publishes.
 class ZYM_MQTT_EXPORT MqttClient : private mosqpp::mosquittopp {
 public:
     /// Outcome of an operation. 0 to 16 are the broker library's codes, passed on unchanged;
@@ -94,13 +94,13 @@ public:
     /// Why a connection ended: 0 because `disconnect` was called, anything else otherwise.
     enum class DisconnectionError : std::uint8_t { SUCCESS = 0, UNEXPECTED = 1 };
 
-    /// Told of every change of the communication state.
+    /// Called at every change of the communication state.
     class Listener {
     public:
         /// Called after each change, with the client's main and state locks held: it may publish,
         /// subscribe, unsubscribe, register and unregister listeners; it must not wait, nor take
-        /// a lock that somebody holds while calling the client. `connect` and `disconnect` answer
-        /// CONNECTION_PENDING in here. What it throws is dropped.
+        /// a lock that another thread holds while calling the client. `connect` and `disconnect`
+        /// return CONNECTION_PENDING in here. An exception that it throws is dropped.
         virtual void onComStateChanged(conv::ComState state) = 0;
 
     protected:
@@ -112,8 +112,8 @@ public:
     public:
         /// Called on the worker thread, one message at a time, in the order of arrival, with
         /// no lock of the client held: every operation that does not wait may be called.
-        /// What it throws is dropped; neither the other subscribers nor the client notice.
-        /// @param tag what was given to `subscribe`
+        /// An exception that it throws is dropped, and the other subscribers are called.
+        /// @param tag the value given to `subscribe`
         /// @param topic the message's topic, parsed; never the pattern
         /// @param payload any bytes; empty when a retained message was cleared
         virtual void onMqttMessage(int tag, Topic const& topic, std::string const& payload) = 0;
@@ -123,7 +123,7 @@ public:
     /// One entry of the registry.
     struct Subscription {
         Topic topic; ///< the subscribed topic or pattern
-        /// In the order of subscription; the same subscriber may stand here more than once.
+        /// In the order of subscription; the same subscriber may be here more than once.
         std::vector<std::pair<Subscriber*, int>> subscribers;
     };
 
@@ -135,35 +135,35 @@ public:
         bool retain;
     };
 
-    /// The keep-alive interval of every connection: 30 seconds. A broker that falls silent is
-    /// noticed after twice that and some seconds more.
+    /// The keep-alive interval of every connection: 30 seconds. A broker that does not
+    /// answer any more is noticed after twice that time and some seconds.
     static conv::SecondsDuration const HEART_BEAT_RATE;
     /// A usual time-out for the operations that wait: 5 seconds. The client itself does not
     /// use it.
     static conv::SecondsDuration const COMMUNICATION_DELAY;
 
     /// Starts the worker thread and, with `connectNow`, connects: the constructor then blocks
-    /// as `connect` with 5 seconds does, and whatever comes of it the client goes on trying, unless
-    /// the port is out of range. What came of it `communicationState` tells. Makes the process
-    /// ignore SIGPIPE, in place of a handler too, as libmosquitto 2.0.11 does.
+    /// as `connect` with 5 seconds does. If that fails the client goes on trying, unless the port
+    /// is out of range; `communicationState` shows the result. Makes the process ignore SIGPIPE,
+    /// and replaces a handler of it, as libmosquitto 2.0.11 does.
     /// @param id the broker allows one connection per identifier
-    /// @param persistent whether the broker keeps the session while the client is away: only
-    ///        then is no QoS 2 publication lost to a dropped connection
+    /// @param persistent whether the broker keeps the session while there is no connection: only
+    ///        then is no QoS 2 publication lost when a connection breaks
     /// @param name not used
     /// @param host host name, address, or the path of a unix socket (with port 0)
     /// @param port 0 to 65535
     /// @throw std::runtime_error the libmosquittopp found at run time is not version 2.0.x, the
     ///        text says which one it is; no other version is safe to call
-    /// @throws std::system_error no thread to be had for the worker
-    /// @throws std::bad_alloc from `connect` too: nothing is left of the client then
+    /// @throws std::system_error the system has no thread for the worker
+    /// @throws std::bad_alloc from `connect` too: the client is completely destroyed then
     MqttClient(zym::common::Uuid const& id, bool persistent, std::string const& name,
                std::string const& host, int port, bool connectNow);
 
     /// Unsubscribes every topic at the broker, ends the worker thread, drops unsent publications
-    /// and closes the connection without telling broker or listeners, so that the broker publishes
-    /// the will. Waits for a subscriber or listener that is being called; then up to two
-    /// seconds when the broker does not answer, and as long as the system looks for the address of
-    /// a host name, when that is what the client is at.
+    /// and closes the connection without a DISCONNECT packet, so that the broker publishes the
+    /// will. No listener is called. Waits for a subscriber or listener that is being called; then
+    /// up to two seconds if the broker does not answer. If the system is looking for the address of
+    /// a host name, waits for the end of that.
     ~MqttClient() override;
 
     MqttClient(MqttClient const&) = delete;
@@ -172,8 +172,8 @@ public:
     /// The MQTT client identifier of a client: the base64url text of its identifier.
     static std::string clientId(zym::common::Uuid const& id);
 
-    /// Connects and waits for the broker's consent. Blocks for the TCP connection, however
-    /// long the system tries, and then for `timeout`.
+    /// Connects and waits until the broker accepts. Blocks for the TCP connection as long as the
+    /// system tries, and then for `timeout`.
     /// @param host "" for the last one
     /// @param port negative for the last one
     /// @param timeout seconds; 0 does not wait, all ones waits without limit
@@ -184,36 +184,38 @@ public:
     ///    inside a subscriber or a state listener;
     ///  - INVALID_PARAMETER: the port is out of range; nothing was changed;
     ///  - any other: the broker library's code; the state is "connecting" and the client
-    ///    tries again after 0.5, 2, 4.5, 8, 12.5, 15, 15, ... seconds. The tries of all clients of
-    ///    the process count together, and the success of one starts the count anew; so does a TCP
-    ///    connection, also one that the broker refuses: it is then tried each half second.
+    ///    tries again after 0.5, 2, 4.5, 8, 12.5, 15, 15, ... seconds. All clients of the
+    ///    process share one count of attempts, and the success of one client resets it; so does a
+    ///    TCP connection, even if the broker then refuses: an attempt follows each half second
+    ///    then.
     Error connect(std::string host, int port, conv::SecondsDuration timeout);
 
-    /// Disconnects for good: no more retries, the broker does not publish the will. Messages
+    /// Ends the connection: no more retries, and the broker does not publish the will. Messages
     /// that arrive meanwhile are dropped; what is published from now on is queued, and so is what
     /// was queued and not sent yet. From here on the client does not become connected, unless
     /// `connect` is called again.
     /// @param timeout seconds; 0 does not wait, all ones waits without limit. A subscriber that
     ///        keeps the worker busy adds up to a second.
-    /// @return SUCCESS, TIMEOUT, NO_CONN when there was no connection to end: retries under way
-    ///         then go on, see `giveUp`; CONNECTION_PENDING from inside a state listener
+    /// @return SUCCESS, TIMEOUT, NO_CONN when there was no connection to end: retries that are
+    /// under
+    ///         way go on, see `giveUp`; CONNECTION_PENDING from inside a state listener
     Error disconnect(conv::SecondsDuration timeout);
 
     /// Ends the attempts to connect, which `disconnect` does not end while there is no connection.
-    /// A connection that stands or is just coming up is ended as by `disconnect`. Does not wait:
-    /// the state becomes "disconnected" when the attempt, or the time between two, that is under
-    /// way is over; a pause takes effect after that. `connect` begins anew.
+    /// A connection that is made, or being made, is ended as by `disconnect`. Does not wait: the
+    /// state becomes "disconnected" when the attempt under way, or the time between two attempts,
+    /// is over; a pause takes effect after that. `connect` starts again.
     void giveUp();
 
     /// Stops all network traffic, keep-alives too, until `resume`. Takes effect at the end of
-    /// the network step under way. Spares the processor time that a disconnected client takes.
+    /// the network step under way. Saves the processor time that a disconnected client takes.
     void pause();
-    /// Ends a pause, within 500 ms. No connection is completed before.
+    /// Ends a pause, within 500 ms. No connection is completed during a pause.
     void resume();
 
     conv::ComState communicationState() const { return comState_; }
 
-    /// Whether the calling thread is this client's worker, where nothing waits for the broker.
+    /// Whether the calling thread is this client's worker, on which no operation waits.
     bool onWorkerThread() const;
 
     /// Adds a listener unless it is registered; null is ignored. From inside a listener it takes
@@ -224,7 +226,7 @@ public:
     /// takes effect with the next change.
     void unregisterListener(Listener* listener);
 
-    /// Sets the message that the broker publishes when this client vanishes.
+    /// Sets the message that the broker publishes when this client's connection breaks.
     /// @return SUCCESS; CONNECTION_PENDING unless the client is disconnected (state 1);
     ///         INVALID_PARAMETER for an empty or wildcard topic or a QoS outside 0 to 2;
     ///         PAYLOAD_SIZE; 18 for a topic that is not UTF-8
@@ -233,16 +235,16 @@ public:
     Error clearWill();
 
     /// Registers a subscriber for a topic or pattern and subscribes at the broker, at QoS 0.
-    /// Without a connection the registration is made all the same and reaches the broker
-    /// with the next connection. The same subscriber may be registered more than once.
+    /// Without a connection the registration is made too, and reaches the broker with the next
+    /// connection. The same subscriber may be registered more than once.
     ///
-    /// Does not wait for the broker, and is not told when it refuses: then no message comes. A
-    /// `publishWait` at QoS 1 or 2 that succeeds afterwards, with a connection, shows that the
-    /// broker has dealt with it.
+    /// Does not wait for the broker. If the broker refuses, no message comes and no error is
+    /// reported. A later `publishWait` at QoS 1 or 2 that succeeds, with a connection, shows that
+    /// the broker has handled the subscription.
     ///
     /// A message goes to one entry of the registry only: to the one with exactly its topic
     /// or else to the first matching pattern in byte order ("a/#" before "a/+").
-    /// @param tag handed back with every message; never sent
+    /// @param tag passed on with every message; never sent
     /// @return SUCCESS, or why nothing was registered: INVALID_PARAMETER for an empty or
     ///         invalid topic, 18 for one that is not UTF-8
     [[nodiscard]] Error subscribe(Topic const& topic, Subscriber* subscriber, int tag);
@@ -253,8 +255,8 @@ public:
     /// Use `release` before destroying a subscriber.
     /// @param mid where to put the message id of the broker's acknowledgement; may be null
     /// @return NOT_FOUND when there was no such registration, and also when other
-    ///         registrations of that topic remain; otherwise SUCCESS, or NO_CONN when the
-    ///         broker could not be told
+    ///         registrations of that topic remain; otherwise SUCCESS, or NO_CONN when
+    ///         there is no connection: the registration is removed all the same
     Error unsubscribe(Topic const& topic, Subscriber* subscriber, int* mid);
     /// The same, for those who do not need the message id.
     Error unsubscribe(Topic const& topic, Subscriber* subscriber);
@@ -265,14 +267,14 @@ public:
                           conv::SecondsDuration timeout);
 
     /// Removes every registration of a subscriber and waits until the worker thread is not
-    /// inside a call to it; on the worker thread itself, so inside such a call, it does not
-    /// wait. Afterwards the subscriber is never called again and may be destroyed.
+    /// inside a call to it. On the worker thread itself, which may be inside such a call, it does
+    /// not wait. Afterwards the subscriber is never called again and may be destroyed.
     /// Do not hold a lock that the subscriber's callback takes. A null pointer is ignored.
     void release(Subscriber* subscriber) noexcept;
 
     /// Publishes without waiting. Without a connection the publication is queued; neither that
-    /// queue nor what a connected broker does not read yet is limited. Publications of one QoS keep
-    /// their order; one of QoS 0 may overtake others.
+    /// queue nor the data that a connected broker has not read yet has a limit. Publications of one
+    /// QoS keep their order; one of QoS 0 may overtake others.
     /// @param payload any bytes
     /// @param qos 0 to 2
     /// @return SUCCESS when sent or queued; otherwise why it was refused: INVALID_PARAMETER
@@ -282,52 +284,27 @@ public:
     /// Publishes and waits until the publication is done: written to the network at QoS 0,
     /// acknowledged by the broker at QoS 1 and 2. Without a connection it is queued, without
     /// waiting. When another publication, waited for or not, is acknowledged at the same moment,
-    /// the wait may miss its own acknowledgement and end by time-out although all is done.
+    /// the wait may miss its own acknowledgement and end by time-out although the publication is
+    /// done.
     /// @param timeout seconds; 0 does not wait, all ones waits without limit
     /// @return as `publish`, or TIMEOUT
     Error publishWait(Topic const& topic, std::string const& payload, int qos, bool retain,
                       conv::SecondsDuration timeout);
 
     /// Erases the retained message of a topic. Never queued.
-    /// @return SUCCESS; NO_CONN without a connection, nothing is remembered then; or why the
-    ///         topic was refused, as `publish`
+    /// @return SUCCESS; NO_CONN without a connection, and then nothing is sent later either; or
+    ///         why the topic was refused, as `publish`
     Error clear(Topic const& topic);
 
 private:
-    struct ZYM_MQTT_LOCAL Engine;
+    struct ZYM_MQTT_LOCAL Implementation;
 
-    // Exported, for the virtual tables of derived classes.
+    // The broker library's callbacks. Exported, for the virtual tables of derived classes.
     void on_connect(int rc) override;
     void on_disconnect(int rc) override;
     void on_publish(int mid) override;
     void on_message(mosquitto_message const* message) override;
     void on_unsubscribe(int mid) override;
-
-    ZYM_MQTT_LOCAL int loop();
-    ZYM_MQTT_LOCAL void networkStep();
-    ZYM_MQTT_LOCAL int step(std::chrono::milliseconds patience);
-    ZYM_MQTT_LOCAL int stepBeyondSelect(std::chrono::milliseconds patience);
-    ZYM_MQTT_LOCAL bool isLeaving() const;
-    ZYM_MQTT_LOCAL void backOffAndReconnect();
-    ZYM_MQTT_LOCAL void flushDisconnect();
-    ZYM_MQTT_LOCAL void takeLeave();
-    ZYM_MQTT_LOCAL void endWorker() noexcept;
-    ZYM_MQTT_LOCAL void flushOutput(std::chrono::steady_clock::time_point deadline);
-    ZYM_MQTT_LOCAL bool wakeWorker();
-    ZYM_MQTT_LOCAL void completeConnection();
-    ZYM_MQTT_LOCAL bool resubscribe();
-    ZYM_MQTT_LOCAL bool drainQueue();
-    ZYM_MQTT_LOCAL bool closeGate();
-
-    ZYM_MQTT_LOCAL bool leaveDisconnected();
-    ZYM_MQTT_LOCAL void setComState(conv::ComState state);
-    ZYM_MQTT_LOCAL bool changeComState(conv::ComState state);
-    ZYM_MQTT_LOCAL bool waitForComState(conv::ComState state, conv::SecondsDuration timeout);
-
-    ZYM_MQTT_LOCAL Error send(int* mid, Topic const& topic, std::string const& payload, int qos,
-                              bool retain, bool& awaitable);
-    ZYM_MQTT_LOCAL Error subscribeAtBroker(char const* topic);
-    ZYM_MQTT_LOCAL Error unsubscribeAtBroker(int* mid, char const* topic);
 
     std::recursive_mutex mainMutex_; ///< registry, replay, listeners' calls
     zym::common::Uuid id_;
@@ -349,9 +326,9 @@ private:
     std::atomic<bool> stop_;
     std::atomic<bool> paused_;
     std::thread worker_;
-    std::map<Topic, Subscription> subscriptions_; ///< changed by the engine's registrations only
-    std::deque<Publish> queue_;                   ///< guarded by the engine's gate
-    std::unique_ptr<Engine> engine_;              ///< where worker and callers meet
+    std::map<Topic, Subscription> subscriptions_; ///< main lock
+    std::deque<Publish> queue_;                   ///< with a lock of its own
+    std::unique_ptr<Implementation> impl_;
 };
 
 /// Writes the upper-case name of an outcome. ERRNO is followed by the calling thread's errno

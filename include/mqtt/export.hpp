@@ -1,6 +1,6 @@
 #pragma once
 
-/// Marks what `libzym-mqtt.so` offers; everything else in it stays hidden.
+/// Exports a name from `libzym-mqtt.so`; all other names in it are hidden.
 #define ZYM_MQTT_EXPORT __attribute__((visibility("default")))
-/// Marks what an exported class keeps to itself.
+/// Hides a member of an exported class.
 #define ZYM_MQTT_LOCAL __attribute__((visibility("hidden")))

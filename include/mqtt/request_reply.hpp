@@ -173,7 +173,7 @@ public:
     /// @throws std::invalid_argument as `RequestReply`
     RequestReplyClient(MqttClient& client, Topic const& base, Topic const& subPath,
                        std::string const& name);
-    /// Terminates.
+    /// As `release`.
     ~RequestReplyClient() override;
 
     /// Sends a request. Never waits. Passes on what writing the payload throws; after any exception
@@ -195,15 +195,15 @@ public:
     ///        ones never
     /// @return PENDING: sent, or queued until there is a connection; BUSY: a request is under way;
     ///         CANCELLED: terminated
-    /// @throws std::system_error when there is no thread to be had for the timer
+    /// @throws std::system_error no thread for the timer
     ErrorCode request(Listener* listener, zym::common::Uuid const& clientUuid,
                       zym::common::Uuid const& serverUuid,
                       std::shared_ptr<RequestReplyData> requestData,
                       std::shared_ptr<RequestReplyData> replyData, unsigned int* requestIdOut,
                       conv::SecondsDuration const& timeout);
 
-    /// Sends a request and waits for its end. What writing the payload throws comes out of here,
-    /// and nothing has been sent then.
+    /// Sends a request and waits for its end. Passes on what writing the payload throws; then
+    /// nothing has been sent.
     /// @param timeout seconds; 0 does not wait, all ones waits without limit
     /// @return the reply's code, TIMEOUT, BUSY or CANCELLED
     ErrorCode requestWait(zym::common::Uuid const& clientUuid, zym::common::Uuid const& serverUuid,
@@ -211,29 +211,29 @@ public:
                           std::shared_ptr<RequestReplyData> replyData,
                           conv::SecondsDuration const& timeout);
 
-    /// Waits for the end of the request that is under way now, and ends it itself, with TIMEOUT,
-    /// when the wait runs out. A later request is neither ended nor reported.
+    /// Waits for the end of the request that is under way now, and ends it with TIMEOUT when the
+    /// wait times out. A later request is neither ended nor reported.
     /// @param timeout seconds; 0 does not wait, all ones waits without limit
     /// @return its outcome; at once that of the last request when none is under way, NONE before
-    ///         the first. A wait that runs out in the instant in which its request ends returns
+    ///         the first. A wait that times out in the instant in which its request ends returns
     ///         TIMEOUT, and so do later calls until the next request.
     ErrorCode waitEndOfRequest(conv::SecondsDuration const& timeout);
     /// The same for one request.
-    /// @param requestId what `request` has put out
+    /// @param requestId the identifier from `request`
     /// @return CANCELLED when another request has been made since
     ErrorCode waitEndOfRequest(unsigned int requestId, conv::SecondsDuration const& timeout);
 
-    /// Calls the request under way off: its listener is told CANCELLED, after everybody who waits
-    /// for it has been let go.
-    /// @return SUCCESS, whether or not there was one
+    /// Cancels the request under way. Its listener is called with CANCELLED after the waits for the
+    /// request have ended.
+    /// @return SUCCESS, also when there was none
     ErrorCode cancel();
 
-    /// Calls the request under way off; there will be no other.
+    /// Cancels the request under way; later ones are refused.
     void terminate();
 
-    /// Terminates, and waits until nobody is inside this client on another thread, in a wait or in
-    /// a call to a listener. For destructors of classes around this one, before anything is gone
-    /// that a listener needs. Do not hold a lock that a listener takes.
+    /// Terminates, and waits until no other thread is inside this client, in a wait or in a call of
+    /// a listener. For destructors of derived and owning classes, while everything that a listener
+    /// uses still exists. Do not hold a lock that a listener takes.
     void release() noexcept;
 
 private:
@@ -287,14 +287,14 @@ private:
     bool hasOldSubscription_ ZYM_MQTT_GUARDED_BY(mutex_) = false;
 };
 
-/// Answers the requests of one service, of all clients, one after the other. A request that comes
-/// twice is handled twice. Where two servers serve the same, both handle every request, and the
-/// client takes the first reply.
+/// Answers the requests of one service, from all clients, one after the other. A request that
+/// arrives twice is handled twice. Of two servers for the same service both handle every request,
+/// and the client takes the first reply.
 ///
 /// ### Threads
-/// The listener is called on the MQTT client's worker thread with no lock held; whatever else that
-/// thread has to do waits meanwhile. Every other operation may be called from any thread, except
-/// that `unsubscribeWait` waits.
+/// The listener is called with no lock held on the MQTT client's worker thread, which does nothing
+/// else meanwhile. Every other operation may be called from any thread, except that
+/// `unsubscribeWait` waits.
 ///
 /// The server may be destroyed at any time, also from inside its listener's call: that request then
 /// gets no reply. On another thread the destructor waits for such a call to return.
@@ -304,7 +304,7 @@ public:
     /// Handles requests.
     class ZYM_MQTT_EXPORT Listener {
     public:
-        /// Handles one request. Whatever it returns is sent; when it throws, nothing is.
+        /// Handles one request. What it returns is sent; when it throws, no reply is sent.
         /// @param requestData the object given to `subscribe`; overwritten by the next request
         /// @param error SUCCESS; set it to an application code, 16 or above, to report a failure
         /// @return the reply's payload; null for none
@@ -321,10 +321,10 @@ public:
     /// @throws std::invalid_argument as `RequestReply`
     RequestReplyServer(MqttClient& client, Topic const& base, Topic const& subPath,
                        std::string const& name);
-    /// Unsubscribes.
+    /// As `release`.
     ~RequestReplyServer() override;
 
-    /// Starts to serve. A second call takes the place of the first, and every request is then
+    /// Starts to serve. A second call replaces listener and identifier, and every request is then
     /// answered twice: unsubscribe first.
     /// @param listener null: requests are answered with NO_LISTENER
     /// @param serverUuid nil: serves requests that name no server
@@ -333,7 +333,7 @@ public:
     MqttClient::Error subscribe(Listener* listener, zym::common::Uuid const& serverUuid,
                                 std::shared_ptr<RequestReplyData> requestData);
 
-    /// Stops serving. A request being handled still is.
+    /// Stops serving. A request that is being handled is still answered.
     /// @return as `MqttClient::unsubscribe`
     MqttClient::Error unsubscribe();
     /// Stops serving and waits up to 5 seconds for the broker's acknowledgement; not to be called
@@ -342,11 +342,12 @@ public:
     MqttClient::Error unsubscribeWait();
 
     /// Stops serving, and waits for a request being handled on another thread. For destructors of
-    /// classes around this one, before anything is gone that the listener needs. Do not hold a
-    /// lock that the listener takes.
+    /// owning classes, while everything that the listener uses still exists. Do not hold a lock
+    /// that the listener takes.
     void release() noexcept;
 
-    /// What the topics of all requests begin with; no client segment, no wildcard.
+    /// The common beginning of the topics of all requests: without a client's segment or a
+    /// wildcard.
     Topic requestTopic() const;
 
 private:
@@ -389,8 +390,8 @@ ZYM_MQTT_EXPORT void MqttData<RequestReply::Reply>::getSubscribeTopic(Topic& top
 extern template class MqttData<RequestReply::Request>;
 extern template class MqttData<RequestReply::Reply>;
 
-/// Writes the upper-case name of an outcome. The codes of a service follow on "APPLICATION": 17 is
-/// "APPLICATION + 1".
+/// Writes the upper-case name of an outcome. A service's own codes are written relative to
+/// APPLICATION: 17 is "APPLICATION + 1".
 ZYM_MQTT_EXPORT std::ostream& operator<<(std::ostream& out, RequestReply::ErrorCode const& error);
 
 } // namespace mqtt

@@ -19,7 +19,7 @@ namespace mqtt {
 
 class ActiveCalls;
 
-/// The request/reply service by which a server tells the time.
+/// The request/reply service for reading a server's time.
 ZYM_MQTT_EXPORT extern char const* const TIME_SYNC_REQUEST_REPLY_NAME; // timeSync
 
 /// The request for the time: `{"$reqId": 1, "client": 12.5}`.
@@ -103,7 +103,7 @@ public:
     /// one would have had: the time is wrong until more samples have followed.
     void forceSync() override;
 
-    /// 0 while the offset is larger than our own clock.
+    /// The server's time in whole seconds; 0 while the offset is larger than `localTimeBase`.
     std::uint32_t timeBase() const override;
 
     /// The monotonic clock of this machine in seconds, truncated to milliseconds. May be

@@ -15,9 +15,9 @@ class MqttClient;
 
 /// A topic path: segments joined by "/", the key of every subscription and publication.
 ///
-/// A plain value. The text is kept ready for the broker library; beside it stands where
-/// each segment starts, so that segments can be read and the path cut back without
-/// parsing again. No operation checks for wildcards or for the length limit of MQTT.
+/// A plain value. It keeps the text, as the broker library takes it, and where each segment
+/// starts, so that segments can be read and removed without parsing again. No operation checks for
+/// wildcards or for the length limit of MQTT.
 ///
 /// Parsing a path drops one leading and one trailing "/" and keeps empty segments:
 ///
@@ -28,8 +28,8 @@ class MqttClient;
 /// | "/a/b/" | "a/b"  | a, b          |
 /// | "a//b"  | "a//b" | a, (empty), b |
 ///
-/// Comparison and ordering look at the text alone. One object is for one thread at a time, as long
-/// as anybody changes it.
+/// Comparison and ordering use the text alone. While a thread changes an object, no other thread
+/// may use it.
 class ZYM_MQTT_EXPORT Topic {
 public:
     Topic() = default;
@@ -39,10 +39,10 @@ public:
     /// @throws std::logic_error "basic_string::_M_construct null not valid" for a null pointer
     Topic(char const* path);
 
-    /// Appends the segments of `tail`; nothing when it has none. A "/" is put in between
-    /// exactly when this topic's text is not empty. Only the tail's text up to its first
-    /// zero byte is taken.
-    /// @throws std::length_error, std::bad_alloc the topic is then left as far as it got
+    /// Appends the segments of `tail`; nothing when it has none. A "/" is put in between if this
+    /// topic's text is not empty. Of the tail's text only the part before its first zero byte is
+    /// taken.
+    /// @throws std::length_error, std::bad_alloc a part of the tail may have been appended then
     Topic& operator+=(Topic const& tail);
     /// Parses `tail` as the constructors do and appends the result.
     Topic& operator+=(std::string const& tail);
@@ -52,12 +52,12 @@ public:
     /// Appends one segment: the identifier's base64url text.
     Topic& operator+=(zym::common::Uuid const& id);
 
-    /// The text of segment `i`, which must be below `size()`: that is not checked.
-    /// @throws std::out_of_range when the segment starts behind the end of the text, which
-    ///         only `clear()`, or a tail that was cut at a zero byte, can bring about
+    /// The text of segment `i`, which must be below `size()`: this is not checked.
+    /// @throws std::out_of_range when the segment starts after the end of the text, which
+    ///         only `clear()`, or a tail that was cut at a zero byte, can cause
     std::string operator[](unsigned int i) const;
 
-    /// Whether `topic` falls under this topic read as a subscription pattern with the
+    /// Whether `topic` matches this topic, which is taken as a subscription pattern with the
     /// wildcards "+" and "#"; false for an invalid pattern.
     bool matches(Topic const& topic) const;
 
@@ -66,16 +66,16 @@ public:
     /// The number of segments.
     unsigned int size() const noexcept { return static_cast<unsigned int>(starts_.size()); }
 
-    /// Keeps the first `n` segments; a topic never grows by this.
+    /// Keeps the first `n` segments, or all if there are fewer.
     void resize(unsigned int n);
-    /// Empties the text and leaves the segments as they are. Almost always `resize(0)` is
-    /// what you want.
+    /// Empties the text and leaves the segments as they are. To make a topic empty, use
+    /// `resize(0)`.
     void clear() noexcept { text_.clear(); }
 
 private:
     friend class MqttClient;
 
-    /// Parses a path into the memory that is there.
+    /// Parses a path, and uses the memory that this object has.
     ZYM_MQTT_LOCAL void assign(char const* path);
     ZYM_MQTT_LOCAL void parse();
 
@@ -103,7 +103,7 @@ inline bool operator>(Topic const& a, Topic const& b) noexcept {
     return b.text() < a.text();
 }
 
-/// Writes the text, nothing added.
+/// Writes the text and nothing else.
 ZYM_MQTT_EXPORT std::ostream& operator<<(std::ostream& out, Topic const& topic);
 
 } // namespace mqtt

@@ -92,8 +92,6 @@ private:
 
     ZYM_MQTT_LOCAL void onTimer();
     ZYM_MQTT_LOCAL void handleTasksExpiration();
-    template <class Call>
-    ZYM_MQTT_LOCAL void callListener(Call const& call);
     ZYM_MQTT_LOCAL Tasks::iterator findDueTask() ZYM_MQTT_REQUIRES(tasksMutex_);
     ZYM_MQTT_LOCAL void shutDown();
 

@@ -20,14 +20,15 @@ std::chrono::milliseconds reconnectDelay(int attempt) {
 }
 
 int nextReconnectAttempt() {
-    int seen = attempts.load();
-    while (!attempts.compare_exchange_weak(seen, std::min(seen + 1, MAX_ATTEMPT))) {
+    int last = attempts.load();
+    while (!attempts.compare_exchange_weak(last, std::min(last + 1, MAX_ATTEMPT))) {
     }
-    return std::min(seen + 1, MAX_ATTEMPT);
+    return std::min(last + 1, MAX_ATTEMPT);
 }
 
 void resetReconnectAttempts() {
-    // Called after every network step: look before writing, or all clients share a cache line.
+    // Called after every network step: without the test, the processors of all clients would
+    // compete for one cache line.
     if (attempts.load(std::memory_order_relaxed) != 0) {
         attempts.store(0);
     }

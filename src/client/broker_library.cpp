@@ -9,8 +9,9 @@ namespace mqtt {
 
 namespace {
 
-// Later minor versions keep the SONAME, so the loader takes them, but lay out the class that we
-// derive from differently: every call through it would go astray. Asking is a plain function.
+// Later minor versions have the same SONAME, so the loader accepts them, but another layout of the
+// class that we derive from: no call of its members would be safe. `lib_version` is a plain
+// function.
 void requireKnownLayout() {
     int major = 0;
     int minor = 0;
@@ -29,7 +30,7 @@ void requireKnownLayout() {
 
 void prepareBrokerLibrary() {
     requireKnownLayout();
-    // Never cleaned up: the library has no state that outlives its clients.
+    // `lib_cleanup` is never called: the library keeps nothing that its clients do not own.
     static int const initialised = mosqpp::lib_init();
     static_cast<void>(initialised);
 }

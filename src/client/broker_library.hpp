@@ -2,9 +2,9 @@
 
 namespace mqtt {
 
-/// Makes the broker library ready. Before the first object of its class is made, and again
-/// before each: only the first time does work.
-/// @throw std::runtime_error the version found at run time is not one that we can stand on
+/// Initialises the broker library. To be called before each object of its class is made; only the
+/// first call does anything.
+/// @throw std::runtime_error the version found at run time is not one that we can use
 void prepareBrokerLibrary();
 
 } // namespace mqtt

@@ -1,11 +1,9 @@
 #include "client/arguments.hpp"
-#include "client/engine.hpp"
-#include "common/user_call.hpp"
-#include "common/wait.hpp"
+#include "client/implementation.hpp"
 #include "mqtt/client.hpp"
 
-#include <algorithm>
 #include <cerrno>
+#include <optional>
 
 namespace mqtt {
 
@@ -15,31 +13,21 @@ using Error = MqttClient::Error;
 using conv::ComState;
 
 constexpr int MAX_PORT = 65535;
-
-/// A caller's turn, to the end of its scope.
-class CallersTurn {
-public:
-    explicit CallersTurn(NetworkTurn& turn) : turn_(turn) { turn_.take(); }
-    ~CallersTurn() { turn_.giveBack(); }
-    CallersTurn(CallersTurn const&) = delete;
-    CallersTurn& operator=(CallersTurn const&) = delete;
-
-private:
-    NetworkTurn& turn_;
-};
+/// How long `disconnect` waits for a worker that a subscriber keeps in its network step.
+constexpr std::chrono::seconds TURN_TIMEOUT{1};
 
 } // namespace
 
 Error MqttClient::connect(std::string host, int port, conv::SecondsDuration timeout) {
-    // On the worker, so in a subscriber or a listener, waiting for the worker would be for ever.
-    if (comState_ != ComState::DISCONNECTED || onWorkerThread()
-        || engine_->notifier == std::this_thread::get_id()) {
+    auto& impl = *impl_;
+    // On the worker, so in a subscriber or a listener, waiting for the worker would never end.
+    if (!impl.state.isDisconnected() || onWorkerThread() || impl.state.isCallingListeners()) {
         return Error::CONNECTION_PENDING;
     }
     int result = 0;
     int systemError = 0;
     {
-        CallersTurn const turn(engine_->turn);
+        CallersTurn const turn(impl.turn);
         if (host.empty()) {
             host = host_;
         }
@@ -50,14 +38,13 @@ Error MqttClient::connect(std::string host, int port, conv::SecondsDuration time
         if (port < 0 || port > MAX_PORT) {
             return Error::INVALID_PARAMETER;
         }
-        if (!leaveDisconnected()) {
+        if (!impl.state.startConnecting()) {
             return Error::CONNECTION_PENDING;
         }
-        engine_->flushFirst = false; // meant for the last connection
-        result = mosqpp::mosquittopp::connect(host.c_str(), port, HEART_BEAT_RATE.toInt32());
+        impl.gate.forgetDisconnect(); // it was for the last connection
+        result = impl.network.connect(host.c_str(), port);
         systemError = errno;
         if (result == 0) {
-            engine_->tuning.connected(socket());
             host_.swap(host); // takes no memory
             port_ = port;
         }
@@ -66,46 +53,37 @@ Error MqttClient::connect(std::string host, int port, conv::SecondsDuration time
         errno = systemError;
         return static_cast<Error>(result);
     }
-    return waitForComState(ComState::CONNECTED, timeout) ? Error::SUCCESS : Error::TIMEOUT;
+    return impl.state.waitFor(ComState::CONNECTED, timeout) ? Error::SUCCESS : Error::TIMEOUT;
 }
 
 Error MqttClient::disconnect(conv::SecondsDuration timeout) {
-    if (engine_->notifier == std::this_thread::get_id()) {
+    auto& impl = *impl_;
+    if (impl.state.isCallingListeners()) {
         return Error::CONNECTION_PENDING;
     }
-    // Between two network steps, so that nothing is read before the DISCONNECT packet is
-    // written. A worker that stays in its step, as a subscriber keeps it there, is left there.
-    constexpr std::chrono::seconds patience{1};
-    bool const haveTurn =
-        !onWorkerThread() && engine_->turn.takeWithin(patience, [this] { return wakeWorker(); });
     int result = 0;
     int systemError = 0;
     {
-        std::lock_guard const lock(engine_->gate.mutex);
-        result = mosqpp::mosquittopp::disconnect();
-        systemError = errno;
-        if (result == 0) {
-            // What is published from here on would follow the DISCONNECT packet and be lost.
-            engine_->gate.online = false;
-            engine_->gate.leaving = true;
-            engine_->flushFirst = true;
+        // Between two network steps, so that nothing is read before the DISCONNECT packet is
+        // written. If the turn does not come in time, the packet is handed over all the same.
+        std::optional<CallersTurn> turn;
+        if (!onWorkerThread()) {
+            turn.emplace(impl.turn, TURN_TIMEOUT, [&] { return impl.gate.wakeNetworkStep(); });
         }
-    }
-    if (haveTurn) {
-        engine_->turn.giveBack();
+        result = impl.gate.disconnect();
+        systemError = errno;
     }
     if (result != 0) {
         errno = systemError;
         return static_cast<Error>(result);
     }
-    // It is the worker that writes the packet, so in there the wait would be in vain.
-    auto const patienceForState = onWorkerThread() ? conv::SecondsDuration(0) : timeout;
-    return waitForComState(ComState::DISCONNECTED, patienceForState) ? Error::SUCCESS
-                                                                     : Error::TIMEOUT;
+    // The worker writes the packet: on the worker itself waiting for that would be in vain.
+    auto const wait = onWorkerThread() ? conv::SecondsDuration(0) : timeout;
+    return impl.state.waitFor(ComState::DISCONNECTED, wait) ? Error::SUCCESS : Error::TIMEOUT;
 }
 
 void MqttClient::giveUp() {
-    engine_->givenUp = true;
+    impl_->state.giveUp();
 }
 
 void MqttClient::pause() {
@@ -117,24 +95,13 @@ void MqttClient::resume() {
 }
 
 void MqttClient::registerListener(Listener* listener) {
-    if (listener == nullptr) {
-        return;
+    if (listener != nullptr) {
+        impl_->state.add(listener);
     }
-    std::lock_guard const lock(stateMutex_);
-    if (std::find(listeners_.begin(), listeners_.end(), listener) != listeners_.end()) {
-        return;
-    }
-    // Now, or a change of the state could run out of memory.
-    engine_->told.reserve(listeners_.size() + 1);
-    listeners_.push_back(listener);
 }
 
 void MqttClient::unregisterListener(Listener* listener) {
-    std::lock_guard const lock(stateMutex_);
-    auto const found = std::find(listeners_.begin(), listeners_.end(), listener);
-    if (found != listeners_.end()) {
-        listeners_.erase(found);
-    }
+    impl_->state.remove(listener);
 }
 
 Error MqttClient::setWill(Topic const& topic, std::string const& payload, int qos, bool retain) {
@@ -142,7 +109,7 @@ Error MqttClient::setWill(Topic const& topic, std::string const& payload, int qo
     if (comState_ != ComState::DISCONNECTED) {
         return Error::CONNECTION_PENDING;
     }
-    // More than the library checks: with a will like that the broker drops every connection.
+    // More than the library checks: a broker drops every connection with a will that is not valid.
     auto const refused = checkPublication(topic, payload.size(), qos);
     if (refused != Error::SUCCESS) {
         return refused;
@@ -162,53 +129,15 @@ Error MqttClient::clearWill() {
     return static_cast<Error>(will_clear());
 }
 
-bool MqttClient::onWorkerThread() const {
-    return worker_.get_id() == std::this_thread::get_id();
-}
-
-bool MqttClient::leaveDisconnected() {
-    std::lock_guard const mainLock(mainMutex_);
-    std::lock_guard const lock(stateMutex_);
-    if (comState_ != ComState::DISCONNECTED) {
-        return false;
+void MqttClient::on_connect(int rc) {
+    bool const isAccepted = (rc & 0xFF) == 0; // the broker's answer is the low byte
+    if (isAccepted) {
+        impl_->worker.connectionAccepted();
     }
-    // Before the listeners hear of it: they may give up.
-    engine_->givenUp = false;
-    setComState(ComState::CONNECTING);
-    return true;
 }
 
-void MqttClient::setComState(ComState state) {
-    // The main lock too, and first: a listener may subscribe.
-    std::lock_guard const mainLock(mainMutex_);
-    std::lock_guard const lock(stateMutex_);
-    if (!changeComState(state)) {
-        return;
-    }
-    engine_->notifier = std::this_thread::get_id();
-    // A copy: a listener may register and unregister, itself too.
-    auto& told = engine_->told;
-    told = listeners_;
-    // NOLINTNEXTLINE(modernize-loop-convert): to register may move the copy
-    for (std::size_t i = 0; i < told.size(); ++i) {
-        callUser([&] { told[i]->onComStateChanged(state); });
-    }
-    engine_->notifier = std::thread::id();
-    stateChanged_.notify_all();
-}
-
-/// @return whether it is another state than before
-bool MqttClient::changeComState(ComState state) {
-    std::lock_guard const lock(engine_->gate.mutex);
-    // Told to disconnect since the queue was drained: it must not become connected after that.
-    bool const tooLate = state == ComState::CONNECTED && !engine_->gate.online;
-    return !tooLate && comState_.exchange(state) != state;
-}
-
-bool MqttClient::waitForComState(ComState state, conv::SecondsDuration timeout) {
-    std::unique_lock lock(stateMutex_);
-    return waitUntil(stateChanged_, lock, timeout.toTimepoint(std::chrono::steady_clock::now()),
-                     [&] { return comState_ == state; });
+void MqttClient::on_disconnect(int rc) {
+    impl_->worker.connectionEnded(rc == 0);
 }
 
 } // namespace mqtt

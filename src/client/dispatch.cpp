@@ -1,6 +1,5 @@
 #include "client/dispatch.hpp"
 
-#include "client/engine.hpp"
 #include "common/user_call.hpp"
 
 namespace mqtt {
@@ -45,27 +44,6 @@ bool Dispatch::beginCall(std::size_t& index, Receiver& receiver) {
     receiver = receivers_[index];
     called_ = receiver.first;
     return true;
-}
-
-void MqttClient::on_message(mosquitto_message const* message) {
-    try {
-        auto& topic = engine_->received;
-        topic.assign(message->topic);
-        std::string const payload(static_cast<char const*>(message->payload),
-                                  static_cast<std::size_t>(message->payloadlen));
-        engine_->tuning.received(topic.text().size() + payload.size());
-        {
-            std::lock_guard const lock(mainMutex_);
-            auto const* const subscription = engine_->registrations.find(topic);
-            if (subscription == nullptr) {
-                return;
-            }
-            engine_->dispatch.prepare(subscription->subscribers);
-        }
-        engine_->dispatch.deliver(topic, payload);
-    } catch (...) {
-        // Out of memory: this message is lost, the client is not.
-    }
 }
 
 } // namespace mqtt

@@ -10,21 +10,21 @@
 
 namespace mqtt {
 
-/// The calls to the subscribers of one message, and the way out of them.
+/// Calls the subscribers of one message, and lets a subscriber leave in the middle of that.
 ///
-/// The worker copies the subscribers of a message here and calls them one by one, holding no
-/// lock during a call. A subscriber that retires is struck off the copy and, when it is the one
-/// being called, waited for; so it is neither called nor still being called once it is gone.
+/// The worker copies the subscribers of a message and calls them one by one, with no lock held
+/// during a call. A subscriber that is retired is removed from the copy and, if it is being called,
+/// waited for: afterwards it is neither called nor still being called.
 class Dispatch {
 public:
     using Receiver = std::pair<MqttClient::Subscriber*, int>;
 
-    /// Worker: takes over the receivers of one message. The caller holds the lock that guards
-    /// the registry, so that a retirement comes either before the copy or finds it.
+    /// Worker: copies the receivers of one message. The caller holds the lock that guards the
+    /// registry, so that a subscriber retires either before the copy is made or out of the copy.
     void prepare(std::vector<Receiver> const& receivers);
 
     /// Worker: calls them. What a receiver throws ends its own call only: it would leave through
-    /// the broker library, which holds a lock of its own then, and freeze the client for good.
+    /// the broker library, which holds a lock of its own then, and block the client for ever.
     void deliver(Topic const& topic, std::string const& payload);
 
     /// Makes sure that `subscriber` is not called any more; with `wait`, also that it is not

@@ -6,12 +6,13 @@
 
 namespace mqtt {
 
-/// Who may be inside the broker library's network functions: the worker or one caller.
+/// Decides which thread may use the broker library's network functions: the worker or one caller.
 ///
-/// The library publishes a socket before it is connected, so its loop must never run beside
-/// its `connect`: it would read, close or wait on a socket that is still on its way. The worker
-/// takes the turn for every network step. A caller announces itself, and the worker then stays
-/// outside until the caller is done: a spinning worker cannot starve it.
+/// The library publishes a socket before it is connected, so its `loop` must never run beside its
+/// `connect`: it would read, close or wait for a socket that is not connected yet. The worker takes
+/// the turn for every network step. A caller announces itself, and the worker then does not take
+/// the turn until the caller has given it back: a worker whose steps follow each other without a
+/// pause cannot keep a caller waiting.
 class NetworkTurn {
 public:
     /// For the worker: takes the turn once no caller wants it.
@@ -38,17 +39,18 @@ public:
         taken_ = true;
     }
 
-    /// For callers: like `take`, but wakes the worker first and gives up after a while. The worker
-    /// stays outside from before it is woken: it would begin the next step else, and wait in it.
-    /// @param wake says whether it woke the worker: there is no turn for who did not
+    /// For callers: like `take`, but wakes the worker first, and waits no longer than the timeout.
+    /// The caller is announced before the worker is woken: otherwise the worker would begin the
+    /// next step, and wait in it.
+    /// @param wake returns whether it woke the worker; if not, the turn is not taken
     template <class Wake>
-    [[nodiscard]] bool takeWithin(std::chrono::milliseconds patience, Wake wake) {
+    [[nodiscard]] bool takeWithin(std::chrono::milliseconds timeout, Wake wake) {
         Announcement announcement(*this);
         if (!wake()) {
             return false;
         }
         std::unique_lock lock(mutex_);
-        if (!changed_.wait_for(lock, patience, [this] { return !taken_; })) {
+        if (!changed_.wait_for(lock, timeout, [this] { return !taken_; })) {
             return false;
         }
         taken_ = true;
@@ -65,7 +67,7 @@ public:
     }
 
 private:
-    /// A caller that counts, until it goes away or has the turn.
+    /// Counts a caller, until the caller goes away or has the turn.
     class Announcement {
     public:
         explicit Announcement(NetworkTurn& turn) : turn_(&turn) {
@@ -94,8 +96,29 @@ private:
 
     std::mutex mutex_;
     std::condition_variable changed_;
-    int callers_ = 0; ///< waiting for the turn or having it
+    int callers_ = 0; ///< that wait for the turn or have it
     bool taken_ = false;
+};
+
+/// A caller's turn, to the end of the scope.
+class CallersTurn {
+public:
+    explicit CallersTurn(NetworkTurn& turn) : turn_(turn) { turn_.take(); }
+    /// The turn may not come within the timeout; see `takeWithin`.
+    template <class Wake>
+    CallersTurn(NetworkTurn& turn, std::chrono::milliseconds timeout, Wake wake)
+        : turn_(turn), isMine_(turn.takeWithin(timeout, wake)) {}
+    ~CallersTurn() {
+        if (isMine_) {
+            turn_.giveBack();
+        }
+    }
+    CallersTurn(CallersTurn const&) = delete;
+    CallersTurn& operator=(CallersTurn const&) = delete;
+
+private:
+    NetworkTurn& turn_;
+    bool const isMine_ = true;
 };
 
 } // namespace mqtt

@@ -10,7 +10,7 @@ namespace mqtt {
 
 namespace {
 
-// Thrown by us: what the standard library says here differs between compilers.
+// Not left to the standard library, whose text differs between compilers.
 std::string checkedText(char const* path) {
     if (path == nullptr) {
         throw std::logic_error("basic_string::_M_construct null not valid");
@@ -59,8 +59,8 @@ Topic& Topic::operator+=(Topic const& tail) {
     if (&tail == this) {
         return *this += Topic(tail);
     }
-    // The text decides, not the segments: the parse of "/" has one segment and no text, and
-    // gets no separator.
+    // The text decides, not the number of segments: "/" has one segment and no text, and gets no
+    // separator.
     if (!text_.empty()) {
         text_ += '/';
     }
@@ -106,8 +106,8 @@ void Topic::resize(unsigned int n) {
     if (n >= starts_.size()) {
         return;
     }
-    // Segment n may start at 0 (see operator+=), and the text may be shorter than its segments
-    // say (see clear): the cut never wraps around and never makes the text longer.
+    // Segment n may start at 0 (see operator+=), and may start after the end of the text (see
+    // clear): the new end must not become negative, and the text must not become longer.
     std::size_t const end = starts_[n] == 0 ? 0 : starts_[n] - 1;
     text_.resize(std::min(end, text_.size()));
     starts_.resize(n);

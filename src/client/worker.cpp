@@ -1,17 +1,10 @@
-// The worker thread: network steps, the way back to a lost broker, and what has to be done
-// when a connection stands.
-//
-// Everything that the broker library calls back runs inside a network step on this thread.
-// Completing a connection does not: the library sends its own unacknowledged publications
-// again only after `on_connect` has returned, and a newer value sent from in there would be
-// overtaken by an older one. So `on_connect` only takes note, and the step's end does the rest.
+#include "client/worker.hpp"
 
 #include "client/backoff.hpp"
-#include "client/engine.hpp"
-#include "client/socket/farewell.hpp"
+#include "client/socket/connect_break.hpp"
 #include "mqtt/client.hpp"
 
-#include <utility>
+#include <csignal>
 
 #include <pthread.h>
 #include <sys/syscall.h>
@@ -21,66 +14,126 @@ namespace mqtt {
 
 namespace {
 
+using conv::ComState;
+using std::chrono::milliseconds;
+
 constexpr int OK = static_cast<int>(MqttClient::Error::SUCCESS);
 constexpr int NO_CONN = static_cast<int>(MqttClient::Error::NO_CONN);
 constexpr int CONN_LOST = static_cast<int>(MqttClient::Error::CONN_LOST);
 
-// How long a broker may take to hear the end.
-constexpr std::chrono::seconds LAST_WORDS{1};
+constexpr milliseconds PAUSE{500};
 
-// Nobody is subscribed to this one.
-constexpr char const* WAKE_TOPIC = "$zym/wake";
+/// Blocks the signals of the process in the calling thread, and in those that it starts, to the end
+/// of its scope. Signals that a fault raises in a thread are not blocked: their handlers run in
+/// that thread only.
+class SignalsBlocked {
+public:
+    SignalsBlocked() {
+        sigset_t all;
+        sigfillset(&all);
+        for (int const fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS}) {
+            sigdelset(&all, fault);
+        }
+        ::pthread_sigmask(SIG_SETMASK, &all, &before_);
+    }
+    ~SignalsBlocked() { ::pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+    SignalsBlocked(SignalsBlocked const&) = delete;
+    SignalsBlocked& operator=(SignalsBlocked const&) = delete;
+
+private:
+    sigset_t before_{};
+};
 
 } // namespace
 
-int MqttClient::loop() {
+bool WorkerEnd::sleep(milliseconds duration) {
+    std::unique_lock lock(mutex_);
+    return !changed_.wait_for(lock, duration, [this] { return isAskedFor_; });
+}
+
+void WorkerEnd::askFor() {
+    std::lock_guard const lock(mutex_);
+    isAskedFor_ = true;
+    changed_.notify_all();
+}
+
+void WorkerEnd::reached() {
+    std::lock_guard const lock(mutex_);
+    isReached_ = true;
+    changed_.notify_all();
+}
+
+bool WorkerEnd::waitFor(milliseconds duration) {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, duration, [this] { return isReached_; });
+}
+
+Worker::Worker(Members members, NetworkTurn& turn, Network& network, BrokerGate& gate,
+               CommunicationState& state, Subscriptions& subscriptions)
+    : members_(members),
+      turn_(turn),
+      network_(network),
+      gate_(gate),
+      state_(state),
+      subscriptions_(subscriptions) {}
+
+void Worker::start() {
+    SignalsBlocked const inheritedByTheThread;
+    members_.thread = std::thread([this] { run(); });
+}
+
+void Worker::end() noexcept {
+    members_.stop = true;
+    end_.askFor();
+    gate_.wakeNetworkStep();
+    while (!end_.waitFor(milliseconds(50))) {
+        // A host that does not answer keeps the worker in `reconnect` for minutes. No callback
+        // follows on the worker when that is broken: it has been told to stop.
+        if (reconnecting_) {
+            breakConnect(kernelId_);
+        }
+    }
+    members_.thread.join();
+}
+
+int Worker::run() {
     ::pthread_setname_np(::pthread_self(), "zym-mqtt");
-    engine_->workerId = static_cast<pid_t>(::syscall(SYS_gettid));
-    while (!stop_) {
-        if (paused_ && !isLeaving()) {
-            engine_->life.sleep(std::chrono::milliseconds(500));
+    kernelId_ = static_cast<pid_t>(::syscall(SYS_gettid));
+    while (!members_.stop) {
+        if (members_.paused && !state_.isUnwanted()) {
+            end_.sleep(PAUSE);
         } else {
             networkStep();
         }
     }
-    takeLeave();
-    engine_->life.ended();
+    finish();
+    end_.reached();
     return 0;
 }
 
-/// There is a connection, or the search for one, that nobody wants any more.
-bool MqttClient::isLeaving() const {
-    return engine_->givenUp && comState_ != conv::ComState::DISCONNECTED;
-}
-
-void MqttClient::networkStep() {
-    auto& engine = *engine_;
-    engine.turn.enter();
-    if (isLeaving() && disconnect(0) == Error::NO_CONN) {
+void Worker::networkStep() {
+    turn_.enter();
+    if (state_.isUnwanted() && gate_.disconnect() == NO_CONN) {
         // An earlier DISCONNECT packet may have been for a connection that never came up.
-        closeGate();
-        setComState(conv::ComState::DISCONNECTED);
+        gate_.goOffline();
+        state_.set(ComState::DISCONNECTED);
     }
-    if (engine.flushFirst.exchange(false)) {
-        flushDisconnect();
+    if (gate_.takeDisconnect()) {
+        network_.writeDisconnect();
     }
-    int const result = step(engine.tuning.patience());
-    if (result == OK) {
-        engine.tuning.stepped(socket(), want_write());
-        if (engine.acknowledged) {
-            completeConnection();
-        }
+    int const result = network_.step();
+    if (result == OK && isAccepted_) {
+        completeConnection();
     }
-    // Decided while we have the turn: a caller that connects leaves state 1 only when it has it,
-    // and a result from before says nothing about the connection that has come up since.
-    bool const lost =
-        (result == NO_CONN || result == CONN_LOST) && comState_ != conv::ComState::DISCONNECTED;
-    // There was a DISCONNECT packet for a connection that never came up.
-    bool const retry = lost && !closeGate();
+    // Decided while we have the turn: a caller that connects leaves "disconnected" only when it has
+    // it, and a result from before says nothing about the connection that has come up since.
+    bool const lost = (result == NO_CONN || result == CONN_LOST) && !state_.isDisconnected();
+    // A DISCONNECT packet may have been for a connection that never came up.
+    bool const retry = lost && !gate_.goOffline();
     if (lost && !retry) {
-        setComState(conv::ComState::DISCONNECTED);
+        state_.set(ComState::DISCONNECTED);
     }
-    engine.turn.leave();
+    turn_.leave();
 
     if (result == OK) {
         resetReconnectAttempts();
@@ -91,124 +144,43 @@ void MqttClient::networkStep() {
     }
 }
 
-void MqttClient::backOffAndReconnect() {
-    auto& engine = *engine_;
-    if (!engine.life.sleep(reconnectDelay(nextReconnectAttempt()))) {
+void Worker::backOffAndReconnect() {
+    if (!end_.sleep(reconnectDelay(nextReconnectAttempt()))) {
         return;
     }
-    engine.turn.enter();
-    engine.reconnecting = true;
-    // Once asked to end, `reconnecting` may have been looked at already: do not begin.
-    if (!stop_ && !engine.givenUp && mosqpp::mosquittopp::reconnect() == OK) {
-        engine.tuning.connected(socket());
+    turn_.enter();
+    reconnecting_ = true;
+    // Once the end was asked for, `reconnecting_` may have been looked at already: do not begin.
+    if (!members_.stop && !state_.isGivenUp()) {
+        network_.reconnect();
     }
-    engine.reconnecting = false;
-    engine.turn.leave();
+    reconnecting_ = false;
+    turn_.leave();
 }
 
-/// Writes the DISCONNECT packet before anything is read: a message read after `disconnect` is a
-/// protocol error to the library, which then drops the connection, and the broker publishes the
-/// will.
-void MqttClient::flushDisconnect() {
-    auto const deadline = std::chrono::steady_clock::now() + LAST_WORDS;
-    Farewell const farewell(socket());
-    flushOutput(deadline);
-    if (socket() < 0) {
-        farewell.waitForPeer(deadline);
+/// Lets the broker have the unsubscriptions of the destructor before the connection is closed.
+void Worker::finish() {
+    if (gate_.takeDisconnect()) {
+        network_.writeDisconnect();
+    }
+    if (gate_.isOnline()) {
+        network_.writeLastPackets();
     }
 }
 
-/// Lets the broker have what the destructor has sent, the unsubscriptions, before the connection
-/// is closed.
-void MqttClient::takeLeave() {
-    if (engine_->flushFirst.exchange(false)) {
-        flushDisconnect();
-    }
-    {
-        std::lock_guard const lock(engine_->gate.mutex);
-        if (!engine_->gate.online) {
-            return;
-        }
-    }
-    auto const deadline = std::chrono::steady_clock::now() + LAST_WORDS;
-    flushOutput(deadline);
-    Farewell(socket()).waitForPeer(deadline);
+void Worker::connectionEnded(bool byDisconnect) {
+    // A broker's answer that crosses our DISCONNECT packet makes the library forget the packet.
+    bool const intended = gate_.goOffline() || byDisconnect;
+    isAccepted_ = false;
+    state_.set(intended ? ComState::DISCONNECTED : ComState::CONNECTION_LOST);
 }
 
-void MqttClient::flushOutput(std::chrono::steady_clock::time_point deadline) {
-    while (socket() >= 0 && want_write() && loop_write(1) == OK && socket() >= 0 && want_write()
-           && std::chrono::steady_clock::now() < deadline) {
-        waitForOutput(socket());
+void Worker::completeConnection() {
+    auto const lock = subscriptions_.lock();
+    isAccepted_ = false;
+    if (subscriptions_.subscribeAgain() && gate_.sendQueue()) {
+        state_.set(ComState::CONNECTED);
     }
-}
-
-/// Ends a network step that waits for input. The library has no call for that; it wakes up for a
-/// packet to be sent, so we send one that changes nothing. False without a connection.
-bool MqttClient::wakeWorker() {
-    return unsubscribeAtBroker(nullptr, WAKE_TOPIC) == Error::SUCCESS;
-}
-
-void MqttClient::on_connect(int rc) {
-    // The broker's answer is the low byte.
-    if ((rc & 0xFF) == 0) {
-        engine_->acknowledged = true;
-    }
-}
-
-void MqttClient::on_disconnect(int rc) {
-    // The broker's consent makes the library forget that it was told to disconnect.
-    bool const intended = closeGate() || rc == 0;
-    engine_->acknowledged = false;
-    setComState(intended ? conv::ComState::DISCONNECTED : conv::ComState::CONNECTION_LOST);
-}
-
-/// The connection has ended. @return whether it was told to
-bool MqttClient::closeGate() {
-    std::lock_guard const lock(engine_->gate.mutex);
-    engine_->gate.online = false;
-    return std::exchange(engine_->gate.leaving, false);
-}
-
-void MqttClient::completeConnection() {
-    std::lock_guard const lock(mainMutex_);
-    engine_->acknowledged = false;
-    if (resubscribe() && drainQueue()) {
-        setComState(conv::ComState::CONNECTED);
-    }
-}
-
-bool MqttClient::resubscribe() {
-    for (auto const& entry : subscriptions_) {
-        engine_->tuning.issued();
-        if (mosqpp::mosquittopp::subscribe(nullptr, entry.first.text().c_str(), 0) == CONN_LOST) {
-            return false;
-        }
-    }
-    return true;
-}
-
-bool MqttClient::drainQueue() {
-    std::lock_guard const lock(engine_->gate.mutex);
-    if (engine_->gate.leaving) {
-        return false;
-    }
-    while (!queue_.empty()) {
-        auto const& first = queue_.front();
-        engine_->tuning.issued(first.qos != 0);
-        int const result = mosqpp::mosquittopp::publish(
-            nullptr, first.topic.text().c_str(), static_cast<int>(first.payload.size()),
-            first.payload.data(), first.qos, first.retain);
-        // NO_CONN too: but then the library has kept a QoS 1 or 2 publication for itself.
-        if (result == CONN_LOST || (result == NO_CONN && first.qos == 0)) {
-            return false;
-        }
-        queue_.pop_front();
-        if (result == NO_CONN) {
-            return false;
-        }
-    }
-    engine_->gate.online = true;
-    return true;
 }
 
 } // namespace mqtt

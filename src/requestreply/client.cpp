@@ -51,8 +51,8 @@ enum class Expiry : std::uint8_t {
 
 } // namespace
 
-/// One request, for those who end it and those who wait for it. Made before the request is sent, so
-/// that its end needs no memory.
+/// One request, for the threads that end it and wait for it. Made before the request is sent: its
+/// end needs no memory.
 struct RequestReplyClient::Exchange {
     Listener::Reply reply;                      ///< what the listener is called with
     std::shared_ptr<RequestReplyData> expected; ///< only a reply to this request is read into it
@@ -209,12 +209,11 @@ void RequestReplyClient::send(Request const& request, Reply const& expected,
 
 /// That of an earlier request, which could not be ended for lack of memory.
 void RequestReplyClient::endOldSubscription() {
-    if (!hasOldSubscription_) {
-        return;
+    if (hasOldSubscription_) {
+        MqttDataBase::Lock lock(replies().mutex());
+        replies().MqttDataBase::unsubscribe(lock);
+        hasOldSubscription_ = false;
     }
-    MqttDataBase::Lock lock(replies().mutex());
-    replies().MqttDataBase::unsubscribe(lock);
-    hasOldSubscription_ = false;
 }
 
 void RequestReplyClient::prepareTimeoutReply(Request const& request) {
@@ -376,7 +375,7 @@ void RequestReplyClient::terminate() {
     cancelRequest(listenerCall, lock);
     bool const timerIsInListener = timerHasCalledListener_;
     lock.unlock();
-    // That listener may be waiting for us, to destroy this object.
+    // That listener may wait for this call, to destroy this object.
     if (!timerIsInListener) {
         timer_.terminate();
     }

@@ -4,8 +4,8 @@
 
 namespace mqtt {
 
-/// What the topics of all requests begin with: base, server, sub-path and the name's segment. The
-/// client's segment follows, or a wildcard in its place.
+/// The common beginning of the topics of all requests: base, server, sub-path and the name's
+/// segment. The client's segment follows, or a wildcard.
 Topic requestPrefix(Topic const& base, RequestReply::Request const& request);
 
 } // namespace mqtt

@@ -10,7 +10,7 @@
 #include <memory>
 #include <utility>
 
-// How the reply to one request is told from all others.
+// How the reply to one request is distinguished from all others.
 
 namespace mqtt {
 

@@ -49,14 +49,8 @@ MqttClient::Error RequestReplyServer::unsubscribeWait() {
 }
 
 Topic RequestReplyServer::requestTopic() const {
-    Request prototype;
-    Topic base;
-    {
-        MqttDataBase::Lock const lock(requests().mutex());
-        prototype = requests().value;
-        base = requests().topicBase();
-    }
-    return requestPrefix(base, prototype);
+    MqttDataBase::Lock const lock(requests().mutex());
+    return requestPrefix(requests().topicBase(), requests().value);
 }
 
 void RequestReplyServer::onMqttData(Request const& request, bool empty, int /*id*/) {

@@ -103,15 +103,6 @@ struct BinderPhases final : zym::common::BinderProxy::Listener {
         }
     }
 
-    unsigned int bindingFor(unsigned int requestId) {
-        MutexLock const lock(mutex);
-        return binding.numberFor(requestId);
-    }
-    unsigned int unbindingFor(unsigned int requestId) {
-        MutexLock const lock(mutex);
-        return unbinding.numberFor(requestId);
-    }
-
     zym::common::BinderProxy::Listener* const listener; ///< may be null
     std::atomic<bool> terminated{false}; ///< no phase begins, and the listener is not called
     Mutex mutex;                         ///< see binder_proxy.cpp

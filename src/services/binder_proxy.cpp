@@ -266,7 +266,7 @@ Binder::Error BinderMqttProxy::unbindSync(conv::SecondsDuration const& timeout) 
     return onUnbindReply(begun.phase, begun.code);
 }
 
-/// A binding that is called off cannot complete any more.
+/// Cancels a binding under way first: it cannot complete any more.
 BinderMqttProxy::Begun BinderMqttProxy::beginUnbinding(RequestReplyClient::Listener* listener,
                                                        conv::SecondsDuration const& timeout) {
     ActiveCalls::Call const call(calls_);
@@ -295,7 +295,7 @@ void BinderMqttProxy::sendUnbinding(Begun& begun, RequestReplyClient::Listener* 
     try {
         MutexLock const lock(phases_->mutex);
         if (phases_->terminated || phases_->unbindingIsCancelled) {
-            // The latter is over without a request to the server.
+            // One that is cancelled already has succeeded, without a request to the server.
             begun.code = phases_->terminated ? ErrorCode::CANCELLED : ErrorCode::SUCCESS;
             return;
         }
@@ -368,10 +368,17 @@ void BinderMqttProxy::onReply(unsigned int requestId, std::string const& name,
                               Uuid const& /*clientUuid*/, Uuid const& /*serverUuid*/,
                               RequestReplyData const& /*data*/, ErrorCode error) {
     ActiveCalls::Call const call(calls_);
+    unsigned int binding = 0;
+    unsigned int unbinding = 0;
+    {
+        MutexLock const lock(phases_->mutex);
+        binding = phases_->binding.numberFor(requestId);
+        unbinding = phases_->unbinding.numberFor(requestId);
+    }
     if (name == bindClient_.name()) {
-        onBindReply(phases_->bindingFor(requestId), error, false);
+        onBindReply(binding, error, false);
     } else if (name == unbindClient_.name()) {
-        onUnbindReply(phases_->unbindingFor(requestId), error);
+        onUnbindReply(unbinding, error);
     }
 }
 

@@ -6,11 +6,11 @@
 
 namespace mqtt {
 
-/// The monotonic clock in seconds, truncated to whole milliseconds.
+/// The monotonic clock in seconds, truncated to milliseconds.
 inline double monotonicSeconds() {
     auto const now = std::chrono::steady_clock::now().time_since_epoch();
-    auto const whole = std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
-    return static_cast<double>(whole) / 1000.0;
+    auto const count = std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
+    return static_cast<double>(count) / 1000.0;
 }
 
 /// Whole seconds, limited to the range of 32 bits.

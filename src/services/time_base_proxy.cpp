@@ -128,7 +128,7 @@ bool SynchronizedTimeBaseMqttProxy::start(Uuid const& server, bool blocking) {
     setServerUuid(server);
     active_ = true;
     try {
-        // The timer's thread is made now, while the caller can be told that there is none.
+        // The timer's thread is made now: if there is none, the caller gets the exception.
         armTimer(timer_, SAMPLE_PERIOD, false);
         timer_.stop();
         active_ = sendRequest(!blocking);
@@ -203,8 +203,8 @@ bool SynchronizedTimeBaseMqttProxy::sendRequest(bool notify) {
     if (isSynchronized()) {
         return false; // the timer's exchange serves as well
     }
-    // The timer's thread has sent a request in a late expiry of an earlier run. Nobody needs its
-    // reply, and without this request there would be no next one.
+    // The timer's thread has sent a request in a late expiry of an earlier run. Its reply is of no
+    // use, and without this request there would be no next one.
     requestClient_.cancel();
     return tryToSendRequest();
 }

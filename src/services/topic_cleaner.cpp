@@ -127,7 +127,9 @@ void TopicCleaner::handleTasksExpiration() {
         ended.splice(ended.end(), tasks_, due);
         lock.unlock();
         ended.clear();
-        callListener([&] { listener_->onTopicCleaned(topic); });
+        if (listener_ != nullptr && !terminated_) {
+            callUser([&] { listener_->onTopicCleaned(topic); });
+        }
         if (!call.isObjectAlive()) {
             return;
         }
@@ -142,7 +144,9 @@ void TopicCleaner::handleTasksExpiration() {
         return;
     }
     lock.unlock();
-    callListener([&] { listener_->onAllTopicsCleaned(); });
+    if (listener_ != nullptr && !terminated_) {
+        callUser([&] { listener_->onAllTopicsCleaned(); });
+    }
     if (!call.isObjectAlive()) {
         return;
     }
@@ -150,13 +154,6 @@ void TopicCleaner::handleTasksExpiration() {
     // The listener may have made the next request.
     cleaning_ = !tasks_.empty();
     tasksDone_.notify_all();
-}
-
-template <class Call>
-void TopicCleaner::callListener(Call const& call) {
-    if (listener_ != nullptr && !terminated_) {
-        callUser(call);
-    }
 }
 
 /// The first in the list whose time has passed; the end when there is none, or after `terminate`.

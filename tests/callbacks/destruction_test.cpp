@@ -1,16 +1,12 @@
-// A test for every cell of the guide's second table that says that an object may be destroyed
-// during its calls, or while others wait in its operations.
+// The destruction of objects during their calls, and while threads wait in their operations, as the
+// guide's second table has it.
 
-#include "stage.hpp"
+#include "callback_test.hpp"
 
-#include "requestreply/blocking_thread.hpp"
-#include "support/watched.hpp"
+#include "requestreply/sleeper.hpp"
 
 #include <deque>
 #include <functional>
-#include <memory>
-#include <string>
-#include <vector>
 
 namespace {
 
@@ -20,107 +16,105 @@ using Error = mqtt::MqttClient::Error;
 using conv::SecondsDuration;
 using std::chrono::milliseconds;
 
-/// Long enough to see that something does not happen; it never makes a right object fail.
-constexpr milliseconds A_WHILE{100};
+/// Long enough to see that something does not happen; a correct object never fails for it.
+constexpr milliseconds OBSERVATION_TIME{100};
 
-/// Whether the destruction of an object that is in the middle of a call waits for the call's end.
+/// The destruction of an object waits for the end of a call that it makes.
 class DestroyedDuringACall : public testing::Test {
 protected:
     ~DestroyedDuringACall() override { EXPECT_TRUE(inside_.copy()) << "nothing was called"; }
 
-    /// In every call of the object.
+    /// To be called in every call of the object.
     void insideTheCall() {
-        inside_.change([](bool& yes) { yes = true; });
-        EXPECT_FALSE(gone_.waitFor([](bool yes) { return yes; }, A_WHILE))
-            << "gone in the middle of a call";
+        set(inside_);
+        EXPECT_FALSE(destroyed_.waitFor(support::isSet, OBSERVATION_TIME))
+            << "destroyed in the middle of a call";
     }
     void hook() {
-        stage.ear.setHook([this](std::string const& /*event*/) { insideTheCall(); });
+        t.events.setHook([this](std::string const& /*event*/) { insideTheCall(); });
+    }
+    void publish(std::string const& below, std::string const& payload) {
+        EXPECT_EQ(t.client->publish(t.topic(below), payload, 0, false), Error::SUCCESS);
     }
     template <class Object>
     void destroy(std::unique_ptr<Object>& object) {
-        ASSERT_TRUE(inside_.waitFor([](bool yes) { return yes; }));
+        ASSERT_TRUE(inside_.waitFor(support::isSet));
         object.reset();
-        gone_.change([](bool& yes) { yes = true; });
+        set(destroyed_);
     }
 
 private:
     support::Watched<bool> inside_{false};
-    support::Watched<bool> gone_{false};
+    support::Watched<bool> destroyed_{false};
 
 protected:
-    Stage stage; // the first to go: it calls
+    CallbackTest t; // destroyed first: it calls
 };
 
 TEST_F(DestroyedDuringACall, MqttClient) {
     hook();
-    EXPECT_EQ(stage.client->subscribe(stage.topic("x"), &stage.ear, 1), Error::SUCCESS);
-    EXPECT_EQ(stage.client->publish(stage.topic("x"), "hello", 0, false), Error::SUCCESS);
-    destroy(stage.client);
+    EXPECT_EQ(t.client->subscribe(t.topic("x"), &t.events, 1), Error::SUCCESS);
+    publish("x", "hello");
+    destroy(t.client);
 }
 
 TEST_F(DestroyedDuringACall, MqttData) {
     hook();
-    EXPECT_EQ(stage.things.makeEndpoint().subscribe(&stage.ear, 1), Error::SUCCESS);
-    EXPECT_EQ(stage.client->publish(stage.topic("value"), R"({"@id": "new"})", 0, false),
-              Error::SUCCESS);
-    destroy(stage.things.endpoint);
+    EXPECT_EQ(t.objects.makeEndpoint().subscribe(&t.events, 1), Error::SUCCESS);
+    publish("value", R"({"@id": "new"})");
+    destroy(t.objects.endpoint);
 }
 
 TEST_F(DestroyedDuringACall, RequestReplyClient) {
     hook();
-    stage.things.makeRequester("echo");
-    EXPECT_EQ(stage.things.request(), Code::PENDING);
-    destroy(stage.things.requester);
+    t.objects.makeRequester("echo");
+    EXPECT_EQ(t.objects.request(), Code::PENDING);
+    destroy(t.objects.requester);
 }
 
 TEST_F(DestroyedDuringACall, RequestReplyServer) {
     hook();
-    EXPECT_EQ(stage.things.serve(), Error::SUCCESS);
-    EXPECT_EQ(stage.client->publish(stage.topic("service?\?/" + stage.things.id.base64URL()),
-                                    R"({"$reqId": 1, "number": 7})", 0, false),
-              Error::SUCCESS);
-    destroy(stage.things.server);
+    EXPECT_EQ(t.objects.serve(), Error::SUCCESS);
+    publish("service?\?/" + t.objects.id.base64URL(), R"({"$reqId": 1, "number": 7})");
+    destroy(t.objects.server);
 }
 
 TEST_F(DestroyedDuringACall, SynchronizedTimeBaseMqttProxy) {
     hook();
-    EXPECT_TRUE(stage.things.makeTimeProxy().startSync(world().device));
-    destroy(stage.things.timeProxy);
+    EXPECT_TRUE(t.objects.makeTimeProxy().startSync(device().id));
+    destroy(t.objects.timeProxy);
 }
 
 TEST_F(DestroyedDuringACall, SynchronizedTimeBaseMqttAdaptor) {
-    stage.things.makeTimeBase().whenAsked = [this] { insideTheCall(); };
-    EXPECT_EQ(stage.client->publish(stage.topic(stage.things.id.base64URL() + "/timeSync?\?/"
-                                                + stage.things.id.base64URL()),
-                                    R"({"$reqId": 1, "client": 1.5})", 0, false),
-              Error::SUCCESS);
-    destroy(stage.things.timeBase);
+    t.objects.makeTimeBase().hook = [this] { insideTheCall(); };
+    auto const id = t.objects.id.base64URL();
+    publish(id + "/timeSync?\?/" + id, R"({"$reqId": 1, "client": 1.5})");
+    destroy(t.objects.timeBase);
 }
 
 TEST_F(DestroyedDuringACall, BinderMqttProxy) {
     hook();
-    EXPECT_EQ(stage.things.makeBinder().bind(world().device, PATIENCE), Binder::Error::SUCCESS);
-    destroy(stage.things.binder);
+    EXPECT_EQ(t.objects.makeBinder().bind(device().id, TIMEOUT_S), Binder::Error::SUCCESS);
+    destroy(t.objects.binder);
 }
 
 TEST_F(DestroyedDuringACall, TopicCleaner) {
     hook();
-    stage.peer.publish(stage.topic("dirt"), "old", 2, true);
-    stage.things.makeCleaner().clean(stage.topic("dirt"), milliseconds::zero());
-    destroy(stage.things.cleaner);
+    t.peer.publish(t.topic("old"), "old", 2, true);
+    t.objects.makeCleaner().clean(t.topic("old"), milliseconds::zero());
+    destroy(t.objects.cleaner);
 }
 
 TEST_F(DestroyedDuringACall, Timer) {
     hook();
-    stage.things.makeTimer();
-    stage.things.restartTimer(milliseconds::zero(), true);
-    destroy(stage.things.timer);
+    t.objects.makeTimer();
+    t.objects.restartTimer(milliseconds::zero(), true);
+    destroy(t.objects.timer);
 }
 
 class DestroyedDuringAWait : public testing::Test {
 protected:
-    /// Destroys the object once all the waits are under way; they then have to end.
+    /// Destroys the object once all waits have begun; this has to end them.
     template <class Object>
     static void destroy(std::unique_ptr<Object>& object,
                         std::vector<std::function<void()>> const& waits) {
@@ -132,43 +126,40 @@ protected:
         object.reset();
     }
 
-    Stage stage;
+    CallbackTest t;
 };
 
 TEST_F(DestroyedDuringAWait, RequestReplyClient) {
-    auto& requester = stage.things.makeRequester("nobody");
-    EXPECT_EQ(stage.things.request(), Code::PENDING);
+    auto& requester = t.objects.makeRequester("nobody");
+    EXPECT_EQ(t.objects.request(), Code::PENDING);
     auto const wait = [&] {
         EXPECT_EQ(requester.waitEndOfRequest(SecondsDuration::NO_TIMEOUT), Code::CANCELLED);
     };
-    destroy(stage.things.requester, {wait, wait});
-    EXPECT_EQ(stage.ear.count("reply 7"), 1U);
+    destroy(t.objects.requester, {wait, wait});
+    EXPECT_EQ(t.events.count("reply 7"), 1U);
 }
 
 TEST_F(DestroyedDuringAWait, SynchronizedTimeBaseMqttProxy) {
-    auto& proxy = stage.things.makeTimeProxy();
-    destroy(stage.things.timeProxy,
-            {[&] { EXPECT_FALSE(proxy.synchronize(stage.things.id, AN_HOUR)); }});
+    auto& proxy = t.objects.makeTimeProxy();
+    destroy(t.objects.timeProxy, {[&] { EXPECT_FALSE(proxy.synchronize(t.objects.id, HOUR_S)); }});
 }
 
 TEST_F(DestroyedDuringAWait, BinderMqttProxy) {
-    auto& binder = stage.things.makeBinder();
-    destroy(stage.things.binder, {[&] {
-                EXPECT_EQ(binder.bindSync(stage.things.id, AN_HOUR), Binder::Error::CANCELLED);
-            }});
+    auto& binder = t.objects.makeBinder();
+    destroy(t.objects.binder,
+            {[&] { EXPECT_EQ(binder.bindSync(t.objects.id, HOUR_S), Binder::Error::CANCELLED); }});
 }
 
 TEST_F(DestroyedDuringAWait, ServiceDiscovererMqtt) {
-    auto& discoverer = stage.things.makeDiscoverer(stage.topic("links"));
-    auto const wait = [&] { EXPECT_FALSE(discoverer.discoverSync(AN_HOUR, true)); };
-    destroy(stage.things.discoverer, {wait, wait});
+    auto& discoverer = t.objects.makeDiscoverer(t.topic("links"));
+    auto const wait = [&] { EXPECT_FALSE(discoverer.discoverSync(HOUR_S, true)); };
+    destroy(t.objects.discoverer, {wait, wait});
 }
 
 TEST_F(DestroyedDuringAWait, TopicCleaner) {
-    auto& cleaner = stage.things.makeCleaner();
-    cleaner.clean(stage.topic("for ever"), std::chrono::hours(1));
-    destroy(stage.things.cleaner,
-            {[&] { EXPECT_TRUE(cleaner.waitAllTasks(std::chrono::hours(1))); }});
+    auto& cleaner = t.objects.makeCleaner();
+    cleaner.clean(t.topic("for ever"), std::chrono::hours(1));
+    destroy(t.objects.cleaner, {[&] { EXPECT_TRUE(cleaner.waitAllTasks(std::chrono::hours(1))); }});
 }
 
 } // namespace

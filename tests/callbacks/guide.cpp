@@ -20,7 +20,7 @@ std::vector<std::string> cellsOf(std::string const& line) {
     return cells;
 }
 
-/// What stands between marks like these: the second piece, the fourth, ...
+/// The texts between two marks each.
 std::vector<std::string> marked(std::string const& text, std::string const& mark) {
     std::vector<std::string> found;
     auto begin = text.find(mark);
@@ -43,11 +43,7 @@ Row rowOf(std::vector<std::string> const& cells, std::string& className) {
     }
     Row row;
     for (auto const& operation : marked(cells[0], "`")) {
-        // Built up: a compiler takes `className + "/" + operation` for a mistake.
-        auto name = className;
-        name += '/';
-        name += operation;
-        row.names.push_back(name);
+        row.names.push_back(std::string(className).append("/").append(operation));
     }
     if (row.names.empty()) {
         row.names.push_back(className);
@@ -72,7 +68,7 @@ std::vector<Row> tableOfTheGuide(std::string const& heading) {
             inside = line == "## " + heading;
             tableLines = 0;
         }
-        // The first two are the heads of the columns and a rule.
+        // The first two lines are the heads of the columns and a rule.
         if (inside && line.rfind('|', 0) == 0 && ++tableLines > 2) {
             rows.push_back(rowOf(cellsOf(line), className));
         }

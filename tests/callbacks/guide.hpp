@@ -6,7 +6,7 @@
 /// A row of a table of docs/guides/threads-and-callbacks.md.
 struct Row {
     std::vector<std::string> names; ///< class and operation: "Timer/stop"
-    std::vector<std::string> cells; ///< of the other columns, without what stands in brackets
+    std::vector<std::string> cells; ///< of the other columns, without text in brackets
 };
 
 /// The table under this heading; empty when there is none.

@@ -1,22 +1,21 @@
 #pragma once
 
-#include "stage.hpp"
+#include "callback_test.hpp"
 
 #include <functional>
 #include <string>
 #include <vector>
 
-/// A public operation, and how to see that a call of it has worked.
+/// A public operation, and how to check that a call of it has worked.
 struct Operation {
-    using Step = std::function<void(Stage&)>;
+    using Step = std::function<void(CallbackTest&)>;
 
     std::string name; ///< class and operation: "Timer/stop"
-    Step prepare;     ///< on the test's thread, before anything calls
+    Step prepare;     ///< on the test's thread, before any callback
     Step call;        ///< inside the callback
     Step check;       ///< on the test's thread, afterwards
-    /// For clients that are not connected.
-    bool offline = false;
-    /// In which of its own calls an object is to be used: "" for the first that comes.
+    bool whileDisconnected = false;
+    /// In which callback of the same object it is called: "" for the first one.
     std::string ownEvent = "";
 };
 
@@ -28,8 +27,8 @@ Operations requestReplyOperations();
 Operations timeBaseOperations();
 Operations binderOperations();
 Operations discoveryOperations();
-Operations cleaningOperations();
+Operations cleanerOperations();
 Operations timerOperations();
 
-/// Nothing to prepare, or nothing more to be seen than what the call returns.
-inline void nothing(Stage& /*stage*/) {}
+/// Where there is nothing to prepare, or to check beside the result of the call.
+inline void nothing(CallbackTest& /*test*/) {}

@@ -1,8 +1,8 @@
-// A test for every callback, and every thread that it is called on, in the guide's table of
-// callbacks: what it throws is dropped, and the object calls it again.
+// Exceptions out of every callback, on every thread that calls it by the guide's table of
+// callbacks: they are dropped, and the object calls it again.
 
+#include "callback_test.hpp"
 #include "guide.hpp"
-#include "stage.hpp"
 
 #include <gmock/gmock.h>
 
@@ -15,7 +15,7 @@ namespace {
 using Binder = zym::common::Binder;
 using Code = mqtt::RequestReply::ErrorCode;
 using Error = mqtt::MqttClient::Error;
-using Step = std::function<void(Stage&)>;
+using Step = std::function<void(CallbackTest&)>;
 using std::chrono::milliseconds;
 
 struct Thrower {
@@ -25,125 +25,132 @@ struct Thrower {
     Step provoke; ///< more than once
 };
 
-void publish(Stage& stage, std::string const& below, std::string const& payload) {
-    EXPECT_EQ(stage.client->publish(stage.topic(below), payload, 0, false), Error::SUCCESS);
+void publish(CallbackTest& t, std::string const& below, std::string const& payload) {
+    EXPECT_EQ(t.client->publish(t.topic(below), payload, 0, false), Error::SUCCESS);
 }
 
-void changeState(Stage& stage) {
-    EXPECT_EQ(stage.client->disconnect(PATIENCE), Error::SUCCESS);
-    EXPECT_EQ(stage.client->connect("", -1, PATIENCE), Error::SUCCESS);
+void changeState(CallbackTest& t) {
+    EXPECT_EQ(t.client->disconnect(TIMEOUT_S), Error::SUCCESS);
+    EXPECT_EQ(t.client->connect("", -1, TIMEOUT_S), Error::SUCCESS);
 }
 
-void request(Stage& stage) {
-    EXPECT_EQ(stage.things.request(), Code::PENDING);
+void request(CallbackTest& t) {
+    EXPECT_EQ(t.objects.request(), Code::PENDING);
 }
 
-/// To a topic that cannot be: the timer ends it.
-void requestInVain(Stage& stage) {
-    EXPECT_EQ(stage.things.requester->request(&stage.ear, stage.things.id, zym::common::Uuid::NIL,
-                                              nullptr, nullptr, nullptr, 0),
+/// The topic is invalid, so the timer ends the request.
+void requestOnInvalidTopic(CallbackTest& t) {
+    EXPECT_EQ(t.objects.requester->request(&t.events, t.objects.id, zym::common::Uuid::NIL, nullptr,
+                                           nullptr, nullptr, 0),
               Code::PENDING);
 }
 
-void makeBinder(Stage& stage) {
-    stage.things.makeBinder();
+void makeBinder(CallbackTest& t) {
+    t.objects.makeBinder();
 }
 
-/// Its requests go to a topic that cannot be.
-void makeBinderInVain(Stage& stage) {
-    stage.things.binder = std::make_unique<mqtt::BinderMqttProxy>(
-        *stage.client, "far/+", "", stage.things.id, stage.topic("bound"), &stage.ear);
+/// The topic of its requests is invalid.
+void makeBinderOnInvalidTopic(CallbackTest& t) {
+    t.objects.binder = std::make_unique<mqtt::BinderMqttProxy>(*t.client, "far/+", "", t.objects.id,
+                                                               t.topic("bound"), &t.events);
 }
 
-void bindSync(Stage& stage) {
-    EXPECT_EQ(stage.things.binder->bindSync(world().device, PATIENCE), Binder::Error::SUCCESS);
+void bindSync(CallbackTest& t) {
+    EXPECT_EQ(t.objects.binder->bindSync(device().id, TIMEOUT_S), Binder::Error::SUCCESS);
 }
 
-void unbindSync(Stage& stage) {
-    EXPECT_EQ(stage.things.binder->unbindSync(PATIENCE), Binder::Error::SUCCESS);
+void unbindSync(CallbackTest& t) {
+    EXPECT_EQ(t.objects.binder->unbindSync(TIMEOUT_S), Binder::Error::SUCCESS);
 }
 
-void bind(Stage& stage, std::uint32_t timeout) {
-    EXPECT_EQ(stage.things.binder->bind(world().device, timeout), Binder::Error::SUCCESS);
+void bind(CallbackTest& t, std::uint32_t timeout) {
+    EXPECT_EQ(t.objects.binder->bind(device().id, timeout), Binder::Error::SUCCESS);
 }
 
-void unbind(Stage& stage, std::uint32_t timeout) {
-    EXPECT_EQ(stage.things.binder->unbind(timeout), Binder::Error::SUCCESS);
+void unbind(CallbackTest& t, std::uint32_t timeout) {
+    EXPECT_EQ(t.objects.binder->unbind(timeout), Binder::Error::SUCCESS);
 }
 
-void clean(Stage& stage) {
-    stage.peer.publish(stage.topic("dirt"), "old", 2, true);
-    stage.things.cleaner->clean(stage.topic("dirt"), milliseconds::zero());
-    EXPECT_TRUE(stage.things.cleaner->waitAllTasks(std::chrono::seconds(PATIENCE)));
+void clean(CallbackTest& t) {
+    t.peer.publish(t.topic("old"), "old", 2, true);
+    t.objects.cleaner->clean(t.topic("old"), milliseconds::zero());
+    EXPECT_TRUE(t.objects.cleaner->waitAllTasks(std::chrono::seconds(TIMEOUT_S)));
 }
 
 std::vector<Thrower> ofMessages() {
-    return {
-        {"onMqttMessage worker", "message ROOT/x",
-         [](Stage& s) { EXPECT_EQ(s.client->subscribe(s.topic("x"), &s.ear, 1), Error::SUCCESS); },
-         [](Stage& s) { publish(s, "x", "hello"); }},
-        {"onComStateChanged worker", "state 2",
-         [](Stage& s) { s.client->registerListener(&s.ear); }, changeState},
-        {"onComStateChanged caller", "state 4",
-         [](Stage& s) { s.client->registerListener(&s.ear); }, changeState},
-        {"onMqttData worker", "value new",
-         [](Stage& s) { EXPECT_EQ(s.things.makeEndpoint().subscribe(&s.ear, 1), Error::SUCCESS); },
-         [](Stage& s) { publish(s, "value", R"({"@id": "new"})"); }},
-        {"onRequest worker", "request",
-         [](Stage& s) { EXPECT_EQ(s.things.serve(), Error::SUCCESS); },
-         [](Stage& s) { s.ask(s.topic("service?\?")); }}};
+    return {{"onMqttMessage worker", "message ROOT/x",
+             [](CallbackTest& t) {
+                 EXPECT_EQ(t.client->subscribe(t.topic("x"), &t.events, 1), Error::SUCCESS);
+             },
+             [](CallbackTest& t) { publish(t, "x", "hello"); }},
+            {"onComStateChanged worker", "state 2",
+             [](CallbackTest& t) { t.client->registerListener(&t.events); }, changeState},
+            {"onComStateChanged caller", "state 4",
+             [](CallbackTest& t) { t.client->registerListener(&t.events); }, changeState},
+            {"onMqttData worker", "value new",
+             [](CallbackTest& t) {
+                 EXPECT_EQ(t.objects.makeEndpoint().subscribe(&t.events, 1), Error::SUCCESS);
+             },
+             [](CallbackTest& t) { publish(t, "value", R"({"@id": "new"})"); }},
+            {"onRequest worker", "request",
+             [](CallbackTest& t) { EXPECT_EQ(t.objects.serve(), Error::SUCCESS); },
+             [](CallbackTest& t) { t.sendRequest(t.topic("service?\?")); }}};
 }
 
 std::vector<Thrower> ofRequests() {
-    return {
-        {"onReply worker", "reply 1", [](Stage& s) { s.things.makeRequester("echo"); }, request},
-        {"onReply caller", "reply 7", [](Stage& s) { s.things.makeRequester("nobody"); },
-         [](Stage& s) {
-             request(s);
-             EXPECT_EQ(s.things.requester->cancel(), Code::SUCCESS);
-         }},
-        {"onReply timer", "reply 3", [](Stage& s) { s.things.makeRequester("+"); }, requestInVain},
-        {"onTimeSynchronized worker", "synchronized", [](Stage& s) { s.things.makeTimeProxy(); },
-         [](Stage& s) {
-             s.things.timeProxy->stop();
-             EXPECT_TRUE(s.things.timeProxy->startSync(world().device));
-         }}};
-}
-
-std::vector<Thrower> ofBindings() {
-    return {{"onBound worker", "bound 0", makeBinder,
-             [](Stage& s) {
-                 s.things.binder->unbindSync(PATIENCE);
-                 bind(s, PATIENCE);
+    return {{"onReply worker", "reply 1", [](CallbackTest& t) { t.objects.makeRequester("echo"); },
+             request},
+            {"onReply caller", "reply 7",
+             [](CallbackTest& t) { t.objects.makeRequester("nobody"); },
+             [](CallbackTest& t) {
+                 request(t);
+                 EXPECT_EQ(t.objects.requester->cancel(), Code::SUCCESS);
              }},
-            {"onBound caller", "bound 0", makeBinder,
-             [](Stage& s) {
-                 s.things.binder->unbindSync(PATIENCE);
-                 bindSync(s);
-             }},
-            {"onBound timer", "bound 3", makeBinderInVain, [](Stage& s) { bind(s, 0); }},
-            {"onUnbound worker", "unbound 0", makeBinder,
-             [](Stage& s) {
-                 bindSync(s);
-                 unbind(s, PATIENCE);
-             }},
-            {"onUnbound caller", "unbound 0", makeBinder,
-             [](Stage& s) {
-                 bindSync(s);
-                 unbindSync(s);
-             }},
-            {"onUnbound timer", "unbound 0", makeBinderInVain, [](Stage& s) {
-                 bind(s, AN_HOUR);
-                 unbind(s, 0);
+            {"onReply timer", "reply 3", [](CallbackTest& t) { t.objects.makeRequester("+"); },
+             requestOnInvalidTopic},
+            {"onTimeSynchronized worker", "synchronized",
+             [](CallbackTest& t) { t.objects.makeTimeProxy(); },
+             [](CallbackTest& t) {
+                 t.objects.timeProxy->stop();
+                 EXPECT_TRUE(t.objects.timeProxy->startSync(device().id));
              }}};
 }
 
+std::vector<Thrower> ofBindings() {
+    return {
+        {"onBound worker", "bound 0", makeBinder,
+         [](CallbackTest& t) {
+             t.objects.binder->unbindSync(TIMEOUT_S);
+             bind(t, TIMEOUT_S);
+         }},
+        {"onBound caller", "bound 0", makeBinder,
+         [](CallbackTest& t) {
+             t.objects.binder->unbindSync(TIMEOUT_S);
+             bindSync(t);
+         }},
+        {"onBound timer", "bound 3", makeBinderOnInvalidTopic, [](CallbackTest& t) { bind(t, 0); }},
+        {"onUnbound worker", "unbound 0", makeBinder,
+         [](CallbackTest& t) {
+             bindSync(t);
+             unbind(t, TIMEOUT_S);
+         }},
+        {"onUnbound caller", "unbound 0", makeBinder,
+         [](CallbackTest& t) {
+             bindSync(t);
+             unbindSync(t);
+         }},
+        {"onUnbound timer", "unbound 0", makeBinderOnInvalidTopic, [](CallbackTest& t) {
+             bind(t, HOUR_S);
+             unbind(t, 0);
+         }}};
+}
+
 std::vector<Thrower> ofTimers() {
-    auto const makeCleaner = [](Stage& s) { s.things.makeCleaner(); };
-    return {{"onTopicCleaned timer", "cleaned ROOT/dirt", makeCleaner, clean},
+    auto const makeCleaner = [](CallbackTest& t) { t.objects.makeCleaner(); };
+    return {{"onTopicCleaned timer", "cleaned ROOT/old", makeCleaner, clean},
             {"onAllTopicsCleaned timer", "all cleaned", makeCleaner, clean},
-            {"Timer timer", "timer", [](Stage& s) { s.things.makeTimer(); },
-             [](Stage& s) { s.things.restartTimer(milliseconds::zero(), true); }}};
+            {"Timer timer", "timer", [](CallbackTest& t) { t.objects.makeTimer(); },
+             [](CallbackTest& t) { t.objects.restartTimer(milliseconds::zero(), true); }}};
 }
 
 std::vector<Thrower> throwers() {
@@ -159,27 +166,27 @@ public:
     explicit Throwing(Thrower thrower) : thrower_(std::move(thrower)) {}
 
     void TestBody() override {
-        Stage stage;
+        CallbackTest t;
         auto event = thrower_.event;
         if (auto const root = event.find("ROOT"); root != std::string::npos) {
-            event.replace(root, 4, stage.root);
+            event.replace(root, 4, t.root);
         }
-        stage.ear.setHook([&, event](std::string const& heard) {
-            if (heard == event) {
-                EXPECT_EQ(threadNow(stage), thrower_.name.substr(thrower_.name.find(' ') + 1));
+        t.events.setHook([&, event](std::string const& recorded) {
+            if (recorded == event) {
+                EXPECT_EQ(threadNow(t), thrower_.name.substr(thrower_.name.find(' ') + 1));
             }
-            throw std::runtime_error("from " + heard);
+            throw std::runtime_error("from " + recorded);
         });
-        thrower_.prepare(stage);
+        thrower_.prepare(t);
         for (std::size_t time = 1; time <= 3; ++time) {
-            thrower_.provoke(stage);
-            ASSERT_TRUE(stage.ear.waitFor(event, time));
+            thrower_.provoke(t);
+            ASSERT_TRUE(t.events.waitFor(event, time));
         }
     }
 
 private:
-    std::string threadNow(Stage const& stage) const {
-        if (stage.client->onWorkerThread()) {
+    std::string threadNow(CallbackTest const& t) const {
+        if (t.client->onWorkerThread()) {
             return "worker";
         }
         return std::this_thread::get_id() == test_ ? "caller" : "timer";

@@ -22,21 +22,21 @@ namespace {
 
 using support::ScriptedServer;
 
-/// A thread that does something with a socket.
-class Party {
+/// A thread that makes one system call with a socket.
+class SocketThread {
 public:
-    explicit Party(std::function<void()> const& act)
-        : thread_([this, act] {
+    explicit SocketThread(std::function<void()> const& call)
+        : thread_([this, call] {
               id_ = static_cast<pid_t>(::syscall(SYS_gettid));
-              act();
+              call();
               done_ = true;
           }) {}
-    ~Party() { thread_.join(); }
-    Party(Party const&) = delete;
-    Party& operator=(Party const&) = delete;
+    ~SocketThread() { thread_.join(); }
+    SocketThread(SocketThread const&) = delete;
+    SocketThread& operator=(SocketThread const&) = delete;
 
-    /// Waits until it is blocked in this system call.
-    bool getsTo(long systemCall) const {
+    /// Waits until the thread is blocked in this system call.
+    bool isBlockedIn(long systemCall) const {
         return support::eventually([&] {
             std::ifstream file("/proc/self/task/" + std::to_string(id_) + "/syscall");
             long current = -1;
@@ -44,10 +44,10 @@ public:
         });
     }
     bool isDone() const { return done_; }
-    void breakOff() const { mqtt::breakConnect(id_); }
-    bool isBrokenOff() const {
+    void breakConnect() const { mqtt::breakConnect(id_); }
+    bool endsWhenBroken() const {
         return support::eventually([this] {
-            breakOff();
+            breakConnect();
             return isDone();
         });
     }
@@ -74,32 +74,32 @@ protected:
 };
 
 TEST_F(AConnect, ThatWaitsForAnAnswerIsBroken) {
-    Party const one([this] { connect(); });
-    EXPECT_TRUE(one.isBrokenOff());
+    SocketThread const one([this] { connect(); });
+    EXPECT_TRUE(one.endsWhenBroken());
 }
 
 TEST_F(AConnect, OfAnotherThreadIsLeftAlone) {
-    Party const other([this] { connect(); });
-    ASSERT_TRUE(other.getsTo(SYS_connect));
-    Party const one([this] { connect(); });
-    EXPECT_TRUE(one.isBrokenOff());
+    SocketThread const other([this] { connect(); });
+    ASSERT_TRUE(other.isBlockedIn(SYS_connect));
+    SocketThread const one([this] { connect(); });
+    EXPECT_TRUE(one.endsWhenBroken());
     EXPECT_FALSE(other.isDone());
-    EXPECT_TRUE(other.isBrokenOff());
+    EXPECT_TRUE(other.endsWhenBroken());
 }
 
 TEST(AThreadThatReads, IsLeftAlone) {
     support::TcpPair const pair;
     char byte = '-';
     {
-        Party const reader([&] { EXPECT_EQ(::read(pair.near.get(), &byte, 1), 1); });
-        ASSERT_TRUE(reader.getsTo(SYS_read));
-        reader.breakOff();
+        SocketThread const reader([&] { EXPECT_EQ(::read(pair.near.get(), &byte, 1), 1); });
+        ASSERT_TRUE(reader.isBlockedIn(SYS_read));
+        reader.breakConnect();
         ASSERT_EQ(::send(pair.far.get(), "x", 1, 0), 1);
     }
     EXPECT_EQ(byte, 'x');
 }
 
-TEST(AThreadThatThereIsNot, IsLeftAlone) {
+TEST(AThreadThatDoesNotExist, IsLeftAlone) {
     for (pid_t const none : {-1, 0}) {
         mqtt::breakConnect(none);
     }

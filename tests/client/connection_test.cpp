@@ -91,7 +91,7 @@ TEST(AClientOfAUnixSocket, ConnectsWithPortZero) {
 }
 
 TEST(AClientWithoutABroker, IsToldTheSystemsReasonAndGoesOnTrying) {
-    support::PortLease const port; // nobody listens there
+    support::PortLease const port; // without a listener
     MqttClient client(support::uniqueId(), false, "", "127.0.0.1", port.port(), false);
     std::ostringstream text;
     text << client.connect("", -1, WAIT_SECONDS);

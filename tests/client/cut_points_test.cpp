@@ -1,6 +1,6 @@
 // Values published to one topic while the publisher's connection is cut, again and again, at
-// random points of the QoS 2 handshake. A raw peer that stays connected at the broker says what
-// became of them.
+// random points of the QoS 2 handshake. A raw peer that stays connected to the broker receives
+// them.
 
 #include "support/broker.hpp"
 #include "support/cut_proxy.hpp"
@@ -51,7 +51,7 @@ std::set<int> missing(Payloads const& payloads, int count) {
     return result;
 }
 
-/// What the broker's log says of one value's handshake.
+/// One value's handshake in the broker's log.
 struct Handshake {
     bool open = false;     ///< PUBREC is sent, PUBREL awaited on the connection that stands
     bool dropped = false;  ///< it was open when its connection ended

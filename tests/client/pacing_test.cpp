@@ -21,7 +21,7 @@ using Error = mqtt::MqttClient::Error;
 
 SecondsDuration const PATIENCE{30};
 
-bool leadsTo(int fd, int port) {
+bool isConnectedTo(int fd, int port) {
     sockaddr_in peer{};
     socklen_t length = sizeof peer;
     return ::getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &length) == 0
@@ -32,14 +32,14 @@ bool leadsTo(int fd, int port) {
 int connectionTo(int port) {
     for (auto const& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
         int const fd = std::atoi(entry.path().filename().c_str());
-        if (leadsTo(fd, port)) {
+        if (isConnectedTo(fd, port)) {
             return fd;
         }
     }
     return -1;
 }
 
-/// A client, alone at its broker.
+/// A client with a broker of its own.
 class APacedClient : public testing::Test {
 protected:
     explicit APacedClient(bool connected = true)
@@ -56,26 +56,26 @@ protected:
         return support::eventually([this] { return !sendsAtOnce(); });
     }
 
-    void stream(int count) {
+    void publish(int count) {
         for (int i = 0; i < count; ++i) {
             EXPECT_EQ(client->publish(topic, "news", 1, false), Error::SUCCESS);
         }
     }
 
-    void subscribeToMany() {
-        for (int i = 0; i < MANY; ++i) {
+    void subscribeToAll() {
+        for (int i = 0; i < STREAM_LENGTH; ++i) {
             EXPECT_EQ(client->subscribe(topic + std::to_string(i), &recorder, 0), Error::SUCCESS);
         }
     }
 
-    bool becomesTalkative() {
+    bool sendsAtOnceAfterExchanges() {
         return support::eventually([this] {
             EXPECT_EQ(client->publishWait(topic, "news", 1, false, PATIENCE), Error::SUCCESS);
             return sendsAtOnce();
         });
     }
 
-    static constexpr int MANY = 100;
+    static constexpr int STREAM_LENGTH = 100;
 
     static support::ClientOptions options(bool connected) {
         support::ClientOptions result;
@@ -89,70 +89,70 @@ protected:
     std::unique_ptr<mqtt::MqttClient> client;
 };
 
-class APacedClientToBe : public APacedClient {
+class AnUnconnectedPacedClient : public APacedClient {
 protected:
-    APacedClientToBe() : APacedClient(false) {}
+    AnUnconnectedPacedClient() : APacedClient(false) {}
 
     void connect() { ASSERT_EQ(client->connect("", -1, PATIENCE), Error::SUCCESS); }
 };
 
 TEST_F(APacedClient, SendsAtOnceWhatItWaitsFor) {
-    for (int i = 0; i < MANY; ++i) {
+    for (int i = 0; i < STREAM_LENGTH; ++i) {
         ASSERT_EQ(client->publishWait(topic, "news", 1, false, PATIENCE), Error::SUCCESS);
     }
     EXPECT_TRUE(sendsAtOnce());
 }
 
-TEST_F(APacedClient, SendsAtOnceInAConversation) {
+TEST_F(APacedClient, SendsAtOnceInAnExchange) {
     ASSERT_EQ(client->subscribe(topic, &recorder, 0), Error::SUCCESS);
-    for (std::size_t i = 1; i <= MANY; ++i) {
-        stream(1);
+    for (std::size_t i = 1; i <= STREAM_LENGTH; ++i) {
+        publish(1);
         ASSERT_TRUE(recorder.waitForCount(i));
     }
     EXPECT_TRUE(sendsAtOnce());
 }
 
 TEST_F(APacedClient, GathersAStreamOfPublications) {
-    stream(MANY);
+    publish(STREAM_LENGTH);
     EXPECT_TRUE(gathers());
 }
 
 TEST_F(APacedClient, GathersAStreamOfClearedTopics) {
-    for (int i = 0; i < MANY; ++i) {
+    for (int i = 0; i < STREAM_LENGTH; ++i) {
         ASSERT_EQ(client->clear(topic), Error::SUCCESS);
     }
     EXPECT_TRUE(gathers());
 }
 
 TEST_F(APacedClient, GathersAStreamOfSubscriptions) {
-    subscribeToMany();
+    subscribeToAll();
     EXPECT_TRUE(gathers());
 }
 
 TEST_F(APacedClient, GathersAStreamOfUnsubscriptions) {
-    subscribeToMany();
+    subscribeToAll();
     ASSERT_TRUE(gathers());
-    ASSERT_TRUE(becomesTalkative());
-    for (int i = 0; i < MANY; ++i) {
+    ASSERT_TRUE(sendsAtOnceAfterExchanges());
+    for (int i = 0; i < STREAM_LENGTH; ++i) {
         ASSERT_EQ(client->unsubscribe(topic + std::to_string(i), &recorder), Error::SUCCESS);
     }
     EXPECT_TRUE(gathers());
 }
 
 TEST_F(APacedClient, SendsAtOnceAgainAfterAStream) {
-    stream(MANY);
+    publish(STREAM_LENGTH);
     ASSERT_TRUE(gathers());
-    EXPECT_TRUE(becomesTalkative());
+    EXPECT_TRUE(sendsAtOnceAfterExchanges());
 }
 
-TEST_F(APacedClientToBe, GathersWhatHasQueuedUp) {
-    stream(MANY);
+TEST_F(AnUnconnectedPacedClient, GathersWhatWasQueued) {
+    publish(STREAM_LENGTH);
     connect();
     EXPECT_TRUE(gathers());
 }
 
-TEST_F(APacedClientToBe, GathersTheSubscriptionsOfItsRegistry) {
-    subscribeToMany();
+TEST_F(AnUnconnectedPacedClient, GathersTheSubscriptionsOfItsRegistry) {
+    subscribeToAll();
     connect();
     EXPECT_TRUE(gathers());
 }

@@ -37,7 +37,7 @@ void noteAttempt(sockaddr const* address) {
 
 } // namespace
 
-// Nobody else can tell of attempts at a port where nobody listens.
+// No other way shows attempts at a port without a listener.
 extern "C" __attribute__((visibility("default"))) int connect(int fd, sockaddr const* address,
                                                               socklen_t length) {
     using Connect = int (*)(int, sockaddr const*, socklen_t);

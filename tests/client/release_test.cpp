@@ -31,6 +31,8 @@ TEST_F(ARelease, DropsAllRegistrationsOfASubscriberUntilItSubscribesAgain) {
     client->release(&first);
     client->release(&third); // unknown
     client->release(nullptr);
+    sendAll();
+    EXPECT_THAT(topicsIn(Type::UNSUBSCRIBE, 1), ElementsAre("a", "b/#"));
     for (char const* const topic : {"a", "b/x", "c"}) {
         send(topic, topic);
     }
@@ -40,8 +42,6 @@ TEST_F(ARelease, DropsAllRegistrationsOfASubscriberUntilItSubscribesAgain) {
     for (char const* const topic : {"a", "b/#", "c"}) {
         EXPECT_EQ(client->unsubscribe(topic, &first), Error::NOT_FOUND) << topic;
     }
-    EXPECT_EQ(topicsIn(Type::UNSUBSCRIBE, 1)[0], "a");
-    EXPECT_EQ(topicsIn(Type::UNSUBSCRIBE, 1)[1], "b/#");
     subscribe("a", first);
     send("a", "x");
     receiveAll();

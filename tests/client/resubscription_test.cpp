@@ -46,17 +46,6 @@ TEST_F(AReconnection, LeavesOutWhatWasUnsubscribedMeanwhile) {
     EXPECT_THAT(topicsIn(Type::SUBSCRIBE, 2), ElementsAre("b", "c"));
 }
 
-TEST_F(AReconnection, KeepsSubscribersTheirOrderAndTheirTags) {
-    subscribe("a", first, 1);
-    subscribe("a", second, 2);
-    subscribe("a", first, 3);
-    reconnect();
-    send("a", "x");
-    receiveAll();
-    EXPECT_THAT(first.deliveries(), ElementsAre(Delivery{1, "a", "x"}, Delivery{3, "a", "x"}));
-    EXPECT_THAT(second.deliveries(), ElementsAre(Delivery{2, "a", "x"}));
-}
-
 TEST_F(AReconnection, SubscribesThenSendsTheQueueAndThenTheStateIsConnected) {
     support::StateRecorder listener([&](conv::ComState state) {
         if (state == conv::ComState::CONNECTED) {

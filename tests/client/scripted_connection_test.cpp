@@ -1,4 +1,4 @@
-// Connecting, disconnecting and the worker, as the broker library is told to.
+// Connecting, disconnecting and the worker, over a stand-in for the broker library.
 
 #include "client/client_on_a_script.hpp"
 
@@ -20,7 +20,6 @@
 namespace {
 
 using conv::ComState;
-using conv::SecondsDuration;
 using support::StandIn;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -34,7 +33,7 @@ constexpr int FAILED = 14;
 /// Made for the host "host" and port 1883.
 class AConnectionOnAScript : public AClientOnAScript {
 protected:
-    /// Host and port of each connection that the library was told to make.
+    /// Host and port of each call of the library's `connect`.
     std::vector<std::pair<std::string, int>> requested() const {
         std::vector<std::pair<std::string, int>> result;
         for (auto const& call : script_->calls(Operation::CONNECT)) {
@@ -139,7 +138,7 @@ TEST_F(AConnectionMadeByTwo, SucceedsForOneOfThem) {
     }
 }
 
-/// A client that was told to disconnect, while something else happens.
+/// A client whose `disconnect` was called, while something else happens.
 class ADisconnectingClient : public AClientOnAScript {
 protected:
     /// The library takes the packet, but the connection stays.
@@ -178,7 +177,7 @@ TEST_P(ADisconnectingClientAtEveryQos, KeepsItsQueueWhenTheBrokerAcceptsTheConne
     EXPECT_THAT(published(), ElementsAre("0", "1"));
 }
 
-TEST_F(ADisconnectingClient, KeepsItsQueueWhenItIsToldWhileItSubscribes) {
+TEST_F(ADisconnectingClient, KeepsItsQueueWhenItIsCalledWhileTheWorkerSubscribes) {
     queue({"0"}, 0);
     ASSERT_EQ(client_->subscribe("b", &subscriber_, 0), Error::SUCCESS);
     beginToConnect();
@@ -233,26 +232,18 @@ TEST_F(ADisconnectingClient, IsDisconnectedHoweverItsConnectionEnds) {
 
 TEST_F(ADisconnectingClient, DoesNotTryAgainWhenItsConnectionFails) {
     connect();
-    support::Watched<bool> told;
+    support::Watched<bool> calledDisconnect;
     script_->setHook(Operation::RECONNECT, [&](auto const&) {
-        EXPECT_TRUE(told.waitFor(support::isSet));
+        EXPECT_TRUE(calledDisconnect.waitFor(support::isSet));
         return std::optional<int>(FAILED);
     });
     script_->loseConnection(CONN_LOST);
     ASSERT_TRUE(script_->waitForCalls(Operation::RECONNECT, 1));
     beginToDisconnect();
-    support::set(told);
+    support::set(calledDisconnect);
     ASSERT_TRUE(states_.waitFor(ComState::DISCONNECTED));
     letTheStepEnd();
     EXPECT_EQ(script_->count(Operation::RECONNECT), 1U);
-}
-
-TEST_F(ADisconnectingClient, DoesNotWaitOnItsOwnWorker) {
-    connect();
-    script_->runInLoop([this](auto&) {
-        EXPECT_EQ(client_->disconnect(SecondsDuration::NO_TIMEOUT), Error::TIMEOUT);
-    });
-    EXPECT_TRUE(states_.waitFor(ComState::DISCONNECTED));
 }
 
 // The worker

@@ -16,7 +16,7 @@ namespace {
 
 using mqtt::SendPacing;
 
-/// A client's end of a TCP connection whose other end takes its time to acknowledge.
+/// A client's end of a TCP connection whose other end delays its acknowledgements.
 class APublisher : public testing::Test {
 protected:
     void SetUp() override {
@@ -40,14 +40,14 @@ protected:
 
     void step() { pacing.stepped(pair.near.get()); }
 
-    void streams(bool answered = true) {
+    void startStream(bool answered = true) {
         for (int i = 0; i < 100; ++i) {
-            pacing.issued(answered);
+            pacing.packetIssued(answered);
         }
         step();
     }
 
-    /// Sends small pieces until one is held back for want of an acknowledgement.
+    /// Sends small pieces until one is held back until an acknowledgement comes.
     bool getsHeldBack() {
         return support::eventually(
             [this] { return ::send(pair.near.get(), "x", 1, 0) == 1 && heldBack() > 0; });
@@ -62,24 +62,24 @@ TEST_F(APublisher, SendsAtOnceToBeginWith) {
     EXPECT_FALSE(pacing.holdsBack());
 }
 
-TEST_F(APublisher, SendsAtOnceAsLongAsTheBrokerHasItsSay) {
+TEST_F(APublisher, SendsAtOnceAsLongAsAnswersArrive) {
     for (int i = 0; i < 100; ++i) {
-        pacing.issued(true);
-        pacing.issued(true);
+        pacing.packetIssued(true);
+        pacing.packetIssued(true);
         step();
-        pacing.answered();
+        pacing.answerArrived();
     }
     EXPECT_TRUE(sendsAtOnce());
 }
 
 TEST_F(APublisher, GathersWhatItStreams) {
-    streams();
+    startStream();
     EXPECT_FALSE(sendsAtOnce());
     EXPECT_TRUE(pacing.holdsBack());
 }
 
 TEST_F(APublisher, ReleasesTheEndOfAStreamAfterAPause) {
-    streams();
+    startStream();
     ASSERT_TRUE(getsHeldBack());
     EXPECT_TRUE(support::eventually([this] {
         step();
@@ -90,47 +90,47 @@ TEST_F(APublisher, ReleasesTheEndOfAStreamAfterAPause) {
 }
 
 TEST_F(APublisher, WaitsShorterForTheEndOfAStreamThatTheBrokerDoesNotAnswer) {
-    streams();
-    auto const answered = pacing.patience();
-    streams(false);
-    EXPECT_LT(pacing.patience(), answered);
+    startStream();
+    auto const answered = pacing.longestWait();
+    startStream(false);
+    EXPECT_LT(pacing.longestWait(), answered);
 }
 
 TEST_F(APublisher, HoldsBackAgainWhatFollowsAPause) {
-    streams();
+    startStream();
     ASSERT_TRUE(support::eventually([this] {
         step();
         return !pacing.holdsBack();
     }));
-    pacing.issued(true);
+    pacing.packetIssued(true);
     step();
     EXPECT_TRUE(pacing.holdsBack());
 }
 
-TEST_F(APublisher, SendsAtOnceAgainWhenTheStreamHasBecomeAConversation) {
-    streams();
-    pacing.answered();
+TEST_F(APublisher, SendsAtOnceAgainWhenTheStreamHasBecomeAnExchange) {
+    startStream();
+    pacing.answerArrived();
     for (int i = 0; i < 15; ++i) {
         step();
     }
-    EXPECT_FALSE(sendsAtOnce()) << "one word does not make a conversation";
+    EXPECT_FALSE(sendsAtOnce()) << "one answer does not make an exchange";
     step();
     EXPECT_TRUE(sendsAtOnce());
     EXPECT_FALSE(pacing.holdsBack());
 }
 
-TEST_F(APublisher, GoesOnGatheringWhileTheBrokerIsHeardNowAndThen) {
-    streams();
+TEST_F(APublisher, GoesOnGatheringWhileAnswersArriveNowAndThen) {
+    startStream();
     for (int i = 0; i < 100; ++i) {
-        pacing.answered();
+        pacing.answerArrived();
         step();
         EXPECT_FALSE(sendsAtOnce());
-        streams();
+        startStream();
     }
 }
 
 TEST_F(APublisher, SendsAtOnceOnANewConnection) {
-    streams();
+    startStream();
     pacing.begin(pair.near.get());
     step();
     EXPECT_TRUE(sendsAtOnce());

@@ -74,12 +74,12 @@ private:
     std::thread thread_;
 };
 
-class TheWaitForVisitors : public testing::Test {
+class TheWaitForActiveCalls : public testing::Test {
 protected:
     std::shared_ptr<ActiveCalls> calls = std::make_shared<ActiveCalls>();
 };
 
-TEST_F(TheWaitForVisitors, LastsUntilTheLastOneHasLeftForEveryThreadThatWaits) {
+TEST_F(TheWaitForActiveCalls, EndsForAllWaitingThreadsWithTheLastCall) {
     calls->waitForOthers(); // nobody is inside
     CallOnAThread first(calls);
     CallOnAThread second(calls);
@@ -94,14 +94,14 @@ TEST_F(TheWaitForVisitors, LastsUntilTheLastOneHasLeftForEveryThreadThatWaits) {
     EXPECT_TRUE(outside.ends());
 }
 
-TEST_F(TheWaitForVisitors, IsNotForTheOwnThreadAndMayBeTheEndOfWhatWasVisited) {
+TEST_F(TheWaitForActiveCalls, IgnoresItsOwnThreadWhichMayDestroyTheObject) {
     ActiveCalls::Call const outer(calls);
     ActiveCalls::Call const inner(calls);
     calls->waitForOthers();
     calls.reset();
 }
 
-TEST_F(TheWaitForVisitors, CountsEveryVisitOfAThread) {
+TEST_F(TheWaitForActiveCalls, CountsEachCallOfAThread) {
     std::optional<ActiveCalls::Call> inner;
     auto outer = std::make_unique<ActiveCalls::Call>(calls);
     inner.emplace(calls);
@@ -112,7 +112,7 @@ TEST_F(TheWaitForVisitors, CountsEveryVisitOfAThread) {
     EXPECT_TRUE(waiting.ends());
 }
 
-TEST_F(TheWaitForVisitors, IsOverWhenTheVisitorsLeaveEarly) {
+TEST_F(TheWaitForActiveCalls, EndsWhenCallsAreEndedEarly) {
     auto const outer = std::make_unique<ActiveCalls::Call>(calls);
     auto inner = std::make_unique<ActiveCalls::Call>(calls);
     CallOnAThread other(calls);
@@ -130,7 +130,7 @@ TEST_F(TheWaitForVisitors, IsOverWhenTheVisitorsLeaveEarly) {
     EXPECT_TRUE(next.ends());
 }
 
-TEST_F(TheWaitForVisitors, EndsAfterAllAccesses) {
+TEST_F(TheWaitForActiveCalls, EndsAfterAllAccesses) {
     for (int round = 0; round < 200; ++round) {
         auto value = std::make_unique<std::atomic<int>>(0);
         std::atomic<int> inside{0};

@@ -23,6 +23,7 @@ support::VirtualTable const ENDPOINT{"mqtt::MqttDataBase::onMqttMessage",
                                      "serialize",
                                      "notify"};
 
+std::string const OF_THE_BASE = "mqtt::MqttDataBase::";
 std::string const OF_A_LINK = "mqtt::MqttData<mqtt::Link>::";
 std::string const OF_LINKS = "mqtt::MqttData<std::vector<mqtt::Link> >::";
 
@@ -69,18 +70,18 @@ ClassLayout const LAYOUTS[] = {
      "void deserialize(mqtt::Topic const&, std::string const&, bool) override;\n"
      "void serialize(mqtt::Topic const&, std::string&) const override;\n"
      "void notify(bool, int, Lock&) override;\n",
-     {{"onMqttMessage", "~", "~", "getPublishTopic", "getSubscribeTopic", "deserialize",
-       "serialize", "notify"}}},
+     {{OF_THE_BASE + "onMqttMessage", "~", "~", OF_THE_BASE + "getPublishTopic",
+       OF_THE_BASE + "getSubscribeTopic", "deserialize", "serialize", "notify"}}},
     {"mqtt/link.hpp",
      "mqtt::MqttData<mqtt::Link>",
      "using Base::Base;\n~Derived() override;\n",
-     {{"mqtt::MqttDataBase::onMqttMessage", "~", "~", OF_A_LINK + "getPublishTopic",
+     {{OF_THE_BASE + "onMqttMessage", "~", "~", OF_A_LINK + "getPublishTopic",
        OF_A_LINK + "getSubscribeTopic", OF_A_LINK + "deserialize", OF_A_LINK + "serialize",
        OF_A_LINK + "notify"}}},
     {"mqtt/link.hpp",
      "mqtt::MqttDataCollection<mqtt::Link>",
      "",
-     {{"mqtt::MqttDataBase::onMqttMessage", "~", "~", OF_LINKS + "getPublishTopic",
+     {{OF_THE_BASE + "onMqttMessage", "~", "~", OF_LINKS + "getPublishTopic",
        OF_LINKS + "getSubscribeTopic", OF_LINKS + "deserialize", OF_LINKS + "serialize",
        OF_LINKS + "notify"}}},
     subscriberOf("mqtt/link.hpp", "mqtt::Link"),

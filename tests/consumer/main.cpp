@@ -1,5 +1,5 @@
-// A tank and its display, over a real broker: a value of the application's own type is published
-// and read, a request is answered. Ends with 0 when both came through.
+// A tank and its display, with a real broker: a value of the application's own type is published
+// and read, and a request is answered. The exit code is 0 when both have succeeded.
 //
 // Usage: consumer HOST PORT
 
@@ -25,7 +25,7 @@ using zym::common::Uuid;
 
 Uuid const TANK_ID(1);
 Uuid const DISPLAY_ID(2);
-constexpr conv::SecondsDuration PATIENCE(30);
+constexpr conv::SecondsDuration TIMEOUT(30);
 
 class Litres final : public mqtt::RequestReplyData {
 public:
@@ -53,8 +53,8 @@ public:
 class Display final : public MqttData<FillLevel>::Subscriber {
 public:
     void onMqttData(FillLevel const& level, bool empty, int /*id*/) override {
-        if (!empty && !told_) {
-            told_ = true;
+        if (!empty && !received_) {
+            received_ = true;
             level_.set_value(level.litres);
         }
     }
@@ -68,7 +68,7 @@ public:
 
 private:
     std::promise<unsigned int> level_;
-    bool told_ = false; // used on the client's worker thread only
+    bool received_ = false; // used on the client's worker thread only
 };
 
 void require(bool condition, char const* what) {
@@ -94,20 +94,20 @@ void ask(MqttClient& atTank, MqttClient& atDisplay) {
     require(server.subscribe(&tank, TANK_ID, std::make_shared<Litres>())
                 == MqttClient::Error::SUCCESS,
             "cannot serve");
-    // The subscription is with the broker when what was sent after it is.
-    atTank.publishWait("consumer/marker", "", 1, false, PATIENCE);
+    // Sent behind the subscription: when it has arrived, the subscription stands.
+    atTank.publishWait("consumer/marker", "", 1, false, TIMEOUT);
 
     mqtt::RequestReplyClient draw(atDisplay, "consumer/tank", mqtt::Topic(), "draw");
     auto const left = std::make_shared<Litres>();
     auto const result =
-        draw.requestWait(DISPLAY_ID, TANK_ID, std::make_shared<Litres>(7), left, PATIENCE);
+        draw.requestWait(DISPLAY_ID, TANK_ID, std::make_shared<Litres>(7), left, TIMEOUT);
     require(result == RequestReply::ErrorCode::SUCCESS, "the request failed");
     require(left->count == 93, "another reply was received");
     std::cout << "a request: answered\n";
 }
 
 void connect(MqttClient& client) {
-    auto const result = client.connect("", -1, PATIENCE);
+    auto const result = client.connect("", -1, TIMEOUT);
     std::cout << "connecting: " << result << '\n';
     require(result == MqttClient::Error::SUCCESS, "cannot connect");
 }

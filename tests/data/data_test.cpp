@@ -1,4 +1,4 @@
-// Typed endpoints: what their subscribers are told, copies, and their end.
+// Typed endpoints: publishing, subscribing, copies, and their end.
 
 #include "data/a_typed_endpoint.hpp"
 
@@ -115,12 +115,6 @@ TEST_F(ATypedEndpoint, TellsItsSubscriberOfEveryValueAndOfAnEmptyPayload) {
     EXPECT_EQ(endpoint.value.id, "y");
 }
 
-TEST_F(ATypedEndpoint, TakesOverValuesWithoutASubscriberToo) {
-    ASSERT_EQ(endpoint.subscribe(nullptr, 0), Error::SUCCESS);
-    deliver("x");
-    EXPECT_EQ(endpoint.value.id, "x");
-}
-
 TEST_F(ATypedEndpoint, SubscribedTwiceTellsTwiceAndUnsubscribedNoMore) {
     LinkRecorder recorder;
     ASSERT_EQ(endpoint.subscribe(&recorder, 1), Error::SUCCESS);
@@ -148,20 +142,6 @@ TEST_F(ATypedEndpoint, GivesItsSubscriberACopyAndHoldsNoLock) {
     deliver("x");
     EXPECT_EQ(seen, "x");
     EXPECT_EQ(endpoint.value.id, "changed");
-}
-
-TEST_F(ATypedEndpoint, MayBeUsedByItsSubscriber) {
-    LinkRecorder recorder([&](Link const&) {
-        endpoint.publish();
-        EXPECT_EQ(endpoint.clean(), Error::SUCCESS);
-        EXPECT_EQ(endpoint.unsubscribe(), Error::SUCCESS);
-        EXPECT_EQ(endpoint.subscribe(&recorder, 2), Error::SUCCESS);
-    });
-    ASSERT_EQ(endpoint.subscribe(&recorder, 1), Error::SUCCESS);
-    deliver("x");
-    deliver("y");
-    EXPECT_THAT(recorder.calls(), ElementsAre("x 1", "y 2"));
-    EXPECT_THAT(published(), SizeIs(4));
 }
 
 TEST_F(ATypedEndpoint, SurvivesASubscriberThatThrows) {
@@ -284,16 +264,6 @@ TEST_F(ATypedEndpoint, MayBeDestroyedByItsOwnSubscriber) {
     deliver("y");
     EXPECT_THAT(recorder.calls(), ElementsAre("x 1"));
     EXPECT_THAT(other.calls(), ElementsAre("x 2", "y 2"));
-}
-
-TEST_F(ATypedEndpoint, MayBeDestroyedByTheSubscriberOfAnother) {
-    auto passing = std::make_unique<MqttData<Link>>(*client_, "a/b");
-    LinkRecorder destroyer([&](Link const&) { passing.reset(); });
-    LinkRecorder recorder;
-    ASSERT_EQ(endpoint.subscribe(&destroyer, 1), Error::SUCCESS);
-    ASSERT_EQ(passing->subscribe(&recorder, 2), Error::SUCCESS);
-    deliver("x");
-    EXPECT_THAT(recorder.calls(), IsEmpty());
 }
 
 TEST_F(ATypedEndpoint, DestroyedOnAnotherThreadWaitsForTheCallUnderWay) {

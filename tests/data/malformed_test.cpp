@@ -27,7 +27,7 @@ using mqtt::Link;
 using mqtt::MqttData;
 using Links = std::vector<Link>;
 
-/// A subscribed endpoint with a value, whose subscriber records the values it is told.
+/// A subscribed endpoint with a value, whose subscriber records its values.
 template <class T>
 class Recorder : public MqttData<T>::Subscriber {
 public:
@@ -46,7 +46,7 @@ public:
         values_.change([&](auto& values) { values.push_back(value); });
     }
 
-    /// What the subscriber is told when this payload and then a good document are published.
+    /// The values of its subscriber when this payload and then a good document are published.
     std::vector<T> valuesAfter(support::RawPeer& peer, std::string const& payload, T const& good,
                                std::size_t count) {
         auto const topic = endpoint_.topicBase().text();

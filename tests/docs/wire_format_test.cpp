@@ -1,5 +1,5 @@
-// Holds docs/wire-format.md to what the library does. A box there is a fenced block with a
-// language and a name, "```json reply".
+// docs/wire-format.md shows what the library writes. A box there is a fenced block with a language
+// and a name, "```json reply".
 
 #include "requestreply/endpoint.hpp"
 #include "requestreply/sample_data.hpp"
@@ -44,7 +44,7 @@ Boxes boxesOfThePage() {
         while (std::getline(page, line) && line != "```") {
             body += (body.empty() ? "" : "\n") + line;
         }
-        EXPECT_TRUE(boxes.emplace(heading, body).second) << heading << " stands there twice";
+        EXPECT_TRUE(boxes.emplace(heading, body).second) << heading << " is there twice";
     }
     return boxes;
 }
@@ -61,34 +61,16 @@ std::string written(T const& value) {
     return written<MqttData<T>, T>(value);
 }
 
-conv::CommunicationStatus communication(conv::ComState state, conv::UnixTime since) {
-    conv::CommunicationStatus status;
-    status.state = state;
-    status.since = since;
-    return status;
-}
-
-conv::Identification identification() {
-    conv::Identification result;
-    result.uuid = SERVER.to_string();
-    result.manufacturer = "Pumps & Sons";
-    result.model = "P-200";
-    result.serial = "0042";
-    result.physicalName = "M1";
-    result.name = "main \"cold\" pump";
-    result.interface = "pump/2";
-    result.version = "1.4.0";
-    result.location = "hall 3\nnorth wall";
-    result.contact = "C:\\keys\tdesk 7";
-    return result;
-}
-
-conv::ServiceStatus serviceStatus() {
-    conv::ServiceStatus status;
-    status.operating = 1;
-    status.health = 3;
-    return status;
-}
+conv::Identification const IDENTIFICATION{SERVER.to_string(),
+                                          "Pumps & Sons",
+                                          "P-200",
+                                          "0042",
+                                          "M1",
+                                          "main \"cold\" pump",
+                                          "pump/2",
+                                          "1.4.0",
+                                          "hall 3\nnorth wall",
+                                          "C:\\keys\tdesk 7"};
 
 RequestReply::Request request(std::uint32_t id, std::shared_ptr<mqtt::RequestReplyData> data) {
     RequestReply::Request result;
@@ -110,11 +92,12 @@ Boxes documents() {
     using Links = std::vector<Link>;
     return {
         {"json communication-status",
-         written(communication(conv::ComState::CONNECTED, conv::UnixTime(1700000000.5)))},
+         written(
+             conv::CommunicationStatus{conv::ComState::CONNECTED, conv::UnixTime(1700000000.5)})},
         {"json communication-status-without-time",
-         written(communication(conv::ComState::CONNECTION_LOST, conv::UnixTime()))},
-        {"json identification", written(identification())},
-        {"json service-status", written(serviceStatus())},
+         written(conv::CommunicationStatus{conv::ComState::CONNECTION_LOST, conv::UnixTime()})},
+        {"json identification", written(IDENTIFICATION)},
+        {"json service-status", written(conv::ServiceStatus{1, 3})},
         {"json link", written(Link{"plant/pumps/1"})},
         {"json link-collection",
          written<Collection>(Links{Link{"plant/pumps/1"}, Link{"plant/pumps/2"}})},

@@ -1,5 +1,5 @@
-// Atomics as points where another thread may go first. What is compiled for ThreadSanitizer calls
-// these functions; the program is linked without its runtime, so these are the only ones.
+// Makes operations on atomics switch points. Code compiled for ThreadSanitizer calls these
+// functions; the program is not linked with its runtime.
 
 #include "interleavings/scheduler.hpp"
 
@@ -8,13 +8,13 @@
 
 namespace {
 
-/// The counters of shared pointers are the only ones in this order, and nobody looks at them.
-constexpr int ORDER_OF_COUNTERS = __ATOMIC_ACQ_REL;
+/// Only the reference counts of shared pointers use this order; they need no switch point.
+constexpr int ORDER_OF_REFERENCE_COUNTS = __ATOMIC_ACQ_REL;
 
 void point(int order = __ATOMIC_SEQ_CST) {
     auto& scheduler = interleavings::Scheduler::instance();
-    if (scheduler.started() && order != ORDER_OF_COUNTERS) {
-        scheduler.point();
+    if (scheduler.started() && order != ORDER_OF_REFERENCE_COUNTS) {
+        scheduler.switchPoint();
     }
 }
 

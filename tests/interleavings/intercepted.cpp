@@ -1,59 +1,114 @@
-// What threads meet at, in the place of the C library's: the symbols of a program come before those
-// of the shared libraries, also for calls that these make themselves. Before a run, and in the
-// process that starts the runs, all of this is what it was.
+// Replaces the functions of the C library with which threads wait for each other, or for time. The
+// dynamic linker prefers the symbols of a program to those of shared libraries, also for calls
+// between the libraries. Before a run, and in the process that starts the runs, these functions
+// call the C library's.
 
 #include "interleavings/scenario.hpp"
 #include "interleavings/scheduler.hpp"
-#include "interleavings/synchronisation.hpp"
 #include "support/allocations.hpp"
 
 #include <dlfcn.h>
-#include <poll.h>
 #include <pthread.h>
 #include <sched.h>
 #include <time.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <memory>
+#include <unordered_map>
+
+namespace interleavings {
 
 namespace {
 
-using interleavings::Nanoseconds;
-using interleavings::NEVER;
-using interleavings::Scene;
-using interleavings::Scheduler;
-using interleavings::State;
-
 constexpr Nanoseconds SECOND = 1'000'000'000;
-/// The year 2020, in the beginning of every run.
+/// 2020-01-01, at the beginning of every run.
 constexpr Nanoseconds REAL_TIME = 1'577'836'800 * SECOND;
 
 Scheduler& scheduler() {
     return Scheduler::instance();
 }
 
-bool virtually() {
+bool isRunning() {
     return scheduler().started();
 }
 
-/// The C library's own. The condition functions come in an old version too, which is the one that
-/// dlsym would find.
+/// The C library's function. Of the condition functions, dlsym would find an old version.
 template <class Function>
 Function* real(char const* name, Function* /*like*/, char const* version = nullptr) {
     return reinterpret_cast<Function*>(version != nullptr ? dlvsym(RTLD_NEXT, name, version)
                                                           : dlsym(RTLD_NEXT, name));
 }
 
-#define ZYM_UNLESS_VIRTUAL(call)                                                                   \
-    if (!virtually())                                                                              \
-    return call
 #define ZYM_REAL(name) real(#name, &name)
 #if defined(__x86_64__)
 #define ZYM_REAL_CONDITION(name) real(#name, &name, "GLIBC_2.3.2")
 #else
 #define ZYM_REAL_CONDITION(name) real(#name, &name)
 #endif
+#define ZYM_UNLESS_RUNNING(call)                                                                   \
+    if (!isRunning())                                                                              \
+    return call
+
+struct Ownership {
+    Thread* owner;
+    int depth;
+};
+
+std::unordered_map<void const*, Ownership> lockedMutexes;
+
+bool isRecursive(pthread_mutex_t const* mutex) {
+    constexpr int KIND = 3; // without the flags of robust mutexes and of priorities
+    return (mutex->__data.__kind & KIND) == PTHREAD_MUTEX_RECURSIVE_NP;
+}
+
+bool tryLock(pthread_mutex_t const* mutex) {
+    auto& self = scheduler().current();
+    auto const [entry, isFree] = lockedMutexes.try_emplace(mutex, Ownership{&self, 0});
+    if (!isFree && (entry->second.owner != &self || !isRecursive(mutex))) {
+        return false;
+    }
+    ++entry->second.depth;
+    return true;
+}
+
+void lock(pthread_mutex_t const* mutex) {
+    while (!tryLock(mutex)) {
+        auto& self = scheduler().current();
+        auto const* const owner = lockedMutexes.at(mutex).owner;
+        if (owner == &self) {
+            scheduler().fail("locks a plain mutex that it holds");
+        }
+        self.holder = owner->number;
+        scheduler().block(State::ON_MUTEX, mutex);
+    }
+}
+
+void unlock(pthread_mutex_t const* mutex) {
+    auto const entry = lockedMutexes.find(mutex);
+    if (entry == lockedMutexes.end() || entry->second.owner != &scheduler().current()) {
+        scheduler().fail("unlocks a mutex that it does not hold");
+    }
+    if (--entry->second.depth == 0) {
+        lockedMutexes.erase(entry);
+        scheduler().wake(State::ON_MUTEX, mutex, true);
+    }
+}
+
+/// @return 0 or ETIMEDOUT
+int wait(pthread_cond_t const* condition, pthread_mutex_t const* mutex, Nanoseconds deadline) {
+    support::UncountedAllocations const uncounted;
+    unlock(mutex);
+    bool const woken = scheduler().block(State::ON_CONDITION, condition, deadline);
+    lock(mutex);
+    return woken ? 0 : ETIMEDOUT;
+}
+
+int notify(pthread_cond_t const* condition, bool all) {
+    support::UncountedAllocations const uncounted;
+    scheduler().wake(State::ON_CONDITION, condition, all);
+    scheduler().switchPointAt(condition);
+    return 0;
+}
 
 bool isRealTime(clockid_t clock) {
     return clock == CLOCK_REALTIME || clock == CLOCK_REALTIME_COARSE;
@@ -73,110 +128,102 @@ Nanoseconds deadlineOf(clockid_t clock, timespec const& time) {
     return inNanoseconds(time) - (isRealTime(clock) ? REAL_TIME : 0);
 }
 
-void sleepUntil(Nanoseconds deadline) {
-    static_cast<void>(scheduler().block(State::ASLEEP, nullptr, deadline));
-}
-
 struct Start {
     void* (*routine)(void*);
     void* argument;
-    interleavings::Thread* thread;
-    bool isShort; ///< of memory, like the one that begins it
+    Thread* thread;
+    bool memoryMayFail; ///< as on the thread that creates this one
 };
 
-void* enter(void* start) {
-    std::unique_ptr<Start> const mine(static_cast<Start*>(start));
-    scheduler().begin(*mine->thread);
-    Scene::Shortage::on = mine->isShort;
-    void* const result = mine->routine(mine->argument);
-    Scene::Shortage::on = false;
+void* runThread(void* argument) {
+    std::unique_ptr<Start> const start(static_cast<Start*>(argument));
+    Scheduler::begin(*start->thread);
+    MemoryMayFail::onThisThread = start->memoryMayFail;
+    void* const result = start->routine(start->argument);
+    MemoryMayFail::onThisThread = false;
     scheduler().end();
     return result;
 }
 
 } // namespace
 
+} // namespace interleavings
+
+using namespace interleavings;
+
 extern "C" {
 
 int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept {
-    ZYM_UNLESS_VIRTUAL(ZYM_REAL(pthread_mutex_lock)(mutex));
-    interleavings::lock(mutex);
+    ZYM_UNLESS_RUNNING(ZYM_REAL(pthread_mutex_lock)(mutex));
+    support::UncountedAllocations const uncounted;
+    scheduler().switchPointAt(mutex);
+    lock(mutex);
     return 0;
 }
 
-int pthread_mutex_trylock(pthread_mutex_t* mutex) noexcept {
-    ZYM_UNLESS_VIRTUAL(ZYM_REAL(pthread_mutex_trylock)(mutex));
-    return interleavings::tryLock(mutex) ? 0 : EBUSY;
-}
-
 int pthread_mutex_unlock(pthread_mutex_t* mutex) noexcept {
-    ZYM_UNLESS_VIRTUAL(ZYM_REAL(pthread_mutex_unlock)(mutex));
-    interleavings::unlock(mutex);
+    ZYM_UNLESS_RUNNING(ZYM_REAL(pthread_mutex_unlock)(mutex));
+    support::UncountedAllocations const uncounted;
+    unlock(mutex);
+    scheduler().switchPointAt(mutex);
     return 0;
 }
 
 int pthread_cond_wait(pthread_cond_t* condition, pthread_mutex_t* mutex) {
-    ZYM_UNLESS_VIRTUAL(ZYM_REAL_CONDITION(pthread_cond_wait)(condition, mutex));
-    interleavings::wait(condition, mutex, NEVER);
-    return 0;
+    ZYM_UNLESS_RUNNING(ZYM_REAL_CONDITION(pthread_cond_wait)(condition, mutex));
+    return wait(condition, mutex, NEVER);
 }
 
 int pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock,
                            timespec const* deadline) {
-    ZYM_UNLESS_VIRTUAL(ZYM_REAL(pthread_cond_clockwait)(condition, mutex, clock, deadline));
-    return interleavings::wait(condition, mutex, deadlineOf(clock, *deadline)) ? 0 : ETIMEDOUT;
-}
-
-int pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mutex,
-                           timespec const* deadline) {
-    ZYM_UNLESS_VIRTUAL(ZYM_REAL_CONDITION(pthread_cond_timedwait)(condition, mutex, deadline));
-    return interleavings::wait(condition, mutex, deadlineOf(CLOCK_REALTIME, *deadline)) ? 0
-                                                                                        : ETIMEDOUT;
+    ZYM_UNLESS_RUNNING(ZYM_REAL(pthread_cond_clockwait)(condition, mutex, clock, deadline));
+    return wait(condition, mutex, deadlineOf(clock, *deadline));
 }
 
 int pthread_cond_signal(pthread_cond_t* condition) noexcept {
-    ZYM_UNLESS_VIRTUAL(ZYM_REAL_CONDITION(pthread_cond_signal)(condition));
-    interleavings::notify(condition, false);
-    return 0;
+    ZYM_UNLESS_RUNNING(ZYM_REAL_CONDITION(pthread_cond_signal)(condition));
+    return notify(condition, false);
 }
 
 int pthread_cond_broadcast(pthread_cond_t* condition) noexcept {
-    ZYM_UNLESS_VIRTUAL(ZYM_REAL_CONDITION(pthread_cond_broadcast)(condition));
-    interleavings::notify(condition, true);
-    return 0;
+    ZYM_UNLESS_RUNNING(ZYM_REAL_CONDITION(pthread_cond_broadcast)(condition));
+    return notify(condition, true);
 }
 
 int pthread_cond_destroy(pthread_cond_t* condition) noexcept {
-    ZYM_UNLESS_VIRTUAL(ZYM_REAL_CONDITION(pthread_cond_destroy)(condition));
-    interleavings::destroy(condition);
+    ZYM_UNLESS_RUNNING(ZYM_REAL_CONDITION(pthread_cond_destroy)(condition));
+    if (scheduler().isWaitedFor(State::ON_CONDITION, condition)) {
+        scheduler().fail("destroys a condition on which a thread waits");
+    }
     return 0;
 }
 
 int pthread_create(pthread_t* id, pthread_attr_t const* attributes, void* (*routine)(void*),
                    void* argument) noexcept {
     auto* const create = ZYM_REAL(pthread_create);
-    if (!virtually()) {
+    if (!isRunning()) {
         return create(id, attributes, routine, argument);
     }
-    if (scheduler().refuses(interleavings::NO_THREAD)) {
+    if (scheduler().refuses(NO_THREAD)) {
         return EAGAIN;
     }
     auto& thread = scheduler().add();
-    support::UncountedAllocations const ours;
-    auto start = std::make_unique<Start>(Start{routine, argument, &thread, Scene::Shortage::on});
-    int const result = create(id, attributes, &enter, start.get());
+    support::UncountedAllocations const uncounted;
+    auto start =
+        std::make_unique<Start>(Start{routine, argument, &thread, MemoryMayFail::onThisThread});
+    int const result = create(id, attributes, &runThread, start.get());
     if (result != 0) {
-        scheduler().fail("the machine has no thread for the explorer");
+        scheduler().fail("the machine cannot create a thread");
     }
     static_cast<void>(start.release());
     thread.id = *id;
-    scheduler().point();
+    scheduler().switchPoint();
     return result;
 }
 
 int pthread_join(pthread_t id, void** result) {
-    if (virtually()) {
-        scheduler().point();
+    if (isRunning()) {
+        scheduler().switchPoint();
         auto* const thread = scheduler().find(id);
         while (thread != nullptr && thread->state != State::ENDED) {
             scheduler().block(State::ON_THREAD, thread);
@@ -189,7 +236,7 @@ int pthread_join(pthread_t id, void** result) {
 }
 
 int clock_gettime(clockid_t clock, timespec* time) noexcept {
-    if (!virtually() || !isVirtual(clock)) {
+    if (!isRunning() || !isVirtual(clock)) {
         return ZYM_REAL(clock_gettime)(clock, time);
     }
     auto const now = scheduler().now() + (isRealTime(clock) ? REAL_TIME : 0);
@@ -198,44 +245,10 @@ int clock_gettime(clockid_t clock, timespec* time) noexcept {
     return 0;
 }
 
-int nanosleep(timespec const* duration, timespec* left) {
-    ZYM_UNLESS_VIRTUAL(ZYM_REAL(nanosleep)(duration, left));
-    sleepUntil(scheduler().now() + inNanoseconds(*duration));
-    return 0;
-}
-
-int clock_nanosleep(clockid_t clock, int flags, timespec const* time, timespec* left) {
-    ZYM_UNLESS_VIRTUAL(ZYM_REAL(clock_nanosleep)(clock, flags, time, left));
-    sleepUntil((flags & TIMER_ABSTIME) != 0 ? deadlineOf(clock, *time)
-                                            : scheduler().now() + inNanoseconds(*time));
-    return 0;
-}
-
-int usleep(useconds_t microseconds) {
-    ZYM_UNLESS_VIRTUAL(ZYM_REAL(usleep)(microseconds));
-    sleepUntil(scheduler().now() + Nanoseconds(microseconds) * 1000);
-    return 0;
-}
-
 int sched_yield() noexcept {
-    ZYM_UNLESS_VIRTUAL(ZYM_REAL(sched_yield)());
+    ZYM_UNLESS_RUNNING(ZYM_REAL(sched_yield)());
     scheduler().yield();
     return 0;
-}
-
-/// Looks at once and, when there is nothing, again when the time is over.
-int poll(pollfd* descriptors, nfds_t count, int milliseconds) {
-    auto* const look = ZYM_REAL(poll);
-    if (!virtually()) {
-        return look(descriptors, count, milliseconds);
-    }
-    int const found = look(descriptors, count, 0);
-    if (found != 0 || milliseconds == 0) {
-        return found;
-    }
-    sleepUntil(milliseconds < 0 ? NEVER
-                                : scheduler().now() + Nanoseconds(milliseconds) * 1'000'000);
-    return look(descriptors, count, 0);
 }
 
 } // extern "C"

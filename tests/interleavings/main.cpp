@@ -1,27 +1,28 @@
-// Explores scenarios: which thread goes first where, until something does not hold.
+// Explores scenarios: runs each with many orders of its threads, until a run fails.
 //
-// Usage: interleavings [options] [scenario ...]     (all of them without a name)
+// Usage: interleavings [options] [scenario ...]     (without a name: all)
 //   --list               prints the names
 //   --schedules N        of each scenario
 //   --seconds N          random ones for so long, after these
 //   --seed N
-//   --mistaken           each scenario makes its mistake, and it is a failure not to find it
-//   --replay SCHEDULE    one scenario, one run, with every switch: --replay "pause 17:1 42:2"
+//   --mistaken           each scenario makes its mistake, and the explorer fails unless it finds it
+//   --replay SCHEDULE    one run of one scenario, with every switch: --replay "17:1 42:2"
 
-#include "interleavings/search.hpp"
+#include "interleavings/explorer.hpp"
 
 #include <algorithm>
 #include <chrono>
-#include <cstdio>
 #include <iostream>
+#include <iterator>
 #include <stdexcept>
 #include <string>
 
 namespace {
 
 using namespace interleavings;
+using Clock = std::chrono::steady_clock;
 
-struct Wishes {
+struct Options {
     std::vector<std::string> names;
     Budget budget;
     bool list = false;
@@ -29,40 +30,34 @@ struct Wishes {
     std::optional<Schedule> replay;
 };
 
-Wishes wishesOf(std::vector<std::string> const& words) {
-    Wishes wishes;
+Options parse(std::vector<std::string> const& words) {
+    Options options;
     for (auto word = words.begin(); word != words.end(); ++word) {
-        auto const value = [&]() -> std::string const& {
-            if (std::next(word) == words.end()) {
-                throw std::invalid_argument(*word + " needs a value");
-            }
-            return *++word;
-        };
+        auto const number = [&] { return std::stoul(*++word); };
         if (*word == "--list") {
-            wishes.list = true;
+            options.list = true;
         } else if (*word == "--mistaken") {
-            wishes.mistaken = true;
+            options.mistaken = true;
+        } else if (word->rfind("--", 0) != 0) {
+            options.names.push_back(*word);
+        } else if (std::next(word) == words.end()) {
+            throw std::invalid_argument("Unknown option, or no value: " + *word);
         } else if (*word == "--schedules") {
-            wishes.budget.schedules = std::stoul(value());
+            options.budget.schedules = number();
         } else if (*word == "--seconds") {
-            wishes.budget.seconds = std::chrono::seconds(std::stoul(value()));
+            options.budget.seconds = std::chrono::seconds(number());
         } else if (*word == "--seed") {
-            wishes.budget.seed = static_cast<unsigned>(std::stoul(value()));
+            options.budget.seed = static_cast<unsigned>(number());
         } else if (*word == "--replay") {
-            wishes.replay = Schedule::fromText(value());
-        } else if (word->rfind("--", 0) == 0) {
-            throw std::invalid_argument("Unknown option " + *word);
+            options.replay = scheduleFrom(*++word);
         } else {
-            wishes.names.push_back(*word);
+            throw std::invalid_argument("Unknown option " + *word);
         }
     }
-    return wishes;
+    return options;
 }
 
-std::vector<Scenario> chosen(std::vector<std::string> const& names) {
-    if (names.empty()) {
-        return scenarios();
-    }
+std::vector<Scenario> select(std::vector<std::string> const& names) {
     std::vector<Scenario> result;
     for (auto const& name : names) {
         auto const found = std::find_if(scenarios().begin(), scenarios().end(),
@@ -72,75 +67,78 @@ std::vector<Scenario> chosen(std::vector<std::string> const& names) {
         }
         result.push_back(*found);
     }
-    return result;
+    return names.empty() ? scenarios() : result;
 }
 
-double secondsSince(std::chrono::steady_clock::time_point start) {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+int perSecond(std::size_t runs, Clock::time_point start) {
+    return static_cast<int>(static_cast<double>(runs)
+                            / std::chrono::duration<double>(Clock::now() - start).count());
 }
 
-void tell(Scenario const& scenario, Found const& found, std::size_t runs, double seconds) {
-    std::cout << scenario.name << ": " << found.systematic << " systematic ("
-              << (found.exhausted ? "all with at most two preemptions"
-                                  : "all with " + std::to_string(found.complete)
-                                        + " deviations and some with more")
-              << "), " << found.random << " random, " << static_cast<int>(double(runs) / seconds)
+void print(Runner const& runner, SearchResult const& result, Clock::time_point start) {
+    char const* const name = runner.scenario().name;
+    std::cout << name << ": " << result.systematic << " systematic ("
+              << (result.complete ? "all" : "some") << " with one deviation"
+              << "), " << result.random << " random, " << perSecond(runner.runs(), start)
               << " a second" << std::endl;
-    if (!found.finding) {
-        return;
+    if (result.failure) {
+        auto const& failure = *result.failure;
+        std::cout << "  FAILS after " << failure.schedules << " schedules: " << failure.text
+                  << "\n  " << failure.deviations << " deviations, of which "
+                  << failure.schedule.size() << " are needed:\n    interleavings"
+                  << " --replay \"" << textOf(failure.schedule) << "\" " << name << std::endl;
     }
-    auto const& finding = *found.finding;
-    std::cout << "  FAILS after " << finding.after << " schedules: " << finding.failure << "\n  "
-              << finding.deviations << " deviations, of which it needs "
-              << finding.schedule.deviations.size() << ":\n    interleavings --replay \""
-              << finding.schedule.text() << "\" " << scenario.name << std::endl;
 }
 
-bool replay(Scenario const& scenario, Wishes const& wishes) {
-    Runner runner(scenario, wishes.mistaken);
+bool replay(Scenario const& scenario, Options const& options) {
+    Runner runner(scenario, options.mistaken);
     Plan plan;
-    plan.schedule = *wishes.replay;
-    auto const outcome = runner.tell(plan, std::cout);
-    std::cout << scenario.name << ": " << (outcome.failure.empty() ? "holds" : outcome.failure)
-              << std::endl;
-    return outcome.failure.empty();
+    plan.schedule = *options.replay;
+    auto const failure = runner.runTraced(plan, std::cout).failure;
+    std::cout << scenario.name << ": " << (failure.empty() ? "passes" : failure) << std::endl;
+    return failure.empty();
 }
 
-bool exploreAll(Wishes const& wishes) {
+bool exploreAll(Options const& options) {
+    auto const start = Clock::now();
+    auto const selected = select(options.names);
     std::size_t runs = 0;
     int failures = 0;
-    auto const start = std::chrono::steady_clock::now();
-    auto const all = chosen(wishes.names);
-    for (auto const& scenario : all) {
-        auto const begin = std::chrono::steady_clock::now();
-        Runner runner(scenario, wishes.mistaken);
-        auto const found = Search(runner, (scenario.explored & PAUSES) != 0, wishes.budget).run();
-        runs += runner.count();
-        tell(scenario, found, runner.count(), secondsSince(begin));
-        failures += found.finding.has_value() != wishes.mistaken;
+    for (auto const& scenario : selected) {
+        auto const begin = Clock::now();
+        Runner runner(scenario, options.mistaken);
+        auto const result = Search(runner, options.budget).run();
+        print(runner, result, begin);
+        runs += runner.runs();
+        failures += result.failure.has_value() != options.mistaken;
     }
-    std::cout << all.size() << " scenarios, " << runs << " schedules, "
-              << static_cast<int>(static_cast<double>(runs) / secondsSince(start)) << " a second, "
-              << failures << (wishes.mistaken ? " mistakes not found" : " failures") << std::endl;
+    std::cout << selected.size() << " scenarios, " << runs << " schedules, "
+              << perSecond(runs, start) << " a second, " << failures
+              << (options.mistaken ? " mistakes not found" : " failures") << std::endl;
     return failures == 0;
+}
+
+bool run(Options const& options) {
+    if (options.replay) {
+        if (options.names.size() != 1) {
+            throw std::invalid_argument("--replay needs the name of one scenario");
+        }
+        return replay(select(options.names)[0], options);
+    }
+    if (!options.list) {
+        return exploreAll(options);
+    }
+    for (auto const& scenario : scenarios()) {
+        std::cout << scenario.name << "\n";
+    }
+    return true;
 }
 
 } // namespace
 
 int main(int argc, char** argv) {
     try {
-        auto const wishes = wishesOf({argv + 1, argv + argc});
-        if (wishes.list) {
-            for (auto const& scenario : scenarios()) {
-                std::cout << scenario.name << "\n";
-            }
-            return 0;
-        }
-        if (wishes.replay && wishes.names.size() != 1) {
-            throw std::invalid_argument("A schedule is that of one scenario");
-        }
-        return (wishes.replay ? replay(chosen(wishes.names)[0], wishes) : exploreAll(wishes)) ? 0
-                                                                                              : 1;
+        return run(parse({argv + 1, argv + argc})) ? 0 : 1;
     } catch (std::exception const& error) {
         std::cerr << "interleavings: " << error.what() << std::endl;
         return 2;

@@ -2,33 +2,60 @@
 
 #include "support/allocations.hpp"
 
+#include <stdexcept>
+
 namespace interleavings {
 
-void Scene::pause() const {
-    if (pauses_) {
+bool makesMistake() {
+    return Scheduler::instance().plan().mistaken;
+}
+
+void expect(bool holds, char const* requirement) {
+    if (!holds) {
+        Scheduler::instance().fail(requirement);
+    }
+}
+
+void pass(std::chrono::nanoseconds time) {
+    auto& scheduler = Scheduler::instance();
+    static_cast<void>(scheduler.block(State::ASLEEP, nullptr, scheduler.now() + time.count()));
+}
+
+void maybePause() {
+    if (chooseWay()) {
         pass(std::chrono::milliseconds(2));
     }
 }
 
-void Scene::pass(std::chrono::milliseconds time) {
-    auto& scheduler = Scheduler::instance();
-    static_cast<void>(scheduler.block(State::ASLEEP, nullptr,
-                                      scheduler.now() + std::chrono::nanoseconds(time).count()));
+bool chooseWay() {
+    return Scheduler::instance().choose(2) != 0;
 }
 
-void Scene::expect(bool holds, char const* what) {
-    if (!holds) {
-        Scheduler::instance().fail(what);
+void maybeThrow() {
+    if (chooseWay()) {
+        throw std::runtime_error("thrown by a callback");
     }
 }
 
-bool Scene::maybe() {
-    return Scheduler::instance().pick(2) != 0;
+bool MemoryMayFail::refuses() {
+    support::UncountedAllocations const uncounted;
+    return onThisThread && Scheduler::instance().refuses(NO_MEMORY);
 }
 
-bool Scene::Shortage::refusesMemory() {
-    support::UncountedAllocations const ours;
-    return on && Scheduler::instance().refuses(NO_MEMORY);
+void CallbackCheck::onCallback() {
+    expect(!closed_, "a callback comes after the end of its object");
+    ++count_;
+    ++running_;
+    Scheduler::instance().switchPoint();
+    if (action_) {
+        action_();
+    }
+    --running_;
+}
+
+void CallbackCheck::close() {
+    expect(running_ == 0, "an object ends during its callback");
+    closed_ = true;
 }
 
 std::vector<Scenario>& scenarios() {

@@ -3,60 +3,101 @@
 #include "interleavings/scheduler.hpp"
 
 #include <chrono>
+#include <functional>
+#include <new>
+#include <system_error>
+#include <utility>
 #include <vector>
 
+// What scenarios use. No lock guards the state of fixtures and listeners: one thread runs at a
+// time, and a switch to another one happens only at the calls that the explorer intercepts.
 namespace interleavings {
 
-/// What a scenario has in its hands.
-class Scene {
+/// A virtual time after which everything that a scenario starts has ended.
+inline constexpr std::chrono::seconds SETTLING_TIME{70};
+
+/// Whether the scenario has to make its mistake, which the explorer then has to find.
+bool makesMistake();
+template <class Action>
+void ifMistaken(Action const& action) {
+    if (makesMistake()) {
+        action();
+    }
+}
+template <class Action>
+void unlessMistaken(Action const& action) {
+    if (!makesMistake()) {
+        action();
+    }
+}
+/// Ends the run as failed unless `holds`.
+void expect(bool holds, char const* requirement);
+/// Lets virtual time pass while the other threads continue.
+void pass(std::chrono::nanoseconds time);
+/// Lets 2 ms pass in some schedules.
+void maybePause();
+/// One of two ways. Both are explored; outside `explore` it is false.
+bool chooseWay();
+/// Throws in some schedules, as a callback of a user may do.
+void maybeThrow();
+
+/// Runs an action, in which the explorer makes choices, and then lets `SETTLING_TIME` pass.
+template <class Action>
+void explore(Action const& action) {
+    Scheduler::instance().setExploring(true);
+    action();
+    Scheduler::instance().setExploring(false);
+    pass(SETTLING_TIME);
+}
+
+/// During its lifetime an allocation of this thread may fail, if the scenario explores NO_MEMORY;
+/// so may those of the threads that it creates, until these end.
+class MemoryMayFail {
 public:
-    Scene(bool pauses, bool mistaken) : pauses_(pauses), mistaken_(mistaken) {}
+    MemoryMayFail() { onThisThread = true; }
+    ~MemoryMayFail() { onThisThread = false; }
+    MemoryMayFail(MemoryMayFail const&) = delete;
+    MemoryMayFail& operator=(MemoryMayFail const&) = delete;
 
-    /// Whether the scenario is to make its mistake, which the explorer then has to find.
-    bool mistaken() const { return mistaken_; }
+    static bool refuses();
 
-    /// Two milliseconds in some runs, nothing in others.
-    void pause() const;
-    /// Lets time pass, and all others go on.
-    static void pass(std::chrono::milliseconds time);
-    /// Ends the run as a failed one, unless that holds.
-    static void expect(bool holds, char const* what);
-    /// One of two ways, both of which are explored; false unless exploring.
-    static bool maybe();
-    /// Another thread may go first.
-    static void stop() { Scheduler::instance().point(); }
+    static inline thread_local bool onThisThread = false;
+};
 
-    /// Choices are made while one of these is there: not in what comes before and after.
-    class Exploration {
-    public:
-        Exploration() { Scheduler::instance().explore(true); }
-        ~Exploration() { Scheduler::instance().explore(false); }
-        Exploration(Exploration const&) = delete;
-        Exploration& operator=(Exploration const&) = delete;
-    };
+/// @return false when memory or a thread was lacking
+template <class Action>
+bool attempt(Action const& action) {
+    try {
+        action();
+        return true;
+    } catch (std::bad_alloc const&) {
+    } catch (std::system_error const&) {
+    }
+    return false;
+}
 
-    /// While one of these is there, its thread may get no memory, in a scenario that explores that;
-    /// nor may those that it begins, from then on.
-    class Shortage {
-    public:
-        Shortage() { on = true; }
-        ~Shortage() { on = false; }
-        Shortage(Shortage const&) = delete;
-        Shortage& operator=(Shortage const&) = delete;
-
-        static bool refusesMemory();
-
-        static inline thread_local bool on = false;
-    };
+/// Base of listeners: checks that no callback comes, or still runs, after the end of the calling
+/// object. During a callback other threads may run.
+class CallbackCheck {
+public:
+    /// Called by each callback.
+    void onCallback();
+    /// The action runs in each callback.
+    void setAction(std::function<void()> action) { action_ = std::move(action); }
+    /// The calling object has ended: no callback may run or come.
+    void close();
+    int count() const { return count_; }
 
 private:
-    bool pauses_;
-    bool mistaken_;
+    std::function<void()> action_;
+    bool closed_ = false;
+    int count_ = 0;
+    int running_ = 0;
 };
 
 struct Scenario {
     char const* name;
-    void (*run)(Scene const& scene);
+    void (*run)();
     unsigned explored;
 };
 
@@ -68,10 +109,14 @@ struct Registration {
 
 } // namespace interleavings
 
-/// Begins a scenario, whose function gets `Scene const& scene`. CMakeLists.txt finds the name.
-/// @param explored of the values of `Explored`
-#define SCENARIO(name, explored)                                                                   \
-    static void name(::interleavings::Scene const& scene);                                         \
-    static ::interleavings::Registration const registrationOf##name(                               \
-        ::interleavings::Scenario{#name, &name, (explored)});                                      \
-    static void name([[maybe_unused]] ::interleavings::Scene const& scene)
+/// Begins a scenario, a member function of a class derived from its fixture. CMakeLists.txt reads
+/// the name.
+/// @param explored values of `Explored`
+#define SCENARIO(name, Fixture, explored)                                                          \
+    namespace {                                                                                    \
+    struct name final : Fixture {                                                                  \
+        void run();                                                                                \
+    };                                                                                             \
+    Registration const registrationOf##name({#name, [] { name().run(); }, (explored)});            \
+    }                                                                                              \
+    void name::run()

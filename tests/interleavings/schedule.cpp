@@ -1,49 +1,37 @@
 #include "interleavings/schedule.hpp"
 
+#include <cstdio>
 #include <sstream>
 #include <stdexcept>
 
 namespace interleavings {
 
-std::string Schedule::text() const {
-    std::ostringstream out;
-    char const* separator = "";
-    if (pause) {
-        out << "pause";
-        separator = " ";
+std::string textOf(Schedule const& schedule) {
+    std::string text;
+    for (auto const& deviation : schedule) {
+        text += text.empty() ? "" : " ";
+        text += std::to_string(deviation.choice) + ':' + std::to_string(deviation.taken);
     }
-    for (auto const& deviation : deviations) {
-        out << separator << deviation.at << ':' << int(deviation.taken);
-        separator = " ";
-    }
-    return out.str();
+    return text;
 }
 
-Schedule Schedule::fromText(std::string const& text) {
+Schedule scheduleFrom(std::string const& text) {
     Schedule schedule;
     std::istringstream in(text);
     for (std::string word; in >> word;) {
-        if (word == "pause") {
-            schedule.pause = true;
-            continue;
-        }
-        auto const colon = word.find(':');
-        if (colon == std::string::npos) {
+        auto& deviation = schedule.emplace_back();
+        if (std::sscanf(word.c_str(), "%u:%hhu", &deviation.choice, &deviation.taken) != 2) {
             throw std::invalid_argument("Not a schedule: " + text);
         }
-        schedule.deviations.push_back(
-            {static_cast<std::uint32_t>(std::stoul(word.substr(0, colon))),
-             static_cast<std::uint8_t>(std::stoul(word.substr(colon + 1)))});
     }
     return schedule;
 }
 
-Schedule Schedule::of(bool pause, std::vector<Choice> const& choices) {
+Schedule scheduleOf(std::vector<Choice> const& choices) {
     Schedule schedule;
-    schedule.pause = pause;
     for (std::size_t i = 0; i < choices.size(); ++i) {
         if (choices[i].taken != 0) {
-            schedule.deviations.push_back({static_cast<std::uint32_t>(i), choices[i].taken});
+            schedule.push_back({static_cast<std::uint32_t>(i), choices[i].taken});
         }
     }
     return schedule;

@@ -7,7 +7,7 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstring>
+#include <functional>
 
 namespace interleavings {
 
@@ -15,11 +15,11 @@ namespace {
 
 constexpr Nanoseconds MICROSECOND = 1000;
 constexpr Nanoseconds SECOND = 1'000'000'000;
-constexpr Nanoseconds BEGINNING = 1000 * SECOND;
-/// No scenario lasts so long: somebody waits without end while others come and go.
-constexpr Nanoseconds LONGEST_RUN = 600 * SECOND;
-constexpr std::size_t MOST_STEPS = 400'000;
-constexpr int MOST_YIELDS = 3;
+constexpr Nanoseconds START_TIME = 1000 * SECOND;
+/// Longer than any scenario: a thread waits for ever while others continue.
+constexpr Nanoseconds MAX_DURATION = 600 * SECOND;
+constexpr std::size_t MAX_STEPS = 400'000;
+constexpr int MAX_YIELDS = 3;
 
 void waitForTurn(Thread& thread) {
     while (sem_wait(&thread.turn) != 0) {
@@ -27,22 +27,10 @@ void waitForTurn(Thread& thread) {
 }
 
 char const* nameOf(State state) {
-    switch (state) {
-    case State::READY:
-        return "could go on";
-    case State::YIELDED:
-        return "lets others go first";
-    case State::ON_MUTEX:
-        return "waits for a mutex";
-    case State::ON_CONDITION:
-        return "waits on a condition";
-    case State::ON_THREAD:
-        return "waits for a thread's end";
-    case State::ASLEEP:
-        return "sleeps";
-    default:
-        return "has ended";
-    }
+    constexpr char const* NAMES[] = {
+        "can continue",           "yields", "waits for a mutex", "waits on a condition",
+        "waits to join a thread", "sleeps", "has ended"};
+    return NAMES[static_cast<int>(state)];
 }
 
 } // namespace
@@ -52,17 +40,17 @@ Scheduler& Scheduler::instance() {
     return scheduler;
 }
 
-void Scheduler::start(Plan const& plan, Journal& journal) {
+void Scheduler::start(Plan const& plan, RunRecord& record) {
     plan_ = plan;
-    now_ = BEGINNING;
+    now_ = START_TIME;
     if (plan.seed) {
         random_.seed(*plan.seed);
-        constexpr unsigned SELDOM[] = {4, 10, 25, 60};
-        oneIn_ = SELDOM[random_() % 4];
+        constexpr unsigned RATES[] = {4, 10, 25, 60};
+        deviatesOneIn_ = RATES[random_() % 4];
     }
     current_ = &add();
     current_->id = pthread_self();
-    journal_ = &journal;
+    record_ = &record;
 }
 
 Thread* Scheduler::find(pthread_t id) {
@@ -73,7 +61,7 @@ Thread* Scheduler::find(pthread_t id) {
 }
 
 Thread& Scheduler::add() {
-    support::UncountedAllocations const ours;
+    support::UncountedAllocations const uncounted;
     auto& thread = threads_.emplace_back();
     thread.number = static_cast<int>(threads_.size()) - 1;
     sem_init(&thread.turn, 0, 0);
@@ -90,37 +78,48 @@ void Scheduler::end() {
     handOver("ends");
 }
 
-void Scheduler::point() {
+void Scheduler::switchPoint() {
     if (exploring_) {
-        handOver("is stopped");
+        handOver("is preempted");
     }
 }
 
-int Scheduler::pick(int among) {
-    int const taken = choose(static_cast<std::size_t>(among), false);
-    if (taken != 0 && plan_.traced) {
-        note(*current_, "goes another way");
+void Scheduler::switchPointAt(void const* object) {
+    auto const* const address = static_cast<char const*>(object);
+    bool const isIgnored = std::any_of(ignored_.begin(), ignored_.end(), [&](auto const& range) {
+        return !std::less<>()(address, range.first) && std::less<>()(address, range.second);
+    });
+    if (!isIgnored) {
+        switchPoint();
     }
-    return taken;
 }
 
-bool Scheduler::refuses(Explored what) {
-    if ((plan_.explored & what) == 0 || refused_) {
+void Scheduler::ignoreObjectsIn(void const* begin, std::size_t size) {
+    auto const* const first = static_cast<char const*>(begin);
+    ignored_.emplace_back(first, first + size);
+}
+
+bool Scheduler::refuses(Explored resource) {
+    if ((plan_.explored & resource) == 0 || refused_) {
         return false;
     }
-    refused_ = pick(2) != 0;
+    refused_ = choose(2) != 0;
+    if (refused_ && plan_.traced) {
+        recordEvent(*current_, "gets no memory or thread", "", -1);
+    }
     return refused_;
 }
 
-bool Scheduler::block(State why, void const* object, Nanoseconds deadline) {
+bool Scheduler::block(State reason, void const* object, Nanoseconds deadline) {
+    support::UncountedAllocations const uncounted;
     auto& self = *current_;
-    self.state = why;
+    self.state = reason;
     self.object = object;
     self.deadline = deadline;
     self.timedOut = false;
     waiting_.push_back(&self);
-    somethingHappened();
-    handOver(nameOf(why));
+    resetYields();
+    handOver(nameOf(reason));
     return !self.timedOut;
 }
 
@@ -130,22 +129,22 @@ void Scheduler::yield() {
     handOver(nameOf(State::YIELDED));
 }
 
-void Scheduler::wake(State why, void const* object, bool all) {
+void Scheduler::wake(State reason, void const* object, bool all) {
     auto const before = waiting_;
     for (auto* const thread : before) {
-        if (thread->state != why || thread->object != object) {
+        if (thread->state != reason || thread->object != object) {
             continue;
         }
-        ready(*thread, false);
+        makeReady(*thread, false);
         if (!all) {
             return;
         }
     }
 }
 
-bool Scheduler::isWaitedFor(State why, void const* object) const {
+bool Scheduler::isWaitedFor(State reason, void const* object) const {
     return std::any_of(waiting_.begin(), waiting_.end(), [&](auto const* thread) {
-        return thread->state == why && thread->object == object;
+        return thread->state == reason && thread->object == object;
     });
 }
 
@@ -155,20 +154,16 @@ Nanoseconds Scheduler::now() {
 }
 
 void Scheduler::handOver(char const* reason) {
-    support::UncountedAllocations const ours;
-    if (++steps_ > MOST_STEPS) {
-        fail("does not come to an end");
+    support::UncountedAllocations const uncounted;
+    if (++steps_ > MAX_STEPS) {
+        fail("does not end");
     }
     passTimeTo(now_);
     auto possible = ways();
-    while (possible.empty()) {
-        if (!passTime()) {
-            fail("nobody can go on");
-        }
-        possible = ways();
+    for (; possible.empty(); possible = ways()) {
+        passTimeToNextDeadline();
     }
-    bool const couldGoOn = current_->state == State::READY;
-    auto const& way = possible[static_cast<std::size_t>(choose(possible.size(), couldGoOn))];
+    auto const& way = possible[choose(possible.size())];
     if (way.passTo != NEVER) {
         passTimeTo(way.passTo);
     }
@@ -184,10 +179,10 @@ void Scheduler::resume(Thread& next, char const* reason) {
         return;
     }
     if (plan_.traced) {
-        note(next, reason);
+        recordEvent(self, reason, "next", next.number);
     }
     current_ = &next;
-    // The other one may end the run, and this one be gone, as soon as it has its turn.
+    // Read now: once the other thread has its turn, it may end the run and destroy this object.
     bool const ended = self.state == State::ENDED;
     sem_post(&next.turn);
     if (!ended) {
@@ -195,61 +190,55 @@ void Scheduler::resume(Thread& next, char const* reason) {
     }
 }
 
-/// The first one is what happens without an explorer: the current thread goes on, or the next one.
+/// The first way is what happens without the explorer: the current thread continues, or the next
+/// one.
 std::vector<Scheduler::Way> Scheduler::ways() {
     bool const yields = current_->state == State::YIELDED;
     std::vector<Way> result;
     auto const first = static_cast<std::size_t>(current_->number);
     for (std::size_t i = 0; i < threads_.size(); ++i) {
         auto& thread = threads_[(first + i) % threads_.size()];
-        if (thread.state == State::READY && !(yields && thread.yields >= MOST_YIELDS)) {
+        if (thread.state == State::READY && !(yields && thread.yields >= MAX_YIELDS)) {
             result.push_back({&thread, NEVER});
         }
     }
-    if (result.empty() && yields && current_->yields < MOST_YIELDS) {
+    if (result.empty() && yields && current_->yields < MAX_YIELDS) {
         result.push_back({current_, NEVER});
     }
     if (!result.empty() && exploring_ && (plan_.explored & DEADLINES) != 0) {
-        addWaits(result);
+        for (auto* const thread : waiting_) {
+            if (thread->deadline != NEVER) {
+                result.push_back({thread, thread->deadline});
+            }
+        }
     }
     return result;
 }
 
-void Scheduler::addWaits(std::vector<Way>& ways) {
-    for (auto* const thread : waiting_) {
-        if (thread->deadline != NEVER) {
-            ways.push_back({thread, thread->deadline});
-        }
-    }
-}
-
-int Scheduler::choose(std::size_t among, bool preempts) {
-    if (!exploring_ || among < 2) {
+std::size_t Scheduler::choose(std::size_t ways) {
+    if (!exploring_ || ways < 2) {
         return 0;
     }
-    auto const at = journal_->choiceCount;
-    if (at == journal_->choices.size()) {
+    auto const choice = record_->choiceCount;
+    if (choice == record_->choices.size()) {
         fail("makes too many choices");
     }
-    int const taken = decide(at, among);
-    journal_->choices[at] = {static_cast<std::uint8_t>(taken), static_cast<std::uint8_t>(among),
-                             preempts};
-    ++journal_->choiceCount;
+    auto const taken = decide(choice, ways);
+    record_->choices[choice] = {static_cast<std::uint8_t>(taken), static_cast<std::uint8_t>(ways)};
+    ++record_->choiceCount;
     return taken;
 }
 
-int Scheduler::decide(std::size_t at, std::size_t among) {
-    auto const& deviations = plan_.schedule.deviations;
-    while (nextDeviation_ < deviations.size() && deviations[nextDeviation_].at < at) {
+std::size_t Scheduler::decide(std::size_t choice, std::size_t ways) {
+    auto const& schedule = plan_.schedule;
+    while (nextDeviation_ < schedule.size() && schedule[nextDeviation_].choice < choice) {
         ++nextDeviation_;
     }
-    if (nextDeviation_ < deviations.size() && deviations[nextDeviation_].at == at) {
-        return static_cast<int>(std::min<std::size_t>(deviations[nextDeviation_].taken, among - 1));
+    if (nextDeviation_ < schedule.size() && schedule[nextDeviation_].choice == choice) {
+        return std::min<std::size_t>(schedule[nextDeviation_].taken, ways - 1);
     }
-    if (plan_.seed && random_() % oneIn_ == 0) {
-        return static_cast<int>(random_() % among);
-    }
-    return 0;
+    bool const deviates = plan_.seed && random_() % deviatesOneIn_ == 0;
+    return deviates ? random_() % ways : 0;
 }
 
 void Scheduler::passTimeTo(Nanoseconds moment) {
@@ -257,12 +246,12 @@ void Scheduler::passTimeTo(Nanoseconds moment) {
     auto const before = waiting_;
     for (auto* const thread : before) {
         if (thread->deadline != NEVER && thread->deadline <= now_) {
-            ready(*thread, true);
+            makeReady(*thread, true);
         }
     }
 }
 
-bool Scheduler::passTime() {
+void Scheduler::passTimeToNextDeadline() {
     Nanoseconds next = NEVER;
     for (auto const* const thread : waiting_) {
         if (thread->deadline != NEVER && (next == NEVER || thread->deadline < next)) {
@@ -270,71 +259,56 @@ bool Scheduler::passTime() {
         }
     }
     if (next == NEVER) {
-        return false;
+        fail("no thread can continue");
     }
-    if (next > BEGINNING + LONGEST_RUN) {
-        fail("somebody waits for ever");
+    if (next > START_TIME + MAX_DURATION) {
+        fail("a thread waits for ever");
     }
     passTimeTo(next);
-    return true;
 }
 
-void Scheduler::somethingHappened() {
+void Scheduler::resetYields() {
     for (auto& thread : threads_) {
         thread.yields = 0;
     }
 }
 
-void Scheduler::ready(Thread& thread, bool timedOut) {
+void Scheduler::makeReady(Thread& thread, bool timedOut) {
     waiting_.erase(std::find(waiting_.begin(), waiting_.end(), &thread));
     thread.state = State::READY;
     thread.object = nullptr;
+    thread.holder = -1;
     thread.deadline = NEVER;
     thread.timedOut = timedOut;
-    somethingHappened();
+    resetYields();
 }
 
 void Scheduler::fail(char const* text) {
-    std::snprintf(journal_->failure.data(), journal_->failure.size(), "%s", text);
-    if (plan_.traced) {
-        noteWaiting();
+    std::snprintf(record_->failure.data(), record_->failure.size(), "%s", text);
+    for (auto& thread : threads_) {
+        if (plan_.traced && thread.state != State::ENDED) {
+            recordEvent(thread, &thread == current_ ? "is running" : nameOf(thread.state),
+                        "held by", thread.holder);
+        }
     }
     _exit(1);
 }
 
-void Scheduler::pass() {
-    journal_->ended = true;
+void Scheduler::succeed() {
+    record_->completed = true;
     _exit(0);
 }
 
-void Scheduler::note(Thread const& next, char const* reason) {
-    auto& self = *current_;
-    look(self.place);
-    if (journal_->switchCount == journal_->switches.size()) {
-        return;
+void Scheduler::recordEvent(Thread& thread, char const* what, char const* relation,
+                            int otherThread) {
+    auto& stack = thread.stack;
+    if (&thread == current_) {
+        stack.count = backtrace(stack.frames.data(), static_cast<int>(stack.frames.size()));
     }
-    journal_->switches[journal_->switchCount++] = {
-        now_,        static_cast<std::uint32_t>(journal_->choiceCount),
-        self.number, next.number,
-        reason,      self.place};
-}
-
-void Scheduler::noteWaiting() {
-    look(current_->place);
-    for (auto const& thread : threads_) {
-        if (thread.state == State::ENDED || journal_->waitingCount == journal_->waiting.size()) {
-            continue;
-        }
-        int const holder =
-            thread.state == State::ON_MUTEX && holderOf_ != nullptr ? holderOf_(thread.object) : -1;
-        journal_->waiting[journal_->waitingCount++] = {
-            thread.number, &thread == current_ ? "is running" : nameOf(thread.state), holder,
-            thread.place};
+    if (record_->eventCount < record_->events.size()) {
+        record_->events[record_->eventCount++] = {
+            now_, record_->choiceCount, thread.number, what, relation, otherThread, stack};
     }
-}
-
-void Scheduler::look(Place& place) const {
-    place.count = backtrace(place.frames.data(), static_cast<int>(place.frames.size()));
 }
 
 } // namespace interleavings

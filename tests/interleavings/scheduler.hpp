@@ -1,6 +1,5 @@
 #pragma once
 
-#include "interleavings/journal.hpp"
 #include "interleavings/schedule.hpp"
 
 #include <pthread.h>
@@ -15,17 +14,16 @@
 
 namespace interleavings {
 
-/// Virtual, of a clock that starts anew in each run.
+/// Of the virtual clock, which starts at the same time in each run.
 using Nanoseconds = std::int64_t;
 constexpr Nanoseconds NEVER = -1;
 
-/// What a scenario lets the explorer choose, beside the threads; any of these together.
+/// The choices that a scenario allows in addition to those of threads; flags.
 enum Explored : unsigned {
     THREADS_ONLY = 0,
-    PAUSES = 1,    ///< every schedule with and without the scenario's pauses
-    DEADLINES = 2, ///< time may pass to the deadline of a wait while others could go on
-    NO_THREAD = 4, ///< one creation of a thread may fail
-    NO_MEMORY = 8  ///< one allocation may fail
+    DEADLINES = 1, ///< time may pass to the deadline of a wait while other threads could continue
+    NO_THREAD = 2, ///< one creation of a thread may fail
+    NO_MEMORY = 4  ///< one allocation may fail
 };
 
 enum class State { READY, YIELDED, ON_MUTEX, ON_CONDITION, ON_THREAD, ASLEEP, ENDED };
@@ -33,74 +31,79 @@ enum class State { READY, YIELDED, ON_MUTEX, ON_CONDITION, ON_THREAD, ASLEEP, EN
 struct Thread {
     int number = 0;
     State state = State::READY;
-    void const* object = nullptr; ///< what it waits for
+    void const* object = nullptr; ///< it waits for this
+    int holder = -1;              ///< number of the thread that holds the mutex it waits for
     Nanoseconds deadline = NEVER;
     bool timedOut = false; ///< how its last wait ended
-    int yields = 0;        ///< since something happened
+    int yields = 0;        ///< since any thread did something else
     bool joined = false;
     pthread_t id{};
     sem_t turn{};
-    Place place{}; ///< where it has stopped, in a traced run
+    Stack stack{}; ///< where it stopped, in a traced run
 };
 
-/// How a run is to go.
+/// Determines how a run goes.
 struct Plan {
     Schedule schedule;
-    std::optional<unsigned> seed; ///< of random choices beyond the schedule; none: always 0
+    std::optional<unsigned> seed; ///< of random choices after the schedule; none: way 0
     unsigned explored = THREADS_ONLY;
+    bool mistaken = false; ///< the scenario makes its mistake
     bool traced = false;
 };
 
-/// Lets one thread of the process run at a time, and decides at each point which one goes on.
+/// Lets one thread of the process run at a time, and decides at each switch point which one
+/// continues.
 ///
-/// Threads are real, and each waits for its turn. Time is virtual: it passes when no thread can go
-/// on. A thread that yields lets all others go first; one that does nothing else may do so three
-/// times, then time passes.
+/// Threads are real, and each waits for its turn. Time is virtual: it passes when no thread can
+/// continue. A thread that yields lets all others run first. When only yielding threads are left,
+/// each may yield three times, then time passes.
 class Scheduler {
 public:
     static Scheduler& instance();
 
-    /// Takes over the process, whose only thread is the calling one.
-    void start(Plan const& plan, Journal& journal);
-    bool started() const { return journal_ != nullptr; }
-    /// From now on, or no longer, choices are made. Without, a thread runs until it waits.
-    void explore(bool on) { exploring_ = on; }
-    bool exploring() const { return exploring_; }
+    /// Takes control of the process, which must have one thread.
+    void start(Plan const& plan, RunRecord& record);
+    bool started() const { return record_ != nullptr; }
+    Plan const& plan() const { return plan_; }
+    /// Whether choices are made. Otherwise a thread runs until it waits.
+    void setExploring(bool on) { exploring_ = on; }
 
     Thread& current() { return *current_; }
     Thread* find(pthread_t id);
-    /// A new thread, which is ready.
+    /// Adds a new thread, which is ready.
     Thread& add();
-    /// For a new thread: waits for its first turn.
-    void begin(Thread& thread);
-    /// For a thread that ends: lets those go on who wait for that.
+    /// Called on a new thread: waits for its first turn.
+    static void begin(Thread& thread);
+    /// Called on a thread that ends: wakes the threads that wait for its end.
     void end();
 
-    /// A point where another thread may go first.
-    void point();
-    /// A choice that is not one of threads.
-    int pick(int among);
-    /// Whether something is not to be had, once in a run at most.
-    bool refuses(Explored what);
+    /// Another thread may run first.
+    void switchPoint();
+    /// The same, unless the object is in an ignored range.
+    void switchPointAt(void const* object);
+    /// For mutexes of test doubles: a thread stops there only when it has to wait.
+    void ignoreObjectsIn(void const* begin, std::size_t size);
+    /// Makes a choice; 0 while not exploring.
+    std::size_t choose(std::size_t ways);
+    /// Whether a resource is refused; at most once in a run.
+    bool refuses(Explored resource);
     /// Waits until woken.
     /// @return false when the deadline came first
-    bool block(State why, void const* object, Nanoseconds deadline = NEVER);
+    bool block(State reason, void const* object, Nanoseconds deadline = NEVER);
     void yield();
-    /// Makes those ready who wait for that, or the first of them.
-    void wake(State why, void const* object, bool all);
-    bool isWaitedFor(State why, void const* object) const;
+    /// Makes the waiting threads ready, all or the first one.
+    void wake(State reason, void const* object, bool all);
+    bool isWaitedFor(State reason, void const* object) const;
 
-    /// The clock; it moves with each look, so that who only looks at it comes to an end.
+    /// The clock. Each call advances it, so that a loop that only reads the clock ends.
     Nanoseconds now();
 
     /// Ends the run, and the process.
     [[noreturn]] void fail(char const* text);
-    [[noreturn]] void pass();
-
-    /// Who has a mutex, for the report of a failure.
-    void setHolderOf(int (*holder)(void const* mutex)) { holderOf_ = holder; }
+    [[noreturn]] void succeed();
 
 private:
+    /// A way to continue.
     struct Way {
         Thread* thread;
         Nanoseconds passTo; ///< time passes first; NEVER: it does not
@@ -109,30 +112,26 @@ private:
     void handOver(char const* reason);
     void resume(Thread& next, char const* reason);
     std::vector<Way> ways();
-    void addWaits(std::vector<Way>& ways);
-    int choose(std::size_t among, bool preempts);
-    int decide(std::size_t at, std::size_t among);
+    std::size_t decide(std::size_t choice, std::size_t ways);
     void passTimeTo(Nanoseconds moment);
-    bool passTime();
-    void somethingHappened();
-    void ready(Thread& thread, bool timedOut);
-    void note(Thread const& next, char const* reason);
-    void noteWaiting();
-    void look(Place& place) const;
+    void passTimeToNextDeadline();
+    void resetYields();
+    void makeReady(Thread& thread, bool timedOut);
+    void recordEvent(Thread& thread, char const* what, char const* relation, int otherThread);
 
     Plan plan_;
-    Journal* journal_ = nullptr;
+    RunRecord* record_ = nullptr;
     bool exploring_ = false;
     std::deque<Thread> threads_;
     Thread* current_ = nullptr;
-    std::deque<Thread*> waiting_; ///< in the order in which they came
+    std::deque<Thread*> waiting_; ///< in the order in which they began to wait
+    std::vector<std::pair<char const*, char const*>> ignored_;
     Nanoseconds now_ = 0;
     std::size_t steps_ = 0;
     std::size_t nextDeviation_ = 0;
     std::mt19937 random_;
-    unsigned oneIn_ = 1;   ///< how often a random run deviates
-    bool refused_ = false; ///< already
-    int (*holderOf_)(void const*) = nullptr;
+    unsigned deviatesOneIn_ = 1; ///< of how many random choices one deviates
+    bool refused_ = false;       ///< a resource was refused before
 };
 
 } // namespace interleavings

@@ -1,6 +1,6 @@
 // The time base, the binder, the cleaner and the discoverer.
 
-#include "interleavings/stage.hpp"
+#include "interleavings/fixtures.hpp"
 
 #include <mqtt/binder_proxy.hpp>
 #include <mqtt/payloads.hpp>
@@ -8,606 +8,469 @@
 #include <mqtt/time_base.hpp>
 #include <mqtt/topic_cleaner.hpp>
 
+#include <algorithm>
 #include <memory>
 #include <thread>
 
-using namespace interleavings;
+namespace interleavings {
+
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 using BinderError = zym::common::Binder::Error;
 
 namespace {
 
-struct TimeListener final : zym::common::SynchronizedTimeBaseProxy::Listener {
-    explicit TimeListener(std::function<void()> hook = {}) : ear(std::move(hook)) {}
-    void onTimeSynchronized() override { ear.hear(); }
-    Ear ear;
+struct TimeListener final : zym::common::SynchronizedTimeBaseProxy::Listener, CallbackCheck {
+    void onTimeSynchronized() override { onCallback(); }
 };
 
-struct OneTimeBase : ConnectedClient {
-    void expectUsable() const {
+struct TimeBaseFixture : ConnectedClient {
+    void expectSynchronizedAndUsable(bool synchronized = true) const {
+        expect(proxy->isSynchronized() == synchronized, "the time base does not run");
         proxy->stop();
-        Scene::expect(proxy->synchronize(SERVER, 5), "the time base is not to be started again");
+        expect(proxy->synchronize(SERVER, 5), "the time base cannot be started again");
+    }
+    void startWithLimitedResources(seconds duration) {
+        bool started = false;
+        explore([&] {
+            MemoryMayFail const here;
+            started = attempt([&] { proxy->startSync(SERVER); }) || makesMistake();
+            pass(duration);
+        });
+        expect(listener.count() == (started ? 1 : 0), "the listener is not called once");
+        expectSynchronizedAndUsable(started);
     }
 
     EchoServer server{broker};
     TimeListener listener;
     std::unique_ptr<mqtt::SynchronizedTimeBaseMqttProxy> proxy =
-        std::make_unique<mqtt::SynchronizedTimeBaseMqttProxy>(client, "svc", ME, &listener);
+        std::make_unique<mqtt::SynchronizedTimeBaseMqttProxy>(client, "svc", CLIENT, &listener);
 };
 
-struct BindingListener final : zym::common::BinderProxy::Listener {
-    explicit BindingListener(std::function<void()> hook = {}) : ear(std::move(hook)) {
-        bound.reserve(10); // it has memory when the library has none
-        unbound.reserve(10);
+SCENARIO(TimeBaseStopAndStart, TimeBaseFixture, THREADS_ONLY) {
+    explore([&] {
+        proxy->startSync(SERVER);
+        maybePause();
+        proxy->stop();
+        maybePause();
+        proxy->startSync(SERVER);
+        ifMistaken([&] { proxy->stop(); });
+    });
+    expect(listener.count() == 1 || listener.count() == 2, "the listener is not called once");
+    expectSynchronizedAndUsable();
+}
+
+SCENARIO(TimeBaseInTwoHands, TimeBaseFixture, DEADLINES) {
+    bool started = false;
+    bool synchronized = false;
+    explore([&] {
+        std::thread other([&] { synchronized = proxy->synchronize(SERVER, 5); });
+        started = proxy->startSync(SERVER);
+        maybePause();
+        proxy->forceSync();
+        ifMistaken([&] { proxy->stop(); });
+        other.join();
+    });
+    expect(!synchronized || listener.count() <= 1, "the listener is not called once");
+    // A `synchronize` that times out stops what it has started.
+    expectSynchronizedAndUsable(proxy->isSynchronized() || started || synchronized);
+}
+
+SCENARIO(ThePeriodicExchangeMeetsStop, TimeBaseFixture, DEADLINES) {
+    proxy->synchronize(SERVER, 5);
+    pass(milliseconds(29'900));
+    explore([&] {
+        pass(milliseconds(99));
+        maybePause();
+        proxy->stop();
+        unlessMistaken([&] { proxy->startSync(SERVER); });
+    });
+    expectSynchronizedAndUsable();
+}
+
+SCENARIO(TheEndOfATimeBaseMeetsItsCallback, TimeBaseFixture, DEADLINES) {
+    bool waits = false;
+    explore([&] { waits = chooseWay(); });
+    server.holdReplies();
+    std::thread waiter([&] { waits ? proxy->synchronize(SERVER, 5) : proxy->startSync(SERVER); });
+    pass(milliseconds(1));
+    explore([&] {
+        server.releaseReplies();
+        ifMistaken([&] { listener.close(); });
+        Scheduler::instance().switchPoint();
+        proxy.reset();
+        listener.close();
+    });
+    waiter.join();
+    expectNoSubscriptions();
+}
+
+SCENARIO(TimeBaseWithoutAThread, TimeBaseFixture, NO_THREAD) {
+    startWithLimitedResources(seconds(1));
+}
+
+SCENARIO(TimeBaseWithoutMemory, TimeBaseFixture, NO_MEMORY) {
+    startWithLimitedResources(seconds(31));
+}
+
+SCENARIO(ATimeListenerThrows, TimeBaseFixture, THREADS_ONLY) {
+    listener.setAction(&maybeThrow);
+    explore([&] {
+        proxy->startSync(SERVER);
+        pass(milliseconds(1));
+        proxy->stop();
+        unlessMistaken([&] { proxy->startSync(SERVER); });
+    });
+    expectSynchronizedAndUsable();
+}
+
+struct BindingListener final : zym::common::BinderProxy::Listener, CallbackCheck {
+    void onBound(BinderError) override {
+        ++bound;
+        onCallback();
     }
-    void onBound(BinderError error) override {
-        bound.push_back(error);
-        ear.hear();
-    }
-    void onUnbound(BinderError error) override {
-        unbound.push_back(error);
-        ear.hear();
-    }
-    std::vector<BinderError> bound;
-    std::vector<BinderError> unbound;
-    Ear ear;
+    void onUnbound(BinderError) override { onCallback(); }
+    int bound = 0;
 };
 
-struct OneBinder : ConnectedClient {
-    explicit OneBinder(std::function<void()> hook = {}) : listener(std::move(hook)) {}
-
+struct BinderFixture : ConnectedClient {
     void expectUnbound() const {
-        Scene::expect(!proxy->isTimeBaseSynchronized(), "the time base runs on after the unbind");
-        Scene::expect(proxy->unbindSync(5) == BinderError::NOT_BOUND, "bound after the unbind");
+        expect(!proxy->isTimeBaseSynchronized(), "the time base runs after the unbind");
+        expect(proxy->unbindSync(5) == BinderError::NOT_BOUND, "bound after the unbind");
     }
     void expectUnboundAtTheServer() const {
         expectUnbound();
-        auto const& served = server.served();
-        auto const last = std::find_if(served.rbegin(), served.rend(),
+        auto const& names = server.requestNames();
+        auto const last = std::find_if(names.rbegin(), names.rend(),
                                        [](auto const& name) { return name != "timeSync"; });
-        Scene::expect(last == served.rend() || *last == "unbind",
-                      "a bind reaches the server after the unbind");
+        expect(last == names.rend() || *last == "unbind",
+               "a bind reaches the server after the unbind");
     }
-    /// Whatever came before.
+    /// In any state before.
     void expectUsable() const {
         proxy->unbindSync(5);
         expectUnbound();
-        Scene::expect(proxy->bindSync(SERVER, 5) == BinderError::SUCCESS, "no binding any more");
-        Scene::expect(proxy->unbindSync(5) == BinderError::SUCCESS, "no unbinding any more");
+        expect(proxy->bindSync(SERVER, 5) == BinderError::SUCCESS, "the next binding fails");
+        expect(proxy->unbindSync(5) == BinderError::SUCCESS, "the next unbinding fails");
         expectUnboundAtTheServer();
+    }
+    /// After a successful unbinding: begins a binding that gets no answer and has no time-out.
+    void bindToSilentServer() {
+        server.holdReplies();
+        expect(proxy->bind(zym::common::Uuid(77), conv::SecondsDuration::NO_TIMEOUT)
+                   == BinderError::SUCCESS,
+               "the next binding does not begin");
+        ifMistaken([&] { proxy->unbindSync(0); });
+    }
+    /// @param unbound result of the unbinding before `bindToSilentServer`
+    void expectStillBindingAndUsable(BinderError unbound) {
+        expect(unbound != BinderError::SUCCESS || proxy->unbindSync(0) == BinderError::SUCCESS,
+               "the next binding has ended");
+        server.releaseReplies();
+        expectUsable();
+    }
+    void bindAndUnbindWithLimitedResources() {
+        explore([&] {
+            MemoryMayFail const here;
+            attempt([&] { proxy->bind(SERVER, 5); });
+            pass(milliseconds(1));
+            attempt([&] { proxy->unbind(5); });
+            ifMistaken([&] { proxy->terminate(); });
+            pass(milliseconds(1));
+        });
+        expectUsable();
     }
 
     EchoServer server{broker};
     BindingListener listener;
     std::unique_ptr<mqtt::BinderMqttProxy> proxy =
-        std::make_unique<mqtt::BinderMqttProxy>(client, "svc", "", ME, "me", &listener);
+        std::make_unique<mqtt::BinderMqttProxy>(client, "svc", "", CLIENT, "me", &listener);
 };
 
-struct CleaningListener final : mqtt::TopicCleaner::Listener {
-    explicit CleaningListener(std::function<void()> hook = {}) : ear(std::move(hook)) {}
+SCENARIO(BindMeetsUnbind, BinderFixture, THREADS_ONLY) {
+    BinderError unbound{};
+    explore([&] {
+        std::thread other([&] {
+            maybePause();
+            unbound = proxy->unbindSync(5);
+            ifMistaken([&] { proxy->bind(SERVER, 5); });
+        });
+        proxy->bind(SERVER, 5);
+        other.join();
+    });
+    bool const isUnbound = unbound == BinderError::SUCCESS;
+    expect(listener.bound == 1 || (isUnbound && listener.bound == 0),
+           "the listener does not learn the end of a binding once");
+    if (isUnbound) {
+        expectUnboundAtTheServer();
+    }
+    expectUsable();
+}
+
+SCENARIO(BindingFollowsAnUnbindingAtOnce, BinderFixture, DEADLINES) {
+    BinderError unbound{};
+    explore([&] {
+        unsigned const timeoutSeconds = chooseWay() ? 0 : 5;
+        bool const waits = chooseWay();
+        std::thread other([&] { waits ? proxy->bindSync(SERVER, 5) : proxy->bind(SERVER, 5); });
+        maybePause();
+        unbound = proxy->unbindSync(timeoutSeconds);
+        if (unbound == BinderError::SUCCESS) {
+            bindToSilentServer();
+        }
+        other.join();
+        pass(milliseconds(50));
+    });
+    expectStillBindingAndUsable(unbound);
+}
+
+SCENARIO(BindingThatTimesOutMeetsUnbindAndBind, BinderFixture, DEADLINES) {
+    BinderError unbound{};
+    server.holdReplies();
+    explore([&] {
+        std::thread other([&] { proxy->bindSync(SERVER, 1); });
+        pass(seconds(1));
+        unbound = proxy->unbindSync(0);
+        if (unbound == BinderError::SUCCESS) {
+            bindToSilentServer();
+        }
+        other.join();
+        pass(milliseconds(50));
+    });
+    expectStillBindingAndUsable(unbound);
+}
+
+SCENARIO(BindSyncMeetsUnbindSync, BinderFixture, THREADS_ONLY) {
+    BinderError bound{};
+    BinderError unbound{};
+    explore([&] {
+        std::thread other([&] {
+            maybePause();
+            unbound = proxy->unbindSync(5);
+        });
+        bound = proxy->bindSync(SERVER, 5);
+        ifMistaken([&] { proxy->bindSync(SERVER, 5); });
+        other.join();
+    });
+    if (unbound == BinderError::SUCCESS) {
+        expectUnboundAtTheServer();
+    } else {
+        expect(bound == BinderError::SUCCESS, "neither bound nor unbound");
+    }
+    expectUsable();
+}
+
+SCENARIO(UnbindMeetsTheDeadline, BinderFixture, DEADLINES) {
+    proxy->bindSync(SERVER, 5);
+    server.holdReplies();
+    explore([&] {
+        proxy->unbind(1);
+        maybePause();
+        std::thread other([&] { proxy->unbindSync(1); });
+        pass(milliseconds(999));
+        server.releaseReplies();
+        ifMistaken([&] { proxy->terminate(); });
+        other.join();
+    });
+    expect(listener.count() <= 2, "the listener does not learn the end of an unbinding once");
+    expectUsable();
+}
+
+SCENARIO(TheEndOfABinderMeetsItsCallbacks, BinderFixture, DEADLINES) {
+    bool unbinds = false;
+    explore([&] { unbinds = chooseWay(); });
+    server.holdReplies();
+    proxy->bind(SERVER, 1);
+    std::thread waiter([&] {
+        if (unbinds) {
+            proxy->unbindSync(1);
+        }
+    });
+    pass(milliseconds(1));
+    explore([&] {
+        server.releaseReplies();
+        ifMistaken([&] { listener.close(); });
+        proxy.reset();
+        listener.close();
+    });
+    waiter.join();
+    expectNoSubscriptions();
+}
+
+SCENARIO(BindingsWithoutAThread, BinderFixture, NO_THREAD) {
+    bindAndUnbindWithLimitedResources();
+}
+
+SCENARIO(BindingsWithoutMemory, BinderFixture, NO_MEMORY) {
+    bindAndUnbindWithLimitedResources();
+}
+
+SCENARIO(ABindingListenerThrows, BinderFixture, THREADS_ONLY) {
+    listener.setAction(&maybeThrow);
+    explore([&] {
+        proxy->bind(SERVER, 5);
+        proxy->unbind(5);
+        ifMistaken([&] { maybeThrow(); });
+        pass(seconds(1));
+    });
+    expectUsable();
+}
+
+struct CleaningListener final : mqtt::TopicCleaner::Listener, CallbackCheck {
     void onTopicCleaned(mqtt::Topic const&) override {
         ++topics;
-        ear.hear();
+        onCallback();
     }
     void onAllTopicsCleaned() override {
-        ++all;
-        ear.hear();
+        ++allTopics;
+        onCallback();
     }
     int topics = 0;
-    int all = 0;
-    Ear ear;
+    int allTopics = 0;
 };
 
-struct OneCleaner {
-    explicit OneCleaner(std::function<void()> hook = {}) : listener(std::move(hook)) {
+struct CleanerFixture {
+    CleanerFixture() {
         broker.publish("old/1", "x", true);
         broker.publish("old/2", "x", true);
+    }
+    void cleanOld() const { cleaner->clean("old/+", seconds(1)); }
+    void cleanNew() const { cleaner->clean("new", seconds(1)); }
+    void expectCleaned(int topics, int allTopics) const {
+        expect(cleaner->waitAllTasks(SETTLING_TIME), "tasks are left");
+        expect(listener.topics == topics && listener.allTopics == allTopics,
+               "the listener does not learn each end once");
     }
 
     SmallBroker broker;
     CleaningListener listener;
     std::unique_ptr<mqtt::TopicCleaner> cleaner =
-        std::make_unique<mqtt::TopicCleaner>(&listener, ME, "host", 1883);
+        std::make_unique<mqtt::TopicCleaner>(&listener, CLIENT, "host", 1883);
 };
 
-/// A list of two, and what each of them is.
-void publishEntities(SmallBroker& broker) {
-    broker.publish("entities",
-                   R"({"members@count": 2, "members": [{"@id": "one"}, {"@id": "two"}]})", true);
-    for (auto const* const entity : {"one", "two"}) {
-        broker.publish(std::string(entity) + "/"
-                           + mqtt::MqttData<conv::Identification>::TOPIC_SUFFIX,
-                       R"({"name": "n"})", true);
+SCENARIO(CleaningMeetsItsEnd, CleanerFixture, DEADLINES) {
+    explore([&] {
+        cleanOld();
+        maybePause();
+        std::thread other([&] { cleanNew(); });
+        std::thread third([&] { cleaner->waitAllTasks(seconds(3)); });
+        pass(seconds(1));
+        ifMistaken([&] { listener.close(); });
+        cleaner->terminate();
+        listener.close();
+        other.join();
+        third.join();
+    });
+    expect(listener.allTopics <= 2 && listener.topics <= 2, "the listener learns an end twice");
+    expect(cleaner->waitAllTasks(seconds(0)), "tasks are left after the end");
+}
+
+SCENARIO(CleaningCompletes, CleanerFixture, THREADS_ONLY) {
+    bool completes = false;
+    explore([&] {
+        cleanOld();
+        maybePause();
+        std::thread other([&] { cleanNew(); });
+        pass(makesMistake() ? milliseconds(1) : milliseconds(1000));
+        other.join();
+        completes = cleaner->waitAllTasks(makesMistake() ? seconds(0) : SETTLING_TIME);
+    });
+    expect(completes, "tasks are left");
+    expect(listener.topics == 2 && listener.allTopics >= 1, "the listener does not learn an end");
+    expect(broker.retained() == 0, "a retained message is left");
+    expect(broker.subscriptions() == 0, "a subscription is left");
+}
+
+SCENARIO(CleaningWithoutAThread, CleanerFixture, NO_THREAD) {
+    explore([&] {
+        if (!attempt([&] { cleanOld(); }) && !makesMistake()) {
+            cleanOld();
+        }
+    });
+    expectCleaned(1, 1);
+    expect(broker.retained() == 0, "a retained message is left");
+}
+
+SCENARIO(CleaningWithoutMemory, CleanerFixture, NO_MEMORY) {
+    bool accepted = false;
+    explore([&] {
+        MemoryMayFail const here;
+        accepted = attempt([&] { cleanOld(); }) || makesMistake();
+        pass(seconds(3));
+    });
+    expectCleaned(accepted ? 1 : 0, listener.allTopics);
+    cleanNew();
+    expect(cleaner->waitAllTasks(SETTLING_TIME), "tasks are left");
+}
+
+SCENARIO(ACleaningListenerThrows, CleanerFixture, THREADS_ONLY) {
+    listener.setAction(&maybeThrow);
+    explore([&] {
+        cleanOld();
+        unlessMistaken([&] { cleanNew(); });
+        pass(seconds(3));
+    });
+    expectCleaned(2, 1);
+}
+
+struct DiscovererFixture : ConnectedClient {
+    /// Publishes a list of two entities, and what identifies them.
+    void publishEntities() {
+        broker.publish("entities",
+                       R"({"members@count": 2, "members": [{"@id": "one"}, {"@id": "two"}]})",
+                       true);
+        for (std::string const entity : {"one/", "two/"}) {
+            broker.publish(entity + mqtt::MqttData<conv::Identification>::TOPIC_SUFFIX,
+                           R"({"name": "n"})", true);
+        }
     }
+    bool discover(unsigned timeoutSeconds = 5) const {
+        return discoverer->discoverSync(timeoutSeconds, true);
+    }
+
+    std::unique_ptr<mqtt::ServiceDiscovererMqtt> discoverer =
+        std::make_unique<mqtt::ServiceDiscovererMqtt>(client, "entities");
+};
+
+SCENARIO(DiscoveryMeetsItsEnd, DiscovererFixture, DEADLINES) {
+    std::thread waiter([&] { discover(); });
+    pass(milliseconds(1));
+    explore([&] {
+        publishEntities();
+        ifMistaken([&] { std::thread([&] { discoverer->links(); }).detach(); });
+        discoverer.reset();
+    });
+    waiter.join();
+    expectNoSubscriptions();
+}
+
+SCENARIO(DiscoveryMeetsItsAnswers, DiscovererFixture, THREADS_ONLY) {
+    bool found[2]{};
+    explore([&] {
+        std::thread other([&] { found[0] = discover(); });
+        publishEntities();
+        maybePause();
+        publishEntities();
+        ifMistaken([&] { discoverer->cleanSubscriptions(); });
+        found[1] = discover();
+        other.join();
+    });
+    auto const entities = discoverer->entities();
+    expect(found[0] && found[1] && entities.size() == 2, "published entities are not discovered");
+    expect(entities[0].name == "n" && entities[1].name == "n", "an answer is lost");
+    expectNoSubscriptions();
+}
+
+SCENARIO(DiscoveryWithoutMemory, DiscovererFixture, NO_MEMORY) {
+    publishEntities();
+    explore([&] {
+        MemoryMayFail const here;
+        attempt([&] { discover(); });
+    });
+    expect(discover(makesMistake() ? 0 : 5), "nothing is discovered");
+    expect(discoverer->entities().size() == 2, "an entity is not discovered");
 }
 
 } // namespace
 
-SCENARIO(TimeBaseStopAndStart, PAUSES) {
-    OneTimeBase one;
-    {
-        Scene::Exploration const here;
-        one.proxy->startSync(SERVER);
-        scene.pause();
-        one.proxy->stop();
-        scene.pause();
-        one.proxy->startSync(SERVER);
-        if (scene.mistaken()) {
-            std::thread([&] { one.proxy->stop(); }).join();
-        }
-    }
-    Scene::pass(LONG);
-    Scene::expect(one.proxy->isSynchronized(), "the time base stands still");
-    Scene::expect(one.listener.ear.count() == 1 || one.listener.ear.count() == 2,
-                  "the listener is not told once");
-    one.expectUsable();
-}
-
-SCENARIO(TimeBaseInTwoHands, PAUSES | DEADLINES) {
-    OneTimeBase one;
-    bool started = false;
-    bool synchronized = false;
-    {
-        Scene::Exploration const here;
-        std::thread other([&] { synchronized = one.proxy->synchronize(SERVER, 5); });
-        started = one.proxy->startSync(SERVER);
-        scene.pause();
-        one.proxy->forceSync();
-        if (scene.mistaken()) {
-            one.proxy->stop();
-        }
-        other.join();
-    }
-    Scene::pass(seconds(40));
-    // Who waits in vain stops what it has started.
-    Scene::expect(one.proxy->isSynchronized() || !(started || synchronized),
-                  "the time base stands still");
-    Scene::expect(!synchronized || one.listener.ear.count() <= 1, "the listener is not told once");
-    one.expectUsable();
-}
-
-SCENARIO(ThePeriodicExchangeMeetsStop, PAUSES | DEADLINES) {
-    OneTimeBase one;
-    one.proxy->synchronize(SERVER, 5);
-    Scene::pass(milliseconds(29'900));
-    {
-        Scene::Exploration const here;
-        Scene::pass(milliseconds(99));
-        scene.pause();
-        one.proxy->stop();
-        if (!scene.mistaken()) {
-            one.proxy->startSync(SERVER);
-        }
-    }
-    Scene::pass(LONG);
-    Scene::expect(one.proxy->isSynchronized(), "the time base stands still");
-    one.expectUsable();
-}
-
-SCENARIO(TheEndOfATimeBaseMeetsItsCallback, DEADLINES) {
-    OneTimeBase one;
-    one.server.beSilent();
-    bool waits = false;
-    {
-        Scene::Exploration const here;
-        waits = Scene::maybe();
-    }
-    std::thread waiter(
-        [&, waits] { waits ? one.proxy->synchronize(SERVER, 5) : one.proxy->startSync(SERVER); });
-    Scene::pass(milliseconds(1));
-    {
-        Scene::Exploration const here;
-        one.server.speak();
-        if (scene.mistaken()) {
-            one.listener.ear.close();
-        }
-        Scene::stop();
-        one.proxy.reset();
-        one.listener.ear.close();
-    }
-    waiter.join();
-    Scene::pass(LONG);
-    one.expectNothingLeft();
-}
-
-SCENARIO(TimeBaseWithoutAThread, NO_THREAD) {
-    OneTimeBase one;
-    bool started = false;
-    {
-        Scene::Exploration const here;
-        started = attempt([&] { one.proxy->startSync(SERVER); }) || scene.mistaken();
-        Scene::pass(seconds(1));
-    }
-    Scene::pass(seconds(70));
-    Scene::expect(one.proxy->isSynchronized() == started, "the time base stands still");
-    Scene::expect(one.listener.ear.count() == (started ? 1 : 0), "the listener is not told once");
-    one.expectUsable();
-}
-
-SCENARIO(TimeBaseWithoutMemory, NO_MEMORY) {
-    OneTimeBase one;
-    bool started = false;
-    {
-        Scene::Exploration const here;
-        Scene::Shortage const shortage;
-        started = attempt([&] { one.proxy->startSync(SERVER); }) || scene.mistaken();
-        Scene::pass(seconds(31));
-    }
-    Scene::pass(seconds(70));
-    Scene::expect(one.proxy->isSynchronized() == started, "the time base stands still");
-    Scene::expect(one.listener.ear.count() == (started ? 1 : 0), "the listener is not told once");
-    one.expectUsable();
-}
-
-SCENARIO(ATimeListenerThrows, THREADS_ONLY) {
-    OneTimeBase one;
-    one.listener.ear = Ear(&throwSometimes);
-    {
-        Scene::Exploration const here;
-        one.proxy->startSync(SERVER);
-        Scene::pass(milliseconds(1));
-        one.proxy->stop();
-        if (!scene.mistaken()) {
-            one.proxy->startSync(SERVER);
-        }
-    }
-    Scene::pass(LONG);
-    Scene::expect(one.proxy->isSynchronized(), "the time base stands still");
-    one.expectUsable();
-}
-
-SCENARIO(BindMeetsUnbind, PAUSES) {
-    OneBinder one;
-    BinderError unbound{};
-    {
-        Scene::Exploration const here;
-        std::thread other([&] {
-            scene.pause();
-            unbound = one.proxy->unbindSync(5);
-            if (scene.mistaken()) {
-                one.proxy->bind(SERVER, 5);
-            }
-        });
-        one.proxy->bind(SERVER, 5);
-        other.join();
-    }
-    Scene::pass(LONG);
-    Scene::expect(one.listener.bound.size() <= 1, "the end of a binding is not told once");
-    if (unbound == BinderError::SUCCESS) {
-        one.expectUnboundAtTheServer();
-    } else {
-        Scene::expect(one.listener.bound.size() == 1, "the end of a binding is not told once");
-    }
-    one.expectUsable();
-}
-
-SCENARIO(BindingFollowsAnUnbindingAtOnce, PAUSES | DEADLINES) {
-    OneBinder one;
-    zym::common::Uuid const nobody(77);
-    BinderError unbound{};
-    {
-        Scene::Exploration const here;
-        bool const zero = Scene::maybe();
-        bool const async = Scene::maybe();
-        std::thread other([&] {
-            if (async) {
-                one.proxy->bind(SERVER, 5);
-            } else {
-                one.proxy->bindSync(SERVER, 5);
-            }
-        });
-        scene.pause();
-        unbound = one.proxy->unbindSync(zero ? 0 : 5);
-        if (unbound == BinderError::SUCCESS) {
-            one.server.beSilent();
-            Scene::expect(one.proxy->bind(nobody, conv::SecondsDuration::NO_TIMEOUT)
-                              == BinderError::SUCCESS,
-                          "no next binding");
-            if (scene.mistaken()) {
-                one.proxy->unbindSync(0);
-            }
-        }
-        other.join();
-        Scene::pass(milliseconds(50));
-    }
-    Scene::pass(seconds(1));
-    if (unbound == BinderError::SUCCESS) {
-        Scene::expect(one.proxy->unbindSync(0) == BinderError::SUCCESS,
-                      "the next binding has ended");
-    }
-    one.server.speak();
-    one.expectUsable();
-}
-
-SCENARIO(BindingThatTimesOutMeetsUnbindAndBind, PAUSES | DEADLINES) {
-    OneBinder one;
-    zym::common::Uuid const nobody(77);
-    one.server.beSilent();
-    BinderError unbound{};
-    {
-        Scene::Exploration const here;
-        std::thread other([&] { one.proxy->bindSync(SERVER, 1); });
-        Scene::pass(seconds(1));
-        unbound = one.proxy->unbindSync(0);
-        if (unbound == BinderError::SUCCESS) {
-            one.server.beSilent();
-            Scene::expect(one.proxy->bind(nobody, conv::SecondsDuration::NO_TIMEOUT)
-                              == BinderError::SUCCESS,
-                          "no next binding");
-            if (scene.mistaken()) {
-                one.proxy->unbindSync(0);
-            }
-        }
-        other.join();
-        Scene::pass(milliseconds(50));
-    }
-    if (unbound == BinderError::SUCCESS) {
-        Scene::expect(one.proxy->unbindSync(0) == BinderError::SUCCESS,
-                      "the next binding has ended");
-    }
-    one.server.speak();
-    one.expectUsable();
-}
-
-SCENARIO(BindSyncMeetsUnbindSync, PAUSES) {
-    OneBinder one;
-    BinderError bound{};
-    BinderError unbound{};
-    {
-        Scene::Exploration const here;
-        std::thread other([&] {
-            scene.pause();
-            unbound = one.proxy->unbindSync(5);
-        });
-        bound = one.proxy->bindSync(SERVER, 5);
-        if (scene.mistaken()) {
-            one.proxy->bindSync(SERVER, 5);
-        }
-        other.join();
-    }
-    Scene::pass(LONG);
-    if (unbound == BinderError::SUCCESS) {
-        one.expectUnboundAtTheServer();
-    } else {
-        Scene::expect(bound == BinderError::SUCCESS, "neither bound nor unbound");
-    }
-    one.expectUsable();
-}
-
-SCENARIO(UnbindMeetsTheDeadline, PAUSES | DEADLINES) {
-    OneBinder one;
-    one.proxy->bindSync(SERVER, 5);
-    one.server.beSilent();
-    {
-        Scene::Exploration const here;
-        one.proxy->unbind(1);
-        scene.pause();
-        std::thread other([&] { one.proxy->unbindSync(1); });
-        Scene::pass(milliseconds(999));
-        one.server.speak();
-        if (scene.mistaken()) {
-            one.proxy->terminate();
-        }
-        other.join();
-    }
-    Scene::pass(LONG);
-    Scene::expect(one.listener.unbound.size() + one.listener.bound.size() <= 2,
-                  "the end of an unbinding is not told once");
-    one.expectUsable();
-}
-
-SCENARIO(TheEndOfABinderMeetsItsCallbacks, DEADLINES) {
-    OneBinder one;
-    one.server.beSilent();
-    one.proxy->bind(SERVER, 1);
-    bool unbinds = false;
-    {
-        Scene::Exploration const here;
-        unbinds = Scene::maybe();
-    }
-    std::thread waiter([&, unbinds] {
-        if (unbinds) {
-            one.proxy->unbindSync(1);
-        }
-    });
-    Scene::pass(milliseconds(1));
-    {
-        Scene::Exploration const here;
-        one.server.speak();
-        if (scene.mistaken()) {
-            one.listener.ear.close();
-        }
-        one.proxy.reset();
-        one.listener.ear.close();
-    }
-    waiter.join();
-    Scene::pass(LONG);
-    one.expectNothingLeft();
-}
-
-SCENARIO(BindingsWithoutAThread, NO_THREAD) {
-    OneBinder one;
-    {
-        Scene::Exploration const here;
-        attempt([&] { one.proxy->bind(SERVER, 5); });
-        Scene::pass(seconds(1));
-        attempt([&] { one.proxy->unbind(5); });
-        if (scene.mistaken()) {
-            one.proxy->terminate();
-        }
-        Scene::pass(seconds(1));
-    }
-    Scene::pass(seconds(70));
-    one.expectUsable();
-}
-
-SCENARIO(BindingsWithoutMemory, NO_MEMORY) {
-    OneBinder one;
-    {
-        Scene::Exploration const here;
-        Scene::Shortage const shortage;
-        attempt([&] { one.proxy->bind(SERVER, 5); });
-        Scene::pass(milliseconds(1));
-        attempt([&] { one.proxy->unbind(5); });
-        if (scene.mistaken()) {
-            one.proxy->terminate();
-        }
-        Scene::pass(milliseconds(1));
-    }
-    Scene::pass(seconds(70));
-    one.expectUsable();
-}
-
-SCENARIO(ABindingListenerThrows, THREADS_ONLY) {
-    OneBinder one(&throwSometimes);
-    {
-        Scene::Exploration const here;
-        one.proxy->bind(SERVER, 5);
-        one.proxy->unbind(5);
-        if (scene.mistaken()) {
-            throwSometimes();
-        }
-        Scene::pass(seconds(1));
-    }
-    Scene::pass(LONG);
-    one.expectUsable();
-}
-
-SCENARIO(CleaningMeetsItsEnd, PAUSES | DEADLINES) {
-    OneCleaner one;
-    {
-        Scene::Exploration const here;
-        one.cleaner->clean("old/+", seconds(1));
-        scene.pause();
-        std::thread other([&] { one.cleaner->clean("new", seconds(1)); });
-        std::thread third([cleaner = one.cleaner.get()] { cleaner->waitAllTasks(seconds(3)); });
-        Scene::pass(seconds(1));
-        if (scene.mistaken()) {
-            one.listener.ear.close();
-        }
-        one.cleaner->terminate();
-        one.listener.ear.close();
-        other.join();
-        third.join();
-    }
-    Scene::expect(one.listener.all <= 2 && one.listener.topics <= 2, "an end is told twice");
-    Scene::expect(one.cleaner->waitAllTasks(seconds(0)), "tasks are left after the end");
-    one.cleaner.reset();
-    Scene::pass(LONG);
-}
-
-SCENARIO(CleaningCompletes, PAUSES) {
-    OneCleaner one;
-    {
-        Scene::Exploration const here;
-        one.cleaner->clean("old/+", seconds(1));
-        scene.pause();
-        std::thread other([&] { one.cleaner->clean("new", seconds(1)); });
-        Scene::pass(milliseconds(scene.mistaken() ? 1 : 1000));
-        other.join();
-    }
-    Scene::expect(one.cleaner->waitAllTasks(scene.mistaken() ? seconds(0) : LONG),
-                  "tasks are left");
-    Scene::expect(one.listener.topics == 2 && one.listener.all >= 1, "an end is not told");
-    Scene::expect(one.broker.retained() == 0, "a retained message is left");
-    Scene::expect(one.broker.subscriptions() == 0, "a subscription is left over");
-}
-
-SCENARIO(CleaningWithoutAThread, NO_THREAD) {
-    OneCleaner one;
-    {
-        Scene::Exploration const here;
-        if (!attempt([&] { one.cleaner->clean("old/+", seconds(1)); }) && !scene.mistaken()) {
-            one.cleaner->clean("old/+", seconds(1));
-        }
-    }
-    Scene::expect(one.cleaner->waitAllTasks(LONG), "tasks are left");
-    Scene::expect(one.listener.topics == 1 && one.listener.all == 1, "an end is not told once");
-    Scene::expect(one.broker.retained() == 0, "a retained message is left");
-}
-
-SCENARIO(CleaningWithoutMemory, NO_MEMORY) {
-    OneCleaner one;
-    bool accepted = false;
-    {
-        Scene::Exploration const here;
-        Scene::Shortage const shortage;
-        accepted = attempt([&] { one.cleaner->clean("old/+", seconds(1)); }) || scene.mistaken();
-        Scene::pass(seconds(3));
-    }
-    Scene::expect(one.cleaner->waitAllTasks(LONG), "tasks are left");
-    Scene::expect(one.listener.topics == (accepted ? 1 : 0), "an end is not told once");
-    one.cleaner->clean("new", seconds(1));
-    Scene::expect(one.cleaner->waitAllTasks(LONG), "tasks are left");
-}
-
-SCENARIO(ACleaningListenerThrows, THREADS_ONLY) {
-    OneCleaner one(&throwSometimes);
-    {
-        Scene::Exploration const here;
-        one.cleaner->clean("old/+", seconds(1));
-        if (!scene.mistaken()) {
-            one.cleaner->clean("new", seconds(1));
-        }
-        Scene::pass(seconds(3));
-    }
-    Scene::expect(one.cleaner->waitAllTasks(LONG), "tasks are left");
-    Scene::expect(one.listener.topics == 2 && one.listener.all == 1, "an end is not told once");
-}
-
-SCENARIO(DiscoveryMeetsItsEnd, DEADLINES) {
-    ConnectedClient one;
-    auto discoverer = std::make_unique<mqtt::ServiceDiscovererMqtt>(one.client, "entities");
-    std::thread waiter([&] { discoverer->discoverSync(5, true); });
-    Scene::pass(milliseconds(1));
-    {
-        Scene::Exploration const here;
-        publishEntities(one.broker);
-        if (scene.mistaken()) {
-            std::thread([&] { discoverer->links(); }).detach();
-        }
-        discoverer.reset();
-    }
-    waiter.join();
-    Scene::pass(LONG);
-    one.expectNothingLeft();
-}
-
-SCENARIO(DiscoveryMeetsItsAnswers, PAUSES) {
-    ConnectedClient one;
-    mqtt::ServiceDiscovererMqtt discoverer(one.client, "entities");
-    bool found[2]{};
-    {
-        Scene::Exploration const here;
-        std::thread other([&] { found[0] = discoverer.discoverSync(5, true); });
-        publishEntities(one.broker);
-        scene.pause();
-        publishEntities(one.broker);
-        if (scene.mistaken()) {
-            discoverer.cleanSubscriptions();
-        }
-        found[1] = discoverer.discoverSync(5, true);
-        other.join();
-    }
-    Scene::expect(found[0] && found[1] && discoverer.entities().size() == 2,
-                  "what is published is not discovered");
-    for (auto const& entity : discoverer.entities()) {
-        Scene::expect(entity.name == "n", "an answer gets lost");
-    }
-    Scene::pass(LONG);
-    one.expectNothingLeft();
-}
-
-SCENARIO(DiscoveryWithoutMemory, NO_MEMORY) {
-    ConnectedClient one;
-    mqtt::ServiceDiscovererMqtt discoverer(one.client, "entities");
-    publishEntities(one.broker);
-    {
-        Scene::Exploration const here;
-        Scene::Shortage const shortage;
-        attempt([&] { discoverer.discoverSync(5, true); });
-    }
-    Scene::expect(discoverer.discoverSync(scene.mistaken() ? 0 : 5, true), "nothing is discovered");
-    Scene::expect(discoverer.entities().size() == 2, "not all is discovered");
-}
+} // namespace interleavings

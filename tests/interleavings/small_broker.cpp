@@ -1,7 +1,4 @@
-#include "interleavings/small_broker.hpp"
-
-#include "interleavings/scenario.hpp"
-#include "interleavings/synchronisation.hpp"
+#include "interleavings/fixtures.hpp"
 
 #include <mosquitto.h>
 #include <mosquittopp.h>
@@ -21,61 +18,66 @@ bool matches(std::string const& pattern, std::string const& topic) {
     return result;
 }
 
+void deliver(StandIn& client, SmallBroker::Message const& message, bool retain) {
+    client.post([message, retain](mosqpp::mosquittopp& object) {
+        auto copy = message;
+        mosquitto_message raw{};
+        raw.topic = copy.topic.data();
+        raw.payload = copy.payload.data();
+        raw.payloadlen = static_cast<int>(copy.payload.size());
+        raw.retain = retain;
+        MemoryMayFail const here;
+        object.on_message(&raw);
+    });
+}
+
 } // namespace
 
 SmallBroker::SmallBroker() {
-    StandIn::onConstruction([this](StandIn& client) { attend(client); });
+    StandIn::onConstruction([this](StandIn& client) { serve(client); });
 }
 
 SmallBroker::~SmallBroker() {
     StandIn::onConstruction(nullptr);
 }
 
-void SmallBroker::attend(StandIn& client) {
-    leaveAlone(&client, sizeof client);
+void SmallBroker::serve(StandIn& client) {
+    Scheduler::instance().ignoreObjectsIn(&client, sizeof client);
     auto& session = sessions_[&client];
-    auto const forget = [&session](StandIn::Call const&) -> Answer {
-        session = Session();
-        return std::nullopt;
+    auto const on = [&client](Operation operation, auto action) {
+        client.setHook(operation, [action](StandIn::Call const& call) -> std::optional<int> {
+            action(call);
+            return std::nullopt; // the stand-in answers
+        });
     };
-    client.setHook(Operation::CONNECT, forget);
-    client.setHook(Operation::RECONNECT, forget);
-    client.setHook(Operation::DISCONNECT, [&session](StandIn::Call const&) -> Answer {
-        session.leaving = true;
-        return std::nullopt;
+    auto const isOnline = [&client, &session] {
+        return client.connected() && !session.disconnecting;
+    };
+    auto const startSession = [&session](auto const&) { session = Session(); };
+    on(Operation::CONNECT, startSession);
+    on(Operation::RECONNECT, startSession);
+    on(Operation::DISCONNECT, [&session](auto const&) { session.disconnecting = true; });
+    on(Operation::PUBLISH, [this, isOnline](auto const& call) {
+        if (isOnline()) {
+            publish(call.topic, call.payload, call.retain);
+        }
     });
-    client.setHook(Operation::PUBLISH, [this, &session, &client](StandIn::Call const& call) {
-        return publishFrom(session, client, call);
+    on(Operation::SUBSCRIBE, [this, isOnline, &session, &client](auto const& call) {
+        if (isOnline()) {
+            session.subscriptions.insert(call.topic);
+            sendRetained(client, call.topic);
+        }
     });
-    client.setHook(Operation::SUBSCRIBE, [this, &session, &client](StandIn::Call const& call) {
-        return subscribe(session, client, call);
-    });
-    client.setHook(Operation::UNSUBSCRIBE, [&session](StandIn::Call const& call) -> Answer {
-        session.subscriptions.erase(call.topic);
-        return std::nullopt;
-    });
+    on(Operation::UNSUBSCRIBE,
+       [&session](auto const& call) { session.subscriptions.erase(call.topic); });
 }
 
-SmallBroker::Answer SmallBroker::publishFrom(Session& session, StandIn& client,
-                                             StandIn::Call const& call) {
-    if (client.connected() && !session.leaving) {
-        publish(call.topic, call.payload, call.retain);
-    }
-    return std::nullopt;
-}
-
-SmallBroker::Answer SmallBroker::subscribe(Session& session, StandIn& client,
-                                           StandIn::Call const& call) {
-    if (!client.connected() || session.leaving) {
-        return std::nullopt;
-    }
-    session.subscriptions.insert(call.topic);
+void SmallBroker::sendRetained(StandIn& client, std::string const& pattern) const {
     for (auto const& [topic, payload] : retained_) {
-        if (matches(call.topic, topic)) {
+        if (matches(pattern, topic)) {
             deliver(client, {topic, payload}, true);
         }
     }
-    return std::nullopt;
 }
 
 void SmallBroker::publish(std::string const& topic, std::string const& payload, bool retain) {
@@ -85,31 +87,17 @@ void SmallBroker::publish(std::string const& topic, std::string const& payload, 
     } else if (retain) {
         retained_[topic] = payload;
     }
-    if (watcher_) {
-        watcher_({topic, payload});
+    if (observer_) {
+        observer_({topic, payload});
     }
     for (auto const& [client, session] : sessions_) {
-        auto const& all = session.subscriptions;
-        if (client->connected() && std::any_of(all.begin(), all.end(), [&](auto const& pattern) {
-                return matches(pattern, topic);
-            })) {
+        auto const& patterns = session.subscriptions;
+        if (client->connected()
+            && std::any_of(patterns.begin(), patterns.end(),
+                           [&](auto const& pattern) { return matches(pattern, topic); })) {
             deliver(*client, {topic, payload}, false);
         }
     }
-}
-
-/// Memory may fail to a client that gets a message, in a scenario that explores that.
-void SmallBroker::deliver(StandIn& client, Message const& message, bool retain) {
-    client.post([message, retain](mosqpp::mosquittopp& object) {
-        auto copy = message;
-        mosquitto_message raw{};
-        raw.topic = copy.topic.data();
-        raw.payload = copy.payload.data();
-        raw.payloadlen = static_cast<int>(copy.payload.size());
-        raw.retain = retain;
-        Scene::Shortage const here;
-        object.on_message(&raw);
-    });
 }
 
 std::ptrdiff_t SmallBroker::count(std::string const& payload) const {
@@ -120,9 +108,7 @@ std::ptrdiff_t SmallBroker::count(std::string const& payload) const {
 std::size_t SmallBroker::subscriptions() const {
     std::size_t count = 0;
     for (auto const& [client, session] : sessions_) {
-        if (client->connected()) {
-            count += session.subscriptions.size();
-        }
+        count += client->connected() ? session.subscriptions.size() : 0;
     }
     return count;
 }

@@ -1,100 +1,81 @@
-// The platform's timer by itself.
+// The timer of the platform library.
 
-#include "interleavings/stage.hpp"
+#include "interleavings/scenario.hpp"
 
 #include <zym/common/timer.hpp>
 
 #include <memory>
-#include <system_error>
+#include <mutex>
 #include <thread>
 
-using namespace interleavings;
-using std::chrono::milliseconds;
+namespace interleavings {
+
 using zym::common::Timer;
 
 namespace {
 
-constexpr milliseconds PERIOD{100};
+constexpr std::chrono::milliseconds PERIOD{100};
 
-void arm(Timer& timer, milliseconds period, bool once) {
-    std::unique_lock<std::mutex> lock(timer.mutex());
-    timer.setPeriod(period, lock);
-    timer.once = once;
-    timer.restart(lock);
+struct TimerFixture {
+    void arm(bool once) const {
+        std::unique_lock<std::mutex> lock(timer->mutex());
+        timer->setPeriod(PERIOD, lock);
+        timer->once = once;
+        timer->restart(lock);
+    }
+
+    CallbackCheck callback;
+    std::unique_ptr<Timer> timer =
+        std::make_unique<Timer>([this] { callback.onCallback(); }, PERIOD, false);
+};
+
+SCENARIO(RestartingMeetsExpiry, TimerFixture, DEADLINES) {
+    int before = 0;
+    explore([&] {
+        arm(true);
+        std::thread other([&] { arm(true); });
+        pass(PERIOD);
+        other.join();
+        timer->stop();
+        before = callback.count();
+        unlessMistaken([&] { arm(true); });
+    });
+    auto const count = callback.count();
+    expect(before <= 2 && count >= 1 && count <= 3, "the timer expires too often");
+    expect(count > before, "the timer does not expire after a restart");
+}
+
+SCENARIO(TheEndOfATimerMeetsItsExpiry, TimerFixture, DEADLINES) {
+    explore([&] {
+        arm(false);
+        std::thread other([&] { timer->terminate(); });
+        pass(PERIOD);
+        ifMistaken([&] { timer->stop(); });
+        unlessMistaken([&] { timer->terminate(); });
+        callback.close();
+        other.join();
+    });
+}
+
+SCENARIO(ATimerEndsInItsCallback, TimerFixture, DEADLINES) {
+    callback.setAction([&] { timer.reset(); });
+    explore([&] {
+        arm(false);
+        ifMistaken([&] { timer->stop(); });
+        pass(PERIOD);
+    });
+    expect(callback.count() == 1 && timer == nullptr, "the timer does not expire once");
+}
+
+SCENARIO(ATimerWithoutAThread, TimerFixture, NO_THREAD) {
+    explore([&] {
+        if (!attempt([&] { arm(true); }) && !makesMistake()) {
+            arm(true);
+        }
+    });
+    expect(callback.count() == 1, "the timer does not expire once");
 }
 
 } // namespace
 
-SCENARIO(RestartingMeetsExpiry, DEADLINES) {
-    Ear ear;
-    Timer timer([&] { ear.hear(); }, PERIOD, true);
-    int before = 0;
-    {
-        Scene::Exploration const here;
-        arm(timer, PERIOD, true);
-        std::thread other([&] { arm(timer, PERIOD, true); });
-        Scene::pass(PERIOD);
-        other.join();
-        timer.stop();
-        before = ear.count();
-        if (!scene.mistaken()) {
-            arm(timer, PERIOD, true);
-        }
-    }
-    Scene::pass(LONG);
-    Scene::expect(before <= 2 && ear.count() >= 1 && ear.count() <= 3, "it expires too often");
-    Scene::expect(ear.count() > before, "it does not expire after a restart");
-}
-
-SCENARIO(TheEndOfATimerMeetsItsExpiry, DEADLINES) {
-    Ear ear;
-    auto timer = std::make_unique<Timer>([&] { ear.hear(); }, PERIOD, false);
-    {
-        Scene::Exploration const here;
-        arm(*timer, PERIOD, false);
-        std::thread other([&] { timer->terminate(); });
-        Scene::pass(PERIOD);
-        if (scene.mistaken()) {
-            timer->stop();
-        } else {
-            timer->terminate();
-        }
-        ear.close();
-        other.join();
-    }
-    timer.reset();
-    Scene::pass(LONG);
-}
-
-SCENARIO(ATimerEndsInItsCallback, DEADLINES) {
-    std::unique_ptr<Timer> timer;
-    Ear ear([&] { timer.reset(); });
-    timer = std::make_unique<Timer>([&] { ear.hear(); }, PERIOD, false);
-    {
-        Scene::Exploration const here;
-        arm(*timer, PERIOD, false);
-        if (scene.mistaken()) {
-            timer->stop();
-        }
-        Scene::pass(PERIOD);
-    }
-    Scene::pass(LONG);
-    Scene::expect(ear.count() == 1 && timer == nullptr, "it does not expire once");
-}
-
-SCENARIO(ATimerWithoutAThread, NO_THREAD) {
-    Ear ear;
-    Timer timer([&] { ear.hear(); }, PERIOD, true);
-    {
-        Scene::Exploration const here;
-        try {
-            arm(timer, PERIOD, true);
-        } catch (std::system_error const&) {
-            if (!scene.mistaken()) {
-                arm(timer, PERIOD, true);
-            }
-        }
-    }
-    Scene::pass(LONG);
-    Scene::expect(ear.count() == 1, "it does not expire once");
-}
+} // namespace interleavings

@@ -167,7 +167,8 @@ protected:
         return options;
     }
 
-    /// Returns when the broker knows all subscriptions of this client.
+    /// Returns when the broker knows all subscriptions of this client, which publishes nothing else
+    /// meanwhile.
     static void settle(mqtt::MqttClient& through) {
         EXPECT_EQ(through.publishWait("settled", "", 1, false, 30),
                   mqtt::MqttClient::Error::SUCCESS);

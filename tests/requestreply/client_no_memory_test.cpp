@@ -1,5 +1,3 @@
-// Each allocation fails in turn.
-
 #include "requestreply/client_fixture.hpp"
 #include "support/allocations.hpp"
 #include "support/stand_in/stand_in.hpp"
@@ -27,25 +25,6 @@ protected:
     std::shared_ptr<support::StandIn> standIn = support::StandIn::last();
     mqtt::RequestReplyClient client{*mqtt, "svc", "a-sub-path-of-some-length", "sync"};
 };
-
-TEST_F(ARequestWithoutMemory, IsNotMadeAtAll) {
-    auto const data = std::make_shared<NumberData>(7);
-    std::size_t made = 0;
-    auto const request = [&] {
-        ASSERT_EQ(client.request(&ends, id, id, data, data, nullptr, LONG_TIMEOUT_S),
-                  Code::PENDING);
-        ++made;
-    };
-    auto const failures = support::failEachAllocation(request, [&](unsigned which) {
-        EXPECT_EQ(client.cancel(), Code::SUCCESS);
-        EXPECT_EQ(ends.count, 0U) << "allocation " << which;
-        EXPECT_EQ(standIn->count(Operation::PUBLISH), 0U) << "allocation " << which;
-    });
-    EXPECT_GE(failures, 10U);
-    EXPECT_EQ(made, 1U);
-    EXPECT_EQ(client.cancel(), Code::SUCCESS);
-    EXPECT_EQ(ends.count, 1U);
-}
 
 /// The listener is called also when the topic cannot be unsubscribed.
 TEST_F(ARequestWithoutMemory, EndsOnceNevertheless) {

@@ -4,8 +4,6 @@
 #include "requestreply/blocking_thread.hpp"
 #include "requestreply/client_fixture.hpp"
 #include "requestreply/rounds.hpp"
-#include "requestreply/server_fixture.hpp"
-#include "support/watchdog.hpp"
 #include "support/watched.hpp"
 
 #include <array>
@@ -19,95 +17,6 @@ using support::isSet;
 using testing::Each;
 using testing::ElementsAre;
 using testing::SizeIs;
-
-/// Runs a hook while a reply is being read, on the worker.
-class HookedData : public NumberData {
-public:
-    explicit HookedData(std::function<void()> hook) : hook_(std::move(hook)) {}
-
-    void deserialize(zym::common::lwjson::Deserializer& /*in*/) override { hook_(); }
-
-private:
-    std::function<void()> hook_;
-};
-
-class AFastReply : public ClientOnABroker {
-protected:
-    void expectNeverLost(mqtt::MqttClient& serversMqtt) {
-        ServerListener echo([](auto const& data, auto&) {
-            return std::make_shared<NumberData>(dynamic_cast<NumberData const&>(data).number);
-        });
-        mqtt::RequestReplyServer server(serversMqtt, "svc", "time", "sync");
-        ASSERT_EQ(server.subscribe(&echo, Uuid::NIL, std::make_shared<NumberData>()),
-                  mqtt::MqttClient::Error::SUCCESS);
-        settle(serversMqtt);
-        auto const count = static_cast<unsigned int>(rounds(200));
-        for (unsigned int round = 1; round <= count; ++round) {
-            ASSERT_EQ(client->requestWait(id, Uuid::NIL, std::make_shared<NumberData>(round),
-                                          replyData, LONG_TIMEOUT_S),
-                      Code::SUCCESS);
-            ASSERT_EQ(replyData->number, round);
-        }
-        server.unsubscribeWait();
-    }
-};
-
-TEST_F(AFastReply, IsNeverLostInManyRounds) {
-    support::Watchdog::limit(std::chrono::seconds(300));
-    expectNeverLost(*support::testClient(broker));
-    expectNeverLost(*mqtt); // one MQTT client for both sides
-}
-
-/// Every request is made by the listener of the one before.
-class AChainOfRequests : public ClientOnABroker {
-protected:
-    static constexpr unsigned int LENGTH = 100;
-
-    ~AChainOfRequests() override { client.reset(); }
-
-    /// Requests with a timeout of zero, whose replies meet the time-out replies, alternate with
-    /// requests without a limit.
-    bool isTimeoutPossible() const { return number % 2 == 1; }
-
-    void next() {
-        ++number;
-        EXPECT_EQ(client->request(&listener, id, Uuid::NIL, std::make_shared<NumberData>(number),
-                                  replyData, nullptr, isTimeoutPossible() ? 0 : NO_TIME_LIMIT),
-                  Code::PENDING);
-    }
-
-    void onEnd(ReplyCall const& call) {
-        if (call.error == Code::SUCCESS) {
-            EXPECT_EQ(replyData->number, number);
-        } else {
-            EXPECT_EQ(call.error, isTimeoutPossible() ? Code::TIMEOUT : Code::SUCCESS);
-        }
-        EXPECT_GT(call.requestId, lastId);
-        lastId = call.requestId;
-        if (number < LENGTH) {
-            next();
-        } else {
-            set(done);
-        }
-    }
-
-    RawServer server{broker, [](std::string const& text) {
-                         auto const members = text.substr(text.find("\"number\""));
-                         return std::vector<std::string>{"{\"$err\": 1, \"$reqId\": "
-                                                         + std::to_string(idIn(text)) + ", "
-                                                         + members};
-                     }};
-    support::Watched<bool> done;
-    unsigned int number = 0;
-    unsigned int lastId = 0;
-    ReplyRecorder listener{[this](ReplyCall const& call) { onEnd(call); }};
-};
-
-TEST_F(AChainOfRequests, EndsEachOnceByItsOwnReplyOrTimeOut) {
-    next();
-    ASSERT_TRUE(done.waitFor(isSet, 4 * support::DEADLINE));
-    EXPECT_THAT(listener.calls(), SizeIs(LENGTH));
-}
 
 class AWait : public ClientOnABroker {};
 
@@ -296,32 +205,6 @@ TEST_F(AListenerOnTheTimersThread, IsWaitedForByADestruction) {
     ASSERT_TRUE(inside.waitFor(isSet));
     client->release();
     EXPECT_TRUE(left);
-}
-
-class TheEndOfARequestReplyClient : public ClientOnABroker {};
-
-TEST_F(TheEndOfARequestReplyClient, WaitsForAReplyThatIsBeingRead) {
-    int const count = rounds(10);
-    for (int round = 0; round < count; ++round) {
-        support::Watched<bool> reading;
-        support::Watched<bool> ending;
-        auto const data = std::make_shared<HookedData>([&] {
-            set(reading);
-            ending.waitFor(isSet);
-        });
-        ReplyRecorder last;
-        ASSERT_EQ(client->request(&last, id, Uuid::NIL, nullptr, data, &requestId, LONG_TIMEOUT_S),
-                  Code::PENDING);
-        reply(replyText(requestId, 1));
-        ASSERT_TRUE(reading.waitFor(isSet));
-        BlockingThread destruction([&] { client.reset(); });
-        ASSERT_TRUE(destruction.isBlocked());
-        set(ending);
-        destruction.join();
-        EXPECT_THAT(last.errors(), ElementsAre(Code::CANCELLED));
-        client = makeClient();
-        peer.clearMessages();
-    }
 }
 
 /// One client that several threads use.

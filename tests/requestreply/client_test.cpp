@@ -307,7 +307,7 @@ TEST_F(AServedClient, GetsTheReplyOfTheServer) {
     EXPECT_EQ(recorder.calls()[0].error, code.load());
 }
 
-TEST_F(AServedClient, GetsItsOwnRepliesBesideAnotherOne) {
+TEST_F(AServedClient, GetsItsOwnRepliesBesideOthersOnEveryMqttClient) {
     auto const requestMany = [&](mqtt::MqttClient& through, unsigned int first) {
         Client requester(through, "svc", "time", "sync");
         auto const requesterId = support::uniqueId();
@@ -320,11 +320,14 @@ TEST_F(AServedClient, GetsItsOwnRepliesBesideAnotherOne) {
         }
     };
     auto const third = support::testClient(broker);
-    std::thread onTheSameClient([&] { requestMany(*mqtt, 1000); });
-    std::thread onAnotherClient([&] { requestMany(*third, 2000); });
-    requestMany(*mqtt, 3000);
-    onTheSameClient.join();
-    onAnotherClient.join();
+    std::vector<std::thread> threads;
+    for (auto* const through : {mqtt.get(), third.get(), serversMqtt.get()}) {
+        threads.emplace_back([&, through] { requestMany(*through, 1000); });
+    }
+    requestMany(*mqtt, 2000);
+    for (auto& thread : threads) {
+        thread.join();
+    }
 }
 
 TEST(ARequest, IsSentAfterTheSubscriptionToItsReply) {

@@ -37,13 +37,6 @@ TEST_F(ARequestWithoutAServer, EndsByATimeOutReplyThroughTheBroker) {
     }
 }
 
-TEST_F(ARequestWithoutAServer, EndsAtOnceWithATimeoutOfZero) {
-    ASSERT_EQ(request(0), Code::PENDING);
-    ASSERT_TRUE(recorder.waitForCount(1));
-    EXPECT_THAT(recorder.errors(), ElementsAre(Code::TIMEOUT));
-    EXPECT_THAT(seen(), Contains(Message{replyTopic(), timeOutReply(), 2, false}));
-}
-
 TEST_F(ARequestWithoutAServer, IsAwaitedUntilTheTimeout) {
     EXPECT_EQ(requestWait(0), Code::TIMEOUT);
     EXPECT_EQ(client->waitEndOfRequest(LONG_TIMEOUT_S), Code::TIMEOUT);

@@ -212,21 +212,6 @@ TEST_F(AServer, PassesOnThatItCannotBeSubscribed) {
     EXPECT_EQ(server.subscribe(&listener, Uuid(), mqtt::NO_DATA), Error::INVALID_PARAMETER);
 }
 
-TEST_F(AServer, RepliesAfterTheConnectionWasLost) {
-    auto const server = serve(&listener);
-    support::StateRecorder states;
-    client->registerListener(&states);
-    broker.kill();
-    broker.start();
-    EXPECT_TRUE(states.waitFor(conv::ComState::CONNECTED));
-    client->unregisterListener(&states);
-    ASSERT_TRUE(peer.waitForConnectionLoss());
-    peer.connect();
-    peer.subscribe("#");
-    settle();
-    expectTheNextRequestAnswered();
-}
-
 /// By either operation.
 class AServerThatUnsubscribes : public AServer, public testing::WithParamInterface<bool> {
 protected:

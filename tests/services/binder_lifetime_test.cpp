@@ -1,9 +1,12 @@
-// The end of proxies in the midst of their operations. Some of this only a sanitizer can see.
+// The end of proxies during their operations. Some defects here are seen by a sanitizer only.
 
-#include "services/binder_frame.hpp"
-
-#include "support/timeout_factor.hpp"
+#include "requestreply/rounds.hpp"
+#include "services/binder_fixture.hpp"
+#include "support/watchdog.hpp"
 #include "support/watched.hpp"
+
+#include <atomic>
+#include <ostream>
 
 namespace {
 
@@ -14,351 +17,338 @@ using testing::IsEmpty;
 
 using Error = BinderError;
 
-constexpr int ROUNDS = 200 / support::TIMEOUT_FACTOR;
-
-class ATerminatedProxy : public WithAServer {};
+class ATerminatedProxy : public ProxyAndServer {};
 
 TEST_F(ATerminatedProxy, StartsNothing) {
-    proxy->terminate();
-    EXPECT_EQ(proxy->bind(server.id, AN_HOUR), Error::CANCELLED);
-    EXPECT_EQ(proxy->bindSync(server.id, AN_HOUR), Error::CANCELLED);
-    EXPECT_EQ(proxy->unbind(AN_HOUR), Error::CANCELLED);
-    EXPECT_EQ(proxy->unbindSync(AN_HOUR), Error::CANCELLED);
-    EXPECT_THAT(recorder.events(), IsEmpty());
-    settle();
-    EXPECT_EQ(requests("bind") + requests("unbind"), 0U);
-}
-
-TEST_F(ATerminatedProxy, IsNotTerminatedTwice) {
     bind();
     proxy->terminate();
-    EXPECT_TRUE(proxy->isTimeBaseSynchronized()) << "the last known time stays";
     proxy->terminate();
+    EXPECT_EQ(proxy->bind(server.id, LONG_TIMEOUT_S), Error::CANCELLED);
+    EXPECT_EQ(proxy->bindSync(server.id, LONG_TIMEOUT_S), Error::CANCELLED);
+    EXPECT_EQ(proxy->unbind(LONG_TIMEOUT_S), Error::CANCELLED);
+    EXPECT_EQ(proxy->unbindSync(LONG_TIMEOUT_S), Error::CANCELLED);
+    EXPECT_TRUE(proxy->isTimeBaseSynchronized()) << "the last known time stays";
     EXPECT_TRUE(isTimeOf(server, proxy->timeBase()));
-    EXPECT_EQ(proxy->bind(server.id, AN_HOUR), Error::CANCELLED);
     EXPECT_THAT(recorder.events(), ElementsAre(bound(Error::SUCCESS)));
+    settle();
+    EXPECT_EQ(requests("bind") + requests("unbind"), 1U);
 }
 
-TEST_F(ATerminatedProxy, KeepsItsListenerOutOfWhatWasUnderWay) {
+TEST_F(ATerminatedProxy, DoesNotCallItsListenerForWhatWasUnderWay) {
     server.ignoreBindings();
-    ASSERT_EQ(proxy->bind(server.id, AN_HOUR), Error::SUCCESS);
+    ASSERT_EQ(proxy->bind(server.id, LONG_TIMEOUT_S), Error::SUCCESS);
     auto const request = awaitRequest("bind");
     proxy->terminate();
     peer.publish(replyTopicFor(request.topic), replyText(idIn(request.payload), 1));
     settle();
     EXPECT_THAT(recorder.events(), IsEmpty());
     EXPECT_EQ(requests("timeSync"), 0U);
-}
 
-TEST_F(ATerminatedProxy, KeepsItsListenerOutOfAnUnbindingUnderWay) {
+    server.serveBindings();
     server.ignoreUnbindings();
+    proxy = makeProxy();
     bind();
-    ASSERT_EQ(proxy->unbind(AN_HOUR), Error::SUCCESS);
+    ASSERT_EQ(proxy->unbind(LONG_TIMEOUT_S), Error::SUCCESS);
     proxy->terminate();
     EXPECT_THAT(recorder.events(), ElementsAre(bound(Error::SUCCESS)));
 }
 
-/// Threads inside blocking operations.
-class ABlockingCall : public WithAServer {
+/// A thread inside a blocking operation.
+class ABlockedCall : public ProxyAndServer {
 protected:
-    /// @param name of the request after which nothing more is to come
-    void block(std::string const& name, std::function<void()> call) {
+    void block(std::string const& lastRequest, std::function<void()> call) {
         caller = std::make_unique<BlockingThread>(std::move(call));
-        awaitRequest(name);
+        awaitRequest(lastRequest);
         ASSERT_TRUE(caller->isBlocked());
     }
+    void blockInBinding(std::string const& lastRequest) {
+        block(lastRequest,
+              [this, asked = proxy.get()] { result = asked->bindSync(server.id, LONG_TIMEOUT_S); });
+    }
 
-    void blockInBinding() {
+    /// @param end of the proxy
+    void expectEndOfAllCalls(std::function<void()> const& end) {
+        auto const expectEnd = [&](Error error) {
+            end();
+            caller->join();
+            EXPECT_EQ(result, error);
+            proxy = makeProxy();
+            peer.clearMessages();
+        };
         server.ignoreBindings();
-        block("bind",
-              [this, asked = proxy.get()] { result = asked->bindSync(server.id, AN_HOUR); });
-    }
-    void blockInTimeSynchronization() {
+        blockInBinding("bind");
+        expectEnd(Error::CANCELLED);
+        server.serveBindings();
         server.withdrawTime();
-        block("timeSync",
-              [this, asked = proxy.get()] { result = asked->bindSync(server.id, AN_HOUR); });
-    }
-    void blockInUnbinding() {
+        blockInBinding("timeSync");
+        expectEnd(Error::NOT_SYNCHRONIZED);
+        EXPECT_THAT(recorder.events(), IsEmpty());
+        server.offerTime();
         server.ignoreUnbindings();
         bind();
-        block("unbind", [this, asked = proxy.get()] { result = asked->unbindSync(AN_HOUR); });
-    }
-
-    void expectEnd(Error error) {
-        caller->join();
-        EXPECT_EQ(result, error);
-        settle();
-        EXPECT_LE(recorder.count(), 1U);
+        block("unbind",
+              [this, asked = proxy.get()] { result = asked->unbindSync(LONG_TIMEOUT_S); });
+        expectEnd(Error::SUCCESS);
+        EXPECT_EQ(recorder.count(), 1U);
     }
 
     Error result = Error::FAILED;
     std::unique_ptr<BlockingThread> caller;
 };
 
-TEST_F(ABlockingCall, EndsWhenTheProxyIsTerminatedBeforeTheServerHasAnswered) {
-    blockInBinding();
-    proxy->terminate();
-    expectEnd(Error::CANCELLED);
-    EXPECT_THAT(recorder.events(), IsEmpty());
+TEST_F(ABlockedCall, IsEndedByATermination) {
+    expectEndOfAllCalls([&] { proxy->terminate(); });
 }
 
-TEST_F(ABlockingCall, EndsWhenTheProxyIsTerminatedBeforeTheTimeIsKnown) {
-    blockInTimeSynchronization();
-    proxy->terminate();
-    expectEnd(Error::NOT_SYNCHRONIZED);
-    EXPECT_THAT(recorder.events(), IsEmpty());
+TEST_F(ABlockedCall, IsEndedByADestruction) {
+    expectEndOfAllCalls([&] { proxy.reset(); });
 }
 
-TEST_F(ABlockingCall, EndsWhenTheProxyIsTerminatedBeforeItIsUnbound) {
-    blockInUnbinding();
-    proxy->terminate();
-    expectEnd(Error::SUCCESS);
-}
-
-TEST_F(ABlockingCall, EndsBeforeTheProxyIsGoneThatBinds) {
-    blockInBinding();
-    proxy.reset();
-    expectEnd(Error::CANCELLED);
-}
-
-TEST_F(ABlockingCall, EndsBeforeTheProxyIsGoneThatReadsTheTime) {
-    blockInTimeSynchronization();
-    proxy.reset();
-    expectEnd(Error::NOT_SYNCHRONIZED);
-}
-
-TEST_F(ABlockingCall, EndsBeforeTheProxyIsGoneThatUnbinds) {
-    blockInUnbinding();
-    proxy.reset();
-    expectEnd(Error::SUCCESS);
-}
-
-/// The worker is inside the listener's call and destroys the proxy there, while another thread is
-/// about to unbind: neither must wait for the other.
-/// The termination waits for the listener, and the listener for a server.
-TEST_F(ABlockingCall, InsideAListenersCallIsEndedByATermination) {
+/// The termination waits for the listener, and the listener waits for a server.
+TEST_F(ABlockedCall, InsideAListenersCallIsEndedByATermination) {
     server.ignoreBindings();
     support::Watched<bool> inside;
     recorder.setHook([&](auto const&) {
         set(inside);
-        EXPECT_EQ(proxy->bindSync(server.id, conv::SecondsDuration::NO_TIMEOUT), Error::CANCELLED);
+        EXPECT_EQ(proxy->bindSync(server.id, NO_TIME_LIMIT), Error::CANCELLED);
     });
     block("bind", [this] { EXPECT_EQ(proxy->bindSync(server.id, 0), Error::TIMEOUT); });
     ASSERT_TRUE(inside.waitFor(isSet));
     ASSERT_TRUE(caller->isBlocked());
     proxy->terminate();
     caller->join();
-    EXPECT_EQ(recorder.events().size(), 1U) << "what is terminated tells nobody";
+    EXPECT_EQ(recorder.events().size(), 1U) << "a terminated proxy calls no listener";
 }
 
-class AWorkerThatDestroysAProxy : public ABlockingCall {
+/// The worker is inside the listener's call and destroys the proxy there, while another thread is
+/// about to unbind: neither may wait for the other.
+class AWorkerThatDestroysAProxy : public ABlockedCall {
 protected:
-    void expectEndWith(conv::SecondsDuration const& timeout) {
-        support::Watched<bool> told;
-        support::Watched<bool> destroy;
-        support::Watched<bool> destroyed;
+    void startDestruction() {
         recorder.setHook([&](BindingEvent const& event) {
             if (event.first == "unbound") {
                 return;
             }
-            set(told);
-            destroy.waitFor(isSet);
+            set(inside);
+            mayDestroy.waitFor(isSet);
             proxy.reset();
             set(destroyed);
         });
-        auto* const asked = proxy.get();
-        ASSERT_EQ(asked->bind(server.id, AN_HOUR), Error::SUCCESS);
-        ASSERT_TRUE(told.waitFor(isSet));
-        caller = std::make_unique<BlockingThread>([&] { result = asked->unbindSync(timeout); });
+        ASSERT_EQ(asked->bind(server.id, LONG_TIMEOUT_S), Error::SUCCESS);
+        ASSERT_TRUE(inside.waitFor(isSet));
+    }
+
+    void blockInUnbinding(conv::SecondsDuration const& timeout) {
+        caller = std::make_unique<BlockingThread>(
+            [this, timeout] { result = asked->unbindSync(timeout); });
         ASSERT_TRUE(caller->isBlocked());
-        set(destroy);
+    }
+
+    void expectEnd() {
+        set(mayDestroy);
         caller->join();
         EXPECT_EQ(result, Error::SUCCESS);
         EXPECT_TRUE(destroyed.waitFor(isSet));
     }
+
+    support::Watched<bool> inside;
+    support::Watched<bool> mayDestroy;
+    support::Watched<bool> destroyed;
+    Proxy* asked = proxy.get();
 };
 
-TEST_F(AWorkerThatDestroysAProxy, EndsTheWaitForTheServer) {
-    expectEndWith(AN_HOUR);
+TEST_F(AWorkerThatDestroysAProxy, EndsAWaitForItself) {
+    startDestruction();
+    blockInUnbinding(0);
+    expectEnd();
 }
 
-TEST_F(AWorkerThatDestroysAProxy, EndsTheWaitForItself) {
-    expectEndWith(0);
-}
-
-/// And a third one waits for the listener's end, to terminate the proxy.
-TEST_F(AWorkerThatDestroysAProxy, LetsEverybodyGoWhoWaits) {
+TEST_F(AWorkerThatDestroysAProxy, EndsTheWaitsForTheServerAndOfATermination) {
     server.ignoreUnbindings();
-    support::Watched<bool> told;
-    support::Watched<bool> destroy;
-    recorder.setHook([&](auto const&) {
-        set(told);
-        destroy.waitFor(isSet);
-        proxy.reset();
-    });
-    auto* const asked = proxy.get();
-    ASSERT_EQ(asked->bind(server.id, AN_HOUR), Error::SUCCESS);
-    ASSERT_TRUE(told.waitFor(isSet));
-    caller = std::make_unique<BlockingThread>([&] { result = asked->unbindSync(AN_HOUR); });
-    ASSERT_TRUE(caller->isBlocked());
+    startDestruction();
+    blockInUnbinding(LONG_TIMEOUT_S);
     BlockingThread terminating([&] { asked->terminate(); });
     ASSERT_TRUE(terminating.isBlocked());
-    set(destroy);
-    caller->join();
+    expectEnd();
     terminating.join();
-    EXPECT_EQ(result, Error::SUCCESS);
-    EXPECT_EQ(proxy, nullptr);
 }
 
-/// The end of a proxy inside its own listener.
-class AListenerThatDestroysItsProxy : public WithAServer {
+/// What leads to a call of the listener, which destroys the proxy.
+struct LastCall {
+    char const* name;
+    int bindingCode;   ///< -1: no answer
+    int unbindingCode; ///< -1: no answer
+    bool callsOff;     ///< an unbinding, before the binding has ended
+    BindingEvent event;
+};
+
+void PrintTo(LastCall const& call, std::ostream* out) {
+    *out << call.name;
+}
+
+/// The operation either waits or does not.
+class AListenerThatDestroysItsProxy
+    : public ProxyAndServer,
+      public testing::WithParamInterface<std::tuple<LastCall, bool>> {
 protected:
     AListenerThatDestroysItsProxy() {
-        asked = proxy.get();
-        destroyAt("bound");
-    }
-
-    void destroyAt(std::string const& what) {
-        recorder.setHook([this, what](BindingEvent const& event) {
-            if (event.first != what) {
-                return;
+        recorder.setHook([this](BindingEvent const& event) {
+            if (event.first == std::get<0>(GetParam()).event.first) {
+                proxy.reset();
+                set(destroyed);
             }
-            proxy.reset();
-            set(destroyed);
         });
     }
 
-    void expectEnd(BindingEvent const& last) {
-        ASSERT_TRUE(destroyed.waitFor(isSet));
-        settle();
-        EXPECT_EQ(recorder.events().back(), last);
-        // And nobody is left behind who would disturb the next one.
-        recorder.setHook({});
-        proxy = makeProxy();
-        server.serveBindings();
-        server.bindings.setAnswer({});
-        EXPECT_EQ(proxy->bindSync(server.id, AN_HOUR), Error::SUCCESS);
-    }
-
     support::Watched<bool> destroyed;
-    Proxy* asked = nullptr; ///< stays when the pointer that owns it is null
+    Proxy* asked = proxy.get(); ///< still set when the listener has reset `proxy`
 };
 
-TEST_F(AListenerThatDestroysItsProxy, DoesSoWhenBound) {
-    ASSERT_EQ(asked->bind(server.id, AN_HOUR), Error::SUCCESS);
-    ASSERT_TRUE(recorder.waitForCount(1));
-    expectEnd(bound(Error::SUCCESS));
-}
-
-TEST_F(AListenerThatDestroysItsProxy, DoesSoWhenBoundInACallThatWaits) {
-    EXPECT_EQ(asked->bindSync(server.id, AN_HOUR), Error::SUCCESS);
-    expectEnd(bound(Error::SUCCESS));
-}
-
-TEST_F(AListenerThatDestroysItsProxy, DoesSoWhenRefused) {
-    server.bindings.setAnswer(saying(23));
-    ASSERT_EQ(asked->bind(server.id, AN_HOUR), Error::SUCCESS);
-    ASSERT_TRUE(recorder.waitForCount(1));
-    expectEnd(bound(Error::REFUSED));
-}
-
-TEST_F(AListenerThatDestroysItsProxy, DoesSoWhenRefusedInACallThatWaits) {
-    server.bindings.setAnswer(saying(23));
-    EXPECT_EQ(asked->bindSync(server.id, AN_HOUR), Error::REFUSED);
-    expectEnd(bound(Error::REFUSED));
-}
-
-TEST_F(AListenerThatDestroysItsProxy, DoesSoWhenNobodyAnswers) {
-    server.ignoreBindings();
-    ASSERT_EQ(asked->bind(server.id, 0), Error::SUCCESS);
-    ASSERT_TRUE(recorder.waitForCount(1));
-    expectEnd(bound(Error::TIMEOUT));
-}
-
-TEST_F(AListenerThatDestroysItsProxy, DoesSoWhenNobodyAnswersACallThatWaits) {
-    server.ignoreBindings();
-    EXPECT_EQ(asked->bindSync(server.id, 0), Error::TIMEOUT);
-    expectEnd(bound(Error::TIMEOUT));
-}
-
-TEST_F(AListenerThatDestroysItsProxy, DoesSoWhenItsBindingIsCalledOff) {
-    server.ignoreBindings();
-    ASSERT_EQ(asked->bind(server.id, AN_HOUR), Error::SUCCESS);
-    EXPECT_EQ(asked->unbind(AN_HOUR), Error::CANCELLED);
+TEST_P(AListenerThatDestroysItsProxy, LeavesNothingBehind) {
+    auto const& [call, waits] = GetParam();
+    conv::SecondsDuration const timeout = call.bindingCode < 0 && !call.callsOff ? 0 : 3600;
+    if (call.bindingCode < 0) {
+        server.ignoreBindings();
+    }
+    server.bindings.setAnswer(replying(call.bindingCode));
+    server.unbindings.setAnswer(replying(call.unbindingCode));
+    bool const unbinds = call.event.first == "unbound";
+    if (unbinds) {
+        ASSERT_EQ(asked->bindSync(server.id, timeout), Error::SUCCESS);
+    } else if (waits && !call.callsOff) {
+        EXPECT_EQ(asked->bindSync(server.id, timeout), call.event.second);
+    } else {
+        ASSERT_EQ(asked->bind(server.id, timeout), Error::SUCCESS);
+    }
+    if (unbinds || call.callsOff) {
+        auto const error = waits ? asked->unbindSync(timeout) : asked->unbind(timeout);
+        EXPECT_EQ(error, waits || call.callsOff ? call.event.second : Error::SUCCESS);
+    }
+    ASSERT_TRUE(destroyed.waitFor(isSet));
     settle();
-    EXPECT_EQ(requests("unbind"), 0U);
-    expectEnd(bound(Error::CANCELLED));
+    EXPECT_EQ(recorder.events().back(), call.event);
+    EXPECT_EQ(requests("unbind"), unbinds ? 1U : 0U);
+    recorder.setHook({});
+    proxy = makeProxy();
+    server.bindings.setAnswer({});
+    server.serveBindings();
+    EXPECT_EQ(proxy->bindSync(server.id, LONG_TIMEOUT_S), Error::SUCCESS);
 }
 
-TEST_F(AListenerThatDestroysItsProxy, DoesSoWhenItsBindingIsCalledOffByACallThatWaits) {
-    server.ignoreBindings();
-    ASSERT_EQ(asked->bind(server.id, AN_HOUR), Error::SUCCESS);
-    EXPECT_EQ(asked->unbindSync(AN_HOUR), Error::CANCELLED);
-    settle();
-    EXPECT_EQ(requests("unbind"), 0U);
-    expectEnd(bound(Error::CANCELLED));
-}
+INSTANTIATE_TEST_SUITE_P(
+    Of, AListenerThatDestroysItsProxy,
+    testing::Combine(testing::Values(LastCall{"Bound", 1, 1, false, bound(Error::SUCCESS)},
+                                     LastCall{"Refused", 23, 1, false, bound(Error::REFUSED)},
+                                     LastCall{"WithoutAnAnswer", -1, 1, false,
+                                              bound(Error::TIMEOUT)},
+                                     LastCall{"CalledOff", -1, 1, true, bound(Error::CANCELLED)},
+                                     LastCall{"Unbound", 1, 1, false, unbound(Error::SUCCESS)},
+                                     LastCall{"StillBound", 1, 6, false, unbound(Error::BUSY)}),
+                     testing::Bool()),
+    [](auto const& instance) {
+        return std::get<0>(instance.param).name
+               + std::string(std::get<1>(instance.param) ? "InACallThatWaits" : "");
+    });
 
-TEST_F(AListenerThatDestroysItsProxy, DoesSoInACallThatAnotherThreadCallsOff) {
+class ABlockedCallThatDestroysItsProxy : public ABlockedCall {};
+
+TEST_F(ABlockedCallThatDestroysItsProxy, IsCalledOffByAnotherThread) {
     server.ignoreBindings();
     server.ignoreUnbindings();
-    Error result = Error::SUCCESS;
-    BlockingThread caller([&] { result = asked->bindSync(server.id, AN_HOUR); });
-    awaitRequest("bind");
-    ASSERT_TRUE(caller.isBlocked());
-    // The proxy may be gone before that is sent: the thread called off is in the listener.
-    EXPECT_THAT(asked->unbindSync(AN_HOUR), AnyOf(Error::SUCCESS, Error::CANCELLED));
-    caller.join();
-    EXPECT_EQ(result, Error::CANCELLED);
-    expectEnd(bound(Error::CANCELLED));
-}
-
-TEST_F(AListenerThatDestroysItsProxy, DoesSoInACallThatAnotherThreadCallsOffWithoutWaiting) {
-    server.ignoreBindings();
-    server.ignoreUnbindings();
-    for (int round = 0; round < ROUNDS / 4; ++round) {
-        Error result = Error::SUCCESS;
-        BlockingThread caller([&] { result = asked->bindSync(server.id, AN_HOUR); });
-        ASSERT_TRUE(caller.isBlocked());
-        EXPECT_THAT(asked->unbind(AN_HOUR), AnyOf(Error::SUCCESS, Error::CANCELLED));
-        caller.join();
+    recorder.setHook([this](auto const& event) {
+        if (event.first == "bound") {
+            proxy.reset();
+        }
+    });
+    int const count = rounds(10);
+    for (int round = 0; round < count; ++round) {
+        auto* const asked = proxy.get();
+        blockInBinding("bind");
+        // The other thread may destroy the proxy before this one sends its request.
+        EXPECT_THAT(round % 2 == 0 ? asked->unbind(LONG_TIMEOUT_S)
+                                   : asked->unbindSync(LONG_TIMEOUT_S),
+                    AnyOf(Error::SUCCESS, Error::CANCELLED));
+        caller->join();
         EXPECT_EQ(result, Error::CANCELLED);
         ASSERT_EQ(proxy, nullptr);
         proxy = makeProxy();
-        asked = proxy.get();
+        peer.clearMessages();
     }
 }
 
-TEST_F(AListenerThatDestroysItsProxy, DoesSoWhenUnbound) {
-    destroyAt("unbound");
-    ASSERT_EQ(asked->bindSync(server.id, AN_HOUR), Error::SUCCESS);
-    ASSERT_EQ(asked->unbind(AN_HOUR), Error::SUCCESS);
-    ASSERT_TRUE(recorder.waitForCount(2));
-    expectEnd(unbound(Error::SUCCESS));
+class TheEndOfAProxy : public ProxyAndServer {};
+
+/// Called on the worker or by an unbinding that calls the binding off.
+TEST_F(TheEndOfAProxy, WaitsForItsListener) {
+    for (bool const unbinds : {false, true}) {
+        SCOPED_TRACE(unbinds);
+        if (unbinds) {
+            server.ignoreBindings();
+        }
+        support::Watched<bool> entered;
+        support::Watched<bool> mayLeave;
+        std::atomic<bool> left{false};
+        recorder.setHook([&](auto const&) {
+            set(entered);
+            mayLeave.waitFor(isSet);
+            left = true;
+        });
+        auto* const asked = proxy.get();
+        ASSERT_EQ(asked->bind(server.id, LONG_TIMEOUT_S), Error::SUCCESS);
+        BlockingThread unbinding([&] {
+            if (unbinds) {
+                EXPECT_THAT(asked->unbind(LONG_TIMEOUT_S), AnyOf(Error::SUCCESS, Error::CANCELLED));
+            }
+        });
+        ASSERT_TRUE(entered.waitFor(isSet));
+        BlockingThread destruction([&] {
+            proxy.reset();
+            EXPECT_TRUE(left);
+        });
+        ASSERT_TRUE(destruction.isBlocked());
+        set(mayLeave);
+        destruction.join();
+        unbinding.join();
+        EXPECT_EQ(recorder.events().back(), bound(unbinds ? Error::CANCELLED : Error::SUCCESS));
+        proxy = makeProxy();
+    }
 }
 
-TEST_F(AListenerThatDestroysItsProxy, DoesSoWhenUnboundInACallThatWaits) {
-    destroyAt("unbound");
-    ASSERT_EQ(asked->bindSync(server.id, AN_HOUR), Error::SUCCESS);
-    EXPECT_EQ(asked->unbindSync(AN_HOUR), Error::SUCCESS);
-    expectEnd(unbound(Error::SUCCESS));
-}
+class ASharedProxy : public ProxyAndServer {};
 
-TEST_F(AListenerThatDestroysItsProxy, DoesSoWhenStillBound) {
-    destroyAt("unbound");
-    server.unbindings.setAnswer(saying(6));
-    ASSERT_EQ(asked->bindSync(server.id, AN_HOUR), Error::SUCCESS);
-    ASSERT_EQ(asked->unbind(AN_HOUR), Error::SUCCESS);
-    ASSERT_TRUE(recorder.waitForCount(2));
-    expectEnd(unbound(Error::BUSY));
-}
-
-TEST_F(AListenerThatDestroysItsProxy, DoesSoWhenStillBoundInACallThatWaits) {
-    destroyAt("unbound");
-    server.unbindings.setAnswer(saying(6));
-    ASSERT_EQ(asked->bindSync(server.id, AN_HOUR), Error::SUCCESS);
-    EXPECT_EQ(asked->unbindSync(AN_HOUR), Error::BUSY);
-    expectEnd(unbound(Error::BUSY));
+TEST_F(ASharedProxy, IsUsableAfterSeveralThreadsInManyRounds) {
+    support::Watchdog::limit(std::chrono::seconds(240));
+    std::atomic<bool> stop{false};
+    std::vector<std::thread> threads;
+    auto const repeat = [&](std::function<void()> const& call) {
+        threads.emplace_back([&stop, call] {
+            while (!stop) {
+                call();
+            }
+        });
+    };
+    repeat([&] {
+        static_cast<void>(proxy->timeBase());
+        static_cast<void>(proxy->isTimeBaseSynchronized());
+        proxy->forceTimeBaseSync();
+        std::this_thread::yield();
+    });
+    repeat([&] { static_cast<void>(proxy->bindSync(server.id, 1)); });
+    repeat([&] { static_cast<void>(proxy->unbind(1)); });
+    int const count = rounds(50);
+    for (int round = 0; round < count; ++round) {
+        static_cast<void>(proxy->bind(server.id, 1));
+        static_cast<void>(proxy->unbindSync(1));
+    }
+    stop = true;
+    // A thread may wait up to 30 seconds for the time.
+    proxy->terminate();
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    proxy = makeProxy();
+    bind();
+    expectBound();
 }
 
 } // namespace

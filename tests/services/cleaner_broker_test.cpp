@@ -1,9 +1,13 @@
+// Cleaners on a real broker.
+
 #include "requestreply/blocking_thread.hpp"
+#include "requestreply/rounds.hpp"
 #include "services/cleaner_recorder.hpp"
 #include "support/broker.hpp"
 #include "support/raw_peer.hpp"
 #include "support/scripted_server.hpp"
 #include "support/test_client.hpp"
+#include "support/watched.hpp"
 
 #include <gmock/gmock.h>
 
@@ -14,12 +18,11 @@ namespace {
 
 using mqtt::TopicCleaner;
 using std::chrono::milliseconds;
+using support::isSet;
+using support::PacketType;
 using support::RawPeer;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using testing::SizeIs;
-using testing::UnorderedElementsAre;
-using Type = support::PacketType;
 
 class Cleaning : public testing::Test {
 protected:
@@ -38,26 +41,25 @@ protected:
         RawPeer(broker).publish(topic, "payload of " + topic, 1, true);
     }
 
-    /// The topics of what stands on the broker now.
-    Strings retained() {
-        RawPeer peer(broker);
-        peer.subscribe("#");
-        peer.publish("last", "", 1);
-        EXPECT_TRUE(peer.waitFor([](auto const& all) {
-            return std::any_of(all.begin(), all.end(),
-                               [](auto const& message) { return message.topic == "last"; });
-        }));
-        Strings topics;
-        for (auto const& message : peer.messages()) {
-            if (message.retain) {
-                topics.push_back(message.topic);
-            }
-        }
-        return topics;
-    }
-
+    /// Waits until these topics have retained messages. Erasures may arrive meanwhile.
     bool becomesRetained(Strings const& topics) {
-        return support::eventually([&] { return retained() == topics; });
+        return support::eventually([&] {
+            RawPeer peer(broker);
+            peer.subscribe("#");
+            peer.publish("last", "", 1);
+            Strings now;
+            EXPECT_TRUE(peer.waitFor([&](auto const& all) {
+                now.clear();
+                for (auto const& message : all) {
+                    if (message.retain) {
+                        now.push_back(message.topic);
+                    }
+                }
+                return std::any_of(all.begin(), all.end(),
+                                   [](auto const& message) { return message.topic == "last"; });
+            }));
+            return now == topics;
+        });
     }
 
     support::Broker broker{quick()};
@@ -65,87 +67,27 @@ protected:
     std::unique_ptr<TopicCleaner> cleaner = makeCleaner();
 };
 
-TEST_F(Cleaning, ErasesWhatStandsBelowAPattern) {
-    for (auto const* const topic : {"a/x", "a/y", "b"}) {
-        retain(topic);
-    }
-    RawPeer witness(broker);
-    witness.subscribe("#");
-    EXPECT_TRUE(witness.waitForMessages(3));
-    witness.clearMessages();
-    cleaner->clean("a/#", AN_HOUR);
-    EXPECT_TRUE(witness.waitForMessages(2));
-    EXPECT_TRUE(becomesRetained({"b"}));
-    Strings erased;
-    for (auto const& message : witness.messages()) {
-        EXPECT_EQ(message.payload, "");
-        if (message.topic != "last") {
-            erased.push_back(message.topic);
-        }
-    }
-    EXPECT_THAT(erased, UnorderedElementsAre("a/x", "a/y"));
-}
-
-TEST_F(Cleaning, PublishesNothingWhereNothingStands) {
-    RawPeer witness(broker);
-    witness.subscribe("#");
-    for (std::size_t round = 1; round <= 2; ++round) {
-        cleaner->clean("nothing/here", milliseconds(0));
-        EXPECT_TRUE(cleaner->waitAllTasks(support::DEADLINE));
-        EXPECT_THAT(recorder.told(), SizeIs(2 * round));
-    }
-    EXPECT_THAT(recorder.told(), ElementsAre("nothing/here", ALL, "nothing/here", ALL));
-    EXPECT_THAT(witness.messages(), IsEmpty());
-}
-
-TEST_F(Cleaning, ErasesAThousandTopicsBelowOnePattern) {
+TEST_F(Cleaning, ErasesWhatIsRetainedBelowPatternsThatOverlap) {
     RawPeer peer(broker);
     for (int i = 0; i < 1000; ++i) {
         peer.post("many/" + std::to_string(i), "payload", 1, true);
     }
     peer.waitForAcknowledgements();
-    cleaner->clean("many/#", AN_HOUR);
-    EXPECT_TRUE(becomesRetained({}));
-    EXPECT_THAT(recorder.told(), IsEmpty());
-}
-
-TEST_F(Cleaning, ErasesWhereTopicsAndPatternsOverlap) {
-    for (auto const* const topic : {"a/x", "a/y", "a/b/c"}) {
-        retain(topic);
+    retain("other");
+    for (auto const* const topic : {"many/1", "many/+", "many/#", "+/1"}) {
+        cleaner->clean(topic, LONG_DURATION);
     }
-    for (auto const* const topic : {"a/x", "a/+", "a/#", "+/x", "#"}) {
-        cleaner->clean(topic, AN_HOUR);
-    }
-    EXPECT_TRUE(becomesRetained({}));
+    EXPECT_TRUE(becomesRetained({"other"}));
+    EXPECT_THAT(recorder.calls(), IsEmpty());
+    retain("many/late");
+    EXPECT_TRUE(becomesRetained({"other"}));
 }
 
-TEST_F(Cleaning, ErasesWhatIsPublishedMeanwhile) {
-    cleaner->clean("a/#", AN_HOUR);
-    retain("a/late");
-    EXPECT_TRUE(becomesRetained({}));
-}
-
-TEST_F(Cleaning, EndsRequestsInTheirOwnTime) {
-    for (auto const* const topic : {"a", "", "b/#/c", "c/#"}) {
-        cleaner->clean(topic, milliseconds(topic[0] == 'a' ? 1 : 0));
-    }
-    cleaner->clean("lasting", AN_HOUR);
-    EXPECT_TRUE(recorder.waitForCount(4));
-    EXPECT_FALSE(cleaner->waitAllTasks(A_WHILE));
-    EXPECT_THAT(recorder.told(), UnorderedElementsAre("a", "", "b/#/c", "c/#"));
-}
-
-TEST_F(Cleaning, BeginsWhenTheBrokerComesUp) {
+TEST_F(Cleaning, StartsAndGoesOnWhenTheBrokerComesBack) {
     broker.stop();
     cleaner = makeCleaner();
-    cleaner->clean("a/#", AN_HOUR);
+    cleaner->clean("a/#", LONG_DURATION);
     broker.start();
-    retain("a/x");
-    EXPECT_TRUE(becomesRetained({}));
-}
-
-TEST_F(Cleaning, GoesOnWhenTheBrokerRestarts) {
-    cleaner->clean("a/#", AN_HOUR);
     retain("a/early");
     EXPECT_TRUE(becomesRetained({}));
     broker.stop();
@@ -159,25 +101,15 @@ TEST_F(Cleaning, EndsRequestsWhileTheBrokerIsAway) {
     broker.stop();
     cleaner->clean("b", milliseconds(0));
     EXPECT_TRUE(cleaner->waitAllTasks(support::DEADLINE));
-    EXPECT_THAT(recorder.told(), ElementsAre("a", "b", ALL));
-}
-
-TEST_F(Cleaning, EndsWithTheConnection) {
-    cleaner->clean("a", AN_HOUR);
-    cleaner->terminate();
-    EXPECT_TRUE(support::eventually(
-        [&] { return broker.log().find("Received DISCONNECT") != std::string::npos; }));
-    retain("a");
-    EXPECT_THAT(retained(), ElementsAre("a"));
-    EXPECT_THAT(recorder.told(), IsEmpty());
+    EXPECT_THAT(recorder.calls(), ElementsAre("a", "b", ALL));
 }
 
 class CleaningOnASlowBroker : public testing::Test {
 protected:
     CleaningOnASlowBroker() {
-        server.hold(Type::UNSUBSCRIBE);
+        server.hold(PacketType::UNSUBSCRIBE);
         cleaner->clean("a", milliseconds(0));
-        EXPECT_TRUE(server.waitForPackets(Type::UNSUBSCRIBE, 1));
+        EXPECT_TRUE(server.waitForPackets(PacketType::UNSUBSCRIBE, 1));
     }
     ~CleaningOnASlowBroker() override { server.release(); }
 
@@ -187,27 +119,42 @@ protected:
         &recorder, support::uniqueId(), server.host(), server.port());
 };
 
-TEST_F(CleaningOnASlowBroker, EndedWhileARequestEndsSaysNothingMore) {
+TEST_F(CleaningOnASlowBroker, DoesNotCallTheListenerWhenItIsTerminatedMeanwhile) {
     BlockingThread end([&] { cleaner->terminate(); });
     ASSERT_TRUE(end.isBlocked());
     server.release();
     end.join();
-    EXPECT_THAT(recorder.told(), IsEmpty());
-    EXPECT_TRUE(server.waitForPackets(Type::DISCONNECT, 1));
-}
-
-TEST_F(CleaningOnASlowBroker, TakesRequestsWhileAnotherOneEnds) {
-    cleaner->clean("b", AN_HOUR);
-    EXPECT_TRUE(server.waitForPackets(Type::SUBSCRIBE, 2));
-    server.release();
-    EXPECT_TRUE(recorder.waitForCount(1));
-    EXPECT_FALSE(cleaner->waitAllTasks(milliseconds(0)));
-    EXPECT_THAT(recorder.told(), ElementsAre("a"));
+    EXPECT_THAT(recorder.calls(), IsEmpty());
+    EXPECT_TRUE(server.waitForPackets(PacketType::DISCONNECT, 1));
 }
 
 TEST_F(CleaningOnASlowBroker, ReportsATopicWithoutTheBrokersAnswer) {
     EXPECT_TRUE(cleaner->waitAllTasks(support::DEADLINE));
-    EXPECT_THAT(recorder.told(), ElementsAre("a", ALL));
+    EXPECT_THAT(recorder.calls(), ElementsAre("a", ALL));
+}
+
+/// Some defects here are seen by a sanitizer only.
+TEST_F(Cleaning, IsEndedByListenerAndAnotherThreadInManyRounds) {
+    int const count = rounds(6);
+    for (int round = 0; round < count; ++round) {
+        retain("a/x");
+        support::Watched<bool> gone;
+        std::unique_ptr<BlockingThread> terminating;
+        cleaner = makeCleaner();
+        auto* const which = cleaner.get();
+        recorder.setHook([&](auto const& call) {
+            if ((call == ALL) != (round % 2 == 0)) {
+                return;
+            }
+            terminating = std::make_unique<BlockingThread>([=] { which->terminate(); });
+            EXPECT_TRUE(terminating->isBlocked());
+            cleaner.reset();
+            set(gone);
+        });
+        which->clean("a/#", milliseconds(0));
+        ASSERT_TRUE(gone.waitFor(isSet));
+        terminating->join();
+    }
 }
 
 } // namespace

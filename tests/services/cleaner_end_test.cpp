@@ -1,12 +1,12 @@
-// Cleaners that are ended while something is going on.
+// Cleaners that end during their work.
 
 #include "requestreply/blocking_thread.hpp"
-#include "services/barrier.hpp"
-#include "services/cleaner_on_a_script.hpp"
-#include "support/timeout_factor.hpp"
+#include "services/checkpoint.hpp"
+#include "services/cleaner_fixture.hpp"
 
 #include <atomic>
 #include <optional>
+#include <ostream>
 
 namespace {
 
@@ -15,204 +15,176 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
 
-using TheEndOfACleaner = ACleaner;
+class TheEndOfACleaner : public ACleaner {
+protected:
+    ~TheEndOfACleaner() override { standIn->setHook(Operation::SUBSCRIBE, {}); }
 
-TEST_F(TheEndOfACleaner, DropsRequestsWithoutAWord) {
-    cleaner->clean("a", AN_HOUR);
-    cleaner->clean("b", milliseconds(0));
-    cleaner->terminate();
-    EXPECT_THAT(topics(Operation::UNSUBSCRIBE), ElementsAre("a", "b"));
-    EXPECT_THAT(script->calls(Operation::DISCONNECT), SizeIs(1));
-    EXPECT_FALSE(script->connected());
-    EXPECT_EQ(manual_timer::record().terminations, 1);
-    look();
-    EXPECT_THAT(recorder.told(), IsEmpty());
-    EXPECT_FALSE(script->destroyed());
-    cleaner.reset();
-    EXPECT_TRUE(script->destroyed());
+    /// Stops the worker or the caller at the next call of this operation.
+    void stopAt(Operation operation) {
+        checkpoint.close();
+        standIn->setHook(operation, [this](auto const&) {
+            checkpoint.pass();
+            return std::optional<int>();
+        });
+    }
+
+    Checkpoint checkpoint;
+};
+
+TEST_F(TheEndOfACleaner, DropsItsRequestsWithoutCallingTheListener) {
+    for (bool const destroys : {false, true}) {
+        SCOPED_TRACE(destroys);
+        replace(&recorder);
+        cleaner->clean("a", LONG_DURATION);
+        cleaner->clean("b", milliseconds(0));
+        if (destroys) {
+            cleaner.reset();
+        } else {
+            cleaner->terminate();
+            EXPECT_EQ(manual_timer::record().terminations, 1);
+            expire();
+        }
+        EXPECT_THAT(topics(Operation::UNSUBSCRIBE), ElementsAre("a", "b"));
+        EXPECT_THAT(standIn->calls(Operation::DISCONNECT), SizeIs(1));
+        EXPECT_FALSE(standIn->connected());
+        EXPECT_THAT(recorder.calls(), IsEmpty());
+        EXPECT_EQ(standIn->destroyed(), destroys);
+    }
 }
 
-TEST_F(TheEndOfACleaner, ComesWithTheDestructorToo) {
-    cleaner->clean("a", AN_HOUR);
-    cleaner.reset();
-    EXPECT_THAT(topics(Operation::UNSUBSCRIBE), ElementsAre("a"));
-    EXPECT_THAT(script->calls(Operation::DISCONNECT), SizeIs(1));
-    EXPECT_THAT(recorder.told(), IsEmpty());
-}
-
-TEST_F(TheEndOfACleaner, IsForGood) {
+TEST_F(TheEndOfACleaner, CannotBeUndone) {
     cleaner->terminate();
     cleaner->clean("a", milliseconds(0));
-    EXPECT_EQ(script->count(Operation::SUBSCRIBE), 0U);
+    EXPECT_EQ(standIn->count(Operation::SUBSCRIBE), 0U);
     EXPECT_TRUE(cleaner->waitAllTasks(milliseconds(0)));
-    look();
+    expire();
     cleaner->terminate();
-    EXPECT_THAT(recorder.told(), IsEmpty());
+    EXPECT_THAT(recorder.calls(), IsEmpty());
     EXPECT_EQ(manual_timer::record().restarts, 0);
 }
 
-TEST_F(TheEndOfACleaner, LetsThoseGoWhoWait) {
-    cleaner->clean("a", AN_HOUR);
-    bool ended = false;
-    bool endedToo = false;
-    BlockingThread one([&] { ended = cleaner->waitAllTasks(milliseconds::max()); });
-    BlockingThread other([&] { endedToo = cleaner->waitAllTasks(AN_HOUR); });
-    ASSERT_TRUE(one.isBlocked());
-    ASSERT_TRUE(other.isBlocked());
-    cleaner->terminate();
-    one.join();
-    other.join();
-    EXPECT_TRUE(ended && endedToo);
-}
-
-TEST_F(TheEndOfACleaner, LetsThoseGoWhoWaitBeforeItIsDestroyed) {
-    cleaner->clean("a", AN_HOUR);
-    for (int i = 0; i < 20; ++i) {
-        cleaner->clean("a", AN_HOUR);
-        std::atomic<bool> left{false};
-        BlockingThread waiter([&, which = cleaner.get()] {
-            EXPECT_TRUE(which->waitAllTasks(AN_HOUR));
-            left = true;
-        });
-        ASSERT_TRUE(waiter.isBlocked());
-        cleaner.reset();
-        waiter.join();
-        EXPECT_TRUE(left);
+TEST_F(TheEndOfACleaner, EndsAllWaits) {
+    for (bool const destroys : {false, true}) {
         replace(&recorder);
+        cleaner->clean("a", LONG_DURATION);
+        std::atomic<int> left{0};
+        auto const waitFor = [&, which = cleaner.get()](milliseconds timeout) {
+            EXPECT_TRUE(which->waitAllTasks(timeout));
+            ++left;
+        };
+        BlockingThread one([&] { waitFor(milliseconds::max()); });
+        BlockingThread other([&] { waitFor(LONG_DURATION); });
+        ASSERT_TRUE(one.isBlocked());
+        ASSERT_TRUE(other.isBlocked());
+        destroys ? cleaner.reset() : cleaner->terminate();
+        one.join();
+        other.join();
+        EXPECT_EQ(left, 2);
     }
 }
 
 TEST_F(TheEndOfACleaner, WaitsForRequestsBeingMade) {
-    for (int i = 0; i < 40 / support::TIMEOUT_FACTOR; ++i) {
-        Barrier barrier;
-        script->setHook(Operation::SUBSCRIBE, [&](auto const&) { return barrier.pass(); });
-        auto* const which = cleaner.get();
-        BlockingThread one([=] { which->clean("a", AN_HOUR); });
-        ASSERT_TRUE(barrier.waitForVisitor());
-        BlockingThread another([=] { which->clean("b", AN_HOUR); });
-        ASSERT_TRUE(another.isBlocked());
-        BlockingThread end([&] { cleaner.reset(); });
-        ASSERT_TRUE(end.isBlocked());
-        barrier.open();
-        one.join();
-        another.join();
-        end.join();
-        replace(&recorder);
-    }
+    stopAt(Operation::SUBSCRIBE);
+    auto* const which = cleaner.get();
+    BlockingThread one([=] { which->clean("a", LONG_DURATION); });
+    ASSERT_TRUE(checkpoint.hasStoppedAThread());
+    BlockingThread another([=] { which->clean("b", LONG_DURATION); });
+    ASSERT_TRUE(another.isBlocked());
+    BlockingThread end([&] { cleaner.reset(); });
+    ASSERT_TRUE(end.isBlocked());
+    checkpoint.open();
 }
 
 TEST_F(TheEndOfACleaner, WaitsForTheMessageBeingHandled) {
-    Barrier barrier;
-    std::atomic<bool> left{false};
-    cleaner->clean("a", AN_HOUR);
-    script->setHook(Operation::PUBLISH, [&](auto const&) {
-        barrier.pass();
-        left = true;
-        return std::optional<int>();
-    });
-    script->deliver("a", "x");
-    ASSERT_TRUE(barrier.waitForVisitor());
-    BlockingThread end([&] {
-        cleaner.reset();
-        EXPECT_TRUE(left);
-    });
+    cleaner->clean("a", LONG_DURATION);
+    stopAt(Operation::PUBLISH);
+    standIn->deliver("a", "x");
+    ASSERT_TRUE(checkpoint.hasStoppedAThread());
+    BlockingThread end([&] { cleaner.reset(); });
     ASSERT_TRUE(end.isBlocked());
-    barrier.open();
+    checkpoint.open();
     end.join();
-    EXPECT_TRUE(script->destroyed());
+    EXPECT_TRUE(standIn->destroyed());
 }
 
 // While the broker is away
 
 TEST_F(TheEndOfACleaner, EndsTheSearchForTheBroker) {
-    script->setHook(Operation::RECONNECT, [](auto const&) { return 14; });
-    script->loseConnection();
-    ASSERT_TRUE(script->waitForCalls(Operation::RECONNECT, 1));
+    standIn->setHook(Operation::RECONNECT, [](auto const&) { return 14; });
+    standIn->loseConnection();
+    ASSERT_TRUE(standIn->waitForCalls(Operation::RECONNECT, 1));
     cleaner->terminate();
-    // The second one is the worker's, which does not try any more then.
-    ASSERT_TRUE(script->waitForCalls(Operation::DISCONNECT, 2));
-    auto const tries = script->count(Operation::RECONNECT);
+    // The second one is the worker's, which then stops trying.
+    ASSERT_TRUE(standIn->waitForCalls(Operation::DISCONNECT, 2));
+    auto const tries = standIn->count(Operation::RECONNECT);
     EXPECT_LE(tries, 2U);
     cleaner->terminate();
-    EXPECT_EQ(script->count(Operation::RECONNECT), tries);
+    EXPECT_EQ(standIn->count(Operation::RECONNECT), tries);
 }
 
-TEST_F(TheEndOfACleaner, EndsAConnectionThatJustComesUp) {
-    Barrier barrier;
-    script->setHook(Operation::RECONNECT, [&](auto const&) { return barrier.pass(); });
-    script->loseConnection();
-    ASSERT_TRUE(barrier.waitForVisitor());
+TEST_F(TheEndOfACleaner, EndsAConnectionThatIsBeingMade) {
+    stopAt(Operation::RECONNECT);
+    standIn->loseConnection();
+    ASSERT_TRUE(checkpoint.hasStoppedAThread());
     cleaner->terminate();
-    barrier.open();
-    ASSERT_TRUE(script->waitForCalls(Operation::DISCONNECT, 2));
-    EXPECT_TRUE(support::eventually([&] { return !script->connected(); }));
+    checkpoint.open();
+    ASSERT_TRUE(standIn->waitForCalls(Operation::DISCONNECT, 2));
+    EXPECT_TRUE(support::eventually([&] { return !standIn->connected(); }));
 }
 
-// Inside the listener
+/// In a call of the listener.
+struct EndInACall {
+    char const* name;
+    std::string call; ///< of the listener, in which the cleaner ends
+    bool destroys;
+    Strings calls; ///< of the listener in all
+};
 
-TEST_F(TheEndOfACleaner, ComesWhenATopicIsDone) {
-    recorder.setHook([&](auto const&) { cleaner->terminate(); });
-    cleaner->clean("a", milliseconds(0));
-    cleaner->clean("b", milliseconds(0));
-    look();
-    EXPECT_THAT(recorder.told(), ElementsAre("a"));
-    EXPECT_TRUE(cleaner->waitAllTasks(milliseconds(0)));
+void PrintTo(EndInACall const& end, std::ostream* out) {
+    *out << end.name;
 }
 
-TEST_F(TheEndOfACleaner, ComesWhenTheLastTopicIsDone) {
-    recorder.setHook([&](auto const&) { cleaner->terminate(); });
-    cleaner->clean("a", milliseconds(0));
-    look();
-    EXPECT_THAT(recorder.told(), ElementsAre("a"));
-}
+class TheEndOfACleanerInItsListener : public TheEndOfACleaner,
+                                      public testing::WithParamInterface<EndInACall> {};
 
-TEST_F(TheEndOfACleaner, ComesWhenAllIsDone) {
-    recorder.setHook([&](auto const& what) {
-        if (what == ALL) {
+TEST_P(TheEndOfACleanerInItsListener, EndsWaitsAndLaterCalls) {
+    auto doomed = std::make_unique<CleanerRecorder>();
+    replace(doomed.get());
+    doomed->setHook([&](auto const& call) {
+        if (call != GetParam().call) {
+            return;
+        }
+        EXPECT_EQ(doomed->calls(), GetParam().calls);
+        if (GetParam().destroys) {
+            cleaner.reset();
+            doomed.reset();
+        } else {
             cleaner->terminate();
         }
     });
     cleaner->clean("a", milliseconds(0));
-    look();
-    EXPECT_THAT(recorder.told(), ElementsAre("a", ALL));
-    EXPECT_TRUE(cleaner->waitAllTasks(milliseconds(0)));
-}
-
-TEST_F(TheEndOfACleaner, ComesByDestroyingItWhenATopicIsDone) {
-    recorder.setHook([&](auto const&) { cleaner.reset(); });
-    cleaner->clean("a", milliseconds(0));
     cleaner->clean("b", milliseconds(0));
-    BlockingThread waiter([which = cleaner.get()] { EXPECT_TRUE(which->waitAllTasks(AN_HOUR)); });
+    BlockingThread waiter(
+        [which = cleaner.get()] { EXPECT_TRUE(which->waitAllTasks(LONG_DURATION)); });
     ASSERT_TRUE(waiter.isBlocked());
-    look();
-    EXPECT_THAT(recorder.told(), ElementsAre("a"));
-    EXPECT_TRUE(script->destroyed());
-}
-
-TEST_F(TheEndOfACleaner, ComesByDestroyingItWhenAllIsDone) {
-    recorder.setHook([&](auto const& what) {
-        if (what == ALL) {
-            cleaner.reset();
-        }
-    });
-    cleaner->clean("a", milliseconds(0));
-    BlockingThread waiter([which = cleaner.get()] { EXPECT_TRUE(which->waitAllTasks(AN_HOUR)); });
-    ASSERT_TRUE(waiter.isBlocked());
-    look();
-    EXPECT_THAT(recorder.told(), ElementsAre("a", ALL));
-    EXPECT_TRUE(script->destroyed());
-}
-
-TEST_F(TheEndOfACleaner, MayTakeItsListenerAlong) {
-    auto doomed = std::make_unique<CleanerRecorder>();
-    doomed->setHook([&](auto const&) {
+    expire();
+    waiter.join();
+    EXPECT_EQ(standIn->destroyed(), GetParam().destroys);
+    EXPECT_EQ(doomed == nullptr, GetParam().destroys);
+    if (doomed) {
+        EXPECT_EQ(doomed->calls(), GetParam().calls);
+        EXPECT_TRUE(cleaner->waitAllTasks(milliseconds(0)));
         cleaner.reset();
-        doomed.reset();
-    });
-    replace(doomed.get());
-    cleaner->clean("a", milliseconds(0));
-    look();
-    EXPECT_EQ(doomed, nullptr);
+    }
 }
+
+INSTANTIATE_TEST_SUITE_P(
+    By, TheEndOfACleanerInItsListener,
+    testing::Values(EndInACall{"TerminationAfterATopic", "a", false, {"a"}},
+                    EndInACall{"TerminationAfterTheLastTopic", "b", false, {"a", "b"}},
+                    EndInACall{"TerminationAfterAll", ALL, false, {"a", "b", ALL}},
+                    EndInACall{"DestructionAfterATopic", "a", true, {"a"}},
+                    EndInACall{"DestructionAfterAll", ALL, true, {"a", "b", ALL}}),
+    [](auto const& instance) { return instance.param.name; });
 
 } // namespace

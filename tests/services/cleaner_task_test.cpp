@@ -1,8 +1,12 @@
-#include "client/client_on_a_script.hpp"
-
-#include <mqtt/topic_cleaner.hpp>
+#include "services/cleaner_recorder.hpp"
+#include "support/recorder.hpp"
+#include "support/stand_in/stand_in.hpp"
+#include "support/test_client.hpp"
 
 #include <gmock/gmock.h>
+#include <mosquittopp.h>
+
+#include <atomic>
 
 namespace {
 
@@ -15,48 +19,46 @@ using testing::IsEmpty;
 using testing::SizeIs;
 using Operation = support::StandIn::Operation;
 
-constexpr milliseconds AN_HOUR{3600000};
-
-class ACleaningTask : public AClientOnAScript {
+class ACleaningTask : public testing::Test {
 protected:
     using Task = TopicCleaner::Task;
 
-    ACleaningTask() { connect(); }
-
-    std::unique_ptr<Task> task(std::string const& topic = "a/#", milliseconds duration = AN_HOUR) {
-        return std::make_unique<Task>(client, topic, 7, duration, &subscriber_);
+    std::unique_ptr<Task> task(std::string const& topic = "a/#",
+                               milliseconds duration = LONG_DURATION) {
+        return std::make_unique<Task>(client, topic, 7, duration, &subscriber);
     }
 
-    /// The fixture's, which goes on owning it.
-    std::shared_ptr<mqtt::MqttClient> client{client_.get(), [](auto*) {}};
+    std::vector<support::StandIn::Call> unsubscriptions() const {
+        return standIn->calls(Operation::UNSUBSCRIBE);
+    }
+
+    support::MessageRecorder subscriber;
+    std::shared_ptr<mqtt::MqttClient> client = support::testClient("host", 1883);
+    std::shared_ptr<support::StandIn> standIn = support::StandIn::last();
 };
 
-TEST_F(ACleaningTask, HandsMessagesToItsSubscriberOnceStarted) {
+TEST_F(ACleaningTask, SubscribesFromItsStartToItsTermination) {
     auto const one = task();
-    EXPECT_EQ(script_->count(Operation::SUBSCRIBE), 0U);
+    EXPECT_EQ(standIn->count(Operation::SUBSCRIBE), 0U);
     one->start();
-    script_->deliver("a/x", "text");
-    ASSERT_TRUE(subscriber_.waitForCount(1));
-    EXPECT_THAT(subscriber_.deliveries(), ElementsAre(Delivery{7, "a/x", "text"}));
+    standIn->deliver("a/x", "text");
+    ASSERT_TRUE(subscriber.waitForCount(1));
+    EXPECT_THAT(subscriber.deliveries(), ElementsAre(Delivery{7, "a/x", "text"}));
+    one->terminate();
+    one->terminate();
+    ASSERT_THAT(unsubscriptions(), SizeIs(1));
+    EXPECT_EQ(unsubscriptions()[0].topic, "a/#");
 }
 
-TEST_F(ACleaningTask, UnsubscribesWhenToldTo) {
-    auto const one = task();
-    one->start();
-    one->terminate();
-    EXPECT_THAT(script_->calls(Operation::UNSUBSCRIBE), SizeIs(1));
-    EXPECT_EQ(script_->calls(Operation::UNSUBSCRIBE)[0].topic, "a/#");
-    one->terminate();
-    EXPECT_THAT(script_->calls(Operation::UNSUBSCRIBE), SizeIs(1));
-}
-
-TEST_F(ACleaningTask, WaitsForTheEndOfItsSubscription) {
+TEST_F(ACleaningTask, WaitsForTheEndOfItsSubscriptionInItsDestructor) {
+    task();
+    EXPECT_THAT(unsubscriptions(), IsEmpty()) << "it was never started";
     auto one = task();
     one->start();
-    script_->setAcknowledging(false);
+    standIn->setAcknowledging(false);
     std::atomic<bool> acknowledged{false};
-    script_->setHook(Operation::UNSUBSCRIBE, [&](auto const& call) {
-        script_->post([&, mid = call.mid](auto& object) {
+    standIn->setHook(Operation::UNSUBSCRIBE, [&](auto const& call) {
+        standIn->post([&, mid = call.mid](auto& object) {
             acknowledged = true;
             object.on_unsubscribe(mid);
         });
@@ -64,17 +66,7 @@ TEST_F(ACleaningTask, WaitsForTheEndOfItsSubscription) {
     });
     one.reset();
     EXPECT_TRUE(acknowledged);
-    script_->setHook(Operation::UNSUBSCRIBE, {});
-}
-
-TEST_F(ACleaningTask, UnsubscribesWhenItDies) {
-    task()->start();
-    EXPECT_THAT(script_->calls(Operation::UNSUBSCRIBE), SizeIs(1));
-}
-
-TEST_F(ACleaningTask, NeverStartedHasNothingToEnd) {
-    task();
-    EXPECT_THAT(script_->calls(Operation::UNSUBSCRIBE), IsEmpty());
+    standIn->setHook(Operation::UNSUBSCRIBE, {});
 }
 
 TEST_F(ACleaningTask, IsDoneWhenItsTimeHasPassed) {
@@ -82,13 +74,10 @@ TEST_F(ACleaningTask, IsDoneWhenItsTimeHasPassed) {
         EXPECT_TRUE(task("a", duration)->isDone());
         EXPECT_TRUE(Task::isDone(*task("a", duration)));
     }
-    for (auto const duration : {AN_HOUR, milliseconds::max(), milliseconds::max() / 1000}) {
+    for (auto const duration : {LONG_DURATION, milliseconds::max(), milliseconds::max() / 1000}) {
         EXPECT_FALSE(task("a", duration)->isDone());
         EXPECT_FALSE(Task::isDone(*task("a", duration)));
     }
-}
-
-TEST_F(ACleaningTask, CountsItsTimeFromTheBeginning) {
     auto const begin = steady_clock::now();
     auto const one = task("a", milliseconds(200));
     auto const end = steady_clock::now();
@@ -101,24 +90,19 @@ TEST_F(ACleaningTask, CountsItsTimeFromTheBeginning) {
     }));
 }
 
-TEST_F(ACleaningTask, GetsTheTimeThatItIsGivenOnTop) {
+TEST_F(ACleaningTask, CanBeExtendedAndShortened) {
     auto const one = task("a", milliseconds(0));
-    one->extendTimeout(AN_HOUR);
-    EXPECT_FALSE(one->isDone());
-    one->extendTimeout(milliseconds::max());
-    EXPECT_FALSE(one->isDone());
-    one->extendTimeout(milliseconds::max());
-    EXPECT_FALSE(one->isDone());
-}
-
-TEST_F(ACleaningTask, LosesTheTimeThatIsTakenFromIt) {
-    auto const one = task("a", 2 * AN_HOUR);
-    one->extendTimeout(-AN_HOUR);
-    EXPECT_FALSE(one->isDone());
-    one->extendTimeout(-AN_HOUR);
-    EXPECT_TRUE(one->isDone());
-    one->extendTimeout(milliseconds::min());
-    EXPECT_TRUE(one->isDone());
+    for (auto const extra : {LONG_DURATION, milliseconds::max(), milliseconds::max()}) {
+        one->extendTimeout(extra);
+        EXPECT_FALSE(one->isDone());
+    }
+    auto const other = task("a", 2 * LONG_DURATION);
+    other->extendTimeout(-LONG_DURATION);
+    EXPECT_FALSE(other->isDone());
+    other->extendTimeout(-LONG_DURATION);
+    EXPECT_TRUE(other->isDone());
+    other->extendTimeout(milliseconds::min());
+    EXPECT_TRUE(other->isDone());
 }
 
 TEST_F(ACleaningTask, EqualsTopicsOfItsText) {

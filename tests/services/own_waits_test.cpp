@@ -1,4 +1,4 @@
-// How long the library waits where nobody tells it: seen in what it asks for, without waiting.
+// The timeouts that the library chooses itself, seen in its calls, without waiting.
 
 #include "client/client_on_a_script.hpp"
 #include "data/an_endpoint.hpp"
@@ -29,82 +29,82 @@ using testing::ElementsAre;
 using testing::Pair;
 using Error = MqttClient::Error;
 
-/// Operations of the client, and the seconds that they were given.
+/// Operations of the client, and their timeouts in seconds.
 support::Watched<std::vector<std::pair<std::string, int>>> waits;
 
-thread_local steady_clock::time_point lastLook;
-std::atomic<std::thread::id> sleeper{std::thread::id()};
-/// The first time on this thread that was to be spent waiting.
-std::atomic<nanoseconds> slept{nanoseconds::zero()};
+thread_local steady_clock::time_point lastNow;
+std::atomic<std::thread::id> waitingThread{std::thread::id()};
+/// How long the first wait of `waitingThread` was to last.
+std::atomic<nanoseconds> waitTime{nanoseconds::zero()};
 
-Error waitInVain(char const* operation, SecondsDuration timeout) {
+Error recordAndTimeOut(char const* operation, SecondsDuration timeout) {
     waits.change([&](auto& all) { all.emplace_back(operation, timeout.toInt32()); });
     return Error::TIMEOUT;
 }
 
 } // namespace
 
-// The linker puts these in the place of the client's operations, which are called like functions
-// that take the client first, of the clock, and of the wait on a condition.
+// The linker replaces the operations of the client, the clock and the wait on a condition by these.
+// A member function is called like a function that takes the object first.
 
-Error connectInVain(MqttClient*, std::string, int,
-                    SecondsDuration) __asm__("__wrap_" ZYM_TEST_CONNECT);
-Error disconnectInVain(MqttClient*, SecondsDuration) __asm__("__wrap_" ZYM_TEST_DISCONNECT);
-Error publishInVain(MqttClient*, mqtt::Topic const&, std::string const&, int, bool,
-                    SecondsDuration) __asm__("__wrap_" ZYM_TEST_PUBLISH_WAIT);
-Error unsubscribeInVain(MqttClient*, mqtt::Topic const&, MqttClient::Subscriber*,
-                        SecondsDuration) __asm__("__wrap_" ZYM_TEST_UNSUBSCRIBE_WAIT);
+Error recordedConnect(MqttClient*, std::string, int,
+                      SecondsDuration) __asm__("__wrap_" ZYM_TEST_CONNECT);
+Error recordedDisconnect(MqttClient*, SecondsDuration) __asm__("__wrap_" ZYM_TEST_DISCONNECT);
+Error recordedPublish(MqttClient*, mqtt::Topic const&, std::string const&, int, bool,
+                      SecondsDuration) __asm__("__wrap_" ZYM_TEST_PUBLISH_WAIT);
+Error recordedUnsubscribe(MqttClient*, mqtt::Topic const&, MqttClient::Subscriber*,
+                          SecondsDuration) __asm__("__wrap_" ZYM_TEST_UNSUBSCRIBE_WAIT);
 steady_clock::time_point realNow() __asm__("__real_" ZYM_TEST_STEADY_NOW);
-steady_clock::time_point notedNow() __asm__("__wrap_" ZYM_TEST_STEADY_NOW);
+steady_clock::time_point recordedNow() __asm__("__wrap_" ZYM_TEST_STEADY_NOW);
 int realWait(pthread_cond_t*, pthread_mutex_t*, clockid_t,
              timespec const*) __asm__("__real_pthread_cond_clockwait");
 // Visible, because the run-time library of ThreadSanitizer refers to it.
 __attribute__((visibility("default"))) int
-notedWait(pthread_cond_t*, pthread_mutex_t*, clockid_t,
-          timespec const*) __asm__("__wrap_pthread_cond_clockwait");
+recordedWait(pthread_cond_t*, pthread_mutex_t*, clockid_t,
+             timespec const*) __asm__("__wrap_pthread_cond_clockwait");
 
-Error connectInVain(MqttClient* /*client*/, std::string /*host*/, int /*port*/,
-                    SecondsDuration timeout) {
-    return waitInVain("connect", timeout);
+Error recordedConnect(MqttClient* /*client*/, std::string /*host*/, int /*port*/,
+                      SecondsDuration timeout) {
+    return recordAndTimeOut("connect", timeout);
 }
 
-Error disconnectInVain(MqttClient* /*client*/, SecondsDuration timeout) {
-    return waitInVain("disconnect", timeout);
+Error recordedDisconnect(MqttClient* /*client*/, SecondsDuration timeout) {
+    return recordAndTimeOut("disconnect", timeout);
 }
 
-Error publishInVain(MqttClient* /*client*/, mqtt::Topic const& /*topic*/,
-                    std::string const& /*payload*/, int /*qos*/, bool /*retain*/,
-                    SecondsDuration timeout) {
-    return waitInVain("publishWait", timeout);
+Error recordedPublish(MqttClient* /*client*/, mqtt::Topic const& /*topic*/,
+                      std::string const& /*payload*/, int /*qos*/, bool /*retain*/,
+                      SecondsDuration timeout) {
+    return recordAndTimeOut("publishWait", timeout);
 }
 
-Error unsubscribeInVain(MqttClient* /*client*/, mqtt::Topic const& /*topic*/,
-                        MqttClient::Subscriber* /*subscriber*/, SecondsDuration timeout) {
-    return waitInVain("unsubscribeWait", timeout);
+Error recordedUnsubscribe(MqttClient* /*client*/, mqtt::Topic const& /*topic*/,
+                          MqttClient::Subscriber* /*subscriber*/, SecondsDuration timeout) {
+    return recordAndTimeOut("unsubscribeWait", timeout);
 }
 
-steady_clock::time_point notedNow() {
-    return lastLook = realNow();
+steady_clock::time_point recordedNow() {
+    return lastNow = realNow();
 }
 
-int notedWait(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock,
-              timespec const* until) {
+int recordedWait(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock,
+                 timespec const* until) {
     auto const moment = std::chrono::seconds(until->tv_sec) + nanoseconds(until->tv_nsec);
     auto none = nanoseconds::zero();
-    if (sleeper.load() == std::this_thread::get_id()) {
-        slept.compare_exchange_strong(none, moment - lastLook.time_since_epoch());
+    if (waitingThread.load() == std::this_thread::get_id()) {
+        waitTime.compare_exchange_strong(none, moment - lastNow.time_since_epoch());
     }
     return realWait(condition, mutex, clock, until);
 }
 
 namespace {
 
-class AWaitOfItsOwn : public testing::Test {
+class ATimeoutOfTheLibrary : public testing::Test {
 protected:
-    AWaitOfItsOwn() { take(); }
+    ATimeoutOfTheLibrary() { takeWaits(); }
 
-    /// What was waited for since this was asked last.
-    static std::vector<std::pair<std::string, int>> take() {
+    /// The recorded operations since the last call.
+    static std::vector<std::pair<std::string, int>> takeWaits() {
         return waits.change([](auto& all) { return std::exchange(all, {}); });
     }
 
@@ -114,44 +114,44 @@ protected:
     }
 };
 
-TEST_F(AWaitOfItsOwn, LastsFiveSecondsInTheConstructorOfAClient) {
+TEST_F(ATimeoutOfTheLibrary, IsFiveSecondsInTheConstructorOfAClient) {
     auto const client = makeClient(true);
-    EXPECT_THAT(take(), ElementsAre(Pair("connect", 5)));
+    EXPECT_THAT(takeWaits(), ElementsAre(Pair("connect", 5)));
 }
 
-TEST_F(AWaitOfItsOwn, LastsFiveSecondsInAnEndpoint) {
+TEST_F(ATimeoutOfTheLibrary, IsFiveSecondsInAnEndpoint) {
     auto const client = makeClient(false);
     Endpoint endpoint(*client, "a", 2, true);
     mqtt::MqttDataBase::Lock lock(endpoint.mutex());
     EXPECT_EQ(endpoint.unsubscribeWait(lock), Error::TIMEOUT);
-    EXPECT_THAT(take(), ElementsAre(Pair("unsubscribeWait", 5)));
+    EXPECT_THAT(takeWaits(), ElementsAre(Pair("unsubscribeWait", 5)));
     EXPECT_EQ(endpoint.cleanWait(), Error::TIMEOUT);
     endpoint.publishWait();
-    EXPECT_THAT(take(), ElementsAre(Pair("publishWait", 5), Pair("publishWait", 5)));
+    EXPECT_THAT(takeWaits(), ElementsAre(Pair("publishWait", 5), Pair("publishWait", 5)));
 }
 
-TEST_F(AWaitOfItsOwn, LastsFiveSecondsInACleaner) {
+TEST_F(ATimeoutOfTheLibrary, IsFiveSecondsInACleaner) {
     {
         mqtt::TopicCleaner cleaner(nullptr, support::uniqueId(), "host", 1883);
-        take();
-        cleaner.clean("a", AN_HOUR);
+        takeWaits();
+        cleaner.clean("a", LONG_DURATION);
     }
-    EXPECT_THAT(take(), ElementsAre(Pair("unsubscribeWait", 5), Pair("disconnect", 5)));
+    EXPECT_THAT(takeWaits(), ElementsAre(Pair("unsubscribeWait", 5), Pair("disconnect", 5)));
 }
 
-TEST_F(AWaitOfItsOwn, LastsHalfASecondInAPause) {
-    sleeper = std::thread::id();
-    slept = nanoseconds::zero();
+TEST_F(ATimeoutOfTheLibrary, IsHalfASecondInAPause) {
+    waitingThread = std::thread::id();
+    waitTime = nanoseconds::zero();
     auto const client = makeClient(false);
     // Disconnected, its worker does not wait for anything else.
     StandIn::last()->setHook(StandIn::Operation::LOOP, [](auto const& call) {
-        sleeper = call.thread;
+        waitingThread = call.thread;
         return std::nullopt;
     });
-    ASSERT_TRUE(support::eventually([] { return sleeper.load() != std::thread::id(); }));
+    ASSERT_TRUE(support::eventually([] { return waitingThread.load() != std::thread::id(); }));
     client->pause();
-    EXPECT_TRUE(support::eventually([] { return slept.load() != nanoseconds::zero(); }));
-    EXPECT_EQ(slept.load(), milliseconds(500));
+    EXPECT_TRUE(support::eventually([] { return waitTime.load() != nanoseconds::zero(); }));
+    EXPECT_EQ(waitTime.load(), milliseconds(500));
 }
 
 } // namespace

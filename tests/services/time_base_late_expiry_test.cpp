@@ -1,8 +1,7 @@
-// An expiry of the proxy's timer that was found good, and then the timer's thread got no processor
-// for a while.
+// An expiry of the proxy's timer that has begun before a stop and goes on in the next run.
 
 #include "requestreply/blocking_thread.hpp"
-#include "services/time_base_frame.hpp"
+#include "services/time_base_fixture.hpp"
 #include "support/manual_timer.hpp"
 
 #include <atomic>
@@ -12,34 +11,33 @@
 
 namespace {
 
-/// Holds up whoever is about to make an exchange and wait for it.
-Gate beforeTheExchange;
+/// Where the timer's thread is about to make an exchange and wait for it.
+Checkpoint beforeTheExchange;
 std::atomic<int> exchanges{0};
 
 } // namespace
 
-// The linker puts the second in the place of mqtt::RequestReplyClient::requestWait, and the first
-// is that operation. A member function is called like one that takes the object first.
+// The linker replaces mqtt::RequestReplyClient::requestWait by the second function; the first is
+// the replaced one. A member function is called like a function that takes the object first.
 
-Code waitForTheReply(mqtt::RequestReplyClient*, zym::common::Uuid const&, zym::common::Uuid const&,
-                     std::shared_ptr<mqtt::RequestReplyData>,
-                     std::shared_ptr<mqtt::RequestReplyData>,
-                     conv::SecondsDuration const&) __asm__("__real_" ZYM_TEST_REQUEST_WAIT);
+Code originalRequestWait(mqtt::RequestReplyClient*, zym::common::Uuid const&,
+                         zym::common::Uuid const&, std::shared_ptr<mqtt::RequestReplyData>,
+                         std::shared_ptr<mqtt::RequestReplyData>,
+                         conv::SecondsDuration const&) __asm__("__real_" ZYM_TEST_REQUEST_WAIT);
 
-Code holdUpAndWaitForTheReply(
+Code requestWaitWithCheckpoint(
     mqtt::RequestReplyClient*, zym::common::Uuid const&, zym::common::Uuid const&,
     std::shared_ptr<mqtt::RequestReplyData>, std::shared_ptr<mqtt::RequestReplyData>,
     conv::SecondsDuration const&) __asm__("__wrap_" ZYM_TEST_REQUEST_WAIT);
 
-// Called by the linker's doing only.
-Code holdUpAndWaitForTheReply(mqtt::RequestReplyClient* client, zym::common::Uuid const& from,
-                              zym::common::Uuid const& to,
-                              std::shared_ptr<mqtt::RequestReplyData> request,
-                              std::shared_ptr<mqtt::RequestReplyData> reply,
-                              conv::SecondsDuration const& timeout) {
+Code requestWaitWithCheckpoint(mqtt::RequestReplyClient* client, zym::common::Uuid const& from,
+                               zym::common::Uuid const& to,
+                               std::shared_ptr<mqtt::RequestReplyData> request,
+                               std::shared_ptr<mqtt::RequestReplyData> reply,
+                               conv::SecondsDuration const& timeout) {
     beforeTheExchange.pass();
     ++exchanges;
-    return waitForTheReply(client, from, to, std::move(request), std::move(reply), timeout);
+    return originalRequestWait(client, from, to, std::move(request), std::move(reply), timeout);
 }
 
 namespace {
@@ -51,13 +49,13 @@ protected:
         exchanges = 0;
         beforeTheExchange.close();
         expiry = std::make_unique<BlockingThread>([] { manual_timer::expire(); });
-        EXPECT_TRUE(beforeTheExchange.stopsSomebody());
+        EXPECT_TRUE(beforeTheExchange.hasStoppedAThread());
         proxy->stop();
     }
     ~ALateExpiry() override {
         letItGo();
         proxy->terminate();
-        // Unlike a real timer's, its end does not wait for the callback.
+        // The end of a hand-driven timer does not wait for its callback.
         expiry.reset();
         proxy.reset();
     }
@@ -87,43 +85,32 @@ protected:
     std::unique_ptr<BlockingThread> expiry;
 };
 
-TEST_F(ALateExpiry, DoesNotKeepTheNextRunFromStarting) {
+TEST_F(ALateExpiry, DoesNotPreventTheNextRun) {
     letItGo();
     requestTo(server, 11);
     ASSERT_TRUE(proxy->startSync(other));
     for (std::size_t n = 1; n <= SAMPLES; ++n) {
         answerTo(other, n, 7.0);
     }
-    ASSERT_TRUE(listener.isTold(2));
-    EXPECT_DOUBLE_EQ(proxy->offset(), 7.0);
-}
-
-TEST_F(ALateExpiry, ChangesNothingBesideTheNextRun) {
-    ASSERT_TRUE(proxy->startSync(other));
-    requestTo(other, 1);
-    letItGo();
-    for (std::size_t n = 1; n <= SAMPLES; ++n) {
-        answerTo(other, n, 7.0);
-    }
-    ASSERT_TRUE(listener.isTold(2));
+    ASSERT_TRUE(listener.waitForCalls(2));
     EXPECT_DOUBLE_EQ(proxy->offset(), 7.0);
 }
 
 TEST_F(ALateExpiry, DoesNotComeBetweenTwoSamplesOfTheNextRun) {
     ASSERT_TRUE(proxy->startSync(other));
     requestTo(other, 1);
-    gate.close();
+    checkpoint.close();
     answerTo(other, 1, 7.0);
-    ASSERT_TRUE(gate.stopsSomebody());
-    // No exchange is under way now, and the timer's thread is faster than the next sample.
+    ASSERT_TRUE(checkpoint.hasStoppedAThread());
+    // No exchange is under way now; the timer's thread makes its own before the next sample.
     letItGo();
     ASSERT_TRUE(support::eventually([] { return exchanges == 1; }));
     ASSERT_TRUE(expiry->isBlocked());
-    gate.open();
+    checkpoint.open();
     for (std::size_t n = 2; n <= SAMPLES; ++n) {
         answerTo(other, n, 7.0);
     }
-    ASSERT_TRUE(listener.isTold(2));
+    ASSERT_TRUE(listener.waitForCalls(2));
     EXPECT_DOUBLE_EQ(proxy->offset(), 7.0);
 }
 

@@ -1,21 +1,16 @@
-// What a listener may do from inside its call, and who waits for it.
+// What a listener may do inside its call, and which operations wait for it.
 
 #include "requestreply/blocking_thread.hpp"
-#include "services/time_base_frame.hpp"
+#include "services/time_base_fixture.hpp"
 #include "support/manual_timer.hpp"
+#include "support/watched.hpp"
 
 #include <atomic>
 #include <utility>
 
 namespace {
 
-bool isSet(bool value) {
-    return value;
-}
-
-void set(support::Watched<bool>& flag) {
-    flag.change([](bool& value) { value = true; });
-}
+using support::isSet;
 
 class InsideTheCallOfATimeListener : public TimeBaseOnABroker {
 protected:
@@ -41,11 +36,6 @@ protected:
     support::Watched<bool> done;
 };
 
-TEST_F(InsideTheCallOfATimeListener, TheProxyMayBeDestroyed) {
-    inside([&] { proxy.reset(); });
-    EXPECT_EQ(requestCount(), 10U);
-}
-
 TEST_F(InsideTheCallOfATimeListener, TheProxyMayBeReplaced) {
     inside([&] {
         proxy.reset();
@@ -53,13 +43,18 @@ TEST_F(InsideTheCallOfATimeListener, TheProxyMayBeReplaced) {
         EXPECT_TRUE(proxy->startSync(server));
     });
     answerAll(11, SAMPLES, 5.0);
-    EXPECT_TRUE(listener.isTold());
+    EXPECT_TRUE(listener.waitForCalls());
 }
 
-TEST_F(InsideTheCallOfATimeListener, TheProxyMayBeStopped) {
-    inside([&] { EXPECT_TRUE(proxy->stop()); });
+TEST_F(InsideTheCallOfATimeListener, TheProxyMayBeStoppedAndTerminated) {
+    inside([&] {
+        proxy->registerListener(nullptr);
+        EXPECT_TRUE(proxy->stop());
+        proxy->terminate();
+    });
     EXPECT_FALSE(proxy->isSynchronized());
     EXPECT_FALSE(manual_timer::record().armed);
+    EXPECT_FALSE(proxy->startSync(server));
 }
 
 TEST_F(InsideTheCallOfATimeListener, TheProxyMayBeStartedAnew) {
@@ -69,44 +64,27 @@ TEST_F(InsideTheCallOfATimeListener, TheProxyMayBeStartedAnew) {
         EXPECT_TRUE(proxy->startSync(support::uniqueId()));
     });
     answerAll(11, SAMPLES, 7.0);
-    ASSERT_TRUE(listener.isTold());
+    ASSERT_TRUE(listener.waitForCalls());
     EXPECT_DOUBLE_EQ(proxy->offset(), 7.0);
 }
 
-TEST_F(InsideTheCallOfATimeListener, AWaitEndsAtOnceWhenThereIsNothingToWaitFor) {
+TEST_F(InsideTheCallOfATimeListener, AWaitEndsAtOnce) {
     inside([&] {
-        EXPECT_FALSE(proxy->synchronize(server, AN_HOUR)) << "it is active";
+        EXPECT_FALSE(proxy->synchronize(server, LONG_TIMEOUT_S)) << "it is active";
         proxy->stop();
         EXPECT_FALSE(proxy->synchronize(server, 0));
     });
     EXPECT_FALSE(proxy->isSynchronized());
 }
 
-TEST_F(InsideTheCallOfATimeListener, TheProxyMayBeTerminated) {
-    inside([&] { proxy->terminate(); });
-    EXPECT_FALSE(proxy->startSync(server));
-}
-
-TEST_F(InsideTheCallOfATimeListener, TheTimeMayBeForced) {
-    inside([&] { proxy->forceSync(); });
-    answer(11, 100.0);
-    EXPECT_TRUE(support::eventually([&] { return proxy->offset() != 0.0; }));
-    EXPECT_NEAR(proxy->offset(), 3.874204890, 1e-9);
-}
-
-TEST_F(InsideTheCallOfATimeListener, AnotherMayTakeItsPlace) {
-    inside([&] { proxy->registerListener(nullptr); });
-    EXPECT_TRUE(proxy->isSynchronized());
-}
-
-/// Its call lasts until the test lets it go.
+/// Its call lasts until the test ends it.
 class ASlowTimeListener : public TimeBaseOnABroker {
 protected:
     ASlowTimeListener() {
         proxy->registerListener(&slow);
         EXPECT_TRUE(proxy->startSync(server));
         answerAll(1, SAMPLES, 5.0);
-        EXPECT_TRUE(slow.isTold());
+        EXPECT_TRUE(slow.waitForCalls());
     }
     ~ASlowTimeListener() override {
         set(mayLeave);
@@ -144,11 +122,11 @@ TEST_F(ASlowTimeListener, IsWaitedForByADestruction) {
     expectToWait([&] { proxy.reset(); });
 }
 
-TEST_F(ASlowTimeListener, KeepsNobodyElseWaiting) {
+TEST_F(ASlowTimeListener, IsNotWaitedForByOtherOperations) {
     EXPECT_EQ(proxy->timeBase(), 995U);
     EXPECT_TRUE(proxy->isSynchronized());
     EXPECT_FALSE(proxy->startSync(server));
-    EXPECT_FALSE(proxy->synchronize(server, AN_HOUR));
+    EXPECT_FALSE(proxy->synchronize(server, LONG_TIMEOUT_S));
     proxy->forceSync();
     proxy->registerListener(nullptr);
     EXPECT_FALSE(left);

@@ -1,9 +1,9 @@
-// Waiting for the time, and who ends the wait.
+// Waiting for the time, and what ends the wait.
 
 #include "requestreply/blocking_thread.hpp"
-#include "services/time_base_frame.hpp"
+#include "requestreply/rounds.hpp"
+#include "services/time_base_fixture.hpp"
 #include "support/manual_timer.hpp"
-#include "support/timeout_factor.hpp"
 
 #include <optional>
 
@@ -12,29 +12,29 @@ namespace {
 using conv::SecondsDuration;
 using manual_timer::record;
 
-/// The first is far from what a test may last, and the last is a second ago.
-constexpr std::uint32_t LONGEST = INT32_MAX;
-constexpr std::uint32_t FIRST_NEGATIVE = LONGEST + 1;
+constexpr std::uint32_t LONGEST_TIMEOUT_S = INT32_MAX;
+/// Read as a negative number.
+constexpr std::uint32_t NEGATIVE_TIMEOUT = LONGEST_TIMEOUT_S + 1;
 
 class AWaitForTheTime : public TimeBaseOnABroker {
 protected:
     /// A wait on a thread of its own.
     class Wait {
     public:
-        Wait(ClockedProxy& proxy, Uuid const& server, std::uint32_t timeout = LONGEST)
-            : sleeper_([this, &proxy, server, timeout] {
+        Wait(ClockedProxy& proxy, Uuid const& server, std::uint32_t timeout = LONGEST_TIMEOUT_S)
+            : thread_([this, &proxy, server, timeout] {
                   result_ = proxy.synchronize(server, timeout);
               }) {}
 
-        bool isBlocked() const { return sleeper_.isBlocked(); }
+        bool isBlocked() const { return thread_.isBlocked(); }
         bool result() {
-            sleeper_.join();
+            thread_.join();
             return result_.value();
         }
 
     private:
         std::optional<bool> result_;
-        BlockingThread sleeper_; // last: it writes the result
+        BlockingThread thread_; // last: it writes the result
     };
 
     void expectIdle() {
@@ -45,21 +45,21 @@ protected:
         EXPECT_FALSE(record(1).armed);
     }
 
-    /// Whatever was done before, the proxy can learn the time of a server.
     void expectItCanStart() {
         auto const next = requestCount() + 1;
         ASSERT_TRUE(proxy->startSync(server));
         answerAll(next, SAMPLES, 5.0);
-        EXPECT_TRUE(listener.isTold());
+        EXPECT_TRUE(listener.waitForCalls());
     }
 };
 
-TEST_F(AWaitForTheTime, EndsWhenItIsKnownAndTellsNobodyElse) {
+TEST_F(AWaitForTheTime, EndsWhenItIsKnownWithoutACallOfTheListener) {
     Wait wait(*proxy, server);
-    answerAll(1, SAMPLES - 1, 5.0);
-    request(SAMPLES);
+    reply(1, "", 17); // and is repeated
+    answerAll(2, SAMPLES - 1, 5.0);
+    request(SAMPLES + 1);
     EXPECT_TRUE(wait.isBlocked());
-    answer(SAMPLES, 5.0);
+    answer(SAMPLES + 1, 5.0);
     EXPECT_TRUE(wait.result());
     EXPECT_TRUE(proxy->isSynchronized());
     EXPECT_DOUBLE_EQ(proxy->offset(), 5.0);
@@ -69,52 +69,27 @@ TEST_F(AWaitForTheTime, EndsWhenItIsKnownAndTellsNobodyElse) {
     EXPECT_TRUE(record(0).armed);
 }
 
-TEST_F(AWaitForTheTime, TellsNobodyWhateverFailsMeanwhile) {
-    Wait wait(*proxy, server);
-    reply(1, "", 17);
-    answer(2, 5.0);
-    reply(3, "", 17);
-    answerAll(4, SAMPLES - 1, 5.0);
-    EXPECT_TRUE(wait.result());
-    receiveAll();
-    EXPECT_EQ(listener.count(), 0);
-}
-
 TEST_F(AWaitForTheTime, EndsByTimeOutWithEverythingStopped) {
-    EXPECT_FALSE(proxy->synchronize(server, 1));
-    expectIdle();
-    EXPECT_EQ(requestCount(), 1U);
-    expectItCanStart();
-}
-
-TEST_F(AWaitForTheTime, EndsByTimeOutInTheMiddleOfTheSamplesToo) {
     Wait wait(*proxy, server, 2);
-    answer(1, 5.0);
+    answer(1, 5.0); // the other samples do not come
     EXPECT_FALSE(wait.result());
     expectIdle();
     expectItCanStart();
 }
 
-TEST_F(AWaitForTheTime, OfNoLengthDoesNotWait) {
-    EXPECT_FALSE(proxy->synchronize(server, 0));
-    expectIdle();
+TEST_F(AWaitForTheTime, WithoutAPositiveTimeoutDoesNotWait) {
+    for (auto const& timeout : {SecondsDuration(0), SecondsDuration(NEGATIVE_TIMEOUT),
+                                SecondsDuration(SecondsDuration::NO_TIMEOUT)}) {
+        EXPECT_FALSE(proxy->synchronize(server, timeout));
+        expectIdle();
+    }
     expectItCanStart();
 }
 
-TEST_F(AWaitForTheTime, OfNegativeLengthDoesNotWait) {
-    EXPECT_FALSE(proxy->synchronize(server, FIRST_NEGATIVE));
-    EXPECT_FALSE(proxy->synchronize(server, SecondsDuration::NO_TIMEOUT));
-    expectIdle();
-    expectItCanStart();
-}
-
-/// The replies would have to be read by the thread that waits for them.
+/// The waiting thread would have to read the replies itself.
 TEST_F(AWaitForTheTime, OnTheWorkerDoesNotWait) {
-    struct Caller : mqtt::MqttClient::Subscriber {
-        explicit Caller(std::function<void()> hook) : hook_(std::move(hook)) {}
-        void onMqttMessage(int, mqtt::Topic const&, std::string const&) override { hook_(); }
-        std::function<void()> hook_;
-    } caller([this] { EXPECT_FALSE(proxy->synchronize(server, AN_HOUR)); });
+    support::MessageRecorder caller(
+        [this](auto&&...) { EXPECT_FALSE(proxy->synchronize(server, LONG_TIMEOUT_S)); });
     ASSERT_EQ(mqtt->subscribe("call", &caller, 0), mqtt::MqttClient::Error::SUCCESS);
     ASSERT_EQ(mqtt->publish("call", "x", 2, false), mqtt::MqttClient::Error::SUCCESS);
     receiveAll();
@@ -123,54 +98,29 @@ TEST_F(AWaitForTheTime, OnTheWorkerDoesNotWait) {
     expectItCanStart();
 }
 
-TEST_F(AWaitForTheTime, LeavesAProxyAloneThatIsActive) {
-    ASSERT_TRUE(proxy->startSync(server));
-    for (std::uint32_t const timeout : {0U, LONGEST, UINT32_MAX}) {
-        EXPECT_FALSE(proxy->synchronize(support::uniqueId(), timeout));
-    }
-    answerAll(1, SAMPLES, 5.0);
-    ASSERT_TRUE(listener.isTold());
-    for (std::uint32_t const timeout : {0U, LONGEST, UINT32_MAX}) {
-        EXPECT_FALSE(proxy->synchronize(server, timeout));
-    }
-    EXPECT_TRUE(proxy->isSynchronized());
-    EXPECT_EQ(proxy->serverUuid(), server);
-    EXPECT_EQ(requestCount(), 10U);
-}
-
-TEST_F(AWaitForTheTime, IsEndedByAStop) {
-    Wait wait(*proxy, server);
-    request(1);
-    ASSERT_TRUE(wait.isBlocked());
-    EXPECT_TRUE(proxy->stop());
-    EXPECT_FALSE(wait.result());
-    expectIdle();
-    expectItCanStart();
-}
-
-TEST_F(AWaitForTheTime, IsEndedByTermination) {
-    Wait wait(*proxy, server);
-    request(1);
-    ASSERT_TRUE(wait.isBlocked());
-    proxy->terminate();
-    EXPECT_FALSE(wait.result());
-    expectIdle();
-}
-
-TEST_F(AWaitForTheTime, IsEndedByDestruction) {
-    for (int round = 1; round <= 20 / support::TIMEOUT_FACTOR; ++round) {
+TEST_F(AWaitForTheTime, IsEndedByAStopATerminationAndADestruction) {
+    std::vector<std::function<void()>> const ends{[this] { EXPECT_TRUE(proxy->stop()); },
+                                                  [this] { proxy->terminate(); },
+                                                  [this] { proxy.reset(); }};
+    for (std::size_t i = 0; i < ends.size(); ++i) {
+        SCOPED_TRACE(i);
         Wait wait(*proxy, server);
-        request(static_cast<std::size_t>(round));
+        request(i + 1);
         ASSERT_TRUE(wait.isBlocked());
-        proxy.reset();
+        ends[i]();
         EXPECT_FALSE(wait.result());
+        if (proxy) {
+            expectIdle();
+        }
+        manual_timer::reset();
         proxy = makeProxy();
     }
 }
 
-TEST_F(AWaitForTheTime, DoesNotStopTheRunThatFollowsItsOwn) {
+TEST_F(AWaitForTheTime, DoesNotStopTheNextRunInManyRounds) {
+    int const count = rounds(5);
     std::size_t n = 1;
-    for (int round = 1; round <= 20 / support::TIMEOUT_FACTOR; ++round) {
+    for (int round = 1; round <= count; ++round) {
         Wait wait(*proxy, support::uniqueId());
         request(n);
         ASSERT_TRUE(wait.isBlocked());
@@ -178,21 +128,11 @@ TEST_F(AWaitForTheTime, DoesNotStopTheRunThatFollowsItsOwn) {
         ASSERT_TRUE(proxy->startSync(server));
         EXPECT_FALSE(wait.result());
         answerAll(n + 1, SAMPLES, 5.0);
-        ASSERT_TRUE(listener.isTold(round));
+        ASSERT_TRUE(listener.waitForCalls(round));
         EXPECT_EQ(proxy->serverUuid(), server);
         proxy->stop();
         n = requestCount() + 1;
     }
-}
-
-TEST_F(AWaitForTheTime, MayFollowAnother) {
-    EXPECT_FALSE(proxy->synchronize(server, 0));
-    Wait wait(*proxy, server);
-    answerAll(2, SAMPLES, 5.0);
-    EXPECT_TRUE(wait.result());
-    EXPECT_EQ(listener.count(), 0);
-    proxy->stop();
-    expectItCanStart();
 }
 
 } // namespace

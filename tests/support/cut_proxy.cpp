@@ -58,7 +58,7 @@ CutProxy::CutProxy(int serverPort)
 
 CutProxy::~CutProxy() {
     stop_ = true;
-    wake();
+    eventfd_write(wakeUp_.get(), 1);
     thread_.join();
 }
 
@@ -67,12 +67,7 @@ void CutProxy::cutCurrentAfter(Direction direction, std::size_t bytes) {
     if (!open_.empty()) {
         open_.back()->cut = Cut{direction, bytes};
     }
-    wake();
-}
-
-void CutProxy::cutNextAfter(Direction direction, std::size_t bytes) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    orders_.push_back({direction, bytes});
+    eventfd_write(wakeUp_.get(), 1);
 }
 
 void CutProxy::cutNow() {
@@ -83,21 +78,12 @@ void CutProxy::cutNow() {
         resetConnection(connection->server);
     }
     open_.clear();
-    wake();
+    eventfd_write(wakeUp_.get(), 1);
 }
 
-void CutProxy::freeze() {
+void CutProxy::setFrozen(bool frozen) {
     std::lock_guard<std::mutex> lock(mutex_);
-    frozen_ = true;
-}
-
-void CutProxy::thaw() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    frozen_ = false;
-    wake();
-}
-
-void CutProxy::wake() {
+    frozen_ = frozen;
     eventfd_write(wakeUp_.get(), 1);
 }
 

@@ -37,12 +37,15 @@ public:
     void cutCurrentAfter(Direction direction, std::size_t bytes);
     /// Cuts a future connection after that many bytes. Each connection takes one such order, in
     /// the order they were given.
-    void cutNextAfter(Direction direction, std::size_t bytes);
+    void cutNextAfter(Direction direction, std::size_t bytes) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        orders_.push_back({direction, bytes});
+    }
     /// Resets all connections, on both sides.
     void cutNow();
     /// Forwards nothing until `thaw`, on future connections too.
-    void freeze();
-    void thaw();
+    void freeze() { setFrozen(true); }
+    void thaw() { setFrozen(false); }
 
     /// Connections accepted so far.
     int connections() const { return connections_.copy(); }
@@ -67,7 +70,7 @@ private:
         std::array<bool, 2> blocked{}; ///< by direction: the destination takes no more for now
     };
 
-    void wake();
+    void setFrozen(bool frozen);
     void serve();
     void waitForEvents();
     void acceptAll();

@@ -8,9 +8,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <ostream>
 #include <stdexcept>
-#include <tuple>
 
 namespace support {
 
@@ -34,12 +32,6 @@ std::string uniqueName(char const* what) {
     return std::string(what) + "-" + std::to_string(getpid()) + "-" + std::to_string(++counter);
 }
 
-/// Before the first client, and never undone: clients may live in static objects.
-void initialiseLibrary() {
-    static int const result = mosquitto_lib_init();
-    check(result, "initialise");
-}
-
 /// Otherwise the kernel delays the acknowledgements, and a broker with its default settings waits
 /// for them: 44 ms for every exchange.
 void acknowledgeAtOnce(int socket) {
@@ -49,31 +41,18 @@ void acknowledgeAtOnce(int socket) {
 
 } // namespace
 
-bool operator==(Message const& a, Message const& b) {
-    return std::tie(a.topic, a.payload, a.qos, a.retain)
-           == std::tie(b.topic, b.payload, b.qos, b.retain);
-}
-
-std::ostream& operator<<(std::ostream& out, Message const& message) {
-    return out << "{\"" << message.topic << "\", \"" << message.payload << "\", qos " << message.qos
-               << (message.retain ? ", retained}" : "}");
-}
-
-RawPeer::RawPeer(Broker const& broker, Options const& options)
-    : RawPeer(broker.host(), broker.port(), options) {}
-
 RawPeer::RawPeer(std::string const& host, int port, Options const& options)
     : host_(host), port_(port), client_(nullptr, &mosquitto_destroy) {
-    initialiseLibrary();
+    // Never undone: clients may live in static objects.
+    static int const initialised = mosquitto_lib_init();
+    check(initialised, "initialise");
     std::string const id = options.clientId.empty() ? uniqueName("raw") : options.clientId;
     client_.reset(mosquitto_new(id.c_str(), options.cleanSession, this));
     require(client_ != nullptr, "cannot be made");
     check(mosquitto_threaded_set(client_.get(), true), "threads");
     check(mosquitto_int_option(client_.get(), MOSQ_OPT_TCP_NODELAY, 1), "option");
     setCallbacks();
-    if (options.connect) {
-        connect();
-    }
+    connect();
 }
 
 RawPeer::~RawPeer() {
@@ -88,57 +67,20 @@ void RawPeer::connect() {
     stop_ = false;
     network_ = std::thread([this] { runNetwork(); });
     bool const answered = seen_.waitFor([](Seen const& seen) { return seen.connack.has_value(); });
-    if (!connected()) {
+    if (!seen_.read([](Seen const& seen) { return seen.connected; })) {
         endNetwork();
     }
     require(answered, "no answer to CONNECT");
     check(seen_.read([](Seen const& seen) { return *seen.connack; }), "connection refused");
 }
 
-void RawPeer::disconnect() {
-    check(mosquitto_disconnect(client_.get()), "disconnect");
-    require(waitForConnectionLoss(), "stays connected");
-    endNetwork();
-}
-
-void RawPeer::drop() {
-    int const socket = mosquitto_socket(client_.get());
-    if (socket >= 0) {
-        ::shutdown(socket, SHUT_RDWR);
-        require(waitForConnectionLoss(), "stays connected");
-    }
-    endNetwork();
-}
-
-bool RawPeer::connected() const {
-    return seen_.read([](Seen const& seen) { return seen.connected; });
-}
-
-bool RawPeer::waitForConnectionLoss(std::chrono::milliseconds deadline) const {
-    return seen_.waitFor([](Seen const& seen) { return !seen.connected; }, deadline);
-}
-
 void RawPeer::subscribe(std::string const& topic, int qos) {
     int mid = 0;
     check(mosquitto_subscribe(client_.get(), &mid, topic.c_str(), qos), "subscribe");
-    waitForAcknowledgement(mid, "no answer to SUBSCRIBE");
-    require(!seen_.read([](Seen const& seen) { return seen.refused; }), "subscription refused");
-}
-
-void RawPeer::unsubscribe(std::string const& topic) {
-    int mid = 0;
-    check(mosquitto_unsubscribe(client_.get(), &mid, topic.c_str()), "unsubscribe");
-    waitForAcknowledgement(mid, "no answer to UNSUBSCRIBE");
-}
-
-void RawPeer::waitForAcknowledgement(int mid, char const* what) const {
-    require(seen_.waitFor([&](Seen const& seen) { return seen.acknowledged.count(mid) > 0; }),
-            what);
-}
-
-void RawPeer::publish(std::string const& topic, std::string const& payload, int qos, bool retain) {
-    post(topic, payload, qos, retain);
-    waitForAcknowledgements();
+    auto const answered = [&](Seen const& seen) { return seen.subscriptions.count(mid) > 0; };
+    require(seen_.waitFor(answered), "no answer to SUBSCRIBE");
+    bool const granted = seen_.read([&](Seen const& seen) { return seen.subscriptions.at(mid); });
+    require(granted, "subscription refused");
 }
 
 void RawPeer::post(std::string const& topic, std::string const& payload, int qos, bool retain) {
@@ -158,29 +100,12 @@ void RawPeer::waitForAcknowledgements() const {
             "publication not acknowledged");
 }
 
-RawPeer::Messages RawPeer::messages() const {
-    return seen_.read([](Seen const& seen) { return seen.messages; });
-}
-
 std::vector<std::string> RawPeer::payloads() const {
     std::vector<std::string> result;
     for (Message const& message : messages()) {
         result.push_back(message.payload);
     }
     return result;
-}
-
-void RawPeer::clearMessages() {
-    seen_.change([](Seen& seen) { seen.messages.clear(); });
-}
-
-bool RawPeer::waitForMessages(std::size_t count, std::chrono::milliseconds deadline) const {
-    return waitFor([&](Messages const& all) { return all.size() >= count; }, deadline);
-}
-
-bool RawPeer::waitFor(std::function<bool(Messages const&)> const& condition,
-                      std::chrono::milliseconds deadline) const {
-    return seen_.waitFor([&](Seen const& seen) { return condition(seen.messages); }, deadline);
 }
 
 void RawPeer::runNetwork() {
@@ -226,16 +151,11 @@ void RawPeer::setCallbacks() {
             }
         });
     });
-    mosquitto_subscribe_callback_set(
-        client, [](mosquitto*, void* peer, int mid, int count, int const* granted) {
-            constexpr int REFUSED = 128;
-            note(peer, [&](Seen& seen) {
-                seen.acknowledged.insert(mid);
-                seen.refused = count > 0 && granted[0] == REFUSED;
-            });
-        });
-    mosquitto_unsubscribe_callback_set(client, [](mosquitto*, void* peer, int mid) {
-        note(peer, [&](Seen& seen) { seen.acknowledged.insert(mid); });
+    mosquitto_subscribe_callback_set(client, [](mosquitto*, void* peer, int mid, int count,
+                                                int const* granted) {
+        constexpr int REFUSED = 128;
+        note(peer,
+             [&](Seen& seen) { seen.subscriptions[mid] = count == 0 || granted[0] != REFUSED; });
     });
     mosquitto_message_callback_set(
         client, [](mosquitto*, void* peer, mosquitto_message const* message) {

@@ -5,12 +5,14 @@
 
 #include <atomic>
 #include <functional>
-#include <iosfwd>
+#include <map>
 #include <memory>
 #include <optional>
+#include <ostream>
 #include <set>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 struct mosquitto;
@@ -25,13 +27,18 @@ struct Message {
     bool retain = false;
 };
 
-bool operator==(Message const& a, Message const& b);
-std::ostream& operator<<(std::ostream& out, Message const& message);
+inline bool operator==(Message const& a, Message const& b) {
+    return std::tie(a.topic, a.payload, a.qos, a.retain)
+           == std::tie(b.topic, b.payload, b.qos, b.retain);
+}
+inline std::ostream& operator<<(std::ostream& out, Message const& message) {
+    return out << "{\"" << message.topic << "\", \"" << message.payload << "\", qos " << message.qos
+               << (message.retain ? ", retained}" : "}");
+}
 
 struct RawPeerOptions {
     std::string clientId; ///< "": one that no other client has
     bool cleanSession = true;
-    bool connect = true;
 };
 
 /// A client on the C library of the broker's makers alone: it shows what the broker does, without
@@ -44,44 +51,53 @@ public:
     using Options = RawPeerOptions;
     using Messages = std::vector<Message>;
 
-    explicit RawPeer(Broker const& broker, Options const& options = {});
+    explicit RawPeer(Broker const& broker, Options const& options = {})
+        : RawPeer(broker.host(), broker.port(), options) {}
     RawPeer(std::string const& host, int port, Options const& options = {});
     ~RawPeer();
     RawPeer(RawPeer const&) = delete;
     RawPeer& operator=(RawPeer const&) = delete;
 
+    /// Again, after a loss of the connection.
     void connect();
-    void disconnect();
-    /// Closes the connection without DISCONNECT.
-    void drop();
-    bool connected() const;
-    bool waitForConnectionLoss(std::chrono::milliseconds deadline = DEADLINE) const;
+    bool waitForConnectionLoss(std::chrono::milliseconds deadline = DEADLINE) const {
+        return seen_.waitFor([](Seen const& seen) { return !seen.connected; }, deadline);
+    }
 
     void subscribe(std::string const& topic, int qos = 2);
-    void unsubscribe(std::string const& topic);
     void publish(std::string const& topic, std::string const& payload, int qos = 2,
-                 bool retain = false);
+                 bool retain = false) {
+        post(topic, payload, qos, retain);
+        waitForAcknowledgements();
+    }
     /// Publishes without waiting; `waitForAcknowledgements` waits for all that was posted.
     void post(std::string const& topic, std::string const& payload, int qos = 2,
               bool retain = false);
     void waitForAcknowledgements() const;
 
-    Messages messages() const;
+    Messages messages() const {
+        return seen_.read([](Seen const& seen) { return seen.messages; });
+    }
     std::vector<std::string> payloads() const;
-    void clearMessages();
-    /// Waits for that many messages, or more.
-    bool waitForMessages(std::size_t count, std::chrono::milliseconds deadline = DEADLINE) const;
+    void clearMessages() {
+        seen_.change([](Seen& seen) { seen.messages.clear(); });
+    }
     bool waitFor(std::function<bool(Messages const&)> const& condition,
-                 std::chrono::milliseconds deadline = DEADLINE) const;
+                 std::chrono::milliseconds deadline = DEADLINE) const {
+        return seen_.waitFor([&](Seen const& seen) { return condition(seen.messages); }, deadline);
+    }
+    /// Waits for that many messages, or more.
+    bool waitForMessages(std::size_t count, std::chrono::milliseconds deadline = DEADLINE) const {
+        return waitFor([&](Messages const& all) { return all.size() >= count; }, deadline);
+    }
 
 private:
     struct Seen {
         std::optional<int> connack; ///< of the connection under way
         bool connected = false;
-        std::set<int> pending;      ///< publications without acknowledgement
-        std::set<int> early;        ///< acknowledged before their number was known
-        std::set<int> acknowledged; ///< subscriptions and unsubscriptions
-        bool refused = false;       ///< a subscription
+        std::set<int> pending;             ///< publications without acknowledgement
+        std::set<int> early;               ///< acknowledged before their number was known
+        std::map<int, bool> subscriptions; ///< that were answered: whether granted
         Messages messages;
     };
 
@@ -90,7 +106,6 @@ private:
     void setCallbacks();
     void runNetwork();
     void endNetwork();
-    void waitForAcknowledgement(int mid, char const* what) const;
 
     std::string const host_;
     int const port_;

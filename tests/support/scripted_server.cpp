@@ -54,7 +54,7 @@ ScriptedServer::ScriptedServer(Mode mode)
 
 ScriptedServer::~ScriptedServer() {
     stop_ = true;
-    wake();
+    eventfd_write(wakeUp_.get(), 1);
     thread_.join();
 }
 
@@ -68,7 +68,7 @@ void ScriptedServer::setMode(Mode mode) {
         }
         mode_ = mode;
     }
-    wake();
+    eventfd_write(wakeUp_.get(), 1);
 }
 
 /// With a queue for one connection and that place taken the kernel drops every further attempt,
@@ -90,29 +90,6 @@ void ScriptedServer::emptyBacklog() {
         filler_.reset();
     }
     ::listen(listener_.get(), BACKLOG);
-}
-
-void ScriptedServer::refuseWith(int code) {
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        refusal_ = code;
-    }
-    setMode(Mode::REFUSE);
-}
-
-void ScriptedServer::setHook(Hook hook) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    hook_ = std::move(hook);
-}
-
-void ScriptedServer::dropAtPacket(PacketType type, std::size_t n) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    drops_.push_back({type, n});
-}
-
-void ScriptedServer::hold(PacketType type) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    held_.push_back(type);
 }
 
 void ScriptedServer::release() {
@@ -143,7 +120,7 @@ bool ScriptedServer::drop() {
     if (connection) {
         reset(*connection);
     }
-    wake();
+    eventfd_write(wakeUp_.get(), 1);
     return connection != nullptr;
 }
 
@@ -159,29 +136,11 @@ std::vector<MqttPacket> ScriptedServer::received(PacketType type) const {
 
 bool ScriptedServer::waitForPackets(PacketType type, std::size_t count,
                                     std::chrono::milliseconds deadline) const {
+    auto const matches = [&](Received const& one) { return one.packet.type == type; };
     auto const enough = [&](History const& all) {
-        auto const found = std::count_if(
-            all.begin(), all.end(), [&](Received const& one) { return one.packet.type == type; });
-        return static_cast<std::size_t>(found) >= count;
+        return std::count_if(all.begin(), all.end(), matches) >= static_cast<long>(count);
     };
     return waitFor(enough, deadline);
-}
-
-bool ScriptedServer::waitForTcpConnections(int count, std::chrono::milliseconds deadline) const {
-    return seen_.waitFor([&](Seen const& seen) { return seen.accepted >= count; }, deadline);
-}
-
-bool ScriptedServer::waitForNoConnection(std::chrono::milliseconds deadline) const {
-    return seen_.waitFor([](Seen const& seen) { return seen.open == 0; }, deadline);
-}
-
-bool ScriptedServer::waitFor(std::function<bool(History const&)> const& condition,
-                             std::chrono::milliseconds deadline) const {
-    return seen_.waitFor([&](Seen const& seen) { return condition(seen.packets); }, deadline);
-}
-
-void ScriptedServer::wake() {
-    eventfd_write(wakeUp_.get(), 1);
 }
 
 void ScriptedServer::serve() {

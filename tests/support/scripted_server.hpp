@@ -57,14 +57,26 @@ public:
     /// Connections that wait since NOT_ACCEPTING are accepted when that ends.
     void setMode(Mode mode);
     /// Mode REFUSE with this code of CONNACK.
-    void refuseWith(int code);
+    void refuseWith(int code) {
+        refusal_ = code;
+        setMode(Mode::REFUSE);
+    }
     /// Called on the server's thread for every packet before it is answered.
-    void setHook(Hook hook);
+    void setHook(Hook hook) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        hook_ = std::move(hook);
+    }
     /// Lets the n-th packet of this type, counted from now over all connections, reset its
     /// connection. Several may be set.
-    void dropAtPacket(PacketType type, std::size_t n);
+    void dropAtPacket(PacketType type, std::size_t n) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        drops_.push_back({type, n});
+    }
     /// Keeps back all answers to packets of this type, until `release`.
-    void hold(PacketType type);
+    void hold(PacketType type) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        held_.push_back(type);
+    }
     /// Sends the answers that were kept back, in order, as far as their connections still exist;
     /// no answers are kept back any more.
     void release();
@@ -86,11 +98,17 @@ public:
     }
     bool waitForPackets(PacketType type, std::size_t count,
                         std::chrono::milliseconds deadline = DEADLINE) const;
-    bool waitForTcpConnections(int count, std::chrono::milliseconds deadline = DEADLINE) const;
+    bool waitForTcpConnections(int count, std::chrono::milliseconds deadline = DEADLINE) const {
+        return seen_.waitFor([&](Seen const& seen) { return seen.accepted >= count; }, deadline);
+    }
     /// Waits until no connection is open.
-    bool waitForNoConnection(std::chrono::milliseconds deadline = DEADLINE) const;
+    bool waitForNoConnection(std::chrono::milliseconds deadline = DEADLINE) const {
+        return seen_.waitFor([](Seen const& seen) { return seen.open == 0; }, deadline);
+    }
     bool waitFor(std::function<bool(History const&)> const& condition,
-                 std::chrono::milliseconds deadline = DEADLINE) const;
+                 std::chrono::milliseconds deadline = DEADLINE) const {
+        return seen_.waitFor([&](Seen const& seen) { return condition(seen.packets); }, deadline);
+    }
 
 private:
     struct Connection {
@@ -111,7 +129,6 @@ private:
 
     void fillBacklog();
     void emptyBacklog();
-    void wake();
     void serve();
     void waitForEvents();
     void acceptAll();
@@ -119,14 +136,14 @@ private:
     void handle(Connection& connection, MqttPacket const& packet);
     Reaction reactionTo(MqttPacket const& packet);
     void answer(Connection& connection, MqttPacket const& packet);
-    void reset(Connection& connection);
+    static void reset(Connection& connection);
     void removeClosed();
     Connection* latest();
 
     PortLease lease_;
-    mutable std::mutex mutex_; ///< guards what follows, up to wakeUp_
+    std::atomic<int> refusal_{5}; ///< the code of CONNACK
+    mutable std::mutex mutex_;    ///< guards what follows, up to wakeUp_
     Mode mode_;
-    int refusal_ = 5;
     Hook hook_;
     std::vector<Drop> drops_;
     std::vector<PacketType> held_;

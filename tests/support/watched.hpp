@@ -62,8 +62,10 @@ inline bool isSet(bool value) {
     return value;
 }
 
-inline void set(Watched<bool>& flag) {
-    flag.change([](bool& value) { value = true; });
+/// A template, so that a test may have a `set` of its own.
+template <class T>
+void set(Watched<T>& flag) {
+    flag.change([](T& value) { value = true; });
 }
 
 } // namespace support

@@ -134,15 +134,6 @@ TEST(ANumberText, IsReadAsByTheStandardLibrary) {
 
 #endif
 
-TEST(ANumberText, HasNoMoreDigitsThanNeeded) {
-    std::mt19937 random(2);
-    for (int i = 0; i < 2000; ++i) {
-        std::string const text =
-            std::to_string(random() % 1000) + "." + std::to_string(random() % 1000000) + "7";
-        EXPECT_LE(textOf(readNumber(text)).size(), text.size());
-    }
-}
-
 TEST(ANumberText, IsOutOfRangeWhenTooLargeOrTooCloseToZeroForADouble) {
     for (auto const& text :
          {std::string("1e-999"), "-0." + std::string(400, '0') + "1", std::string("1e999"),

@@ -7,21 +7,22 @@
 
 namespace mqtt {
 
-/// Pointers to things that know their own key, found by its hash. All slots stand side by side and
-/// hold the hash: a search among thousands meets one line of memory beside the thing itself,
-/// where the standard tables go from node to node. Not safe for use from two threads at once.
+/// Pointers to items that contain their own key, found by the hash of the key. The slots are one
+/// array and contain the hash: a search among thousands of items reads one cache line in addition
+/// to the item itself, where the standard tables follow a chain of nodes. Not safe for use from two
+/// threads at once.
 template <class Pointer>
 class HashTable {
 public:
-    /// @param isIt tells a thing from others with the same hash
-    /// @return where the pointer stands, until the next insertion or removal; or null
-    template <class IsIt>
-    Pointer const* find(std::size_t hash, IsIt const& isIt) const {
+    /// @param isWanted tells the item from others with the same hash
+    /// @return the place of the pointer, valid until the next insertion or removal; or null
+    template <class IsWanted>
+    Pointer const* find(std::size_t hash, IsWanted const& isWanted) const {
         if (slots_.empty()) {
             return nullptr;
         }
         for (auto i = home(hash); slots_[i].item != nullptr; i = next(i)) {
-            if (slots_[i].hash == hash && isIt(*slots_[i].item)) {
+            if (slots_[i].hash == hash && isWanted(*slots_[i].item)) {
                 return &slots_[i].item;
             }
         }
@@ -37,13 +38,13 @@ public:
         ++count_;
     }
 
-    template <class IsIt>
-    void erase(std::size_t hash, IsIt const& isIt) noexcept {
+    template <class IsWanted>
+    void erase(std::size_t hash, IsWanted const& isWanted) noexcept {
         auto gap = home(hash);
-        while (slots_[gap].hash != hash || !isIt(*slots_[gap].item)) {
+        while (slots_[gap].hash != hash || !isWanted(*slots_[gap].item)) {
             gap = next(gap);
         }
-        // No search may end at a gap that was none when its thing was put behind it.
+        // A search ends at an empty slot: items that were placed after this slot move up to it.
         for (auto i = next(gap); slots_[i].item != nullptr; i = next(i)) {
             if (distance(home(slots_[i].hash), i) >= distance(gap, i)) {
                 slots_[gap] = std::move(slots_[i]);

@@ -13,10 +13,10 @@ namespace {
 
 constexpr char const* WILDCARDS = "+#";
 
-// A search calls itself for each level.
+// A search calls itself for each level, so their number needs a limit.
 constexpr std::ptrdiff_t MOST_LEVELS = 64;
 
-bool isOdd(std::string const& pattern) {
+bool isIrregular(std::string const& pattern) {
     return pattern.empty() || pattern.find('\0') != std::string::npos
            || mosquitto_sub_topic_check(pattern.c_str()) != 0
            || std::count(pattern.begin(), pattern.end(), '/') >= MOST_LEVELS;
@@ -24,7 +24,7 @@ bool isOdd(std::string const& pattern) {
 
 } // namespace
 
-/// What is left of a topic or pattern, from some level on.
+/// The rest of a topic or pattern, from some level on.
 class PatternIndex::Levels {
 public:
     explicit Levels(std::string_view text) : text_(text), end_(endOfFirst()) {}
@@ -66,8 +66,8 @@ std::size_t PatternIndex::hashOf(Node const& parent, std::string_view level) {
 
 void PatternIndex::add(Subscription& subscription) {
     auto const& pattern = subscription.topic.text();
-    if (isOdd(pattern)) {
-        odd_.emplace(pattern, &subscription);
+    if (isIrregular(pattern)) {
+        irregular_.emplace(pattern, &subscription);
         return;
     }
     Node* node = &root_;
@@ -88,7 +88,7 @@ void PatternIndex::add(Subscription& subscription) {
 
 void PatternIndex::remove(Subscription const& subscription) noexcept {
     auto const& pattern = subscription.topic.text();
-    if (odd_.erase(pattern) != 0) {
+    if (irregular_.erase(pattern) != 0) {
         return;
     }
     Node* node = &root_;
@@ -105,31 +105,31 @@ void PatternIndex::remove(Subscription const& subscription) noexcept {
 
 void PatternIndex::clear() noexcept {
     nodes_.clear();
-    odd_.clear();
+    irregular_.clear();
     root_ = Node();
 }
 
 MqttClient::Subscription* PatternIndex::find(Topic const& topic) const {
-    std::string_view const text = topic.text().c_str(); // as `matches` sees it
+    std::string_view const text = topic.text().c_str(); // as `matches` takes it
     // Neither an empty topic nor one with a wildcard matches anything.
     if (text.empty() || text.find_first_of(WILDCARDS) != std::string_view::npos) {
         return nullptr;
     }
     Levels const levels(text);
-    // Topics that begin with "$" are none of the wildcards' business on the first level.
+    // A wildcard on the first level does not match a topic that begins with "$".
     auto* const found = text.front() == '$' ? searchNamed(root_, levels) : search(root_, levels);
-    return odd_.empty() ? found : firstOdd(topic, found);
+    return irregular_.empty() ? found : firstIrregular(topic, found);
 }
 
-/// The first match among the patterns from `node` on; `levels` are those behind the node's.
+/// The first match among the patterns below `node`; `levels` are the levels after that of the node.
 MqttClient::Subscription* PatternIndex::search(Node const& node, Levels const& levels) const {
     if (levels.none()) {
         return node.here != nullptr ? node.here : node.below; // "a/#" matches "a" too
     }
     auto const level = levels.first();
-    // What stands in a pattern with this very level where the others have their wildcard.
+    // The byte that a pattern with this level has where other patterns have their wildcard.
     auto const next = static_cast<unsigned char>(level.empty() ? '/' : level.front());
-    // But "a/" ends there, and the end comes first.
+    // If the empty level is the last one, as in "a/", the pattern ends here and comes first.
     if (level.empty() && levels.one()) {
         auto const* const named = child(node, level);
         if (named != nullptr && named->here != nullptr) {
@@ -157,17 +157,18 @@ MqttClient::Subscription* PatternIndex::searchNamed(Node const& node, Levels con
     return named == nullptr ? nullptr : search(*named, levels.rest());
 }
 
-/// The first match among the odd ones, unless `rival` comes before it.
-MqttClient::Subscription* PatternIndex::firstOdd(Topic const& topic, Subscription* rival) const {
-    for (auto const& [pattern, subscription] : odd_) {
-        if (rival != nullptr && rival->topic.text() < pattern) {
+/// The first match among the irregular patterns, or `other` if that comes before it.
+MqttClient::Subscription* PatternIndex::firstIrregular(Topic const& topic,
+                                                       Subscription* other) const {
+    for (auto const& [pattern, subscription] : irregular_) {
+        if (other != nullptr && other->topic.text() < pattern) {
             break;
         }
         if (subscription->topic.matches(topic)) {
             return subscription;
         }
     }
-    return rival;
+    return other;
 }
 
 PatternIndex::Node* PatternIndex::child(Node const& parent, std::string_view level) const {
@@ -191,7 +192,7 @@ PatternIndex::Node* PatternIndex::grow(Node& parent, std::string_view level) {
     return node;
 }
 
-/// Removes a node without a purpose, and those above that lose theirs with it.
+/// Removes a node that no pattern needs any more, and the nodes above that become unneeded by it.
 void PatternIndex::prune(Node* node) noexcept {
     while (node != &root_ && node->children == 0 && node->here == nullptr
            && node->below == nullptr) {

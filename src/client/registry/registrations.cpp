@@ -31,11 +31,11 @@ void Registrations::add(Topic const& topic, Subscriber* subscriber, int tag) {
     }
 }
 
-/// @param place where it stands in the registry, before the entry that is there
+/// @param place the entry of the registry before which it is inserted
 Registrations::Registry::iterator Registrations::addEntry(Registry::iterator place,
                                                           Topic const& topic,
                                                           Subscriber* subscriber, int tag) {
-    // Whatever needs memory comes before the one step that changes the registry and needs none.
+    // What needs memory comes first; the step that changes the registry needs none.
     Registry single;
     auto const made = single.emplace(topic, Subscription{topic, {{subscriber, tag}}}).first;
     index_.add(made->second);
@@ -70,8 +70,8 @@ void Registrations::clear() noexcept {
     registry_.clear();
 }
 
-/// Forgets a pair without a registration and then the entry, if it has none either.
-/// @return whether it had none
+/// Removes a pair that has no registration any more, and its entry if that has none either.
+/// @return whether the entry had none
 bool Registrations::dropUnused(Pairs::iterator pair) noexcept {
     auto const entry = pair->entry;
     auto const& subscribers = entry->second.subscribers;
@@ -88,7 +88,7 @@ bool Registrations::dropUnused(Pairs::iterator pair) noexcept {
     return isAbandoned;
 }
 
-/// All registrations of the pair.
+/// Removes all registrations of the pair.
 void Registrations::eraseSubscriber(Pair const& pair) noexcept {
     auto& subscribers = pair.entry->second.subscribers;
     subscribers.erase(

@@ -8,8 +8,9 @@
 
 namespace mqtt {
 
-/// The registry with what finds its entries by topic and by subscriber: they change together or,
-/// without memory, not at all. What a change costs hardly grows with the number of entries.
+/// Changes the registry together with the indexes that find its entries by topic and by subscriber.
+/// If memory runs out, nothing changes. The cost of a change hardly grows with the number of
+/// entries.
 ///
 /// Not safe for use from two threads at once: the client's main lock guards it.
 class Registrations {
@@ -23,18 +24,18 @@ public:
 
     /// @throws std::bad_alloc nothing has changed then
     void add(Topic const& topic, Subscriber* subscriber, int tag);
-    /// Undoes the last `add`, of this topic and subscriber.
+    /// Undoes the last `add`, which was for this topic and subscriber.
     void takeBack(Topic const& topic, Subscriber const* subscriber) noexcept;
     /// Removes the first registration of a subscriber on a topic.
-    /// @return whether there was one, and nobody is left on that topic
+    /// @return whether there was one, and no subscriber is left on that topic
     bool remove(Topic const& topic, Subscriber const* subscriber) noexcept;
     /// Removes a subscriber everywhere.
-    /// @param abandoned called with each topic that nobody is left on, in byte order
+    /// @param abandoned called with each topic that no subscriber is left on, in byte order
     template <class Abandoned>
     void removeAll(Subscriber const* subscriber, Abandoned const& abandoned) noexcept;
     void clear() noexcept;
 
-    /// Which subscription a message on this topic goes to; null when there is none.
+    /// The subscription that gets the messages on this topic; null when there is none.
     Subscription* find(Topic const& topic) const { return index_.find(topic); }
 
 private:
@@ -72,7 +73,7 @@ private:
 
 template <class Abandoned>
 void Registrations::removeAll(Subscriber const* subscriber, Abandoned const& abandoned) noexcept {
-    Topic const first; // the least of all
+    Topic const first; // no other topic comes before it
     auto next = pairs_.lower_bound(Key{subscriber, first});
     while (next != pairs_.end() && next->subscriber == subscriber) {
         auto const pair = next++;

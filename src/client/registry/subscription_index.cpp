@@ -11,7 +11,7 @@ std::size_t hashOf(Topic const& topic) {
     return std::hash<std::string>()(topic.text());
 }
 
-// Without one a pattern matches its own text only.
+// Without a wildcard a pattern matches its own text only.
 bool hasWildcard(Topic const& pattern) {
     return pattern.text().find_first_of("+#") != std::string::npos;
 }

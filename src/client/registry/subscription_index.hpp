@@ -9,13 +9,13 @@ namespace mqtt {
 /// Finds the subscription that a message goes to, at a cost that does not grow with their
 /// number: the one with exactly its topic, or else the first matching pattern in byte order.
 ///
-/// Stands beside the registry, under the same lock.
+/// Kept next to the registry, under the same lock.
 class SubscriptionIndex {
 public:
     using Subscription = MqttClient::Subscription;
 
-    /// @param subscription to be found by its topic, which must not stand here yet; must keep its
-    ///        place and its topic until it is removed
+    /// @param subscription to be found by its topic, which must not be in the index yet; must keep
+    ///        its address and its topic until it is removed
     /// @throws std::bad_alloc nothing has changed then
     void add(Subscription& subscription);
     void remove(Subscription const& subscription) noexcept;

@@ -30,7 +30,7 @@ private:
     int fd_;
 };
 
-/// The descriptor that the thread is connecting, blocked in the kernel; negative when it is not.
+/// The descriptor of the connect() that blocks the thread; negative when there is none.
 int connectingDescriptor(pid_t thread) {
     std::array<char, 64> text{};
     std::snprintf(text.data(), text.size(), "/proc/self/task/%d/syscall", static_cast<int>(thread));
@@ -47,7 +47,7 @@ int connectingDescriptor(pid_t thread) {
 
 using Name = std::array<char, 64>;
 
-/// "socket:[number]" for a socket, and no two have the same number.
+/// "socket:[number]" for a socket, with a number of its own.
 Name fileBehind(int fd) {
     Name path{};
     Name name{};
@@ -63,8 +63,9 @@ void breakConnect(pid_t thread) {
         return;
     }
     Descriptor const same(::fcntl(fd, F_DUPFD_CLOEXEC, 0));
-    // The connect may have ended since, and the number be another thread's: only what it stood for
-    // before the thread was seen at it, and stands for after that, is what the thread connects.
+    // The connect() may have ended, and another thread may have got the same descriptor number. So
+    // the thread has to be found in the connect() again after the descriptor was duplicated, and
+    // both descriptors have to mean the same socket.
     if (same.get() >= 0 && connectingDescriptor(thread) == fd
         && fileBehind(fd) == fileBehind(same.get())) {
         ::shutdown(same.get(), SHUT_RDWR);

@@ -4,10 +4,10 @@
 
 namespace mqtt {
 
-/// Ends a connect() that a thread of this process is blocked in. No other descriptor is touched:
-/// the kernel says which one the thread is at, and it is the same file before and after.
+/// Ends a connect() that blocks a thread of this process. No other socket is touched: /proc says
+/// which descriptor the thread connects, and the descriptor means the same socket before and after.
 ///
-/// Without effect where the kernel does not show in /proc which system call a thread is at.
+/// Without effect where the kernel does not show in /proc which system call a thread is in.
 void breakConnect(pid_t thread);
 
 } // namespace mqtt

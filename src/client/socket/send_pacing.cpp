@@ -8,56 +8,55 @@ namespace mqtt {
 
 namespace {
 
-/// More packets in a row, without a word from the broker, are a stream.
-constexpr unsigned A_FEW = 8;
-/// So many steps without a stream are a conversation again.
+/// Packets without an answer: an application that waits for answers does not get so far ahead.
+constexpr unsigned STREAM_PACKETS = 8;
+/// Network steps: a stream at QoS 1 or 2 gets answers too, and steps without a stream between
+/// two bursts of it.
 constexpr int CALM_STEPS = 16;
 
 } // namespace
 
 void SendPacing::begin(int fd) {
-    gather(fd, false);
-    answered();
+    startExchange(fd);
+    answerArrived();
 }
 
 void SendPacing::stepped(int fd) {
     auto const unanswered = unanswered_.load(std::memory_order_relaxed);
-    bool const stream = unanswered > A_FEW;
-    if (!gathers_) {
-        if (stream) {
-            gather(fd, true);
+    bool const isStream = unanswered > STREAM_PACKETS;
+    if (mode_ == Mode::EXCHANGE) {
+        if (isStream) {
+            startStream(fd);
         }
         return;
     }
-    calmSteps_ = stream ? 0 : calmSteps_ + 1;
+    calmSteps_ = isStream ? 0 : calmSteps_ + 1;
     if (calmSteps_ == CALM_STEPS) {
-        gather(fd, false);
-    } else {
-        releaseAfterPause(fd, unanswered);
+        startExchange(fd);
+        return;
     }
-}
-
-/// Switched off, it releases what was held back, too.
-void SendPacing::gather(int fd, bool on) {
-    gathers_ = on;
-    holdsBack_ = on;
-    calmSteps_ = 0;
-    lastStep_ = Clock::now();
-    setTcpOption(fd, TCP_NODELAY, on ? 0 : 1);
-}
-
-/// Goes on gathering: the stream may have run into a full window, or come in batches.
-void SendPacing::releaseAfterPause(int fd, unsigned unanswered) {
     auto const now = Clock::now();
     if (unanswered != lastUnanswered_) {
-        holdsBack_ = true;
-    } else if (holdsBack_ && now - lastStep_ >= PAUSE) {
-        setTcpOption(fd, TCP_NODELAY, 1);
+        mode_ = Mode::STREAM;
+    } else if (mode_ == Mode::STREAM && now - lastStep_ >= PAUSE) {
+        setTcpOption(fd, TCP_NODELAY, 1); // releases what was held back
         setTcpOption(fd, TCP_NODELAY, 0);
-        holdsBack_ = false;
+        mode_ = Mode::PAUSED;
     }
     lastUnanswered_ = unanswered;
     lastStep_ = now;
+}
+
+void SendPacing::startStream(int fd) {
+    mode_ = Mode::STREAM;
+    calmSteps_ = 0;
+    lastStep_ = Clock::now();
+    setTcpOption(fd, TCP_NODELAY, 0);
+}
+
+void SendPacing::startExchange(int fd) {
+    mode_ = Mode::EXCHANGE;
+    setTcpOption(fd, TCP_NODELAY, 1); // releases what was held back, too
 }
 
 } // namespace mqtt

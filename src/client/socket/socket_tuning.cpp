@@ -3,19 +3,21 @@
 #include "client/socket/tcp_option.hpp"
 
 #include <algorithm>
+
 #include <fcntl.h>
 #include <netinet/tcp.h>
-#include <poll.h>
 #include <sys/ioctl.h>
 
 namespace mqtt {
 
 namespace {
 
-/// So many messages within a pause are a stream.
-constexpr unsigned MANY = 16;
+/// The longest wait of a network step when nothing is due earlier.
+constexpr std::chrono::milliseconds LONGEST_WAIT{1000};
+/// Messages within `SendPacing::PAUSE`, without a packet of ours in between, that are a stream.
+constexpr unsigned STREAM_MESSAGES = 16;
 
-bool anythingToRead(int fd) {
+bool hasInput(int fd) {
     int bytes = 0;
     return ::ioctl(fd, FIONREAD, &bytes) == 0 && bytes > 0;
 }
@@ -28,79 +30,62 @@ void SocketTuning::connected(int fd) {
     }
     // A child process must not keep the connection open.
     ::fcntl(fd, F_SETFD, FD_CLOEXEC);
-    tcp_ = setTcpOption(fd, TCP_QUICKACK, 1);
-    // For a unix socket too: nothing of the last connection may shorten its steps.
-    pacing_.begin(fd);
-    peer_.begin();
-    flooded_ = false;
+    isTcp_ = setTcpOption(fd, TCP_QUICKACK, 1);
+    // For a unix socket too: a stream of the last connection must not shorten its steps.
+    sending_.begin(fd);
+    receivesStream_ = false;
 }
 
-void SocketTuning::received(std::size_t bytes) {
-    peer_.received(bytes);
-    if (pacing_.answered()) {
-        // We have our say, too: this is a conversation, however fast.
-        messages_ = 0;
-        flooded_ = false;
+void SocketTuning::messageReceived() {
+    if (sending_.answerArrived()) {
+        // We send in between: this is an exchange, however fast.
+        received_ = 0;
+        receivesStream_ = false;
     }
-    if (++messages_ % MANY != 0 && !flooded_) {
+    if (++received_ % STREAM_MESSAGES != 0 && !receivesStream_) {
         return;
     }
     auto const now = Clock::now();
-    flooded_ = now - lastMessages_ < SendPacing::PAUSE;
-    lastMessages_ = now;
+    receivesStream_ = now - lastReceived_ < SendPacing::PAUSE;
+    lastReceived_ = now;
 }
 
 void SocketTuning::stepped(int fd, bool moreToWrite) {
-    if (fd < 0 || !tcp_) {
+    if (fd < 0 || !isTcp_) {
         return;
     }
-    pacing_.stepped(fd);
-    bool const urgent = peer_.look(fd);
-    if (!urgent) {
-        flooded_ = false;
-    } else if (!moreToWrite) {
+    sending_.stepped(fd);
+    bool const inStream = sending_.holdsBack() || (receivesStream_ && !streamHasPaused());
+    if (!moreToWrite && !inStream && !hasInput(fd)) {
         acknowledge(fd);
     }
 }
 
-/// At once in a conversation, and once a pause in a stream, whoever's it is: a peer that gathers
-/// while it waits for us would otherwise send each message in a segment of its own.
+/// After every such step, as the kernel takes the option back at any time.
 void SocketTuning::acknowledge(int fd) {
-    if (pacing_.holdsBack() || (flooded_ && !floodHasPaused())) {
-        return;
-    }
-    // With more to read, the step that reads the last of it acknowledges it all. The kernel
-    // forgets this option whenever it likes, hence once a step.
-    if (!anythingToRead(fd)) {
-        setTcpOption(fd, TCP_QUICKACK, 1);
-    }
+    setTcpOption(fd, TCP_QUICKACK, 1);
 }
 
-bool SocketTuning::floodHasPaused() {
+bool SocketTuning::streamHasPaused() {
     auto const now = Clock::now();
-    if (now - lastMessages_ < SendPacing::PAUSE) {
+    if (now - lastReceived_ < SendPacing::PAUSE) {
         return false;
     }
-    flooded_ = false;
-    messages_ = 0;
-    lastMessages_ = now;
+    receivesStream_ = false;
+    received_ = 0;
+    lastReceived_ = now;
     return true;
 }
 
-std::chrono::milliseconds SocketTuning::patience() const {
-    auto patience = peer_.patience();
-    if (pacing_.holdsBack()) {
-        patience = std::min(patience, pacing_.patience());
+std::chrono::milliseconds SocketTuning::longestWait() const {
+    auto wait = LONGEST_WAIT;
+    if (sending_.holdsBack()) {
+        wait = std::min(wait, sending_.longestWait());
     }
-    if (flooded_) {
-        patience = std::min(patience, SendPacing::PAUSE);
+    if (receivesStream_) {
+        wait = std::min(wait, SendPacing::PAUSE);
     }
-    return patience;
-}
-
-void waitForOutput(int fd) {
-    pollfd writable{fd, POLLOUT, 0};
-    ::poll(&writable, 1, 100);
+    return wait;
 }
 
 } // namespace mqtt

@@ -1,57 +1,51 @@
 #pragma once
 
-#include "client/socket/peer_watch.hpp"
 #include "client/socket/send_pacing.hpp"
 
 #include <chrono>
-#include <cstddef>
 
 namespace mqtt {
 
-/// What the kernel is told about the broker connection, all of it on the socket that the broker
-/// library has opened.
+/// Sets the options of the socket that the broker library has opened.
 ///
-/// Left alone, a small packet waits up to 40 ms for an acknowledgement: at the broker, because
-/// our kernel takes its time to acknowledge the last one (which makes every exchange of two
-/// messages on a broker as shipped take 44 ms), and here, when several small ones follow each
-/// other.
+/// With the kernel's defaults an exchange of two messages takes 44 ms: a broker as shipped holds
+/// its next small segment back until we acknowledge the last one, and our kernel delays that by 40
+/// ms. So what was read is acknowledged at once, after a step that leaves nothing to read or to
+/// write. In a stream an acknowledgement for each message would make the broker send each in a
+/// segment of its own: there one is sent when the stream pauses.
 class SocketTuning {
 public:
-    /// For a socket just connected; a negative descriptor is ignored.
+    /// For a socket that has just been connected; a negative descriptor is ignored.
     void connected(int fd);
 
-    /// A packet of ours has been handed to the broker library. In any thread.
-    /// @param answered the broker will answer it
-    void issued(bool answered = true) { pacing_.issued(answered); }
+    /// A packet has been handed to the broker library. In any thread.
+    /// @param answered whether the broker answers it
+    void packetIssued(bool answered = true) { sending_.packetIssued(answered); }
 
-    /// Somebody who waited for the broker has heard of it. In any thread.
-    void answered() { pacing_.answered(); }
+    /// Somebody who waited for the broker has got an acknowledgement. In any thread.
+    void answerArrived() { sending_.answerArrived(); }
 
-    /// A message of so many bytes has been read.
-    void received(std::size_t bytes);
+    /// A message has been read.
+    void messageReceived();
 
-    /// After a network step. Nothing is acknowledged while the next step is due anyway: a packet
-    /// that is about to leave carries the acknowledgement along.
+    /// After a network step. A step that leaves something to write does not acknowledge: the packet
+    /// that leaves next carries the acknowledgement along.
     void stepped(int fd, bool moreToWrite);
 
-    /// How long the next step may wait.
-    std::chrono::milliseconds patience() const;
+    /// The longest that the next network step may wait.
+    std::chrono::milliseconds longestWait() const;
 
 private:
     using Clock = std::chrono::steady_clock;
 
     void acknowledge(int fd);
-    bool floodHasPaused();
+    bool streamHasPaused();
 
-    bool tcp_ = false; ///< and not a unix socket, which delays nothing
-    SendPacing pacing_;
-    PeerWatch peer_;
-    bool flooded_ = false;             ///< by messages in a stream
-    unsigned messages_ = 0;            ///< read since the last pause
-    Clock::time_point lastMessages_{}; ///< when some were read, or a flood paused
+    bool isTcp_ = false; ///< a unix socket has none of these options and needs none
+    SendPacing sending_;
+    bool receivesStream_ = false;
+    unsigned received_ = 0;            ///< messages since the last pause, or since our last packet
+    Clock::time_point lastReceived_{}; ///< in a stream of the last message, else of every 16th
 };
-
-/// Waits until the socket takes more output, at most 100 ms.
-void waitForOutput(int fd);
 
 } // namespace mqtt

@@ -5,7 +5,7 @@
 
 namespace mqtt {
 
-/// False for what is no TCP socket.
+/// @return false if the socket is not a TCP socket
 inline bool setTcpOption(int fd, int option, int value) {
     return ::setsockopt(fd, IPPROTO_TCP, option, &value, sizeof value) == 0;
 }

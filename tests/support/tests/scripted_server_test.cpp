@@ -21,22 +21,22 @@ protected:
 };
 
 TEST_F(AScriptedServer, AcknowledgesAndRecordsAllPackets) {
-    RawPeer peer(server_.host(), server_.port());
-    peer.subscribe("a");
-    peer.unsubscribe("a");
-    peer.publish("a", "0", 0);
-    peer.publish("a", "1", 1);
     std::string const longPayload(300000, 'x');
-    peer.publish("a/b", longPayload, 2, true);
-    peer.disconnect();
+    {
+        RawPeer peer(server_.host(), server_.port());
+        peer.subscribe("a");
+        peer.publish("a", "0", 0);
+        peer.publish("a", "1", 1);
+        peer.publish("a/b", longPayload, 2, true);
+    }
     ASSERT_TRUE(server_.waitForPackets(PacketType::DISCONNECT, 1));
     std::vector<PacketType> types;
     for (auto const& one : server_.received()) {
         types.push_back(one.packet.type);
     }
     using T = PacketType;
-    EXPECT_THAT(types, testing::ElementsAre(T::CONNECT, T::SUBSCRIBE, T::UNSUBSCRIBE, T::PUBLISH,
-                                            T::PUBLISH, T::PUBLISH, T::PUBREL, T::DISCONNECT));
+    EXPECT_THAT(types, testing::ElementsAre(T::CONNECT, T::SUBSCRIBE, T::PUBLISH, T::PUBLISH,
+                                            T::PUBLISH, T::PUBREL, T::DISCONNECT));
     MqttPacket const packet = server_.received(PacketType::PUBLISH).at(2);
     EXPECT_EQ(packet.topic, "a/b");
     EXPECT_TRUE(packet.payload == longPayload);

@@ -1,0 +1,94 @@
+#pragma once
+
+#include "client/socket/socket_tuning.hpp"
+#include "mqtt/client.hpp"
+
+#include <atomic>
+#include <cstdint>
+#include <deque>
+#include <mutex>
+#include <optional>
+#include <string>
+
+namespace mqtt {
+
+/// What became of a publication.
+struct Submission {
+    MqttClient::Error error;
+    /// Reported to `on_publish` when the publication is done. Empty if it is queued or refused.
+    std::optional<int> messageId;
+};
+
+/// The way to the broker library for all that is published, subscribed and unsubscribed, with the
+/// queue of what is published while there is no connection.
+///
+/// Without a connection the library does not simply refuse: it keeps QoS 1 and 2 publications for
+/// itself, and while TCP is connecting it writes packets ahead of CONNECT. So it is not called at
+/// all then.
+///
+/// One lock guards the phase and the queue. It is held while the library is called: nothing comes
+/// between "no connection" and "queue sent". No other lock of the client is taken under it.
+class BrokerGate {
+public:
+    using Error = MqttClient::Error;
+
+    BrokerGate(mosqpp::mosquittopp& library, std::deque<MqttClient::Publish>& queue,
+               SocketTuning& tuning)
+        : library_(library), queue_(queue), tuning_(tuning) {}
+
+    /// Hands a publication to the library or, without a connection, to the queue.
+    Submission publish(Topic const& topic, std::string const& payload, int qos, bool retain);
+    Error clear(Topic const& topic);
+    /// @return NO_CONN without a connection
+    Error subscribe(Topic const& topic);
+    /// @param mid where to put the message id; may be null
+    /// @return NO_CONN without a connection
+    Error unsubscribe(int* mid, Topic const& topic);
+
+    /// Ends a network step that waits for input. The library has no call for that. It wakes up for
+    /// a packet to be sent, so a packet is sent that changes nothing.
+    /// @return false without a connection
+    bool wakeNetworkStep();
+
+    /// Hands a DISCONNECT packet to the library.
+    /// @return the library's code; `errno` says more
+    int disconnect();
+    /// Whether a DISCONNECT packet was handed over since the last call or `forgetDisconnect`.
+    bool takeDisconnect() { return hasDisconnect_.exchange(false); }
+    void forgetDisconnect() { hasDisconnect_ = false; }
+
+    /// Worker: subscribes before the gate is online.
+    Error subscribeAgain(Topic const& topic);
+    /// Worker: sends the queue and becomes online.
+    /// @return false if the connection broke or a DISCONNECT packet was handed over
+    bool sendQueue();
+    /// The connection has ended, or could not be made.
+    /// @return whether a DISCONNECT packet was handed over
+    bool goOffline();
+
+    bool isOnline();
+    /// Changes the communication state, but not to "connected" unless the gate is online: after a
+    /// DISCONNECT packet the client must not become connected.
+    /// @return whether the state is another one now
+    bool changeState(std::atomic<conv::ComState>& current, conv::ComState next);
+    void dropQueue();
+
+private:
+    /// OFFLINE -> ONLINE: the queue is sent, after the broker has accepted the connection.
+    /// OFFLINE or ONLINE -> LEAVING: the library has taken a DISCONNECT packet. What follows it
+    /// would be lost.
+    /// ONLINE or LEAVING -> OFFLINE: the connection has ended.
+    enum class Phase : std::uint8_t { OFFLINE, ONLINE, LEAVING };
+
+    Error unsubscribe(int* mid, char const* topic);
+    Error handOver(int* mid, Topic const& topic, std::string const& payload, int qos, bool retain);
+
+    mosqpp::mosquittopp& library_;
+    std::deque<MqttClient::Publish>& queue_;
+    SocketTuning& tuning_;
+    std::mutex mutex_;
+    Phase phase_ = Phase::OFFLINE;
+    std::atomic<bool> hasDisconnect_{false}; ///< looked at by each network step, without the lock
+};
+
+} // namespace mqtt

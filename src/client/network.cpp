@@ -1,0 +1,100 @@
+#include "client/network.hpp"
+
+#include "client/socket/orderly_close.hpp"
+#include "mqtt/client.hpp"
+
+#include <algorithm>
+
+#include <poll.h>
+
+namespace mqtt {
+
+namespace {
+
+constexpr int OK = static_cast<int>(MqttClient::Error::SUCCESS);
+constexpr int REFUSED = static_cast<int>(MqttClient::Error::INVALID_PARAMETER);
+constexpr int NO_CONN = static_cast<int>(MqttClient::Error::NO_CONN);
+
+/// How long a broker may take to read the last packets.
+constexpr std::chrono::seconds CLOSE_TIMEOUT{1};
+
+std::chrono::steady_clock::time_point closeDeadline() {
+    return std::chrono::steady_clock::now() + CLOSE_TIMEOUT;
+}
+
+} // namespace
+
+int Network::connect(char const* host, int port) {
+    int const result = library_.connect(host, port, MqttClient::HEART_BEAT_RATE.toInt32());
+    if (result == OK) {
+        tuning_.connected(library_.socket());
+    }
+    return result;
+}
+
+int Network::reconnect() {
+    int const result = library_.reconnect();
+    if (result == OK) {
+        tuning_.connected(library_.socket());
+    }
+    return result;
+}
+
+int Network::step() {
+    auto const longestWait = tuning_.longestWait();
+    int result = library_.loop(static_cast<int>(longestWait.count()), 1);
+    if (result == REFUSED) {
+        // With a socket there is no other reason than that select() does not reach it.
+        result = library_.socket() < 0 ? NO_CONN : stepWithPoll(longestWait);
+    }
+    if (result == OK) {
+        tuning_.stepped(library_.socket(), library_.want_write());
+    }
+    return result;
+}
+
+/// The library waits with select(), which knows descriptors below FD_SETSIZE only. Where its socket
+/// or its own socket pair is beyond, we wait with poll() and have the library read and write.
+int Network::stepWithPoll(std::chrono::milliseconds longestWait) {
+    // Nothing that we know of becomes readable when another thread has a packet to send.
+    constexpr std::chrono::milliseconds untilNextLook{10};
+    pollfd ready{library_.socket(), POLLIN, 0};
+    if (library_.want_write()) {
+        ready.events |= POLLOUT;
+    }
+    ::poll(&ready, 1, static_cast<int>(std::min(longestWait, untilNextLook).count()));
+    int result = OK;
+    if ((ready.revents & ~POLLOUT) != 0) {
+        result = library_.loop_read(1);
+    }
+    if (result == OK && library_.socket() >= 0 && library_.want_write()) {
+        result = library_.loop_write(1);
+    }
+    // As in the library: a connection that ends after `disconnect` is no failure.
+    return result == OK && library_.socket() >= 0 ? library_.loop_misc() : result;
+}
+
+void Network::writeDisconnect() {
+    auto const deadline = closeDeadline();
+    OrderlyClose const close(library_.socket());
+    writeOutput(deadline);
+    if (library_.socket() < 0) {
+        close.waitForPeer(deadline);
+    }
+}
+
+void Network::writeLastPackets() {
+    auto const deadline = closeDeadline();
+    writeOutput(deadline);
+    OrderlyClose(library_.socket()).waitForPeer(deadline);
+}
+
+void Network::writeOutput(std::chrono::steady_clock::time_point deadline) {
+    auto const hasOutput = [this] { return library_.socket() >= 0 && library_.want_write(); };
+    while (hasOutput() && library_.loop_write(1) == OK && hasOutput()
+           && std::chrono::steady_clock::now() < deadline) {
+        waitForOutput(library_.socket());
+    }
+}
+
+} // namespace mqtt

@@ -1,0 +1,86 @@
+#pragma once
+
+#include "client/broker_gate.hpp"
+#include "client/communication_state.hpp"
+#include "client/network.hpp"
+#include "client/network_turn.hpp"
+#include "client/subscriptions.hpp"
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+
+#include <sys/types.h>
+
+namespace mqtt {
+
+/// The end of the worker thread: interrupts its sleeps, and is waited for.
+class WorkerEnd {
+public:
+    /// Worker: sleeps; returns early, with false, once the end is asked for.
+    bool sleep(std::chrono::milliseconds duration);
+    void askFor();
+    /// Worker: the last call.
+    void reached();
+    /// @return whether the end is reached
+    bool waitFor(std::chrono::milliseconds duration);
+
+private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    bool isAskedFor_ = false;
+    bool isReached_ = false;
+};
+
+/// The worker thread: network steps, reconnecting, and what has to be done when the broker has
+/// accepted a connection.
+///
+/// Everything that the broker library calls back runs inside a network step on this thread.
+/// Completing a connection does not: the library sends its own unacknowledged publications again
+/// only after `on_connect` has returned, and a newer value sent in there would be overtaken by an
+/// older one. So `on_connect` only takes note, and the end of the step does the rest.
+class Worker {
+public:
+    /// The client's members that this class works on.
+    struct Members {
+        std::atomic<bool>& stop;
+        std::atomic<bool>& paused;
+        std::thread& thread;
+    };
+
+    Worker(Members members, NetworkTurn& turn, Network& network, BrokerGate& gate,
+           CommunicationState& state, Subscriptions& subscriptions);
+
+    /// @throws std::system_error there is no thread to be had
+    void start();
+    /// Ends the thread and waits for that.
+    void end() noexcept;
+    bool isCurrentThread() const { return members_.thread.get_id() == std::this_thread::get_id(); }
+
+    /// Worker: the broker has accepted the connection.
+    void connectionAccepted() { isAccepted_ = true; }
+    /// Worker: the connection has ended, because of a DISCONNECT packet or not.
+    void connectionEnded(bool byDisconnect);
+
+private:
+    int run();
+    void networkStep();
+    void completeConnection();
+    void backOffAndReconnect();
+    void finish();
+
+    Members members_;
+    NetworkTurn& turn_;
+    Network& network_;
+    BrokerGate& gate_;
+    CommunicationState& state_;
+    Subscriptions& subscriptions_;
+    WorkerEnd end_;
+    bool isAccepted_ = false; ///< worker: the connection is to be completed
+    std::atomic<bool> reconnecting_{false};
+    std::atomic<pid_t> kernelId_{0}; ///< of the thread
+};
+
+} // namespace mqtt

@@ -1,0 +1,168 @@
+#include "callback_test.hpp"
+
+#include <zym/common/lwjson.hpp>
+
+using zym::common::Uuid;
+using Error = mqtt::MqttClient::Error;
+
+namespace {
+
+std::unique_ptr<SharedDevice> sharedDevice;
+
+/// Destroys the shared device before the watchdog and all static objects.
+class Cleanup final : public testing::Environment {
+public:
+    void TearDown() override { sharedDevice.reset(); }
+};
+
+auto* const cleanup = testing::AddGlobalTestEnvironment(new Cleanup);
+
+std::string nextRoot() {
+    static std::atomic<int> count{0};
+    return "test" + std::to_string(++count);
+}
+
+/// Answers binding and unbinding with success and no data.
+struct BindingServer final : mqtt::RequestReplyServer::Listener {
+    std::shared_ptr<mqtt::RequestReplyData> onRequest(std::string const&, Uuid const&, Uuid const&,
+                                                      mqtt::RequestReplyData const&,
+                                                      mqtt::RequestReply::ErrorCode&) override {
+        return nullptr;
+    }
+};
+
+template <class Object, class... Arguments>
+Object& makeOnce(std::unique_ptr<Object>& object, Arguments&&... arguments) {
+    if (object == nullptr) {
+        object = std::make_unique<Object>(std::forward<Arguments>(arguments)...);
+    }
+    return *object;
+}
+
+} // namespace
+
+SharedDevice& device() {
+    return makeOnce(sharedDevice);
+}
+
+SharedDevice::SharedDevice() {
+    static BindingServer bindingServer;
+    echo.subscribe(&events, Uuid::NIL, std::make_shared<NumberData>());
+    bind.subscribe(&bindingServer, id, std::make_shared<mqtt::BindRequestData>());
+    unbind.subscribe(&bindingServer, id, nullptr);
+    support::RawPeer peer(broker);
+    peer.publish("far/links",
+                 R"({"members@count": 2, "members": [{"@id": "far/one"}, {"@id": "far/two"}]})", 2,
+                 true);
+    peer.publish("far/one/identification", R"({"name": "one"})", 2, true);
+    peer.publish("far/two/identification", R"({"name": "two"})", 2, true);
+    // With the acknowledgement, the subscriptions have reached the broker too.
+    client->publishWait("far/ready", "", 1, false, TIMEOUT_S);
+}
+
+mqtt::MqttData<mqtt::Link>& Objects::makeEndpoint() {
+    return makeOnce(endpoint, *client, root + "/value");
+}
+
+mqtt::RequestReplyClient& Objects::makeRequester(std::string const& service) {
+    return makeOnce(requester, *client, "far", "", service);
+}
+
+mqtt::RequestReplyServer& Objects::makeServer() {
+    return makeOnce(server, *client, root, "", "service");
+}
+
+mqtt::SynchronizedTimeBaseMqttProxy& Objects::makeTimeProxy() {
+    return makeOnce(timeProxy, *client, "far", id, &events);
+}
+
+CountingTimeBase& Objects::makeTimeBase() {
+    return makeOnce(timeBase, *client, root, id);
+}
+
+mqtt::BinderMqttProxy& Objects::makeBinder() {
+    return makeOnce(binder, *client, "far", "", id, root + "/bound", &events);
+}
+
+mqtt::ServiceDiscovererMqtt& Objects::makeDiscoverer(std::string const& topic) {
+    return makeOnce(discoverer, *client, topic);
+}
+
+mqtt::TopicCleaner& Objects::makeCleaner() {
+    return makeOnce(cleaner, &events, id, device().broker.host(), device().broker.port());
+}
+
+zym::common::Timer& Objects::makeTimer() {
+    return makeOnce(
+        timer, [&recorder = events] { recorder.record("timer"); }, std::chrono::hours(1), true);
+}
+
+void Objects::restartTimer(std::chrono::milliseconds period, bool once) const {
+    std::unique_lock lock(timer->mutex());
+    timer->setPeriod(period, lock);
+    timer->once = once;
+    timer->restart(lock);
+}
+
+mqtt::RequestReply::ErrorCode Objects::request() const {
+    return requester->request(&events, id, Uuid::NIL, std::make_shared<NumberData>(7),
+                              std::make_shared<NumberData>(), nullptr, HOUR_S);
+}
+
+Error Objects::serve() {
+    return makeServer().subscribe(&events, Uuid::NIL, std::make_shared<NumberData>());
+}
+
+CallbackTest::CallbackTest() : root(nextRoot()) {
+    peer.subscribe(root + "/#");
+    EXPECT_EQ(client->subscribe(topic("flush"), &flushEvents, 0), Error::SUCCESS);
+}
+
+Error CallbackTest::expected() const {
+    return verdict == Verdict::REFUSED   ? Error::CONNECTION_PENDING
+           : verdict == Verdict::IN_VAIN ? Error::TIMEOUT
+                                         : Error::SUCCESS;
+}
+
+void CallbackTest::flush() {
+    EXPECT_EQ(client->publish(topic("flush"), "now", 0, false), Error::SUCCESS);
+    EXPECT_TRUE(flushEvents.waitFor("message " + topic("flush"), ++flushes_));
+}
+
+bool CallbackTest::causes(std::string const& event, std::string const& to,
+                          std::string const& payload) {
+    auto const before = events.count(event);
+    EXPECT_EQ(client->publish(to, payload, 0, false), Error::SUCCESS);
+    flush();
+    return events.count(event) > before;
+}
+
+bool CallbackTest::peerReceives(std::string const& on, std::string const& payload) const {
+    return peer.waitFor([&](auto const& all) {
+        return std::any_of(all.begin(), all.end(), [&](auto const& message) {
+            return message.topic == on && message.payload == payload;
+        });
+    });
+}
+
+std::size_t CallbackTest::countAtPeer(std::string const& on) const {
+    auto const all = peer.messages();
+    return static_cast<std::size_t>(std::count_if(
+        all.begin(), all.end(), [&](auto const& message) { return message.topic == on; }));
+}
+
+void CallbackTest::destroyConnectedClient() {
+    if (client->communicationState() == conv::ComState::DISCONNECTED) {
+        client->connect("", -1, TIMEOUT_S);
+    }
+    EXPECT_TRUE(support::becomesConnected(*client));
+    objects.endpoint.reset();
+    client.reset();
+}
+
+void CallbackTest::sendRequest(std::string const& to) {
+    EXPECT_EQ(client->publish(to + "/" + support::uniqueId().base64URL(),
+                              R"({"$reqId": 1, "number": 7, "client": 1.5})", 0, false),
+              Error::SUCCESS);
+    flush();
+}

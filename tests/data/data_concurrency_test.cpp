@@ -1,0 +1,174 @@
+// Typed endpoints that are made, copied and destroyed while messages arrive. The sanitizers see
+// more here than the assertions do.
+
+#include "client/flood.hpp"
+#include "support/broker.hpp"
+#include "support/test_client.hpp"
+#include "support/timeout_factor.hpp"
+
+#include <mqtt/link.hpp>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using mqtt::Link;
+using mqtt::MqttData;
+using Client = mqtt::MqttClient;
+using Collection = mqtt::MqttDataCollection<Link>;
+using Error = mqtt::MqttClient::Error;
+using Links = std::vector<Link>;
+
+constexpr int ROUNDS = 200 / support::TIMEOUT_FACTOR;
+
+/// Links on "link" and collections on "links", among them a malformed and an empty payload.
+std::vector<Flood::Post> linksAndLists() {
+    std::vector<Flood::Post> posts;
+    for (int i = 0; i < 16; ++i) {
+        posts.push_back({"link", i == 1 ? "{" : i == 2 ? "" : R"({"@id": "a/b"})"});
+        posts.push_back({"links", R"({"members@count": 1, "members": [{"@id": "a/b"}]})"});
+    }
+    return posts;
+}
+
+/// Counts its calls, and those after the end of its endpoint.
+template <class T>
+class CountingSubscriber : public MqttData<T>::Subscriber {
+public:
+    virtual ~CountingSubscriber() = default;
+    void onMqttData(T const& /*value*/, bool /*empty*/, int /*id*/) override {
+        ++calls;
+        if (ended) {
+            ++callsAfterTheEnd;
+        }
+    }
+
+    std::atomic<int> calls{0};
+    std::atomic<int> callsAfterTheEnd{0};
+    std::atomic<bool> ended{false};
+};
+
+template <class Endpoint, class T>
+void makeCopyAndDestroy(Client& client, char const* topic) {
+    for (int round = 0; round < ROUNDS; ++round) {
+        CountingSubscriber<T> counter;
+        {
+            Endpoint endpoint(client, topic);
+            EXPECT_EQ(endpoint.subscribe(&counter, 1), Error::SUCCESS);
+            EXPECT_EQ(endpoint.subscribe(&counter, 2), Error::SUCCESS);
+            Endpoint const copy(endpoint);
+            if (round % 4 == 0) {
+                EXPECT_TRUE(support::eventually([&] { return counter.calls > 0; }));
+            }
+            if (round % 3 == 0) {
+                endpoint.unsubscribe();
+            }
+        }
+        counter.ended = true;
+        // Gives the worker a chance to call after the end.
+        std::this_thread::yield();
+        EXPECT_EQ(counter.callsAfterTheEnd, 0);
+    }
+}
+
+TEST(TypedEndpoints, AreMadeCopiedAndDestroyedWhileMessagesArrive) {
+    support::Broker broker;
+    auto const client = support::testClient(broker);
+    Flood const flood(broker, linksAndLists());
+    std::vector<std::thread> threads;
+    threads.emplace_back([&] { makeCopyAndDestroy<MqttData<Link>, Link>(*client, "link"); });
+    threads.emplace_back([&] { makeCopyAndDestroy<MqttData<Link>, Link>(*client, "link"); });
+    threads.emplace_back([&] { makeCopyAndDestroy<Collection, Links>(*client, "links"); });
+    for (auto& thread : threads) {
+        thread.join();
+    }
+}
+
+/// Destroys itself and its own endpoint in its first call.
+class SelfDestroyingSubscriber : public MqttData<Link>::Subscriber {
+public:
+    SelfDestroyingSubscriber(Client& client, std::atomic<int>& alive)
+        : alive_(alive), endpoint_(std::make_unique<MqttData<Link>>(client, "link")) {
+        ++alive_;
+    }
+    virtual ~SelfDestroyingSubscriber() { --alive_; }
+    SelfDestroyingSubscriber(SelfDestroyingSubscriber const&) = delete;
+    SelfDestroyingSubscriber& operator=(SelfDestroyingSubscriber const&) = delete;
+
+    /// For the worker, so that no call comes between the two.
+    void subscribeTwice() {
+        EXPECT_EQ(endpoint_->subscribe(this, 1), Error::SUCCESS);
+        EXPECT_EQ(endpoint_->subscribe(this, 2), Error::SUCCESS);
+    }
+
+    void onMqttData(Link const& /*value*/, bool /*empty*/, int /*id*/) override { delete this; }
+
+private:
+    std::atomic<int>& alive_;
+    std::unique_ptr<MqttData<Link>> endpoint_;
+};
+
+/// Makes the next one when the last one has destroyed itself.
+class Maker : public MqttData<Links>::Subscriber {
+public:
+    explicit Maker(Client& client) : client_(client) {}
+    virtual ~Maker() = default;
+
+    void onMqttData(Links const& /*value*/, bool /*empty*/, int /*id*/) override {
+        if (alive == 0 && made < ROUNDS) {
+            auto* const subscriber = new SelfDestroyingSubscriber(client_, alive);
+            ++made;
+            subscriber->subscribeTwice();
+        }
+    }
+
+    std::atomic<int> made{0};
+    std::atomic<int> alive{0};
+
+private:
+    Client& client_;
+};
+
+TEST(TypedEndpoints, DestroyThemselvesInTheirCallsWhileMessagesArrive) {
+    support::Broker broker;
+    auto const client = support::testClient(broker);
+    Maker maker(*client);
+    Collection endpoint(*client, "links");
+    ASSERT_EQ(endpoint.subscribe(&maker, 0), Error::SUCCESS);
+    Flood const flood(broker, linksAndLists());
+    EXPECT_TRUE(support::eventually([&] { return maker.made == ROUNDS && maker.alive == 0; }));
+    endpoint.unsubscribe();
+}
+
+TEST(TypedEndpoints, ArePublishedWrittenAndReadByManyThreadsAtOnce) {
+    support::Broker broker;
+    auto const client = support::testClient(broker);
+    CountingSubscriber<Link> counter;
+    MqttData<Link> endpoint(*client, "link");
+    ASSERT_EQ(endpoint.subscribe(&counter, 1), Error::SUCCESS);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 3; ++i) {
+        threads.emplace_back([&, i] {
+            for (int round = 0; round < ROUNDS; ++round) {
+                MqttData<Link>::Lock lock(endpoint.mutex());
+                endpoint.value.id = std::to_string(i);
+                endpoint.publish(lock);
+                lock.lock();
+                endpoint.setTopicBase("link");
+                EXPECT_EQ(endpoint.topicBase().size(), 1U);
+            }
+        });
+    }
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    EXPECT_TRUE(support::eventually([&] { return counter.calls == 3 * ROUNDS; }));
+}
+
+} // namespace

@@ -1,0 +1,126 @@
+#pragma once
+
+#include "interleavings/scenario.hpp"
+#include "support/stand_in/stand_in.hpp"
+
+#include <mqtt/client.hpp>
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace interleavings {
+
+inline constexpr zym::common::Uuid CLIENT{1};
+inline constexpr zym::common::Uuid OTHER_CLIENT{2};
+inline constexpr zym::common::Uuid SERVER{9};
+
+/// A broker for the stand-ins of this process: routes publications to subscribers, keeps retained
+/// messages, and drops what a client sends after DISCONNECT, as a real broker does. Construct it
+/// before the clients. It needs no lock: no thread is stopped in its functions.
+class SmallBroker {
+public:
+    struct Message {
+        std::string topic;
+        std::string payload;
+    };
+    /// Called with each message that reaches the broker, before it is routed.
+    using Observer = std::function<void(Message const&)>;
+
+    SmallBroker();
+    ~SmallBroker();
+    SmallBroker(SmallBroker const&) = delete;
+    SmallBroker& operator=(SmallBroker const&) = delete;
+
+    void setObserver(Observer observer) { observer_ = std::move(observer); }
+    /// Publishes as an absent client.
+    void publish(std::string const& topic, std::string const& payload, bool retain = false);
+
+    std::vector<Message> const& messages() const { return messages_; }
+    /// How many messages with this payload have reached the broker.
+    std::ptrdiff_t count(std::string const& payload) const;
+    /// The subscriptions of all connected clients.
+    std::size_t subscriptions() const;
+    std::size_t retained() const { return retained_.size(); }
+
+private:
+    struct Session {
+        std::set<std::string> subscriptions;
+        bool disconnecting = false; ///< between DISCONNECT and the next connection
+    };
+
+    void serve(support::StandIn& client);
+    void sendRetained(support::StandIn& client, std::string const& pattern) const;
+
+    std::map<support::StandIn*, Session> sessions_;
+    std::map<std::string, std::string> retained_;
+    std::vector<Message> messages_;
+    Observer observer_;
+};
+
+struct IdleClient {
+    SmallBroker broker;
+    mqtt::MqttClient client{CLIENT, false, "", "host", 1883, false};
+};
+
+struct ConnectedClient : IdleClient {
+    ConnectedClient() { client.connect("", -1, 5); }
+
+    void expectNoSubscriptions() const {
+        expect(broker.subscriptions() == 0, "a subscription is left");
+    }
+};
+
+struct TwoConnectedClients {
+    SmallBroker broker;
+    std::unique_ptr<mqtt::MqttClient> client =
+        std::make_unique<mqtt::MqttClient>(CLIENT, false, "", "host", 1883, true);
+    mqtt::MqttClient otherClient{OTHER_CLIENT, false, "", "host", 1883, true};
+};
+
+/// Answers every request at once with SUCCESS, its own members and a time; records their names.
+class EchoServer {
+public:
+    explicit EchoServer(SmallBroker& broker) : broker_(broker) {
+        broker.setObserver([this](auto const& message) { answer(message); });
+    }
+
+    std::vector<std::string> const& requestNames() const { return requestNames_; }
+    void holdReplies() { holds_ = true; }
+    /// Sends the last reply held.
+    void releaseReplies() {
+        holds_ = false;
+        if (!heldReply_.topic.empty()) {
+            broker_.publish(std::exchange(heldReply_.topic, {}), heldReply_.payload);
+        }
+    }
+
+private:
+    void answer(SmallBroker::Message const& message) {
+        auto const suffix = message.topic.rfind("?\?/");
+        if (suffix == std::string::npos) {
+            return;
+        }
+        auto const name = message.topic.rfind('/', suffix) + 1;
+        requestNames_.push_back(message.topic.substr(name, suffix - name));
+        auto reply = message;
+        reply.topic.replace(suffix, 2, "?=");
+        reply.payload.insert(reply.payload.find('}'), ", \"ref\": 500.5, \"$err\": 1");
+        if (holds_) {
+            heldReply_ = reply;
+        } else {
+            broker_.publish(reply.topic, reply.payload);
+        }
+    }
+
+    SmallBroker& broker_;
+    SmallBroker::Message heldReply_;
+    std::vector<std::string> requestNames_;
+    bool holds_ = false;
+};
+
+} // namespace interleavings

@@ -1,0 +1,292 @@
+#pragma once
+
+#include "requestreply/blocking_thread.hpp"
+#include "requestreply/client_fixture.hpp"
+#include "requestreply/server_fixture.hpp"
+
+#include <mqtt/binder_proxy.hpp>
+#include <mqtt/time_base.hpp>
+
+#include <gmock/gmock.h>
+
+#include <algorithm>
+#include <atomic>
+#include <functional>
+#include <iterator>
+#include <memory>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+using BinderError = zym::common::Binder::Error;
+
+/// A call of a listener: "bound" or "unbound", and the result.
+using BindingEvent = std::pair<std::string, BinderError>;
+
+inline BindingEvent bound(BinderError error) {
+    return {"bound", error};
+}
+
+inline BindingEvent unbound(BinderError error) {
+    return {"unbound", error};
+}
+
+/// A listener that keeps its calls, with a hook.
+class BindingRecorder final : public zym::common::BinderProxy::Listener {
+public:
+    using Hook = std::function<void(BindingEvent const&)>;
+
+    /// Called within each later call, after that was recorded.
+    void setHook(Hook hook) {
+        hook_.change([&](Hook& current) { current = std::move(hook); });
+    }
+
+    std::vector<BindingEvent> events() const { return events_.copy(); }
+    std::size_t count() const { return events().size(); }
+    bool waitForCount(std::size_t count) const {
+        return events_.waitFor([&](auto const& events) { return events.size() >= count; });
+    }
+    std::thread::id lastThread() const { return lastThread_.copy(); }
+
+    void onBound(BinderError error) override { keep(bound(error)); }
+    void onUnbound(BinderError error) override { keep(unbound(error)); }
+
+private:
+    void keep(BindingEvent const& event) {
+        auto const hook = hook_.copy();
+        lastThread_.change([](auto& thread) { thread = std::this_thread::get_id(); });
+        events_.change([&](auto& events) { events.push_back(event); });
+        if (hook) {
+            hook(event);
+        }
+    }
+
+    support::Watched<std::vector<BindingEvent>> events_;
+    support::Watched<std::thread::id> lastThread_;
+    support::Watched<Hook> hook_;
+};
+
+/// An answer with this code and no payload.
+inline ServerListener::Answer replying(int code) {
+    return [code](mqtt::RequestReplyData const&, Code& error) -> ServerListener::Data {
+        error = static_cast<Code>(code);
+        return nullptr;
+    };
+}
+
+/// The topics of all proxies: of the requests, and the one that is to be bound.
+inline mqtt::Topic const BASE_TOPIC{"plant/pump"};
+inline mqtt::Topic const SUB_PATH{"desk"};
+inline mqtt::Topic const BOUND_TOPIC{"plant/panel"};
+
+/// A server of bindings with an MQTT client of its own. It grants every request and has a clock.
+class BindingServer {
+public:
+    using Uuid = zym::common::Uuid;
+
+    /// @param ahead seconds that its clock is ahead of this machine's
+    explicit BindingServer(support::Broker const& broker,
+                           Uuid const& identity = support::uniqueId(), double ahead = 10000)
+        : id(identity),
+          ahead_(ahead),
+          mqtt_(support::testClient(broker)),
+          bind_(*mqtt_, BASE_TOPIC, SUB_PATH, "bind"),
+          unbind_(*mqtt_, BASE_TOPIC, SUB_PATH, "unbind") {
+        serveBindings();
+        serveUnbindings();
+        offerTime();
+    }
+
+    void serveBindings() { serve(bind_, &bindings, std::make_shared<mqtt::BindRequestData>()); }
+    void serveUnbindings() { serve(unbind_, &unbindings, mqtt::NO_DATA); }
+    /// Requests are answered with NO_LISTENER.
+    void serveBindingsWithoutAListener() {
+        ignoreBindings();
+        serve(bind_, nullptr, mqtt::NO_DATA);
+    }
+    void ignoreBindings() { bind_.unsubscribeWait(); }
+    void ignoreUnbindings() { unbind_.unsubscribeWait(); }
+    void offerTime() {
+        clock_ = std::make_unique<Clock>(*mqtt_, id, ahead_);
+        settle();
+    }
+    void withdrawTime() { clock_.reset(); }
+    std::uint32_t timeBase() const { return clock_->timeBase(); }
+
+    /// Returns when the broker knows all subscriptions that were made. `publishWait` does not do
+    /// while replies are being acknowledged.
+    void settle() {
+        support::MessageRecorder marker;
+        auto const topic = "settled/" + id.base64URL();
+        EXPECT_EQ(mqtt_->subscribe(topic, &marker, 0), mqtt::MqttClient::Error::SUCCESS);
+        EXPECT_EQ(mqtt_->publish(topic, "x", 2, false), mqtt::MqttClient::Error::SUCCESS);
+        EXPECT_TRUE(marker.waitForCount(1));
+        mqtt_->release(&marker);
+    }
+    mqtt::MqttClient const& mqtt() const { return *mqtt_; }
+
+    Uuid const id;
+    ServerListener bindings;
+    ServerListener unbindings;
+
+private:
+    class Clock : public mqtt::SynchronizedTimeBaseMqttAdaptor {
+    public:
+        Clock(mqtt::MqttClient& client, Uuid const& server, double ahead)
+            : SynchronizedTimeBaseMqttAdaptor(client, BASE_TOPIC, server), ahead_(ahead) {}
+        ~Clock() override { release(); }
+
+        double localTimeBase() const override {
+            return SynchronizedTimeBaseMqttAdaptor::localTimeBase() + ahead_;
+        }
+
+    private:
+        double const ahead_;
+    };
+
+    void serve(mqtt::RequestReplyServer& service, ServerListener* listener,
+               std::shared_ptr<mqtt::RequestReplyData> data) {
+        EXPECT_EQ(service.subscribe(listener, id, std::move(data)),
+                  mqtt::MqttClient::Error::SUCCESS);
+        settle();
+    }
+
+    double const ahead_;
+    std::unique_ptr<mqtt::MqttClient> mqtt_;
+    mqtt::RequestReplyServer bind_;
+    mqtt::RequestReplyServer unbind_;
+    std::unique_ptr<Clock> clock_;
+};
+
+/// A proxy, a broker, and a raw peer that receives all messages.
+class ProxyOnABroker : public testing::Test {
+protected:
+    using Uuid = zym::common::Uuid;
+    using Proxy = mqtt::BinderMqttProxy;
+
+    ProxyOnABroker() {
+        peer.subscribe("plant/#");
+        proxy = makeProxy();
+    }
+
+    static support::BrokerOptions quick() {
+        support::BrokerOptions options;
+        options.nodelay = true;
+        return options;
+    }
+
+    std::unique_ptr<Proxy> makeProxy() {
+        return std::make_unique<Proxy>(*mqtt, BASE_TOPIC, SUB_PATH, id, BOUND_TOPIC, &recorder);
+    }
+
+    static support::RawPeer::Messages requestsIn(support::RawPeer::Messages const& all,
+                                                 std::string const& name) {
+        support::RawPeer::Messages found;
+        std::copy_if(all.begin(), all.end(), std::back_inserter(found), [&](auto const& message) {
+            return message.topic.find("/" + name + "?\?/") != std::string::npos;
+        });
+        return found;
+    }
+
+    /// How many requests of this name the broker has forwarded so far.
+    std::size_t requests(std::string const& name) const {
+        return requestsIn(peer.messages(), name).size();
+    }
+
+    support::Message awaitRequest(std::string const& name, std::size_t count = 1) {
+        support::RawPeer::Messages found;
+        EXPECT_TRUE(peer.waitFor([&](auto const& all) {
+            found = requestsIn(all, name);
+            return found.size() >= count;
+        })) << "the request "
+            << count << " of " << name;
+        return found.size() < count ? support::Message{} : found[count - 1];
+    }
+
+    /// Waits until the peer has everything that our client has sent.
+    void settle() {
+        auto const mark = "plant/mark/" + std::to_string(++marks_);
+        EXPECT_EQ(mqtt->publish(mark, "x", 2, false), mqtt::MqttClient::Error::SUCCESS);
+        EXPECT_TRUE(peer.waitFor([&](auto const& all) {
+            return std::any_of(all.begin(), all.end(),
+                               [&](auto const& message) { return message.topic == mark; });
+        }));
+    }
+
+    support::Broker broker{quick()};
+    support::RawPeer peer{broker};
+    BindingRecorder recorder;
+    std::unique_ptr<mqtt::MqttClient> mqtt = support::testClient(broker);
+    Uuid id = support::uniqueId();
+    std::unique_ptr<Proxy> proxy;
+
+private:
+    int marks_ = 0;
+};
+
+/// The same with a server.
+class ProxyAndServer : public ProxyOnABroker {
+protected:
+    void bind() {
+        auto const before = recorder.count();
+        ASSERT_EQ(proxy->bindSync(server.id, LONG_TIMEOUT_S), BinderError::SUCCESS);
+        ASSERT_EQ(recorder.count(), before + 1);
+    }
+
+    /// Neither bound nor binding.
+    void expectUnbound() {
+        EXPECT_EQ(proxy->unbind(LONG_TIMEOUT_S), BinderError::NOT_BOUND);
+        EXPECT_EQ(proxy->unbindSync(LONG_TIMEOUT_S), BinderError::NOT_BOUND);
+        EXPECT_FALSE(proxy->isTimeBaseSynchronized());
+    }
+
+    void expectBound() {
+        EXPECT_EQ(proxy->bind(server.id, LONG_TIMEOUT_S), BinderError::ALREADY_BOUND);
+        EXPECT_EQ(proxy->bindSync(server.id, LONG_TIMEOUT_S), BinderError::ALREADY_BOUND);
+        EXPECT_TRUE(proxy->isTimeBaseSynchronized());
+    }
+
+    /// Whether this is the server's time, as far as a busy machine can tell.
+    static bool isTimeOf(BindingServer const& server, std::uint32_t time) {
+        auto const reference = server.timeBase();
+        return time + 120 >= reference && time <= reference + 120;
+    }
+
+    BindingServer server{broker};
+};
+
+/// Makes the operations for derived classes public.
+class DerivedProxy : public mqtt::BinderMqttProxy {
+public:
+    using Hook = std::function<void()>;
+
+    DerivedProxy(mqtt::MqttClient& client, zym::common::Uuid const& self,
+                 zym::common::BinderProxy::Listener* listener)
+        : zym::common::BinderProxy(self, listener),
+          BinderMqttProxy(client, BASE_TOPIC, SUB_PATH, self, BOUND_TOPIC, listener) {}
+    ~DerivedProxy() override { release(); }
+
+    using BinderMqttProxy::endBinding;
+    using BinderMqttProxy::serverUuid;
+
+    /// Whether a known time ends the binding, as in the base class.
+    void setEndsBinding(bool ends) { endsBinding_ = ends; }
+    int synchronizations() const { return synchronizations_.copy(); }
+    bool waitForSynchronizations(int count) const {
+        return synchronizations_.waitFor([&](int times) { return times >= count; });
+    }
+
+protected:
+    void onTimeSynchronized() override {
+        bool const ends = endsBinding_;
+        synchronizations_.change([](int& times) { ++times; });
+        if (ends) {
+            BinderMqttProxy::onTimeSynchronized();
+        }
+    }
+
+private:
+    std::atomic<bool> endsBinding_{true};
+    support::Watched<int> synchronizations_;
+};

@@ -1,0 +1,247 @@
+// Bindings with a real server on a real broker.
+
+#include "services/binder_fixture.hpp"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+using Error = BinderError;
+
+class ABinding : public ProxyAndServer {};
+
+TEST_F(ABinding, DoesNotExistAtFirst) {
+    expectUnbound();
+    proxy->forceTimeBaseSync();
+    settle();
+    EXPECT_EQ(requests("timeSync"), 0U);
+    EXPECT_THAT(recorder.events(), IsEmpty());
+}
+
+TEST_F(ABinding, ExistsWhenBindSyncReturns) {
+    std::string topic;
+    server.bindings.setAnswer([&](auto const& data, auto&) {
+        topic = dynamic_cast<mqtt::BindRequestData const&>(data).topic.text();
+        return nullptr;
+    });
+    EXPECT_EQ(proxy->bindSync(server.id, LONG_TIMEOUT_S), Error::SUCCESS);
+    EXPECT_THAT(recorder.events(), ElementsAre(bound(Error::SUCCESS)));
+    EXPECT_EQ(recorder.lastThread(), std::this_thread::get_id());
+    EXPECT_TRUE(isTimeOf(server, proxy->timeBase()));
+    expectBound();
+    settle();
+    EXPECT_EQ(requests("bind"), 1U);
+    ASSERT_EQ(server.bindings.count(), 1U);
+    EXPECT_EQ(server.bindings.calls()[0].clientUuid, id);
+    EXPECT_EQ(server.bindings.calls()[0].name, "bind");
+    EXPECT_EQ(topic, BOUND_TOPIC.text());
+}
+
+TEST_F(ABinding, ExistsWhenTheListenerIsCalled) {
+    support::Watched<bool> synchronized;
+    recorder.setHook([&](auto const&) {
+        synchronized.change([&](bool& value) { value = proxy->isTimeBaseSynchronized(); });
+    });
+    EXPECT_EQ(proxy->bind(server.id, LONG_TIMEOUT_S), Error::SUCCESS);
+    ASSERT_TRUE(recorder.waitForCount(1));
+    expectBound();
+    EXPECT_TRUE(synchronized.waitFor([](bool value) { return value; }));
+    EXPECT_TRUE(isTimeOf(server, proxy->timeBase()));
+    EXPECT_THAT(recorder.events(), ElementsAre(bound(Error::SUCCESS)));
+    EXPECT_NE(recorder.lastThread(), std::this_thread::get_id());
+}
+
+TEST_F(ABinding, NeedsNoListener) {
+    Proxy silent(*mqtt, BASE_TOPIC, SUB_PATH, id, BOUND_TOPIC, nullptr);
+    EXPECT_EQ(silent.bindSync(server.id, LONG_TIMEOUT_S), Error::SUCCESS);
+    EXPECT_EQ(silent.unbindSync(LONG_TIMEOUT_S), Error::SUCCESS);
+    EXPECT_EQ(silent.bind(server.id, LONG_TIMEOUT_S), Error::SUCCESS);
+    EXPECT_TRUE(support::eventually([&] { return silent.isTimeBaseSynchronized(); }));
+}
+
+TEST_F(ABinding, ExistsForEveryCodeOfSuccess) {
+    for (int const code : {16, 21}) { // a success of the server's own, and "already bound"
+        SCOPED_TRACE(code);
+        server.bindings.setAnswer(replying(code));
+        EXPECT_EQ(proxy->bindSync(server.id, LONG_TIMEOUT_S), Error::SUCCESS);
+        expectBound();
+        EXPECT_EQ(proxy->unbindSync(LONG_TIMEOUT_S), Error::SUCCESS);
+    }
+}
+
+TEST_F(ABinding, LastsUntilTheServersTimeIsKnown) {
+    server.withdrawTime();
+    EXPECT_EQ(proxy->bind(server.id, LONG_TIMEOUT_S), Error::SUCCESS);
+    awaitRequest("timeSync");
+    EXPECT_THAT(recorder.events(), IsEmpty());
+    EXPECT_EQ(proxy->bind(server.id, LONG_TIMEOUT_S), Error::BUSY);
+    EXPECT_FALSE(proxy->isTimeBaseSynchronized());
+    server.offerTime(); // the proxy repeats its request
+    ASSERT_TRUE(recorder.waitForCount(1));
+    EXPECT_THAT(recorder.events(), ElementsAre(bound(Error::SUCCESS)));
+    expectBound();
+}
+
+TEST_F(ABinding, RefusesAnotherOneMeanwhile) {
+    server.ignoreBindings();
+    EXPECT_EQ(proxy->bind(server.id, LONG_TIMEOUT_S), Error::SUCCESS);
+    EXPECT_EQ(proxy->bind(server.id, LONG_TIMEOUT_S), Error::BUSY);
+    EXPECT_EQ(proxy->bindSync(server.id, LONG_TIMEOUT_S), Error::BUSY);
+    settle();
+    EXPECT_EQ(requests("bind"), 1U);
+    EXPECT_THAT(recorder.events(), IsEmpty());
+}
+
+TEST_F(ABinding, MayFollowFromInsideTheListener) {
+    recorder.setHook([&](BindingEvent const& event) {
+        if (recorder.count() > 4) {
+            return;
+        }
+        auto const next = event.first == "bound" ? proxy->unbind(LONG_TIMEOUT_S)
+                                                 : proxy->bind(server.id, LONG_TIMEOUT_S);
+        EXPECT_EQ(next, Error::SUCCESS);
+    });
+    EXPECT_EQ(proxy->bind(server.id, LONG_TIMEOUT_S), Error::SUCCESS);
+    ASSERT_TRUE(recorder.waitForCount(5));
+    expectBound();
+    EXPECT_THAT(recorder.events(),
+                ElementsAre(bound(Error::SUCCESS), unbound(Error::SUCCESS), bound(Error::SUCCESS),
+                            unbound(Error::SUCCESS), bound(Error::SUCCESS)));
+}
+
+class ABindingThatFails : public ProxyAndServer {
+protected:
+    /// Both in a call that waits and with the listener.
+    void expectFailure(Error error, conv::SecondsDuration const& timeout = LONG_TIMEOUT_S) {
+        auto const before = recorder.count();
+        EXPECT_EQ(proxy->bindSync(server.id, timeout), error);
+        expectUnbound();
+        EXPECT_EQ(proxy->bind(server.id, timeout), Error::SUCCESS);
+        ASSERT_TRUE(recorder.waitForCount(before + 2));
+        expectUnbound();
+        auto const events = recorder.events();
+        EXPECT_EQ(events.size(), before + 2);
+        EXPECT_EQ(events[before], bound(error));
+        EXPECT_EQ(events[before + 1], bound(error));
+    }
+};
+
+TEST_F(ABindingThatFails, EndsWithTheErrorOfTheReply) {
+    for (auto const& [code, error] :
+         std::vector<std::pair<int, int>>{{0, 1}, {3, 3}, {6, 2}, {7, 9}, {17, 1}, {255, 239}}) {
+        SCOPED_TRACE(code);
+        server.bindings.setAnswer(replying(code));
+        expectFailure(static_cast<Error>(error));
+    }
+    server.serveBindingsWithoutAListener();
+    expectFailure(Error::NO_SERVER);
+    server.ignoreBindings();
+    expectFailure(Error::TIMEOUT, 0);
+    settle();
+    EXPECT_EQ(requests("timeSync"), 0U);
+    server.bindings.setAnswer({});
+    server.serveBindings();
+    bind();
+    expectBound();
+}
+
+/// A derived class has ended the binding in the base, but its request is still pending.
+TEST_F(ABindingThatFails, EndsWithBusyWhenItsRequestCannotBeSent) {
+    server.ignoreBindings();
+    for (bool const blocking : {false, true}) {
+        BindingRecorder own;
+        DerivedProxy derived(*mqtt, id, &own);
+        EXPECT_EQ(derived.bind(server.id, LONG_TIMEOUT_S), Error::SUCCESS);
+        derived.endBinding(Error::FAILED);
+        EXPECT_EQ(blocking ? derived.bindSync(server.id, LONG_TIMEOUT_S)
+                           : derived.bind(server.id, LONG_TIMEOUT_S),
+                  Error::BUSY);
+        EXPECT_THAT(own.events(), ElementsAre(bound(Error::FAILED), bound(Error::BUSY)));
+        EXPECT_EQ(derived.unbind(LONG_TIMEOUT_S), Error::NOT_BOUND);
+        EXPECT_EQ(derived.bindSync(server.id, 0), Error::TIMEOUT);
+    }
+    settle();
+    EXPECT_EQ(requests("bind"), 4U) << "none for the refused ones";
+}
+
+class TheTimeOfAServer : public ProxyAndServer {};
+
+TEST_F(TheTimeOfAServer, IsReadAnewWhenForced) {
+    bind();
+    settle();
+    EXPECT_EQ(requests("timeSync"), 10U);
+    proxy->forceTimeBaseSync();
+    EXPECT_TRUE(proxy->isTimeBaseSynchronized());
+    awaitRequest("timeSync", 11);
+    // The estimate starts at 0 again, and one sample has a small weight.
+    EXPECT_TRUE(support::eventually([&] {
+        auto const time = proxy->timeBase();
+        return time + 1000 < server.timeBase() && time > server.timeBase() - 10000 + 100;
+    }));
+    expectBound();
+    EXPECT_EQ(recorder.count(), 1U);
+}
+
+TEST_F(TheTimeOfAServer, IsThatOfTheServerBoundTo) {
+    BindingServer other(broker, support::uniqueId(), 1000000);
+    bind();
+    EXPECT_TRUE(isTimeOf(server, proxy->timeBase()));
+    EXPECT_EQ(proxy->unbindSync(LONG_TIMEOUT_S), Error::SUCCESS);
+    EXPECT_EQ(proxy->bindSync(other.id, LONG_TIMEOUT_S), Error::SUCCESS);
+    EXPECT_TRUE(isTimeOf(other, proxy->timeBase()));
+    EXPECT_EQ(proxy->unbindSync(LONG_TIMEOUT_S), Error::SUCCESS);
+    EXPECT_EQ(server.unbindings.count(), 1U);
+    EXPECT_EQ(other.unbindings.count(), 1U);
+    EXPECT_EQ(proxy->bind(server.id, LONG_TIMEOUT_S), Error::SUCCESS);
+    ASSERT_TRUE(recorder.waitForCount(5));
+    EXPECT_TRUE(isTimeOf(server, proxy->timeBase()));
+}
+
+/// Through the hook of a derived class.
+TEST_F(TheTimeOfAServer, EndsTheBindingUnlessADerivedProxyPreventsIt) {
+    DerivedProxy derived(*mqtt, id, &recorder);
+    EXPECT_EQ(derived.bindSync(server.id, LONG_TIMEOUT_S), Error::SUCCESS);
+    EXPECT_EQ(derived.synchronizations(), 1);
+    EXPECT_EQ(derived.unbindSync(LONG_TIMEOUT_S), Error::SUCCESS);
+    EXPECT_EQ(derived.bind(server.id, LONG_TIMEOUT_S), Error::SUCCESS);
+    ASSERT_TRUE(recorder.waitForCount(3));
+    EXPECT_EQ(derived.synchronizations(), 2);
+    EXPECT_EQ(derived.unbindSync(LONG_TIMEOUT_S), Error::SUCCESS);
+
+    derived.setEndsBinding(false);
+    EXPECT_EQ(derived.bindSync(server.id, LONG_TIMEOUT_S), Error::SUCCESS);
+    EXPECT_EQ(derived.synchronizations(), 3);
+    EXPECT_EQ(derived.bind(server.id, LONG_TIMEOUT_S), Error::BUSY);
+    EXPECT_EQ(recorder.count(), 4U);
+    EXPECT_EQ(derived.unbindSync(LONG_TIMEOUT_S), Error::SUCCESS);
+    EXPECT_EQ(derived.bind(server.id, LONG_TIMEOUT_S), Error::SUCCESS);
+    ASSERT_TRUE(derived.waitForSynchronizations(4));
+    EXPECT_EQ(derived.bind(server.id, LONG_TIMEOUT_S), Error::BUSY);
+    EXPECT_EQ(recorder.count(), 5U);
+}
+
+class ABrokerThatRestarts : public ProxyAndServer {};
+
+TEST_F(ABrokerThatRestarts, ChangesNothingForABinding) {
+    bind();
+    broker.kill();
+    for (auto const* client : {const_cast<mqtt::MqttClient const*>(mqtt.get()), &server.mqtt()}) {
+        ASSERT_TRUE(support::eventually(
+            [&] { return client->communicationState() != conv::ComState::CONNECTED; }));
+    }
+    broker.start();
+    ASSERT_TRUE(support::becomesConnected(*mqtt));
+    ASSERT_TRUE(support::becomesConnected(server.mqtt()));
+    ASSERT_EQ(mqtt->publishWait("settled", "", 1, false, 30), mqtt::MqttClient::Error::SUCCESS);
+    server.settle();
+    EXPECT_TRUE(proxy->isTimeBaseSynchronized());
+    EXPECT_TRUE(isTimeOf(server, proxy->timeBase()));
+    EXPECT_THAT(recorder.events(), ElementsAre(bound(Error::SUCCESS)));
+    expectBound();
+    EXPECT_EQ(proxy->unbindSync(LONG_TIMEOUT_S), Error::SUCCESS);
+    expectUnbound();
+    bind();
+}
+
+} // namespace
