@@ -14,7 +14,7 @@ namespace mqtt {
 
 /// What became of a publication.
 struct Submission {
-    MqttClient::Error error;
+    MqttClient::Error error = MqttClient::Error::SUCCESS;
     /// Reported to `on_publish` when the publication is done. Empty if it is queued or refused.
     std::optional<int> messageId;
 };

@@ -96,7 +96,7 @@ void Worker::end() noexcept {
     members_.thread.join();
 }
 
-int Worker::run() {
+void Worker::run() {
     ::pthread_setname_np(::pthread_self(), "zym-mqtt");
     kernelId_ = static_cast<pid_t>(::syscall(SYS_gettid));
     while (!members_.stop) {
@@ -108,7 +108,6 @@ int Worker::run() {
     }
     finish();
     end_.reached();
-    return 0;
 }
 
 void Worker::networkStep() {

@@ -65,7 +65,7 @@ public:
     void connectionEnded(bool byDisconnect);
 
 private:
-    int run();
+    void run();
     void networkStep();
     void completeConnection();
     void backOffAndReconnect();

@@ -99,6 +99,30 @@ TEST_F(ATcpConnection, AcknowledgesAStreamOnlyWhenItPauses) {
     EXPECT_EQ(tuning.longestWait(), LONGEST_WAIT);
 }
 
+TEST_F(ATcpConnection, TakesTheFirstMessageAfterAPauseForTheStreamAgain) {
+    ASSERT_TRUE(support::eventually([&] {
+        receiveMessages(100);
+        return tuning.longestWait() < LONGEST_WAIT;
+    }));
+    delayAcknowledgements();
+    ASSERT_TRUE(acknowledgesLater());
+    EXPECT_TRUE(support::eventually([&] {
+        receiveMessages(1);
+        delayAcknowledgements();
+        step();
+        bool const isInStream = !acknowledgesAtOnce();
+        receiveMessages(100);
+        return acknowledgesLater() && isInStream;
+    })) << "a busy machine may pause in between";
+    receiveMessages(1);
+    delayAcknowledgements();
+    ASSERT_TRUE(acknowledgesLater());
+    delayAcknowledgements();
+    receiveMessages(1);
+    step();
+    EXPECT_TRUE(acknowledgesAtOnce()) << "one message between two pauses is no stream";
+}
+
 TEST_F(ATcpConnection, AcknowledgesAFastExchangeAtOnce) {
     delayAcknowledgements();
     for (int i = 0; i < 100; ++i) {

@@ -33,20 +33,22 @@ void SocketTuning::connected(int fd) {
     isTcp_ = setTcpOption(fd, TCP_QUICKACK, 1);
     // For a unix socket too: a stream of the last connection must not shorten its steps.
     sending_.begin(fd);
-    receivesStream_ = false;
+    receiving_ = Receiving::EXCHANGE;
 }
 
 void SocketTuning::messageReceived() {
     if (sending_.answerArrived()) {
         // We send in between: this is an exchange, however fast.
         received_ = 0;
-        receivesStream_ = false;
+        receiving_ = Receiving::EXCHANGE;
     }
-    if (++received_ % STREAM_MESSAGES != 0 && !receivesStream_) {
+    if (++received_ % STREAM_MESSAGES != 0 && receiving_ == Receiving::EXCHANGE) {
         return;
     }
     auto const now = Clock::now();
-    receivesStream_ = now - lastReceived_ < SendPacing::PAUSE;
+    if (receiving_ == Receiving::PAUSED || now - lastReceived_ < SendPacing::PAUSE) {
+        receiving_ = Receiving::STREAM;
+    }
     lastReceived_ = now;
 }
 
@@ -55,8 +57,7 @@ void SocketTuning::stepped(int fd, bool moreToWrite) {
         return;
     }
     sending_.stepped(fd);
-    bool const inStream = sending_.holdsBack() || (receivesStream_ && !streamHasPaused());
-    if (!moreToWrite && !inStream && !hasInput(fd)) {
+    if (!sending_.holdsBack() && !isInStream() && !moreToWrite && !hasInput(fd)) {
         acknowledge(fd);
     }
 }
@@ -66,15 +67,18 @@ void SocketTuning::acknowledge(int fd) {
     setTcpOption(fd, TCP_QUICKACK, 1);
 }
 
-bool SocketTuning::streamHasPaused() {
-    auto const now = Clock::now();
-    if (now - lastReceived_ < SendPacing::PAUSE) {
+bool SocketTuning::isInStream() {
+    if (receiving_ != Receiving::STREAM) {
         return false;
     }
-    receivesStream_ = false;
+    auto const now = Clock::now();
+    if (now - lastReceived_ < SendPacing::PAUSE) {
+        return true;
+    }
+    receiving_ = received_ >= STREAM_MESSAGES ? Receiving::PAUSED : Receiving::EXCHANGE;
     received_ = 0;
     lastReceived_ = now;
-    return true;
+    return false;
 }
 
 std::chrono::milliseconds SocketTuning::longestWait() const {
@@ -82,7 +86,7 @@ std::chrono::milliseconds SocketTuning::longestWait() const {
     if (sending_.holdsBack()) {
         wait = std::min(wait, sending_.longestWait());
     }
-    if (receivesStream_) {
+    if (receiving_ == Receiving::STREAM) {
         wait = std::min(wait, SendPacing::PAUSE);
     }
     return wait;

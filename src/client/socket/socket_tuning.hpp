@@ -3,6 +3,7 @@
 #include "client/socket/send_pacing.hpp"
 
 #include <chrono>
+#include <cstdint>
 
 namespace mqtt {
 
@@ -38,14 +39,21 @@ public:
 private:
     using Clock = std::chrono::steady_clock;
 
+    /// EXCHANGE -> STREAM: `STREAM_MESSAGES` within `SendPacing::PAUSE`.
+    /// STREAM -> PAUSED: no message for `PAUSE`; what was read is acknowledged.
+    /// PAUSED -> STREAM: a message. It may be the first of many.
+    /// STREAM -> EXCHANGE: a pause after fewer than `STREAM_MESSAGES`.
+    /// STREAM or PAUSED -> EXCHANGE: a message after a packet of ours.
+    enum class Receiving : std::uint8_t { EXCHANGE, STREAM, PAUSED };
+
     void acknowledge(int fd);
-    bool streamHasPaused();
+    bool isInStream();
 
     bool isTcp_ = false; ///< a unix socket has none of these options and needs none
     SendPacing sending_;
-    bool receivesStream_ = false;
+    Receiving receiving_ = Receiving::EXCHANGE;
     unsigned received_ = 0;            ///< messages since the last pause, or since our last packet
-    Clock::time_point lastReceived_{}; ///< in a stream of the last message, else of every 16th
+    Clock::time_point lastReceived_{}; ///< or of the 16th, 32nd, ... in an exchange
 };
 
 } // namespace mqtt
