@@ -9,13 +9,14 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <stdexcept>
 #include <system_error>
 
 namespace bench {
 namespace {
 
 constexpr char const* USAGE =
-    "Prints what it measures as JSON, one object a line.\n"
+    "\nPrints what it measures as JSON, one object a line.\n"
     "  --only TEXT                  only measurements whose \"PROGRAM NAME\" contains TEXT\n"
     "  --idle raw|ours|Paho         only what this library's idle clients hold\n"
     "  --repetitions N              how often each of them is repeated\n"
@@ -23,7 +24,7 @@ constexpr char const* USAGE =
     "  --control                    libmosquittopp in the place of our client: shows the noise\n"
     "  --quick                      one short repetition: shows only that it works\n";
 
-/// Ends the program with its usage when the command line is wrong.
+/// @throws std::invalid_argument with the usage when the command line is wrong
 Options parseOptions(int argc, char** argv) {
     constexpr option OPTIONS[] = {{"only", required_argument, nullptr, 'o'},
                                   {"idle", required_argument, nullptr, 'i'},
@@ -33,14 +34,15 @@ Options parseOptions(int argc, char** argv) {
                                   {"quick", no_argument, nullptr, 'q'},
                                   {nullptr, 0, nullptr, 0}};
     Options options;
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): there is one thread only
     for (int letter = 0; (letter = ::getopt_long(argc, argv, "", OPTIONS, nullptr)) != -1;) {
         std::string const value = optarg == nullptr ? "" : optarg;
         if (letter == 'o') {
             options.only = value;
         } else if (letter == 'i') {
             options.idle = value;
-        } else if (letter == 'r' && std::atoi(optarg) > 0) {
-            options.repetitions = std::atoi(optarg);
+        } else if (letter == 'r' && std::atoi(value.c_str()) > 0) {
+            options.repetitions = std::atoi(value.c_str());
         } else if (letter == 'b' && (value == "shipped" || value == "nodelay")) {
             options.brokers = {value == "shipped" ? SHIPPED : NODELAY};
         } else if (letter == 'c') {
@@ -54,8 +56,7 @@ Options parseOptions(int argc, char** argv) {
         }
     }
     if (optind != argc) {
-        std::fprintf(stderr, "Usage: %s [options]\n%s", argv[0], USAGE);
-        std::exit(2);
+        throw std::invalid_argument(USAGE);
     }
     return options;
 }
