@@ -79,7 +79,7 @@ Worker::Worker(Members members, NetworkTurn& turn, Network& network, BrokerGate&
 
 void Worker::start() {
     SignalsBlocked const inheritedByTheThread;
-    members_.thread = std::thread([this] { run(); });
+    members_.thread = std::thread([this] { loop(); });
 }
 
 void Worker::end() noexcept {
@@ -96,7 +96,7 @@ void Worker::end() noexcept {
     members_.thread.join();
 }
 
-void Worker::run() {
+int Worker::loop() {
     ::pthread_setname_np(::pthread_self(), "zym-mqtt");
     kernelId_ = static_cast<pid_t>(::syscall(SYS_gettid));
     while (!members_.stop) {
@@ -108,6 +108,7 @@ void Worker::run() {
     }
     finish();
     end_.reached();
+    return 0;
 }
 
 void Worker::networkStep() {

@@ -65,7 +65,7 @@ public:
     void connectionEnded(bool byDisconnect);
 
 private:
-    void run();
+    int loop();
     void networkStep();
     void completeConnection();
     void backOffAndReconnect();
