@@ -176,7 +176,7 @@ public:
     /// system tries, and then for `timeout`.
     /// @param host "" for the last one
     /// @param port negative for the last one
-    /// @param timeout seconds; 0 does not wait, all ones waits without limit
+    /// @param timeout seconds; 0 does not wait, `UINT32_MAX` waits without limit
     /// @return
     ///  - SUCCESS: connected, queued publications are sent;
     ///  - TIMEOUT: not yet; the client goes on trying;
@@ -185,20 +185,20 @@ public:
     ///  - INVALID_PARAMETER: the port is out of range; nothing was changed;
     ///  - any other: the broker library's code; the state is "connecting" and the client
     ///    tries again after 0.5, 2, 4.5, 8, 12.5, 15, 15, ... seconds. All clients of the
-    ///    process share one count of attempts, and the success of one client resets it; so does a
-    ///    TCP connection, even if the broker then refuses: an attempt follows each half second
-    ///    then.
+    ///    process share one count of attempts. A client that connects resets it. A TCP connection
+    ///    resets it too, even if the broker then refuses the client: the next attempt follows
+    ///    after half a second.
     Error connect(std::string host, int port, conv::SecondsDuration timeout);
 
     /// Ends the connection: no more retries, and the broker does not publish the will. Messages
     /// that arrive meanwhile are dropped; what is published from now on is queued, and so is what
     /// was queued and not sent yet. From here on the client does not become connected, unless
     /// `connect` is called again.
-    /// @param timeout seconds; 0 does not wait, all ones waits without limit. A subscriber that
+    /// @param timeout seconds; 0 does not wait, `UINT32_MAX` waits without limit. A subscriber that
     ///        keeps the worker busy adds up to a second.
-    /// @return SUCCESS, TIMEOUT, NO_CONN when there was no connection to end: retries that are
-    /// under
-    ///         way go on, see `giveUp`; CONNECTION_PENDING from inside a state listener
+    /// @return SUCCESS; TIMEOUT; CONNECTION_PENDING from inside a state listener; NO_CONN when
+    /// there
+    ///         was no connection to end: attempts to connect go on, `giveUp` ends them
     Error disconnect(conv::SecondsDuration timeout);
 
     /// Ends the attempts to connect, which `disconnect` does not end while there is no connection.
@@ -219,11 +219,12 @@ public:
     bool onWorkerThread() const;
 
     /// Adds a listener unless it is registered; null is ignored. From inside a listener it takes
-    /// effect with the next change; on any other thread it waits until no listener is being called.
+    /// effect with the next change of the state; on any other thread it waits until no listener is
+    /// being called.
     void registerListener(Listener* listener);
     /// Removes a listener; an unknown one is ignored. When it returns the listener is not
     /// being called and will not be, unless this is called from inside a listener: then it
-    /// takes effect with the next change.
+    /// takes effect with the next change of the state.
     void unregisterListener(Listener* listener);
 
     /// Sets the message that the broker publishes when this client's connection breaks.
@@ -261,7 +262,7 @@ public:
     /// The same, for those who do not need the message id.
     Error unsubscribe(Topic const& topic, Subscriber* subscriber);
     /// Like `unsubscribe`, and waits for the broker's acknowledgement.
-    /// @param timeout seconds; all ones waits without limit
+    /// @param timeout seconds; `UINT32_MAX` waits without limit
     /// @return as `unsubscribe`, or TIMEOUT
     Error unsubscribeWait(Topic const& topic, Subscriber* subscriber,
                           conv::SecondsDuration timeout);
@@ -286,7 +287,7 @@ public:
     /// waiting. When another publication, waited for or not, is acknowledged at the same moment,
     /// the wait may miss its own acknowledgement and end by time-out although the publication is
     /// done.
-    /// @param timeout seconds; 0 does not wait, all ones waits without limit
+    /// @param timeout seconds; 0 does not wait, `UINT32_MAX` waits without limit
     /// @return as `publish`, or TIMEOUT
     Error publishWait(Topic const& topic, std::string const& payload, int qos, bool retain,
                       conv::SecondsDuration timeout);

@@ -52,7 +52,7 @@ public:
 
     std::recursive_mutex& mutex() const { return mutex_; }
 
-    /// @param id passed to the listener with every message
+    /// @param id passed to the subscriber with every message
     /// @return as `MqttClient::subscribe`
     MqttClient::Error subscribe(int id, Lock& lock);
     /// @return as `MqttClient::unsubscribe`
@@ -89,7 +89,7 @@ public:
 
     /// Ends every subscription and waits for a delivery under way on another thread: afterwards
     /// nothing is delivered. For destructors of derived and owning classes, while everything that a
-    /// delivery uses still exists. Do not hold a lock that the listener takes.
+    /// delivery uses still exists. Do not hold a lock that the subscriber takes.
     void release() noexcept;
 
 protected:
@@ -106,7 +106,7 @@ protected:
     virtual void deserialize(Topic const& topic, std::string const& payload, bool empty) = 0;
     /// Writes the current value into the payload.
     virtual void serialize(Topic const& topic, std::string& payload) const = 0;
-    /// Releases the lock, then calls the listener, which may destroy the endpoint.
+    /// Releases the lock, then calls the subscriber, which may destroy the endpoint.
     virtual void notify(bool empty, int id, Lock& lock) = 0;
 
     /// Copies without subscribing. A derived class then calls `subscribeLike` at the end of its own

@@ -27,9 +27,10 @@ ZYM_MQTT_EXPORT extern char const* const REPLY_SUFFIX;   // ?=
 
 /// The payload of a request or a reply: members of its own in the JSON object of the message.
 ///
-/// Held by shared pointers. All messages of an endpoint are read into the same object, on the
-/// client's worker thread. The members "$reqId" and "$err" belong to the envelope; of a repeated
-/// key the first one counts, so a payload cannot change them.
+/// Held by shared pointers. A server reads all requests into one object, a client reads each reply
+/// into the object given to `request`; both on the MQTT client's worker thread. The members
+/// "$reqId" and "$err" belong to the envelope; of a repeated key the first one counts, so a payload
+/// cannot change them.
 class ZYM_MQTT_EXPORT RequestReplyData {
 public:
     RequestReplyData() = default;
@@ -106,7 +107,7 @@ public:
     /// @param base the topic that all topics of the service begin with
     /// @param name of the service
     /// @throws std::invalid_argument "Invalid Request/Reply name; should not contain any of '/'."
-    ///         when the name begins or ends with "/"
+    ///         when the name begins or ends with "/"; with a "/" inside, replies are lost
     RequestReply(MqttClient& client, Topic const& base, Topic const& subPath,
                  std::string const& name);
     virtual ~RequestReply();
@@ -135,9 +136,11 @@ private:
 /// Every operation may be called from any thread, also from inside a listener's call, but not from
 /// a communication state listener. On the MQTT client's worker thread, and in a listener's call on
 /// the timer's thread, the operations that wait do not wait: they time out at once. A listener is
-/// called with no lock held, on the thread that ends the request: the worker for a reply and for a
-/// time-out of `request`, the timer's thread for a time-out that the broker does not carry, the
-/// waiting thread for a time-out of `waitEndOfRequest`, or the caller of `cancel` or `terminate`.
+/// called with no lock held, on the thread that ends the request:
+///  - the worker for a reply and for a time-out of `request`;
+///  - the timer's thread when the time-out reply does not come back through the broker;
+///  - the waiting thread for a time-out of `waitEndOfRequest`;
+///  - the caller of `cancel` or `terminate`.
 /// What it throws is dropped.
 ///
 /// The client may be destroyed at any time, also from inside its listener's call. On another thread
@@ -182,8 +185,8 @@ public:
     /// When the time-out has passed, the client publishes a time-out reply, which ends the request
     /// when it comes back. If it does not come back within a second, it is published once more, and
     /// a second later the client ends the request itself. Without a connection a request does not
-    /// end: it is queued, and its time-out reply too. But a request with a topic that was refused
-    /// at once ends after its time-out, with or without a connection.
+    /// end: it is queued, and its time-out reply too. If the MQTT client has refused a topic of the
+    /// request, the request ends after its time-out, with or without a connection.
     /// @param listener may be null; must live until it is called
     /// @param clientUuid who sends the request; the last segment of the reply's topic
     /// @param requestData may be null
@@ -204,7 +207,7 @@ public:
 
     /// Sends a request and waits for its end. Passes on what writing the payload throws; then
     /// nothing has been sent.
-    /// @param timeout seconds; 0 does not wait, all ones waits without limit
+    /// @param timeout seconds; 0 does not wait, `UINT32_MAX` waits without limit
     /// @return the reply's code, TIMEOUT, BUSY or CANCELLED
     ErrorCode requestWait(zym::common::Uuid const& clientUuid, zym::common::Uuid const& serverUuid,
                           std::shared_ptr<RequestReplyData> requestData,
@@ -213,9 +216,9 @@ public:
 
     /// Waits for the end of the request that is under way now, and ends it with TIMEOUT when the
     /// wait times out. A later request is neither ended nor reported.
-    /// @param timeout seconds; 0 does not wait, all ones waits without limit
-    /// @return its outcome; at once that of the last request when none is under way, NONE before
-    ///         the first. A wait that times out in the instant in which its request ends returns
+    /// @param timeout seconds; 0 does not wait, `UINT32_MAX` waits without limit
+    /// @return its outcome. If no request is under way: at once the outcome of the last one, or
+    ///         NONE. A wait that times out in the instant in which its request ends returns
     ///         TIMEOUT, and so do later calls until the next request.
     ErrorCode waitEndOfRequest(conv::SecondsDuration const& timeout);
     /// The same for one request.
@@ -283,7 +286,7 @@ private:
     std::thread::id timerThread_ ZYM_MQTT_GUARDED_BY(mutex_);
     /// The timer's thread may still be inside a listener: `terminate` does not wait for it.
     std::atomic<bool> timerHasCalledListener_{false};
-    /// The subscription of an earlier request could not be ended.
+    /// Unsubscribing from the reply topic of an earlier request has failed.
     bool hasOldSubscription_ ZYM_MQTT_GUARDED_BY(mutex_) = false;
 };
 
@@ -293,8 +296,8 @@ private:
 ///
 /// ### Threads
 /// The listener is called with no lock held on the MQTT client's worker thread, which does nothing
-/// else meanwhile. Every other operation may be called from any thread, except that
-/// `unsubscribeWait` waits.
+/// else meanwhile. Every operation may be called from any thread; on the worker `unsubscribeWait`
+/// does not wait.
 ///
 /// The server may be destroyed at any time, also from inside its listener's call: that request then
 /// gets no reply. On another thread the destructor waits for such a call to return.

@@ -49,7 +49,7 @@ public:
     ServiceDiscovererMqtt& operator=(ServiceDiscovererMqtt const&) = delete;
 
     /// Discovers, and waits until that is complete.
-    /// @param timeout seconds; all ones waits without limit
+    /// @param timeout seconds; `UINT32_MAX` waits without limit
     /// @param withIdentification whether to read the identification of every entity
     /// @return false after the time-out; what has been found by then can be read
     bool discoverSync(conv::SecondsDuration timeout, bool withIdentification);

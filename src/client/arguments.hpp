@@ -20,10 +20,10 @@ MqttClient::Error checkPublication(Topic const& topic, std::size_t payloadSize, 
 /// would drop every connection because of it.
 MqttClient::Error checkSubscription(Topic const& topic);
 
-/// Checks that the library does not make, so they are made with a connection too. The library takes
-/// only the part of a topic before its first zero byte, and a large payload size for a negative
-/// one. Above QoS 0 it would keep a publication that is too large for its packet, and try to send
-/// it with every connection.
+/// Checks that the library does not make, so they are made with a connection too. The library reads
+/// a topic only to its first zero byte, and treats a very large payload size as negative. Above QoS
+/// 0 it would keep a publication that is too large for its packet, and try to send it with every
+/// connection.
 MqttClient::Error checkSizes(Topic const& topic, std::size_t payloadSize, int qos);
 
 } // namespace mqtt

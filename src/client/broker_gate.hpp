@@ -26,8 +26,9 @@ struct Submission {
 /// itself, and while TCP is connecting it writes packets ahead of CONNECT. So it is not called at
 /// all then.
 ///
-/// One lock guards the phase and the queue. It is held while the library is called: nothing comes
-/// between "no connection" and "queue sent". No other lock of the client is taken under it.
+/// One lock guards the phase and the queue. It is held while the library is called: no other thread
+/// can publish between the check for a connection and the sending of the queue. No other lock of
+/// the client is taken under it.
 class BrokerGate {
 public:
     using Error = MqttClient::Error;
@@ -54,7 +55,7 @@ public:
     /// @return the library's code; `errno` says more
     int disconnect();
     /// Whether a DISCONNECT packet was handed over since the last call or `forgetDisconnect`.
-    bool takeDisconnect() { return hasDisconnect_.exchange(false); }
+    bool consumeDisconnect() { return hasDisconnect_.exchange(false); }
     void forgetDisconnect() { hasDisconnect_ = false; }
 
     /// Worker: subscribes before the gate is online.

@@ -39,7 +39,7 @@ public:
     void giveUp() { givenUp_ = true; }
     bool isGivenUp() const { return givenUp_; }
     /// Whether there is a connection, or the search for one, that is not wanted.
-    bool isUnwanted() const { return givenUp_ && !isDisconnected(); }
+    bool hasUnwantedConnection() const { return givenUp_ && !isDisconnected(); }
 
     void add(Listener* listener);
     void remove(Listener* listener);

@@ -8,11 +8,11 @@ namespace mqtt {
 
 /// Decides which thread may use the broker library's network functions: the worker or one caller.
 ///
-/// The library publishes a socket before it is connected, so its `loop` must never run beside its
-/// `connect`: it would read, close or wait for a socket that is not connected yet. The worker takes
-/// the turn for every network step. A caller announces itself, and the worker then does not take
-/// the turn until the caller has given it back: a worker whose steps follow each other without a
-/// pause cannot keep a caller waiting.
+/// The library's object has a socket before that is connected, so its `loop` must never run beside
+/// its `connect`: it would read, close or wait for a socket that is not connected yet. The worker
+/// takes the turn for every network step. A caller announces itself, and the worker then does not
+/// take the turn until the caller has given it back: a worker whose steps follow each other without
+/// a pause cannot keep a caller waiting.
 class NetworkTurn {
 public:
     /// For the worker: takes the turn once no caller wants it.

@@ -32,7 +32,7 @@ public:
     /// Worker: hands a message to its subscribers.
     void deliver(Topic const& topic, std::string const& payload);
 
-    /// Keeps the registry as it is.
+    /// Locks the registry.
     std::unique_lock<std::recursive_mutex> lock() const { return std::unique_lock(mainMutex_); }
     /// Worker: subscribes everything at a broker that has just accepted the connection.
     /// @return false if the connection broke

@@ -6,7 +6,7 @@ namespace mqtt {
 /// lock guards it.
 ///
 /// Each thread notes its own acknowledgement, as the next one may come before the thread wakes up.
-/// The list takes no memory, because destructors wait too.
+/// The list allocates no memory, because destructors wait too.
 class UnsubscriptionWaits {
 public:
     /// One wait, from the request on. Made and destroyed with the lock held.

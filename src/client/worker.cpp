@@ -100,7 +100,7 @@ int Worker::loop() {
     ::pthread_setname_np(::pthread_self(), "zym-mqtt");
     kernelId_ = static_cast<pid_t>(::syscall(SYS_gettid));
     while (!members_.stop) {
-        if (members_.paused && !state_.isUnwanted()) {
+        if (members_.paused && !state_.hasUnwantedConnection()) {
             end_.sleep(PAUSE);
         } else {
             networkStep();
@@ -113,12 +113,12 @@ int Worker::loop() {
 
 void Worker::networkStep() {
     turn_.enter();
-    if (state_.isUnwanted() && gate_.disconnect() == NO_CONN) {
+    if (state_.hasUnwantedConnection() && gate_.disconnect() == NO_CONN) {
         // An earlier DISCONNECT packet may have been for a connection that never came up.
         gate_.goOffline();
         state_.set(ComState::DISCONNECTED);
     }
-    if (gate_.takeDisconnect()) {
+    if (gate_.consumeDisconnect()) {
         network_.writeDisconnect();
     }
     int const result = network_.step();
@@ -160,7 +160,7 @@ void Worker::backOffAndReconnect() {
 
 /// Lets the broker have the unsubscriptions of the destructor before the connection is closed.
 void Worker::finish() {
-    if (gate_.takeDisconnect()) {
+    if (gate_.consumeDisconnect()) {
         network_.writeDisconnect();
     }
     if (gate_.isOnline()) {

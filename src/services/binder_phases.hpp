@@ -71,17 +71,17 @@ struct BinderPhases final : zym::common::BinderProxy::Listener {
 
     /// For a new binding: waits for a thread that is about to end the last one in the base, and
     /// would end the new one instead. Without an unbinding in between the base refuses the new one.
-    /// @param seesBaseCalls whether the base calls this listener when the binding has ended
-    void waitForEndingThread(MutexLock& lock, bool seesBaseCalls) ZYM_MQTT_REQUIRES(mutex) {
+    /// @param baseCallsIt whether the base calls this listener when the binding has ended
+    void waitForEndingThread(MutexLock& lock, bool baseCallsIt) ZYM_MQTT_REQUIRES(mutex) {
         // Far longer than a thread takes from marking a binding as ended to ending it in the base.
         constexpr std::chrono::milliseconds endingTime{100};
-        if (!isUnboundMeanwhile || endingThread == std::this_thread::get_id()) {
+        if (!isUnboundFirst || endingThread == std::this_thread::get_id()) {
             return;
         }
         auto const hasEnded = [this]() ZYM_MQTT_REQUIRES(mutex) {
             return endingThread == std::thread::id();
         };
-        if (seesBaseCalls) {
+        if (baseCallsIt) {
             changed.wait(lock, hasEnded);
         } else { // It may be in a long call of another listener, and is harmless then.
             changed.wait_for(lock, endingTime, hasEnded);
@@ -90,7 +90,7 @@ struct BinderPhases final : zym::common::BinderProxy::Listener {
 
     unsigned int beginBinding(bool waitsForReply) ZYM_MQTT_REQUIRES(mutex) {
         endingThread = std::thread::id();
-        isUnboundMeanwhile = false;
+        isUnboundFirst = false;
         return binding.begin(waitsForReply);
     }
 
@@ -112,10 +112,10 @@ struct BinderPhases final : zym::common::BinderProxy::Listener {
     bool unbindingIsCancelled ZYM_MQTT_GUARDED_BY(mutex) = false;
     /// Threads that read the time for a binding.
     int timeReaders ZYM_MQTT_GUARDED_BY(mutex) = 0;
-    /// Is about to end the last binding in the base.
+    /// The thread that is about to end the last binding in the base.
     std::thread::id endingThread ZYM_MQTT_GUARDED_BY(mutex);
     /// An unbinding has ended that binding in the base before `endingThread` did.
-    bool isUnboundMeanwhile ZYM_MQTT_GUARDED_BY(mutex) = false;
+    bool isUnboundFirst ZYM_MQTT_GUARDED_BY(mutex) = false;
     std::condition_variable changed; ///< `timeReaders`, `endingThread`
 };
 

@@ -1,9 +1,8 @@
 // The base keeps track of the phases of a binding. This class begins and ends them, and carries
 // their messages.
 //
-// - `phases_->mutex` is held from the begin of a phase until its request has been sent: an
-// unbinding
-//   finds either the request of the binding that it cancels, or no binding. The mutex is taken
+// - `phases_->mutex` is held from the begin of a phase until its request has been sent. So an
+//   unbinding finds either the request of the binding that it cancels, or no binding. It is taken
 //   before the request clients' and the MQTT client's locks, and is never held while the listener
 //   can be called.
 // - A phase is ended once, by the thread that first marks it as ended here. The base does not tell
@@ -154,8 +153,8 @@ BinderMqttProxy::Begun BinderMqttProxy::beginBinding(Uuid const& server,
     Begun begun;
     try {
         MutexLock lock(phases_->mutex);
-        bool const seesBaseCalls = typeid(*this) == typeid(BinderMqttProxy);
-        phases_->waitForEndingThread(lock, seesBaseCalls);
+        bool const baseCallsIt = typeid(*this) == typeid(BinderMqttProxy);
+        phases_->waitForEndingThread(lock, baseCallsIt);
         begun.error = phases_->terminated ? Binder::Error::CANCELLED : startBinding(server);
         if (begun.error != Binder::Error::SUCCESS) {
             return begun;
@@ -170,8 +169,7 @@ BinderMqttProxy::Begun BinderMqttProxy::beginBinding(Uuid const& server,
         endBindingPhase(begun.phase, Binder::Error::FAILED);
         throw;
     }
-    // A derived class has ended the last binding by itself: its request must not block the next
-    // one.
+    // If a derived class ended the last binding itself, its request may still be under way.
     if (begun.code == ErrorCode::BUSY) {
         bindClient_.cancel();
     }
@@ -213,7 +211,7 @@ bool BinderMqttProxy::readTime(unsigned int phase, bool blocking) {
     bool done = false;
     try {
         auto const server = serverUuid();
-        // A derived class that has ended a binding by itself may have left it running.
+        // If a derived class ended the last binding itself, the time base may still run.
         timeBase_.stop();
         done = blocking ? timeBase_.synchronize(server, SYNCHRONIZATION_TIMEOUT)
                         : timeBase_.startSync(server);
@@ -235,7 +233,7 @@ void BinderMqttProxy::endBindingPhase(unsigned int phase, Binder::Error error) {
         }
         phases_->binding.state = BinderPhases::State::ENDED;
         phases_->endingThread = std::this_thread::get_id();
-        phases_->isUnboundMeanwhile = false;
+        phases_->isUnboundFirst = false;
     }
     callUser([this, error] { endBinding(error); });
     if (call.isObjectAlive()) {
@@ -330,8 +328,8 @@ void BinderMqttProxy::endUnbindingPhase(unsigned int phase, Binder::Error error)
         phases_->unbinding.state = BinderPhases::State::ENDED;
         if (isUnbound) {
             phases_->binding.state = BinderPhases::State::ENDED;
-            phases_->isUnboundMeanwhile = phases_->endingThread != std::thread::id()
-                                          && phases_->endingThread != std::this_thread::get_id();
+            phases_->isUnboundFirst = phases_->endingThread != std::thread::id()
+                                      && phases_->endingThread != std::this_thread::get_id();
         }
     }
     if (isUnbound) {
@@ -340,8 +338,8 @@ void BinderMqttProxy::endUnbindingPhase(unsigned int phase, Binder::Error error)
     callUser([this, error] { endUnbinding(error); });
 }
 
-/// After the end of a binding. A thread that is about to read the time for it has to be stopped
-/// again once it does.
+/// After the end of a binding. A thread may be about to read the time for it: the time base is
+/// stopped again when that has started.
 void BinderMqttProxy::stopTimeBase() {
     bool isLast = false;
     while (!isLast) {
@@ -384,7 +382,7 @@ void BinderMqttProxy::onReply(unsigned int requestId, std::string const& name,
 
 void BinderMqttProxy::onTimeSynchronized() {
     ActiveCalls::Call const call(calls_);
-    // The time base does not call for a run that was stopped: it is the last binding.
+    // The time base does not report a stopped run, so this call is for the last binding.
     unsigned int phase = synchronizedBinding.phase;
     if (synchronizedBinding.proxy != this) {
         MutexLock const lock(phases_->mutex);
