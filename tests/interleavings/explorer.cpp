@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -20,7 +21,6 @@
 #include <iostream>
 #include <map>
 #include <random>
-#include <regex>
 #include <sstream>
 #include <system_error>
 #include <utility>
@@ -65,6 +65,19 @@ std::string failureOf(RunRecord const& record, int status) {
                                                                              : "ends the process";
 }
 
+/// Whether it reads like "file.cpp:12".
+bool isSourceLine(std::string const& place) {
+    return place.find(".cpp:") != std::string::npos || place.find(".hpp:") != std::string::npos;
+}
+
+bool isOfTheExplorer(std::string const& place) {
+    constexpr std::array<char const*, 6> files{"allocations.", "explorer.", "intercepted.",
+                                               "main.",        "scenario.", "scheduler."};
+    return place.find("wait") != std::string::npos
+           || std::any_of(files.begin(), files.end(),
+                          [&](char const* file) { return place.rfind(file, 0) == 0; });
+}
+
 /// File and line of a frame; empty when it belongs to the explorer or a system library.
 std::string const& placeOf(void* frame) {
     static std::map<void*, std::string> places;
@@ -72,10 +85,7 @@ std::string const& placeOf(void* frame) {
     std::istringstream lines(isNew ? support::describeFrame(frame) : "");
     for (std::string line; entry->second.empty() && std::getline(lines, line);) {
         auto const place = line.substr(line.rfind(' ') + 1);
-        bool const isExplorers = std::regex_search(
-            place,
-            std::regex("^(allocations|explorer|intercepted|main|scenario|scheduler)[.]|wait"));
-        if (std::regex_search(place, std::regex("[.][ch]pp:")) && !isExplorers) {
+        if (isSourceLine(place) && !isOfTheExplorer(place)) {
             entry->second = place;
         }
     }
