@@ -23,8 +23,8 @@ public:
     /// registry, so that a subscriber retires either before the copy is made or out of the copy.
     void prepare(std::vector<Receiver> const& receivers);
 
-    /// Worker: calls them. What a receiver throws ends its own call only: it would leave through
-    /// the broker library, which holds a lock of its own then, and block the client for ever.
+    /// Worker: calls them. An exception of a receiver ends only its own call: if it
+    /// left the broker library's callback, a mutex of that library would stay locked for ever.
     void deliver(Topic const& topic, std::string const& payload);
 
     /// Makes sure that `subscriber` is not called any more; with `wait`, also that it is not
