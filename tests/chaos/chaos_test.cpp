@@ -151,7 +151,7 @@ TEST_F(AChaosRun, LosesNothing) {
     auto const after = resourcesAfter(threads);
 
     std::cout << "\nchaos: report, " << length_.count() << " s, seed " << seed_ << '\n';
-    report.print(std::cout);
+    report.print();
     std::cout << EXPLANATION << "\n  before: " << before << "\n  first pause: " << *firstPause_
               << "\n  last pause: " << *lastPause_ << "\n  after: " << after << "\n"
               << std::endl;
