@@ -70,7 +70,7 @@ struct Objects {
     mqtt::RequestReplyServer& makeServer();
     mqtt::SynchronizedTimeBaseMqttProxy& makeTimeProxy();
     CountingTimeBase& makeTimeBase();
-    mqtt::BinderMqttProxy& makeBinder();
+    mqtt::BinderMqttProxy& makeBinder(std::string const& serverTopic = "far");
     mqtt::ServiceDiscovererMqtt& makeDiscoverer(std::string const& topic);
     mqtt::TopicCleaner& makeCleaner();
     zym::common::Timer& makeTimer();
@@ -106,8 +106,6 @@ public:
     CallbackTest();
 
     std::string topic(std::string const& below) const { return root + "/" + below; }
-    /// The result that the verdict predicts.
-    mqtt::MqttClient::Error expected() const;
     /// Returns when the client has handled all that was published through it before at QoS 0.
     void flush();
     /// Whether publishing on this topic makes `objects.events` record the event.
@@ -120,7 +118,6 @@ public:
     void sendRequest(std::string const& topic);
 
     std::string const root;
-    bool onWorker = false;   ///< the call is made on the client's worker thread
     bool sameObject = false; ///< the call is made in a callback of the very object
     Verdict verdict = Verdict::WORKS;
     support::RawPeer peer{device().broker};
