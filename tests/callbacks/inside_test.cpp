@@ -118,9 +118,9 @@ private:
         objects.events.setHook(
             [&, begin = inDisconnection ? "state 1" : callback_.event](std::string const& event) {
                 // More events may come while the operation is called.
-                if (event.rfind(begin, 0) == 0 && !begun.exchange(true)) {
+                if (event.rfind(begin, 0) == 0 && !begun_.exchange(true)) {
                     call(test);
-                    set(called);
+                    set(called_);
                 }
             });
         if (inDisconnection) {
@@ -130,7 +130,7 @@ private:
         } else {
             callback_.provoke(test, objects);
         }
-        ASSERT_TRUE(called.waitFor(support::isSet));
+        ASSERT_TRUE(called_.waitFor(support::isSet));
     }
 
     static void provokeDisconnection(CallbackTest& test, Objects& objects) {
@@ -170,6 +170,8 @@ private:
     Operation const operation_;
     Verdict const verdict_;
     bool const disconnected_; ///< the operation needs a client that is disconnected
+    std::atomic<bool> begun_{false};
+    support::Watched<bool> called_;
 };
 
 /// The cell of the table; "" when it has no such operation.
