@@ -89,6 +89,13 @@ protected:
         t.peer.publish(t.topic("end"), "", 2);
     }
 
+    /// Several threads end an object while another one uses it.
+    template <class Object>
+    static void endAtOnce(Object& object, Repeated const& use) {
+        auto const end = [&object] { object.terminate(); };
+        allAtOnce({{end, 1}, {end, 1}, use});
+    }
+
     static void ignore(Error /*result*/) {}
 
     CallbackTest t;
@@ -177,9 +184,7 @@ TEST_F(AllAtOnce, RequestReplyClient) {
                {[&] { requester.cancel(); }}});
     requester.cancel();
     EXPECT_EQ(request(), Code::SUCCESS);
-    allAtOnce({{[&] { requester.terminate(); }, 1}, {[&] { requester.terminate(); }, 1}, {[&] {
-                   request();
-               }}});
+    endAtOnce(requester, {[&] { request(); }});
     EXPECT_EQ(request(), Code::CANCELLED);
 }
 
@@ -213,9 +218,7 @@ TEST_F(AllAtOnce, SynchronizedTimeBaseMqttProxy) {
                {[&] { proxy.timeBase(); }}});
     proxy.stop();
     EXPECT_TRUE(proxy.synchronize(id, TIMEOUT_S));
-    allAtOnce({{[&] { proxy.terminate(); }, 1},
-               {[&] { proxy.terminate(); }, 1},
-               {[&] { proxy.stop(); }, 1}});
+    endAtOnce(proxy, {[&] { proxy.stop(); }});
     EXPECT_FALSE(proxy.startSync(id));
 }
 
@@ -247,9 +250,7 @@ TEST_F(AllAtOnce, BinderMqttProxy) {
     EXPECT_TRUE(support::eventually(
         [&] { return binder.unbindSync(TIMEOUT_S) == Binder::Error::NOT_BOUND; }));
     EXPECT_EQ(binder.bindSync(id, TIMEOUT_S), Binder::Error::SUCCESS);
-    allAtOnce({{[&] { binder.terminate(); }, 1},
-               {[&] { binder.terminate(); }, 1},
-               {[&] { binder.unbind(TIMEOUT_S); }, 1}});
+    endAtOnce(binder, {[&] { binder.unbind(TIMEOUT_S); }});
     EXPECT_EQ(binder.bind(id, TIMEOUT_S), Binder::Error::CANCELLED);
 }
 
@@ -277,10 +278,11 @@ TEST_F(AllAtOnce, TopicCleaner) {
     };
     allAtOnce({{clean, 10}, {clean, 10}, {[&] { cleaner.waitAllTasks(milliseconds(1)); }}});
     EXPECT_TRUE(cleaner.waitAllTasks(std::chrono::seconds(TIMEOUT_S)));
-    allAtOnce({{[&] { cleaner.terminate(); }, 1},
-               {[&] { cleaner.terminate(); }, 1},
-               {clean, 1},
-               {[&] { cleaner.waitAllTasks(std::chrono::hours(1)); }, 1}});
+    endAtOnce(cleaner, {[&] {
+                            clean();
+                            cleaner.waitAllTasks(std::chrono::hours(1));
+                        },
+                        1});
     EXPECT_TRUE(cleaner.waitAllTasks(std::chrono::hours(1)));
 }
 
@@ -292,10 +294,10 @@ TEST_F(AllAtOnce, Timer) {
     t.events.clear();
     t.objects.restartTimer(milliseconds::zero(), true);
     EXPECT_TRUE(t.events.waitFor("timer"));
-    allAtOnce({{[&] { timer.terminate(); }, 1},
-               {[&] { timer.terminate(); }, 1},
-               {[&] { t.objects.restartTimer(milliseconds::zero(), true); }},
-               {[&] { timer.stop(); }}});
+    endAtOnce(timer, {[&] {
+                  t.objects.restartTimer(milliseconds::zero(), true);
+                  timer.stop();
+              }});
 }
 
 /// The destruction of an object waits for the end of a call that it makes.
