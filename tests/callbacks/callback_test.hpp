@@ -60,21 +60,13 @@ struct SharedDevice {
 /// Made at the first call; destroyed at the end of all tests.
 SharedDevice& device();
 
-/// One object of each class, below a topic of their own, each made when it is needed.
+/// One object of each class, below a topic of their own.
 struct Objects {
-    Objects(std::unique_ptr<mqtt::MqttClient> const& on, std::string below, EventRecorder& listener)
-        : client(on), root(std::move(below)), events(listener) {}
+    Objects(std::unique_ptr<mqtt::MqttClient> const& on, std::string below,
+            EventRecorder& listener);
 
-    mqtt::MqttData<mqtt::Link>& makeEndpoint();
-    mqtt::RequestReplyClient& makeRequester(std::string const& service);
-    mqtt::RequestReplyServer& makeServer();
-    mqtt::SynchronizedTimeBaseMqttProxy& makeTimeProxy();
-    CountingTimeBase& makeTimeBase();
-    mqtt::BinderMqttProxy& makeBinder(std::string const& serverTopic = "far");
-    mqtt::ServiceDiscovererMqtt& makeDiscoverer(std::string const& topic);
-    mqtt::TopicCleaner& makeCleaner();
-    zym::common::Timer& makeTimer();
-
+    /// Destroys those that use the client.
+    void destroyUsersOfClient();
     void restartTimer(std::chrono::milliseconds period, bool once) const;
     mqtt::RequestReply::ErrorCode request() const;
     mqtt::MqttClient::Error serve();
@@ -84,12 +76,12 @@ struct Objects {
     EventRecorder& events;
     zym::common::Uuid const id = support::uniqueId();
     std::unique_ptr<mqtt::MqttData<mqtt::Link>> endpoint;
-    std::unique_ptr<mqtt::RequestReplyClient> requester;
+    std::unique_ptr<mqtt::RequestReplyClient> requester; ///< of the shared device's "echo"
     std::unique_ptr<mqtt::RequestReplyServer> server;
     std::unique_ptr<mqtt::SynchronizedTimeBaseMqttProxy> timeProxy;
     std::unique_ptr<CountingTimeBase> timeBase;
     std::unique_ptr<mqtt::BinderMqttProxy> binder;
-    std::unique_ptr<mqtt::ServiceDiscovererMqtt> discoverer;
+    std::unique_ptr<mqtt::ServiceDiscovererMqtt> discoverer; ///< of the shared device's entities
     std::future<bool> discovery;
     std::unique_ptr<mqtt::TopicCleaner> cleaner;
     std::unique_ptr<zym::common::Timer> timer;
@@ -114,6 +106,8 @@ public:
     std::size_t countAtPeer(std::string const& topic) const;
     /// Connects the client if it is not, and destroys it: the broker publishes its will.
     void destroyConnectedClient();
+    /// With all that use it.
+    void destroyClient();
     /// Publishes a request as another client would, and returns when it was handled.
     void sendRequest(std::string const& topic);
 

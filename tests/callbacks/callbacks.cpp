@@ -18,7 +18,7 @@ void receiveMessage(Test& t, Objects& objects) {
 }
 
 void receiveValue(Test& t, Objects& objects) {
-    EXPECT_EQ(objects.makeEndpoint().subscribe(&objects.events, 1), Error::SUCCESS);
+    EXPECT_EQ(objects.endpoint->subscribe(&objects.events, 1), Error::SUCCESS);
     publish(t, objects.root + "/value", R"({"@id": "go"})");
 }
 
@@ -37,37 +37,37 @@ void receiveRequest(Test& t, Objects& objects) {
 }
 
 void request(Test& /*test*/, Objects& objects) {
-    objects.makeRequester("echo");
     EXPECT_EQ(objects.request(), Code::PENDING);
 }
 
 void requestAndCancel(Test& /*test*/, Objects& objects) {
-    auto& requester = objects.makeRequester("nobody");
+    objects.requester =
+        std::make_unique<mqtt::RequestReplyClient>(*objects.client, "far", "", "nobody");
     EXPECT_EQ(objects.request(), Code::PENDING);
-    EXPECT_EQ(requester.cancel(), Code::SUCCESS);
+    EXPECT_EQ(objects.requester->cancel(), Code::SUCCESS);
 }
 
 /// The timer ends the request.
 void requestOnInvalidTopic(Test& /*test*/, Objects& objects) {
-    EXPECT_EQ(objects.makeRequester("+").request(&objects.events, objects.id,
-                                                 zym::common::Uuid::NIL, nullptr, nullptr, nullptr,
-                                                 0),
+    objects.requester = std::make_unique<mqtt::RequestReplyClient>(*objects.client, "far", "", "+");
+    EXPECT_EQ(objects.requester->request(&objects.events, objects.id, zym::common::Uuid::NIL,
+                                         nullptr, nullptr, nullptr, 0),
               Code::PENDING);
 }
 
 void synchronize(Test& /*test*/, Objects& objects) {
-    objects.makeTimeProxy().stop();
+    objects.timeProxy->stop();
     EXPECT_TRUE(objects.timeProxy->startSync(device().id));
 }
 
 /// What comes before depends on the last time; it has no effect the first time.
 void bind(Test& /*test*/, Objects& objects) {
-    objects.makeBinder().unbindSync(TIMEOUT_S);
+    objects.binder->unbindSync(TIMEOUT_S);
     EXPECT_EQ(objects.binder->bind(device().id, TIMEOUT_S), Binding::SUCCESS);
 }
 
 void bindSync(Test& /*test*/, Objects& objects) {
-    objects.makeBinder().unbindSync(TIMEOUT_S);
+    objects.binder->unbindSync(TIMEOUT_S);
     EXPECT_EQ(objects.binder->bindSync(device().id, TIMEOUT_S), Binding::SUCCESS);
 }
 
@@ -81,24 +81,29 @@ void unbindSync(Test& t, Objects& objects) {
     EXPECT_EQ(objects.binder->unbindSync(TIMEOUT_S), Binding::SUCCESS);
 }
 
+mqtt::BinderMqttProxy& binderOnInvalidTopic(Objects& objects) {
+    objects.binder = std::make_unique<mqtt::BinderMqttProxy>(
+        *objects.client, "far/+", "", objects.id, objects.root + "/bound", &objects.events);
+    return *objects.binder;
+}
+
 void bindOnInvalidTopic(Test& /*test*/, Objects& objects) {
-    EXPECT_EQ(objects.makeBinder("far/+").bind(device().id, 0), Binding::SUCCESS);
+    EXPECT_EQ(binderOnInvalidTopic(objects).bind(device().id, 0), Binding::SUCCESS);
 }
 
 void unbindOnInvalidTopic(Test& /*test*/, Objects& objects) {
-    EXPECT_EQ(objects.makeBinder("far/+").bind(device().id, HOUR_S), Binding::SUCCESS);
+    EXPECT_EQ(binderOnInvalidTopic(objects).bind(device().id, HOUR_S), Binding::SUCCESS);
     EXPECT_EQ(objects.binder->unbind(0), Binding::SUCCESS);
 }
 
 void clean(Test& t, Objects& objects) {
     auto const topic = objects.root + "/go";
     t.peer.publish(topic, "now", 2, true);
-    objects.makeCleaner().clean(topic, milliseconds::zero());
+    objects.cleaner->clean(topic, milliseconds::zero());
 }
 
 /// A timer that is used in its own callback goes on, unless it is stopped there.
 void startTimer(Test& t, Objects& objects) {
-    objects.makeTimer();
     objects.restartTimer(milliseconds(t.sameObject ? 1 : 0), !t.sameObject);
 }
 

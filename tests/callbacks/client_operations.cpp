@@ -75,10 +75,6 @@ void resumeAndFlush(Test& t) {
     t.flush();
 }
 
-void makeEndpoint(Test& t) {
-    t.objects.makeEndpoint();
-}
-
 void setValue(Test& t) {
     mqtt::MqttDataBase::Lock const lock(t.objects.endpoint->mutex());
     t.objects.endpoint->value.id = "mine";
@@ -100,7 +96,7 @@ Error makeValueTheWill(Test& t) {
 }
 
 void subscribeEndpoint(Test& t) {
-    auto& endpoint = t.objects.makeEndpoint();
+    auto& endpoint = *t.objects.endpoint;
     if (!t.sameObject) {
         EXPECT_EQ(endpoint.subscribe(&t.events, 1), Error::SUCCESS);
         EXPECT_TRUE(t.causes("value new", t.topic("value"), LINK));
@@ -179,22 +175,22 @@ Operations clientOperations() {
         {"MqttClient/setWill", nothing, setWill, expectWill, Kind::WHILE_DISCONNECTED},
         {"MqttClient/clearWill", prepareWill, [](Test& t) { return t.client->clearWill(); },
          expectNoWill, Kind::WHILE_DISCONNECTED},
-        {"MqttClient/destroy", nothing, [](Test& t) { t.client.reset(); }, nothing},
+        {"MqttClient/destroy", nothing, [](Test& t) { t.destroyClient(); }, nothing},
     };
 }
 
 Operations dataOperations() {
     return {
-        {"MqttData/publish", makeEndpoint, publishValue, expectValueAtPeer},
-        {"MqttData/publishWait", makeEndpoint, publishValueWait, expectValueAtPeer,
+        {"MqttData/publish", nothing, publishValue, expectValueAtPeer},
+        {"MqttData/publishWait", nothing, publishValueWait, expectValueAtPeer,
          Kind::SUCCEEDS_IN_VAIN},
-        {"MqttData/clean", makeEndpoint, [](Test& t) { return t.objects.endpoint->clean(); },
+        {"MqttData/clean", nothing, [](Test& t) { return t.objects.endpoint->clean(); },
          expectCleaned},
-        {"MqttData/cleanWait", makeEndpoint,
-         [](Test& t) { return t.objects.endpoint->cleanWait(); }, expectCleaned},
-        {"MqttData/setCurrentValueAsWill", makeEndpoint, makeValueTheWill, expectValueAsWill,
+        {"MqttData/cleanWait", nothing, [](Test& t) { return t.objects.endpoint->cleanWait(); },
+         expectCleaned},
+        {"MqttData/setCurrentValueAsWill", nothing, makeValueTheWill, expectValueAsWill,
          Kind::WHILE_DISCONNECTED},
-        {"MqttData/subscribe", makeEndpoint,
+        {"MqttData/subscribe", nothing,
          [](Test& t) { return t.objects.endpoint->subscribe(&t.events, 2); }, expectValue},
         {"MqttData/unsubscribe", subscribeEndpoint,
          [](Test& t) { return t.objects.endpoint->unsubscribe(); }, expectNoValue},

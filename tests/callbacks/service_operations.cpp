@@ -14,14 +14,13 @@ namespace {
 
 // Requests
 
-void makeRequester(Test& t) {
-    t.objects.makeRequester("echo");
-}
-
 /// For a service without a server; in its own callback, which is a reply, for one that exists:
 /// the next reply cannot arrive before that callback returns.
 void makeUnansweredRequester(Test& t) {
-    t.objects.makeRequester(t.sameObject ? "echo" : "nobody");
+    if (!t.sameObject) {
+        t.objects.requester =
+            std::make_unique<mqtt::RequestReplyClient>(*t.client, "far", "", "nobody");
+    }
 }
 
 /// Begins a request, unless one is under way, and ends it by a function of the request client.
@@ -80,19 +79,13 @@ void serve(Test& t) {
 
 // Time bases
 
-void makeTimeProxy(Test& t) {
-    t.objects.makeTimeProxy();
-}
-
 void synchronize(Test& t) {
-    auto& proxy = t.objects.makeTimeProxy();
-    EXPECT_TRUE(t.sameObject || proxy.synchronize(device().id, TIMEOUT_S));
+    EXPECT_TRUE(t.sameObject || t.objects.timeProxy->synchronize(device().id, TIMEOUT_S));
 }
 
 /// Of a time base that does not exist: an exchange stays under way.
 void beginToSynchronize(Test& t) {
-    auto& proxy = t.objects.makeTimeProxy();
-    EXPECT_TRUE(t.sameObject || proxy.startSync(t.objects.id));
+    EXPECT_TRUE(t.sameObject || t.objects.timeProxy->startSync(t.objects.id));
 }
 
 void noteTimeReads(Test& t) {
@@ -109,9 +102,8 @@ void expectNoSynchronization(Test& t) {
 }
 
 void offerTime(Test& t) {
-    auto const& timeBase = t.objects.makeTimeBase();
     t.sendRequest(t.topic(t.objects.id.base64URL() + "/timeSync?\?"));
-    EXPECT_EQ(timeBase.reads, 1);
+    EXPECT_EQ(t.objects.timeBase->reads, 1);
 }
 
 void expectNoTime(Test& t) {
@@ -121,14 +113,9 @@ void expectNoTime(Test& t) {
 
 // Bindings
 
-void makeBinder(Test& t) {
-    t.objects.makeBinder();
-}
-
 void bind(Test& t) {
-    auto& binder = t.objects.makeBinder();
     if (!t.sameObject) {
-        EXPECT_EQ(binder.bindSync(device().id, TIMEOUT_S), Binding::SUCCESS);
+        EXPECT_EQ(t.objects.binder->bindSync(device().id, TIMEOUT_S), Binding::SUCCESS);
     }
 }
 
@@ -142,12 +129,8 @@ void expectUnbound(Test& t) {
 
 // Discovery
 
-void makeDiscoverer(Test& t) {
-    t.objects.makeDiscoverer("far/links");
-}
-
 void discover(Test& t) {
-    EXPECT_TRUE(t.objects.makeDiscoverer("far/links").discoverSync(TIMEOUT_S, true));
+    EXPECT_TRUE(t.objects.discoverer->discoverSync(TIMEOUT_S, true));
 }
 
 bool hasEntities(Test& t) {
@@ -161,7 +144,9 @@ void expectEntities(Test& t) {
 
 /// Without limit: the one entity does not answer.
 void beginToDiscover(Test& t) {
-    auto& discoverer = t.objects.makeDiscoverer(t.topic("links"));
+    t.objects.discoverer =
+        std::make_unique<mqtt::ServiceDiscovererMqtt>(*t.client, t.topic("links"));
+    auto& discoverer = *t.objects.discoverer;
     t.peer.publish(t.topic("links"),
                    R"({"members@count": 1, "members": [{"@id": ")" + t.topic("silent") + "\"}]}", 2,
                    true);
@@ -179,7 +164,6 @@ void expectDiscoveryEnded(Test& t) {
 
 /// With a message on the topic the cleaner calls its listener at once.
 void retain(Test& t) {
-    t.objects.makeCleaner();
     t.peer.publish(t.topic("old"), "old", 2, true);
 }
 
@@ -204,7 +188,7 @@ bool waitAllTasks(Test& t) {
 /// In its own callback it is at work anyway.
 void beginToClean(Test& t) {
     if (!t.sameObject) {
-        t.objects.makeCleaner().clean(t.topic("for ever"), hours(1));
+        t.objects.cleaner->clean(t.topic("for ever"), hours(1));
     }
 }
 
@@ -215,17 +199,12 @@ void expectNoCleaning(Test& t) {
 
 // Timers
 
-void makeTimer(Test& t) {
-    t.objects.makeTimer();
-}
-
 void restartTimer(Test& t) {
     t.objects.restartTimer(milliseconds::zero(), true);
 }
 
 void runTimer(Test& t) {
     if (!t.sameObject) {
-        t.objects.makeTimer();
         t.objects.restartTimer(milliseconds(1), false);
         EXPECT_TRUE(t.events.waitFor("timer"));
     }
@@ -233,7 +212,6 @@ void runTimer(Test& t) {
 
 /// One more call may have been decided on before the timer was stopped.
 void expectNoExpiry(Test& t) {
-    t.callers.makeTimer();
     auto const before = t.events.count("timer");
     t.callersEvents.clear();
     t.callers.restartTimer(milliseconds(20), true);
@@ -255,10 +233,10 @@ void flush(Test& t) {
 
 Operations requestReplyOperations() {
     return {
-        {"RequestReplyClient/request", makeRequester, [](Test& t) { return t.objects.request(); },
+        {"RequestReplyClient/request", nothing, [](Test& t) { return t.objects.request(); },
          [](Test& t) { EXPECT_TRUE(t.events.waitFor("reply 1")); }},
-        {"RequestReplyClient/requestWait", makeRequester, requestWait, nothing},
-        {"RequestReplyClient/waitEndOfRequest", makeRequester, waitEndOfRequest, nothing},
+        {"RequestReplyClient/requestWait", nothing, requestWait, nothing},
+        {"RequestReplyClient/waitEndOfRequest", nothing, waitEndOfRequest, nothing},
         {"RequestReplyClient/cancel", makeUnansweredRequester,
          requestAnd([](auto& requester) { EXPECT_EQ(requester->cancel(), Code::SUCCESS); }),
          expectCancelled},
@@ -284,10 +262,10 @@ Operations requestReplyOperations() {
 
 Operations timeBaseOperations() {
     return {
-        {"SynchronizedTimeBaseMqttProxy/startSync", makeTimeProxy,
+        {"SynchronizedTimeBaseMqttProxy/startSync", nothing,
          [](Test& t) { return t.objects.timeProxy->startSync(device().id); },
          [](Test& t) { EXPECT_TRUE(t.events.waitFor("synchronized")); }},
-        {"SynchronizedTimeBaseMqttProxy/synchronize", makeTimeProxy,
+        {"SynchronizedTimeBaseMqttProxy/synchronize", nothing,
          [](Test& t) { return t.objects.timeProxy->synchronize(device().id, HOUR_S); }, nothing},
         {"SynchronizedTimeBaseMqttProxy/stop", synchronize,
          [](Test& t) { return t.objects.timeProxy->stop(); },
@@ -313,9 +291,9 @@ Operations timeBaseOperations() {
 
 Operations binderOperations() {
     return {
-        {"BinderMqttProxy/bind", makeBinder,
+        {"BinderMqttProxy/bind", nothing,
          [](Test& t) { return t.objects.binder->bind(device().id, TIMEOUT_S); }, expectBound},
-        {"BinderMqttProxy/bindSync", makeBinder,
+        {"BinderMqttProxy/bindSync", nothing,
          [](Test& t) { return t.objects.binder->bindSync(device().id, HOUR_S); }, expectBound},
         {"BinderMqttProxy/unbind", bind,
          [](Test& t) { return t.objects.binder->unbind(TIMEOUT_S); }, expectUnbound},
@@ -344,9 +322,9 @@ Operations binderOperations() {
 
 Operations discoveryOperations() {
     return {
-        {"ServiceDiscovererMqtt/discoverSync", makeDiscoverer,
+        {"ServiceDiscovererMqtt/discoverSync", nothing,
          [](Test& t) { return t.objects.discoverer->discoverSync(HOUR_S, true); }, expectEntities},
-        {"ServiceDiscovererMqtt/waitChange", makeDiscoverer,
+        {"ServiceDiscovererMqtt/waitChange", nothing,
          [](Test& t) { return t.objects.discoverer->waitChange(HOUR_S, true); }, expectEntities},
         {"ServiceDiscovererMqtt/links", discover,
          [](Test& t) { return t.objects.discoverer->links().size() == 2; }, nothing},
@@ -374,7 +352,7 @@ Operations cleanerOperations() {
 
 Operations timerOperations() {
     return {
-        {"Timer/restart", makeTimer, restartTimer,
+        {"Timer/restart", nothing, restartTimer,
          [](Test& t) { EXPECT_TRUE(t.events.waitFor("timer")); }},
         {"Timer/stop", runTimer, [](Test& t) { t.objects.timer->stop(); }, expectNoExpiry},
         {"Timer/terminate", runTimer, [](Test& t) { t.objects.timer->terminate(); },
