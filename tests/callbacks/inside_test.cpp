@@ -113,8 +113,6 @@ private:
     void callInside(CallbackTest& test) {
         auto& objects = test.sameObject ? test.objects : test.callers;
         bool const inDisconnection = column_ == STATE && disconnected_;
-        support::Watched<bool> called(false);
-        std::atomic<bool> begun{false};
         objects.events.setHook(
             [&, begin = inDisconnection ? "state 1" : callback_.event](std::string const& event) {
                 // More events may come while the operation is called.
