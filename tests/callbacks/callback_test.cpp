@@ -31,18 +31,13 @@ struct BindingServer final : mqtt::RequestReplyServer::Listener {
     }
 };
 
-template <class Object, class... Arguments>
-Object& makeOnce(std::unique_ptr<Object>& object, Arguments&&... arguments) {
-    if (object == nullptr) {
-        object = std::make_unique<Object>(std::forward<Arguments>(arguments)...);
-    }
-    return *object;
-}
-
 } // namespace
 
 SharedDevice& device() {
-    return makeOnce(sharedDevice);
+    if (sharedDevice == nullptr) {
+        sharedDevice = std::make_unique<SharedDevice>();
+    }
+    return *sharedDevice;
 }
 
 SharedDevice::SharedDevice() {
@@ -60,41 +55,31 @@ SharedDevice::SharedDevice() {
     client->publishWait("far/ready", "", 1, false, TIMEOUT_S);
 }
 
-mqtt::MqttData<mqtt::Link>& Objects::makeEndpoint() {
-    return makeOnce(endpoint, *client, root + "/value");
-}
+Objects::Objects(std::unique_ptr<mqtt::MqttClient> const& on, std::string below,
+                 EventRecorder& listener)
+    : client(on),
+      root(std::move(below)),
+      events(listener),
+      endpoint(std::make_unique<mqtt::MqttData<mqtt::Link>>(*on, root + "/value")),
+      requester(std::make_unique<mqtt::RequestReplyClient>(*on, "far", "", "echo")),
+      server(std::make_unique<mqtt::RequestReplyServer>(*on, root, "", "service")),
+      timeProxy(std::make_unique<mqtt::SynchronizedTimeBaseMqttProxy>(*on, "far", id, &events)),
+      timeBase(std::make_unique<CountingTimeBase>(*on, root, id)),
+      binder(std::make_unique<mqtt::BinderMqttProxy>(*on, "far", "", id, root + "/bound", &events)),
+      discoverer(std::make_unique<mqtt::ServiceDiscovererMqtt>(*on, "far/links")),
+      cleaner(std::make_unique<mqtt::TopicCleaner>(&events, id, device().broker.host(),
+                                                   device().broker.port())),
+      timer(std::make_unique<zym::common::Timer>([this] { events.record("timer"); },
+                                                 std::chrono::hours(1), true)) {}
 
-mqtt::RequestReplyClient& Objects::makeRequester(std::string const& service) {
-    return makeOnce(requester, *client, "far", "", service);
-}
-
-mqtt::RequestReplyServer& Objects::makeServer() {
-    return makeOnce(server, *client, root, "", "service");
-}
-
-mqtt::SynchronizedTimeBaseMqttProxy& Objects::makeTimeProxy() {
-    return makeOnce(timeProxy, *client, "far", id, &events);
-}
-
-CountingTimeBase& Objects::makeTimeBase() {
-    return makeOnce(timeBase, *client, root, id);
-}
-
-mqtt::BinderMqttProxy& Objects::makeBinder() {
-    return makeOnce(binder, *client, "far", "", id, root + "/bound", &events);
-}
-
-mqtt::ServiceDiscovererMqtt& Objects::makeDiscoverer(std::string const& topic) {
-    return makeOnce(discoverer, *client, topic);
-}
-
-mqtt::TopicCleaner& Objects::makeCleaner() {
-    return makeOnce(cleaner, &events, id, device().broker.host(), device().broker.port());
-}
-
-zym::common::Timer& Objects::makeTimer() {
-    return makeOnce(
-        timer, [&recorder = events] { recorder.record("timer"); }, std::chrono::hours(1), true);
+void Objects::destroyUsersOfClient() {
+    endpoint.reset();
+    requester.reset();
+    server.reset();
+    timeProxy.reset();
+    timeBase.reset();
+    binder.reset();
+    discoverer.reset();
 }
 
 void Objects::restartTimer(std::chrono::milliseconds period, bool once) const {
@@ -110,18 +95,12 @@ mqtt::RequestReply::ErrorCode Objects::request() const {
 }
 
 Error Objects::serve() {
-    return makeServer().subscribe(&events, Uuid::NIL, std::make_shared<NumberData>());
+    return server->subscribe(&events, Uuid::NIL, std::make_shared<NumberData>());
 }
 
 CallbackTest::CallbackTest() : root(nextRoot()) {
     peer.subscribe(root + "/#");
     EXPECT_EQ(client->subscribe(topic("flush"), &flushEvents, 0), Error::SUCCESS);
-}
-
-Error CallbackTest::expected() const {
-    return verdict == Verdict::REFUSED   ? Error::CONNECTION_PENDING
-           : verdict == Verdict::IN_VAIN ? Error::TIMEOUT
-                                         : Error::SUCCESS;
 }
 
 void CallbackTest::flush() {
@@ -156,7 +135,12 @@ void CallbackTest::destroyConnectedClient() {
         client->connect("", -1, TIMEOUT_S);
     }
     EXPECT_TRUE(support::becomesConnected(*client));
-    objects.endpoint.reset();
+    destroyClient();
+}
+
+void CallbackTest::destroyClient() {
+    objects.destroyUsersOfClient();
+    callers.destroyUsersOfClient();
     client.reset();
 }
 

@@ -60,21 +60,13 @@ struct SharedDevice {
 /// Made at the first call; destroyed at the end of all tests.
 SharedDevice& device();
 
-/// One object of each class, below a topic of their own, each made when it is needed.
+/// One object of each class, below a topic of their own.
 struct Objects {
-    Objects(std::unique_ptr<mqtt::MqttClient> const& on, std::string below, EventRecorder& listener)
-        : client(on), root(std::move(below)), events(listener) {}
+    Objects(std::unique_ptr<mqtt::MqttClient> const& on, std::string below,
+            EventRecorder& listener);
 
-    mqtt::MqttData<mqtt::Link>& makeEndpoint();
-    mqtt::RequestReplyClient& makeRequester(std::string const& service);
-    mqtt::RequestReplyServer& makeServer();
-    mqtt::SynchronizedTimeBaseMqttProxy& makeTimeProxy();
-    CountingTimeBase& makeTimeBase();
-    mqtt::BinderMqttProxy& makeBinder();
-    mqtt::ServiceDiscovererMqtt& makeDiscoverer(std::string const& topic);
-    mqtt::TopicCleaner& makeCleaner();
-    zym::common::Timer& makeTimer();
-
+    /// Destroys those that use the client.
+    void destroyUsersOfClient();
     void restartTimer(std::chrono::milliseconds period, bool once) const;
     mqtt::RequestReply::ErrorCode request() const;
     mqtt::MqttClient::Error serve();
@@ -84,12 +76,12 @@ struct Objects {
     EventRecorder& events;
     zym::common::Uuid const id = support::uniqueId();
     std::unique_ptr<mqtt::MqttData<mqtt::Link>> endpoint;
-    std::unique_ptr<mqtt::RequestReplyClient> requester;
+    std::unique_ptr<mqtt::RequestReplyClient> requester; ///< of the shared device's "echo"
     std::unique_ptr<mqtt::RequestReplyServer> server;
     std::unique_ptr<mqtt::SynchronizedTimeBaseMqttProxy> timeProxy;
     std::unique_ptr<CountingTimeBase> timeBase;
     std::unique_ptr<mqtt::BinderMqttProxy> binder;
-    std::unique_ptr<mqtt::ServiceDiscovererMqtt> discoverer;
+    std::unique_ptr<mqtt::ServiceDiscovererMqtt> discoverer; ///< of the shared device's entities
     std::future<bool> discovery;
     std::unique_ptr<mqtt::TopicCleaner> cleaner;
     std::unique_ptr<zym::common::Timer> timer;
@@ -106,8 +98,6 @@ public:
     CallbackTest();
 
     std::string topic(std::string const& below) const { return root + "/" + below; }
-    /// The result that the verdict predicts.
-    mqtt::MqttClient::Error expected() const;
     /// Returns when the client has handled all that was published through it before at QoS 0.
     void flush();
     /// Whether publishing on this topic makes `objects.events` record the event.
@@ -116,11 +106,12 @@ public:
     std::size_t countAtPeer(std::string const& topic) const;
     /// Connects the client if it is not, and destroys it: the broker publishes its will.
     void destroyConnectedClient();
+    /// With all that use it.
+    void destroyClient();
     /// Publishes a request as another client would, and returns when it was handled.
     void sendRequest(std::string const& topic);
 
     std::string const root;
-    bool onWorker = false;   ///< the call is made on the client's worker thread
     bool sameObject = false; ///< the call is made in a callback of the very object
     Verdict verdict = Verdict::WORKS;
     support::RawPeer peer{device().broker};

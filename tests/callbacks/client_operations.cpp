@@ -30,9 +30,6 @@ void expectConnected(Test& t) {
 }
 
 void expectDisconnected(Test& t) {
-    if (t.verdict == Verdict::REFUSED) {
-        return expectConnected(t);
-    }
     EXPECT_TRUE(support::eventually(
         [&] { return t.client->communicationState() == conv::ComState::DISCONNECTED; }));
 }
@@ -41,52 +38,74 @@ Error setWill(Test& t) {
     return t.client->setWill(t.topic("x"), "hello", 0, false);
 }
 
-void expectWill(Test& t) {
-    if (t.verdict == Verdict::REFUSED) {
-        return expectConnected(t);
+void prepareWill(Test& t) {
+    if (t.verdict != Verdict::REFUSED) {
+        EXPECT_EQ(setWill(t), Error::SUCCESS);
     }
+}
+
+void expectWill(Test& t) {
     t.destroyConnectedClient();
     expectAtPeer(t);
 }
 
 void expectNoWill(Test& t) {
-    if (t.verdict == Verdict::REFUSED) {
-        return expectConnected(t);
-    }
     t.destroyConnectedClient();
     t.peer.publish(t.topic("last"), "hello");
     EXPECT_EQ(t.countAtPeer(t.topic("x")), 0U);
 }
 
-/// A registered listener is told of the end of the connection.
-void expectToldOfDisconnection(Test& t, std::size_t times) {
+void registerListener(Test& t) {
+    t.client->registerListener(&t.events);
+}
+
+void expectCallsAtDisconnection(Test& t, std::size_t times) {
     t.events.clear();
     EXPECT_EQ(t.client->disconnect(TIMEOUT_S), Error::SUCCESS);
     EXPECT_EQ(t.events.count("state 1"), times);
 }
 
-/// A pause begins after the network step that makes the call, and the one after that.
-void expectPaused(Test& t) {
-    t.peer.publish(t.topic("wake"), "hello");
-    EXPECT_EQ(t.client->publish(t.topic("x"), "hello", 2, false), Error::SUCCESS);
-    for (int i = 0; i < 20; ++i) {
-        t.peer.publish(t.topic("other"), "hello");
-    }
-    EXPECT_EQ(t.countAtPeer(t.topic("x")), 0U);
+void pauseAndResume(Test& t) {
+    t.client->pause();
     t.client->resume();
-    expectAtPeer(t);
 }
 
-void makeEndpoint(Test& t) {
-    t.objects.makeEndpoint();
+void resumeAndFlush(Test& t) {
+    t.client->resume();
+    t.flush();
+}
+
+void setValue(Test& t) {
+    mqtt::MqttDataBase::Lock const lock(t.objects.endpoint->mutex());
+    t.objects.endpoint->value.id = "mine";
+}
+
+void publishValue(Test& t) {
+    setValue(t);
+    t.objects.endpoint->publish();
+}
+
+void publishValueWait(Test& t) {
+    setValue(t);
+    t.objects.endpoint->publishWait();
+}
+
+Error makeValueTheWill(Test& t) {
+    setValue(t);
+    return t.objects.endpoint->setCurrentValueAsWill();
 }
 
 void subscribeEndpoint(Test& t) {
-    auto& endpoint = t.objects.makeEndpoint();
+    auto& endpoint = *t.objects.endpoint;
     if (!t.sameObject) {
         EXPECT_EQ(endpoint.subscribe(&t.events, 1), Error::SUCCESS);
         EXPECT_TRUE(t.causes("value new", t.topic("value"), LINK));
     }
+}
+
+Error unsubscribeEndpoint(Test& t) {
+    mqtt::MqttDataBase::Lock lock(t.objects.endpoint->mutex());
+    return t.objects.endpoint->unsubscribeWait(lock);
 }
 
 void expectValue(Test& t) {
@@ -95,11 +114,6 @@ void expectValue(Test& t) {
 
 void expectNoValue(Test& t) {
     EXPECT_FALSE(t.causes("value new", t.topic("value"), LINK));
-}
-
-void setValue(Test& t) {
-    mqtt::MqttDataBase::Lock const lock(t.objects.endpoint->mutex());
-    t.objects.endpoint->value.id = "mine";
 }
 
 void expectValueAtPeer(Test& t) {
@@ -111,9 +125,6 @@ void expectCleaned(Test& t) {
 }
 
 void expectValueAsWill(Test& t) {
-    if (t.verdict == Verdict::REFUSED) {
-        return t.flush();
-    }
     t.destroyConnectedClient();
     expectValueAtPeer(t);
 }
@@ -121,128 +132,73 @@ void expectValueAsWill(Test& t) {
 } // namespace
 
 Operations clientOperations() {
-    auto const call = [](std::string const& name, Operation::Step const& prepare,
-                         std::function<Error(Test&)> const& operation, Operation::Step const& check,
-                         bool whileDisconnected = false) {
-        return Operation{"MqttClient/" + name, prepare,
-                         [=](Test& t) { EXPECT_EQ(operation(t), t.expected()); }, check,
-                         whileDisconnected};
-    };
     return {
-        call(
-            "publish", nothing,
-            [](Test& t) { return t.client->publish(t.topic("x"), "hello", 2, false); },
-            expectAtPeer),
-        call(
-            "publishWait", nothing,
-            [](Test& t) { return t.client->publishWait(t.topic("x"), "hello", 2, false, HOUR_S); },
-            expectAtPeer),
-        call(
-            "clear", [](Test& t) { t.peer.publish(t.topic("x"), "hello", 2, true); },
-            [](Test& t) { return t.client->clear(t.topic("x")); },
-            [](Test& t) { EXPECT_TRUE(t.peerReceives(t.topic("x"), "")); }),
-        call(
-            "subscribe", nothing,
-            [](Test& t) { return t.client->subscribe(t.topic("x"), &t.events, 1); },
-            expectDelivery),
-        call(
-            "unsubscribe", subscribeRecorder,
-            [](Test& t) { return t.client->unsubscribe(t.topic("x"), &t.events); },
-            expectNoDelivery),
+        {"MqttClient/publish", nothing,
+         [](Test& t) { return t.client->publish(t.topic("x"), "hello", 2, false); }, expectAtPeer},
+        {"MqttClient/publishWait", nothing,
+         [](Test& t) { return t.client->publishWait(t.topic("x"), "hello", 2, false, HOUR_S); },
+         expectAtPeer},
+        {"MqttClient/clear", [](Test& t) { t.peer.publish(t.topic("x"), "hello", 2, true); },
+         [](Test& t) { return t.client->clear(t.topic("x")); },
+         [](Test& t) { EXPECT_TRUE(t.peerReceives(t.topic("x"), "")); }},
+        {"MqttClient/subscribe", nothing,
+         [](Test& t) { return t.client->subscribe(t.topic("x"), &t.events, 1); }, expectDelivery},
+        {"MqttClient/unsubscribe", subscribeRecorder,
+         [](Test& t) { return t.client->unsubscribe(t.topic("x"), &t.events); }, expectNoDelivery},
         {"MqttClient/unsubscribeWait", subscribeRecorder,
-         [](Test& t) {
-             EXPECT_EQ(t.client->unsubscribeWait(t.topic("x"), &t.events, TIMEOUT_S),
-                       t.onWorker ? Error::TIMEOUT : Error::SUCCESS);
-         },
-         expectNoDelivery},
+         [](Test& t) { return t.client->unsubscribeWait(t.topic("x"), &t.events, TIMEOUT_S); },
+         expectNoDelivery, Kind::WAITS_FOR_THE_BROKER},
         {"MqttClient/release", subscribeRecorder, [](Test& t) { t.client->release(&t.events); },
          expectNoDelivery},
-        {"MqttClient/registerListener", nothing,
-         [](Test& t) { t.client->registerListener(&t.events); },
-         [](Test& t) { expectToldOfDisconnection(t, 1); }},
-        {"MqttClient/unregisterListener", [](Test& t) { t.client->registerListener(&t.events); },
+        {"MqttClient/registerListener", nothing, registerListener,
+         [](Test& t) { expectCallsAtDisconnection(t, 1); }},
+        {"MqttClient/unregisterListener", registerListener,
          [](Test& t) { t.client->unregisterListener(&t.events); },
-         [](Test& t) { expectToldOfDisconnection(t, 0); }},
+         [](Test& t) { expectCallsAtDisconnection(t, 0); }},
         {"MqttClient/communicationState", nothing,
-         [](Test& t) { EXPECT_EQ(t.client->communicationState(), conv::ComState::CONNECTED); },
+         [](Test& t) { return t.client->communicationState() == conv::ComState::CONNECTED; },
          nothing},
-        call(
-            "connect", nothing, [](Test& t) { return t.client->connect("", -1, TIMEOUT_S); },
-            expectConnected, true),
-        call(
-            "disconnect", nothing, [](Test& t) { return t.client->disconnect(HOUR_S); },
-            expectDisconnected),
+        {"MqttClient/connect", nothing,
+         [](Test& t) { return t.client->connect("", -1, TIMEOUT_S); }, expectConnected,
+         Kind::WHILE_DISCONNECTED},
+        {"MqttClient/disconnect", nothing, [](Test& t) { return t.client->disconnect(HOUR_S); },
+         expectDisconnected},
         {"MqttClient/disconnect(0)", nothing,
          [](Test& t) { // SUCCESS or TIMEOUT, whichever is first
-             EXPECT_EQ(t.client->disconnect(0) == Error::CONNECTION_PENDING,
-                       t.verdict == Verdict::REFUSED);
+             auto const error = t.client->disconnect(0);
+             return error == Error::TIMEOUT ? Error::SUCCESS : error;
          },
          expectDisconnected},
         {"MqttClient/giveUp", nothing, [](Test& t) { t.client->giveUp(); }, expectDisconnected},
-        {"MqttClient/pause", nothing, [](Test& t) { t.client->pause(); }, expectPaused},
-        {"MqttClient/resume", nothing,
-         [](Test& t) {
-             t.client->pause();
-             t.client->resume();
-         },
-         [](Test& t) { t.flush(); }},
-        call("setWill", nothing, setWill, expectWill, true),
-        call(
-            "clearWill",
-            [](Test& t) {
-                if (t.verdict != Verdict::REFUSED) {
-                    EXPECT_EQ(setWill(t), Error::SUCCESS);
-                }
-            },
-            [](Test& t) { return t.client->clearWill(); }, expectNoWill, true),
-        {"MqttClient/destroy",
-         [](Test& t) {
-             EXPECT_EQ(t.client->disconnect(TIMEOUT_S), Error::SUCCESS);
-             EXPECT_EQ(setWill(t), Error::SUCCESS);
-             EXPECT_EQ(t.client->connect("", -1, TIMEOUT_S), Error::SUCCESS);
-         },
-         [](Test& t) { t.client.reset(); }, expectAtPeer}};
+        {"MqttClient/pause", nothing, [](Test& t) { t.client->pause(); }, resumeAndFlush},
+        {"MqttClient/resume", nothing, pauseAndResume, resumeAndFlush},
+        {"MqttClient/setWill", nothing, setWill, expectWill, Kind::WHILE_DISCONNECTED},
+        {"MqttClient/clearWill", prepareWill, [](Test& t) { return t.client->clearWill(); },
+         expectNoWill, Kind::WHILE_DISCONNECTED},
+        {"MqttClient/destroy", nothing, [](Test& t) { t.destroyClient(); }, nothing},
+    };
 }
 
 Operations dataOperations() {
     return {
-        {"MqttData/publish", makeEndpoint,
-         [](Test& t) {
-             setValue(t);
-             t.objects.endpoint->publish();
-         },
-         expectValueAtPeer},
-        {"MqttData/publishWait", makeEndpoint,
-         [](Test& t) {
-             setValue(t);
-             t.objects.endpoint->publishWait();
-         },
-         expectValueAtPeer},
-        {"MqttData/clean", makeEndpoint,
-         [](Test& t) { EXPECT_EQ(t.objects.endpoint->clean(), Error::SUCCESS); }, expectCleaned},
-        {"MqttData/cleanWait", makeEndpoint,
-         [](Test& t) { EXPECT_EQ(t.objects.endpoint->cleanWait(), t.expected()); }, expectCleaned},
-        {"MqttData/setCurrentValueAsWill", makeEndpoint,
-         [](Test& t) {
-             setValue(t);
-             EXPECT_EQ(t.objects.endpoint->setCurrentValueAsWill(), t.expected());
-         },
-         expectValueAsWill, true},
-        {"MqttData/subscribe", makeEndpoint,
-         [](Test& t) { EXPECT_EQ(t.objects.endpoint->subscribe(&t.events, 2), Error::SUCCESS); },
-         expectValue},
+        {"MqttData/publish", nothing, publishValue, expectValueAtPeer},
+        {"MqttData/publishWait", nothing, publishValueWait, expectValueAtPeer,
+         Kind::SUCCEEDS_IN_VAIN},
+        {"MqttData/clean", nothing, [](Test& t) { return t.objects.endpoint->clean(); },
+         expectCleaned},
+        {"MqttData/cleanWait", nothing, [](Test& t) { return t.objects.endpoint->cleanWait(); },
+         expectCleaned},
+        {"MqttData/setCurrentValueAsWill", nothing, makeValueTheWill, expectValueAsWill,
+         Kind::WHILE_DISCONNECTED},
+        {"MqttData/subscribe", nothing,
+         [](Test& t) { return t.objects.endpoint->subscribe(&t.events, 2); }, expectValue},
         {"MqttData/unsubscribe", subscribeEndpoint,
-         [](Test& t) { EXPECT_EQ(t.objects.endpoint->unsubscribe(), Error::SUCCESS); },
-         expectNoValue},
-        {"MqttData/unsubscribeWait", subscribeEndpoint,
-         [](Test& t) {
-             mqtt::MqttDataBase::Lock lock(t.objects.endpoint->mutex());
-             EXPECT_EQ(t.objects.endpoint->unsubscribeWait(lock),
-                       t.onWorker ? Error::TIMEOUT : Error::SUCCESS);
-         },
-         expectNoValue},
+         [](Test& t) { return t.objects.endpoint->unsubscribe(); }, expectNoValue},
+        {"MqttData/unsubscribeWait", subscribeEndpoint, unsubscribeEndpoint, expectNoValue,
+         Kind::WAITS_FOR_THE_BROKER},
         {"MqttData/release", subscribeEndpoint, [](Test& t) { t.objects.endpoint->release(); },
          expectNoValue},
         {"MqttData/destroy", subscribeEndpoint, [](Test& t) { t.objects.endpoint.reset(); },
-         expectNoValue}};
+         expectNoValue},
+    };
 }

@@ -1,84 +1,73 @@
 #include "chaos/workers.hpp"
 
 #include "support/raw_peer.hpp"
-#include "support/test_client.hpp"
 
+#include <mqtt/payloads.hpp>
 #include <mqtt/service_discoverer.hpp>
 #include <mqtt/topic_cleaner.hpp>
 
 #include <atomic>
+#include <deque>
 
 namespace chaos {
 
 namespace {
 
-constexpr char const* DEVICE_TOPIC = "chaos/device";
-constexpr char const* CLEANED_TOPIC = "chaos/cleaned";
-constexpr int ENTITIES = 5;
+using Identification = mqtt::MqttData<conv::Identification>;
 
-class DiscoverableDevice final : public Server, private mqtt::MqttClient::Listener {
+constexpr char const* DEVICE_TOPIC = "chaos/device";
+constexpr int ENTITIES = 5;
+std::string const CLEANED_TOPIC = "chaos/cleaned/";
+
+std::string nameOf(std::size_t entity) {
+    return "entity" + std::to_string(entity);
+}
+
+/// Retains a list of links and their entities, again with every connection.
+class DiscoverableDevice final : private mqtt::MqttClient::Listener {
 public:
-    explicit DiscoverableDevice(TestBed& testBed) {
-        int const port = testBed.newProxy();
-        client_ = support::testClient(testBed.broker.host(), port, {true, false});
-        links_ = std::make_unique<mqtt::MqttDataCollection<mqtt::Link>>(*client_, DEVICE_TOPIC);
-        for (int i = 0; i < ENTITIES; ++i) {
-            auto const topic = std::string(DEVICE_TOPIC) + "/entity" + std::to_string(i);
-            links_->value.push_back({topic});
-            entities_.push_back(
-                std::make_unique<mqtt::MqttData<conv::Identification>>(*client_, topic));
-            entities_.back()->value.name = "entity " + std::to_string(i);
+    explicit DiscoverableDevice(TestBed& testBed) : client_(testBed.newClient({true})) {
+        for (std::size_t i = 0; i < ENTITIES; ++i) {
+            auto const topic = std::string(DEVICE_TOPIC) + "/" + nameOf(i);
+            links_.value.push_back({topic});
+            entities_.emplace_back(*client_, topic).value.name = nameOf(i);
         }
         client_->registerListener(this);
-        client_->connect(testBed.broker.host(), port, 5);
+        publish();
     }
-    ~DiscoverableDevice() override { client_->unregisterListener(this); }
 
 private:
+    void publish() {
+        for (auto& entity : entities_) {
+            entity.publish();
+        }
+        links_.publish();
+    }
     void onComStateChanged(conv::ComState state) override {
         if (state == conv::ComState::CONNECTED) {
-            for (auto const& entity : entities_) {
-                entity->publish();
-            }
-            links_->publish();
+            publish();
         }
     }
 
     std::unique_ptr<mqtt::MqttClient> client_;
-    std::unique_ptr<mqtt::MqttDataCollection<mqtt::Link>> links_;
-    std::vector<std::unique_ptr<mqtt::MqttData<conv::Identification>>> entities_;
+    mqtt::MqttDataCollection<mqtt::Link> links_{*client_, DEVICE_TOPIC};
+    std::deque<Identification> entities_;
 };
 
 class DiscoveryWorker final : public Worker {
 public:
     explicit DiscoveryWorker(TestBed& on)
-        : Worker(on, "discovery"),
-          client_(support::testClient(testBed.broker.host(), testBed.newProxy())),
-          discoverer_(std::make_unique<mqtt::ServiceDiscovererMqtt>(*client_, DEVICE_TOPIC)) {}
-    ~DiscoveryWorker() override {
-        end();
-        discoverer_.reset();
-    }
-
-    void verify() override {
-        check(support::eventually([this] { return discover(); }, END_DEADLINE),
-              "finds nothing any more");
-    }
+        : Worker(on, "discovery", 100), client_(testBed.newClient()) {}
 
 private:
-    void step() override {
-        discover();
-        wait(0, 100);
-    }
-
-    bool discover() {
-        bool const complete = discoverer_->discoverSync(2, true);
+    bool step() override {
+        bool const complete = discoverer_.discoverSync(2, true);
         count(complete ? "discoveries made" : "discoveries that timed out");
         if (complete) {
-            auto const entities = discoverer_->entities();
+            auto const entities = discoverer_.entities();
             bool correct = entities.size() == static_cast<std::size_t>(ENTITIES);
             for (std::size_t i = 0; correct && i < entities.size(); ++i) {
-                correct = entities[i].name == "entity " + std::to_string(i);
+                correct = entities[i].name == nameOf(i);
             }
             check(correct, "complete, but wrong");
         }
@@ -86,32 +75,33 @@ private:
     }
 
     std::unique_ptr<mqtt::MqttClient> client_;
-    std::unique_ptr<mqtt::ServiceDiscovererMqtt> discoverer_;
+    mqtt::ServiceDiscovererMqtt discoverer_{*client_, DEVICE_TOPIC};
 };
 
+/// Retains messages and removes them, each time with a new cleaner.
 class CleaningWorker final : public Worker, private mqtt::TopicCleaner::Listener {
 public:
     explicit CleaningWorker(TestBed& on)
-        : Worker(on, "cleaning"),
+        : Worker(on, "cleaning", 100),
           cleanersPort_(testBed.newProxy()),
-          client_(support::testClient(testBed.broker.host(), testBed.newProxy(), {true})) {}
-    ~CleaningWorker() override { end(); }
+          client_(testBed.newClient({true})) {}
 
+    /// Publishes nothing.
     void verify() override {
         auto const isClean = [this] {
             clean();
-            return support::allRetained(testBed.broker, std::string(CLEANED_TOPIC) + "/#").empty();
+            return support::allRetained(testBed.broker, CLEANED_TOPIC + "#").empty();
         };
         check(support::eventually(isClean, END_DEADLINE), "cannot clean any more");
     }
 
 private:
-    void step() override {
+    bool step() override {
         for (int n = random.between(1, 20); n > 0; --n) {
-            client_->publish(std::string(CLEANED_TOPIC) + '/' + std::to_string(n), "old", 1, true);
+            client_->publish(CLEANED_TOPIC + std::to_string(n), "old", 1, true);
         }
         clean();
-        wait(0, 100);
+        return true;
     }
 
     void clean() {
@@ -121,7 +111,7 @@ private:
         {
             mqtt::TopicCleaner cleaner(this, support::uniqueId(), testBed.broker.host(),
                                        cleanersPort_);
-            cleaner.clean(std::string(CLEANED_TOPIC) + "/#", std::chrono::seconds(1));
+            cleaner.clean(CLEANED_TOPIC + "#", std::chrono::seconds(1));
             // Some cleaners are destroyed while they work.
             if (random.percent(80)) {
                 done = cleaner.waitAllTasks(END_DEADLINE);
@@ -146,16 +136,10 @@ private:
 
 } // namespace
 
-std::unique_ptr<Server> makeDiscoverableDevice(TestBed& testBed) {
-    return std::make_unique<DiscoverableDevice>(testBed);
-}
-
-std::unique_ptr<Worker> makeDiscoveryWorker(TestBed& testBed) {
-    return std::make_unique<DiscoveryWorker>(testBed);
-}
-
-std::unique_ptr<Worker> makeCleaningWorker(TestBed& testBed) {
-    return std::make_unique<CleaningWorker>(testBed);
+void addDiscoveryWorkers(TestBed& testBed, Services& services) {
+    services.servers.push_back(std::make_shared<DiscoverableDevice>(testBed));
+    services.workers.push_back(std::make_unique<DiscoveryWorker>(testBed));
+    services.workers.push_back(std::make_unique<CleaningWorker>(testBed));
 }
 
 } // namespace chaos

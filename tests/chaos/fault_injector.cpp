@@ -7,6 +7,34 @@ namespace chaos {
 using support::CutProxy;
 using Clock = std::chrono::steady_clock;
 
+struct FaultInjector::Fault {
+    int percent; ///< how often it is chosen; otherwise there is no fault
+    char const* name;
+    void (FaultInjector::*inject)(CutProxy&);
+};
+
+void FaultInjector::injectFault() {
+    static constexpr Fault FAULTS[] = {
+        {50, "cuts within a packet ordered", &FaultInjector::cutWithinPacket},
+        {10, "cuts within a handshake ordered", &FaultInjector::cutWithinHandshake},
+        {10, "connections cut at once", &FaultInjector::cutNow},
+        {15, "connections frozen", &FaultInjector::freezeShortly},
+        {2, "connections frozen for seconds", &FaultInjector::freezeBeyondTimeouts},
+        {7, "broker suspended and resumed", &FaultInjector::suspendBroker},
+    };
+    auto const last = static_cast<int>(testBed_.proxies.size()) - 1;
+    auto& proxy = *testBed_.proxies[static_cast<std::size_t>(random_.between(0, last))];
+    int chosen = random_.between(1, 100);
+    for (Fault const& fault : FAULTS) {
+        if (chosen > 0 && chosen <= fault.percent) {
+            (this->*fault.inject)(proxy);
+            testBed_.report.count(std::string("faults: ") + fault.name);
+        }
+        chosen -= fault.percent;
+    }
+    wait(0, 60);
+}
+
 void FaultInjector::injectCuts(std::chrono::milliseconds duration) {
     auto const end = Clock::now() + duration;
     while (Clock::now() < end) {
@@ -19,57 +47,36 @@ void FaultInjector::injectKills(std::chrono::milliseconds duration) {
     testBed_.brokerIsKilled = true;
     while (Clock::now() < end) {
         killBroker();
-        auto const next = Clock::now() + std::chrono::milliseconds(random_.between(300, 3000));
-        while (Clock::now() < next) {
-            injectFault();
-        }
+        injectCuts(std::chrono::milliseconds(random_.between(300, 3000)));
     }
-}
-
-void FaultInjector::injectFault() {
-    auto& proxy = *testBed_.proxies[static_cast<std::size_t>(
-        random_.between(0, static_cast<int>(testBed_.proxies.size()) - 1))];
-    int const what = random_.between(1, 100);
-    if (what <= 50) {
-        cutWithinPacket(proxy);
-    } else if (what <= 60) {
-        cutWithinHandshake(proxy);
-    } else if (what <= 70) {
-        proxy.cutNow();
-    } else if (what <= 85) {
-        freeze(proxy, 10, 300);
-    } else if (what <= 87) {
-        freeze(proxy, 1000, 2500);
-    } else if (what <= 94) {
-        suspendBroker();
-    }
-    wait(0, 60);
 }
 
 void FaultInjector::cutWithinPacket(CutProxy& proxy) {
     proxy.cutCurrentAfter(randomDirection(), static_cast<std::size_t>(random_.between(1, 600)));
-    testBed_.report.count("faults: cuts within a packet ordered");
 }
 
 /// In CONNECT, CONNACK, or the packets that follow at once.
 void FaultInjector::cutWithinHandshake(CutProxy& proxy) {
     proxy.cutNextAfter(randomDirection(), static_cast<std::size_t>(random_.between(1, 120)));
     proxy.cutNow();
-    testBed_.report.count("faults: cuts within a handshake ordered");
 }
 
-void FaultInjector::freeze(CutProxy& proxy, int fromMilliseconds, int toMilliseconds) {
+void FaultInjector::freezeShortly(CutProxy& proxy) {
     proxy.freeze();
-    wait(fromMilliseconds, toMilliseconds);
+    wait(10, 300);
     proxy.thaw();
-    testBed_.report.count("faults: connections frozen");
 }
 
-void FaultInjector::suspendBroker() {
+void FaultInjector::freezeBeyondTimeouts(CutProxy& proxy) {
+    proxy.freeze();
+    wait(1000, 2500);
+    proxy.thaw();
+}
+
+void FaultInjector::suspendBroker(CutProxy& /*proxy*/) {
     testBed_.broker.suspend();
     wait(20, 400);
     testBed_.broker.resume();
-    testBed_.report.count("faults: broker suspended and resumed");
 }
 
 void FaultInjector::killBroker() {
@@ -80,9 +87,9 @@ void FaultInjector::killBroker() {
 }
 
 /// Only the length of a fault is a matter of time: the workers go on meanwhile.
-void FaultInjector::wait(int fromMilliseconds, int toMilliseconds) {
-    support::eventually([] { return false; }, std::chrono::milliseconds(random_.between(
-                                                  fromMilliseconds, toMilliseconds)));
+void FaultInjector::wait(int fromMs, int toMs) {
+    support::eventually([] { return false; },
+                        std::chrono::milliseconds(random_.between(fromMs, toMs)));
 }
 
 CutProxy::Direction FaultInjector::randomDirection() {

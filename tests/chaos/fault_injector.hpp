@@ -19,13 +19,17 @@ public:
     void injectKills(std::chrono::milliseconds duration);
 
 private:
+    struct Fault;
+
     void injectFault();
     void cutWithinPacket(support::CutProxy& proxy);
     void cutWithinHandshake(support::CutProxy& proxy);
-    void freeze(support::CutProxy& proxy, int fromMilliseconds, int toMilliseconds);
-    void suspendBroker();
+    void cutNow(support::CutProxy& proxy) { proxy.cutNow(); }
+    void freezeShortly(support::CutProxy& proxy);
+    void freezeBeyondTimeouts(support::CutProxy& proxy);
+    void suspendBroker(support::CutProxy& proxy);
     void killBroker();
-    void wait(int fromMilliseconds, int toMilliseconds);
+    void wait(int fromMs, int toMs);
     support::CutProxy::Direction randomDirection();
 
     TestBed& testBed_;

@@ -62,13 +62,14 @@ private:
 class SequenceChecker {
 public:
     /// @param session whether the broker keeps the subscriber's session while it is disconnected
-    SequenceChecker(NumberSequence const& sequence, Report& report, std::string const& subscriber,
+    SequenceChecker(NumberSequence& sequence, Report& report, std::string const& subscriber,
                     bool session)
         : sequence_(sequence), report_(report), subscriber_(subscriber), session_(session) {}
 
     /// @param losses how often the subscriber has lost its connection so far
     void check(std::uint64_t number, unsigned losses);
 
+    NumberSequence& sequence() const { return sequence_; }
     std::uint64_t last() const { return last_; }
 
 private:
@@ -77,7 +78,7 @@ private:
     void checkRepetition(std::uint64_t number, unsigned losses);
     void violation(std::string const& what, std::uint64_t number);
 
-    NumberSequence const& sequence_;
+    NumberSequence& sequence_;
     Report& report_;
     std::string const subscriber_;
     bool const session_;

@@ -1,35 +1,49 @@
 #pragma once
 
 #include <cstdint>
-#include <iosfwd>
+#include <iostream>
 #include <map>
 #include <mutex>
 #include <string>
-#include <vector>
 
 namespace chaos {
 
 /// What a run counts, and the violations of what must hold.
 class Report {
 public:
-    /// The first ones are kept, all are counted.
-    void violation(std::string const& what);
+    void violation(std::string const& what) {
+        std::lock_guard<std::mutex> const lock(mutex_);
+        ++violations_;
+        // At once, so that the log shows when it happened.
+        std::cout << "VIOLATION: " << what << std::endl;
+    }
     void check(bool holds, std::string const& otherwise) {
         if (!holds) {
             violation(otherwise);
         }
     }
-    void count(std::string const& name, std::uint64_t n = 1);
+    void count(std::string const& name, std::uint64_t n = 1) {
+        std::lock_guard<std::mutex> const lock(mutex_);
+        counts_[name] += n;
+    }
 
-    std::uint64_t violations() const;
-    /// One line per count, by name, then the violations.
-    void print(std::ostream& out) const;
+    std::uint64_t violations() const {
+        std::lock_guard<std::mutex> const lock(mutex_);
+        return violations_;
+    }
+    /// One line per count, by name.
+    void print() const {
+        std::lock_guard<std::mutex> const lock(mutex_);
+        for (auto const& [name, n] : counts_) {
+            std::cout << "  " << name << ": " << n << '\n';
+        }
+        std::cout << "  VIOLATIONS: " << violations_ << '\n';
+    }
 
 private:
     mutable std::mutex mutex_;
     std::map<std::string, std::uint64_t> counts_;
-    std::vector<std::string> violations_;
-    std::uint64_t violationCount_ = 0;
+    std::uint64_t violations_ = 0;
 };
 
 } // namespace chaos

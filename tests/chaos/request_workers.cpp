@@ -2,10 +2,8 @@
 
 #include "requestreply/sample_data.hpp"
 
-#include "support/test_client.hpp"
 #include "support/watched.hpp"
 
-#include <mqtt/client.hpp>
 #include <mqtt/payloads.hpp>
 #include <mqtt/request_reply.hpp>
 
@@ -19,20 +17,16 @@ namespace {
 using zym::common::Uuid;
 using ErrorCode = mqtt::RequestReply::ErrorCode;
 
+constexpr char const* TOPIC = "chaos/server";
 constexpr char const* SUBTOPIC = "sub";
 constexpr char const* SERVICE = "number";
 
 std::string textOf(ErrorCode error) {
-    switch (error) {
-    case ErrorCode::SUCCESS:
-        return "answered";
-    case ErrorCode::TIMEOUT:
-        return "not answered in time";
-    case ErrorCode::CANCELLED:
-        return "cancelled";
-    default:
-        return "ended with code " + std::to_string(static_cast<int>(error));
-    }
+    return error == ErrorCode::SUCCESS   ? "answered"
+           : error == ErrorCode::TIMEOUT ? "not answered in time"
+           : error == ErrorCode::CANCELLED
+               ? "cancelled"
+               : "ended with code " + std::to_string(static_cast<int>(error));
 }
 
 /// Records the ends of one request. Lives longer than its request.
@@ -61,16 +55,13 @@ private:
     support::Watched<End> end_;
 };
 
-class NumberServer final : public Server, private mqtt::RequestReplyServer::Listener {
+/// Replies with the number that it was asked.
+class NumberServer final : private mqtt::RequestReplyServer::Listener {
 public:
-    NumberServer(TestBed& testBed, std::string const& topic)
-        : report_(testBed.report),
-          topic_(topic),
-          client_(support::testClient(testBed.broker.host(), testBed.newProxy())),
-          server_(*client_, topic, SUBTOPIC, SERVICE) {
+    explicit NumberServer(TestBed& testBed)
+        : report_(testBed.report), client_(testBed.newClient()) {
         server_.subscribe(this, Uuid::NIL, std::make_shared<NumberData>());
     }
-    ~NumberServer() override { server_.release(); }
 
 private:
     std::shared_ptr<mqtt::RequestReplyData>
@@ -82,7 +73,7 @@ private:
         // All requests of short-lived clients carry 0.
         report_.check(number == 0
                           || std::find(recent_.begin(), recent_.end(), number) == recent_.end(),
-                      topic_ + ": request " + std::to_string(number) + " came twice");
+                      "request " + std::to_string(number) + " came twice");
         recent_.push_back(number);
         if (recent_.size() > REMEMBERED) {
             recent_.pop_front();
@@ -91,89 +82,64 @@ private:
     }
 
     Report& report_;
-    std::string const topic_;
     std::deque<unsigned int> recent_; ///< used on the client's thread
     std::unique_ptr<mqtt::MqttClient> client_;
-    mqtt::RequestReplyServer server_;
+    mqtt::RequestReplyServer server_{*client_, TOPIC, SUBTOPIC, SERVICE};
 };
 
+/// Sends one request after the other: waits, uses a listener, cancels.
 class RequestWorker final : public Worker {
 public:
-    RequestWorker(TestBed& on, std::string const& name, std::string const& topic, bool persistent,
-                  std::uint32_t firstNumber)
-        : Worker(on, name),
+    RequestWorker(TestBed& on, std::string const& name, bool persistent, std::uint32_t firstNumber)
+        : Worker(on, name, 30),
           number_(firstNumber),
-          client_(support::testClient(testBed.broker.host(), testBed.newProxy(),
-                                      {persistent, true, id_})),
-          requests_(
-              std::make_unique<mqtt::RequestReplyClient>(*client_, topic, SUBTOPIC, SERVICE)) {}
+          client_(testBed.newClient({persistent, true, id_})) {}
     ~RequestWorker() override {
-        end();
-        requests_.reset();
+        requests_.release();
         checkEnds(0);
     }
 
-    void verify() override {
-        check(support::eventually([this] { return requestAndWait() == ErrorCode::SUCCESS; },
-                                  END_DEADLINE),
-              "gets no reply any more");
-    }
-
 private:
-    void step() override {
-        if (random.percent(40)) {
-            requestAndWait();
-        } else {
-            requestWithListener();
-        }
-        wait(0, 30);
+    bool step() override {
+        count("requests made");
+        ++number_;
+        return random.percent(40) ? requestAndWait() : requestWithListener();
     }
 
-    ErrorCode requestAndWait() {
-        auto const number = ++number_;
+    bool requestAndWait() {
         auto const reply = std::make_shared<NumberData>();
         auto const error =
-            requests_->requestWait(id_, Uuid::NIL, std::make_shared<NumberData>(number), reply, 1);
-        count("requests made");
-        checkReply(error, number, reply->number);
-        return error;
+            requests_.requestWait(id_, Uuid::NIL, std::make_shared<NumberData>(number_), reply, 1);
+        return checkReply(error, reply->number);
     }
 
-    void requestWithListener() {
+    bool requestWithListener() {
         constexpr std::size_t KEPT_LISTENERS = 50;
-        auto const number = ++number_;
-        auto listener = std::make_unique<RequestListener>();
+        listeners_.push_back(std::make_unique<RequestListener>());
+        auto& listener = *listeners_.back();
         auto const result =
-            requests_->request(listener.get(), id_, Uuid::NIL, std::make_shared<NumberData>(number),
-                               listener->reply, nullptr, 1);
-        count("requests made");
-        if (result != ErrorCode::PENDING) {
-            check(false, "a request is not made: " + textOf(result));
-            return;
-        }
+            requests_.request(&listener, id_, Uuid::NIL, std::make_shared<NumberData>(number_),
+                              listener.reply, nullptr, 1);
+        check(result == ErrorCode::PENDING, "a request is not made: " + textOf(result));
         if (random.percent(10)) {
             wait(0, 5);
-            requests_->cancel();
+            requests_.cancel();
         } else if (random.percent(20)) {
-            requests_->waitEndOfRequest(1);
+            requests_.waitEndOfRequest(1);
         }
-        if (listener->waitForEnd()) {
-            checkReply(listener->end().error, number, listener->end().number);
-        } else {
-            check(false, "request " + std::to_string(number) + " never ended");
-            requests_->cancel();
-        }
-        listeners_.push_back(std::move(listener));
+        check(listener.waitForEnd(), "request " + std::to_string(number_) + " never ended");
         checkEnds(KEPT_LISTENERS);
+        return checkReply(listener.end().error, listener.end().number);
     }
 
-    void checkReply(ErrorCode error, unsigned int sent, unsigned int replied) {
+    bool checkReply(ErrorCode error, unsigned int replied) {
+        bool const success = error == ErrorCode::SUCCESS;
         count("requests " + textOf(error));
-        check(error == ErrorCode::SUCCESS || error == ErrorCode::TIMEOUT
-                  || error == ErrorCode::CANCELLED,
+        check(success || error == ErrorCode::TIMEOUT || error == ErrorCode::CANCELLED,
               "a request " + textOf(error));
-        check(error != ErrorCode::SUCCESS || sent == replied,
-              "sent " + std::to_string(sent) + ", got " + std::to_string(replied));
+        check(!success || replied == number_,
+              "sent " + std::to_string(number_) + ", got " + std::to_string(replied));
+        return success;
     }
 
     /// A second end is noticed while the listener is kept.
@@ -187,28 +153,20 @@ private:
     std::uint32_t number_;
     std::deque<std::unique_ptr<RequestListener>> listeners_;
     std::unique_ptr<mqtt::MqttClient> client_;
-    std::unique_ptr<mqtt::RequestReplyClient> requests_;
+    mqtt::RequestReplyClient requests_{*client_, TOPIC, SUBTOPIC, SERVICE};
 };
 
+/// Makes a client, uses it a little, and destroys it in any state.
 class ShortLivedClients final : public Worker, private mqtt::MqttClient::Subscriber {
 public:
-    ShortLivedClients(TestBed& on, std::string const& topic)
-        : Worker(on, "short-lived clients"), topic_(topic), port_(testBed.newProxy()) {}
-    ~ShortLivedClients() override { end(); }
+    explicit ShortLivedClients(TestBed& on)
+        : Worker(on, "short-lived clients", 100), port_(testBed.newProxy()) {}
 
 private:
-    void step() override {
+    bool step() override {
         mqtt::MqttClient client(support::uniqueId(), random.percent(30), "short-lived",
                                 testBed.broker.host(), port_, true);
         count("clients made and destroyed");
-        use(client);
-        if (random.percent(50)) {
-            client.disconnect(1);
-        }
-        wait(0, 100);
-    }
-
-    void use(mqtt::MqttClient& client) {
         static_cast<void>(client.subscribe("chaos/#", this, 0));
         mqtt::MqttData<conv::ServiceStatus> endpoint(client, "chaos/short-lived");
         endpoint.subscribe(nullptr, 0);
@@ -216,13 +174,17 @@ private:
         request(client);
         wait(0, 50);
         client.release(this);
+        if (random.percent(50)) {
+            client.disconnect(1);
+        }
+        return true;
     }
 
     /// Destroys the request client before or after the end of its request.
     void request(mqtt::MqttClient& client) {
         RequestListener listener;
         {
-            mqtt::RequestReplyClient requests(client, topic_, SUBTOPIC, SERVICE);
+            mqtt::RequestReplyClient requests(client, TOPIC, SUBTOPIC, SERVICE);
             auto const result =
                 requests.request(&listener, support::uniqueId(), Uuid::NIL,
                                  std::make_shared<NumberData>(0), listener.reply, nullptr, 1);
@@ -237,24 +199,17 @@ private:
         count("messages to short-lived clients");
     }
 
-    std::string const topic_;
     int const port_;
 };
 
 } // namespace
 
-std::unique_ptr<Server> makeNumberServer(TestBed& testBed, std::string const& topic) {
-    return std::make_unique<NumberServer>(testBed, topic);
-}
-
-std::unique_ptr<Worker> makeRequestWorker(TestBed& testBed, std::string const& name,
-                                          std::string const& topic, bool persistent,
-                                          std::uint32_t firstNumber) {
-    return std::make_unique<RequestWorker>(testBed, name, topic, persistent, firstNumber);
-}
-
-std::unique_ptr<Worker> makeShortLivedClients(TestBed& testBed, std::string const& topic) {
-    return std::make_unique<ShortLivedClients>(testBed, topic);
+void addRequestWorkers(TestBed& testBed, Services& services) {
+    services.servers.push_back(std::make_shared<NumberServer>(testBed));
+    services.workers.push_back(std::make_unique<RequestWorker>(testBed, "requests", false, 1));
+    services.workers.push_back(
+        std::make_unique<RequestWorker>(testBed, "persistent requests", true, 1000000000));
+    services.workers.push_back(std::make_unique<ShortLivedClients>(testBed));
 }
 
 } // namespace chaos

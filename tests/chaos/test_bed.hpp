@@ -4,6 +4,7 @@
 
 #include "support/broker.hpp"
 #include "support/cut_proxy.hpp"
+#include "support/test_client.hpp"
 #include "support/timeout_factor.hpp"
 
 #include <atomic>
@@ -24,6 +25,10 @@ struct TestBed {
     int newProxy() {
         proxies.push_back(std::make_unique<support::CutProxy>(broker.port()));
         return proxies.back()->port();
+    }
+    /// A client over a proxy of its own.
+    std::unique_ptr<mqtt::MqttClient> newClient(support::ClientOptions const& options = {}) {
+        return support::testClient(broker.host(), newProxy(), options);
     }
 
     std::uint64_t const seed;

@@ -2,22 +2,16 @@
 
 namespace chaos {
 
-Worker::Worker(TestBed& on, std::string name)
-    : testBed(on), name_(std::move(name)), random(on.seed, name_) {}
+Worker::Worker(TestBed& on, std::string name, int maxPauseMs)
+    : testBed(on), name_(std::move(name)), maxPauseMs_(maxPauseMs), random(on.seed, name_) {}
 
-void Worker::start() {
+void Worker::set(State state) {
     std::lock_guard<std::mutex> const lock(mutex_);
-    working_ = true;
+    state_ = state;
     // Not in the constructor: the derived class is not constructed there.
     if (!thread_.joinable()) {
         thread_ = std::thread([this] { run(); });
     }
-    changed_.notify_all();
-}
-
-void Worker::pause() {
-    std::lock_guard<std::mutex> const lock(mutex_);
-    working_ = false;
     changed_.notify_all();
 }
 
@@ -27,33 +21,31 @@ void Worker::waitUntilPaused() {
 }
 
 void Worker::end() {
-    {
-        std::lock_guard<std::mutex> const lock(mutex_);
-        working_ = false;
-        ended_ = true;
-        changed_.notify_all();
-    }
-    if (thread_.joinable()) {
-        thread_.join();
-    }
+    set(State::ENDED);
+    thread_.join();
 }
 
-void Worker::wait(int fromMilliseconds, int toMilliseconds) {
-    std::chrono::milliseconds const time(random.between(fromMilliseconds, toMilliseconds));
+void Worker::verify() {
+    check(support::eventually([this] { return step(); }, END_DEADLINE), "no longer works");
+}
+
+void Worker::wait(int fromMs, int toMs) {
+    std::chrono::milliseconds const time(random.between(fromMs, toMs));
     std::unique_lock<std::mutex> lock(mutex_);
-    changed_.wait_for(lock, time, [&] { return !working_; });
+    changed_.wait_for(lock, time, [&] { return state_ != State::WORKING; });
 }
 
 void Worker::run() {
     std::unique_lock<std::mutex> lock(mutex_);
     for (;;) {
-        changed_.wait(lock, [&] { return working_ || ended_; });
-        if (ended_) {
+        changed_.wait(lock, [&] { return state_ != State::PAUSED; });
+        if (state_ == State::ENDED) {
             return;
         }
         inStep_ = true;
         lock.unlock();
         step();
+        wait(0, maxPauseMs_);
         lock.lock();
         inStep_ = false;
         changed_.notify_all();

@@ -11,30 +11,30 @@
 namespace chaos {
 
 /// Uses the library step by step on a thread of its own, unless paused. Paused at first.
-///
-/// A derived class calls `end` in its destructor, before it destroys anything.
 class Worker {
 public:
-    Worker(TestBed& testBed, std::string name);
-    virtual ~Worker() { end(); }
+    Worker(TestBed& testBed, std::string name, int maxPauseMs);
+    virtual ~Worker() = default;
     Worker(Worker const&) = delete;
     Worker& operator=(Worker const&) = delete;
 
     std::string const& name() const { return name_; }
 
-    void start();
+    void start() { set(State::WORKING); }
     /// Does not wait for the end of the current step; `waitUntilPaused` does.
-    void pause();
+    void pause() { set(State::PAUSED); }
     void waitUntilPaused();
+    /// Ends the thread, after the current step. To be called before the destruction.
+    void end();
     /// Checks that it still works, while it is paused and there are no faults.
-    virtual void verify() {}
+    virtual void verify();
 
 protected:
-    virtual void step() = 0;
+    /// Uses the library once.
+    /// @return whether that has succeeded; without faults it has to, after some repetitions
+    virtual bool step() = 0;
     /// Waits for a random time; `pause` ends the wait.
-    void wait(int fromMilliseconds, int toMilliseconds);
-    /// Ends the thread; waits for the end of the current step.
-    void end();
+    void wait(int fromMs, int toMs);
     void count(std::string const& what, std::uint64_t n = 1) { testBed.report.count(what, n); }
     void check(bool holds, std::string const& otherwise) {
         testBed.report.check(holds, name_ + ": " + otherwise);
@@ -43,19 +43,22 @@ protected:
     TestBed& testBed;
 
 private:
+    enum class State { PAUSED, WORKING, ENDED };
+
+    void set(State state);
     void run();
 
     std::string const name_;
+    int const maxPauseMs_; ///< between two steps
 
 protected:
-    Random random; ///< for steps, and while paused
+    Random random; ///< for steps
 
 private:
     std::mutex mutex_; ///< guards what follows
     std::condition_variable changed_;
-    bool working_ = false;
+    State state_ = State::PAUSED;
     bool inStep_ = false;
-    bool ended_ = false;
     std::thread thread_;
 };
 

@@ -4,99 +4,71 @@
 
 namespace chaos {
 
-Workload::Workload(TestBed& testBed) : testBed_(testBed) {
-    addPublishers();
-    addMonitors();
-    addServices();
-}
+Workload::Workload(TestBed& testBed) : testBed_(testBed), services_(testBed) {
+    // Each: QoS, persistent session, retained.
+    addPublisher("persistent publisher", {{2, true, true}, {2, true, false}, {1, true, true}});
+    addPublisher("persistent publisher of one topic", {{2, true, true}});
+    addPublisher("publisher", {{2, false, true}, {1, false, true}, {0, false, false}});
 
-Workload::~Workload() {
-    for (auto const& worker : workers_) {
-        worker->pause();
+    Sequences all;
+    for (auto const& sequence : sequences_) {
+        all.push_back(sequence.get());
+    }
+    std::pair<char const*, MonitorOptions> const monitors[] = {
+        {"direct monitor", {true, false, false}},
+        {"direct monitor by pattern", {true, true, true}},
+        {"monitor", {false, false, true}},
+        {"persistent monitor", {false, true, false}},
+    };
+    for (auto const& [name, options] : monitors) {
+        monitors_.push_back(std::make_unique<TopicMonitor>(testBed, name, options, all));
+    }
+    for (auto const& worker : services_.workers) {
+        workers_.push_back(worker.get());
     }
 }
 
-NumberSequence* Workload::add(Sequences& group, std::string const& topic, Delivery delivery) {
-    sequences_.push_back(std::make_unique<NumberSequence>("chaos/" + topic, delivery));
-    group.push_back(sequences_.back().get());
-    return group.back();
+Workload::~Workload() {
+    for (Worker* const worker : workers_) {
+        worker->pause(); // all at once, before the wait for the first one
+    }
+    for (Worker* const worker : workers_) {
+        worker->end();
+    }
 }
 
-void Workload::addPublishers() {
-    auto const text = [this](std::string const& name, Delivery delivery) {
-        return add(texts_, "text/" + name, delivery);
-    };
-    auto const publisher = [this](std::string const& name, bool typed, Sequences const& all) {
-        auto made = makePublisher(testBed_, name, typed, all);
-        publishers_.push_back(made.get());
-        workers_.push_back(std::move(made));
-    };
-    publisher("persistent texts", false,
-              {text("persistent-2-retained", {2, true, true}),
-               text("persistent-2-event", {2, true, false}),
-               text("persistent-1-retained", {1, true, true})});
-    publisher("one persistent text", false, {text("persistent-2-alone", {2, true, true})});
-    publisher("clean texts", false,
-              {text("clean-2-retained", {2, false, true}),
-               text("clean-1-retained", {1, false, true}),
-               text("clean-0-event", {0, false, false})});
-    publisher("persistent values", true, {add(values_, "value/persistent", {2, true, true})});
-    publisher("clean values", true, {add(values_, "value/clean", {2, false, true})});
-}
-
-void Workload::addMonitors() {
-    auto const monitor = [this](std::string const& name, MonitorOptions const& options) {
-        monitors_.push_back(
-            std::make_unique<TopicMonitor>(testBed_, name, options, texts_, values_));
-    };
-    monitor("direct monitor", {true, false, false});
-    monitor("direct monitor by pattern", {true, true, true});
-    monitor("monitor", {false, false, true});
-    monitor("persistent monitor", {false, true, false});
-}
-
-void Workload::addServices() {
-    std::string const first = "chaos/server/a";
-    std::string const second = "chaos/server/b";
-    servers_.push_back(makeNumberServer(testBed_, first));
-    servers_.push_back(makeNumberServer(testBed_, second));
-    servers_.push_back(makeBindingServer(testBed_));
-    servers_.push_back(makeDiscoverableDevice(testBed_));
-    workers_.push_back(makeRequestWorker(testBed_, "requests", first, false, 1));
-    workers_.push_back(makeRequestWorker(testBed_, "persistent requests", first, true, 1000000000));
-    workers_.push_back(makeRequestWorker(testBed_, "other requests", second, false, 1));
-    workers_.push_back(makeBindingWorker(testBed_, "binding"));
-    workers_.push_back(makeBindingWorker(testBed_, "other binding"));
-    workers_.push_back(makeTimeReader(testBed_));
-    workers_.push_back(makeDiscoveryWorker(testBed_));
-    workers_.push_back(makeCleaningWorker(testBed_));
-    workers_.push_back(makeShortLivedClients(testBed_, second));
+void Workload::addPublisher(std::string const& name, std::vector<Delivery> const& deliveries) {
+    Sequences added;
+    for (Delivery const& delivery : deliveries) {
+        auto const topic = "chaos/number/" + std::to_string(sequences_.size()) + "-qos"
+                           + std::to_string(delivery.qos);
+        sequences_.push_back(std::make_unique<NumberSequence>(topic, delivery));
+        added.push_back(sequences_.back().get());
+    }
+    publishers_.push_back(std::make_unique<Publisher>(testBed_, name, added));
+    workers_.push_back(publishers_.back().get());
 }
 
 void Workload::start() {
-    for (auto const& worker : workers_) {
+    for (Worker* const worker : workers_) {
         worker->start();
     }
 }
 
 void Workload::pauseAndVerify() {
-    pause();
+    for (Worker* const worker : workers_) {
+        worker->pause();
+    }
+    for (Worker* const worker : workers_) {
+        worker->waitUntilPaused();
+    }
     waitForConnections();
     waitForLastNumbers();
     checkRetainedValues();
-    for (auto const& worker : workers_) {
+    for (Worker* const worker : workers_) {
         worker->verify();
     }
     testBed_.brokerIsKilled = false;
-}
-
-void Workload::pause() {
-    for (auto const& worker : workers_) {
-        worker->pause();
-    }
-    for (auto const& worker : workers_) {
-        worker->waitUntilPaused();
-    }
 }
 
 void Workload::waitForConnections() {
@@ -116,7 +88,7 @@ void Workload::waitForConnections() {
 void Workload::waitForLastNumbers() {
     auto const end = std::chrono::steady_clock::now() + END_DEADLINE;
     do {
-        for (Publisher* const publisher : publishers_) {
+        for (auto const& publisher : publishers_) {
             publisher->publishOnce();
         }
         if (support::eventually([&] { return missingTopics().empty(); }, std::chrono::seconds(2))) {
@@ -136,20 +108,14 @@ std::string Workload::missingTopics() const {
 }
 
 void Workload::checkRetainedValues() {
-    auto const check = [this](NumberSequence const& sequence, auto const& numberIn) {
-        if (sequence.delivery().retained) {
-            auto const found = support::allRetained(testBed_.broker, sequence.topic() + "/#");
+    for (auto const& sequence : sequences_) {
+        if (sequence->delivery().retained) {
+            auto const found = support::allRetained(testBed_.broker, sequence->topic() + "/#");
             testBed_.report.check(found.size() == 1
-                                      && numberIn(found[0].payload) == sequence.published(),
-                                  sequence.topic() + ": the retained value is not the last one");
+                                      && numberIn(found[0].payload) == sequence->published(),
+                                  sequence->topic() + ": the retained value is not the last one");
             testBed_.report.count("retained values checked");
         }
-    };
-    for (NumberSequence const* const text : texts_) {
-        check(*text, numberInText);
-    }
-    for (NumberSequence const* const value : values_) {
-        check(*value, numberInValue);
     }
 }
 

@@ -3,10 +3,6 @@
 #include "chaos/topic_monitor.hpp"
 #include "chaos/workers.hpp"
 
-#include <memory>
-#include <string>
-#include <vector>
-
 namespace chaos {
 
 /// All workers, servers and monitors of a run.
@@ -23,12 +19,7 @@ public:
     void pauseAndVerify();
 
 private:
-    NumberSequence* add(Sequences& group, std::string const& topic, Delivery delivery);
-    void addPublishers();
-    void addMonitors();
-    void addServices();
-
-    void pause();
+    void addPublisher(std::string const& name, std::vector<Delivery> const& deliveries);
     void waitForConnections();
     void waitForLastNumbers();
     std::string missingTopics() const;
@@ -36,12 +27,10 @@ private:
 
     TestBed& testBed_;
     std::vector<std::unique_ptr<NumberSequence>> sequences_;
-    Sequences texts_;
-    Sequences values_;
     std::vector<std::unique_ptr<TopicMonitor>> monitors_;
-    std::vector<std::unique_ptr<Server>> servers_;
-    std::vector<std::unique_ptr<Worker>> workers_; ///< publishers included
-    std::vector<Publisher*> publishers_;
+    Services services_;
+    std::vector<std::unique_ptr<Publisher>> publishers_;
+    std::vector<Worker*> workers_; ///< all, publishers included
 };
 
 } // namespace chaos

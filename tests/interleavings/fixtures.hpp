@@ -10,6 +10,7 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -121,6 +122,27 @@ private:
     SmallBroker::Message heldReply_;
     std::vector<std::string> requestNames_;
     bool holds_ = false;
+};
+
+/// For classes that send requests.
+struct ClientOfEchoServer : ConnectedClient {
+    /// Ends an object whose requests have no reply yet, while their replies come.
+    /// @param waiter uses the object
+    template <class Object>
+    void endDuringReplies(std::unique_ptr<Object>& object, CallbackCheck& listener,
+                          std::thread& waiter) {
+        explore([&] {
+            server.releaseReplies();
+            ifMistaken([&] { listener.close(); });
+            Scheduler::instance().switchPoint();
+            object.reset();
+            listener.close();
+        });
+        waiter.join();
+        expectNoSubscriptions();
+    }
+
+    EchoServer server{broker};
 };
 
 } // namespace interleavings

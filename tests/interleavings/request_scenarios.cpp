@@ -47,7 +47,7 @@ Reply numberData(unsigned number = 0) {
     return std::make_shared<NumberData>(number);
 }
 
-struct RequesterFixture : ConnectedClient {
+struct RequesterFixture : ClientOfEchoServer {
     Code request(ReplyListener& replyListener, unsigned number, unsigned timeoutSeconds,
                  Reply const& reply = numberData()) const {
         return requester->request(&replyListener, CLIENT, SERVER, numberData(number), reply,
@@ -83,7 +83,6 @@ struct RequesterFixture : ConnectedClient {
         expectNextRequestSucceeds();
     }
 
-    EchoServer server{broker};
     std::unique_ptr<RequestReplyClient> requester =
         std::make_unique<RequestReplyClient>(client, "svc", "", "echo");
     ReplyListener listener;
@@ -145,15 +144,8 @@ SCENARIO(TheEndOfARequesterMeetsItsCallbacks, RequesterFixture, DEADLINES) {
     request(listener, 1, 1);
     std::thread waiter([&] { requester->waitEndOfRequest(1); });
     pass(milliseconds(1));
-    explore([&] {
-        server.releaseReplies();
-        ifMistaken([&] { listener.close(); });
-        requester.reset();
-        listener.close();
-    });
-    waiter.join();
+    endDuringReplies(requester, listener, waiter);
     listener.expectEnds(1);
-    expectNoSubscriptions();
 }
 
 SCENARIO(ARequesterEndsInItsListener, RequesterFixture, DEADLINES) {

@@ -24,7 +24,7 @@ struct TimeListener final : zym::common::SynchronizedTimeBaseProxy::Listener, Ca
     void onTimeSynchronized() override { onCallback(); }
 };
 
-struct TimeBaseFixture : ConnectedClient {
+struct TimeBaseFixture : ClientOfEchoServer {
     void expectSynchronizedAndUsable(bool synchronized = true) const {
         expect(proxy->isSynchronized() == synchronized, "the time base does not run");
         proxy->stop();
@@ -41,7 +41,6 @@ struct TimeBaseFixture : ConnectedClient {
         expectSynchronizedAndUsable(started);
     }
 
-    EchoServer server{broker};
     TimeListener listener;
     std::unique_ptr<mqtt::SynchronizedTimeBaseMqttProxy> proxy =
         std::make_unique<mqtt::SynchronizedTimeBaseMqttProxy>(client, "svc", CLIENT, &listener);
@@ -94,15 +93,7 @@ SCENARIO(TheEndOfATimeBaseMeetsItsCallback, TimeBaseFixture, DEADLINES) {
     server.holdReplies();
     std::thread waiter([&] { waits ? proxy->synchronize(SERVER, 5) : proxy->startSync(SERVER); });
     pass(milliseconds(1));
-    explore([&] {
-        server.releaseReplies();
-        ifMistaken([&] { listener.close(); });
-        Scheduler::instance().switchPoint();
-        proxy.reset();
-        listener.close();
-    });
-    waiter.join();
-    expectNoSubscriptions();
+    endDuringReplies(proxy, listener, waiter);
 }
 
 SCENARIO(TimeBaseWithoutAThread, TimeBaseFixture, NO_THREAD) {
@@ -133,7 +124,7 @@ struct BindingListener final : zym::common::BinderProxy::Listener, CallbackCheck
     int bound = 0;
 };
 
-struct BinderFixture : ConnectedClient {
+struct BinderFixture : ClientOfEchoServer {
     void expectUnbound() const {
         expect(!proxy->isTimeBaseSynchronized(), "the time base runs after the unbind");
         expect(proxy->unbindSync(5) == BinderError::NOT_BOUND, "bound after the unbind");
@@ -181,7 +172,6 @@ struct BinderFixture : ConnectedClient {
         expectUsable();
     }
 
-    EchoServer server{broker};
     BindingListener listener;
     std::unique_ptr<mqtt::BinderMqttProxy> proxy =
         std::make_unique<mqtt::BinderMqttProxy>(client, "svc", "", CLIENT, "me", &listener);
@@ -287,14 +277,7 @@ SCENARIO(TheEndOfABinderMeetsItsCallbacks, BinderFixture, DEADLINES) {
         }
     });
     pass(milliseconds(1));
-    explore([&] {
-        server.releaseReplies();
-        ifMistaken([&] { listener.close(); });
-        proxy.reset();
-        listener.close();
-    });
-    waiter.join();
-    expectNoSubscriptions();
+    endDuringReplies(proxy, listener, waiter);
 }
 
 SCENARIO(BindingsWithoutAThread, BinderFixture, NO_THREAD) {

@@ -1,0 +1,146 @@
+#include "callbacks.hpp"
+
+using Binding = zym::common::Binder::Error;
+using Code = mqtt::RequestReply::ErrorCode;
+using Error = mqtt::MqttClient::Error;
+using Test = CallbackTest;
+using std::chrono::milliseconds;
+
+namespace {
+
+void publish(Test& t, std::string const& topic, std::string const& payload) {
+    EXPECT_EQ(t.client->publish(topic, payload, 0, false), Error::SUCCESS);
+}
+
+void receiveMessage(Test& t, Objects& objects) {
+    EXPECT_EQ(t.client->subscribe(t.topic("go"), &objects.events, 0), Error::SUCCESS);
+    publish(t, t.topic("go"), "now");
+}
+
+void receiveValue(Test& t, Objects& objects) {
+    EXPECT_EQ(objects.endpoint->subscribe(&objects.events, 1), Error::SUCCESS);
+    publish(t, objects.root + "/value", R"({"@id": "go"})");
+}
+
+void connect(Test& t, Objects& objects) {
+    EXPECT_EQ(t.client->disconnect(TIMEOUT_S), Error::SUCCESS);
+    t.client->registerListener(&objects.events);
+    // Does not wait for a state that an operation inside the callback may end at once.
+    auto const result = t.client->connect("", -1, 0);
+    EXPECT_TRUE(result == Error::SUCCESS || result == Error::TIMEOUT) << result;
+}
+
+void receiveRequest(Test& t, Objects& objects) {
+    EXPECT_EQ(objects.serve(), Error::SUCCESS);
+    publish(t, objects.root + "/service?\?/" + objects.id.base64URL(),
+            R"({"$reqId": 1, "number": 7})");
+}
+
+void request(Test& /*test*/, Objects& objects) {
+    EXPECT_EQ(objects.request(), Code::PENDING);
+}
+
+void requestAndCancel(Test& /*test*/, Objects& objects) {
+    objects.requester =
+        std::make_unique<mqtt::RequestReplyClient>(*objects.client, "far", "", "nobody");
+    EXPECT_EQ(objects.request(), Code::PENDING);
+    EXPECT_EQ(objects.requester->cancel(), Code::SUCCESS);
+}
+
+/// The timer ends the request.
+void requestOnInvalidTopic(Test& /*test*/, Objects& objects) {
+    objects.requester = std::make_unique<mqtt::RequestReplyClient>(*objects.client, "far", "", "+");
+    EXPECT_EQ(objects.requester->request(&objects.events, objects.id, zym::common::Uuid::NIL,
+                                         nullptr, nullptr, nullptr, 0),
+              Code::PENDING);
+}
+
+void synchronize(Test& /*test*/, Objects& objects) {
+    objects.timeProxy->stop();
+    EXPECT_TRUE(objects.timeProxy->startSync(device().id));
+}
+
+/// What comes before depends on the last time; it has no effect the first time.
+void bind(Test& /*test*/, Objects& objects) {
+    objects.binder->unbindSync(TIMEOUT_S);
+    EXPECT_EQ(objects.binder->bind(device().id, TIMEOUT_S), Binding::SUCCESS);
+}
+
+void bindSync(Test& /*test*/, Objects& objects) {
+    objects.binder->unbindSync(TIMEOUT_S);
+    EXPECT_EQ(objects.binder->bindSync(device().id, TIMEOUT_S), Binding::SUCCESS);
+}
+
+void unbind(Test& t, Objects& objects) {
+    bindSync(t, objects);
+    EXPECT_EQ(objects.binder->unbind(TIMEOUT_S), Binding::SUCCESS);
+}
+
+void unbindSync(Test& t, Objects& objects) {
+    bindSync(t, objects);
+    EXPECT_EQ(objects.binder->unbindSync(TIMEOUT_S), Binding::SUCCESS);
+}
+
+mqtt::BinderMqttProxy& binderOnInvalidTopic(Objects& objects) {
+    objects.binder = std::make_unique<mqtt::BinderMqttProxy>(
+        *objects.client, "far/+", "", objects.id, objects.root + "/bound", &objects.events);
+    return *objects.binder;
+}
+
+void bindOnInvalidTopic(Test& /*test*/, Objects& objects) {
+    EXPECT_EQ(binderOnInvalidTopic(objects).bind(device().id, 0), Binding::SUCCESS);
+}
+
+void unbindOnInvalidTopic(Test& /*test*/, Objects& objects) {
+    EXPECT_EQ(binderOnInvalidTopic(objects).bind(device().id, HOUR_S), Binding::SUCCESS);
+    EXPECT_EQ(objects.binder->unbind(0), Binding::SUCCESS);
+}
+
+void clean(Test& t, Objects& objects) {
+    auto const topic = objects.root + "/go";
+    t.peer.publish(topic, "now", 2, true);
+    objects.cleaner->clean(topic, milliseconds::zero());
+}
+
+/// A timer that is used in its own callback goes on, unless it is stopped there.
+void startTimer(Test& t, Objects& objects) {
+    objects.restartTimer(milliseconds(t.sameObject ? 1 : 0), !t.sameObject);
+}
+
+} // namespace
+
+std::vector<Callback> const& callbacks() {
+    static std::string const BINDER = "BinderMqttProxy";
+    static std::string const REQUESTER = "RequestReplyClient";
+    static std::vector<Callback> const all{
+        {"MqttClient", "onMqttMessage", "worker", "message", receiveMessage},
+        {"MqttClient", "onComStateChanged", "worker", "state 2", connect},
+        {"MqttClient", "onComStateChanged", "caller", "state 4", connect},
+        {"MqttData", "onMqttData", "worker", "value", receiveValue},
+        {"RequestReplyServer", "onRequest", "worker", "request", receiveRequest},
+        {REQUESTER, "onReply", "worker", "reply 1", request},
+        {REQUESTER, "onReply", "caller", "reply 7", requestAndCancel},
+        {REQUESTER, "onReply", "timer", "reply 3", requestOnInvalidTopic},
+        {"SynchronizedTimeBaseMqttProxy", "onTimeSynchronized", "worker", "synchronized",
+         synchronize},
+        {BINDER, "onBound", "worker", "bound 0", bind},
+        {BINDER, "onBound", "caller", "bound 0", bindSync},
+        {BINDER, "onBound", "timer", "bound 3", bindOnInvalidTopic},
+        {BINDER, "onUnbound", "worker", "unbound 0", unbind},
+        {BINDER, "onUnbound", "caller", "unbound 0", unbindSync},
+        {BINDER, "onUnbound", "timer", "unbound 0", unbindOnInvalidTopic},
+        {"TopicCleaner", "onTopicCleaned", "timer", "cleaned", clean},
+        {"TopicCleaner", "onAllTopicsCleaned", "timer", "all cleaned", clean},
+        {"Timer", "Timer", "timer", "timer", startTimer},
+    };
+    return all;
+}
+
+Callback const& callbackOf(std::string const& classNameOrName) {
+    for (Callback const& callback : callbacks()) {
+        if (callback.className == classNameOrName || callback.name == classNameOrName) {
+            return callback;
+        }
+    }
+    throw std::invalid_argument("No callback " + classNameOrName);
+}
