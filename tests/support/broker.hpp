@@ -42,7 +42,6 @@ public:
     /// What to give as host, with port 0, with the option `unixSocket`.
     std::string socketPath() const { return directory_.file("broker.sock"); }
     pid_t pid() const noexcept { return pid_; }
-    bool running();
 
     /// SIGKILL; returns when the process has ended.
     void kill();
@@ -54,12 +53,10 @@ public:
     void suspend();
     void resume();
 
-    /// What it has written so far, over all its processes.
-    std::string log() const { return directory_.read("broker.log"); }
-
 private:
     void writeConfiguration(Options const& options) const;
     bool isUp();
+    std::string log() const { return directory_.read("broker.log"); }
     std::string logTail() const;
     void handleHang(std::ostream& out) const;
 

@@ -7,66 +7,14 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <condition_variable>
-#include <deque>
-#include <fstream>
-#include <future>
-#include <mutex>
 #include <system_error>
 
 namespace support {
 
 namespace {
 
-/// Forks all children on one thread that lives as long as this process. The kernel sends the
-/// parent's death signal when the thread that forked ends: a broker restarted by a helper thread
-/// of a test would end with that thread.
-class ForkingThread {
-public:
-    using Fork = std::packaged_task<pid_t()>;
-
-    ~ForkingThread() {
-        add({});
-        thread_.join();
-    }
-
-    pid_t run(std::function<pid_t()> const& fork) {
-        Fork task(fork);
-        std::future<pid_t> pid = task.get_future();
-        add(std::move(task));
-        return pid.get();
-    }
-
-private:
-    void add(Fork task) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        tasks_.push_back(std::move(task));
-        changed_.notify_all();
-    }
-
-    void serve() {
-        for (;;) {
-            std::unique_lock<std::mutex> lock(mutex_);
-            changed_.wait(lock, [this] { return !tasks_.empty(); });
-            Fork task = std::move(tasks_.front());
-            tasks_.pop_front();
-            lock.unlock();
-            if (!task.valid()) {
-                return; // the end of this process
-            }
-            task();
-        }
-    }
-
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    std::deque<Fork> tasks_;
-    std::thread thread_{[this] { serve(); }};
-};
-
 /// Only plain system calls: another thread may have held any lock at the moment of the fork.
-[[noreturn]] void becomeChild(std::vector<char*> const& arguments, char const* output,
-                              pid_t parent) {
+[[noreturn]] void becomeChild(char* const* arguments, char const* output, pid_t parent) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (getppid() != parent) { // the parent ended before the line above
         _exit(127);
@@ -75,78 +23,67 @@ private:
     dup2(open("/dev/null", O_RDONLY), STDIN_FILENO);
     dup2(out, STDOUT_FILENO);
     dup2(out, STDERR_FILENO);
-    execv(arguments[0], arguments.data());
+    execv(arguments[0], arguments);
     _exit(127);
 }
 
 } // namespace
 
+/// The kernel kills the child when the thread that forked it ends. So each child has a thread,
+/// which ends after it.
 Process::Process(std::vector<std::string> const& command, std::string const& output) {
-    std::vector<std::string> words = command;
     std::vector<char*> arguments;
-    for (std::string& word : words) {
-        arguments.push_back(word.data());
+    for (std::string const& word : command) {
+        arguments.push_back(const_cast<char*>(word.c_str())); // which execv does not change
     }
     arguments.push_back(nullptr);
-    static ForkingThread forkingThread;
     pid_t const parent = getpid();
-    pid_ = forkingThread.run([&] {
+    thread_ = std::thread([this, arguments = arguments.data(), path = output.c_str(), parent] {
         pid_t const child = fork();
         if (child == 0) {
-            becomeChild(arguments, output.c_str(), parent);
+            becomeChild(arguments, path, parent);
         }
-        return child < 0 ? -errno : child;
+        int const error = errno;
+        state_.change([&](State& state) { state.pid = child < 0 ? -error : child; });
+        observe(child);
     });
-    if (pid_ < 0) {
-        throw std::system_error(-pid_, std::generic_category(), "fork");
+    state_.waitFor([](State const& state) { return state.pid != 0; });
+    if (pid() < 0) {
+        thread_.join();
+        throw std::system_error(-pid(), std::generic_category(), "fork");
     }
 }
 
 Process::~Process() {
-    kill();
+    signal(SIGKILL);
+    thread_.join();
 }
 
-bool Process::ended() {
-    if (!ended_ && waitpid(pid_, &status_, WNOHANG) != 0) {
-        ended_ = true;
+void Process::observe(pid_t child) {
+    siginfo_t info{};
+    constexpr int CHANGES = WEXITED | WSTOPPED | WCONTINUED;
+    while (!ended() && waitid(P_PID, static_cast<id_t>(child), &info, CHANGES | WNOWAIT) == 0) {
+        // Its number is given up with the lock held: `signal` never hits another process.
+        state_.change([&](State& state) {
+            waitid(P_PID, static_cast<id_t>(child), &info, CHANGES | WNOHANG);
+            state.stopped = info.si_code == CLD_STOPPED;
+            state.ended = info.si_code != CLD_STOPPED && info.si_code != CLD_CONTINUED;
+        });
     }
-    return ended_;
-}
-
-bool Process::waitForEnd(std::chrono::milliseconds deadline) {
-    return eventually([this] { return ended(); }, deadline);
 }
 
 void Process::signal(int number) {
-    if (!ended()) {
-        ::kill(pid_, number);
-    }
-}
-
-void Process::kill() {
-    signal(SIGKILL);
-    while (!ended_) {
-        ended_ = waitpid(pid_, &status_, 0) == pid_ || errno != EINTR;
-    }
+    state_.read([&](State const& state) { return state.ended ? 0 : ::kill(state.pid, number); });
 }
 
 void Process::suspend() {
     signal(SIGSTOP);
-    if (!ended_ && waitpid(pid_, &status_, WUNTRACED) == pid_ && !WIFSTOPPED(status_)) {
-        ended_ = true;
-    }
+    state_.waitFor([](State const& state) { return state.stopped || state.ended; });
 }
 
 void Process::resume() {
     signal(SIGCONT);
-}
-
-bool isAlive(pid_t pid) {
-    std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
-    std::string text;
-    std::getline(file, text);
-    auto const name = text.rfind(") "); // the name may contain anything
-    return name != std::string::npos && text[name + 2] != 'Z' && text[name + 2] != 'X';
+    state_.waitFor([](State const& state) { return !state.stopped || state.ended; });
 }
 
 } // namespace support

@@ -1,16 +1,17 @@
 #pragma once
 
-#include "support/eventually.hpp"
+#include "support/watched.hpp"
 
 #include <sys/types.h>
 
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace support {
 
 /// A child process that never outlives this one: the destructor kills it, and so does the kernel
-/// when this process ends in any other way. For one thread at a time.
+/// when this process ends in any other way.
 class Process {
 public:
     /// @param command program (with its path) and arguments
@@ -21,26 +22,28 @@ public:
     Process(Process const&) = delete;
     Process& operator=(Process const&) = delete;
 
-    pid_t pid() const noexcept { return pid_; }
-    bool ended();
-    bool waitForEnd(std::chrono::milliseconds deadline = DEADLINE);
-    /// As of waitpid(2), once it has ended.
-    int status() const noexcept { return status_; }
-
+    pid_t pid() const { return state_.copy().pid; }
+    bool ended() const { return state_.copy().ended; }
+    bool waitForEnd() const {
+        return state_.waitFor([](State const& state) { return state.ended; });
+    }
     void signal(int number);
-    /// SIGKILL; returns when it has ended.
-    void kill();
     /// SIGSTOP; returns when it has stopped.
     void suspend();
+    /// SIGCONT; returns when it runs again.
     void resume();
 
 private:
-    pid_t pid_;
-    bool ended_ = false;
-    int status_ = 0;
-};
+    struct State {
+        pid_t pid = 0; ///< negative: the reason why there is no process
+        bool stopped = false;
+        bool ended = false;
+    };
 
-/// Whether there is a process of this number that still runs.
-bool isAlive(pid_t pid);
+    void observe(pid_t child);
+
+    Watched<State> state_;
+    std::thread thread_;
+};
 
 } // namespace support

@@ -1,76 +1,93 @@
-#include "support/watchdog.hpp"
-
-#include "support/process.hpp"
-#include "support/temp_dir.hpp"
+#include "support/broker.hpp"
 
 #include <gmock/gmock.h>
 
-#include <string>
+#include <csignal>
+#include <cstring>
+#include <future>
+#include <iostream>
 
 namespace {
 
-using support::Process;
+using testing::AllOf;
 using testing::HasSubstr;
+using testing::Truly;
 
-/// A run of the victim program, limited to one second.
-class Victim {
-public:
-    explicit Victim(std::string const& test)
-        : process({"/bin/sh", "-c",
-                   "ZYM_TEST_LIMIT=1 TMPDIR=" + directory_.path() + " exec " + WATCHDOG_VICTIM
-                       + " --gtest_filter=" + test},
-                  directory_.file("output")) {}
+[[noreturn]] [[gnu::noinline]] void hangForEver() {
+    support::Watchdog::limit(std::chrono::seconds(1));
+    std::promise<void> never;
+    never.get_future().wait();
+    std::abort();
+}
 
-    std::string output() const { return directory_.read("output"); }
-    /// The process of its broker; 0 while there is none.
-    int broker() const {
-        std::string const text = output();
-        auto const at = text.find("broker process ");
-        return at == std::string::npos || text.find('\n', at) == std::string::npos
-                   ? 0
-                   : std::stoi(text.substr(at + 15));
-    }
+constexpr char const* ANNOUNCEMENT = "broker process ";
 
-private:
-    support::TempDir directory_;
+bool isAlive(std::string const& process) {
+    std::ifstream file("/proc/" + process + "/stat");
+    std::string number, name, state;
+    file >> number >> name >> state;
+    return !state.empty() && state != "Z" && state != "X";
+}
 
-public:
-    Process process;
+bool announcedBrokerEnds(std::string const& output) {
+    std::string process;
+    std::istringstream(output.substr(output.find(ANNOUNCEMENT) + std::strlen(ANNOUNCEMENT)))
+        >> process;
+    return support::eventually([&] { return !isAlive(process); });
+}
+
+/// Each test runs this program once more, up to the statement.
+class AWatchdog : public testing::Test {
+protected:
+    AWatchdog() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
 };
 
-TEST(AWatchdog, EndsAHungTestByNameWithItsBrokerAndPrintsTheBrokersLog) {
-    Victim victim("AVictim.HangsWithABroker");
-    ASSERT_TRUE(victim.process.waitForEnd());
-    EXPECT_NE(victim.process.status(), 0);
-    EXPECT_THAT(victim.output(), HasSubstr("AVictim.HangsWithABroker FAILED: it hangs"));
-    EXPECT_THAT(victim.output(), HasSubstr("end of its log"));
-    ASSERT_GT(victim.broker(), 0) << victim.output();
-    EXPECT_TRUE(support::eventually([&] { return !support::isAlive(victim.broker()); }));
+using AKilledTestProgram = AWatchdog;
+
+TEST_F(AWatchdog, EndsAHungTestByNameAndShowsWhereItHangs) {
+    EXPECT_DEATH(hangForEver(), AllOf(HasSubstr("AWatchdog.EndsAHungTestByNameAndShowsWhereItHangs"
+                                                " FAILED: it hangs"),
+                                      HasSubstr("hangForEver")));
 }
 
-TEST(AWatchdog, ShowsWhereTheTestHangs) {
-    Victim victim("AVictim.Hangs");
-    ASSERT_TRUE(victim.process.waitForEnd());
-    EXPECT_THAT(victim.output(), HasSubstr("hangForEver"));
+TEST_F(AWatchdog, EndsTheBrokerAndPrintsItsLog) {
+    auto const hangWithABroker = [] {
+        support::Broker const broker;
+        std::cerr << ANNOUNCEMENT << broker.pid() << std::endl;
+        hangForEver();
+    };
+    EXPECT_DEATH(hangWithABroker(), AllOf(HasSubstr("end of its log"), Truly(announcedBrokerEnds)));
 }
 
-TEST(AWatchdog, NoticesAFixtureThatHangsInItsDestructor) {
-    Victim victim("AVictimThatHangsInItsDestructor.IsNoticedToo");
-    ASSERT_TRUE(victim.process.waitForEnd());
-    EXPECT_THAT(victim.output(), HasSubstr("IsNoticedToo FAILED: it hangs"));
+TEST_F(AKilledTestProgram, TakesItsBrokerAlong) {
+    auto const killWithABroker = [] {
+        support::Broker const broker;
+        std::cerr << ANNOUNCEMENT << broker.pid() << std::endl;
+        std::raise(SIGKILL);
+    };
+    EXPECT_EXIT(killWithABroker(), testing::KilledBySignal(SIGKILL), Truly(announcedBrokerEnds));
 }
 
-TEST(AWatchdog, LetsATestPassThatEndsInTime) {
-    Victim victim("AVictim.Passes");
-    ASSERT_TRUE(victim.process.waitForEnd());
-    EXPECT_EQ(victim.process.status(), 0) << victim.output();
+TEST(ABroker, SurvivesTheThreadThatRestartedIt) {
+    support::Broker broker;
+    std::thread([&] {
+        broker.stop();
+        broker.start();
+    }).join();
+    EXPECT_TRUE(isAlive(std::to_string(broker.pid())));
 }
 
-TEST(AKilledTestProgram, TakesItsBrokerAlong) {
-    Victim victim("AVictim.HangsWithABroker");
-    ASSERT_TRUE(support::eventually([&] { return victim.broker() > 0; }));
-    victim.process.kill();
-    EXPECT_TRUE(support::eventually([&] { return !support::isAlive(victim.broker()); }));
+TEST(AWait, EndsAtItsDeadlineWithFalse) {
+    EXPECT_FALSE(support::eventually([] { return false; }, std::chrono::milliseconds(10)));
+    support::Watched<int> const value(0);
+    EXPECT_FALSE(value.waitFor([](int v) { return v == 7; }, std::chrono::milliseconds(10)));
+}
+
+TEST(APortLease, IsNeverGivenTwiceAtATime) {
+    support::PortLease const first;
+    for (int i = 0; i < 200; ++i) {
+        EXPECT_NE(support::PortLease().port(), first.port());
+    }
 }
 
 } // namespace
