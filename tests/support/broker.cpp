@@ -1,6 +1,6 @@
 #include "support/broker.hpp"
 
-#include "support/socket.hpp"
+#include "support/process.hpp"
 
 #include <gtest/gtest.h>
 #include <poll.h>

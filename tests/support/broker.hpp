@@ -1,7 +1,6 @@
 #pragma once
 
 #include "support/port_lease.hpp"
-#include "support/process.hpp"
 #include "support/temp_dir.hpp"
 #include "support/watchdog.hpp"
 
@@ -12,6 +11,8 @@
 #include <vector>
 
 namespace support {
+
+class Process;
 
 struct BrokerOptions {
     bool nodelay = false;     ///< without it the broker waits for our kernel's acknowledgements

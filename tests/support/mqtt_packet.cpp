@@ -92,16 +92,12 @@ std::string encode(PacketType type, unsigned flags, std::string const& body) {
 std::optional<MqttPacket> takePacket(std::string& bytes) {
     std::size_t length = 0;
     std::size_t at = 1;
-    for (bool more = true; more; ++at) {
+    for (unsigned byte = 128; byte >= 128; ++at) {
         if (at >= bytes.size()) {
             return std::nullopt;
         }
-        if (at > 4) {
-            throw std::runtime_error("MQTT packet without a valid length");
-        }
-        auto const byte = static_cast<unsigned char>(bytes[at]);
+        byte = static_cast<unsigned char>(bytes[at]);
         length |= static_cast<std::size_t>(byte & 127U) << (7 * (at - 1));
-        more = (byte & 128U) != 0;
     }
     if (bytes.size() < at + length) {
         return std::nullopt;

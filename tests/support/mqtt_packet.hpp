@@ -42,7 +42,7 @@ struct MqttPacket {
 };
 
 /// Takes the first packet from a stream of bytes, if it is there as a whole.
-/// @throws std::runtime_error when the bytes are no MQTT
+/// @throws std::runtime_error when it is too short for its fields
 std::optional<MqttPacket> takePacket(std::string& bytes);
 
 // What a server sends.

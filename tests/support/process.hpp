@@ -2,9 +2,15 @@
 
 #include "support/watched.hpp"
 
-#include <sys/types.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -17,8 +23,18 @@ public:
     /// @param command program (with its path) and arguments
     /// @param output file to which standard output and standard error are appended
     /// @throws std::system_error. A program that cannot be run ends with status 127.
-    Process(std::vector<std::string> const& command, std::string const& output);
-    ~Process();
+    Process(std::vector<std::string> command, std::string const& output)
+        : command_(std::move(command)), output_(output), thread_([this] { run(); }) {
+        state_.waitFor([](State const& state) { return state.pid != 0; });
+        if (pid() < 0) {
+            thread_.join();
+            throw std::system_error(-pid(), std::generic_category(), "fork");
+        }
+    }
+    ~Process() {
+        signal(SIGKILL);
+        thread_.join();
+    }
     Process(Process const&) = delete;
     Process& operator=(Process const&) = delete;
 
@@ -27,11 +43,19 @@ public:
     bool waitForEnd() const {
         return state_.waitFor([](State const& state) { return state.ended; });
     }
-    void signal(int number);
+    void signal(int number) {
+        state_.read([&](State const& state) { return state.ended ? 0 : kill(state.pid, number); });
+    }
     /// SIGSTOP; returns when it has stopped.
-    void suspend();
+    void suspend() {
+        signal(SIGSTOP);
+        state_.waitFor([](State const& state) { return state.stopped || state.ended; });
+    }
     /// SIGCONT; returns when it runs again.
-    void resume();
+    void resume() {
+        signal(SIGCONT);
+        state_.waitFor([](State const& state) { return !state.stopped || state.ended; });
+    }
 
 private:
     struct State {
@@ -40,8 +64,53 @@ private:
         bool ended = false;
     };
 
-    void observe(pid_t child);
+    /// The kernel kills a child when the thread that forked it ends. So each child has a thread,
+    /// which ends after it.
+    void run() {
+        std::vector<char*> arguments;
+        for (std::string& word : command_) {
+            arguments.push_back(word.data());
+        }
+        arguments.push_back(nullptr);
+        pid_t const parent = getpid();
+        pid_t const child = fork();
+        if (child == 0) {
+            becomeProgram(arguments.data(), parent);
+        }
+        int const error = errno;
+        state_.change([&](State& state) { state.pid = child < 0 ? -error : child; });
+        observe(child);
+    }
 
+    /// Only plain system calls: another thread may have held any lock at the moment of the fork.
+    [[noreturn]] void becomeProgram(char* const* arguments, pid_t parent) const {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        if (getppid() == parent) { // otherwise the parent ended before the line above
+            int const out = open(output_.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0666);
+            dup2(open("/dev/null", O_RDONLY), STDIN_FILENO);
+            dup2(out, STDOUT_FILENO);
+            dup2(out, STDERR_FILENO);
+            execv(arguments[0], arguments);
+        }
+        _exit(127);
+    }
+
+    void observe(pid_t child) {
+        siginfo_t info{};
+        auto const id = static_cast<id_t>(child);
+        constexpr int CHANGES = WEXITED | WSTOPPED | WCONTINUED;
+        while (!ended() && waitid(P_PID, id, &info, CHANGES | WNOWAIT) == 0) {
+            // Its number is given up with the lock held: `signal` never hits another process.
+            state_.change([&](State& state) {
+                waitid(P_PID, id, &info, CHANGES | WNOHANG);
+                state.stopped = info.si_code == CLD_STOPPED;
+                state.ended = info.si_code != CLD_STOPPED && info.si_code != CLD_CONTINUED;
+            });
+        }
+    }
+
+    std::vector<std::string> command_;
+    std::string const output_;
     Watched<State> state_;
     std::thread thread_;
 };

@@ -5,21 +5,10 @@
 
 #include <cstdlib>
 #include <iostream>
-#include <set>
 
 namespace support {
 
 namespace {
-
-struct HangHandlers {
-    std::mutex mutex;
-    std::set<HangHandler*> all;
-};
-
-HangHandlers& hangHandlers() {
-    static HangHandlers instance;
-    return instance;
-}
 
 std::chrono::seconds defaultLimit() {
     char const* const text = std::getenv("ZYM_TEST_LIMIT");
@@ -92,23 +81,6 @@ void Watchdog::endProcess() {
     HangHandler::runAll(std::cerr);
     std::cerr << "[WATCHDOG] " << name << " FAILED: it hangs" << std::endl;
     std::abort();
-}
-
-HangHandler::HangHandler(std::function<void(std::ostream&)> handle) : handle_(std::move(handle)) {
-    std::lock_guard<std::mutex> lock(hangHandlers().mutex);
-    hangHandlers().all.insert(this);
-}
-
-HangHandler::~HangHandler() {
-    std::lock_guard<std::mutex> lock(hangHandlers().mutex);
-    hangHandlers().all.erase(this);
-}
-
-void HangHandler::runAll(std::ostream& out) {
-    std::lock_guard<std::mutex> lock(hangHandlers().mutex);
-    for (HangHandler* handler : hangHandlers().all) {
-        handler->handle_(out);
-    }
 }
 
 } // namespace support

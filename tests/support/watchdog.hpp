@@ -1,5 +1,7 @@
 #pragma once
 
+#include "support/watched.hpp"
+
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -7,6 +9,7 @@
 #include <functional>
 #include <iosfwd>
 #include <mutex>
+#include <set>
 #include <thread>
 
 namespace support {
@@ -56,14 +59,31 @@ class HangHandler {
 public:
     /// @param handle runs on the watchdog's thread while the test hangs: it must not take a lock
     ///        that the test may hold
-    explicit HangHandler(std::function<void(std::ostream&)> handle);
-    ~HangHandler();
+    explicit HangHandler(std::function<void(std::ostream&)> handle) : handle_(std::move(handle)) {
+        all().change([this](Set& handlers) { handlers.insert(this); });
+    }
+    ~HangHandler() {
+        all().change([this](Set& handlers) { handlers.erase(this); });
+    }
     HangHandler(HangHandler const&) = delete;
     HangHandler& operator=(HangHandler const&) = delete;
 
-    static void runAll(std::ostream& out);
+    static void runAll(std::ostream& out) {
+        all().read([&](Set const& handlers) {
+            for (HangHandler* handler : handlers) {
+                handler->handle_(out);
+            }
+        });
+    }
 
 private:
+    using Set = std::set<HangHandler*>;
+
+    static Watched<Set>& all() {
+        static Watched<Set> instance;
+        return instance;
+    }
+
     std::function<void(std::ostream&)> const handle_;
 };
 

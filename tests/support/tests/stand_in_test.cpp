@@ -32,10 +32,11 @@ protected:
     /// The callbacks of the network steps that have something to do.
     std::vector<std::string> callbacks() {
         client_.callbacks.clear();
-        for (std::size_t before = 1; before != client_.callbacks.size() + 1;) {
-            before = client_.callbacks.size() + 1;
+        std::size_t before = 0;
+        do {
+            before = client_.callbacks.size();
             client_.loop(0, 1);
-        }
+        } while (client_.callbacks.size() > before);
         return client_.callbacks;
     }
 

@@ -1,9 +1,9 @@
 #include "support/broker.hpp"
+#include "support/eventually.hpp"
 
 #include <gmock/gmock.h>
 
 #include <csignal>
-#include <cstring>
 #include <future>
 #include <iostream>
 
@@ -20,8 +20,6 @@ using testing::Truly;
     std::abort();
 }
 
-constexpr char const* ANNOUNCEMENT = "broker process ";
-
 bool isAlive(std::string const& process) {
     std::ifstream file("/proc/" + process + "/stat");
     std::string number, name, state;
@@ -29,11 +27,16 @@ bool isAlive(std::string const& process) {
     return !state.empty() && state != "Z" && state != "X";
 }
 
-bool announcedBrokerEnds(std::string const& output) {
-    std::string process;
-    std::istringstream(output.substr(output.find(ANNOUNCEMENT) + std::strlen(ANNOUNCEMENT)))
-        >> process;
-    return support::eventually([&] { return !isAlive(process); });
+/// Of the process whose number is at the end of the first line.
+bool brokerEnds(std::string const& output) {
+    std::string const line = output.substr(0, output.find('\n'));
+    return support::eventually([&] { return !isAlive(line.substr(line.rfind(' ') + 1)); });
+}
+
+void afterStartingABroker(void (*action)()) {
+    support::Broker const broker;
+    std::cerr << "broker process " << broker.pid() << std::endl;
+    action();
 }
 
 /// Each test runs this program once more, up to the statement.
@@ -51,21 +54,13 @@ TEST_F(AWatchdog, EndsAHungTestByNameAndShowsWhereItHangs) {
 }
 
 TEST_F(AWatchdog, EndsTheBrokerAndPrintsItsLog) {
-    auto const hangWithABroker = [] {
-        support::Broker const broker;
-        std::cerr << ANNOUNCEMENT << broker.pid() << std::endl;
-        hangForEver();
-    };
-    EXPECT_DEATH(hangWithABroker(), AllOf(HasSubstr("end of its log"), Truly(announcedBrokerEnds)));
+    EXPECT_DEATH(afterStartingABroker(hangForEver),
+                 AllOf(HasSubstr("end of its log"), Truly(brokerEnds)));
 }
 
 TEST_F(AKilledTestProgram, TakesItsBrokerAlong) {
-    auto const killWithABroker = [] {
-        support::Broker const broker;
-        std::cerr << ANNOUNCEMENT << broker.pid() << std::endl;
-        std::raise(SIGKILL);
-    };
-    EXPECT_EXIT(killWithABroker(), testing::KilledBySignal(SIGKILL), Truly(announcedBrokerEnds));
+    EXPECT_EXIT(afterStartingABroker([] { std::raise(SIGKILL); }), testing::KilledBySignal(SIGKILL),
+                Truly(brokerEnds));
 }
 
 TEST(ABroker, SurvivesTheThreadThatRestartedIt) {
@@ -75,19 +70,6 @@ TEST(ABroker, SurvivesTheThreadThatRestartedIt) {
         broker.start();
     }).join();
     EXPECT_TRUE(isAlive(std::to_string(broker.pid())));
-}
-
-TEST(AWait, EndsAtItsDeadlineWithFalse) {
-    EXPECT_FALSE(support::eventually([] { return false; }, std::chrono::milliseconds(10)));
-    support::Watched<int> const value(0);
-    EXPECT_FALSE(value.waitFor([](int v) { return v == 7; }, std::chrono::milliseconds(10)));
-}
-
-TEST(APortLease, IsNeverGivenTwiceAtATime) {
-    support::PortLease const first;
-    for (int i = 0; i < 200; ++i) {
-        EXPECT_NE(support::PortLease().port(), first.port());
-    }
 }
 
 } // namespace

@@ -1,4 +1,4 @@
-#include "support/class_layout/class_layout.hpp"
+#include "common/class_layout.hpp"
 
 #include "support/stack_dump.hpp"
 #include "support/temp_dir.hpp"
