@@ -63,16 +63,14 @@ void Broker::kill() {
 }
 
 void Broker::stop() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (process_) {
+    if (std::lock_guard<std::mutex> lock(mutex_); process_) {
         process_->resume();
         process_->signal(SIGTERM);
         if (!process_->waitForEnd()) {
             throw std::runtime_error("The broker does not end\n" + logTail());
         }
     }
-    pid_ = 0;
-    process_.reset();
+    kill();
 }
 
 void Broker::start() {

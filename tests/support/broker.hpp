@@ -54,10 +54,12 @@ public:
     void suspend();
     void resume();
 
+    /// What it has written so far, over all its processes.
+    std::string log() const { return directory_.read("broker.log"); }
+
 private:
     void writeConfiguration(Options const& options) const;
     bool isUp();
-    std::string log() const { return directory_.read("broker.log"); }
     std::string logTail() const;
     void handleHang(std::ostream& out) const;
 
