@@ -1,6 +1,6 @@
 #pragma once
 
-#include "support/class_layout/class_layout.hpp"
+#include "common/class_layout.hpp"
 
 #include <gmock/gmock.h>
 

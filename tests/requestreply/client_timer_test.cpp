@@ -1,8 +1,8 @@
 // The client with a timer that expires when the test says so.
 
+#include "requestreply/adjustable_clock.hpp"
 #include "requestreply/blocking_thread.hpp"
 #include "requestreply/client_fixture.hpp"
-#include "support/adjustable_clock.hpp"
 #include "support/manual_timer.hpp"
 #include "support/temp_dir.hpp"
 

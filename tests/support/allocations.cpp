@@ -1,5 +1,5 @@
 // Operators for memory that count. They replace the standard ones in the whole program, the shared
-// libraries included.
+// libraries included. Those for arrays call these.
 
 #include "support/allocations.hpp"
 
@@ -14,8 +14,9 @@ void* allocate(std::size_t size) {
         if (refusesMemory != nullptr && refusesMemory()) {
             throw std::bad_alloc();
         }
-        if (++allocations == failingAllocation) {
-            interrupt();
+        if (++allocations == interruptedAllocation) {
+            UncountedAllocations const uncounted;
+            (*interruption)();
         }
     }
     void* const result = std::malloc(size == 0 ? 1 : size);
@@ -31,22 +32,10 @@ void* operator new(std::size_t size) {
     return allocate(size);
 }
 
-void* operator new[](std::size_t size) {
-    return allocate(size);
-}
-
 void operator delete(void* memory) noexcept {
     std::free(memory);
 }
 
-void operator delete[](void* memory) noexcept {
-    std::free(memory);
-}
-
 void operator delete(void* memory, std::size_t /*size*/) noexcept {
-    std::free(memory);
-}
-
-void operator delete[](void* memory, std::size_t /*size*/) noexcept {
     std::free(memory);
 }

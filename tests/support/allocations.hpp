@@ -10,9 +10,8 @@ namespace support {
 /// sources; in others it stays 0.
 inline thread_local std::size_t allocations = 0;
 inline thread_local bool countingAllocations = true;
-/// The allocation with this number fails; 0: none.
-inline thread_local std::size_t failingAllocation = 0;
-/// Called in place of the failure, unless null.
+/// Within the allocation with this number `interruption` is called; 0: none.
+inline thread_local std::size_t interruptedAllocation = 0;
 inline thread_local std::function<void()> const* interruption = nullptr;
 /// Unless null, asked at each counted allocation of any thread whether it fails.
 inline bool (*refusesMemory)() = nullptr;
@@ -27,53 +26,37 @@ private:
 };
 
 /// Leaves the allocations of this scope out of the count: those of test code.
-class UncountedAllocations {
-public:
+struct UncountedAllocations {
     UncountedAllocations() { countingAllocations = false; }
-    ~UncountedAllocations() { countingAllocations = before_; }
+    ~UncountedAllocations() { countingAllocations = before; }
     UncountedAllocations(UncountedAllocations const&) = delete;
     UncountedAllocations& operator=(UncountedAllocations const&) = delete;
 
-private:
-    bool before_ = countingAllocations; // initialised before the body changes it
+    bool const before = countingAllocations; // initialised before the body changes it
 };
 
-/// Lets one allocation of this thread fail: 1 is the next one.
-class FailingAllocation {
-public:
-    explicit FailingAllocation(std::size_t which) { failingAllocation = allocations + which; }
-    ~FailingAllocation() { failingAllocation = 0; }
-    FailingAllocation(FailingAllocation const&) = delete;
-    FailingAllocation& operator=(FailingAllocation const&) = delete;
-
-    bool happened() const { return allocations >= failingAllocation; }
-};
-
-inline void interrupt() {
-    if (interruption == nullptr) {
-        throw std::bad_alloc();
-    }
-    UncountedAllocations const uncounted;
-    (*interruption)();
-}
-
-/// Calls a function within one allocation of this thread, as if another thread ran at that point:
-/// there are allocations between most statements.
+/// Calls a function within one allocation of this thread, 1 being the next one, as if another
+/// thread ran at that point: there are allocations between most statements.
 class InterruptedAllocation {
 public:
-    InterruptedAllocation(std::size_t which, std::function<void()> call)
-        : call_(std::move(call)), failing_(which) {
+    InterruptedAllocation(std::size_t which, std::function<void()> call) : call_(std::move(call)) {
         interruption = &call_;
+        interruptedAllocation = allocations + which;
     }
-    ~InterruptedAllocation() { interruption = nullptr; }
+    ~InterruptedAllocation() { interruptedAllocation = 0; }
     InterruptedAllocation(InterruptedAllocation const&) = delete;
     InterruptedAllocation& operator=(InterruptedAllocation const&) = delete;
 
-    bool happened() const { return failing_.happened(); }
+    bool happened() const { return allocations >= interruptedAllocation; }
 
 private:
     std::function<void()> const call_;
-    FailingAllocation const failing_;
+};
+
+/// Lets one allocation of this thread fail: 1 is the next one.
+struct FailingAllocation : InterruptedAllocation {
+    explicit FailingAllocation(std::size_t which)
+        : InterruptedAllocation(which, [] { throw std::bad_alloc(); }) {}
 };
 
 /// Calls the action with its first allocation failing, then with its second one, and so on, until

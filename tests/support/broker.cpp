@@ -1,7 +1,6 @@
 #include "support/broker.hpp"
 
-#include "support/eventually.hpp"
-#include "support/socket.hpp"
+#include "support/process.hpp"
 
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -16,16 +15,6 @@
 namespace support {
 
 namespace {
-
-std::string program() {
-    std::string const path = ZYM_MOSQUITTO_PROGRAM;
-    if (access(path.c_str(), X_OK) != 0) {
-        throw std::runtime_error("There is no mosquitto broker at \"" + path
-                                 + "\". Install it (Debian: apt-get install mosquitto) and"
-                                   " configure the build anew.");
-    }
-    return path;
-}
 
 std::string userName() {
     passwd const* const user = getpwuid(geteuid());
@@ -51,6 +40,11 @@ bool answers(int port) {
 Broker::Broker(Options const& options)
     : lease_(options.port == 0 ? PortLease() : PortLease(options.port)),
       hangHandler_([this](std::ostream& out) { handleHang(out); }) {
+    if (access(ZYM_MOSQUITTO_PROGRAM, X_OK) != 0) {
+        throw std::runtime_error("There is no mosquitto broker at \"" ZYM_MOSQUITTO_PROGRAM
+                                 "\". Install it (Debian: apt-get install mosquitto) and"
+                                 " configure the build anew.");
+    }
     writeConfiguration(options);
     start();
 }
@@ -62,11 +56,6 @@ Broker::~Broker() {
     kill();
 }
 
-bool Broker::running() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return process_ && !process_->ended();
-}
-
 void Broker::kill() {
     std::lock_guard<std::mutex> lock(mutex_);
     pid_ = 0;
@@ -74,16 +63,14 @@ void Broker::kill() {
 }
 
 void Broker::stop() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (process_) {
+    if (std::lock_guard<std::mutex> lock(mutex_); process_) {
         process_->resume();
         process_->signal(SIGTERM);
         if (!process_->waitForEnd()) {
             throw std::runtime_error("The broker does not end\n" + logTail());
         }
     }
-    pid_ = 0;
-    process_.reset();
+    kill();
 }
 
 void Broker::start() {
@@ -103,7 +90,7 @@ bool Broker::isUp() {
     }
     if (!process_) {
         process_ = std::make_unique<Process>(
-            std::vector<std::string>{program(), "-c", directory_.file("broker.conf")},
+            std::vector<std::string>{ZYM_MOSQUITTO_PROGRAM, "-c", directory_.file("broker.conf")},
             directory_.file("broker.log"));
         pid_ = process_->pid();
     }

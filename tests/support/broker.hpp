@@ -1,7 +1,6 @@
 #pragma once
 
 #include "support/port_lease.hpp"
-#include "support/process.hpp"
 #include "support/temp_dir.hpp"
 #include "support/watchdog.hpp"
 
@@ -12,6 +11,8 @@
 #include <vector>
 
 namespace support {
+
+class Process;
 
 struct BrokerOptions {
     bool nodelay = false;     ///< without it the broker waits for our kernel's acknowledgements
@@ -42,7 +43,6 @@ public:
     /// What to give as host, with port 0, with the option `unixSocket`.
     std::string socketPath() const { return directory_.file("broker.sock"); }
     pid_t pid() const noexcept { return pid_; }
-    bool running();
 
     /// SIGKILL; returns when the process has ended.
     void kill();

@@ -1,18 +1,13 @@
 #pragma once
 
-#include "support/file_descriptor.hpp"
 #include "support/port_lease.hpp"
+#include "support/serving_thread.hpp"
 #include "support/watched.hpp"
 
 #include <array>
-#include <atomic>
 #include <deque>
-#include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
-#include <thread>
-#include <vector>
 
 namespace support {
 
@@ -26,9 +21,6 @@ public:
     enum class Direction { TO_SERVER, TO_CLIENT };
 
     explicit CutProxy(int serverPort);
-    ~CutProxy();
-    CutProxy(CutProxy const&) = delete;
-    CutProxy& operator=(CutProxy const&) = delete;
 
     std::string host() const { return "127.0.0.1"; }
     int port() const noexcept { return lease_.port(); }
@@ -53,17 +45,23 @@ public:
         return connections_.waitFor([&](int all) { return all >= count; }, deadline);
     }
     /// Connections cut so far.
-    int cuts() const { return cuts_.copy(); }
-    bool waitForCuts(int count, std::chrono::milliseconds deadline = DEADLINE) const {
-        return cuts_.waitFor([&](int all) { return all >= count; }, deadline);
-    }
+    int cuts() const { return cuts_; }
 
 private:
     struct Cut {
         Direction direction;
         std::size_t bytes;
     };
+    /// What one side sends to the other.
+    struct Stream {
+        Direction direction;
+        FileDescriptor& from;
+        FileDescriptor& to;
+        bool& blocked;
+    };
     struct Connection {
+        std::array<Stream, 2> streams();
+
         FileDescriptor client;
         FileDescriptor server;
         std::optional<Cut> cut;        ///< bytes still to be forwarded
@@ -71,24 +69,22 @@ private:
     };
 
     void setFrozen(bool frozen);
+    std::vector<pollfd> sockets();
     void serve();
-    void waitForEvents();
     void acceptAll();
-    void forward(Connection& connection, Direction direction);
+    void forward(Connection& connection, Stream const& stream);
     void cutIfDue(Connection& connection);
 
     PortLease lease_;
     int const serverPort_;
-    std::mutex mutex_; ///< guards what follows, up to the descriptors
+    std::mutex mutex_; ///< guards what follows, up to the listener
     bool frozen_ = false;
     std::deque<Cut> orders_;
-    std::vector<std::unique_ptr<Connection>> open_;
+    std::vector<Connection> open_;
     FileDescriptor listener_;
-    FileDescriptor wakeUp_;
     Watched<int> connections_;
-    Watched<int> cuts_;
-    std::atomic<bool> stop_{false};
-    std::thread thread_;
+    std::atomic<int> cuts_{0};
+    ServingThread thread_;
 };
 
 } // namespace support

@@ -11,97 +11,72 @@ class Body {
 public:
     explicit Body(std::string bytes) : bytes_(std::move(bytes)) {}
 
-    bool empty() const { return at_ == bytes_.size(); }
-    std::uint8_t byte() { return static_cast<std::uint8_t>(take(1)[0]); }
+    bool empty() const { return bytes_.empty(); }
+    unsigned byte() { return static_cast<unsigned char>(take(1)[0]); }
     std::uint16_t number() {
         unsigned const high = byte();
         return static_cast<std::uint16_t>(high << 8U | byte());
     }
-    std::string text() {
-        std::size_t const length = number();
-        return take(length);
-    }
-    std::string rest() { return take(bytes_.size() - at_); }
+    std::string text() { return take(number()); }
+    std::string rest() { return take(bytes_.size()); }
 
 private:
     std::string take(std::size_t count) {
-        if (count > bytes_.size() - at_) {
+        if (count > bytes_.size()) {
             throw std::runtime_error("MQTT packet is too short");
         }
-        at_ += count;
-        return bytes_.substr(at_ - count, count);
+        std::string taken = bytes_.substr(0, count);
+        bytes_.erase(0, count);
+        return taken;
     }
 
     std::string bytes_;
-    std::size_t at_ = 0;
 };
 
 void readConnect(MqttPacket& packet, Body& body) {
-    constexpr unsigned CLEAN = 0x02, WILL = 0x04, WILL_RETAIN = 0x20;
     body.text(); // "MQTT"
     body.byte(); // protocol level
     unsigned const flags = body.byte();
-    packet.cleanSession = (flags & CLEAN) != 0;
-    packet.hasWill = (flags & WILL) != 0;
+    packet.cleanSession = (flags & 0x02U) != 0;
+    packet.hasWill = (flags & 0x04U) != 0;
     packet.keepAlive = body.number();
     packet.clientId = body.text();
     if (packet.hasWill) {
         packet.topic = body.text();
         packet.payload = body.text();
         packet.qos = static_cast<int>(flags >> 3U & 3U);
-        packet.retain = (flags & WILL_RETAIN) != 0;
+        packet.retain = (flags & 0x20U) != 0;
     }
 }
 
 void readPublish(MqttPacket& packet, Body& body, unsigned flags) {
-    packet.dup = (flags & 8U) != 0;
     packet.qos = static_cast<int>(flags >> 1U & 3U);
     packet.retain = (flags & 1U) != 0;
     packet.topic = body.text();
-    if (packet.qos > 0) {
-        packet.mid = body.number();
-    }
+    packet.mid = packet.qos > 0 ? body.number() : std::uint16_t{0};
     packet.payload = body.rest();
-}
-
-void readTopics(MqttPacket& packet, Body& body) {
-    packet.mid = body.number();
-    while (!body.empty()) {
-        packet.topics.push_back(body.text());
-        int const qos = packet.type == PacketType::SUBSCRIBE ? body.byte() : 0;
-        if (packet.topics.size() == 1) {
-            packet.topic = packet.topics.front();
-            packet.qos = qos;
-        }
-    }
 }
 
 MqttPacket decode(unsigned head, Body body) {
     MqttPacket packet;
     packet.type = static_cast<PacketType>(head >> 4U);
-    switch (packet.type) {
-    case PacketType::CONNECT:
+    if (packet.type == PacketType::CONNECT) {
         readConnect(packet, body);
-        break;
-    case PacketType::PUBLISH:
+    } else if (packet.type == PacketType::PUBLISH) {
         readPublish(packet, body, head & 0xFU);
-        break;
-    case PacketType::SUBSCRIBE:
-    case PacketType::UNSUBSCRIBE:
-        readTopics(packet, body);
-        break;
-    default: // the acknowledgements; PINGREQ and DISCONNECT have no body
-        packet.mid = body.empty() ? 0 : body.number();
-        break;
+    } else if (!body.empty()) { // PINGREQ and DISCONNECT have no body
+        packet.mid = body.number();
+        packet.topic = body.empty() ? "" : body.text(); // acknowledgements have none
+        packet.qos = body.empty() ? 0 : static_cast<int>(body.byte());
     }
     return packet;
 }
 
-std::string number(std::uint16_t value) {
+std::string number(std::size_t value) {
     return {static_cast<char>(value >> 8U), static_cast<char>(value & 0xFFU)};
 }
 
-std::string packetOf(PacketType type, unsigned flags, std::string const& body) {
+std::string encode(PacketType type, unsigned flags, std::string const& body) {
     std::string bytes(1, static_cast<char>(static_cast<unsigned>(type) << 4U | flags));
     std::size_t length = body.size();
     do {
@@ -114,51 +89,58 @@ std::string packetOf(PacketType type, unsigned flags, std::string const& body) {
 
 } // namespace
 
-std::optional<MqttPacket> MqttReader::next() {
+std::optional<MqttPacket> takePacket(std::string& bytes) {
     std::size_t length = 0;
     std::size_t at = 1;
-    for (bool more = true; more; ++at) {
-        if (at >= bytes_.size()) {
+    for (unsigned byte = 128; byte >= 128; ++at) {
+        if (at >= bytes.size()) {
             return std::nullopt;
         }
-        if (at > 4) {
-            throw std::runtime_error("MQTT packet without a valid length");
-        }
-        auto const byte = static_cast<unsigned char>(bytes_[at]);
+        byte = static_cast<unsigned char>(bytes[at]);
         length |= static_cast<std::size_t>(byte & 127U) << (7 * (at - 1));
-        more = (byte & 128U) != 0;
     }
-    if (bytes_.size() < at + length) {
+    if (bytes.size() < at + length) {
         return std::nullopt;
     }
-    auto const head = static_cast<unsigned char>(bytes_[0]);
-    Body body(bytes_.substr(at, length));
-    bytes_.erase(0, at + length);
+    auto const head = static_cast<unsigned char>(bytes[0]);
+    Body body(bytes.substr(at, length));
+    bytes.erase(0, at + length);
     return decode(head, std::move(body));
 }
 
 std::string connack(int code) {
-    return packetOf(PacketType::CONNACK, 0, {'\0', static_cast<char>(code)});
+    return encode(PacketType::CONNACK, 0, {'\0', static_cast<char>(code)});
 }
 
-std::string publishPacket(std::string const& topic, std::string const& payload, int qos,
-                          bool retain, std::uint16_t mid) {
-    unsigned const flags = static_cast<unsigned>(qos) << 1U | (retain ? 1U : 0U);
-    std::string const id = qos > 0 ? number(mid) : std::string();
-    return packetOf(PacketType::PUBLISH, flags,
-                    number(static_cast<std::uint16_t>(topic.size())) + topic + id + payload);
+std::string publishPacket(MqttPacket const& packet) {
+    unsigned const flags = static_cast<unsigned>(packet.qos) << 1U | (packet.retain ? 1U : 0U);
+    std::string const mid = packet.qos > 0 ? number(packet.mid) : "";
+    return encode(PacketType::PUBLISH, flags,
+                  number(packet.topic.size()) + packet.topic + mid + packet.payload);
 }
 
-std::string acknowledgement(PacketType type, std::uint16_t mid) {
-    return packetOf(type, type == PacketType::PUBREL ? 2 : 0, number(mid));
-}
-
-std::string suback(std::uint16_t mid, std::size_t topics) {
-    return packetOf(PacketType::SUBACK, 0, number(mid) + std::string(topics, '\0'));
-}
-
-std::string pingresp() {
-    return packetOf(PacketType::PINGRESP, 0, {});
+std::string answerTo(MqttPacket const& packet) {
+    std::string const mid = number(packet.mid);
+    switch (packet.type) {
+    case PacketType::CONNECT:
+        return connack(0);
+    case PacketType::PUBLISH:
+        return packet.qos == 0
+                   ? ""
+                   : encode(packet.qos == 1 ? PacketType::PUBACK : PacketType::PUBREC, 0, mid);
+    case PacketType::PUBREC:
+        return encode(PacketType::PUBREL, 2, mid);
+    case PacketType::PUBREL:
+        return encode(PacketType::PUBCOMP, 0, mid);
+    case PacketType::SUBSCRIBE:
+        return encode(PacketType::SUBACK, 0, mid + '\0');
+    case PacketType::UNSUBSCRIBE:
+        return encode(PacketType::UNSUBACK, 0, mid);
+    case PacketType::PINGREQ:
+        return encode(PacketType::PINGRESP, 0, "");
+    default:
+        return "";
+    }
 }
 
 } // namespace support

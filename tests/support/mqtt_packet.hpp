@@ -3,26 +3,25 @@
 #include <cstdint>
 #include <optional>
 #include <string>
-#include <vector>
 
 namespace support {
 
 /// The control packets of MQTT 3.1.1 by their codes.
 enum class PacketType : std::uint8_t {
     CONNECT = 1,
-    CONNACK = 2,
-    PUBLISH = 3,
-    PUBACK = 4,
-    PUBREC = 5,
-    PUBREL = 6,
-    PUBCOMP = 7,
-    SUBSCRIBE = 8,
-    SUBACK = 9,
-    UNSUBSCRIBE = 10,
-    UNSUBACK = 11,
-    PINGREQ = 12,
-    PINGRESP = 13,
-    DISCONNECT = 14
+    CONNACK,
+    PUBLISH,
+    PUBACK,
+    PUBREC,
+    PUBREL,
+    PUBCOMP,
+    SUBSCRIBE,
+    SUBACK,
+    UNSUBSCRIBE,
+    UNSUBACK,
+    PINGREQ,
+    PINGRESP,
+    DISCONNECT
 };
 
 /// One control packet from a client, decoded. Fields that its type does not have keep their
@@ -35,9 +34,6 @@ struct MqttPacket {
     std::string payload; ///< PUBLISH; the will's of CONNECT
     int qos = 0;         ///< PUBLISH; the will's of CONNECT; the first asked for in SUBSCRIBE
     bool retain = false; ///< PUBLISH; the will's of CONNECT
-    bool dup = false;    ///< PUBLISH
-
-    std::vector<std::string> topics; ///< SUBSCRIBE, UNSUBSCRIBE
 
     std::string clientId;      ///< CONNECT
     bool cleanSession = false; ///< CONNECT
@@ -45,26 +41,14 @@ struct MqttPacket {
     int keepAlive = 0;         ///< CONNECT, seconds
 };
 
-/// Splits a stream of bytes into packets.
-class MqttReader {
-public:
-    void append(char const* bytes, std::size_t count) { bytes_.append(bytes, count); }
-    /// The next whole packet, if there is one.
-    /// @throws std::runtime_error when the bytes are no MQTT
-    std::optional<MqttPacket> next();
-
-private:
-    std::string bytes_;
-};
+/// Takes the first packet from a stream of bytes, if it is there as a whole.
+/// @throws std::runtime_error when it is too short for its fields
+std::optional<MqttPacket> takePacket(std::string& bytes);
 
 // What a server sends.
 std::string connack(int code);
-std::string publishPacket(std::string const& topic, std::string const& payload, int qos,
-                          bool retain, std::uint16_t mid);
-/// PUBACK, PUBREC, PUBREL, PUBCOMP or UNSUBACK.
-std::string acknowledgement(PacketType type, std::uint16_t mid);
-/// Grants QoS 0 to that many topics.
-std::string suback(std::uint16_t mid, std::size_t topics);
-std::string pingresp();
+std::string publishPacket(MqttPacket const& packet);
+/// The answer of a server that accepts everything, with QoS 0 for one topic; "": none.
+std::string answerTo(MqttPacket const& packet);
 
 } // namespace support

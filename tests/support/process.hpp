@@ -1,46 +1,118 @@
 #pragma once
 
-#include "support/eventually.hpp"
+#include "support/watched.hpp"
 
-#include <sys/types.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <string>
+#include <system_error>
+#include <thread>
 #include <vector>
 
 namespace support {
 
 /// A child process that never outlives this one: the destructor kills it, and so does the kernel
-/// when this process ends in any other way. For one thread at a time.
+/// when this process ends in any other way.
 class Process {
 public:
     /// @param command program (with its path) and arguments
     /// @param output file to which standard output and standard error are appended
     /// @throws std::system_error. A program that cannot be run ends with status 127.
-    Process(std::vector<std::string> const& command, std::string const& output);
-    ~Process();
+    Process(std::vector<std::string> command, std::string const& output)
+        : command_(std::move(command)), output_(output), thread_([this] { run(); }) {
+        state_.waitFor([](State const& state) { return state.pid != 0; });
+        if (pid() < 0) {
+            thread_.join();
+            throw std::system_error(-pid(), std::generic_category(), "fork");
+        }
+    }
+    ~Process() {
+        signal(SIGKILL);
+        thread_.join();
+    }
     Process(Process const&) = delete;
     Process& operator=(Process const&) = delete;
 
-    pid_t pid() const noexcept { return pid_; }
-    bool ended();
-    bool waitForEnd(std::chrono::milliseconds deadline = DEADLINE);
-    /// As of waitpid(2), once it has ended.
-    int status() const noexcept { return status_; }
-
-    void signal(int number);
-    /// SIGKILL; returns when it has ended.
-    void kill();
+    pid_t pid() const { return state_.copy().pid; }
+    bool ended() const { return state_.copy().ended; }
+    bool waitForEnd() const {
+        return state_.waitFor([](State const& state) { return state.ended; });
+    }
+    void signal(int number) {
+        state_.read([&](State const& state) { return state.ended ? 0 : kill(state.pid, number); });
+    }
     /// SIGSTOP; returns when it has stopped.
-    void suspend();
-    void resume();
+    void suspend() {
+        signal(SIGSTOP);
+        state_.waitFor([](State const& state) { return state.stopped || state.ended; });
+    }
+    /// SIGCONT; returns when it runs again.
+    void resume() {
+        signal(SIGCONT);
+        state_.waitFor([](State const& state) { return !state.stopped || state.ended; });
+    }
 
 private:
-    pid_t pid_;
-    bool ended_ = false;
-    int status_ = 0;
-};
+    struct State {
+        pid_t pid = 0; ///< negative: the reason why there is no process
+        bool stopped = false;
+        bool ended = false;
+    };
 
-/// Whether there is a process of this number that still runs.
-bool isAlive(pid_t pid);
+    /// The kernel kills a child when the thread that forked it ends. So each child has a thread,
+    /// which ends after it.
+    void run() {
+        std::vector<char*> arguments;
+        for (std::string& word : command_) {
+            arguments.push_back(word.data());
+        }
+        arguments.push_back(nullptr);
+        pid_t const parent = getpid();
+        pid_t const child = fork();
+        if (child == 0) {
+            becomeProgram(arguments.data(), parent);
+        }
+        int const error = errno;
+        state_.change([&](State& state) { state.pid = child < 0 ? -error : child; });
+        observe(child);
+    }
+
+    /// Only plain system calls: another thread may have held any lock at the moment of the fork.
+    [[noreturn]] void becomeProgram(char* const* arguments, pid_t parent) const {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        if (getppid() == parent) { // otherwise the parent ended before the line above
+            int const out = open(output_.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0666);
+            dup2(open("/dev/null", O_RDONLY), STDIN_FILENO);
+            dup2(out, STDOUT_FILENO);
+            dup2(out, STDERR_FILENO);
+            execv(arguments[0], arguments);
+        }
+        _exit(127);
+    }
+
+    void observe(pid_t child) {
+        siginfo_t info{};
+        auto const id = static_cast<id_t>(child);
+        constexpr int CHANGES = WEXITED | WSTOPPED | WCONTINUED;
+        while (!ended() && waitid(P_PID, id, &info, CHANGES | WNOWAIT) == 0) {
+            // Its number is given up with the lock held: `signal` never hits another process.
+            state_.change([&](State& state) {
+                waitid(P_PID, id, &info, CHANGES | WNOHANG);
+                state.stopped = info.si_code == CLD_STOPPED;
+                state.ended = info.si_code != CLD_STOPPED && info.si_code != CLD_CONTINUED;
+            });
+        }
+    }
+
+    std::vector<std::string> command_;
+    std::string const output_;
+    Watched<State> state_;
+    std::thread thread_;
+};
 
 } // namespace support

@@ -1,7 +1,5 @@
 #include "support/raw_peer.hpp"
 
-#include "support/socket.hpp"
-
 #include <mosquitto.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -14,22 +12,19 @@ namespace support {
 
 namespace {
 
-void check(int result, char const* operation) {
-    if (result != MOSQ_ERR_SUCCESS) {
-        throw std::runtime_error(std::string("raw peer: ") + operation + ": "
-                                 + mosquitto_strerror(result));
-    }
-}
-
-void require(bool condition, char const* what) {
+void require(bool condition, std::string const& failure) {
     if (!condition) {
-        throw std::runtime_error(std::string("raw peer: ") + what);
+        throw std::runtime_error("raw peer: " + failure);
     }
 }
 
-std::string uniqueName(char const* what) {
+void check(int result, std::string const& operation) {
+    require(result == MOSQ_ERR_SUCCESS, operation + ": " + mosquitto_strerror(result));
+}
+
+std::string uniqueName(std::string const& what) {
     static std::atomic<unsigned> counter{0};
-    return std::string(what) + "-" + std::to_string(getpid()) + "-" + std::to_string(++counter);
+    return what + "-" + std::to_string(getpid()) + "-" + std::to_string(++counter);
 }
 
 /// Otherwise the kernel delays the acknowledgements, and a broker with its default settings waits
@@ -42,61 +37,50 @@ void acknowledgeAtOnce(int socket) {
 } // namespace
 
 RawPeer::RawPeer(std::string const& host, int port, Options const& options)
-    : host_(host), port_(port), client_(nullptr, &mosquitto_destroy) {
+    : client_(nullptr, &mosquitto_destroy) {
     // Never undone: clients may live in static objects.
     static int const initialised = mosquitto_lib_init();
     check(initialised, "initialise");
     std::string const id = options.clientId.empty() ? uniqueName("raw") : options.clientId;
-    client_.reset(mosquitto_new(id.c_str(), options.cleanSession, this));
+    client_.reset(mosquitto_new(id.c_str(), options.cleanSession, &seen_));
     require(client_ != nullptr, "cannot be made");
     check(mosquitto_threaded_set(client_.get(), true), "threads");
     check(mosquitto_int_option(client_.get(), MOSQ_OPT_TCP_NODELAY, 1), "option");
     setCallbacks();
-    connect();
+    check(mosquitto_connect(client_.get(), host.c_str(), port, 60), "connect");
+    network_ = std::thread([this] { runNetwork(); });
+    seen_.waitFor([](Seen const& seen) { return seen.connack.has_value(); });
+    int const connack = seen_.copy().connack.value_or(MOSQ_ERR_CONN_LOST);
+    if (connack != 0) {
+        stop_ = true;
+        network_.join();
+    }
+    check(connack, "connection refused or lost");
 }
 
 RawPeer::~RawPeer() {
     mosquitto_disconnect(client_.get());
-    endNetwork();
-}
-
-void RawPeer::connect() {
-    endNetwork();
-    seen_.change([](Seen& seen) { seen.connack.reset(); });
-    check(mosquitto_connect(client_.get(), host_.c_str(), port_, 60), "connect");
-    stop_ = false;
-    network_ = std::thread([this] { runNetwork(); });
-    bool const answered = seen_.waitFor([](Seen const& seen) { return seen.connack.has_value(); });
-    if (!seen_.read([](Seen const& seen) { return seen.connected; })) {
-        endNetwork();
-    }
-    require(answered, "no answer to CONNECT");
-    check(seen_.read([](Seen const& seen) { return *seen.connack; }), "connection refused");
+    stop_ = true;
+    network_.join();
 }
 
 void RawPeer::subscribe(std::string const& topic, int qos) {
-    int mid = 0;
-    check(mosquitto_subscribe(client_.get(), &mid, topic.c_str(), qos), "subscribe");
-    auto const answered = [&](Seen const& seen) { return seen.subscriptions.count(mid) > 0; };
-    require(seen_.waitFor(answered), "no answer to SUBSCRIBE");
-    bool const granted = seen_.read([&](Seen const& seen) { return seen.subscriptions.at(mid); });
-    require(granted, "subscription refused");
+    seen_.change([](Seen& seen) { seen.granted.reset(); });
+    check(mosquitto_subscribe(client_.get(), nullptr, topic.c_str(), qos), "subscribe");
+    auto const granted = [](Seen const& seen) { return seen.granted.has_value(); };
+    require(seen_.waitFor(granted), "no answer to SUBSCRIBE");
+    require(*seen_.copy().granted, "subscription refused");
 }
 
 void RawPeer::post(std::string const& topic, std::string const& payload, int qos, bool retain) {
-    int mid = 0;
-    check(mosquitto_publish(client_.get(), &mid, topic.c_str(), static_cast<int>(payload.size()),
+    seen_.change([](Seen& seen) { ++seen.pending; });
+    check(mosquitto_publish(client_.get(), nullptr, topic.c_str(), static_cast<int>(payload.size()),
                             payload.data(), qos, retain),
           "publish");
-    seen_.change([&](Seen& seen) {
-        if (seen.early.erase(mid) == 0) {
-            seen.pending.insert(mid);
-        }
-    });
 }
 
 void RawPeer::waitForAcknowledgements() const {
-    require(seen_.waitFor([](Seen const& seen) { return seen.pending.empty(); }),
+    require(seen_.waitFor([](Seen const& seen) { return seen.pending == 0; }),
             "publication not acknowledged");
 }
 
@@ -112,59 +96,31 @@ void RawPeer::runNetwork() {
     while (!stop_ && mosquitto_loop(client_.get(), 100, 1) == MOSQ_ERR_SUCCESS) {
         acknowledgeAtOnce(mosquitto_socket(client_.get()));
     }
-    seen_.change([](Seen& seen) {
-        seen.connected = false;
-        if (!seen.connack) {
-            seen.connack = MOSQ_ERR_CONN_LOST;
-        }
-    });
-}
-
-void RawPeer::endNetwork() {
-    stop_ = true;
-    if (network_.joinable()) {
-        network_.join();
-    }
-}
-
-/// Runs `change(seen)` on what the peer behind a callback of the library has seen.
-template <class Change>
-void RawPeer::note(void* peer, Change const& change) {
-    static_cast<RawPeer*>(peer)->seen_.change(change);
+    seen_.change([](Seen& seen) { seen.connack = seen.connack.value_or(MOSQ_ERR_CONN_LOST); });
 }
 
 void RawPeer::setCallbacks() {
+    using Watch = Watched<Seen>;
     mosquitto* const client = client_.get();
-    mosquitto_connect_callback_set(client, [](mosquitto*, void* peer, int code) {
-        note(peer, [&](Seen& seen) {
-            seen.connack = code;
-            seen.connected = code == 0;
+    mosquitto_connect_callback_set(client, [](mosquitto*, void* watch, int code) {
+        static_cast<Watch*>(watch)->change([&](Seen& seen) { seen.connack = code; });
+    });
+    mosquitto_publish_callback_set(client, [](mosquitto*, void* watch, int) {
+        static_cast<Watch*>(watch)->change([](Seen& seen) { --seen.pending; });
+    });
+    mosquitto_subscribe_callback_set(
+        client, [](mosquitto*, void* watch, int, int count, int const* granted) {
+            constexpr int REFUSED = 128;
+            static_cast<Watch*>(watch)->change(
+                [&](Seen& seen) { seen.granted = count == 0 || granted[0] != REFUSED; });
         });
-    });
-    mosquitto_disconnect_callback_set(client, [](mosquitto*, void* peer, int) {
-        note(peer, [](Seen& seen) { seen.connected = false; });
-    });
-    mosquitto_publish_callback_set(client, [](mosquitto*, void* peer, int mid) {
-        note(peer, [&](Seen& seen) {
-            if (seen.pending.erase(mid) == 0) {
-                seen.early.insert(mid);
-            }
-        });
-    });
-    mosquitto_subscribe_callback_set(client, [](mosquitto*, void* peer, int mid, int count,
-                                                int const* granted) {
-        constexpr int REFUSED = 128;
-        note(peer,
-             [&](Seen& seen) { seen.subscriptions[mid] = count == 0 || granted[0] != REFUSED; });
-    });
     mosquitto_message_callback_set(
-        client, [](mosquitto*, void* peer, mosquitto_message const* message) {
+        client, [](mosquitto*, void* watch, mosquitto_message const* message) {
             auto const* const bytes = static_cast<char const*>(message->payload);
-            std::string payload(bytes, bytes + message->payloadlen);
-            note(peer, [&](Seen& seen) {
-                seen.messages.push_back(
-                    {message->topic, std::move(payload), message->qos, message->retain});
-            });
+            Message copy{message->topic, std::string(bytes, bytes + message->payloadlen),
+                         message->qos, message->retain};
+            static_cast<Watch*>(watch)->change(
+                [&](Seen& seen) { seen.messages.push_back(std::move(copy)); });
         });
 }
 

@@ -3,13 +3,10 @@
 #include "support/broker.hpp"
 #include "support/watched.hpp"
 
-#include <atomic>
 #include <functional>
-#include <map>
 #include <memory>
 #include <optional>
 #include <ostream>
-#include <set>
 #include <string>
 #include <thread>
 #include <tuple>
@@ -42,9 +39,9 @@ struct RawPeerOptions {
 };
 
 /// A client on the C library of the broker's makers alone: it shows what the broker does, without
-/// any code of ours. It has a network thread of its own and never reconnects by itself.
+/// any code of ours. It has a network thread of its own and never reconnects.
 ///
-/// The operations wait until the broker has answered.
+/// The operations wait until the broker has answered. Subscribe on one thread at a time.
 /// @throws std::runtime_error from every operation that fails or gets no answer
 class RawPeer {
 public:
@@ -57,12 +54,6 @@ public:
     ~RawPeer();
     RawPeer(RawPeer const&) = delete;
     RawPeer& operator=(RawPeer const&) = delete;
-
-    /// Again, after a loss of the connection.
-    void connect();
-    bool waitForConnectionLoss(std::chrono::milliseconds deadline = DEADLINE) const {
-        return seen_.waitFor([](Seen const& seen) { return !seen.connected; }, deadline);
-    }
 
     void subscribe(std::string const& topic, int qos = 2);
     void publish(std::string const& topic, std::string const& payload, int qos = 2,
@@ -93,24 +84,17 @@ public:
 
 private:
     struct Seen {
-        std::optional<int> connack; ///< of the connection under way
-        bool connected = false;
-        std::set<int> pending;             ///< publications without acknowledgement
-        std::set<int> early;               ///< acknowledged before their number was known
-        std::map<int, bool> subscriptions; ///< that were answered: whether granted
+        std::optional<int> connack;  ///< also set when the connection is lost before
+        std::optional<bool> granted; ///< the answer to the last SUBSCRIBE
+        int pending = 0;             ///< publications without acknowledgement
         Messages messages;
     };
 
-    template <class Change>
-    static void note(void* peer, Change const& change);
     void setCallbacks();
     void runNetwork();
-    void endNetwork();
 
-    std::string const host_;
-    int const port_;
-    std::unique_ptr<mosquitto, void (*)(mosquitto*)> client_;
     Watched<Seen> seen_;
+    std::unique_ptr<mosquitto, void (*)(mosquitto*)> client_;
     std::atomic<bool> stop_{false};
     std::thread network_;
 };

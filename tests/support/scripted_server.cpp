@@ -2,8 +2,6 @@
 
 #include "support/socket.hpp"
 
-#include <poll.h>
-#include <sys/eventfd.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -17,69 +15,38 @@ namespace {
 
 constexpr int BACKLOG = 64;
 
-std::string answerTo(MqttPacket const& packet) {
-    switch (packet.type) {
-    case PacketType::CONNECT:
-        return connack(0);
-    case PacketType::PUBLISH:
-        return packet.qos == 0   ? std::string()
-               : packet.qos == 1 ? acknowledgement(PacketType::PUBACK, packet.mid)
-                                 : acknowledgement(PacketType::PUBREC, packet.mid);
-    case PacketType::PUBREC:
-        return acknowledgement(PacketType::PUBREL, packet.mid);
-    case PacketType::PUBREL:
-        return acknowledgement(PacketType::PUBCOMP, packet.mid);
-    case PacketType::SUBSCRIBE:
-        return suback(packet.mid, packet.topics.size());
-    case PacketType::UNSUBSCRIBE:
-        return acknowledgement(PacketType::UNSUBACK, packet.mid);
-    case PacketType::PINGREQ:
-        return pingresp();
-    default:
-        return {};
-    }
-}
+using Lock = std::lock_guard<std::mutex>;
 
 } // namespace
 
 ScriptedServer::ScriptedServer(Mode mode)
-    : mode_(mode),
-      listener_(listenOn(lease_.port(), mode == Mode::NOT_ACCEPTING ? 0 : BACKLOG)),
-      wakeUp_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-    if (mode == Mode::NOT_ACCEPTING) {
-        fillBacklog();
-    }
-    thread_ = std::thread([this] { serve(); });
-}
-
-ScriptedServer::~ScriptedServer() {
-    stop_ = true;
-    eventfd_write(wakeUp_.get(), 1);
-    thread_.join();
+    : mode_(Mode::BROKER),
+      listener_(listenOn(lease_.port(), BACKLOG)),
+      thread_(
+          mutex_, [this] { return sockets(); }, [this] { serve(); }) {
+    setMode(mode);
 }
 
 void ScriptedServer::setMode(Mode mode) {
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        if (mode == Mode::NOT_ACCEPTING && mode_ != Mode::NOT_ACCEPTING) {
-            fillBacklog();
-        } else if (mode != Mode::NOT_ACCEPTING && mode_ == Mode::NOT_ACCEPTING) {
-            emptyBacklog();
-        }
-        mode_ = mode;
+    Lock const lock(mutex_);
+    if (mode == Mode::NOT_ACCEPTING && mode_ != Mode::NOT_ACCEPTING) {
+        fillBacklog();
+    } else if (mode != Mode::NOT_ACCEPTING && mode_ == Mode::NOT_ACCEPTING) {
+        emptyBacklog();
     }
-    eventfd_write(wakeUp_.get(), 1);
+    mode_ = mode;
+    thread_.wake();
 }
 
 /// With a queue for one connection and that place taken the kernel drops every further attempt,
 /// and clients repeat theirs.
 void ScriptedServer::fillBacklog() {
     ::listen(listener_.get(), 0);
-    auto const full = [this] { return waitingConnections(listener_) > 0; };
-    if (!full()) {
+    pollfd waiting{listener_.get(), POLLIN, 0};
+    if (::poll(&waiting, 1, 0) == 0) {
         filler_ = startConnecting(port());
     }
-    if (!eventually(full)) {
+    if (::poll(&waiting, 1, static_cast<int>(DEADLINE.count())) != 1) {
         throw std::runtime_error("the queue of connections does not fill");
     }
 }
@@ -92,35 +59,58 @@ void ScriptedServer::emptyBacklog() {
     ::listen(listener_.get(), BACKLOG);
 }
 
-void ScriptedServer::release() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    for (auto const& [number, bytes] : keptBack_) {
-        for (auto const& connection : connections_) {
-            if (connection->number == number && connection->socket.valid()) {
-                sendAll(connection->socket, bytes);
-            }
-        }
+void ScriptedServer::refuseWith(int code) {
+    {
+        Lock const lock(mutex_);
+        refusal_ = code;
     }
-    keptBack_.clear();
+    setMode(Mode::REFUSE);
+}
+
+void ScriptedServer::setHook(Hook hook) {
+    Lock const lock(mutex_);
+    hook_ = std::move(hook);
+}
+
+void ScriptedServer::dropAtPacket(PacketType type, std::size_t n) {
+    Lock const lock(mutex_);
+    drops_[type] = n;
+}
+
+void ScriptedServer::hold(PacketType type) {
+    Lock const lock(mutex_);
+    held_.insert(type);
+}
+
+void ScriptedServer::release() {
+    Lock const lock(mutex_);
     held_.clear();
+    for (Connection& connection : connections_) {
+        sendAll(connection.socket, connection.keptBack);
+        connection.keptBack.clear();
+    }
 }
 
 bool ScriptedServer::publish(std::string const& topic, std::string const& payload, int qos,
                              bool retain) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    Connection* const to = latest();
-    return to
-           && sendAll(to->socket, publishPacket(topic, payload, qos, retain,
-                                                static_cast<std::uint16_t>(++lastMid_)));
+    Lock const lock(mutex_);
+    MqttPacket packet;
+    packet.topic = topic;
+    packet.payload = payload;
+    packet.qos = qos;
+    packet.retain = retain;
+    packet.mid = ++lastMid_;
+    Connection const* const to = latest();
+    return to && sendAll(to->socket, publishPacket(packet));
 }
 
 bool ScriptedServer::drop() {
-    std::lock_guard<std::mutex> lock(mutex_);
+    Lock const lock(mutex_);
     Connection* const connection = latest();
     if (connection) {
-        reset(*connection);
+        resetConnection(connection->socket);
     }
-    eventfd_write(wakeUp_.get(), 1);
+    thread_.wake();
     return connection != nullptr;
 }
 
@@ -143,35 +133,26 @@ bool ScriptedServer::waitForPackets(PacketType type, std::size_t count,
     return waitFor(enough, deadline);
 }
 
-void ScriptedServer::serve() {
-    while (!stop_) {
-        waitForEvents();
-        std::unique_lock<std::mutex> lock(mutex_);
-        acceptAll();
-        lock.unlock();
-        // Only this thread adds or removes connections. It reads from them without the lock, so
-        // that a hook may use the server.
-        for (auto const& connection : connections_) {
-            readFrom(*connection);
-        }
-        removeClosed();
+std::vector<pollfd> ScriptedServer::sockets() const {
+    std::vector<pollfd> sockets;
+    if (mode_ != Mode::NOT_ACCEPTING) {
+        sockets.push_back({listener_.get(), POLLIN, 0});
     }
+    for (Connection const& connection : connections_) {
+        sockets.push_back({connection.socket.get(), POLLIN, 0});
+    }
+    return sockets;
 }
 
-void ScriptedServer::waitForEvents() {
-    std::vector<pollfd> sockets{{wakeUp_.get(), POLLIN, 0}};
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        if (mode_ != Mode::NOT_ACCEPTING) {
-            sockets.push_back({listener_.get(), POLLIN, 0});
-        }
-        for (auto const& connection : connections_) {
-            sockets.push_back({connection->socket.get(), POLLIN, 0});
-        }
+void ScriptedServer::serve() {
+    acceptAll();
+    for (Connection& connection : connections_) {
+        readFrom(connection);
     }
-    ::poll(sockets.data(), sockets.size(), -1);
-    eventfd_t count = 0;
-    eventfd_read(wakeUp_.get(), &count);
+    auto const closed = [](Connection const& connection) { return !connection.socket.valid(); };
+    connections_.erase(std::remove_if(connections_.begin(), connections_.end(), closed),
+                       connections_.end());
+    seen_.change([this](Seen& seen) { seen.open = static_cast<int>(connections_.size()); });
 }
 
 void ScriptedServer::acceptAll() {
@@ -180,19 +161,16 @@ void ScriptedServer::acceptAll() {
         if (!socket.valid()) {
             return;
         }
-        auto connection = std::make_unique<Connection>();
-        connection->socket = std::move(socket);
-        connection->number = seen_.change([](Seen& seen) {
+        int const number = seen_.change([](Seen& seen) {
             ++seen.open;
             return ++seen.accepted;
         });
-        connections_.push_back(std::move(connection));
+        connections_.push_back({number, std::move(socket), {}, {}});
     }
 }
 
 void ScriptedServer::readFrom(Connection& connection) {
     std::array<char, 4096> bytes;
-    std::unique_lock<std::mutex> lock(mutex_);
     while (connection.socket.valid()) {
         ssize_t const n = ::recv(connection.socket.get(), bytes.data(), bytes.size(), 0);
         if (n < 0 && (errno == EAGAIN || errno == EINTR)) {
@@ -202,79 +180,56 @@ void ScriptedServer::readFrom(Connection& connection) {
             connection.socket.reset();
             return;
         }
-        connection.reader.append(bytes.data(), static_cast<std::size_t>(n));
-        lock.unlock();
-        while (auto const packet = connection.ending ? std::nullopt : connection.reader.next()) {
+        connection.bytes.append(bytes.data(), static_cast<std::size_t>(n));
+        while (connection.socket.valid() && !connection.ending) {
+            auto const packet = takePacket(connection.bytes);
+            if (!packet) {
+                break;
+            }
             handle(connection, *packet);
         }
-        lock.lock();
     }
 }
 
 void ScriptedServer::handle(Connection& connection, MqttPacket const& packet) {
     Reaction const reaction = reactionTo(packet);
-    // Recorded before it is answered, in one step: a client that has the answer finds the packet
-    // recorded, and a test that waited for the packet and then uses the server finds it answered.
-    std::lock_guard<std::mutex> lock(mutex_);
+    // Recorded before it is answered: a client that has the answer finds the packet recorded. A
+    // test that waited for the packet and then uses the server waits for the lock, and so finds
+    // the packet answered.
     seen_.change([&](Seen& seen) { seen.packets.push_back({connection.number, packet}); });
     if (reaction == Reaction::ANSWER) {
         answer(connection, packet);
     } else if (reaction == Reaction::DROP) {
-        reset(connection);
+        resetConnection(connection.socket);
     }
 }
 
 ScriptedServer::Reaction ScriptedServer::reactionTo(MqttPacket const& packet) {
-    Hook hook;
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        for (Drop& drop : drops_) {
-            if (drop.type == packet.type && drop.left > 0 && --drop.left == 0) {
-                return Reaction::DROP;
-            }
-        }
-        hook = hook_;
+    std::size_t& left = drops_[packet.type];
+    if (left > 0 && --left == 0) {
+        return Reaction::DROP;
     }
-    return hook ? hook(packet) : Reaction::ANSWER;
+    return hook_ ? hook_(packet) : Reaction::ANSWER;
 }
 
 void ScriptedServer::answer(Connection& connection, MqttPacket const& packet) {
-    if (mode_ == Mode::SILENT) {
-        return;
-    }
     if (mode_ == Mode::REFUSE && packet.type == PacketType::CONNECT) {
         sendAll(connection.socket, connack(refusal_));
         // Closes this side only: closing a socket with unread bytes would reset the connection,
         // and the client could lose the answer.
         connection.ending = true;
         ::shutdown(connection.socket.get(), SHUT_WR);
-        return;
+    } else if (held_.count(packet.type) > 0) {
+        connection.keptBack += answerTo(packet);
+    } else if (mode_ != Mode::SILENT) {
+        sendAll(connection.socket, answerTo(packet));
     }
-    std::string const bytes = answerTo(packet);
-    if (std::find(held_.begin(), held_.end(), packet.type) != held_.end()) {
-        keptBack_.emplace_back(connection.number, bytes);
-    } else if (!bytes.empty()) {
-        sendAll(connection.socket, bytes);
-    }
-}
-
-void ScriptedServer::reset(Connection& connection) {
-    connection.ending = true;
-    resetConnection(connection.socket);
-}
-
-void ScriptedServer::removeClosed() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    auto const closed = [](auto const& connection) { return !connection->socket.valid(); };
-    connections_.erase(std::remove_if(connections_.begin(), connections_.end(), closed),
-                       connections_.end());
-    seen_.change([this](Seen& seen) { seen.open = static_cast<int>(connections_.size()); });
 }
 
 ScriptedServer::Connection* ScriptedServer::latest() {
-    bool const open = !connections_.empty() && connections_.back()->socket.valid()
-                      && !connections_.back()->ending;
-    return open ? connections_.back().get() : nullptr;
+    bool const open =
+        !connections_.empty() && connections_.back().socket.valid() && !connections_.back().ending;
+    return open ? &connections_.back() : nullptr;
 }
 
 } // namespace support

@@ -1,18 +1,13 @@
 #pragma once
 
-#include "support/file_descriptor.hpp"
 #include "support/mqtt_packet.hpp"
 #include "support/port_lease.hpp"
+#include "support/serving_thread.hpp"
 #include "support/watched.hpp"
 
-#include <atomic>
-#include <functional>
-#include <memory>
-#include <mutex>
+#include <map>
+#include <set>
 #include <string>
-#include <thread>
-#include <utility>
-#include <vector>
 
 namespace support {
 
@@ -46,9 +41,6 @@ public:
     using History = std::vector<Received>;
 
     explicit ScriptedServer(Mode mode = Mode::BROKER);
-    ~ScriptedServer();
-    ScriptedServer(ScriptedServer const&) = delete;
-    ScriptedServer& operator=(ScriptedServer const&) = delete;
 
     std::string host() const { return "127.0.0.1"; }
     int port() const noexcept { return lease_.port(); }
@@ -57,28 +49,16 @@ public:
     /// Connections that wait since NOT_ACCEPTING are accepted when that ends.
     void setMode(Mode mode);
     /// Mode REFUSE with this code of CONNACK.
-    void refuseWith(int code) {
-        refusal_ = code;
-        setMode(Mode::REFUSE);
-    }
-    /// Called on the server's thread for every packet before it is answered.
-    void setHook(Hook hook) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        hook_ = std::move(hook);
-    }
+    void refuseWith(int code);
+    /// Called on the server's thread for every packet before it is recorded and answered. It must
+    /// not use the server; while it blocks, no connection is read or written.
+    void setHook(Hook hook);
     /// Lets the n-th packet of this type, counted from now over all connections, reset its
-    /// connection. Several may be set.
-    void dropAtPacket(PacketType type, std::size_t n) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        drops_.push_back({type, n});
-    }
+    /// connection.
+    void dropAtPacket(PacketType type, std::size_t n);
     /// Keeps back all answers to packets of this type, until `release`.
-    void hold(PacketType type) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        held_.push_back(type);
-    }
-    /// Sends the answers that were kept back, in order, as far as their connections still exist;
-    /// no answers are kept back any more.
+    void hold(PacketType type);
+    /// Sends the answers that were kept back; no answers are kept back any more.
     void release();
 
     // On the latest connection. @return false when there is none
@@ -98,9 +78,6 @@ public:
     }
     bool waitForPackets(PacketType type, std::size_t count,
                         std::chrono::milliseconds deadline = DEADLINE) const;
-    bool waitForTcpConnections(int count, std::chrono::milliseconds deadline = DEADLINE) const {
-        return seen_.waitFor([&](Seen const& seen) { return seen.accepted >= count; }, deadline);
-    }
     /// Waits until no connection is open.
     bool waitForNoConnection(std::chrono::milliseconds deadline = DEADLINE) const {
         return seen_.waitFor([](Seen const& seen) { return seen.open == 0; }, deadline);
@@ -114,12 +91,9 @@ private:
     struct Connection {
         int number;
         FileDescriptor socket;
-        MqttReader reader;
-        std::atomic<bool> ending{false}; ///< closed on this side, not yet by the client
-    };
-    struct Drop {
-        PacketType type;
-        std::size_t left;
+        std::string bytes;    ///< received, of a packet that is not complete
+        std::string keptBack; ///< answers
+        bool ending = false;  ///< closed on this side, not yet by the client
     };
     struct Seen {
         History packets;
@@ -129,33 +103,28 @@ private:
 
     void fillBacklog();
     void emptyBacklog();
+    std::vector<pollfd> sockets() const;
     void serve();
-    void waitForEvents();
     void acceptAll();
     void readFrom(Connection& connection);
     void handle(Connection& connection, MqttPacket const& packet);
     Reaction reactionTo(MqttPacket const& packet);
     void answer(Connection& connection, MqttPacket const& packet);
-    static void reset(Connection& connection);
-    void removeClosed();
     Connection* latest();
 
     PortLease lease_;
-    std::atomic<int> refusal_{5}; ///< the code of CONNACK
-    mutable std::mutex mutex_;    ///< guards what follows, up to wakeUp_
+    std::mutex mutex_; ///< guards what follows, up to seen_
     Mode mode_;
+    int refusal_ = 5; ///< the code of CONNACK
     Hook hook_;
-    std::vector<Drop> drops_;
-    std::vector<PacketType> held_;
-    std::vector<std::pair<int, std::string>> keptBack_; ///< answers by number of connection
-    std::vector<std::unique_ptr<Connection>> connections_;
+    std::map<PacketType, std::size_t> drops_; ///< how many packets until the connection is reset
+    std::set<PacketType> held_;
+    std::vector<Connection> connections_;
+    FileDescriptor listener_;
     FileDescriptor filler_; ///< a connection of our own that fills the kernel's queue
     std::uint16_t lastMid_ = 0;
-    FileDescriptor listener_;
-    FileDescriptor wakeUp_;
     Watched<Seen> seen_;
-    std::atomic<bool> stop_{false};
-    std::thread thread_;
+    ServingThread thread_;
 };
 
 } // namespace support

@@ -1,48 +1,49 @@
 #include "support/socket.hpp"
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <linux/sockios.h>
-#include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
 #include <cerrno>
-#include <cstdint>
 #include <system_error>
 
 namespace support {
 
 namespace {
 
-sockaddr_in loopback(int port) {
+[[noreturn]] void fail(std::string const& operation) {
+    throw std::system_error(errno, std::generic_category(), operation);
+}
+
+/// Calls `::bind` or `::connect`.
+template <class Call>
+bool callWithAddress(Call const& call, FileDescriptor const& socket, int port) {
     sockaddr_in address{};
     address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<std::uint16_t>(port));
+    address.sin_port = htons(static_cast<in_port_t>(port));
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return address;
+    return call(socket.get(), reinterpret_cast<sockaddr const*>(&address), sizeof address) == 0;
 }
 
 FileDescriptor tcpSocket(int flags = 0) {
     FileDescriptor socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | flags, 0));
     if (!socket.valid()) {
-        throw std::system_error(errno, std::generic_category(), "socket");
+        fail("socket");
     }
     return socket;
 }
 
-bool bindTo(FileDescriptor const& socket, int port) {
+void setOption(FileDescriptor const& socket, int level, int option) {
     int const on = 1;
-    setsockopt(socket.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    sockaddr_in const address = loopback(port);
-    return bind(socket.get(), reinterpret_cast<sockaddr const*>(&address), sizeof address) == 0;
+    setsockopt(socket.get(), level, option, &on, sizeof on);
 }
 
-bool connectSocket(FileDescriptor const& socket, int port) {
-    sockaddr_in const address = loopback(port);
-    return connect(socket.get(), reinterpret_cast<sockaddr const*>(&address), sizeof address) == 0;
+bool bindTo(FileDescriptor const& socket, int port) {
+    setOption(socket, SOL_SOCKET, SO_REUSEADDR);
+    return callWithAddress(::bind, socket, port);
 }
 
 } // namespace
@@ -54,34 +55,27 @@ bool canBind(int port) {
 FileDescriptor listenOn(int port, int backlog) {
     FileDescriptor listener = tcpSocket(SOCK_NONBLOCK);
     if (!bindTo(listener, port) || listen(listener.get(), backlog) != 0) {
-        throw std::system_error(errno, std::generic_category(),
-                                "listen on port " + std::to_string(port));
+        fail("listen on port " + std::to_string(port));
     }
     return listener;
 }
 
 FileDescriptor connectTo(int port) {
     FileDescriptor socket = tcpSocket();
-    return connectSocket(socket, port) ? std::move(socket) : FileDescriptor();
+    return callWithAddress(::connect, socket, port) ? std::move(socket) : FileDescriptor();
 }
 
 FileDescriptor startConnecting(int port) {
     FileDescriptor socket = tcpSocket(SOCK_NONBLOCK);
-    bool const started = connectSocket(socket, port) || errno == EINPROGRESS;
+    setOption(socket, IPPROTO_TCP, TCP_NODELAY);
+    bool const started = callWithAddress(::connect, socket, port) || errno == EINPROGRESS;
     return started ? std::move(socket) : FileDescriptor();
 }
 
 FileDescriptor acceptFrom(FileDescriptor const& listener) {
     FileDescriptor socket(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
-    if (socket.valid()) {
-        sendAtOnce(socket);
-    }
+    setOption(socket, IPPROTO_TCP, TCP_NODELAY);
     return socket;
-}
-
-void sendAtOnce(FileDescriptor const& socket) {
-    int const on = 1;
-    setsockopt(socket.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
 }
 
 void resetConnection(FileDescriptor& socket) {
@@ -94,15 +88,6 @@ int unsentBytes(FileDescriptor const& socket) {
     int count = 0;
     ioctl(socket.get(), SIOCOUTQNSD, &count);
     return count;
-}
-
-int waitingConnections(FileDescriptor const& listener) {
-    tcp_info info{};
-    socklen_t size = sizeof info;
-    if (getsockopt(listener.get(), IPPROTO_TCP, TCP_INFO, &info, &size) != 0) {
-        throw std::system_error(errno, std::generic_category(), "TCP_INFO");
-    }
-    return static_cast<int>(info.tcpi_unacked); // so used for a listening socket
 }
 
 bool sendAll(FileDescriptor const& socket, std::string const& bytes) {
@@ -132,7 +117,7 @@ TcpPair::TcpPair() {
     poll(&incoming, 1, -1);
     far = FileDescriptor(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
     if (!near.valid() || !far.valid()) {
-        throw std::system_error(errno, std::generic_category(), "TCP connection over loopback");
+        fail("TCP connection over loopback");
     }
 }
 

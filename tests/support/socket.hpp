@@ -14,23 +14,20 @@ bool canBind(int port);
 FileDescriptor listenOn(int port, int backlog);
 /// Connects, blocking. @return an invalid descriptor when refused
 FileDescriptor connectTo(int port);
-/// Starts to connect; the socket does not block. @return an invalid descriptor when refused
+/// Starts to connect; the socket does not block and sends at once (TCP_NODELAY).
+/// @return an invalid descriptor when refused
 FileDescriptor startConnecting(int port);
-/// Accepts one connection, which does not block. @return an invalid descriptor when none waits
+/// Accepts one connection, which does not block and sends at once. @return an invalid descriptor
+/// when none waits
 FileDescriptor acceptFrom(FileDescriptor const& listener);
-/// TCP_NODELAY.
-void sendAtOnce(FileDescriptor const& socket);
 /// Closes the connection with a reset: the peer sees "connection reset by peer".
 void resetConnection(FileDescriptor& socket);
 /// Bytes written that the kernel has not sent yet.
 int unsentBytes(FileDescriptor const& socket);
-/// The number of connections that wait to be accepted.
-int waitingConnections(FileDescriptor const& listener);
-
 /// Writes everything, waiting for room. @return false when the connection is lost
 bool sendAll(FileDescriptor const& socket, std::string const& bytes);
 
-/// Both ends of one TCP connection.
+/// Both ends of one TCP connection, which block.
 /// @throws std::system_error
 struct TcpPair {
     TcpPair();

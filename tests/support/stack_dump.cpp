@@ -8,12 +8,12 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
 #include <memory>
 #include <ostream>
 #include <sstream>
@@ -22,94 +22,88 @@ namespace support {
 
 namespace {
 
-// Filled by the signal handler in the thread that was asked; one thread at a time.
-std::array<void*, 48> frames;
-std::atomic<int> frameCount{-1};
-std::atomic<pid_t> askedThread{0}; ///< 0: none, or it answers already
+struct Stack {
+    std::atomic<long> thread{0}; ///< set when the frames are complete
+    int size;
+    std::array<void*, 48> frames;
+};
 
-pid_t thisThread() {
-    return static_cast<pid_t>(syscall(SYS_gettid));
+std::array<Stack, 256> stacks; ///< each thread that is asked fills one of its own
+std::atomic<std::size_t> stacksInUse{0};
+
+long thisThread() {
+    return syscall(SYS_gettid);
 }
 
-void answerWithFrames(int /*signal*/) {
-    // A thread that answers too late does nothing: another one may be writing by now.
-    pid_t self = thisThread();
-    if (askedThread.compare_exchange_strong(self, 0)) {
-        frameCount = backtrace(frames.data(), static_cast<int>(frames.size()));
+void writeDownFrames(int /*signal*/) {
+    std::size_t const index = stacksInUse++;
+    if (index < stacks.size()) {
+        Stack& stack = stacks[index];
+        stack.size = backtrace(stack.frames.data(), static_cast<int>(stack.frames.size()));
+        stack.thread = thisThread();
     }
 }
 
-std::string outputOf(std::string const& command) {
-    std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), &pclose);
-    std::string text;
-    std::array<char, 512> part{};
-    while (pipe && std::fgets(part.data(), static_cast<int>(part.size()), pipe.get())) {
-        text += part.data();
+/// Sends the signal to all other threads. @return their number
+long askThreads(int signal) {
+    long count = 0;
+    for (auto const& entry : std::filesystem::directory_iterator("/proc/self/task")) {
+        long const thread = std::stol(entry.path().filename().string());
+        if (thread != thisThread() && syscall(SYS_tgkill, getpid(), thread, signal) == 0) {
+            ++count;
+        }
     }
-    text.erase(text.find_last_not_of('\n') + 1);
-    return text;
-}
-
-std::string nameOf(std::string const& thread) {
-    std::string name;
-    std::ifstream file("/proc/self/task/" + thread + "/comm");
-    std::getline(file, name);
-    return name;
-}
-
-void dumpStack(std::ostream& out, pid_t thread, int signal) {
-    auto const answered = [] { return frameCount >= 0; };
-    frameCount = -1;
-    askedThread = thread;
-    syscall(SYS_tgkill, getpid(), thread, signal);
-    if (!eventually(answered, std::chrono::seconds(2)) && askedThread.exchange(0) == thread) {
-        out << "    does not answer\n";
-        return;
-    }
-    eventually(answered);
-    constexpr int SIGNAL_FRAMES = 2; // the handler and the kernel's trampoline
-    for (int i = SIGNAL_FRAMES; i < frameCount; ++i) {
-        out << "    " << describeFrame(frames[static_cast<std::size_t>(i)]) << "\n";
-    }
+    return count;
 }
 
 } // namespace
 
+std::string outputOf(std::string const& command) {
+    std::unique_ptr<FILE, int (*)(FILE*)> const pipe(popen(command.c_str(), "r"), &pclose);
+    std::string text;
+    for (int character = 0; pipe && (character = std::fgetc(pipe.get())) != EOF;) {
+        text.push_back(static_cast<char>(character));
+    }
+    return text;
+}
+
 std::string describeFrame(void* frame) {
     Dl_info info{};
-    auto const address = reinterpret_cast<std::uintptr_t>(frame);
-    std::ostringstream text;
     if (dladdr(frame, &info) == 0 || !info.dli_fname) {
-        text << "?+0x" << std::hex << address;
-        return text.str();
+        return "?";
     }
     // A return address is behind its call; one byte back is inside it.
-    auto const offset = address - reinterpret_cast<std::uintptr_t>(info.dli_fbase) - 1;
-    text << "addr2line -Cfipse '" << info.dli_fname << "' 0x" << std::hex << offset
-         << " 2>/dev/null";
-    std::string const source = outputOf(text.str());
+    auto const offset = reinterpret_cast<std::uintptr_t>(frame)
+                        - reinterpret_cast<std::uintptr_t>(info.dli_fbase) - 1;
+    std::ostringstream command;
+    command << "addr2line -Cfipse '" << info.dli_fname << "' 0x" << std::hex << offset
+            << " 2>/dev/null";
+    std::string const source = outputOf(command.str());
     if (!source.empty() && source.find("??") != 0) {
-        return source;
+        return source.substr(0, source.find_last_not_of('\n') + 1);
     }
-    text.str("");
-    text << std::filesystem::path(info.dli_fname).filename().string() << "+0x" << offset << " "
-         << (info.dli_sname ? info.dli_sname : "");
-    return text.str();
+    return std::string(info.dli_fname) + " " + (info.dli_sname ? info.dli_sname : "");
 }
 
 void dumpStacks(std::ostream& out) {
     int const signal = SIGRTMAX - 1;
     struct sigaction action {};
-    action.sa_handler = answerWithFrames;
+    action.sa_handler = writeDownFrames;
     action.sa_flags = SA_RESTART;
     sigaction(signal, &action, nullptr);
     void* warmUp[1];
     backtrace(warmUp, 1); // its first call loads a library, which a handler must not do
-    for (auto const& entry : std::filesystem::directory_iterator("/proc/self/task")) {
-        std::string const thread = entry.path().filename().string();
-        if (thread != std::to_string(thisThread())) {
-            out << "  thread " << thread << " " << nameOf(thread) << "\n";
-            dumpStack(out, static_cast<pid_t>(std::stol(thread)), signal);
+    long const count = askThreads(signal);
+    auto const complete = [](Stack const& stack) { return stack.thread != 0; };
+    eventually([&] { return std::count_if(stacks.begin(), stacks.end(), complete) >= count; },
+               std::chrono::seconds(2));
+    constexpr int SIGNAL_FRAMES = 2; // the handler and the kernel's trampoline
+    for (Stack const& stack : stacks) {
+        if (complete(stack)) {
+            out << "  thread " << stack.thread << "\n";
+            for (int i = SIGNAL_FRAMES; i < stack.size; ++i) {
+                out << "    " << describeFrame(stack.frames[static_cast<std::size_t>(i)]) << "\n";
+            }
         }
     }
 }

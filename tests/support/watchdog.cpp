@@ -3,96 +3,60 @@
 #include "support/stack_dump.hpp"
 #include "support/timeout_factor.hpp"
 
-#include <gtest/gtest.h>
-
 #include <cstdlib>
 #include <iostream>
-#include <set>
 
 namespace support {
 
 namespace {
 
-struct HangHandlers {
-    std::mutex mutex;
-    std::set<HangHandler*> all;
-};
+std::chrono::seconds defaultLimit() {
+    char const* const text = std::getenv("ZYM_TEST_LIMIT");
+    return std::chrono::seconds(text ? std::atoi(text) : 60);
+}
 
-HangHandlers& hangHandlers() {
-    static HangHandlers instance;
-    return instance;
+/// Of the test, or of the suite whose set-up or tear-down runs.
+std::string nameOfWhatRuns() {
+    auto const* const suite = testing::UnitTest::GetInstance()->current_test_suite();
+    auto const* const test = testing::UnitTest::GetInstance()->current_test_info();
+    return test    ? std::string(test->test_suite_name()) + "." + test->name()
+           : suite ? suite->name()
+                   : "";
 }
 
 } // namespace
 
-/// Also watches what runs around the cases of a suite: its set-up and tear-down.
-class Watchdog::Listener final : public testing::EmptyTestEventListener {
-public:
-    explicit Listener(Watchdog& watchdog) : watchdog_(watchdog) {}
-
-    void OnTestSuiteStart(testing::TestSuite const& suite) override {
-        watchdog_.watch(std::string(suite.name()) + " (set-up)");
-    }
-    void OnTestStart(testing::TestInfo const& test) override {
-        watchdog_.watch(std::string(test.test_suite_name()) + "." + test.name());
-    }
-    void OnTestEnd(testing::TestInfo const& test) override {
-        watchdog_.watch(std::string(test.test_suite_name()) + " (after " + test.name() + ")");
-    }
-    void OnTestSuiteEnd(testing::TestSuite const& /*suite*/) override { watchdog_.stopWatching(); }
-
-private:
-    Watchdog& watchdog_;
-};
-
 Watchdog* Watchdog::instance_ = nullptr;
-
-std::chrono::seconds Watchdog::defaultLimit() {
-    char const* const text = std::getenv("ZYM_TEST_LIMIT");
-    return std::chrono::seconds(text ? std::atoi(text) : 60) * TIMEOUT_FACTOR;
-}
 
 void Watchdog::limit(std::chrono::seconds limit) {
     if (instance_ && defaultLimit().count() != 0) {
-        instance_->setDeadline(limit * TIMEOUT_FACTOR);
+        instance_->setDeadline(Clock::now() + limit * TIMEOUT_FACTOR);
     }
 }
 
 Watchdog::Watchdog() : thread_([this] { run(); }) {
     instance_ = this;
-    testing::UnitTest::GetInstance()->listeners().Append(new Listener(*this));
+    testing::UnitTest::GetInstance()->listeners().Append(this);
 }
 
 Watchdog::~Watchdog() {
+    testing::UnitTest::GetInstance()->listeners().Release(this);
+    instance_ = nullptr;
     {
         std::lock_guard<std::mutex> lock(mutex_);
         stop_ = true;
     }
     changed_.notify_all();
     thread_.join();
-    instance_ = nullptr;
 }
 
-void Watchdog::watch(std::string const& name) {
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        name_ = name;
-    }
-    if (defaultLimit().count() != 0) {
-        setDeadline(defaultLimit());
-    }
+void Watchdog::restart() {
+    limit(defaultLimit());
 }
 
-void Watchdog::setDeadline(std::chrono::seconds fromNow) {
+void Watchdog::setDeadline(Clock::time_point deadline) {
     std::lock_guard<std::mutex> lock(mutex_);
-    limit_ = fromNow;
-    deadline_ = Clock::now() + fromNow;
-    changed_.notify_all();
-}
-
-void Watchdog::stopWatching() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    deadline_ = Clock::time_point::max();
+    deadline_ = deadline;
     changed_.notify_all();
 }
 
@@ -110,30 +74,13 @@ void Watchdog::run() {
 }
 
 void Watchdog::endProcess() {
+    std::string const name = nameOfWhatRuns();
     std::cout << std::flush;
-    std::cerr << "\n[WATCHDOG] " << name_ << " has not ended after " << limit_.count()
-              << " s. The stacks of all threads:\n";
+    std::cerr << "\n[WATCHDOG] " << name << " has not ended in time. The stacks of all threads:\n";
     dumpStacks(std::cerr);
     HangHandler::runAll(std::cerr);
-    std::cerr << "[WATCHDOG] " << name_ << " FAILED: it hangs" << std::endl;
+    std::cerr << "[WATCHDOG] " << name << " FAILED: it hangs" << std::endl;
     std::abort();
-}
-
-HangHandler::HangHandler(std::function<void(std::ostream&)> handle) : handle_(std::move(handle)) {
-    std::lock_guard<std::mutex> lock(hangHandlers().mutex);
-    hangHandlers().all.insert(this);
-}
-
-HangHandler::~HangHandler() {
-    std::lock_guard<std::mutex> lock(hangHandlers().mutex);
-    hangHandlers().all.erase(this);
-}
-
-void HangHandler::runAll(std::ostream& out) {
-    std::lock_guard<std::mutex> lock(hangHandlers().mutex);
-    for (HangHandler* handler : hangHandlers().all) {
-        handler->handle_(out);
-    }
 }
 
 } // namespace support

@@ -16,10 +16,15 @@ StandIn& scriptOf(mosquitto* member) {
     return *reinterpret_cast<StandIn*>(member);
 }
 
-StandIn::Call callOf(Operation operation, char const* topic, int size, void const* payload, int qos,
-                     bool retain) {
+int run(mosquitto* member, Operation operation, char const* topic = nullptr, int size = 0,
+        void const* payload = nullptr, int qos = 0, bool retain = false, int* mid = nullptr,
+        int keepAlive = 0) {
+    support::UncountedAllocations const ours;
     auto const* const bytes = static_cast<char const*>(payload);
-    return {operation, topic ? topic : "", std::string(bytes, bytes + size), qos, retain};
+    StandIn::Call call{operation, topic ? topic : "", std::string(bytes, bytes + size), qos,
+                       retain};
+    call.keepAlive = keepAlive;
+    return scriptOf(member).run(std::move(call), mid);
 }
 
 } // namespace
@@ -27,18 +32,6 @@ StandIn::Call callOf(Operation operation, char const* topic, int size, void cons
 int lib_init() {
     ++StandIn::libraryInitialisations();
     return mosquitto_lib_init();
-}
-
-int lib_cleanup() {
-    return mosquitto_lib_cleanup();
-}
-
-char const* strerror(int code) {
-    return mosquitto_strerror(code);
-}
-
-char const* connack_string(int code) {
-    return mosquitto_connack_string(code);
 }
 
 int lib_version(int* major, int* minor, int* revision) {
@@ -53,10 +46,6 @@ int topic_matches_sub(char const* pattern, char const* topic, bool* result) {
     return mosquitto_topic_matches_sub(pattern, topic, result);
 }
 
-int validate_utf8(char const* text, int length) {
-    return mosquitto_validate_utf8(text, length);
-}
-
 mosquittopp::mosquittopp(char const* id, bool clean_session)
     : m_mosq(reinterpret_cast<mosquitto*>(StandIn::make(*this, id, clean_session))) {}
 
@@ -66,47 +55,40 @@ mosquittopp::~mosquittopp() {
 
 int mosquittopp::will_set(char const* topic, int payloadlen, void const* payload, int qos,
                           bool retain) {
-    return scriptOf(m_mosq).run(
-        callOf(Operation::WILL_SET, topic, payloadlen, payload, qos, retain));
+    return run(m_mosq, Operation::WILL_SET, topic, payloadlen, payload, qos, retain);
 }
 
 int mosquittopp::will_clear() {
-    return scriptOf(m_mosq).run({Operation::WILL_CLEAR});
+    return run(m_mosq, Operation::WILL_CLEAR);
 }
 
 int mosquittopp::connect(char const* host, int port, int keepalive) {
-    support::UncountedAllocations const ours;
-    return scriptOf(m_mosq).run({Operation::CONNECT, host ? host : "", "", port, false, keepalive});
+    return run(m_mosq, Operation::CONNECT, host, 0, nullptr, port, false, nullptr, keepalive);
 }
 
 int mosquittopp::reconnect() {
-    return scriptOf(m_mosq).run({Operation::RECONNECT});
+    return run(m_mosq, Operation::RECONNECT);
 }
 
 int mosquittopp::disconnect() {
-    support::UncountedAllocations const ours;
-    return scriptOf(m_mosq).run({Operation::DISCONNECT});
+    return run(m_mosq, Operation::DISCONNECT);
 }
 
 int mosquittopp::publish(int* mid, char const* topic, int payloadlen, void const* payload, int qos,
                          bool retain) {
-    support::UncountedAllocations const ours;
-    return scriptOf(m_mosq).run(callOf(Operation::PUBLISH, topic, payloadlen, payload, qos, retain),
-                                mid);
+    return run(m_mosq, Operation::PUBLISH, topic, payloadlen, payload, qos, retain, mid);
 }
 
 int mosquittopp::subscribe(int* mid, char const* sub, int qos) {
-    support::UncountedAllocations const ours;
-    return scriptOf(m_mosq).run({Operation::SUBSCRIBE, sub, "", qos}, mid);
+    return run(m_mosq, Operation::SUBSCRIBE, sub, 0, nullptr, qos, false, mid);
 }
 
 int mosquittopp::unsubscribe(int* mid, char const* sub) {
-    support::UncountedAllocations const ours;
-    return scriptOf(m_mosq).run({Operation::UNSUBSCRIBE, sub}, mid);
+    return run(m_mosq, Operation::UNSUBSCRIBE, sub, 0, nullptr, 0, false, mid);
 }
 
 int mosquittopp::threaded_set(bool /*threaded*/) {
-    return scriptOf(m_mosq).run({Operation::THREADED_SET});
+    return run(m_mosq, Operation::THREADED_SET);
 }
 
 int mosquittopp::loop(int timeout, int /*max_packets*/) {

@@ -2,31 +2,23 @@
 
 #include <algorithm>
 #include <future>
-#include <utility>
 
 namespace support {
 
 namespace {
 
 struct Registry {
-    std::mutex mutex;
     StandIn::Version version{LIBMOSQUITTO_MAJOR, LIBMOSQUITTO_MINOR, LIBMOSQUITTO_REVISION};
     std::vector<std::shared_ptr<StandIn>> all;
     std::function<void(StandIn&)> onConstruction;
 };
 
-Registry& registry() {
-    static Registry instance;
+Watched<Registry>& registry() {
+    static Watched<Registry> instance;
     return instance;
 }
 
 } // namespace
-
-StandIn::StandIn(mosqpp::mosquittopp& object, std::string clientId, bool cleanSession)
-    : clientId_(std::move(clientId)),
-      cleanSession_(cleanSession),
-      initialisations_(libraryInitialisations()),
-      object_(&object) {}
 
 std::atomic<int>& StandIn::libraryInitialisations() {
     static std::atomic<int> count{0};
@@ -34,23 +26,19 @@ std::atomic<int>& StandIn::libraryInitialisations() {
 }
 
 void StandIn::setLibraryVersion(Version version) {
-    std::lock_guard<std::mutex> lock(registry().mutex);
-    registry().version = version;
+    registry().change([&](Registry& known) { known.version = version; });
 }
 
 StandIn::Version StandIn::libraryVersion() {
-    std::lock_guard<std::mutex> lock(registry().mutex);
-    return registry().version;
+    return registry().read([](Registry const& known) { return known.version; });
 }
 
 StandIn* StandIn::make(mosqpp::mosquittopp& object, char const* clientId, bool cleanSession) {
     std::shared_ptr<StandIn> standIn(new StandIn(object, clientId ? clientId : "", cleanSession));
-    std::function<void(StandIn&)> hook;
-    {
-        std::lock_guard<std::mutex> lock(registry().mutex);
-        registry().all.push_back(standIn);
-        hook = registry().onConstruction;
-    }
+    auto const hook = registry().change([&](Registry& known) {
+        known.all.push_back(standIn);
+        return known.onConstruction;
+    });
     try {
         if (hook) {
             hook(*standIn);
@@ -63,49 +51,53 @@ StandIn* StandIn::make(mosqpp::mosquittopp& object, char const* clientId, bool c
 }
 
 void StandIn::onConstruction(std::function<void(StandIn&)> hook) {
-    std::lock_guard<std::mutex> lock(registry().mutex);
-    registry().onConstruction = std::move(hook);
-}
-
-void StandIn::detach() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    object_ = nullptr;
-    steps_.clear();
+    registry().change([&](Registry& known) { known.onConstruction = std::move(hook); });
 }
 
 std::shared_ptr<StandIn> StandIn::last() {
-    std::lock_guard<std::mutex> lock(registry().mutex);
-    return registry().all.empty() ? nullptr : registry().all.back();
+    return registry().read(
+        [](Registry const& known) { return known.all.empty() ? nullptr : known.all.back(); });
 }
 
 std::shared_ptr<StandIn> StandIn::withClientId(std::string const& clientId) {
-    std::lock_guard<std::mutex> lock(registry().mutex);
-    auto const& all = registry().all;
-    auto const found = std::find_if(all.rbegin(), all.rend(), [&](auto const& standIn) {
-        return standIn->clientId() == clientId;
+    return registry().read([&](Registry const& known) {
+        auto const matches = [&](auto const& standIn) { return standIn->clientId() == clientId; };
+        auto const found = std::find_if(known.all.rbegin(), known.all.rend(), matches);
+        return found == known.all.rend() ? nullptr : *found;
     });
-    return found == all.rend() ? nullptr : *found;
+}
+
+StandIn::StandIn(mosqpp::mosquittopp& object, std::string clientId, bool cleanSession)
+    : clientId_(std::move(clientId)),
+      cleanSession_(cleanSession),
+      initialisations_(libraryInitialisations()) {
+    state_.change([&](State& state) { state.object = &object; });
+}
+
+void StandIn::detach() {
+    state_.change([](State& state) {
+        state.object = nullptr;
+        state.steps.clear();
+    });
 }
 
 void StandIn::answer(Operation operation, std::vector<int> const& results) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    auto& queue = answers_[operation];
-    queue.insert(queue.end(), results.begin(), results.end());
-    changed_.notify_all();
+    state_.change([&](State& state) {
+        auto& answers = state.answers[operation];
+        answers.insert(answers.end(), results.begin(), results.end());
+    });
 }
 
 void StandIn::setHook(Operation operation, Hook hook) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    hooks_[operation] = std::move(hook);
-    changed_.notify_all();
+    state_.change([&](State& state) { state.hooks[operation] = std::move(hook); });
 }
 
 void StandIn::postStep(Step step) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (object_) {
-        steps_.push_back(std::move(step));
-    }
-    changed_.notify_all();
+    state_.change([&](State& state) {
+        if (state.object) {
+            state.steps.push_back(std::move(step));
+        }
+    });
 }
 
 void StandIn::post(Callback callback) {
@@ -126,7 +118,7 @@ void StandIn::runInLoop(Callback callback) {
 
 void StandIn::loseConnection(int code) {
     postStep([this, code](mosqpp::mosquittopp& object) {
-        locked([this] { connected_ = false; });
+        state_.change([](State& state) { state.connected = false; });
         object.on_disconnect(code);
         return code;
     });
@@ -146,6 +138,13 @@ void StandIn::deliver(std::string const& topic, std::string const& payload, int 
     });
 }
 
+std::vector<StandIn::Call> StandIn::calls(Operation operation) const {
+    std::vector<Call> all = calls();
+    auto const other = [&](Call const& call) { return call.operation != operation; };
+    all.erase(std::remove_if(all.begin(), all.end(), other), all.end());
+    return all;
+}
+
 bool StandIn::waitForCalls(Operation operation, std::size_t count,
                            std::chrono::milliseconds deadline) const {
     auto const matches = [&](Call const& call) { return call.operation == operation; };
@@ -158,7 +157,7 @@ bool StandIn::waitForCalls(Operation operation, std::size_t count,
 int StandIn::run(Call call, int* mid) {
     call.thread = std::this_thread::get_id();
     call.loopsBefore = loops_;
-    call.mid = locked([&] { return ++lastMid_; });
+    call.mid = state_.change([](State& state) { return ++state.lastMid; });
     if (mid) {
         *mid = call.mid; // before a hook runs: the library may acknowledge as early
     }
@@ -174,66 +173,50 @@ int StandIn::run(Call call, int* mid) {
 }
 
 std::optional<int> StandIn::scripted(Call const& call) {
-    Hook hook;
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        auto& answers = answers_[call.operation];
-        if (!answers.empty()) {
-            int const result = answers.front();
-            answers.pop_front();
-            return result;
+    std::optional<int> result;
+    Hook const hook = state_.change([&](State& state) {
+        auto& answers = state.answers[call.operation];
+        if (answers.empty()) {
+            return state.hooks[call.operation];
         }
-        hook = hooks_[call.operation];
-    }
-    return hook ? hook(call) : std::nullopt;
+        result = answers.front();
+        answers.pop_front();
+        return Hook();
+    });
+    return hook ? hook(call) : result;
 }
 
 int StandIn::builtIn(Call const& call) {
-    switch (call.operation) {
-    case Operation::CONNECT:
-    case Operation::RECONNECT:
-        return connect();
-    case Operation::DISCONNECT:
-        if (!connected()) {
-            return MOSQ_ERR_NO_CONN;
-        }
-        loseConnection(0);
-        return 0;
-    case Operation::PUBLISH:
-    case Operation::SUBSCRIBE:
-    case Operation::UNSUBSCRIBE:
-        if (!connected()) {
-            return MOSQ_ERR_NO_CONN;
-        }
-        acknowledge(call);
-        return 0;
-    default:
-        return 0;
+    auto const [connected, acknowledging] = state_.read(
+        [](State const& state) { return std::make_pair(state.connected, state.acknowledging); });
+    bool const needsConnection =
+        call.operation == Operation::DISCONNECT || call.operation == Operation::PUBLISH
+        || call.operation == Operation::SUBSCRIBE || call.operation == Operation::UNSUBSCRIBE;
+    if (needsConnection && !connected) {
+        return MOSQ_ERR_NO_CONN;
     }
-}
-
-int StandIn::connect() {
-    std::optional<int> const code = locked([&] {
-        connected_ = true;
-        return connack_;
-    });
-    if (code) {
-        post([code](mosqpp::mosquittopp& object) { object.on_connect(*code); });
-        if (*code != 0) {
-            loseConnection(MOSQ_ERR_CONN_REFUSED);
-        }
+    if (call.operation == Operation::CONNECT || call.operation == Operation::RECONNECT) {
+        connect();
+    } else if (call.operation == Operation::DISCONNECT) {
+        loseConnection(0);
+    } else if (call.operation == Operation::PUBLISH && acknowledging) {
+        post([mid = call.mid](mosqpp::mosquittopp& object) { object.on_publish(mid); });
+    } else if (call.operation == Operation::UNSUBSCRIBE && acknowledging) {
+        post([mid = call.mid](mosqpp::mosquittopp& object) { object.on_unsubscribe(mid); });
     }
     return 0;
 }
 
-void StandIn::acknowledge(Call const& call) {
-    if (!locked([&] { return acknowledging_; })) {
-        return;
+void StandIn::connect() {
+    std::optional<int> const code = state_.change([](State& state) {
+        state.connected = true;
+        return state.connack;
+    });
+    if (code) {
+        post([code](mosqpp::mosquittopp& object) { object.on_connect(*code); });
     }
-    if (call.operation == Operation::PUBLISH) {
-        post([mid = call.mid](mosqpp::mosquittopp& object) { object.on_publish(mid); });
-    } else if (call.operation == Operation::UNSUBSCRIBE) {
-        post([mid = call.mid](mosqpp::mosquittopp& object) { object.on_unsubscribe(mid); });
+    if (code.value_or(0) != 0) {
+        loseConnection(MOSQ_ERR_CONN_REFUSED);
     }
 }
 
@@ -245,19 +228,25 @@ int StandIn::loop(int timeoutMilliseconds) {
     if (std::optional<int> const result = scripted(call)) {
         return *result;
     }
-    std::unique_lock<std::mutex> lock(mutex_);
-    auto const something = [this] {
-        return !connected_ || !steps_.empty() || !answers_[Operation::LOOP].empty();
+    auto const something = [](State const& state) {
+        auto const answers = state.answers.find(Operation::LOOP);
+        return !state.connected || !state.steps.empty()
+               || (answers != state.answers.end() && !answers->second.empty());
     };
-    changed_.wait_for(lock, std::chrono::milliseconds(timeoutMilliseconds), something);
-    if (steps_.empty()) {
-        return connected_ ? 0 : MOSQ_ERR_NO_CONN;
-    }
-    Step const step = std::move(steps_.front());
-    steps_.pop_front();
-    mosqpp::mosquittopp& object = *object_;
-    lock.unlock();
-    return step(object);
+    state_.waitFor(something, std::chrono::milliseconds(timeoutMilliseconds));
+    int result = 0;
+    mosqpp::mosquittopp* object = nullptr;
+    Step const step = state_.change([&](State& state) {
+        result = state.connected ? 0 : MOSQ_ERR_NO_CONN;
+        object = state.object;
+        Step next;
+        if (!state.steps.empty()) {
+            next = std::move(state.steps.front());
+            state.steps.pop_front();
+        }
+        return next;
+    });
+    return step ? step(*object) : result;
 }
 
 } // namespace support

@@ -4,7 +4,6 @@
 
 #include <mosquittopp.h>
 
-#include <algorithm>
 #include <atomic>
 #include <deque>
 #include <functional>
@@ -29,11 +28,12 @@ namespace support {
 /// to see what happens then.
 class StandIn {
 public:
+    /// LOOP is scripted like the others, but not kept among the calls.
     enum class Operation {
         CONNECT,
         RECONNECT,
         DISCONNECT,
-        LOOP, ///< scripted like the others, but not kept among the calls
+        LOOP,
         PUBLISH,
         SUBSCRIBE,
         UNSUBSCRIBE,
@@ -86,16 +86,16 @@ public:
     void setHook(Operation operation, Hook hook);
     /// The code with which the network step reports a connection; nullopt: the test reports it.
     void setConnack(std::optional<int> code) {
-        locked([&] { connack_ = code; });
+        state_.change([&](State& state) { state.connack = code; });
     }
     /// Whether publications and unsubscriptions are acknowledged without the test's doing.
     void setAcknowledging(bool acknowledging) {
-        locked([&] { acknowledging_ = acknowledging; });
+        state_.change([&](State& state) { state.acknowledging = acknowledging; });
     }
     /// The message id of the next call; they count up from there. The library's begin again at 1
     /// after 65,535.
     void setNextMid(int mid) {
-        locked([&] { lastMid_ = mid - 1; });
+        state_.change([&](State& state) { state.lastMid = mid - 1; });
     }
 
     // What happens in the network step, one thing per step, in order.
@@ -109,19 +109,14 @@ public:
 
     // What was called.
     std::vector<Call> calls() const { return calls_.copy(); }
-    std::vector<Call> calls(Operation operation) const {
-        std::vector<Call> all = calls();
-        auto const other = [&](Call const& call) { return call.operation != operation; };
-        all.erase(std::remove_if(all.begin(), all.end(), other), all.end());
-        return all;
-    }
+    std::vector<Call> calls(Operation operation) const;
     std::size_t count(Operation operation) const { return calls(operation).size(); }
     bool waitForCalls(Operation operation, std::size_t count,
                       std::chrono::milliseconds deadline = DEADLINE) const;
     /// Network steps begun so far.
     std::size_t loops() const { return loops_; }
     bool connected() const {
-        return locked([&] { return connected_; });
+        return state_.read([](State const& state) { return state.connected; });
     }
     /// How often the library as a whole had been initialised when this object was made.
     int initialisations() const { return initialisations_; }
@@ -129,43 +124,39 @@ public:
     bool cleanSession() const { return cleanSession_; }
     /// Whether the object of the library's class is destroyed.
     bool destroyed() const {
-        return locked([&] { return object_ == nullptr; });
+        return state_.read([](State const& state) { return state.object == nullptr; });
     }
 
-private:
-    friend class mosqpp::mosquittopp;
-    using Step = std::function<int(mosqpp::mosquittopp&)>;
-
-    StandIn(mosqpp::mosquittopp& object, std::string clientId, bool cleanSession);
-    template <class Action>
-    auto locked(Action const& action) const -> decltype(action()) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return action();
-    }
+    // For the library's class.
     static StandIn* make(mosqpp::mosquittopp& object, char const* clientId, bool cleanSession);
     void detach();
+    int run(Call call, int* mid);
+    int loop(int timeoutMilliseconds);
 
-    int run(Call call, int* mid = nullptr);
+private:
+    using Step = std::function<int(mosqpp::mosquittopp&)>;
+
+    struct State {
+        mosqpp::mosquittopp* object = nullptr;
+        bool connected = false;
+        std::optional<int> connack = 0;
+        bool acknowledging = true;
+        int lastMid = 0;
+        std::map<Operation, std::deque<int>> answers;
+        std::map<Operation, Hook> hooks;
+        std::deque<Step> steps;
+    };
+
+    StandIn(mosqpp::mosquittopp& object, std::string clientId, bool cleanSession);
     std::optional<int> scripted(Call const& call);
     int builtIn(Call const& call);
-    int connect();
-    int loop(int timeoutMilliseconds);
+    void connect();
     void postStep(Step step);
-    void acknowledge(Call const& call);
 
     std::string const clientId_;
     bool const cleanSession_;
     int const initialisations_;
-    mutable std::mutex mutex_; ///< guards what follows, up to the calls
-    std::condition_variable changed_;
-    mosqpp::mosquittopp* object_;
-    bool connected_ = false;
-    std::optional<int> connack_ = 0;
-    bool acknowledging_ = true;
-    int lastMid_ = 0;
-    std::map<Operation, std::deque<int>> answers_;
-    std::map<Operation, Hook> hooks_;
-    std::deque<Step> steps_;
+    Watched<State> state_;
     Watched<std::vector<Call>> calls_;
     std::atomic<std::size_t> loops_{0};
 };

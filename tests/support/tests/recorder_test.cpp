@@ -9,21 +9,16 @@ namespace {
 
 using namespace std::chrono_literals;
 using conv::ComState;
-using mqtt::MqttClient;
 using support::Delivery;
-using support::MessageRecorder;
 using support::StandIn;
-using support::StateRecorder;
 using testing::ElementsAre;
-
-constexpr auto SUCCESS = MqttClient::Error::SUCCESS;
 
 TEST(AMessageRecorder, RecordsMessagesInOrderAndCallsItsHook) {
     std::vector<std::size_t> counts;
-    MessageRecorder recorder([&](auto&&...) { counts.push_back(recorder.count()); });
+    support::MessageRecorder recorder([&](auto&&...) { counts.push_back(recorder.count()); });
     auto const client = support::testClient("host", 1234);
-    ASSERT_EQ(client->subscribe("a", &recorder, 1), SUCCESS);
-    ASSERT_EQ(client->subscribe("b", &recorder, 2), SUCCESS);
+    ASSERT_EQ(client->subscribe("a", &recorder, 1), mqtt::MqttClient::Error::SUCCESS);
+    ASSERT_EQ(client->subscribe("b", &recorder, 2), mqtt::MqttClient::Error::SUCCESS);
     StandIn::last()->deliver("b", "first");
     StandIn::last()->deliver("a", "second");
     ASSERT_TRUE(recorder.waitForPayload("second"));
@@ -36,17 +31,15 @@ TEST(AMessageRecorder, RecordsMessagesInOrderAndCallsItsHook) {
 }
 
 TEST(AStateRecorder, RecordsEveryChange) {
-    StateRecorder recorder;
+    support::StateRecorder recorder;
     support::ClientOptions options;
     options.connect = false;
     auto const client = support::testClient("host", 1234, options);
     client->registerListener(&recorder);
-    EXPECT_EQ(client->connect("", -1, 20), SUCCESS);
+    ASSERT_EQ(client->connect("", -1, 20), mqtt::MqttClient::Error::SUCCESS);
     EXPECT_TRUE(recorder.waitFor(ComState::CONNECTED));
-    EXPECT_EQ(client->disconnect(20), SUCCESS);
-    EXPECT_TRUE(recorder.waitForHistory(
-        {ComState::CONNECTING, ComState::CONNECTED, ComState::DISCONNECTED}));
-    EXPECT_FALSE(recorder.waitFor(ComState::CONNECTED, 10ms));
+    EXPECT_TRUE(recorder.waitForHistory({ComState::CONNECTING, ComState::CONNECTED}));
+    EXPECT_FALSE(recorder.waitFor(ComState::DISCONNECTED, 10ms));
     EXPECT_FALSE(recorder.waitForHistory({}, 10ms));
 }
 

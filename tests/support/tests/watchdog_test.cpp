@@ -1,76 +1,76 @@
-#include "support/watchdog.hpp"
-
-#include "support/process.hpp"
-#include "support/temp_dir.hpp"
+#include "support/broker.hpp"
+#include "support/eventually.hpp"
 
 #include <gmock/gmock.h>
 
-#include <string>
+#include <csignal>
+#include <future>
+#include <iostream>
 
 namespace {
 
-using support::Process;
+using testing::AllOf;
 using testing::HasSubstr;
+using testing::Truly;
 
-/// A run of the victim program, limited to one second.
-class Victim {
-public:
-    explicit Victim(std::string const& test)
-        : process({"/bin/sh", "-c",
-                   "ZYM_TEST_LIMIT=1 TMPDIR=" + directory_.path() + " exec " + WATCHDOG_VICTIM
-                       + " --gtest_filter=" + test},
-                  directory_.file("output")) {}
+[[noreturn]] [[gnu::noinline]] void hangForEver() {
+    setenv("ZYM_TEST_LIMIT", "1", 1); // also where the environment says that there is no limit
+    support::Watchdog::limit(std::chrono::seconds(1));
+    std::promise<void> never;
+    never.get_future().wait();
+    std::abort();
+}
 
-    std::string output() const { return directory_.read("output"); }
-    /// The process of its broker; 0 while there is none.
-    int broker() const {
-        std::string const text = output();
-        auto const at = text.find("broker process ");
-        return at == std::string::npos || text.find('\n', at) == std::string::npos
-                   ? 0
-                   : std::stoi(text.substr(at + 15));
-    }
+bool isAlive(std::string const& process) {
+    std::ifstream file("/proc/" + process + "/stat");
+    std::string number, name, state;
+    file >> number >> name >> state;
+    return !state.empty() && state != "Z" && state != "X";
+}
 
-private:
-    support::TempDir directory_;
+/// Of the process whose number is at the end of the first line.
+bool brokerEnds(std::string const& output) {
+    std::string const line = output.substr(0, output.find('\n'));
+    return support::eventually([&] { return !isAlive(line.substr(line.rfind(' ') + 1)); });
+}
 
-public:
-    Process process;
+void afterStartingABroker(void (*action)()) {
+    support::Broker const broker;
+    std::cerr << "broker process " << broker.pid() << std::endl;
+    action();
+}
+
+/// Each test runs this program once more, up to the statement.
+class AWatchdog : public testing::Test {
+protected:
+    AWatchdog() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
 };
 
-TEST(AWatchdog, EndsAHungTestByNameWithItsBrokerAndPrintsTheBrokersLog) {
-    Victim victim("AVictim.HangsWithABroker");
-    ASSERT_TRUE(victim.process.waitForEnd());
-    EXPECT_NE(victim.process.status(), 0);
-    EXPECT_THAT(victim.output(), HasSubstr("AVictim.HangsWithABroker FAILED: it hangs"));
-    EXPECT_THAT(victim.output(), HasSubstr("end of its log"));
-    ASSERT_GT(victim.broker(), 0) << victim.output();
-    EXPECT_TRUE(support::eventually([&] { return !support::isAlive(victim.broker()); }));
+using AKilledTestProgram = AWatchdog;
+
+TEST_F(AWatchdog, EndsAHungTestByNameAndShowsWhereItHangs) {
+    EXPECT_DEATH(hangForEver(), AllOf(HasSubstr("AWatchdog.EndsAHungTestByNameAndShowsWhereItHangs"
+                                                " FAILED: it hangs"),
+                                      HasSubstr("hangForEver")));
 }
 
-TEST(AWatchdog, ShowsWhereTheTestHangs) {
-    Victim victim("AVictim.Hangs");
-    ASSERT_TRUE(victim.process.waitForEnd());
-    EXPECT_THAT(victim.output(), HasSubstr("hangForEver"));
+TEST_F(AWatchdog, EndsTheBrokerAndPrintsItsLog) {
+    EXPECT_DEATH(afterStartingABroker(hangForEver),
+                 AllOf(HasSubstr("end of its log"), Truly(brokerEnds)));
 }
 
-TEST(AWatchdog, NoticesAFixtureThatHangsInItsDestructor) {
-    Victim victim("AVictimThatHangsInItsDestructor.IsNoticedToo");
-    ASSERT_TRUE(victim.process.waitForEnd());
-    EXPECT_THAT(victim.output(), HasSubstr("IsNoticedToo FAILED: it hangs"));
+TEST_F(AKilledTestProgram, TakesItsBrokerAlong) {
+    EXPECT_EXIT(afterStartingABroker([] { std::raise(SIGKILL); }), testing::KilledBySignal(SIGKILL),
+                Truly(brokerEnds));
 }
 
-TEST(AWatchdog, LetsATestPassThatEndsInTime) {
-    Victim victim("AVictim.Passes");
-    ASSERT_TRUE(victim.process.waitForEnd());
-    EXPECT_EQ(victim.process.status(), 0) << victim.output();
-}
-
-TEST(AKilledTestProgram, TakesItsBrokerAlong) {
-    Victim victim("AVictim.HangsWithABroker");
-    ASSERT_TRUE(support::eventually([&] { return victim.broker() > 0; }));
-    victim.process.kill();
-    EXPECT_TRUE(support::eventually([&] { return !support::isAlive(victim.broker()); }));
+TEST(ABroker, SurvivesTheThreadThatRestartedIt) {
+    support::Broker broker;
+    std::thread([&] {
+        broker.stop();
+        broker.start();
+    }).join();
+    EXPECT_TRUE(isAlive(std::to_string(broker.pid())));
 }
 
 } // namespace

@@ -16,8 +16,8 @@ using VirtualTable = std::vector<std::string>;
 /// ask for that one.
 /// @param source C++ source that defines the class; the library's public headers can be included
 /// @param className with its namespaces
-/// @throws std::runtime_error with the compiler's messages when the source does not compile, and
-///         when there is no such class or it has no virtual table
+/// @throws std::runtime_error when the source does not compile (the compiler writes why to standard
+///         error), and when there is no such class or it has no virtual table
 std::vector<VirtualTable> virtualTables(std::string const& source, std::string const& className);
 
 } // namespace support

@@ -1,4 +1,4 @@
-#include "support/adjustable_clock.hpp"
+#include "requestreply/adjustable_clock.hpp"
 
 #include <pthread.h>
 
