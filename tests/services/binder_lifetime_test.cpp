@@ -2,10 +2,7 @@
 
 #include "requestreply/rounds.hpp"
 #include "services/binder_fixture.hpp"
-#include "support/watchdog.hpp"
-#include "support/watched.hpp"
 
-#include <atomic>
 #include <ostream>
 
 namespace {
@@ -29,7 +26,7 @@ TEST_F(ATerminatedProxy, StartsNothing) {
     EXPECT_EQ(proxy->unbindSync(LONG_TIMEOUT_S), Error::CANCELLED);
     EXPECT_TRUE(proxy->isTimeBaseSynchronized()) << "the last known time stays";
     EXPECT_TRUE(isTimeOf(server, proxy->timeBase()));
-    EXPECT_THAT(recorder.events(), ElementsAre(bound(Error::SUCCESS)));
+    EXPECT_THAT(recorder.calls(), ElementsAre(bound(Error::SUCCESS)));
     settle();
     EXPECT_EQ(requests("bind") + requests("unbind"), 1U);
 }
@@ -39,9 +36,9 @@ TEST_F(ATerminatedProxy, DoesNotCallItsListenerForWhatWasUnderWay) {
     ASSERT_EQ(proxy->bind(server.id, LONG_TIMEOUT_S), Error::SUCCESS);
     auto const request = awaitRequest("bind");
     proxy->terminate();
-    peer.publish(replyTopicFor(request.topic), replyText(idIn(request.payload), 1));
+    replyTo(request, 1);
     settle();
-    EXPECT_THAT(recorder.events(), IsEmpty());
+    EXPECT_THAT(recorder.calls(), IsEmpty());
     EXPECT_EQ(requests("timeSync"), 0U);
 
     server.serveBindings();
@@ -50,7 +47,7 @@ TEST_F(ATerminatedProxy, DoesNotCallItsListenerForWhatWasUnderWay) {
     bind();
     ASSERT_EQ(proxy->unbind(LONG_TIMEOUT_S), Error::SUCCESS);
     proxy->terminate();
-    EXPECT_THAT(recorder.events(), ElementsAre(bound(Error::SUCCESS)));
+    EXPECT_THAT(recorder.calls(), ElementsAre(bound(Error::SUCCESS)));
 }
 
 /// A thread inside a blocking operation.
@@ -82,7 +79,7 @@ protected:
         server.withdrawTime();
         blockInBinding("timeSync");
         expectEnd(Error::NOT_SYNCHRONIZED);
-        EXPECT_THAT(recorder.events(), IsEmpty());
+        EXPECT_THAT(recorder.calls(), IsEmpty());
         server.offerTime();
         server.ignoreUnbindings();
         bind();
@@ -117,7 +114,7 @@ TEST_F(ABlockedCall, InsideAListenersCallIsEndedByATermination) {
     ASSERT_TRUE(caller->isBlocked());
     proxy->terminate();
     caller->join();
-    EXPECT_EQ(recorder.events().size(), 1U) << "a terminated proxy calls no listener";
+    EXPECT_EQ(recorder.count(), 1U) << "a terminated proxy calls no listener";
 }
 
 /// The worker is inside the listener's call and destroys the proxy there, while another thread is
@@ -226,7 +223,7 @@ TEST_P(AListenerThatDestroysItsProxy, LeavesNothingBehind) {
     }
     ASSERT_TRUE(destroyed.waitFor(isSet));
     settle();
-    EXPECT_EQ(recorder.events().back(), call.event);
+    EXPECT_EQ(recorder.calls().back(), call.event);
     EXPECT_EQ(requests("unbind"), unbinds ? 1U : 0U);
     recorder.setHook({});
     proxy = makeProxy();
@@ -274,81 +271,6 @@ TEST_F(ABlockedCallThatDestroysItsProxy, IsCalledOffByAnotherThread) {
         proxy = makeProxy();
         peer.clearMessages();
     }
-}
-
-class TheEndOfAProxy : public ProxyAndServer {};
-
-/// Called on the worker or by an unbinding that calls the binding off.
-TEST_F(TheEndOfAProxy, WaitsForItsListener) {
-    for (bool const unbinds : {false, true}) {
-        SCOPED_TRACE(unbinds);
-        if (unbinds) {
-            server.ignoreBindings();
-        }
-        support::Watched<bool> entered;
-        support::Watched<bool> mayLeave;
-        std::atomic<bool> left{false};
-        recorder.setHook([&](auto const&) {
-            set(entered);
-            mayLeave.waitFor(isSet);
-            left = true;
-        });
-        auto* const asked = proxy.get();
-        ASSERT_EQ(asked->bind(server.id, LONG_TIMEOUT_S), Error::SUCCESS);
-        BlockingThread unbinding([&] {
-            if (unbinds) {
-                EXPECT_THAT(asked->unbind(LONG_TIMEOUT_S), AnyOf(Error::SUCCESS, Error::CANCELLED));
-            }
-        });
-        ASSERT_TRUE(entered.waitFor(isSet));
-        BlockingThread destruction([&] {
-            proxy.reset();
-            EXPECT_TRUE(left);
-        });
-        ASSERT_TRUE(destruction.isBlocked());
-        set(mayLeave);
-        destruction.join();
-        unbinding.join();
-        EXPECT_EQ(recorder.events().back(), bound(unbinds ? Error::CANCELLED : Error::SUCCESS));
-        proxy = makeProxy();
-    }
-}
-
-class ASharedProxy : public ProxyAndServer {};
-
-TEST_F(ASharedProxy, IsUsableAfterSeveralThreadsInManyRounds) {
-    support::Watchdog::limit(std::chrono::seconds(240));
-    std::atomic<bool> stop{false};
-    std::vector<std::thread> threads;
-    auto const repeat = [&](std::function<void()> const& call) {
-        threads.emplace_back([&stop, call] {
-            while (!stop) {
-                call();
-            }
-        });
-    };
-    repeat([&] {
-        static_cast<void>(proxy->timeBase());
-        static_cast<void>(proxy->isTimeBaseSynchronized());
-        proxy->forceTimeBaseSync();
-        std::this_thread::yield();
-    });
-    repeat([&] { static_cast<void>(proxy->bindSync(server.id, 1)); });
-    repeat([&] { static_cast<void>(proxy->unbind(1)); });
-    int const count = rounds(50);
-    for (int round = 0; round < count; ++round) {
-        static_cast<void>(proxy->bind(server.id, 1));
-        static_cast<void>(proxy->unbindSync(1));
-    }
-    stop = true;
-    // A thread may wait up to 30 seconds for the time.
-    proxy->terminate();
-    for (auto& thread : threads) {
-        thread.join();
-    }
-    proxy = makeProxy();
-    bind();
-    expectBound();
 }
 
 } // namespace

@@ -16,7 +16,7 @@ TEST_F(ABinding, DoesNotExistAtFirst) {
     proxy->forceTimeBaseSync();
     settle();
     EXPECT_EQ(requests("timeSync"), 0U);
-    EXPECT_THAT(recorder.events(), IsEmpty());
+    EXPECT_THAT(recorder.calls(), IsEmpty());
 }
 
 TEST_F(ABinding, ExistsWhenBindSyncReturns) {
@@ -28,7 +28,7 @@ TEST_F(ABinding, ExistsWhenBindSyncReturns) {
         return nullptr;
     });
     EXPECT_EQ(proxy->bindSync(server.id, LONG_TIMEOUT_S), Error::SUCCESS);
-    EXPECT_THAT(recorder.events(), ElementsAre(bound(Error::SUCCESS)));
+    EXPECT_THAT(recorder.calls(), ElementsAre(bound(Error::SUCCESS)));
     EXPECT_EQ(recorder.lastThread(), std::this_thread::get_id());
     EXPECT_TRUE(isTimeOf(server, proxy->timeBase()));
     expectBound();
@@ -50,7 +50,7 @@ TEST_F(ABinding, ExistsWhenTheListenerIsCalled) {
     expectBound();
     EXPECT_TRUE(synchronized.waitFor([](bool value) { return value; }));
     EXPECT_TRUE(isTimeOf(server, proxy->timeBase()));
-    EXPECT_THAT(recorder.events(), ElementsAre(bound(Error::SUCCESS)));
+    EXPECT_THAT(recorder.calls(), ElementsAre(bound(Error::SUCCESS)));
     EXPECT_NE(recorder.lastThread(), std::this_thread::get_id());
 }
 
@@ -76,12 +76,12 @@ TEST_F(ABinding, LastsUntilTheServersTimeIsKnown) {
     server.withdrawTime();
     EXPECT_EQ(proxy->bind(server.id, LONG_TIMEOUT_S), Error::SUCCESS);
     awaitRequest("timeSync");
-    EXPECT_THAT(recorder.events(), IsEmpty());
+    EXPECT_THAT(recorder.calls(), IsEmpty());
     EXPECT_EQ(proxy->bind(server.id, LONG_TIMEOUT_S), Error::BUSY);
     EXPECT_FALSE(proxy->isTimeBaseSynchronized());
     server.offerTime(); // the proxy repeats its request
     ASSERT_TRUE(recorder.waitForCount(1));
-    EXPECT_THAT(recorder.events(), ElementsAre(bound(Error::SUCCESS)));
+    EXPECT_THAT(recorder.calls(), ElementsAre(bound(Error::SUCCESS)));
     expectBound();
 }
 
@@ -92,7 +92,7 @@ TEST_F(ABinding, RefusesAnotherOneMeanwhile) {
     EXPECT_EQ(proxy->bindSync(server.id, LONG_TIMEOUT_S), Error::BUSY);
     settle();
     EXPECT_EQ(requests("bind"), 1U);
-    EXPECT_THAT(recorder.events(), IsEmpty());
+    EXPECT_THAT(recorder.calls(), IsEmpty());
 }
 
 TEST_F(ABinding, MayFollowFromInsideTheListener) {
@@ -107,7 +107,7 @@ TEST_F(ABinding, MayFollowFromInsideTheListener) {
     EXPECT_EQ(proxy->bind(server.id, LONG_TIMEOUT_S), Error::SUCCESS);
     ASSERT_TRUE(recorder.waitForCount(5));
     expectBound();
-    EXPECT_THAT(recorder.events(),
+    EXPECT_THAT(recorder.calls(),
                 ElementsAre(bound(Error::SUCCESS), unbound(Error::SUCCESS), bound(Error::SUCCESS),
                             unbound(Error::SUCCESS), bound(Error::SUCCESS)));
 }
@@ -122,7 +122,7 @@ protected:
         EXPECT_EQ(proxy->bind(server.id, timeout), Error::SUCCESS);
         ASSERT_TRUE(recorder.waitForCount(before + 2));
         expectUnbound();
-        auto const events = recorder.events();
+        auto const events = recorder.calls();
         EXPECT_EQ(events.size(), before + 2);
         EXPECT_EQ(events[before], bound(error));
         EXPECT_EQ(events[before + 1], bound(error));
@@ -159,7 +159,7 @@ TEST_F(ABindingThatFails, EndsWithBusyWhenItsRequestCannotBeSent) {
         EXPECT_EQ(blocking ? derived.bindSync(server.id, LONG_TIMEOUT_S)
                            : derived.bind(server.id, LONG_TIMEOUT_S),
                   Error::BUSY);
-        EXPECT_THAT(own.events(), ElementsAre(bound(Error::FAILED), bound(Error::BUSY)));
+        EXPECT_THAT(own.calls(), ElementsAre(bound(Error::FAILED), bound(Error::BUSY)));
         EXPECT_EQ(derived.unbind(LONG_TIMEOUT_S), Error::NOT_BOUND);
         EXPECT_EQ(derived.bindSync(server.id, 0), Error::TIMEOUT);
     }
@@ -186,7 +186,7 @@ TEST_F(TheTimeOfAServer, IsReadAnewWhenForced) {
 }
 
 TEST_F(TheTimeOfAServer, IsThatOfTheServerBoundTo) {
-    BindingServer other(broker, support::uniqueId(), 1000000);
+    BindingServer other(broker, 1000000);
     bind();
     EXPECT_TRUE(isTimeOf(server, proxy->timeBase()));
     EXPECT_EQ(proxy->unbindSync(LONG_TIMEOUT_S), Error::SUCCESS);
@@ -239,7 +239,7 @@ TEST_F(ABrokerThatRestarts, ChangesNothingForABinding) {
     server.settle();
     EXPECT_TRUE(proxy->isTimeBaseSynchronized());
     EXPECT_TRUE(isTimeOf(server, proxy->timeBase()));
-    EXPECT_THAT(recorder.events(), ElementsAre(bound(Error::SUCCESS)));
+    EXPECT_THAT(recorder.calls(), ElementsAre(bound(Error::SUCCESS)));
     expectBound();
     EXPECT_EQ(proxy->unbindSync(LONG_TIMEOUT_S), Error::SUCCESS);
     expectUnbound();

@@ -1,6 +1,5 @@
 // Waiting for the time, and what ends the wait.
 
-#include "requestreply/blocking_thread.hpp"
 #include "requestreply/rounds.hpp"
 #include "services/time_base_fixture.hpp"
 #include "support/manual_timer.hpp"
@@ -49,7 +48,7 @@ protected:
         auto const next = requestCount() + 1;
         ASSERT_TRUE(proxy->startSync(server));
         answerAll(next, SAMPLES, 5.0);
-        EXPECT_TRUE(listener.waitForCalls());
+        EXPECT_TRUE(listener.waitForCount(1));
     }
 };
 
@@ -64,7 +63,7 @@ TEST_F(AWaitForTheTime, EndsWhenItIsKnownWithoutACallOfTheListener) {
     EXPECT_TRUE(proxy->isSynchronized());
     EXPECT_DOUBLE_EQ(proxy->offset(), 5.0);
     receiveAll();
-    EXPECT_EQ(listener.count(), 0);
+    EXPECT_EQ(listener.count(), 0U);
     EXPECT_EQ(record(0).period, std::chrono::seconds(30));
     EXPECT_TRUE(record(0).armed);
 }
@@ -118,9 +117,9 @@ TEST_F(AWaitForTheTime, IsEndedByAStopATerminationAndADestruction) {
 }
 
 TEST_F(AWaitForTheTime, DoesNotStopTheNextRunInManyRounds) {
-    int const count = rounds(5);
+    auto const count = static_cast<std::size_t>(rounds(5));
     std::size_t n = 1;
-    for (int round = 1; round <= count; ++round) {
+    for (std::size_t round = 1; round <= count; ++round) {
         Wait wait(*proxy, support::uniqueId());
         request(n);
         ASSERT_TRUE(wait.isBlocked());
@@ -128,7 +127,7 @@ TEST_F(AWaitForTheTime, DoesNotStopTheNextRunInManyRounds) {
         ASSERT_TRUE(proxy->startSync(server));
         EXPECT_FALSE(wait.result());
         answerAll(n + 1, SAMPLES, 5.0);
-        ASSERT_TRUE(listener.waitForCalls(round));
+        ASSERT_TRUE(listener.waitForCount(round));
         EXPECT_EQ(proxy->serverUuid(), server);
         proxy->stop();
         n = requestCount() + 1;
