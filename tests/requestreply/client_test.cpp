@@ -131,15 +131,6 @@ TEST_F(ARequestReplyClient, IgnoresWhatIsNoReplyAndTheSecondReply) {
     EXPECT_EQ(client->waitEndOfRequest(LONG_TIMEOUT_S), SERVICE_ERROR);
 }
 
-TEST_F(ARequestReplyClient, PassesOnAReplyWhosePayloadCannotBeRead) {
-    replyData->number = 5;
-    ASSERT_EQ(request(), Code::PENDING);
-    reply(200, "\"number\": \"\\ud800\"");
-    ASSERT_TRUE(recorder.waitForCount(1));
-    EXPECT_THAT(recorder.errors(), ElementsAre(Code{200}));
-    EXPECT_EQ(replyData->number, 5U);
-}
-
 TEST_F(ARequestReplyClient, NeedsNeitherListenerNorPayloads) {
     replyData = nullptr;
     ASSERT_EQ(requestFor(nullptr), Code::PENDING);
@@ -251,7 +242,7 @@ protected:
 };
 
 TEST_F(AServedClient, GetsTheReplyOfTheServer) {
-    for (int const number : {1, 2, 8, 17, 255}) {
+    for (int const number : {0, 1, 3, 7, 17, 255}) {
         code = static_cast<Code>(number);
         EXPECT_EQ(requestWait(), code.load());
         EXPECT_EQ(replyData->number, 8U);
@@ -259,6 +250,9 @@ TEST_F(AServedClient, GetsTheReplyOfTheServer) {
     ASSERT_EQ(request(), Code::PENDING);
     ASSERT_TRUE(recorder.waitForCount(1));
     EXPECT_EQ(recorder.calls()[0].error, code.load());
+    for (auto const& call : listener.calls()) {
+        EXPECT_EQ(call.error, Code::SUCCESS) << "whatever the error of the last reply was";
+    }
 }
 
 TEST_F(AServedClient, SendsWhatWasRequestedWithoutAConnectionOnTheNextOne) {

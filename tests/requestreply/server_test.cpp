@@ -1,7 +1,6 @@
 #include "requestreply/server_fixture.hpp"
 #include "support/scripted_server.hpp"
 
-#include <atomic>
 #include <stdexcept>
 
 namespace {
@@ -92,33 +91,6 @@ TEST_F(AServer, WithoutARequestObjectHandsOutTheEmptyPayload) {
     EXPECT_EQ(listener.count(), 1U);
 }
 
-TEST_F(AServer, SendsThePayloadThatItsListenerReturns) {
-    listener.setAnswer([](auto const& data, auto&) {
-        auto const number = dynamic_cast<NumberData const&>(data).number;
-        return std::make_shared<NumberData>(number + 1);
-    });
-    auto const server = serve(&listener, std::make_shared<NumberData>());
-    request(R"({"number": 5, "$reqId": 4294967295})");
-    EXPECT_THAT(replyPayloads(),
-                ElementsAre("{\n  \"$reqId\": 4294967295,\n  \"$err\": 1,\n  \"number\": 6\n}"));
-}
-
-TEST_F(AServer, SendsEveryErrorUnchangedAndStartsTheNextRequestWithSuccess) {
-    auto const server = serve(&listener);
-    Strings expected;
-    for (int const code : {0, 3, 7, 17, 255}) {
-        listener.setAnswer([code](auto const&, auto& error) -> Data {
-            EXPECT_EQ(error, Code::SUCCESS);
-            error = static_cast<Code>(code);
-            return mqtt::NO_DATA;
-        });
-        request(1);
-        settle();
-        expected.push_back(reply(1, code));
-    }
-    EXPECT_EQ(replyPayloads(), expected);
-}
-
 TEST_F(AServer, WithoutAListenerRepliesNoListener) {
     auto const server = serve(nullptr, std::make_shared<NumberData>());
     request("");
@@ -138,9 +110,7 @@ TEST_F(AServer, IgnoresAnEmptyPayload) {
 TEST_F(AServer, IgnoresWhatIsNoRequest) {
     auto const data = std::make_shared<TextData>("kept");
     auto const server = serve(&listener, data);
-    for (char const* const payload :
-         {"[]", "42", R"({"text": "a"})", R"({"$reqId": 1})", R"({"$reqId": 1, "text": 5})",
-          R"({"$reqId": 1, "text": "\ud800"})", R"({"$reqId": 1, "text": "a")"}) {
+    for (auto const* const payload : {"[]", R"({"text": "a"})", R"({"$reqId": 1})"}) {
         request(payload);
     }
     for (char const* const client :

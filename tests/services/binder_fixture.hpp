@@ -197,7 +197,6 @@ public:
 
     /// Whether a known time ends the binding, as in the base class.
     void setEndsBinding(bool ends) { endsBinding_ = ends; }
-    int synchronizations() const { return synchronizations_.copy(); }
     bool waitForSynchronizations(int count) const {
         return synchronizations_.waitFor([&](int times) { return times >= count; });
     }

@@ -170,82 +170,78 @@ TEST_F(AWorkerThatDestroysAProxy, EndsTheWaitsForTheServerAndOfATermination) {
     terminating.join();
 }
 
-/// What leads to a call of the listener, which destroys the proxy.
-struct LastCall {
-    char const* name;
-    int bindingCode;   ///< -1: no answer
-    int unbindingCode; ///< -1: no answer
-    bool callsOff;     ///< an unbinding, before the binding has ended
-    BindingEvent event;
-};
-
-void PrintTo(LastCall const& call, std::ostream* out) {
-    *out << call.name;
-}
-
-/// The operation either waits or does not.
-class AListenerThatDestroysItsProxy
-    : public ProxyAndServer,
-      public testing::WithParamInterface<std::tuple<LastCall, bool>> {
+class AListenerThatDestroysItsProxy : public ProxyAndServer {
 protected:
-    AListenerThatDestroysItsProxy() {
-        recorder.setHook([this](BindingEvent const& event) {
-            if (event.first == std::get<0>(GetParam()).event.first) {
+    /// What leads to a call of the listener.
+    struct LastCall {
+        char const* name;
+        int bindingCode;   ///< -1: no answer
+        int unbindingCode; ///< -1: no answer
+        bool callsOff;     ///< an unbinding, before the binding has ended
+        BindingEvent event;
+
+        bool unbinds() const { return event.first == "unbound"; }
+    };
+
+    void destroyIn(BindingEvent const& last) {
+        recorder.setHook([this, name = last.first](BindingEvent const& event) {
+            if (event.first == name) {
                 proxy.reset();
                 set(destroyed);
             }
         });
     }
 
+    /// @param waits whether the operations wait, so that they call the listener
+    void makeLastCall(LastCall const& call, bool waits) {
+        auto* const asked = proxy.get(); // still set when the listener has reset `proxy`
+        conv::SecondsDuration const timeout = call.bindingCode < 0 && !call.callsOff ? 0 : 3600;
+        if (call.unbinds()) {
+            ASSERT_EQ(asked->bindSync(server.id, timeout), Error::SUCCESS);
+        } else if (waits && !call.callsOff) {
+            EXPECT_EQ(asked->bindSync(server.id, timeout), call.event.second);
+        } else {
+            ASSERT_EQ(asked->bind(server.id, timeout), Error::SUCCESS);
+        }
+        if (call.unbinds() || call.callsOff) {
+            auto const error = waits ? asked->unbindSync(timeout) : asked->unbind(timeout);
+            EXPECT_EQ(error, waits || call.callsOff ? call.event.second : Error::SUCCESS);
+        }
+        ASSERT_TRUE(destroyed.waitFor(isSet));
+    }
+
     support::Watched<bool> destroyed;
-    Proxy* asked = proxy.get(); ///< still set when the listener has reset `proxy`
 };
 
-TEST_P(AListenerThatDestroysItsProxy, LeavesNothingBehind) {
-    auto const& [call, waits] = GetParam();
-    conv::SecondsDuration const timeout = call.bindingCode < 0 && !call.callsOff ? 0 : 3600;
-    if (call.bindingCode < 0) {
-        server.ignoreBindings();
+TEST_F(AListenerThatDestroysItsProxy, LeavesNothingBehind) {
+    for (auto const& call : {LastCall{"bound", 1, 1, false, bound(Error::SUCCESS)},
+                             LastCall{"refused", 23, 1, false, bound(Error::REFUSED)},
+                             LastCall{"without an answer", -1, 1, false, bound(Error::TIMEOUT)},
+                             LastCall{"called off", -1, 1, true, bound(Error::CANCELLED)},
+                             LastCall{"unbound", 1, 1, false, unbound(Error::SUCCESS)},
+                             LastCall{"still bound", 1, 6, false, unbound(Error::BUSY)}}) {
+        for (bool const waits : {false, true}) {
+            SCOPED_TRACE(call.name + std::string(waits ? ", in a call that waits" : ""));
+            server.ignoreBindings();
+            if (call.bindingCode >= 0) {
+                server.serveBindings();
+            }
+            server.bindings.setAnswer(replying(call.bindingCode));
+            server.unbindings.setAnswer(replying(call.unbindingCode));
+            destroyed.change([](bool& value) { value = false; });
+            destroyIn(call.event);
+            makeLastCall(call, waits);
+            settle();
+            EXPECT_EQ(recorder.calls().back(), call.event);
+            EXPECT_EQ(requests("unbind"), call.unbinds() ? 1U : 0U);
+            recorder.setHook({});
+            peer.clearMessages();
+            proxy = makeProxy();
+        }
     }
-    server.bindings.setAnswer(replying(call.bindingCode));
-    server.unbindings.setAnswer(replying(call.unbindingCode));
-    bool const unbinds = call.event.first == "unbound";
-    if (unbinds) {
-        ASSERT_EQ(asked->bindSync(server.id, timeout), Error::SUCCESS);
-    } else if (waits && !call.callsOff) {
-        EXPECT_EQ(asked->bindSync(server.id, timeout), call.event.second);
-    } else {
-        ASSERT_EQ(asked->bind(server.id, timeout), Error::SUCCESS);
-    }
-    if (unbinds || call.callsOff) {
-        auto const error = waits ? asked->unbindSync(timeout) : asked->unbind(timeout);
-        EXPECT_EQ(error, waits || call.callsOff ? call.event.second : Error::SUCCESS);
-    }
-    ASSERT_TRUE(destroyed.waitFor(isSet));
-    settle();
-    EXPECT_EQ(recorder.calls().back(), call.event);
-    EXPECT_EQ(requests("unbind"), unbinds ? 1U : 0U);
-    recorder.setHook({});
-    proxy = makeProxy();
     server.bindings.setAnswer({});
-    server.serveBindings();
-    EXPECT_EQ(proxy->bindSync(server.id, LONG_TIMEOUT_S), Error::SUCCESS);
+    bind();
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Of, AListenerThatDestroysItsProxy,
-    testing::Combine(testing::Values(LastCall{"Bound", 1, 1, false, bound(Error::SUCCESS)},
-                                     LastCall{"Refused", 23, 1, false, bound(Error::REFUSED)},
-                                     LastCall{"WithoutAnAnswer", -1, 1, false,
-                                              bound(Error::TIMEOUT)},
-                                     LastCall{"CalledOff", -1, 1, true, bound(Error::CANCELLED)},
-                                     LastCall{"Unbound", 1, 1, false, unbound(Error::SUCCESS)},
-                                     LastCall{"StillBound", 1, 6, false, unbound(Error::BUSY)}),
-                     testing::Bool()),
-    [](auto const& instance) {
-        return std::get<0>(instance.param).name
-               + std::string(std::get<1>(instance.param) ? "InACallThatWaits" : "");
-    });
 
 class ABlockedCallThatDestroysItsProxy : public ABlockedCall {};
 

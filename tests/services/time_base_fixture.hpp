@@ -14,58 +14,24 @@
 #include <string>
 #include <thread>
 
-/// The clock of a derived class, set by the test. No thread may read it after the class has
-/// released its base.
-class DerivedClock {
-public:
-    using Read = std::function<double()>;
-
-    explicit DerivedClock(Read read) : read_(std::move(read)) {}
-
-    double seconds() const {
-        Reading const reading(readers_);
-        return read_();
-    }
-    void expectNoReader() const { EXPECT_EQ(readers_, 0) << "while its owner is destroyed"; }
-
-private:
-    /// Also when the clock throws.
-    class Reading {
-    public:
-        explicit Reading(std::atomic<int>& readers) : readers_(readers) { ++readers_; }
-        ~Reading() { --readers_; }
-        Reading(Reading const&) = delete;
-        Reading& operator=(Reading const&) = delete;
-
-    private:
-        std::atomic<int>& readers_;
-    };
-
-    Read read_;
-    mutable std::atomic<int> readers_{0};
-};
-
 /// A proxy that reads the test's clock.
 class ClockedProxy : public mqtt::SynchronizedTimeBaseMqttProxy {
 public:
     using Listener = zym::common::SynchronizedTimeBaseProxy::Listener;
 
     ClockedProxy(mqtt::MqttClient& client, mqtt::Topic const& topic, zym::common::Uuid const& id,
-                 Listener* listener, DerivedClock::Read clock)
+                 Listener* listener, std::function<double()> clock)
         : zym::common::SynchronizedTimeBaseProxy(id, listener),
           mqtt::SynchronizedTimeBaseMqttProxy(client, topic, id, listener),
           clock_(std::move(clock)) {}
-    ~ClockedProxy() override {
-        release();
-        clock_.expectNoReader();
-    }
+    ~ClockedProxy() override { release(); }
 
-    double localTimeBase() const override { return clock_.seconds(); }
+    double localTimeBase() const override { return clock_(); }
 
     using zym::common::SynchronizedTimeBaseProxy::serverUuid;
 
 private:
-    DerivedClock clock_;
+    std::function<double()> const clock_;
 };
 
 /// A listener that keeps the threads that call it.
@@ -100,6 +66,12 @@ protected:
 
     /// The n-th request, counted from 1, waiting for it.
     support::Message request(std::size_t n) const { return awaitMessage("?\?/", n); }
+
+    void expectIdle() const {
+        EXPECT_FALSE(proxy->isSynchronized());
+        EXPECT_EQ(proxy->serverUuid(), Uuid::NIL);
+        EXPECT_EQ(proxy->offset(), 0.0);
+    }
 
     /// How many requests were sent up to now.
     std::size_t requestCount() { return messagesWith(seen(), "?\?/").size(); }

@@ -53,7 +53,7 @@ TEST(ACheckOnABroker, FindsCleanTopicsRetainedMessagesAndLinks) {
     support::RawPeer peer{"localhost", PORT};
     peer.publish("a/b", "not retained");
     peer.publish("stale/topic", "x", 2, true);
-    peer.publish("links", linksText({"a/b", "c"}), 2, true);
+    peer.publish("links", listOf({"a/b", "c"}), 2, true);
 
     TestCounter counter;
     CheckResult const clean([&] { mqtt::testTopicClean("a/b", counter); });
