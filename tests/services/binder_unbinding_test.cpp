@@ -1,6 +1,7 @@
 // Unbindings, which also call off a binding under way, on a real broker.
 
 #include "services/binder_fixture.hpp"
+
 namespace {
 
 using testing::ElementsAre;
@@ -8,7 +9,15 @@ using testing::UnorderedElementsAre;
 
 using Error = BinderError;
 
-class AnUnbinding : public ProxyAndServer {};
+class AnUnbinding : public ProxyAndServer {
+protected:
+    void expectOver(std::size_t events) {
+        ASSERT_TRUE(recorder.waitForCount(events));
+        EXPECT_EQ(recorder.count(), events);
+        EXPECT_EQ(recorder.calls().back(), unbound(Error::SUCCESS));
+        expectUnbound();
+    }
+};
 
 TEST_F(AnUnbinding, IsOverWhenUnbindSyncReturns) {
     bind();
@@ -54,24 +63,21 @@ TEST_F(AnUnbinding, FailsOnlyWithABusyServerOrNone) {
                                                                         {17, Error::SUCCESS},
                                                                         {22, Error::SUCCESS},
                                                                         {255, Error::SUCCESS}}) {
-        SCOPED_TRACE(code);
-        bool const fails = error != Error::SUCCESS;
-        bind();
-        server.unbindings.setAnswer(replying(code));
-        EXPECT_EQ(proxy->unbindSync(LONG_TIMEOUT_S), error);
-        EXPECT_EQ(recorder.calls().back(), unbound(error));
-        fails ? expectBound() : expectUnbound();
-        if (!fails) {
+        for (bool const waits : {true, false}) {
+            SCOPED_TRACE(code);
             bind();
-        }
-        auto const before = recorder.count();
-        EXPECT_EQ(proxy->unbind(LONG_TIMEOUT_S), Error::SUCCESS);
-        ASSERT_TRUE(recorder.waitForCount(before + 1));
-        EXPECT_EQ(recorder.calls().back(), unbound(error));
-        fails ? expectBound() : expectUnbound();
-        if (fails) {
-            server.unbindings.setAnswer({});
-            EXPECT_EQ(proxy->unbindSync(LONG_TIMEOUT_S), Error::SUCCESS);
+            server.unbindings.setAnswer(replying(code));
+            auto const before = recorder.count();
+            EXPECT_EQ(waits ? proxy->unbindSync(LONG_TIMEOUT_S) : proxy->unbind(LONG_TIMEOUT_S),
+                      waits ? error : Error::SUCCESS);
+            ASSERT_TRUE(recorder.waitForCount(before + 1));
+            EXPECT_EQ(recorder.calls().back(), unbound(error));
+            if (error != Error::SUCCESS) {
+                expectBound();
+                server.unbindings.setAnswer({});
+                EXPECT_EQ(proxy->unbindSync(LONG_TIMEOUT_S), Error::SUCCESS);
+            }
+            expectUnbound();
         }
     }
 }
@@ -81,28 +87,22 @@ TEST_F(AnUnbinding, IsOverWithoutAnAnswerOrWhenItIsCancelled) {
     proxy->cancelUnbinding(); // there is none yet
     bind();
     EXPECT_EQ(proxy->unbindSync(0), Error::SUCCESS);
-    expectUnbound();
+    expectOver(2);
     bind();
     EXPECT_EQ(proxy->unbind(0), Error::SUCCESS);
-    ASSERT_TRUE(recorder.waitForCount(4));
-    EXPECT_EQ(recorder.calls().back(), unbound(Error::SUCCESS));
-    expectUnbound();
+    expectOver(4);
     bind();
     EXPECT_EQ(proxy->unbind(NO_TIME_LIMIT), Error::SUCCESS);
     proxy->cancelUnbinding();
-    EXPECT_EQ(recorder.count(), 6U);
-    EXPECT_EQ(recorder.calls().back(), unbound(Error::SUCCESS));
     EXPECT_EQ(recorder.lastThread(), std::this_thread::get_id());
-    expectUnbound();
+    expectOver(6);
     bind();
-    expectBound();
     BlockingThread caller([&] { EXPECT_EQ(proxy->unbindSync(NO_TIME_LIMIT), Error::SUCCESS); });
     awaitRequest("unbind", 4);
     ASSERT_TRUE(caller.isBlocked());
     proxy->cancelUnbinding();
     caller.join();
-    EXPECT_EQ(recorder.calls().back(), unbound(Error::SUCCESS));
-    expectUnbound();
+    expectOver(8);
 }
 
 /// A binding under way is called off by an unbinding.

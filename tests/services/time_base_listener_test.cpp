@@ -45,21 +45,13 @@ TEST_F(InsideTheCallOfATimeListener, TheProxyMayBeStoppedAndTerminated) {
 TEST_F(InsideTheCallOfATimeListener, TheProxyMayBeStartedAnew) {
     inside([&] {
         EXPECT_FALSE(proxy->startSync(server));
+        EXPECT_FALSE(proxy->synchronize(server, LONG_TIMEOUT_S)) << "it is active";
         EXPECT_TRUE(proxy->stop());
         EXPECT_TRUE(proxy->startSync(support::uniqueId()));
     });
     answerAll(11, SAMPLES, 7.0);
     ASSERT_TRUE(listener.waitForCount(1));
     EXPECT_DOUBLE_EQ(proxy->offset(), 7.0);
-}
-
-TEST_F(InsideTheCallOfATimeListener, AWaitEndsAtOnce) {
-    inside([&] {
-        EXPECT_FALSE(proxy->synchronize(server, LONG_TIMEOUT_S)) << "it is active";
-        proxy->stop();
-        EXPECT_FALSE(proxy->synchronize(server, 0));
-    });
-    EXPECT_FALSE(proxy->isSynchronized());
 }
 
 /// Its call lasts until the test ends it.

@@ -28,7 +28,8 @@ protected:
         return checkCollectionPublished(uuids, collection);
     }
 
-    std::unique_ptr<mqtt::MqttClient> client = support::testClient("host", 1883, {/*persistent=*/false, /*connect=*/false});
+    std::unique_ptr<mqtt::MqttClient> client =
+        support::testClient("host", 1883, {/*persistent=*/false, /*connect=*/false});
     mqtt::MqttDataCollection<mqtt::Link> collection{*client, "links"};
 };
 
