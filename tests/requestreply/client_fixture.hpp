@@ -84,6 +84,17 @@ inline std::string replyText(unsigned int requestId, int error, std::string cons
            + (members.empty() ? "" : ", ") + members + "}";
 }
 
+/// Waits until this client has handled everything that was published before, and the broker its
+/// subscriptions.
+inline void receiveAll(mqtt::MqttClient& client) {
+    support::MessageRecorder probe;
+    auto const topic = "probe/" + support::uniqueId().base64URL();
+    ASSERT_EQ(client.subscribe(topic, &probe, 0), mqtt::MqttClient::Error::SUCCESS);
+    ASSERT_EQ(client.publish(topic, "x", 2, false), mqtt::MqttClient::Error::SUCCESS);
+    EXPECT_TRUE(probe.waitForCount(1));
+    client.release(&probe);
+}
+
 /// An MQTT client on a broker, and a raw peer that receives all messages below svc/.
 class SessionOnABroker : public testing::Test {
 protected:
@@ -145,14 +156,7 @@ protected:
         peer.publish(replyTopicFor(request.topic), replyText(idIn(request.payload), code, members));
     }
 
-    /// Waits until our client has handled everything that was published before.
-    void receiveAll() {
-        support::MessageRecorder probe;
-        ASSERT_EQ(mqtt->subscribe("probe", &probe, 0), mqtt::MqttClient::Error::SUCCESS);
-        ASSERT_EQ(mqtt->publish("probe", "x", 2, false), mqtt::MqttClient::Error::SUCCESS);
-        EXPECT_TRUE(probe.waitForCount(1));
-        mqtt->release(&probe);
-    }
+    void receiveAll() { ::receiveAll(*mqtt); }
 
     support::Broker broker{quick()};
     support::RawPeer peer{broker};

@@ -6,7 +6,6 @@
 #include <mqtt/time_base.hpp>
 
 #include <atomic>
-#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
@@ -89,14 +88,7 @@ public:
 
     /// Returns when the broker knows all subscriptions that were made. `publishWait` may time out
     /// here, because replies are acknowledged at the same time.
-    void settle() {
-        support::MessageRecorder marker;
-        auto const topic = "settled/" + id.base64URL();
-        EXPECT_EQ(mqtt_->subscribe(topic, &marker, 0), mqtt::MqttClient::Error::SUCCESS);
-        EXPECT_EQ(mqtt_->publish(topic, "x", 2, false), mqtt::MqttClient::Error::SUCCESS);
-        EXPECT_TRUE(marker.waitForCount(1));
-        mqtt_->release(&marker);
-    }
+    void settle() { receiveAll(*mqtt_); }
     mqtt::MqttClient const& mqtt() const { return *mqtt_; }
 
     Uuid const id = support::uniqueId();
@@ -184,8 +176,6 @@ protected:
 /// Makes the operations for derived classes public.
 class DerivedProxy : public mqtt::BinderMqttProxy {
 public:
-    using Hook = std::function<void()>;
-
     DerivedProxy(mqtt::MqttClient& client, zym::common::Uuid const& self,
                  zym::common::BinderProxy::Listener* listener)
         : zym::common::BinderProxy(self, listener),
