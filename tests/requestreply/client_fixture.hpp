@@ -1,11 +1,12 @@
 #pragma once
 
+#include "requestreply/blocking_thread.hpp"
+#include "requestreply/call_recorder.hpp"
 #include "requestreply/sample_data.hpp"
 #include "support/broker.hpp"
 #include "support/raw_peer.hpp"
 #include "support/recorder.hpp"
 #include "support/test_client.hpp"
-#include "support/watched.hpp"
 
 #include <mqtt/request_reply.hpp>
 
@@ -13,7 +14,8 @@
 
 #include <algorithm>
 #include <chrono>
-#include <functional>
+#include <deque>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <thread>
@@ -44,21 +46,10 @@ struct ReplyCall {
     std::thread::id thread;
 };
 
-/// A listener that keeps its calls. Declare it before the client.
-class ReplyRecorder : public mqtt::RequestReplyClient::Listener {
+class ReplyRecorder : public mqtt::RequestReplyClient::Listener, public CallRecorder<ReplyCall> {
 public:
-    using Hook = std::function<void(ReplyCall const&)>;
+    using CallRecorder::CallRecorder;
 
-    /// @param hook called within every call, after that was recorded; it may destroy the recorder
-    explicit ReplyRecorder(Hook hook = {}) : hook_(std::make_shared<Hook>(std::move(hook))) {}
-    virtual ~ReplyRecorder() = default;
-
-    std::vector<ReplyCall> calls() const { return calls_.copy(); }
-    std::size_t count() const { return calls().size(); }
-    bool waitForCount(std::size_t count,
-                      std::chrono::milliseconds deadline = support::DEADLINE) const {
-        return calls_.waitFor([&](auto const& calls) { return calls.size() >= count; }, deadline);
-    }
     std::vector<Code> errors() const {
         std::vector<Code> errors;
         for (auto const& call : calls()) {
@@ -70,19 +61,8 @@ public:
     void onReply(unsigned int requestId, std::string const& name,
                  zym::common::Uuid const& clientUuid, zym::common::Uuid const& serverUuid,
                  mqtt::RequestReplyData const& data, Code error) override {
-        ReplyCall const call{
-            requestId, name, clientUuid, serverUuid, &data, error, std::this_thread::get_id()};
-        // A thread that waits for this call may destroy the recorder once it is recorded.
-        auto const hook = hook_;
-        calls_.change([&](auto& calls) { calls.push_back(call); });
-        if (*hook) {
-            (*hook)(call);
-        }
+        record({requestId, name, clientUuid, serverUuid, &data, error, std::this_thread::get_id()});
     }
-
-private:
-    support::Watched<std::vector<ReplyCall>> calls_;
-    std::shared_ptr<Hook> const hook_;
 };
 
 // Topics and documents of replies, made without the library's code.
@@ -104,60 +84,22 @@ inline std::string replyText(unsigned int requestId, int error, std::string cons
            + (members.empty() ? "" : ", ") + members + "}";
 }
 
-/// Answers every request below svc/ without the library's code.
-class RawServer {
-public:
-    /// From the payload of a request to the payloads of its replies.
-    using Answer = std::function<std::vector<std::string>(std::string const& request)>;
-
-    RawServer(support::Broker const& broker, Answer answer)
-        : answer_(std::move(answer)),
-          peer_(broker),
-          end_("end-of-server/" + support::uniqueId().to_string()) {
-        peer_.subscribe("svc/+/+/+");
-        peer_.subscribe(end_);
-        thread_ = std::thread([this] { run(); });
-    }
-    ~RawServer() {
-        peer_.post(end_, "now");
-        thread_.join();
-    }
-    RawServer(RawServer const&) = delete;
-    RawServer& operator=(RawServer const&) = delete;
-
-private:
-    void run() {
-        for (std::size_t next = 0;; ++next) {
-            support::Message message;
-            peer_.waitFor(
-                [&](auto const& all) {
-                    if (all.size() > next) {
-                        message = all[next];
-                    }
-                    return all.size() > next;
-                },
-                std::chrono::hours(1));
-            if (message.topic == end_) {
-                return;
-            }
-            if (message.topic.find("?\?/") != std::string::npos) {
-                for (auto const& reply : answer_(message.payload)) {
-                    peer_.post(replyTopicFor(message.topic), reply);
-                }
-            }
-        }
-    }
-
-    Answer answer_;
-    support::RawPeer peer_;
-    std::string end_;
-    std::thread thread_;
-};
+/// Waits until this client has handled everything that was published before, and the broker its
+/// subscriptions.
+inline void receiveAll(mqtt::MqttClient& client) {
+    support::MessageRecorder probe;
+    auto const topic = "probe/" + support::uniqueId().base64URL();
+    ASSERT_EQ(client.subscribe(topic, &probe, 0), mqtt::MqttClient::Error::SUCCESS);
+    ASSERT_EQ(client.publish(topic, "x", 2, false), mqtt::MqttClient::Error::SUCCESS);
+    EXPECT_TRUE(probe.waitForCount(1));
+    client.release(&probe);
+}
 
 /// An MQTT client on a broker, and a raw peer that receives all messages below svc/.
 class SessionOnABroker : public testing::Test {
 protected:
     using Uuid = zym::common::Uuid;
+    using Messages = support::RawPeer::Messages;
 
     SessionOnABroker() { peer.subscribe("svc/#"); }
 
@@ -174,13 +116,22 @@ protected:
                   mqtt::MqttClient::Error::SUCCESS);
     }
 
+    /// Those with this text in their topic.
+    static Messages messagesWith(Messages const& all, std::string const& text) {
+        Messages found;
+        std::copy_if(all.begin(), all.end(), std::back_inserter(found), [&](auto const& message) {
+            return message.topic.find(text) != std::string::npos;
+        });
+        return found;
+    }
+
     /// All messages below svc/ so far, with those that our client has sent before.
-    support::RawPeer::Messages seen() {
+    Messages seen() {
         auto const marker = "svc/marker/" + std::to_string(++markers);
         EXPECT_EQ(mqtt->publish(marker, "x", 2, false), mqtt::MqttClient::Error::SUCCESS);
-        EXPECT_TRUE(peer.waitFor(
-            [&](auto const& all) { return !all.empty() && all.back().topic == marker; }));
-        support::RawPeer::Messages messages;
+        EXPECT_TRUE(
+            peer.waitFor([&](auto const& all) { return !messagesWith(all, marker).empty(); }));
+        Messages messages;
         for (auto const& message : peer.messages()) {
             if (message.topic.rfind("svc/marker/", 0) != 0) {
                 messages.push_back(message);
@@ -189,20 +140,54 @@ protected:
         return messages;
     }
 
-    /// Waits until our client has handled everything that was published before.
-    void receiveAll() {
-        support::MessageRecorder probe;
-        ASSERT_EQ(mqtt->subscribe("probe", &probe, 0), mqtt::MqttClient::Error::SUCCESS);
-        ASSERT_EQ(mqtt->publish("probe", "x", 2, false), mqtt::MqttClient::Error::SUCCESS);
-        EXPECT_TRUE(probe.waitForCount(1));
-        mqtt->release(&probe);
+    /// The n-th message with this text in its topic, counted from 1, waiting for it.
+    support::Message awaitMessage(std::string const& text, std::size_t n) const {
+        Messages found;
+        EXPECT_TRUE(peer.waitFor([&](auto const& all) {
+            found = messagesWith(all, text);
+            return found.size() >= n;
+        })) << "message "
+            << n << " on " << text;
+        return found.size() < n ? support::Message{"none?\?/", "\"$reqId\": 0"} : found[n - 1];
     }
+
+    /// Replies to a request in place of a server.
+    void replyTo(support::Message const& request, int code, std::string const& members = "") {
+        peer.publish(replyTopicFor(request.topic), replyText(idIn(request.payload), code, members));
+    }
+
+    void receiveAll() { ::receiveAll(*mqtt); }
 
     support::Broker broker{quick()};
     support::RawPeer peer{broker};
     std::unique_ptr<mqtt::MqttClient> mqtt = support::testClient(broker);
     Uuid id = support::uniqueId();
     int markers = 0;
+};
+
+/// Threads that wait for the end of a client's request.
+class WaitingThreads {
+public:
+    WaitingThreads(mqtt::RequestReplyClient& client, std::uint32_t timeout, std::size_t count = 1)
+        : results_(count) {
+        for (auto& result : results_) {
+            threads_.emplace_back(
+                [&client, &result, timeout] { result = client.waitEndOfRequest(timeout); });
+        }
+        for (auto const& thread : threads_) {
+            EXPECT_TRUE(thread.isBlocked());
+        }
+    }
+
+    /// When all have returned.
+    std::vector<Code> const& results() {
+        threads_.clear();
+        return results_;
+    }
+
+private:
+    std::vector<Code> results_;
+    std::deque<BlockingThread> threads_;
 };
 
 /// A client of the service "sync" below svc/time.
@@ -221,10 +206,18 @@ protected:
         return client->request(&recorder, id, Uuid::NIL, std::make_shared<NumberData>(7), replyData,
                                &requestId, timeout);
     }
-
+    /// Sends a request without a payload.
+    Code requestFor(ReplyRecorder* listener,
+                    conv::SecondsDuration const& timeout = LONG_TIMEOUT_S) {
+        return client->request(listener, id, Uuid::NIL, nullptr, replyData, &requestId, timeout);
+    }
     Code requestWait(conv::SecondsDuration const& timeout = LONG_TIMEOUT_S) {
         return client->requestWait(id, Uuid::NIL, std::make_shared<NumberData>(7), replyData,
                                    timeout);
+    }
+    void expectStillPending() {
+        EXPECT_EQ(client->request(nullptr, id, Uuid::NIL, nullptr, nullptr, nullptr, 0),
+                  Code::BUSY);
     }
 
     std::string requestTopic() const { return "svc/time/sync?\?/" + id.base64URL(); }
@@ -233,9 +226,9 @@ protected:
     /// Returns when the broker has our last request, and the subscription before it.
     void awaitRequest() {
         EXPECT_TRUE(peer.waitFor([&](auto const& all) {
-            return std::any_of(all.begin(), all.end(), [&](auto const& message) {
-                return message.topic.find("?\?/") != std::string::npos
-                       && idIn(message.payload) == requestId;
+            auto const requests = messagesWith(all, "?\?/");
+            return std::any_of(requests.begin(), requests.end(), [&](auto const& message) {
+                return idIn(message.payload) == requestId;
             });
         }));
     }
@@ -243,6 +236,10 @@ protected:
     void reply(std::string const& payload) {
         awaitRequest();
         peer.publish(replyTopic(), payload);
+    }
+    /// To our last request.
+    void reply(int code, std::string const& members = "") {
+        reply(replyText(requestId, code, members));
     }
 
     ReplyRecorder recorder;

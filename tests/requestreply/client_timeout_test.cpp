@@ -1,4 +1,3 @@
-#include "requestreply/blocking_thread.hpp"
 #include "requestreply/client_fixture.hpp"
 
 #include <chrono>
@@ -64,14 +63,10 @@ TEST_F(ARequestWithoutAServer, IsAwaitedWithoutLimit) {
     std::size_t ended = 0;
     for (std::uint32_t const timeout : {NO_TIME_LIMIT, NO_TIME_LIMIT - 1, 1U << 31U}) {
         ASSERT_EQ(request(timeout), Code::PENDING);
-        Code result = Code::NONE;
-        BlockingThread waiter([&] { result = client->waitEndOfRequest(timeout); });
-        EXPECT_TRUE(waiter.isBlocked());
-        EXPECT_EQ(client->request(nullptr, id, Uuid::NIL, nullptr, nullptr, nullptr, 0),
-                  Code::BUSY);
-        reply(replyText(requestId, 17));
-        waiter.join();
-        EXPECT_EQ(result, SERVICE_ERROR);
+        WaitingThreads waiter(*client, timeout);
+        expectStillPending();
+        reply(17);
+        EXPECT_THAT(waiter.results(), ElementsAre(SERVICE_ERROR));
         // The wait may return before the listener is called.
         ASSERT_TRUE(recorder.waitForCount(++ended));
     }

@@ -1,15 +1,10 @@
 // The client with a timer that expires when the test says so.
 
-#include "requestreply/adjustable_clock.hpp"
-#include "requestreply/blocking_thread.hpp"
 #include "requestreply/client_fixture.hpp"
 #include "support/manual_timer.hpp"
 #include "support/temp_dir.hpp"
 
-#include <array>
-#include <atomic>
 #include <chrono>
-#include <deque>
 #include <fstream>
 #include <memory>
 
@@ -28,14 +23,16 @@ protected:
 };
 
 TEST_F(AClientWithAHandDrivenTimer, ArmsItForTheTimeOutInMilliseconds) {
+    std::size_t ended = 0;
     for (std::uint32_t const timeout : {0U, 1U, 3600U, NO_TIME_LIMIT - 1}) {
         ASSERT_EQ(request(timeout), Code::PENDING);
         auto const record = manual_timer::record();
         EXPECT_TRUE(record.armed);
         EXPECT_FALSE(record.once);
         EXPECT_EQ(record.period, seconds(timeout));
-        client->cancel();
-        EXPECT_FALSE(manual_timer::record().armed);
+        timeout == 1 ? reply(1) : static_cast<void>(client->cancel());
+        ASSERT_TRUE(recorder.waitForCount(++ended));
+        EXPECT_FALSE(manual_timer::record().armed) << "the request has ended";
     }
 }
 
@@ -50,13 +47,6 @@ TEST_F(AClientWithAHandDrivenTimer, ArmsItForNoOtherRequest) {
     EXPECT_EQ(manual_timer::record().terminations, 1);
 }
 
-TEST_F(AClientWithAHandDrivenTimer, StopsItWithTheReply) {
-    ASSERT_EQ(request(), Code::PENDING);
-    reply(replyText(requestId, 1));
-    ASSERT_TRUE(recorder.waitForCount(1));
-    EXPECT_FALSE(manual_timer::record().armed);
-}
-
 TEST_F(AClientWithAHandDrivenTimer, PublishesNoTimeOutReplyForTheNextRequest) {
     ASSERT_EQ(request(0), Code::PENDING);
     client->cancel();
@@ -65,27 +55,13 @@ TEST_F(AClientWithAHandDrivenTimer, PublishesNoTimeOutReplyForTheNextRequest) {
         // The late expiry of the first request.
         manual_timer::expire();
         receiveAll();
-        EXPECT_EQ(request(), Code::BUSY);
+        expectStillPending();
         client->cancel();
     }
     for (auto const& message : seen()) {
         EXPECT_EQ(message.topic, requestTopic());
     }
     EXPECT_THAT(recorder.errors(), ElementsAre(Code::CANCELLED, Code::CANCELLED, Code::CANCELLED));
-}
-
-TEST_F(AClientWithAHandDrivenTimer, IgnoresTheLateTimeOutReplyOfAnEarlierRequest) {
-    ASSERT_EQ(request(0), Code::PENDING);
-    auto const first = requestId;
-    client->cancel();
-    manual_timer::expire();
-    ASSERT_EQ(request(), Code::PENDING);
-    reply(replyText(first, 3));
-    receiveAll();
-    EXPECT_EQ(client->request(nullptr, id, Uuid::NIL, nullptr, nullptr, nullptr, 0), Code::BUSY);
-    reply(replyText(requestId, 1));
-    ASSERT_TRUE(recorder.waitForCount(2));
-    EXPECT_THAT(recorder.errors(), ElementsAre(Code::CANCELLED, Code::SUCCESS));
 }
 
 TEST_F(AClientWithAHandDrivenTimer, QueuesOneTimeOutReplyWithoutAConnection) {
@@ -160,8 +136,7 @@ TEST_F(AClientWithAHandDrivenTimer, EndsARequestToAnInvalidTopicAfterItsTimeout)
             ASSERT_EQ(mqtt->disconnect(30), mqtt::MqttClient::Error::SUCCESS);
         }
         ReplyRecorder ending;
-        ASSERT_EQ(client->request(&ending, id, Uuid::NIL, nullptr, nullptr, nullptr, 0),
-                  Code::PENDING);
+        ASSERT_EQ(requestFor(&ending, 0), Code::PENDING);
         manual_timer::expire();
         EXPECT_THAT(ending.errors(), ElementsAre(Code::TIMEOUT)) << connected;
         client.reset();
@@ -182,13 +157,10 @@ void passTheDeadlineWhileTheRequestEnds() {
 
 TEST_F(AClientWithAHandDrivenTimer, ReportsTimeoutToALateWaiterAndTheReplyToTheListener) {
     ASSERT_EQ(request(NO_TIME_LIMIT), Code::PENDING);
-    Code result = Code::NONE;
-    BlockingThread waiter([&] { result = client->waitEndOfRequest(WAIT_S); });
-    ASSERT_TRUE(waiter.isBlocked());
+    WaitingThreads waiter(*client, WAIT_S);
     passTheDeadlineWhileTheRequestEnds();
-    reply(replyText(requestId, 17));
-    waiter.join();
-    EXPECT_EQ(result, Code::TIMEOUT);
+    reply(17);
+    EXPECT_THAT(waiter.results(), ElementsAre(Code::TIMEOUT));
     ASSERT_TRUE(recorder.waitForCount(1));
     EXPECT_THAT(recorder.errors(), ElementsAre(SERVICE_ERROR));
     EXPECT_EQ(client->waitEndOfRequest(LONG_TIMEOUT_S), Code::TIMEOUT)
@@ -197,19 +169,11 @@ TEST_F(AClientWithAHandDrivenTimer, ReportsTimeoutToALateWaiterAndTheReplyToTheL
 
 TEST_F(AClientWithAHandDrivenTimer, ReportsTheReplyToTheOtherWaitersOfALateOne) {
     ASSERT_EQ(request(NO_TIME_LIMIT), Code::PENDING);
-    std::array<Code, 8> results{};
-    std::deque<BlockingThread> waiters;
-    waiters.emplace_back([&] { client->waitEndOfRequest(WAIT_S); });
-    for (auto& result : results) {
-        waiters.emplace_back([&] { result = client->waitEndOfRequest(NO_TIME_LIMIT); });
-    }
-    for (auto const& waiter : waiters) {
-        ASSERT_TRUE(waiter.isBlocked());
-    }
+    WaitingThreads late(*client, WAIT_S);
+    WaitingThreads others(*client, NO_TIME_LIMIT, 8);
     passTheDeadlineWhileTheRequestEnds();
-    reply(replyText(requestId, 17));
-    waiters.clear();
-    EXPECT_THAT(results, Each(SERVICE_ERROR));
+    reply(17);
+    EXPECT_THAT(others.results(), Each(SERVICE_ERROR));
 }
 
 TEST_F(AClientWithAHandDrivenTimer, DoesNotEndTheNextRequestForLateWaiters) {
@@ -221,25 +185,16 @@ TEST_F(AClientWithAHandDrivenTimer, DoesNotEndTheNextRequestForLateWaiters) {
     });
     // Also when an assertion fails: the client must not call a listener that is gone.
     std::shared_ptr<void> const end(nullptr, [&](auto) { client.reset(); });
-    ASSERT_EQ(client->request(&first, id, Uuid::NIL, nullptr, replyData, &requestId, NO_TIME_LIMIT),
-              Code::PENDING);
+    ASSERT_EQ(requestFor(&first, NO_TIME_LIMIT), Code::PENDING);
     // Several, because one alone may wake up before the next request is made.
-    std::array<Code, 8> results{};
-    std::deque<BlockingThread> waiters;
-    for (auto& result : results) {
-        waiters.emplace_back([&] { result = client->waitEndOfRequest(WAIT_S); });
-    }
-    for (auto const& waiter : waiters) {
-        ASSERT_TRUE(waiter.isBlocked());
-    }
+    WaitingThreads waiters(*client, WAIT_S, 8);
     passTheDeadlineWhileTheRequestEnds();
-    reply(replyText(requestId, 17));
-    waiters.clear();
-    EXPECT_THAT(results, Each(Code::TIMEOUT));
+    reply(17);
+    EXPECT_THAT(waiters.results(), Each(Code::TIMEOUT));
     ASSERT_TRUE(peer.waitForMessages(3));
     EXPECT_THAT(next.calls(), IsEmpty());
     requestId = idIn(peer.payloads()[2]);
-    reply(replyText(requestId, 1));
+    reply(1);
     ASSERT_TRUE(next.waitForCount(1));
     EXPECT_THAT(first.errors(), ElementsAre(SERVICE_ERROR));
     EXPECT_THAT(next.errors(), ElementsAre(Code::SUCCESS));

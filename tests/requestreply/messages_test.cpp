@@ -21,25 +21,22 @@ using mqtt::Topic;
 using zym::common::Uuid;
 using ErrorCode = mqtt::RequestReply::ErrorCode;
 
+std::string nameOf(int code) {
+    std::ostringstream out;
+    out << std::hex << static_cast<ErrorCode>(code);
+    return out.str();
+}
+
 TEST(AnErrorCode, HasItsNumberAndName) {
-    std::vector<std::pair<int, std::string>> const names{{0, "NONE"},
-                                                         {1, "SUCCESS"},
-                                                         {2, "NO_SERVER"},
-                                                         {3, "TIMEOUT"},
-                                                         {4, "NO_LISTENER"},
-                                                         {5, "PENDING"},
-                                                         {6, "BUSY"},
-                                                         {7, "CANCELLED"},
-                                                         {8, "UNKNOWN"},
-                                                         {15, "UNKNOWN"},
-                                                         {16, "APPLICATION"},
-                                                         {17, "APPLICATION + 1"},
-                                                         {255, "APPLICATION + 239"}};
-    for (auto const& [code, name] : names) {
-        std::ostringstream out;
-        out << std::hex << static_cast<ErrorCode>(code);
-        EXPECT_EQ(out.str(), name) << code;
+    int code = 0;
+    for (auto const* const name : {"NONE", "SUCCESS", "NO_SERVER", "TIMEOUT", "NO_LISTENER",
+                                   "PENDING", "BUSY", "CANCELLED", "UNKNOWN"}) {
+        EXPECT_EQ(nameOf(code++), name);
     }
+    EXPECT_EQ(nameOf(15), "UNKNOWN");
+    EXPECT_EQ(nameOf(16), "APPLICATION");
+    EXPECT_EQ(nameOf(17), "APPLICATION + 1");
+    EXPECT_EQ(nameOf(255), "APPLICATION + 239");
     EXPECT_EQ(static_cast<int>(ErrorCode::CANCELLED), 7);
     EXPECT_EQ(static_cast<int>(ErrorCode::APPLICATION), 16);
 }
@@ -63,12 +60,6 @@ TEST(NoData, IsOneSharedPayload) {
 
 class TheTopicsOfARequest : public testing::Test {
 protected:
-    static support::ClientOptions idle() {
-        support::ClientOptions options;
-        options.connect = false;
-        return options;
-    }
-
     void expectTopics(Topic const& base, Request const& value, std::string const& prefix) {
         SCOPED_TRACE(prefix);
         auto const client = CLIENT.base64URL();
@@ -93,7 +84,8 @@ protected:
         return "accepted";
     }
 
-    std::unique_ptr<mqtt::MqttClient> client_ = support::testClient("127.0.0.1", 1, idle());
+    std::unique_ptr<mqtt::MqttClient> client_ =
+        support::testClient("host", 1883, {/*persistent=*/false, /*connect=*/false});
 };
 
 TEST_F(TheTopicsOfARequest, ConsistOfBaseServerSubPathNameAndClient) {
@@ -145,33 +137,31 @@ private:
 /// Derived from the empty payload, and empty.
 class EmptyDerivedNoData : public mqtt::RequestReplyNoData {};
 
+/// With each kind of payload, what follows the envelope.
+std::vector<std::pair<std::shared_ptr<mqtt::RequestReplyData>, std::string>> const PAYLOADS{
+    {nullptr, "\n}"},
+    {mqtt::NO_DATA, "\n}"},
+    {std::make_shared<EmptyDerivedNoData>(), "\n}"},
+    {std::make_shared<DerivedNoData>(), ",\n  \"number\": 8\n}"},
+    {std::make_shared<NumberData>(7), ",\n  \"number\": 7\n}"}};
+
 TEST(AWrittenRequest, HasItsIdentifierAndThenThePayload) {
-    Request request;
-    request.requestId = 42;
-    EXPECT_EQ(written(request), "{\n  \"$reqId\": 42\n}");
-    request.data = mqtt::NO_DATA;
-    EXPECT_EQ(written(request), "{\n  \"$reqId\": 42\n}");
-    request.data = std::make_shared<EmptyDerivedNoData>();
-    EXPECT_EQ(written(request), "{\n  \"$reqId\": 42\n}");
-    request.data = std::make_shared<DerivedNoData>();
-    EXPECT_EQ(written(request), "{\n  \"$reqId\": 42,\n  \"number\": 8\n}");
-    request.requestId = 4294967295U;
-    request.data = std::make_shared<NumberData>(7);
-    EXPECT_EQ(written(request), "{\n  \"$reqId\": 4294967295,\n  \"number\": 7\n}");
+    for (auto const& [data, end] : PAYLOADS) {
+        Request request;
+        request.requestId = 4294967295U;
+        request.data = data;
+        EXPECT_EQ(written(request), "{\n  \"$reqId\": 4294967295" + end);
+    }
 }
 
 TEST(AWrittenReply, HasIdentifierAndErrorAndThenThePayload) {
-    Reply reply;
-    reply.requestId = 42;
-    reply.error = ErrorCode::NO_LISTENER;
-    EXPECT_EQ(written(reply), "{\n  \"$reqId\": 42,\n  \"$err\": 4\n}");
-    reply.data = mqtt::NO_DATA;
-    EXPECT_EQ(written(reply), "{\n  \"$reqId\": 42,\n  \"$err\": 4\n}");
-    reply.data = std::make_shared<DerivedNoData>();
-    EXPECT_EQ(written(reply), "{\n  \"$reqId\": 42,\n  \"$err\": 4,\n  \"number\": 8\n}");
-    reply.error = static_cast<ErrorCode>(200);
-    reply.data = std::make_shared<NumberData>(7);
-    EXPECT_EQ(written(reply), "{\n  \"$reqId\": 42,\n  \"$err\": 200,\n  \"number\": 7\n}");
+    for (auto const& [data, end] : PAYLOADS) {
+        Reply reply;
+        reply.requestId = 42;
+        reply.error = static_cast<ErrorCode>(200);
+        reply.data = data;
+        EXPECT_EQ(written(reply), "{\n  \"$reqId\": 42,\n  \"$err\": 200" + end);
+    }
 }
 
 TEST(AWrittenReply, KeepsItsEnvelopeWhateverThePayloadWrites) {

@@ -72,9 +72,8 @@ std::vector<std::string> malformedMessages() {
             + repeated("]", 100000) + "}",
         randomBytes};
     for (auto const& identifier :
-         {std::string(R"("7")"), std::string("true"), std::string("null"), std::string("{}"),
-          std::string("7.5"), std::string("7e0"), std::string("-7"), std::string("4294967296"),
-          repeated("9", 100000)}) {
+         std::vector<std::string>{R"("7")", "true", "null", "{}", "7.5", "7e0", "-7", "4294967296",
+                                  repeated("9", 100000)}) {
         messages.push_back(R"({"$reqId": )" + identifier
                            + R"(, "$err": 1, "number": 5, "text": "x"})");
     }

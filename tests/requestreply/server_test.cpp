@@ -1,10 +1,6 @@
-#include "requestreply/sample_data.hpp"
 #include "requestreply/server_fixture.hpp"
 #include "support/scripted_server.hpp"
 
-#include <gmock/gmock.h>
-
-#include <atomic>
 #include <stdexcept>
 
 namespace {
@@ -19,7 +15,7 @@ using Data = ServerListener::Data;
 class AServer : public ServerOnABroker {
 protected:
     void expectTheNextRequestAnswered() {
-        request(R"({"$reqId": 1000})");
+        request(1000);
         EXPECT_THAT(replyPayloads(), ElementsAre(reply(1000, 1)));
     }
 
@@ -34,27 +30,26 @@ protected:
 TEST_F(AServer, RepliesOnTheTopicOfEachClient) {
     auto const server = serve(&listener);
     auto const second = Uuid(2).base64URL();
-    request(R"({"$reqId": 1})");
-    peer.publish("x/n?\?/" + second, R"({"$reqId": 2})");
+    request(1);
+    peer.publish("svc/n?\?/" + second, R"({"$reqId": 2})");
     // An identifier in its long form, too.
-    peer.publish("x/n?\?/" + Uuid(2).to_string(), R"({"$reqId": 3})");
-    EXPECT_THAT(replies(), ElementsAre(Message{"x/n?=/" + CLIENT_ID, reply(1, 1), 2, false},
-                                       Message{"x/n?=/" + second, reply(2, 1), 2, false},
-                                       Message{"x/n?=/" + second, reply(3, 1), 2, false}));
-    EXPECT_THAT(support::allRetained(broker, "x/#"), IsEmpty());
+    peer.publish("svc/n?\?/" + Uuid(2).to_string(), R"({"$reqId": 3})");
+    EXPECT_THAT(replies(), ElementsAre(Message{"svc/n?=/" + CLIENT_ID, reply(1, 1), 2, false},
+                                       Message{"svc/n?=/" + second, reply(2, 1), 2, false},
+                                       Message{"svc/n?=/" + second, reply(3, 1), 2, false}));
+    EXPECT_THAT(support::allRetained(broker, "svc/#"), IsEmpty());
 }
 
 TEST_F(AServer, GivesItsListenerTheRequestOnItsOwnTopic) {
     auto const data = std::make_shared<NumberData>();
-    Server server(*client, "svc", "a/b", "sync");
+    Server server(*mqtt, "svc", "a/b", "sync");
     ASSERT_EQ(server.subscribe(&listener, Uuid(), data), Error::SUCCESS);
     EXPECT_EQ(server.requestTopic(), "svc/a/b/sync?\?");
     ASSERT_EQ(server.subscribe(&listener, Uuid(7), data), Error::SUCCESS);
     settle();
     auto const prefix = "svc/" + Uuid(7).base64URL() + "/a/b/sync";
-    for (int const number : {5, 6}) {
-        peer.publish(prefix + "?\?/" + CLIENT_ID,
-                     R"({"$reqId": 1, "number": )" + std::to_string(number) + "}");
+    for (std::string const number : {"5", "6"}) {
+        peer.publish(prefix + "?\?/" + CLIENT_ID, R"({"$reqId": 1, "number": )" + number + "}");
     }
     auto const expected = Message{prefix + "?=/" + CLIENT_ID, reply(1, 1), 2, false};
     EXPECT_THAT(replies(), ElementsAre(expected, expected));
@@ -64,7 +59,7 @@ TEST_F(AServer, GivesItsListenerTheRequestOnItsOwnTopic) {
         EXPECT_EQ(call.name, "sync");
         EXPECT_EQ(call.clientUuid, Uuid(1));
         EXPECT_EQ(call.serverUuid, Uuid(7));
-        EXPECT_EQ(call.error, ErrorCode::SUCCESS);
+        EXPECT_EQ(call.error, Code::SUCCESS);
         EXPECT_EQ(call.data, data.get()) << "one object for all requests";
     }
     EXPECT_EQ(data->number, 6U);
@@ -73,14 +68,14 @@ TEST_F(AServer, GivesItsListenerTheRequestOnItsOwnTopic) {
 TEST_F(AServer, DoesNotReceiveRequestsToOthers) {
     auto const server = serve(&listener);
     for (auto const& topic :
-         {"x/m?\?/" + CLIENT_ID, "x/n?=/" + CLIENT_ID, "x/n/" + CLIENT_ID,
-          "x/" + Uuid(7).base64URL() + "/n?\?/" + CLIENT_ID, "n?\?/" + CLIENT_ID,
-          "x/n?\?/" + CLIENT_ID + "/y", std::string("x/n?\?")}) {
+         {"svc/m?\?/" + CLIENT_ID, "svc/n?=/" + CLIENT_ID, "svc/n/" + CLIENT_ID,
+          "svc/" + Uuid(7).base64URL() + "/n?\?/" + CLIENT_ID, "n?\?/" + CLIENT_ID,
+          "svc/n?\?/" + CLIENT_ID + "/y", std::string("svc/n?\?")}) {
         peer.publish(topic, R"({"$reqId": 1})");
     }
     settle();
     EXPECT_EQ(listener.count(), 0U);
-    request(R"({"$reqId": 2})");
+    request(2);
     settle();
     EXPECT_EQ(listener.count(), 1U);
 }
@@ -96,38 +91,6 @@ TEST_F(AServer, WithoutARequestObjectHandsOutTheEmptyPayload) {
     EXPECT_EQ(listener.count(), 1U);
 }
 
-TEST_F(AServer, SendsThePayloadThatItsListenerReturns) {
-    listener.setAnswer([](auto const& data, auto&) {
-        auto const number = dynamic_cast<NumberData const&>(data).number;
-        return std::make_shared<NumberData>(number + 1);
-    });
-    auto const server = serve(&listener, std::make_shared<NumberData>());
-    request(R"({"number": 5, "$reqId": 4294967295})");
-    EXPECT_THAT(replyPayloads(),
-                ElementsAre("{\n  \"$reqId\": 4294967295,\n  \"$err\": 1,\n  \"number\": 6\n}"));
-}
-
-TEST_F(AServer, SendsEveryErrorUnchangedAndStartsTheNextRequestWithSuccess) {
-    std::atomic<unsigned char> next{0};
-    listener.setAnswer([&](auto const&, auto& error) -> Data {
-        EXPECT_EQ(error, ErrorCode::SUCCESS);
-        error = static_cast<ErrorCode>(next.load());
-        return next == 255 ? std::make_shared<NumberData>(7) : Data(mqtt::NO_DATA);
-    });
-    auto const server = serve(&listener);
-    Strings expected;
-    for (int const code : {0, 3, 7, 17, 200}) {
-        next = static_cast<unsigned char>(code);
-        request(R"({"$reqId": 1})");
-        settle();
-        expected.push_back(reply(1, code));
-    }
-    next = 255;
-    request(R"({"$reqId": 1})");
-    expected.emplace_back("{\n  \"$reqId\": 1,\n  \"$err\": 255,\n  \"number\": 7\n}");
-    EXPECT_EQ(replyPayloads(), expected);
-}
-
 TEST_F(AServer, WithoutAListenerRepliesNoListener) {
     auto const server = serve(nullptr, std::make_shared<NumberData>());
     request("");
@@ -136,10 +99,10 @@ TEST_F(AServer, WithoutAListenerRepliesNoListener) {
 }
 
 TEST_F(AServer, IgnoresAnEmptyPayload) {
-    peer.publish("x/n?\?/" + CLIENT_ID, R"({"$reqId": 1})", 2, true);
+    peer.publish("svc/n?\?/" + CLIENT_ID, R"({"$reqId": 1})", 2, true);
     auto const server = serve(&listener);
     EXPECT_THAT(replyPayloads(), ElementsAre(reply(1, 1))) << "to the retained request";
-    peer.publish("x/n?\?/" + CLIENT_ID, "", 2, true); // erases it
+    peer.publish("svc/n?\?/" + CLIENT_ID, "", 2, true); // erases it
     EXPECT_THAT(replyPayloads(), ElementsAre(reply(1, 1)));
     EXPECT_EQ(listener.count(), 1U);
 }
@@ -147,14 +110,12 @@ TEST_F(AServer, IgnoresAnEmptyPayload) {
 TEST_F(AServer, IgnoresWhatIsNoRequest) {
     auto const data = std::make_shared<TextData>("kept");
     auto const server = serve(&listener, data);
-    for (char const* const payload :
-         {"[]", "42", R"({"text": "a"})", R"({"$reqId": 1})", R"({"$reqId": 1, "text": 5})",
-          R"({"$reqId": 1, "text": "\ud800"})", R"({"$reqId": 1, "text": "a")"}) {
+    for (auto const* const payload : {"[]", R"({"text": "a"})", R"({"$reqId": 1})"}) {
         request(payload);
     }
-    for (char const* const id :
+    for (char const* const client :
          {"u1", "", "AAAAAAAAAAAAAAAAAAAAAR", "AAAAAAAAAAAAAAAAAAAAAQ==", "?\?"}) {
-        peer.publish(std::string("x/n?\?/") + id, R"({"$reqId": 1, "text": "a"})");
+        peer.publish(std::string("svc/n?\?/") + client, R"({"$reqId": 1, "text": "a"})");
     }
     EXPECT_THAT(replies(), IsEmpty());
     EXPECT_EQ(listener.count(), 0U);
@@ -177,7 +138,7 @@ TEST_F(AServer, SendsNoReplyWhenItsListenerOrThePayloadThrows) {
         [](auto const&, auto&) { return std::make_shared<Unwritable>(); }};
     for (auto const& answer : answers) {
         listener.setAnswer(answer);
-        request(R"({"$reqId": 1})");
+        request(1);
         settle();
     }
     EXPECT_EQ(listener.count(), 3U);
@@ -187,12 +148,12 @@ TEST_F(AServer, SendsNoReplyWhenItsListenerOrThePayloadThrows) {
 }
 
 TEST_F(AServer, RepliesUnderTheLastLevelOfANameWithASlash) {
-    Server server(*client, "x", Topic(), "a/b");
+    Server server(*mqtt, "svc", Topic(), "a/b");
     ASSERT_EQ(server.subscribe(&listener, Uuid(), mqtt::NO_DATA), Error::SUCCESS);
-    EXPECT_EQ(server.requestTopic(), "x/a/b?\?");
+    EXPECT_EQ(server.requestTopic(), "svc/a/b?\?");
     settle();
-    peer.publish("x/a/b?\?/" + CLIENT_ID, R"({"$reqId": 1})");
-    EXPECT_THAT(replies(), ElementsAre(Message{"x/b?=/" + CLIENT_ID, reply(1, 1), 2, false}));
+    peer.publish("svc/a/b?\?/" + CLIENT_ID, R"({"$reqId": 1})");
+    EXPECT_THAT(replies(), ElementsAre(Message{"svc/b?=/" + CLIENT_ID, reply(1, 1), 2, false}));
     ASSERT_EQ(listener.count(), 1U);
     EXPECT_EQ(listener.calls().front().name, "b");
 }
@@ -201,14 +162,14 @@ TEST_F(AServer, SubscribedTwiceRepliesTwice) {
     auto const server = serve(&listener);
     ServerListener second;
     subscribeAgain(*server, second);
-    request(R"({"$reqId": 1})");
+    request(1);
     EXPECT_THAT(replyPayloads(), ElementsAre(reply(1, 1), reply(1, 1)));
     EXPECT_EQ(listener.count(), 0U) << "the second call replaces the first";
     EXPECT_EQ(second.count(), 2U);
 }
 
 TEST_F(AServer, PassesOnThatItCannotBeSubscribed) {
-    Server server(*client, "x/#/y", Topic(), "n");
+    Server server(*mqtt, "svc/#/y", Topic(), "n");
     EXPECT_EQ(server.subscribe(&listener, Uuid(), mqtt::NO_DATA), Error::INVALID_PARAMETER);
 }
 
@@ -220,7 +181,7 @@ protected:
     }
 
     void expectNoReply() {
-        request(R"({"$reqId": 1})");
+        request(1);
         EXPECT_THAT(replies(), IsEmpty());
         EXPECT_EQ(listener.count(), 0U);
     }
@@ -267,7 +228,7 @@ TEST(TheSubscriptionsOfAServer, HaveAWildcardForTheClientAndEndWithTheServer) {
     support::ScriptedServer broker;
     ServerListener listener;
     auto const client = support::testClient(broker.host(), broker.port());
-    auto server = std::make_unique<mqtt::RequestReplyServer>(*client, "x", Topic(), "n");
+    auto server = std::make_unique<mqtt::RequestReplyServer>(*client, "svc", Topic(), "n");
     auto const topicsIn = [&](PacketType type) {
         EXPECT_EQ(client->publishWait("sent", "", 1, false, 30), Error::SUCCESS);
         std::vector<std::string> topics;
@@ -281,13 +242,13 @@ TEST(TheSubscriptionsOfAServer, HaveAWildcardForTheClientAndEndWithTheServer) {
     };
     EXPECT_THAT(topicsIn(PacketType::SUBSCRIBE), IsEmpty()) << "before it subscribes";
     subscribe(zym::common::Uuid());
-    EXPECT_THAT(topicsIn(PacketType::SUBSCRIBE), ElementsAre("x/n?\?/+"));
+    EXPECT_THAT(topicsIn(PacketType::SUBSCRIBE), ElementsAre("svc/n?\?/+"));
     subscribe(zym::common::Uuid());
     subscribe(zym::common::Uuid(7));
     server.reset();
     EXPECT_THAT(topicsIn(PacketType::UNSUBSCRIBE),
-                testing::UnorderedElementsAre("x/n?\?/+",
-                                              "x/" + zym::common::Uuid(7).base64URL() + "/n?\?/+"));
+                testing::UnorderedElementsAre(
+                    "svc/n?\?/+", "svc/" + zym::common::Uuid(7).base64URL() + "/n?\?/+"));
 }
 
 } // namespace

@@ -30,9 +30,6 @@ TEST(ACodeOfRequestReply, CarriesTheServersOwnFromSixteenOn) {
     for (int code = 16; code < 256; ++code) {
         EXPECT_EQ(meaning(code), code - 16) << "code " << code;
     }
-    EXPECT_EQ(meaning(16), 0);
-    EXPECT_EQ(meaning(21), 5);
-    EXPECT_EQ(meaning(255), 239);
 }
 
 std::string written(BindRequestData const& data) {
@@ -51,15 +48,10 @@ std::string read(std::string const& text) {
 }
 
 template <class Exception>
-void expectRefused(std::string const& text, std::string const& words = "") {
+void expectRefused(std::string const& text) {
     BindRequestData data("before");
     Deserializer in(text);
-    try {
-        data.deserialize(in);
-        ADD_FAILURE() << text << " was read as " << data.topic.text();
-    } catch (Exception const& error) {
-        EXPECT_TRUE(words.empty() || error.what() == words) << text << ": " << error.what();
-    }
+    EXPECT_THROW(data.deserialize(in), Exception) << text;
     EXPECT_EQ(data.topic, "before") << text;
 }
 
@@ -85,7 +77,11 @@ TEST(ARequestForABinding, IsRefusedWithoutATopicAsText) {
         expectRefused<std::invalid_argument>(R"({"topic": )" + value + "}");
     }
     for (std::string const text : {"[]", R"(["topic"])", "7", "\"topic\"", "null", "", "{"}) {
-        expectRefused<std::runtime_error>(text, "Cannot get member from a scalar or array");
+        BindRequestData data;
+        Deserializer in(text);
+        EXPECT_THAT([&] { data.deserialize(in); }, testing::ThrowsMessage<std::runtime_error>(
+                                                       "Cannot get member from a scalar or array"))
+            << text;
     }
 }
 

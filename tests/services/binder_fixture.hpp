@@ -1,23 +1,15 @@
 #pragma once
 
-#include "requestreply/blocking_thread.hpp"
-#include "requestreply/client_fixture.hpp"
 #include "requestreply/server_fixture.hpp"
 
 #include <mqtt/binder_proxy.hpp>
 #include <mqtt/time_base.hpp>
 
-#include <gmock/gmock.h>
-
-#include <algorithm>
 #include <atomic>
-#include <functional>
-#include <iterator>
 #include <memory>
 #include <string>
 #include <thread>
 #include <utility>
-#include <vector>
 
 using BinderError = zym::common::Binder::Error;
 
@@ -32,21 +24,9 @@ inline BindingEvent unbound(BinderError error) {
     return {"unbound", error};
 }
 
-/// A listener that keeps its calls, with a hook.
-class BindingRecorder final : public zym::common::BinderProxy::Listener {
+class BindingRecorder final : public zym::common::BinderProxy::Listener,
+                              public CallRecorder<BindingEvent> {
 public:
-    using Hook = std::function<void(BindingEvent const&)>;
-
-    /// Called within each later call, after that was recorded.
-    void setHook(Hook hook) {
-        hook_.change([&](Hook& current) { current = std::move(hook); });
-    }
-
-    std::vector<BindingEvent> events() const { return events_.copy(); }
-    std::size_t count() const { return events().size(); }
-    bool waitForCount(std::size_t count) const {
-        return events_.waitFor([&](auto const& events) { return events.size() >= count; });
-    }
     std::thread::id lastThread() const { return lastThread_.copy(); }
 
     void onBound(BinderError error) override { keep(bound(error)); }
@@ -54,17 +34,11 @@ public:
 
 private:
     void keep(BindingEvent const& event) {
-        auto const hook = hook_.copy();
         lastThread_.change([](auto& thread) { thread = std::this_thread::get_id(); });
-        events_.change([&](auto& events) { events.push_back(event); });
-        if (hook) {
-            hook(event);
-        }
+        record(event);
     }
 
-    support::Watched<std::vector<BindingEvent>> events_;
     support::Watched<std::thread::id> lastThread_;
-    support::Watched<Hook> hook_;
 };
 
 /// An answer with this code and no payload.
@@ -76,9 +50,9 @@ inline ServerListener::Answer replying(int code) {
 }
 
 /// The topics of all proxies: of the requests, and the one that is to be bound.
-inline mqtt::Topic const BASE_TOPIC{"plant/pump"};
+inline mqtt::Topic const BASE_TOPIC{"svc/pump"};
 inline mqtt::Topic const SUB_PATH{"desk"};
-inline mqtt::Topic const BOUND_TOPIC{"plant/panel"};
+inline mqtt::Topic const BOUND_TOPIC{"svc/panel"};
 
 /// A server of bindings with an MQTT client of its own. It grants every request and has a clock.
 class BindingServer {
@@ -86,10 +60,8 @@ public:
     using Uuid = zym::common::Uuid;
 
     /// @param ahead seconds that its clock is ahead of this machine's
-    explicit BindingServer(support::Broker const& broker,
-                           Uuid const& identity = support::uniqueId(), double ahead = 10000)
-        : id(identity),
-          ahead_(ahead),
+    explicit BindingServer(support::Broker const& broker, double ahead = 10000)
+        : ahead_(ahead),
           mqtt_(support::testClient(broker)),
           bind_(*mqtt_, BASE_TOPIC, SUB_PATH, "bind"),
           unbind_(*mqtt_, BASE_TOPIC, SUB_PATH, "unbind") {
@@ -116,17 +88,10 @@ public:
 
     /// Returns when the broker knows all subscriptions that were made. `publishWait` may time out
     /// here, because replies are acknowledged at the same time.
-    void settle() {
-        support::MessageRecorder marker;
-        auto const topic = "settled/" + id.base64URL();
-        EXPECT_EQ(mqtt_->subscribe(topic, &marker, 0), mqtt::MqttClient::Error::SUCCESS);
-        EXPECT_EQ(mqtt_->publish(topic, "x", 2, false), mqtt::MqttClient::Error::SUCCESS);
-        EXPECT_TRUE(marker.waitForCount(1));
-        mqtt_->release(&marker);
-    }
+    void settle() { receiveAll(*mqtt_); }
     mqtt::MqttClient const& mqtt() const { return *mqtt_; }
 
-    Uuid const id;
+    Uuid const id = support::uniqueId();
     ServerListener bindings;
     ServerListener unbindings;
 
@@ -159,75 +124,25 @@ private:
     std::unique_ptr<Clock> clock_;
 };
 
-/// A proxy, a broker, and a raw peer that receives all messages.
-class ProxyOnABroker : public testing::Test {
+/// A proxy and a server, and a raw peer that receives all messages.
+class ProxyAndServer : public SessionOnABroker {
 protected:
-    using Uuid = zym::common::Uuid;
     using Proxy = mqtt::BinderMqttProxy;
-
-    ProxyOnABroker() {
-        peer.subscribe("plant/#");
-        proxy = makeProxy();
-    }
-
-    static support::BrokerOptions quick() {
-        support::BrokerOptions options;
-        options.nodelay = true;
-        return options;
-    }
 
     std::unique_ptr<Proxy> makeProxy() {
         return std::make_unique<Proxy>(*mqtt, BASE_TOPIC, SUB_PATH, id, BOUND_TOPIC, &recorder);
     }
 
-    static support::RawPeer::Messages requestsIn(support::RawPeer::Messages const& all,
-                                                 std::string const& name) {
-        support::RawPeer::Messages found;
-        std::copy_if(all.begin(), all.end(), std::back_inserter(found), [&](auto const& message) {
-            return message.topic.find("/" + name + "?\?/") != std::string::npos;
-        });
-        return found;
-    }
-
     /// How many requests of this name the broker has forwarded so far.
     std::size_t requests(std::string const& name) const {
-        return requestsIn(peer.messages(), name).size();
+        return messagesWith(peer.messages(), "/" + name + "?\?/").size();
     }
-
-    support::Message awaitRequest(std::string const& name, std::size_t count = 1) {
-        support::RawPeer::Messages found;
-        EXPECT_TRUE(peer.waitFor([&](auto const& all) {
-            found = requestsIn(all, name);
-            return found.size() >= count;
-        })) << "the request "
-            << count << " of " << name;
-        return found.size() < count ? support::Message{} : found[count - 1];
+    support::Message awaitRequest(std::string const& name, std::size_t count = 1) const {
+        return awaitMessage("/" + name + "?\?/", count);
     }
-
     /// Waits until the peer has everything that our client has sent.
-    void settle() {
-        auto const mark = "plant/mark/" + std::to_string(++marks_);
-        EXPECT_EQ(mqtt->publish(mark, "x", 2, false), mqtt::MqttClient::Error::SUCCESS);
-        EXPECT_TRUE(peer.waitFor([&](auto const& all) {
-            return std::any_of(all.begin(), all.end(),
-                               [&](auto const& message) { return message.topic == mark; });
-        }));
-    }
+    void settle() { seen(); }
 
-    support::Broker broker{quick()};
-    support::RawPeer peer{broker};
-    BindingRecorder recorder;
-    std::unique_ptr<mqtt::MqttClient> mqtt = support::testClient(broker);
-    Uuid id = support::uniqueId();
-    std::unique_ptr<Proxy> proxy;
-
-private:
-    int marks_ = 0;
-};
-
-/// The same with a server.
-class ProxyAndServer : public ProxyOnABroker {
-protected:
     void bind() {
         auto const before = recorder.count();
         ASSERT_EQ(proxy->bindSync(server.id, LONG_TIMEOUT_S), BinderError::SUCCESS);
@@ -253,14 +168,14 @@ protected:
         return time + 120 >= reference && time <= reference + 120;
     }
 
+    BindingRecorder recorder;
+    std::unique_ptr<Proxy> proxy = makeProxy();
     BindingServer server{broker};
 };
 
 /// Makes the operations for derived classes public.
 class DerivedProxy : public mqtt::BinderMqttProxy {
 public:
-    using Hook = std::function<void()>;
-
     DerivedProxy(mqtt::MqttClient& client, zym::common::Uuid const& self,
                  zym::common::BinderProxy::Listener* listener)
         : zym::common::BinderProxy(self, listener),
@@ -272,7 +187,6 @@ public:
 
     /// Whether a known time ends the binding, as in the base class.
     void setEndsBinding(bool ends) { endsBinding_ = ends; }
-    int synchronizations() const { return synchronizations_.copy(); }
     bool waitForSynchronizations(int count) const {
         return synchronizations_.waitFor([&](int times) { return times >= count; });
     }

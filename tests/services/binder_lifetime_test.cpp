@@ -2,10 +2,7 @@
 
 #include "requestreply/rounds.hpp"
 #include "services/binder_fixture.hpp"
-#include "support/watchdog.hpp"
-#include "support/watched.hpp"
 
-#include <atomic>
 #include <ostream>
 
 namespace {
@@ -29,7 +26,7 @@ TEST_F(ATerminatedProxy, StartsNothing) {
     EXPECT_EQ(proxy->unbindSync(LONG_TIMEOUT_S), Error::CANCELLED);
     EXPECT_TRUE(proxy->isTimeBaseSynchronized()) << "the last known time stays";
     EXPECT_TRUE(isTimeOf(server, proxy->timeBase()));
-    EXPECT_THAT(recorder.events(), ElementsAre(bound(Error::SUCCESS)));
+    EXPECT_THAT(recorder.calls(), ElementsAre(bound(Error::SUCCESS)));
     settle();
     EXPECT_EQ(requests("bind") + requests("unbind"), 1U);
 }
@@ -39,9 +36,9 @@ TEST_F(ATerminatedProxy, DoesNotCallItsListenerForWhatWasUnderWay) {
     ASSERT_EQ(proxy->bind(server.id, LONG_TIMEOUT_S), Error::SUCCESS);
     auto const request = awaitRequest("bind");
     proxy->terminate();
-    peer.publish(replyTopicFor(request.topic), replyText(idIn(request.payload), 1));
+    replyTo(request, 1);
     settle();
-    EXPECT_THAT(recorder.events(), IsEmpty());
+    EXPECT_THAT(recorder.calls(), IsEmpty());
     EXPECT_EQ(requests("timeSync"), 0U);
 
     server.serveBindings();
@@ -50,7 +47,7 @@ TEST_F(ATerminatedProxy, DoesNotCallItsListenerForWhatWasUnderWay) {
     bind();
     ASSERT_EQ(proxy->unbind(LONG_TIMEOUT_S), Error::SUCCESS);
     proxy->terminate();
-    EXPECT_THAT(recorder.events(), ElementsAre(bound(Error::SUCCESS)));
+    EXPECT_THAT(recorder.calls(), ElementsAre(bound(Error::SUCCESS)));
 }
 
 /// A thread inside a blocking operation.
@@ -82,7 +79,7 @@ protected:
         server.withdrawTime();
         blockInBinding("timeSync");
         expectEnd(Error::NOT_SYNCHRONIZED);
-        EXPECT_THAT(recorder.events(), IsEmpty());
+        EXPECT_THAT(recorder.calls(), IsEmpty());
         server.offerTime();
         server.ignoreUnbindings();
         bind();
@@ -117,7 +114,7 @@ TEST_F(ABlockedCall, InsideAListenersCallIsEndedByATermination) {
     ASSERT_TRUE(caller->isBlocked());
     proxy->terminate();
     caller->join();
-    EXPECT_EQ(recorder.events().size(), 1U) << "a terminated proxy calls no listener";
+    EXPECT_EQ(recorder.count(), 1U) << "a terminated proxy calls no listener";
 }
 
 /// The worker is inside the listener's call and destroys the proxy there, while another thread is
@@ -173,82 +170,78 @@ TEST_F(AWorkerThatDestroysAProxy, EndsTheWaitsForTheServerAndOfATermination) {
     terminating.join();
 }
 
-/// What leads to a call of the listener, which destroys the proxy.
-struct LastCall {
-    char const* name;
-    int bindingCode;   ///< -1: no answer
-    int unbindingCode; ///< -1: no answer
-    bool callsOff;     ///< an unbinding, before the binding has ended
-    BindingEvent event;
-};
-
-void PrintTo(LastCall const& call, std::ostream* out) {
-    *out << call.name;
-}
-
-/// The operation either waits or does not.
-class AListenerThatDestroysItsProxy
-    : public ProxyAndServer,
-      public testing::WithParamInterface<std::tuple<LastCall, bool>> {
+class AListenerThatDestroysItsProxy : public ProxyAndServer {
 protected:
-    AListenerThatDestroysItsProxy() {
-        recorder.setHook([this](BindingEvent const& event) {
-            if (event.first == std::get<0>(GetParam()).event.first) {
+    /// What leads to a call of the listener.
+    struct LastCall {
+        char const* name;
+        int bindingCode;   ///< -1: no answer
+        int unbindingCode; ///< -1: no answer
+        bool callsOff;     ///< an unbinding, before the binding has ended
+        BindingEvent event;
+
+        bool unbinds() const { return event.first == "unbound"; }
+    };
+
+    void destroyIn(BindingEvent const& last) {
+        recorder.setHook([this, name = last.first](BindingEvent const& event) {
+            if (event.first == name) {
                 proxy.reset();
                 set(destroyed);
             }
         });
     }
 
+    /// @param waits whether the operations wait, so that they call the listener
+    void makeLastCall(LastCall const& call, bool waits) {
+        auto* const asked = proxy.get(); // still set when the listener has reset `proxy`
+        conv::SecondsDuration const timeout = call.bindingCode < 0 && !call.callsOff ? 0 : 3600;
+        if (call.unbinds()) {
+            ASSERT_EQ(asked->bindSync(server.id, timeout), Error::SUCCESS);
+        } else if (waits && !call.callsOff) {
+            EXPECT_EQ(asked->bindSync(server.id, timeout), call.event.second);
+        } else {
+            ASSERT_EQ(asked->bind(server.id, timeout), Error::SUCCESS);
+        }
+        if (call.unbinds() || call.callsOff) {
+            auto const error = waits ? asked->unbindSync(timeout) : asked->unbind(timeout);
+            EXPECT_EQ(error, waits || call.callsOff ? call.event.second : Error::SUCCESS);
+        }
+        ASSERT_TRUE(destroyed.waitFor(isSet));
+    }
+
     support::Watched<bool> destroyed;
-    Proxy* asked = proxy.get(); ///< still set when the listener has reset `proxy`
 };
 
-TEST_P(AListenerThatDestroysItsProxy, LeavesNothingBehind) {
-    auto const& [call, waits] = GetParam();
-    conv::SecondsDuration const timeout = call.bindingCode < 0 && !call.callsOff ? 0 : 3600;
-    if (call.bindingCode < 0) {
-        server.ignoreBindings();
+TEST_F(AListenerThatDestroysItsProxy, LeavesNothingBehind) {
+    for (auto const& call : {LastCall{"bound", 1, 1, false, bound(Error::SUCCESS)},
+                             LastCall{"refused", 23, 1, false, bound(Error::REFUSED)},
+                             LastCall{"without an answer", -1, 1, false, bound(Error::TIMEOUT)},
+                             LastCall{"called off", -1, 1, true, bound(Error::CANCELLED)},
+                             LastCall{"unbound", 1, 1, false, unbound(Error::SUCCESS)},
+                             LastCall{"still bound", 1, 6, false, unbound(Error::BUSY)}}) {
+        for (bool const waits : {false, true}) {
+            SCOPED_TRACE(call.name + std::string(waits ? ", in a call that waits" : ""));
+            server.ignoreBindings();
+            if (call.bindingCode >= 0) {
+                server.serveBindings();
+            }
+            server.bindings.setAnswer(replying(call.bindingCode));
+            server.unbindings.setAnswer(replying(call.unbindingCode));
+            destroyed.change([](bool& value) { value = false; });
+            destroyIn(call.event);
+            makeLastCall(call, waits);
+            settle();
+            EXPECT_EQ(recorder.calls().back(), call.event);
+            EXPECT_EQ(requests("unbind"), call.unbinds() ? 1U : 0U);
+            recorder.setHook({});
+            peer.clearMessages();
+            proxy = makeProxy();
+        }
     }
-    server.bindings.setAnswer(replying(call.bindingCode));
-    server.unbindings.setAnswer(replying(call.unbindingCode));
-    bool const unbinds = call.event.first == "unbound";
-    if (unbinds) {
-        ASSERT_EQ(asked->bindSync(server.id, timeout), Error::SUCCESS);
-    } else if (waits && !call.callsOff) {
-        EXPECT_EQ(asked->bindSync(server.id, timeout), call.event.second);
-    } else {
-        ASSERT_EQ(asked->bind(server.id, timeout), Error::SUCCESS);
-    }
-    if (unbinds || call.callsOff) {
-        auto const error = waits ? asked->unbindSync(timeout) : asked->unbind(timeout);
-        EXPECT_EQ(error, waits || call.callsOff ? call.event.second : Error::SUCCESS);
-    }
-    ASSERT_TRUE(destroyed.waitFor(isSet));
-    settle();
-    EXPECT_EQ(recorder.events().back(), call.event);
-    EXPECT_EQ(requests("unbind"), unbinds ? 1U : 0U);
-    recorder.setHook({});
-    proxy = makeProxy();
     server.bindings.setAnswer({});
-    server.serveBindings();
-    EXPECT_EQ(proxy->bindSync(server.id, LONG_TIMEOUT_S), Error::SUCCESS);
+    bind();
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Of, AListenerThatDestroysItsProxy,
-    testing::Combine(testing::Values(LastCall{"Bound", 1, 1, false, bound(Error::SUCCESS)},
-                                     LastCall{"Refused", 23, 1, false, bound(Error::REFUSED)},
-                                     LastCall{"WithoutAnAnswer", -1, 1, false,
-                                              bound(Error::TIMEOUT)},
-                                     LastCall{"CalledOff", -1, 1, true, bound(Error::CANCELLED)},
-                                     LastCall{"Unbound", 1, 1, false, unbound(Error::SUCCESS)},
-                                     LastCall{"StillBound", 1, 6, false, unbound(Error::BUSY)}),
-                     testing::Bool()),
-    [](auto const& instance) {
-        return std::get<0>(instance.param).name
-               + std::string(std::get<1>(instance.param) ? "InACallThatWaits" : "");
-    });
 
 class ABlockedCallThatDestroysItsProxy : public ABlockedCall {};
 
@@ -274,81 +267,6 @@ TEST_F(ABlockedCallThatDestroysItsProxy, IsCalledOffByAnotherThread) {
         proxy = makeProxy();
         peer.clearMessages();
     }
-}
-
-class TheEndOfAProxy : public ProxyAndServer {};
-
-/// Called on the worker or by an unbinding that calls the binding off.
-TEST_F(TheEndOfAProxy, WaitsForItsListener) {
-    for (bool const unbinds : {false, true}) {
-        SCOPED_TRACE(unbinds);
-        if (unbinds) {
-            server.ignoreBindings();
-        }
-        support::Watched<bool> entered;
-        support::Watched<bool> mayLeave;
-        std::atomic<bool> left{false};
-        recorder.setHook([&](auto const&) {
-            set(entered);
-            mayLeave.waitFor(isSet);
-            left = true;
-        });
-        auto* const asked = proxy.get();
-        ASSERT_EQ(asked->bind(server.id, LONG_TIMEOUT_S), Error::SUCCESS);
-        BlockingThread unbinding([&] {
-            if (unbinds) {
-                EXPECT_THAT(asked->unbind(LONG_TIMEOUT_S), AnyOf(Error::SUCCESS, Error::CANCELLED));
-            }
-        });
-        ASSERT_TRUE(entered.waitFor(isSet));
-        BlockingThread destruction([&] {
-            proxy.reset();
-            EXPECT_TRUE(left);
-        });
-        ASSERT_TRUE(destruction.isBlocked());
-        set(mayLeave);
-        destruction.join();
-        unbinding.join();
-        EXPECT_EQ(recorder.events().back(), bound(unbinds ? Error::CANCELLED : Error::SUCCESS));
-        proxy = makeProxy();
-    }
-}
-
-class ASharedProxy : public ProxyAndServer {};
-
-TEST_F(ASharedProxy, IsUsableAfterSeveralThreadsInManyRounds) {
-    support::Watchdog::limit(std::chrono::seconds(240));
-    std::atomic<bool> stop{false};
-    std::vector<std::thread> threads;
-    auto const repeat = [&](std::function<void()> const& call) {
-        threads.emplace_back([&stop, call] {
-            while (!stop) {
-                call();
-            }
-        });
-    };
-    repeat([&] {
-        static_cast<void>(proxy->timeBase());
-        static_cast<void>(proxy->isTimeBaseSynchronized());
-        proxy->forceTimeBaseSync();
-        std::this_thread::yield();
-    });
-    repeat([&] { static_cast<void>(proxy->bindSync(server.id, 1)); });
-    repeat([&] { static_cast<void>(proxy->unbind(1)); });
-    int const count = rounds(50);
-    for (int round = 0; round < count; ++round) {
-        static_cast<void>(proxy->bind(server.id, 1));
-        static_cast<void>(proxy->unbindSync(1));
-    }
-    stop = true;
-    // A thread may wait up to 30 seconds for the time.
-    proxy->terminate();
-    for (auto& thread : threads) {
-        thread.join();
-    }
-    proxy = makeProxy();
-    bind();
-    expectBound();
 }
 
 } // namespace

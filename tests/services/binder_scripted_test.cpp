@@ -1,5 +1,5 @@
 // A proxy with the stand-in for the broker library: its messages, and bindings that fail without a
-// thread or without memory, or are interrupted by another thread.
+// thread, or are interrupted by another thread.
 
 #include "services/binder_fixture.hpp"
 #include "support/allocations.hpp"
@@ -12,7 +12,6 @@
 
 namespace {
 
-using support::FailingAllocation;
 using support::InterruptedAllocation;
 using testing::AnyOf;
 using testing::ElementsAre;
@@ -87,7 +86,7 @@ protected:
 class AMessageOfAProxy : public AScriptedProxy {
 protected:
     std::string topicOf(std::string const& name) const {
-        return "plant/pump/" + server.base64URL() + "/" + name + "?\?/" + id.base64URL();
+        return "svc/pump/" + server.base64URL() + "/" + name + "?\?/" + id.base64URL();
     }
 
     void expectRequest(std::string const& name, std::string const& topic,
@@ -103,16 +102,16 @@ protected:
 };
 
 TEST_F(AMessageOfAProxy, RequestsABindingAndItsEnd) {
-    std::string const boundTopic = ",\n  \"topic\": \"plant/panel\"";
+    std::string const boundTopic = ",\n  \"topic\": \"svc/panel\"";
     ASSERT_EQ(proxy->bind(server, LONG_TIMEOUT_S), Error::SUCCESS);
     expectRequest("bind", topicOf("desk/bind"), boundTopic);
     ASSERT_EQ(proxy->unbind(LONG_TIMEOUT_S), Error::SUCCESS);
     expectRequest("unbind", topicOf("desk/unbind"));
     Proxy plain(*mqtt, BASE_TOPIC, mqtt::Topic(), id, BOUND_TOPIC, &recorder);
     ASSERT_EQ(plain.bind(Uuid::NIL, LONG_TIMEOUT_S), Error::SUCCESS);
-    expectRequest("bind", "plant/pump/bind?\?/" + id.base64URL(), boundTopic);
+    expectRequest("bind", "svc/pump/bind?\?/" + id.base64URL(), boundTopic);
     ASSERT_EQ(plain.unbind(LONG_TIMEOUT_S), Error::SUCCESS);
-    expectRequest("unbind", "plant/pump/unbind?\?/" + id.base64URL());
+    expectRequest("unbind", "svc/pump/unbind?\?/" + id.base64URL());
 }
 
 TEST_F(AMessageOfAProxy, RequestsTheTimeTenTimesBeforeItIsBound) {
@@ -120,15 +119,15 @@ TEST_F(AMessageOfAProxy, RequestsTheTimeTenTimesBeforeItIsBound) {
     reply("bind", 21, "\"topic\": 7, \"more\": []");
     EXPECT_EQ(requests("timeSync").back().topic, topicOf("timeSync"));
     for (std::size_t count = 1; count <= 10; ++count) {
-        EXPECT_THAT(recorder.events(), IsEmpty());
+        EXPECT_THAT(recorder.calls(), IsEmpty());
         EXPECT_EQ(requests("timeSync").size(), count);
         reply("timeSync", 1, "\"client\": 1.5, \"ref\": 2.5");
     }
-    EXPECT_THAT(recorder.events(), ElementsAre(bound(Error::SUCCESS)));
+    EXPECT_THAT(recorder.calls(), ElementsAre(bound(Error::SUCCESS)));
     EXPECT_EQ(requests("timeSync").size(), 10U);
     ASSERT_EQ(proxy->unbind(LONG_TIMEOUT_S), Error::SUCCESS);
     reply("unbind", 1, "\"more\": []");
-    EXPECT_EQ(recorder.events().back(), unbound(Error::SUCCESS));
+    EXPECT_EQ(recorder.calls().back(), unbound(Error::SUCCESS));
 }
 
 #pragma GCC diagnostic push
@@ -144,13 +143,13 @@ TEST_F(AMessageOfAProxy, IsNotAnsweredByAReplyWithAnotherName) {
             listener.onReply(1, name, id, server, *mqtt::NO_DATA, code);
         }
     }
-    EXPECT_THAT(recorder.events(), IsEmpty());
+    EXPECT_THAT(recorder.calls(), IsEmpty());
     EXPECT_THAT(requests("timeSync"), IsEmpty());
     ASSERT_EQ(proxy->unbind(LONG_TIMEOUT_S), Error::SUCCESS);
     listener.onReply(1, "other", id, server, *mqtt::NO_DATA, Code{23});
     EXPECT_EQ(proxy->unbind(LONG_TIMEOUT_S), Error::BUSY);
     listener.onReply(1, "unbind", id, server, *mqtt::NO_DATA, Code{23});
-    EXPECT_THAT(recorder.events(), ElementsAre(bound(Error::CANCELLED), unbound(Error::SUCCESS)));
+    EXPECT_THAT(recorder.calls(), ElementsAre(bound(Error::CANCELLED), unbound(Error::SUCCESS)));
 }
 
 #pragma GCC diagnostic pop
@@ -160,7 +159,7 @@ using ABindingWithoutAThread = AScriptedProxy;
 TEST_F(ABindingWithoutAThread, Fails) {
     limitThreads();
     EXPECT_THROW(static_cast<void>(proxy->bind(server, LONG_TIMEOUT_S)), std::system_error);
-    EXPECT_THAT(recorder.events(), ElementsAre(bound(Error::FAILED)));
+    EXPECT_THAT(recorder.calls(), ElementsAre(bound(Error::FAILED)));
     EXPECT_THAT(requests("bind"), IsEmpty());
     expectUnbound();
     manual_timer::reset();
@@ -171,7 +170,7 @@ TEST_F(ABindingWithoutAThread, FailsWhenTheTimeCannotBeRead) {
     limitThreads(1);
     ASSERT_EQ(proxy->bind(server, LONG_TIMEOUT_S), Error::SUCCESS);
     reply("bind", 1);
-    EXPECT_THAT(recorder.events(), ElementsAre(bound(Error::NOT_SYNCHRONIZED)));
+    EXPECT_THAT(recorder.calls(), ElementsAre(bound(Error::NOT_SYNCHRONIZED)));
     expectUnbound();
     manual_timer::reset();
     bind();
@@ -185,81 +184,12 @@ TEST_F(ABindingWithoutAThread, CanBeUnboundAfterACallThatCannotReadTheTime) {
     ASSERT_TRUE(support::eventually([&] { return !requests("bind").empty(); }));
     reply("bind", 1);
     caller.join();
-    EXPECT_THAT(recorder.events(), IsEmpty());
+    EXPECT_THAT(recorder.calls(), IsEmpty());
     manual_timer::reset();
     ASSERT_EQ(proxy->unbind(LONG_TIMEOUT_S), Error::SUCCESS);
     reply("unbind", 1);
-    EXPECT_THAT(recorder.events(), ElementsAre(unbound(Error::SUCCESS)));
+    EXPECT_THAT(recorder.calls(), ElementsAre(unbound(Error::SUCCESS)));
     expectUnbound();
-}
-
-/// Counts without allocating memory.
-class FailureCounter final : public zym::common::BinderProxy::Listener {
-public:
-    void onBound(Error error) override { failed += error == Error::CANCELLED ? 0 : 1; }
-    void onUnbound(Error /*error*/) override {}
-    unsigned failed = 0;
-};
-
-class ABindingWithoutMemory : public AScriptedProxy {
-protected:
-    ABindingWithoutMemory() {
-        proxy = std::make_unique<Proxy>(*mqtt, BASE_TOPIC, SUB_PATH, id, BOUND_TOPIC, &events);
-    }
-    ~ABindingWithoutMemory() override { proxy.reset(); }
-
-    void request() { ASSERT_EQ(proxy->bind(server, LONG_TIMEOUT_S), Error::SUCCESS); }
-
-    /// @return whether this allocation of the worker took place
-    bool answerBindingWithout(std::size_t which) {
-        auto const request = requests("bind").back();
-        auto topic = replyTopicFor(request.topic);
-        auto payload = replyText(idIn(request.payload), 1);
-        mosquitto_message message{};
-        message.topic = topic.data();
-        message.payload = payload.data();
-        message.payloadlen = static_cast<int>(payload.size());
-        bool happened = false;
-        standIn->runInLoop([&](mosqpp::mosquittopp& object) {
-            FailingAllocation const failing(which);
-            object.on_message(&message);
-            happened = failing.happened();
-        });
-        return happened;
-    }
-
-    FailureCounter events;
-};
-
-TEST_F(ABindingWithoutMemory, Fails) {
-    auto const failures = support::failEachAllocation([&] { request(); },
-                                                      [&](unsigned which) {
-                                                          SCOPED_TRACE(which);
-                                                          EXPECT_LE(events.failed, which);
-                                                          EXPECT_THAT(requests("bind"), IsEmpty());
-                                                          expectUnbound();
-                                                      });
-    EXPECT_GE(failures, 10U);
-    EXPECT_GE(events.failed, failures - 3) << "except before it begins";
-}
-
-TEST_F(ABindingWithoutMemory, FailsWhenTheTimeCannotBeRead) {
-    unsigned failures = 0;
-    bool lacking = true;
-    for (std::size_t which = 1; lacking; ++which) {
-        SCOPED_TRACE(which);
-        events = FailureCounter();
-        request();
-        auto const before = requests("timeSync").size();
-        lacking = answerBindingWithout(which);
-        if (events.failed == 0 && requests("timeSync").size() == before) {
-            reply("bind", 1); // the first reply was lost
-        }
-        EXPECT_EQ(requests("timeSync").size(), before + 1 - events.failed);
-        failures += events.failed;
-        EXPECT_EQ(proxy->unbindSync(0), events.failed == 0 ? Error::SUCCESS : Error::NOT_BOUND);
-    }
-    EXPECT_GE(failures, 5U);
 }
 
 /// Another thread unbinds during each allocation in turn.
@@ -286,7 +216,7 @@ TEST_F(ABindingInterrupted, IsCalledOffOrHasNotBegun) {
         }
         expectUnbound();
     }
-    EXPECT_THAT(recorder.events(), testing::Contains(bound(Error::CANCELLED)));
+    EXPECT_THAT(recorder.calls(), testing::Contains(bound(Error::CANCELLED)));
 }
 
 } // namespace

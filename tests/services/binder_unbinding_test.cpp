@@ -1,6 +1,7 @@
 // Unbindings, which also call off a binding under way, on a real broker.
 
 #include "services/binder_fixture.hpp"
+
 namespace {
 
 using testing::ElementsAre;
@@ -8,12 +9,20 @@ using testing::UnorderedElementsAre;
 
 using Error = BinderError;
 
-class AnUnbinding : public ProxyAndServer {};
+class AnUnbinding : public ProxyAndServer {
+protected:
+    void expectOver(std::size_t events) {
+        ASSERT_TRUE(recorder.waitForCount(events));
+        EXPECT_EQ(recorder.count(), events);
+        EXPECT_EQ(recorder.calls().back(), unbound(Error::SUCCESS));
+        expectUnbound();
+    }
+};
 
 TEST_F(AnUnbinding, IsOverWhenUnbindSyncReturns) {
     bind();
     EXPECT_EQ(proxy->unbindSync(LONG_TIMEOUT_S), Error::SUCCESS);
-    EXPECT_THAT(recorder.events(), ElementsAre(bound(Error::SUCCESS), unbound(Error::SUCCESS)));
+    EXPECT_THAT(recorder.calls(), ElementsAre(bound(Error::SUCCESS), unbound(Error::SUCCESS)));
     EXPECT_EQ(recorder.lastThread(), std::this_thread::get_id());
     EXPECT_EQ(server.unbindings.count(), 1U);
     EXPECT_EQ(server.unbindings.calls()[0].clientUuid, id);
@@ -25,7 +34,7 @@ TEST_F(AnUnbinding, IsOverWhenTheListenerIsCalled) {
     bind();
     EXPECT_EQ(proxy->unbind(LONG_TIMEOUT_S), Error::SUCCESS);
     ASSERT_TRUE(recorder.waitForCount(2));
-    EXPECT_THAT(recorder.events(), ElementsAre(bound(Error::SUCCESS), unbound(Error::SUCCESS)));
+    EXPECT_THAT(recorder.calls(), ElementsAre(bound(Error::SUCCESS), unbound(Error::SUCCESS)));
     EXPECT_NE(recorder.lastThread(), std::this_thread::get_id());
     expectUnbound();
 }
@@ -54,24 +63,21 @@ TEST_F(AnUnbinding, FailsOnlyWithABusyServerOrNone) {
                                                                         {17, Error::SUCCESS},
                                                                         {22, Error::SUCCESS},
                                                                         {255, Error::SUCCESS}}) {
-        SCOPED_TRACE(code);
-        bool const fails = error != Error::SUCCESS;
-        bind();
-        server.unbindings.setAnswer(replying(code));
-        EXPECT_EQ(proxy->unbindSync(LONG_TIMEOUT_S), error);
-        EXPECT_EQ(recorder.events().back(), unbound(error));
-        fails ? expectBound() : expectUnbound();
-        if (!fails) {
+        for (bool const waits : {true, false}) {
+            SCOPED_TRACE(code);
             bind();
-        }
-        auto const before = recorder.count();
-        EXPECT_EQ(proxy->unbind(LONG_TIMEOUT_S), Error::SUCCESS);
-        ASSERT_TRUE(recorder.waitForCount(before + 1));
-        EXPECT_EQ(recorder.events().back(), unbound(error));
-        fails ? expectBound() : expectUnbound();
-        if (fails) {
-            server.unbindings.setAnswer({});
-            EXPECT_EQ(proxy->unbindSync(LONG_TIMEOUT_S), Error::SUCCESS);
+            server.unbindings.setAnswer(replying(code));
+            auto const before = recorder.count();
+            EXPECT_EQ(waits ? proxy->unbindSync(LONG_TIMEOUT_S) : proxy->unbind(LONG_TIMEOUT_S),
+                      waits ? error : Error::SUCCESS);
+            ASSERT_TRUE(recorder.waitForCount(before + 1));
+            EXPECT_EQ(recorder.calls().back(), unbound(error));
+            if (error != Error::SUCCESS) {
+                expectBound();
+                server.unbindings.setAnswer({});
+                EXPECT_EQ(proxy->unbindSync(LONG_TIMEOUT_S), Error::SUCCESS);
+            }
+            expectUnbound();
         }
     }
 }
@@ -81,28 +87,22 @@ TEST_F(AnUnbinding, IsOverWithoutAnAnswerOrWhenItIsCancelled) {
     proxy->cancelUnbinding(); // there is none yet
     bind();
     EXPECT_EQ(proxy->unbindSync(0), Error::SUCCESS);
-    expectUnbound();
+    expectOver(2);
     bind();
     EXPECT_EQ(proxy->unbind(0), Error::SUCCESS);
-    ASSERT_TRUE(recorder.waitForCount(4));
-    EXPECT_EQ(recorder.events().back(), unbound(Error::SUCCESS));
-    expectUnbound();
+    expectOver(4);
     bind();
     EXPECT_EQ(proxy->unbind(NO_TIME_LIMIT), Error::SUCCESS);
     proxy->cancelUnbinding();
-    EXPECT_EQ(recorder.count(), 6U);
-    EXPECT_EQ(recorder.events().back(), unbound(Error::SUCCESS));
     EXPECT_EQ(recorder.lastThread(), std::this_thread::get_id());
-    expectUnbound();
+    expectOver(6);
     bind();
-    expectBound();
     BlockingThread caller([&] { EXPECT_EQ(proxy->unbindSync(NO_TIME_LIMIT), Error::SUCCESS); });
     awaitRequest("unbind", 4);
     ASSERT_TRUE(caller.isBlocked());
     proxy->cancelUnbinding();
     caller.join();
-    EXPECT_EQ(recorder.events().back(), unbound(Error::SUCCESS));
-    expectUnbound();
+    expectOver(8);
 }
 
 /// A binding under way is called off by an unbinding.
@@ -115,7 +115,7 @@ protected:
 
     /// The server grants the binding late.
     void replyLate() {
-        peer.publish(replyTopicFor(request.topic), replyText(idIn(request.payload), 1));
+        replyTo(request, 1);
         settle();
     }
 
@@ -129,7 +129,7 @@ TEST_F(ABindingCalledOff, IsNotRevivedByItsReply) {
     replyLate();
     expectUnbound();
     EXPECT_EQ(requests("timeSync"), 0U);
-    EXPECT_THAT(recorder.events(), ElementsAre(bound(Error::CANCELLED), unbound(Error::SUCCESS)));
+    EXPECT_THAT(recorder.calls(), ElementsAre(bound(Error::CANCELLED), unbound(Error::SUCCESS)));
 }
 
 TEST_F(ABindingCalledOff, IsNotRevivedByItsReplyDuringTheUnbinding) {
@@ -137,13 +137,13 @@ TEST_F(ABindingCalledOff, IsNotRevivedByItsReplyDuringTheUnbinding) {
     server.ignoreUnbindings();
     startBinding();
     EXPECT_EQ(proxy->unbind(LONG_TIMEOUT_S), Error::SUCCESS);
-    EXPECT_THAT(recorder.events(), ElementsAre(bound(Error::CANCELLED)));
+    EXPECT_THAT(recorder.calls(), ElementsAre(bound(Error::CANCELLED)));
     EXPECT_EQ(recorder.lastThread(), std::this_thread::get_id());
     awaitRequest("unbind");
     replyLate();
     EXPECT_EQ(requests("timeSync"), 0U);
     EXPECT_FALSE(proxy->isTimeBaseSynchronized());
-    EXPECT_THAT(recorder.events(), ElementsAre(bound(Error::CANCELLED)));
+    EXPECT_THAT(recorder.calls(), ElementsAre(bound(Error::CANCELLED)));
 }
 
 TEST_F(ABindingCalledOff, IsOverAlsoWhenTheServerIsBusy) {
@@ -151,7 +151,7 @@ TEST_F(ABindingCalledOff, IsOverAlsoWhenTheServerIsBusy) {
     server.unbindings.setAnswer(replying(6));
     startBinding();
     EXPECT_EQ(proxy->unbindSync(LONG_TIMEOUT_S), Error::BUSY);
-    EXPECT_THAT(recorder.events(), ElementsAre(bound(Error::CANCELLED), unbound(Error::BUSY)));
+    EXPECT_THAT(recorder.calls(), ElementsAre(bound(Error::CANCELLED), unbound(Error::BUSY)));
     expectUnbound();
 }
 
@@ -162,7 +162,7 @@ TEST_F(ABindingCalledOff, LetsItsListenerTerminate) {
     EXPECT_EQ(proxy->unbind(LONG_TIMEOUT_S), Error::CANCELLED);
     settle();
     EXPECT_EQ(requests("unbind"), 0U);
-    EXPECT_THAT(recorder.events(), ElementsAre(bound(Error::CANCELLED)));
+    EXPECT_THAT(recorder.calls(), ElementsAre(bound(Error::CANCELLED)));
 }
 
 TEST_F(ABindingCalledOff, LetsItsListenerCancelTheUnbindingToo) {
@@ -174,7 +174,7 @@ TEST_F(ABindingCalledOff, LetsItsListenerCancelTheUnbindingToo) {
     });
     startBinding();
     EXPECT_EQ(proxy->unbind(LONG_TIMEOUT_S), Error::SUCCESS);
-    EXPECT_THAT(recorder.events(), ElementsAre(bound(Error::CANCELLED), unbound(Error::SUCCESS)));
+    EXPECT_THAT(recorder.calls(), ElementsAre(bound(Error::CANCELLED), unbound(Error::SUCCESS)));
     startBinding();
     EXPECT_EQ(proxy->unbindSync(LONG_TIMEOUT_S), Error::SUCCESS);
     EXPECT_EQ(recorder.count(), 4U);
@@ -214,7 +214,7 @@ TEST_F(AWaitForABinding, IsCancelledByAnUnbinding) {
     EXPECT_EQ(result, Error::CANCELLED);
     // Two threads call the listener.
     ASSERT_TRUE(recorder.waitForCount(2));
-    EXPECT_THAT(recorder.events(),
+    EXPECT_THAT(recorder.calls(),
                 UnorderedElementsAre(bound(Error::CANCELLED), unbound(Error::SUCCESS)));
     EXPECT_TRUE(
         support::eventually([&] { return proxy->unbind(LONG_TIMEOUT_S) == Error::NOT_BOUND; }));
@@ -227,7 +227,7 @@ TEST_F(AWaitForABinding, FailsWhenItIsUnboundBeforeTheServersTimeIsKnown) {
     EXPECT_EQ(proxy->unbindSync(LONG_TIMEOUT_S), Error::SUCCESS);
     waiting->join();
     EXPECT_EQ(result, Error::NOT_SYNCHRONIZED);
-    EXPECT_THAT(recorder.events(), ElementsAre(unbound(Error::SUCCESS)));
+    EXPECT_THAT(recorder.calls(), ElementsAre(unbound(Error::SUCCESS)));
     EXPECT_EQ(server.unbindings.count(), 1U);
     expectBindableAgain();
 }
@@ -241,7 +241,7 @@ TEST_F(AWaitForABinding, GoesOnWhenTheServerDoesNotUnbind) {
     waiting->join();
     EXPECT_EQ(result, Error::SUCCESS);
     expectBound();
-    EXPECT_THAT(recorder.events(), ElementsAre(unbound(Error::BUSY), bound(Error::SUCCESS)));
+    EXPECT_THAT(recorder.calls(), ElementsAre(unbound(Error::BUSY), bound(Error::SUCCESS)));
 }
 
 } // namespace

@@ -6,7 +6,6 @@
 
 #include <atomic>
 #include <optional>
-#include <ostream>
 
 namespace {
 
@@ -95,18 +94,6 @@ TEST_F(TheEndOfACleaner, WaitsForRequestsBeingMade) {
     checkpoint.open();
 }
 
-TEST_F(TheEndOfACleaner, WaitsForTheMessageBeingHandled) {
-    cleaner->clean("a", LONG_DURATION);
-    stopAt(Operation::PUBLISH);
-    standIn->deliver("a", "x");
-    ASSERT_TRUE(checkpoint.hasStoppedAThread());
-    BlockingThread end([&] { cleaner.reset(); });
-    ASSERT_TRUE(end.isBlocked());
-    checkpoint.open();
-    end.join();
-    EXPECT_TRUE(standIn->destroyed());
-}
-
 // While the broker is away
 
 TEST_F(TheEndOfACleaner, EndsTheSearchForTheBroker) {
@@ -132,59 +119,44 @@ TEST_F(TheEndOfACleaner, EndsAConnectionThatIsBeingMade) {
     EXPECT_TRUE(support::eventually([&] { return !standIn->connected(); }));
 }
 
-/// In a call of the listener.
-struct EndInACall {
-    char const* name;
-    std::string call; ///< of the listener, in which the cleaner ends
-    bool destroys;
-    Strings calls; ///< of the listener in all
-};
-
-void PrintTo(EndInACall const& end, std::ostream* out) {
-    *out << end.name;
-}
-
-class TheEndOfACleanerInItsListener : public TheEndOfACleaner,
-                                      public testing::WithParamInterface<EndInACall> {};
-
-TEST_P(TheEndOfACleanerInItsListener, EndsWaitsAndLaterCalls) {
-    auto doomed = std::make_unique<CleanerRecorder>();
-    replace(doomed.get());
-    doomed->setHook([&](auto const& call) {
-        if (call != GetParam().call) {
-            return;
-        }
-        EXPECT_EQ(doomed->calls(), GetParam().calls);
-        if (GetParam().destroys) {
+TEST_F(TheEndOfACleaner, InsideItsListenersCallEndsWaitsAndLaterCalls) {
+    struct End {
+        std::string call; ///< of the listener, in which the cleaner ends
+        bool destroys;
+        Strings calls; ///< of the listener in all
+    };
+    for (auto const& end :
+         {End{"a", false, {"a"}}, End{"b", false, {"a", "b"}}, End{ALL, false, {"a", "b", ALL}},
+          End{"a", true, {"a"}}, End{ALL, true, {"a", "b", ALL}}}) {
+        SCOPED_TRACE((end.destroys ? "destroyed in " : "terminated in ") + end.call);
+        auto doomed = std::make_unique<CleanerRecorder>();
+        replace(doomed.get());
+        doomed->setHook([&](auto const& call) {
+            if (call != end.call) {
+                return;
+            }
+            EXPECT_EQ(doomed->calls(), end.calls);
+            if (end.destroys) {
+                cleaner.reset();
+                doomed.reset();
+            } else {
+                cleaner->terminate();
+            }
+        });
+        cleaner->clean("a", milliseconds(0));
+        cleaner->clean("b", milliseconds(0));
+        BlockingThread waiter(
+            [which = cleaner.get()] { EXPECT_TRUE(which->waitAllTasks(LONG_DURATION)); });
+        ASSERT_TRUE(waiter.isBlocked());
+        expire();
+        waiter.join();
+        EXPECT_EQ(standIn->destroyed(), end.destroys);
+        if (!end.destroys) {
+            EXPECT_EQ(doomed->calls(), end.calls);
+            EXPECT_TRUE(cleaner->waitAllTasks(milliseconds(0)));
             cleaner.reset();
-            doomed.reset();
-        } else {
-            cleaner->terminate();
         }
-    });
-    cleaner->clean("a", milliseconds(0));
-    cleaner->clean("b", milliseconds(0));
-    BlockingThread waiter(
-        [which = cleaner.get()] { EXPECT_TRUE(which->waitAllTasks(LONG_DURATION)); });
-    ASSERT_TRUE(waiter.isBlocked());
-    expire();
-    waiter.join();
-    EXPECT_EQ(standIn->destroyed(), GetParam().destroys);
-    EXPECT_EQ(doomed == nullptr, GetParam().destroys);
-    if (doomed) {
-        EXPECT_EQ(doomed->calls(), GetParam().calls);
-        EXPECT_TRUE(cleaner->waitAllTasks(milliseconds(0)));
-        cleaner.reset();
     }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    By, TheEndOfACleanerInItsListener,
-    testing::Values(EndInACall{"TerminationAfterATopic", "a", false, {"a"}},
-                    EndInACall{"TerminationAfterTheLastTopic", "b", false, {"a", "b"}},
-                    EndInACall{"TerminationAfterAll", ALL, false, {"a", "b", ALL}},
-                    EndInACall{"DestructionAfterATopic", "a", true, {"a"}},
-                    EndInACall{"DestructionAfterAll", ALL, true, {"a", "b", ALL}}),
-    [](auto const& instance) { return instance.param.name; });
 
 } // namespace

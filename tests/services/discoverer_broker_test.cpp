@@ -23,11 +23,6 @@ protected:
     void publishEntity(std::string const& id) {
         peer->publish(id + "/identification", identificationOf(id), 2, true);
     }
-    std::future<bool> startRun() {
-        return std::async(std::launch::async,
-                          [this] { return discoverer.discoverSync(SUCCESS_TIMEOUT_S, true); });
-    }
-
     support::Broker broker{persistent()};
     std::unique_ptr<support::RawPeer> peer = std::make_unique<support::RawPeer>(broker);
     std::unique_ptr<mqtt::MqttClient> client = support::testClient(broker);
@@ -51,27 +46,15 @@ TEST_F(Discovery, FindsTwoHundredEntities) {
     }
 }
 
-TEST_F(Discovery, FindsWhatIsPublishedDuringARun) {
-    auto run = startRun();
-    publishLinks({"a"});
-    EXPECT_TRUE(isUnderWay(run));
-    publishEntity("a");
-    EXPECT_TRUE(run.get());
-    EXPECT_FALSE(discoverer.waitChange(1, false));
-    auto change = std::async(std::launch::async,
-                             [&] { return discoverer.waitChange(SUCCESS_TIMEOUT_S, false); });
-    publishLinks({"b"});
-    EXPECT_TRUE(change.get());
-    EXPECT_THAT(idsOf(discoverer.links()), ElementsAre("b"));
-}
-
 TEST_F(Discovery, GoesOnWhenTheBrokerRestarts) {
     publishLinks({"a", "b"});
     publishEntity("a");
     broker.stop();
     ASSERT_TRUE(support::eventually(
         [&] { return client->communicationState() != conv::ComState::CONNECTED; }));
-    auto run = startRun(); // without a connection
+    auto run = std::async(std::launch::async, [this] { // without a connection
+        return discoverer.discoverSync(SUCCESS_TIMEOUT_S, true);
+    });
     EXPECT_TRUE(isUnderWay(run));
     broker.start();
     ASSERT_TRUE(support::eventually([&] {

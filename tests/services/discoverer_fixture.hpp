@@ -1,6 +1,7 @@
 #pragma once
 
 #include "client/client_on_a_script.hpp"
+#include "services/link_list.hpp"
 #include "support/watched.hpp"
 
 #include <mqtt/service_discoverer.hpp>
@@ -16,8 +17,6 @@
 #include <string>
 #include <vector>
 
-using Strings = std::vector<std::string>;
-
 /// How long a test watches that something does not happen. A correct run never fails by it.
 constexpr std::chrono::milliseconds OBSERVATION_TIME{300};
 /// Longer than a run that succeeds, in seconds.
@@ -27,37 +26,32 @@ constexpr std::uint32_t NO_TIME_LIMIT = UINT32_MAX;
 inline std::string const ENTITIES = "plant/entities";
 inline std::string const UNKNOWN_UUID = "ffffffff-ffff-ffff-ffff-ffffffffffff";
 
-/// The document of a list of links.
-/// @param ids as JSON writes them between the quotation marks
-inline std::string listOf(Strings const& ids) {
-    std::string members;
-    for (auto const& id : ids) {
-        members += (members.empty() ? "" : ", ") + (R"({"@id": ")" + id + "\"}");
+inline Strings const IDENTIFICATION_MEMBERS{"uuid",         "manufacturer", "model",     "serial",
+                                            "physicalName", "name",         "interface", "version",
+                                            "location",     "contact"};
+
+/// Different texts for all members of an identification.
+inline Strings textsOf(std::string const& name) {
+    Strings texts;
+    for (auto const& member : IDENTIFICATION_MEMBERS) {
+        texts.push_back(name + " " + member);
     }
-    return "{\"members@count\": " + std::to_string(ids.size()) + ", \"members\": [" + members
-           + "]}";
+    return texts;
 }
 
-/// The document of an identification with ten different texts.
+/// The document of an identification with these texts.
 inline std::string identificationOf(std::string const& name) {
-    std::string members;
-    for (auto const* const key : {"uuid", "manufacturer", "model", "serial", "physicalName", "name",
-                                  "interface", "version", "location", "contact"}) {
-        members += (members.empty() ? "\"" : ", \"") + std::string(key) + "\": \"" + name + " "
-                   + key + "\"";
+    std::string document;
+    for (auto const& member : IDENTIFICATION_MEMBERS) {
+        document +=
+            (document.empty() ? "{\"" : ", \"") + member + "\": \"" + name + " " + member + "\"";
     }
-    return "{" + members + "}";
+    return document + "}";
 }
 
 inline Strings textsOf(conv::Identification const& one) {
     return {one.uuid, one.manufacturer, one.model,   one.serial,   one.physicalName,
             one.name, one.interface,    one.version, one.location, one.contact};
-}
-
-inline Strings textsOf(std::string const& name) {
-    return {name + " uuid",         name + " manufacturer", name + " model",     name + " serial",
-            name + " physicalName", name + " name",         name + " interface", name + " version",
-            name + " location",     name + " contact"};
 }
 
 /// The texts of an entity that has not answered.

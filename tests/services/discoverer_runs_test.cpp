@@ -1,7 +1,6 @@
 // Runs of a discoverer that follow one another, or meet its end.
 
 #include "requestreply/blocking_thread.hpp"
-#include "services/checkpoint.hpp"
 #include "services/discoverer_fixture.hpp"
 
 #include <memory>
@@ -142,29 +141,6 @@ protected:
         letTheStepEnd();
         EXPECT_THAT(subscribed(), IsEmpty());
     }
-
-    /// Destroys the discoverer while the worker is inside this operation.
-    void expectToWaitForTheWorker(Operation operation, std::string const& topic,
-                                  std::string const& payload) {
-        Checkpoint checkpoint;
-        checkpoint.close();
-        auto const before = script_->count(Operation::SUBSCRIBE);
-        auto run = startEndlessRun();
-        ASSERT_TRUE(waitForSubscriptions(before + 1));
-        letTheStepEnd();
-        script_->setHook(operation, [&](auto const&) {
-            checkpoint.pass();
-            return std::optional<int>();
-        });
-        script_->deliver(topic, payload);
-        ASSERT_TRUE(checkpoint.hasStoppedAThread());
-        BlockingThread end([&] { discoverer.reset(); });
-        ASSERT_TRUE(end.isBlocked());
-        checkpoint.open();
-        end.join();
-        expectEnd(run);
-        script_->setHook(operation, {});
-    }
 };
 
 TEST_F(TheEndOfADiscoverer, EndsARunWithAndWithoutAList) {
@@ -178,21 +154,6 @@ TEST_F(TheEndOfADiscoverer, EndsARunWithAndWithoutAList) {
     ASSERT_TRUE(waitForSubscriptions(3));
     discoverer.reset();
     expectEnd(next);
-}
-
-TEST_F(TheEndOfADiscoverer, EndsAllRuns) {
-    bool first = true;
-    bool second = true;
-    auto* const which = discoverer.get();
-    BlockingThread one([&] { first = which->discoverSync(NO_TIME_LIMIT, true); });
-    ASSERT_TRUE(one.isBlocked());
-    BlockingThread other([&] { second = which->discoverSync(NO_TIME_LIMIT, true); });
-    ASSERT_TRUE(other.isBlocked());
-    discoverer.reset();
-    one.join();
-    other.join();
-    EXPECT_FALSE(first || second);
-    EXPECT_EQ(script_->count(Operation::SUBSCRIBE), 1U);
 }
 
 TEST_F(TheEndOfADiscoverer, MayComeOnTheWorkerDuringARun) {
@@ -214,16 +175,6 @@ TEST_F(TheEndOfADiscoverer, MayComeInADeliveryOnTheSameTopic) {
     EXPECT_FALSE(run.get());
     EXPECT_EQ(script_->count(Operation::SUBSCRIBE), 2U);
     client_->release(&destroying);
-}
-
-TEST_F(TheEndOfADiscoverer, WaitsForTheListBeingHandled) {
-    expectToWaitForTheWorker(Operation::SUBSCRIBE, ENTITIES, listOf({"a", "b"}));
-    EXPECT_EQ(script_->count(Operation::SUBSCRIBE), 3U);
-}
-
-TEST_F(TheEndOfADiscoverer, WaitsForTheAnswerBeingHandled) {
-    retainLinks({"a", "b"});
-    expectToWaitForTheWorker(Operation::UNSUBSCRIBE, "a/identification", identificationOf("a"));
 }
 
 } // namespace

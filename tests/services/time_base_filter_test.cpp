@@ -57,7 +57,7 @@ TEST_F(AnEstimateOfTheTime, IsTheFirstSampleAndThenLessAndLessOfTheNextNine) {
         EXPECT_NEAR(estimate(n), estimates[n - 1], ROUNDING) << "after sample " << n;
     }
     answer(SAMPLES, 1.0);
-    ASSERT_TRUE(listener.waitForCalls());
+    ASSERT_TRUE(listener.waitForCount(1));
     EXPECT_NEAR(proxy->offset(), estimates.back(), ROUNDING);
 }
 
@@ -73,7 +73,7 @@ TEST_F(AnEstimateOfTheTime, GivesPeriodicSamplesEverLessWeightDownToHalfAPercent
         EXPECT_NEAR(weightOfPeriodicSample(++n), weight, ROUNDING) << "in exchange " << n;
     }
     EXPECT_EQ(requestCount(), n) << "and no exchange follows";
-    EXPECT_EQ(listener.count(), 1);
+    EXPECT_EQ(listener.count(), 1U);
 }
 
 TEST_F(AnEstimateOfTheTime, IsUnchangedByAPeriodicExchangeThatFails) {
@@ -110,7 +110,7 @@ TEST_F(AnEstimateOfTheTime, IsForcedToAFractionOfOneSample) {
     EXPECT_TRUE(proxy->isSynchronized());
     receiveAll();
     EXPECT_EQ(requestCount(), 11U) << "no exchange follows";
-    EXPECT_EQ(listener.count(), 1) << "and no listener is called";
+    EXPECT_EQ(listener.count(), 1U) << "and no listener is called";
     EXPECT_NEAR(weightOfPeriodicSample(12), 0.03486784401, ROUNDING);
 }
 
@@ -132,7 +132,7 @@ TEST_F(AnEstimateOfTheTime, CannotBeForcedBeforeItIsKnown) {
     proxy->forceSync();
     EXPECT_NEAR(proxy->offset(), 5.0, ROUNDING);
     answerAll(6, 5, 5.0);
-    ASSERT_TRUE(listener.waitForCalls());
+    ASSERT_TRUE(listener.waitForCount(1));
     EXPECT_EQ(requestCount(), 10U);
     EXPECT_NEAR(proxy->offset(), 5.0, ROUNDING);
 }

@@ -1,11 +1,8 @@
 // Stopping and starting while the worker or the timer handles a reply of the run before. A
 // checkpoint in the proxy's clock stops them there.
 
-#include "requestreply/blocking_thread.hpp"
 #include "services/time_base_fixture.hpp"
 #include "support/manual_timer.hpp"
-
-#include <thread>
 
 namespace {
 
@@ -27,30 +24,22 @@ protected:
         checkpoint.open();
         receiveAll();
     }
-
-    void expectNoResult() {
-        EXPECT_FALSE(proxy->isSynchronized());
-        EXPECT_FALSE(record(0).armed);
-        EXPECT_EQ(listener.count(), 0);
-        EXPECT_EQ(requestCount(), 10U);
-    }
 };
 
-TEST_F(AReplyInFlight, ChangesNothingAfterAStop) {
-    answerAll(1, SAMPLES - 1, 5.0);
-    stopAtTheReply(SAMPLES);
-    proxy->stop();
-    letItGo();
-    EXPECT_EQ(proxy->offset(), 0.0);
-    expectNoResult();
-}
-
-TEST_F(AReplyInFlight, ChangesNothingAfterTermination) {
-    answerAll(1, SAMPLES - 1, 5.0);
-    stopAtTheReply(SAMPLES);
-    proxy->terminate();
-    letItGo();
-    expectNoResult();
+TEST_F(AReplyInFlight, ChangesNothingAfterAStopOrATermination) {
+    std::size_t first = 1;
+    for (bool const terminates : {false, true}) {
+        answerAll(first, SAMPLES - 1, 5.0);
+        stopAtTheReply(first + SAMPLES - 1);
+        terminates ? proxy->terminate() : static_cast<void>(proxy->stop());
+        letItGo();
+        EXPECT_FALSE(proxy->isSynchronized());
+        EXPECT_FALSE(record(0).armed);
+        EXPECT_EQ(listener.count(), 0U);
+        first += SAMPLES;
+        EXPECT_EQ(requestCount(), first - 1);
+        EXPECT_EQ(proxy->startSync(server), !terminates);
+    }
 }
 
 TEST_F(AReplyInFlight, DoesNotCountInTheNextRun) {
@@ -63,7 +52,7 @@ TEST_F(AReplyInFlight, DoesNotCountInTheNextRun) {
     request(11);
     EXPECT_FALSE(proxy->isSynchronized());
     answer(11, 7.0);
-    ASSERT_TRUE(listener.waitForCalls());
+    ASSERT_TRUE(listener.waitForCount(1));
     EXPECT_DOUBLE_EQ(proxy->offset(), 7.0);
 }
 
@@ -77,53 +66,22 @@ TEST_F(AReplyInFlight, WithAFailureIsNotRepeatedAfterAStop) {
     EXPECT_EQ(requestCount(), 1U);
 }
 
-TEST_F(AReplyInFlight, IsWaitedForByTheEndOfTheProxy) {
-    stopAtTheReply(1);
-    BlockingThread destruction([&] { proxy.reset(); });
-    ASSERT_TRUE(destruction.isBlocked());
-    letItGo();
-    destruction.join();
-    EXPECT_EQ(listener.count(), 0);
-}
-
-class APeriodicReplyInFlight : public TimeBaseOnABroker {
-protected:
-    APeriodicReplyInFlight() {
-        synchronize(5.0);
-        expiry = std::thread([] { manual_timer::expire(); });
-        request(11);
-        checkpoint.close();
-        answer(11, 70.0);
-        EXPECT_TRUE(checkpoint.hasStoppedAThread());
-    }
-    ~APeriodicReplyInFlight() override {
-        if (expiry.joinable()) {
-            letItGo();
-        }
-    }
-
-    void letItGo() {
-        checkpoint.open();
-        expiry.join();
-    }
-
-    std::thread expiry;
-};
-
-TEST_F(APeriodicReplyInFlight, ChangesNothingAfterAStop) {
-    proxy->stop();
-    letItGo();
-    EXPECT_EQ(proxy->offset(), 0.0);
-    EXPECT_FALSE(proxy->isSynchronized());
-}
+class APeriodicReplyInFlight : public TimeBaseOnABroker {};
 
 TEST_F(APeriodicReplyInFlight, DoesNotCountInTheNextRun) {
+    synchronize(5.0);
+    BlockingThread expiry([] { manual_timer::expire(); });
+    request(11);
+    checkpoint.close();
+    answer(11, 70.0);
+    EXPECT_TRUE(checkpoint.hasStoppedAThread());
     proxy->stop();
-    ASSERT_TRUE(proxy->startSync(support::uniqueId()));
-    letItGo();
+    EXPECT_TRUE(proxy->startSync(support::uniqueId()));
+    checkpoint.open();
+    expiry.join();
     EXPECT_EQ(proxy->offset(), 0.0);
     answerAll(12, SAMPLES, 7.0);
-    ASSERT_TRUE(listener.waitForCalls(2));
+    ASSERT_TRUE(listener.waitForCount(2));
     EXPECT_DOUBLE_EQ(proxy->offset(), 7.0);
 }
 

@@ -23,9 +23,7 @@ constexpr std::size_t REQUEST_TIMEOUT = 1;
 class ANewTimeBaseProxy : public TimeBaseOnABroker {};
 
 TEST_F(ANewTimeBaseProxy, IsIdle) {
-    EXPECT_FALSE(proxy->isSynchronized());
-    EXPECT_EQ(proxy->offset(), 0.0);
-    EXPECT_EQ(proxy->serverUuid(), Uuid::NIL);
+    expectIdle();
     EXPECT_EQ(record(SAMPLING).restarts, 0);
     EXPECT_TRUE(proxy->stop());
     manual_timer::expire(SAMPLING);
@@ -68,19 +66,19 @@ TEST_F(ATimeBaseProxyThatSamples, TakesTenSamplesAndNotNine) {
     answerAll(1, SAMPLES - 1, 5.0);
     request(SAMPLES);
     EXPECT_FALSE(proxy->isSynchronized());
-    EXPECT_EQ(listener.count(), 0);
+    EXPECT_EQ(listener.count(), 0U);
     EXPECT_FALSE(record(SAMPLING).armed);
     answer(SAMPLES, 5.0);
-    ASSERT_TRUE(listener.waitForCalls());
+    ASSERT_TRUE(listener.waitForCount(1));
     EXPECT_TRUE(proxy->isSynchronized());
     receiveAll();
     EXPECT_EQ(requestCount(), 10U);
-    EXPECT_EQ(listener.count(), 1);
+    EXPECT_EQ(listener.count(), 1U);
 }
 
 TEST_F(ATimeBaseProxyThatSamples, ThenTakesOneEvery30Seconds) {
     answerAll(1, SAMPLES, 5.0);
-    ASSERT_TRUE(listener.waitForCalls());
+    ASSERT_TRUE(listener.waitForCount(1));
     auto const timer = record(SAMPLING);
     EXPECT_TRUE(timer.armed);
     EXPECT_EQ(timer.period, seconds(30));
@@ -103,7 +101,7 @@ TEST_F(ATimeBaseProxyThatSamples, CannotBeStartedAgain) {
     EXPECT_EQ(proxy->serverUuid(), server);
     EXPECT_DOUBLE_EQ(proxy->offset(), 5.0) << "the samples go on";
     answerAll(4, 7, 5.0);
-    EXPECT_TRUE(listener.waitForCalls());
+    EXPECT_TRUE(listener.waitForCount(1));
     EXPECT_FALSE(proxy->startSync(server)) << "while the time is known";
     EXPECT_FALSE(proxy->synchronize(server, LONG_TIMEOUT_S));
     EXPECT_FALSE(proxy->synchronize(support::uniqueId(), NO_TIME_LIMIT));
@@ -137,17 +135,16 @@ TEST_F(ATimeBaseProxyThatSamples, RepeatsAFailedExchangeWithoutLimit) {
     }
     // Times that cannot be read, and samples that are infinite.
     for (auto const& members :
-         {std::string(), std::string(R"("client": 1)"), std::string(R"("ref": 1)"),
-          std::string(R"("client": "1", "ref": 1)"), std::string(R"("client": 1, "ref": null)"),
-          std::string(R"("client": 1e999, "ref": 1)"), times(1.7e308, -1.7e308),
-          times(-1.7e308, 1.7e308)}) {
+         std::vector<std::string>{"", R"("client": 1)", R"("ref": 1)", R"("client": "1", "ref": 1)",
+                                  R"("client": 1, "ref": null)", R"("client": 1e999, "ref": 1)",
+                                  times(1.7e308, -1.7e308), times(-1.7e308, 1.7e308)}) {
         reply(n++, members);
     }
     answerAll(n, SAMPLES - 2, 5.0);
     request(n + SAMPLES - 2);
     EXPECT_FALSE(proxy->isSynchronized()) << "failed exchanges are not counted";
     answer(n + SAMPLES - 2, 5.0);
-    ASSERT_TRUE(listener.waitForCalls());
+    ASSERT_TRUE(listener.waitForCount(1));
     EXPECT_DOUBLE_EQ(proxy->offset(), 5.0) << "their times do not count";
 }
 
@@ -188,7 +185,7 @@ TEST_F(ATimeBaseProxyThatSamples, KnowsTheTimeAlsoWithoutATimer) {
         throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again));
     });
     answer(SAMPLES, 5.0);
-    EXPECT_TRUE(listener.waitForCalls());
+    EXPECT_TRUE(listener.waitForCount(1));
     EXPECT_TRUE(proxy->isSynchronized());
     receiveAll();
     EXPECT_FALSE(record(SAMPLING).armed);
@@ -209,13 +206,13 @@ TEST_F(ATimeBaseProxyThatSamples, IsIdleAfterAStopAndThenTakesTenSamplesAgain) {
     receiveAll();
     EXPECT_EQ(proxy->offset(), 0.0);
     EXPECT_EQ(requestCount(), 6U);
-    EXPECT_EQ(listener.count(), 0);
+    EXPECT_EQ(listener.count(), 0U);
     ASSERT_TRUE(proxy->startSync(server));
     answerAll(7, 9, 5.0);
     request(16);
     EXPECT_FALSE(proxy->isSynchronized());
     answer(16, 5.0);
-    EXPECT_TRUE(listener.waitForCalls());
+    EXPECT_TRUE(listener.waitForCount(1));
 }
 
 class ATimeBaseProxyThatKnowsTheTime : public TimeBaseOnABroker {
@@ -223,24 +220,18 @@ protected:
     ATimeBaseProxyThatKnowsTheTime() { synchronize(5.0); }
 };
 
-TEST_F(ATimeBaseProxyThatKnowsTheTime, IsIdleAfterAStop) {
+TEST_F(ATimeBaseProxyThatKnowsTheTime, IsIdleAfterAStopAlsoWithALateExpiry) {
     EXPECT_TRUE(proxy->stop());
-    EXPECT_FALSE(proxy->isSynchronized());
-    EXPECT_FALSE(record(SAMPLING).armed);
-    EXPECT_EQ(proxy->serverUuid(), Uuid::NIL);
-    EXPECT_EQ(proxy->offset(), 0.0);
     EXPECT_TRUE(proxy->stop()) << "also when it is idle";
-}
-
-TEST_F(ATimeBaseProxyThatKnowsTheTime, DoesNothingWithALateExpiryAfterAStop) {
-    proxy->stop();
     manual_timer::expire(SAMPLING);
+    EXPECT_FALSE(record(SAMPLING).armed);
+    expectIdle();
     EXPECT_EQ(requestCount(), 10U);
     ASSERT_TRUE(proxy->startSync(server));
     manual_timer::expire(SAMPLING);
     EXPECT_EQ(requestCount(), 11U);
     answerAll(11, SAMPLES, 5.0);
-    EXPECT_TRUE(listener.waitForCalls(2)) << "once for each start";
+    EXPECT_TRUE(listener.waitForCount(2)) << "once for each start";
 }
 
 TEST_F(ATimeBaseProxyThatKnowsTheTime, UsesThePeriodicExchangeUnderWayForAForcedOne) {
@@ -262,40 +253,31 @@ TEST_F(ATimeBaseProxyThatKnowsTheTime, MakesNoExchangeWithoutAConnection) {
     EXPECT_EQ(requestCount(), 10U);
 }
 
-TEST_F(ATimeBaseProxyThatKnowsTheTime, KeepsItAfterTermination) {
+TEST_F(ATimeBaseProxyThatKnowsTheTime, KeepsItAfterTerminationAndCannotBeStarted) {
+    proxy->terminate();
     proxy->terminate();
     EXPECT_DOUBLE_EQ(proxy->offset(), 5.0);
     EXPECT_EQ(proxy->timeBase(), 995U);
     EXPECT_FALSE(record(SAMPLING).armed);
     EXPECT_EQ(record(SAMPLING).terminations, 1);
-}
-
-class ATerminatedTimeBaseProxy : public TimeBaseOnABroker {};
-
-TEST_F(ATerminatedTimeBaseProxy, CannotBeStarted) {
-    proxy->terminate();
-    proxy->terminate();
-    EXPECT_EQ(record(SAMPLING).terminations, 1);
     EXPECT_EQ(record(REQUEST_TIMEOUT).terminations, 1);
+    EXPECT_TRUE(proxy->stop());
     EXPECT_FALSE(proxy->startSync(server));
     EXPECT_FALSE(proxy->synchronize(server, LONG_TIMEOUT_S));
-    EXPECT_TRUE(proxy->stop());
     proxy->forceSync();
-    EXPECT_EQ(requestCount(), 0U);
-    EXPECT_FALSE(proxy->isSynchronized());
+    EXPECT_EQ(requestCount(), 10U);
 }
 
 /// Records the listeners that are registered.
-class RegisteringProxy : public ClockedProxy {
+class RegisteringProxy : public mqtt::SynchronizedTimeBaseMqttProxy {
 public:
+    using Listener = zym::common::SynchronizedTimeBaseProxy::Listener;
+
     RegisteringProxy(mqtt::MqttClient& client, zym::common::Uuid const& id, Listener* listener)
         : zym::common::SynchronizedTimeBaseProxy(id, listener),
-          ClockedProxy(client, "svc", id, listener, [] { return 0.0; }) {}
+          SynchronizedTimeBaseMqttProxy(client, "svc", id, listener) {}
 
-    void registerListener(Listener* listener) override {
-        registered.push_back(listener);
-        ClockedProxy::registerListener(listener);
-    }
+    void registerListener(Listener* listener) override { registered.push_back(listener); }
 
     std::vector<Listener*> registered;
 };
@@ -310,9 +292,7 @@ TEST_F(AListenerOfTheTime, IsUnregisteredByTheTermination) {
 }
 
 TEST_F(AListenerOfTheTime, IsCalledOnTheWorkerWhenTheTimeIsKnown) {
-    std::thread::id worker;
-    TimeListener watching([&] {
-        worker = std::this_thread::get_id();
+    TimeListener watching([&](auto const&) {
         EXPECT_TRUE(proxy->isSynchronized());
         EXPECT_EQ(proxy->timeBase(), 995U);
         EXPECT_TRUE(record(SAMPLING).armed);
@@ -320,10 +300,10 @@ TEST_F(AListenerOfTheTime, IsCalledOnTheWorkerWhenTheTimeIsKnown) {
     proxy->registerListener(&watching);
     ASSERT_TRUE(proxy->startSync(server));
     answerAll(1, SAMPLES, 5.0);
-    ASSERT_TRUE(watching.waitForCalls());
+    ASSERT_TRUE(watching.waitForCount(1));
     receiveAll();
-    EXPECT_EQ(listener.count(), 0) << "it was replaced";
-    EXPECT_NE(worker, std::this_thread::get_id());
+    EXPECT_EQ(listener.count(), 0U) << "it was replaced";
+    EXPECT_NE(watching.calls()[0], std::this_thread::get_id());
     proxy->registerListener(nullptr);
 }
 

@@ -1,6 +1,5 @@
 // Waiting for the time, and what ends the wait.
 
-#include "requestreply/blocking_thread.hpp"
 #include "requestreply/rounds.hpp"
 #include "services/time_base_fixture.hpp"
 #include "support/manual_timer.hpp"
@@ -37,10 +36,8 @@ protected:
         BlockingThread thread_; // last: it writes the result
     };
 
-    void expectIdle() {
-        EXPECT_FALSE(proxy->isSynchronized());
-        EXPECT_EQ(proxy->serverUuid(), Uuid::NIL);
-        EXPECT_EQ(proxy->offset(), 0.0);
+    void expectIdleWithoutTimers() const {
+        expectIdle();
         EXPECT_FALSE(record(0).armed);
         EXPECT_FALSE(record(1).armed);
     }
@@ -49,7 +46,7 @@ protected:
         auto const next = requestCount() + 1;
         ASSERT_TRUE(proxy->startSync(server));
         answerAll(next, SAMPLES, 5.0);
-        EXPECT_TRUE(listener.waitForCalls());
+        EXPECT_TRUE(listener.waitForCount(1));
     }
 };
 
@@ -64,7 +61,7 @@ TEST_F(AWaitForTheTime, EndsWhenItIsKnownWithoutACallOfTheListener) {
     EXPECT_TRUE(proxy->isSynchronized());
     EXPECT_DOUBLE_EQ(proxy->offset(), 5.0);
     receiveAll();
-    EXPECT_EQ(listener.count(), 0);
+    EXPECT_EQ(listener.count(), 0U);
     EXPECT_EQ(record(0).period, std::chrono::seconds(30));
     EXPECT_TRUE(record(0).armed);
 }
@@ -73,7 +70,7 @@ TEST_F(AWaitForTheTime, EndsByTimeOutWithEverythingStopped) {
     Wait wait(*proxy, server, 2);
     answer(1, 5.0); // the other samples do not come
     EXPECT_FALSE(wait.result());
-    expectIdle();
+    expectIdleWithoutTimers();
     expectItCanStart();
 }
 
@@ -81,7 +78,7 @@ TEST_F(AWaitForTheTime, WithoutAPositiveTimeoutDoesNotWait) {
     for (auto const& timeout : {SecondsDuration(0), SecondsDuration(NEGATIVE_TIMEOUT),
                                 SecondsDuration(SecondsDuration::NO_TIMEOUT)}) {
         EXPECT_FALSE(proxy->synchronize(server, timeout));
-        expectIdle();
+        expectIdleWithoutTimers();
     }
     expectItCanStart();
 }
@@ -94,7 +91,7 @@ TEST_F(AWaitForTheTime, OnTheWorkerDoesNotWait) {
     ASSERT_EQ(mqtt->publish("call", "x", 2, false), mqtt::MqttClient::Error::SUCCESS);
     receiveAll();
     mqtt->release(&caller);
-    expectIdle();
+    expectIdleWithoutTimers();
     expectItCanStart();
 }
 
@@ -110,7 +107,7 @@ TEST_F(AWaitForTheTime, IsEndedByAStopATerminationAndADestruction) {
         ends[i]();
         EXPECT_FALSE(wait.result());
         if (proxy) {
-            expectIdle();
+            expectIdleWithoutTimers();
         }
         manual_timer::reset();
         proxy = makeProxy();
@@ -118,9 +115,9 @@ TEST_F(AWaitForTheTime, IsEndedByAStopATerminationAndADestruction) {
 }
 
 TEST_F(AWaitForTheTime, DoesNotStopTheNextRunInManyRounds) {
-    int const count = rounds(5);
+    auto const count = static_cast<std::size_t>(rounds(5));
     std::size_t n = 1;
-    for (int round = 1; round <= count; ++round) {
+    for (std::size_t round = 1; round <= count; ++round) {
         Wait wait(*proxy, support::uniqueId());
         request(n);
         ASSERT_TRUE(wait.isBlocked());
@@ -128,7 +125,7 @@ TEST_F(AWaitForTheTime, DoesNotStopTheNextRunInManyRounds) {
         ASSERT_TRUE(proxy->startSync(server));
         EXPECT_FALSE(wait.result());
         answerAll(n + 1, SAMPLES, 5.0);
-        ASSERT_TRUE(listener.waitForCalls(round));
+        ASSERT_TRUE(listener.waitForCount(round));
         EXPECT_EQ(proxy->serverUuid(), server);
         proxy->stop();
         n = requestCount() + 1;

@@ -53,23 +53,15 @@ TEST(ACheckOnABroker, FindsCleanTopicsRetainedMessagesAndLinks) {
     support::RawPeer peer{"localhost", PORT};
     peer.publish("a/b", "not retained");
     peer.publish("stale/topic", "x", 2, true);
-    peer.publish("links", linksText({"a/b", "c"}), 2, true);
+    peer.publish("links", listOf({"a/b", "c"}), 2, true);
 
     TestCounter counter;
-    CheckResult const clean([&] { mqtt::testTopicClean("a/b", counter); });
-    EXPECT_TRUE(clean.passed);
-    EXPECT_EQ(clean.text, startOf(cleanSubject("a/b")) + successOf(cleanSubject("a/b")));
-
+    EXPECT_TRUE(CheckResult([&] { mqtt::testTopicClean("a/b", counter); }).passed);
     for (std::string const pattern : {"stale/topic", "stale/#"}) {
-        CheckResult const stale([&] { mqtt::testTopicClean(pattern, counter); });
-        EXPECT_FALSE(stale.passed);
-        EXPECT_THAT(stale.text, testing::EndsWith(failureOf(cleanSubject(pattern))));
+        EXPECT_FALSE(CheckResult([&] { mqtt::testTopicClean(pattern, counter); }).passed);
     }
-
-    CheckResult const link(
-        [&] { mqtt::testLinkInCollection("c", "links", "c is there", counter); });
-    EXPECT_TRUE(link.passed);
-    EXPECT_EQ(link.text, startOf("c is there") + successOf("c is there"));
+    EXPECT_TRUE(
+        CheckResult([&] { mqtt::testLinkInCollection("c", "links", "text", counter); }).passed);
     EXPECT_EQ(counter, (TestCounter{4, 2, 2}));
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "services/link_list.hpp"
 #include "support/watched.hpp"
 
 #include <mqtt/test_checks.hpp>
@@ -11,7 +12,6 @@
 #include <ostream>
 #include <streambuf>
 #include <string>
-#include <vector>
 
 inline std::string const PREFIX = "[TEST-UTILS] ";
 
@@ -26,15 +26,6 @@ inline std::string failureOf(std::string const& subject) {
 }
 inline std::string cleanSubject(std::string const& topic) {
     return "Check topic \"" + topic + "\" has been cleaned";
-}
-
-inline std::string linksText(std::vector<std::string> const& ids) {
-    std::string members;
-    for (auto const& id : ids) {
-        members += (members.empty() ? "" : ", ") + (R"({"@id": ")" + id + "\"}");
-    }
-    return "{\"members@count\": " + std::to_string(ids.size()) + ", \"members\": [" + members
-           + "]}";
 }
 
 namespace mqtt {

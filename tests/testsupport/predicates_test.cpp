@@ -15,12 +15,6 @@ using Strings = std::vector<std::string>;
 /// A collection whose value the test sets itself.
 class ACollectionToCheck : public testing::Test {
 protected:
-    static support::ClientOptions idle() {
-        support::ClientOptions options;
-        options.connect = false;
-        return options;
-    }
-
     void setLinks(Strings const& ids) {
         mqtt::MqttDataBase::Lock const lock(collection.mutex());
         collection.value.clear();
@@ -34,7 +28,8 @@ protected:
         return checkCollectionPublished(uuids, collection);
     }
 
-    std::unique_ptr<mqtt::MqttClient> client = support::testClient("host", 1883, idle());
+    std::unique_ptr<mqtt::MqttClient> client =
+        support::testClient("host", 1883, {/*persistent=*/false, /*connect=*/false});
     mqtt::MqttDataCollection<mqtt::Link> collection{*client, "links"};
 };
 
@@ -42,12 +37,11 @@ TEST_F(ACollectionToCheck, HasALinkOfExactlyThisText) {
     EXPECT_FALSE(has("")) << "while it is empty";
     std::string const withZeroByte("z\0b", 3);
     setLinks({"other", "a/b", withZeroByte});
-    for (auto const& text : {std::string("a/b"), std::string("other"), withZeroByte}) {
+    for (auto const& text : Strings{"a/b", "other", withZeroByte}) {
         EXPECT_TRUE(has(text)) << text;
     }
-    for (auto const& text : {std::string(), std::string("a"), std::string("a/b/c"),
-                             std::string("A/b"), std::string("/a/b"), std::string("a/b "),
-                             std::string("oth"), std::string("z"), std::string("z\0c", 3)}) {
+    for (auto const& text :
+         Strings{"", "a", "a/b/c", "A/b", "/a/b", "a/b ", "oth", "z", std::string("z\0c", 3)}) {
         EXPECT_FALSE(has(text)) << text;
     }
 }
