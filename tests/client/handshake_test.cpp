@@ -2,6 +2,7 @@
 
 #include "mqtt/client.hpp"
 
+#include "client/connected_sockets.hpp"
 #include "support/broker.hpp"
 #include "support/recorder.hpp"
 #include "support/scripted_server.hpp"
@@ -16,11 +17,8 @@
 #include <sys/socket.h>
 
 #include <atomic>
-#include <cstring>
-#include <filesystem>
 #include <future>
 #include <string>
-#include <vector>
 
 namespace {
 
@@ -50,26 +48,6 @@ using Error = MqttClient::Error;
 using Mode = ScriptedServer::Mode;
 
 constexpr unsigned WAIT_SECONDS = 30;
-
-/// The sockets of this process that are connected to a port of the loopback address.
-std::vector<int> socketsTo(int port) {
-    std::vector<int> found;
-    for (auto const& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-        int const fd = std::stoi(entry.path().filename().string());
-        sockaddr_storage peer{};
-        socklen_t length = sizeof peer;
-        if (::getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &length) != 0
-            || peer.ss_family != AF_INET) {
-            continue;
-        }
-        sockaddr_in internet{};
-        std::memcpy(&internet, &peer, sizeof internet);
-        if (ntohs(internet.sin_port) == port) {
-            found.push_back(fd);
-        }
-    }
-    return found;
-}
 
 // Members are destroyed in reverse order: the client before its listener and its server.
 class AHandshake : public testing::Test {
@@ -149,7 +127,7 @@ TEST_F(AHandshake, CarriesIdentifierSessionAndKeepAlive) {
 
 TEST_F(AHandshake, LeavesASocketThatNoChildProcessInherits) {
     auto const isKeptFromChildren = [&] {
-        auto const sockets = socketsTo(server.port());
+        auto const sockets = socketsConnectedTo(server.port());
         return sockets.size() == 1 && (::fcntl(sockets[0], F_GETFD) & FD_CLOEXEC) != 0;
     };
     client.registerListener(&states);

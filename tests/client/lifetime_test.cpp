@@ -2,6 +2,7 @@
 
 #include "client/scripted_session.hpp"
 
+#include "common/awaited_call.hpp"
 #include "support/broker.hpp"
 #include "support/port_lease.hpp"
 #include "support/raw_peer.hpp"
@@ -131,20 +132,11 @@ TEST_F(TheEndOfAClient, DropsWhatIsQueued) {
 }
 
 TEST_F(TheEndOfAClient, WaitsForTheCallUnderWay) {
-    Watched<bool> entered;
-    Watched<bool> destroyed;
-    std::atomic<bool> left{false};
-    MessageRecorder slow([&](auto&&...) {
-        support::set(entered);
-        EXPECT_FALSE(destroyed.waitFor(isSet, std::chrono::milliseconds(300)));
-        left = true;
-    });
+    AwaitedCall call;
+    MessageRecorder slow([&](auto&&...) { call.run(); });
     subscribe("a", slow);
     send("a", "x");
-    ASSERT_TRUE(entered.waitFor(isSet));
-    client.reset();
-    EXPECT_TRUE(left);
-    support::set(destroyed);
+    call.expectToBeAwaitedBy([&] { client.reset(); });
 }
 
 TEST_F(TheEndOfAClient, ComesInTimeDuringAPause) {

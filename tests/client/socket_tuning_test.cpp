@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/ioctl.h>
@@ -64,10 +63,6 @@ protected:
     FileDescriptor& far = pair.far;
     SocketTuning tuning;
 };
-
-TEST_F(ATcpConnection, IsInheritedByNoChildProcess) {
-    EXPECT_NE(::fcntl(near.get(), F_GETFD) & FD_CLOEXEC, 0);
-}
 
 TEST_F(ATcpConnection, AcknowledgesAtOnceAfterAStepThatLeavesNothingToDo) {
     delayAcknowledgements();

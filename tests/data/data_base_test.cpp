@@ -155,29 +155,20 @@ TEST_F(AnEndpoint, PublishesAndCleansWithItsTopicQosAndRetainedFlag) {
     EXPECT_EQ(endpoint.value, "x");
 }
 
-using Waiting = Named<void(MqttDataBase&)>;
+using Waiting = Named<void(MqttDataBase&, Lock&)>;
 
 class AnEndpointThatWaits : public AnEndpoint, public testing::WithParamInterface<Waiting> {};
 
 INSTANTIATE_TEST_SUITE_P(
     With, AnEndpointThatWaits,
-    testing::Values(Waiting{"PublishWait", [](auto& endpoint) { endpoint.publishWait(); }},
+    testing::Values(Waiting{"PublishWait", [](auto& endpoint, auto&) { endpoint.publishWait(); }},
                     Waiting{"PublishWaitAndLock",
-                            [](auto& endpoint) {
-                                Lock lock(endpoint.mutex());
-                                endpoint.publishWait(lock);
-                            }},
-                    Waiting{"CleanWait", [](auto& endpoint) { endpoint.cleanWait(); }},
+                            [](auto& endpoint, auto& lock) { endpoint.publishWait(lock); }},
+                    Waiting{"CleanWait", [](auto& endpoint, auto&) { endpoint.cleanWait(); }},
                     Waiting{"CleanAndLock",
-                            [](auto& endpoint) {
-                                Lock lock(endpoint.mutex());
-                                endpoint.clean(true, lock);
-                            }},
+                            [](auto& endpoint, auto& lock) { endpoint.clean(true, lock); }},
                     Waiting{"UnsubscribeWait",
-                            [](auto& endpoint) {
-                                Lock lock(endpoint.mutex());
-                                endpoint.unsubscribeWait(lock);
-                            }}),
+                            [](auto& endpoint, auto& lock) { endpoint.unsubscribeWait(lock); }}),
     nameOf<Waiting>);
 
 TEST_P(AnEndpointThatWaits, ReturnsWhenTheBrokerHasAcknowledged) {
@@ -185,7 +176,8 @@ TEST_P(AnEndpointThatWaits, ReturnsWhenTheBrokerHasAcknowledged) {
     script_->setAcknowledging(false);
     support::Watched<bool> returned;
     auto call = std::async(std::launch::async, [&] {
-        GetParam().call(endpoint);
+        Lock lock(endpoint.mutex());
+        GetParam().call(endpoint, lock);
         support::set(returned);
     });
     ASSERT_TRUE(support::eventually([&] {
