@@ -3,39 +3,16 @@
 #include "mqtt/client.hpp"
 
 #include "client/connected_sockets.hpp"
-#include "support/broker.hpp"
 #include "support/recorder.hpp"
 #include "support/scripted_server.hpp"
 #include "support/test_client.hpp"
 
 #include <gmock/gmock.h>
 
-#include <dlfcn.h>
 #include <fcntl.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-#include <sys/socket.h>
 
-#include <atomic>
 #include <future>
 #include <string>
-
-namespace {
-
-std::atomic<int> promptAcknowledgements{0};
-
-} // namespace
-
-// Counts the calls: the kernel changes this option by itself too.
-extern "C" __attribute__((visibility("default"))) int
-setsockopt(int fd, int level, int option, void const* value, socklen_t length) {
-    using SetOption = int (*)(int, int, int, void const*, socklen_t);
-    static auto const original = reinterpret_cast<SetOption>(::dlsym(RTLD_NEXT, "setsockopt"));
-    if (level == IPPROTO_TCP && option == TCP_QUICKACK) {
-        ++promptAcknowledgements;
-    }
-    return original(fd, level, option, value, length);
-}
 
 namespace {
 
@@ -138,19 +115,6 @@ TEST_F(AHandshake, LeavesASocketThatNoChildProcessInherits) {
                                        ComState::CONNECTION_LOST, ComState::CONNECTED}));
     EXPECT_TRUE(isKeptFromChildren()) << "after a reconnection";
     client.unregisterListener(&states);
-}
-
-TEST(AConnection, IsToldToAcknowledgeAtOnceAgainAndAgain) {
-    support::Broker const broker;
-    auto const client = support::testClient(broker);
-    for (int i = 0; i < 3; ++i) {
-        int const before = promptAcknowledgements;
-        // Not after every exchange: on a busy machine the kernel may acknowledge first.
-        ASSERT_TRUE(support::eventually([&] {
-            EXPECT_EQ(client->publishWait("a", "x", 2, false, WAIT_SECONDS), Error::SUCCESS);
-            return promptAcknowledgements > before;
-        })) << i;
-    }
 }
 
 } // namespace

@@ -9,6 +9,7 @@
 
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <future>
 #include <stdexcept>
@@ -78,6 +79,23 @@ TEST_F(AConnectionOnAScript, LetsTheBackOffGrowWithEachStepThatFails) {
     auto const before = script_->loops();
     ASSERT_TRUE(support::eventually([&] { return script_->loops() > before + 1; }));
     EXPECT_EQ(mqtt::nextReconnectAttempt(), 2);
+}
+
+TEST_F(AConnectionOnAScript, IsTriedAgainAfterAGrowingDelay) {
+    mqtt::resetReconnectAttempts();
+    support::Watched<std::vector<std::chrono::steady_clock::time_point>> attempts;
+    script_->setHook(Operation::RECONNECT, [&](auto const&) {
+        attempts.change([](auto& all) { all.push_back(std::chrono::steady_clock::now()); });
+        return FAILED;
+    });
+    connect();
+    script_->loseConnection();
+    ASSERT_TRUE(attempts.waitFor([](auto const& all) { return all.size() >= 3; }));
+    script_->setHook(Operation::RECONNECT, {});
+    auto const times = attempts.copy();
+    // No upper bound: a busy machine may wake the worker late.
+    EXPECT_GE(times[1] - times[0], mqtt::reconnectDelay(2));
+    EXPECT_GE(times[2] - times[1], mqtt::reconnectDelay(3));
 }
 
 TEST_F(AConnectionOnAScript, EstablishedOrSearchedForIsGivenUp) {

@@ -119,7 +119,7 @@ INSTANTIATE_TEST_SUITE_P(
                Operation::PUBLISH},
         Locked{"CleanWait", [](auto& endpoint, auto& lock) { endpoint.clean(true, lock); },
                Operation::PUBLISH}),
-    nameOf<Locked>);
+    [](auto const& row) { return std::string(row.param.name); });
 
 TEST_P(AnOperationWithALock, ReleasesItBeforeItCallsTheClient) {
     if (GetParam().operation == Operation::UNSUBSCRIBE) {
