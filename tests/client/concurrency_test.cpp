@@ -24,7 +24,8 @@ using mqtt::Topic;
 using Client = mqtt::MqttClient;
 using Error = mqtt::MqttClient::Error;
 
-std::vector<std::string> const FLOODED_TOPICS{"flood/0", "flood/1", "flood/2", "flood/3"};
+std::vector<Flood::Post> const POSTS{
+    {"flood/0", "x"}, {"flood/1", "x"}, {"flood/2", "x"}, {"flood/3", "x"}};
 
 constexpr int ROUNDS = 400 / support::TIMEOUT_FACTOR;
 
@@ -89,7 +90,7 @@ TEST(Subscribers, ComeAndGoWhileMessagesArrive) {
     ASSERT_EQ(client->subscribe("other/#", &permanent, 0), Error::SUCCESS);
     std::atomic<int> called{0};
     {
-        Flood const flood(broker, FLOODED_TOPICS, "x");
+        Flood const flood(broker, POSTS);
         std::vector<std::thread> threads;
         for (unsigned i = 0; i < 3; ++i) {
             threads.emplace_back([&, i] { makeAndDestroySubscribers(*client, called, i + 1); });
@@ -105,7 +106,7 @@ TEST(Subscribers, ComeAndGoWhileMessagesArrive) {
 
 TEST(Clients, AreDestroyedWhileMessagesArrive) {
     support::Broker broker;
-    Flood const flood(broker, FLOODED_TOPICS, "x");
+    Flood const flood(broker, POSTS);
     for (int round = 0; round < ROUNDS / 10; ++round) {
         std::array<support::MessageRecorder, 3> recorders;
         auto client = support::testClient(broker);

@@ -96,16 +96,13 @@ TEST_F(APacedClient, GathersEveryStreamAndSendsAtOnceAgainAfterIt) {
     }
 }
 
-TEST_F(APacedClient, GathersWhatWasQueued) {
-    stream(publish);
-    connect();
-    EXPECT_TRUE(gathers());
-}
-
-TEST_F(APacedClient, GathersTheSubscriptionsOfItsRegistry) {
-    stream(subscribe);
-    connect();
-    EXPECT_TRUE(gathers());
+TEST_F(APacedClient, GathersWhatWasQueuedAndTheSubscriptionsOfItsRegistry) {
+    for (auto const* const step : {&publish, &subscribe}) {
+        stream(*step);
+        connect();
+        EXPECT_TRUE(gathers());
+        ASSERT_EQ(client.disconnect(WAIT_SECONDS), Error::SUCCESS);
+    }
 }
 
 } // namespace

@@ -21,7 +21,8 @@ using mqtt::Topic;
 std::vector<std::vector<std::string>> const NAMES{
     {"a", "b", "", "aa"},
     // Below, between and above the wildcards, and the smallest and largest bytes.
-    {"", "!", "\"", "$", "$a", "*", "'", ",", "-", ".", "0", "a", "\x01", "\x7f", "\x80", "\xff"}};
+    {"", "!", "\"", "$", "$a", "a!", "a-", "*", "'", ",", "-", ".", "0", "a", "\x01", "\x7f",
+     "\x80", "\xff"}};
 
 class RandomTexts {
 public:
