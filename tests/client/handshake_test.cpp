@@ -2,7 +2,7 @@
 
 #include "mqtt/client.hpp"
 
-#include "client/connected_sockets.hpp"
+#include "client/sockets.hpp"
 #include "support/recorder.hpp"
 #include "support/scripted_server.hpp"
 #include "support/test_client.hpp"

@@ -1,4 +1,4 @@
-#include "client/connected_sockets.hpp"
+#include "client/sockets.hpp"
 #include "support/broker.hpp"
 #include "support/eventually.hpp"
 #include "support/recorder.hpp"
@@ -7,10 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <string>
-#include <sys/socket.h>
 
 namespace {
 
@@ -29,12 +26,9 @@ protected:
     void connect() { ASSERT_EQ(client.connect("", -1, WAIT_SECONDS), Error::SUCCESS); }
 
     bool sendsAtOnce() const {
-        int value = -1;
-        socklen_t length = sizeof value;
         auto const sockets = socketsConnectedTo(broker.port());
         EXPECT_EQ(sockets.size(), 1U);
-        ::getsockopt(sockets.at(0), IPPROTO_TCP, TCP_NODELAY, &value, &length);
-        return value == 1;
+        return isOn(sockets.at(0), TCP_NODELAY);
     }
 
     bool gathers() const {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 
 #include <cstring>
@@ -26,4 +27,17 @@ inline std::vector<int> socketsConnectedTo(int port) {
         }
     }
     return found;
+}
+
+/// An option of TCP, such as TCP_NODELAY.
+inline bool isOn(int socket, int option) {
+    int value = -1;
+    socklen_t length = sizeof value;
+    ::getsockopt(socket, IPPROTO_TCP, option, &value, &length);
+    return value == 1;
+}
+
+inline void switchOff(int socket, int option) {
+    int const off = 0;
+    ::setsockopt(socket, IPPROTO_TCP, option, &off, sizeof off);
 }
