@@ -112,39 +112,21 @@ TEST_F(AConnectionOnAScript, EstablishedOrSearchedForIsGivenUp) {
     connect();
 }
 
-/// Keeps the worker inside one network step until two threads have asked to connect.
-class AConnectionMadeByTwo : public AConnectionOnAScript {
-protected:
-    struct Counts {
-        bool workerIsInside = false;
-        int callers = 0;
-    };
-    using Shared = std::shared_ptr<support::Watched<Counts>>;
-
-    Shared holdTheWorker() {
-        auto const counts = std::make_shared<support::Watched<Counts>>();
-        script_->setHook(Operation::LOOP, [counts](auto const&) -> std::optional<int> {
-            bool const isFirstStep = counts->change(
-                [](Counts& now) { return !std::exchange(now.workerIsInside, true); });
-            if (isFirstStep) {
-                EXPECT_TRUE(counts->waitFor([](Counts const& now) { return now.callers == 2; }));
-                // Callers count themselves a few instructions before they wait.
-                for (int i = 0; i < 1000; ++i) {
-                    std::this_thread::yield();
-                }
-            }
-            return std::nullopt;
-        });
-        EXPECT_TRUE(counts->waitFor([](Counts const& now) { return now.workerIsInside; }));
-        return counts;
-    }
-};
-
-TEST_F(AConnectionMadeByTwo, SucceedsForOneOfThem) {
+TEST_F(AConnectionOnAScript, RequestedByTwoDuringANetworkStepIsMadeForOneOfThem) {
     for (std::size_t round = 1; round <= 20; ++round) {
-        auto const counts = holdTheWorker();
+        support::Watched<bool> workerIsInside;
+        support::Watched<int> callers;
+        script_->post([&](auto&) {
+            support::set(workerIsInside);
+            EXPECT_TRUE(callers.waitFor([](int count) { return count == 2; }));
+            // Callers count themselves a few instructions before they wait.
+            for (int i = 0; i < 1000; ++i) {
+                std::this_thread::yield();
+            }
+        });
+        ASSERT_TRUE(workerIsInside.waitFor(support::isSet));
         auto const connectOnce = [&] {
-            counts->change([](Counts& now) { ++now.callers; });
+            callers.change([](int& count) { ++count; });
             return client_->connect("", -1, WAIT_SECONDS);
         };
         auto other = std::async(std::launch::async, connectOnce);
