@@ -1,11 +1,9 @@
-#include "support/watched.hpp"
+#include "common/awaited_call.hpp"
 
 #include <zym/common/binder_proxy.hpp>
 
 #include <gmock/gmock.h>
 
-#include <atomic>
-#include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
@@ -16,9 +14,6 @@
 namespace {
 
 using conv::SecondsDuration;
-using support::isSet;
-using support::set;
-using support::Watched;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using zym::common::BinderProxy;
@@ -87,6 +82,8 @@ TEST_F(ABinderProxy, RecordsTheServerOfABindingAndIsBusyDuringIt) {
     EXPECT_EQ(proxy_.uuid(), SELF);
     EXPECT_EQ(proxy_.serverUuid(), Uuid::NIL);
     EXPECT_FALSE(proxy_.isTerminated());
+    proxy_.endBinding(Error::SUCCESS); // neither has begun
+    proxy_.endUnbinding(Error::SUCCESS);
     EXPECT_EQ(proxy_.startUnbinding(), Error::NOT_BOUND);
     EXPECT_EQ(proxy_.startBinding(SERVER), Error::SUCCESS);
     EXPECT_EQ(proxy_.startBinding(OTHER_SERVER), Error::BUSY);
@@ -120,13 +117,6 @@ TEST_F(ABinderProxy, IsFreeAgainWhenABindingFails) {
         EXPECT_THAT(listener_.events, ElementsAre(Event("bound", error)));
         EXPECT_EQ(proxy_.startUnbinding(), Error::NOT_BOUND);
     }
-}
-
-TEST_F(ABinderProxy, IgnoresTheEndOfWhatHasNotBegun) {
-    proxy_.endBinding(Error::SUCCESS);
-    proxy_.endUnbinding(Error::SUCCESS);
-    EXPECT_THAT(listener_.events, IsEmpty());
-    EXPECT_FALSE(isBound());
 }
 
 TEST_F(ABinderProxy, IsBusyWhileUnbindingAndNotBoundAfterIt) {
@@ -207,28 +197,12 @@ TEST(ABinderProxyWithoutAListener, EndsItsPhases) {
 }
 
 TEST_F(ABinderProxy, IsTerminatedOnlyWhenTheListenerCallOfAnotherThreadIsOver) {
-    Watched<bool> inside;
-    Watched<bool> mayLeave;
-    Watched<bool> returned;
-    std::atomic<bool> left{false};
-    listener_.reaction = [&] {
-        set(inside);
-        EXPECT_TRUE(mayLeave.waitFor(isSet));
-        left = true;
-    };
+    AwaitedCall call;
+    listener_.reaction = [&] { call.run(); };
     ASSERT_EQ(proxy_.startBinding(SERVER), Error::SUCCESS);
     std::thread ending([this] { proxy_.endBinding(Error::SUCCESS); });
-    ASSERT_TRUE(inside.waitFor(isSet));
-    std::thread terminating([&] {
-        proxy_.terminate();
-        set(returned);
-    });
-    // Long enough to see that the call waits.
-    EXPECT_FALSE(returned.waitFor(isSet, std::chrono::milliseconds(50)));
-    set(mayLeave);
-    terminating.join();
+    call.expectToBeAwaitedBy([this] { proxy_.terminate(); });
     ending.join();
-    EXPECT_TRUE(left);
 }
 
 } // namespace

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <type_traits>
+#include <utility>
 
 namespace {
 
@@ -88,14 +89,9 @@ TEST(ATimeBaseAdaptor, IsTerminatedOnce) {
     EXPECT_FALSE(adaptor.setTerminatedFlag());
 }
 
-TEST(ATimeBase, IsAProxyOrAnAdaptor) {
-    BareProxy const proxy(Uuid(1), nullptr);
-    BareAdaptor const adaptor;
-    SynchronizedTimeBase const* base = &proxy;
-    EXPECT_EQ(base->timeBase(), 7U);
-    base = &adaptor;
-    EXPECT_EQ(base->timeBase(), 8U);
-    static_assert(std::is_same_v<decltype(base->timeBase()), std::uint32_t>);
-}
+static_assert(std::is_base_of_v<SynchronizedTimeBase, SynchronizedTimeBaseProxy>);
+static_assert(std::is_base_of_v<SynchronizedTimeBase, SynchronizedTimeBaseAdaptor>);
+static_assert(
+    std::is_same_v<decltype(std::declval<SynchronizedTimeBase>().timeBase()), std::uint32_t>);
 
 } // namespace

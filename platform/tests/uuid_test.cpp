@@ -50,30 +50,21 @@ TEST(AUuidFromText, PrintsBackTheSameInEveryByte) {
 }
 
 TEST(AUuidFromText, IsRefusedForEveryOtherText) {
-    std::vector<std::string> const texts{
-        "",
-        "0",
-        "00112233-4455-6677-8899-aabbccddeef",
-        "00112233-4455-6677-8899-aabbccddeeff0",
-        "00112233-4455-6677-8899-aabbccddeefg",
-        "00112233-4455-6677-8899_aabbccddeeff",
-        "001122334-455-6677-8899-aabbccddeeff",
-        "{0112233-4455-6677-8899-aabbccddeef}",
-        "00112233445566778899aabbccddeeff",
-        " 0112233-4455-6677-8899-aabbccddeeff",
-        "+0112233-4455-6677-8899-aabbccddeeff",
-        "ABEiM0RVZneImaq7zN3u_",
-        "ABEiM0RVZneImaq7zN3u_w=",
-        "ABEiM0RVZneImaq7zN3u_w==",
-        "ABEiM0RVZneImaq7zN3u/w",
-        "ABEiM0RVZneImaq7zN3u+w",
-        "ABEiM0RVZneImaq7zN3u w",
-        "ABEiM0RVZneImaq7zN3u{w",
-        "ABEiM0RVZneImaq7zN3u~w",
-        "ABEiM0RVZneImaq7zN3u@w",
-        std::string("ABEiM0RVZneImaq7zN3u\0w", 22),
-        "ABEiM0RVZneImaq7zN3\xc3\xa9w",
-    };
+    std::vector<std::string> texts{"",
+                                   "0",
+                                   "00112233-4455-6677-8899-aabbccddeefg",
+                                   "00112233-4455-6677-8899_aabbccddeeff",
+                                   "001122334-455-6677-8899-aabbccddeeff",
+                                   "00112233445566778899aabbccddeeff"};
+    for (std::string const good : {PLAIN, BASE64}) {
+        texts.insert(texts.end(), {good.substr(1), good + "0", good + "=", good + "=="});
+        for (char const bad : std::string("/+ {~@\0\xc3", 8)) {
+            for (std::size_t place = 0; place < good.size(); ++place) {
+                texts.push_back(good);
+                texts.back()[place] = bad;
+            }
+        }
+    }
     for (std::string const& text : texts) {
         EXPECT_THROW(Uuid{text}, std::invalid_argument) << text;
     }

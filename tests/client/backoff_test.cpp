@@ -4,26 +4,20 @@
 
 #include <climits>
 #include <thread>
-#include <utility>
 #include <vector>
 
 namespace {
 
 TEST(TheReconnectDelay, GrowsWithTheSquareOfTheAttemptUpToFifteenSeconds) {
+    struct Row {
+        int attempt;
+        long milliseconds;
+    };
+    // The square of 46341 is beyond an int.
     for (auto const& [attempt, milliseconds] :
-         std::vector<std::pair<int, long>>{{0, 0},
-                                           {1, 500},
-                                           {2, 2000},
-                                           {3, 4500},
-                                           {4, 8000},
-                                           {5, 12500},
-                                           {6, 15000},
-                                           {7, 15000},
-                                           {2072, 15000},
-                                           {46340, 15000},
-                                           {46341, 15000}, // its square is beyond an int
-                                           {65536, 15000},
-                                           {INT_MAX, 15000}}) {
+         {Row{0, 0}, Row{1, 500}, Row{2, 2000}, Row{3, 4500}, Row{4, 8000}, Row{5, 12500},
+          Row{6, 15000}, Row{7, 15000}, Row{2072, 15000}, Row{46340, 15000}, Row{46341, 15000},
+          Row{65536, 15000}, Row{INT_MAX, 15000}}) {
         EXPECT_EQ(mqtt::reconnectDelay(attempt).count(), milliseconds) << attempt;
     }
 }

@@ -59,6 +59,21 @@ TEST_F(AClient, RefusesAPortOutOfRangeAndChangesNothing) {
     EXPECT_EQ(madeWithABadPort.communicationState(), ComState::DISCONNECTED);
 }
 
+TEST_F(AClient, FindsTheBrokerItWasLastConnectedToAgainAndAgain) {
+    support::PortLease const elsewhere;
+    MqttClient client(support::uniqueId(), false, "", "127.0.0.1", elsewhere.port(), false);
+    ASSERT_EQ(client.connect(broker_.host(), broker_.port(), WAIT_SECONDS), Error::SUCCESS);
+    client.registerListener(&states_);
+    for (int i = 0; i < 3; ++i) {
+        broker_.kill();
+        ASSERT_TRUE(states_.waitFor(ComState::CONNECTION_LOST)) << i;
+        broker_.start();
+        ASSERT_TRUE(states_.waitFor(ComState::CONNECTED)) << i;
+        EXPECT_EQ(client.publishWait("a", "x", 2, false, WAIT_SECONDS), Error::SUCCESS) << i;
+    }
+    client.unregisterListener(&states_);
+}
+
 TEST_F(AClient, HasNoTrafficWhilePaused) {
     ASSERT_EQ(client_.connect("", -1, WAIT_SECONDS), Error::SUCCESS);
     client_.pause();

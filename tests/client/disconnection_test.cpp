@@ -79,7 +79,7 @@ TEST(Disconnect, IsCleanWhileManyMessagesArrive) {
     client->registerListener(&states);
     ASSERT_EQ(client->setWill("will", "dropped", 2, false), Error::SUCCESS);
     ASSERT_EQ(client->subscribe("flood", &recorder, 0), Error::SUCCESS);
-    Flood const flood(broker, {"flood"}, std::string(200, 'x'));
+    Flood const flood(broker, {{"flood", std::string(200, 'x')}});
     for (int i = 0; i < 40; ++i) {
         ASSERT_EQ(client->connect("", -1, WAIT_SECONDS), Error::SUCCESS) << i;
         recorder.clear();

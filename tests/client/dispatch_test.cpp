@@ -124,6 +124,35 @@ TEST_F(ADispatch, LooksForTheTopicWithoutOneSeparatorAtEitherEnd) {
     EXPECT_THAT(second.deliveries(), ElementsAre(Delivery{0, "c", "c"}));
 }
 
+TEST_F(ADispatch, CallsASubscriberTwiceThatSubscribesTwiceUntilItUnsubscribesTwice) {
+    subscribe("a", first, 1);
+    subscribe("a", second, 2);
+    subscribe("a", first, 3);
+    send("a", "x");
+    receiveAll();
+    EXPECT_EQ(client->unsubscribe("a", &first), Error::NOT_FOUND);
+    send("a", "y");
+    receiveAll();
+    EXPECT_EQ(client->unsubscribe("a", &first), Error::NOT_FOUND);
+    send("a", "z");
+    receiveAll();
+    EXPECT_THAT(first.deliveries(),
+                ElementsAre(Delivery{1, "a", "x"}, Delivery{3, "a", "x"}, Delivery{3, "a", "y"}))
+        << "the first one is ended first";
+    EXPECT_THAT(second.payloads(), ElementsAre("x", "y", "z"));
+}
+
+TEST_F(ADispatch, GoesOnAfterTheEndOfASubscriptionThatIsNotThere) {
+    EXPECT_EQ(client->unsubscribe("a", &first), Error::NOT_FOUND);
+    subscribe("a", first);
+    EXPECT_EQ(client->unsubscribe("b", &first), Error::NOT_FOUND);
+    EXPECT_EQ(client->unsubscribe("+", &first), Error::NOT_FOUND) << "a pattern finds itself only";
+    EXPECT_EQ(client->unsubscribe("a", &second), Error::NOT_FOUND);
+    send("a", "x");
+    receiveAll();
+    EXPECT_THAT(first.payloads(), ElementsAre("x"));
+}
+
 TEST_F(ADispatch, GoesOnAfterASubscriberThrows) {
     MessageRecorder standard([](auto&&...) { throw std::runtime_error("on purpose"); });
     MessageRecorder foreign([](auto&&...) { throw 42; });

@@ -20,10 +20,6 @@ public:
 
     Flood(support::Broker const& broker, std::vector<Post> posts)
         : posts_(std::move(posts)), peer_(broker), thread_([this] { run(); }) {}
-    /// The same payload on all these topics.
-    Flood(support::Broker const& broker, std::vector<std::string> const& topics,
-          std::string const& payload)
-        : Flood(broker, toAll(topics, payload)) {}
     ~Flood() {
         stop_ = true;
         thread_.join();
@@ -32,15 +28,6 @@ public:
     Flood& operator=(Flood const&) = delete;
 
 private:
-    static std::vector<Post> toAll(std::vector<std::string> const& topics,
-                                   std::string const& payload) {
-        std::vector<Post> posts;
-        for (auto const& topic : topics) {
-            posts.push_back({topic, payload});
-        }
-        return posts;
-    }
-
     void run() {
         for (std::size_t i = 0; !stop_; ++i) {
             auto const& post = posts_[i % posts_.size()];

@@ -2,42 +2,17 @@
 
 #include "mqtt/client.hpp"
 
-#include "support/broker.hpp"
+#include "client/sockets.hpp"
 #include "support/recorder.hpp"
 #include "support/scripted_server.hpp"
 #include "support/test_client.hpp"
 
 #include <gmock/gmock.h>
 
-#include <dlfcn.h>
 #include <fcntl.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-#include <sys/socket.h>
 
-#include <atomic>
-#include <cstring>
-#include <filesystem>
 #include <future>
 #include <string>
-#include <vector>
-
-namespace {
-
-std::atomic<int> promptAcknowledgements{0};
-
-} // namespace
-
-// Counts the calls: the kernel changes this option by itself too.
-extern "C" __attribute__((visibility("default"))) int
-setsockopt(int fd, int level, int option, void const* value, socklen_t length) {
-    using SetOption = int (*)(int, int, int, void const*, socklen_t);
-    static auto const original = reinterpret_cast<SetOption>(::dlsym(RTLD_NEXT, "setsockopt"));
-    if (level == IPPROTO_TCP && option == TCP_QUICKACK) {
-        ++promptAcknowledgements;
-    }
-    return original(fd, level, option, value, length);
-}
 
 namespace {
 
@@ -50,26 +25,6 @@ using Error = MqttClient::Error;
 using Mode = ScriptedServer::Mode;
 
 constexpr unsigned WAIT_SECONDS = 30;
-
-/// The sockets of this process that are connected to a port of the loopback address.
-std::vector<int> socketsTo(int port) {
-    std::vector<int> found;
-    for (auto const& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-        int const fd = std::stoi(entry.path().filename().string());
-        sockaddr_storage peer{};
-        socklen_t length = sizeof peer;
-        if (::getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &length) != 0
-            || peer.ss_family != AF_INET) {
-            continue;
-        }
-        sockaddr_in internet{};
-        std::memcpy(&internet, &peer, sizeof internet);
-        if (ntohs(internet.sin_port) == port) {
-            found.push_back(fd);
-        }
-    }
-    return found;
-}
 
 // Members are destroyed in reverse order: the client before its listener and its server.
 class AHandshake : public testing::Test {
@@ -149,7 +104,7 @@ TEST_F(AHandshake, CarriesIdentifierSessionAndKeepAlive) {
 
 TEST_F(AHandshake, LeavesASocketThatNoChildProcessInherits) {
     auto const isKeptFromChildren = [&] {
-        auto const sockets = socketsTo(server.port());
+        auto const sockets = socketsConnectedTo(server.port());
         return sockets.size() == 1 && (::fcntl(sockets[0], F_GETFD) & FD_CLOEXEC) != 0;
     };
     client.registerListener(&states);
@@ -160,19 +115,6 @@ TEST_F(AHandshake, LeavesASocketThatNoChildProcessInherits) {
                                        ComState::CONNECTION_LOST, ComState::CONNECTED}));
     EXPECT_TRUE(isKeptFromChildren()) << "after a reconnection";
     client.unregisterListener(&states);
-}
-
-TEST(AConnection, IsToldToAcknowledgeAtOnceAgainAndAgain) {
-    support::Broker const broker;
-    auto const client = support::testClient(broker);
-    for (int i = 0; i < 3; ++i) {
-        int const before = promptAcknowledgements;
-        // Not after every exchange: on a busy machine the kernel may acknowledge first.
-        ASSERT_TRUE(support::eventually([&] {
-            EXPECT_EQ(client->publishWait("a", "x", 2, false, WAIT_SECONDS), Error::SUCCESS);
-            return promptAcknowledgements > before;
-        })) << i;
-    }
 }
 
 } // namespace

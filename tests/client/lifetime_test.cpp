@@ -2,9 +2,8 @@
 
 #include "client/scripted_session.hpp"
 
-#include "support/broker.hpp"
+#include "common/awaited_call.hpp"
 #include "support/port_lease.hpp"
-#include "support/raw_peer.hpp"
 #include "support/watched.hpp"
 
 #include <gmock/gmock.h>
@@ -131,20 +130,11 @@ TEST_F(TheEndOfAClient, DropsWhatIsQueued) {
 }
 
 TEST_F(TheEndOfAClient, WaitsForTheCallUnderWay) {
-    Watched<bool> entered;
-    Watched<bool> destroyed;
-    std::atomic<bool> left{false};
-    MessageRecorder slow([&](auto&&...) {
-        support::set(entered);
-        EXPECT_FALSE(destroyed.waitFor(isSet, std::chrono::milliseconds(300)));
-        left = true;
-    });
+    AwaitedCall call;
+    MessageRecorder slow([&](auto&&...) { call.run(); });
     subscribe("a", slow);
     send("a", "x");
-    ASSERT_TRUE(entered.waitFor(isSet));
-    client.reset();
-    EXPECT_TRUE(left);
-    support::set(destroyed);
+    call.expectToBeAwaitedBy([&] { client.reset(); });
 }
 
 TEST_F(TheEndOfAClient, ComesInTimeDuringAPause) {
@@ -193,30 +183,6 @@ TEST_F(TheEndOfAClient, ComesInTimeWithoutAnyConnection) {
     client = idleClient(1);
     subscribe("a", first);
     expectToBeInTime();
-}
-
-TEST(APersistentClient, LeavesNoSubscriptionInItsSession) {
-    support::Broker broker;
-    support::RawPeer peer(broker);
-    MessageRecorder before;
-    support::ClientOptions options;
-    options.persistent = true;
-    options.id = support::uniqueId();
-    auto client = support::testClient(broker, options);
-    ASSERT_EQ(client->subscribe("#", &before, 0), Error::SUCCESS);
-    ASSERT_EQ(client->publishWait("reached", "", 1, false, 30), Error::SUCCESS);
-    client.reset();
-
-    // The same session again: it would receive what it is still subscribed to.
-    support::RawPeerOptions session;
-    session.clientId = Client::clientId(options.id);
-    session.cleanSession = false;
-    support::RawPeer successor(broker, session);
-    peer.publish("a", "left behind");
-    successor.subscribe("marker");
-    peer.publish("marker", "end");
-    ASSERT_TRUE(successor.waitForMessages(1));
-    EXPECT_THAT(successor.payloads(), ElementsAre("end"));
 }
 
 } // namespace

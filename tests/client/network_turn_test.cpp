@@ -1,11 +1,11 @@
 #include "client/network_turn.hpp"
 
+#include "support/watched.hpp"
+
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
 #include <thread>
 
 namespace {
@@ -54,54 +54,41 @@ class WaitingWorker {
 public:
     explicit WaitingWorker(NetworkTurn& turn) : turn_(turn) {}
     ~WaitingWorker() {
-        {
-            std::lock_guard const lock(mutex_);
-            stop_ = true;
-        }
-        changed_.notify_all();
+        state_.change([](State& state) { state.stop = true; });
         thread_.join();
     }
     WaitingWorker(WaitingWorker const&) = delete;
     WaitingWorker& operator=(WaitingWorker const&) = delete;
 
-    void awaitStep() {
-        std::unique_lock lock(mutex_);
-        changed_.wait(lock, [this] { return inside_; });
+    bool awaitStep() const {
+        return state_.waitFor([](State const& state) { return state.isInside; });
     }
 
     /// Returns when the step is over and the next one may begin.
     bool wake() {
-        std::unique_lock lock(mutex_);
-        woken_ = true;
-        changed_.notify_all();
-        changed_.wait(lock, [this] { return !inside_; });
-        return true;
+        state_.change([](State& state) { state.isWoken = true; });
+        return state_.waitFor([](State const& state) { return !state.isInside; });
     }
 
 private:
+    struct State {
+        bool stop = false;
+        bool isInside = false;
+        bool isWoken = false;
+    };
+
     void run() {
-        std::unique_lock lock(mutex_, std::defer_lock);
-        while (!stop_) {
+        while (!state_.copy().stop) {
             turn_.enter();
-            lock.lock();
-            inside_ = true;
-            changed_.notify_all();
-            changed_.wait(lock, [this] { return woken_ || stop_; });
-            lock.unlock();
+            state_.change([](State& state) { state.isInside = true; });
+            state_.waitFor([](State const& state) { return state.isWoken || state.stop; });
             turn_.leave();
-            lock.lock();
-            inside_ = woken_ = false;
-            changed_.notify_all();
-            lock.unlock();
+            state_.change([](State& state) { state.isInside = state.isWoken = false; });
         }
     }
 
     NetworkTurn& turn_;
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    std::atomic<bool> stop_{false};
-    bool inside_ = false;
-    bool woken_ = false;
+    support::Watched<State> state_;
     std::thread thread_{[this] { run(); }};
 };
 
@@ -109,7 +96,7 @@ TEST(TheNetworkTurn, GoesToACallerThatHasWokenTheWorkerBeforeTheNextStep) {
     NetworkTurn turn;
     WaitingWorker worker(turn);
     for (int i = 0; i < 1000; ++i) {
-        worker.awaitStep();
+        ASSERT_TRUE(worker.awaitStep());
         ASSERT_TRUE(turn.takeWithin(std::chrono::minutes(1), [&] { return worker.wake(); }));
         turn.giveBack();
     }

@@ -1,3 +1,4 @@
+#include "client/sockets.hpp"
 #include "support/broker.hpp"
 #include "support/eventually.hpp"
 #include "support/recorder.hpp"
@@ -5,156 +6,97 @@
 
 #include <gtest/gtest.h>
 
-#include <cstddef>
-#include <cstdlib>
-#include <filesystem>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
+#include <functional>
 #include <string>
-#include <sys/socket.h>
 
 namespace {
 
-using conv::SecondsDuration;
 using mqtt::Topic;
 using Error = mqtt::MqttClient::Error;
 
-SecondsDuration const PATIENCE{30};
+constexpr unsigned WAIT_SECONDS = 30;
+constexpr int STREAM_LENGTH = 100;
 
-bool isConnectedTo(int fd, int port) {
-    sockaddr_in peer{};
-    socklen_t length = sizeof peer;
-    return ::getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &length) == 0
-           && peer.sin_family == AF_INET && ntohs(peer.sin_port) == port;
-}
+/// One call of an operation that sends a packet.
+using Step = std::function<Error(int number)>;
 
-/// Our end of the only connection that this process has to a port, or -1.
-int connectionTo(int port) {
-    for (auto const& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-        int const fd = std::atoi(entry.path().filename().c_str());
-        if (isConnectedTo(fd, port)) {
-            return fd;
-        }
-    }
-    return -1;
-}
-
-/// A client with a broker of its own.
+/// A client, not yet connected, with a broker of its own.
 class APacedClient : public testing::Test {
 protected:
-    explicit APacedClient(bool connected = true)
-        : client(support::testClient(broker, options(connected))) {}
+    void connect() { ASSERT_EQ(client.connect("", -1, WAIT_SECONDS), Error::SUCCESS); }
 
     bool sendsAtOnce() const {
-        int value = -1;
-        socklen_t length = sizeof value;
-        ::getsockopt(connectionTo(broker.port()), IPPROTO_TCP, TCP_NODELAY, &value, &length);
-        return value == 1;
+        auto const sockets = socketsConnectedTo(broker.port());
+        EXPECT_EQ(sockets.size(), 1U);
+        return isOn(sockets.at(0), TCP_NODELAY);
     }
 
     bool gathers() const {
         return support::eventually([this] { return !sendsAtOnce(); });
     }
 
-    void publish(int count) {
-        for (int i = 0; i < count; ++i) {
-            EXPECT_EQ(client->publish(topic, "news", 1, false), Error::SUCCESS);
-        }
-    }
-
-    void subscribeToAll() {
-        for (int i = 0; i < STREAM_LENGTH; ++i) {
-            EXPECT_EQ(client->subscribe(topic + std::to_string(i), &recorder, 0), Error::SUCCESS);
-        }
-    }
-
     bool sendsAtOnceAfterExchanges() {
         return support::eventually([this] {
-            EXPECT_EQ(client->publishWait(topic, "news", 1, false, PATIENCE), Error::SUCCESS);
+            publishWait();
             return sendsAtOnce();
         });
     }
 
-    static constexpr int STREAM_LENGTH = 100;
-
-    static support::ClientOptions options(bool connected) {
-        support::ClientOptions result;
-        result.connect = connected;
-        return result;
+    void publishWait() {
+        EXPECT_EQ(client.publishWait(topic, "news", 1, false, WAIT_SECONDS), Error::SUCCESS);
     }
+
+    void stream(Step const& step) {
+        for (int i = 0; i < STREAM_LENGTH; ++i) {
+            EXPECT_EQ(step(i), Error::SUCCESS);
+        }
+    }
+
+    Step const publish = [this](int) { return client.publish(topic, "news", 1, false); };
+    Step const clear = [this](int) { return client.clear(topic); };
+    Step const subscribe = [this](int i) {
+        return client.subscribe(topic + std::to_string(i), &recorder, 0);
+    };
+    Step const unsubscribe = [this](int i) {
+        return client.unsubscribe(topic + std::to_string(i), &recorder);
+    };
 
     Topic const topic{"paced"};
     support::MessageRecorder recorder;
     support::Broker broker;
-    std::unique_ptr<mqtt::MqttClient> client;
+    mqtt::MqttClient client{support::uniqueId(), false, "", broker.host(), broker.port(), false};
 };
-
-class AnUnconnectedPacedClient : public APacedClient {
-protected:
-    AnUnconnectedPacedClient() : APacedClient(false) {}
-
-    void connect() { ASSERT_EQ(client->connect("", -1, PATIENCE), Error::SUCCESS); }
-};
-
-TEST_F(APacedClient, SendsAtOnceWhatItWaitsFor) {
-    for (int i = 0; i < STREAM_LENGTH; ++i) {
-        ASSERT_EQ(client->publishWait(topic, "news", 1, false, PATIENCE), Error::SUCCESS);
-    }
-    EXPECT_TRUE(sendsAtOnce());
-}
 
 TEST_F(APacedClient, SendsAtOnceInAnExchange) {
-    ASSERT_EQ(client->subscribe(topic, &recorder, 0), Error::SUCCESS);
+    connect();
+    for (int i = 0; i < STREAM_LENGTH; ++i) {
+        publishWait();
+    }
+    EXPECT_TRUE(sendsAtOnce());
+    ASSERT_EQ(client.subscribe(topic, &recorder, 0), Error::SUCCESS);
     for (std::size_t i = 1; i <= STREAM_LENGTH; ++i) {
-        publish(1);
+        EXPECT_EQ(publish(0), Error::SUCCESS);
         ASSERT_TRUE(recorder.waitForCount(i));
     }
     EXPECT_TRUE(sendsAtOnce());
 }
 
-TEST_F(APacedClient, GathersAStreamOfPublications) {
-    publish(STREAM_LENGTH);
-    EXPECT_TRUE(gathers());
-}
-
-TEST_F(APacedClient, GathersAStreamOfClearedTopics) {
-    for (int i = 0; i < STREAM_LENGTH; ++i) {
-        ASSERT_EQ(client->clear(topic), Error::SUCCESS);
-    }
-    EXPECT_TRUE(gathers());
-}
-
-TEST_F(APacedClient, GathersAStreamOfSubscriptions) {
-    subscribeToAll();
-    EXPECT_TRUE(gathers());
-}
-
-TEST_F(APacedClient, GathersAStreamOfUnsubscriptions) {
-    subscribeToAll();
-    ASSERT_TRUE(gathers());
-    ASSERT_TRUE(sendsAtOnceAfterExchanges());
-    for (int i = 0; i < STREAM_LENGTH; ++i) {
-        ASSERT_EQ(client->unsubscribe(topic + std::to_string(i), &recorder), Error::SUCCESS);
-    }
-    EXPECT_TRUE(gathers());
-}
-
-TEST_F(APacedClient, SendsAtOnceAgainAfterAStream) {
-    publish(STREAM_LENGTH);
-    ASSERT_TRUE(gathers());
-    EXPECT_TRUE(sendsAtOnceAfterExchanges());
-}
-
-TEST_F(AnUnconnectedPacedClient, GathersWhatWasQueued) {
-    publish(STREAM_LENGTH);
+TEST_F(APacedClient, GathersEveryStreamAndSendsAtOnceAgainAfterIt) {
     connect();
-    EXPECT_TRUE(gathers());
+    for (auto const* const step : {&publish, &clear, &subscribe, &unsubscribe}) {
+        stream(*step);
+        EXPECT_TRUE(gathers());
+        EXPECT_TRUE(sendsAtOnceAfterExchanges());
+    }
 }
 
-TEST_F(AnUnconnectedPacedClient, GathersTheSubscriptionsOfItsRegistry) {
-    subscribeToAll();
-    connect();
-    EXPECT_TRUE(gathers());
+TEST_F(APacedClient, GathersWhatWasQueuedAndTheSubscriptionsOfItsRegistry) {
+    for (auto const* const step : {&publish, &subscribe}) {
+        stream(*step);
+        connect();
+        EXPECT_TRUE(gathers());
+        ASSERT_EQ(client.disconnect(WAIT_SECONDS), Error::SUCCESS);
+    }
 }
 
 } // namespace

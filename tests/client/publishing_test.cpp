@@ -2,11 +2,9 @@
 
 #include "client/broker_session.hpp"
 
-#include "support/cut_proxy.hpp"
 #include "support/scripted_server.hpp"
 
 #include <atomic>
-#include <map>
 #include <optional>
 #include <thread>
 #include <tuple>
@@ -14,7 +12,6 @@
 namespace {
 
 using conv::ComState;
-using conv::SecondsDuration;
 using mqtt::MqttClient;
 using support::Message;
 using support::PacketType;
@@ -91,58 +88,12 @@ TEST_P(APublishingClientAtEveryQos, KeepsTheOrderOfWhatIsPublishedWhileTheQueueI
     EXPECT_EQ(receivedPayloads(), numbers(ALL));
 }
 
-TEST_P(APublishingClientAtEveryQos, WaitsUntilTheBrokerHasTheValue) {
-    connect();
-    for (int i = 0; i < 50; ++i) {
-        auto const value = std::to_string(i);
-        EXPECT_EQ(client_->publishWait("a", value, GetParam(), true, SecondsDuration::NO_TIMEOUT),
-                  Error::SUCCESS);
-        if (GetParam() != 0) {
-            ASSERT_EQ(retained("a"), (Message{"a", value, GetParam(), true}));
-        }
-    }
-    EXPECT_TRUE(peer_.waitForMessages(50));
-}
-
 TEST_F(APublishingClient, CallsAQos0PublicationDoneWhenItIsWritten) {
     connect();
     broker_.suspend();
     EXPECT_EQ(client_->publishWait("a", "value", 0, false, WAIT_SECONDS), Error::SUCCESS);
     broker_.resume();
     EXPECT_THAT(receivedPayloads(), ElementsAre("value"));
-}
-
-TEST_F(APublishingClient, ErasesARetainedMessage) {
-    peer_.publish("kept", "value", 2, true);
-    peer_.publish("kept/too", "value", 2, true);
-    connect();
-    EXPECT_EQ(client_->clear("kept"), Error::SUCCESS);
-    EXPECT_EQ(client_->clear("never/used"), Error::SUCCESS);
-    EXPECT_THAT(receivedPayloads(), ElementsAre("value", "value", "", ""));
-    EXPECT_EQ(retained("kept"), std::nullopt);
-    EXPECT_TRUE(retained("kept/too"));
-}
-
-TEST_F(APublishingClient, PublishesFromManyThreadsInTheOrderOfEach) {
-    constexpr int THREADS = 4;
-    constexpr int VALUES = 250;
-    connect();
-    std::vector<std::thread> publishers;
-    for (int thread = 0; thread < THREADS; ++thread) {
-        publishers.emplace_back([&, topic = "thread/" + std::to_string(thread)] {
-            for (int i = 0; i < VALUES; ++i) {
-                EXPECT_EQ(client_->publish(topic, std::to_string(i), 2, false), Error::SUCCESS);
-            }
-        });
-    }
-    for (auto& publisher : publishers) {
-        publisher.join();
-    }
-    ASSERT_TRUE(peer_.waitForMessages(THREADS * VALUES));
-    std::map<std::string, int> next;
-    for (auto const& message : peer_.messages()) {
-        EXPECT_EQ(message.payload, std::to_string(next[message.topic]++)) << message.topic;
-    }
 }
 
 TEST(AWaitForAQos2Publication, EndsWithTheLastPacketOfTheHandshake) {
@@ -154,27 +105,6 @@ TEST(AWaitForAQos2Publication, EndsWithTheLastPacketOfTheHandshake) {
     EXPECT_TRUE(server.waitForPackets(PacketType::PUBREL, 1));
     server.release();
     EXPECT_EQ(client->publishWait("a", "value", 2, false, 30), Error::SUCCESS);
-}
-
-TEST_P(APublishingClientAtEveryQos, PublishesOnceAndInOrderAcrossALostConnection) {
-    // Cut at a proxy, so that broker and peer stay.
-    support::CutProxy proxy(broker_.port());
-    client_ = support::testClient(proxy.host(), proxy.port());
-    client_->registerListener(&states_);
-    EXPECT_EQ(client_->publishWait("a", "0", GetParam(), false, WAIT_SECONDS), Error::SUCCESS);
-    // At QoS 0 the wait ends when the value is written.
-    ASSERT_TRUE(peer_.waitForMessages(1));
-    proxy.freeze();
-    proxy.cutNow();
-    ASSERT_TRUE(states_.waitFor(ComState::CONNECTION_LOST));
-    for (int i = 1; i < 50; ++i) {
-        publish("a", std::to_string(i));
-    }
-    proxy.thaw();
-    ASSERT_TRUE(states_.waitFor(ComState::CONNECTED));
-    publish("a", "50");
-    EXPECT_EQ(receivedPayloads(), numbers(51));
-    client_->unregisterListener(&states_);
 }
 
 /// Published while the broker stands still, so still in flight when it dies. The client is kept

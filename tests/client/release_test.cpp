@@ -1,11 +1,11 @@
 #include "client/scripted_session.hpp"
 
+#include "common/awaited_call.hpp"
 #include "support/watched.hpp"
 
 #include <gmock/gmock.h>
 
 #include <atomic>
-#include <chrono>
 
 namespace {
 
@@ -15,10 +15,6 @@ using support::MessageRecorder;
 using support::Watched;
 using testing::ElementsAre;
 using testing::IsEmpty;
-
-/// Long enough to see that a call waits. If a machine is slow, a defect may pass unseen; a correct
-/// client never fails.
-constexpr std::chrono::milliseconds NOTICEABLE_WAIT{300};
 
 class ARelease : public ScriptedSession {};
 
@@ -60,22 +56,11 @@ TEST_F(ARelease, WithoutAConnectionIsRememberedForTheNextOne) {
 }
 
 TEST_F(ARelease, WaitsForTheCallUnderWay) {
-    Watched<bool> entered;
-    Watched<bool> released;
-    bool tooEarly = false;
-    std::atomic<bool> left{false};
-    MessageRecorder slow([&](auto&&...) {
-        support::set(entered);
-        tooEarly = released.waitFor(isSet, NOTICEABLE_WAIT);
-        left = true;
-    });
+    AwaitedCall call;
+    MessageRecorder slow([&](auto&&...) { call.run(); });
     subscribe("a", slow);
     send("a", "x");
-    ASSERT_TRUE(entered.waitFor(isSet));
-    client->release(&slow);
-    EXPECT_TRUE(left);
-    support::set(released);
-    EXPECT_FALSE(tooEarly);
+    call.expectToBeAwaitedBy([&] { client->release(&slow); });
 }
 
 TEST_F(ARelease, DoesNotWaitForACallToAnotherSubscriber) {

@@ -46,19 +46,12 @@ protected:
     }
 };
 
-TEST_F(ALibraryWithoutAConnection, IsNotCalledBeforeTheFirstConnection) {
+TEST_F(ALibraryWithoutAConnection, IsNotCalledBeforeTheStepThatAcceptsAConnectionIsOver) {
     expectNoCall();
-}
-
-TEST_F(ALibraryWithoutAConnection, IsNotCalledWhileConnectingNorAfterARefusal) {
     beginToConnect();
     expectNoCall();
-    script_->runInLoop([](auto& object) { object.on_connect(5); });
+    script_->runInLoop([](auto& object) { object.on_connect(5); }); // refused
     expectNoCall();
-}
-
-TEST_F(ALibraryWithoutAConnection, IsNotCalledBetweenTheBrokersAnswerAndTheEndOfTheStep) {
-    beginToConnect();
     script_->runInLoop([&](auto& object) {
         object.on_connect(0);
         expectNoCall();

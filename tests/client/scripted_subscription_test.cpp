@@ -94,31 +94,22 @@ TEST_F(ASubscribingClient, WaitsThoughTheLastAcknowledgedUnsubscriptionHadTheSam
     EXPECT_EQ(script_->calls(Operation::UNSUBSCRIBE).back().mid, next);
 }
 
-/// Numbers come again, also that of the UNSUBSCRIBE packet that wakes the worker.
-class AReusedMessageId : public ASubscribingClient {
-protected:
-    void expectToBeWaitedFor() {
+TEST_F(ASubscribingClient, WaitsThoughTheUnsubscriptionThatWokeTheWorkerHadTheSameNumber) {
+    auto const expectToBeWaitedFor = [this] {
         int const mid = script_->calls(Operation::UNSUBSCRIBE).back().mid;
         script_->setAcknowledging(true);
         subscribe({"a"});
         script_->setNextMid(mid);
         EXPECT_EQ(client_->unsubscribeWait("a", &subscriber_, WAIT_SECONDS), Error::SUCCESS);
-    }
-};
-
-TEST_F(AReusedMessageId, IsWaitedForWhenItsFirstUseWasNotAcknowledged) {
-    connect();
-    script_->setAcknowledging(false);
-    ASSERT_EQ(client_->disconnect(WAIT_SECONDS), Error::SUCCESS);
-    connect();
-    expectToBeWaitedFor();
-}
-
-TEST_F(AReusedMessageId, IsWaitedForOnTheSameConnection) {
+    };
     connect();
     script_->answer(Operation::DISCONNECT, {1});
     ASSERT_EQ(client_->disconnect(WAIT_SECONDS), Error::NO_MEMORY);
     letTheStepEnd(); // so the first use is acknowledged
+    expectToBeWaitedFor();
+    script_->setAcknowledging(false);
+    ASSERT_EQ(client_->disconnect(WAIT_SECONDS), Error::SUCCESS);
+    connect();
     expectToBeWaitedFor();
 }
 

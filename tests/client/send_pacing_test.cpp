@@ -1,5 +1,6 @@
 #include "client/socket/send_pacing.hpp"
 
+#include "client/sockets.hpp"
 #include "support/eventually.hpp"
 #include "support/file_descriptor.hpp"
 #include "support/socket.hpp"
@@ -7,8 +8,6 @@
 #include <gtest/gtest.h>
 
 #include <linux/sockios.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
@@ -19,18 +18,12 @@ using mqtt::SendPacing;
 /// A client's end of a TCP connection whose other end delays its acknowledgements.
 class APublisher : public testing::Test {
 protected:
-    void SetUp() override {
-        int const off = 0;
-        ASSERT_EQ(::setsockopt(pair.far.get(), IPPROTO_TCP, TCP_QUICKACK, &off, sizeof off), 0);
+    APublisher() {
+        switchOff(pair.far.get(), TCP_QUICKACK);
         pacing.begin(pair.near.get());
     }
 
-    bool sendsAtOnce() const {
-        int value = -1;
-        socklen_t length = sizeof value;
-        ::getsockopt(pair.near.get(), IPPROTO_TCP, TCP_NODELAY, &value, &length);
-        return value != 0;
-    }
+    bool sendsAtOnce() const { return isOn(pair.near.get(), TCP_NODELAY); }
 
     int heldBack() const {
         int bytes = -1;

@@ -1,5 +1,6 @@
 #include "client/socket/socket_tuning.hpp"
 
+#include "client/sockets.hpp"
 #include "support/eventually.hpp"
 #include "support/file_descriptor.hpp"
 #include "support/socket.hpp"
@@ -7,9 +8,6 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <fcntl.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
@@ -26,17 +24,9 @@ protected:
     ATcpConnection() { tuning.connected(near.get()); }
 
     /// Switches acknowledging at once off, as the kernel does at any time.
-    void delayAcknowledgements() {
-        int const off = 0;
-        ::setsockopt(near.get(), IPPROTO_TCP, TCP_QUICKACK, &off, sizeof off);
-    }
+    void delayAcknowledgements() const { switchOff(near.get(), TCP_QUICKACK); }
 
-    bool acknowledgesAtOnce() const {
-        int value = -1;
-        socklen_t length = sizeof value;
-        ::getsockopt(near.get(), IPPROTO_TCP, TCP_QUICKACK, &value, &length);
-        return value == 1;
-    }
+    bool acknowledgesAtOnce() const { return isOn(near.get(), TCP_QUICKACK); }
 
     void step() { tuning.stepped(near.get(), false); }
 
@@ -64,10 +54,6 @@ protected:
     FileDescriptor& far = pair.far;
     SocketTuning tuning;
 };
-
-TEST_F(ATcpConnection, IsInheritedByNoChildProcess) {
-    EXPECT_NE(::fcntl(near.get(), F_GETFD) & FD_CLOEXEC, 0);
-}
 
 TEST_F(ATcpConnection, AcknowledgesAtOnceAfterAStepThatLeavesNothingToDo) {
     delayAcknowledgements();

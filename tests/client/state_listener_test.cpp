@@ -1,14 +1,13 @@
 #include "mqtt/client.hpp"
 
+#include "common/awaited_call.hpp"
 #include "support/broker.hpp"
 #include "support/recorder.hpp"
 #include "support/test_client.hpp"
-#include "support/watched.hpp"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <string>
 #include <thread>
 #include <vector>
@@ -101,28 +100,20 @@ TEST_F(AStateListener, PublishesSubscribesAndUnsubscribesOnEveryChange) {
     client->unregisterListener(&first);
 }
 
-TEST_F(AStateListener, MayUnregisterItselfAndOthers) {
+TEST_F(AStateListener, MayUnregisterItselfAndOthersFromTheNextChangeOn) {
+    StateRecorder third;
     hook = [&](ComState) {
         client->unregisterListener(&first);
         client->unregisterListener(&second);
     };
-    client->registerListener(&first);
-    client->registerListener(&second);
+    for (auto* const listener : {&first, &second, &third}) {
+        client->registerListener(listener);
+    }
     ASSERT_EQ(connect(), Error::SUCCESS);
-    EXPECT_THAT(first.history(), ElementsAre(ComState::CONNECTING));
-    EXPECT_THAT(second.history(), ElementsAre(ComState::CONNECTING)) << "from the next change on";
-}
-
-TEST_F(AStateListener, ThatUnregistersItselfLeavesTheOthersTheirCalls) {
-    StateRecorder third;
-    hook = [&](ComState) { client->unregisterListener(&first); };
-    client->registerListener(&first);
-    client->registerListener(&second);
-    client->registerListener(&third);
-    ASSERT_EQ(connect(), Error::SUCCESS);
-    EXPECT_THAT(second.history(), ElementsAre(ComState::CONNECTING, ComState::CONNECTED));
-    EXPECT_THAT(third.history(), ElementsAre(ComState::CONNECTING, ComState::CONNECTED));
     client->unregisterListener(&third);
+    EXPECT_THAT(first.history(), ElementsAre(ComState::CONNECTING));
+    EXPECT_THAT(second.history(), ElementsAre(ComState::CONNECTING));
+    EXPECT_THAT(third.history(), ElementsAre(ComState::CONNECTING, ComState::CONNECTED));
 }
 
 TEST_F(AStateListener, RegisteredByAnotherSeesTheNextChange) {
@@ -146,23 +137,15 @@ TEST_F(AStateListener, CanNeitherConnectNorDisconnect) {
 }
 
 TEST_F(AStateListener, IsUnregisteredOnlyWhenItsCallIsOver) {
-    support::Watched<bool> inside;
-    support::Watched<bool> mayLeave;
-    std::atomic<bool> left{false};
+    AwaitedCall call;
     hook = [&](ComState state) {
         if (state == ComState::CONNECTED) {
-            support::set(inside);
-            EXPECT_TRUE(mayLeave.waitFor(support::isSet));
-            left = true;
+            call.run();
         }
     };
     client->registerListener(&first);
     std::thread connecting([&] { EXPECT_EQ(connect(), Error::SUCCESS); });
-    ASSERT_TRUE(inside.waitFor(support::isSet));
-    std::thread releasing([&] { support::set(mayLeave); });
-    client->unregisterListener(&first);
-    EXPECT_TRUE(left);
-    releasing.join();
+    call.expectToBeAwaitedBy([&] { client->unregisterListener(&first); });
     connecting.join();
 }
 

@@ -1,6 +1,8 @@
 // The virtual tables of all public classes of libzym-mqtt.
 
-#include "common/class_layout_table.hpp"
+#include "common/class_layouts.hpp"
+
+#include <gtest/gtest.h>
 
 namespace {
 
@@ -14,14 +16,14 @@ char const* const ENDPOINT_OVERRIDES = R"(
     void notify(bool, int, Lock&) override;
 )";
 
-support::VirtualTable const ENDPOINT{"mqtt::MqttDataBase::onMqttMessage",
-                                     "~",
-                                     "~",
-                                     "getPublishTopic",
-                                     "getSubscribeTopic",
-                                     "deserialize",
-                                     "serialize",
-                                     "notify"};
+VirtualTable const ENDPOINT{"mqtt::MqttDataBase::onMqttMessage",
+                            "~",
+                            "~",
+                            "getPublishTopic",
+                            "getSubscribeTopic",
+                            "deserialize",
+                            "serialize",
+                            "notify"};
 
 std::string const OF_THE_BASE = "mqtt::MqttDataBase::";
 std::string const OF_A_LINK = "mqtt::MqttData<mqtt::Link>::";
@@ -46,126 +48,121 @@ ClassLayout destructorOnly(std::string const& header, std::string const& classNa
     return {header, className, "", {{"~", "~"}}};
 }
 
-ClassLayout const LAYOUTS[] = {
-    {"mqtt/client.hpp",
-     "mqtt::MqttClient",
-     "",
-     {{"~", "~", "on_connect", "mosqpp::mosquittopp::on_connect_with_flags", "on_disconnect",
-       "on_publish", "on_message", "mosqpp::mosquittopp::on_subscribe", "on_unsubscribe",
-       "mosqpp::mosquittopp::on_log", "mosqpp::mosquittopp::on_error"}}},
-    {"mqtt/client.hpp",
-     "mqtt::MqttClient::Listener",
-     "void onComStateChanged(conv::ComState) override;\n",
-     {{"onComStateChanged"}}},
-    {"mqtt/client.hpp",
-     "mqtt::MqttClient::Subscriber",
-     "~Derived() override;\n"
-     "void onMqttMessage(int, mqtt::Topic const&, std::string const&) override;\n",
-     {{"onMqttMessage", "~", "~"}}},
+TEST(TheSlots, KeepTheirOrder) {
+    expectLayouts({
+        {"mqtt/client.hpp",
+         "mqtt::MqttClient",
+         "",
+         {{"~", "~", "on_connect", "mosqpp::mosquittopp::on_connect_with_flags", "on_disconnect",
+           "on_publish", "on_message", "mosqpp::mosquittopp::on_subscribe", "on_unsubscribe",
+           "mosqpp::mosquittopp::on_log", "mosqpp::mosquittopp::on_error"}}},
+        {"mqtt/client.hpp",
+         "mqtt::MqttClient::Listener",
+         "void onComStateChanged(conv::ComState) override;\n",
+         {{"onComStateChanged"}}},
+        {"mqtt/client.hpp",
+         "mqtt::MqttClient::Subscriber",
+         "~Derived() override;\n"
+         "void onMqttMessage(int, mqtt::Topic const&, std::string const&) override;\n",
+         {{"onMqttMessage", "~", "~"}}},
 
-    {"mqtt/data.hpp",
-     "mqtt::MqttDataBase",
-     "Derived(mqtt::MqttClient& c) : MqttDataBase(c, mqtt::Topic()) {}\n"
-     "~Derived() override;\n"
-     "void deserialize(mqtt::Topic const&, std::string const&, bool) override;\n"
-     "void serialize(mqtt::Topic const&, std::string&) const override;\n"
-     "void notify(bool, int, Lock&) override;\n",
-     {{OF_THE_BASE + "onMqttMessage", "~", "~", OF_THE_BASE + "getPublishTopic",
-       OF_THE_BASE + "getSubscribeTopic", "deserialize", "serialize", "notify"}}},
-    {"mqtt/link.hpp",
-     "mqtt::MqttData<mqtt::Link>",
-     "using Base::Base;\n~Derived() override;\n",
-     {{OF_THE_BASE + "onMqttMessage", "~", "~", OF_A_LINK + "getPublishTopic",
-       OF_A_LINK + "getSubscribeTopic", OF_A_LINK + "deserialize", OF_A_LINK + "serialize",
-       OF_A_LINK + "notify"}}},
-    {"mqtt/link.hpp",
-     "mqtt::MqttDataCollection<mqtt::Link>",
-     "",
-     {{OF_THE_BASE + "onMqttMessage", "~", "~", OF_LINKS + "getPublishTopic",
-       OF_LINKS + "getSubscribeTopic", OF_LINKS + "deserialize", OF_LINKS + "serialize",
-       OF_LINKS + "notify"}}},
-    subscriberOf("mqtt/link.hpp", "mqtt::Link"),
+        {"mqtt/data.hpp",
+         "mqtt::MqttDataBase",
+         "Derived(mqtt::MqttClient& c) : MqttDataBase(c, mqtt::Topic()) {}\n"
+         "~Derived() override;\n"
+         "void deserialize(mqtt::Topic const&, std::string const&, bool) override;\n"
+         "void serialize(mqtt::Topic const&, std::string&) const override;\n"
+         "void notify(bool, int, Lock&) override;\n",
+         {{OF_THE_BASE + "onMqttMessage", "~", "~", OF_THE_BASE + "getPublishTopic",
+           OF_THE_BASE + "getSubscribeTopic", "deserialize", "serialize", "notify"}}},
+        {"mqtt/link.hpp",
+         "mqtt::MqttData<mqtt::Link>",
+         "using Base::Base;\n~Derived() override;\n",
+         {{OF_THE_BASE + "onMqttMessage", "~", "~", OF_A_LINK + "getPublishTopic",
+           OF_A_LINK + "getSubscribeTopic", OF_A_LINK + "deserialize", OF_A_LINK + "serialize",
+           OF_A_LINK + "notify"}}},
+        {"mqtt/link.hpp",
+         "mqtt::MqttDataCollection<mqtt::Link>",
+         "",
+         {{OF_THE_BASE + "onMqttMessage", "~", "~", OF_LINKS + "getPublishTopic",
+           OF_LINKS + "getSubscribeTopic", OF_LINKS + "deserialize", OF_LINKS + "serialize",
+           OF_LINKS + "notify"}}},
+        subscriberOf("mqtt/link.hpp", "mqtt::Link"),
 
-    {"mqtt/request_reply.hpp",
-     "mqtt::RequestReplyData",
-     "~Derived() override;\n"
-     "void deserialize(zym::common::lwjson::Deserializer&) override;\n"
-     "void serialize(zym::common::lwjson::Serializer&) const override;\n",
-     {{"~", "~", "deserialize", "serialize"}}},
-    payload("mqtt/request_reply.hpp", "mqtt::RequestReplyNoData"),
-    destructorOnly("mqtt/request_reply.hpp", "mqtt::RequestReply"),
-    destructorOnly("mqtt/request_reply.hpp", "mqtt::RequestReply::Request"),
-    destructorOnly("mqtt/request_reply.hpp", "mqtt::RequestReply::Reply"),
-    endpoint("mqtt/request_reply.hpp", "mqtt::MqttData<mqtt::RequestReply::Request>"),
-    endpoint("mqtt/request_reply.hpp", "mqtt::MqttData<mqtt::RequestReply::Reply>"),
-    subscriberOf("mqtt/request_reply.hpp", "mqtt::RequestReply::Request"),
-    subscriberOf("mqtt/request_reply.hpp", "mqtt::RequestReply::Reply"),
-    {"mqtt/request_reply.hpp",
-     "mqtt::RequestReplyServer",
-     "",
-     {{"~", "~", "onMqttData"}, {"onMqttData"}}},
-    {"mqtt/request_reply.hpp",
-     "mqtt::RequestReplyServer::Listener",
-     "std::shared_ptr<mqtt::RequestReplyData> onRequest(std::string const&,\n"
-     "    zym::common::Uuid const&, zym::common::Uuid const&, mqtt::RequestReplyData const&,\n"
-     "    mqtt::RequestReply::ErrorCode&) override;\n",
-     {{"onRequest"}}},
-    {"mqtt/request_reply.hpp",
-     "mqtt::RequestReplyClient",
-     "",
-     {{"~", "~", "onMqttData"}, {"onMqttData"}}},
-    {"mqtt/request_reply.hpp",
-     "mqtt::RequestReplyClient::Listener",
-     "void onReply(unsigned int, std::string const&, zym::common::Uuid const&,\n"
-     "    zym::common::Uuid const&, mqtt::RequestReplyData const&,\n"
-     "    mqtt::RequestReply::ErrorCode) override;\n",
-     {{"onReply"}}},
+        {"mqtt/request_reply.hpp",
+         "mqtt::RequestReplyData",
+         "~Derived() override;\n"
+         "void deserialize(zym::common::lwjson::Deserializer&) override;\n"
+         "void serialize(zym::common::lwjson::Serializer&) const override;\n",
+         {{"~", "~", "deserialize", "serialize"}}},
+        payload("mqtt/request_reply.hpp", "mqtt::RequestReplyNoData"),
+        destructorOnly("mqtt/request_reply.hpp", "mqtt::RequestReply"),
+        destructorOnly("mqtt/request_reply.hpp", "mqtt::RequestReply::Request"),
+        destructorOnly("mqtt/request_reply.hpp", "mqtt::RequestReply::Reply"),
+        endpoint("mqtt/request_reply.hpp", "mqtt::MqttData<mqtt::RequestReply::Request>"),
+        endpoint("mqtt/request_reply.hpp", "mqtt::MqttData<mqtt::RequestReply::Reply>"),
+        subscriberOf("mqtt/request_reply.hpp", "mqtt::RequestReply::Request"),
+        subscriberOf("mqtt/request_reply.hpp", "mqtt::RequestReply::Reply"),
+        {"mqtt/request_reply.hpp",
+         "mqtt::RequestReplyServer",
+         "",
+         {{"~", "~", "onMqttData"}, {"onMqttData"}}},
+        {"mqtt/request_reply.hpp",
+         "mqtt::RequestReplyServer::Listener",
+         "std::shared_ptr<mqtt::RequestReplyData> onRequest(std::string const&,\n"
+         "    zym::common::Uuid const&, zym::common::Uuid const&, mqtt::RequestReplyData const&,\n"
+         "    mqtt::RequestReply::ErrorCode&) override;\n",
+         {{"onRequest"}}},
+        {"mqtt/request_reply.hpp",
+         "mqtt::RequestReplyClient",
+         "",
+         {{"~", "~", "onMqttData"}, {"onMqttData"}}},
+        {"mqtt/request_reply.hpp",
+         "mqtt::RequestReplyClient::Listener",
+         "void onReply(unsigned int, std::string const&, zym::common::Uuid const&,\n"
+         "    zym::common::Uuid const&, mqtt::RequestReplyData const&,\n"
+         "    mqtt::RequestReply::ErrorCode) override;\n",
+         {{"onReply"}}},
 
-    {"mqtt/time_base.hpp",
-     "mqtt::SynchronizedTimeBaseMqttProxy",
-     "",
-     {{"onReply", "terminate", "~", "~", "startSync", "synchronize", "stop", "forceSync",
-       "timeBase", "localTimeBase"},
-      {"timeBase", "~", "~", "terminate",
-       "zym::common::SynchronizedTimeBaseProxy::registerListener", "startSync", "synchronize",
-       "stop", "forceSync", "localTimeBase",
-       "zym::common::SynchronizedTimeBaseProxy::notifyListener"}}},
-    {"mqtt/time_base.hpp",
-     "mqtt::SynchronizedTimeBaseMqttAdaptor",
-     "",
-     {{"onRequest", "~", "~", "timeBase", "localTimeBase"},
-      {"timeBase", "~", "~", "localTimeBase"}}},
-    payload("mqtt/time_base.hpp", "mqtt::TimeSyncRequestData"),
-    payload("mqtt/time_base.hpp", "mqtt::TimeSyncReplyData"),
+        {"mqtt/time_base.hpp",
+         "mqtt::SynchronizedTimeBaseMqttProxy",
+         "",
+         {{"onReply", "terminate", "~", "~", "startSync", "synchronize", "stop", "forceSync",
+           "timeBase", "localTimeBase"},
+          {"timeBase", "~", "~", "terminate",
+           "zym::common::SynchronizedTimeBaseProxy::registerListener", "startSync", "synchronize",
+           "stop", "forceSync", "localTimeBase",
+           "zym::common::SynchronizedTimeBaseProxy::notifyListener"}}},
+        {"mqtt/time_base.hpp",
+         "mqtt::SynchronizedTimeBaseMqttAdaptor",
+         "",
+         {{"onRequest", "~", "~", "timeBase", "localTimeBase"},
+          {"timeBase", "~", "~", "localTimeBase"}}},
+        payload("mqtt/time_base.hpp", "mqtt::TimeSyncRequestData"),
+        payload("mqtt/time_base.hpp", "mqtt::TimeSyncReplyData"),
 
-    {"mqtt/binder_proxy.hpp",
-     "mqtt::BinderMqttProxy",
-     "",
-     {{"onReply", "terminate", "~", "~", "bindSync", "bind", "unbindSync", "unbind",
-       "forceTimeBaseSync", "isTimeBaseSynchronized", "timeBase", "onTimeSynchronized"},
-      {"onTimeSynchronized"},
-      {"~", "~", "timeBase", "terminate", "bindSync", "bind", "unbindSync", "unbind",
-       "forceTimeBaseSync", "isTimeBaseSynchronized"}}},
-    payload("mqtt/binder_proxy.hpp", "mqtt::BindRequestData"),
+        {"mqtt/binder_proxy.hpp",
+         "mqtt::BinderMqttProxy",
+         "",
+         {{"onReply", "terminate", "~", "~", "bindSync", "bind", "unbindSync", "unbind",
+           "forceTimeBaseSync", "isTimeBaseSynchronized", "timeBase", "onTimeSynchronized"},
+          {"onTimeSynchronized"},
+          {"~", "~", "timeBase", "terminate", "bindSync", "bind", "unbindSync", "unbind",
+           "forceTimeBaseSync", "isTimeBaseSynchronized"}}},
+        payload("mqtt/binder_proxy.hpp", "mqtt::BindRequestData"),
 
-    {"mqtt/service_discoverer.hpp",
-     "mqtt::ServiceDiscovererMqtt",
-     "",
-     {{"onMqttData", "onMqttData"}, {"onMqttData"}}},
+        {"mqtt/service_discoverer.hpp",
+         "mqtt::ServiceDiscovererMqtt",
+         "",
+         {{"onMqttData", "onMqttData"}, {"onMqttData"}}},
 
-    {"mqtt/topic_cleaner.hpp", "mqtt::TopicCleaner", "", {{"onMqttMessage", "~", "~"}}},
-    destructorOnly("mqtt/topic_cleaner.hpp", "mqtt::TopicCleaner::Task"),
-    {"mqtt/topic_cleaner.hpp",
-     "mqtt::TopicCleaner::Listener",
-     "void onAllTopicsCleaned() override;\nvoid onTopicCleaned(mqtt::Topic const&) override;\n",
-     {{"onTopicCleaned", "onAllTopicsCleaned"}}},
-};
-
-class TheSlots : public testing::TestWithParam<ClassLayout> {};
-INSTANTIATE_TEST_SUITE_P(Of, TheSlots, testing::ValuesIn(LAYOUTS), nameOfLayout);
-
-TEST_P(TheSlots, KeepTheirOrder) {
-    expectLayout(GetParam());
+        {"mqtt/topic_cleaner.hpp", "mqtt::TopicCleaner", "", {{"onMqttMessage", "~", "~"}}},
+        destructorOnly("mqtt/topic_cleaner.hpp", "mqtt::TopicCleaner::Task"),
+        {"mqtt/topic_cleaner.hpp",
+         "mqtt::TopicCleaner::Listener",
+         "void onAllTopicsCleaned() override;\nvoid onTopicCleaned(mqtt::Topic const&) override;\n",
+         {{"onTopicCleaned", "onAllTopicsCleaned"}}},
+    });
 }
 
 } // namespace

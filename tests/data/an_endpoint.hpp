@@ -6,26 +6,8 @@
 
 #include <functional>
 #include <future>
-#include <ostream>
 #include <string>
 #include <vector>
-
-/// The parameter of a test: a call, with a name.
-template <class Signature>
-struct Named {
-    char const* name;
-    std::function<Signature> call;
-};
-
-template <class Signature>
-void PrintTo(Named<Signature> const& named, std::ostream* out) {
-    *out << named.name;
-}
-
-template <class Parameter>
-std::string nameOf(testing::TestParamInfo<Parameter> const& instance) {
-    return instance.param.name;
-}
 
 /// An endpoint whose value is the payload itself, and that records its events.
 class Endpoint : public mqtt::MqttDataBase {

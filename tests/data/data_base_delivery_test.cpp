@@ -5,7 +5,6 @@
 #include <gmock/gmock.h>
 
 #include <atomic>
-#include <ostream>
 #include <stdexcept>
 #include <system_error>
 
@@ -88,67 +87,62 @@ TEST_F(AnEndpoint, CatchesExceptionsOfTheStandardLibraryOnlyItself) {
 
 // Locks
 
-struct Locked {
+/// An operation that takes a lock, and what it lets the client call.
+struct LockedOperation {
     char const* name;
     std::function<void(MqttDataBase&, Lock&)> call;
-    Operation operation;
+    Operation result;
 };
 
-void PrintTo(Locked const& locked, std::ostream* out) {
-    *out << locked.name;
-}
+LockedOperation const LOCKED_OPERATIONS[] = {
+    {"subscribe",
+     [](auto& endpoint, auto& lock) { static_cast<void>(endpoint.subscribe(1, lock)); },
+     Operation::SUBSCRIBE},
+    {"unsubscribe", [](auto& endpoint, auto& lock) { endpoint.unsubscribe(lock); },
+     Operation::UNSUBSCRIBE},
+    {"unsubscribeWait", [](auto& endpoint, auto& lock) { endpoint.unsubscribeWait(lock); },
+     Operation::UNSUBSCRIBE},
+    {"publish", [](auto& endpoint, auto& lock) { endpoint.publish(lock); }, Operation::PUBLISH},
+    {"publishWait", [](auto& endpoint, auto& lock) { endpoint.publishWait(lock); },
+     Operation::PUBLISH},
+    {"clean", [](auto& endpoint, auto& lock) { endpoint.clean(false, lock); }, Operation::PUBLISH},
+    {"clean and wait", [](auto& endpoint, auto& lock) { endpoint.clean(true, lock); },
+     Operation::PUBLISH}};
 
-class AnOperationWithALock : public AnEndpoint, public testing::WithParamInterface<Locked> {};
+class AnOperationWithALock : public AnEndpoint {};
 
-INSTANTIATE_TEST_SUITE_P(
-    Of, AnOperationWithALock,
-    testing::Values(
-        Locked{"Subscribe",
-               [](auto& endpoint, auto& lock) { static_cast<void>(endpoint.subscribe(1, lock)); },
-               Operation::SUBSCRIBE},
-        Locked{"Unsubscribe", [](auto& endpoint, auto& lock) { endpoint.unsubscribe(lock); },
-               Operation::UNSUBSCRIBE},
-        Locked{"UnsubscribeWait",
-               [](auto& endpoint, auto& lock) { endpoint.unsubscribeWait(lock); },
-               Operation::UNSUBSCRIBE},
-        Locked{"Publish", [](auto& endpoint, auto& lock) { endpoint.publish(lock); },
-               Operation::PUBLISH},
-        Locked{"PublishWait", [](auto& endpoint, auto& lock) { endpoint.publishWait(lock); },
-               Operation::PUBLISH},
-        Locked{"Clean", [](auto& endpoint, auto& lock) { endpoint.clean(false, lock); },
-               Operation::PUBLISH},
-        Locked{"CleanWait", [](auto& endpoint, auto& lock) { endpoint.clean(true, lock); },
-               Operation::PUBLISH}),
-    nameOf<Locked>);
-
-TEST_P(AnOperationWithALock, ReleasesItBeforeItCallsTheClient) {
-    if (GetParam().operation == Operation::UNSUBSCRIBE) {
+TEST_F(AnOperationWithALock, ReleasesItBeforeItCallsTheClient) {
+    for (auto const& [name, call, result] : LOCKED_OPERATIONS) {
+        SCOPED_TRACE(name);
         ASSERT_EQ(subscribe(endpoint, 3), Error::SUCCESS);
+        std::atomic<bool> wasFree{false};
+        script_->setHook(result, [&](auto const&) {
+            wasFree = isFree(endpoint);
+            return std::optional<int>();
+        });
+        Lock lock(endpoint.mutex());
+        call(endpoint, lock);
+        EXPECT_TRUE(wasFree);
+        EXPECT_FALSE(lock.owns_lock());
+        script_->setHook(result, {});
+        endpoint.release();
     }
-    std::atomic<bool> wasFree{false};
-    script_->setHook(GetParam().operation, [&](auto const&) {
-        wasFree = isFree(endpoint);
-        return std::optional<int>();
-    });
-    Lock lock(endpoint.mutex());
-    GetParam().call(endpoint, lock);
-    EXPECT_TRUE(wasFree);
-    EXPECT_FALSE(lock.owns_lock());
-    script_->setHook(GetParam().operation, {});
 }
 
-TEST_P(AnOperationWithALock, RefusesOneThatIsNotLockedAndLeavesTheClientAlone) {
+TEST_F(AnOperationWithALock, RefusesOneThatIsNotLockedAndLeavesTheClientAlone) {
     ASSERT_EQ(subscribe(endpoint, 3), Error::SUCCESS);
     auto const before = script_->calls().size();
     Lock deferred(endpoint.mutex(), std::defer_lock);
     Lock none;
-    for (auto* const lock : {&deferred, &none}) {
-        try {
-            GetParam().call(endpoint, *lock);
-            ADD_FAILURE() << "nothing was thrown";
-        } catch (std::system_error const& error) {
-            EXPECT_EQ(error.code().value(), 1);
-            EXPECT_EQ(error.code(), std::errc::operation_not_permitted);
+    for (auto const& operation : LOCKED_OPERATIONS) {
+        SCOPED_TRACE(operation.name);
+        for (auto* const lock : {&deferred, &none}) {
+            try {
+                operation.call(endpoint, *lock);
+                ADD_FAILURE() << "nothing was thrown";
+            } catch (std::system_error const& error) {
+                EXPECT_EQ(error.code(), std::errc::operation_not_permitted);
+            }
         }
     }
     EXPECT_THAT(script_->calls(), SizeIs(before));

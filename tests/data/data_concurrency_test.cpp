@@ -11,7 +11,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -88,62 +87,6 @@ TEST(TypedEndpoints, AreMadeCopiedAndDestroyedWhileMessagesArrive) {
     for (auto& thread : threads) {
         thread.join();
     }
-}
-
-/// Destroys itself and its own endpoint in its first call.
-class SelfDestroyingSubscriber : public MqttData<Link>::Subscriber {
-public:
-    SelfDestroyingSubscriber(Client& client, std::atomic<int>& alive)
-        : alive_(alive), endpoint_(std::make_unique<MqttData<Link>>(client, "link")) {
-        ++alive_;
-    }
-    virtual ~SelfDestroyingSubscriber() { --alive_; }
-    SelfDestroyingSubscriber(SelfDestroyingSubscriber const&) = delete;
-    SelfDestroyingSubscriber& operator=(SelfDestroyingSubscriber const&) = delete;
-
-    /// For the worker, so that no call comes between the two.
-    void subscribeTwice() {
-        EXPECT_EQ(endpoint_->subscribe(this, 1), Error::SUCCESS);
-        EXPECT_EQ(endpoint_->subscribe(this, 2), Error::SUCCESS);
-    }
-
-    void onMqttData(Link const& /*value*/, bool /*empty*/, int /*id*/) override { delete this; }
-
-private:
-    std::atomic<int>& alive_;
-    std::unique_ptr<MqttData<Link>> endpoint_;
-};
-
-/// Makes the next one when the last one has destroyed itself.
-class Maker : public MqttData<Links>::Subscriber {
-public:
-    explicit Maker(Client& client) : client_(client) {}
-    virtual ~Maker() = default;
-
-    void onMqttData(Links const& /*value*/, bool /*empty*/, int /*id*/) override {
-        if (alive == 0 && made < ROUNDS) {
-            auto* const subscriber = new SelfDestroyingSubscriber(client_, alive);
-            ++made;
-            subscriber->subscribeTwice();
-        }
-    }
-
-    std::atomic<int> made{0};
-    std::atomic<int> alive{0};
-
-private:
-    Client& client_;
-};
-
-TEST(TypedEndpoints, DestroyThemselvesInTheirCallsWhileMessagesArrive) {
-    support::Broker broker;
-    auto const client = support::testClient(broker);
-    Maker maker(*client);
-    Collection endpoint(*client, "links");
-    ASSERT_EQ(endpoint.subscribe(&maker, 0), Error::SUCCESS);
-    Flood const flood(broker, linksAndLists());
-    EXPECT_TRUE(support::eventually([&] { return maker.made == ROUNDS && maker.alive == 0; }));
-    endpoint.unsubscribe();
 }
 
 TEST(TypedEndpoints, ArePublishedWrittenAndReadByManyThreadsAtOnce) {

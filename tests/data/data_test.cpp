@@ -2,13 +2,13 @@
 
 #include "data/a_typed_endpoint.hpp"
 
+#include "common/awaited_call.hpp"
 #include "support/watched.hpp"
 
 #include <mqtt/payloads.hpp>
 
 #include <gmock/gmock.h>
 
-#include <atomic>
 #include <chrono>
 #include <future>
 #include <memory>
@@ -267,21 +267,12 @@ TEST_F(ATypedEndpoint, MayBeDestroyedByItsOwnSubscriber) {
 }
 
 TEST_F(ATypedEndpoint, DestroyedOnAnotherThreadWaitsForTheCallUnderWay) {
-    Watched<bool> entered;
-    Watched<bool> destroyed;
-    std::atomic<bool> left{false};
-    LinkRecorder recorder([&](Link const&) {
-        support::set(entered);
-        EXPECT_FALSE(destroyed.waitFor(isSet, NOTICEABLE_WAIT));
-        left = true;
-    });
+    AwaitedCall call;
+    LinkRecorder recorder([&](Link const&) { call.run(); });
     auto passing = std::make_unique<MqttData<Link>>(*client_, "a/b");
     ASSERT_EQ(passing->subscribe(&recorder, 1), Error::SUCCESS);
     script_->deliver("a/b", R"({"@id": "x"})");
-    ASSERT_TRUE(entered.waitFor(isSet));
-    passing.reset();
-    EXPECT_TRUE(left);
-    support::set(destroyed);
+    call.expectToBeAwaitedBy([&] { passing.reset(); });
     deliver("y");
     EXPECT_THAT(recorder.calls(), ElementsAre("x 1"));
 }

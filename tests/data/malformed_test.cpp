@@ -101,43 +101,30 @@ std::string garbage() {
     return bytes;
 }
 
-std::string garbageInside() {
-    return R"({"state": 9, "operating": 9, "name": ")" + garbage();
-}
-
 Malformed const MALFORMED[] = {
     {"Truncated", R"({"state": 9, "operating": 9, "health": 9, "name": "x", "@id": "x)"},
-    {"TruncatedAtOnce", "{"},
     {"OpenAtTheEnd", everyMember("9").substr(0, everyMember("9").size() - 1)},
     {"TrailingBytes", everyMember("9") + "}"},
     {"TwoDocuments", everyMember("9") + everyMember("9")},
     {"Blank", " \n"},
     {"NoJson", "state=9"},
     {"AScalar", "9"},
-    {"AText", "\"state\""},
     {"AnArray", "[" + everyMember("9") + "]"},
     {"AnEmptyObject", "{}"},
     {"NestedArrays", nested(100000, "[", "]")},
     {"NestedObjects", nested(100000, "{\"state\":", "}")},
-    {"NestedArraysWithoutEnd", std::string(100000, '[')},
     {"NestedInEveryMember", everyMember(nested(100000, "[", "]"))},
-    {"ObjectsForValues", everyMember("{}")},
-    {"NullForValues", everyMember("{\"a\": null}")},
+    {"ObjectsForValues", everyMember("{\"a\": null}")},
     {"TrueForValues", everyMember("true")},
     {"FractionsForValues", everyMember("-1.5e400")},
     {"NumbersBelowRange", everyMember("-1")},
-    {"NumbersBeyondRange", everyMember("4294967296")},
     {"NumbersFarBeyondRange", everyMember("9" + std::string(1000, '9'))},
-    {"LoneHighSurrogates", everyMember(R"("\ud800")")},
-    {"LoneLowSurrogates", everyMember(R"("a\udc00b")")},
     {"HalfASurrogatePair", everyMember(R"("\ud800A")")},
     {"UnknownEscapes", everyMember(R"("\x41")")},
     {"ZeroBytes", std::string(5, '\0')},
-    {"AZeroByteAtTheEnd", everyMember("9") + std::string(1, '\0')},
     {"AZeroByteInAText", everyMember(std::string("\"a\0b\"", 5))},
-    {"AZeroByteForABlank", std::string("{\0\"state\": 9}", 13)},
     {"OneMegabyteOfGarbage", garbage()},
-    {"OneMegabyteOfGarbageInside", garbageInside()},
+    {"OneMegabyteOfGarbageInside", R"({"state": 9, "operating": 9, "name": ")" + garbage()},
 };
 
 class EveryEndpoint : public testing::Test {

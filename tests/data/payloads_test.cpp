@@ -80,9 +80,6 @@ TEST(ACommunicationStatus, ReadsWhatItWrote) {
         EXPECT_EQ(status.since.seconds, moment);
         EXPECT_EQ(status.since.valid, 1);
     }
-    read(status, written(CommunicationStatus()));
-    EXPECT_EQ(status.state, ComState::UNKNOWN);
-    EXPECT_EQ(status.since.valid, 0);
 }
 
 TEST(AnIdentification, ReadsWhatItWrote) {
@@ -92,16 +89,6 @@ TEST(AnIdentification, ReadsWhatItWrote) {
     Identification id = PUMP;
     read(id, written(unusual));
     EXPECT_EQ(texts(id), texts(unusual));
-}
-
-TEST(AServiceStatus, ReadsWhatItWrote) {
-    for (unsigned const number : {0U, 1U, 127U, 128U, 255U}) {
-        auto const code = static_cast<unsigned char>(number);
-        ServiceStatus status;
-        read(status, written(ServiceStatus{code, static_cast<unsigned char>(255 - code)}));
-        EXPECT_EQ(status.operating, code);
-        EXPECT_EQ(status.health, 255 - code);
-    }
 }
 
 TEST(Payloads, DoNotDependOnTheLocale) {
