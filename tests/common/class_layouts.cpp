@@ -1,58 +1,32 @@
 #include "common/class_layouts.hpp"
 
-#include "support/process.hpp"
+#include "support/stack_dump.hpp"
 #include "support/temp_dir.hpp"
 
-#include <cxxabi.h>
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <fstream>
-#include <memory>
 #include <sstream>
 #include <string_view>
 
 namespace {
 
-/// What the compiler writes about the classes of this source.
+/// What the compiler writes about the classes of this source, with all names demangled.
 std::string dumpLayouts(std::string const& source) {
     support::TempDir const directory;
     std::ofstream(directory.file("source.cpp")) << source;
-    std::vector<std::string> command{ZYM_LAYOUT_COMPILER, "-std=c++17", "-fsyntax-only",
-                                     "-fdump-lang-class=" + directory.file("layout")};
-    std::istringstream includes(ZYM_LAYOUT_INCLUDES);
-    for (std::string folder; std::getline(includes, folder, ':');) {
-        if (!folder.empty()) {
-            command.push_back("-I" + folder);
-        }
-    }
-    command.push_back(directory.file("source.cpp"));
-    support::Process compiler(command, directory.file("messages"));
-    EXPECT_TRUE(compiler.waitForEnd(std::chrono::minutes(5)));
-    EXPECT_EQ(compiler.status(), 0) << directory.read("messages");
-    return directory.read("layout");
-}
-
-std::string demangled(std::string const& name) {
-    int status = 0;
-    std::unique_ptr<char, void (*)(void*)> const text(
-        abi::__cxa_demangle(name.c_str(), nullptr, nullptr, &status), &std::free);
-    return status == 0 ? std::string(text.get()) : name;
+    std::string const layout = directory.file("layout");
+    return support::outputOf(ZYM_LAYOUT_COMPILER " -std=c++17 -fsyntax-only -fdump-lang-class="
+                             + layout + " " ZYM_LAYOUT_INCLUDES " " + directory.file("source.cpp")
+                             + " && c++filt <" + layout);
 }
 
 /// "virtual thunk to a::B::c(int) const" and "a::B::c" become "a::B::c".
 std::string plainName(std::string const& name) {
     constexpr std::string_view THUNK = "thunk to ";
-    std::string text = name;
-    std::size_t const mangled = text.find("_ZT");
-    if (mangled != std::string::npos) {
-        text = demangled(text.substr(mangled));
-    }
-    std::size_t const thunk = text.find(THUNK);
-    if (thunk != std::string::npos) {
-        text.erase(0, thunk + THUNK.size());
-    }
-    return text.substr(0, text.find('('));
+    std::size_t const thunk = name.find(THUNK);
+    std::size_t const begin = thunk == std::string::npos ? 0 : thunk + THUNK.size();
+    return name.substr(begin, name.find('(') - begin);
 }
 
 /// A line of the dump reads "24    (int (*)(...))a::B::c"; numbers are offsets. Type information is
@@ -64,7 +38,7 @@ void readLine(std::string const& line, std::vector<VirtualTable>& tables) {
         return;
     }
     std::string const entry = line.substr(cast + CAST.size());
-    if (entry.find("_ZTI") != std::string::npos) {
+    if (entry.find("typeinfo for") != std::string::npos) {
         tables.emplace_back();
     } else if (entry.find("::") != std::string::npos || entry.rfind("__cxa_pure", 0) == 0) {
         tables.back().push_back(plainName(entry));

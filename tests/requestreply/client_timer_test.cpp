@@ -1,5 +1,6 @@
 // The client with a timer that expires when the test says so.
 
+#include "requestreply/adjustable_clock.hpp"
 #include "requestreply/client_fixture.hpp"
 #include "support/manual_timer.hpp"
 #include "support/temp_dir.hpp"
