@@ -31,6 +31,7 @@ void SocketTuning::connected(int fd) {
     // A child process must not keep the connection open.
     ::fcntl(fd, F_SETFD, FD_CLOEXEC);
     isTcp_ = setTcpOption(fd, TCP_QUICKACK, 1);
+    acknowledgesAtOnce_ = isTcp_;
     // For a unix socket too: a stream of the last connection must not shorten its steps.
     sending_.begin(fd);
     receiving_ = Receiving::EXCHANGE;
@@ -57,7 +58,9 @@ void SocketTuning::stepped(int fd, bool moreToWrite) {
         return;
     }
     sending_.stepped(fd);
-    if (!sending_.holdsBack() && !isInStream() && !moreToWrite && !hasInput(fd)) {
+    if (sending_.holdsBack() || isInStream()) {
+        delayAcknowledgements(fd);
+    } else if (!moreToWrite && !hasInput(fd)) {
         acknowledge(fd);
     }
 }
@@ -65,6 +68,16 @@ void SocketTuning::stepped(int fd, bool moreToWrite) {
 /// After every such step, as the kernel takes the option back at any time.
 void SocketTuning::acknowledge(int fd) {
     setTcpOption(fd, TCP_QUICKACK, 1);
+    acknowledgesAtOnce_ = true;
+}
+
+/// Once set, the option makes the kernel acknowledge whenever all input has been read, until we
+/// send something: the broker would then send each message of a stream in a segment of its own.
+void SocketTuning::delayAcknowledgements(int fd) {
+    if (acknowledgesAtOnce_) {
+        setTcpOption(fd, TCP_QUICKACK, 0);
+        acknowledgesAtOnce_ = false;
+    }
 }
 
 bool SocketTuning::isInStream() {

@@ -47,9 +47,11 @@ private:
     enum class Receiving : std::uint8_t { EXCHANGE, STREAM, PAUSED };
 
     void acknowledge(int fd);
+    void delayAcknowledgements(int fd);
     bool isInStream();
 
     bool isTcp_ = false; ///< a unix socket has none of these options and needs none
+    bool acknowledgesAtOnce_ = false; ///< TCP_QUICKACK is set
     SendPacing sending_;
     Receiving receiving_ = Receiving::EXCHANGE;
     unsigned received_ = 0;            ///< messages since the last pause, or since our last packet
