@@ -50,7 +50,7 @@ private:
     void delayAcknowledgements(int fd);
     bool isInStream();
 
-    bool isTcp_ = false; ///< a unix socket has none of these options and needs none
+    bool isTcp_ = false;              ///< a unix socket has none of these options and needs none
     bool acknowledgesAtOnce_ = false; ///< TCP_QUICKACK is set
     SendPacing sending_;
     Receiving receiving_ = Receiving::EXCHANGE;
