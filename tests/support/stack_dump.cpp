@@ -96,8 +96,8 @@ void dumpStacks(std::ostream& out) {
     long const count = askThreads(signal);
     auto const complete = [](Stack const& stack) { return stack.thread != 0; };
     eventually([&] { return std::count_if(stacks.begin(), stacks.end(), complete) >= count; },
-               std::chrono::seconds(20)); // ThreadSanitizer delays signals
-    constexpr int SIGNAL_FRAMES = 2;      // the handler and the kernel's trampoline
+               std::chrono::seconds(5));
+    constexpr int SIGNAL_FRAMES = 2; // the handler and the kernel's trampoline
     for (Stack const& stack : stacks) {
         if (complete(stack)) {
             out << "  thread " << stack.thread << "\n";

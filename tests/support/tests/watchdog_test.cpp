@@ -3,9 +3,10 @@
 
 #include <gmock/gmock.h>
 
+#include <condition_variable>
 #include <csignal>
-#include <future>
 #include <iostream>
+#include <mutex>
 
 namespace {
 
@@ -16,8 +17,10 @@ using testing::Truly;
 [[noreturn]] [[gnu::noinline]] void hangForEver() {
     setenv("ZYM_TEST_LIMIT", "1", 1); // also where the environment says that there is no limit
     support::Watchdog::limit(std::chrono::seconds(1));
-    std::promise<void> never;
-    never.get_future().wait();
+    // ThreadSanitizer delivers signals in this wait, and not in that for a future.
+    std::mutex mutex;
+    std::unique_lock lock(mutex);
+    std::condition_variable().wait(lock, [] { return false; });
     std::abort();
 }
 
