@@ -65,9 +65,9 @@ public:
     /// @param replyTopic the sub-path of the services "bind" and "unbind", empty for none
     /// @param uuid the client's own identity
     /// @param boundTopic sent with every binding: see `BindRequestData`
-    /// @param listener may be null; must live until `terminate` has returned. A derived class
-    /// passes
-    ///        uuid and listener also to the virtual base `zym::common::BinderProxy`, which calls it
+    /// @param listener may be null; must live until `terminate` has returned. A derived class also
+    ///        passes uuid and listener to the virtual base `zym::common::BinderProxy`, which calls
+    ///        it
     BinderMqttProxy(MqttClient& client, Topic const& requestTopic, Topic const& replyTopic,
                     zym::common::Uuid const& uuid, Topic const& boundTopic,
                     zym::common::BinderProxy::Listener* listener);
@@ -101,9 +101,8 @@ public:
     /// @param timeout all ones: until the server answers or `cancelUnbinding` is called
     /// @return SUCCESS: the request is sent; BUSY, NOT_BOUND or CANCELLED: not begun; otherwise the
     ///         request could not be sent, and the listener has been called with the same
-    /// @throws std::system_error no thread for a timer; std::bad_alloc; the listener has been
-    /// called
-    ///         with FAILED, and a binding still exists
+    /// @throws std::system_error no thread for a timer; std::bad_alloc. The listener has then been
+    ///         called with FAILED, and a binding still exists
     zym::common::Binder::Error unbind(conv::SecondsDuration const& timeout) override;
     /// Ends an unbinding under way without the server's answer: the binding is over on this side,
     /// as after a time-out, and the caller or the listener of the unbinding gets SUCCESS. The

@@ -196,9 +196,8 @@ public:
     /// `connect` is called again.
     /// @param timeout seconds; 0 does not wait, `UINT32_MAX` waits without limit. A subscriber that
     ///        keeps the worker busy adds up to a second.
-    /// @return SUCCESS; TIMEOUT; CONNECTION_PENDING from inside a state listener; NO_CONN when
-    /// there
-    ///         was no connection to end: attempts to connect go on, `giveUp` ends them
+    /// @return SUCCESS; TIMEOUT; CONNECTION_PENDING from inside a state listener; NO_CONN without a
+    ///         connection to end: attempts to connect go on, `giveUp` ends them
     Error disconnect(conv::SecondsDuration timeout);
 
     /// Ends the attempts to connect, which `disconnect` does not end while there is no connection.

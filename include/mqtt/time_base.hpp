@@ -78,9 +78,8 @@ class ZYM_MQTT_EXPORT SynchronizedTimeBaseMqttProxy
 public:
     /// @param topic where the server answers: the adaptor's
     /// @param uuid the client's own identity
-    /// @param listener may be null; see `registerListener`. A derived class passes uuid and
-    /// listener
-    ///        also to the virtual base `zym::common::SynchronizedTimeBaseProxy`, which calls it
+    /// @param listener may be null; see `registerListener`. A derived class also passes uuid and
+    ///        listener to the virtual base `zym::common::SynchronizedTimeBaseProxy`, which calls it
     SynchronizedTimeBaseMqttProxy(MqttClient& client, Topic const& topic,
                                   zym::common::Uuid const& uuid,
                                   zym::common::SynchronizedTimeBaseProxy::Listener* listener);

@@ -67,9 +67,8 @@ public:
 
     /// Cleans a topic or pattern. If a request with exactly this text is under way, it is extended
     /// by `TIMEOUT` instead, and the duration is not used. Does nothing after `terminate`.
-    /// @param duration how long to listen; the request then ends after the next message or at the
-    /// end
-    ///        of the next `NO_ACTIVITY_TIME`
+    /// @param duration how long to listen; the request then ends after the next message, or when
+    ///        the next `NO_ACTIVITY_TIME` is over
     /// @throws std::system_error no thread for the timer; std::bad_alloc; nothing is cleaned then
     void clean(Topic const& topic, std::chrono::milliseconds duration);
 

@@ -30,10 +30,9 @@ inline std::chrono::steady_clock::time_point later(std::chrono::steady_clock::ti
 
 /// Waits on a condition until `done()` or the deadline; returns what `done()` says last.
 /// @param done called with the lock held
-/// @param longestSleep after which `done()` is asked again. A limit is needed: where `time_t` has
-/// 32
-///        bits, a far deadline overflows inside the standard library, and a wait for it returns at
-///        once.
+/// @param longestSleep after which `done()` is called again. A limit is needed: with a `time_t` of
+///        32 bits a far deadline overflows inside the standard library, and a wait for it returns
+///        at once.
 template <class Condition, class Lock, class Predicate>
 bool waitUntil(Condition& condition, Lock& lock, std::chrono::steady_clock::time_point deadline,
                Predicate done, std::chrono::seconds longestSleep = std::chrono::hours(1))

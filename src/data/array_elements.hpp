@@ -11,8 +11,7 @@ namespace mqtt {
 class ArrayElements {
 public:
     /// @param text begins with the array; what follows its last bracket is ignored. Must outlive
-    /// this
-    ///        object
+    ///        this object
     /// @throws std::runtime_error the text does not begin with an array
     explicit ArrayElements(std::string_view text);
 

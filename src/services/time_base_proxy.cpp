@@ -1,14 +1,12 @@
 // Estimates the server's time: exchanges, their samples, and the filter over them.
 //
 // - `mutex_` guards which run is under way and everything that belongs to it. It is taken before
-// the
-//   request client's, the timer's and the MQTT client's locks, and never held while the listener is
-//   called.
+//   the request client's, the timer's and the MQTT client's locks, and is not held while the
+//   listener is called.
 // - Each run has a number. What an earlier run left in flight, a reply, an expiry of the timer or a
 //   call of the listener, has another number and changes nothing.
 // - An active proxy that is not synchronised has a request under way, or its timer armed to send
-// the
-//   next one. That needs no memory and no thread: the timer has its thread from the start.
+//   the next one. That needs no memory and no thread: the timer has its thread from the start.
 
 #include "common/active_calls.hpp"
 #include "common/arm_timer.hpp"

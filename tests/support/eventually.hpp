@@ -11,7 +11,7 @@ inline constexpr std::chrono::milliseconds DEADLINE{30000};
 
 /// Polls until `condition()` holds, for events that nothing announces (a process, a foreign
 /// library's state). Where there is something to be woken by, use `Watched`.
-/// @return whether it came to hold
+/// @return whether it holds
 template <class Condition>
 bool eventually(Condition const& condition, std::chrono::milliseconds deadline = DEADLINE) {
     auto const end = std::chrono::steady_clock::now() + deadline;
