@@ -130,6 +130,20 @@ TEST_F(AMessageOfAProxy, RequestsTheTimeTenTimesBeforeItIsBound) {
     EXPECT_EQ(recorder.calls().back(), unbound(Error::SUCCESS));
 }
 
+/// No message causes that: the name in a reply is that of its request.
+TEST_F(AMessageOfAProxy, IsNotAnsweredByAReplyWithAnotherName) {
+    using Listener = mqtt::RequestReplyClient::Listener*;
+    // Only this kind of cast converts to a private base class.
+    auto* const listener = Listener(proxy.get());
+    ASSERT_EQ(proxy->bind(server, LONG_TIMEOUT_S), Error::SUCCESS);
+    for (std::string const name : {"", "Bind", "unbinding"}) {
+        listener->onReply(1, name, id, server, *mqtt::NO_DATA, Code::SUCCESS);
+        listener->onReply(1, name, id, server, *mqtt::NO_DATA, Code{23});
+    }
+    EXPECT_THAT(recorder.calls(), IsEmpty());
+    EXPECT_THAT(requests("timeSync"), IsEmpty());
+}
+
 using ABindingWithoutAThread = AScriptedProxy;
 
 TEST_F(ABindingWithoutAThread, Fails) {

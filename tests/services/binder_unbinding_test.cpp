@@ -33,16 +33,12 @@ TEST_F(AnUnbinding, RefusesEverythingElseMeanwhile) {
 }
 
 TEST_F(AnUnbinding, IsOverUnlessTheServerIsBusyOrMissing) {
-    for (auto const& [code, error] : std::vector<std::pair<int, Error>>{{1, Error::SUCCESS},
-                                                                        {4, Error::NO_SERVER},
-                                                                        {6, Error::BUSY},
-                                                                        {18, Error::BUSY},
-                                                                        {20, Error::NO_SERVER},
-                                                                        {0, Error::SUCCESS},
-                                                                        {3, Error::SUCCESS},
-                                                                        {17, Error::SUCCESS},
-                                                                        {22, Error::SUCCESS},
-                                                                        {255, Error::SUCCESS}}) {
+    using Case = std::pair<int, Error>;
+    for (auto const& [code, error] :
+         {Case(0, Error::SUCCESS), Case(1, Error::SUCCESS), Case(3, Error::SUCCESS),
+          Case(4, Error::NO_SERVER), Case(6, Error::BUSY), Case(17, Error::SUCCESS),
+          Case(18, Error::BUSY), Case(20, Error::NO_SERVER), Case(22, Error::SUCCESS),
+          Case(255, Error::SUCCESS)}) {
         for (bool const waits : {true, false}) {
             SCOPED_TRACE(code);
             bind();

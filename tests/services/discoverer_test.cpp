@@ -158,19 +158,6 @@ TEST_F(ADiscoverer, SubscribesTheIdentificationBelowEachLink) {
     EXPECT_EQ(topics(Operation::SUBSCRIBE), expected);
 }
 
-TEST_F(ADiscoverer, FindsTwoHundredEntities) {
-    Strings ids;
-    Strings expected;
-    for (int i = 0; i < 200; ++i) {
-        ids.push_back("entity/" + std::to_string(i));
-        expected.push_back(documentOf(ids.back()));
-        retainEntity(ids.back());
-    }
-    retainLinks(ids);
-    EXPECT_TRUE(discoverer->discoverSync(SUCCESS_TIMEOUT_S, true));
-    EXPECT_EQ(entities(), expected);
-}
-
 TEST_F(ADiscoverer, TimesOutOnATopicThatCannotBeSubscribed) {
     for (auto const* const topic : {"", "a/#/b"}) {
         Discoverer refused(*client_, topic);
