@@ -1,5 +1,5 @@
 // What requests and replies look like: codes, topics and documents. The seeds of the fuzz targets
-// `requests` and `replies` have more documents, which every build reads.
+// have more documents, which every build reads.
 
 #include "requestreply/endpoint.hpp"
 #include "requestreply/sample_data.hpp"

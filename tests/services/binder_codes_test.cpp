@@ -1,5 +1,5 @@
-// What the code of a reply means for a binding. The seeds of the fuzz target `request_members` have
-// the documents.
+// What the code of a reply means for a binding. The documents of bindings and of the time
+// are read in every build from the seeds of the fuzz targets.
 
 #include <mqtt/binder_proxy.hpp>
 
