@@ -1,3 +1,6 @@
+// The private reader of arrays, with texts that our JSON reader refuses before: another platform
+// library's may not. links_test.cpp has the valid ones.
+
 #include "data/array_elements.hpp"
 
 #include <gmock/gmock.h>
@@ -26,48 +29,20 @@ std::vector<std::string> elementsOf(std::string_view text) {
     return result;
 }
 
-TEST(TheElementsOfAnArray, AreFoundInOrderWithoutBlanksAroundThem) {
-    EXPECT_THAT(elementsOf("[]"), IsEmpty());
-    EXPECT_THAT(elementsOf(" \t\r\n[ \n ]"), IsEmpty());
-    EXPECT_THAT(elementsOf("[1]"), ElementsAre("1"));
-    EXPECT_THAT(elementsOf(" [ 1 ,\r\n2,\tnull\n, \"a b\" ] "),
-                ElementsAre("1", "2", "null", "\"a b\""));
-}
-
-TEST(TheElementsOfAnArray, MayBeObjectsAndArrays) {
-    EXPECT_THAT(elementsOf(R"([{"a": 1, "b": [2, 3]}, [[], {}], {}])"),
-                ElementsAre(R"({"a": 1, "b": [2, 3]})", "[[], {}]", "{}"));
+TEST(TheElementsOfAnArray, EndWithItAndAreNotCheckedThemselves) {
+    EXPECT_THAT(elementsOf(R"([1, 2], "more": ["x)"), ElementsAre("1", "2"));
+    EXPECT_THAT(elementsOf("[]]"), IsEmpty());
+    EXPECT_THAT(elementsOf("[1,,x y,]"), ElementsAre("1", "", "x y", ""));
     std::string const deep = std::string(100000, '[') + std::string(100000, ']');
     EXPECT_THAT(elementsOf('[' + deep + ']'), ElementsAre(deep));
 }
 
-TEST(TheElementsOfAnArray, MayHaveBracketsQuotesAndCommasInStrings) {
-    for (char const* const text : {R"("],}{[")", R"("\"")", R"("\\")", R"("\\\",")", R"("a\\")",
-                                   R"({"],": "\"]"})", R"("\u005c")", R"("")"}) {
-        EXPECT_THAT(elementsOf(std::string("[") + text + ", " + text + "]"),
-                    ElementsAre(text, text));
-    }
-}
-
-TEST(TheElementsOfAnArray, EndWithItWhateverFollows) {
-    EXPECT_THAT(elementsOf(R"([1, 2], "more": ["x)"), ElementsAre("1", "2"));
-    EXPECT_THAT(elementsOf("[]]"), IsEmpty());
-}
-
-TEST(TheElementsOfAnArray, AreNotCheckedThemselves) {
-    EXPECT_THAT(elementsOf("[1,,x y,]"), ElementsAre("1", "", "x y", ""));
-}
-
-TEST(ATextThatIsNoArray, HasNoElements) {
-    for (char const* const text :
-         {"", " ", "{}", "1", "\"[]\"", "null", "]", "x[]", "[1}", "[1, 2}"}) {
+TEST(TheElementsOfAnArray, AreRefusedWithoutItsBracketsAndWhereverItIsCutOff) {
+    for (char const* const text : {" ", "{}", "1", "\"[]\"", "null", "]", "x[]", "[1}", "[1, 2}"}) {
         EXPECT_THROW(elementsOf(text), std::runtime_error) << text;
     }
-}
-
-TEST(AnArrayCutOffAnywhere, IsRefused) {
     std::string const text = R"([ {"a": ["\\\"]", 1 ]} , "\"" , 2 ])";
-    ASSERT_EQ(elementsOf(text).size(), 3U);
+    EXPECT_THAT(elementsOf(text), ElementsAre(R"({"a": ["\\\"]", 1 ]})", R"("\"")", "2"));
     for (std::size_t length = 0; length < text.size(); ++length) {
         EXPECT_THROW(elementsOf({text.data(), length}), std::runtime_error) << length;
     }

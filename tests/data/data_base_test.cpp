@@ -2,11 +2,8 @@
 
 #include "data/an_endpoint.hpp"
 
-#include "support/watched.hpp"
-
 #include <gmock/gmock.h>
 
-#include <chrono>
 #include <future>
 #include <type_traits>
 
@@ -153,33 +150,6 @@ TEST_F(AnEndpoint, PublishesAndCleansWithItsTopicQosAndRetainedFlag) {
     expectCall(calls[5], "c/d", "x@c/d", 2, true);
     expectCall(calls[6], "c/d", "", 2, true);
     EXPECT_EQ(endpoint.value, "x");
-}
-
-TEST_F(AnEndpoint, ThatWaitsReturnsWhenTheBrokerHasAcknowledged) {
-    ASSERT_EQ(subscribe(endpoint, 3), Error::SUCCESS);
-    script_->setAcknowledging(false);
-    using Wait = std::function<void(Lock&)>;
-    for (auto const& wait : {Wait([&](Lock&) { endpoint.publishWait(); }),
-                             Wait([&](Lock& lock) { endpoint.publishWait(lock); }),
-                             Wait([&](Lock&) { endpoint.cleanWait(); }),
-                             Wait([&](Lock& lock) { endpoint.clean(true, lock); }),
-                             Wait([&](Lock& lock) { endpoint.unsubscribeWait(lock); })}) {
-        auto const before = script_->calls().size();
-        support::Watched<bool> returned;
-        auto call = std::async(std::launch::async, [&] {
-            Lock lock(endpoint.mutex());
-            wait(lock);
-            support::set(returned);
-        });
-        ASSERT_TRUE(support::eventually([&] { return script_->calls().size() > before; }));
-        // Long enough to see that the call waits.
-        EXPECT_FALSE(returned.waitFor(support::isSet, std::chrono::milliseconds(200)));
-        script_->runInLoop([mid = script_->calls().back().mid](auto& object) {
-            object.on_publish(mid);
-            object.on_unsubscribe(mid);
-        });
-        EXPECT_TRUE(returned.waitFor(support::isSet));
-    }
 }
 
 // The will

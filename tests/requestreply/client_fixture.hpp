@@ -109,13 +109,6 @@ protected:
         return options;
     }
 
-    /// Returns when the broker knows all subscriptions of this client, which publishes nothing else
-    /// meanwhile.
-    static void settle(mqtt::MqttClient& through) {
-        EXPECT_EQ(through.publishWait("settled", "", 1, false, 30),
-                  mqtt::MqttClient::Error::SUCCESS);
-    }
-
     /// Those with this text in their topic.
     static Messages messagesWith(Messages const& all, std::string const& text) {
         Messages found;

@@ -38,46 +38,25 @@ TEST_F(AWait, BelongsToTheRequestItBeganWith) {
     EXPECT_THAT(recorder.errors(), SizeIs(count));
 }
 
-/// The listener destroys the client, so that no thread may still be inside a wait.
-TEST_F(AWait, IsOverBeforeItsClientIsDestroyed) {
-    int const count = rounds(10);
-    for (int round = 0; round < count; ++round) {
-        bool const cancels = round % 2 == 0;
-        ReplyRecorder ending([&](ReplyCall const&) { client.reset(); });
-        ASSERT_EQ(requestFor(&ending), Code::PENDING);
-        auto* const waited = client.get();
-        WaitingThreads waiters(*waited, NO_TIME_LIMIT, 12); // so many that the last one is late
-        if (cancels) {
-            EXPECT_EQ(waited->cancel(), Code::SUCCESS);
-        } else {
-            reply(17);
-        }
-        auto const expected = cancels ? Code::CANCELLED : SERVICE_ERROR;
-        EXPECT_THAT(waiters.results(), Each(expected));
-        receiveAll();
-        EXPECT_THAT(ending.errors(), ElementsAre(expected));
-        client = makeClient();
-        peer.clearMessages();
-    }
-}
-
 class AListener : public ClientOnABroker {};
 
+/// No thread may still be inside a wait when the client is destroyed.
 TEST_F(AListener, MayDestroyItsClientWhateverEndedTheRequest) {
     struct End {
         Code error;
         std::function<void()> end;
+        std::size_t waiters = 12; ///< so many that the last one is late
         std::uint32_t timeout = LONG_TIMEOUT_S;
         char const* name = "sync";
     };
     std::vector<End> const ends{
-        {Code::SUCCESS, [this] { reply(1); }},
+        {SERVICE_ERROR, [this] { reply(17); }},
         {Code::CANCELLED, [this] { client->cancel(); }},
         {Code::CANCELLED, [this] { client->terminate(); }},
         {Code::TIMEOUT, [this] { client->waitEndOfRequest(0); }},
-        {Code::TIMEOUT, [] {}, 0},       // by the time-out reply
-        {Code::TIMEOUT, [] {}, 0, "+"}}; // to an invalid topic: by the timer's thread
-    for (auto const& [error, end, timeout, name] : ends) {
+        {Code::TIMEOUT, [] {}, 0, 0},       // by the time-out reply
+        {Code::TIMEOUT, [] {}, 0, 0, "+"}}; // to an invalid topic: by the timer's thread
+    for (auto const& [error, end, waiters, timeout, name] : ends) {
         SCOPED_TRACE(error);
         support::Watched<bool> gone;
         ReplyRecorder ending([&](ReplyCall const&) {
@@ -88,7 +67,9 @@ TEST_F(AListener, MayDestroyItsClientWhateverEndedTheRequest) {
         auto* const which = client.get();
         ASSERT_EQ(which->request(&ending, id, Uuid::NIL, nullptr, replyData, &requestId, timeout),
                   Code::PENDING);
+        WaitingThreads waiting(*which, NO_TIME_LIMIT, waiters);
         end();
+        EXPECT_THAT(waiting.results(), Each(error));
         ASSERT_TRUE(gone.waitFor(isSet));
         receiveAll();
         EXPECT_THAT(ending.errors(), ElementsAre(error));

@@ -1,14 +1,17 @@
 #include "requestreply/server_fixture.hpp"
-#include "support/scripted_server.hpp"
 
+#include <atomic>
 #include <chrono>
 #include <stdexcept>
 
 namespace {
 
+using std::chrono::seconds;
+using std::chrono::steady_clock;
 using support::isSet;
 using support::Message;
-using support::PacketType;
+using testing::Contains;
+using testing::Each;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
@@ -23,7 +26,7 @@ TEST_F(ARequestReplyClient, SendsARequestWithIdentifierAndPayload) {
 
 TEST_F(ARequestReplyClient, TakesTheIdentifierFromTheSteadyClock) {
     auto const now = [] {
-        auto const time = std::chrono::steady_clock::now().time_since_epoch();
+        auto const time = steady_clock::now().time_since_epoch();
         return static_cast<unsigned int>(
             std::chrono::duration_cast<std::chrono::milliseconds>(time).count());
     };
@@ -115,9 +118,7 @@ TEST_F(ARequestReplyClient, ReadsNothingMoreWhenItsRequestHasEnded) {
 
 TEST_F(ARequestReplyClient, IgnoresWhatIsNoReplyAndTheSecondReply) {
     ASSERT_EQ(request(), Code::PENDING);
-    auto const start = "{\"$reqId\": " + std::to_string(requestId);
-    for (auto const& payload : {std::string(), std::string("[]"), start, start + "}",
-                                start + ", \"$err\": 256}", "[" + start + ", \"$err\": 1}]"}) {
+    for (auto const& payload : {std::string(), std::string("[]"), replyText(requestId, 256)}) {
         reply(payload);
     }
     receiveAll();
@@ -143,12 +144,7 @@ TEST_F(ARequestReplyClient, NeedsNeitherListenerNorPayloads) {
 }
 
 TEST_F(ARequestReplyClient, IsIdleAgainWhenAPayloadCannotBeWritten) {
-    class Unwritable : public NumberData {
-        void serialize(zym::common::lwjson::Serializer& /*out*/) const override {
-            throw std::runtime_error("No");
-        }
-    };
-    EXPECT_THROW(client->request(&recorder, id, Uuid::NIL, std::make_shared<Unwritable>(),
+    EXPECT_THROW(client->request(&recorder, id, Uuid::NIL, std::make_shared<UnwritableData>(),
                                  replyData, &requestId, 0),
                  std::runtime_error);
     EXPECT_EQ(request(), Code::PENDING);
@@ -223,63 +219,85 @@ TEST_F(ARequestReplyClient, SendsNothingAfterItsTermination) {
     EXPECT_THAT(recorder.calls(), SizeIs(1));
 }
 
-/// With a server of the library on another MQTT client. It adds one.
-class AServedClient : public ARequestReplyClient {
-protected:
-    AServedClient() {
-        EXPECT_EQ(server.subscribe(&listener, Uuid::NIL, std::make_shared<NumberData>()),
-                  mqtt::MqttClient::Error::SUCCESS);
-        settle(*serversMqtt);
-    }
-
+TEST_F(ARequestReplyClient, GetsTheReplyOfAServerOnAnotherMqttClient) {
     std::atomic<Code> code{Code::SUCCESS};
-    ServerListener listener{[this](auto const& data, auto& error) {
+    ServerListener listener([&](auto const& data, auto& error) {
         error = code;
         return std::make_shared<NumberData>(dynamic_cast<NumberData const&>(data).number + 1);
-    }};
-    std::unique_ptr<mqtt::MqttClient> serversMqtt = support::testClient(broker);
-    mqtt::RequestReplyServer server{*serversMqtt, "svc", "time", "sync"};
-};
-
-TEST_F(AServedClient, GetsTheReplyOfTheServer) {
+    });
+    auto const serversMqtt = support::testClient(broker);
+    mqtt::RequestReplyServer server(*serversMqtt, "svc", "time", "sync");
+    ASSERT_EQ(server.subscribe(&listener, Uuid::NIL, std::make_shared<NumberData>()),
+              mqtt::MqttClient::Error::SUCCESS);
+    ::receiveAll(*serversMqtt);
     for (int const number : {0, 1, 3, 7, 17, 255}) {
         code = static_cast<Code>(number);
         EXPECT_EQ(requestWait(), code.load());
         EXPECT_EQ(replyData->number, 8U);
     }
-    ASSERT_EQ(request(), Code::PENDING);
-    ASSERT_TRUE(recorder.waitForCount(1));
-    EXPECT_EQ(recorder.calls()[0].error, code.load());
     for (auto const& call : listener.calls()) {
         EXPECT_EQ(call.error, Code::SUCCESS) << "whatever the error of the last reply was";
     }
 }
 
-TEST_F(AServedClient, SendsWhatWasRequestedWithoutAConnectionOnTheNextOne) {
-    ASSERT_EQ(mqtt->disconnect(30), mqtt::MqttClient::Error::SUCCESS);
-    ASSERT_EQ(request(), Code::PENDING);
-    expectStillPending();
-    ASSERT_EQ(mqtt->connect("", -1, 30), mqtt::MqttClient::Error::SUCCESS);
-    ASSERT_TRUE(recorder.waitForCount(1));
-    EXPECT_THAT(recorder.errors(), ElementsAre(Code::SUCCESS));
-    EXPECT_EQ(replyData->number, 8U);
+class ARequestWithoutAServer : public ClientOnABroker {
+protected:
+    std::string timeOutReply() const {
+        return "{\n  \"$reqId\": " + std::to_string(requestId) + ",\n  \"$err\": 3\n}";
+    }
+};
+
+TEST_F(ARequestWithoutAServer, EndsByATimeOutReplyThroughTheBroker) {
+    for (std::size_t round = 1; round <= 2; ++round) {
+        auto const start = steady_clock::now();
+        ASSERT_EQ(request(1), Code::PENDING);
+        ASSERT_TRUE(recorder.waitForCount(round));
+        EXPECT_GE(steady_clock::now() - start, seconds(1));
+        auto const call = recorder.calls().back();
+        EXPECT_EQ(call.error, Code::TIMEOUT);
+        EXPECT_EQ(call.requestId, requestId);
+        EXPECT_EQ(call.data, replyData.get());
+        EXPECT_NE(call.thread, std::this_thread::get_id());
+        EXPECT_THAT(seen(), Contains(Message{replyTopic(), timeOutReply(), 2, false}));
+        EXPECT_EQ(client->waitEndOfRequest(LONG_TIMEOUT_S), Code::TIMEOUT);
+    }
 }
 
-TEST(ARequest, IsSentAfterTheSubscriptionToItsReply) {
-    support::ScriptedServer server;
-    auto const mqtt = support::testClient(server.host(), server.port());
-    mqtt::RequestReplyClient client(*mqtt, "svc", "time", "sync");
-    ASSERT_EQ(client.request(nullptr, support::uniqueId(), zym::common::Uuid::NIL, nullptr, nullptr,
-                             nullptr, NO_TIME_LIMIT),
-              Code::PENDING);
-    ASSERT_TRUE(server.waitForPackets(PacketType::PUBLISH, 1));
-    std::vector<PacketType> order;
-    for (auto const& one : server.received()) {
-        order.push_back(one.packet.type);
+TEST_F(ARequestWithoutAServer, IsAwaitedUntilTheTimeout) {
+    EXPECT_EQ(requestWait(0), Code::TIMEOUT);
+    EXPECT_EQ(client->waitEndOfRequest(LONG_TIMEOUT_S), Code::TIMEOUT);
+    auto const start = steady_clock::now();
+    EXPECT_EQ(requestWait(2), Code::TIMEOUT);
+    EXPECT_GE(steady_clock::now() - start, seconds(2));
+    EXPECT_THAT(seen(), SizeIs(2)) << "no time-out reply is needed";
+    EXPECT_THAT(recorder.calls(), IsEmpty());
+}
+
+TEST_F(ARequestWithoutAServer, IsEndedByAWaitThatRunsOut) {
+    ASSERT_EQ(request(NO_TIME_LIMIT), Code::PENDING);
+    EXPECT_EQ(client->waitEndOfRequest(1), Code::TIMEOUT);
+    auto const calls = recorder.calls();
+    ASSERT_THAT(calls, SizeIs(1));
+    EXPECT_EQ(calls[0].error, Code::TIMEOUT);
+    EXPECT_EQ(calls[0].requestId, requestId);
+    EXPECT_EQ(calls[0].thread, std::this_thread::get_id());
+    EXPECT_NE(dynamic_cast<mqtt::RequestReplyNoData const*>(calls[0].data), nullptr);
+    EXPECT_THAT(seen(), SizeIs(1)) << "no time-out reply is needed";
+    EXPECT_EQ(request(), Code::PENDING);
+}
+
+TEST_F(ARequestWithoutAServer, IsAwaitedWithoutLimit) {
+    std::size_t ended = 0;
+    for (std::uint32_t const timeout : {NO_TIME_LIMIT, NO_TIME_LIMIT - 1, 1U << 31U}) {
+        ASSERT_EQ(request(timeout), Code::PENDING);
+        WaitingThreads waiter(*client, timeout);
+        expectStillPending();
+        reply(17);
+        EXPECT_THAT(waiter.results(), ElementsAre(SERVICE_ERROR));
+        // The wait may return before the listener is called.
+        ASSERT_TRUE(recorder.waitForCount(++ended));
     }
-    order.resize(3); // more packets of the publication may follow
-    EXPECT_THAT(order,
-                ElementsAre(PacketType::CONNECT, PacketType::SUBSCRIBE, PacketType::PUBLISH));
+    EXPECT_THAT(recorder.errors(), Each(SERVICE_ERROR));
 }
 
 } // namespace

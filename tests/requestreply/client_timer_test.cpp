@@ -3,10 +3,8 @@
 #include "requestreply/adjustable_clock.hpp"
 #include "requestreply/client_fixture.hpp"
 #include "support/manual_timer.hpp"
-#include "support/temp_dir.hpp"
 
 #include <chrono>
-#include <fstream>
 #include <memory>
 
 namespace {
@@ -76,58 +74,6 @@ TEST_F(AClientWithAHandDrivenTimer, QueuesOneTimeOutReplyWithoutAConnection) {
     ASSERT_TRUE(recorder.waitForCount(1));
     EXPECT_THAT(recorder.errors(), ElementsAre(Code::TIMEOUT));
     EXPECT_THAT(seen(), SizeIs(2)) << "the request and its time-out reply";
-}
-
-/// The broker denies the topics without an error.
-class ADeniedRequest : public AClientWithAHandDrivenTimer {
-protected:
-    ADeniedRequest() {
-        support::BrokerOptions options;
-        auto const list = directory.file("denied");
-        std::ofstream(list) << "topic readwrite other/#\n";
-        options.extraLines = {"acl_file " + list};
-        denying = std::make_unique<support::Broker>(options);
-        client.reset();
-        mqtt = support::testClient(*denying);
-        client = makeClient();
-        manual_timer::reset();
-    }
-    ~ADeniedRequest() override {
-        client.reset();
-        mqtt.reset();
-    }
-
-    support::TempDir directory;
-    std::unique_ptr<support::Broker> denying;
-};
-
-TEST_F(ADeniedRequest, EndsAfterTwoTimeOutRepliesThatDoNotComeBack) {
-    ASSERT_EQ(request(0), Code::PENDING);
-    manual_timer::expire();
-    EXPECT_EQ(manual_timer::record().period, seconds(1));
-    EXPECT_TRUE(manual_timer::record().armed);
-    manual_timer::expire();
-    EXPECT_EQ(requestWait(), Code::BUSY) << "the second time-out reply may still come back";
-    manual_timer::expire();
-    manual_timer::expire();
-    ASSERT_THAT(recorder.calls(), SizeIs(1));
-    EXPECT_EQ(recorder.calls()[0].error, Code::TIMEOUT);
-    EXPECT_EQ(recorder.calls()[0].data, replyData.get());
-    EXPECT_EQ(recorder.calls()[0].thread, std::this_thread::get_id());
-    EXPECT_FALSE(manual_timer::record().armed);
-    EXPECT_EQ(request(), Code::PENDING);
-}
-
-TEST_F(ADeniedRequest, StaysPendingWhileThereIsNoConnection) {
-    ASSERT_EQ(request(0), Code::PENDING);
-    manual_timer::expire();
-    manual_timer::expire();
-    ASSERT_EQ(mqtt->disconnect(30), mqtt::MqttClient::Error::SUCCESS);
-    manual_timer::expire();
-    EXPECT_THAT(recorder.calls(), IsEmpty());
-    ASSERT_EQ(mqtt->connect("", -1, 30), mqtt::MqttClient::Error::SUCCESS);
-    manual_timer::expire();
-    EXPECT_THAT(recorder.errors(), ElementsAre(Code::TIMEOUT));
 }
 
 TEST_F(AClientWithAHandDrivenTimer, EndsARequestToAnInvalidTopicAfterItsTimeout) {

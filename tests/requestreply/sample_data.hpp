@@ -3,6 +3,7 @@
 #include <mqtt/request_reply.hpp>
 
 #include <memory>
+#include <stdexcept>
 #include <string>
 
 /// A payload of one number, which must be there.
@@ -21,6 +22,13 @@ public:
     unsigned int number;
 };
 
+class UnwritableData : public NumberData {
+public:
+    void serialize(zym::common::lwjson::Serializer& /*out*/) const override {
+        throw std::runtime_error("cannot be written");
+    }
+};
+
 /// A payload of one text, which must be there.
 class TextData : public mqtt::RequestReplyData {
 public:
@@ -35,16 +43,4 @@ public:
     }
 
     std::string text;
-};
-
-/// Writes members with the names of the envelope's.
-class EnvelopeWritingData : public mqtt::RequestReplyData {
-public:
-    void deserialize(zym::common::lwjson::Deserializer& /*in*/) override {}
-    void serialize(zym::common::lwjson::Serializer& out) const override {
-        out.appendKey("$reqId");
-        out.appendValue("99");
-        out.appendKey("$err");
-        out.appendValue("1");
-    }
 };

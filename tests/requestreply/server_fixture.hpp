@@ -52,9 +52,9 @@ protected:
     using Server = mqtt::RequestReplyServer;
     using Strings = std::vector<std::string>;
 
-    /// Returns when the client has handled everything that was sent to it, and the peer has
-    /// everything that the client has sent.
-    Messages settle() {
+    /// All messages so far, when the client has handled everything that was sent to it, and the
+    /// peer has everything that the client has sent.
+    Messages awaitAllMessages() {
         receiveAll();
         return seen();
     }
@@ -64,7 +64,7 @@ protected:
                                   std::shared_ptr<mqtt::RequestReplyData> data = mqtt::NO_DATA) {
         auto server = std::make_unique<Server>(*mqtt, "svc", mqtt::Topic(), "n");
         EXPECT_EQ(server->subscribe(listener, Uuid(), std::move(data)), Error::SUCCESS);
-        settle();
+        awaitAllMessages();
         return server;
     }
 
@@ -72,7 +72,7 @@ protected:
     void request(int requestId) { request("{\"$reqId\": " + std::to_string(requestId) + "}"); }
 
     /// All replies sent so far, to any client.
-    Messages replies() { return messagesWith(settle(), mqtt::REPLY_SUFFIX); }
+    Messages replies() { return messagesWith(awaitAllMessages(), mqtt::REPLY_SUFFIX); }
 
     Strings replyPayloads() {
         Strings result;

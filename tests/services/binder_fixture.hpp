@@ -81,15 +81,10 @@ public:
     void ignoreUnbindings() { unbind_.unsubscribeWait(); }
     void offerTime() {
         clock_ = std::make_unique<Clock>(*mqtt_, id, ahead_);
-        settle();
+        awaitSubscriptions();
     }
     void withdrawTime() { clock_.reset(); }
     std::uint32_t timeBase() const { return clock_->timeBase(); }
-
-    /// Returns when the broker knows all subscriptions that were made. `publishWait` may time out
-    /// here, because replies are acknowledged at the same time.
-    void settle() { receiveAll(*mqtt_); }
-    mqtt::MqttClient const& mqtt() const { return *mqtt_; }
 
     Uuid const id = support::uniqueId();
     ServerListener bindings;
@@ -114,8 +109,11 @@ private:
                std::shared_ptr<mqtt::RequestReplyData> data) {
         EXPECT_EQ(service.subscribe(listener, id, std::move(data)),
                   mqtt::MqttClient::Error::SUCCESS);
-        settle();
+        awaitSubscriptions();
     }
+    /// Returns when the broker knows all subscriptions that were made. `publishWait` may time out
+    /// here, because replies are acknowledged at the same time.
+    void awaitSubscriptions() { receiveAll(*mqtt_); }
 
     double const ahead_;
     std::unique_ptr<mqtt::MqttClient> mqtt_;
@@ -133,16 +131,13 @@ protected:
         return std::make_unique<Proxy>(*mqtt, BASE_TOPIC, SUB_PATH, id, BOUND_TOPIC, &recorder);
     }
 
-    /// How many requests of this name the broker has forwarded so far.
-    std::size_t requests(std::string const& name) const {
-        return messagesWith(peer.messages(), "/" + name + "?\?/").size();
+    /// How many requests of this name our client has sent so far.
+    std::size_t requests(std::string const& name) {
+        return messagesWith(seen(), "/" + name + "?\?/").size();
     }
     support::Message awaitRequest(std::string const& name, std::size_t count = 1) const {
         return awaitMessage("/" + name + "?\?/", count);
     }
-    /// Waits until the peer has everything that our client has sent.
-    void settle() { seen(); }
-
     void bind() {
         auto const before = recorder.count();
         ASSERT_EQ(proxy->bindSync(server.id, LONG_TIMEOUT_S), BinderError::SUCCESS);

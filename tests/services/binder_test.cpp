@@ -14,7 +14,6 @@ class ABinding : public ProxyAndServer {};
 TEST_F(ABinding, DoesNotExistAtFirst) {
     expectUnbound();
     proxy->forceTimeBaseSync();
-    settle();
     EXPECT_EQ(requests("timeSync"), 0U);
     EXPECT_THAT(recorder.calls(), IsEmpty());
 }
@@ -32,26 +31,11 @@ TEST_F(ABinding, ExistsWhenBindSyncReturns) {
     EXPECT_EQ(recorder.lastThread(), std::this_thread::get_id());
     EXPECT_TRUE(isTimeOf(server, proxy->timeBase()));
     expectBound();
-    settle();
     EXPECT_EQ(requests("bind"), 1U);
     ASSERT_EQ(server.bindings.count(), 1U);
     EXPECT_EQ(server.bindings.calls()[0].clientUuid, id);
     EXPECT_EQ(server.bindings.calls()[0].name, "bind");
     EXPECT_EQ(topic.copy(), BOUND_TOPIC.text());
-}
-
-TEST_F(ABinding, ExistsWhenTheListenerIsCalled) {
-    support::Watched<bool> synchronized;
-    recorder.setHook([&](auto const&) {
-        synchronized.change([&](bool& value) { value = proxy->isTimeBaseSynchronized(); });
-    });
-    EXPECT_EQ(proxy->bind(server.id, LONG_TIMEOUT_S), Error::SUCCESS);
-    ASSERT_TRUE(recorder.waitForCount(1));
-    expectBound();
-    EXPECT_TRUE(synchronized.waitFor([](bool value) { return value; }));
-    EXPECT_TRUE(isTimeOf(server, proxy->timeBase()));
-    EXPECT_THAT(recorder.calls(), ElementsAre(bound(Error::SUCCESS)));
-    EXPECT_NE(recorder.lastThread(), std::this_thread::get_id());
 }
 
 TEST_F(ABinding, NeedsNoListener) {
@@ -62,41 +46,30 @@ TEST_F(ABinding, NeedsNoListener) {
     EXPECT_TRUE(support::eventually([&] { return silent.isTimeBaseSynchronized(); }));
 }
 
-TEST_F(ABinding, ExistsForEveryCodeOfSuccess) {
-    for (int const code : {16, 21}) { // a success of the server's own, and "already bound"
-        SCOPED_TRACE(code);
-        server.bindings.setAnswer(replying(code));
-        EXPECT_EQ(proxy->bindSync(server.id, LONG_TIMEOUT_S), Error::SUCCESS);
-        expectBound();
-        EXPECT_EQ(proxy->unbindSync(LONG_TIMEOUT_S), Error::SUCCESS);
-    }
-}
-
-TEST_F(ABinding, LastsUntilTheServersTimeIsKnown) {
+TEST_F(ABinding, RefusesAnotherOneUntilTheServersTimeIsKnown) {
+    auto const expectBusy = [this] {
+        EXPECT_EQ(proxy->bind(server.id, LONG_TIMEOUT_S), Error::BUSY);
+        EXPECT_EQ(proxy->bindSync(server.id, LONG_TIMEOUT_S), Error::BUSY);
+        EXPECT_FALSE(proxy->isTimeBaseSynchronized());
+        EXPECT_THAT(recorder.calls(), IsEmpty());
+    };
+    server.ignoreBindings();
     server.withdrawTime();
     EXPECT_EQ(proxy->bind(server.id, LONG_TIMEOUT_S), Error::SUCCESS);
+    expectBusy();
+    replyTo(awaitRequest("bind"), 1);
     awaitRequest("timeSync");
-    EXPECT_THAT(recorder.calls(), IsEmpty());
-    EXPECT_EQ(proxy->bind(server.id, LONG_TIMEOUT_S), Error::BUSY);
-    EXPECT_FALSE(proxy->isTimeBaseSynchronized());
+    expectBusy();
     server.offerTime(); // the proxy repeats its request
     ASSERT_TRUE(recorder.waitForCount(1));
     EXPECT_THAT(recorder.calls(), ElementsAre(bound(Error::SUCCESS)));
     expectBound();
-}
-
-TEST_F(ABinding, RefusesAnotherOneMeanwhile) {
-    server.ignoreBindings();
-    EXPECT_EQ(proxy->bind(server.id, LONG_TIMEOUT_S), Error::SUCCESS);
-    EXPECT_EQ(proxy->bind(server.id, LONG_TIMEOUT_S), Error::BUSY);
-    EXPECT_EQ(proxy->bindSync(server.id, LONG_TIMEOUT_S), Error::BUSY);
-    settle();
     EXPECT_EQ(requests("bind"), 1U);
-    EXPECT_THAT(recorder.calls(), IsEmpty());
 }
 
-TEST_F(ABinding, MayFollowFromInsideTheListener) {
+TEST_F(ABinding, ExistsWhenTheListenerIsCalledAndMayBeEndedInsideTheCall) {
     recorder.setHook([&](BindingEvent const& event) {
+        EXPECT_EQ(proxy->isTimeBaseSynchronized(), event.first == "bound");
         if (recorder.count() > 4) {
             return;
         }
@@ -106,6 +79,7 @@ TEST_F(ABinding, MayFollowFromInsideTheListener) {
     });
     EXPECT_EQ(proxy->bind(server.id, LONG_TIMEOUT_S), Error::SUCCESS);
     ASSERT_TRUE(recorder.waitForCount(5));
+    EXPECT_NE(recorder.lastThread(), std::this_thread::get_id());
     expectBound();
     EXPECT_THAT(recorder.calls(),
                 ElementsAre(bound(Error::SUCCESS), unbound(Error::SUCCESS), bound(Error::SUCCESS),
@@ -138,7 +112,6 @@ TEST_F(ABindingThatFails, EndsWithTheErrorOfTheReply) {
     expectFailure(Error::NO_SERVER);
     server.ignoreBindings();
     expectFailure(Error::TIMEOUT, 0);
-    settle();
     EXPECT_EQ(requests("timeSync"), 0U);
     server.bindings.setAnswer({});
     server.serveBindings();
@@ -161,27 +134,10 @@ TEST_F(ABindingThatFails, EndsWithBusyWhenItsRequestCannotBeSent) {
         EXPECT_EQ(derived.unbind(LONG_TIMEOUT_S), Error::NOT_BOUND);
         EXPECT_EQ(derived.bindSync(server.id, 0), Error::TIMEOUT);
     }
-    settle();
     EXPECT_EQ(requests("bind"), 4U) << "none for the refused ones";
 }
 
 class TheTimeOfAServer : public ProxyAndServer {};
-
-TEST_F(TheTimeOfAServer, IsReadAnewWhenForced) {
-    bind();
-    settle();
-    EXPECT_EQ(requests("timeSync"), 10U);
-    proxy->forceTimeBaseSync();
-    EXPECT_TRUE(proxy->isTimeBaseSynchronized());
-    awaitRequest("timeSync", 11);
-    // The estimate starts at 0 again, and one sample has a small weight.
-    EXPECT_TRUE(support::eventually([&] {
-        auto const time = proxy->timeBase();
-        return time + 1000 < server.timeBase() && time > server.timeBase() - 10000 + 100;
-    }));
-    expectBound();
-    EXPECT_EQ(recorder.count(), 1U);
-}
 
 TEST_F(TheTimeOfAServer, IsThatOfTheServerBoundTo) {
     BindingServer other(broker, 1000000);
@@ -212,29 +168,6 @@ TEST_F(TheTimeOfAServer, EndsTheBindingUnlessADerivedProxyPreventsIt) {
     EXPECT_EQ(derived.bind(server.id, LONG_TIMEOUT_S), Error::BUSY);
     EXPECT_THAT(recorder.calls(), ElementsAre(bound(Error::SUCCESS), unbound(Error::SUCCESS),
                                               unbound(Error::SUCCESS)));
-}
-
-class ABrokerThatRestarts : public ProxyAndServer {};
-
-TEST_F(ABrokerThatRestarts, ChangesNothingForABinding) {
-    bind();
-    broker.kill();
-    for (auto const* client : {const_cast<mqtt::MqttClient const*>(mqtt.get()), &server.mqtt()}) {
-        ASSERT_TRUE(support::eventually(
-            [&] { return client->communicationState() != conv::ComState::CONNECTED; }));
-    }
-    broker.start();
-    ASSERT_TRUE(support::becomesConnected(*mqtt));
-    ASSERT_TRUE(support::becomesConnected(server.mqtt()));
-    ASSERT_EQ(mqtt->publishWait("settled", "", 1, false, 30), mqtt::MqttClient::Error::SUCCESS);
-    server.settle();
-    EXPECT_TRUE(proxy->isTimeBaseSynchronized());
-    EXPECT_TRUE(isTimeOf(server, proxy->timeBase()));
-    EXPECT_THAT(recorder.calls(), ElementsAre(bound(Error::SUCCESS)));
-    expectBound();
-    EXPECT_EQ(proxy->unbindSync(LONG_TIMEOUT_S), Error::SUCCESS);
-    expectUnbound();
-    bind();
 }
 
 } // namespace

@@ -1,10 +1,8 @@
 // Cleaners on a real broker.
 
-#include "requestreply/blocking_thread.hpp"
 #include "services/cleaner_recorder.hpp"
 #include "support/broker.hpp"
 #include "support/raw_peer.hpp"
-#include "support/scripted_server.hpp"
 #include "support/test_client.hpp"
 
 #include <gmock/gmock.h>
@@ -15,7 +13,6 @@ namespace {
 
 using mqtt::TopicCleaner;
 using std::chrono::milliseconds;
-using support::PacketType;
 using support::RawPeer;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -98,35 +95,6 @@ TEST_F(Cleaning, EndsRequestsWhileTheBrokerIsAway) {
     cleaner->clean("b", milliseconds(0));
     EXPECT_TRUE(cleaner->waitAllTasks(support::DEADLINE));
     EXPECT_THAT(recorder.calls(), ElementsAre("a", "b", ALL));
-}
-
-class CleaningOnASlowBroker : public testing::Test {
-protected:
-    CleaningOnASlowBroker() {
-        server.hold(PacketType::UNSUBSCRIBE);
-        cleaner->clean("a", milliseconds(0));
-        EXPECT_TRUE(server.waitForPackets(PacketType::UNSUBSCRIBE, 1));
-    }
-    ~CleaningOnASlowBroker() override { server.release(); }
-
-    support::ScriptedServer server;
-    CleanerRecorder recorder;
-    std::unique_ptr<TopicCleaner> cleaner = std::make_unique<TopicCleaner>(
-        &recorder, support::uniqueId(), server.host(), server.port());
-};
-
-TEST_F(CleaningOnASlowBroker, DoesNotCallTheListenerWhenItIsTerminatedMeanwhile) {
-    BlockingThread end([&] { cleaner->terminate(); });
-    ASSERT_TRUE(end.isBlocked());
-    server.release();
-    end.join();
-    EXPECT_THAT(recorder.calls(), IsEmpty());
-    EXPECT_TRUE(server.waitForPackets(PacketType::DISCONNECT, 1));
-}
-
-TEST_F(CleaningOnASlowBroker, ReportsATopicWithoutTheBrokersAnswer) {
-    EXPECT_TRUE(cleaner->waitAllTasks(support::DEADLINE));
-    EXPECT_THAT(recorder.calls(), ElementsAre("a", ALL));
 }
 
 } // namespace

@@ -82,6 +82,19 @@ TEST_F(TheEndOfACleaner, EndsAllWaits) {
     }
 }
 
+TEST_F(TheEndOfACleaner, WaitsForAnUnsubscriptionAndThenCallsNoListener) {
+    standIn->setAcknowledging(false);
+    cleaner->clean("a", milliseconds(0));
+    BlockingThread timer([] { expire(); });
+    ASSERT_TRUE(standIn->waitForCalls(Operation::UNSUBSCRIBE, 1));
+    BlockingThread end([&] { cleaner->terminate(); });
+    ASSERT_TRUE(end.isBlocked());
+    standIn->setAcknowledging(true);
+    acknowledgeUnsubscription();
+    end.join();
+    EXPECT_THAT(recorder.calls(), IsEmpty());
+}
+
 TEST_F(TheEndOfACleaner, WaitsForRequestsBeingMade) {
     stopAt(Operation::SUBSCRIBE);
     auto* const which = cleaner.get();

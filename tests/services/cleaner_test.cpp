@@ -1,11 +1,13 @@
 #include "requestreply/blocking_thread.hpp"
 #include "services/cleaner_fixture.hpp"
+#include "support/recorder.hpp"
 #include "support/watched.hpp"
 
 namespace {
 
 using mqtt::TopicCleaner;
 using std::chrono::milliseconds;
+using support::Delivery;
 using support::isSet;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -50,6 +52,9 @@ TEST_F(ACleaner, ReportsATopicWithoutMessagesToo) {
         EXPECT_TRUE(cleaner->waitAllTasks(milliseconds(0)));
         EXPECT_THAT(standIn->calls(Operation::PUBLISH), IsEmpty());
         EXPECT_THAT(topics(Operation::UNSUBSCRIBE), ElementsAre("nothing/here"));
+        manual_timer::reset();
+        expire();
+        EXPECT_EQ(manual_timer::record().restarts, 0) << "none remains";
     }
     EXPECT_THAT(recorder.calls(),
                 ElementsAre("nothing/here", ALL, "nothing/here", ALL, "nothing/here", ALL));
@@ -158,16 +163,6 @@ TEST_F(ACleaner, ArmsItsTimerAgainWhileRequestsRemainAndAfterEveryMessage) {
     EXPECT_THAT(recorder.calls(), ElementsAre("a"));
 }
 
-TEST_F(ACleaner, DoesNotArmItsTimerWhenNoRequestRemains) {
-    cleaner->clean("a", milliseconds(0));
-    manual_timer::reset();
-    for (int i = 0; i < 3; ++i) {
-        expire();
-    }
-    EXPECT_EQ(manual_timer::record().restarts, 0);
-    EXPECT_THAT(recorder.calls(), ElementsAre("a", ALL));
-}
-
 TEST_F(ACleaner, DoesNotCallItsListenerAfterALateMessage) {
     cleaner->clean("a", milliseconds(0));
     expire();
@@ -251,6 +246,72 @@ TEST_F(ACleaner, TakesARequestWhenAllWereDone) {
     expire();
     waiter.join();
     EXPECT_THAT(recorder.calls(), ElementsAre("a", ALL, "b", ALL));
+}
+
+/// One request, on a client of its own.
+class ACleaningTask : public ACleaner {
+protected:
+    using Task = TopicCleaner::Task;
+
+    ACleaningTask() { standIn = support::StandIn::last(); }
+
+    std::unique_ptr<Task> task(std::string const& topic, milliseconds duration = LONG_DURATION) {
+        return std::make_unique<Task>(client, topic, 7, duration, &subscriber);
+    }
+
+    support::MessageRecorder subscriber;
+    std::shared_ptr<mqtt::MqttClient> client = support::testClient("host", 1883);
+};
+
+TEST_F(ACleaningTask, SubscribesFromItsStartToItsTerminationOrDestruction) {
+    task("never started");
+    auto const one = task("a/#");
+    EXPECT_EQ(standIn->count(Operation::SUBSCRIBE), 0U);
+    one->start();
+    deliver("a/x", "text");
+    EXPECT_THAT(subscriber.deliveries(), ElementsAre(Delivery{7, "a/x", "text"}));
+    one->terminate();
+    one->terminate();
+    auto other = task("b");
+    other->start();
+    other.reset();
+    EXPECT_THAT(topics(Operation::UNSUBSCRIBE), ElementsAre("a/#", "b"));
+}
+
+TEST_F(ACleaningTask, IsDoneWhenItsTimeHasPassed) {
+    for (auto const duration : {milliseconds(0), milliseconds(-1), milliseconds::min()}) {
+        EXPECT_TRUE(task("a", duration)->isDone());
+        EXPECT_TRUE(Task::isDone(*task("a", duration)));
+    }
+    for (auto const duration : {LONG_DURATION, milliseconds::max(), milliseconds::max() / 1000}) {
+        EXPECT_FALSE(task("a", duration)->isDone());
+        EXPECT_FALSE(Task::isDone(*task("a", duration)));
+    }
+}
+
+TEST_F(ACleaningTask, CanBeExtendedAndShortened) {
+    auto const one = task("a", milliseconds(0));
+    for (auto const extra : {LONG_DURATION, milliseconds::max(), milliseconds::max()}) {
+        one->extendTimeout(extra);
+        EXPECT_FALSE(one->isDone());
+    }
+    auto const other = task("a", 2 * LONG_DURATION);
+    other->extendTimeout(-LONG_DURATION);
+    EXPECT_FALSE(other->isDone());
+    other->extendTimeout(-LONG_DURATION);
+    EXPECT_TRUE(other->isDone());
+    other->extendTimeout(milliseconds::min());
+    EXPECT_TRUE(other->isDone());
+}
+
+TEST_F(ACleaningTask, EqualsTopicsOfItsText) {
+    auto const one = task("a/#");
+    EXPECT_TRUE(*one == mqtt::Topic("a/#"));
+    EXPECT_TRUE(*one == mqtt::Topic("/a/#/"));
+    for (auto const* const other : {"a/+", "a/x", "a", ""}) {
+        EXPECT_FALSE(*one == mqtt::Topic(other));
+    }
+    EXPECT_EQ(one->topic().text(), "a/#");
 }
 
 } // namespace

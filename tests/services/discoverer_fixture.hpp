@@ -4,6 +4,7 @@
 #include "services/link_list.hpp"
 #include "support/watched.hpp"
 
+#include <mqtt/payloads.hpp>
 #include <mqtt/service_discoverer.hpp>
 
 #include <gmock/gmock.h>
@@ -24,53 +25,25 @@ constexpr std::uint32_t SUCCESS_TIMEOUT_S = 30;
 constexpr std::uint32_t NO_TIME_LIMIT = UINT32_MAX;
 
 inline std::string const ENTITIES = "plant/entities";
-inline std::string const UNKNOWN_UUID = "ffffffff-ffff-ffff-ffff-ffffffffffff";
 
-inline Strings const IDENTIFICATION_MEMBERS{"uuid",         "manufacturer", "model",     "serial",
-                                            "physicalName", "name",         "interface", "version",
-                                            "location",     "contact"};
-
-/// Different texts for all members of an identification.
-inline Strings textsOf(std::string const& name) {
-    Strings texts;
-    for (auto const& member : IDENTIFICATION_MEMBERS) {
-        texts.push_back(name + " " + member);
-    }
-    return texts;
-}
-
-/// The document of an identification with these texts.
-inline std::string identificationOf(std::string const& name) {
+/// The document of an identification; in comparisons it stands for the identification.
+inline std::string documentOf(conv::Identification const& one) {
     std::string document;
-    for (auto const& member : IDENTIFICATION_MEMBERS) {
-        document +=
-            (document.empty() ? "{\"" : ", \"") + member + "\": \"" + name + " " + member + "\"";
-    }
-    return document + "}";
+    mqtt::MqttData<conv::Identification>::serialize({}, document, one);
+    return document;
 }
-
-inline Strings textsOf(conv::Identification const& one) {
-    return {one.uuid, one.manufacturer, one.model,   one.serial,   one.physicalName,
-            one.name, one.interface,    one.version, one.location, one.contact};
+/// With a different text for each member.
+inline std::string documentOf(std::string const& name) {
+    return documentOf(conv::Identification{name + " uuid", name + " maker", name + " model",
+                                           name + " serial", name + " physical name",
+                                           name + " name", name + " interface", name + " version",
+                                           name + " location", name + " contact"});
 }
-
-/// The texts of an entity that has not answered.
-inline Strings const PLACEHOLDER{UNKNOWN_UUID, "", "", "", "", "", "", "", "", ""};
-
-inline Strings idsOf(std::vector<mqtt::Link> const& links) {
-    Strings ids;
-    for (auto const& link : links) {
-        ids.push_back(link.id);
-    }
-    return ids;
-}
-
-inline std::vector<Strings> textsOf(std::vector<conv::Identification> const& entities) {
-    std::vector<Strings> texts;
-    for (auto const& entity : entities) {
-        texts.push_back(textsOf(entity));
-    }
-    return texts;
+/// Of an entity that has not answered.
+inline std::string placeholder() {
+    conv::Identification unknown;
+    unknown.uuid = "ffffffff-ffff-ffff-ffff-ffffffffffff";
+    return documentOf(unknown);
 }
 
 inline bool isUnderWay(std::future<bool> const& run) {
@@ -103,16 +76,14 @@ protected:
         retained_.change([&](auto& all) { all[topic] = payload; });
     }
     void retainLinks(Strings const& ids) { retain(ENTITIES, listOf(ids)); }
-    void retainEntity(std::string const& id) {
-        retain(id + "/identification", identificationOf(id));
-    }
+    void retainEntity(std::string const& id) { retain(id + "/identification", documentOf(id)); }
 
     /// Returns when the message has been handled.
     void deliver(std::string const& topic, std::string const& payload) {
         script_->deliver(topic, payload);
         letTheStepEnd();
     }
-    void answer(std::string const& id) { deliver(id + "/identification", identificationOf(id)); }
+    void answer(std::string const& id) { deliver(id + "/identification", documentOf(id)); }
 
     /// A message that was being dispatched when its subscription ended.
     void answerLate(std::string const& name, int position) {
@@ -158,8 +129,21 @@ protected:
         });
     }
 
-    Strings links() const { return idsOf(discoverer->links()); }
-    std::vector<Strings> entities() const { return textsOf(discoverer->entities()); }
+    Strings links() const {
+        Strings ids;
+        for (auto const& link : discoverer->links()) {
+            ids.push_back(link.id);
+        }
+        return ids;
+    }
+    /// Their documents.
+    Strings entities() const {
+        Strings documents;
+        for (auto const& entity : discoverer->entities()) {
+            documents.push_back(documentOf(entity));
+        }
+        return documents;
+    }
 
     std::unique_ptr<Discoverer> discoverer = std::make_unique<Discoverer>(*client_, ENTITIES);
 

@@ -33,11 +33,11 @@ TEST_F(ARunAfterAnother, IsNotEndedByALateAnswerBeforeItHasItsList) {
     ASSERT_TRUE(waitForSubscriptions(3));
     answerLate("late", 0);
     EXPECT_TRUE(isUnderWay(run));
-    EXPECT_THAT(entities(), ElementsAre(PLACEHOLDER));
+    EXPECT_THAT(entities(), ElementsAre(placeholder()));
     retainEntity("a");
     deliver(ENTITIES, listOf({"a"}));
     EXPECT_TRUE(run.get());
-    EXPECT_THAT(entities(), ElementsAre(textsOf("a")));
+    EXPECT_THAT(entities(), ElementsAre(documentOf("a")));
 }
 
 TEST_F(ARunAfterAnother, IsNotEndedByALateList) {
@@ -46,19 +46,8 @@ TEST_F(ARunAfterAnother, IsNotEndedByALateList) {
     listLate({"late"});
     EXPECT_THAT(links(), ElementsAre("a"));
     answerLate("late", 0);
-    EXPECT_THAT(entities(), ElementsAre(PLACEHOLDER));
+    EXPECT_THAT(entities(), ElementsAre(placeholder()));
     letTheStepEnd();
-    EXPECT_THAT(subscribed(), IsEmpty());
-}
-
-TEST_F(ADiscoverer, DoesNotWaitOnTheWorker) {
-    auto other = startRun(1);
-    ASSERT_TRUE(waitForSubscriptions(1));
-    script_->runInLoop([this](auto&) {
-        EXPECT_FALSE(discoverer->discoverSync(NO_TIME_LIMIT, true));
-        EXPECT_FALSE(discoverer->waitChange(NO_TIME_LIMIT, true));
-    });
-    EXPECT_FALSE(other.get());
     EXPECT_THAT(subscribed(), IsEmpty());
 }
 
@@ -78,7 +67,7 @@ TEST_F(ADiscoverer, MakesOneRunAfterTheOther) {
     second.join();
     EXPECT_TRUE(result);
     EXPECT_THAT(links(), ElementsAre("b"));
-    EXPECT_THAT(entities(), ElementsAre(PLACEHOLDER));
+    EXPECT_THAT(entities(), ElementsAre(placeholder()));
 }
 
 TEST_F(ADiscoverer, CleanedDuringAnAnswerTimesOut) {
@@ -97,7 +86,7 @@ TEST_F(ADiscoverer, CleanedDuringAnAnswerTimesOut) {
     });
     answer("a");
     EXPECT_FALSE(run.get());
-    EXPECT_THAT(entities(), ElementsAre(PLACEHOLDER));
+    EXPECT_THAT(entities(), ElementsAre(placeholder()));
     script_->setHook(Operation::UNSUBSCRIBE, {});
 }
 
@@ -154,16 +143,6 @@ TEST_F(TheEndOfADiscoverer, EndsARunWithAndWithoutAList) {
     ASSERT_TRUE(waitForSubscriptions(3));
     discoverer.reset();
     expectEnd(next);
-}
-
-TEST_F(TheEndOfADiscoverer, MayComeOnTheWorkerDuringARun) {
-    retainLinks({"a"});
-    auto run = startEndlessRun();
-    ASSERT_TRUE(waitForSubscriptions(2));
-    letTheStepEnd();
-    script_->runInLoop([&](auto&) { discoverer.reset(); });
-    expectEnd(run);
-    answer("a");
 }
 
 TEST_F(TheEndOfADiscoverer, MayComeInADeliveryOnTheSameTopic) {

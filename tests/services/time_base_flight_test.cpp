@@ -56,16 +56,6 @@ TEST_F(AReplyInFlight, DoesNotCountInTheNextRun) {
     EXPECT_DOUBLE_EQ(proxy->offset(), 7.0);
 }
 
-TEST_F(AReplyInFlight, WithAFailureIsNotRepeatedAfterAStop) {
-    request(1);
-    checkpoint.close();
-    reply(1, "", 17);
-    ASSERT_TRUE(checkpoint.hasStoppedAThread());
-    proxy->stop();
-    letItGo();
-    EXPECT_EQ(requestCount(), 1U);
-}
-
 class APeriodicReplyInFlight : public TimeBaseOnABroker {};
 
 TEST_F(APeriodicReplyInFlight, DoesNotCountInTheNextRun) {

@@ -11,47 +11,55 @@ using support::isSet;
 
 class InsideTheCallOfATimeListener : public TimeBaseOnABroker {
 protected:
-    /// Does this in the first call.
-    template <class Action>
-    void inside(Action action) {
-        TimeListener acting([&](auto const&) {
-            if (!done.copy()) {
-                action();
-                set(done);
-            }
-        });
+    void synchronizeWith(TimeListener& acting) {
         proxy->registerListener(&acting);
+        auto const first = requestCount() + 1;
         ASSERT_TRUE(proxy->startSync(server));
-        answerAll(1, SAMPLES, 5.0);
-        ASSERT_TRUE(done.waitFor(isSet));
-        receiveAll();
-        proxy->registerListener(&listener);
+        answerAll(first, SAMPLES, 5.0);
+        ASSERT_TRUE(acting.waitForCount(1));
     }
-
-    support::Watched<bool> done;
 };
 
-TEST_F(InsideTheCallOfATimeListener, TheProxyMayBeStoppedAndTerminated) {
-    inside([&] {
-        proxy->registerListener(nullptr);
-        EXPECT_TRUE(proxy->stop());
-        proxy->terminate();
-    });
-    EXPECT_FALSE(proxy->isSynchronized());
-    EXPECT_FALSE(manual_timer::record().armed);
-    EXPECT_FALSE(proxy->startSync(server));
-}
-
-TEST_F(InsideTheCallOfATimeListener, TheProxyMayBeStartedAnew) {
-    inside([&] {
-        EXPECT_FALSE(proxy->startSync(server));
+TEST_F(InsideTheCallOfATimeListener, TheProxyMayBeStoppedStartedAnewAndTerminated) {
+    TimeListener acting([&](auto const&) {
+        if (acting.count() == 2) {
+            proxy->terminate();
+            return;
+        }
         EXPECT_FALSE(proxy->synchronize(server, LONG_TIMEOUT_S)) << "it is active";
         EXPECT_TRUE(proxy->stop());
         EXPECT_TRUE(proxy->startSync(support::uniqueId()));
     });
+    synchronizeWith(acting);
     answerAll(11, SAMPLES, 7.0);
-    ASSERT_TRUE(listener.waitForCount(1));
+    ASSERT_TRUE(acting.waitForCount(2));
+    receiveAll();
     EXPECT_DOUBLE_EQ(proxy->offset(), 7.0);
+    EXPECT_FALSE(manual_timer::record().armed);
+    EXPECT_FALSE(proxy->startSync(server));
+}
+
+/// The listener may have to wait for the other thread, which waits for the call.
+TEST_F(InsideTheCallOfATimeListener, ATerminationEndsTheWaitOfAnotherThreadForTheCall) {
+    for (bool const terminates : {false, true}) {
+        SCOPED_TRACE(terminates);
+        proxy = makeProxy();
+        support::Watched<bool> otherWaits;
+        support::Watched<bool> otherReturned;
+        TimeListener acting([&](auto const&) {
+            EXPECT_TRUE(otherWaits.waitFor(isSet));
+            proxy->terminate();
+            EXPECT_TRUE(otherReturned.waitFor(isSet));
+        });
+        synchronizeWith(acting);
+        BlockingThread other([&] {
+            terminates ? proxy->terminate() : static_cast<void>(proxy->stop());
+            set(otherReturned);
+        });
+        ASSERT_TRUE(other.isBlocked());
+        set(otherWaits);
+        receiveAll();
+    }
 }
 
 /// Its call lasts until the test ends it.
@@ -68,17 +76,6 @@ protected:
         proxy.reset();
     }
 
-    /// Does this on another thread, where it lasts until the listener's call ends.
-    template <class Action>
-    void expectToWait(Action action) {
-        BlockingThread sleeper([&] {
-            action();
-            EXPECT_TRUE(left) << "too early";
-        });
-        EXPECT_TRUE(sleeper.isBlocked());
-        set(mayLeave);
-    }
-
     support::Watched<bool> mayLeave;
     std::atomic<bool> left{false};
     TimeListener slow{[this](auto const&) {
@@ -87,12 +84,20 @@ protected:
     }};
 };
 
-TEST_F(ASlowTimeListener, IsWaitedForByAStop) {
-    expectToWait([&] { proxy->stop(); });
-}
-
-TEST_F(ASlowTimeListener, IsWaitedForByATermination) {
-    expectToWait([&] { proxy->terminate(); });
+TEST_F(ASlowTimeListener, IsWaitedForByAStopAndByTheFirstTermination) {
+    BlockingThread stop([&] {
+        proxy->stop();
+        EXPECT_TRUE(left);
+    });
+    ASSERT_TRUE(stop.isBlocked());
+    BlockingThread termination([&] {
+        proxy->terminate();
+        EXPECT_TRUE(left);
+    });
+    ASSERT_TRUE(termination.isBlocked());
+    proxy->terminate();
+    EXPECT_FALSE(left) << "the second termination has waited";
+    set(mayLeave);
 }
 
 TEST_F(ASlowTimeListener, IsNotWaitedForByOtherOperations) {

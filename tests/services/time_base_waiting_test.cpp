@@ -83,18 +83,6 @@ TEST_F(AWaitForTheTime, WithoutAPositiveTimeoutDoesNotWait) {
     expectItCanStart();
 }
 
-/// The waiting thread would have to read the replies itself.
-TEST_F(AWaitForTheTime, OnTheWorkerDoesNotWait) {
-    support::MessageRecorder caller(
-        [this](auto&&...) { EXPECT_FALSE(proxy->synchronize(server, LONG_TIMEOUT_S)); });
-    ASSERT_EQ(mqtt->subscribe("call", &caller, 0), mqtt::MqttClient::Error::SUCCESS);
-    ASSERT_EQ(mqtt->publish("call", "x", 2, false), mqtt::MqttClient::Error::SUCCESS);
-    receiveAll();
-    mqtt->release(&caller);
-    expectIdleWithoutTimers();
-    expectItCanStart();
-}
-
 TEST_F(AWaitForTheTime, IsEndedByAStopATerminationAndADestruction) {
     std::vector<std::function<void()>> const ends{[this] { EXPECT_TRUE(proxy->stop()); },
                                                   [this] { proxy->terminate(); },
