@@ -103,14 +103,16 @@ debian_mirror() {
 # make_root FOLDER: a minimal Debian with nothing else installed. It is unpacked from an archive in
 # build/roots, which the first call makes; delete the archive to get newer packages.
 make_root() {
-    local suite mirror archive include=()
+    local suite mirror archive include=() script=()
     suite=$(debian_suite)
     mirror=$(debian_mirror)
     archive=build/roots/$suite-$(dpkg --print-architecture).tar
     mkdir -p build/roots "$1"
     if [[ ! -e $archive ]]; then
         [[ $mirror != https:* ]] || include=(--include=ca-certificates)
-        quietly as_root debootstrap --variant=minbase "${include[@]}" "$suite" "$1" "$mirror"
+        # A release that is younger than debootstrap is made as the others are.
+        [[ -e /usr/share/debootstrap/scripts/$suite ]] || script=(/usr/share/debootstrap/scripts/sid)
+        quietly as_root debootstrap --variant=minbase "${include[@]}" "$suite" "$1" "$mirror" "${script[@]}"
         as_root tar -C "$1" -cf "$archive.new" .
         mv "$archive.new" "$archive"
     else
