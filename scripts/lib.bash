@@ -100,6 +100,10 @@ debian_mirror() {
     echo "${MIRROR:-$(apt-get indextargets --format '$(SITE)' 'Created-By: Packages' | head -n 1)}"
 }
 
+# The package lists of a release in development are valid for some days only. A mirror may be older, and
+# so may an archive in build/roots.
+any_age='Acquire::Check-Valid-Until "false";'
+
 # make_root FOLDER: a minimal Debian with nothing else installed. It is unpacked from an archive in
 # build/roots, which the first call makes; delete the archive to get newer packages.
 make_root() {
@@ -118,6 +122,8 @@ make_root() {
     else
         as_root tar -C "$1" -xf "$archive"
     fi
+    as_root chmod 755 "$1" # it becomes the folder /, which apt's own user reads
+    echo "$any_age" | as_root tee "$1/etc/apt/apt.conf.d/any-age" >/dev/null
     as_root cp -L /etc/resolv.conf "$1/etc/resolv.conf"
     echo '127.0.0.1 localhost' | as_root tee "$1/etc/hosts" >/dev/null
 }
@@ -157,7 +163,8 @@ unpacked_debian() {
     contents="$(debian_suite) $(debian_mirror) ${*:2}"
     [[ $(cat "$folder/made-of" 2>/dev/null) != "$contents" ]] || return 0
     echo "unpacking packages of Debian $(debian_suite), $architecture, from $(debian_mirror)"
-    work=$PWD/$folder.new
+    mkdir -p "$folder"
+    work=$(realpath "$folder").new
     rm -rf "$work"
     mkdir -p "$work"
     download_packages "$work" "$architecture" "${@:3}"
@@ -182,6 +189,7 @@ Dir::State::status "$apt/var/lib/dpkg/status";
 APT::Architecture "$architecture";
 APT::Architectures { "$architecture"; };
 APT::Install-Recommends "false";
+$any_age
 APT::Sandbox::User "$(id -un)";
 Acquire::Languages "none";
 EOF
