@@ -1,8 +1,7 @@
 #pragma once
 
 #include "client/socket/socket_tuning.hpp"
-
-#include <mosquittopp.h>
+#include "mqtt/mosquittopp.hpp"
 
 #include <chrono>
 

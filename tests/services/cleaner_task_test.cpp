@@ -1,10 +1,10 @@
+#include "mqtt/mosquittopp.hpp"
 #include "services/cleaner_recorder.hpp"
 #include "support/recorder.hpp"
 #include "support/stand_in/stand_in.hpp"
 #include "support/test_client.hpp"
 
 #include <gmock/gmock.h>
-#include <mosquittopp.h>
 
 #include <atomic>
 
