@@ -33,6 +33,8 @@ private:
 
     mosqpp::mosquittopp& library_;
     SocketTuning& tuning_;
+    bool isLeaving_ =
+        false; ///< the broker has not read enough for a DISCONNECT packet to be written
 };
 
 } // namespace mqtt
