@@ -2,8 +2,7 @@
 // one after the other, so that what disturbs the machine for a second disturbs all.
 
 #include "measurements.hpp"
-
-#include <mosquittopp.h>
+#include "mqtt/mosquittopp.hpp"
 
 #include <memory>
 #include <vector>

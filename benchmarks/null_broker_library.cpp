@@ -2,7 +2,7 @@
 // accepts at once, takes everything and sends nothing. What is measured over it is our own part.
 // The library's own operations that are not replaced here get no client, and refuse.
 
-#include <mosquittopp.h>
+#include "mqtt/mosquittopp.hpp"
 
 #include <atomic>
 #include <chrono>

@@ -1,6 +1,6 @@
 #include "benchmark_client.hpp"
+#include "mqtt/mosquittopp.hpp"
 
-#include <mosquittopp.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>

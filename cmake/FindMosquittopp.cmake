@@ -1,5 +1,8 @@
-# Finds the supported versions of the broker library: 2.0.x. Version 2.1 has the same SONAME, but
-# another layout of the class that mqtt::MqttClient derives from.
+# Finds the supported versions of the broker library: 2.0.x and 2.1.x. All have the same SONAME, but each
+# minor version has another layout of the class that mqtt::MqttClient derives from.
+#
+# It sets Mosquittopp_VERSION, as 2.0.11, and Mosquittopp_MINOR_VERSION, as 2.0. Version 2.1.2 reports
+# itself as 2.1.0.
 #
 # This file is installed beside zym-mqtt-config.cmake, which uses it. It needs no pkg-config, so it
 # works with a bare sysroot. It defines the targets Mosquitto::mosquittopp and Mosquitto::mosquitto.
@@ -11,25 +14,31 @@ find_library(MOSQUITTO_LIBRARY mosquitto DOC "libmosquitto")
 mark_as_advanced(MOSQUITTOPP_INCLUDE_DIR MOSQUITTO_INCLUDE_DIR MOSQUITTOPP_LIBRARY MOSQUITTO_LIBRARY)
 
 set(Mosquittopp_VERSION)
+set(Mosquittopp_MINOR_VERSION)
 if(MOSQUITTO_INCLUDE_DIR)
-  file(STRINGS "${MOSQUITTO_INCLUDE_DIR}/mosquitto.h" Mosquittopp_numbers
-    REGEX "^#define LIBMOSQUITTO_(MAJOR|MINOR|REVISION) +[0-9]+")
-  string(REGEX REPLACE "[^0-9;]" "" Mosquittopp_numbers "${Mosquittopp_numbers}")
-  list(JOIN Mosquittopp_numbers "." Mosquittopp_VERSION)
-  unset(Mosquittopp_numbers)
+  foreach(header IN ITEMS mosquitto.h mosquitto/libmosquitto.h) # of 2.0; of 2.1
+    if(NOT Mosquittopp_VERSION AND EXISTS "${MOSQUITTO_INCLUDE_DIR}/${header}")
+      file(STRINGS "${MOSQUITTO_INCLUDE_DIR}/${header}" Mosquittopp_numbers
+        REGEX "^#define LIBMOSQUITTO_(MAJOR|MINOR|REVISION) +[0-9]+")
+      string(REGEX REPLACE "[^0-9;]" "" Mosquittopp_numbers "${Mosquittopp_numbers}")
+      list(JOIN Mosquittopp_numbers "." Mosquittopp_VERSION)
+      unset(Mosquittopp_numbers)
+    endif()
+  endforeach()
   if(NOT Mosquittopp_VERSION)
-    set(Mosquittopp_VERSION "unknown") # later versions define these numbers elsewhere
+    set(Mosquittopp_VERSION "unknown") # a later version may define these numbers elsewhere
   endif()
+  string(REGEX MATCH "^[0-9]+\\.[0-9]+" Mosquittopp_MINOR_VERSION "${Mosquittopp_VERSION}")
 endif()
 
 set(Mosquittopp_supported OFF)
-if(Mosquittopp_VERSION MATCHES "^2\\.0\\.")
+if(Mosquittopp_MINOR_VERSION MATCHES "^2\\.[01]$")
   set(Mosquittopp_supported ON)
   set(Mosquittopp_failure "a library is missing")
 elseif(Mosquittopp_VERSION)
-  set(Mosquittopp_failure "libzym-mqtt needs libmosquittopp 2.0.x, but the version in ${MOSQUITTO_INCLUDE_DIR} is ${Mosquittopp_VERSION}, whose class layout is another")
+  set(Mosquittopp_failure "libzym-mqtt needs libmosquittopp 2.0.x or 2.1.x, but the version in ${MOSQUITTO_INCLUDE_DIR} is ${Mosquittopp_VERSION}, whose class layout is another")
 else()
-  set(Mosquittopp_failure "please install libmosquittopp 2.0.x (Debian package libmosquittopp-dev)")
+  set(Mosquittopp_failure "please install libmosquittopp 2.0.x or 2.1.x (Debian package libmosquittopp-dev)")
 endif()
 
 include(FindPackageHandleStandardArgs)

@@ -50,6 +50,9 @@ function(zym_describe_library target cmake_dir)
     COMPATIBILITY ${compatible})
 
   zym_relative_path(ZYM_PC_PREFIX ${CMAKE_INSTALL_LIBDIR}/pkgconfig "")
+  string(REGEX MATCH "^([0-9]+)\\.([0-9]+)$" minor_version "${Mosquittopp_MINOR_VERSION}")
+  math(EXPR next "${CMAKE_MATCH_2} + 1")
+  set(ZYM_NEXT_MOSQUITTOPP ${CMAKE_MATCH_1}.${next})
   configure_file(${PROJECT_SOURCE_DIR}/cmake/${target}.pc.in
     ${CMAKE_CURRENT_BINARY_DIR}/${target}.pc @ONLY)
 endfunction()

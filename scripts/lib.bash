@@ -100,22 +100,30 @@ debian_mirror() {
     echo "${MIRROR:-$(apt-get indextargets --format '$(SITE)' 'Created-By: Packages' | head -n 1)}"
 }
 
+# The package lists of a release in development are valid for some days only. A mirror may be older, and
+# so may an archive in build/roots.
+any_age='Acquire::Check-Valid-Until "false";'
+
 # make_root FOLDER: a minimal Debian with nothing else installed. It is unpacked from an archive in
 # build/roots, which the first call makes; delete the archive to get newer packages.
 make_root() {
-    local suite mirror archive include=()
+    local suite mirror archive include=() script=()
     suite=$(debian_suite)
     mirror=$(debian_mirror)
     archive=build/roots/$suite-$(dpkg --print-architecture).tar
     mkdir -p build/roots "$1"
     if [[ ! -e $archive ]]; then
         [[ $mirror != https:* ]] || include=(--include=ca-certificates)
-        quietly as_root debootstrap --variant=minbase "${include[@]}" "$suite" "$1" "$mirror"
+        # A release that is younger than debootstrap is made as the others are.
+        [[ -e /usr/share/debootstrap/scripts/$suite ]] || script=(/usr/share/debootstrap/scripts/sid)
+        quietly as_root debootstrap --variant=minbase "${include[@]}" "$suite" "$1" "$mirror" "${script[@]}"
         as_root tar -C "$1" -cf "$archive.new" .
         mv "$archive.new" "$archive"
     else
         as_root tar -C "$1" -xf "$archive"
     fi
+    as_root chmod 755 "$1" # it becomes the folder /, which apt's own user reads
+    echo "$any_age" | as_root tee "$1/etc/apt/apt.conf.d/any-age" >/dev/null
     as_root cp -L /etc/resolv.conf "$1/etc/resolv.conf"
     echo '127.0.0.1 localhost' | as_root tee "$1/etc/hosts" >/dev/null
 }
@@ -143,4 +151,66 @@ remove_root() {
     as_root pkill -KILL -f -- "--mount-proc=$1/proc" || true
     wait || true
     as_root rm -rf --one-file-system "$1" # never into something that is still mounted there
+}
+
+# --- headers and libraries of another Debian in a folder ------------------------------------------
+
+# unpacked_debian FOLDER ARCHITECTURE PACKAGE...: these packages of SUITE, and all that they depend on,
+# unpacked in FOLDER/root; the packages are beside it. Nothing of them is installed or run. Does nothing
+# if the same is there already. Needs no root.
+unpacked_debian() {
+    local folder=$1 architecture=$2 contents work
+    contents="$(debian_suite) $(debian_mirror) ${*:2}"
+    [[ $(cat "$folder/made-of" 2>/dev/null) != "$contents" ]] || return 0
+    echo "unpacking packages of Debian $(debian_suite), $architecture, from $(debian_mirror)"
+    mkdir -p "$folder"
+    work=$(realpath "$folder").new
+    rm -rf "$work"
+    mkdir -p "$work"
+    download_packages "$work" "$architecture" "${@:3}"
+    unpack_packages "$work"
+    echo "$contents" >"$work/made-of"
+    rm -rf "$folder"
+    mv "$work" "$folder"
+}
+
+# An apt with its own package database, so that this machine's stays as it is: a foreign architecture
+# added to it could not be installed while this machine and the mirror differ by a security update.
+download_packages() {
+    local work=$1 architecture=$2 apt=$1/apt
+    mkdir -p "$apt"/etc/apt/{apt.conf.d,preferences.d,sources.list.d,trusted.gpg.d} \
+        "$apt"/var/lib/{apt/lists/partial,dpkg} "$apt"/var/cache/apt/archives/partial "$work/packages"
+    touch "$apt/var/lib/dpkg/status"
+    echo "deb [arch=$architecture signed-by=/usr/share/keyrings/debian-archive-keyring.gpg]" \
+        "$(debian_mirror) $(debian_suite) main" >"$apt/etc/apt/sources.list"
+    cat >"$work/apt.conf" <<EOF
+Dir "$apt/";
+Dir::State::status "$apt/var/lib/dpkg/status";
+APT::Architecture "$architecture";
+APT::Architectures { "$architecture"; };
+APT::Install-Recommends "false";
+$any_age
+APT::Sandbox::User "$(id -un)";
+Acquire::Languages "none";
+EOF
+    APT_CONFIG=$work/apt.conf apt-get -q update
+    APT_CONFIG=$work/apt.conf apt-get -q -y --download-only install "${@:3}"
+    mv "$apt"/var/cache/apt/archives/*.deb "$work/packages"
+    rm -rf "$apt" "$work/apt.conf"
+}
+
+unpack_packages() {
+    local root=$1/root directory package link
+    # The linker's scripts and the loader use these short names.
+    for directory in bin lib lib64 sbin; do
+        mkdir -p "$root/usr/$directory"
+        ln -s "usr/$directory" "$root/$directory"
+    done
+    for package in "$1"/packages/*.deb; do
+        dpkg-deb --fsys-tarfile "$package" | tar -x --keep-directory-symlink -C "$root"
+    done
+    # A link to /lib/... means the target's file, not this machine's.
+    while IFS= read -r link; do
+        ln -sfn "$(realpath -m --relative-to="${link%/*}" "$root$(readlink "$link")")" "$link"
+    done < <(find "$root" -type l -lname '/*')
 }

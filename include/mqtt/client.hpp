@@ -1,13 +1,12 @@
 #pragma once
 
 #include "mqtt/export.hpp"
+#include "mqtt/mosquittopp.hpp"
 #include "mqtt/topic.hpp"
 
 #include <conv/com_state.hpp>
 #include <conv/seconds_duration.hpp>
 #include <zym/common/uuid.hpp>
-
-#include <mosquittopp.h>
 
 #include <atomic>
 #include <chrono>
@@ -22,9 +21,6 @@
 #include <thread>
 #include <utility>
 #include <vector>
-
-// The class below derives from one whose layout changes with the next minor version.
-static_assert(LIBMOSQUITTO_MAJOR == 2 && LIBMOSQUITTO_MINOR == 0, "needs libmosquittopp 2.0.x");
 
 namespace mqtt {
 
@@ -152,8 +148,8 @@ public:
     /// @param name not used
     /// @param host host name, address, or the path of a unix socket (with port 0)
     /// @param port 0 to 65535
-    /// @throw std::runtime_error the libmosquittopp found at run time is not version 2.0.x, the
-    ///        text says which one it is; no other version is safe to call
+    /// @throw std::runtime_error the libmosquittopp found at run time is of another minor version
+    ///        than the one compiled against, and not safe to call; the text has both versions
     /// @throws std::system_error the system has no thread for the worker
     /// @throws std::bad_alloc from `connect` too: the client is completely destroyed then
     MqttClient(zym::common::Uuid const& id, bool persistent, std::string const& name,

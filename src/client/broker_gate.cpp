@@ -103,6 +103,15 @@ int BrokerGate::disconnect() {
     return result;
 }
 
+bool BrokerGate::leave() {
+    std::lock_guard const lock(mutex_);
+    bool const hasConnection = phase_ == Phase::ONLINE || library_.socket() >= 0;
+    if (hasConnection) {
+        phase_ = Phase::LEAVING;
+    }
+    return hasConnection;
+}
+
 /// The lock is held to the end: publishers wait for it, in place of making the queue longer for
 /// ever.
 bool BrokerGate::sendQueue() {

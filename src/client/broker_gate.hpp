@@ -54,6 +54,9 @@ public:
     /// Hands a DISCONNECT packet to the library.
     /// @return the library's code; `errno` says more
     int disconnect();
+    /// Sends nothing any more, until the worker calls `disconnect` at the end of the network step.
+    /// @return false without a connection
+    bool leave();
     /// Whether a DISCONNECT packet was handed over since the last call or `forgetDisconnect`.
     bool consumeDisconnect() { return hasDisconnect_.exchange(false); }
     void forgetDisconnect() { hasDisconnect_ = false; }

@@ -1,6 +1,6 @@
 #include "client/broker_library.hpp"
 
-#include <mosquittopp.h>
+#include "mqtt/mosquittopp.hpp"
 
 #include <stdexcept>
 #include <string>
@@ -9,8 +9,12 @@ namespace mqtt {
 
 namespace {
 
-// Later minor versions have the same SONAME, so the loader accepts them, but another layout of the
-// class that we derive from: no call of its members would be safe. `lib_version` is a plain
+std::string toText(int major, int minor) {
+    return std::to_string(major) + "." + std::to_string(minor);
+}
+
+// All minor versions have the same SONAME, so the loader accepts each, but each has another layout
+// of the class that we derive from: no call of its members would be safe. `lib_version` is a plain
 // function.
 void requireKnownLayout() {
     int major = 0;
@@ -20,9 +24,9 @@ void requireKnownLayout() {
     if (major == LIBMOSQUITTO_MAJOR && minor == LIBMOSQUITTO_MINOR) {
         return;
     }
-    throw std::runtime_error("libzym-mqtt needs libmosquittopp 2.0.x, but version "
-                             + std::to_string(major) + "." + std::to_string(minor) + "."
-                             + std::to_string(revision)
+    throw std::runtime_error("libzym-mqtt was compiled for libmosquittopp "
+                             + toText(LIBMOSQUITTO_MAJOR, LIBMOSQUITTO_MINOR) + ".x, but version "
+                             + toText(major, minor) + "." + std::to_string(revision)
                              + " was loaded, whose class layout is another");
 }
 

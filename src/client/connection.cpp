@@ -65,13 +65,23 @@ Error MqttClient::disconnect(conv::SecondsDuration timeout) {
     int systemError = 0;
     {
         // Between two network steps, so that nothing is read before the DISCONNECT packet is
-        // written. If the turn does not come in time, the packet is handed over all the same.
+        // written: a step may have read more messages than the one that is being dealt with. On the
+        // worker, or if the turn does not come in time, the worker does it at the end of the step.
         std::optional<CallersTurn> turn;
-        if (!onWorkerThread()) {
-            turn.emplace(impl.turn, TURN_TIMEOUT, [&] { return impl.gate.wakeNetworkStep(); });
+        bool isDuringStep = onWorkerThread();
+        if (!isDuringStep) {
+            turn.emplace(impl.turn, TURN_TIMEOUT, [&] {
+                isDuringStep = impl.gate.wakeNetworkStep();
+                return isDuringStep;
+            });
+            isDuringStep = isDuringStep && !turn->isMine();
         }
-        result = impl.gate.disconnect();
-        systemError = errno;
+        if (isDuringStep && impl.gate.leave()) {
+            impl.state.giveUp();
+        } else {
+            result = impl.gate.disconnect();
+            systemError = errno;
+        }
     }
     if (result != 0) {
         errno = systemError;

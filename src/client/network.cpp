@@ -1,9 +1,11 @@
 #include "client/network.hpp"
 
+#include "client/socket/connect_error.hpp"
 #include "client/socket/orderly_close.hpp"
 #include "mqtt/client.hpp"
 
 #include <algorithm>
+#include <cerrno>
 
 #include <poll.h>
 
@@ -13,8 +15,11 @@ namespace {
 
 constexpr int OK = static_cast<int>(MqttClient::Error::SUCCESS);
 constexpr int REFUSED = static_cast<int>(MqttClient::Error::INVALID_PARAMETER);
+constexpr int FAILED_CALL = static_cast<int>(MqttClient::Error::ERRNO);
 constexpr int NO_CONN = static_cast<int>(MqttClient::Error::NO_CONN);
 
+/// How long a host that could not be connected to may take to say why.
+constexpr std::chrono::seconds PROBE_TIMEOUT{5};
 /// How long a broker may take to read the last packets.
 constexpr std::chrono::seconds CLOSE_TIMEOUT{1};
 
@@ -25,9 +30,13 @@ std::chrono::steady_clock::time_point closeDeadline() {
 } // namespace
 
 int Network::connect(char const* host, int port) {
+    isLeaving_ = false;
     int const result = library_.connect(host, port, MqttClient::HEART_BEAT_RATE.toInt32());
     if (result == OK) {
         tuning_.connected(library_.socket());
+    } else if (result == FAILED_CALL && errno == EBADF) {
+        // Version 2.1 of the library asks for the peer of no socket before it returns.
+        errno = connectError(host, port, PROBE_TIMEOUT);
     }
     return result;
 }
@@ -46,6 +55,9 @@ int Network::step() {
     if (result == REFUSED) {
         // With a socket there is no other reason than that select() does not reach it.
         result = library_.socket() < 0 ? NO_CONN : stepWithPoll(longestWait);
+    }
+    if (isLeaving_ && isShutDown(library_.socket())) {
+        writeDisconnect();
     }
     if (result == OK) {
         tuning_.stepped(library_.socket(), library_.want_write());
@@ -74,11 +86,20 @@ int Network::stepWithPoll(std::chrono::milliseconds longestWait) {
     return result == OK && library_.socket() >= 0 ? library_.loop_misc() : result;
 }
 
+/// Behind a DISCONNECT packet version 2.0 of the library closes its socket. Version 2.1 only ends
+/// our side of the connection, and reads on: a message would be a protocol error, and what follows
+/// it in the library's buffer would be taken for the beginning of the next connection. So it gets
+/// the end of input, and then closes its socket, too.
 void Network::writeDisconnect() {
     auto const deadline = closeDeadline();
     OrderlyClose const close(library_.socket());
     writeOutput(deadline);
-    if (library_.socket() < 0) {
+    if (isShutDown(library_.socket())) {
+        replaceByEndOfInput(library_.socket());
+        library_.loop_read(1);
+    }
+    isLeaving_ = library_.socket() >= 0;
+    if (!isLeaving_) {
         close.waitForPeer(deadline);
     }
 }
@@ -90,7 +111,10 @@ void Network::writeLastPackets() {
 }
 
 void Network::writeOutput(std::chrono::steady_clock::time_point deadline) {
-    auto const hasOutput = [this] { return library_.socket() >= 0 && library_.want_write(); };
+    auto const hasOutput = [this] {
+        int const fd = library_.socket();
+        return fd >= 0 && library_.want_write() && !isShutDown(fd);
+    };
     while (hasOutput() && library_.loop_write(1) == OK && hasOutput()
            && std::chrono::steady_clock::now() < deadline) {
         waitForOutput(library_.socket());

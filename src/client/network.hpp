@@ -1,8 +1,7 @@
 #pragma once
 
 #include "client/socket/socket_tuning.hpp"
-
-#include <mosquittopp.h>
+#include "mqtt/mosquittopp.hpp"
 
 #include <chrono>
 
@@ -34,6 +33,8 @@ private:
 
     mosqpp::mosquittopp& library_;
     SocketTuning& tuning_;
+    bool isLeaving_ =
+        false; ///< the broker has not read enough for a DISCONNECT packet to be written
 };
 
 } // namespace mqtt

@@ -116,6 +116,8 @@ public:
     CallersTurn(CallersTurn const&) = delete;
     CallersTurn& operator=(CallersTurn const&) = delete;
 
+    bool isMine() const { return isMine_; }
+
 private:
     NetworkTurn& turn_;
     bool const isMine_ = true;

@@ -1,6 +1,6 @@
 #include "mqtt/topic.hpp"
 
-#include <mosquittopp.h>
+#include "mqtt/mosquittopp.hpp"
 
 #include <algorithm>
 #include <ostream>

@@ -1,11 +1,11 @@
 #pragma once
 
+#include "mqtt/mosquittopp.hpp"
 #include "support/recorder.hpp"
 #include "support/stand_in/stand_in.hpp"
 #include "support/test_client.hpp"
 
 #include <gtest/gtest.h>
-#include <mosquittopp.h>
 
 #include <algorithm>
 #include <cstddef>

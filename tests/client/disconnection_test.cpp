@@ -17,6 +17,7 @@ namespace {
 using conv::ComState;
 using mqtt::MqttClient;
 using support::Broker;
+using support::PacketType;
 using testing::ElementsAre;
 using Error = MqttClient::Error;
 
@@ -35,14 +36,27 @@ TEST(Disconnect, MovesTheClientToDisconnected) {
     client->unregisterListener(&states);
 }
 
+/// A server that keeps the connection open behind a DISCONNECT packet.
+support::ScriptedServer::Reaction ignoreDisconnect(support::MqttPacket const& packet) {
+    using Reaction = support::ScriptedServer::Reaction;
+    return packet.type == PacketType::DISCONNECT ? Reaction::IGNORE : Reaction::ANSWER;
+}
+
+TEST(Disconnect, DoesNotWaitForAServerThatKeepsTheConnection) {
+    support::ScriptedServer server;
+    server.setHook(ignoreDisconnect);
+    auto const client = support::testClient(server.host(), server.port());
+    EXPECT_EQ(client->disconnect(WAIT_SECONDS), Error::SUCCESS);
+}
+
 TEST(Disconnect, ComesBehindWhatABrokerThatDoesNotReadHasNotTakenYet) {
     support::ScriptedServer server;
     support::Watched<bool> reading(true);
     server.setHook([&](auto const& packet) {
-        if (packet.type == support::PacketType::PUBLISH) {
+        if (packet.type == PacketType::PUBLISH) {
             reading.waitFor(support::isSet);
         }
-        return support::ScriptedServer::Reaction::ANSWER;
+        return ignoreDisconnect(packet);
     });
     auto const client = support::testClient(server.host(), server.port());
     reading.change([](bool& on) { on = false; });
@@ -54,8 +68,8 @@ TEST(Disconnect, ComesBehindWhatABrokerThatDoesNotReadHasNotTakenYet) {
     }
     EXPECT_EQ(client->disconnect(2), Error::TIMEOUT);
     support::set(reading);
-    EXPECT_TRUE(server.waitForPackets(support::PacketType::DISCONNECT, 1));
-    EXPECT_EQ(server.count(support::PacketType::PUBLISH), MESSAGES);
+    EXPECT_TRUE(server.waitForPackets(PacketType::DISCONNECT, 1));
+    EXPECT_EQ(server.count(PacketType::PUBLISH), MESSAGES);
     EXPECT_TRUE(support::eventually(
         [&] { return client->communicationState() == ComState::DISCONNECTED; }));
 }
@@ -66,7 +80,47 @@ TEST(Disconnect, IsCarriedOutByTheEndOfTheClientAtTheLatest) {
     client->pause();
     EXPECT_EQ(client->disconnect(0), Error::TIMEOUT);
     client.reset();
-    EXPECT_TRUE(server.waitForPackets(support::PacketType::DISCONNECT, 1));
+    EXPECT_TRUE(server.waitForPackets(PacketType::DISCONNECT, 1));
+}
+
+/// Disconnects its client at the second message, and keeps it busy before until it may go on.
+class Leaver : public MqttClient::Subscriber {
+public:
+    explicit Leaver(MqttClient& client) : client_(client) {}
+
+    void onMqttMessage(int /*tag*/, mqtt::Topic const& /*topic*/,
+                       std::string const& payload) override {
+        if (payload == "first") {
+            mayGoOn.waitFor(support::isSet);
+        } else if (!hasLeft_) {
+            hasLeft_ = true;
+            EXPECT_EQ(client_.disconnect(WAIT_SECONDS), Error::TIMEOUT) << "on the worker";
+        }
+    }
+
+    support::Watched<bool> mayGoOn{false};
+
+private:
+    MqttClient& client_;
+    bool hasLeft_ = false;
+};
+
+TEST(Disconnect, IsCleanInASubscriberThoughMoreMessagesHaveArrived) {
+    support::ScriptedServer server;
+    auto const client = support::testClient(server.host(), server.port());
+    Leaver leaver(*client);
+    ASSERT_EQ(client->subscribe("a", &leaver, 0), Error::SUCCESS);
+    ASSERT_TRUE(server.publish("a", "first"));
+    for (int i = 0; i < 20; ++i) { // the library may read them all at once
+        ASSERT_TRUE(server.publish("a", "more"));
+    }
+    support::set(leaver.mayGoOn);
+    EXPECT_TRUE(support::eventually(
+        [&] { return client->communicationState() == ComState::DISCONNECTED; }));
+    EXPECT_TRUE(server.waitForPackets(PacketType::DISCONNECT, 1));
+    EXPECT_EQ(client->connect("", -1, WAIT_SECONDS), Error::SUCCESS);
+    EXPECT_EQ(server.tcpConnections(), 2);
+    client->release(&leaver);
 }
 
 TEST(Disconnect, IsCleanWhileManyMessagesArrive) {

@@ -117,6 +117,23 @@ TEST_F(AnOrderlyClose, WaitsForOutputUntilThePeerReads) {
     reader.join();
 }
 
+TEST_F(AnOrderlyClose, KnowsWhetherOurSideHasEnded) {
+    EXPECT_FALSE(mqtt::isShutDown(near.get()));
+    ASSERT_EQ(::shutdown(near.get(), SHUT_WR), 0);
+    EXPECT_TRUE(mqtt::isShutDown(near.get()));
+    EXPECT_FALSE(mqtt::isShutDown(-1));
+}
+
+TEST_F(AnOrderlyClose, KeepsAConnectionWhoseOtherDescriptorMeansTheEndOfInput) {
+    ASSERT_EQ(::send(peer.get(), "unread", 6, 0), 6);
+    OrderlyClose const close(near.get());
+    mqtt::replaceByEndOfInput(near.get());
+    char byte = 0;
+    EXPECT_EQ(::recv(near.get(), &byte, 1, MSG_DONTWAIT), 0);
+    near.reset();
+    EXPECT_EQ(::send(peer.get(), "more", 4, MSG_NOSIGNAL), 4) << "the connection is closed";
+}
+
 TEST(AnOrderlyCloseWithoutAConnection, HasNothingToWaitFor) {
     OrderlyClose(-1).waitForPeer(Clock::now() + LONG_TIME);
 }

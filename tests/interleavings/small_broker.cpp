@@ -1,7 +1,7 @@
 #include "interleavings/fixtures.hpp"
+#include "mqtt/mosquittopp.hpp"
 
 #include <mosquitto.h>
-#include <mosquittopp.h>
 
 #include <algorithm>
 

@@ -1,12 +1,11 @@
 // A proxy with the stand-in for the broker library: its messages, and bindings that fail without a
 // thread, or are interrupted by another thread.
 
+#include "mqtt/mosquittopp.hpp"
 #include "services/binder_fixture.hpp"
 #include "support/allocations.hpp"
 #include "support/manual_timer.hpp"
 #include "support/stand_in/stand_in.hpp"
-
-#include <mosquittopp.h>
 
 #include <system_error>
 

@@ -1,12 +1,12 @@
 #pragma once
 
+#include "mqtt/mosquittopp.hpp"
 #include "services/cleaner_recorder.hpp"
 #include "support/manual_timer.hpp"
 #include "support/stand_in/stand_in.hpp"
 #include "support/test_client.hpp"
 
 #include <gmock/gmock.h>
-#include <mosquittopp.h>
 
 #include <memory>
 

@@ -1,9 +1,8 @@
+#include "mqtt/mosquittopp.hpp"
 #include "support/stand_in/stand_in.hpp"
 #include "testsupport/checks_fixture.hpp"
 
 #include <zym/common/test.hpp>
-
-#include <mosquittopp.h>
 
 #include <cstddef>
 #include <stdexcept>

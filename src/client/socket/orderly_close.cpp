@@ -46,4 +46,17 @@ void waitForOutput(int fd) {
     ::poll(&writable, 1, 100);
 }
 
+bool isShutDown(int fd) {
+    return ::send(fd, "", 0, MSG_DONTWAIT | MSG_NOSIGNAL) < 0 && errno == EPIPE;
+}
+
+void replaceByEndOfInput(int fd) {
+    std::array<int, 2> sockets{};
+    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sockets.data()) == 0) {
+        ::close(sockets[1]);
+        ::dup3(sockets[0], fd, O_CLOEXEC);
+        ::close(sockets[0]);
+    }
+}
+
 } // namespace mqtt

@@ -1,8 +1,7 @@
 #pragma once
 
+#include "mqtt/mosquittopp.hpp"
 #include "support/watched.hpp"
-
-#include <mosquittopp.h>
 
 #include <atomic>
 #include <deque>
