@@ -7,8 +7,10 @@
 namespace {
 
 using conv::ComState;
+using conv::SecondsDuration;
 using support::StandIn;
 using testing::ElementsAre;
+using Strings = std::vector<std::string>;
 using Operation = StandIn::Operation;
 using Error = mqtt::MqttClient::Error;
 
@@ -17,7 +19,7 @@ constexpr int CONN_LOST = 7;
 
 class ASubscribingClient : public AClientOnAScript {
 protected:
-    void subscribe(std::vector<std::string> const& topics) {
+    void subscribe(Strings const& topics) {
         for (auto const& topic : topics) {
             ASSERT_EQ(client_->subscribe(topic, &subscriber_, 0), Error::SUCCESS);
         }
@@ -75,11 +77,41 @@ TEST_F(ASubscribingClient, RemovesAnEntryWhateverTheLibraryAnswers) {
 
 // Waiting for an unsubscription
 
+TEST_F(ASubscribingClient, WaitsForTheAcknowledgementOfItsUnsubscription) {
+    connect();
+    for (auto const limit : {SecondsDuration(WAIT_SECONDS), SecondsDuration::NO_TIMEOUT}) {
+        subscribe({"a"});
+        EXPECT_EQ(client_->unsubscribeWait("a", &subscriber_, limit), Error::SUCCESS);
+        EXPECT_EQ(client_->unsubscribeWait("a", &subscriber_, limit), Error::NOT_FOUND);
+    }
+    script_->setAcknowledging(false);
+    for (unsigned const seconds : {0U, 1U}) {
+        subscribe({"a"});
+        EXPECT_EQ(client_->unsubscribeWait("a", &subscriber_, seconds), Error::TIMEOUT);
+        EXPECT_EQ(client_->unsubscribe("a", &subscriber_), Error::NOT_FOUND);
+    }
+    EXPECT_EQ(topics(Operation::UNSUBSCRIBE), Strings(4, "a"));
+}
+
+TEST_F(ASubscribingClient, UnsubscribesForItsLastSubscriberOnly) {
+    support::MessageRecorder other;
+    connect();
+    subscribe({"a"});
+    ASSERT_EQ(client_->subscribe("a", &other, 0), Error::SUCCESS);
+    EXPECT_EQ(client_->unsubscribeWait("a", &other, SecondsDuration::NO_TIMEOUT), Error::NOT_FOUND)
+        << "another subscriber is left";
+    EXPECT_EQ(script_->count(Operation::UNSUBSCRIBE), 0U);
+    ASSERT_EQ(client_->disconnect(WAIT_SECONDS), Error::SUCCESS);
+    EXPECT_EQ(client_->unsubscribeWait("a", &subscriber_, SecondsDuration::NO_TIMEOUT),
+              Error::NO_CONN);
+    EXPECT_EQ(client_->unsubscribe("a", &subscriber_), Error::NOT_FOUND);
+}
+
 TEST_F(ASubscribingClient, DoesNotWaitForAnUnsubscriptionThatTheLibraryDidNotTake) {
     connect();
     subscribe({"a"});
     script_->answer(Operation::UNSUBSCRIBE, {CONN_LOST});
-    EXPECT_EQ(client_->unsubscribeWait("a", &subscriber_, conv::SecondsDuration::NO_TIMEOUT),
+    EXPECT_EQ(client_->unsubscribeWait("a", &subscriber_, SecondsDuration::NO_TIMEOUT),
               Error::CONN_LOST);
 }
 
@@ -114,6 +146,46 @@ TEST_F(ASubscribingClient, WaitsThoughTheUnsubscriptionThatWokeTheWorkerHadTheSa
 }
 
 // Completing a connection
+
+TEST_F(ASubscribingClient, SubscribesToEachTopicOnceInByteOrderAtQosZeroWithEveryConnection) {
+    connect();
+    subscribe({"b", "a/+", "a", "a/#", "b", "B", "gone", "released"});
+    Strings expected{"b", "a/+", "a", "a/#", "b", "B", "gone", "released"};
+    support::MessageRecorder released;
+    ASSERT_EQ(client_->disconnect(WAIT_SECONDS), Error::SUCCESS);
+    ASSERT_EQ(client_->subscribe("released", &released, 0), Error::SUCCESS);
+    client_->unsubscribe("gone", &subscriber_);
+    client_->unsubscribe("released", &subscriber_);
+    client_->release(&released);
+    connect();
+    reconnect();
+    for (int i = 0; i < 2; ++i) {
+        expected.insert(expected.end(), {"B", "a", "a/#", "a/+", "b"});
+    }
+    EXPECT_EQ(topics(Operation::SUBSCRIBE), expected);
+    for (auto const& call : script_->calls(Operation::SUBSCRIBE)) {
+        EXPECT_EQ(call.qos, 0);
+    }
+}
+
+TEST_F(ASubscribingClient, SubscribesThenSendsItsQueueAndThenCallsItsListener) {
+    support::StateRecorder listener([&](ComState state) {
+        if (state == ComState::CONNECTED) {
+            EXPECT_EQ(client_->publish("listener", "", 0, false), Error::SUCCESS);
+        }
+    });
+    client_->registerListener(&listener);
+    subscribe({"c", "b"});
+    queue({"queued"}, 1);
+    connect();
+    client_->unregisterListener(&listener);
+    Strings order;
+    for (auto const& call : script_->calls()) {
+        order.push_back(call.topic);
+    }
+    EXPECT_THAT(order, ElementsAre("", "host", "b", "c", "a", "listener"))
+        << "the calls at the beginning have no topic, and the host";
+}
 
 TEST_F(ASubscribingClient, StopsCompletingAConnectionThatIsLostMeanwhile) {
     subscribe({"a", "b", "c"});
