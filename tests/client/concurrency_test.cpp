@@ -29,58 +29,39 @@ std::vector<Flood::Post> const POSTS{
 
 constexpr int ROUNDS = 400 / support::TIMEOUT_FACTOR;
 
-/// What remains of a subscriber when it is destroyed, so that a late call can be counted safely.
-struct CallCount {
-    std::atomic<bool> subscriberIsAlive{true};
-    std::atomic<int> calls{0};
-    std::atomic<int> lateCalls{0};
-};
-
-/// Releases itself in its destructor, as every subscriber must.
-class CountedSubscriber : public Client::Subscriber {
-public:
-    CountedSubscriber(Client& client, CallCount& count) : client_(client), count_(count) {}
-    ~CountedSubscriber() override {
-        client_.release(this);
-        count_.subscriberIsAlive = false;
-    }
-
-    void onMqttMessage(int, Topic const&, std::string const&) override {
-        auto& count = count_;
-        std::this_thread::yield();
-        ++count.calls;
-        if (!count.subscriberIsAlive) {
-            ++count.lateCalls;
-        }
-    }
-
-private:
-    Client& client_;
-    CallCount& count_;
-};
-
-void makeAndDestroySubscribers(Client& client, std::atomic<int>& called, unsigned seed) {
+/// Makes subscribers, and releases and destroys each of them.
+/// @return how many were called
+int makeAndDestroySubscribers(Client& client, unsigned seed) {
     std::minstd_rand random(seed);
     std::array<char const*, 6> const topics{"flood/0", "flood/1", "flood/2",
                                             "flood/3", "flood/+", "flood/#"};
+    int called = 0;
     for (int round = 0; round < ROUNDS; ++round) {
-        CallCount count;
+        std::atomic<bool> isReleased{false};
+        std::atomic<int> calls{0};
+        std::atomic<int> lateCalls{0};
         {
-            CountedSubscriber subscriber(client, count);
+            support::MessageRecorder subscriber([&](auto&&...) {
+                std::this_thread::yield();
+                ++(isReleased ? lateCalls : calls);
+            });
             for (int i = 0; i < 3; ++i) {
                 EXPECT_EQ(client.subscribe(topics[random() % topics.size()], &subscriber, i),
                           Error::SUCCESS);
             }
             if (round % 8 == 0) {
-                EXPECT_TRUE(support::eventually([&] { return count.calls > 0; }));
+                EXPECT_TRUE(support::eventually([&] { return calls > 0; }));
             }
             client.unsubscribe(topics[random() % topics.size()], &subscriber);
+            client.release(&subscriber);
+            isReleased = true;
         }
         // Gives the worker a chance to call the destroyed subscriber.
         std::this_thread::yield();
-        called += count.calls > 0 ? 1 : 0;
-        EXPECT_EQ(count.lateCalls, 0);
+        called += calls > 0 ? 1 : 0;
+        EXPECT_EQ(lateCalls, 0);
     }
+    return called;
 }
 
 TEST(Subscribers, ComeAndGoWhileMessagesArrive) {
@@ -93,7 +74,7 @@ TEST(Subscribers, ComeAndGoWhileMessagesArrive) {
         Flood const flood(broker, POSTS);
         std::vector<std::thread> threads;
         for (unsigned i = 0; i < 3; ++i) {
-            threads.emplace_back([&, i] { makeAndDestroySubscribers(*client, called, i + 1); });
+            threads.emplace_back([&, i] { called += makeAndDestroySubscribers(*client, i + 1); });
         }
         for (auto& thread : threads) {
             thread.join();

@@ -72,15 +72,6 @@ TEST_F(AConnectionOnAScript, RestartsTheBackOffWithEachStepThatSucceeds) {
     EXPECT_EQ(mqtt::nextReconnectAttempt(), 1);
 }
 
-TEST_F(AConnectionOnAScript, LetsTheBackOffGrowWithEachStepThatFails) {
-    mqtt::resetReconnectAttempts();
-    mqtt::nextReconnectAttempt();
-    // Without a connection the client makes one step after the other, and all fail.
-    auto const before = script_->loops();
-    ASSERT_TRUE(support::eventually([&] { return script_->loops() > before + 1; }));
-    EXPECT_EQ(mqtt::nextReconnectAttempt(), 2);
-}
-
 TEST_F(AConnectionOnAScript, IsTriedAgainAfterAGrowingDelay) {
     mqtt::resetReconnectAttempts();
     support::Watched<std::vector<std::chrono::steady_clock::time_point>> attempts;
