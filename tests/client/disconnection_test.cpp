@@ -32,7 +32,6 @@ TEST(Disconnect, MovesTheClientToDisconnected) {
     EXPECT_THAT(states.history(), ElementsAre(ComState::DISCONNECTED));
     EXPECT_EQ(client->disconnect(WAIT_SECONDS), Error::NO_CONN) << "a second time";
     EXPECT_EQ(client->connect("", -1, WAIT_SECONDS), Error::SUCCESS);
-    client->unregisterListener(&states);
 }
 
 TEST(Disconnect, ComesBehindWhatABrokerThatDoesNotReadHasNotTakenYet) {
@@ -91,7 +90,6 @@ TEST(Disconnect, IsCleanWhileManyMessagesArrive) {
     watcher.publish("will", "end of test", 2, false);
     ASSERT_TRUE(watcher.waitForMessages(1));
     EXPECT_THAT(watcher.payloads(), ElementsAre("end of test"));
-    client->unregisterListener(&states);
 }
 
 } // namespace
