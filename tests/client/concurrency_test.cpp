@@ -14,13 +14,11 @@
 #include <atomic>
 #include <memory>
 #include <random>
-#include <string>
 #include <thread>
 #include <vector>
 
 namespace {
 
-using mqtt::Topic;
 using Client = mqtt::MqttClient;
 using Error = mqtt::MqttClient::Error;
 
@@ -83,21 +81,6 @@ TEST(Subscribers, ComeAndGoWhileMessagesArrive) {
     EXPECT_GT(called, 0);
     support::RawPeer(broker).publish("other/a", "still there");
     EXPECT_TRUE(permanent.waitForPayload("still there"));
-}
-
-TEST(Clients, AreDestroyedWhileMessagesArrive) {
-    support::Broker broker;
-    Flood const flood(broker, POSTS);
-    for (int round = 0; round < ROUNDS / 10; ++round) {
-        std::array<support::MessageRecorder, 3> recorders;
-        auto client = support::testClient(broker);
-        ASSERT_EQ(client->subscribe("flood/0", &recorders[0], 0), Error::SUCCESS);
-        ASSERT_EQ(client->subscribe("flood/0", &recorders[1], 0), Error::SUCCESS);
-        ASSERT_EQ(client->subscribe("flood/#", &recorders[2], 0), Error::SUCCESS);
-        ASSERT_TRUE(recorders[1].waitForCount(1));
-        ASSERT_TRUE(recorders[2].waitForCount(1));
-        ASSERT_EQ(client->publish("own", "x", round % 3, false), Error::SUCCESS);
-    }
 }
 
 TEST(Clients, AreDestroyedWhileTheBrokerComesAndGoes) {

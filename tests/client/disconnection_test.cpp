@@ -22,18 +22,6 @@ using Error = MqttClient::Error;
 
 constexpr unsigned WAIT_SECONDS = 30;
 
-TEST(Disconnect, MovesTheClientToDisconnected) {
-    support::StateRecorder states;
-    Broker const broker;
-    auto const client = support::testClient(broker);
-    client->registerListener(&states);
-    EXPECT_EQ(client->disconnect(WAIT_SECONDS), Error::SUCCESS);
-    EXPECT_EQ(client->communicationState(), ComState::DISCONNECTED);
-    EXPECT_THAT(states.history(), ElementsAre(ComState::DISCONNECTED));
-    EXPECT_EQ(client->disconnect(WAIT_SECONDS), Error::NO_CONN) << "a second time";
-    EXPECT_EQ(client->connect("", -1, WAIT_SECONDS), Error::SUCCESS);
-}
-
 TEST(Disconnect, ComesBehindWhatABrokerThatDoesNotReadHasNotTakenYet) {
     support::ScriptedServer server;
     support::Watched<bool> reading(true);

@@ -1,33 +1,47 @@
 #include "client/scripted_session.hpp"
 
+#include "common/awaited_call.hpp"
+#include "support/watched.hpp"
+
 #include <gmock/gmock.h>
 
+#include <atomic>
 #include <thread>
 
 namespace {
 
 using mqtt::Topic;
 using support::Delivery;
+using support::isSet;
 using support::MessageRecorder;
+using support::Watched;
 using testing::Each;
 using testing::ElementsAre;
+using testing::IsEmpty;
 
 class ADispatch : public ScriptedSession {};
 
-TEST_F(ADispatch, CallsTheSubscribersInTheOrderOfSubscriptionWithTheirTags) {
+TEST_F(ADispatch, CallsASubscriberForEachOfItsSubscriptionsInTheirOrderWithItsTag) {
     std::vector<int> tags;
     auto const keep = [&](int tag, auto&&...) { tags.push_back(tag); };
     MessageRecorder one(keep);
     MessageRecorder two(keep);
+    auto const receivedTags = [&] {
+        tags.clear();
+        send("a", "x");
+        receiveAll();
+        return tags;
+    };
     subscribe("a", two, 7);
     subscribe("a", one, INT32_MIN);
     subscribe("a", two, 0);
     subscribe("a", one, INT32_MAX);
-    send("a", "x");
-    receiveAll();
-    EXPECT_THAT(tags, ElementsAre(7, INT32_MIN, 0, INT32_MAX));
+    EXPECT_THAT(receivedTags(), ElementsAre(7, INT32_MIN, 0, INT32_MAX));
+    EXPECT_EQ(client->unsubscribe("a", &two), Error::NOT_FOUND);
+    EXPECT_THAT(receivedTags(), ElementsAre(INT32_MIN, 0, INT32_MAX)) << "the first one is ended";
+    EXPECT_EQ(client->unsubscribe("a", &two), Error::NOT_FOUND);
+    EXPECT_THAT(receivedTags(), ElementsAre(INT32_MIN, INT32_MAX));
     client->release(&one);
-    client->release(&two);
 }
 
 TEST_F(ADispatch, HandsMessagesOverInTheOrderOfArrivalOnTheWorker) {
@@ -78,35 +92,6 @@ TEST_F(ADispatch, HandsOverAnyPayloadAtAnyQosRetainedOrNot) {
     EXPECT_TRUE(std::equal(payloads.begin(), payloads.end(), received.begin()));
     EXPECT_EQ(received[4], "kept");
     EXPECT_EQ(received[5], "QoS 1");
-}
-
-TEST_F(ADispatch, CallsASubscriberTwiceThatSubscribesTwiceUntilItUnsubscribesTwice) {
-    subscribe("a", first, 1);
-    subscribe("a", second, 2);
-    subscribe("a", first, 3);
-    send("a", "x");
-    receiveAll();
-    EXPECT_EQ(client->unsubscribe("a", &first), Error::NOT_FOUND);
-    send("a", "y");
-    receiveAll();
-    EXPECT_EQ(client->unsubscribe("a", &first), Error::NOT_FOUND);
-    send("a", "z");
-    receiveAll();
-    EXPECT_THAT(first.deliveries(),
-                ElementsAre(Delivery{1, "a", "x"}, Delivery{3, "a", "x"}, Delivery{3, "a", "y"}))
-        << "the first one is ended first";
-    EXPECT_THAT(second.payloads(), ElementsAre("x", "y", "z"));
-}
-
-TEST_F(ADispatch, GoesOnAfterTheEndOfASubscriptionThatIsNotThere) {
-    EXPECT_EQ(client->unsubscribe("a", &first), Error::NOT_FOUND);
-    subscribe("a", first);
-    EXPECT_EQ(client->unsubscribe("b", &first), Error::NOT_FOUND);
-    EXPECT_EQ(client->unsubscribe("+", &first), Error::NOT_FOUND) << "a pattern finds itself only";
-    EXPECT_EQ(client->unsubscribe("a", &second), Error::NOT_FOUND);
-    send("a", "x");
-    receiveAll();
-    EXPECT_THAT(first.payloads(), ElementsAre("x"));
 }
 
 /// What a subscriber changes for another one of the same topic, in its call for the first of the
@@ -176,6 +161,83 @@ TEST_F(ADispatch, HoldsNoLockDuringACall) {
     receiveAll();
     client->release(&slow);
     EXPECT_TRUE(done);
+}
+
+class ARelease : public ScriptedSession {};
+
+TEST_F(ARelease, DropsAllRegistrationsOfASubscriberUntilItSubscribesAgain) {
+    subscribe("a", first);
+    subscribe("a", first);
+    subscribe("b/#", first);
+    subscribe("c", second, 2);
+    subscribe("c", first);
+    client->release(&first);
+    client->release(&third); // unknown
+    client->release(nullptr);
+    sendAll();
+    EXPECT_THAT(topicsIn(Type::UNSUBSCRIBE, 1), ElementsAre("a", "b/#"));
+    for (char const* const topic : {"a", "b/x", "c"}) {
+        send(topic, topic);
+    }
+    receiveAll();
+    EXPECT_THAT(first.deliveries(), IsEmpty());
+    EXPECT_THAT(second.deliveries(), ElementsAre(Delivery{2, "c", "c"}));
+    for (char const* const topic : {"a", "b/#", "c"}) {
+        EXPECT_EQ(client->unsubscribe(topic, &first), Error::NOT_FOUND) << topic;
+    }
+    subscribe("a", first);
+    send("a", "x");
+    receiveAll();
+    EXPECT_THAT(first.payloads(), ElementsAre("x"));
+}
+
+TEST_F(ARelease, WaitsForTheCallUnderWay) {
+    AwaitedCall call;
+    MessageRecorder slow([&](auto&&...) { call.run(); });
+    subscribe("a", slow);
+    send("a", "x");
+    call.expectToBeAwaitedBy([&] { client->release(&slow); });
+}
+
+TEST_F(ARelease, DoesNotWaitForACallToAnotherSubscriber) {
+    Watched<bool> entered;
+    Watched<bool> released;
+    bool inTime = false;
+    MessageRecorder slow([&](auto&&...) {
+        support::set(entered);
+        inTime = released.waitFor(isSet);
+    });
+    subscribe("a", slow);
+    subscribe("a", second);
+    send("a", "x");
+    ASSERT_TRUE(entered.waitFor(isSet));
+    client->release(&second);
+    support::set(released);
+    client->release(&slow);
+    EXPECT_TRUE(inTime);
+    receiveAll();
+    EXPECT_THAT(second.deliveries(), IsEmpty()) << "it was released before its call";
+}
+
+TEST_F(ARelease, LetsASubscriberDestroyItselfInsideItsOwnCall) {
+    std::atomic<int> calls{0};
+    std::unique_ptr<MessageRecorder> self;
+    self = std::make_unique<MessageRecorder>([&](auto&&...) {
+        ++calls;
+        client->release(self.get());
+        self.reset();
+    });
+    subscribe("a", *self);
+    subscribe("b", *self);
+    subscribe("a", *self);
+    subscribe("a", first);
+    send("a", "1");
+    send("b", "x");
+    send("a", "2");
+    receiveAll();
+    EXPECT_EQ(self, nullptr);
+    EXPECT_EQ(calls, 1);
+    EXPECT_THAT(first.payloads(), ElementsAre("1", "2"));
 }
 
 } // namespace

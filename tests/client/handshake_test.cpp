@@ -12,7 +12,6 @@
 #include <fcntl.h>
 
 #include <future>
-#include <string>
 
 namespace {
 

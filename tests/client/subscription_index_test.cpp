@@ -99,21 +99,20 @@ protected:
     bool compare(Topic const& topic) {
         auto const* const exact = registry_.exact(topic);
         auto const* const found = registry_.find(topic);
-        if (found != (exact != nullptr ? exact : registry_.walk(topic))) {
-            std::string all;
-            for (auto const& entry : registry_.entries()) {
-                all += ' ' + testing::PrintToString(entry.first.text());
-            }
-            ADD_FAILURE() << "seed " << GetParam() << ", topic "
-                          << testing::PrintToString(topic.text()) << ", found "
-                          << (found == nullptr ? "nothing"
-                                               : testing::PrintToString(found->topic.text()))
-                          << " among" << all;
-        }
+        EXPECT_EQ(found, exact != nullptr ? exact : registry_.walk(topic))
+            << "topic " << testing::PrintToString(topic.text()) << " among " << allPatterns();
         return exact == nullptr && found != nullptr;
     }
 
 private:
+    std::string allPatterns() const {
+        std::string all;
+        for (auto const& entry : registry_.entries()) {
+            all += testing::PrintToString(entry.first.text()) + ' ';
+        }
+        return all;
+    }
+
     Topic const& anyEntry() {
         auto const& entries = registry_.entries();
         auto const index = static_cast<std::ptrdiff_t>(random_.below(entries.size()));
