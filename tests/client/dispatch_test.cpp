@@ -61,18 +61,14 @@ TEST_F(ADispatch, HandsMessagesOverInTheOrderOfArrivalOnTheWorker) {
 }
 
 TEST_F(ADispatch, GivesTheParsedTopicOfTheMessageAndNotThePattern) {
-    Strings segments;
-    MessageRecorder recorder([&](int, Topic const& topic, auto&&) {
-        for (unsigned i = 0; i < topic.size(); ++i) {
-            segments.push_back(topic[i]);
-        }
-    });
+    unsigned levels = 0;
+    MessageRecorder recorder([&](int, Topic const& topic, auto&&) { levels = topic.size(); });
     subscribe("#", recorder);
     send("/a//b/", "x");
     receiveAll();
     client->release(&recorder);
-    EXPECT_THAT(segments, ElementsAre("a", "", "b"));
     EXPECT_EQ(recorder.deliveries().front(), (Delivery{0, "a//b", "x"}));
+    EXPECT_EQ(levels, 3U);
 }
 
 TEST_F(ADispatch, HandsOverAnyPayloadAtAnyQosRetainedOrNot) {
@@ -85,13 +81,12 @@ TEST_F(ADispatch, HandsOverAnyPayloadAtAnyQosRetainedOrNot) {
     for (auto const& payload : payloads) {
         send("a", payload);
     }
-    ASSERT_TRUE(server.publish("a", "kept", 0, true));
-    ASSERT_TRUE(server.publish("a", "QoS 1", 1, false));
-    ASSERT_TRUE(first.waitForCount(payloads.size() + 2));
-    auto const received = first.payloads();
-    EXPECT_TRUE(std::equal(payloads.begin(), payloads.end(), received.begin()));
-    EXPECT_EQ(received[4], "kept");
-    EXPECT_EQ(received[5], "QoS 1");
+    ASSERT_TRUE(server.publish("a", payloads[0], 0, true));
+    ASSERT_TRUE(server.publish("a", payloads[1], 1, false));
+    receiveAll();
+    auto expected = payloads;
+    expected.insert(expected.end(), {payloads[0], payloads[1]});
+    EXPECT_TRUE(first.payloads() == expected);
 }
 
 /// What a subscriber changes for another one of the same topic, in its call for the first of the

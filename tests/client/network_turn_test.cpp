@@ -41,8 +41,9 @@ TEST(TheNetworkTurn, IsWaitedForUntilTheTimeoutOfTheCaller) {
     NetworkTurn turn;
     turn.enter();
     EXPECT_FALSE(turn.takeWithin(std::chrono::milliseconds(1), [] { return true; }));
+    EXPECT_FALSE(turn.takeWithin(std::chrono::minutes(1), [] { return false; })) << "not woken";
     turn.leave();
-    turn.enter(); // never returns if the caller that gave up still counts
+    turn.enter(); // never returns if a caller that gave up still counts
     std::thread worker([&] { turn.leave(); });
     EXPECT_TRUE(turn.takeWithin(std::chrono::minutes(1), [] { return true; }));
     turn.giveBack();
@@ -68,13 +69,6 @@ TEST(TheNetworkTurn, GoesToACallerThatHasWokenTheWorkerBeforeTheNextStep) {
     EXPECT_FALSE(isInNextStep.copy());
     turn.giveBack();
     worker.join();
-}
-
-TEST(TheNetworkTurn, StaysWithTheWorkerThatCannotBeWoken) {
-    NetworkTurn turn;
-    EXPECT_FALSE(turn.takeWithin(std::chrono::minutes(1), [] { return false; }));
-    turn.enter(); // never returns if the caller still counts
-    turn.leave();
 }
 
 } // namespace

@@ -128,19 +128,17 @@ TEST_F(AClientOnAScript, DisconnectsAndEndsWithoutMemory) {
 }
 
 /// Counts without an allocation.
-struct StateCounter : MqttClient::Listener {
-    virtual ~StateCounter() = default;
+struct LossCounter : MqttClient::Listener {
+    virtual ~LossCounter() = default;
     void onComStateChanged(conv::ComState state) override {
-        if (state == conv::ComState::CONNECTION_LOST) {
-            ++losses;
-        }
+        losses += state == conv::ComState::CONNECTION_LOST ? 1 : 0;
     }
     std::atomic<int> losses{0};
 };
 
 TEST_F(AClientOnAScript, TellsItsListenersOfALostConnectionWithoutMemory) {
-    StateCounter first;
-    StateCounter second;
+    LossCounter first;
+    LossCounter second;
     connect();
     client_->registerListener(&first);
     client_->registerListener(&second);

@@ -86,13 +86,4 @@ TEST_F(APacedClient, GathersEveryStreamAndSendsAtOnceAgainAfterIt) {
     }
 }
 
-TEST_F(APacedClient, GathersWhatWasQueuedAndTheSubscriptionsOfItsRegistry) {
-    for (auto const* const step : {&publish, &subscribe}) {
-        stream(*step);
-        connect();
-        EXPECT_TRUE(gathers());
-        ASSERT_EQ(client.disconnect(WAIT_SECONDS), Error::SUCCESS);
-    }
-}
-
 } // namespace

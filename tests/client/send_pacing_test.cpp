@@ -85,29 +85,18 @@ TEST_F(APublisher, WaitsShorterForTheEndOfAStreamThatTheBrokerDoesNotAnswer) {
     EXPECT_LT(pacing.longestWait(), answered);
 }
 
-TEST_F(APublisher, SendsAtOnceAgainWhenTheStreamHasBecomeAnExchange) {
-    startStream();
-    pacing.answerArrived();
-    for (int i = 0; i < 15; ++i) {
-        step();
+TEST_F(APublisher, SendsAtOnceAgainWhenTheStreamHasBecomeAnExchangeAndOnANewConnection) {
+    for (int burst = 0; burst < 3; ++burst) {
+        startStream();
+        pacing.answerArrived();
+        for (int i = 0; i < 15; ++i) {
+            step();
+        }
+        EXPECT_FALSE(sendsAtOnce()) << "answers now and then do not make an exchange";
     }
-    EXPECT_FALSE(sendsAtOnce()) << "one answer does not make an exchange";
     step();
     EXPECT_TRUE(sendsAtOnce());
     EXPECT_FALSE(pacing.holdsBack());
-}
-
-TEST_F(APublisher, GoesOnGatheringWhileAnswersArriveNowAndThen) {
-    startStream();
-    for (int i = 0; i < 100; ++i) {
-        pacing.answerArrived();
-        step();
-        EXPECT_FALSE(sendsAtOnce());
-        startStream();
-    }
-}
-
-TEST_F(APublisher, SendsAtOnceOnANewConnection) {
     startStream();
     pacing.begin(pair.near.get());
     step();

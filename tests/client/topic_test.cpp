@@ -107,14 +107,13 @@ TEST(ATopic, IsCutByAResizeAndNeverGrows) {
 }
 
 TEST(ATopic, ClearedKeepsItsSegmentsBehindItsText) {
-    Topic topic("aaaa/b");
+    Topic topic("aaaa/b/c");
     topic.clear();
     EXPECT_THAT(whatIsThrown([&] { static_cast<void>(topic[1]); }),
                 HasSubstr("basic_string::substr: __pos (which is 5) > this->size() (which is 0)"));
     topic += "x";
-    EXPECT_EQ(topic.text(), "x");
-    EXPECT_EQ(topic.size(), 3U);
-    EXPECT_EQ(topic[2], "x");
+    EXPECT_EQ(topic.size(), 4U);
+    EXPECT_EQ(topic[3], "x");
     topic.resize(2);
     EXPECT_EQ(topic.text(), "x") << "a resize does not make it longer";
     EXPECT_EQ(topic.size(), 2U);
