@@ -22,20 +22,12 @@ TEST(TheReconnectDelay, GrowsWithTheSquareOfTheAttemptUpToFifteenSeconds) {
     }
 }
 
-class TheCountOfAttempts : public testing::Test {
-protected:
-    TheCountOfAttempts() { mqtt::resetReconnectAttempts(); }
-    ~TheCountOfAttempts() override { mqtt::resetReconnectAttempts(); }
-};
-
-TEST_F(TheCountOfAttempts, StartsAtOneAndStartsAgainAfterASuccess) {
+TEST(TheCountOfAttempts, CountsThoseOfAllClientsSinceTheLastSuccessAndDoesNotOverflow) {
+    mqtt::nextReconnectAttempt();
+    mqtt::resetReconnectAttempts();
     EXPECT_EQ(mqtt::nextReconnectAttempt(), 1);
     EXPECT_EQ(mqtt::nextReconnectAttempt(), 2);
     mqtt::resetReconnectAttempts();
-    EXPECT_EQ(mqtt::nextReconnectAttempt(), 1);
-}
-
-TEST_F(TheCountOfAttempts, CountsThoseOfAllClientsAndStopsBeforeItOverflows) {
     constexpr int THREADS = 4;
     constexpr int EACH = 50'000;
     std::vector<std::thread> clients;
@@ -54,6 +46,7 @@ TEST_F(TheCountOfAttempts, CountsThoseOfAllClientsAndStopsBeforeItOverflows) {
         mqtt::nextReconnectAttempt();
     }
     EXPECT_EQ(mqtt::nextReconnectAttempt(), 1'000'000);
+    mqtt::resetReconnectAttempts();
 }
 
 } // namespace

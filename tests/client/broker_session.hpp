@@ -28,7 +28,6 @@ protected:
     }
 
     void connect() { ASSERT_EQ(client_->connect("", -1, WAIT_SECONDS), Error::SUCCESS); }
-    void disconnect() { ASSERT_EQ(client_->disconnect(WAIT_SECONDS), Error::SUCCESS); }
 
     /// What the peer has received when all that this client has published has arrived.
     std::vector<std::string> receivedPayloads() {

@@ -58,30 +58,20 @@ private:
     std::thread thread_;
 };
 
-class AConnect : public testing::Test {
-protected:
-    void connect() const {
-        support::FileDescriptor const socket(::socket(AF_INET, SOCK_STREAM, 0));
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        address.sin_port = htons(static_cast<std::uint16_t>(server.port()));
-        EXPECT_NE(::connect(socket.get(), reinterpret_cast<sockaddr*>(&address), sizeof address),
-                  0);
-    }
-
-    ScriptedServer server{ScriptedServer::Mode::NOT_ACCEPTING};
-};
-
-TEST_F(AConnect, ThatWaitsForAnAnswerIsBroken) {
-    SocketThread const one([this] { connect(); });
-    EXPECT_TRUE(one.endsWhenBroken());
+void connectTo(int port) {
+    support::FileDescriptor const socket(::socket(AF_INET, SOCK_STREAM, 0));
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(static_cast<std::uint16_t>(port));
+    EXPECT_NE(::connect(socket.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
 }
 
-TEST_F(AConnect, OfAnotherThreadIsLeftAlone) {
-    SocketThread const other([this] { connect(); });
+TEST(AConnect, ThatWaitsForAnAnswerIsBrokenAndThatOfAnotherThreadIsNot) {
+    ScriptedServer const server{ScriptedServer::Mode::NOT_ACCEPTING};
+    SocketThread const other([&] { connectTo(server.port()); });
     ASSERT_TRUE(other.isBlockedIn(SYS_connect));
-    SocketThread const one([this] { connect(); });
+    SocketThread const one([&] { connectTo(server.port()); });
     EXPECT_TRUE(one.endsWhenBroken());
     EXPECT_FALSE(other.isDone());
     EXPECT_TRUE(other.endsWhenBroken());

@@ -1,9 +1,12 @@
 // Connecting, as the broker sees it.
 
-#include "client/scripted_session.hpp"
+#include "mqtt/client.hpp"
 
 #include "support/broker.hpp"
 #include "support/port_lease.hpp"
+#include "support/raw_peer.hpp"
+#include "support/recorder.hpp"
+#include "support/test_client.hpp"
 
 #include <gmock/gmock.h>
 
@@ -15,7 +18,7 @@ namespace {
 using conv::ComState;
 using mqtt::MqttClient;
 using support::Broker;
-using support::StateRecorder;
+using support::Delivery;
 using Error = MqttClient::Error;
 
 constexpr unsigned WAIT_SECONDS = 30;
@@ -25,9 +28,12 @@ TEST(TheConstants, AreThirtyAndFiveSeconds) {
     EXPECT_EQ(MqttClient::COMMUNICATION_DELAY.toInt32(), 5);
 }
 
+// Members are destroyed in reverse order: the client before its listener and its broker.
 class AClient : public testing::Test {
 protected:
-    StateRecorder states_;
+    AClient() { client_.registerListener(&states_); }
+
+    support::StateRecorder states_;
     Broker broker_;
     MqttClient client_{support::uniqueId(), false, "", broker_.host(), broker_.port(), false};
 };
@@ -39,39 +45,20 @@ TEST_F(AClient, IsConnectedByACallAndByNoSecondOne) {
     EXPECT_EQ(client_.communicationState(), ComState::CONNECTED);
     EXPECT_EQ(client_.connect("", 1, WAIT_SECONDS), Error::CONNECTION_PENDING);
     EXPECT_EQ(client_.publishWait("a", "x", 1, false, WAIT_SECONDS), Error::SUCCESS);
-    client_.registerListener(&states_);
     broker_.kill();
     ASSERT_TRUE(states_.waitFor(ComState::CONNECTION_LOST));
     EXPECT_EQ(client_.connect("", -1, WAIT_SECONDS), Error::CONNECTION_PENDING);
     EXPECT_EQ(client_.communicationState(), ComState::CONNECTION_LOST);
-    client_.unregisterListener(&states_);
 }
 
 TEST_F(AClient, RefusesAPortOutOfRangeAndChangesNothing) {
-    client_.registerListener(&states_);
     EXPECT_EQ(client_.connect("", 65536, WAIT_SECONDS), Error::INVALID_PARAMETER);
     EXPECT_EQ(client_.connect("", 65536 + broker_.port(), WAIT_SECONDS), Error::INVALID_PARAMETER);
     EXPECT_THAT(states_.history(), testing::IsEmpty());
-    client_.unregisterListener(&states_);
     EXPECT_EQ(client_.connect("", -1, WAIT_SECONDS), Error::SUCCESS);
     MqttClient madeWithABadPort(support::uniqueId(), false, "", "127.0.0.1", -1, false);
     EXPECT_EQ(madeWithABadPort.connect("", -1, WAIT_SECONDS), Error::INVALID_PARAMETER);
     EXPECT_EQ(madeWithABadPort.communicationState(), ComState::DISCONNECTED);
-}
-
-TEST_F(AClient, FindsTheBrokerItWasLastConnectedToAgainAndAgain) {
-    support::PortLease const elsewhere;
-    MqttClient client(support::uniqueId(), false, "", "127.0.0.1", elsewhere.port(), false);
-    ASSERT_EQ(client.connect(broker_.host(), broker_.port(), WAIT_SECONDS), Error::SUCCESS);
-    client.registerListener(&states_);
-    for (int i = 0; i < 3; ++i) {
-        broker_.kill();
-        ASSERT_TRUE(states_.waitFor(ComState::CONNECTION_LOST)) << i;
-        broker_.start();
-        ASSERT_TRUE(states_.waitFor(ComState::CONNECTED)) << i;
-        EXPECT_EQ(client.publishWait("a", "x", 2, false, WAIT_SECONDS), Error::SUCCESS) << i;
-    }
-    client.unregisterListener(&states_);
 }
 
 TEST_F(AClient, HasNoTrafficWhilePaused) {
@@ -94,6 +81,38 @@ TEST_F(AClient, MadeToConnectIsConnectedOrGoesOnTrying) {
     EXPECT_EQ(trying.communicationState(), ComState::CONNECTING);
     broker_.start();
     EXPECT_TRUE(support::becomesConnected(trying));
+}
+
+class AClientWhoseBrokerDies : public testing::TestWithParam<bool> {};
+INSTANTIATE_TEST_SUITE_P(WithASession, AClientWhoseBrokerDies, testing::Bool(),
+                         [](auto const& session) {
+                             return session.param ? "Persistent" : "Clean";
+                         });
+
+TEST_P(AClientWhoseBrokerDies, FindsItAgainAndReceivesFromIt) {
+    support::PortLease const elsewhere; // not where it was connected last
+    Broker broker;
+    support::MessageRecorder recorder;
+    support::StateRecorder states;
+    MqttClient client(support::uniqueId(), GetParam(), "", "127.0.0.1", elsewhere.port(), false);
+    client.registerListener(&states);
+    ASSERT_EQ(client.connect(broker.host(), broker.port(), WAIT_SECONDS), Error::SUCCESS);
+    ASSERT_EQ(client.subscribe("a/+", &recorder, 8), Error::SUCCESS);
+    for (std::string const round : {"1", "2"}) {
+        broker.kill();
+        ASSERT_TRUE(states.waitFor(ComState::CONNECTION_LOST));
+        ASSERT_EQ(client.subscribe("b" + round, &recorder, 9), Error::SUCCESS);
+        broker.start();
+        ASSERT_TRUE(states.waitFor(ComState::CONNECTED));
+        ASSERT_EQ(client.publishWait("reached", "", 1, false, WAIT_SECONDS), Error::SUCCESS);
+        support::RawPeer peer(broker);
+        recorder.clear();
+        peer.publish("a/b", round);
+        peer.publish("b" + round, "new");
+        ASSERT_TRUE(recorder.waitForCount(2));
+        EXPECT_THAT(recorder.deliveries(), testing::ElementsAre(Delivery{8, "a/b", round},
+                                                                Delivery{9, "b" + round, "new"}));
+    }
 }
 
 TEST(AClientOfAUnixSocket, ConnectsWithPortZero) {

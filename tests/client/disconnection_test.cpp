@@ -23,19 +23,6 @@ using Error = MqttClient::Error;
 
 constexpr unsigned WAIT_SECONDS = 30;
 
-TEST(Disconnect, MovesTheClientToDisconnected) {
-    support::StateRecorder states;
-    Broker const broker;
-    auto const client = support::testClient(broker);
-    client->registerListener(&states);
-    EXPECT_EQ(client->disconnect(WAIT_SECONDS), Error::SUCCESS);
-    EXPECT_EQ(client->communicationState(), ComState::DISCONNECTED);
-    EXPECT_THAT(states.history(), ElementsAre(ComState::DISCONNECTED));
-    EXPECT_EQ(client->disconnect(WAIT_SECONDS), Error::NO_CONN) << "a second time";
-    EXPECT_EQ(client->connect("", -1, WAIT_SECONDS), Error::SUCCESS);
-    client->unregisterListener(&states);
-}
-
 /// A server that keeps the connection open behind a DISCONNECT packet.
 support::ScriptedServer::Reaction ignoreDisconnect(support::MqttPacket const& packet) {
     using Reaction = support::ScriptedServer::Reaction;
@@ -145,7 +132,6 @@ TEST(Disconnect, IsCleanWhileManyMessagesArrive) {
     watcher.publish("will", "end of test", 2, false);
     ASSERT_TRUE(watcher.waitForMessages(1));
     EXPECT_THAT(watcher.payloads(), ElementsAre("end of test"));
-    client->unregisterListener(&states);
 }
 
 } // namespace

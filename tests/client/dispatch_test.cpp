@@ -1,36 +1,47 @@
 #include "client/scripted_session.hpp"
 
+#include "common/awaited_call.hpp"
+#include "support/watched.hpp"
+
 #include <gmock/gmock.h>
 
-#include <stdexcept>
+#include <atomic>
 #include <thread>
 
 namespace {
 
 using mqtt::Topic;
 using support::Delivery;
+using support::isSet;
 using support::MessageRecorder;
+using support::Watched;
 using testing::Each;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using testing::SizeIs;
 
 class ADispatch : public ScriptedSession {};
 
-TEST_F(ADispatch, CallsTheSubscribersInTheOrderOfSubscriptionWithTheirTags) {
+TEST_F(ADispatch, CallsASubscriberForEachOfItsSubscriptionsInTheirOrderWithItsTag) {
     std::vector<int> tags;
     auto const keep = [&](int tag, auto&&...) { tags.push_back(tag); };
     MessageRecorder one(keep);
     MessageRecorder two(keep);
+    auto const receivedTags = [&] {
+        tags.clear();
+        send("a", "x");
+        receiveAll();
+        return tags;
+    };
     subscribe("a", two, 7);
     subscribe("a", one, INT32_MIN);
     subscribe("a", two, 0);
     subscribe("a", one, INT32_MAX);
-    send("a", "x");
-    receiveAll();
-    EXPECT_THAT(tags, ElementsAre(7, INT32_MIN, 0, INT32_MAX));
+    EXPECT_THAT(receivedTags(), ElementsAre(7, INT32_MIN, 0, INT32_MAX));
+    EXPECT_EQ(client->unsubscribe("a", &two), Error::NOT_FOUND);
+    EXPECT_THAT(receivedTags(), ElementsAre(INT32_MIN, 0, INT32_MAX)) << "the first one is ended";
+    EXPECT_EQ(client->unsubscribe("a", &two), Error::NOT_FOUND);
+    EXPECT_THAT(receivedTags(), ElementsAre(INT32_MIN, INT32_MAX));
     client->release(&one);
-    client->release(&two);
 }
 
 TEST_F(ADispatch, HandsMessagesOverInTheOrderOfArrivalOnTheWorker) {
@@ -50,18 +61,14 @@ TEST_F(ADispatch, HandsMessagesOverInTheOrderOfArrivalOnTheWorker) {
 }
 
 TEST_F(ADispatch, GivesTheParsedTopicOfTheMessageAndNotThePattern) {
-    Strings segments;
-    MessageRecorder recorder([&](int, Topic const& topic, auto&&) {
-        for (unsigned i = 0; i < topic.size(); ++i) {
-            segments.push_back(topic[i]);
-        }
-    });
+    unsigned levels = 0;
+    MessageRecorder recorder([&](int, Topic const& topic, auto&&) { levels = topic.size(); });
     subscribe("#", recorder);
     send("/a//b/", "x");
     receiveAll();
     client->release(&recorder);
-    EXPECT_THAT(segments, ElementsAre("a", "", "b"));
     EXPECT_EQ(recorder.deliveries().front(), (Delivery{0, "a//b", "x"}));
+    EXPECT_EQ(levels, 3U);
 }
 
 TEST_F(ADispatch, HandsOverAnyPayloadAtAnyQosRetainedOrNot) {
@@ -74,135 +81,63 @@ TEST_F(ADispatch, HandsOverAnyPayloadAtAnyQosRetainedOrNot) {
     for (auto const& payload : payloads) {
         send("a", payload);
     }
-    ASSERT_TRUE(server.publish("a", "kept", 0, true));
-    ASSERT_TRUE(server.publish("a", "QoS 1", 1, false));
-    ASSERT_TRUE(first.waitForCount(payloads.size() + 2));
-    auto const received = first.payloads();
-    EXPECT_TRUE(std::equal(payloads.begin(), payloads.end(), received.begin()));
-    EXPECT_EQ(received[4], "kept");
-    EXPECT_EQ(received[5], "QoS 1");
+    ASSERT_TRUE(server.publish("a", payloads[0], 0, true));
+    ASSERT_TRUE(server.publish("a", payloads[1], 1, false));
+    receiveAll();
+    auto expected = payloads;
+    expected.insert(expected.end(), {payloads[0], payloads[1]});
+    EXPECT_TRUE(first.payloads() == expected);
 }
 
-TEST_F(ADispatch, DropsAMessageWithoutASubscriber) {
-    subscribe("a", first);
-    send("b", "x");
-    send("a/b", "x");
-    receiveAll();
-    EXPECT_THAT(first.deliveries(), IsEmpty());
-    EXPECT_EQ(client->communicationState(), conv::ComState::CONNECTED);
+/// What a subscriber changes for another one of the same topic, in its call for the first of the
+/// messages "1" and "2".
+struct Change {
+    enum class Place { AHEAD, BEHIND, NOWHERE } place; ///< of the other one's subscription
+    void (*make)(mqtt::MqttClient& client, MessageRecorder& other);
+    std::vector<std::string> received; ///< by the other one
+};
+
+void unsubscribe(mqtt::MqttClient& client, MessageRecorder& other) {
+    client.unsubscribe("a", &other);
 }
 
-TEST_F(ADispatch, ChoosesTheExactTopicAndThenTheFirstPatternInByteOrder) {
-    // "#" < "+" < "a": registered the other way round.
-    subscribe("a/b", third);
-    subscribe("+/b", second);
-    subscribe("#", first);
-    send("a/b", "exact");
-    send("c/b", "pattern");
-    receiveAll();
-    client->unsubscribe("#", &first);
-    send("c/b", "next pattern");
-    send("c", "no match");
-    receiveAll();
-    EXPECT_THAT(third.payloads(), ElementsAre("exact"));
-    EXPECT_THAT(first.payloads(), ElementsAre("pattern"));
-    EXPECT_THAT(second.payloads(), ElementsAre("next pattern"));
+void release(mqtt::MqttClient& client, MessageRecorder& other) {
+    client.release(&other);
 }
 
-TEST_F(ADispatch, LooksForTheTopicWithoutOneSeparatorAtEitherEnd) {
-    subscribe("a/b", first);
-    subscribe("/c", second); // registered as "c"
-    for (char const* const topic : {"/a/b", "a/b/", "/a/b/"}) {
-        send(topic, topic);
-    }
-    send("//a/b", "two leading ones");
-    send("c/", "c");
-    receiveAll();
-    EXPECT_THAT(first.deliveries(),
-                ElementsAre(Delivery{0, "a/b", "/a/b"}, Delivery{0, "a/b", "a/b/"},
-                            Delivery{0, "a/b", "/a/b/"}));
-    EXPECT_THAT(second.deliveries(), ElementsAre(Delivery{0, "c", "c"}));
+void add(mqtt::MqttClient& client, MessageRecorder& other) {
+    EXPECT_EQ(client.subscribe("a", &other, 0), mqtt::MqttClient::Error::SUCCESS);
 }
 
-TEST_F(ADispatch, CallsASubscriberTwiceThatSubscribesTwiceUntilItUnsubscribesTwice) {
-    subscribe("a", first, 1);
-    subscribe("a", second, 2);
-    subscribe("a", first, 3);
-    send("a", "x");
-    receiveAll();
-    EXPECT_EQ(client->unsubscribe("a", &first), Error::NOT_FOUND);
-    send("a", "y");
-    receiveAll();
-    EXPECT_EQ(client->unsubscribe("a", &first), Error::NOT_FOUND);
-    send("a", "z");
-    receiveAll();
-    EXPECT_THAT(first.deliveries(),
-                ElementsAre(Delivery{1, "a", "x"}, Delivery{3, "a", "x"}, Delivery{3, "a", "y"}))
-        << "the first one is ended first";
-    EXPECT_THAT(second.payloads(), ElementsAre("x", "y", "z"));
-}
-
-TEST_F(ADispatch, GoesOnAfterTheEndOfASubscriptionThatIsNotThere) {
-    EXPECT_EQ(client->unsubscribe("a", &first), Error::NOT_FOUND);
-    subscribe("a", first);
-    EXPECT_EQ(client->unsubscribe("b", &first), Error::NOT_FOUND);
-    EXPECT_EQ(client->unsubscribe("+", &first), Error::NOT_FOUND) << "a pattern finds itself only";
-    EXPECT_EQ(client->unsubscribe("a", &second), Error::NOT_FOUND);
-    send("a", "x");
-    receiveAll();
-    EXPECT_THAT(first.payloads(), ElementsAre("x"));
-}
-
-TEST_F(ADispatch, GoesOnAfterASubscriberThrows) {
-    MessageRecorder standard([](auto&&...) { throw std::runtime_error("on purpose"); });
-    MessageRecorder foreign([](auto&&...) { throw 42; });
-    subscribe("a", standard);
-    subscribe("a", foreign);
-    subscribe("a", first);
-    send("a", "1");
-    send("a", "2");
-    receiveAll();
-    for (auto const* const recorder : {&first, &standard, &foreign}) {
-        EXPECT_THAT(recorder->payloads(), ElementsAre("1", "2"));
-    }
-    client->release(&standard); // a call that threw is not waited for
-    client->release(&foreign);
-}
-
-TEST_F(ADispatch, StillCallsASubscriberForTheMessageThatAnEarlierOneUnsubscribesItAt) {
-    MessageRecorder remover([&](auto&&...) { client->unsubscribe("a", &second); });
-    subscribe("a", remover);
-    subscribe("a", second);
-    send("a", "1");
-    send("a", "2");
-    receiveAll();
-    EXPECT_THAT(second.payloads(), ElementsAre("1"));
-    client->release(&remover);
-}
-
-TEST_F(ADispatch, CallsASubscriberAddedByAnEarlierOneFromTheNextMessageOn) {
-    MessageRecorder adder([&](int, auto&&, std::string const& payload) {
-        if (payload == "1") {
-            subscribe("a", second);
+TEST_F(ADispatch, FollowsWhatASubscriberChangesForAnotherInItsCall) {
+    using Place = Change::Place;
+    for (auto const& [place, make, received] :
+         {Change{Place::BEHIND, unsubscribe, {"1"}}, Change{Place::BEHIND, release, {}},
+          Change{Place::AHEAD, release, {"1"}}, Change{Place::NOWHERE, add, {"2"}}}) {
+        MessageRecorder other;
+        MessageRecorder last;
+        MessageRecorder changing([&, make = make](int, auto&&, std::string const& payload) {
+            if (payload == "1") {
+                make(*client, other);
+            }
+        });
+        if (place == Place::AHEAD) {
+            subscribe("a", other);
         }
-    });
-    subscribe("a", adder);
-    send("a", "1");
-    send("a", "2");
-    receiveAll();
-    EXPECT_THAT(second.payloads(), ElementsAre("2"));
-    client->release(&adder);
-}
-
-TEST_F(ADispatch, LetsASubscriberUnsubscribeItself) {
-    MessageRecorder once([&](auto&&...) { client->unsubscribe("a", &once); });
-    subscribe("a", once);
-    send("a", "1");
-    send("a", "2");
-    receiveAll();
-    EXPECT_THAT(once.payloads(), ElementsAre("1"));
-    EXPECT_TRUE(server.waitForPackets(Type::UNSUBSCRIBE, 1));
-    EXPECT_THAT(topicsIn(Type::UNSUBSCRIBE, 1), testing::Contains("a"));
+        subscribe("a", changing);
+        if (place == Place::BEHIND) {
+            subscribe("a", other);
+        }
+        subscribe("a", last);
+        send("a", "1");
+        send("a", "2");
+        receiveAll();
+        EXPECT_EQ(other.payloads(), received);
+        EXPECT_THAT(last.payloads(), ElementsAre("1", "2"));
+        for (auto* const recorder : {&other, &changing, &last}) {
+            client->release(recorder);
+        }
+    }
 }
 
 TEST_F(ADispatch, HoldsNoLockDuringACall) {
@@ -221,6 +156,83 @@ TEST_F(ADispatch, HoldsNoLockDuringACall) {
     receiveAll();
     client->release(&slow);
     EXPECT_TRUE(done);
+}
+
+class ARelease : public ScriptedSession {};
+
+TEST_F(ARelease, DropsAllRegistrationsOfASubscriberUntilItSubscribesAgain) {
+    subscribe("a", first);
+    subscribe("a", first);
+    subscribe("b/#", first);
+    subscribe("c", second, 2);
+    subscribe("c", first);
+    client->release(&first);
+    client->release(&third); // unknown
+    client->release(nullptr);
+    sendAll();
+    EXPECT_THAT(topicsIn(Type::UNSUBSCRIBE, 1), ElementsAre("a", "b/#"));
+    for (char const* const topic : {"a", "b/x", "c"}) {
+        send(topic, topic);
+    }
+    receiveAll();
+    EXPECT_THAT(first.deliveries(), IsEmpty());
+    EXPECT_THAT(second.deliveries(), ElementsAre(Delivery{2, "c", "c"}));
+    for (char const* const topic : {"a", "b/#", "c"}) {
+        EXPECT_EQ(client->unsubscribe(topic, &first), Error::NOT_FOUND) << topic;
+    }
+    subscribe("a", first);
+    send("a", "x");
+    receiveAll();
+    EXPECT_THAT(first.payloads(), ElementsAre("x"));
+}
+
+TEST_F(ARelease, WaitsForTheCallUnderWay) {
+    AwaitedCall call;
+    MessageRecorder slow([&](auto&&...) { call.run(); });
+    subscribe("a", slow);
+    send("a", "x");
+    call.expectToBeAwaitedBy([&] { client->release(&slow); });
+}
+
+TEST_F(ARelease, DoesNotWaitForACallToAnotherSubscriber) {
+    Watched<bool> entered;
+    Watched<bool> released;
+    bool inTime = false;
+    MessageRecorder slow([&](auto&&...) {
+        support::set(entered);
+        inTime = released.waitFor(isSet);
+    });
+    subscribe("a", slow);
+    subscribe("a", second);
+    send("a", "x");
+    ASSERT_TRUE(entered.waitFor(isSet));
+    client->release(&second);
+    support::set(released);
+    client->release(&slow);
+    EXPECT_TRUE(inTime);
+    receiveAll();
+    EXPECT_THAT(second.deliveries(), IsEmpty()) << "it was released before its call";
+}
+
+TEST_F(ARelease, LetsASubscriberDestroyItselfInsideItsOwnCall) {
+    std::atomic<int> calls{0};
+    std::unique_ptr<MessageRecorder> self;
+    self = std::make_unique<MessageRecorder>([&](auto&&...) {
+        ++calls;
+        client->release(self.get());
+        self.reset();
+    });
+    subscribe("a", *self);
+    subscribe("b", *self);
+    subscribe("a", *self);
+    subscribe("a", first);
+    send("a", "1");
+    send("b", "x");
+    send("a", "2");
+    receiveAll();
+    EXPECT_EQ(self, nullptr);
+    EXPECT_EQ(calls, 1);
+    EXPECT_THAT(first.payloads(), ElementsAre("1", "2"));
 }
 
 } // namespace

@@ -12,7 +12,6 @@
 #include <fcntl.h>
 
 #include <future>
-#include <string>
 
 namespace {
 
@@ -29,6 +28,8 @@ constexpr unsigned WAIT_SECONDS = 30;
 // Members are destroyed in reverse order: the client before its listener and its server.
 class AHandshake : public testing::Test {
 protected:
+    AHandshake() { client.registerListener(&states); }
+
     ScriptedServer server;
     support::StateRecorder states;
     MqttClient client{support::uniqueId(), false, "", server.host(), server.port(), false};
@@ -58,14 +59,12 @@ TEST_F(AHandshake, IsTheCallersAloneWhileItWaitsForTcp) {
 }
 
 TEST_F(AHandshake, ThatIsRefusedGoesFromConnectingToConnectionLost) {
-    client.registerListener(&states);
     server.refuseWith(5);
     server.setMode(Mode::REFUSE);
     EXPECT_EQ(client.connect("", -1, 1), Error::TIMEOUT);
     EXPECT_THAT(states.history(), ElementsAre(ComState::CONNECTING, ComState::CONNECTION_LOST));
     server.setMode(Mode::BROKER);
     EXPECT_TRUE(states.waitFor(ComState::CONNECTED)) << "it goes on trying";
-    client.unregisterListener(&states);
 }
 
 TEST_F(AHandshake, WithASilentServerGoesOnAfterTheWaitUntilADisconnect) {
@@ -80,13 +79,11 @@ TEST_F(AHandshake, WithASilentServerGoesOnAfterTheWaitUntilADisconnect) {
 }
 
 TEST_F(AHandshake, BrokenOffByTheServerIsTriedAgain) {
-    client.registerListener(&states);
     server.dropAtPacket(PacketType::CONNECT, 1);
     EXPECT_EQ(client.connect("", -1, WAIT_SECONDS), Error::SUCCESS);
     EXPECT_THAT(states.history(),
                 ElementsAre(ComState::CONNECTING, ComState::CONNECTION_LOST, ComState::CONNECTED));
     EXPECT_EQ(server.count(PacketType::CONNECT), 2U);
-    client.unregisterListener(&states);
 }
 
 TEST_F(AHandshake, CarriesIdentifierSessionAndKeepAlive) {
@@ -107,14 +104,12 @@ TEST_F(AHandshake, LeavesASocketThatNoChildProcessInherits) {
         auto const sockets = socketsConnectedTo(server.port());
         return sockets.size() == 1 && (::fcntl(sockets[0], F_GETFD) & FD_CLOEXEC) != 0;
     };
-    client.registerListener(&states);
     ASSERT_EQ(client.connect("", -1, WAIT_SECONDS), Error::SUCCESS);
     EXPECT_TRUE(isKeptFromChildren());
     server.drop();
     ASSERT_TRUE(states.waitForHistory({ComState::CONNECTING, ComState::CONNECTED,
                                        ComState::CONNECTION_LOST, ComState::CONNECTED}));
     EXPECT_TRUE(isKeptFromChildren()) << "after a reconnection";
-    client.unregisterListener(&states);
 }
 
 } // namespace

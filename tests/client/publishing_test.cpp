@@ -4,9 +4,7 @@
 
 #include "support/scripted_server.hpp"
 
-#include <atomic>
 #include <optional>
-#include <thread>
 #include <tuple>
 
 namespace {
@@ -16,6 +14,7 @@ using mqtt::MqttClient;
 using support::Message;
 using support::PacketType;
 using testing::ElementsAre;
+using Error = MqttClient::Error;
 using Payloads = std::vector<std::string>;
 
 Payloads numbers(int count) {
@@ -26,14 +25,7 @@ Payloads numbers(int count) {
     return result;
 }
 
-class APublishingClient : public AClientAtABroker {
-protected:
-    std::optional<Message> retained(std::string const& topic) const {
-        return support::retained(broker_, topic);
-    }
-};
-
-class APublishingClientAtEveryQos : public APublishingClient,
+class APublishingClientAtEveryQos : public AClientAtABroker,
                                     public testing::WithParamInterface<int> {
 protected:
     void publish(std::string const& topic, std::string const& payload, bool retain = false) {
@@ -64,31 +56,11 @@ TEST_P(APublishingClientAtEveryQos, PublishesOnceAndUnchangedNowOrWithTheNextCon
     }
     EXPECT_TRUE(receivedPayloads() == expected);
     EXPECT_EQ(peer_.messages().front(), (Message{"a/b", everyByte, GetParam(), false}));
-    EXPECT_EQ(retained("a/b"), std::nullopt);
-    EXPECT_EQ(retained("kept"), (Message{"kept", "connected", GetParam(), true}));
+    EXPECT_EQ(support::retained(broker_, "a/b"), std::nullopt);
+    EXPECT_EQ(support::retained(broker_, "kept"), (Message{"kept", "connected", GetParam(), true}));
 }
 
-TEST_P(APublishingClientAtEveryQos, KeepsTheOrderOfWhatIsPublishedWhileTheQueueIsSent) {
-    constexpr int QUEUED = 300;
-    constexpr int ALL = 1000;
-    std::atomic<int> published{0};
-    std::thread publisher([&] {
-        while (published < ALL) {
-            int const number = published;
-            publish("a", std::to_string(number));
-            published = number + 1;
-            if (number >= QUEUED) {
-                std::this_thread::yield();
-            }
-        }
-    });
-    EXPECT_TRUE(support::eventually([&] { return published >= QUEUED; }));
-    connect();
-    publisher.join();
-    EXPECT_EQ(receivedPayloads(), numbers(ALL));
-}
-
-TEST_F(APublishingClient, CallsAQos0PublicationDoneWhenItIsWritten) {
+TEST_F(AClientAtABroker, CallsAQos0PublicationDoneWhenItIsWritten) {
     connect();
     broker_.suspend();
     EXPECT_EQ(client_->publishWait("a", "value", 0, false, WAIT_SECONDS), Error::SUCCESS);
@@ -97,7 +69,6 @@ TEST_F(APublishingClient, CallsAQos0PublicationDoneWhenItIsWritten) {
 }
 
 TEST(AWaitForAQos2Publication, EndsWithTheLastPacketOfTheHandshake) {
-    using Error = MqttClient::Error;
     support::ScriptedServer server;
     auto const client = support::testClient(server.host(), server.port());
     server.hold(PacketType::PUBREL);
@@ -107,42 +78,8 @@ TEST(AWaitForAQos2Publication, EndsWithTheLastPacketOfTheHandshake) {
     EXPECT_EQ(client->publishWait("a", "value", 2, false, 30), Error::SUCCESS);
 }
 
-/// Published while the broker stands still, so still in flight when it dies. The client is kept
-/// from reconnecting until a peer has subscribed at the new broker.
 class APublicationInFlightWhenTheBrokerDies
-    : public testing::TestWithParam<std::tuple<int, int, bool>> {
-protected:
-    using Error = MqttClient::Error;
-
-    APublicationInFlightWhenTheBrokerDies() {
-        support::ClientOptions options;
-        options.persistent = std::get<2>(GetParam());
-        client_ = support::testClient(broker_, options);
-        client_->registerListener(&states_);
-    }
-
-    void publishTo(int end) {
-        for (; next_ < end; ++next_) {
-            EXPECT_EQ(client_->publish("a", std::to_string(next_), std::get<1>(GetParam()), true),
-                      Error::SUCCESS);
-        }
-    }
-
-    void restartBrokerWithPeer() {
-        client_->pause();
-        broker_.start();
-        peer_ = std::make_unique<support::RawPeer>(broker_);
-        peer_->subscribe("#");
-        client_->resume();
-        ASSERT_TRUE(states_.waitFor(ComState::CONNECTED));
-    }
-
-    support::Broker broker_;
-    support::StateRecorder states_;
-    std::unique_ptr<support::RawPeer> peer_;
-    std::unique_ptr<MqttClient> client_;
-    int next_ = 0;
-};
+    : public testing::TestWithParam<std::tuple<int, int, bool>> {};
 
 // 60 are more than the library sends without an acknowledgement.
 INSTANTIATE_TEST_SUITE_P(CountQosAndSession, APublicationInFlightWhenTheBrokerDies,
@@ -150,18 +87,35 @@ INSTANTIATE_TEST_SUITE_P(CountQosAndSession, APublicationInFlightWhenTheBrokerDi
                                           testing::Bool()));
 
 TEST_P(APublicationInFlightWhenTheBrokerDies, ArrivesBeforeWhatWasQueuedEachOnce) {
-    int const count = std::get<0>(GetParam());
-    broker_.suspend();
-    publishTo(count);
-    broker_.kill();
-    ASSERT_TRUE(states_.waitFor(ComState::CONNECTION_LOST));
-    publishTo(2 * count);
-    restartBrokerWithPeer();
-    ASSERT_TRUE(peer_->waitForMessages(static_cast<std::size_t>(2 * count)));
-    publishTo(2 * count + 1);
-    ASSERT_TRUE(peer_->waitForMessages(static_cast<std::size_t>(2 * count + 1)));
-    EXPECT_EQ(peer_->payloads(), numbers(2 * count + 1));
-    EXPECT_EQ(support::retained(broker_, "a")->payload, std::to_string(2 * count));
+    auto const [count, qos, isPersistent] = GetParam();
+    support::StateRecorder states;
+    support::Broker broker;
+    support::ClientOptions options;
+    options.persistent = isPersistent;
+    auto const client = support::testClient(broker, options);
+    client->registerListener(&states);
+    int next = 0;
+    auto const publishUpTo = [&, qos = qos](int end) {
+        for (; next < end; ++next) {
+            EXPECT_EQ(client->publish("a", std::to_string(next), qos, true), Error::SUCCESS);
+        }
+    };
+    // Still in flight when the broker dies, because it stands still before.
+    broker.suspend();
+    publishUpTo(count);
+    broker.kill();
+    ASSERT_TRUE(states.waitFor(ComState::CONNECTION_LOST));
+    publishUpTo(2 * count);
+    client->pause(); // until the peer has subscribed
+    broker.start();
+    support::RawPeer peer(broker);
+    peer.subscribe("#");
+    client->resume();
+    ASSERT_TRUE(peer.waitForMessages(static_cast<std::size_t>(2 * count)));
+    publishUpTo(2 * count + 1);
+    ASSERT_TRUE(peer.waitForMessages(static_cast<std::size_t>(2 * count + 1)));
+    EXPECT_EQ(peer.payloads(), numbers(2 * count + 1));
+    EXPECT_EQ(support::retained(broker, "a")->payload, std::to_string(2 * count));
 }
 
 } // namespace

@@ -7,8 +7,11 @@
 namespace {
 
 using conv::ComState;
+using conv::SecondsDuration;
+using mqtt::Topic;
 using support::StandIn;
 using testing::ElementsAre;
+using Strings = std::vector<std::string>;
 using Operation = StandIn::Operation;
 using Error = mqtt::MqttClient::Error;
 
@@ -17,7 +20,7 @@ constexpr int CONN_LOST = 7;
 
 class ASubscribingClient : public AClientOnAScript {
 protected:
-    void subscribe(std::vector<std::string> const& topics) {
+    void subscribe(Strings const& topics) {
         for (auto const& topic : topics) {
             ASSERT_EQ(client_->subscribe(topic, &subscriber_, 0), Error::SUCCESS);
         }
@@ -75,12 +78,43 @@ TEST_F(ASubscribingClient, RemovesAnEntryWhateverTheLibraryAnswers) {
 
 // Waiting for an unsubscription
 
-TEST_F(ASubscribingClient, DoesNotWaitForAnUnsubscriptionThatTheLibraryDidNotTake) {
+TEST_F(ASubscribingClient, WaitsForTheAcknowledgementOfItsUnsubscription) {
     connect();
+    for (auto const limit : {SecondsDuration(WAIT_SECONDS), SecondsDuration::NO_TIMEOUT}) {
+        subscribe({"a"});
+        EXPECT_EQ(client_->unsubscribeWait("a", &subscriber_, limit), Error::SUCCESS);
+        EXPECT_EQ(client_->unsubscribeWait("a", &subscriber_, limit), Error::NOT_FOUND);
+    }
     subscribe({"a"});
     script_->answer(Operation::UNSUBSCRIBE, {CONN_LOST});
-    EXPECT_EQ(client_->unsubscribeWait("a", &subscriber_, conv::SecondsDuration::NO_TIMEOUT),
+    EXPECT_EQ(client_->unsubscribeWait("a", &subscriber_, SecondsDuration::NO_TIMEOUT),
               Error::CONN_LOST);
+    script_->setAcknowledging(false);
+    for (unsigned const seconds : {0U, 1U}) {
+        subscribe({"a"});
+        EXPECT_EQ(client_->unsubscribeWait("a", &subscriber_, seconds), Error::TIMEOUT);
+        EXPECT_EQ(client_->unsubscribe("a", &subscriber_), Error::NOT_FOUND);
+    }
+    EXPECT_EQ(topics(Operation::UNSUBSCRIBE), Strings(5, "a"));
+}
+
+TEST_F(ASubscribingClient, UnsubscribesForTheLastSubscriberOfExactlyThatTopic) {
+    support::MessageRecorder other;
+    auto const unsubscribeWait = [&](Topic const& topic, auto& subscriber) {
+        return client_->unsubscribeWait(topic, &subscriber, SecondsDuration::NO_TIMEOUT);
+    };
+    connect();
+    subscribe({"a"});
+    EXPECT_EQ(unsubscribeWait("b", subscriber_), Error::NOT_FOUND);
+    EXPECT_EQ(unsubscribeWait("+", subscriber_), Error::NOT_FOUND) << "a pattern finds itself only";
+    EXPECT_EQ(unsubscribeWait("a", other), Error::NOT_FOUND);
+    ASSERT_EQ(client_->subscribe("a", &other, 0), Error::SUCCESS);
+    EXPECT_EQ(unsubscribeWait("a", other), Error::NOT_FOUND) << "another subscriber is left";
+    EXPECT_TRUE(isRegistered("a"));
+    EXPECT_EQ(script_->count(Operation::UNSUBSCRIBE), 0U);
+    ASSERT_EQ(client_->disconnect(WAIT_SECONDS), Error::SUCCESS);
+    EXPECT_EQ(unsubscribeWait("a", subscriber_), Error::NO_CONN);
+    EXPECT_EQ(unsubscribeWait("a", subscriber_), Error::NOT_FOUND);
 }
 
 TEST_F(ASubscribingClient, WaitsThoughTheLastAcknowledgedUnsubscriptionHadTheSameNumber) {
@@ -115,6 +149,47 @@ TEST_F(ASubscribingClient, WaitsThoughTheUnsubscriptionThatWokeTheWorkerHadTheSa
 
 // Completing a connection
 
+TEST_F(ASubscribingClient, SubscribesToEachTopicOnceInByteOrderAtQosZeroWithEveryConnection) {
+    connect();
+    subscribe({"b", "a/+", "a", "a/#", "b", "B", "gone", "released"});
+    Strings expected{"b", "a/+", "a", "a/#", "b", "B", "gone", "released"};
+    support::MessageRecorder released;
+    ASSERT_EQ(client_->disconnect(WAIT_SECONDS), Error::SUCCESS);
+    ASSERT_EQ(client_->subscribe("released", &released, 0), Error::SUCCESS);
+    client_->unsubscribe("gone", &subscriber_);
+    client_->unsubscribe("released", &subscriber_);
+    client_->release(&released);
+    connect();
+    script_->answer(Operation::SUBSCRIBE, {1, 3, 14, NO_CONN}); // does not matter
+    reconnect();
+    for (int i = 0; i < 2; ++i) {
+        expected.insert(expected.end(), {"B", "a", "a/#", "a/+", "b"});
+    }
+    EXPECT_EQ(topics(Operation::SUBSCRIBE), expected);
+    for (auto const& call : script_->calls(Operation::SUBSCRIBE)) {
+        EXPECT_EQ(call.qos, 0);
+    }
+}
+
+TEST_F(ASubscribingClient, SubscribesThenSendsItsQueueAndThenCallsItsListener) {
+    support::StateRecorder listener([&](ComState state) {
+        if (state == ComState::CONNECTED) {
+            EXPECT_EQ(client_->publish("listener", "", 0, false), Error::SUCCESS);
+        }
+    });
+    client_->registerListener(&listener);
+    subscribe({"c", "b"});
+    queue({"queued"}, 1);
+    connect();
+    client_->unregisterListener(&listener);
+    Strings order;
+    for (auto const& call : script_->calls()) {
+        order.push_back(call.topic);
+    }
+    EXPECT_THAT(order, ElementsAre("", "host", "b", "c", "a", "listener"))
+        << "the calls at the beginning have no topic, and the host";
+}
+
 TEST_F(ASubscribingClient, StopsCompletingAConnectionThatIsLostMeanwhile) {
     subscribe({"a", "b", "c"});
     queue({"queued"}, 1);
@@ -132,26 +207,7 @@ TEST_F(ASubscribingClient, StopsCompletingAConnectionThatIsLostMeanwhile) {
     EXPECT_EQ(script_->count(Operation::PUBLISH), 1U);
 }
 
-TEST_F(ASubscribingClient, CompletesAConnectionWhateverElseTheLibraryAnswers) {
-    subscribe({"a", "b", "c", "d"});
-    script_->answer(Operation::SUBSCRIBE, {1, 3, 14, NO_CONN});
-    connect();
-    EXPECT_THAT(topics(Operation::SUBSCRIBE), ElementsAre("a", "b", "c", "d"));
-}
-
 // The end of the client
-
-TEST_F(ASubscribingClient, UnsubscribesEveryTopicWhenItIsDestroyed) {
-    connect();
-    subscribe({"b", "a/+", "a/#", "a", "b"});
-    script_->answer(Operation::UNSUBSCRIBE, {14});
-    client_.reset();
-    auto ended = topics(Operation::UNSUBSCRIBE);
-    ASSERT_GE(ended.size(), 4U);
-    ended.resize(4); // a further one only wakes the worker
-    EXPECT_THAT(ended, ElementsAre("a", "a/#", "a/+", "b"));
-    EXPECT_EQ(script_->count(Operation::DISCONNECT), 0U);
-}
 
 TEST_F(ASubscribingClient, CallsNoSubscriberWhileItIsDestroyed) {
     connect();

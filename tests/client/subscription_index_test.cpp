@@ -1,5 +1,5 @@
 // The choice of a subscription against the plain walk through the registry, for random
-// registries and topics.
+// registries and topics. The seeds in fuzz/seeds/subscriptions/ are the situations one by one.
 
 #include "client/registry/subscription_index.hpp"
 
@@ -99,21 +99,20 @@ protected:
     bool compare(Topic const& topic) {
         auto const* const exact = registry_.exact(topic);
         auto const* const found = registry_.find(topic);
-        if (found != (exact != nullptr ? exact : registry_.walk(topic))) {
-            std::string all;
-            for (auto const& entry : registry_.entries()) {
-                all += ' ' + testing::PrintToString(entry.first.text());
-            }
-            ADD_FAILURE() << "seed " << GetParam() << ", topic "
-                          << testing::PrintToString(topic.text()) << ", found "
-                          << (found == nullptr ? "nothing"
-                                               : testing::PrintToString(found->topic.text()))
-                          << " among" << all;
-        }
+        EXPECT_EQ(found, exact != nullptr ? exact : registry_.walk(topic))
+            << "topic " << testing::PrintToString(topic.text()) << " among " << allPatterns();
         return exact == nullptr && found != nullptr;
     }
 
 private:
+    std::string allPatterns() const {
+        std::string all;
+        for (auto const& entry : registry_.entries()) {
+            all += testing::PrintToString(entry.first.text()) + ' ';
+        }
+        return all;
+    }
+
     Topic const& anyEntry() {
         auto const& entries = registry_.entries();
         auto const index = static_cast<std::ptrdiff_t>(random_.below(entries.size()));
@@ -121,7 +120,7 @@ private:
     }
 
     RandomTexts random_{GetParam()};
-    WalkedRegistry<mqtt::SubscriptionIndex> registry_;
+    WalkedRegistry registry_;
 };
 
 INSTANTIATE_TEST_SUITE_P(Seed, ARandomRegistry, testing::Values(1U));
@@ -139,6 +138,57 @@ TEST_P(ARandomRegistry, IsSearchedAsIfItWereWalkedThrough) {
         }
     }
     EXPECT_GT(patternsFound, changes * TOPICS / 4) << "too few to prove anything";
+}
+
+TEST(ARegistry, TakesPatternsOfAnyNumberOfLevels) {
+    WalkedRegistry registry;
+    std::string topic = "a";
+    std::string levels = "+";
+    for (int i = 1; i < 70; ++i) {
+        topic += "/a";
+        levels += "/+";
+        registry.add(levels);
+        registry.add(levels + "/#");
+        EXPECT_EQ(registry.find(topic), registry.walk(topic)) << i;
+    }
+    for (int i = 0; i < 30000; ++i) {
+        topic += "/a";
+    }
+    registry.clear();
+    registry.add(topic + "/+");
+    registry.add("a/+");
+    EXPECT_EQ(registry.find(topic + "/a")->topic, topic + "/+");
+    EXPECT_EQ(registry.find(topic), nullptr);
+    EXPECT_EQ(registry.find("a/a")->topic, "a/+");
+}
+
+TEST(APatternIndex, TakesATopicUpToItsFirstZeroByte) {
+    mqtt::PatternIndex index;
+    mqtt::PatternIndex::Subscription pattern{"+/b", {}};
+    index.add(pattern);
+    EXPECT_EQ(index.find(std::string("a/b\0c", 5)), &pattern) << "as Topic::matches does";
+}
+
+TEST(APatternIndex, KeepsALevelAsLongAsOneOfItsPatternsNeedsIt) {
+    using mqtt::PatternIndex;
+    PatternIndex index;
+    PatternIndex::Subscription any{"a/b/+", {}};
+    PatternIndex::Subscription middle{"a/+/c", {}};
+    PatternIndex::Subscription deeper{"a/b/+/d", {}};
+    for (auto* const subscription : {&any, &middle, &deeper}) {
+        index.add(*subscription);
+    }
+    index.remove({"a/b/+/#", {}}); // is not there
+    EXPECT_EQ(index.size(), 6U);
+    struct Removal {
+        PatternIndex::Subscription const& removed;
+        std::size_t levelsLeft;
+    };
+    for (auto const& [removed, levelsLeft] :
+         {Removal{any, 6}, Removal{deeper, 3}, Removal{middle, 0}}) {
+        index.remove(removed);
+        EXPECT_EQ(index.size(), levelsLeft) << "without " << removed.topic;
+    }
 }
 
 } // namespace

@@ -1,13 +1,10 @@
 #pragma once
 
-#include <mqtt/client.hpp>
+#include "client/registry/subscription_index.hpp"
 
 #include <map>
-#include <string>
-#include <utility>
 
 /// A registry with an index of it. The index must find what a walk through the registry finds.
-template <class Index>
 class WalkedRegistry {
 public:
     using Subscription = mqtt::MqttClient::Subscription;
@@ -48,10 +45,9 @@ public:
 
     Subscription const* find(mqtt::Topic const& topic) const { return index_.find(topic); }
 
-    Index const& index() const { return index_; }
     Entries const& entries() const { return entries_; }
 
 private:
     Entries entries_;
-    Index index_;
+    mqtt::SubscriptionIndex index_;
 };

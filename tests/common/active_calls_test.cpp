@@ -1,11 +1,10 @@
 #include "common/active_calls.hpp"
 
-#include "support/watched.hpp"
-
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
+#include <future>
 #include <memory>
 #include <optional>
 #include <thread>
@@ -14,120 +13,79 @@
 namespace {
 
 using mqtt::ActiveCalls;
-using support::isSet;
-using support::set;
-using support::Watched;
+using Call = ActiveCalls::Call;
 
 /// Long enough to see that a call waits. If a machine is slow, a defect may pass unseen; a correct
 /// wait never fails.
 constexpr std::chrono::milliseconds NOTICEABLE_WAIT{100};
 
-/// A call on a thread of its own, which ends with `leave`.
-class CallOnAThread {
-public:
-    explicit CallOnAThread(std::shared_ptr<ActiveCalls> const& calls)
-        : thread_([this, calls] {
-              ActiveCalls::Call const call(calls);
-              set(inside_);
-              leave_.waitFor(isSet);
-          }) {
-        inside_.waitFor(isSet);
-    }
-    ~CallOnAThread() { leave(); }
-    CallOnAThread(CallOnAThread const&) = delete;
-    CallOnAThread& operator=(CallOnAThread const&) = delete;
-
-    void leave() {
-        set(leave_);
-        if (thread_.joinable()) {
-            thread_.join();
-        }
-    }
-
-private:
-    Watched<bool> inside_;
-    Watched<bool> leave_;
-    std::thread thread_;
-};
-
-/// A wait for the others on a thread of its own, which may be inside too.
-class WaitOnAThread {
-public:
-    explicit WaitOnAThread(std::shared_ptr<ActiveCalls> const& calls, bool inside = false)
-        : thread_([this, calls, inside] {
-              std::optional<ActiveCalls::Call> call;
-              if (inside) {
-                  call.emplace(calls);
-              }
-              calls->waitForOthers();
-              set(over_);
-          }) {}
-    ~WaitOnAThread() { thread_.join(); }
-    WaitOnAThread(WaitOnAThread const&) = delete;
-    WaitOnAThread& operator=(WaitOnAThread const&) = delete;
-
-    bool isOver() const { return over_.waitFor(isSet, NOTICEABLE_WAIT); }
-    bool ends() const { return over_.waitFor(isSet); }
-
-private:
-    Watched<bool> over_;
-    std::thread thread_;
-};
+bool isOver(std::future<void> const& wait) {
+    return wait.wait_for(NOTICEABLE_WAIT) == std::future_status::ready;
+}
 
 class TheWaitForActiveCalls : public testing::Test {
 protected:
+    /// Waits on a thread of its own, which may be inside too.
+    std::future<void> waitOnAThread(bool inside = false) {
+        return std::async(std::launch::async, [inside, calls = calls] {
+            std::optional<Call> call;
+            if (inside) {
+                call.emplace(calls);
+            }
+            calls->waitForOthers();
+        });
+    }
+
     std::shared_ptr<ActiveCalls> calls = std::make_shared<ActiveCalls>();
 };
 
 TEST_F(TheWaitForActiveCalls, EndsForAllWaitingThreadsWithTheLastCall) {
-    calls->waitForOthers(); // nobody is inside
-    CallOnAThread first(calls);
-    CallOnAThread second(calls);
-    WaitOnAThread const outside(calls);
-    EXPECT_FALSE(outside.isOver());
-    first.leave();
-    WaitOnAThread const inside(calls, true);
-    EXPECT_FALSE(inside.isOver());
-    EXPECT_FALSE(outside.isOver());
-    second.leave();
-    EXPECT_TRUE(inside.ends());
-    EXPECT_TRUE(outside.ends());
+    std::optional<Call> outer;
+    std::optional<Call> inner;
+    outer.emplace(calls);
+    inner.emplace(calls);
+    auto const outside = waitOnAThread();
+    inner.reset();
+    EXPECT_FALSE(isOver(outside));
+    auto const inside = waitOnAThread(true);
+    EXPECT_FALSE(isOver(inside));
+    EXPECT_FALSE(isOver(outside));
+    outer.reset();
+    inside.wait();
+    outside.wait();
 }
 
 TEST_F(TheWaitForActiveCalls, IgnoresItsOwnThreadWhichMayDestroyTheObject) {
-    ActiveCalls::Call const outer(calls);
-    ActiveCalls::Call const inner(calls);
+    Call const outer(calls);
+    Call const inner(calls);
     calls->waitForOthers();
     calls.reset();
 }
 
-TEST_F(TheWaitForActiveCalls, CountsEachCallOfAThread) {
-    std::optional<ActiveCalls::Call> inner;
-    auto outer = std::make_unique<ActiveCalls::Call>(calls);
-    inner.emplace(calls);
-    WaitOnAThread const waiting(calls);
-    inner.reset();
-    EXPECT_FALSE(waiting.isOver());
-    outer.reset();
-    EXPECT_TRUE(waiting.ends());
-}
-
 TEST_F(TheWaitForActiveCalls, EndsWhenCallsAreEndedEarly) {
-    auto const outer = std::make_unique<ActiveCalls::Call>(calls);
-    auto inner = std::make_unique<ActiveCalls::Call>(calls);
-    CallOnAThread other(calls);
-    WaitOnAThread const waiting(calls);
+    auto const outer = std::make_unique<Call>(calls);
+    auto inner = std::make_unique<Call>(calls);
+    std::promise<void> entered;
+    std::promise<void> left;
+    std::thread other([&] {
+        Call const call(calls);
+        entered.set_value();
+        left.get_future().wait();
+    });
+    entered.get_future().wait();
+    auto const waiting = waitOnAThread();
     calls->endCallsOfThisThread();
-    EXPECT_FALSE(waiting.isOver()) << "the other one is still inside";
-    other.leave();
-    EXPECT_TRUE(waiting.ends());
+    EXPECT_FALSE(isOver(waiting)) << "the other one is still inside";
+    left.set_value();
+    other.join();
+    waiting.wait();
     // A new call is waited for again.
-    auto again = std::make_unique<ActiveCalls::Call>(calls);
-    WaitOnAThread const next(calls);
+    auto again = std::make_unique<Call>(calls);
+    auto const next = waitOnAThread();
     inner.reset();
-    EXPECT_FALSE(next.isOver());
+    EXPECT_FALSE(isOver(next));
     again.reset();
-    EXPECT_TRUE(next.ends());
+    next.wait();
 }
 
 TEST_F(TheWaitForActiveCalls, EndsAfterAllAccesses) {
@@ -137,7 +95,7 @@ TEST_F(TheWaitForActiveCalls, EndsAfterAllAccesses) {
         std::vector<std::thread> threads;
         for (int i = 0; i < 4; ++i) {
             threads.emplace_back([&] {
-                ActiveCalls::Call const call(calls);
+                Call const call(calls);
                 ++inside;
                 ++*value;
             });

@@ -1,5 +1,5 @@
-// A tank and its display, with a real broker: a value of the application's own type is published
-// and read, and a request is answered. The exit code is 0 when both have succeeded.
+// A tank and its display on one client, with a real broker: a value of the application's own type
+// is published and read, and a request is answered. The exit code is 0 when both have succeeded.
 //
 // Usage: consumer HOST PORT
 
@@ -77,27 +77,29 @@ void require(bool condition, char const* what) {
     }
 }
 
-void publishAndRead(MqttClient& atTank, MqttClient& atDisplay) {
+void connect(MqttClient& client) {
+    auto const result = client.connect("", -1, TIMEOUT);
+    std::cout << "connecting: " << result << '\n';
+    require(result == MqttClient::Error::SUCCESS, "cannot connect");
+}
+
+void publishAndRead(MqttClient& client) {
     Display display;
-    MqttData<FillLevel> shown(atDisplay, "consumer/tank");
-    require(shown.subscribe(&display, 0) == MqttClient::Error::SUCCESS, "cannot subscribe");
-    MqttData<FillLevel> level(atTank, "consumer/tank");
+    MqttData<FillLevel> level(client, "consumer/tank");
+    require(level.subscribe(&display, 0) == MqttClient::Error::SUCCESS, "cannot subscribe");
     level.value.litres = 42;
     level.publishWait();
     require(display.wait() == 42, "another level was received");
     std::cout << "a value of our own type: received\n";
 }
 
-void ask(MqttClient& atTank, MqttClient& atDisplay) {
+void ask(MqttClient& client) {
     Tank tank;
-    mqtt::RequestReplyServer server(atTank, "consumer/tank", mqtt::Topic(), "draw");
+    mqtt::RequestReplyServer server(client, "consumer/tank", mqtt::Topic(), "draw");
     require(server.subscribe(&tank, TANK_ID, std::make_shared<Litres>())
                 == MqttClient::Error::SUCCESS,
             "cannot serve");
-    // Sent behind the subscription: when it has arrived, the subscription stands.
-    atTank.publishWait("consumer/marker", "", 1, false, TIMEOUT);
-
-    mqtt::RequestReplyClient draw(atDisplay, "consumer/tank", mqtt::Topic(), "draw");
+    mqtt::RequestReplyClient draw(client, "consumer/tank", mqtt::Topic(), "draw");
     auto const left = std::make_shared<Litres>();
     auto const result =
         draw.requestWait(DISPLAY_ID, TANK_ID, std::make_shared<Litres>(7), left, TIMEOUT);
@@ -106,22 +108,14 @@ void ask(MqttClient& atTank, MqttClient& atDisplay) {
     std::cout << "a request: answered\n";
 }
 
-void connect(MqttClient& client) {
-    auto const result = client.connect("", -1, TIMEOUT);
-    std::cout << "connecting: " << result << '\n';
-    require(result == MqttClient::Error::SUCCESS, "cannot connect");
-}
-
 } // namespace
 
 int main(int argc, char* argv[]) try {
     require(argc == 3, "Usage: consumer HOST PORT");
-    MqttClient atTank(TANK_ID, false, "tank", argv[1], std::stoi(argv[2]), false);
-    MqttClient atDisplay(DISPLAY_ID, false, "display", argv[1], std::stoi(argv[2]), false);
-    connect(atTank);
-    connect(atDisplay);
-    publishAndRead(atTank, atDisplay);
-    ask(atTank, atDisplay);
+    MqttClient client(DISPLAY_ID, false, "consumer", argv[1], std::stoi(argv[2]), false);
+    connect(client);
+    publishAndRead(client);
+    ask(client);
     return 0;
 } catch (std::exception const& error) {
     std::cerr << "consumer: " << error.what() << '\n';

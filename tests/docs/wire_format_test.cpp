@@ -120,12 +120,6 @@ Boxes documents() {
 
 class TheWireFormatPage : public testing::Test {
 protected:
-    static support::ClientOptions idle() {
-        support::ClientOptions options;
-        options.connect = false;
-        return options;
-    }
-
     template <class T>
     std::string topicOf() {
         return Endpoint<T>(*client_, "base").publishTopic();
@@ -157,7 +151,8 @@ protected:
     }
 
 private:
-    std::unique_ptr<mqtt::MqttClient> client_ = support::testClient("127.0.0.1", 1, idle());
+    std::unique_ptr<mqtt::MqttClient> client_ =
+        support::testClient("host", 1883, {/*persistent=*/false, /*connect=*/false});
 };
 
 TEST_F(TheWireFormatPage, ShowsWhatTheLibraryWrites) {
