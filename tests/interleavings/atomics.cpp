@@ -1,5 +1,5 @@
-// Makes operations on atomics switch points. Code compiled for ThreadSanitizer calls these
-// functions; the program is not linked with its runtime.
+// Lets the explorer choose at operations on atomics too. Code compiled for ThreadSanitizer calls
+// these functions; the program is not linked with its runtime.
 
 #include "interleavings/scheduler.hpp"
 
@@ -8,13 +8,13 @@
 
 namespace {
 
-/// Only the reference counts of shared pointers use this order; they need no switch point.
+/// Only the reference counts of shared pointers use this order; they need no choice.
 constexpr int ORDER_OF_REFERENCE_COUNTS = __ATOMIC_ACQ_REL;
 
-void point(int order = __ATOMIC_SEQ_CST) {
+void maySwitch(int order = __ATOMIC_SEQ_CST) {
     auto& scheduler = interleavings::Scheduler::instance();
     if (scheduler.started() && order != ORDER_OF_REFERENCE_COUNTS) {
-        scheduler.switchPoint();
+        scheduler.maySwitch();
     }
 }
 
@@ -22,26 +22,26 @@ void point(int order = __ATOMIC_SEQ_CST) {
 
 #define ZYM_FETCH(bits, type, operation)                                                           \
     type __tsan_atomic##bits##_fetch_##operation(type volatile* place, type value, int order) {    \
-        point(order);                                                                              \
+        maySwitch(order);                                                                          \
         return __atomic_fetch_##operation(place, value, __ATOMIC_SEQ_CST);                         \
     }
 
 #define ZYM_ATOMIC(bits, type)                                                                     \
     type __tsan_atomic##bits##_load(type const volatile* place, int) {                             \
-        point();                                                                                   \
+        maySwitch();                                                                               \
         return __atomic_load_n(place, __ATOMIC_SEQ_CST);                                           \
     }                                                                                              \
     void __tsan_atomic##bits##_store(type volatile* place, type value, int) {                      \
-        point();                                                                                   \
+        maySwitch();                                                                               \
         __atomic_store_n(place, value, __ATOMIC_SEQ_CST);                                          \
     }                                                                                              \
     type __tsan_atomic##bits##_exchange(type volatile* place, type value, int) {                   \
-        point();                                                                                   \
+        maySwitch();                                                                               \
         return __atomic_exchange_n(place, value, __ATOMIC_SEQ_CST);                                \
     }                                                                                              \
     int __tsan_atomic##bits##_compare_exchange_strong(type volatile* place, type* expected,        \
                                                       type value, int, int) {                      \
-        point();                                                                                   \
+        maySwitch();                                                                               \
         return __atomic_compare_exchange_n(place, expected, value, false, __ATOMIC_SEQ_CST,        \
                                            __ATOMIC_SEQ_CST);                                      \
     }                                                                                              \

@@ -134,7 +134,7 @@ struct ClientOfEchoServer : ConnectedClient {
         explore([&] {
             server.releaseReplies();
             ifMistaken([&] { listener.close(); });
-            Scheduler::instance().switchPoint();
+            Scheduler::instance().maySwitch();
             object.reset();
             listener.close();
         });

@@ -72,7 +72,7 @@ struct RequesterFixture : ClientOfEchoServer {
     void requestWithLimitedResources() {
         bool accepted = false;
         explore([&] {
-            if (chooseWay()) {
+            if (maybe()) {
                 server.holdReplies();
             }
             MemoryMayFail const here;
@@ -216,12 +216,12 @@ SCENARIO(AReplyListenerThrows, RequesterFixture, DEADLINES) {
     explore([&] {
         request(listener, 1, 1);
         std::thread other([&] { requester->waitEndOfRequest(1); });
-        if (!chooseWay()) {
+        if (!maybe()) {
             requester->cancel();
         }
         other.join();
         ifMistaken([&] { maybeThrow(); });
-        if (chooseWay()) {
+        if (maybe()) {
             requester = std::make_unique<RequestReplyClient>(client, "svc", "", "echo");
         }
     });

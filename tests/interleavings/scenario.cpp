@@ -18,21 +18,21 @@ void expect(bool holds, char const* requirement) {
 
 void pass(std::chrono::nanoseconds time) {
     auto& scheduler = Scheduler::instance();
-    static_cast<void>(scheduler.block(State::ASLEEP, nullptr, scheduler.now() + time.count()));
+    static_cast<void>(scheduler.block("sleeps", nullptr, scheduler.now() + time.count()));
 }
 
 void maybePause() {
-    if (chooseWay()) {
+    if (maybe()) {
         pass(std::chrono::milliseconds(2));
     }
 }
 
-bool chooseWay() {
+bool maybe() {
     return Scheduler::instance().choose(2) != 0;
 }
 
 void maybeThrow() {
-    if (chooseWay()) {
+    if (maybe()) {
         throw std::runtime_error("thrown by a callback");
     }
 }
@@ -46,7 +46,7 @@ void CallbackCheck::onCallback() {
     expect(!closed_, "a callback comes after the end of its object");
     ++count_;
     ++running_;
-    Scheduler::instance().switchPoint();
+    Scheduler::instance().maySwitch();
     if (action_) {
         action_();
     }

@@ -36,8 +36,8 @@ void expect(bool holds, char const* requirement);
 void pass(std::chrono::nanoseconds time);
 /// Lets 2 ms pass in some schedules.
 void maybePause();
-/// One of two ways. Both are explored; outside `explore` it is false.
-bool chooseWay();
+/// True in some schedules; outside `explore` it is false.
+bool maybe();
 /// Throws in some schedules, as a callback of a user may do.
 void maybeThrow();
 

@@ -8,9 +8,8 @@ namespace interleavings {
 
 std::string textOf(Schedule const& schedule) {
     std::string text;
-    for (auto const& deviation : schedule) {
-        text += text.empty() ? "" : " ";
-        text += std::to_string(deviation.choice) + ':' + std::to_string(deviation.taken);
+    for (auto const& [choice, option] : schedule) {
+        text += (text.empty() ? "" : " ") + std::to_string(choice) + ':' + std::to_string(option);
     }
     return text;
 }
@@ -19,19 +18,21 @@ Schedule scheduleFrom(std::string const& text) {
     Schedule schedule;
     std::istringstream in(text);
     for (std::string word; in >> word;) {
-        auto& deviation = schedule.emplace_back();
-        if (std::sscanf(word.c_str(), "%u:%hhu", &deviation.choice, &deviation.taken) != 2) {
+        std::size_t choice = 0;
+        std::size_t option = 0;
+        if (std::sscanf(word.c_str(), "%zu:%zu", &choice, &option) != 2) {
             throw std::invalid_argument("Not a schedule: " + text);
         }
+        schedule[choice] = option;
     }
     return schedule;
 }
 
 Schedule scheduleOf(RunRecord const& record) {
     Schedule schedule;
-    for (std::uint32_t choice = 0; choice < record.choiceCount; ++choice) {
+    for (std::size_t choice = 0; choice < record.choiceCount; ++choice) {
         if (record.choices[choice].taken != 0) {
-            schedule.push_back({choice, record.choices[choice].taken});
+            schedule[choice] = record.choices[choice].taken;
         }
     }
     return schedule;

@@ -89,7 +89,7 @@ SCENARIO(ThePeriodicExchangeMeetsStop, TimeBaseFixture, DEADLINES) {
 
 SCENARIO(TheEndOfATimeBaseMeetsItsCallback, TimeBaseFixture, DEADLINES) {
     bool waits = false;
-    explore([&] { waits = chooseWay(); });
+    explore([&] { waits = maybe(); });
     server.holdReplies();
     std::thread waiter([&] { waits ? proxy->synchronize(SERVER, 5) : proxy->startSync(SERVER); });
     pass(milliseconds(1));
@@ -200,8 +200,8 @@ SCENARIO(BindMeetsUnbind, BinderFixture, THREADS_ONLY) {
 SCENARIO(BindingFollowsAnUnbindingAtOnce, BinderFixture, DEADLINES) {
     BinderError unbound{};
     explore([&] {
-        unsigned const timeoutSeconds = chooseWay() ? 0 : 5;
-        bool const waits = chooseWay();
+        unsigned const timeoutSeconds = maybe() ? 0 : 5;
+        bool const waits = maybe();
         std::thread other([&] { waits ? proxy->bindSync(SERVER, 5) : proxy->bind(SERVER, 5); });
         maybePause();
         unbound = proxy->unbindSync(timeoutSeconds);
@@ -268,7 +268,7 @@ SCENARIO(UnbindMeetsTheDeadline, BinderFixture, DEADLINES) {
 
 SCENARIO(TheEndOfABinderMeetsItsCallbacks, BinderFixture, DEADLINES) {
     bool unbinds = false;
-    explore([&] { unbinds = chooseWay(); });
+    explore([&] { unbinds = maybe(); });
     server.holdReplies();
     proxy->bind(SERVER, 1);
     std::thread waiter([&] {
