@@ -17,7 +17,9 @@ void compare(Registry const& registry, Topic const& topic) {
     fuzz::require(registry.find(topic) == expected, "the index finds what the linear search finds");
 }
 
-void run(std::string_view bytes) {
+} // namespace
+
+void fuzz::run(std::string_view bytes) {
     Registry registry;
     for (fuzz::Lines lines(bytes); !lines.none();) {
         std::string const line = lines.next();
@@ -40,7 +42,3 @@ void run(std::string_view bytes) {
         compare(registry, entry.first);
     }
 }
-
-fuzz::Target const SUBSCRIPTIONS("subscriptions", run);
-
-} // namespace
