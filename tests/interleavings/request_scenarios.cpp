@@ -122,6 +122,7 @@ SCENARIO(ReplyMeetsTheDeadline, RequesterFixture, DEADLINES) {
 }
 
 SCENARIO(WaitersMeetCancel, RequesterFixture, DEADLINES) {
+    listener.setAction(&maybeThrow);
     Code waited{};
     explore([&] {
         request(listener, 1, 1);
@@ -174,6 +175,7 @@ SCENARIO(RequestsMeetTheLossOfTheConnection, RequesterFixture, DEADLINES) {
 
 SCENARIO(TwoClientsAskOneServer, TwoConnectedClients, THREADS_ONLY) {
     EchoListener echo;
+    echo.setAction(&maybeThrow);
     auto server = std::make_unique<RequestReplyServer>(otherClient, "svc", "", "echo");
     server->subscribe(&echo, SERVER, numberData());
     RequestReplyClient requesters[]{{*client, "svc", "", "echo"}, {otherClient, "svc", "", "echo"}};
@@ -209,46 +211,6 @@ SCENARIO(RequestsWithoutMemory, RequesterFixture, NO_MEMORY) {
     requester.reset();
     pass(SETTLING_TIME);
     expectNoSubscriptions();
-}
-
-SCENARIO(AReplyListenerThrows, RequesterFixture, DEADLINES) {
-    listener.setAction(&maybeThrow);
-    explore([&] {
-        request(listener, 1, 1);
-        std::thread other([&] { requester->waitEndOfRequest(1); });
-        if (!maybe()) {
-            requester->cancel();
-        }
-        other.join();
-        ifMistaken([&] { maybeThrow(); });
-        if (maybe()) {
-            requester = std::make_unique<RequestReplyClient>(client, "svc", "", "echo");
-        }
-    });
-    expectOneEndAndUsable();
-}
-
-SCENARIO(AServersListenerThrows, ConnectedClient, THREADS_ONLY) {
-    EchoListener echo;
-    echo.setAction(&maybeThrow);
-    RequestReplyServer server(client, "svc", "", "echo");
-    server.subscribe(&echo, SERVER, numberData());
-    RequestReplyClient requester(client, "svc", "", "echo");
-    ReplyListener listener;
-    auto const reply = numberData();
-    auto const request = [&](unsigned number) {
-        requester.request(&listener, CLIENT, SERVER, numberData(number), reply, nullptr, 1);
-    };
-    explore([&] {
-        request(1);
-        pass(seconds(makesMistake() ? 0 : 2));
-        request(2);
-        pass(seconds(2));
-    });
-    listener.expectEnds(2);
-    expect(requester.requestWait(CLIENT, SERVER, numberData(3), reply, 1) == Code::SUCCESS
-               && reply->number == 3,
-           "the server no longer answers");
 }
 
 } // namespace

@@ -47,10 +47,10 @@ void CallbackCheck::onCallback() {
     ++count_;
     ++running_;
     Scheduler::instance().maySwitch();
-    if (action_) {
-        action_();
-    }
     --running_;
+    if (action_) {
+        action_(); // may throw, or end the calling object
+    }
 }
 
 void CallbackCheck::close() {
