@@ -12,11 +12,13 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdio>
 #include <functional>
 #include <iostream>
 #include <map>
 #include <optional>
 #include <random>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -25,6 +27,40 @@ namespace {
 
 using namespace interleavings;
 using Clock = std::chrono::steady_clock;
+
+/// For example `17:1 42:2`.
+std::string textOf(Schedule const& schedule) {
+    std::string text;
+    for (auto const& [choice, option] : schedule) {
+        text += (text.empty() ? "" : " ") + std::to_string(choice) + ':' + std::to_string(option);
+    }
+    return text;
+}
+
+Schedule scheduleFrom(std::string const& text) {
+    Schedule schedule;
+    std::istringstream in(text);
+    for (std::string word; in >> word;) {
+        std::size_t choice = 0;
+        std::size_t option = 0;
+        if (std::sscanf(word.c_str(), "%zu:%zu", &choice, &option) != 2) {
+            throw std::invalid_argument("Not a schedule: " + text);
+        }
+        schedule[choice] = option;
+    }
+    return schedule;
+}
+
+/// The schedule that repeats a run.
+Schedule scheduleOf(RunRecord const& record) {
+    Schedule schedule;
+    for (std::size_t choice = 0; choice < record.choiceCount; ++choice) {
+        if (record.choices[choice].taken != 0) {
+            schedule[choice] = record.choices[choice].taken;
+        }
+    }
+    return schedule;
+}
 
 struct Options {
     std::vector<Scenario> scenarios;

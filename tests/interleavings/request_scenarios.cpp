@@ -89,21 +89,6 @@ struct RequesterFixture : ClientOfEchoServer {
     ReplyListener secondListener;
 };
 
-SCENARIO(RequestAfterCancel, RequesterFixture, THREADS_ONLY) {
-    auto const reply = numberData();
-    explore([&] {
-        request(listener, 1, 5);
-        maybePause();
-        unlessMistaken([&] { requester->cancel(); });
-        maybePause();
-        request(secondListener, 2, 5, reply);
-    });
-    secondListener.expectEnds(1);
-    expect(secondListener.ends[0] == Code::SUCCESS && reply->number == 2,
-           "a request has the answer to another one");
-    expectOneEndAndUsable();
-}
-
 SCENARIO(ReplyMeetsTheDeadline, RequesterFixture, DEADLINES) {
     auto const reply = numberData();
     server.holdReplies();
@@ -129,6 +114,7 @@ SCENARIO(WaitersMeetCancel, RequesterFixture, DEADLINES) {
         std::thread other([&] { waited = requester->waitEndOfRequest(1); });
         maybePause();
         requester->cancel();
+        maybePause();
         auto const reply = numberData();
         auto const end = makesMistake() ? request(listener, 2, 5, reply) : requestWait(2, reply);
         expect(end == Code::TIMEOUT || (end == Code::SUCCESS && reply->number == 2),

@@ -86,8 +86,9 @@ std::string failureOf(RunRecord const& record, int status) {
 /// File and line of a frame; empty when it belongs to the explorer or a system library.
 std::string const& placeOf(void* frame) {
     static std::map<void*, std::string> places;
-    static std::regex const line(R"( ((?!(allocations|intercepted|main|run|scenario|scheduler)\.))"
-                                 R"(\w+\.[ch]pp:\d+))");
+    static std::regex const line(
+        R"( ((?!(allocations|intercepted|main|run|scenario|scheduler|small_broker)\.))"
+        R"(\w+\.[ch]pp:\d+))");
     auto const [entry, isNew] = places.try_emplace(frame);
     if (std::smatch match; isNew) {
         auto const description = support::describeFrame(frame);

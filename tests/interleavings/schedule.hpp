@@ -4,18 +4,12 @@
 #include <cstddef>
 #include <cstdint>
 #include <map>
-#include <string>
 
 namespace interleavings {
 
 /// Determines a run: for each choice, by its number, the option that is taken. A choice that is not
 /// named takes option 0, which is what happens without the explorer.
 using Schedule = std::map<std::size_t, std::size_t>;
-
-/// For example `17:1 42:2`.
-std::string textOf(Schedule const& schedule);
-/// @throws std::invalid_argument
-Schedule scheduleFrom(std::string const& text);
 
 /// A place where a run could continue in several ways.
 struct Choice {
@@ -49,8 +43,5 @@ struct RunRecord {
     std::size_t eventCount;
     std::array<Event, 4096> events;
 };
-
-/// The schedule that repeats a run.
-Schedule scheduleOf(RunRecord const& record);
 
 } // namespace interleavings
