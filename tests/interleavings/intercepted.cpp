@@ -23,6 +23,7 @@ namespace {
 constexpr Nanoseconds SECOND = 1'000'000'000;
 /// 2020-01-01, at the beginning of every run.
 constexpr Nanoseconds REAL_TIME = 1'577'836'800 * SECOND;
+constexpr Nanoseconds YIELD_TIME = SECOND / 200;
 
 Scheduler& scheduler() {
     return Scheduler::instance();
@@ -110,7 +111,7 @@ struct Start {
 
 void* runThread(void* argument) {
     std::unique_ptr<Start> const start(static_cast<Start*>(argument));
-    Scheduler::begin(*start->thread);
+    Scheduler::waitForTurn(*start->thread);
     MemoryMayFail::onThisThread = start->memoryMayFail;
     void* const result = start->routine(start->argument);
     MemoryMayFail::onThisThread = false;
@@ -217,7 +218,7 @@ int clock_gettime(clockid_t clock, timespec* time) noexcept {
 
 int sched_yield() noexcept {
     ZYM_UNLESS_RUNNING(ZYM_REAL(sched_yield)());
-    scheduler().yield();
+    scheduler().block("yields", nullptr, scheduler().now() + YIELD_TIME); // all others run first
     return 0;
 }
 

@@ -79,8 +79,7 @@ std::string failureOf(RunRecord const& record, int status) {
     if (WIFSIGNALED(status)) {
         return std::string("ends by a signal: ") + strsignal(WTERMSIG(status));
     }
-    return WIFEXITED(status) && WEXITSTATUS(status) == 0 && record.completed ? ""
-                                                                             : "ends the process";
+    return WIFEXITED(status) && WEXITSTATUS(status) == SUCCESS_STATUS ? "" : "ends the process";
 }
 
 /// File and line of a frame; empty when it belongs to the explorer or a system library.
@@ -102,7 +101,6 @@ std::string const& placeOf(void* frame) {
 std::string run(Scenario const& scenario, Plan plan) {
     plan.explored = scenario.explored;
     auto& record = sharedRecord();
-    record.completed = false;
     record.failure[0] = '\0';
     record.choiceCount = record.eventCount = 0;
     auto const child = fork();

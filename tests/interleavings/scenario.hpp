@@ -87,10 +87,13 @@ public:
 
     static bool refuses() {
         support::UncountedAllocations const uncounted;
-        return onThisThread && Scheduler::instance().refuses(NO_MEMORY);
+        bool const refuses = onThisThread && Scheduler::instance().refuses(NO_MEMORY);
+        hasFailed = hasFailed || refuses;
+        return refuses;
     }
 
     static inline thread_local bool onThisThread = false;
+    static inline bool hasFailed = false; ///< in this run
 };
 
 /// @return false when memory or a thread was lacking

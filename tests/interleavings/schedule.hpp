@@ -33,10 +33,12 @@ struct Event {
     Stack stack;
 };
 
+/// How a process ends whose scenario has reached its end.
+constexpr int SUCCESS_STATUS = 42;
+
 /// The result of a run, in memory shared with the process that started it. Its only pointers are to
 /// code and string literals, which have the same addresses in both processes.
 struct RunRecord {
-    bool completed; ///< the scenario has reached its end
     std::array<char, 1024> failure;
     std::size_t choiceCount;
     std::array<Choice, 1U << 18U> choices;

@@ -18,13 +18,6 @@ constexpr Nanoseconds START_TIME = 1000 * SECOND;
 /// Longer than any scenario: a thread waits for ever while others continue.
 constexpr Nanoseconds MAX_DURATION = 600 * SECOND;
 constexpr std::size_t MAX_STEPS = 400'000;
-constexpr int MAX_YIELDS = 3;
-
-void waitForTurn(Thread& thread) {
-    while (sem_wait(&thread.turn) != 0) {
-    }
-}
-
 } // namespace
 
 Scheduler& Scheduler::instance() {
@@ -61,8 +54,9 @@ Thread& Scheduler::add() {
     return thread;
 }
 
-void Scheduler::begin(Thread& thread) {
-    waitForTurn(thread);
+void Scheduler::waitForTurn(Thread& thread) {
+    while (sem_wait(&thread.turn) != 0) {
+    }
 }
 
 void Scheduler::end() {
@@ -109,15 +103,8 @@ bool Scheduler::block(char const* activity, void const* object, Nanoseconds dead
     self.object = object;
     self.deadline = deadline;
     waiting_.push_back(&self);
-    resetYields();
     handOver(activity);
     return !self.timedOut;
-}
-
-void Scheduler::yield() {
-    current_->state = State::YIELDED;
-    ++current_->yields;
-    handOver("yields");
 }
 
 void Scheduler::wake(void const* object, bool all) {
@@ -161,9 +148,6 @@ void Scheduler::handOver(char const* reason) {
 
 void Scheduler::resume(Thread& next, char const* reason) {
     auto& self = *current_;
-    if (self.state == State::YIELDED) {
-        self.state = State::READY;
-    }
     if (&next == &self) {
         return;
     }
@@ -182,17 +166,13 @@ void Scheduler::resume(Thread& next, char const* reason) {
 /// The threads that can continue; the first one does so without the explorer: the current one, or
 /// the next. With DEADLINES also those that wait until a deadline.
 std::vector<Thread*> Scheduler::options() {
-    bool const yields = current_->state == State::YIELDED;
     std::vector<Thread*> result;
     auto const first = static_cast<std::size_t>(current_->number);
     for (std::size_t i = 0; i < threads_.size(); ++i) {
         auto& thread = threads_[(first + i) % threads_.size()];
-        if (thread.state == State::READY && !(yields && thread.yields >= MAX_YIELDS)) {
+        if (thread.state == State::READY) {
             result.push_back(&thread);
         }
-    }
-    if (result.empty() && yields && current_->yields < MAX_YIELDS) {
-        result.push_back(current_);
     }
     if (!result.empty() && exploring_ && (plan_.explored & DEADLINES) != 0) {
         std::copy_if(waiting_.begin(), waiting_.end(), std::back_inserter(result),
@@ -251,12 +231,6 @@ void Scheduler::passTimeToNextDeadline() {
     passTimeTo(next);
 }
 
-void Scheduler::resetYields() {
-    for (auto& thread : threads_) {
-        thread.yields = 0;
-    }
-}
-
 void Scheduler::makeReady(Thread& thread, bool timedOut) {
     waiting_.erase(std::find(waiting_.begin(), waiting_.end(), &thread));
     thread.state = State::READY;
@@ -264,7 +238,6 @@ void Scheduler::makeReady(Thread& thread, bool timedOut) {
     thread.object = nullptr;
     thread.deadline = NEVER;
     thread.timedOut = timedOut;
-    resetYields();
 }
 
 void Scheduler::fail(char const* text) {
@@ -278,8 +251,7 @@ void Scheduler::fail(char const* text) {
 }
 
 void Scheduler::succeed() {
-    record_->completed = true;
-    _exit(0);
+    _exit(SUCCESS_STATUS);
 }
 
 void Scheduler::recordEvent(Thread& thread, char const* what, int next) {

@@ -26,7 +26,7 @@ enum Explored : unsigned {
     NO_MEMORY = 4  ///< one allocation may fail
 };
 
-enum class State { READY, YIELDED, WAITING, ENDED };
+enum class State { READY, WAITING, ENDED };
 
 struct Thread {
     int number = 0;
@@ -35,7 +35,6 @@ struct Thread {
     void const* object = nullptr;          ///< it waits for this
     Nanoseconds deadline = NEVER;
     bool timedOut = false; ///< how its last wait ended
-    int yields = 0;        ///< since any thread did something else
     pthread_t id{};
     sem_t turn{};
     Stack stack{}; ///< where it stopped, in a traced run
@@ -54,8 +53,7 @@ struct Plan {
 /// continues.
 ///
 /// Threads are real, and each waits for its turn. Time is virtual: it passes when no thread can
-/// continue. A thread that yields lets all others run first. When only yielding threads are left,
-/// each may yield three times, then time passes.
+/// continue.
 class Scheduler {
 public:
     static Scheduler& instance();
@@ -71,8 +69,8 @@ public:
     Thread* find(pthread_t id);
     /// Adds a new thread, which is ready.
     Thread& add();
-    /// Called on a new thread: waits for its first turn.
-    static void begin(Thread& thread);
+    /// Called on a thread that does not have the turn.
+    static void waitForTurn(Thread& thread);
     /// Called on a thread that ends: wakes the threads that wait for its end.
     void end();
 
@@ -89,7 +87,6 @@ public:
     /// Waits until the object is woken.
     /// @return false when the deadline came first
     bool block(char const* activity, void const* object, Nanoseconds deadline = NEVER);
-    void yield();
     /// Makes the threads that wait for the object ready, all or the first one.
     void wake(void const* object, bool all);
     bool isWaitedFor(void const* object) const;
@@ -108,7 +105,6 @@ private:
     std::size_t optionAt(std::size_t choice, std::size_t options);
     void passTimeTo(Nanoseconds moment);
     void passTimeToNextDeadline();
-    void resetYields();
     void makeReady(Thread& thread, bool timedOut);
     void recordEvent(Thread& thread, char const* what, int next);
 
