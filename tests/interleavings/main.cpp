@@ -84,7 +84,7 @@ Scenario const& scenarioNamed(std::string const& name) {
 Options parse(std::vector<std::string> const& words) {
     Options options;
     auto word = words.begin();
-    auto const value = [&] { return ++word == words.end() ? "" : *word; };
+    auto const value = [&] { return word + 1 == words.end() ? std::string() : *++word; };
     auto const number = [&] { return std::stoul(value()); };
     std::map<std::string, std::function<void()>> const setters{
         {"--list", [&] { options.list = true; }},
