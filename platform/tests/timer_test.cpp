@@ -157,14 +157,6 @@ TEST_F(ATimer, TakesAPeriodOfAnyLength) {
     expectExpiries(1);
 }
 
-TEST_F(ATimer, MayBeDestroyedWhileArmed) {
-    for (int i = 0; i < 50; ++i) {
-        Timer timer(count_, SOON, false);
-        arm(timer, i % 2 == 0 ? 0ms : 1ms, false);
-    }
-    SUCCEED();
-}
-
 /// A timer with a callback that the test sets before it arms the timer.
 class ATimersCallback : public testing::Test {
 protected:

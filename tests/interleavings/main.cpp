@@ -15,6 +15,7 @@
 #include <cstdio>
 #include <functional>
 #include <iostream>
+#include <iterator>
 #include <map>
 #include <optional>
 #include <random>
@@ -133,7 +134,9 @@ public:
 
     /// Runs one schedule; prints every switch.
     bool replay(Schedule const& schedule) {
-        bool const isFailing = fails({schedule, std::nullopt, true});
+        Plan plan{schedule};
+        plan.traced = true;
+        bool const isFailing = fails(plan);
         printTrace();
         std::cout << scenario_.name << ": " << (isFailing ? failure_ : "passes") << std::endl;
         return !isFailing;
