@@ -1,4 +1,4 @@
-// libFuzzer's main program calls this function, which calls the only target in the program.
+// What libFuzzer's main program calls.
 
 #include "fuzz/target.hpp"
 
@@ -8,7 +8,6 @@
 extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size);
 
 extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
-    static auto* const function = fuzz::Target::all().begin()->second;
-    function({reinterpret_cast<char const*>(data), size});
+    fuzz::run({reinterpret_cast<char const*>(data), size});
     return 0;
 }

@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 
 namespace fuzz {
 
@@ -227,23 +228,25 @@ Validity parse(std::string_view text, Json& json) {
     }
 }
 
-Outcome readInteger(Json const& json, std::uint64_t largest, std::uint64_t& out) {
+template <class Integer>
+Outcome read(Json const& json, Integer& out) {
     if (json.kind != Json::Kind::NUMBER
         || json.raw.find_first_of(".eE") != std::string_view::npos) {
         return outcomeOfOtherKind(json);
     }
-    if (json.raw.front() == '-' || json.raw.size() > 10) {
+    bool const isShort = json.raw.front() != '-' && json.raw.size() <= 10;
+    auto const number = isShort ? std::stoull(std::string(json.raw)) : ~0ULL;
+    if (number > std::numeric_limits<Integer>::max()) {
         return Outcome::OUT_OF_RANGE;
     }
-    auto const number = std::stoull(std::string(json.raw));
-    if (number > largest) {
-        return Outcome::OUT_OF_RANGE;
-    }
-    out = number;
+    out = static_cast<Integer>(number);
     return Outcome::SUCCESS;
 }
 
-Outcome readNumber(Json const& json, double& out) {
+template Outcome read(Json const&, unsigned char&);
+template Outcome read(Json const&, unsigned int&);
+
+Outcome read(Json const& json, double& out) {
     if (json.kind != Json::Kind::NUMBER) {
         return outcomeOfOtherKind(json);
     }
@@ -257,7 +260,7 @@ Outcome readNumber(Json const& json, double& out) {
     return Outcome::SUCCESS;
 }
 
-Outcome readText(Json const& json, std::string& out) {
+Outcome read(Json const& json, std::string& out) {
     if (!json.text) {
         return outcomeOfOtherKind(json);
     }

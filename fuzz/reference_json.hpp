@@ -31,9 +31,15 @@ Validity parse(std::string_view text, Json& json);
 enum class Outcome : std::uint8_t { SUCCESS, OUT_OF_RANGE, INVALID };
 
 // The expected outcome of `Deserializer::extractValue`; `out` is set on success only.
-Outcome readInteger(Json const& json, std::uint64_t largest, std::uint64_t& out);
-Outcome readNumber(Json const& json, double& out);
-Outcome readText(Json const& json, std::string& out);
+template <class Integer>
+Outcome read(Json const& json, Integer& out);
+Outcome read(Json const& json, double& out);
+Outcome read(Json const& json, std::string& out);
+
+template <class T>
+bool reads(Json const& json, T& out) {
+    return read(json, out) == Outcome::SUCCESS;
+}
 
 /// Compares all bits: 0 and -0 differ, and a NaN may be equal to itself.
 bool sameNumber(double a, double b);

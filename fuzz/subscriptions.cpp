@@ -14,7 +14,9 @@ void compare(WalkedRegistry const& registry, Topic const& topic) {
     fuzz::require(registry.find(topic) == expected, "the index finds what the linear search finds");
 }
 
-void run(std::string_view bytes) {
+} // namespace
+
+void fuzz::run(std::string_view bytes) {
     WalkedRegistry registry;
     for (fuzz::Lines lines(bytes); !lines.none();) {
         std::string const line = lines.next();
@@ -37,7 +39,3 @@ void run(std::string_view bytes) {
         compare(registry, entry.first);
     }
 }
-
-fuzz::Target const SUBSCRIPTIONS("subscriptions", run);
-
-} // namespace

@@ -4,25 +4,14 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
-#include <map>
 #include <string>
 #include <string_view>
 
 namespace fuzz {
 
-/// A function that takes any bytes and ends the program when a requirement is not met. Each stands
-/// in its own file. A program has all of them, or one of them and libFuzzer's main program.
-class Target {
-public:
-    using Function = void (*)(std::string_view bytes);
-
-    Target(std::string const& name, Function function) { all().emplace(name, function); }
-
-    static std::map<std::string, Function>& all() {
-        static std::map<std::string, Function> targets;
-        return targets;
-    }
-};
+/// The target of a program, in a file of its own: takes any bytes, and ends the program when a
+/// requirement is not met.
+void run(std::string_view bytes);
 
 /// Ends the program when `holds` is false.
 inline void require(bool holds, char const* requirement) {

@@ -5,7 +5,9 @@
 #include <gmock/gmock.h>
 
 #include <functional>
+#include <map>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <utility>
@@ -15,7 +17,6 @@ namespace {
 
 using conv::SecondsDuration;
 using testing::ElementsAre;
-using testing::IsEmpty;
 using zym::common::BinderProxy;
 using zym::common::Uuid;
 using Error = zym::common::Binder::Error;
@@ -65,107 +66,94 @@ private:
     }
 };
 
+// A step of a script: `bind` and `unbind` start a phase and must return SUCCESS, `bound` and
+// `unbound` end it with SUCCESS, `terminate` terminates. `:BUSY` behind a step names another error.
+struct Case {
+    char const* steps;
+    char const* events; ///< what the listener learns, in the same words
+};
+
+constexpr Case PHASES[]{
+    {"bound unbound unbind:NOT_BOUND", ""}, // nothing has begun
+    {"bind bind:BUSY", ""},
+    {"bind bound bound:FAILED bind:ALREADY_BOUND", "bound"},
+    {"bind bound:ALREADY_BOUND bind:ALREADY_BOUND", "bound:ALREADY_BOUND"},
+    {"bind bound unbind unbind:BUSY bind:BUSY unbound unbind:NOT_BOUND bind", "bound unbound"},
+    {"bind bound unbind unbound:BUSY bind:ALREADY_BOUND unbind", "bound unbound:BUSY"},
+    {"bind unbind bound:CANCELLED unbound", "bound:CANCELLED unbound"},
+    {"bind unbind unbound bound bind", "unbound"}, // the binding ends too late
+    {"bind unbind terminate bound unbound bind:CANCELLED unbind:CANCELLED", ""},
+};
+
+void take(BareProxy& proxy, std::string const& call, Error error) {
+    if (call == "bind") {
+        EXPECT_EQ(proxy.startBinding(SERVER), error);
+    } else if (call == "unbind") {
+        EXPECT_EQ(proxy.startUnbinding(), error);
+    } else if (call == "bound") {
+        proxy.endBinding(error);
+    } else if (call == "unbound") {
+        proxy.endUnbinding(error);
+    } else {
+        proxy.terminate();
+    }
+}
+
+std::vector<Event> parsed(std::string const& script) {
+    static std::map<std::string, Error> const errors{{"", Error::SUCCESS},
+                                                     {"FAILED", Error::FAILED},
+                                                     {"BUSY", Error::BUSY},
+                                                     {"ALREADY_BOUND", Error::ALREADY_BOUND},
+                                                     {"NOT_BOUND", Error::NOT_BOUND},
+                                                     {"CANCELLED", Error::CANCELLED}};
+    std::vector<Event> result;
+    std::istringstream in(script);
+    for (std::string word; in >> word;) {
+        auto const call = word.substr(0, word.find(':'));
+        result.emplace_back(call, errors.at(call == word ? "" : word.substr(call.size() + 1)));
+    }
+    return result;
+}
+
 class ABinderProxy : public testing::Test {
 protected:
-    void bind() {
-        ASSERT_EQ(proxy_.startBinding(SERVER), Error::SUCCESS);
-        proxy_.endBinding(Error::SUCCESS);
-        listener_.events.clear();
-    }
-    bool isBound() { return proxy_.startBinding(OTHER_SERVER) == Error::ALREADY_BOUND; }
-
     RecordingListener listener_;
     BareProxy proxy_{&listener_};
 };
 
-TEST_F(ABinderProxy, RecordsTheServerOfABindingAndIsBusyDuringIt) {
+TEST(ThePhasesOfABinderProxy, FollowTheTable) {
+    for (auto const& [steps, events] : PHASES) {
+        SCOPED_TRACE(steps);
+        RecordingListener listener;
+        BareProxy proxy(&listener);
+        for (auto const& [call, error] : parsed(steps)) {
+            take(proxy, call, error);
+        }
+        EXPECT_EQ(listener.events, parsed(events));
+    }
+}
+
+TEST_F(ABinderProxy, RecordsItsServerAndItsEnd) {
     EXPECT_EQ(proxy_.uuid(), SELF);
     EXPECT_EQ(proxy_.serverUuid(), Uuid::NIL);
-    EXPECT_FALSE(proxy_.isTerminated());
-    proxy_.endBinding(Error::SUCCESS); // neither has begun
-    proxy_.endUnbinding(Error::SUCCESS);
-    EXPECT_EQ(proxy_.startUnbinding(), Error::NOT_BOUND);
     EXPECT_EQ(proxy_.startBinding(SERVER), Error::SUCCESS);
     EXPECT_EQ(proxy_.startBinding(OTHER_SERVER), Error::BUSY);
     EXPECT_EQ(proxy_.serverUuid(), SERVER);
-    EXPECT_THAT(listener_.events, IsEmpty());
-}
-
-TEST_F(ABinderProxy, IsBoundWhenABindingEndsWithSuccessOrAlreadyBound) {
-    for (auto const error : {Error::SUCCESS, Error::ALREADY_BOUND}) {
-        listener_.events.clear();
-        ASSERT_EQ(proxy_.startBinding(SERVER), Error::SUCCESS);
-        proxy_.endBinding(error);
-        proxy_.endBinding(Error::FAILED); // it has ended
-        EXPECT_THAT(listener_.events, ElementsAre(Event("bound", error)));
-        EXPECT_TRUE(isBound());
-        EXPECT_EQ(proxy_.serverUuid(), SERVER);
-        ASSERT_EQ(proxy_.startUnbinding(), Error::SUCCESS);
-        proxy_.endUnbinding(Error::SUCCESS);
-    }
+    EXPECT_FALSE(proxy_.isTerminated());
+    proxy_.terminate();
+    EXPECT_TRUE(proxy_.isTerminated());
 }
 
 TEST_F(ABinderProxy, IsFreeAgainWhenABindingFails) {
     for (int code = 1; code < 256; ++code) {
         auto const error = static_cast<Error>(code);
-        if (error == Error::ALREADY_BOUND) {
-            continue;
+        if (error != Error::ALREADY_BOUND) {
+            ASSERT_EQ(proxy_.startBinding(SERVER), Error::SUCCESS);
+            proxy_.endBinding(error);
+            EXPECT_EQ(listener_.events.back(), Event("bound", error));
+            EXPECT_EQ(proxy_.startUnbinding(), Error::NOT_BOUND);
         }
-        listener_.events.clear();
-        ASSERT_EQ(proxy_.startBinding(SERVER), Error::SUCCESS);
-        proxy_.endBinding(error);
-        EXPECT_THAT(listener_.events, ElementsAre(Event("bound", error)));
-        EXPECT_EQ(proxy_.startUnbinding(), Error::NOT_BOUND);
     }
-}
-
-TEST_F(ABinderProxy, IsBusyWhileUnbindingAndNotBoundAfterIt) {
-    bind();
-    ASSERT_EQ(proxy_.startUnbinding(), Error::SUCCESS);
-    EXPECT_EQ(proxy_.startUnbinding(), Error::BUSY);
-    EXPECT_EQ(proxy_.startBinding(OTHER_SERVER), Error::BUSY);
-    proxy_.endUnbinding(Error::SUCCESS);
-    EXPECT_THAT(listener_.events, ElementsAre(Event("unbound", Error::SUCCESS)));
-    EXPECT_EQ(proxy_.startUnbinding(), Error::NOT_BOUND);
-    EXPECT_EQ(proxy_.startBinding(OTHER_SERVER), Error::SUCCESS);
-    EXPECT_EQ(proxy_.serverUuid(), OTHER_SERVER);
-}
-
-TEST_F(ABinderProxy, StaysBoundWhenUnbindingFails) {
-    bind();
-    ASSERT_EQ(proxy_.startUnbinding(), Error::SUCCESS);
-    proxy_.endUnbinding(Error::BUSY);
-    EXPECT_THAT(listener_.events, ElementsAre(Event("unbound", Error::BUSY)));
-    EXPECT_TRUE(isBound());
-    EXPECT_EQ(proxy_.startUnbinding(), Error::SUCCESS);
-}
-
-TEST_F(ABinderProxy, CancelsABindingInFlightByAnUnbinding) {
-    ASSERT_EQ(proxy_.startBinding(SERVER), Error::SUCCESS);
-    ASSERT_EQ(proxy_.startUnbinding(), Error::SUCCESS);
-    proxy_.endBinding(Error::CANCELLED);
-    proxy_.endUnbinding(Error::SUCCESS);
-    EXPECT_THAT(listener_.events,
-                ElementsAre(Event("bound", Error::CANCELLED), Event("unbound", Error::SUCCESS)));
-    listener_.events.clear();
-    ASSERT_EQ(proxy_.startBinding(SERVER), Error::SUCCESS);
-    ASSERT_EQ(proxy_.startUnbinding(), Error::SUCCESS);
-    proxy_.endUnbinding(Error::SUCCESS);
-    proxy_.endBinding(Error::SUCCESS); // too late
-    EXPECT_THAT(listener_.events, ElementsAre(Event("unbound", Error::SUCCESS)));
-    EXPECT_EQ(proxy_.startBinding(SERVER), Error::SUCCESS);
-}
-
-TEST_F(ABinderProxy, TerminatedStartsNothingAndCallsNobody) {
-    ASSERT_EQ(proxy_.startBinding(SERVER), Error::SUCCESS);
-    ASSERT_EQ(proxy_.startUnbinding(), Error::SUCCESS);
-    proxy_.terminate();
-    EXPECT_TRUE(proxy_.isTerminated());
-    proxy_.endBinding(Error::SUCCESS);
-    proxy_.endUnbinding(Error::SUCCESS);
-    EXPECT_THAT(listener_.events, IsEmpty());
-    EXPECT_EQ(proxy_.startBinding(SERVER), Error::CANCELLED);
-    EXPECT_EQ(proxy_.startUnbinding(), Error::CANCELLED);
 }
 
 TEST_F(ABinderProxy, LetsItsListenerStartTheNextPhaseAndTerminateIt) {

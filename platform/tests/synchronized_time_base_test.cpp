@@ -3,12 +3,8 @@
 
 #include <gtest/gtest.h>
 
-#include <type_traits>
-#include <utility>
-
 namespace {
 
-using zym::common::SynchronizedTimeBase;
 using zym::common::SynchronizedTimeBaseAdaptor;
 using zym::common::SynchronizedTimeBaseProxy;
 using zym::common::Uuid;
@@ -88,10 +84,5 @@ TEST(ATimeBaseAdaptor, IsTerminatedOnce) {
     EXPECT_TRUE(adaptor.setTerminatedFlag());
     EXPECT_FALSE(adaptor.setTerminatedFlag());
 }
-
-static_assert(std::is_base_of_v<SynchronizedTimeBase, SynchronizedTimeBaseProxy>);
-static_assert(std::is_base_of_v<SynchronizedTimeBase, SynchronizedTimeBaseAdaptor>);
-static_assert(
-    std::is_same_v<decltype(std::declval<SynchronizedTimeBase>().timeBase()), std::uint32_t>);
 
 } // namespace

@@ -1,5 +1,6 @@
 #include "support/watched.hpp"
 
+#include <zym/common/test.hpp>
 #include <zym/common/timer.hpp>
 
 #include <gtest/gtest.h>
@@ -98,9 +99,14 @@ TEST_F(ATimer, ExpiresOnceAtOnceWithAPeriodOfZeroOrLessWhateverTheFlag) {
     }
 }
 
-TEST_F(ATimer, ForgetsThePendingExpiryOnRestart) {
+TEST_F(ATimer, UsesANewPeriodAndForgetsThePendingExpiryOnRestartOnly) {
     arm(timer_, NEVER, true);
-    arm(timer_, SOON, true);
+    {
+        Lock lock(timer_.mutex());
+        timer_.setPeriod(SOON, lock);
+    }
+    expectExpiries(0);
+    restart(timer_);
     ASSERT_TRUE(expires(1));
     {
         Lock lock(timer_.mutex());
@@ -109,17 +115,6 @@ TEST_F(ATimer, ForgetsThePendingExpiryOnRestart) {
         timer_.restart(lock);
     }
     expectExpiries(1);
-}
-
-TEST_F(ATimer, UsesANewPeriodFromTheNextRestartOn) {
-    arm(timer_, NEVER, true);
-    {
-        Lock lock(timer_.mutex());
-        timer_.setPeriod(SOON, lock);
-    }
-    expectExpiries(0);
-    restart(timer_);
-    EXPECT_TRUE(expires(1));
 }
 
 TEST_F(ATimer, ReadsTheFlagAtExpiry) {
@@ -162,14 +157,6 @@ TEST_F(ATimer, TakesAPeriodOfAnyLength) {
     expectExpiries(1);
 }
 
-TEST_F(ATimer, MayBeDestroyedWhileArmed) {
-    for (int i = 0; i < 50; ++i) {
-        Timer timer(count_, SOON, false);
-        arm(timer, i % 2 == 0 ? 0ms : 1ms, false);
-    }
-    SUCCEED();
-}
-
 /// A timer with a callback that the test sets before it arms the timer.
 class ATimersCallback : public testing::Test {
 protected:
@@ -204,22 +191,17 @@ TEST_F(ATimersCallback, DoesNotLoseARestartOfItsOwn) {
     EXPECT_TRUE(calls_.waitFor(atLeast(11)));
 }
 
-TEST_F(ATimersCallback, MayStopTheTimer) {
+TEST_F(ATimersCallback, MayStopAndTerminateTheTimer) {
     callback_ = [](Timer& timer) { timer.stop(); };
     for (int count = 1; count <= 2; ++count) {
         arm(*timer_, SOON, false);
         ASSERT_TRUE(calls_.waitFor(atLeast(count)));
     }
-    timer_->terminate();
-    EXPECT_EQ(calls_.copy(), 2);
-}
-
-TEST_F(ATimersCallback, MayTerminateTheTimer) {
     callback_ = [](Timer& timer) { timer.terminate(); };
     arm(*timer_, SOON, false);
-    ASSERT_TRUE(calls_.waitFor(atLeast(1)));
+    ASSERT_TRUE(calls_.waitFor(atLeast(3)));
     timer_->terminate(); // waits for the thread
-    EXPECT_EQ(calls_.copy(), 1);
+    EXPECT_EQ(calls_.copy(), 3);
 }
 
 TEST_F(ATimersCallback, MayDestroyTheTimer) {
@@ -304,6 +286,14 @@ TEST_F(ATimerInsideItsCallback, DoesNotMakeUpForMissedPeriods) {
     auto const periods = (std::chrono::steady_clock::now() - begin) / SOON;
     // One expiry was due, each other one takes a period: this holds on any machine.
     EXPECT_LE(expiries, periods + 2);
+}
+
+// The pause itself is under test: there is no condition to wait for. A busy machine only makes it
+// longer.
+TEST(TheTestSleep, LastsAtLeastSoManyMilliseconds) {
+    auto const begin = std::chrono::steady_clock::now();
+    zym::common::test::sleep(20);
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, 20ms);
 }
 
 } // namespace

@@ -11,6 +11,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstddef>
+#include <cstdint>
 #include <mutex>
 #include <string>
 #include <system_error>
@@ -26,34 +27,23 @@ using zym::common::Timer;
 constexpr std::size_t KIB = 1024;
 constexpr std::size_t LARGE = 1024 * KIB;
 
-enum class Threads { AVAILABLE, NONE, WITH_LARGE_STACKS_ONLY };
+constexpr std::size_t ANY = 0;
+constexpr std::size_t NONE = SIZE_MAX;
 
-/// What `pthread_create` gives in this program.
-std::atomic<Threads> supply{Threads::AVAILABLE};
-
-int refusal(pthread_attr_t const* attributes) {
-    std::size_t stack = LARGE;
-    if (attributes != nullptr) {
-        pthread_attr_getstacksize(attributes, &stack);
-    }
-    switch (supply) {
-    case Threads::NONE:
-        return EAGAIN;
-    case Threads::WITH_LARGE_STACKS_ONLY:
-        return stack < LARGE ? EINVAL : 0;
-    case Threads::AVAILABLE:
-        break;
-    }
-    return 0;
-}
+/// The smallest stack with which `pthread_create` gives a thread in this program.
+std::atomic<std::size_t> smallestStack{ANY};
 
 } // namespace
 
 // In the program itself, this comes before that of the C library.
 extern "C" int pthread_create(pthread_t* handle, pthread_attr_t const* attributes,
                               void* (*body)(void*), void* argument) {
-    if (int const error = refusal(attributes); error != 0) {
-        return error;
+    std::size_t stack = LARGE;
+    if (attributes != nullptr) {
+        pthread_attr_getstacksize(attributes, &stack);
+    }
+    if (stack < smallestStack) {
+        return smallestStack == NONE ? EAGAIN : EINVAL;
     }
     static auto const next =
         reinterpret_cast<decltype(&pthread_create)>(dlsym(RTLD_NEXT, "pthread_create"));
@@ -87,7 +77,7 @@ bool isBlocked(Properties const& properties, int signal) {
 
 class TheThreadOfATimer : public testing::Test {
 protected:
-    ~TheThreadOfATimer() override { supply = Threads::AVAILABLE; }
+    ~TheThreadOfATimer() override { smallestStack = ANY; }
 
     void start() {
         std::unique_lock<std::mutex> lock(timer_.mutex());
@@ -133,15 +123,15 @@ TEST_F(TheThreadOfATimer, LeavesTheSignalsOfItsCreatorAsTheyWere) {
 }
 
 TEST_F(TheThreadOfATimer, HasTheUsualStackWhereASmallOneIsTooSmall) {
-    supply = Threads::WITH_LARGE_STACKS_ONLY;
+    smallestStack = LARGE;
     start();
     EXPECT_GE(properties().stackBytes, LARGE);
 }
 
 TEST_F(TheThreadOfATimer, IsStartedByTheNextRestartWhenThereWasNone) {
-    supply = Threads::NONE;
+    smallestStack = NONE;
     EXPECT_THROW(start(), std::system_error);
-    supply = Threads::AVAILABLE;
+    smallestStack = ANY;
     start();
     EXPECT_EQ(properties().name, "zym-timer");
 }

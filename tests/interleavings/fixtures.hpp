@@ -1,14 +1,10 @@
 #pragma once
 
-#include "interleavings/scenario.hpp"
-#include "support/stand_in/stand_in.hpp"
+#include "interleavings/small_broker.hpp"
 
 #include <mqtt/client.hpp>
 
-#include <functional>
-#include <map>
 #include <memory>
-#include <set>
 #include <string>
 #include <thread>
 #include <utility>
@@ -19,49 +15,6 @@ namespace interleavings {
 inline constexpr zym::common::Uuid CLIENT{1};
 inline constexpr zym::common::Uuid OTHER_CLIENT{2};
 inline constexpr zym::common::Uuid SERVER{9};
-
-/// A broker for the stand-ins of this process: routes publications to subscribers, keeps retained
-/// messages, and drops what a client sends after DISCONNECT, as a real broker does. Construct it
-/// before the clients. It needs no lock: no thread is stopped in its functions.
-class SmallBroker {
-public:
-    struct Message {
-        std::string topic;
-        std::string payload;
-    };
-    /// Called with each message that reaches the broker, before it is routed.
-    using Observer = std::function<void(Message const&)>;
-
-    SmallBroker();
-    ~SmallBroker();
-    SmallBroker(SmallBroker const&) = delete;
-    SmallBroker& operator=(SmallBroker const&) = delete;
-
-    void setObserver(Observer observer) { observer_ = std::move(observer); }
-    /// Publishes as an absent client.
-    void publish(std::string const& topic, std::string const& payload, bool retain = false);
-
-    std::vector<Message> const& messages() const { return messages_; }
-    /// How many messages with this payload have reached the broker.
-    std::ptrdiff_t count(std::string const& payload) const;
-    /// The subscriptions of all connected clients.
-    std::size_t subscriptions() const;
-    std::size_t retained() const { return retained_.size(); }
-
-private:
-    struct Session {
-        std::set<std::string> subscriptions;
-        bool disconnecting = false; ///< between DISCONNECT and the next connection
-    };
-
-    void serve(support::StandIn& client);
-    void sendRetained(support::StandIn& client, std::string const& pattern) const;
-
-    std::map<support::StandIn*, Session> sessions_;
-    std::map<std::string, std::string> retained_;
-    std::vector<Message> messages_;
-    Observer observer_;
-};
 
 struct IdleClient {
     SmallBroker broker;
@@ -134,7 +87,7 @@ struct ClientOfEchoServer : ConnectedClient {
         explore([&] {
             server.releaseReplies();
             ifMistaken([&] { listener.close(); });
-            Scheduler::instance().switchPoint();
+            Scheduler::instance().maySwitch();
             object.reset();
             listener.close();
         });

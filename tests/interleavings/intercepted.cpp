@@ -11,10 +11,10 @@
 #include <pthread.h>
 #include <sched.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <memory>
-#include <unordered_map>
 
 namespace interleavings {
 
@@ -23,6 +23,7 @@ namespace {
 constexpr Nanoseconds SECOND = 1'000'000'000;
 /// 2020-01-01, at the beginning of every run.
 constexpr Nanoseconds REAL_TIME = 1'577'836'800 * SECOND;
+constexpr Nanoseconds YIELD_TIME = SECOND / 200;
 
 Scheduler& scheduler() {
     return Scheduler::instance();
@@ -49,64 +50,42 @@ Function* real(char const* name, Function* /*like*/, char const* version = nullp
     if (!isRunning())                                                                              \
     return call
 
-struct Ownership {
-    Thread* owner;
-    int depth;
-};
-
-std::unordered_map<void const*, Ownership> lockedMutexes;
-
-bool isRecursive(pthread_mutex_t const* mutex) {
-    constexpr int KIND = 3; // without the flags of robust mutexes and of priorities
-    return (mutex->__data.__kind & KIND) == PTHREAD_MUTEX_RECURSIVE_NP;
+/// As glibc notes it.
+bool isHeldByThisThread(pthread_mutex_t const* mutex) {
+    return mutex->__data.__owner == gettid();
 }
 
-bool tryLock(pthread_mutex_t const* mutex) {
-    auto& self = scheduler().current();
-    auto const [entry, isFree] = lockedMutexes.try_emplace(mutex, Ownership{&self, 0});
-    if (!isFree && (entry->second.owner != &self || !isRecursive(mutex))) {
-        return false;
-    }
-    ++entry->second.depth;
-    return true;
-}
-
-void lock(pthread_mutex_t const* mutex) {
-    while (!tryLock(mutex)) {
-        auto& self = scheduler().current();
-        auto const* const owner = lockedMutexes.at(mutex).owner;
-        if (owner == &self) {
+void lock(pthread_mutex_t* mutex) {
+    while (pthread_mutex_trylock(mutex) != 0) {
+        if (isHeldByThisThread(mutex)) {
             scheduler().fail("locks a plain mutex that it holds");
         }
-        self.holder = owner->number;
-        scheduler().block(State::ON_MUTEX, mutex);
+        scheduler().block("waits for a mutex", mutex);
     }
 }
 
-void unlock(pthread_mutex_t const* mutex) {
-    auto const entry = lockedMutexes.find(mutex);
-    if (entry == lockedMutexes.end() || entry->second.owner != &scheduler().current()) {
+void unlock(pthread_mutex_t* mutex) {
+    static auto* const unlockMutex = ZYM_REAL(pthread_mutex_unlock);
+    if (!isHeldByThisThread(mutex)) {
         scheduler().fail("unlocks a mutex that it does not hold");
     }
-    if (--entry->second.depth == 0) {
-        lockedMutexes.erase(entry);
-        scheduler().wake(State::ON_MUTEX, mutex, true);
-    }
+    unlockMutex(mutex);
+    scheduler().wake(mutex, true);
 }
 
 /// @return 0 or ETIMEDOUT
-int wait(pthread_cond_t const* condition, pthread_mutex_t const* mutex, Nanoseconds deadline) {
+int wait(pthread_cond_t const* condition, pthread_mutex_t* mutex, Nanoseconds deadline) {
     support::UncountedAllocations const uncounted;
     unlock(mutex);
-    bool const woken = scheduler().block(State::ON_CONDITION, condition, deadline);
+    bool const woken = scheduler().block("waits on a condition", condition, deadline);
     lock(mutex);
     return woken ? 0 : ETIMEDOUT;
 }
 
 int notify(pthread_cond_t const* condition, bool all) {
     support::UncountedAllocations const uncounted;
-    scheduler().wake(State::ON_CONDITION, condition, all);
-    scheduler().switchPointAt(condition);
+    scheduler().wake(condition, all);
+    scheduler().maySwitchAt(condition);
     return 0;
 }
 
@@ -115,17 +94,12 @@ bool isRealTime(clockid_t clock) {
 }
 
 bool isVirtual(clockid_t clock) {
-    return isRealTime(clock) || clock == CLOCK_MONOTONIC || clock == CLOCK_MONOTONIC_COARSE
-           || clock == CLOCK_MONOTONIC_RAW || clock == CLOCK_BOOTTIME;
-}
-
-Nanoseconds inNanoseconds(timespec const& time) {
-    return time.tv_sec * SECOND + time.tv_nsec;
+    return clock != CLOCK_PROCESS_CPUTIME_ID && clock != CLOCK_THREAD_CPUTIME_ID;
 }
 
 /// On the scheduler's clock.
 Nanoseconds deadlineOf(clockid_t clock, timespec const& time) {
-    return inNanoseconds(time) - (isRealTime(clock) ? REAL_TIME : 0);
+    return time.tv_sec * SECOND + time.tv_nsec - (isRealTime(clock) ? REAL_TIME : 0);
 }
 
 struct Start {
@@ -137,7 +111,7 @@ struct Start {
 
 void* runThread(void* argument) {
     std::unique_ptr<Start> const start(static_cast<Start*>(argument));
-    Scheduler::begin(*start->thread);
+    Scheduler::waitForTurn(*start->thread);
     MemoryMayFail::onThisThread = start->memoryMayFail;
     void* const result = start->routine(start->argument);
     MemoryMayFail::onThisThread = false;
@@ -156,7 +130,7 @@ extern "C" {
 int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept {
     ZYM_UNLESS_RUNNING(ZYM_REAL(pthread_mutex_lock)(mutex));
     support::UncountedAllocations const uncounted;
-    scheduler().switchPointAt(mutex);
+    scheduler().maySwitchAt(mutex);
     lock(mutex);
     return 0;
 }
@@ -165,7 +139,7 @@ int pthread_mutex_unlock(pthread_mutex_t* mutex) noexcept {
     ZYM_UNLESS_RUNNING(ZYM_REAL(pthread_mutex_unlock)(mutex));
     support::UncountedAllocations const uncounted;
     unlock(mutex);
-    scheduler().switchPointAt(mutex);
+    scheduler().maySwitchAt(mutex);
     return 0;
 }
 
@@ -192,7 +166,7 @@ int pthread_cond_broadcast(pthread_cond_t* condition) noexcept {
 
 int pthread_cond_destroy(pthread_cond_t* condition) noexcept {
     ZYM_UNLESS_RUNNING(ZYM_REAL_CONDITION(pthread_cond_destroy)(condition));
-    if (scheduler().isWaitedFor(State::ON_CONDITION, condition)) {
+    if (scheduler().isWaitedFor(condition)) {
         scheduler().fail("destroys a condition on which a thread waits");
     }
     return 0;
@@ -217,19 +191,16 @@ int pthread_create(pthread_t* id, pthread_attr_t const* attributes, void* (*rout
     }
     static_cast<void>(start.release());
     thread.id = *id;
-    scheduler().switchPoint();
+    scheduler().maySwitch();
     return result;
 }
 
 int pthread_join(pthread_t id, void** result) {
     if (isRunning()) {
-        scheduler().switchPoint();
+        scheduler().maySwitch();
         auto* const thread = scheduler().find(id);
         while (thread != nullptr && thread->state != State::ENDED) {
-            scheduler().block(State::ON_THREAD, thread);
-        }
-        if (thread != nullptr) {
-            thread->joined = true;
+            scheduler().block("waits to join a thread", thread);
         }
     }
     return ZYM_REAL(pthread_join)(id, result);
@@ -247,7 +218,7 @@ int clock_gettime(clockid_t clock, timespec* time) noexcept {
 
 int sched_yield() noexcept {
     ZYM_UNLESS_RUNNING(ZYM_REAL(sched_yield)());
-    scheduler().yield();
+    scheduler().block("yields", nullptr, scheduler().now() + YIELD_TIME); // all others run first
     return 0;
 }
 

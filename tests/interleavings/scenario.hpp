@@ -1,10 +1,12 @@
 #pragma once
 
 #include "interleavings/scheduler.hpp"
+#include "support/allocations.hpp"
 
 #include <chrono>
 #include <functional>
 #include <new>
+#include <stdexcept>
 #include <system_error>
 #include <utility>
 #include <vector>
@@ -17,7 +19,10 @@ namespace interleavings {
 inline constexpr std::chrono::seconds SETTLING_TIME{70};
 
 /// Whether the scenario has to make its mistake, which the explorer then has to find.
-bool makesMistake();
+inline bool makesMistake() {
+    return Scheduler::instance().plan().mistaken;
+}
+
 template <class Action>
 void ifMistaken(Action const& action) {
     if (makesMistake()) {
@@ -31,15 +36,36 @@ void unlessMistaken(Action const& action) {
     }
 }
 /// Ends the run as failed unless `holds`.
-void expect(bool holds, char const* requirement);
+inline void expect(bool holds, char const* requirement) {
+    if (!holds) {
+        Scheduler::instance().fail(requirement);
+    }
+}
+
 /// Lets virtual time pass while the other threads continue.
-void pass(std::chrono::nanoseconds time);
+inline void pass(std::chrono::nanoseconds time) {
+    auto& scheduler = Scheduler::instance();
+    static_cast<void>(scheduler.block("sleeps", nullptr, scheduler.now() + time.count()));
+}
+
+/// True in some schedules; outside `explore` it is false.
+inline bool maybe() {
+    return Scheduler::instance().choose(2) != 0;
+}
+
 /// Lets 2 ms pass in some schedules.
-void maybePause();
-/// One of two ways. Both are explored; outside `explore` it is false.
-bool chooseWay();
+inline void maybePause() {
+    if (maybe()) {
+        pass(std::chrono::milliseconds(2));
+    }
+}
+
 /// Throws in some schedules, as a callback of a user may do.
-void maybeThrow();
+inline void maybeThrow() {
+    if (maybe()) {
+        throw std::runtime_error("thrown by a callback");
+    }
+}
 
 /// Runs an action, in which the explorer makes choices, and then lets `SETTLING_TIME` pass.
 template <class Action>
@@ -59,9 +85,15 @@ public:
     MemoryMayFail(MemoryMayFail const&) = delete;
     MemoryMayFail& operator=(MemoryMayFail const&) = delete;
 
-    static bool refuses();
+    static bool refuses() {
+        support::UncountedAllocations const uncounted;
+        bool const refuses = onThisThread && Scheduler::instance().refuses(NO_MEMORY);
+        hasFailed = hasFailed || refuses;
+        return refuses;
+    }
 
     static inline thread_local bool onThisThread = false;
+    static inline bool hasFailed = false; ///< in this run
 };
 
 /// @return false when memory or a thread was lacking
@@ -81,11 +113,23 @@ bool attempt(Action const& action) {
 class CallbackCheck {
 public:
     /// Called by each callback.
-    void onCallback();
+    void onCallback() {
+        expect(!closed_, "a callback comes after the end of its object");
+        ++count_;
+        ++running_;
+        Scheduler::instance().maySwitch();
+        --running_;
+        if (action_) {
+            action_(); // may throw, or end the calling object
+        }
+    }
     /// The action runs in each callback.
     void setAction(std::function<void()> action) { action_ = std::move(action); }
     /// The calling object has ended: no callback may run or come.
-    void close();
+    void close() {
+        expect(running_ == 0, "an object ends during its callback");
+        closed_ = true;
+    }
     int count() const { return count_; }
 
 private:
@@ -101,7 +145,10 @@ struct Scenario {
     unsigned explored;
 };
 
-std::vector<Scenario>& scenarios();
+inline std::vector<Scenario>& scenarios() {
+    static std::vector<Scenario> all;
+    return all;
+}
 
 struct Registration {
     explicit Registration(Scenario const& scenario) { scenarios().push_back(scenario); }

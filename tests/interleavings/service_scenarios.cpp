@@ -30,16 +30,6 @@ struct TimeBaseFixture : ClientOfEchoServer {
         proxy->stop();
         expect(proxy->synchronize(SERVER, 5), "the time base cannot be started again");
     }
-    void startWithLimitedResources(seconds duration) {
-        bool started = false;
-        explore([&] {
-            MemoryMayFail const here;
-            started = attempt([&] { proxy->startSync(SERVER); }) || makesMistake();
-            pass(duration);
-        });
-        expect(listener.count() == (started ? 1 : 0), "the listener is not called once");
-        expectSynchronizedAndUsable(started);
-    }
 
     TimeListener listener;
     std::unique_ptr<mqtt::SynchronizedTimeBaseMqttProxy> proxy =
@@ -47,6 +37,7 @@ struct TimeBaseFixture : ClientOfEchoServer {
 };
 
 SCENARIO(TimeBaseStopAndStart, TimeBaseFixture, THREADS_ONLY) {
+    listener.setAction(&maybeThrow);
     explore([&] {
         proxy->startSync(SERVER);
         maybePause();
@@ -89,30 +80,22 @@ SCENARIO(ThePeriodicExchangeMeetsStop, TimeBaseFixture, DEADLINES) {
 
 SCENARIO(TheEndOfATimeBaseMeetsItsCallback, TimeBaseFixture, DEADLINES) {
     bool waits = false;
-    explore([&] { waits = chooseWay(); });
+    explore([&] { waits = maybe(); });
     server.holdReplies();
     std::thread waiter([&] { waits ? proxy->synchronize(SERVER, 5) : proxy->startSync(SERVER); });
     pass(milliseconds(1));
     endDuringReplies(proxy, listener, waiter);
 }
 
-SCENARIO(TimeBaseWithoutAThread, TimeBaseFixture, NO_THREAD) {
-    startWithLimitedResources(seconds(1));
-}
-
-SCENARIO(TimeBaseWithoutMemory, TimeBaseFixture, NO_MEMORY) {
-    startWithLimitedResources(seconds(31));
-}
-
-SCENARIO(ATimeListenerThrows, TimeBaseFixture, THREADS_ONLY) {
-    listener.setAction(&maybeThrow);
+SCENARIO(TimeBaseWithoutResources, TimeBaseFixture, NO_THREAD | NO_MEMORY) {
+    bool started = false;
     explore([&] {
-        proxy->startSync(SERVER);
-        pass(milliseconds(1));
-        proxy->stop();
-        unlessMistaken([&] { proxy->startSync(SERVER); });
+        MemoryMayFail const here;
+        started = attempt([&] { proxy->startSync(SERVER); }) || makesMistake();
+        pass(seconds(31));
     });
-    expectSynchronizedAndUsable();
+    expect(listener.count() == (started ? 1 : 0), "the listener is not called once");
+    expectSynchronizedAndUsable(started);
 }
 
 struct BindingListener final : zym::common::BinderProxy::Listener, CallbackCheck {
@@ -153,24 +136,6 @@ struct BinderFixture : ClientOfEchoServer {
                "the next binding does not begin");
         ifMistaken([&] { proxy->unbindSync(0); });
     }
-    /// @param unbound result of the unbinding before `bindToSilentServer`
-    void expectStillBindingAndUsable(BinderError unbound) {
-        expect(unbound != BinderError::SUCCESS || proxy->unbindSync(0) == BinderError::SUCCESS,
-               "the next binding has ended");
-        server.releaseReplies();
-        expectUsable();
-    }
-    void bindAndUnbindWithLimitedResources() {
-        explore([&] {
-            MemoryMayFail const here;
-            attempt([&] { proxy->bind(SERVER, 5); });
-            pass(milliseconds(1));
-            attempt([&] { proxy->unbind(5); });
-            ifMistaken([&] { proxy->terminate(); });
-            pass(milliseconds(1));
-        });
-        expectUsable();
-    }
 
     BindingListener listener;
     std::unique_ptr<mqtt::BinderMqttProxy> proxy =
@@ -178,18 +143,23 @@ struct BinderFixture : ClientOfEchoServer {
 };
 
 SCENARIO(BindMeetsUnbind, BinderFixture, THREADS_ONLY) {
+    bool waits = false;
+    BinderError bound{};
     BinderError unbound{};
+    listener.setAction(&maybeThrow);
     explore([&] {
+        waits = maybe();
         std::thread other([&] {
             maybePause();
             unbound = proxy->unbindSync(5);
             ifMistaken([&] { proxy->bind(SERVER, 5); });
         });
-        proxy->bind(SERVER, 5);
+        bound = waits ? proxy->bindSync(SERVER, 5) : proxy->bind(SERVER, 5);
         other.join();
     });
     bool const isUnbound = unbound == BinderError::SUCCESS;
-    expect(listener.bound == 1 || (isUnbound && listener.bound == 0),
+    expect(isUnbound || bound == BinderError::SUCCESS, "neither bound nor unbound");
+    expect(waits || listener.bound == 1 || (isUnbound && listener.bound == 0),
            "the listener does not learn the end of a binding once");
     if (isUnbound) {
         expectUnboundAtTheServer();
@@ -200,53 +170,27 @@ SCENARIO(BindMeetsUnbind, BinderFixture, THREADS_ONLY) {
 SCENARIO(BindingFollowsAnUnbindingAtOnce, BinderFixture, DEADLINES) {
     BinderError unbound{};
     explore([&] {
-        unsigned const timeoutSeconds = chooseWay() ? 0 : 5;
-        bool const waits = chooseWay();
-        std::thread other([&] { waits ? proxy->bindSync(SERVER, 5) : proxy->bind(SERVER, 5); });
-        maybePause();
-        unbound = proxy->unbindSync(timeoutSeconds);
-        if (unbound == BinderError::SUCCESS) {
-            bindToSilentServer();
+        bool const timesOut = maybe();
+        bool const waits = maybe();
+        unsigned const unbindSeconds = maybe() ? 0 : 5;
+        unsigned const bindSeconds = timesOut ? 1 : 5;
+        if (timesOut) {
+            server.holdReplies();
         }
-        other.join();
-        pass(milliseconds(50));
-    });
-    expectStillBindingAndUsable(unbound);
-}
-
-SCENARIO(BindingThatTimesOutMeetsUnbindAndBind, BinderFixture, DEADLINES) {
-    BinderError unbound{};
-    server.holdReplies();
-    explore([&] {
-        std::thread other([&] { proxy->bindSync(SERVER, 1); });
-        pass(seconds(1));
-        unbound = proxy->unbindSync(0);
-        if (unbound == BinderError::SUCCESS) {
-            bindToSilentServer();
-        }
-        other.join();
-        pass(milliseconds(50));
-    });
-    expectStillBindingAndUsable(unbound);
-}
-
-SCENARIO(BindSyncMeetsUnbindSync, BinderFixture, THREADS_ONLY) {
-    BinderError bound{};
-    BinderError unbound{};
-    explore([&] {
         std::thread other([&] {
-            maybePause();
-            unbound = proxy->unbindSync(5);
+            waits ? proxy->bindSync(SERVER, bindSeconds) : proxy->bind(SERVER, bindSeconds);
         });
-        bound = proxy->bindSync(SERVER, 5);
-        ifMistaken([&] { proxy->bindSync(SERVER, 5); });
+        timesOut ? pass(seconds(1)) : maybePause();
+        unbound = proxy->unbindSync(unbindSeconds);
+        if (unbound == BinderError::SUCCESS) {
+            bindToSilentServer();
+        }
         other.join();
+        pass(milliseconds(50));
     });
-    if (unbound == BinderError::SUCCESS) {
-        expectUnboundAtTheServer();
-    } else {
-        expect(bound == BinderError::SUCCESS, "neither bound nor unbound");
-    }
+    expect(unbound != BinderError::SUCCESS || proxy->unbindSync(0) == BinderError::SUCCESS,
+           "the next binding has ended");
+    server.releaseReplies();
     expectUsable();
 }
 
@@ -268,7 +212,7 @@ SCENARIO(UnbindMeetsTheDeadline, BinderFixture, DEADLINES) {
 
 SCENARIO(TheEndOfABinderMeetsItsCallbacks, BinderFixture, DEADLINES) {
     bool unbinds = false;
-    explore([&] { unbinds = chooseWay(); });
+    explore([&] { unbinds = maybe(); });
     server.holdReplies();
     proxy->bind(SERVER, 1);
     std::thread waiter([&] {
@@ -280,21 +224,14 @@ SCENARIO(TheEndOfABinderMeetsItsCallbacks, BinderFixture, DEADLINES) {
     endDuringReplies(proxy, listener, waiter);
 }
 
-SCENARIO(BindingsWithoutAThread, BinderFixture, NO_THREAD) {
-    bindAndUnbindWithLimitedResources();
-}
-
-SCENARIO(BindingsWithoutMemory, BinderFixture, NO_MEMORY) {
-    bindAndUnbindWithLimitedResources();
-}
-
-SCENARIO(ABindingListenerThrows, BinderFixture, THREADS_ONLY) {
-    listener.setAction(&maybeThrow);
+SCENARIO(BindingsWithoutResources, BinderFixture, NO_THREAD | NO_MEMORY) {
     explore([&] {
-        proxy->bind(SERVER, 5);
-        proxy->unbind(5);
-        ifMistaken([&] { maybeThrow(); });
-        pass(seconds(1));
+        MemoryMayFail const here;
+        attempt([&] { proxy->bind(SERVER, 5); });
+        pass(milliseconds(1));
+        attempt([&] { proxy->unbind(5); });
+        ifMistaken([&] { proxy->terminate(); });
+        pass(milliseconds(1));
     });
     expectUsable();
 }
@@ -319,11 +256,6 @@ struct CleanerFixture {
     }
     void cleanOld() const { cleaner->clean("old/+", seconds(1)); }
     void cleanNew() const { cleaner->clean("new", seconds(1)); }
-    void expectCleaned(int topics, int allTopics) const {
-        expect(cleaner->waitAllTasks(SETTLING_TIME), "tasks are left");
-        expect(listener.topics == topics && listener.allTopics == allTopics,
-               "the listener does not learn each end once");
-    }
 
     SmallBroker broker;
     CleaningListener listener;
@@ -349,6 +281,7 @@ SCENARIO(CleaningMeetsItsEnd, CleanerFixture, DEADLINES) {
 }
 
 SCENARIO(CleaningCompletes, CleanerFixture, THREADS_ONLY) {
+    listener.setAction(&maybeThrow);
     bool completes = false;
     explore([&] {
         cleanOld();
@@ -364,36 +297,18 @@ SCENARIO(CleaningCompletes, CleanerFixture, THREADS_ONLY) {
     expect(broker.subscriptions() == 0, "a subscription is left");
 }
 
-SCENARIO(CleaningWithoutAThread, CleanerFixture, NO_THREAD) {
-    explore([&] {
-        if (!attempt([&] { cleanOld(); }) && !makesMistake()) {
-            cleanOld();
-        }
-    });
-    expectCleaned(1, 1);
-    expect(broker.retained() == 0, "a retained message is left");
-}
-
-SCENARIO(CleaningWithoutMemory, CleanerFixture, NO_MEMORY) {
+SCENARIO(CleaningWithoutResources, CleanerFixture, NO_THREAD | NO_MEMORY) {
     bool accepted = false;
     explore([&] {
         MemoryMayFail const here;
         accepted = attempt([&] { cleanOld(); }) || makesMistake();
         pass(seconds(3));
     });
-    expectCleaned(accepted ? 1 : 0, listener.allTopics);
-    cleanNew();
     expect(cleaner->waitAllTasks(SETTLING_TIME), "tasks are left");
-}
-
-SCENARIO(ACleaningListenerThrows, CleanerFixture, THREADS_ONLY) {
-    listener.setAction(&maybeThrow);
-    explore([&] {
-        cleanOld();
-        unlessMistaken([&] { cleanNew(); });
-        pass(seconds(3));
-    });
-    expectCleaned(2, 1);
+    expect(listener.topics == (accepted ? 1 : 0), "the listener does not learn each end once");
+    cleanOld();
+    expect(cleaner->waitAllTasks(SETTLING_TIME), "tasks are left");
+    expect(broker.retained() == 0, "a retained message is left");
 }
 
 struct DiscovererFixture : ConnectedClient {

@@ -57,25 +57,6 @@ SCENARIO(TheEndOfATimerMeetsItsExpiry, TimerFixture, DEADLINES) {
     });
 }
 
-SCENARIO(ATimerEndsInItsCallback, TimerFixture, DEADLINES) {
-    callback.setAction([&] { timer.reset(); });
-    explore([&] {
-        arm(false);
-        ifMistaken([&] { timer->stop(); });
-        pass(PERIOD);
-    });
-    expect(callback.count() == 1 && timer == nullptr, "the timer does not expire once");
-}
-
-SCENARIO(ATimerWithoutAThread, TimerFixture, NO_THREAD) {
-    explore([&] {
-        if (!attempt([&] { arm(true); }) && !makesMistake()) {
-            arm(true);
-        }
-    });
-    expect(callback.count() == 1, "the timer does not expire once");
-}
-
 } // namespace
 
 } // namespace interleavings

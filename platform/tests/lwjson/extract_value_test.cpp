@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -27,43 +28,39 @@ void expectFailure(std::string_view text, T const& before) {
 TEST(AnExtractedInteger, IsReadFromDigitsInItsRange) {
     EXPECT_EQ(extract<unsigned char>("0"), 0);
     EXPECT_EQ(extract<unsigned char>("255"), 255);
-    EXPECT_EQ(extract<unsigned>("0"), 0U);
     EXPECT_EQ(extract<unsigned>("4294967295"), 4294967295U);
-    for (char const* text : {"256", "1000", "4294967296", "99999999999999999999999", "-1", "-0",
-                             "-99999999999999999999999"}) {
+    for (std::string const& text : {std::string("4294967296"), std::string("42949672950"),
+                                    std::string(500, '9'), std::string("-0"), std::string("-1")}) {
+        expectFailure<std::out_of_range>(text, 77U);
         expectFailure<std::out_of_range>(text, static_cast<unsigned char>(77));
     }
-    for (char const* text :
-         {"4294967296", "42949672950", "99999999999999999999999", "-1", "-4294967295"}) {
-        expectFailure<std::out_of_range>(text, 77U);
-    }
-    expectFailure<std::out_of_range>(std::string(500, '9'), 77U);
+    expectFailure<std::out_of_range>("256", static_cast<unsigned char>(77));
 }
 
-TEST(AnExtractedInteger, IsInvalidUnlessDigitsOnly) {
-    for (char const* text : {"1.0", "1e2", "1E2", "-1.5", "\"1\"", "true", "false", "null", "{}",
-                             "[]", "01", "-", "+1", "0x1", " 1", "1 ", "1,", "abc"}) {
+TEST(AnExtractedDouble, IsReadFromAnyNumberInItsRange) {
+    for (char const* text : {"0", "-0", "7", "123456789012345678901234567890", "-12", "0.5", "1e5",
+                             "1E+5", "1e-05", "-1.5e300", "0e-999", "0.00E-999", "5e-324"}) {
+        EXPECT_EQ(extract<double>(text), std::strtod(text, nullptr)) << text;
+    }
+    for (std::string const& text :
+         {std::string("1e-999"), "-0." + std::string(400, '0') + "1", std::string("1e999"),
+          std::string("-1e999"), "1" + std::string(400, '0')}) {
+        expectFailure<std::out_of_range>(text, 7.5);
+    }
+}
+
+TEST(AnExtractedNumber, IsInvalidUnlessItFollowsTheGrammarOfJson) {
+    for (char const* text : {"1.0", "1e2", "1E2", "-1.5"}) { // numbers, but no integers
         expectFailure<std::invalid_argument>(text, 77U);
         expectFailure<std::invalid_argument>(text, static_cast<unsigned char>(77));
     }
-}
-
-TEST(AnExtractedDouble, IsReadFromAnyNumber) {
-    EXPECT_EQ(extract<double>("0"), 0.0);
-    EXPECT_EQ(extract<double>("-12.5"), -12.5);
-    EXPECT_EQ(extract<double>("1e3"), 1000.0);
-    EXPECT_EQ(extract<double>("0.30000000000000004"), 0.1 + 0.2);
-    EXPECT_EQ(extract<double>("18446744073709551616"), 18446744073709551616.0);
-}
-
-TEST(AnExtractedDouble, FailsForEverythingElse) {
-    for (char const* text : {"\"1\"", "true", "null", "nan", "inf", "Infinity", ".5", "1.", "+1",
-                             "0x1p3", "1 ", " 1", "1,5", "{}", "[1]"}) {
+    for (char const* text : {"-",   "+1",    "00",    "01",   "-01",  ".5",    "1.", "1.e5",
+                             "1e",  "1e+",   "0x10",  "nan",  "inf",  "1 ",    " 1", "1,5",
+                             "--1", "1.5.2", "1e5.0", "true", "null", "\"1\"", "{}", "[1]"}) {
+        expectFailure<std::invalid_argument>(text, 77U);
+        expectFailure<std::invalid_argument>(text, static_cast<unsigned char>(77));
         expectFailure<std::invalid_argument>(text, 7.5);
     }
-    expectFailure<std::out_of_range>("1e999", 7.5);
-    expectFailure<std::out_of_range>("-1e999", 7.5);
-    expectFailure<std::out_of_range>("1e-999", 7.5);
 }
 
 TEST(AnExtractedTime, IsReadFromANumberOrInvalidForNull) {
@@ -116,17 +113,32 @@ TEST(AnExtractedText, HasCodePointsAsUtf8AndOtherBytesAsTheyAre) {
     EXPECT_EQ(extract<std::string>('"' + bytes + '"'), bytes);
 }
 
-TEST(AnExtractedText, IsInvalidWithHalfOfASurrogatePair) {
-    for (char const* text : {R"("\ud800")", R"("\udc00")", R"("\ud800\ud800")", R"("\ud800x")",
-                             R"("\ud800\n")", R"("\ud800\u0041")", R"("\udfff\ud800")"}) {
-        expectFailure<std::invalid_argument>(text, std::string("before"));
-    }
-}
-
-TEST(AnExtractedText, IsInvalidUnlessAJsonString) {
-    for (char const* text :
-         {"\"", "\"a", "a\"", "a", "1", "null", "true", "{}", "[\"a\"]", R"("\")", R"("\x")",
-          R"("\u12")", R"("\u12g4")", R"("\u")", "\"a\"b\"", "\"a\nb\"", "\"a\" ", " \"a\""}) {
+TEST(AnExtractedText, IsInvalidWithHalfOfASurrogatePairAndUnlessAJsonString) {
+    for (char const* text : {R"("\ud800")",
+                             R"("\udc00")",
+                             R"("\ud800\ud800")",
+                             R"("\ud800x")",
+                             R"("\ud800\n")",
+                             R"("\ud800\u0041")",
+                             R"("\udfff\ud800")",
+                             "\"",
+                             "\"a",
+                             "a\"",
+                             "a",
+                             "1",
+                             "null",
+                             "true",
+                             "{}",
+                             "[\"a\"]",
+                             R"("\")",
+                             R"("\x")",
+                             R"("\u12")",
+                             R"("\u12g4")",
+                             R"("\u")",
+                             "\"a\"b\"",
+                             "\"a\nb\"",
+                             "\"a\" ",
+                             " \"a\""}) {
         expectFailure<std::invalid_argument>(text, std::string("before"));
     }
 }

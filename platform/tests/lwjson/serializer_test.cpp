@@ -1,8 +1,13 @@
+#include "support/timeout_factor.hpp"
+
 #include <zym/common/lwjson.hpp>
 
 #include <gtest/gtest.h>
 
+#include <charconv>
+#include <cmath>
 #include <limits>
+#include <random>
 #include <string>
 #include <utility>
 #include <vector>
@@ -27,14 +32,6 @@ std::string object(std::string const& value) {
     return "{\n  \"v\": " + value + "\n}";
 }
 
-Links wrapped(std::vector<std::string> const& texts) {
-    Links links;
-    for (std::string const& text : texts) {
-        links.emplace_back(text);
-    }
-    return links;
-}
-
 TEST(ASerializer, WritesEachMemberOnALineOfItsOwn) {
     std::string json = "old content";
     Serializer out(json);
@@ -51,31 +48,22 @@ TEST(ASerializer, WritesEachMemberOnALineOfItsOwn) {
 }
 
 TEST(ASerializer, WritesAnArrayWithALinePerElement) {
+    std::string const text = object("1");
+    std::string const link = "{\n  \"@id\": \"a  b\"\n}";
     std::string json;
     Serializer out(json);
     out.appendKey("empty");
     out.addValue(Links());
     out.appendKey("links");
-    out.addValue(wrapped({object("1"), "{\n  \"@id\": \"a  b\"\n}"}));
+    out.addValue(Links{Serializer(text), Serializer(link)});
     out.appendKey("more");
     out.appendValue("1");
     out.finalize();
     EXPECT_EQ(json, "{\n  \"empty\":\n  [\n  ],\n  \"links\":\n  [\n    {\"v\": 1},\n"
                     "    {\"@id\": \"a  b\"}\n  ],\n  \"more\": 1\n}");
-    // Wrapped itself, it stands on one line.
-    EXPECT_EQ(Serializer(std::as_const(json)).mutableJson(),
-              "{\"empty\":[],\"links\":[{\"v\": 1},{\"@id\": \"a  b\"}],\"more\": 1}");
-}
-
-TEST(ASerializer, AddsAFinishedObjectOnOneLine) {
-    std::string inner;
-    Serializer nested(inner);
-    nested.appendKey("a");
-    nested.appendValue("1");
-    nested.appendKey("b");
-    nested.addValue("x \n y");
-    nested.finalize();
-    EXPECT_EQ(memberWith(nested), object("{\"a\": 1,\"b\": \"x \\n y\"}"));
+    // A finished object stands on one line.
+    EXPECT_EQ(memberWith(Serializer(std::as_const(json))),
+              object("{\"empty\":[],\"links\":[{\"v\": 1},{\"@id\": \"a  b\"}],\"more\": 1}"));
 }
 
 TEST(ASerializer, EscapesQuotesBackslashesAndControlBytesOnly) {
@@ -109,19 +97,50 @@ TEST(ASerializer, EscapesAtEveryPlaceInTextsOfEveryLength) {
     }
 }
 
-TEST(ASerializer, WritesNumbersAsTheShortestTextThatReadsBackTheSame) {
-    EXPECT_EQ(memberWith(0.1), object("0.1"));
-    EXPECT_EQ(memberWith(5.0), object("5"));
-    EXPECT_EQ(memberWith(-12.5), object("-12.5"));
-    EXPECT_EQ(memberWith(1e300), object("1e+300"));
-    EXPECT_EQ(memberWith(0.1 + 0.2), object("0.30000000000000004"));
+TEST(ASerializer, WritesNullForWhatIsNoNumberAndForAnInvalidTime) {
+    constexpr double INFINITE = std::numeric_limits<double>::infinity();
+    for (double const number : {std::numeric_limits<double>::quiet_NaN(), INFINITE, -INFINITE}) {
+        EXPECT_EQ(memberWith(number), object("null"));
+    }
+    EXPECT_EQ(memberWith(conv::UnixTime()), object("null"));
 }
 
-TEST(ASerializer, WritesNullForWhatIsNoNumberAndForAnInvalidTime) {
-    EXPECT_EQ(memberWith(std::numeric_limits<double>::quiet_NaN()), object("null"));
-    EXPECT_EQ(memberWith(std::numeric_limits<double>::infinity()), object("null"));
-    EXPECT_EQ(memberWith(-std::numeric_limits<double>::infinity()), object("null"));
-    EXPECT_EQ(memberWith(conv::UnixTime()), object("null"));
+// The texts must be those of the standard library, for both signs and for the neighbours, which
+// have many digits if the number has few. Numbers with few digits take another path.
+void expectAsByTheStandardLibrary(double number) {
+    constexpr double FAR = std::numeric_limits<double>::max();
+    for (double const near : {number, std::nextafter(number, FAR), std::nextafter(number, -FAR)}) {
+        for (double const one : {near, -near}) {
+            char text[40];
+            std::string const expected(text, std::to_chars(text, text + sizeof text, one).ptr);
+            ASSERT_EQ(memberWith(one), object(expected));
+        }
+    }
+}
+
+TEST(ASerializer, WritesNumbersWithFewDecimalsAsTheStandardLibraryDoes) {
+    std::mt19937_64 random(3);
+    for (int i = 0; i < 20000 / support::TIMEOUT_FACTOR && !HasFailure(); ++i) {
+        auto const digits = static_cast<double>(random() >> random() % 64U);
+        double const power = std::pow(10, static_cast<int>(random() % 20U));
+        auto const few = static_cast<double>(random() % 1000000U);
+        for (double const number : {digits / power, few / 1000, few * power / 1000}) {
+            expectAsByTheStandardLibrary(number);
+        }
+    }
+}
+
+TEST(ASerializer, WritesNumbersAtEveryEdgeAsTheStandardLibraryDoes) {
+    for (int exponent = -307; exponent <= 308; ++exponent) {
+        double const power = std::pow(10, exponent);
+        expectAsByTheStandardLibrary(power);
+        expectAsByTheStandardLibrary(power * 1.2);
+    }
+    for (double const number :
+         {0.0, 0.0005, 0.001, 0.0012, 0.9995, 99999.0, 100000.0, 110000.0, 1e11 + 0.001,
+          999999999999.999, 1e12, 1e12 + 0.001, 9007199254740992.0, 18446744073709551616.0}) {
+        expectAsByTheStandardLibrary(number);
+    }
 }
 
 TEST(AWrappingSerializer, HasACopyOfItsTextAndSurvivesCopyingAndMoving) {
