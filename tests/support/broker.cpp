@@ -1,15 +1,16 @@
 #include "support/broker.hpp"
 
 #include "support/process.hpp"
+#include "support/raw_peer.hpp"
 
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <pwd.h>
 #include <signal.h>
 #include <unistd.h>
 
 #include <fstream>
 #include <iostream>
+#include <set>
 #include <stdexcept>
 
 namespace support {
@@ -23,23 +24,24 @@ std::string userName() {
 
 /// Whether a broker answers CONNECT. An accepted connection proves less: the kernel accepts
 /// connections for a process that listens but does not handle signals yet.
-bool answers(int port) {
-    FileDescriptor const socket = connectTo(port);
-    std::string const connect("\x10\x0c\0\4MQTT\4\2\0\x3c\0\0", 14);
-    if (!socket.valid() || !sendAll(socket, connect)) {
+bool answers(Broker const& broker) {
+    try {
+        RawPeer const peer(broker);
+        return true;
+    } catch (std::runtime_error const&) {
         return false;
     }
-    pollfd answer{socket.get(), POLLIN, 0};
-    bool const answered = poll(&answer, 1, 1000) == 1;
-    sendAll(socket, std::string("\xe0\0", 2)); // DISCONNECT
-    return answered;
+}
+
+Watched<std::set<Broker const*>>& allBrokers() {
+    static Watched<std::set<Broker const*>> all;
+    return all;
 }
 
 } // namespace
 
-Broker::Broker(Options const& options)
-    : lease_(options.port == 0 ? PortLease() : PortLease(options.port)),
-      hangHandler_([this](std::ostream& out) { handleHang(out); }) {
+Broker::Broker(BrokerOptions const& options)
+    : lease_(options.port == 0 ? PortLease() : PortLease(options.port)) {
     if (access(ZYM_MOSQUITTO_PROGRAM, X_OK) != 0) {
         throw std::runtime_error("There is no mosquitto broker at \"" ZYM_MOSQUITTO_PROGRAM
                                  "\". Install it (Debian: apt-get install mosquitto) and"
@@ -47,9 +49,11 @@ Broker::Broker(Options const& options)
     }
     writeConfiguration(options);
     start();
+    allBrokers().change([this](auto& all) { all.insert(this); });
 }
 
 Broker::~Broker() {
+    allBrokers().change([this](auto& all) { all.erase(this); });
     if (testing::Test::HasFailure()) {
         std::cerr << logTail() << std::flush;
     }
@@ -58,8 +62,12 @@ Broker::~Broker() {
 
 void Broker::kill() {
     std::lock_guard<std::mutex> lock(mutex_);
-    pid_ = 0;
     process_.reset();
+}
+
+pid_t Broker::pid() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return process_ ? process_->pid() : 0;
 }
 
 void Broker::stop() {
@@ -92,9 +100,8 @@ bool Broker::isUp() {
         process_ = std::make_unique<Process>(
             std::vector<std::string>{ZYM_MOSQUITTO_PROGRAM, "-c", directory_.file("broker.conf")},
             directory_.file("broker.log"));
-        pid_ = process_->pid();
     }
-    return answers(port()) && !process_->ended();
+    return answers(*this) && !process_->ended();
 }
 
 void Broker::suspend() {
@@ -107,7 +114,7 @@ void Broker::resume() {
     process_->resume();
 }
 
-void Broker::writeConfiguration(Options const& options) const {
+void Broker::writeConfiguration(BrokerOptions const& options) const {
     std::ofstream file(directory_.file("broker.conf"));
     file << "listener " << port() << " 127.0.0.1\n";
     if (options.unixSocket) {
@@ -135,12 +142,13 @@ std::string Broker::logTail() const {
     return "[broker on port " + std::to_string(port()) + "] end of its log:\n" + tail + "\n";
 }
 
-void Broker::handleHang(std::ostream& out) const {
-    out << logTail();
-    if (pid_ > 0) {
-        ::kill(pid_, SIGKILL);
-    }
-    directory_.remove();
+void Broker::handleHang(std::ostream& out) {
+    allBrokers().read([&](auto const& all) {
+        for (Broker const* const broker : all) {
+            out << broker->logTail();
+            broker->directory_.remove();
+        }
+    });
 }
 
 } // namespace support

@@ -9,33 +9,6 @@
 
 namespace support {
 
-namespace {
-
-enum class Outcome { FORWARDED, NO_ROOM, NOTHING_THERE, ENDED, BROKEN };
-
-/// @param count in: at most; out: bytes that were forwarded. It takes only what the other side has
-///        room for: nothing is kept in between, and a slow reader slows down the writer as without
-///        a proxy.
-Outcome forwardBytes(FileDescriptor const& from, FileDescriptor const& to, std::size_t& count) {
-    std::array<char, 16384> bytes;
-    auto const tryAgain = [] { return errno == EAGAIN || errno == EINTR; };
-    std::size_t const limit = std::min(std::exchange(count, 0), bytes.size());
-    ssize_t const there = ::recv(from.get(), bytes.data(), limit, MSG_PEEK);
-    if (there <= 0) {
-        return there == 0 ? Outcome::ENDED : tryAgain() ? Outcome::NOTHING_THERE : Outcome::BROKEN;
-    }
-    ssize_t const sent =
-        ::send(to.get(), bytes.data(), static_cast<std::size_t>(there), MSG_NOSIGNAL);
-    if (sent < 0) {
-        return tryAgain() ? Outcome::NO_ROOM : Outcome::BROKEN;
-    }
-    count = static_cast<std::size_t>(sent);
-    ::recv(from.get(), bytes.data(), count, 0);
-    return Outcome::FORWARDED;
-}
-
-} // namespace
-
 CutProxy::CutProxy(int serverPort)
     : serverPort_(serverPort),
       listener_(listenOn(lease_.port(), 64)),
@@ -54,8 +27,7 @@ void CutProxy::cutNow() {
     std::lock_guard<std::mutex> lock(mutex_);
     cuts_ += static_cast<int>(open_.size());
     for (Connection& connection : open_) {
-        resetConnection(connection.client);
-        resetConnection(connection.server);
+        connection.reset();
     }
     open_.clear();
     thread_.wake();
@@ -67,17 +39,18 @@ void CutProxy::setFrozen(bool frozen) {
     thread_.wake();
 }
 
-std::array<CutProxy::Stream, 2> CutProxy::Connection::streams() {
-    return {{{Direction::TO_SERVER, client, server, blocked[0]},
-             {Direction::TO_CLIENT, server, client, blocked[1]}}};
+void CutProxy::Connection::reset() {
+    resetConnection(client);
+    resetConnection(server);
 }
 
 std::vector<pollfd> CutProxy::sockets() {
     std::vector<pollfd> sockets{{listener_.get(), POLLIN, 0}};
     for (std::size_t i = 0; i < open_.size() && !frozen_; ++i) {
-        for (Stream const& stream : open_[i].streams()) {
-            sockets.push_back(stream.blocked ? pollfd{stream.to.get(), POLLOUT, 0}
-                                             : pollfd{stream.from.get(), POLLIN, 0});
+        for (Direction const direction : DIRECTIONS) {
+            bool const blocked = open_[i].blocked[static_cast<std::size_t>(direction)];
+            sockets.push_back(blocked ? pollfd{open_[i].to(direction).get(), POLLOUT, 0}
+                                      : pollfd{open_[i].from(direction).get(), POLLIN, 0});
         }
     }
     return sockets;
@@ -87,8 +60,9 @@ void CutProxy::serve() {
     acceptAll();
     for (std::size_t i = 0; i < open_.size() && !frozen_; ++i) {
         cutIfDue(open_[i]);
-        for (Stream const& stream : open_[i].streams()) {
-            forward(open_[i], stream);
+        for (Direction const direction : DIRECTIONS) {
+            forward(open_[i], direction);
+            cutIfDue(open_[i]);
         }
     }
     auto const closed = [](Connection const& connection) { return !connection.client.valid(); };
@@ -116,24 +90,30 @@ void CutProxy::acceptAll() {
     }
 }
 
-void CutProxy::forward(Connection& connection, Stream const& stream) {
-    if (!stream.from.valid()) {
-        return;
-    }
-    bool const limited = connection.cut && connection.cut->direction == stream.direction;
-    std::size_t count = limited ? connection.cut->bytes : SIZE_MAX;
-    Outcome const outcome = forwardBytes(stream.from, stream.to, count);
-    stream.blocked = outcome == Outcome::NO_ROOM;
-    if (limited) {
-        connection.cut->bytes -= count;
-        cutIfDue(connection);
-    }
-    if (outcome == Outcome::ENDED) {
+/// Takes only what the other side has room for: nothing is kept in between, and a slow reader slows
+/// down the writer as without a proxy.
+void CutProxy::forward(Connection& connection, Direction direction) {
+    int const from = connection.from(direction).get();
+    int const to = connection.to(direction).get();
+    std::array<char, 16384> bytes;
+    bool const limited = connection.cut && connection.cut->direction == direction;
+    std::size_t const limit =
+        limited ? std::min(connection.cut->bytes, bytes.size()) : bytes.size();
+    ssize_t const there = ::recv(from, bytes.data(), limit, MSG_PEEK);
+    ssize_t const sent =
+        there > 0 ? ::send(to, bytes.data(), static_cast<std::size_t>(there), MSG_NOSIGNAL) : there;
+    bool const tryAgain = sent < 0 && (errno == EAGAIN || errno == EINTR);
+    connection.blocked[static_cast<std::size_t>(direction)] = tryAgain && there > 0;
+    if (sent > 0) {
+        ::recv(from, bytes.data(), static_cast<std::size_t>(sent), 0);
+        if (limited) {
+            connection.cut->bytes -= static_cast<std::size_t>(sent);
+        }
+    } else if (sent == 0) {
         connection.client.reset();
         connection.server.reset();
-    } else if (outcome == Outcome::BROKEN) {
-        resetConnection(connection.client);
-        resetConnection(connection.server);
+    } else if (!tryAgain) {
+        connection.reset();
     }
 }
 

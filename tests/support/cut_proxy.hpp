@@ -41,8 +41,8 @@ public:
 
     /// Connections accepted so far.
     int connections() const { return connections_.copy(); }
-    bool waitForConnections(int count, std::chrono::milliseconds deadline = DEADLINE) const {
-        return connections_.waitFor([&](int all) { return all >= count; }, deadline);
+    bool waitForConnections(int count) const {
+        return connections_.waitFor([&](int all) { return all >= count; });
     }
     /// Connections cut so far.
     int cuts() const { return cuts_; }
@@ -52,27 +52,28 @@ private:
         Direction direction;
         std::size_t bytes;
     };
-    /// What one side sends to the other.
-    struct Stream {
-        Direction direction;
-        FileDescriptor& from;
-        FileDescriptor& to;
-        bool& blocked;
-    };
     struct Connection {
-        std::array<Stream, 2> streams();
-
         FileDescriptor client;
         FileDescriptor server;
         std::optional<Cut> cut;        ///< bytes still to be forwarded
         std::array<bool, 2> blocked{}; ///< by direction: the destination takes no more for now
+
+        FileDescriptor& from(Direction direction) {
+            return direction == Direction::TO_SERVER ? client : server;
+        }
+        FileDescriptor& to(Direction direction) {
+            return direction == Direction::TO_SERVER ? server : client;
+        }
+        void reset();
     };
+    static constexpr std::array<Direction, 2> DIRECTIONS{Direction::TO_SERVER,
+                                                         Direction::TO_CLIENT};
 
     void setFrozen(bool frozen);
     std::vector<pollfd> sockets();
     void serve();
     void acceptAll();
-    void forward(Connection& connection, Stream const& stream);
+    void forward(Connection& connection, Direction direction);
     void cutIfDue(Connection& connection);
 
     PortLease lease_;

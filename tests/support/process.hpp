@@ -10,26 +10,20 @@
 
 #include <cerrno>
 #include <string>
-#include <system_error>
 #include <thread>
 #include <vector>
 
 namespace support {
 
 /// A child process that never outlives this one: the destructor kills it, and so does the kernel
-/// when this process ends in any other way.
+/// when this process ends in any other way. One that cannot be made or run has ended.
 class Process {
 public:
     /// @param command program (with its path) and arguments
     /// @param output file to which standard output and standard error are appended
-    /// @throws std::system_error. A program that cannot be run ends with status 127.
     Process(std::vector<std::string> command, std::string const& output)
         : command_(std::move(command)), output_(output), thread_([this] { run(); }) {
         state_.waitFor([](State const& state) { return state.pid != 0; });
-        if (pid() < 0) {
-            thread_.join();
-            throw std::system_error(-pid(), std::generic_category(), "fork");
-        }
     }
     ~Process() {
         signal(SIGKILL);
@@ -49,18 +43,13 @@ public:
     /// SIGSTOP; returns when it has stopped.
     void suspend() {
         signal(SIGSTOP);
-        state_.waitFor([](State const& state) { return state.stopped || state.ended; });
+        waitForChange(pid(), WSTOPPED | WEXITED | WNOWAIT);
     }
-    /// SIGCONT; returns when it runs again.
-    void resume() {
-        signal(SIGCONT);
-        state_.waitFor([](State const& state) { return !state.stopped || state.ended; });
-    }
+    void resume() { signal(SIGCONT); }
 
 private:
     struct State {
-        pid_t pid = 0; ///< negative: the reason why there is no process
-        bool stopped = false;
+        pid_t pid = 0;
         bool ended = false;
     };
 
@@ -77,9 +66,13 @@ private:
         if (child == 0) {
             becomeProgram(arguments.data(), parent);
         }
-        int const error = errno;
-        state_.change([&](State& state) { state.pid = child < 0 ? -error : child; });
-        observe(child);
+        state_.change([&](State& state) { state.pid = child; });
+        waitForChange(child, WEXITED | WNOWAIT);
+        // Its number is given up with the lock held: `signal` never hits another process.
+        state_.change([&](State& state) {
+            waitForChange(child, WEXITED);
+            state.ended = true;
+        });
     }
 
     /// Only plain system calls: another thread may have held any lock at the moment of the fork.
@@ -95,17 +88,10 @@ private:
         _exit(127);
     }
 
-    void observe(pid_t child) {
+    /// Returns at once when there is no such child.
+    static void waitForChange(pid_t child, int changes) {
         siginfo_t info{};
-        auto const id = static_cast<id_t>(child);
-        constexpr int CHANGES = WEXITED | WSTOPPED | WCONTINUED;
-        while (!ended() && waitid(P_PID, id, &info, CHANGES | WNOWAIT) == 0) {
-            // Its number is given up with the lock held: `signal` never hits another process.
-            state_.change([&](State& state) {
-                waitid(P_PID, id, &info, CHANGES | WNOHANG);
-                state.stopped = info.si_code == CLD_STOPPED;
-                state.ended = info.si_code != CLD_STOPPED && info.si_code != CLD_CONTINUED;
-            });
+        while (waitid(P_PID, static_cast<id_t>(child), &info, changes) != 0 && errno == EINTR) {
         }
     }
 

@@ -4,7 +4,6 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <stdexcept>
 
@@ -22,40 +21,25 @@ void check(int result, std::string const& operation) {
     require(result == MOSQ_ERR_SUCCESS, operation + ": " + mosquitto_strerror(result));
 }
 
-std::string uniqueName(std::string const& what) {
-    static std::atomic<unsigned> counter{0};
-    return what + "-" + std::to_string(getpid()) + "-" + std::to_string(++counter);
-}
-
-/// Otherwise the kernel delays the acknowledgements, and a broker with its default settings waits
-/// for them: 44 ms for every exchange.
-void acknowledgeAtOnce(int socket) {
-    int const on = 1;
-    setsockopt(socket, IPPROTO_TCP, TCP_QUICKACK, &on, sizeof on);
-}
-
 } // namespace
 
-RawPeer::RawPeer(std::string const& host, int port, Options const& options)
-    : client_(nullptr, &mosquitto_destroy) {
+RawPeer::RawPeer(std::string const& host, int port) : client_(nullptr, &mosquitto_destroy) {
     // Never undone: clients may live in static objects.
     static int const initialised = mosquitto_lib_init();
     check(initialised, "initialise");
-    std::string const id = options.clientId.empty() ? uniqueName("raw") : options.clientId;
-    client_.reset(mosquitto_new(id.c_str(), options.cleanSession, &seen_));
+    client_.reset(mosquitto_new(nullptr, true, &seen_)); // the broker chooses the identifier
     require(client_ != nullptr, "cannot be made");
     check(mosquitto_threaded_set(client_.get(), true), "threads");
     check(mosquitto_int_option(client_.get(), MOSQ_OPT_TCP_NODELAY, 1), "option");
     setCallbacks();
     check(mosquitto_connect(client_.get(), host.c_str(), port, 60), "connect");
-    network_ = std::thread([this] { runNetwork(); });
-    seen_.waitFor([](Seen const& seen) { return seen.connack.has_value(); });
-    int const connack = seen_.copy().connack.value_or(MOSQ_ERR_CONN_LOST);
-    if (connack != 0) {
-        stop_ = true;
-        network_.join();
+    while (!seen_.copy().connected) {
+        check(step(), "connection refused or lost");
     }
-    check(connack, "connection refused or lost");
+    network_ = std::thread([this] {
+        while (!stop_ && step() == MOSQ_ERR_SUCCESS) {
+        }
+    });
 }
 
 RawPeer::~RawPeer() {
@@ -92,18 +76,20 @@ std::vector<std::string> RawPeer::payloads() const {
     return result;
 }
 
-void RawPeer::runNetwork() {
-    while (!stop_ && mosquitto_loop(client_.get(), 100, 1) == MOSQ_ERR_SUCCESS) {
-        acknowledgeAtOnce(mosquitto_socket(client_.get()));
-    }
-    seen_.change([](Seen& seen) { seen.connack = seen.connack.value_or(MOSQ_ERR_CONN_LOST); });
+int RawPeer::step() {
+    int const result = mosquitto_loop(client_.get(), 100, 1);
+    // Otherwise the kernel delays the acknowledgements, and a broker with its default settings
+    // waits for them: 44 ms for every exchange.
+    int const on = 1;
+    setsockopt(mosquitto_socket(client_.get()), IPPROTO_TCP, TCP_QUICKACK, &on, sizeof on);
+    return result;
 }
 
 void RawPeer::setCallbacks() {
     using Watch = Watched<Seen>;
     mosquitto* const client = client_.get();
     mosquitto_connect_callback_set(client, [](mosquitto*, void* watch, int code) {
-        static_cast<Watch*>(watch)->change([&](Seen& seen) { seen.connack = code; });
+        static_cast<Watch*>(watch)->change([&](Seen& seen) { seen.connected = code == 0; });
     });
     mosquitto_publish_callback_set(client, [](mosquitto*, void* watch, int) {
         static_cast<Watch*>(watch)->change([](Seen& seen) { --seen.pending; });
@@ -128,10 +114,10 @@ void RawPeer::setCallbacks() {
 /// that is published after its acknowledgement: when that one arrives, all have arrived.
 std::vector<Message> allRetained(Broker const& broker, std::string const& pattern) {
     RawPeer peer(broker);
-    std::string const last = uniqueName("end-of-retained");
-    peer.subscribe(last, 2);
-    peer.subscribe(pattern, 2);
-    peer.publish(last, "", 2, false);
+    std::string const last = "end-of-retained";
+    peer.subscribe(last);
+    peer.subscribe(pattern);
+    peer.publish(last, "");
     auto const complete = [&](RawPeer::Messages const& all) {
         return !all.empty() && all.back().topic == last;
     };

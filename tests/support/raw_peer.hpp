@@ -3,7 +3,6 @@
 #include "support/broker.hpp"
 #include "support/watched.hpp"
 
-#include <functional>
 #include <memory>
 #include <optional>
 #include <ostream>
@@ -33,11 +32,6 @@ inline std::ostream& operator<<(std::ostream& out, Message const& message) {
                << (message.retain ? ", retained}" : "}");
 }
 
-struct RawPeerOptions {
-    std::string clientId; ///< "": one that no other client has
-    bool cleanSession = true;
-};
-
 /// A client on the C library of the broker's makers alone: it shows what the broker does, without
 /// any code of ours. It has a network thread of its own and never reconnects.
 ///
@@ -45,12 +39,10 @@ struct RawPeerOptions {
 /// @throws std::runtime_error from every operation that fails or gets no answer
 class RawPeer {
 public:
-    using Options = RawPeerOptions;
     using Messages = std::vector<Message>;
 
-    explicit RawPeer(Broker const& broker, Options const& options = {})
-        : RawPeer(broker.host(), broker.port(), options) {}
-    RawPeer(std::string const& host, int port, Options const& options = {});
+    explicit RawPeer(Broker const& broker) : RawPeer(broker.host(), broker.port()) {}
+    RawPeer(std::string const& host, int port);
     ~RawPeer();
     RawPeer(RawPeer const&) = delete;
     RawPeer& operator=(RawPeer const&) = delete;
@@ -73,25 +65,25 @@ public:
     void clearMessages() {
         seen_.change([](Seen& seen) { seen.messages.clear(); });
     }
-    bool waitFor(std::function<bool(Messages const&)> const& condition,
-                 std::chrono::milliseconds deadline = DEADLINE) const {
-        return seen_.waitFor([&](Seen const& seen) { return condition(seen.messages); }, deadline);
+    template <class Condition>
+    bool waitFor(Condition const& condition) const {
+        return seen_.waitFor([&](Seen const& seen) { return condition(seen.messages); });
     }
     /// Waits for that many messages, or more.
-    bool waitForMessages(std::size_t count, std::chrono::milliseconds deadline = DEADLINE) const {
-        return waitFor([&](Messages const& all) { return all.size() >= count; }, deadline);
+    bool waitForMessages(std::size_t count) const {
+        return waitFor([&](Messages const& all) { return all.size() >= count; });
     }
 
 private:
     struct Seen {
-        std::optional<int> connack;  ///< also set when the connection is lost before
+        bool connected = false;
         std::optional<bool> granted; ///< the answer to the last SUBSCRIBE
         int pending = 0;             ///< publications without acknowledgement
         Messages messages;
     };
 
     void setCallbacks();
-    void runNetwork();
+    int step();
 
     Watched<Seen> seen_;
     std::unique_ptr<mosquitto, void (*)(mosquitto*)> client_;

@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <stdexcept>
 
 namespace support {
 
@@ -31,8 +30,9 @@ void ScriptedServer::setMode(Mode mode) {
     Lock const lock(mutex_);
     if (mode == Mode::NOT_ACCEPTING && mode_ != Mode::NOT_ACCEPTING) {
         fillBacklog();
-    } else if (mode != Mode::NOT_ACCEPTING && mode_ == Mode::NOT_ACCEPTING) {
-        emptyBacklog();
+    } else if (mode != Mode::NOT_ACCEPTING) {
+        filler_.reset();
+        ::listen(listener_.get(), BACKLOG);
     }
     mode_ = mode;
     thread_.wake();
@@ -42,29 +42,9 @@ void ScriptedServer::setMode(Mode mode) {
 /// and clients repeat theirs.
 void ScriptedServer::fillBacklog() {
     ::listen(listener_.get(), 0);
+    filler_ = startConnecting(port());
     pollfd waiting{listener_.get(), POLLIN, 0};
-    if (::poll(&waiting, 1, 0) == 0) {
-        filler_ = startConnecting(port());
-    }
-    if (::poll(&waiting, 1, static_cast<int>(DEADLINE.count())) != 1) {
-        throw std::runtime_error("the queue of connections does not fill");
-    }
-}
-
-void ScriptedServer::emptyBacklog() {
-    if (filler_.valid()) {
-        acceptFrom(listener_); // the filler: the queue has no room for another one
-        filler_.reset();
-    }
-    ::listen(listener_.get(), BACKLOG);
-}
-
-void ScriptedServer::refuseWith(int code) {
-    {
-        Lock const lock(mutex_);
-        refusal_ = code;
-    }
-    setMode(Mode::REFUSE);
+    ::poll(&waiting, 1, -1);
 }
 
 void ScriptedServer::setHook(Hook hook) {
@@ -72,19 +52,9 @@ void ScriptedServer::setHook(Hook hook) {
     hook_ = std::move(hook);
 }
 
-void ScriptedServer::dropAtPacket(PacketType type, std::size_t n) {
-    Lock const lock(mutex_);
-    drops_[type] = n;
-}
-
-void ScriptedServer::hold(PacketType type) {
-    Lock const lock(mutex_);
-    held_.insert(type);
-}
-
 void ScriptedServer::release() {
     Lock const lock(mutex_);
-    held_.clear();
+    hook_ = nullptr;
     for (Connection& connection : connections_) {
         sendAll(connection.socket, connection.keptBack);
         connection.keptBack.clear();
@@ -104,14 +74,12 @@ bool ScriptedServer::publish(std::string const& topic, std::string const& payloa
     return to && sendAll(to->socket, publishPacket(packet));
 }
 
-bool ScriptedServer::drop() {
+void ScriptedServer::drop() {
     Lock const lock(mutex_);
-    Connection* const connection = latest();
-    if (connection) {
+    if (Connection* const connection = latest()) {
         resetConnection(connection->socket);
     }
     thread_.wake();
-    return connection != nullptr;
 }
 
 std::vector<MqttPacket> ScriptedServer::received(PacketType type) const {
@@ -124,13 +92,12 @@ std::vector<MqttPacket> ScriptedServer::received(PacketType type) const {
     return result;
 }
 
-bool ScriptedServer::waitForPackets(PacketType type, std::size_t count,
-                                    std::chrono::milliseconds deadline) const {
+bool ScriptedServer::waitForPackets(PacketType type, std::size_t count) const {
     auto const matches = [&](Received const& one) { return one.packet.type == type; };
-    auto const enough = [&](History const& all) {
-        return std::count_if(all.begin(), all.end(), matches) >= static_cast<long>(count);
-    };
-    return waitFor(enough, deadline);
+    return seen_.waitFor([&](Seen const& seen) {
+        return std::count_if(seen.packets.begin(), seen.packets.end(), matches)
+               >= static_cast<long>(count);
+    });
 }
 
 std::vector<pollfd> ScriptedServer::sockets() const {
@@ -192,35 +159,28 @@ void ScriptedServer::readFrom(Connection& connection) {
 }
 
 void ScriptedServer::handle(Connection& connection, MqttPacket const& packet) {
-    Reaction const reaction = reactionTo(packet);
+    Reaction const reaction = hook_ ? hook_(packet) : Reaction::ANSWER;
     // Recorded before it is answered: a client that has the answer finds the packet recorded. A
     // test that waited for the packet and then uses the server waits for the lock, and so finds
     // the packet answered.
     seen_.change([&](Seen& seen) { seen.packets.push_back({connection.number, packet}); });
     if (reaction == Reaction::ANSWER) {
         answer(connection, packet);
+    } else if (reaction == Reaction::HOLD) {
+        connection.keptBack += answerTo(packet);
     } else if (reaction == Reaction::DROP) {
         resetConnection(connection.socket);
     }
 }
 
-ScriptedServer::Reaction ScriptedServer::reactionTo(MqttPacket const& packet) {
-    std::size_t& left = drops_[packet.type];
-    if (left > 0 && --left == 0) {
-        return Reaction::DROP;
-    }
-    return hook_ ? hook_(packet) : Reaction::ANSWER;
-}
-
 void ScriptedServer::answer(Connection& connection, MqttPacket const& packet) {
     if (mode_ == Mode::REFUSE && packet.type == PacketType::CONNECT) {
-        sendAll(connection.socket, connack(refusal_));
+        constexpr int NOT_AUTHORIZED = 5;
+        sendAll(connection.socket, connack(NOT_AUTHORIZED));
         // Closes this side only: closing a socket with unread bytes would reset the connection,
         // and the client could lose the answer.
         connection.ending = true;
         ::shutdown(connection.socket.get(), SHUT_WR);
-    } else if (held_.count(packet.type) > 0) {
-        connection.keptBack += answerTo(packet);
     } else if (mode_ != Mode::SILENT) {
         sendAll(connection.socket, answerTo(packet));
     }

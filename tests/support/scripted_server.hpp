@@ -5,8 +5,6 @@
 #include "support/serving_thread.hpp"
 #include "support/watched.hpp"
 
-#include <map>
-#include <set>
 #include <string>
 
 namespace support {
@@ -30,6 +28,7 @@ public:
     enum class Reaction {
         ANSWER, ///< what the mode answers
         IGNORE, ///< no answer
+        HOLD,   ///< what a broker answers, at the next `release`
         DROP    ///< no answer; the connection is reset
     };
     using Hook = std::function<Reaction(MqttPacket const&)>;
@@ -46,26 +45,26 @@ public:
     int port() const noexcept { return lease_.port(); }
 
     // The script; may change at any time.
-    /// Connections that wait since NOT_ACCEPTING are accepted when that ends.
+    /// Connections that wait since NOT_ACCEPTING are accepted when that ends, and one of our own,
+    /// which is closed.
     void setMode(Mode mode);
-    /// Mode REFUSE with this code of CONNACK.
-    void refuseWith(int code);
     /// Called on the server's thread for every packet before it is recorded and answered. It must
     /// not use the server; while it blocks, no connection is read or written.
     void setHook(Hook hook);
-    /// Lets the n-th packet of this type, counted from now over all connections, reset its
-    /// connection.
-    void dropAtPacket(PacketType type, std::size_t n);
     /// Keeps back all answers to packets of this type, until `release`.
-    void hold(PacketType type);
-    /// Sends the answers that were kept back; no answers are kept back any more.
+    void hold(PacketType type) {
+        setHook([type](MqttPacket const& packet) {
+            return packet.type == type ? Reaction::HOLD : Reaction::ANSWER;
+        });
+    }
+    /// Sends the answers that were kept back, and ends the hook.
     void release();
 
-    // On the latest connection. @return false when there is none
+    /// On the latest connection. @return false when there is none
     bool publish(std::string const& topic, std::string const& payload, int qos = 0,
                  bool retain = false);
-    /// Resets the connection.
-    bool drop();
+    /// Resets the latest connection.
+    void drop();
 
     // What was received.
     History received() const {
@@ -76,15 +75,11 @@ public:
     int tcpConnections() const {
         return seen_.read([](Seen const& seen) { return seen.accepted; });
     }
-    bool waitForPackets(PacketType type, std::size_t count,
-                        std::chrono::milliseconds deadline = DEADLINE) const;
+    /// Waits for that many packets of this type, or more.
+    bool waitForPackets(PacketType type, std::size_t count) const;
     /// Waits until no connection is open.
-    bool waitForNoConnection(std::chrono::milliseconds deadline = DEADLINE) const {
-        return seen_.waitFor([](Seen const& seen) { return seen.open == 0; }, deadline);
-    }
-    bool waitFor(std::function<bool(History const&)> const& condition,
-                 std::chrono::milliseconds deadline = DEADLINE) const {
-        return seen_.waitFor([&](Seen const& seen) { return condition(seen.packets); }, deadline);
+    bool waitForNoConnection() const {
+        return seen_.waitFor([](Seen const& seen) { return seen.open == 0; });
     }
 
 private:
@@ -102,23 +97,18 @@ private:
     };
 
     void fillBacklog();
-    void emptyBacklog();
     std::vector<pollfd> sockets() const;
     void serve();
     void acceptAll();
     void readFrom(Connection& connection);
     void handle(Connection& connection, MqttPacket const& packet);
-    Reaction reactionTo(MqttPacket const& packet);
     void answer(Connection& connection, MqttPacket const& packet);
     Connection* latest();
 
     PortLease lease_;
     std::mutex mutex_; ///< guards what follows, up to seen_
     Mode mode_;
-    int refusal_ = 5; ///< the code of CONNACK
     Hook hook_;
-    std::map<PacketType, std::size_t> drops_; ///< how many packets until the connection is reset
-    std::set<PacketType> held_;
     std::vector<Connection> connections_;
     FileDescriptor listener_;
     FileDescriptor filler_; ///< a connection of our own that fills the kernel's queue

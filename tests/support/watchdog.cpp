@@ -1,14 +1,19 @@
 #include "support/watchdog.hpp"
 
+#include "support/broker.hpp"
 #include "support/stack_dump.hpp"
 #include "support/timeout_factor.hpp"
 
+#include <algorithm>
 #include <cstdlib>
 #include <iostream>
 
 namespace support {
 
 namespace {
+
+/// A wait until the greatest point of time may end at once: its conversions overflow.
+constexpr std::chrono::milliseconds MAX_WAIT{std::chrono::hours(1)};
 
 std::chrono::seconds defaultLimit() {
     char const* const text = std::getenv("ZYM_TEST_LIMIT");
@@ -42,11 +47,7 @@ Watchdog::Watchdog() : thread_([this] { run(); }) {
 Watchdog::~Watchdog() {
     testing::UnitTest::GetInstance()->listeners().Release(this);
     instance_ = nullptr;
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        stop_ = true;
-    }
-    changed_.notify_all();
+    state_.change([](State& state) { state.stop = true; });
     thread_.join();
 }
 
@@ -54,22 +55,18 @@ void Watchdog::restart() {
     limit(defaultLimit());
 }
 
-void Watchdog::setDeadline(Clock::time_point deadline) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    deadline_ = deadline;
-    changed_.notify_all();
-}
-
 void Watchdog::run() {
-    std::unique_lock<std::mutex> lock(mutex_);
-    while (!stop_) {
-        if (deadline_ == Clock::time_point::max()) {
-            changed_.wait(lock);
-        } else if (Clock::now() >= deadline_) {
+    for (State state; !state.stop; state = state_.copy()) {
+        auto const now = Clock::now();
+        if (now >= state.deadline) {
             endProcess();
-        } else {
-            changed_.wait_until(lock, deadline_);
         }
+        auto const hasChanged = [&](State const& current) {
+            return current.stop || current.deadline != state.deadline;
+        };
+        auto const left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(state.deadline - now);
+        state_.waitFor(hasChanged, std::min(left, MAX_WAIT));
     }
 }
 
@@ -78,7 +75,7 @@ void Watchdog::endProcess() {
     std::cout << std::flush;
     std::cerr << "\n[WATCHDOG] " << name << " has not ended in time. The stacks of all threads:\n";
     dumpStacks(std::cerr);
-    HangHandler::runAll(std::cerr);
+    Broker::handleHang(std::cerr);
     std::cerr << "[WATCHDOG] " << name << " FAILED: it hangs" << std::endl;
     std::abort();
 }

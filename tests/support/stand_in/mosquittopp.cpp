@@ -17,21 +17,17 @@ StandIn& scriptOf(mosquitto* member) {
 }
 
 int run(mosquitto* member, Operation operation, char const* topic = nullptr, int size = 0,
-        void const* payload = nullptr, int qos = 0, bool retain = false, int* mid = nullptr,
-        int keepAlive = 0) {
+        void const* payload = nullptr, int qos = 0, bool retain = false, int* mid = nullptr) {
     support::UncountedAllocations const ours;
     auto const* const bytes = static_cast<char const*>(payload);
-    StandIn::Call call{operation, topic ? topic : "", std::string(bytes, bytes + size), qos,
-                       retain};
-    call.keepAlive = keepAlive;
-    return scriptOf(member).run(std::move(call), mid);
+    return scriptOf(member).run(
+        {operation, topic ? topic : "", std::string(bytes, bytes + size), qos, retain}, mid);
 }
 
 } // namespace
 
 int lib_init() {
-    ++StandIn::libraryInitialisations();
-    return mosquitto_lib_init();
+    return StandIn::initialiseLibrary();
 }
 
 int lib_version(int* major, int* minor, int* revision) {
@@ -62,8 +58,8 @@ int mosquittopp::will_clear() {
     return run(m_mosq, Operation::WILL_CLEAR);
 }
 
-int mosquittopp::connect(char const* host, int port, int keepalive) {
-    return run(m_mosq, Operation::CONNECT, host, 0, nullptr, port, false, nullptr, keepalive);
+int mosquittopp::connect(char const* host, int port, int /*keepalive*/) {
+    return run(m_mosq, Operation::CONNECT, host, 0, nullptr, port);
 }
 
 int mosquittopp::reconnect() {

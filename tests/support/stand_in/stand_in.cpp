@@ -8,7 +8,6 @@ namespace support {
 namespace {
 
 struct Registry {
-    StandIn::Version version{LIBMOSQUITTO_MAJOR, LIBMOSQUITTO_MINOR, LIBMOSQUITTO_REVISION};
     std::vector<std::shared_ptr<StandIn>> all;
     std::function<void(StandIn&)> onConstruction;
 };
@@ -19,19 +18,6 @@ Watched<Registry>& registry() {
 }
 
 } // namespace
-
-std::atomic<int>& StandIn::libraryInitialisations() {
-    static std::atomic<int> count{0};
-    return count;
-}
-
-void StandIn::setLibraryVersion(Version version) {
-    registry().change([&](Registry& known) { known.version = version; });
-}
-
-StandIn::Version StandIn::libraryVersion() {
-    return registry().read([](Registry const& known) { return known.version; });
-}
 
 StandIn* StandIn::make(mosqpp::mosquittopp& object, char const* clientId, bool cleanSession) {
     std::shared_ptr<StandIn> standIn(new StandIn(object, clientId ? clientId : "", cleanSession));
@@ -68,9 +54,7 @@ std::shared_ptr<StandIn> StandIn::withClientId(std::string const& clientId) {
 }
 
 StandIn::StandIn(mosqpp::mosquittopp& object, std::string clientId, bool cleanSession)
-    : clientId_(std::move(clientId)),
-      cleanSession_(cleanSession),
-      initialisations_(libraryInitialisations()) {
+    : clientId_(std::move(clientId)), cleanSession_(cleanSession) {
     state_.change([&](State& state) { state.object = &object; });
 }
 
@@ -145,13 +129,11 @@ std::vector<StandIn::Call> StandIn::calls(Operation operation) const {
     return all;
 }
 
-bool StandIn::waitForCalls(Operation operation, std::size_t count,
-                           std::chrono::milliseconds deadline) const {
+bool StandIn::waitForCalls(Operation operation, std::size_t count) const {
     auto const matches = [&](Call const& call) { return call.operation == operation; };
-    auto const enough = [&](std::vector<Call> const& all) {
+    return calls_.waitFor([&](std::vector<Call> const& all) {
         return std::count_if(all.begin(), all.end(), matches) >= static_cast<long>(count);
-    };
-    return calls_.waitFor(enough, deadline);
+    });
 }
 
 int StandIn::run(Call call, int* mid) {
