@@ -80,8 +80,6 @@ std::vector<OverlapCase> overlapCases() {
 
 class AllAtOnce : public testing::TestWithParam<OverlapCase> {
 protected:
-    AllAtOnce() { t.timeoutS = 1; } // other calls may end a wait only by its time-out
-
     static Operation const* find(std::string const& name) {
         return findOperation(GetParam().className + "/" + name);
     }
@@ -110,6 +108,7 @@ protected:
 
     /// Each operation on two threads, while a peer publishes on a topic of the object.
     void callAllOperations() {
+        t.timeoutS = 1; // other calls may end a wait only by its time-out
         for (auto const& operation : allOperations()) {
             if (operation.className() == GetParam().className && !operation.endsTheObject()) {
                 repeat(operation);
@@ -143,11 +142,15 @@ TEST_P(AllAtOnce, EveryOperationOverlapsWithEveryOther) {
     auto const* const works = find(GetParam().works);
     if (works) {
         works->prepare(t);
+        EXPECT_EQ(works->call(t), Outcome::SUCCESS);
     }
     callAllOperations();
     t.client->resume();
-    t.client->connect("", -1, TIMEOUT_S); // in vain unless it was disconnected last
-    ASSERT_TRUE(support::becomesConnected(*t.client));
+    // Until the worker has carried out the last `giveUp`, a client refuses to connect.
+    ASSERT_TRUE(support::eventually([&] {
+        t.client->connect("", -1, TIMEOUT_S);
+        return t.client->communicationState() == conv::ComState::CONNECTED;
+    }));
     t.flush();
     t.events.clear();
     if (works) {
