@@ -1,21 +1,27 @@
 #include "support/broker.hpp"
 
-#include "support/process.hpp"
 #include "support/raw_peer.hpp"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pwd.h>
 #include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <fstream>
 #include <iostream>
 #include <set>
 #include <stdexcept>
+#include <thread>
 
 namespace support {
 
 namespace {
+
+constexpr char const* PROGRAM = ZYM_MOSQUITTO_PROGRAM;
 
 std::string userName() {
     passwd const* const user = getpwuid(geteuid());
@@ -40,9 +46,91 @@ Watched<std::set<Broker const*>>& allBrokers() {
 
 } // namespace
 
+/// A child process that never outlives this one: the destructor kills it, and so does the kernel
+/// when this process ends in any other way. One that cannot be made or run has ended.
+class Broker::Process {
+public:
+    explicit Process(TempDir const& directory)
+        : configuration_(directory.file("broker.conf")),
+          log_(directory.file("broker.log")),
+          thread_([this] { run(); }) {
+        state_.waitFor([](State const& state) { return state.pid != 0; });
+    }
+    ~Process() {
+        signal(SIGKILL);
+        thread_.join();
+    }
+    Process(Process const&) = delete;
+    Process& operator=(Process const&) = delete;
+
+    pid_t pid() const { return state_.copy().pid; }
+    bool ended() const { return state_.copy().ended; }
+    bool waitForEnd() const {
+        return state_.waitFor([](State const& state) { return state.ended; });
+    }
+    void signal(int number) {
+        state_.read(
+            [&](State const& state) { return state.ended ? 0 : ::kill(state.pid, number); });
+    }
+    /// SIGSTOP; returns when it has stopped.
+    void suspend() {
+        signal(SIGSTOP);
+        waitForChange(pid(), WSTOPPED | WEXITED | WNOWAIT);
+    }
+    void resume() { signal(SIGCONT); }
+
+private:
+    struct State {
+        pid_t pid = 0;
+        bool ended = false;
+    };
+
+    /// The kernel kills a child when the thread that forked it ends. So each child has a thread,
+    /// which ends after it.
+    void run() {
+        pid_t const parent = getpid();
+        pid_t const child = fork();
+        if (child == 0) {
+            becomeBroker(parent);
+        }
+        state_.change([&](State& state) { state = {child, child < 0}; });
+        waitForChange(child, WEXITED | WNOWAIT);
+        // Its number is given up with the lock held: `signal` never hits another process.
+        state_.change([&](State& state) {
+            waitForChange(child, WEXITED);
+            state.ended = true;
+        });
+    }
+
+    /// Only plain system calls: another thread may have held any lock at the moment of the fork.
+    [[noreturn]] void becomeBroker(pid_t parent) const {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        if (getppid() == parent) { // otherwise the parent ended before the line above
+            int const out = open(log_.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0666);
+            dup2(open("/dev/null", O_RDONLY), STDIN_FILENO);
+            dup2(out, STDOUT_FILENO);
+            dup2(out, STDERR_FILENO);
+            execl(PROGRAM, PROGRAM, "-c", configuration_.c_str(), nullptr);
+        }
+        _exit(127);
+    }
+
+    /// Returns at once when there is no such child.
+    static void waitForChange(pid_t child, int changes) {
+        siginfo_t info{};
+        while (waitid(P_PID, static_cast<id_t>(child), &info, changes) != 0 && errno == EINTR) {
+        }
+    }
+
+    std::string const configuration_;
+    std::string const log_;
+    Watched<State> state_;
+    std::thread thread_;
+};
+
 Broker::Broker(BrokerOptions const& options)
     : lease_(options.port == 0 ? PortLease() : PortLease(options.port)) {
-    if (access(ZYM_MOSQUITTO_PROGRAM, X_OK) != 0) {
+    if (access(PROGRAM, X_OK) != 0) {
         throw std::runtime_error("There is no mosquitto broker at \"" ZYM_MOSQUITTO_PROGRAM
                                  "\". Install it (Debian: apt-get install mosquitto) and"
                                  " configure the build anew.");
@@ -97,9 +185,7 @@ bool Broker::isUp() {
         }
     }
     if (!process_) {
-        process_ = std::make_unique<Process>(
-            std::vector<std::string>{ZYM_MOSQUITTO_PROGRAM, "-c", directory_.file("broker.conf")},
-            directory_.file("broker.log"));
+        process_ = std::make_unique<Process>(directory_);
     }
     return answers(*this) && !process_->ended();
 }

@@ -11,8 +11,6 @@
 
 namespace support {
 
-class Process;
-
 struct BrokerOptions {
     bool nodelay = false;     ///< without it the broker waits for our kernel's acknowledgements
     bool persistence = false; ///< sessions and retained messages survive even `kill`
@@ -60,6 +58,8 @@ public:
     static void handleHang(std::ostream& out);
 
 private:
+    class Process;
+
     void writeConfiguration(BrokerOptions const& options) const;
     bool isUp();
     std::string logTail() const;
