@@ -7,44 +7,22 @@ using Error = mqtt::MqttClient::Error;
 
 namespace {
 
-std::unique_ptr<SharedDevice> sharedDevice;
-
-/// Destroys the shared device before the watchdog and all static objects.
-class Cleanup final : public testing::Environment {
-public:
-    void TearDown() override { sharedDevice.reset(); }
-};
-
-auto* const cleanup = testing::AddGlobalTestEnvironment(new Cleanup);
-
 std::string nextRoot() {
     static std::atomic<int> count{0};
     return "test" + std::to_string(++count);
 }
 
-/// Answers binding and unbinding with success and no data.
-struct BindingServer final : mqtt::RequestReplyServer::Listener {
-    std::shared_ptr<mqtt::RequestReplyData> onRequest(std::string const&, Uuid const&, Uuid const&,
-                                                      mqtt::RequestReplyData const&,
-                                                      mqtt::RequestReply::ErrorCode&) override {
-        return nullptr;
-    }
-};
-
 } // namespace
 
 SharedDevice& device() {
-    if (sharedDevice == nullptr) {
-        sharedDevice = std::make_unique<SharedDevice>();
-    }
-    return *sharedDevice;
+    static SharedDevice instance;
+    return instance;
 }
 
 SharedDevice::SharedDevice() {
-    static BindingServer bindingServer;
     echo.subscribe(&events, Uuid::NIL, std::make_shared<NumberData>());
-    bind.subscribe(&bindingServer, id, std::make_shared<mqtt::BindRequestData>());
-    unbind.subscribe(&bindingServer, id, nullptr);
+    bind.subscribe(&events, id, std::make_shared<mqtt::BindRequestData>());
+    unbind.subscribe(&events, id, nullptr);
     support::RawPeer peer(broker);
     peer.publish("far/links",
                  R"({"members@count": 2, "members": [{"@id": "far/one"}, {"@id": "far/two"}]})", 2,

@@ -13,9 +13,11 @@
 
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <future>
 #include <memory>
 #include <string>
+#include <vector>
 
 /// Time-outs in seconds: one that ends only in a test that fails, and one that the watchdog
 /// forestalls, for waits in vain, which must return at once.
@@ -85,7 +87,7 @@ struct Objects {
     std::future<bool> discovery;
     std::unique_ptr<mqtt::TopicCleaner> cleaner;
     std::unique_ptr<zym::common::Timer> timer;
-    int timeReads = 0; ///< of the shared device's time base, as of an earlier moment
+    std::atomic<int> timeReads{0}; ///< of the shared device's time base, as of an earlier moment
 };
 
 /// What the guide says of a call.
@@ -114,6 +116,8 @@ public:
     std::string const root;
     bool sameObject = false; ///< the call is made in a callback of the very object
     Verdict verdict = Verdict::WORKS;
+    std::uint32_t timeoutS = HOUR_S; ///< of operations that wait
+    std::atomic<int> topicsToClean{0};
     support::RawPeer peer{device().broker};
     EventRecorder events;
     EventRecorder callersEvents;
@@ -126,3 +130,18 @@ public:
 private:
     std::size_t flushes_ = 0;
 };
+
+/// A callback of the library, and how to make an object call it.
+struct Callback {
+    std::string className; ///< of the object that calls
+    std::string name;      ///< "onReply"
+    std::string thread;    ///< that calls it: "worker", "caller" or "timer"
+    std::string event;     ///< what the `EventRecorder` records of it begins with this
+    /// Makes an object of these call it. May be called repeatedly.
+    std::function<void(CallbackTest&, Objects&)> provoke;
+};
+
+/// One for each callback, and each thread that calls it.
+std::vector<Callback> const& callbacks();
+/// The first one with this class or name.
+Callback const& callbackOf(std::string const& classNameOrName);

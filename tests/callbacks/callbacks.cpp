@@ -1,4 +1,4 @@
-#include "callbacks.hpp"
+#include "callback_test.hpp"
 
 using Binding = zym::common::Binder::Error;
 using Code = mqtt::RequestReply::ErrorCode;

@@ -1,7 +1,7 @@
 // Every callback, on every thread that calls it by the guide's table of callbacks: its exceptions
 // are dropped, and the object calls it again.
 
-#include "callbacks.hpp"
+#include "callback_test.hpp"
 #include "guide.hpp"
 
 #include <gmock/gmock.h>

@@ -1,68 +1,49 @@
 #include "operations.hpp"
 
 using Error = mqtt::MqttClient::Error;
+using Lock = mqtt::MqttDataBase::Lock;
 using Test = CallbackTest;
 
 namespace {
 
-std::string const LINK = R"({"@id": "new"})";
-
-void subscribeRecorder(Test& t) {
-    EXPECT_EQ(t.client->subscribe(t.topic("x"), &t.events, 1), Error::SUCCESS);
-    EXPECT_TRUE(t.causes("message " + t.topic("x"), t.topic("x"), "before"));
+bool deliversMessages(Test& t) {
+    return t.causes("message " + t.topic("x"), t.topic("x"), "text");
 }
 
-void expectDelivery(Test& t) {
-    EXPECT_TRUE(t.causes("message " + t.topic("x"), t.topic("x"), "after"));
+bool reachesPeer(Test& t) {
+    return t.peerReceives(t.topic("x"), "hello");
 }
 
-void expectNoDelivery(Test& t) {
-    EXPECT_FALSE(t.causes("message " + t.topic("x"), t.topic("x"), "after"));
-}
-
-void expectAtPeer(Test& t) {
-    EXPECT_TRUE(t.peerReceives(t.topic("x"), "hello"));
-}
-
-void expectConnected(Test& t) {
-    EXPECT_TRUE(support::becomesConnected(*t.client));
+bool isConnected(Test& t) {
+    bool const connected = support::becomesConnected(*t.client);
     t.flush();
+    return connected;
 }
 
-void expectDisconnected(Test& t) {
-    EXPECT_TRUE(support::eventually(
-        [&] { return t.client->communicationState() == conv::ComState::DISCONNECTED; }));
+bool isDisconnected(Test& t) {
+    return support::eventually(
+        [&] { return t.client->communicationState() == conv::ComState::DISCONNECTED; });
 }
 
 Error setWill(Test& t) {
     return t.client->setWill(t.topic("x"), "hello", 0, false);
 }
 
-void prepareWill(Test& t) {
-    if (t.verdict != Verdict::REFUSED) {
-        EXPECT_EQ(setWill(t), Error::SUCCESS);
-    }
-}
-
-void expectWill(Test& t) {
+bool leavesWill(Test& t) {
     t.destroyConnectedClient();
-    expectAtPeer(t);
+    return reachesPeer(t);
 }
 
-void expectNoWill(Test& t) {
+bool leavesNoWill(Test& t) {
     t.destroyConnectedClient();
     t.peer.publish(t.topic("last"), "hello");
-    EXPECT_EQ(t.countAtPeer(t.topic("x")), 0U);
+    return t.countAtPeer(t.topic("x")) == 0;
 }
 
-void registerListener(Test& t) {
-    t.client->registerListener(&t.events);
-}
-
-void expectCallsAtDisconnection(Test& t, std::size_t times) {
+bool tellsListenerOnce(Test& t) {
     t.events.clear();
     EXPECT_EQ(t.client->disconnect(TIMEOUT_S), Error::SUCCESS);
-    EXPECT_EQ(t.events.count("state 1"), times);
+    return t.events.count("state 1") == 1;
 }
 
 void pauseAndResume(Test& t) {
@@ -70,135 +51,111 @@ void pauseAndResume(Test& t) {
     t.client->resume();
 }
 
-void resumeAndFlush(Test& t) {
+bool goesOnAfterPause(Test& t) {
     t.client->resume();
     t.flush();
+    return true;
 }
 
-void setValue(Test& t) {
-    mqtt::MqttDataBase::Lock const lock(t.objects.endpoint->mutex());
+mqtt::MqttData<mqtt::Link>& endpointWithValue(Test& t) {
+    Lock const lock(t.objects.endpoint->mutex());
     t.objects.endpoint->value.id = "mine";
-}
-
-void publishValue(Test& t) {
-    setValue(t);
-    t.objects.endpoint->publish();
-}
-
-void publishValueWait(Test& t) {
-    setValue(t);
-    t.objects.endpoint->publishWait();
-}
-
-Error makeValueTheWill(Test& t) {
-    setValue(t);
-    return t.objects.endpoint->setCurrentValueAsWill();
-}
-
-void subscribeEndpoint(Test& t) {
-    auto& endpoint = *t.objects.endpoint;
-    if (!t.sameObject) {
-        EXPECT_EQ(endpoint.subscribe(&t.events, 1), Error::SUCCESS);
-        EXPECT_TRUE(t.causes("value new", t.topic("value"), LINK));
-    }
+    return *t.objects.endpoint;
 }
 
 Error unsubscribeEndpoint(Test& t) {
-    mqtt::MqttDataBase::Lock lock(t.objects.endpoint->mutex());
+    Lock lock(t.objects.endpoint->mutex());
     return t.objects.endpoint->unsubscribeWait(lock);
 }
 
-void expectValue(Test& t) {
-    EXPECT_TRUE(t.causes("value new", t.topic("value"), LINK));
+bool deliversValues(Test& t) {
+    return t.causes("value new", t.topic("value"), R"({"@id": "new"})");
 }
 
-void expectNoValue(Test& t) {
-    EXPECT_FALSE(t.causes("value new", t.topic("value"), LINK));
+bool valueReachesPeer(Test& t) {
+    return t.peerReceives(t.topic("value"), "{\n  \"@id\": \"mine\"\n}");
 }
 
-void expectValueAtPeer(Test& t) {
-    EXPECT_TRUE(t.peerReceives(t.topic("value"), "{\n  \"@id\": \"mine\"\n}"));
-}
-
-void expectCleaned(Test& t) {
-    EXPECT_TRUE(t.peerReceives(t.topic("value"), ""));
-}
-
-void expectValueAsWill(Test& t) {
+bool leavesValueAsWill(Test& t) {
     t.destroyConnectedClient();
-    expectValueAtPeer(t);
+    return valueReachesPeer(t);
+}
+
+bool cleansValue(Test& t) {
+    return t.peerReceives(t.topic("value"), "");
 }
 
 } // namespace
 
 Operations clientOperations() {
+    auto const subscribed = done("MqttClient/subscribe");
+    auto const dataSubscribed = done("MqttData/subscribe");
     return {
         {"MqttClient/publish", nothing,
-         [](Test& t) { return t.client->publish(t.topic("x"), "hello", 2, false); }, expectAtPeer},
+         [](Test& t) { return t.client->publish(t.topic("x"), "hello", 2, false); }, reachesPeer},
         {"MqttClient/publishWait", nothing,
-         [](Test& t) { return t.client->publishWait(t.topic("x"), "hello", 2, false, HOUR_S); },
-         expectAtPeer},
+         [](Test& t) { return t.client->publishWait(t.topic("x"), "hello", 2, false, t.timeoutS); },
+         reachesPeer},
         {"MqttClient/clear", [](Test& t) { t.peer.publish(t.topic("x"), "hello", 2, true); },
          [](Test& t) { return t.client->clear(t.topic("x")); },
-         [](Test& t) { EXPECT_TRUE(t.peerReceives(t.topic("x"), "")); }},
+         [](Test& t) { return t.peerReceives(t.topic("x"), ""); }},
         {"MqttClient/subscribe", nothing,
-         [](Test& t) { return t.client->subscribe(t.topic("x"), &t.events, 1); }, expectDelivery},
-        {"MqttClient/unsubscribe", subscribeRecorder,
-         [](Test& t) { return t.client->unsubscribe(t.topic("x"), &t.events); }, expectNoDelivery},
-        {"MqttClient/unsubscribeWait", subscribeRecorder,
-         [](Test& t) { return t.client->unsubscribeWait(t.topic("x"), &t.events, TIMEOUT_S); },
-         expectNoDelivery, Kind::WAITS_FOR_THE_BROKER},
-        {"MqttClient/release", subscribeRecorder, [](Test& t) { t.client->release(&t.events); },
-         expectNoDelivery},
-        {"MqttClient/registerListener", nothing, registerListener,
-         [](Test& t) { expectCallsAtDisconnection(t, 1); }},
-        {"MqttClient/unregisterListener", registerListener,
-         [](Test& t) { t.client->unregisterListener(&t.events); },
-         [](Test& t) { expectCallsAtDisconnection(t, 0); }},
+         [](Test& t) { return t.client->subscribe(t.topic("x"), &t.events, 1); }, deliversMessages},
+        {"MqttClient/unsubscribe", subscribed,
+         [](Test& t) { return t.client->unsubscribe(t.topic("x"), &t.events); },
+         no(deliversMessages)},
+        {"MqttClient/unsubscribeWait", subscribed,
+         [](Test& t) { return t.client->unsubscribeWait(t.topic("x"), &t.events, t.timeoutS); },
+         no(deliversMessages), Kind::WAITS_FOR_THE_BROKER},
+        {"MqttClient/release", subscribed, [](Test& t) { t.client->release(&t.events); },
+         no(deliversMessages)},
+        {"MqttClient/registerListener", nothing,
+         [](Test& t) { t.client->registerListener(&t.events); }, tellsListenerOnce},
+        {"MqttClient/unregisterListener", [](Test& t) { t.client->registerListener(&t.events); },
+         [](Test& t) { t.client->unregisterListener(&t.events); }, no(tellsListenerOnce)},
         {"MqttClient/communicationState", nothing,
-         [](Test& t) { return t.client->communicationState() == conv::ComState::CONNECTED; },
-         nothing},
+         [](Test& t) {
+             return holds(t.client->communicationState() == conv::ComState::CONNECTED);
+         }},
         {"MqttClient/connect", nothing,
-         [](Test& t) { return t.client->connect("", -1, TIMEOUT_S); }, expectConnected,
+         [](Test& t) { return t.client->connect("", -1, t.timeoutS); }, isConnected,
          Kind::WHILE_DISCONNECTED},
-        {"MqttClient/disconnect", nothing, [](Test& t) { return t.client->disconnect(HOUR_S); },
-         expectDisconnected},
+        {"MqttClient/disconnect", nothing, [](Test& t) { return t.client->disconnect(t.timeoutS); },
+         isDisconnected},
         {"MqttClient/disconnect(0)", nothing,
          [](Test& t) { // SUCCESS or TIMEOUT, whichever is first
              auto const error = t.client->disconnect(0);
              return error == Error::TIMEOUT ? Error::SUCCESS : error;
          },
-         expectDisconnected},
-        {"MqttClient/giveUp", nothing, [](Test& t) { t.client->giveUp(); }, expectDisconnected},
-        {"MqttClient/pause", nothing, [](Test& t) { t.client->pause(); }, resumeAndFlush},
-        {"MqttClient/resume", nothing, pauseAndResume, resumeAndFlush},
-        {"MqttClient/setWill", nothing, setWill, expectWill, Kind::WHILE_DISCONNECTED},
-        {"MqttClient/clearWill", prepareWill, [](Test& t) { return t.client->clearWill(); },
-         expectNoWill, Kind::WHILE_DISCONNECTED},
-        {"MqttClient/destroy", nothing, [](Test& t) { t.destroyClient(); }, nothing},
-    };
-}
+         isDisconnected},
+        {"MqttClient/giveUp", nothing, [](Test& t) { t.client->giveUp(); }, isDisconnected},
+        {"MqttClient/pause", nothing, [](Test& t) { t.client->pause(); }, goesOnAfterPause},
+        {"MqttClient/resume", nothing, pauseAndResume, goesOnAfterPause},
+        {"MqttClient/setWill", nothing, setWill, leavesWill, Kind::WHILE_DISCONNECTED},
+        {"MqttClient/clearWill", setWill, [](Test& t) { return t.client->clearWill(); },
+         leavesNoWill, Kind::WHILE_DISCONNECTED},
+        {"MqttClient/destroy", nothing, [](Test& t) { t.destroyClient(); }},
 
-Operations dataOperations() {
-    return {
-        {"MqttData/publish", nothing, publishValue, expectValueAtPeer},
-        {"MqttData/publishWait", nothing, publishValueWait, expectValueAtPeer,
-         Kind::SUCCEEDS_IN_VAIN},
+        {"MqttData/publish", nothing, [](Test& t) { endpointWithValue(t).publish(); },
+         valueReachesPeer},
+        {"MqttData/publishWait", nothing, [](Test& t) { endpointWithValue(t).publishWait(); },
+         valueReachesPeer, Kind::SUCCEEDS_IN_VAIN},
         {"MqttData/clean", nothing, [](Test& t) { return t.objects.endpoint->clean(); },
-         expectCleaned},
+         cleansValue},
         {"MqttData/cleanWait", nothing, [](Test& t) { return t.objects.endpoint->cleanWait(); },
-         expectCleaned},
-        {"MqttData/setCurrentValueAsWill", nothing, makeValueTheWill, expectValueAsWill,
+         cleansValue},
+        {"MqttData/setCurrentValueAsWill", nothing,
+         [](Test& t) { return endpointWithValue(t).setCurrentValueAsWill(); }, leavesValueAsWill,
          Kind::WHILE_DISCONNECTED},
         {"MqttData/subscribe", nothing,
-         [](Test& t) { return t.objects.endpoint->subscribe(&t.events, 2); }, expectValue},
-        {"MqttData/unsubscribe", subscribeEndpoint,
-         [](Test& t) { return t.objects.endpoint->unsubscribe(); }, expectNoValue},
-        {"MqttData/unsubscribeWait", subscribeEndpoint, unsubscribeEndpoint, expectNoValue,
+         [](Test& t) { return t.objects.endpoint->subscribe(&t.events, 2); }, deliversValues},
+        {"MqttData/unsubscribe", dataSubscribed,
+         [](Test& t) { return t.objects.endpoint->unsubscribe(); }, no(deliversValues)},
+        {"MqttData/unsubscribeWait", dataSubscribed, unsubscribeEndpoint, no(deliversValues),
          Kind::WAITS_FOR_THE_BROKER},
-        {"MqttData/release", subscribeEndpoint, [](Test& t) { t.objects.endpoint->release(); },
-         expectNoValue},
-        {"MqttData/destroy", subscribeEndpoint, [](Test& t) { t.objects.endpoint.reset(); },
-         expectNoValue},
+        {"MqttData/release", dataSubscribed, [](Test& t) { t.objects.endpoint->release(); },
+         no(deliversValues)},
+        {"MqttData/destroy", dataSubscribed, [](Test& t) { t.objects.endpoint.reset(); },
+         no(deliversValues)},
     };
 }

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "requestreply/sample_data.hpp"
-#include "support/watched.hpp"
+#include "support/recorder.hpp"
 
 #include <mqtt/binder_proxy.hpp>
 #include <mqtt/link.hpp>
@@ -10,15 +10,14 @@
 #include <mqtt/topic_cleaner.hpp>
 
 #include <algorithm>
-#include <functional>
 #include <memory>
 #include <string>
-#include <vector>
 
 /// A listener of every kind that records its calls as short texts: "message a/b", "value x",
 /// "state 2", "request", "reply 1", "synchronized", "bound 0", "unbound 0", "cleaned a/b",
 /// "all cleaned", "timer". Declare it before the clients.
-class EventRecorder final : public mqtt::MqttClient::Subscriber,
+class EventRecorder final : public support::Recording<std::string, std::string const&>,
+                            public mqtt::MqttClient::Subscriber,
                             public mqtt::MqttClient::Listener,
                             public mqtt::MqttData<mqtt::Link>::Subscriber,
                             public mqtt::RequestReplyClient::Listener,
@@ -27,32 +26,16 @@ class EventRecorder final : public mqtt::MqttClient::Subscriber,
                             public zym::common::BinderProxy::Listener,
                             public mqtt::TopicCleaner::Listener {
 public:
-    using Hook = std::function<void(std::string const& event)>;
     using Uuid = zym::common::Uuid;
 
-    ~EventRecorder() override = default;
-
-    /// Called inside every call, after it was recorded. To be set before the first call.
-    void setHook(Hook hook) { hook_ = std::make_shared<Hook>(std::move(hook)); }
-
-    void record(std::string const& event) {
-        // A thread that waits for this event may destroy the recorder as soon as it was recorded.
-        auto const hook = hook_;
-        events_.change([&](auto& events) { events.push_back(event); });
-        if (*hook) {
-            (*hook)(event);
-        }
-    }
+    void record(std::string const& event) { add(event, event); }
     void record(std::string const& event, int code) { record(event + " " + std::to_string(code)); }
 
-    void clear() {
-        events_.change([](auto& events) { events.clear(); });
-    }
     std::size_t count(std::string const& event) const {
-        return events_.read([&](auto const& events) { return countIn(events, event); });
+        return entries_.read([&](Entries const& events) { return countIn(events, event); });
     }
     bool waitFor(std::string const& event, std::size_t times = 1) const {
-        return events_.waitFor([&](auto const& events) { return countIn(events, event) >= times; });
+        return entries_.waitFor([&](Entries const& all) { return countIn(all, event) >= times; });
     }
 
     void onMqttMessage(int, mqtt::Topic const& topic, std::string const&) override {
@@ -83,10 +66,7 @@ public:
     void onAllTopicsCleaned() override { record("all cleaned"); }
 
 private:
-    static std::size_t countIn(std::vector<std::string> const& events, std::string const& event) {
+    static std::size_t countIn(Entries const& events, std::string const& event) {
         return static_cast<std::size_t>(std::count(events.begin(), events.end(), event));
     }
-
-    support::Watched<std::vector<std::string>> events_;
-    std::shared_ptr<Hook> hook_ = std::make_shared<Hook>();
 };

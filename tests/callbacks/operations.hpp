@@ -10,27 +10,30 @@
 /// How a call of an operation has ended.
 enum class Outcome { SUCCESS, REFUSED, TIMED_OUT, OTHER };
 
+template <class Code>
+Outcome outcomeOf(Code code) {
+    return code == Code::SUCCESS   ? Outcome::SUCCESS
+           : code == Code::TIMEOUT ? Outcome::TIMED_OUT
+                                   : Outcome::OTHER;
+}
 inline Outcome outcomeOf(mqtt::MqttClient::Error error) {
-    using Error = mqtt::MqttClient::Error;
-    return error == Error::SUCCESS              ? Outcome::SUCCESS
-           : error == Error::CONNECTION_PENDING ? Outcome::REFUSED
-           : error == Error::TIMEOUT            ? Outcome::TIMED_OUT
-                                                : Outcome::OTHER;
+    return error == mqtt::MqttClient::Error::CONNECTION_PENDING
+               ? Outcome::REFUSED
+               : outcomeOf<mqtt::MqttClient::Error>(error);
 }
 inline Outcome outcomeOf(mqtt::RequestReply::ErrorCode error) {
     using Code = mqtt::RequestReply::ErrorCode;
-    return error == Code::SUCCESS || error == Code::PENDING ? Outcome::SUCCESS
-           : error == Code::TIMEOUT                         ? Outcome::TIMED_OUT
-                                                            : Outcome::OTHER;
-}
-inline Outcome outcomeOf(zym::common::Binder::Error error) {
-    using Error = zym::common::Binder::Error;
-    return error == Error::SUCCESS   ? Outcome::SUCCESS
-           : error == Error::TIMEOUT ? Outcome::TIMED_OUT
-                                     : Outcome::OTHER;
+    return outcomeOf<Code>(error == Code::PENDING ? Code::SUCCESS : error);
 }
 inline Outcome outcomeOf(bool succeeded) {
     return succeeded ? Outcome::SUCCESS : Outcome::TIMED_OUT;
+}
+/// Of an operation that only looks, with whether it sees what it must.
+inline Outcome holds(bool condition) {
+    return condition ? Outcome::SUCCESS : Outcome::OTHER;
+}
+inline Outcome outcomeOf(Outcome outcome) {
+    return outcome;
 }
 
 /// In what an operation differs from others.
@@ -41,16 +44,23 @@ enum class Kind {
     SUCCEEDS_IN_VAIN      ///< a wait in vain has no result, or is a success: it ends all the same
 };
 
+/// Where there is nothing to prepare, or to check beside the outcome of the call.
+inline void nothing(CallbackTest& /*test*/) {}
+inline bool nothingElse(CallbackTest& /*test*/) {
+    return true;
+}
+
 /// A public operation, and how to check that a call of it has worked.
 struct Operation {
     using Step = std::function<void(CallbackTest&)>;
+    using Check = std::function<bool(CallbackTest&)>;
 
     /// @param operationToCall a function of a `CallbackTest&`, without a result or with one that
     ///                        `outcomeOf` takes
     template <class Call>
-    Operation(std::string const& nameOfIt, Step const& before, Call const& operationToCall,
-              Step const& after, Kind kindOfIt = Kind::USUAL)
-        : name(nameOfIt), prepare(before), check(after), kind(kindOfIt) {
+    Operation(std::string const& nameOfIt, Step before, Call const& operationToCall,
+              Check after = nothingElse, Kind kindOfIt = Kind::USUAL)
+        : name(nameOfIt), prepare(std::move(before)), check(std::move(after)), kind(kindOfIt) {
         call = [operationToCall](CallbackTest& t) {
             if constexpr (std::is_void_v<decltype(operationToCall(t))>) {
                 operationToCall(t);
@@ -62,26 +72,43 @@ struct Operation {
     }
 
     std::string className() const { return name.substr(0, name.find('/')); }
+    /// The object cannot be used afterwards.
+    bool endsTheObject() const {
+        auto const operation = name.substr(name.find('/') + 1);
+        return operation == "destroy" || operation == "terminate"
+               || name == "RequestReplyClient/release";
+    }
 
     std::string name; ///< class and operation: "Timer/stop"
     Step prepare;     ///< on the test's thread, before any callback
     std::function<Outcome(CallbackTest&)> call;
-    Step check; ///< on the test's thread, afterwards, unless the call is refused
+    Check check; ///< on the test's thread, afterwards, unless the call is refused
     Kind kind;
 };
 
 using Operations = std::vector<Operation>;
 
+/// Those of clients and endpoints.
 Operations clientOperations();
-Operations dataOperations();
-Operations requestReplyOperations();
-Operations timeBaseOperations();
-Operations binderOperations();
-Operations discoveryOperations();
-Operations cleanerOperations();
-Operations timerOperations();
+/// Those of all other classes.
+Operations serviceOperations();
 /// All of these.
 Operations const& allOperations();
+/// Null when there is none with this name.
+Operation const* findOperation(std::string const& name);
 
-/// Where there is nothing to prepare, or to check beside the outcome of the call.
-inline void nothing(CallbackTest& /*test*/) {}
+/// To prepare an operation: calls this one, and checks that it has worked. Inside its own callback
+/// an object is prepared by what leads to that callback; a client has none.
+inline Operation::Step done(std::string const& name) {
+    return [name](CallbackTest& t) {
+        auto const& operation = *findOperation(name);
+        if (!t.sameObject || operation.className() == "MqttClient") {
+            operation.call(t);
+            EXPECT_TRUE(operation.check(t)) << name;
+        }
+    };
+}
+/// To check that something is not so.
+inline Operation::Check no(Operation::Check const& check) {
+    return [check](CallbackTest& t) { return !check(t); };
+}

@@ -1,6 +1,4 @@
-#include "chaos/workers.hpp"
-
-#include "support/watched.hpp"
+#include "chaos/workload.hpp"
 
 #include <mqtt/binder_proxy.hpp>
 #include <mqtt/time_base.hpp>
@@ -24,10 +22,9 @@ public:
     }
 
 private:
-    std::shared_ptr<mqtt::RequestReplyData>
-    onRequest(std::string const& /*name*/, Uuid const& /*clientUuid*/, Uuid const& /*serverUuid*/,
-              mqtt::RequestReplyData const& /*requestData*/,
-              mqtt::RequestReply::ErrorCode& /*error*/) override {
+    std::shared_ptr<mqtt::RequestReplyData> onRequest(std::string const&, Uuid const&, Uuid const&,
+                                                      mqtt::RequestReplyData const&,
+                                                      mqtt::RequestReply::ErrorCode&) override {
         return mqtt::NO_DATA;
     }
 
@@ -39,24 +36,17 @@ private:
 
 class BindingWorker final : public Worker, private zym::common::BinderProxy::Listener {
 public:
-    BindingWorker(TestBed& on, std::string const& name)
-        : Worker(on, name, 50), client_(testBed.newClient({false, true, id_})) {}
+    BindingWorker(TestBed& on, std::string const& nameOfIt)
+        : Worker(on, nameOfIt, 50), client_(testBed.newClient({false, true, id_})) {}
 
 private:
-    struct Calls {
-        int bound = 0;
-        int unbound = 0;
-    };
-
     /// @return whether it was bound by the call that waits
     bool step() override {
         count("bindings tried");
-        auto const before = calls_.copy();
+        int const before = bound_.copy();
         bool const bound = random.percent(60) ? bindAndWait() : bindWithListener();
-        bool const unbound = unbind();
-        auto const after = calls_.copy();
-        check(after.bound <= before.bound + 1, "told twice of the end of a binding");
-        check(!unbound || after.unbound == before.unbound + 1, "not told once of an unbinding");
+        unbind();
+        check(bound_.copy() <= before + 1, "told twice of the end of a binding");
         count("bindings made", bound ? 1 : 0);
         return bound;
     }
@@ -71,42 +61,38 @@ private:
 
     /// Half of these bindings are cancelled soon.
     bool bindWithListener() {
-        auto const before = calls_.copy().bound;
+        int const before = bound_.copy();
         check(binder_.bind(SERVER_ID, 1) == Error::SUCCESS, "a binding does not begin");
         if (random.percent(50)) {
             wait(0, 20);
         } else {
-            expectCall([&](Calls const& calls) { return calls.bound > before; }, "a binding");
+            check(bound_.waitFor([&](int calls) { return calls > before; }, END_DEADLINE),
+                  "a binding never ended");
         }
         return false;
     }
 
-    /// @return whether there was anything to unbind
-    bool unbind() {
-        auto const before = calls_.copy().unbound;
+    void unbind() {
+        int const before = unbound_.copy();
         auto const error = random.percent(50) ? binder_.unbindSync(1) : binder_.unbind(1);
-        if (error == Error::NOT_BOUND) {
-            return false;
+        if (error != Error::NOT_BOUND) {
+            check(error == Error::SUCCESS, "an unbinding fails");
+            check(unbound_.waitFor([&](int calls) { return calls > before; }, END_DEADLINE),
+                  "an unbinding never ended");
+            check(unbound_.copy() == before + 1, "told twice of the end of an unbinding");
         }
-        check(error == Error::SUCCESS, "an unbinding fails");
-        expectCall([&](Calls const& calls) { return calls.unbound > before; }, "an unbinding");
-        return true;
-    }
-
-    template <class Condition>
-    void expectCall(Condition const& condition, std::string const& what) {
-        check(calls_.waitFor(condition, END_DEADLINE), what + " never ended");
     }
 
     void onBound(Error /*error*/) override {
-        calls_.change([](Calls& calls) { ++calls.bound; });
+        bound_.change([](int& calls) { ++calls; });
     }
     void onUnbound(Error /*error*/) override {
-        calls_.change([](Calls& calls) { ++calls.unbound; });
+        unbound_.change([](int& calls) { ++calls; });
     }
 
     Uuid const id_ = support::uniqueId();
-    support::Watched<Calls> calls_;
+    support::Watched<int> bound_; ///< calls of the listener
+    support::Watched<int> unbound_;
     std::unique_ptr<mqtt::MqttClient> client_;
     mqtt::BinderMqttProxy binder_{*client_, SERVER_TOPIC, "", id_, "chaos/bound", this};
 };

@@ -1,6 +1,6 @@
 // A run with faults: docs/chaos.md.
 
-#include "chaos/fault_injector.hpp"
+#include "chaos/faults.hpp"
 #include "chaos/workload.hpp"
 
 #include "support/eventually.hpp"
@@ -83,7 +83,7 @@ protected:
     /// @param period the length of one series of faults
     void run(Report& report, milliseconds length, milliseconds period) {
         TestBed testBed(seed_, report);
-        FaultInjector faults(testBed);
+        Random random(seed_, "faults");
         Workload workload(testBed);
         auto const end = Clock::now() + length;
         auto const left = [&] {
@@ -91,11 +91,11 @@ protected:
         };
         do {
             workload.start();
-            faults.injectCuts(std::min(period, std::max(left() / 2, milliseconds(1000))));
+            injectCuts(testBed, random, std::min(period, std::max(left() / 2, milliseconds(1000))));
             workload.pauseAndVerify();
             noteResources("after cuts");
             workload.start();
-            faults.injectKills(std::min(period, std::max(left(), milliseconds(3000))));
+            injectKills(testBed, random, std::min(period, std::max(left(), milliseconds(3000))));
             workload.pauseAndVerify();
             noteResources("after kills");
         } while (Clock::now() < end);

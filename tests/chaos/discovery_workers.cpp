@@ -1,4 +1,4 @@
-#include "chaos/workers.hpp"
+#include "chaos/workload.hpp"
 
 #include "support/raw_peer.hpp"
 
@@ -16,7 +16,7 @@ namespace {
 using Identification = mqtt::MqttData<conv::Identification>;
 
 constexpr char const* DEVICE_TOPIC = "chaos/device";
-constexpr int ENTITIES = 5;
+constexpr std::size_t ENTITIES = 5;
 std::string const CLEANED_TOPIC = "chaos/cleaned/";
 
 std::string nameOf(std::size_t entity) {
@@ -63,13 +63,10 @@ private:
     bool step() override {
         bool const complete = discoverer_.discoverSync(2, true);
         count(complete ? "discoveries made" : "discoveries that timed out");
-        if (complete) {
-            auto const entities = discoverer_.entities();
-            bool correct = entities.size() == static_cast<std::size_t>(ENTITIES);
-            for (std::size_t i = 0; correct && i < entities.size(); ++i) {
-                correct = entities[i].name == nameOf(i);
-            }
-            check(correct, "complete, but wrong");
+        auto const entities = discoverer_.entities();
+        check(!complete || entities.size() == ENTITIES, "complete, but not all");
+        for (std::size_t i = 0; complete && i < entities.size(); ++i) {
+            check(entities[i].name == nameOf(i), "complete, but wrong");
         }
         return complete;
     }

@@ -89,12 +89,13 @@ void SequenceChecker::checkRepetition(std::uint64_t number, unsigned losses) {
 }
 
 void SequenceChecker::violation(std::string const& what, std::uint64_t number) {
-    report_.violation(
-        subscriber_ + ", " + sequence_.topic() + ": " + what + ": " + std::to_string(number)
-        + " (after " + std::to_string(last_) + ", highest " + std::to_string(highest_)
-        + ", published " + std::to_string(sequence_.published()) + ", publisher reconnected "
-        + std::to_string(sequence_.reconnections()) + " times, last loss of its connection at "
-        + std::to_string(sequence_.publishedAtLoss()) + ")");
+    report_.check(false, subscriber_ + ", " + sequence_.topic() + ": " + what + ": "
+                             + std::to_string(number) + " (after " + std::to_string(last_)
+                             + ", highest " + std::to_string(highest_) + ", published "
+                             + std::to_string(sequence_.published()) + ", publisher reconnected "
+                             + std::to_string(sequence_.reconnections())
+                             + " times, last loss of its connection at "
+                             + std::to_string(sequence_.publishedAtLoss()) + ")");
 }
 
 } // namespace chaos

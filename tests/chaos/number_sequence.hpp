@@ -1,8 +1,6 @@
 #pragma once
 
-#include "chaos/report.hpp"
-
-#include "support/cut_proxy.hpp"
+#include "chaos/test_bed.hpp"
 
 #include <atomic>
 #include <cstdint>
@@ -20,8 +18,10 @@ struct Delivery {
 /// The numbers 1, 2, 3, ... published on one topic by one client.
 class NumberSequence {
 public:
-    NumberSequence(std::string topic, Delivery delivery)
-        : topic_(std::move(topic)), delivery_(delivery) {}
+    /// @param topic no other sequence has it
+    /// @param proxy between its publisher and the broker
+    NumberSequence(std::string topic, Delivery delivery, support::CutProxy const& proxy)
+        : topic_(std::move(topic)), delivery_(delivery), proxy_(proxy) {}
 
     std::string const& topic() const { return topic_; }
     Delivery const& delivery() const { return delivery_; }
@@ -29,12 +29,8 @@ public:
     std::uint64_t next() { return ++published_; }
     std::uint64_t published() const { return published_; }
 
-    /// The proxy between its publisher and the broker.
-    void usesProxy(support::CutProxy const& proxy) { proxy_ = &proxy; }
     /// How often its publisher has reconnected, or tried to.
-    unsigned reconnections() const {
-        return proxy_ == nullptr ? 0 : static_cast<unsigned>(proxy_->connections()) - 1;
-    }
+    unsigned reconnections() const { return static_cast<unsigned>(proxy_.connections()) - 1; }
 
     /// The publisher has lost its connection: the last values may not have been sent. Called before
     /// it publishes over the next connection.
@@ -52,10 +48,10 @@ public:
 private:
     std::string const topic_;
     Delivery const delivery_;
+    support::CutProxy const& proxy_;
     std::atomic<std::uint64_t> published_{0};
     std::atomic<std::uint64_t> arrived_{0};
     std::atomic<std::uint64_t> publishedAtLoss_{0};
-    support::CutProxy const* proxy_ = nullptr;
 };
 
 /// Checks the numbers that one subscriber receives of one sequence. For one thread, except `last`.

@@ -1,8 +1,6 @@
-#include "chaos/workers.hpp"
+#include "chaos/workload.hpp"
 
 #include "requestreply/sample_data.hpp"
-
-#include "support/watched.hpp"
 
 #include <mqtt/payloads.hpp>
 #include <mqtt/request_reply.hpp>
@@ -38,21 +36,21 @@ public:
         unsigned int number = 0; ///< in the reply
     };
 
-    bool waitForEnd() const {
-        return end_.waitFor([](End const& end) { return end.times > 0; }, END_DEADLINE);
+    /// @return `PENDING`, or the reason why no request was made
+    ErrorCode request(mqtt::RequestReplyClient& client, Uuid const& id, unsigned int number) {
+        return client.request(this, id, Uuid::NIL, std::make_shared<NumberData>(number), reply_,
+                              nullptr, 1);
     }
-    End end() const { return end_.copy(); }
 
-    std::shared_ptr<NumberData> const reply = std::make_shared<NumberData>();
+    support::Watched<End> end;
 
 private:
-    void onReply(unsigned int /*requestId*/, std::string const& /*name*/,
-                 Uuid const& /*clientUuid*/, Uuid const& /*serverUuid*/,
-                 mqtt::RequestReplyData const& /*data*/, ErrorCode error) override {
-        end_.change([&](End& end) { end = {end.times + 1, error, reply->number}; });
+    void onReply(unsigned int, std::string const&, Uuid const&, Uuid const&,
+                 mqtt::RequestReplyData const&, ErrorCode error) override {
+        end.change([&](End& one) { one = {one.times + 1, error, reply_->number}; });
     }
 
-    support::Watched<End> end_;
+    std::shared_ptr<NumberData> const reply_ = std::make_shared<NumberData>();
 };
 
 /// Replies with the number that it was asked.
@@ -64,15 +62,14 @@ public:
     }
 
 private:
-    std::shared_ptr<mqtt::RequestReplyData>
-    onRequest(std::string const& /*name*/, Uuid const& /*clientUuid*/, Uuid const& /*serverUuid*/,
-              mqtt::RequestReplyData const& requestData, ErrorCode& /*error*/) override {
+    std::shared_ptr<mqtt::RequestReplyData> onRequest(std::string const&, Uuid const&, Uuid const&,
+                                                      mqtt::RequestReplyData const& requestData,
+                                                      ErrorCode& /*error*/) override {
         constexpr std::size_t REMEMBERED = 200;
         auto const number = dynamic_cast<NumberData const&>(requestData).number;
         report_.count("requests carried out");
         // All requests of short-lived clients carry 0.
-        report_.check(number == 0
-                          || std::find(recent_.begin(), recent_.end(), number) == recent_.end(),
+        report_.check(number == 0 || std::count(recent_.begin(), recent_.end(), number) == 0,
                       "request " + std::to_string(number) + " came twice");
         recent_.push_back(number);
         if (recent_.size() > REMEMBERED) {
@@ -90,8 +87,8 @@ private:
 /// Sends one request after the other: waits, uses a listener, cancels.
 class RequestWorker final : public Worker {
 public:
-    RequestWorker(TestBed& on, std::string const& name, bool persistent, std::uint32_t firstNumber)
-        : Worker(on, name, 30),
+    RequestWorker(TestBed& on, std::string const& nameOfIt, bool persistent, unsigned firstNumber)
+        : Worker(on, nameOfIt, 30),
           number_(firstNumber),
           client_(testBed.newClient({persistent, true, id_})) {}
     ~RequestWorker() override {
@@ -115,11 +112,8 @@ private:
 
     bool requestWithListener() {
         constexpr std::size_t KEPT_LISTENERS = 50;
-        listeners_.push_back(std::make_unique<RequestListener>());
-        auto& listener = *listeners_.back();
-        auto const result =
-            requests_.request(&listener, id_, Uuid::NIL, std::make_shared<NumberData>(number_),
-                              listener.reply, nullptr, 1);
+        auto& listener = listeners_.emplace_back();
+        auto const result = listener.request(requests_, id_, number_);
         check(result == ErrorCode::PENDING, "a request is not made: " + textOf(result));
         if (random.percent(10)) {
             wait(0, 5);
@@ -127,9 +121,11 @@ private:
         } else if (random.percent(20)) {
             requests_.waitEndOfRequest(1);
         }
-        check(listener.waitForEnd(), "request " + std::to_string(number_) + " never ended");
+        check(listener.end.waitFor([](auto const& end) { return end.times > 0; }, END_DEADLINE),
+              "request " + std::to_string(number_) + " never ended");
         checkEnds(KEPT_LISTENERS);
-        return checkReply(listener.end().error, listener.end().number);
+        auto const end = listener.end.copy();
+        return checkReply(end.error, end.number);
     }
 
     bool checkReply(ErrorCode error, unsigned int replied) {
@@ -145,13 +141,13 @@ private:
     /// A second end is noticed while the listener is kept.
     void checkEnds(std::size_t kept) {
         for (; listeners_.size() > kept; listeners_.pop_front()) {
-            check(listeners_.front()->end().times == 1, "a request did not end exactly once");
+            check(listeners_.front().end.copy().times == 1, "a request did not end exactly once");
         }
     }
 
     Uuid const id_ = support::uniqueId();
-    std::uint32_t number_;
-    std::deque<std::unique_ptr<RequestListener>> listeners_;
+    unsigned int number_;
+    std::deque<RequestListener> listeners_;
     std::unique_ptr<mqtt::MqttClient> client_;
     mqtt::RequestReplyClient requests_{*client_, TOPIC, SUBTOPIC, SERVICE};
 };
@@ -185,17 +181,14 @@ private:
         RequestListener listener;
         {
             mqtt::RequestReplyClient requests(client, TOPIC, SUBTOPIC, SERVICE);
-            auto const result =
-                requests.request(&listener, support::uniqueId(), Uuid::NIL,
-                                 std::make_shared<NumberData>(0), listener.reply, nullptr, 1);
+            auto const result = listener.request(requests, support::uniqueId(), 0);
             check(result == ErrorCode::PENDING, "a request is not made");
             wait(0, 10);
         }
-        check(listener.end().times == 1, "a request did not end once before its client did");
+        check(listener.end.copy().times == 1, "a request did not end once before its client did");
     }
 
-    void onMqttMessage(int /*tag*/, mqtt::Topic const& /*topic*/,
-                       std::string const& /*payload*/) override {
+    void onMqttMessage(int, mqtt::Topic const&, std::string const&) override {
         count("messages to short-lived clients");
     }
 

@@ -1,36 +1,65 @@
 #pragma once
 
-#include "chaos/topic_monitor.hpp"
-#include "chaos/workers.hpp"
+#include "chaos/numbered_values.hpp"
+#include "chaos/worker.hpp"
+
+#include <memory>
+#include <vector>
 
 namespace chaos {
 
-/// All workers, servers and monitors of a run.
+/// The workers of a run, and the servers that they use.
+struct Services {
+    std::vector<std::shared_ptr<void>> servers;
+    std::vector<std::unique_ptr<Worker>> workers;
+};
+
+/// Clients that send one request after the other; clients that are made, used a little, and
+/// destroyed in any state.
+void addRequestWorkers(TestBed& testBed, Services& services);
+/// Clients that bind and unbind.
+void addBindingWorkers(TestBed& testBed, Services& services);
+/// A discoverer of a device with five entities; cleaners of topics.
+void addDiscoveryWorkers(TestBed& testBed, Services& services);
+
+/// All that a run does beside the faults.
 class Workload {
 public:
-    explicit Workload(TestBed& testBed);
-    ~Workload();
+    explicit Workload(TestBed& testBed) : testBed_(testBed), numbers_(testBed, services_.workers) {
+        addRequestWorkers(testBed, services_);
+        addBindingWorkers(testBed, services_);
+        addDiscoveryWorkers(testBed, services_);
+    }
+    ~Workload() {
+        pause();
+        callAll(&Worker::end);
+    }
     Workload(Workload const&) = delete;
     Workload& operator=(Workload const&) = delete;
 
-    void start();
+    void start() { callAll(&Worker::start); }
     /// After the faults: pauses all workers, checks that all has arrived that must, and that each
     /// worker still works.
-    void pauseAndVerify();
+    void pauseAndVerify() {
+        pause();
+        callAll(&Worker::waitUntilPaused);
+        numbers_.verify();
+        callAll(&Worker::verify);
+        testBed_.brokerIsKilled = false;
+    }
 
 private:
-    void addPublisher(std::string const& name, std::vector<Delivery> const& deliveries);
-    void waitForConnections();
-    void waitForLastNumbers();
-    std::string missingTopics() const;
-    void checkRetainedValues();
+    /// All at once, before a wait for the first one.
+    void pause() { callAll(&Worker::pause); }
+    void callAll(void (Worker::*operation)()) {
+        for (auto const& worker : services_.workers) {
+            (*worker.*operation)();
+        }
+    }
 
     TestBed& testBed_;
-    std::vector<std::unique_ptr<NumberSequence>> sequences_;
-    std::vector<std::unique_ptr<TopicMonitor>> monitors_;
     Services services_;
-    std::vector<std::unique_ptr<Publisher>> publishers_;
-    std::vector<Worker*> workers_; ///< all, publishers included
+    NumberedValues numbers_;
 };
 
 } // namespace chaos

@@ -12,6 +12,7 @@
 #include <fcntl.h>
 
 #include <future>
+#include <utility>
 
 namespace {
 
@@ -59,7 +60,6 @@ TEST_F(AHandshake, IsTheCallersAloneWhileItWaitsForTcp) {
 }
 
 TEST_F(AHandshake, ThatIsRefusedGoesFromConnectingToConnectionLost) {
-    server.refuseWith(5);
     server.setMode(Mode::REFUSE);
     EXPECT_EQ(client.connect("", -1, 1), Error::TIMEOUT);
     EXPECT_THAT(states.history(), ElementsAre(ComState::CONNECTING, ComState::CONNECTION_LOST));
@@ -79,7 +79,10 @@ TEST_F(AHandshake, WithASilentServerGoesOnAfterTheWaitUntilADisconnect) {
 }
 
 TEST_F(AHandshake, BrokenOffByTheServerIsTriedAgain) {
-    server.dropAtPacket(PacketType::CONNECT, 1);
+    server.setHook([first = true](auto const&) mutable {
+        return std::exchange(first, false) ? ScriptedServer::Reaction::DROP
+                                           : ScriptedServer::Reaction::ANSWER;
+    });
     EXPECT_EQ(client.connect("", -1, WAIT_SECONDS), Error::SUCCESS);
     EXPECT_THAT(states.history(),
                 ElementsAre(ComState::CONNECTING, ComState::CONNECTION_LOST, ComState::CONNECTED));

@@ -1,9 +1,9 @@
 #pragma once
 
 #include "interleavings/scenario.hpp"
+#include "mqtt/mosquittopp.hpp"
 #include "support/stand_in/stand_in.hpp"
 
-#include "mqtt/mosquittopp.hpp"
 #include <mosquitto.h>
 
 #include <algorithm>

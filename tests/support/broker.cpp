@@ -1,20 +1,27 @@
 #include "support/broker.hpp"
 
-#include "support/process.hpp"
+#include "support/raw_peer.hpp"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <pwd.h>
 #include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <fstream>
 #include <iostream>
+#include <set>
 #include <stdexcept>
+#include <thread>
 
 namespace support {
 
 namespace {
+
+constexpr char const* PROGRAM = ZYM_MOSQUITTO_PROGRAM;
 
 std::string userName() {
     passwd const* const user = getpwuid(geteuid());
@@ -23,33 +30,118 @@ std::string userName() {
 
 /// Whether a broker answers CONNECT. An accepted connection proves less: the kernel accepts
 /// connections for a process that listens but does not handle signals yet.
-bool answers(int port) {
-    FileDescriptor const socket = connectTo(port);
-    std::string const connect("\x10\x0c\0\4MQTT\4\2\0\x3c\0\0", 14);
-    if (!socket.valid() || !sendAll(socket, connect)) {
+bool answers(Broker const& broker) {
+    try {
+        RawPeer const peer(broker);
+        return true;
+    } catch (std::runtime_error const&) {
         return false;
     }
-    pollfd answer{socket.get(), POLLIN, 0};
-    bool const answered = poll(&answer, 1, 1000) == 1;
-    sendAll(socket, std::string("\xe0\0", 2)); // DISCONNECT
-    return answered;
+}
+
+Watched<std::set<Broker const*>>& allBrokers() {
+    static Watched<std::set<Broker const*>> all;
+    return all;
 }
 
 } // namespace
 
-Broker::Broker(Options const& options)
-    : lease_(options.port == 0 ? PortLease() : PortLease(options.port)),
-      hangHandler_([this](std::ostream& out) { handleHang(out); }) {
-    if (access(ZYM_MOSQUITTO_PROGRAM, X_OK) != 0) {
+/// A child process that never outlives this one: the destructor kills it, and so does the kernel
+/// when this process ends in any other way. One that cannot be made or run has ended.
+class Broker::Process {
+public:
+    explicit Process(TempDir const& directory)
+        : configuration_(directory.file("broker.conf")),
+          log_(directory.file("broker.log")),
+          thread_([this] { run(); }) {
+        state_.waitFor([](State const& state) { return state.pid != 0; });
+    }
+    ~Process() {
+        signal(SIGKILL);
+        thread_.join();
+    }
+    Process(Process const&) = delete;
+    Process& operator=(Process const&) = delete;
+
+    pid_t pid() const { return state_.copy().pid; }
+    bool ended() const { return state_.copy().ended; }
+    bool waitForEnd() const {
+        return state_.waitFor([](State const& state) { return state.ended; });
+    }
+    void signal(int number) {
+        state_.read(
+            [&](State const& state) { return state.ended ? 0 : ::kill(state.pid, number); });
+    }
+    /// SIGSTOP; returns when it has stopped.
+    void suspend() {
+        signal(SIGSTOP);
+        waitForChange(pid(), WSTOPPED | WEXITED | WNOWAIT);
+    }
+    void resume() { signal(SIGCONT); }
+
+private:
+    struct State {
+        pid_t pid = 0;
+        bool ended = false;
+    };
+
+    /// The kernel kills a child when the thread that forked it ends. So each child has a thread,
+    /// which ends after it.
+    void run() {
+        pid_t const parent = getpid();
+        pid_t const child = fork();
+        if (child == 0) {
+            becomeBroker(parent);
+        }
+        state_.change([&](State& state) { state = {child, child < 0}; });
+        waitForChange(child, WEXITED | WNOWAIT);
+        // Its number is given up with the lock held: `signal` never hits another process.
+        state_.change([&](State& state) {
+            waitForChange(child, WEXITED);
+            state.ended = true;
+        });
+    }
+
+    /// Only plain system calls: another thread may have held any lock at the moment of the fork.
+    [[noreturn]] void becomeBroker(pid_t parent) const {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        if (getppid() == parent) { // otherwise the parent ended before the line above
+            int const out = open(log_.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0666);
+            dup2(open("/dev/null", O_RDONLY), STDIN_FILENO);
+            dup2(out, STDOUT_FILENO);
+            dup2(out, STDERR_FILENO);
+            execl(PROGRAM, PROGRAM, "-c", configuration_.c_str(), nullptr);
+        }
+        _exit(127);
+    }
+
+    /// Returns at once when there is no such child.
+    static void waitForChange(pid_t child, int changes) {
+        siginfo_t info{};
+        while (waitid(P_PID, static_cast<id_t>(child), &info, changes) != 0 && errno == EINTR) {
+        }
+    }
+
+    std::string const configuration_;
+    std::string const log_;
+    Watched<State> state_;
+    std::thread thread_;
+};
+
+Broker::Broker(BrokerOptions const& options)
+    : lease_(options.port == 0 ? PortLease() : PortLease(options.port)) {
+    if (access(PROGRAM, X_OK) != 0) {
         throw std::runtime_error("There is no mosquitto broker at \"" ZYM_MOSQUITTO_PROGRAM
                                  "\". Install it (Debian: apt-get install mosquitto) and"
                                  " configure the build anew.");
     }
     writeConfiguration(options);
     start();
+    allBrokers().change([this](auto& all) { all.insert(this); });
 }
 
 Broker::~Broker() {
+    allBrokers().change([this](auto& all) { all.erase(this); });
     if (testing::Test::HasFailure()) {
         std::cerr << logTail() << std::flush;
     }
@@ -58,8 +150,12 @@ Broker::~Broker() {
 
 void Broker::kill() {
     std::lock_guard<std::mutex> lock(mutex_);
-    pid_ = 0;
     process_.reset();
+}
+
+pid_t Broker::pid() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return process_ ? process_->pid() : 0;
 }
 
 void Broker::stop() {
@@ -89,12 +185,9 @@ bool Broker::isUp() {
         }
     }
     if (!process_) {
-        process_ = std::make_unique<Process>(
-            std::vector<std::string>{ZYM_MOSQUITTO_PROGRAM, "-c", directory_.file("broker.conf")},
-            directory_.file("broker.log"));
-        pid_ = process_->pid();
+        process_ = std::make_unique<Process>(directory_);
     }
-    return answers(port()) && !process_->ended();
+    return answers(*this) && !process_->ended();
 }
 
 void Broker::suspend() {
@@ -107,7 +200,7 @@ void Broker::resume() {
     process_->resume();
 }
 
-void Broker::writeConfiguration(Options const& options) const {
+void Broker::writeConfiguration(BrokerOptions const& options) const {
     std::ofstream file(directory_.file("broker.conf"));
     file << "listener " << port() << " 127.0.0.1\n";
     if (options.unixSocket) {
@@ -135,12 +228,13 @@ std::string Broker::logTail() const {
     return "[broker on port " + std::to_string(port()) + "] end of its log:\n" + tail + "\n";
 }
 
-void Broker::handleHang(std::ostream& out) const {
-    out << logTail();
-    if (pid_ > 0) {
-        ::kill(pid_, SIGKILL);
-    }
-    directory_.remove();
+void Broker::handleHang(std::ostream& out) {
+    allBrokers().read([&](auto const& all) {
+        for (Broker const* const broker : all) {
+            out << broker->logTail();
+            broker->directory_.remove();
+        }
+    });
 }
 
 } // namespace support

@@ -2,17 +2,14 @@
 
 #include "support/port_lease.hpp"
 #include "support/temp_dir.hpp"
-#include "support/watchdog.hpp"
 
-#include <atomic>
+#include <iosfwd>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
 
 namespace support {
-
-class Process;
 
 struct BrokerOptions {
     bool nodelay = false;     ///< without it the broker waits for our kernel's acknowledgements
@@ -28,11 +25,9 @@ struct BrokerOptions {
 /// log is printed.
 class Broker {
 public:
-    using Options = BrokerOptions;
-
     /// Returns when the broker answers.
     /// @throws std::runtime_error with the broker's log
-    explicit Broker(Options const& options = {});
+    explicit Broker(BrokerOptions const& options = {});
     ~Broker();
     Broker(Broker const&) = delete;
     Broker& operator=(Broker const&) = delete;
@@ -42,7 +37,8 @@ public:
     int port() const noexcept { return lease_.port(); }
     /// What to give as host, with port 0, with the option `unixSocket`.
     std::string socketPath() const { return directory_.file("broker.sock"); }
-    pid_t pid() const noexcept { return pid_; }
+    /// 0 while it does not run.
+    pid_t pid() const;
 
     /// SIGKILL; returns when the process has ended.
     void kill();
@@ -57,18 +53,21 @@ public:
     /// What it has written so far, over all its processes.
     std::string log() const { return directory_.read("broker.log"); }
 
+    /// Prints the ends of all brokers' logs and removes their directories when the watchdog ends
+    /// the process: no destructor runs then, and a test that hangs may hold a broker's lock.
+    static void handleHang(std::ostream& out);
+
 private:
-    void writeConfiguration(Options const& options) const;
+    class Process;
+
+    void writeConfiguration(BrokerOptions const& options) const;
     bool isUp();
     std::string logTail() const;
-    void handleHang(std::ostream& out) const;
 
     PortLease lease_;
     TempDir directory_;
-    std::mutex mutex_; ///< guards process_
+    mutable std::mutex mutex_; ///< guards process_
     std::unique_ptr<Process> process_;
-    std::atomic<pid_t> pid_{0}; ///< 0 while it does not run
-    HangHandler hangHandler_;
 };
 
 } // namespace support

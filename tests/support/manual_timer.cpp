@@ -107,10 +107,7 @@ void Timer::restart(std::unique_lock<std::mutex>& /*lock*/) {
 }
 
 void Timer::stop() {
-    state.change([this](State&) {
-        ++engine_->record.stops;
-        engine_->record.armed = false;
-    });
+    state.change([this](State&) { engine_->record.armed = false; });
     call(state.read([](State const& all) { return all.onStop; }));
 }
 

@@ -13,7 +13,6 @@ namespace manual_timer {
 /// What was done with a timer.
 struct Record {
     int restarts = 0;
-    int stops = 0;
     int terminations = 0;
     bool armed = false;
     bool once = false;

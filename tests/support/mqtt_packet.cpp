@@ -120,14 +120,14 @@ std::string publishPacket(MqttPacket const& packet) {
 }
 
 std::string answerTo(MqttPacket const& packet) {
+    bool const once = packet.qos == 1;
     std::string const mid = number(packet.mid);
     switch (packet.type) {
     case PacketType::CONNECT:
         return connack(0);
     case PacketType::PUBLISH:
-        return packet.qos == 0
-                   ? ""
-                   : encode(packet.qos == 1 ? PacketType::PUBACK : PacketType::PUBREC, 0, mid);
+        return packet.qos == 0 ? ""
+                               : encode(once ? PacketType::PUBACK : PacketType::PUBREC, 0, mid);
     case PacketType::PUBREC:
         return encode(PacketType::PUBREL, 2, mid);
     case PacketType::PUBREL:

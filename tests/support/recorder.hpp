@@ -22,14 +22,16 @@ public:
     using Entries = std::vector<Entry>;
     using Hook = std::function<void(Arguments...)>;
 
+    /// @param hook called within every call, after it was recorded; may outlive the recorder
+    explicit Recording(Hook hook = {}) { setHook(std::move(hook)); }
+
+    /// To be set before the first call.
+    void setHook(Hook hook) { hook_ = std::make_shared<Hook>(std::move(hook)); }
     void clear() {
         entries_.change([](Entries& entries) { entries.clear(); });
     }
 
 protected:
-    /// @param hook called within every call, after it was recorded; may outlive the recorder
-    explicit Recording(Hook hook) : hook_(std::make_shared<Hook>(std::move(hook))) {}
-
     void add(Entry const& entry, Arguments... arguments) {
         // A thread that waits for this entry may destroy this object as soon as it was kept.
         auto const hook = hook_;
@@ -42,7 +44,7 @@ protected:
     Watched<Entries> entries_;
 
 private:
-    std::shared_ptr<Hook> const hook_;
+    std::shared_ptr<Hook> hook_;
 };
 
 /// One call of a subscriber.
@@ -66,7 +68,7 @@ inline std::ostream& operator<<(std::ostream& out, Delivery const& delivery) {
 class MessageRecorder : public Recording<Delivery, int, mqtt::Topic const&, std::string const&>,
                         public mqtt::MqttClient::Subscriber {
 public:
-    explicit MessageRecorder(Hook hook = {}) : Recording(std::move(hook)) {}
+    using Recording::Recording;
 
     Entries deliveries() const { return entries_.copy(); }
     std::size_t count() const { return deliveries().size(); }
@@ -78,20 +80,14 @@ public:
         return result;
     }
 
-    template <class Condition>
-    bool waitFor(Condition const& condition, std::chrono::milliseconds deadline = DEADLINE) const {
-        return entries_.waitFor(condition, deadline);
-    }
     /// Waits for that many deliveries, or more.
-    bool waitForCount(std::size_t count, std::chrono::milliseconds deadline = DEADLINE) const {
-        return waitFor([&](Entries const& all) { return all.size() >= count; }, deadline);
+    bool waitForCount(std::size_t count) const {
+        return entries_.waitFor([&](Entries const& all) { return all.size() >= count; });
     }
-    bool waitForPayload(std::string const& payload,
-                        std::chrono::milliseconds deadline = DEADLINE) const {
+    bool waitForPayload(std::string const& payload) const {
         auto const matches = [&](Delivery const& one) { return one.payload == payload; };
-        return waitFor(
-            [&](Entries const& all) { return std::any_of(all.begin(), all.end(), matches); },
-            deadline);
+        return entries_.waitFor(
+            [&](Entries const& all) { return std::any_of(all.begin(), all.end(), matches); });
     }
 
     void onMqttMessage(int tag, mqtt::Topic const& topic, std::string const& payload) override {
@@ -104,21 +100,18 @@ public:
 class StateRecorder : public Recording<conv::ComState, conv::ComState>,
                       public mqtt::MqttClient::Listener {
 public:
-    using History = Entries;
-
-    explicit StateRecorder(Hook hook = {}) : Recording(std::move(hook)) {}
+    using Recording::Recording;
     virtual ~StateRecorder() = default;
 
-    History history() const { return entries_.copy(); }
+    Entries history() const { return entries_.copy(); }
     /// Waits until the latest state is this one.
-    bool waitFor(conv::ComState state, std::chrono::milliseconds deadline = DEADLINE) const {
+    bool waitFor(conv::ComState state) const {
         return entries_.waitFor(
-            [&](History const& all) { return !all.empty() && all.back() == state; }, deadline);
+            [&](Entries const& all) { return !all.empty() && all.back() == state; });
     }
     /// Waits until exactly these changes were seen.
-    bool waitForHistory(History const& history,
-                        std::chrono::milliseconds deadline = DEADLINE) const {
-        return entries_.waitFor([&](History const& all) { return all == history; }, deadline);
+    bool waitForHistory(Entries const& history) const {
+        return entries_.waitFor([&](Entries const& all) { return all == history; });
     }
 
     void onComStateChanged(conv::ComState state) override { add(state, state); }

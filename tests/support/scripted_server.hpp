@@ -3,10 +3,14 @@
 #include "support/mqtt_packet.hpp"
 #include "support/port_lease.hpp"
 #include "support/serving_thread.hpp"
+#include "support/socket.hpp"
 #include "support/watched.hpp"
 
-#include <map>
-#include <set>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
 #include <string>
 
 namespace support {
@@ -30,6 +34,7 @@ public:
     enum class Reaction {
         ANSWER, ///< what the mode answers
         IGNORE, ///< no answer
+        HOLD,   ///< what a broker answers, at the next `release`
         DROP    ///< no answer; the connection is reset
     };
     using Hook = std::function<Reaction(MqttPacket const&)>;
@@ -40,54 +45,103 @@ public:
     };
     using History = std::vector<Received>;
 
-    explicit ScriptedServer(Mode mode = Mode::BROKER);
+    explicit ScriptedServer(Mode mode = Mode::BROKER) { setMode(mode); }
 
     std::string host() const { return "127.0.0.1"; }
     int port() const noexcept { return lease_.port(); }
 
     // The script; may change at any time.
-    /// Connections that wait since NOT_ACCEPTING are accepted when that ends.
-    void setMode(Mode mode);
-    /// Mode REFUSE with this code of CONNACK.
-    void refuseWith(int code);
+    /// Connections that wait since NOT_ACCEPTING are accepted when that ends, and one of our own,
+    /// which is closed.
+    void setMode(Mode mode) {
+        Lock const lock(mutex_);
+        if (mode == Mode::NOT_ACCEPTING && mode_ != Mode::NOT_ACCEPTING) {
+            fillBacklog();
+        } else if (mode != Mode::NOT_ACCEPTING) {
+            filler_.reset();
+            ::listen(listener_.get(), BACKLOG);
+        }
+        mode_ = mode;
+        thread_.wake();
+    }
     /// Called on the server's thread for every packet before it is recorded and answered. It must
     /// not use the server; while it blocks, no connection is read or written.
-    void setHook(Hook hook);
-    /// Lets the n-th packet of this type, counted from now over all connections, reset its
-    /// connection.
-    void dropAtPacket(PacketType type, std::size_t n);
+    void setHook(Hook hook) {
+        Lock const lock(mutex_);
+        hook_ = std::move(hook);
+    }
     /// Keeps back all answers to packets of this type, until `release`.
-    void hold(PacketType type);
-    /// Sends the answers that were kept back; no answers are kept back any more.
-    void release();
+    void hold(PacketType type) {
+        setHook([type](MqttPacket const& packet) {
+            return packet.type == type ? Reaction::HOLD : Reaction::ANSWER;
+        });
+    }
+    /// Sends the answers that were kept back, and ends the hook.
+    void release() {
+        Lock const lock(mutex_);
+        hook_ = nullptr;
+        for (Connection& connection : connections_) {
+            sendAll(connection.socket, connection.keptBack);
+            connection.keptBack.clear();
+        }
+    }
 
-    // On the latest connection. @return false when there is none
+    /// On the latest connection. @return false when there is none
     bool publish(std::string const& topic, std::string const& payload, int qos = 0,
-                 bool retain = false);
-    /// Resets the connection.
-    bool drop();
+                 bool retain = false) {
+        Lock const lock(mutex_);
+        MqttPacket packet;
+        packet.topic = topic;
+        packet.payload = payload;
+        packet.qos = qos;
+        packet.retain = retain;
+        packet.mid = ++lastMid_;
+        Connection const* const to = latest();
+        return to && sendAll(to->socket, publishPacket(packet));
+    }
+    /// Resets the latest connection.
+    void drop() {
+        Lock const lock(mutex_);
+        if (Connection* const connection = latest()) {
+            resetConnection(connection->socket);
+        }
+        thread_.wake();
+    }
 
     // What was received.
     History received() const {
         return seen_.read([](Seen const& seen) { return seen.packets; });
     }
-    std::vector<MqttPacket> received(PacketType type) const;
+    std::vector<MqttPacket> received(PacketType type) const {
+        std::vector<MqttPacket> result;
+        for (Received const& one : received()) {
+            if (one.packet.type == type) {
+                result.push_back(one.packet);
+            }
+        }
+        return result;
+    }
     std::size_t count(PacketType type) const { return received(type).size(); }
     int tcpConnections() const {
         return seen_.read([](Seen const& seen) { return seen.accepted; });
     }
-    bool waitForPackets(PacketType type, std::size_t count,
-                        std::chrono::milliseconds deadline = DEADLINE) const;
-    /// Waits until no connection is open.
-    bool waitForNoConnection(std::chrono::milliseconds deadline = DEADLINE) const {
-        return seen_.waitFor([](Seen const& seen) { return seen.open == 0; }, deadline);
+    /// Waits for that many packets of this type, or more.
+    bool waitForPackets(PacketType type, std::size_t count) const {
+        auto const matches = [&](Received const& one) { return one.packet.type == type; };
+        return seen_.waitFor([&](Seen const& seen) {
+            return std::count_if(seen.packets.begin(), seen.packets.end(), matches)
+                   >= static_cast<long>(count);
+        });
     }
-    bool waitFor(std::function<bool(History const&)> const& condition,
-                 std::chrono::milliseconds deadline = DEADLINE) const {
-        return seen_.waitFor([&](Seen const& seen) { return condition(seen.packets); }, deadline);
+    /// Waits until no connection is open.
+    bool waitForNoConnection() const {
+        return seen_.waitFor([](Seen const& seen) { return seen.open == 0; });
     }
 
 private:
+    using Lock = std::lock_guard<std::mutex>;
+    static constexpr int BACKLOG = 64;
+
     struct Connection {
         int number;
         FileDescriptor socket;
@@ -101,30 +155,117 @@ private:
         int open = 0;
     };
 
-    void fillBacklog();
-    void emptyBacklog();
-    std::vector<pollfd> sockets() const;
-    void serve();
-    void acceptAll();
-    void readFrom(Connection& connection);
-    void handle(Connection& connection, MqttPacket const& packet);
-    Reaction reactionTo(MqttPacket const& packet);
-    void answer(Connection& connection, MqttPacket const& packet);
-    Connection* latest();
+    /// With a queue for one connection and that place taken the kernel drops every further attempt,
+    /// and clients repeat theirs.
+    void fillBacklog() {
+        ::listen(listener_.get(), 0);
+        filler_ = startConnecting(port());
+        pollfd waiting{listener_.get(), POLLIN, 0};
+        ::poll(&waiting, 1, -1);
+    }
+
+    std::vector<pollfd> sockets() const {
+        std::vector<pollfd> sockets;
+        if (mode_ != Mode::NOT_ACCEPTING) {
+            sockets.push_back({listener_.get(), POLLIN, 0});
+        }
+        for (Connection const& connection : connections_) {
+            sockets.push_back({connection.socket.get(), POLLIN, 0});
+        }
+        return sockets;
+    }
+
+    void serve() {
+        acceptAll();
+        for (Connection& connection : connections_) {
+            readFrom(connection);
+        }
+        auto const closed = [](Connection const& connection) { return !connection.socket.valid(); };
+        connections_.erase(std::remove_if(connections_.begin(), connections_.end(), closed),
+                           connections_.end());
+        seen_.change([this](Seen& seen) { seen.open = static_cast<int>(connections_.size()); });
+    }
+
+    void acceptAll() {
+        while (mode_ != Mode::NOT_ACCEPTING) {
+            FileDescriptor socket = acceptFrom(listener_);
+            if (!socket.valid()) {
+                return;
+            }
+            int const number = seen_.change([](Seen& seen) {
+                ++seen.open;
+                return ++seen.accepted;
+            });
+            connections_.push_back({number, std::move(socket), {}, {}});
+        }
+    }
+
+    void readFrom(Connection& connection) {
+        std::array<char, 4096> bytes;
+        while (connection.socket.valid()) {
+            ssize_t const n = ::recv(connection.socket.get(), bytes.data(), bytes.size(), 0);
+            if (n < 0 && (errno == EAGAIN || errno == EINTR)) {
+                return;
+            }
+            if (n <= 0) {
+                connection.socket.reset();
+                return;
+            }
+            connection.bytes.append(bytes.data(), static_cast<std::size_t>(n));
+            while (connection.socket.valid() && !connection.ending) {
+                auto const packet = takePacket(connection.bytes);
+                if (!packet) {
+                    break;
+                }
+                handle(connection, *packet);
+            }
+        }
+    }
+
+    void handle(Connection& connection, MqttPacket const& packet) {
+        Reaction const reaction = hook_ ? hook_(packet) : Reaction::ANSWER;
+        // Recorded before it is answered: a client that has the answer finds the packet recorded. A
+        // test that waited for the packet and then uses the server waits for the lock, and so finds
+        // the packet answered.
+        seen_.change([&](Seen& seen) { seen.packets.push_back({connection.number, packet}); });
+        if (reaction == Reaction::ANSWER) {
+            answer(connection, packet);
+        } else if (reaction == Reaction::HOLD) {
+            connection.keptBack += answerTo(packet);
+        } else if (reaction == Reaction::DROP) {
+            resetConnection(connection.socket);
+        }
+    }
+
+    void answer(Connection& connection, MqttPacket const& packet) {
+        if (mode_ == Mode::REFUSE && packet.type == PacketType::CONNECT) {
+            constexpr int NOT_AUTHORIZED = 5;
+            sendAll(connection.socket, connack(NOT_AUTHORIZED));
+            // Closes this side only: closing a socket with unread bytes would reset the connection,
+            // and the client could lose the answer.
+            connection.ending = true;
+            ::shutdown(connection.socket.get(), SHUT_WR);
+        } else if (mode_ != Mode::SILENT) {
+            sendAll(connection.socket, answerTo(packet));
+        }
+    }
+
+    Connection* latest() {
+        bool const open = !connections_.empty() && connections_.back().socket.valid()
+                          && !connections_.back().ending;
+        return open ? &connections_.back() : nullptr;
+    }
 
     PortLease lease_;
     std::mutex mutex_; ///< guards what follows, up to seen_
-    Mode mode_;
-    int refusal_ = 5; ///< the code of CONNACK
+    Mode mode_ = Mode::BROKER;
     Hook hook_;
-    std::map<PacketType, std::size_t> drops_; ///< how many packets until the connection is reset
-    std::set<PacketType> held_;
     std::vector<Connection> connections_;
-    FileDescriptor listener_;
+    FileDescriptor listener_ = listenOn(lease_.port(), BACKLOG);
     FileDescriptor filler_; ///< a connection of our own that fills the kernel's queue
     std::uint16_t lastMid_ = 0;
     Watched<Seen> seen_;
-    ServingThread thread_;
+    ServingThread thread_{mutex_, [this] { return sockets(); }, [this] { serve(); }};
 };
 
 } // namespace support

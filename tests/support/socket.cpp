@@ -1,5 +1,7 @@
 #include "support/socket.hpp"
 
+#include "support/port_lease.hpp"
+
 #include <arpa/inet.h>
 #include <linux/sockios.h>
 #include <netinet/tcp.h>
@@ -108,11 +110,9 @@ bool sendAll(FileDescriptor const& socket, std::string const& bytes) {
 }
 
 TcpPair::TcpPair() {
-    FileDescriptor const listener = listenOn(0, 1); // on any port
-    sockaddr_in address{};
-    socklen_t size = sizeof address;
-    getsockname(listener.get(), reinterpret_cast<sockaddr*>(&address), &size);
-    near = connectTo(ntohs(address.sin_port));
+    PortLease const lease;
+    FileDescriptor const listener = listenOn(lease.port(), 1);
+    near = connectTo(lease.port());
     pollfd incoming{listener.get(), POLLIN, 0};
     poll(&incoming, 1, -1);
     far = FileDescriptor(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));

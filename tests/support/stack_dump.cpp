@@ -8,7 +8,6 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cstdint>
@@ -22,38 +21,11 @@ namespace support {
 
 namespace {
 
-struct Stack {
-    std::atomic<long> thread{0}; ///< set when the frames are complete
-    int size;
-    std::array<void*, 48> frames;
-};
-
-std::array<Stack, 256> stacks; ///< each thread that is asked fills one of its own
-std::atomic<std::size_t> stacksInUse{0};
-
-long thisThread() {
-    return syscall(SYS_gettid);
-}
+std::array<void*, 48> frames;
+std::atomic<int> frameCount{0};
 
 void writeDownFrames(int /*signal*/) {
-    std::size_t const index = stacksInUse++;
-    if (index < stacks.size()) {
-        Stack& stack = stacks[index];
-        stack.size = backtrace(stack.frames.data(), static_cast<int>(stack.frames.size()));
-        stack.thread = thisThread();
-    }
-}
-
-/// Sends the signal to all other threads. @return their number
-long askThreads(int signal) {
-    long count = 0;
-    for (auto const& entry : std::filesystem::directory_iterator("/proc/self/task")) {
-        long const thread = std::stol(entry.path().filename().string());
-        if (thread != thisThread() && syscall(SYS_tgkill, getpid(), thread, signal) == 0) {
-            ++count;
-        }
-    }
-    return count;
+    frameCount = backtrace(frames.data(), static_cast<int>(frames.size()));
 }
 
 } // namespace
@@ -91,19 +63,20 @@ void dumpStacks(std::ostream& out) {
     action.sa_handler = writeDownFrames;
     action.sa_flags = SA_RESTART;
     sigaction(signal, &action, nullptr);
-    void* warmUp[1];
-    backtrace(warmUp, 1); // its first call loads a library, which a handler must not do
-    long const count = askThreads(signal);
-    auto const complete = [](Stack const& stack) { return stack.thread != 0; };
-    eventually([&] { return std::count_if(stacks.begin(), stacks.end(), complete) >= count; },
-               std::chrono::seconds(5));
-    constexpr int SIGNAL_FRAMES = 2; // the handler and the kernel's trampoline
-    for (Stack const& stack : stacks) {
-        if (complete(stack)) {
-            out << "  thread " << stack.thread << "\n";
-            for (int i = SIGNAL_FRAMES; i < stack.size; ++i) {
-                out << "    " << describeFrame(stack.frames[static_cast<std::size_t>(i)]) << "\n";
-            }
+    backtrace(frames.data(), 1); // its first call loads a library, which a handler must not do
+    for (auto const& entry : std::filesystem::directory_iterator("/proc/self/task")) {
+        long const thread = std::stol(entry.path().filename().string());
+        if (thread == syscall(SYS_gettid)) {
+            continue;
+        }
+        frameCount = 0;
+        syscall(SYS_tgkill, getpid(), thread, signal);
+        if (eventually([] { return frameCount > 0; }, std::chrono::seconds(2))) {
+            out << "  thread " << thread << "\n";
+        }
+        constexpr int SIGNAL_FRAMES = 2; // the handler and the kernel's trampoline
+        for (int i = SIGNAL_FRAMES; i < frameCount; ++i) {
+            out << "    " << describeFrame(frames[static_cast<std::size_t>(i)]) << "\n";
         }
     }
 }

@@ -5,8 +5,7 @@
 
 namespace support {
 
-/// Writes the stack of each other thread of this process that answers a signal within 2 s. Once in
-/// a process.
+/// Writes the stack of each other thread of this process that answers a signal within 2 s.
 void dumpStacks(std::ostream& out);
 
 /// Function, file and line of a return address, where addr2line is installed; more lines for calls

@@ -1,14 +1,31 @@
 #include "support/watchdog.hpp"
 
+#include "support/broker.hpp"
 #include "support/stack_dump.hpp"
 #include "support/timeout_factor.hpp"
+#include "support/watched.hpp"
 
+#include <gmock/gmock.h>
+
+#include <algorithm>
 #include <cstdlib>
 #include <iostream>
-
-namespace support {
+#include <thread>
 
 namespace {
+
+using Clock = std::chrono::steady_clock;
+
+struct State {
+    Clock::time_point deadline = Clock::time_point::max();
+    bool stop = false;
+};
+
+support::Watched<State> state;
+
+void setDeadline(Clock::time_point deadline) {
+    state.change([&](State& current) { current.deadline = deadline; });
+}
 
 std::chrono::seconds defaultLimit() {
     char const* const text = std::getenv("ZYM_TEST_LIMIT");
@@ -24,63 +41,58 @@ std::string nameOfWhatRuns() {
                    : "";
 }
 
-} // namespace
-
-Watchdog* Watchdog::instance_ = nullptr;
-
-void Watchdog::limit(std::chrono::seconds limit) {
-    if (instance_ && defaultLimit().count() != 0) {
-        instance_->setDeadline(Clock::now() + limit * TIMEOUT_FACTOR);
-    }
-}
-
-Watchdog::Watchdog() : thread_([this] { run(); }) {
-    instance_ = this;
-    testing::UnitTest::GetInstance()->listeners().Append(this);
-}
-
-Watchdog::~Watchdog() {
-    testing::UnitTest::GetInstance()->listeners().Release(this);
-    instance_ = nullptr;
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        stop_ = true;
-    }
-    changed_.notify_all();
-    thread_.join();
-}
-
-void Watchdog::restart() {
-    limit(defaultLimit());
-}
-
-void Watchdog::setDeadline(Clock::time_point deadline) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    deadline_ = deadline;
-    changed_.notify_all();
-}
-
-void Watchdog::run() {
-    std::unique_lock<std::mutex> lock(mutex_);
-    while (!stop_) {
-        if (deadline_ == Clock::time_point::max()) {
-            changed_.wait(lock);
-        } else if (Clock::now() >= deadline_) {
-            endProcess();
-        } else {
-            changed_.wait_until(lock, deadline_);
-        }
-    }
-}
-
-void Watchdog::endProcess() {
+[[noreturn]] void endProcess() {
     std::string const name = nameOfWhatRuns();
     std::cout << std::flush;
     std::cerr << "\n[WATCHDOG] " << name << " has not ended in time. The stacks of all threads:\n";
-    dumpStacks(std::cerr);
-    HangHandler::runAll(std::cerr);
+    support::dumpStacks(std::cerr);
+    support::Broker::handleHang(std::cerr);
     std::cerr << "[WATCHDOG] " << name << " FAILED: it hangs" << std::endl;
     std::abort();
 }
 
-} // namespace support
+void watch() {
+    /// A wait until the greatest point of time may end at once: its conversions overflow.
+    constexpr std::chrono::milliseconds MAX_WAIT{std::chrono::hours(1)};
+    for (State seen; !seen.stop; seen = state.copy()) {
+        auto const left = seen.deadline - Clock::now();
+        if (left <= left.zero()) {
+            endProcess();
+        }
+        auto const hasChanged = [&](State const& current) {
+            return current.stop || current.deadline != seen.deadline;
+        };
+        state.waitFor(hasChanged,
+                      std::min(std::chrono::ceil<std::chrono::milliseconds>(left), MAX_WAIT));
+    }
+}
+
+/// Each of these parts has the time: the set-up of a suite, a test, what is behind the test.
+class Restarter : public testing::EmptyTestEventListener {
+    void OnTestSuiteStart(testing::TestSuite const& /*suite*/) override { restart(); }
+    void OnTestStart(testing::TestInfo const& /*test*/) override { restart(); }
+    void OnTestEnd(testing::TestInfo const& /*test*/) override { restart(); }
+    void OnTestSuiteEnd(testing::TestSuite const& /*suite*/) override {
+        setDeadline(Clock::time_point::max());
+    }
+
+    static void restart() { support::Watchdog::limit(defaultLimit()); }
+};
+
+} // namespace
+
+void support::Watchdog::limit(std::chrono::seconds limit) {
+    if (defaultLimit().count() != 0) {
+        setDeadline(Clock::now() + limit * TIMEOUT_FACTOR);
+    }
+}
+
+int main(int argc, char** argv) {
+    testing::InitGoogleMock(&argc, argv); // initialises GoogleTest too
+    testing::UnitTest::GetInstance()->listeners().Append(new Restarter);
+    std::thread watchdog(watch);
+    int const result = RUN_ALL_TESTS();
+    state.change([](State& current) { current.stop = true; });
+    watchdog.join();
+    return result;
+}

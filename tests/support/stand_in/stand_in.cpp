@@ -1,5 +1,7 @@
 #include "support/stand_in/stand_in.hpp"
 
+#include "support/allocations.hpp"
+
 #include <algorithm>
 #include <future>
 
@@ -8,7 +10,6 @@ namespace support {
 namespace {
 
 struct Registry {
-    StandIn::Version version{LIBMOSQUITTO_MAJOR, LIBMOSQUITTO_MINOR, LIBMOSQUITTO_REVISION};
     std::vector<std::shared_ptr<StandIn>> all;
     std::function<void(StandIn&)> onConstruction;
 };
@@ -19,19 +20,6 @@ Watched<Registry>& registry() {
 }
 
 } // namespace
-
-std::atomic<int>& StandIn::libraryInitialisations() {
-    static std::atomic<int> count{0};
-    return count;
-}
-
-void StandIn::setLibraryVersion(Version version) {
-    registry().change([&](Registry& known) { known.version = version; });
-}
-
-StandIn::Version StandIn::libraryVersion() {
-    return registry().read([](Registry const& known) { return known.version; });
-}
 
 StandIn* StandIn::make(mosqpp::mosquittopp& object, char const* clientId, bool cleanSession) {
     std::shared_ptr<StandIn> standIn(new StandIn(object, clientId ? clientId : "", cleanSession));
@@ -68,9 +56,7 @@ std::shared_ptr<StandIn> StandIn::withClientId(std::string const& clientId) {
 }
 
 StandIn::StandIn(mosqpp::mosquittopp& object, std::string clientId, bool cleanSession)
-    : clientId_(std::move(clientId)),
-      cleanSession_(cleanSession),
-      initialisations_(libraryInitialisations()) {
+    : clientId_(std::move(clientId)), cleanSession_(cleanSession) {
     state_.change([&](State& state) { state.object = &object; });
 }
 
@@ -145,13 +131,11 @@ std::vector<StandIn::Call> StandIn::calls(Operation operation) const {
     return all;
 }
 
-bool StandIn::waitForCalls(Operation operation, std::size_t count,
-                           std::chrono::milliseconds deadline) const {
+bool StandIn::waitForCalls(Operation operation, std::size_t count) const {
     auto const matches = [&](Call const& call) { return call.operation == operation; };
-    auto const enough = [&](std::vector<Call> const& all) {
+    return calls_.waitFor([&](std::vector<Call> const& all) {
         return std::count_if(all.begin(), all.end(), matches) >= static_cast<long>(count);
-    };
-    return calls_.waitFor(enough, deadline);
+    });
 }
 
 int StandIn::run(Call call, int* mid) {
@@ -250,3 +234,125 @@ int StandIn::loop(int timeoutMilliseconds) {
 }
 
 } // namespace support
+
+// The broker library's class, implemented by a script. It has only what this project calls: a
+// program that calls more does not link.
+
+namespace mosqpp {
+
+using support::StandIn;
+using Operation = StandIn::Operation;
+
+namespace {
+
+// The only member of the class is a pointer to the C library's client: here, to the script.
+StandIn& scriptOf(mosquitto* member) {
+    return *reinterpret_cast<StandIn*>(member);
+}
+
+int run(mosquitto* member, Operation operation, char const* topic = nullptr, int size = 0,
+        void const* payload = nullptr, int qos = 0, bool retain = false, int* mid = nullptr) {
+    support::UncountedAllocations const ours;
+    auto const* const bytes = static_cast<char const*>(payload);
+    return scriptOf(member).run(
+        {operation, topic ? topic : "", std::string(bytes, bytes + size), qos, retain}, mid);
+}
+
+} // namespace
+
+int lib_init() {
+    return StandIn::initialiseLibrary();
+}
+
+int lib_version(int* major, int* minor, int* revision) {
+    StandIn::Version const version = StandIn::libraryVersion();
+    *major = version.major;
+    *minor = version.minor;
+    *revision = version.revision;
+    return version.major * 1000000 + version.minor * 1000 + version.revision;
+}
+
+int topic_matches_sub(char const* pattern, char const* topic, bool* result) {
+    return mosquitto_topic_matches_sub(pattern, topic, result);
+}
+
+mosquittopp::mosquittopp(char const* id, bool clean_session)
+    : m_mosq(reinterpret_cast<mosquitto*>(StandIn::make(*this, id, clean_session))) {}
+
+mosquittopp::~mosquittopp() {
+    scriptOf(m_mosq).detach();
+}
+
+int mosquittopp::will_set(char const* topic, int payloadlen, void const* payload, int qos,
+                          bool retain) {
+    return run(m_mosq, Operation::WILL_SET, topic, payloadlen, payload, qos, retain);
+}
+
+int mosquittopp::will_clear() {
+    return run(m_mosq, Operation::WILL_CLEAR);
+}
+
+int mosquittopp::connect(char const* host, int port, int /*keepalive*/) {
+    return run(m_mosq, Operation::CONNECT, host, 0, nullptr, port);
+}
+
+int mosquittopp::reconnect() {
+    return run(m_mosq, Operation::RECONNECT);
+}
+
+int mosquittopp::disconnect() {
+    return run(m_mosq, Operation::DISCONNECT);
+}
+
+int mosquittopp::publish(int* mid, char const* topic, int payloadlen, void const* payload, int qos,
+                         bool retain) {
+    return run(m_mosq, Operation::PUBLISH, topic, payloadlen, payload, qos, retain, mid);
+}
+
+int mosquittopp::subscribe(int* mid, char const* sub, int qos) {
+    return run(m_mosq, Operation::SUBSCRIBE, sub, 0, nullptr, qos, false, mid);
+}
+
+int mosquittopp::unsubscribe(int* mid, char const* sub) {
+    return run(m_mosq, Operation::UNSUBSCRIBE, sub, 0, nullptr, 0, false, mid);
+}
+
+int mosquittopp::threaded_set(bool /*threaded*/) {
+    return run(m_mosq, Operation::THREADED_SET);
+}
+
+int mosquittopp::loop(int timeout, int /*max_packets*/) {
+    return scriptOf(m_mosq).loop(timeout);
+}
+
+// Accepted and ignored.
+
+int mosquittopp::socket() {
+    return -1;
+}
+
+int mosquittopp::opts_set(mosq_opt_t /*option*/, void* /*value*/) {
+    return 0;
+}
+
+int mosquittopp::max_inflight_messages_set(unsigned /*count*/) {
+    return 0;
+}
+
+int mosquittopp::loop_read(int /*max_packets*/) {
+    return 0;
+}
+
+int mosquittopp::loop_write(int /*max_packets*/) {
+    return 0;
+}
+
+int mosquittopp::loop_misc() {
+    return 0;
+}
+
+bool mosquittopp::want_write() {
+    return false;
+}
+
+} // namespace mosqpp

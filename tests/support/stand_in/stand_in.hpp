@@ -3,6 +3,8 @@
 #include "mqtt/mosquittopp.hpp"
 #include "support/watched.hpp"
 
+#include <mosquitto.h>
+
 #include <atomic>
 #include <deque>
 #include <functional>
@@ -47,7 +49,6 @@ public:
         std::string payload{};
         int qos = 0; ///< the port of CONNECT
         bool retain = false;
-        int keepAlive = 0;           ///< of CONNECT, seconds
         int mid = 0;                 ///< what the caller was given
         std::thread::id thread{};    ///< the caller's
         std::size_t loopsBefore = 0; ///< calls of LOOP up to then
@@ -67,16 +68,17 @@ public:
     /// the constructor of the library's class.
     static void onConstruction(std::function<void(StandIn&)> hook);
     /// How often the library as a whole was initialised so far.
-    static std::atomic<int>& libraryInitialisations();
+    static int libraryInitialisations() { return libraryInitialisations_; }
 
     struct Version {
         int major;
         int minor;
         int revision;
     };
-    /// The version that the library reports; that of its headers unless set.
-    static void setLibraryVersion(Version version);
-    static Version libraryVersion();
+    /// The version that the library reports; that of its headers unless set. Only while no client
+    /// is being made.
+    static void setLibraryVersion(Version version) { libraryVersion_ = version; }
+    static Version libraryVersion() { return libraryVersion_; }
 
     // The script.
     /// Results of the next calls of an operation, in order; then the built-in behaviour again.
@@ -110,8 +112,7 @@ public:
     std::vector<Call> calls() const { return calls_.copy(); }
     std::vector<Call> calls(Operation operation) const;
     std::size_t count(Operation operation) const { return calls(operation).size(); }
-    bool waitForCalls(Operation operation, std::size_t count,
-                      std::chrono::milliseconds deadline = DEADLINE) const;
+    bool waitForCalls(Operation operation, std::size_t count) const;
     /// Network steps begun so far.
     std::size_t loops() const { return loops_; }
     bool connected() const {
@@ -127,6 +128,10 @@ public:
     }
 
     // For the library's class.
+    static int initialiseLibrary() {
+        ++libraryInitialisations_;
+        return mosquitto_lib_init();
+    }
     static StandIn* make(mosqpp::mosquittopp& object, char const* clientId, bool cleanSession);
     void detach();
     int run(Call call, int* mid);
@@ -152,9 +157,13 @@ private:
     void connect();
     void postStep(Step step);
 
+    static inline std::atomic<int> libraryInitialisations_{0};
+    static inline Version libraryVersion_{LIBMOSQUITTO_MAJOR, LIBMOSQUITTO_MINOR,
+                                          LIBMOSQUITTO_REVISION};
+
     std::string const clientId_;
     bool const cleanSession_;
-    int const initialisations_;
+    int const initialisations_ = libraryInitialisations_;
     Watched<State> state_;
     Watched<std::vector<Call>> calls_;
     std::atomic<std::size_t> loops_{0};
