@@ -17,21 +17,25 @@ bool isNotAfter(int messageId, int other) {
 
 void ConnectionLosses::connectionEnded(Clock::time_point now, bool isIntended) {
     auto const accepted = std::exchange(accepted_, std::nullopt);
+    int const alone = std::exchange(alone_, 0);
     if (isIntended || !accepted) {
         return;
     }
-    if (lastUnacknowledged_ == 0) {
+    int const lastUnacknowledged = lastUnacknowledged_;
+    if (lastUnacknowledged == 0) {
         count_ = 0;
         return;
     }
     constexpr int ENOUGH = 2;
     bool const isEarly = now - *accepted < EARLY;
     count_ = isEarly ? std::min(count_ + 1, ENOUGH) : 1;
-    lastAtTheLosses_ = {lastMessageId_, lastAtTheLosses_[0]};
+    lastAt_ = {last_, lastAt_[0]};
+    aloneAtTheLast_ = isOnlyOne_ ? lastUnacknowledged : alone;
 }
 
-bool ConnectionLosses::isThirdLossOf(int messageId) const {
-    return isPublicationSuspected() && isNotAfter(messageId, lastAtTheLosses_[1]);
+bool ConnectionLosses::isCause(int messageId) const {
+    return isPublicationSuspected() && isNotAfter(messageId, lastAt_[1])
+           && messageId == aloneAtTheLast_;
 }
 
 } // namespace mqtt

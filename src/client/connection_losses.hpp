@@ -7,12 +7,12 @@
 
 namespace mqtt {
 
-/// Connections that were lost one after the other, each shortly after the library had sent its
-/// unacknowledged publications. A publication that the broker does not take looks like that: the
-/// broker closes the connection, and the library sends the publication again with the next one.
+/// Decides which publication is the cause when one connection after the other is lost. The broker
+/// closes the connection when it gets a publication that it does not take, and the library sends
+/// the publication again with the next connection.
 ///
-/// Keeps no record of the publications: the library's message ids count up, so two of them tell
-/// which publications the library had at a loss.
+/// Keeps no record of the publications: the library's message ids count up, so the last one at each
+/// loss tells which publications the library had then.
 class ConnectionLosses {
 public:
     using Clock = std::chrono::steady_clock;
@@ -22,7 +22,8 @@ public:
 
     /// The library has taken a publication above QoS 0. In any thread, one at a time.
     void handedOver(int messageId) {
-        lastMessageId_.store(messageId, std::memory_order_relaxed);
+        isOnlyOne_.store(lastUnacknowledged_ == 0, std::memory_order_relaxed);
+        last_.store(messageId, std::memory_order_relaxed);
         lastUnacknowledged_.store(messageId, std::memory_order_relaxed);
     }
 
@@ -35,20 +36,27 @@ public:
         }
     }
     void connectionAccepted(Clock::time_point now) { accepted_ = now; }
+    /// The broker has closed the connection when only this publication was on its way.
+    /// `connectionEnded` follows.
+    void lostAlone(int messageId) { alone_ = messageId; }
     void connectionEnded(Clock::time_point now, bool isIntended);
 
-    /// Whether a publication may be the cause: two connections were lost so far.
+    /// Whether a publication may be the cause: two connections in a row were lost.
     bool isPublicationSuspected() const { return count_ >= 2; }
-    /// Whether the publication that was sent when the connection ended was lost with the two
-    /// connections before it, too. Before `connectionEnded`.
-    bool isThirdLossOf(int messageId) const;
+    /// Whether a publication that is lost alone now is the cause: the library had it at the two
+    /// losses before, and at the last one it was alone, too. A broker with another reason to close
+    /// connections would have to do so twice between this publication and its answer.
+    bool isCause(int messageId) const;
 
 private:
-    std::atomic<int> lastMessageId_{0};
-    std::atomic<int> lastUnacknowledged_{0};    ///< 0: every publication is acknowledged
-    std::optional<Clock::time_point> accepted_; ///< unless there is no connection
-    int count_ = 0;                             ///< in a row
-    std::array<int, 2> lastAtTheLosses_{};      ///< `lastMessageId_`, at the last loss first
+    std::atomic<int> last_{0};
+    std::atomic<int> lastUnacknowledged_{0}; ///< 0: every publication is acknowledged
+    std::atomic<bool> isOnlyOne_{false};     ///< that is not acknowledged
+    std::optional<Clock::time_point> accepted_;
+    int alone_ = 0;               ///< at the loss to come
+    int count_ = 0;               ///< of losses in a row
+    std::array<int, 2> lastAt_{}; ///< `last_` at the last loss, and at the one before
+    int aloneAtTheLast_ = 0;
 };
 
 } // namespace mqtt

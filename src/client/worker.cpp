@@ -170,7 +170,11 @@ int Worker::stepOfTheRelay() {
 /// would close each one: nothing would arrive any more.
 void Worker::giveUpUnanswered() {
     auto const& publication = relay_->unanswered();
-    if (publication && losses_.isThirdLossOf(publication->messageId)) {
+    if (!publication) {
+        return;
+    }
+    losses_.lostAlone(publication->messageId);
+    if (losses_.isCause(publication->messageId)) {
         isGivingUpAPublication_ = true;
         bool const isGivenUp = relay_->acknowledgeUnanswered();
         isGivingUpAPublication_ = false;
