@@ -22,7 +22,8 @@ public:
 
     /// The library has taken a publication above QoS 0. In any thread, one at a time.
     void handedOver(int messageId) {
-        isOnlyOne_.store(lastUnacknowledged_ == 0, std::memory_order_relaxed);
+        bool const isOnlyOne = lastUnacknowledged_.load(std::memory_order_relaxed) == 0;
+        isOnlyOne_.store(isOnlyOne, std::memory_order_relaxed);
         last_.store(messageId, std::memory_order_relaxed);
         lastUnacknowledged_.store(messageId, std::memory_order_relaxed);
     }

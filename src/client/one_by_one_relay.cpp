@@ -21,7 +21,7 @@ constexpr int OK = static_cast<int>(MqttClient::Error::SUCCESS);
 
 /// What the library sends again at the beginning of a connection.
 constexpr int LIBRARY_WINDOW = 20;
-constexpr std::chrono::seconds ANSWER_TIMEOUT{10};
+constexpr std::chrono::seconds ANSWER_TIMEOUT{5};
 /// Enough for a topic of the longest kind and what stands before and after it.
 constexpr std::size_t BUFFER_SIZE = 128 * 1024;
 
@@ -112,7 +112,10 @@ int OneByOneRelay::passToBroker() {
     while (hasPassed) {
         if (library_.want_write()) {
             int const result = library_.loop_write(1);
-            if (result != OK || library_.socket() < 0) {
+            if (result == OK && library_.socket() < 0) {
+                sendDisconnect(); // as the library does before it closes its socket
+            }
+            if (library_.socket() < 0) {
                 return result;
             }
         }

@@ -142,8 +142,8 @@ TEST_P(AClientOfAStrictServer, LosesNothingThatWasSentAheadOrBehind) {
     ASSERT_TRUE(waitForSendings(REFUSED, 4));
     ASSERT_TRUE(support::becomesConnected(*client_));
     EXPECT_EQ(publishAndWait("next"), Error::SUCCESS);
-    EXPECT_THAT(answered.copy(), ElementsAre("ahead/1", "ahead/2", "ahead/3", "behind/1",
-                                             "behind/2", "next"));
+    EXPECT_THAT(answered.copy(),
+                ElementsAre("ahead/1", "ahead/2", "ahead/3", "behind/1", "behind/2", "next"));
     EXPECT_EQ(sendings(REFUSED), 4);
     EXPECT_EQ(reconnections(), 4);
 }
@@ -219,42 +219,50 @@ TEST_P(AClientOfASlowServer, BecomesConnectedThoughTheAnswerIsMissing) {
     EXPECT_EQ(reconnections(), 2);
 }
 
-/// A real broker with a limit: its answers are lost with the connection that it closes.
-TEST(ABrokerWithAPacketLimit, GetsWhatIsPublishedAheadOfATooLargePublicationAndBehind) {
-    support::BrokerOptions options;
-    options.extraLines = {"max_packet_size 20000"};
-    for (bool const persistent : {false, true}) {
-        for (int const qos : {1, 2}) {
-            for (std::size_t const size : {30'000U, 3'000'000U}) {
-                SCOPED_TRACE(testing::Message() << persistent << " " << qos << " " << size);
-                support::Broker broker(options);
-                support::RawPeer peer(broker);
-                peer.subscribe("a");
-                support::ClientOptions ours;
-                ours.persistent = persistent;
-                auto const client = support::testClient(broker, ours);
-                Strings expected;
-                for (int i = 0; i < 30; ++i) {
-                    expected.push_back(std::to_string(i));
-                    ASSERT_EQ(client->publish("a", expected.back(), qos, false), Error::SUCCESS);
-                    if (i == 12 || i == 13) {
-                        ASSERT_EQ(client->publish("a", std::string(size, 'x'), qos, false),
-                                  Error::SUCCESS);
-                    }
-                }
-                ASSERT_TRUE(peer.waitFor([](auto const& all) {
-                    return !all.empty() && all.back().payload == "29";
-                }));
-                auto const payloads = peer.payloads();
-                if (qos == 2) {
-                    EXPECT_EQ(payloads, expected);
-                } else { // may arrive more than once
-                    EXPECT_EQ(std::set<std::string>(payloads.begin(), payloads.end()),
-                              std::set<std::string>(expected.begin(), expected.end()));
-                }
-            }
+/// A real broker with a limit; QoS and size of what it does not take. Its answers to what was sent
+/// ahead are lost with the connection that it closes.
+class ABrokerWithAPacketLimit : public testing::TestWithParam<std::tuple<int, std::size_t>> {
+protected:
+    static support::BrokerOptions options() {
+        support::BrokerOptions result;
+        result.extraLines = {"max_packet_size 20000"};
+        return result;
+    }
+    static support::ClientOptions persistent() {
+        support::ClientOptions result;
+        result.persistent = true;
+        return result;
+    }
+
+    support::Broker broker_{options()};
+    support::RawPeer peer_{broker_};
+    std::unique_ptr<MqttClient> client_ = support::testClient(broker_, persistent());
+};
+INSTANTIATE_TEST_SUITE_P(QosAndSize, ABrokerWithAPacketLimit,
+                         testing::Combine(testing::Values(1, 2),
+                                          testing::Values(30'000, 3'000'000)));
+
+TEST_P(ABrokerWithAPacketLimit, GetsWhatIsPublishedAheadOfTooLargePublicationsAndBehind) {
+    auto const [qos, size] = GetParam();
+    std::string const tooLarge(size, 'x');
+    peer_.subscribe("a", 2);
+    Strings expected;
+    for (int i = 0; i < 30; ++i) {
+        expected.push_back(std::to_string(i));
+        ASSERT_EQ(client_->publish("a", expected.back(), qos, false), Error::SUCCESS);
+        if (i == 12 || i == 13) {
+            ASSERT_EQ(client_->publish("a", tooLarge, qos, false), Error::SUCCESS);
         }
     }
+    ASSERT_TRUE(peer_.waitFor(
+        [&](auto const& all) { return !all.empty() && all.back().payload == expected.back(); }));
+    auto payloads = peer_.payloads();
+    if (qos == 1) { // some arrive more than once
+        std::sort(payloads.begin(), payloads.end());
+        payloads.erase(std::unique(payloads.begin(), payloads.end()), payloads.end());
+        std::sort(expected.begin(), expected.end());
+    }
+    EXPECT_EQ(payloads, expected);
 }
 
 } // namespace
