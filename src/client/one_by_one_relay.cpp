@@ -59,11 +59,11 @@ OneByOneRelay::OneByOneRelay(mosqpp::mosquittopp& library, int broker, int end)
 
 int OneByOneRelay::step(std::chrono::milliseconds longestWait) {
     int result = passToBroker();
-    if (result == OK && !isDone()) {
+    if (result == OK && library_.socket() >= 0 && !isDone()) {
         waitForBroker(longestWait);
         result = passToLibrary();
     }
-    if (result == OK && !isLost_) {
+    if (result == OK && library_.socket() >= 0 && !isLost_) {
         result = passToBroker();
     }
     return result == OK ? library_.loop_misc() : result;
