@@ -271,6 +271,12 @@ public:
     /// Publishes without waiting. Without a connection the publication is queued; neither that
     /// queue nor the data that a connected broker has not read yet has a limit. Publications of one
     /// QoS keep their order; one of QoS 0 may overtake others.
+    ///
+    /// A broker closes the connection when it gets a publication that it does not take, for example
+    /// a larger one than it allows. One of QoS 1 or 2 is sent again with the next connection. When
+    /// it has ended three connections in a row it is given up, or after four if others were on
+    /// their way with it. After two the client sends what is not acknowledged one at a time before
+    /// it becomes connected again; if the broker does not answer, for five seconds.
     /// @param payload any bytes
     /// @param qos 0 to 2
     /// @return SUCCESS when sent or queued; otherwise why it was refused: INVALID_PARAMETER
@@ -281,7 +287,7 @@ public:
     /// acknowledged by the broker at QoS 1 and 2. Without a connection it is queued, without
     /// waiting. When another publication, waited for or not, is acknowledged at the same moment,
     /// the wait may miss its own acknowledgement and end by time-out although the publication is
-    /// done.
+    /// done. The wait for a publication that is given up ends by time-out, too.
     /// @param timeout seconds; 0 does not wait, `UINT32_MAX` waits without limit
     /// @return as `publish`, or TIMEOUT
     Error publishWait(Topic const& topic, std::string const& payload, int qos, bool retain,

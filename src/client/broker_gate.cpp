@@ -24,7 +24,7 @@ Submission BrokerGate::publish(Topic const& topic, std::string const& payload, i
     std::lock_guard const lock(mutex_);
     if (phase_ == Phase::ONLINE) {
         int mid = 0;
-        auto const result = handOver(&mid, topic, payload, qos, retain);
+        auto const result = handOver(mid, topic, payload, qos, retain);
         if (result == Error::SUCCESS) {
             return {result, mid};
         }
@@ -54,16 +54,21 @@ Error BrokerGate::clear(Topic const& topic) {
     if (phase_ != Phase::ONLINE) {
         return Error::NO_CONN;
     }
-    auto const result = handOver(nullptr, topic, {}, 2, true);
+    int mid = 0;
+    auto const result = handOver(mid, topic, {}, 2, true);
     // If the connection has just ended, the library sends it with the next one.
     return result == Error::NO_CONN ? Error::SUCCESS : result;
 }
 
-Error BrokerGate::handOver(int* mid, Topic const& topic, std::string const& payload, int qos,
+Error BrokerGate::handOver(int& mid, Topic const& topic, std::string const& payload, int qos,
                            bool retain) {
     tuning_.packetIssued(qos != 0);
-    return static_cast<Error>(library_.publish(
-        mid, topic.text().c_str(), static_cast<int>(payload.size()), payload.data(), qos, retain));
+    auto const result = static_cast<Error>(library_.publish(
+        &mid, topic.text().c_str(), static_cast<int>(payload.size()), payload.data(), qos, retain));
+    if (qos != 0 && (result == Error::SUCCESS || result == Error::NO_CONN)) {
+        losses_.handedOver(mid);
+    }
+    return result;
 }
 
 Error BrokerGate::subscribe(Topic const& topic) {
@@ -121,7 +126,8 @@ bool BrokerGate::sendQueue() {
     }
     while (!queue_.empty()) {
         auto const& first = queue_.front();
-        auto const result = handOver(nullptr, first.topic, first.payload, first.qos, first.retain);
+        int mid = 0;
+        auto const result = handOver(mid, first.topic, first.payload, first.qos, first.retain);
         // With NO_CONN the library has kept a QoS 1 or 2 publication for itself.
         if (result == Error::CONN_LOST || (result == Error::NO_CONN && first.qos == 0)) {
             return false;

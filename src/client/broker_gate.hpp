@@ -1,5 +1,6 @@
 #pragma once
 
+#include "client/connection_losses.hpp"
 #include "client/socket/socket_tuning.hpp"
 #include "mqtt/client.hpp"
 
@@ -34,8 +35,8 @@ public:
     using Error = MqttClient::Error;
 
     BrokerGate(mosqpp::mosquittopp& library, std::deque<MqttClient::Publish>& queue,
-               SocketTuning& tuning)
-        : library_(library), queue_(queue), tuning_(tuning) {}
+               SocketTuning& tuning, ConnectionLosses& losses)
+        : library_(library), queue_(queue), tuning_(tuning), losses_(losses) {}
 
     /// Hands a publication to the library or, without a connection, to the queue.
     Submission publish(Topic const& topic, std::string const& payload, int qos, bool retain);
@@ -85,11 +86,12 @@ private:
     enum class Phase : std::uint8_t { OFFLINE, ONLINE, LEAVING };
 
     Error unsubscribe(int* mid, char const* topic);
-    Error handOver(int* mid, Topic const& topic, std::string const& payload, int qos, bool retain);
+    Error handOver(int& mid, Topic const& topic, std::string const& payload, int qos, bool retain);
 
     mosqpp::mosquittopp& library_;
     std::deque<MqttClient::Publish>& queue_;
     SocketTuning& tuning_;
+    ConnectionLosses& losses_;
     std::mutex mutex_;
     Phase phase_ = Phase::OFFLINE;
     std::atomic<bool> hasDisconnect_{false}; ///< looked at by each network step, without the lock

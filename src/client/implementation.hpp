@@ -2,6 +2,7 @@
 
 #include "client/broker_gate.hpp"
 #include "client/communication_state.hpp"
+#include "client/connection_losses.hpp"
 #include "client/network.hpp"
 #include "client/network_turn.hpp"
 #include "client/socket/socket_tuning.hpp"
@@ -21,6 +22,7 @@ struct MqttClient::Implementation {
     explicit Implementation(MqttClient& client);
 
     SocketTuning tuning;
+    ConnectionLosses losses;
     BrokerGate gate;
     NetworkTurn turn;
     Network network;

@@ -21,13 +21,13 @@ conv::SecondsDuration const MqttClient::HEART_BEAT_RATE{30};
 conv::SecondsDuration const MqttClient::COMMUNICATION_DELAY{5};
 
 MqttClient::Implementation::Implementation(MqttClient& client)
-    : gate(client, client.queue_, tuning),
+    : gate(client, client.queue_, tuning, losses),
       network(client, tuning),
       state({client.mainMutex_, client.stateMutex_, client.stateChanged_, client.comState_,
              client.listeners_},
             gate),
       subscriptions(client.mainMutex_, client.subscriptions_, gate),
-      worker({client.stop_, client.paused_, client.worker_}, turn, network, gate, state,
+      worker({client.stop_, client.paused_, client.worker_}, turn, network, gate, losses, state,
              subscriptions) {}
 
 MqttClient::MqttClient(zym::common::Uuid const& id, bool persistent, std::string const& name,

@@ -1,9 +1,11 @@
 #pragma once
 
+#include "client/one_by_one_relay.hpp"
 #include "client/socket/socket_tuning.hpp"
 #include "mqtt/mosquittopp.hpp"
 
 #include <chrono>
+#include <memory>
 
 namespace mqtt {
 
@@ -16,6 +18,10 @@ public:
 
     int connect(char const* host, int port);
     int reconnect();
+    /// Right after `reconnect`: from here on the relay makes the network steps, until it gives the
+    /// connection back or the connection ends.
+    /// @return null if the system has no descriptor for it
+    std::unique_ptr<OneByOneRelay> relay() { return OneByOneRelay::begin(library_); }
 
     /// Waits for input or output, at most a second, and handles one packet.
     int step();

@@ -39,6 +39,10 @@ Error MqttClient::clear(Topic const& topic) {
 }
 
 void MqttClient::on_publish(int mid) {
+    impl_->losses.acknowledged(mid);
+    if (impl_->worker.isGivingUpAPublication()) {
+        return; // the broker has not acknowledged it
+    }
     std::lock_guard const lock(deliveryMutex_);
     lastPublished_ = mid;
     delivered_.notify_all();

@@ -22,6 +22,8 @@ constexpr int NO_CONN = static_cast<int>(MqttClient::Error::NO_CONN);
 constexpr int CONN_LOST = static_cast<int>(MqttClient::Error::CONN_LOST);
 
 constexpr milliseconds PAUSE{500};
+/// The longest wait for the broker while a relay stands between. Nothing wakes it.
+constexpr milliseconds RELAY_WAIT{10};
 
 /// Blocks the signals of the process in the calling thread, and in those that it starts, to the end
 /// of its scope. Signals that a fault raises in a thread are not blocked: their handlers run in
@@ -69,11 +71,12 @@ bool WorkerEnd::waitFor(milliseconds duration) {
 }
 
 Worker::Worker(Members members, NetworkTurn& turn, Network& network, BrokerGate& gate,
-               CommunicationState& state, Subscriptions& subscriptions)
+               ConnectionLosses& losses, CommunicationState& state, Subscriptions& subscriptions)
     : members_(members),
       turn_(turn),
       network_(network),
       gate_(gate),
+      losses_(losses),
       state_(state),
       subscriptions_(subscriptions) {}
 
@@ -119,10 +122,10 @@ void Worker::networkStep() {
         state_.set(ComState::DISCONNECTED);
     }
     if (gate_.consumeDisconnect()) {
-        network_.writeDisconnect();
+        writeDisconnect();
     }
-    int const result = network_.step();
-    if (result == OK && isAccepted_) {
+    int const result = step();
+    if (result == OK && isAccepted_ && !relay_) {
         completeConnection();
     }
     // Decided while we have the turn: a caller that connects leaves "disconnected" only when it has
@@ -144,6 +147,54 @@ void Worker::networkStep() {
     }
 }
 
+int Worker::step() {
+    return relay_ ? stepOfTheRelay() : network_.step();
+}
+
+int Worker::stepOfTheRelay() {
+    int result = relay_->step(RELAY_WAIT);
+    if (result == OK && relay_->isLost()) {
+        giveUpUnanswered();
+        result = relay_->closeConnection();
+    }
+    if (result == OK && relay_->isDone()) {
+        relay_->giveBack();
+        relay_.reset();
+    } else if (result != OK) {
+        relay_.reset();
+    }
+    return result;
+}
+
+/// A publication that was lost three times would be sent again with each connection, and the broker
+/// would close each one: nothing would arrive any more.
+void Worker::giveUpUnanswered() {
+    auto const& publication = relay_->unanswered();
+    if (!publication) {
+        return;
+    }
+    losses_.lostAlone(publication->messageId);
+    if (losses_.isCause(publication->messageId)) {
+        isGivingUpAPublication_ = true;
+        bool const isGivenUp = relay_->acknowledgeUnanswered();
+        isGivingUpAPublication_ = false;
+        if (isGivenUp) {
+            publicationGivenUp(*publication);
+        }
+    }
+}
+
+/// The only place that knows of it. Nobody is told yet: the client has no log.
+void Worker::publicationGivenUp(UnansweredPublication const& /*publication*/) {}
+
+void Worker::writeDisconnect() {
+    if (relay_) {
+        relay_->sendDisconnect();
+        relay_.reset();
+    }
+    network_.writeDisconnect();
+}
+
 void Worker::backOffAndReconnect() {
     if (!end_.sleep(reconnectDelay(nextReconnectAttempt()))) {
         return;
@@ -152,25 +203,38 @@ void Worker::backOffAndReconnect() {
     reconnecting_ = true;
     // Once the end was asked for, `reconnecting_` may have been looked at already: do not begin.
     if (!members_.stop && !state_.isGivenUp()) {
-        network_.reconnect();
+        reconnect();
     }
     reconnecting_ = false;
     turn_.leave();
 }
 
+void Worker::reconnect() {
+    relay_.reset();
+    if (network_.reconnect() == OK && losses_.isPublicationSuspected()) {
+        relay_ = network_.relay();
+    }
+}
+
 /// Lets the broker have the unsubscriptions of the destructor before the connection is closed.
 void Worker::finish() {
     if (gate_.consumeDisconnect()) {
-        network_.writeDisconnect();
+        writeDisconnect();
     }
     if (gate_.isOnline()) {
         network_.writeLastPackets();
     }
 }
 
+void Worker::connectionAccepted() {
+    isAccepted_ = true;
+    losses_.connectionAccepted(ConnectionLosses::Clock::now());
+}
+
 void Worker::connectionEnded(bool byDisconnect) {
     // A broker's answer that crosses our DISCONNECT packet makes the library forget the packet.
     bool const intended = gate_.goOffline() || byDisconnect;
+    losses_.connectionEnded(ConnectionLosses::Clock::now(), intended);
     isAccepted_ = false;
     state_.set(intended ? ComState::DISCONNECTED : ComState::CONNECTION_LOST);
 }

@@ -2,13 +2,16 @@
 
 #include "client/broker_gate.hpp"
 #include "client/communication_state.hpp"
+#include "client/connection_losses.hpp"
 #include "client/network.hpp"
 #include "client/network_turn.hpp"
+#include "client/one_by_one_relay.hpp"
 #include "client/subscriptions.hpp"
 
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <memory>
 #include <mutex>
 #include <thread>
 
@@ -51,7 +54,7 @@ public:
     };
 
     Worker(Members members, NetworkTurn& turn, Network& network, BrokerGate& gate,
-           CommunicationState& state, Subscriptions& subscriptions);
+           ConnectionLosses& losses, CommunicationState& state, Subscriptions& subscriptions);
 
     /// @throws std::system_error there is no thread to be had
     void start();
@@ -60,25 +63,36 @@ public:
     bool isCurrentThread() const { return members_.thread.get_id() == std::this_thread::get_id(); }
 
     /// Worker: the broker has accepted the connection.
-    void connectionAccepted() { isAccepted_ = true; }
+    void connectionAccepted();
     /// Worker: the connection has ended, because of a DISCONNECT packet or not.
     void connectionEnded(bool byDisconnect);
+    /// Worker: whether the library is acknowledging a publication that the broker did not take.
+    bool isGivingUpAPublication() const { return isGivingUpAPublication_; }
 
 private:
     int loop();
     void networkStep();
+    int step();
+    int stepOfTheRelay();
+    void giveUpUnanswered();
+    void publicationGivenUp(UnansweredPublication const& publication);
+    void writeDisconnect();
     void completeConnection();
     void backOffAndReconnect();
+    void reconnect();
     void finish();
 
     Members members_;
     NetworkTurn& turn_;
     Network& network_;
     BrokerGate& gate_;
+    ConnectionLosses& losses_;
     CommunicationState& state_;
     Subscriptions& subscriptions_;
     WorkerEnd end_;
     bool isAccepted_ = false; ///< worker: the connection is to be completed
+    bool isGivingUpAPublication_ = false;
+    std::unique_ptr<OneByOneRelay> relay_; ///< worker: makes the network steps if there is one
     std::atomic<bool> reconnecting_{false};
     std::atomic<pid_t> kernelId_{0}; ///< of the thread
 };

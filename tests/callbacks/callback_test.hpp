@@ -17,6 +17,7 @@
 #include <future>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 /// Time-outs in seconds: one that ends only in a test that fails, and one that the watchdog
@@ -144,4 +145,4 @@ struct Callback {
 /// One for each callback, and each thread that calls it.
 std::vector<Callback> const& callbacks();
 /// The first one with this class or name.
-Callback const& callbackOf(std::string const& classNameOrName);
+Callback const& callbackOf(std::string_view classNameOrName);

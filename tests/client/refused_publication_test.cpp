@@ -1,0 +1,268 @@
+// A publication for which the broker closes the connection, each time that it is sent.
+
+#include "support/broker.hpp"
+#include "support/raw_peer.hpp"
+#include "support/recorder.hpp"
+#include "support/scripted_server.hpp"
+#include "support/test_client.hpp"
+#include "support/watched.hpp"
+
+#include <mqtt/client.hpp>
+
+#include <gmock/gmock.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <future>
+#include <memory>
+#include <set>
+#include <string>
+#include <tuple>
+#include <vector>
+
+namespace {
+
+using conv::ComState;
+using mqtt::MqttClient;
+using support::MqttPacket;
+using support::ScriptedServer;
+using testing::Each;
+using testing::ElementsAre;
+using Error = MqttClient::Error;
+using Reaction = ScriptedServer::Reaction;
+using Strings = std::vector<std::string>;
+using Type = support::PacketType;
+
+constexpr unsigned WAIT_SECONDS = 30;
+
+std::string const REFUSED = "refused";
+
+/// A client at a server that answers as the test says; with QoS and `persistent`.
+class AClientOfAStrictServer : public testing::TestWithParam<std::tuple<int, bool>> {
+protected:
+    /// The server resets the connection at the first so many sendings of a topic.
+    void refuse(std::string const& topic, int times) {
+        server_.setHook([=](MqttPacket const& packet) mutable {
+            bool const isRefused = packet.type == Type::PUBLISH && packet.topic == topic;
+            return isRefused && times-- > 0 ? Reaction::DROP : Reaction::ANSWER;
+        });
+    }
+    static constexpr int ALWAYS = 1000;
+
+    static int qos() { return std::get<0>(GetParam()); }
+
+    std::unique_ptr<MqttClient> connectedClient() {
+        support::ClientOptions options;
+        options.persistent = std::get<1>(GetParam());
+        return support::testClient(server_.host(), server_.port(), options);
+    }
+
+    void publish(std::string const& topic) {
+        ASSERT_EQ(client_->publish(topic, topic, qos(), false), Error::SUCCESS);
+    }
+    Error publishAndWait(std::string const& topic, unsigned seconds = WAIT_SECONDS) {
+        return client_->publishWait(topic, topic, qos(), false, seconds);
+    }
+
+    /// How often this topic was sent.
+    std::ptrdiff_t sendings(std::string const& topic) const {
+        auto const packets = server_.received(Type::PUBLISH);
+        return std::count_if(packets.begin(), packets.end(),
+                             [&](auto const& packet) { return packet.topic == topic; });
+    }
+    bool waitForSendings(std::string const& topic, std::ptrdiff_t count) const {
+        return support::eventually([&] { return sendings(topic) >= count; });
+    }
+
+    /// Returns when the server has this publication; false if that takes too long.
+    bool arrives(std::string const& topic) const { return waitForSendings(topic, 1); }
+
+    int reconnections() const { return server_.tcpConnections() - 1; }
+
+    support::StateRecorder states_;
+    support::MessageRecorder subscriber_;
+    ScriptedServer server_;
+    std::unique_ptr<MqttClient> client_ = connectedClient();
+};
+INSTANTIATE_TEST_SUITE_P(QosAndPersistent, AClientOfAStrictServer,
+                         testing::Combine(testing::Values(1, 2), testing::Bool()));
+
+TEST_P(AClientOfAStrictServer, GivesAPublicationUpThatIsRefusedThreeTimes) {
+    refuse(REFUSED, ALWAYS);
+    publish(REFUSED);
+    ASSERT_TRUE(waitForSendings(REFUSED, 3));
+    ASSERT_TRUE(support::becomesConnected(*client_));
+    EXPECT_EQ(publishAndWait("next"), Error::SUCCESS);
+    EXPECT_EQ(sendings(REFUSED), 3);
+    EXPECT_EQ(reconnections(), 3);
+}
+
+TEST_P(AClientOfAStrictServer, KeepsAPublicationThatIsRefusedTwice) {
+    refuse(REFUSED, 2);
+    EXPECT_EQ(publishAndWait(REFUSED), Error::SUCCESS);
+    EXPECT_EQ(reconnections(), 2);
+    // The connection is as any other one now.
+    ASSERT_TRUE(support::becomesConnected(*client_));
+    ASSERT_EQ(client_->subscribe("a", &subscriber_, 0), Error::SUCCESS);
+    EXPECT_EQ(publishAndWait("next"), Error::SUCCESS);
+    ASSERT_TRUE(server_.publish("a", "x"));
+    EXPECT_TRUE(subscriber_.waitForPayload("x"));
+    client_->release(&subscriber_);
+}
+
+TEST_P(AClientOfAStrictServer, DoesNotReportARefusedPublicationAsDone) {
+    refuse(REFUSED, ALWAYS);
+    auto waiting = std::async(std::launch::async, [&] { return publishAndWait(REFUSED, 4); });
+    ASSERT_TRUE(waitForSendings(REFUSED, 3));
+    EXPECT_EQ(waiting.get(), Error::TIMEOUT);
+}
+
+/// The broker's answers to what was sent ahead are lost with the connection.
+TEST_P(AClientOfAStrictServer, LosesNothingThatWasSentAheadOrBehind) {
+    support::Watched<Strings> answered;
+    server_.setHook([&, refusals = 0](MqttPacket const& packet) mutable {
+        if (packet.type != Type::PUBLISH) {
+            return Reaction::ANSWER;
+        }
+        if (packet.topic == REFUSED) {
+            ++refusals;
+            return Reaction::DROP;
+        }
+        if (refusals < 2) {
+            return Reaction::IGNORE;
+        }
+        answered.change([&](Strings& all) { all.push_back(packet.topic); });
+        return Reaction::ANSWER;
+    });
+    for (auto const* const topic : {"ahead/1", "ahead/2", "ahead/3", "refused", "behind/1"}) {
+        publish(topic);
+    }
+    EXPECT_TRUE(arrives("behind/1") || waitForSendings(REFUSED, 1));
+    publish("behind/2"); // queued, or behind too
+    ASSERT_TRUE(waitForSendings(REFUSED, 4));
+    ASSERT_TRUE(support::becomesConnected(*client_));
+    EXPECT_EQ(publishAndWait("next"), Error::SUCCESS);
+    EXPECT_THAT(answered.copy(),
+                ElementsAre("ahead/1", "ahead/2", "ahead/3", "behind/1", "behind/2", "next"));
+    EXPECT_EQ(sendings(REFUSED), 4);
+    EXPECT_EQ(reconnections(), 4);
+}
+
+/// Drops the connection at each fourth publication, whichever it is.
+TEST_P(AClientOfAStrictServer, GivesNothingUpIfTheServerIsUnstable) {
+    support::Watched<std::set<std::string>> answered;
+    server_.setHook([&, publications = 0](MqttPacket const& packet) mutable {
+        if (packet.type != Type::PUBLISH) {
+            return Reaction::ANSWER;
+        }
+        if (++publications % 4 == 0) {
+            return Reaction::DROP;
+        }
+        answered.change([&](auto& all) { all.insert(packet.topic); });
+        return Reaction::ANSWER;
+    });
+    constexpr std::size_t COUNT = 16;
+    for (std::size_t i = 0; i < COUNT; ++i) {
+        publish("a/" + std::to_string(i));
+    }
+    EXPECT_TRUE(answered.waitFor([](auto const& all) { return all.size() == COUNT; }));
+}
+
+TEST_P(AClientOfAStrictServer, GivesNothingUpIfTheServerRefusesAllClientsForATime) {
+    server_.setMode(ScriptedServer::Mode::SILENT);
+    publish(REFUSED);
+    ASSERT_TRUE(arrives(REFUSED));
+    server_.refuseWith(3);
+    server_.drop();
+    ASSERT_TRUE(server_.waitForPackets(Type::CONNECT, 5));
+    server_.setMode(ScriptedServer::Mode::BROKER);
+    EXPECT_TRUE(waitForSendings(REFUSED, 2));
+}
+
+class AClientOfASlowServer : public AClientOfAStrictServer {
+protected:
+    /// The connection after the second loss: the server has the publication, and does not answer.
+    void waitForTheRelay() {
+        server_.setHook([refusals = 0](MqttPacket const& packet) mutable {
+            if (packet.type != Type::PUBLISH) {
+                return Reaction::ANSWER;
+            }
+            return refusals++ < 2 ? Reaction::DROP : Reaction::IGNORE;
+        });
+        publish(REFUSED);
+        ASSERT_TRUE(waitForSendings(REFUSED, 3));
+    }
+};
+INSTANTIATE_TEST_SUITE_P(QosAndPersistent, AClientOfASlowServer,
+                         testing::Combine(testing::Values(2), testing::Values(false)));
+
+TEST_P(AClientOfASlowServer, DisconnectsInOrder) {
+    waitForTheRelay();
+    EXPECT_EQ(client_->disconnect(WAIT_SECONDS), Error::SUCCESS);
+    EXPECT_TRUE(server_.waitForPackets(Type::DISCONNECT, 1));
+    server_.setHook({});
+    EXPECT_EQ(client_->connect("", -1, WAIT_SECONDS), Error::SUCCESS);
+    EXPECT_EQ(publishAndWait("next"), Error::SUCCESS);
+    EXPECT_EQ(sendings(REFUSED), 4);
+}
+
+TEST_P(AClientOfASlowServer, IsDestroyed) {
+    waitForTheRelay();
+    client_.reset();
+    EXPECT_TRUE(server_.waitForNoConnection());
+}
+
+TEST_P(AClientOfASlowServer, BecomesConnectedThoughTheAnswerIsMissing) {
+    waitForTheRelay();
+    EXPECT_TRUE(support::becomesConnected(*client_));
+    EXPECT_EQ(client_->publishWait("next", "", 0, false, WAIT_SECONDS), Error::SUCCESS);
+    EXPECT_EQ(reconnections(), 2);
+}
+
+/// A real broker with a limit; QoS and size of what it does not take. Its answers to what was sent
+/// ahead are lost with the connection that it closes.
+class ABrokerWithAPacketLimit : public testing::TestWithParam<std::tuple<int, std::size_t>> {
+protected:
+    static support::BrokerOptions options() {
+        support::BrokerOptions result;
+        result.extraLines = {"max_packet_size 20000"};
+        return result;
+    }
+    static support::ClientOptions persistent() {
+        support::ClientOptions result;
+        result.persistent = true;
+        return result;
+    }
+
+    support::Broker broker_{options()};
+    support::RawPeer peer_{broker_};
+    std::unique_ptr<MqttClient> client_ = support::testClient(broker_, persistent());
+};
+INSTANTIATE_TEST_SUITE_P(QosAndSize, ABrokerWithAPacketLimit,
+                         testing::Combine(testing::Values(1, 2),
+                                          testing::Values(30'000, 3'000'000)));
+
+TEST_P(ABrokerWithAPacketLimit, GetsWhatIsPublishedAheadOfTooLargePublicationsAndBehind) {
+    auto const [qos, size] = GetParam();
+    std::string const tooLarge(size, 'x');
+    peer_.subscribe("a", 2);
+    Strings expected;
+    for (int i = 0; i < 30; ++i) {
+        expected.push_back(std::to_string(i));
+        ASSERT_EQ(client_->publish("a", expected.back(), qos, false), Error::SUCCESS);
+        if (i == 12 || i == 13) {
+            ASSERT_EQ(client_->publish("a", tooLarge, qos, false), Error::SUCCESS);
+        }
+    }
+    ASSERT_TRUE(peer_.waitFor(
+        [&](auto const& all) { return !all.empty() && all.back().payload == expected.back(); }));
+    auto payloads = peer_.payloads();
+    if (qos == 1) { // some arrive more than once
+        std::sort(payloads.begin(), payloads.end());
+        payloads.erase(std::unique(payloads.begin(), payloads.end()), payloads.end());
+        std::sort(expected.begin(), expected.end());
+    }
+    EXPECT_EQ(payloads, expected);
+}
+
+} // namespace
