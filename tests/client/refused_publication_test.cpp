@@ -172,7 +172,7 @@ TEST_P(AClientOfAStrictServer, GivesNothingUpIfTheServerRefusesAllClientsForATim
     server_.setMode(ScriptedServer::Mode::SILENT);
     publish(REFUSED);
     ASSERT_TRUE(arrives(REFUSED));
-    server_.refuseWith(3);
+    server_.setMode(ScriptedServer::Mode::REFUSE);
     server_.drop();
     ASSERT_TRUE(server_.waitForPackets(Type::CONNECT, 5));
     server_.setMode(ScriptedServer::Mode::BROKER);
