@@ -8,8 +8,6 @@
 
 namespace {
 
-using mqtt::HashTable;
-
 auto is(int key) {
     return [key](int item) { return item == key; };
 }
@@ -24,7 +22,7 @@ TEST_P(ACrowdedHashTable, FindsWhatIsThereAndNothingElseAfterEveryChange) {
     };
     constexpr int KEYS = 60;
     std::mt19937 random(GetParam());
-    HashTable<std::unique_ptr<int>> table;
+    mqtt::HashTable<std::unique_ptr<int>> table;
     std::set<int> there;
     for (int change = 0; change < 3000; ++change) {
         for (int key = 0; key < KEYS; ++key) {
