@@ -170,7 +170,7 @@ SCENARIO(TwoClientsAskOneServer, TwoConnectedClients, THREADS_ONLY) {
     expect(broker.subscriptions() == 0, "a subscription is left");
 }
 
-SCENARIO(RequestsWithoutResources, RequesterFixture, NO_THREAD | NO_MEMORY) {
+SCENARIO(RequestsWithoutResources, RequesterFixture, RESOURCES) {
     bool accepted = false;
     explore([&] {
         if (maybe()) {
