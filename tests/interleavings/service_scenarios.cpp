@@ -311,6 +311,7 @@ SCENARIO(CleaningWithoutResources, CleanerFixture, RESOURCES) {
     expect(cleaner->waitAllTasks(SETTLING_TIME), "tasks are left");
     expect(listener.topics == (accepted ? 1 : 0), "the listener does not learn each end once");
     cleanOld();
+    cleanNew();
     expect(cleaner->waitAllTasks(SETTLING_TIME), "tasks are left");
     expect(broker.retained() == 0, "a retained message is left");
 }
