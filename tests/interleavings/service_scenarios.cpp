@@ -81,10 +81,8 @@ SCENARIO(ThePeriodicExchangeMeetsStop, TimeBaseFixture, DEADLINES) {
 SCENARIO(TheEndOfATimeBaseMeetsItsCallback, TimeBaseFixture, DEADLINES) {
     bool waits = false;
     explore([&] { waits = maybe(); });
-    server.holdReplies();
-    std::thread waiter([&] { waits ? proxy->synchronize(SERVER, 5) : proxy->startSync(SERVER); });
-    pass(milliseconds(1));
-    endDuringReplies(proxy, listener, waiter);
+    endDuringReplies(proxy, listener,
+                     [&] { waits ? proxy->synchronize(SERVER, 5) : proxy->startSync(SERVER); });
 }
 
 SCENARIO(TimeBaseWithoutResources, TimeBaseFixture, RESOURCES) {
@@ -217,15 +215,12 @@ SCENARIO(UnbindMeetsTheDeadline, BinderFixture, DEADLINES) {
 SCENARIO(TheEndOfABinderMeetsItsCallbacks, BinderFixture, DEADLINES) {
     bool unbinds = false;
     explore([&] { unbinds = maybe(); });
-    server.holdReplies();
-    proxy->bind(SERVER, 1);
-    std::thread waiter([&] {
+    endDuringReplies(proxy, listener, [&] {
+        proxy->bind(SERVER, 1);
         if (unbinds) {
             proxy->unbindSync(1);
         }
     });
-    pass(milliseconds(1));
-    endDuringReplies(proxy, listener, waiter);
 }
 
 SCENARIO(BindingsWithoutResources, BinderFixture, RESOURCES) {
