@@ -175,7 +175,7 @@ SCENARIO(TheEndOfAClientMeetsItsCallbacks, WithListeners<TwoConnectedClients>, D
            "another client is no longer connected");
 }
 
-SCENARIO(AClientWithoutMemory, WithListeners<IdleClient>, NO_MEMORY) {
+SCENARIO(AClientWithoutResources, WithListeners<IdleClient>, RESOURCES) {
     int publications = 0;
     int subscriptions = 0;
     auto const publish = [&] {

@@ -80,10 +80,13 @@ private:
 /// For classes that send requests.
 struct ClientOfEchoServer : ConnectedClient {
     /// Ends an object whose requests have no reply yet, while their replies come.
-    /// @param waiter uses the object
-    template <class Object>
+    /// @param use makes the requests, and may wait
+    template <class Object, class Use>
     void endDuringReplies(std::unique_ptr<Object>& object, CallbackCheck& listener,
-                          std::thread& waiter) {
+                          Use const& use) {
+        server.holdReplies();
+        std::thread user(use);
+        pass(std::chrono::milliseconds(1));
         explore([&] {
             server.releaseReplies();
             ifMistaken([&] { listener.close(); });
@@ -91,7 +94,7 @@ struct ClientOfEchoServer : ConnectedClient {
             object.reset();
             listener.close();
         });
-        waiter.join();
+        user.join();
         expectNoSubscriptions();
     }
 

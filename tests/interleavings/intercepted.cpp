@@ -178,7 +178,7 @@ int pthread_create(pthread_t* id, pthread_attr_t const* attributes, void* (*rout
     if (!isRunning()) {
         return create(id, attributes, routine, argument);
     }
-    if (scheduler().refuses(NO_THREAD)) {
+    if (scheduler().refuses()) {
         return EAGAIN;
     }
     auto& thread = scheduler().add();

@@ -14,7 +14,6 @@ using mqtt::RequestReplyClient;
 using mqtt::RequestReplyServer;
 using Code = mqtt::RequestReply::ErrorCode;
 using Reply = std::shared_ptr<NumberData>;
-using std::chrono::milliseconds;
 using std::chrono::seconds;
 
 namespace {
@@ -112,11 +111,10 @@ SCENARIO(WaitersMeetCancel, RequesterFixture, DEADLINES) {
 }
 
 SCENARIO(TheEndOfARequesterMeetsItsCallbacks, RequesterFixture, DEADLINES) {
-    server.holdReplies();
-    request(listener, 1, 1);
-    std::thread waiter([&] { requester->waitEndOfRequest(1); });
-    pass(milliseconds(1));
-    endDuringReplies(requester, listener, waiter);
+    endDuringReplies(requester, listener, [&] {
+        request(listener, 1, 1);
+        requester->waitEndOfRequest(1);
+    });
     listener.expectEnds(1);
 }
 
@@ -170,7 +168,7 @@ SCENARIO(TwoClientsAskOneServer, TwoConnectedClients, THREADS_ONLY) {
     expect(broker.subscriptions() == 0, "a subscription is left");
 }
 
-SCENARIO(RequestsWithoutResources, RequesterFixture, NO_THREAD | NO_MEMORY) {
+SCENARIO(RequestsWithoutResources, RequesterFixture, RESOURCES) {
     bool accepted = false;
     explore([&] {
         if (maybe()) {

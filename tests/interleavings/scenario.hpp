@@ -76,7 +76,7 @@ void explore(Action const& action) {
     pass(SETTLING_TIME);
 }
 
-/// During its lifetime an allocation of this thread may fail, if the scenario explores NO_MEMORY;
+/// During its lifetime an allocation of this thread may fail, if the scenario explores RESOURCES;
 /// so may those of the threads that it creates, until these end.
 class MemoryMayFail {
 public:
@@ -87,7 +87,7 @@ public:
 
     static bool refuses() {
         support::UncountedAllocations const uncounted;
-        bool const refuses = onThisThread && Scheduler::instance().refuses(NO_MEMORY);
+        bool const refuses = onThisThread && Scheduler::instance().refuses();
         hasFailed = hasFailed || refuses;
         return refuses;
     }

@@ -84,8 +84,8 @@ void Scheduler::ignoreObjectsIn(void const* begin, std::size_t size) {
     ignored_.emplace_back(reinterpret_cast<std::uintptr_t>(begin), size);
 }
 
-bool Scheduler::refuses(Explored resource) {
-    if ((plan_.explored & resource) == 0 || refused_) {
+bool Scheduler::refuses() {
+    if ((plan_.explored & RESOURCES) == 0 || refused_) {
         return false;
     }
     refused_ = choose(2) != 0;

@@ -22,8 +22,7 @@ constexpr Nanoseconds NEVER = -1;
 enum Explored : unsigned {
     THREADS_ONLY = 0,
     DEADLINES = 1, ///< time may pass to the deadline of a wait while other threads could continue
-    NO_THREAD = 2, ///< one creation of a thread may fail
-    NO_MEMORY = 4  ///< one allocation may fail
+    RESOURCES = 2  ///< one creation of a thread or one allocation may fail
 };
 
 enum class State { READY, WAITING, ENDED };
@@ -82,8 +81,8 @@ public:
     void ignoreObjectsIn(void const* begin, std::size_t size);
     /// Makes a choice; option 0 while not exploring.
     std::size_t choose(std::size_t options);
-    /// Whether a resource is refused; at most once in a run.
-    bool refuses(Explored resource);
+    /// Whether a thread or memory is refused; at most once in a run.
+    bool refuses();
     /// Waits until the object is woken.
     /// @return false when the deadline came first
     bool block(char const* activity, void const* object, Nanoseconds deadline = NEVER);
@@ -119,7 +118,7 @@ private:
     std::size_t steps_ = 0;
     std::mt19937 random_;
     unsigned randomOneIn_ = 1; ///< of so many choices one takes a random option
-    bool refused_ = false;     ///< a resource was refused before
+    bool refused_ = false;     ///< a thread or memory was refused before
 };
 
 } // namespace interleavings
