@@ -37,7 +37,9 @@ Error checkPublication(Topic const& topic, std::size_t payloadSize, int qos) {
 
 Error checkSubscription(Topic const& topic) {
     auto const& text = topic.text();
-    if (text.empty() || mosquitto_sub_topic_check(text.c_str()) != 0) {
+    // Version 2.0 of the library has no objection to what begins with a null character, 2.1 has.
+    bool const isWellFormed = text[0] == '\0' || mosquitto_sub_topic_check(text.c_str()) == 0;
+    if (text.empty() || !isWellFormed) {
         return Error::INVALID_PARAMETER;
     }
     return isUtf8(text) ? Error::SUCCESS : MALFORMED_UTF8;

@@ -136,11 +136,11 @@ std::vector<Callback> const& callbacks() {
     return all;
 }
 
-Callback const& callbackOf(std::string const& classNameOrName) {
+Callback const& callbackOf(std::string_view classNameOrName) {
     for (Callback const& callback : callbacks()) {
         if (callback.className == classNameOrName || callback.name == classNameOrName) {
             return callback;
         }
     }
-    throw std::invalid_argument("No callback " + classNameOrName);
+    throw std::invalid_argument("No callback " + std::string(classNameOrName));
 }

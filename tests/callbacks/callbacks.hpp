@@ -4,6 +4,7 @@
 
 #include <functional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 /// A callback of the library, and how to make an object call it.
@@ -19,4 +20,4 @@ struct Callback {
 /// One for each callback, and each thread that calls it.
 std::vector<Callback> const& callbacks();
 /// The first one with this class or name.
-Callback const& callbackOf(std::string const& classNameOrName);
+Callback const& callbackOf(std::string_view classNameOrName);
