@@ -131,9 +131,7 @@ class EveryEndpoint : public testing::Test {
 protected:
     EveryEndpoint() { support::Watchdog::limit(std::chrono::minutes(3)); }
 
-    // A broker of version 2.1 takes two megabytes at most, unless it is told otherwise.
-    support::Broker broker_{
-        support::BrokerOptions{true, false, false, 0, {"max_packet_size 268435455"}}};
+    support::Broker broker_{support::BrokerOptions{true, false, false, 0, {}}};
     support::RawPeer peer_{broker_};
     std::unique_ptr<mqtt::MqttClient> client_ = support::testClient(broker_);
 };
