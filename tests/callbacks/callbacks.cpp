@@ -8,21 +8,17 @@ using std::chrono::milliseconds;
 
 namespace {
 
-void publish(Test& t, std::string const& topic, std::string const& payload) {
-    EXPECT_EQ(t.client->publish(topic, payload, 0, false), Error::SUCCESS);
-}
-
 void receiveMessage(Test& t, Objects& objects) {
     EXPECT_EQ(t.client->subscribe(t.topic("go"), &objects.events, 0), Error::SUCCESS);
-    publish(t, t.topic("go"), "now");
+    t.publish(t.topic("go"), "now");
 }
 
 void receiveValue(Test& t, Objects& objects) {
     EXPECT_EQ(objects.endpoint->subscribe(&objects.events, 1), Error::SUCCESS);
-    publish(t, objects.root + "/value", R"({"@id": "go"})");
+    t.publish(objects.root + "/value", R"({"@id": "go"})");
 }
 
-void connect(Test& t, Objects& objects) {
+void connectAgain(Test& t, Objects& objects) {
     EXPECT_EQ(t.client->disconnect(TIMEOUT_S), Error::SUCCESS);
     t.client->registerListener(&objects.events);
     // Does not wait for a state that an operation inside the callback may end at once.
@@ -32,8 +28,8 @@ void connect(Test& t, Objects& objects) {
 
 void receiveRequest(Test& t, Objects& objects) {
     EXPECT_EQ(objects.serve(), Error::SUCCESS);
-    publish(t, objects.root + "/service?\?/" + objects.id.base64URL(),
-            R"({"$reqId": 1, "number": 7})");
+    t.publish(objects.root + "/service?\?/" + objects.id.base64URL(),
+              R"({"$reqId": 1, "number": 7})");
 }
 
 void request(Test& /*test*/, Objects& objects) {
@@ -41,15 +37,14 @@ void request(Test& /*test*/, Objects& objects) {
 }
 
 void requestAndCancel(Test& /*test*/, Objects& objects) {
-    objects.requester =
-        std::make_unique<mqtt::RequestReplyClient>(*objects.client, "far", "", "nobody");
+    objects.requester = objects.requesterOf("nobody");
     EXPECT_EQ(objects.request(), Code::PENDING);
     EXPECT_EQ(objects.requester->cancel(), Code::SUCCESS);
 }
 
 /// The timer ends the request.
 void requestOnInvalidTopic(Test& /*test*/, Objects& objects) {
-    objects.requester = std::make_unique<mqtt::RequestReplyClient>(*objects.client, "far", "", "+");
+    objects.requester = objects.requesterOf("+");
     EXPECT_EQ(objects.requester->request(&objects.events, objects.id, zym::common::Uuid::NIL,
                                          nullptr, nullptr, nullptr, 0),
               Code::PENDING);
@@ -61,7 +56,7 @@ void synchronize(Test& /*test*/, Objects& objects) {
 }
 
 /// What comes before depends on the last time; it has no effect the first time.
-void bind(Test& /*test*/, Objects& objects) {
+void bindAgain(Test& /*test*/, Objects& objects) {
     objects.binder->unbindSync(TIMEOUT_S);
     EXPECT_EQ(objects.binder->bind(device().id, TIMEOUT_S), Binding::SUCCESS);
 }
@@ -81,18 +76,14 @@ void unbindSync(Test& t, Objects& objects) {
     EXPECT_EQ(objects.binder->unbindSync(TIMEOUT_S), Binding::SUCCESS);
 }
 
-mqtt::BinderMqttProxy& binderOnInvalidTopic(Objects& objects) {
-    objects.binder = std::make_unique<mqtt::BinderMqttProxy>(
-        *objects.client, "far/+", "", objects.id, objects.root + "/bound", &objects.events);
-    return *objects.binder;
-}
-
 void bindOnInvalidTopic(Test& /*test*/, Objects& objects) {
-    EXPECT_EQ(binderOnInvalidTopic(objects).bind(device().id, 0), Binding::SUCCESS);
+    objects.binder = objects.binderOf("far/+");
+    EXPECT_EQ(objects.binder->bind(device().id, 0), Binding::SUCCESS);
 }
 
 void unbindOnInvalidTopic(Test& /*test*/, Objects& objects) {
-    EXPECT_EQ(binderOnInvalidTopic(objects).bind(device().id, HOUR_S), Binding::SUCCESS);
+    objects.binder = objects.binderOf("far/+");
+    EXPECT_EQ(objects.binder->bind(device().id, HOUR_S), Binding::SUCCESS);
     EXPECT_EQ(objects.binder->unbind(0), Binding::SUCCESS);
 }
 
@@ -114,8 +105,8 @@ std::vector<Callback> const& callbacks() {
     static std::string const REQUESTER = "RequestReplyClient";
     static std::vector<Callback> const all{
         {"MqttClient", "onMqttMessage", "worker", "message", receiveMessage},
-        {"MqttClient", "onComStateChanged", "worker", "state 2", connect},
-        {"MqttClient", "onComStateChanged", "caller", "state 4", connect},
+        {"MqttClient", "onComStateChanged", "worker", "state 2", connectAgain},
+        {"MqttClient", "onComStateChanged", "caller", "state 4", connectAgain},
         {"MqttData", "onMqttData", "worker", "value", receiveValue},
         {"RequestReplyServer", "onRequest", "worker", "request", receiveRequest},
         {REQUESTER, "onReply", "worker", "reply 1", request},
@@ -123,7 +114,7 @@ std::vector<Callback> const& callbacks() {
         {REQUESTER, "onReply", "timer", "reply 3", requestOnInvalidTopic},
         {"SynchronizedTimeBaseMqttProxy", "onTimeSynchronized", "worker", "synchronized",
          synchronize},
-        {BINDER, "onBound", "worker", "bound 0", bind},
+        {BINDER, "onBound", "worker", "bound 0", bindAgain},
         {BINDER, "onBound", "caller", "bound 0", bindSync},
         {BINDER, "onBound", "timer", "bound 3", bindOnInvalidTopic},
         {BINDER, "onUnbound", "worker", "unbound 0", unbind},

@@ -16,8 +16,7 @@ namespace {
 /// the next reply cannot arrive before that callback returns.
 void makeUnansweredRequester(Test& t) {
     if (!t.sameObject) {
-        t.objects.requester =
-            std::make_unique<mqtt::RequestReplyClient>(*t.client, "far", "", "nobody");
+        t.objects.requester = t.objects.requesterOf("nobody");
     }
 }
 

@@ -1,4 +1,5 @@
-#include "chaos/numbered_values.hpp"
+#include "chaos/number_sequence.hpp"
+#include "chaos/workload.hpp"
 
 #include "support/raw_peer.hpp"
 
@@ -40,8 +41,6 @@ struct MonitorOptions {
     bool persistent;
     bool byPattern; ///< one subscription for all sequences
 };
-
-} // namespace
 
 /// Publishes the numbers of its sequences over one proxy.
 class Publisher final : public Worker, private mqtt::MqttClient::Listener {
@@ -169,84 +168,99 @@ private:
     std::unique_ptr<mqtt::MqttClient> client_;
 };
 
-NumberedValues::NumberedValues(TestBed& testBed, std::vector<std::unique_ptr<Worker>>& workers)
-    : testBed_(testBed) {
-    // Each: QoS, persistent session, retained.
-    std::pair<char const*, std::vector<Delivery>> const publishers[] = {
-        {"persistent publisher", {{2, true, true}, {2, true, false}, {1, true, true}}},
-        {"persistent publisher of one topic", {{2, true, true}}},
-        {"publisher", {{2, false, true}, {1, false, true}, {0, false, false}}},
-    };
-    for (auto const& [name, deliveries] : publishers) {
-        auto publisher = std::make_unique<Publisher>(testBed, name, deliveries);
-        for (NumberSequence& sequence : publisher->sequences) {
-            sequences_.push_back(&sequence);
+/// All publishers and monitors of a run.
+class NumberedValues {
+public:
+    NumberedValues(TestBed& testBed, Services& services) : testBed_(testBed) {
+        // Each: QoS, persistent session, retained.
+        std::pair<char const*, std::vector<Delivery>> const publishers[] = {
+            {"persistent publisher", {{2, true, true}, {2, true, false}, {1, true, true}}},
+            {"persistent publisher of one topic", {{2, true, true}}},
+            {"publisher", {{2, false, true}, {1, false, true}, {0, false, false}}},
+        };
+        for (auto const& [name, deliveries] : publishers) {
+            auto publisher = std::make_unique<Publisher>(testBed, name, deliveries);
+            for (NumberSequence& sequence : publisher->sequences) {
+                sequences_.push_back(&sequence);
+            }
+            publishers_.push_back(publisher.get());
+            services.workers.push_back(std::move(publisher));
         }
-        publishers_.push_back(publisher.get());
-        workers.push_back(std::move(publisher));
-    }
-    for (auto const& options : {MonitorOptions{"direct monitor", true, false, false},
-                                {"direct monitor by pattern", true, true, true},
-                                {"monitor", false, false, true},
-                                {"persistent monitor", false, true, false}}) {
-        monitors_.push_back(std::make_unique<TopicMonitor>(testBed, options, sequences_));
-    }
-}
-
-NumberedValues::~NumberedValues() = default;
-
-void NumberedValues::verify() {
-    waitForConnections();
-    waitForLastNumbers();
-    checkRetainedValues();
-}
-
-void NumberedValues::waitForConnections() {
-    auto const check = [this](auto const& all) {
-        for (auto const& one : all) {
-            testBed_.report.check(
-                support::eventually([&] { return one->connected(); }, END_DEADLINE),
-                one->name + ": does not get connected any more");
-        }
-    };
-    check(publishers_);
-    check(monitors_);
-}
-
-/// Publishes again and again: a cut that was ordered before may still come, and a subscriber that
-/// is connected may not be subscribed yet.
-void NumberedValues::waitForLastNumbers() {
-    auto const end = std::chrono::steady_clock::now() + END_DEADLINE;
-    do {
-        for (Publisher* const publisher : publishers_) {
-            publisher->publishOnce();
-        }
-        if (support::eventually([&] { return missingTopics().empty(); }, std::chrono::seconds(2))) {
-            return;
-        }
-    } while (std::chrono::steady_clock::now() < end);
-    testBed_.report.check(false, "the last values do not arrive:" + missingTopics());
-}
-
-std::string NumberedValues::missingTopics() const {
-    for (auto const& monitor : monitors_) {
-        if (auto const missing = monitor->missingTopics(); !missing.empty()) {
-            return " " + monitor->name + ":" + missing;
+        for (auto const& options : {MonitorOptions{"direct monitor", true, false, false},
+                                    {"direct monitor by pattern", true, true, true},
+                                    {"monitor", false, false, true},
+                                    {"persistent monitor", false, true, false}}) {
+            monitors_.push_back(std::make_unique<TopicMonitor>(testBed, options, sequences_));
         }
     }
-    return "";
-}
 
-void NumberedValues::checkRetainedValues() {
-    for (NumberSequence const* const sequence : sequences_) {
-        if (sequence->delivery().retained) {
-            auto const found = support::allRetained(testBed_.broker, sequence->topic() + "/#");
-            testBed_.report.check(found.size() == 1
-                                      && numberIn(found[0].payload) == sequence->published(),
-                                  sequence->topic() + ": the retained value is not the last one");
-            testBed_.report.count("retained values checked");
+    void verify() {
+        waitForConnections();
+        waitForLastNumbers();
+        checkRetainedValues();
+    }
+
+private:
+    void waitForConnections() {
+        auto const check = [this](auto const& all) {
+            for (auto const& one : all) {
+                testBed_.report.check(
+                    support::eventually([&] { return one->connected(); }, END_DEADLINE),
+                    one->name + ": does not get connected any more");
+            }
+        };
+        check(publishers_);
+        check(monitors_);
+    }
+
+    /// Publishes again and again: a cut that was ordered before may still come, and a subscriber
+    /// that is connected may not be subscribed yet.
+    void waitForLastNumbers() {
+        auto const end = std::chrono::steady_clock::now() + END_DEADLINE;
+        do {
+            for (Publisher* const publisher : publishers_) {
+                publisher->publishOnce();
+            }
+            if (support::eventually([&] { return missingTopics().empty(); },
+                                    std::chrono::seconds(2))) {
+                return;
+            }
+        } while (std::chrono::steady_clock::now() < end);
+        testBed_.report.check(false, "the last values do not arrive:" + missingTopics());
+    }
+
+    std::string missingTopics() const {
+        for (auto const& monitor : monitors_) {
+            if (auto const missing = monitor->missingTopics(); !missing.empty()) {
+                return " " + monitor->name + ":" + missing;
+            }
+        }
+        return "";
+    }
+
+    void checkRetainedValues() {
+        for (NumberSequence const* const sequence : sequences_) {
+            if (sequence->delivery().retained) {
+                auto const found = support::allRetained(testBed_.broker, sequence->topic() + "/#");
+                testBed_.report.check(
+                    found.size() == 1 && numberIn(found[0].payload) == sequence->published(),
+                    sequence->topic() + ": the retained value is not the last one");
+                testBed_.report.count("retained values checked");
+            }
         }
     }
+
+    TestBed& testBed_;
+    std::vector<Publisher*> publishers_;
+    std::vector<NumberSequence*> sequences_; ///< of all publishers
+    std::vector<std::unique_ptr<TopicMonitor>> monitors_;
+};
+
+} // namespace
+
+std::function<void()> addPublishers(TestBed& testBed, Services& services) {
+    auto const numbers = std::make_shared<NumberedValues>(testBed, services);
+    return [numbers] { numbers->verify(); };
 }
 
 } // namespace chaos

@@ -1,8 +1,8 @@
 #pragma once
 
-#include "chaos/numbered_values.hpp"
 #include "chaos/worker.hpp"
 
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -14,21 +14,25 @@ struct Services {
     std::vector<std::unique_ptr<Worker>> workers;
 };
 
+/// Publishers of numbered values, and subscribers that check what arrives.
+/// @return checks, after the faults and while all workers are paused, that all clients are
+/// connected
+///         again, and that the last values arrive and are retained. To be destroyed before the
+///         workers.
+std::function<void()> addPublishers(TestBed& testBed, Services& services);
 /// Clients that send one request after the other; clients that are made, used a little, and
 /// destroyed in any state.
 void addRequestWorkers(TestBed& testBed, Services& services);
-/// Clients that bind and unbind.
-void addBindingWorkers(TestBed& testBed, Services& services);
-/// A discoverer of a device with five entities; cleaners of topics.
-void addDiscoveryWorkers(TestBed& testBed, Services& services);
+/// Clients that bind and unbind; a discoverer of a device with five entities; cleaners of topics.
+void addServiceWorkers(TestBed& testBed, Services& services);
 
 /// All that a run does beside the faults.
 class Workload {
 public:
-    explicit Workload(TestBed& testBed) : testBed_(testBed), numbers_(testBed, services_.workers) {
+    explicit Workload(TestBed& testBed)
+        : testBed_(testBed), verifyNumbers_(addPublishers(testBed, services_)) {
         addRequestWorkers(testBed, services_);
-        addBindingWorkers(testBed, services_);
-        addDiscoveryWorkers(testBed, services_);
+        addServiceWorkers(testBed, services_);
     }
     ~Workload() {
         pause();
@@ -43,7 +47,7 @@ public:
     void pauseAndVerify() {
         pause();
         callAll(&Worker::waitUntilPaused);
-        numbers_.verify();
+        verifyNumbers_();
         callAll(&Worker::verify);
         testBed_.brokerIsKilled = false;
     }
@@ -59,7 +63,7 @@ private:
 
     TestBed& testBed_;
     Services services_;
-    NumberedValues numbers_;
+    std::function<void()> verifyNumbers_;
 };
 
 } // namespace chaos

@@ -2,6 +2,7 @@
 
 #include "support/port_lease.hpp"
 #include "support/temp_dir.hpp"
+#include "support/watched.hpp"
 
 #include <iosfwd>
 #include <memory>

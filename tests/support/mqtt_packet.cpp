@@ -41,12 +41,6 @@ void readConnect(MqttPacket& packet, Body& body) {
     packet.hasWill = (flags & 0x04U) != 0;
     packet.keepAlive = body.number();
     packet.clientId = body.text();
-    if (packet.hasWill) {
-        packet.topic = body.text();
-        packet.payload = body.text();
-        packet.qos = static_cast<int>(flags >> 3U & 3U);
-        packet.retain = (flags & 0x20U) != 0;
-    }
 }
 
 void readPublish(MqttPacket& packet, Body& body, unsigned flags) {

@@ -30,10 +30,10 @@ struct MqttPacket {
     PacketType type{};
     std::uint16_t mid = 0; ///< all acknowledgements, SUBSCRIBE, UNSUBSCRIBE, PUBLISH above QoS 0
 
-    std::string topic;   ///< PUBLISH; the will's of CONNECT; the first of (UN)SUBSCRIBE
-    std::string payload; ///< PUBLISH; the will's of CONNECT
-    int qos = 0;         ///< PUBLISH; the will's of CONNECT; the first asked for in SUBSCRIBE
-    bool retain = false; ///< PUBLISH; the will's of CONNECT
+    std::string topic;   ///< PUBLISH; the first of (UN)SUBSCRIBE
+    std::string payload; ///< PUBLISH
+    int qos = 0;         ///< PUBLISH; the first asked for in SUBSCRIBE
+    bool retain = false; ///< PUBLISH
 
     std::string clientId;      ///< CONNECT
     bool cleanSession = false; ///< CONNECT

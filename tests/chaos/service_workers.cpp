@@ -2,8 +2,10 @@
 
 #include "support/raw_peer.hpp"
 
+#include <mqtt/binder_proxy.hpp>
 #include <mqtt/payloads.hpp>
 #include <mqtt/service_discoverer.hpp>
+#include <mqtt/time_base.hpp>
 #include <mqtt/topic_cleaner.hpp>
 
 #include <atomic>
@@ -12,6 +14,96 @@
 namespace chaos {
 
 namespace {
+
+using zym::common::Uuid;
+using Error = zym::common::Binder::Error;
+
+Uuid const SERVER_ID{4711};
+constexpr char const* SERVER_TOPIC = "chaos/server";
+
+/// Grants all bindings, and has a time base.
+class BindingServer final : private mqtt::RequestReplyServer::Listener {
+public:
+    explicit BindingServer(TestBed& testBed) : client_(testBed.newClient()) {
+        bind_.subscribe(this, SERVER_ID, std::make_shared<mqtt::BindRequestData>());
+        unbind_.subscribe(this, SERVER_ID, mqtt::NO_DATA);
+    }
+
+private:
+    std::shared_ptr<mqtt::RequestReplyData> onRequest(std::string const&, Uuid const&, Uuid const&,
+                                                      mqtt::RequestReplyData const&,
+                                                      mqtt::RequestReply::ErrorCode&) override {
+        return mqtt::NO_DATA;
+    }
+
+    std::unique_ptr<mqtt::MqttClient> client_;
+    mqtt::RequestReplyServer bind_{*client_, SERVER_TOPIC, "", "bind"};
+    mqtt::RequestReplyServer unbind_{*client_, SERVER_TOPIC, "", "unbind"};
+    mqtt::SynchronizedTimeBaseMqttAdaptor timeBase_{*client_, SERVER_TOPIC, SERVER_ID};
+};
+
+class BindingWorker final : public Worker, private zym::common::BinderProxy::Listener {
+public:
+    BindingWorker(TestBed& on, std::string const& nameOfIt)
+        : Worker(on, nameOfIt, 50), client_(testBed.newClient({false, true, id_})) {}
+
+private:
+    /// @return whether it was bound by the call that waits
+    bool step() override {
+        count("bindings tried");
+        int const before = bound_.copy();
+        bool const bound = random.percent(60) ? bindAndWait() : bindWithListener();
+        unbind();
+        check(bound_.copy() <= before + 1, "told twice of the end of a binding");
+        count("bindings made", bound ? 1 : 0);
+        return bound;
+    }
+
+    bool bindAndWait() {
+        auto const error = binder_.bindSync(SERVER_ID, 1);
+        bool const bound = error == Error::SUCCESS;
+        check(bound || error == Error::TIMEOUT || error == Error::NOT_SYNCHRONIZED,
+              "bindSync ended with code " + std::to_string(static_cast<int>(error)));
+        return bound;
+    }
+
+    /// Half of these bindings are cancelled soon.
+    bool bindWithListener() {
+        int const before = bound_.copy();
+        check(binder_.bind(SERVER_ID, 1) == Error::SUCCESS, "a binding does not begin");
+        if (random.percent(50)) {
+            wait(0, 20);
+        } else {
+            check(bound_.waitFor([&](int calls) { return calls > before; }, END_DEADLINE),
+                  "a binding never ended");
+        }
+        return false;
+    }
+
+    void unbind() {
+        int const before = unbound_.copy();
+        auto const error = random.percent(50) ? binder_.unbindSync(1) : binder_.unbind(1);
+        if (error != Error::NOT_BOUND) {
+            check(error == Error::SUCCESS, "an unbinding fails");
+            check(unbound_.waitFor([&](int calls) { return calls > before; }, END_DEADLINE),
+                  "an unbinding never ended");
+            check(unbound_.copy() == before + 1, "told twice of the end of an unbinding");
+        }
+    }
+
+    void onBound(Error /*error*/) override {
+        bound_.change([](int& calls) { ++calls; });
+    }
+    void onUnbound(Error /*error*/) override {
+        unbound_.change([](int& calls) { ++calls; });
+    }
+
+    Uuid const id_ = support::uniqueId();
+    support::Watched<int> bound_; ///< calls of the listener
+    support::Watched<int> unbound_;
+    std::unique_ptr<mqtt::MqttClient> client_;
+    mqtt::BinderMqttProxy binder_{*client_, SERVER_TOPIC, "", id_, "chaos/bound", this};
+};
 
 using Identification = mqtt::MqttData<conv::Identification>;
 
@@ -133,8 +225,12 @@ private:
 
 } // namespace
 
-void addDiscoveryWorkers(TestBed& testBed, Services& services) {
+void addServiceWorkers(TestBed& testBed, Services& services) {
+    services.servers.push_back(std::make_shared<BindingServer>(testBed));
     services.servers.push_back(std::make_shared<DiscoverableDevice>(testBed));
+    for (auto const* const name : {"binding", "other binding"}) {
+        services.workers.push_back(std::make_unique<BindingWorker>(testBed, name));
+    }
     services.workers.push_back(std::make_unique<DiscoveryWorker>(testBed));
     services.workers.push_back(std::make_unique<CleaningWorker>(testBed));
 }
