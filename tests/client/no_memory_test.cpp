@@ -48,23 +48,23 @@ TEST_F(ASubscriptionWithoutMemory, IsNotMadeAtAllAndLeavesThoseOfOthersAlone) {
     connect();
     support::MessageRecorder other;
     ASSERT_EQ(client_->subscribe("shared", &other, 0), Error::SUCCESS);
-    for (auto const& [pattern, topic] :
+    for (auto const& one :
          {Case{"shared", "shared"}, Case{"plant/hall/device", "plant/hall/device"}, Case{"+", "a"},
           Case{"plant/a-rather-long-level/+/#", "plant/a-rather-long-level/b/y"}}) {
-        SCOPED_TRACE(pattern);
-        Topic const subscribed(pattern);
+        SCOPED_TRACE(one.pattern);
+        Topic const subscribed(one.pattern);
         auto const calls = script_->count(Operation::SUBSCRIBE);
         auto const failures = failEachAllocation(
             [&] { ASSERT_EQ(client_->subscribe(subscribed, &subscriber_, 0), Error::SUCCESS); },
             [&](unsigned which) {
-                EXPECT_EQ(received(topic), 0U) << "allocation " << which;
+                EXPECT_EQ(received(one.topic), 0U) << "allocation " << which;
                 EXPECT_EQ(client_->unsubscribe(subscribed, &subscriber_), Error::NOT_FOUND);
                 EXPECT_EQ(script_->count(Operation::SUBSCRIBE), calls) << "at the broker";
             });
         EXPECT_GE(failures, 2U);
-        EXPECT_EQ(received(topic), 1U);
+        EXPECT_EQ(received(one.topic), 1U);
         client_->release(&subscriber_);
-        EXPECT_EQ(received(topic), 0U);
+        EXPECT_EQ(received(one.topic), 0U);
     }
     other.clear();
     received("shared");
