@@ -1,6 +1,6 @@
 // Lets the explorer choose at operations on atomics too. Code compiled for ThreadSanitizer calls
-// these functions; the program is not linked with its runtime. They are those that the product
-// needs: the linker misses others.
+// these functions; the program is not linked with its runtime. The linker says when the product
+// needs another one.
 
 #include "interleavings/scheduler.hpp"
 
@@ -17,6 +17,22 @@ void maySwitch() {
 
 } // namespace
 
+#define ZYM_FETCH(bits, type, operation)                                                           \
+    type __tsan_atomic##bits##_fetch_##operation(type volatile* place, type value, int order) {    \
+        if (order != __ATOMIC_ACQ_REL) { /* the order of reference counts, which need no choice */ \
+            maySwitch();                                                                           \
+        }                                                                                          \
+        return __atomic_fetch_##operation(place, value, __ATOMIC_SEQ_CST);                         \
+    }
+
+#define ZYM_COMPARE_EXCHANGE(bits, type, strength)                                                 \
+    int __tsan_atomic##bits##_compare_exchange_##strength(type volatile* place, type* expected,    \
+                                                          type value, int, int) {                  \
+        maySwitch();                                                                               \
+        return __atomic_compare_exchange_n(place, expected, value, false, __ATOMIC_SEQ_CST,        \
+                                           __ATOMIC_SEQ_CST);                                      \
+    }
+
 #define ZYM_ATOMIC(bits, type)                                                                     \
     type __tsan_atomic##bits##_load(type const volatile* place, int) {                             \
         maySwitch();                                                                               \
@@ -30,18 +46,10 @@ void maySwitch() {
         maySwitch();                                                                               \
         return __atomic_exchange_n(place, value, __ATOMIC_SEQ_CST);                                \
     }                                                                                              \
-    int __tsan_atomic##bits##_compare_exchange_weak(type volatile* place, type* expected,          \
-                                                    type value, int, int) {                        \
-        maySwitch();                                                                               \
-        return __atomic_compare_exchange_n(place, expected, value, false, __ATOMIC_SEQ_CST,        \
-                                           __ATOMIC_SEQ_CST);                                      \
-    }                                                                                              \
-    type __tsan_atomic##bits##_fetch_add(type volatile* place, type value, int order) {            \
-        if (order != __ATOMIC_ACQ_REL) { /* the order of reference counts, which need no choice */ \
-            maySwitch();                                                                           \
-        }                                                                                          \
-        return __atomic_fetch_add(place, value, __ATOMIC_SEQ_CST);                                 \
-    }
+    ZYM_COMPARE_EXCHANGE(bits, type, strong)                                                       \
+    ZYM_COMPARE_EXCHANGE(bits, type, weak)                                                         \
+    ZYM_FETCH(bits, type, add)                                                                     \
+    ZYM_FETCH(bits, type, sub)
 
 #define ZYM_ACCESS(size)                                                                           \
     void __tsan_read##size(void*) {}                                                               \
