@@ -22,28 +22,38 @@ using testing::ElementsAre;
 using Error = MqttClient::Error;
 
 constexpr unsigned WAIT_SECONDS = 30;
+/// The keep-alive ends a connection after 30 seconds in any case.
+constexpr std::chrono::duration<unsigned> BEFORE_KEEP_ALIVE{20};
 
-/// A server that keeps the connection open behind a DISCONNECT packet.
-support::ScriptedServer::Reaction ignoreDisconnect(support::MqttPacket const& packet) {
+/// The reaction of a server that sends nothing, and keeps the connection behind a DISCONNECT packet
+/// until it may close it.
+support::ScriptedServer::Reaction keepConnection(support::MqttPacket const& packet,
+                                                 support::Watched<bool> const& mayClose) {
     using Reaction = support::ScriptedServer::Reaction;
-    return packet.type == PacketType::DISCONNECT ? Reaction::IGNORE : Reaction::ANSWER;
+    if (packet.type == PacketType::DISCONNECT) {
+        mayClose.waitFor(support::isSet, 2 * support::DEADLINE);
+    }
+    return packet.type == PacketType::CONNECT ? Reaction::ANSWER : Reaction::IGNORE;
 }
 
 TEST(Disconnect, DoesNotWaitForAServerThatKeepsTheConnection) {
+    support::Watched<bool> mayClose(false);
     support::ScriptedServer server;
-    server.setHook(ignoreDisconnect);
+    server.setHook([&](auto const& packet) { return keepConnection(packet, mayClose); });
     auto const client = support::testClient(server.host(), server.port());
-    EXPECT_EQ(client->disconnect(WAIT_SECONDS), Error::SUCCESS);
+    EXPECT_EQ(client->disconnect(BEFORE_KEEP_ALIVE.count()), Error::SUCCESS);
+    support::set(mayClose);
 }
 
 TEST(Disconnect, ComesBehindWhatABrokerThatDoesNotReadHasNotTakenYet) {
-    support::ScriptedServer server;
     support::Watched<bool> reading(true);
+    support::Watched<bool> mayClose(false);
+    support::ScriptedServer server;
     server.setHook([&](auto const& packet) {
         if (packet.type == PacketType::PUBLISH) {
             reading.waitFor(support::isSet);
         }
-        return ignoreDisconnect(packet);
+        return keepConnection(packet, mayClose);
     });
     auto const client = support::testClient(server.host(), server.port());
     reading.change([](bool& on) { on = false; });
@@ -55,10 +65,11 @@ TEST(Disconnect, ComesBehindWhatABrokerThatDoesNotReadHasNotTakenYet) {
     }
     EXPECT_EQ(client->disconnect(2), Error::TIMEOUT);
     support::set(reading);
+    EXPECT_TRUE(support::eventually(
+        [&] { return client->communicationState() == ComState::DISCONNECTED; }, BEFORE_KEEP_ALIVE));
+    support::set(mayClose);
     EXPECT_TRUE(server.waitForPackets(PacketType::DISCONNECT, 1));
     EXPECT_EQ(server.count(PacketType::PUBLISH), MESSAGES);
-    EXPECT_TRUE(support::eventually(
-        [&] { return client->communicationState() == ComState::DISCONNECTED; }));
 }
 
 TEST(Disconnect, IsCarriedOutByTheEndOfTheClientAtTheLatest) {
