@@ -26,7 +26,6 @@ using conv::ComState;
 using mqtt::MqttClient;
 using support::MqttPacket;
 using support::ScriptedServer;
-using testing::Each;
 using testing::ElementsAre;
 using Error = MqttClient::Error;
 using Reaction = ScriptedServer::Reaction;
