@@ -29,9 +29,9 @@ using Chunk = std::array<char, 16 * 1024>;
 
 } // namespace
 
-OwnDescriptor::~OwnDescriptor() {
+void OwnDescriptor::close() {
     if (fd_ >= 0) {
-        ::close(fd_);
+        ::close(std::exchange(fd_, -1));
     }
 }
 
@@ -41,20 +41,20 @@ std::unique_ptr<OneByOneRelay> OneByOneRelay::begin(mosqpp::mosquittopp& library
         return nullptr;
     }
     OwnDescriptor const librarysEnd(ends[0]);
-    int const broker = ::fcntl(library.socket(), F_DUPFD_CLOEXEC, 0);
-    if (broker < 0) {
-        ::close(ends[1]);
+    OwnDescriptor end(ends[1]);
+    OwnDescriptor broker(::fcntl(library.socket(), F_DUPFD_CLOEXEC, 0));
+    if (broker.get() < 0) {
         return nullptr;
     }
-    auto relay = std::make_unique<OneByOneRelay>(library, broker, ends[1]);
-    ::dup3(librarysEnd.get(), library.socket(), O_CLOEXEC); // has a descriptor already
+    auto relay = std::make_unique<OneByOneRelay>(library, std::move(broker), std::move(end));
+    ::dup3(librarysEnd.get(), library.socket(), O_CLOEXEC); // needs no further descriptor
     return relay;
 }
 
-OneByOneRelay::OneByOneRelay(mosqpp::mosquittopp& library, int broker, int end)
+OneByOneRelay::OneByOneRelay(mosqpp::mosquittopp& library, OwnDescriptor broker, OwnDescriptor end)
     : library_(library),
-      broker_(broker),
-      end_(std::make_unique<OwnDescriptor>(end)),
+      broker_(std::move(broker)),
+      end_(std::move(end)),
       deadline_(Clock::now() + ANSWER_TIMEOUT) {}
 
 int OneByOneRelay::step(std::chrono::milliseconds longestWait) {
@@ -89,12 +89,12 @@ bool OneByOneRelay::acknowledgeUnanswered() {
     std::string const puback{'\x40', 2, high, low};
     std::string const pubrecAndPubcomp{'\x50', 2, high, low, '\x70', 2, high, low};
     auto const& answer = unanswered_->qos == 1 ? puback : pubrecAndPubcomp;
-    ::send(end_->get(), answer.data(), answer.size(), MSG_NOSIGNAL);
+    ::send(end_.get(), answer.data(), answer.size(), MSG_NOSIGNAL);
     return letLibraryRead() == OK;
 }
 
 int OneByOneRelay::closeConnection() {
-    end_.reset();
+    end_.close();
     return library_.socket() < 0 ? OK : library_.loop_read(1);
 }
 
@@ -130,7 +130,7 @@ bool OneByOneRelay::receiveFromLibrary() {
     if (fromLibrary_.size() >= BUFFER_SIZE) {
         return false;
     }
-    auto const size = ::recv(end_->get(), bytes.data(), bytes.size(), 0);
+    auto const size = ::recv(end_.get(), bytes.data(), bytes.size(), 0);
     if (size > 0) {
         fromLibrary_.append(bytes.data(), static_cast<std::size_t>(size));
     }
@@ -207,7 +207,7 @@ int OneByOneRelay::passToLibrary() {
             auto const length = static_cast<std::size_t>(size);
             lookForAnswers({bytes.data(), length});
             // There is room for it: the library has read all that came before.
-            ::send(end_->get(), bytes.data(), length, MSG_NOSIGNAL);
+            ::send(end_.get(), bytes.data(), length, MSG_NOSIGNAL);
             result = letLibraryRead();
         }
     }

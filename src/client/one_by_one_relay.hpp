@@ -8,18 +8,20 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace mqtt {
 
 /// A file descriptor that is closed with its object.
 class OwnDescriptor {
 public:
-    explicit OwnDescriptor(int fd = -1) : fd_(fd) {}
-    ~OwnDescriptor();
-    OwnDescriptor(OwnDescriptor const&) = delete;
-    OwnDescriptor& operator=(OwnDescriptor const&) = delete;
+    explicit OwnDescriptor(int fd) : fd_(fd) {}
+    OwnDescriptor(OwnDescriptor&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+    OwnDescriptor& operator=(OwnDescriptor&&) = delete;
+    ~OwnDescriptor() { close(); }
 
     int get() const { return fd_; }
+    void close();
 
 private:
     int fd_;
@@ -43,14 +45,16 @@ struct UnansweredPublication {
 /// The library's descriptor refers to one end of a socket pair meanwhile. All bytes pass unchanged
 /// and in order, so the connection can be given back at any time.
 ///
-/// For the thread that has the network turn.
+/// For the thread that has the network turn. An operation that throws `std::bad_alloc` may have
+/// lost bytes: the connection is of no use then, and ends with this object.
 class OneByOneRelay {
 public:
     /// @param library connected, and nothing is sent yet
     /// @return null if the system has no descriptor for it; the connection is as before then
+    /// @throws std::bad_alloc likewise
     static std::unique_ptr<OneByOneRelay> begin(mosqpp::mosquittopp& library);
 
-    OneByOneRelay(mosqpp::mosquittopp& library, int broker, int end);
+    OneByOneRelay(mosqpp::mosquittopp& library, OwnDescriptor broker, OwnDescriptor end);
 
     /// Waits for the broker, no longer than the time given, and passes what there is. When the
     /// broker has closed the connection the library does not know it yet.
@@ -93,9 +97,9 @@ private:
 
     mosqpp::mosquittopp& library_;
     OwnDescriptor broker_;
-    std::unique_ptr<OwnDescriptor> end_; ///< of the socket pair; the library has the other one
-    Clock::time_point const deadline_;   ///< what is not answered by then is not waited for
-    bool isAccepted_ = false;            ///< the broker has answered CONNECT
+    OwnDescriptor end_;                ///< of the socket pair; the library has the other one
+    Clock::time_point const deadline_; ///< what is not answered by then is not waited for
+    bool isAccepted_ = false;          ///< the broker has answered CONNECT
     bool isLost_ = false;
     int publications_ = 0; ///< passed, or passing
     std::optional<UnansweredPublication> unanswered_;

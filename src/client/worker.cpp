@@ -5,6 +5,7 @@
 #include "mqtt/client.hpp"
 
 #include <csignal>
+#include <new>
 
 #include <pthread.h>
 #include <sys/syscall.h>
@@ -148,7 +149,15 @@ void Worker::networkStep() {
 }
 
 int Worker::step() {
-    return relay_ ? stepOfTheRelay() : network_.step();
+    if (!relay_) {
+        return network_.step();
+    }
+    try {
+        return stepOfTheRelay();
+    } catch (std::bad_alloc const&) {
+        relay_.reset(); // closes the connection: the next step notices it
+        return OK;
+    }
 }
 
 int Worker::stepOfTheRelay() {
@@ -211,8 +220,13 @@ void Worker::backOffAndReconnect() {
 
 void Worker::reconnect() {
     relay_.reset();
-    if (network_.reconnect() == OK && losses_.isPublicationSuspected()) {
+    if (network_.reconnect() != OK || !losses_.isPublicationSuspected()) {
+        return;
+    }
+    try {
         relay_ = network_.relay();
+    } catch (std::bad_alloc const&) {
+        // The connection is as any other one.
     }
 }
 
