@@ -1,6 +1,7 @@
 #pragma once
 
 #include "support/broker.hpp"
+#include "support/eventually.hpp"
 
 #include <mqtt/client.hpp>
 #include <zym/common/uuid.hpp>
