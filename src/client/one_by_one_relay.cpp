@@ -23,9 +23,9 @@ constexpr int OK = static_cast<int>(MqttClient::Error::SUCCESS);
 constexpr int LIBRARY_WINDOW = 20;
 constexpr std::chrono::seconds ANSWER_TIMEOUT{5};
 /// Enough for a topic of the longest kind and what stands before and after it.
-constexpr std::size_t BUFFER_SIZE = 128 * 1024;
+constexpr std::size_t BUFFER_SIZE = 131'072;
 
-using Chunk = std::array<char, 16 * 1024>;
+using Chunk = std::array<char, 16'384>;
 
 } // namespace
 
