@@ -140,8 +140,8 @@ public:
 
     /// Starts the worker thread and, with `connectNow`, connects: the constructor then blocks
     /// as `connect` with 5 seconds does. If that fails the client goes on trying, unless the port
-    /// is out of range; `communicationState` shows the result. Makes the process ignore SIGPIPE,
-    /// and replaces a handler of it, as libmosquitto 2.0.11 does.
+    /// is out of range; `communicationState` shows the result. Makes the process ignore SIGPIPE;
+    /// libmosquitto 2.0 replaces a handler of it, too.
     /// @param id the broker allows one connection per identifier
     /// @param persistent whether the broker keeps the session while there is no connection: only
     ///        then is no QoS 2 publication lost when a connection breaks

@@ -2,6 +2,7 @@
 
 #include "mqtt/mosquittopp.hpp"
 
+#include <csignal>
 #include <stdexcept>
 #include <string>
 
@@ -30,10 +31,21 @@ void requireKnownLayout() {
                              + " was loaded, whose class layout is another");
 }
 
+/// Version 2.0 does so itself, in place of any handler. With 2.1 the signal would end the process
+/// when the library closes a secure connection that is broken.
+void ignoreBrokenPipes() {
+    struct sigaction current {};
+    ::sigaction(SIGPIPE, nullptr, &current);
+    if (current.sa_handler == SIG_DFL) {
+        std::signal(SIGPIPE, SIG_IGN);
+    }
+}
+
 } // namespace
 
 void prepareBrokerLibrary() {
     requireKnownLayout();
+    ignoreBrokenPipes();
     // `lib_cleanup` is never called: the library keeps nothing that its clients do not own.
     static int const initialised = mosqpp::lib_init();
     static_cast<void>(initialised);

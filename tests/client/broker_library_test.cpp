@@ -4,7 +4,9 @@
 
 #include <gmock/gmock.h>
 
+#include <csignal>
 #include <stdexcept>
+#include <utility>
 
 namespace {
 
@@ -52,6 +54,17 @@ TEST_F(AClientMade, WithAnotherLibraryFailsWithBothVersionsAndLeavesTheLibraryAl
     }
     EXPECT_EQ(StandIn::libraryInitialisations(), initialisations);
     EXPECT_EQ(StandIn::last(), last) << "the base was made";
+}
+
+TEST_F(AClientMade, MakesTheProcessIgnoreBrokenPipesUnlessItHandlesThem) {
+    auto const handler = [](int /*signal*/) {};
+    for (auto const& [before, after] : {std::pair<sighandler_t, sighandler_t>{SIG_DFL, SIG_IGN},
+                                        {SIG_IGN, SIG_IGN},
+                                        {handler, handler}}) {
+        std::signal(SIGPIPE, before);
+        EXPECT_EQ(failureWith(version_), "");
+        EXPECT_EQ(std::signal(SIGPIPE, SIG_IGN), after);
+    }
 }
 
 TEST_F(AClientMade, FindsTheLibraryInitialisedOnce) {
