@@ -61,7 +61,7 @@ struct SharedDevice {
     }
 
     zym::common::Uuid const id = support::uniqueId();
-    support::Broker broker{support::BrokerOptions{true, false, false, 0, {}}};
+    support::Broker broker{support::BrokerOptions{true, false, false, {}}};
     EventRecorder events;
     std::unique_ptr<mqtt::MqttClient> client = support::testClient(broker);
     mqtt::RequestReplyServer echo{*client, "far", "", "echo"};

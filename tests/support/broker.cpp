@@ -131,8 +131,7 @@ private:
     std::thread thread_;
 };
 
-Broker::Broker(BrokerOptions const& options)
-    : lease_(options.port == 0 ? PortLease() : PortLease(options.port)) {
+Broker::Broker(BrokerOptions const& options) {
     if (access(PROGRAM, X_OK) != 0) {
         throw std::runtime_error("There is no mosquitto broker at \"" ZYM_MOSQUITTO_PROGRAM
                                  "\". Install it (Debian: apt-get install mosquitto) and"

@@ -16,7 +16,6 @@ struct BrokerOptions {
     bool nodelay = false;     ///< without it the broker waits for our kernel's acknowledgements
     bool persistence = false; ///< sessions and retained messages survive even `kill`
     bool unixSocket = false;  ///< listens on `socketPath` too
-    int port = 0;             ///< 0: a free one
     std::vector<std::string> extraLines; ///< of the configuration file
 };
 

@@ -24,19 +24,11 @@ public:
         auto const size = static_cast<unsigned>(last - first + 1);
         unsigned const start = std::random_device()();
         for (unsigned i = 0; i < size; ++i) {
-            if (take(first + static_cast<int>((start + i) % size), LOCK_EX | LOCK_NB)) {
+            if (take(first + static_cast<int>((start + i) % size))) {
                 return;
             }
         }
         throw std::runtime_error("no free port on the loopback address");
-    }
-    /// This port. Waits for as long as another test has it.
-    /// @throws std::runtime_error when another program has it
-    explicit PortLease(int port) {
-        if (!take(port, LOCK_EX)) {
-            throw std::runtime_error("This test needs port " + std::to_string(port)
-                                     + " of the loopback address, which another program has.");
-        }
     }
 
     int port() const noexcept { return port_; }
@@ -54,15 +46,14 @@ private:
                            : std::make_pair(std::min(high + 1, 60000), 65535);
     }
 
-    /// @param how of flock(2)
-    bool take(int port, int how) {
+    bool take(int port) {
         // Per user: a file made by another user in a shared directory often cannot be opened. Not
         // in $TMPDIR, which differs between processes: all of them must use the same files.
         std::string const directory = "/tmp/zym-test-ports-" + std::to_string(geteuid());
         std::filesystem::create_directories(directory);
         std::string const file = directory + "/" + std::to_string(port);
         FileDescriptor lock(::open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666));
-        if (!lock.valid() || flock(lock.get(), how) != 0 || !canBind(port)) {
+        if (!lock.valid() || flock(lock.get(), LOCK_EX | LOCK_NB) != 0 || !canBind(port)) {
             return false;
         }
         port_ = port;
