@@ -12,6 +12,7 @@ import sys
 DOCS = pathlib.Path(__file__).resolve().parent.parent / "docs"
 BEGIN, END = "<!-- figures: begin, by scripts/bench -->\n", "<!-- figures: end -->\n"
 SHIPPED, NODELAY = "as shipped", "set_tcp_nodelay true"
+VERSIONS = ("", "2.1, ")  # of broker and broker library: what stands before the configuration
 TICKS = [2.0 ** power for power in range(-3, 10)]
 NOT_PLOTTED = ("broker CPU", "10", "100", "1000")
 DOCUMENTS = ("communication", "identification", "status", "link", "10 links", "1000 links", "reply")
@@ -133,7 +134,9 @@ def absolute(results, title, program, measurement=None):
 def goals(results):
     rows = []
     words = {"ours": "at most", "excess": "at most that and"}
-    for key, reference, kind, limit in GOALS:
+    every_goal = [((key[0], version + key[1], *key[2:]), *rest) for version in VERSIONS
+                  for key, *rest in GOALS if key[1] or not version]
+    for key, reference, kind, limit in every_goal:
         if reference not in results.values.get(key, {}) or "ours" not in results.values[key]:
             continue
         more_is_better = key[3] == "throughput"
@@ -148,8 +151,9 @@ def goals(results):
 
 
 def performance(results):
-    brokers = [(f"{broker}: to {who}", broker, who) for broker in (SHIPPED, NODELAY)
-               for who in ("raw", "Paho")]
+    brokers = [(f"{version}{broker}: to {who}", version + broker, who)
+               for who in ("raw", "Paho") for broker in (SHIPPED, NODELAY) for version in VERSIONS]
+    brokers = [column for column in brokers if any(key[1] == column[1] for key in results.values)]
     cases = dict.fromkeys(name for name, count in results.rows("dispatch") if count.isdigit())
     return "".join((
         "Conditions: ", "; ".join(dict.fromkeys(results.conditions)), ".\n",

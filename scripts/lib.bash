@@ -214,3 +214,20 @@ unpack_packages() {
         ln -sfn "$(realpath -m --relative-to="${link%/*}" "$root$(readlink "$link")")" "$link"
     done < <(find "$root" -type l -lname '/*')
 }
+
+# unpacked_mosquitto21: libmosquittopp 2.1 and its broker, which a later Debian has, for the presets that
+# are named after it. Programs run with the C library of that Debian, so the folder has what CMake, the
+# linker and the loader search.
+unpacked_mosquitto21() {
+    local folder=$PWD/build/mosquitto21-libraries
+    SUITE=forky unpacked_debian "$folder" "$(dpkg --print-architecture)" \
+        libmosquittopp-dev mosquitto systemd-standalone-sysusers
+    ln -sfn root/usr/include "$folder/include"
+    (cd "$folder" && ln -sfn root/usr/lib/*-linux-gnu* lib && ln -sf lib/ld-linux-*.so.* loader)
+    ldconfig -n "$folder/lib" # makes links that the installation of a package makes
+    mkdir -p "$folder/bin"
+    printf '%s\n' '#!/bin/sh' \
+        "exec '$folder/loader' --library-path '$folder/lib' '$folder/root/usr/sbin/mosquitto' \"\$@\"" \
+        >"$folder/bin/mosquitto"
+    chmod +x "$folder/bin/mosquitto"
+}
