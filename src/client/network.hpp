@@ -1,10 +1,13 @@
 #pragma once
 
+#include "client/connection_report.hpp"
+#include "client/connection_settings.hpp"
 #include "client/socket/socket_tuning.hpp"
 
 #include <mosquittopp.h>
 
 #include <chrono>
+#include <string>
 
 namespace mqtt {
 
@@ -12,10 +15,12 @@ namespace mqtt {
 /// the network turn; every result is the library's code.
 class Network {
 public:
-    Network(mosqpp::mosquittopp& library, SocketTuning& tuning)
-        : library_(library), tuning_(tuning) {}
+    Network(mosqpp::mosquittopp& library, SocketTuning& tuning, ConnectionSettings& settings,
+            ConnectionReport& report)
+        : library_(library), tuning_(tuning), settings_(settings), report_(report) {}
 
-    int connect(char const* host, int port);
+    /// @param host may be changed if this fails
+    int connect(std::string& host, int port);
     int reconnect();
 
     /// Waits for input or output, at most a second, and handles one packet.
@@ -29,11 +34,18 @@ public:
     void writeLastPackets();
 
 private:
+    int prepare();
+    int connected(int result);
     int stepWithPoll(std::chrono::milliseconds longestWait);
     void writeOutput(std::chrono::steady_clock::time_point deadline);
 
     mosqpp::mosquittopp& library_;
     SocketTuning& tuning_;
+    ConnectionSettings& settings_;
+    ConnectionReport& report_;
+    /// Of a `connect` that failed before the library got the address; empty if there is none.
+    std::string nextHost_;
+    int nextPort_ = 0;
 };
 
 } // namespace mqtt

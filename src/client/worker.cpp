@@ -69,13 +69,14 @@ bool WorkerEnd::waitFor(milliseconds duration) {
 }
 
 Worker::Worker(Members members, NetworkTurn& turn, Network& network, BrokerGate& gate,
-               CommunicationState& state, Subscriptions& subscriptions)
+               CommunicationState& state, Subscriptions& subscriptions, ConnectionReport& report)
     : members_(members),
       turn_(turn),
       network_(network),
       gate_(gate),
       state_(state),
-      subscriptions_(subscriptions) {}
+      subscriptions_(subscriptions),
+      report_(report) {}
 
 void Worker::start() {
     SignalsBlocked const inheritedByTheThread;
@@ -145,7 +146,9 @@ void Worker::networkStep() {
 }
 
 void Worker::backOffAndReconnect() {
-    if (!end_.sleep(reconnectDelay(nextReconnectAttempt()))) {
+    auto const delay = reconnectDelay(nextReconnectAttempt());
+    report_.waitsForNextAttempt(delay);
+    if (!end_.sleep(delay)) {
         return;
     }
     turn_.enter();
@@ -168,10 +171,13 @@ void Worker::finish() {
     }
 }
 
-void Worker::connectionEnded(bool byDisconnect) {
+void Worker::connectionEnded(int result, int systemError) {
     // A broker's answer that crosses our DISCONNECT packet makes the library forget the packet.
-    bool const intended = gate_.goOffline() || byDisconnect;
+    bool const intended = gate_.goOffline() || result == OK;
     isAccepted_ = false;
+    if (!intended) {
+        report_.failed(result, systemError);
+    }
     state_.set(intended ? ComState::DISCONNECTED : ComState::CONNECTION_LOST);
 }
 
@@ -179,6 +185,7 @@ void Worker::completeConnection() {
     auto const lock = subscriptions_.lock();
     isAccepted_ = false;
     if (subscriptions_.subscribeAgain() && gate_.sendQueue()) {
+        report_.connectionCompleted();
         state_.set(ComState::CONNECTED);
     }
 }

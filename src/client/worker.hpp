@@ -2,6 +2,7 @@
 
 #include "client/broker_gate.hpp"
 #include "client/communication_state.hpp"
+#include "client/connection_report.hpp"
 #include "client/network.hpp"
 #include "client/network_turn.hpp"
 #include "client/subscriptions.hpp"
@@ -51,7 +52,7 @@ public:
     };
 
     Worker(Members members, NetworkTurn& turn, Network& network, BrokerGate& gate,
-           CommunicationState& state, Subscriptions& subscriptions);
+           CommunicationState& state, Subscriptions& subscriptions, ConnectionReport& report);
 
     /// @throws std::system_error there is no thread to be had
     void start();
@@ -61,8 +62,8 @@ public:
 
     /// Worker: the broker has accepted the connection.
     void connectionAccepted() { isAccepted_ = true; }
-    /// Worker: the connection has ended, because of a DISCONNECT packet or not.
-    void connectionEnded(bool byDisconnect);
+    /// Worker: the connection has ended, because of a DISCONNECT packet if the result is 0.
+    void connectionEnded(int result, int systemError);
 
 private:
     int loop();
@@ -77,6 +78,7 @@ private:
     BrokerGate& gate_;
     CommunicationState& state_;
     Subscriptions& subscriptions_;
+    ConnectionReport& report_;
     WorkerEnd end_;
     bool isAccepted_ = false; ///< worker: the connection is to be completed
     std::atomic<bool> reconnecting_{false};

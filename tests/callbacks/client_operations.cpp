@@ -1,5 +1,7 @@
 #include "operations.hpp"
 
+#include <mqtt/connection_options.hpp>
+
 using Error = mqtt::MqttClient::Error;
 using Test = CallbackTest;
 
@@ -175,6 +177,11 @@ Operations clientOperations() {
         {"MqttClient/setWill", nothing, setWill, expectWill, Kind::WHILE_DISCONNECTED},
         {"MqttClient/clearWill", prepareWill, [](Test& t) { return t.client->clearWill(); },
          expectNoWill, Kind::WHILE_DISCONNECTED},
+        {"MqttClient/setOptions", nothing, [](Test& t) { return t.client->setOptions({}); },
+         nothing, Kind::WHILE_DISCONNECTED},
+        {"MqttClient/lastFailure", nothing,
+         [](Test& t) { return t.client->lastFailure().reason == mqtt::Failure::Reason::NONE; },
+         nothing},
         {"MqttClient/destroy", nothing, [](Test& t) { t.destroyClient(); }, nothing},
     };
 }

@@ -6,6 +6,8 @@
 
 #include "support/timeout_factor.hpp"
 
+#include <mqtt/connection_options.hpp>
+
 #include <gmock/gmock.h>
 
 #include <thread>
@@ -109,7 +111,9 @@ TEST_F(AllAtOnce, MqttClient) {
                    {[&] {
                        client.setWill(x, "3", 0, false);
                        client.clearWill();
+                       client.setOptions({});
                    }},
+                   {[&] { client.lastFailure(); }},
                    {[&] { client.communicationState(); }}});
     client.release(&other);
     // A client that was disconnected last stays so.

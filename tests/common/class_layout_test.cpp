@@ -55,7 +55,7 @@ TEST(TheSlots, KeepTheirOrder) {
          "",
          {{"~", "~", "on_connect", "mosqpp::mosquittopp::on_connect_with_flags", "on_disconnect",
            "on_publish", "on_message", "mosqpp::mosquittopp::on_subscribe", "on_unsubscribe",
-           "mosqpp::mosquittopp::on_log", "mosqpp::mosquittopp::on_error"}}},
+           "on_log", "mosqpp::mosquittopp::on_error"}}},
         {"mqtt/client.hpp",
          "mqtt::MqttClient::Listener",
          "void onComStateChanged(conv::ComState) override;\n",
