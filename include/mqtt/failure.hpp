@@ -20,7 +20,9 @@ struct Failure {
         /// Signed by another authority, expired, or not valid yet. The broker library does not say
         /// which.
         CERTIFICATE_NOT_TRUSTED,
-        HOST_NAME_MISMATCH, ///< the certificate is trusted, but is that of another host
+        /// The certificate is trusted, but is that of another host. With libmosquitto 2.1 this is
+        /// CERTIFICATE_NOT_TRUSTED too.
+        HOST_NAME_MISMATCH,
         /// The answer is not TLS, or the connection is closed instead of one.
         NO_TLS_AT_BROKER,
         TLS_VERSION, ///< the broker's versions of TLS are all too old, or too new
@@ -34,7 +36,8 @@ struct Failure {
         /// Mosquitto answers a wrong password with this reason too.
         REFUSED_NOT_AUTHORISED,
         /// The connection was closed before the broker accepted the client. A broker that expects
-        /// TLS does that to a client without.
+        /// TLS does that to a client without; with libmosquitto 2.1 it is also the reason when a
+        /// broker does not speak TLS, and when it refuses a client's certificate in the end.
         CLOSED_BEFORE_ACCEPTANCE,
         /// Also when another client with the same identifier has connected, or the broker has
         /// ended: MQTT 3.1.1 has no message for the difference.

@@ -38,9 +38,15 @@ Reason refusal(int code) {
     return index < reasons.size() ? reasons.at(index) : Reason::NOT_MQTT;
 }
 
-Reason systemReason(int systemError) {
-    bool const isLimit = systemError == EMFILE || systemError == ENFILE;
-    return isLimit ? Reason::TOO_MANY_DESCRIPTORS : Reason::UNREACHABLE;
+Failure systemFailure(int systemError) {
+    if (systemError == EMFILE || systemError == ENFILE) {
+        return {Reason::TOO_MANY_DESCRIPTORS, systemError};
+    }
+    // Version 2.1 of the broker library replaces the error by this one.
+    if (systemError == EBADF) {
+        return {hasNoDescriptor() ? Reason::TOO_MANY_DESCRIPTORS : Reason::UNREACHABLE};
+    }
+    return {Reason::UNREACHABLE, systemError};
 }
 
 /// A clock that is wrong makes every certificate invalid.
@@ -123,11 +129,15 @@ void ConnectionReport::brokerLibraryWrote(int level, char const* text) noexcept 
 Failure ConnectionReport::failureOf(int result, int systemError) const {
     std::lock_guard const lock(mutex_);
     auto const closed = isAccepted_ ? Reason::CLOSED_BY_BROKER : Reason::CLOSED_BEFORE_ACCEPTANCE;
-    bool const isClosed = tlsReason_ == Reason::NO_TLS_AT_BROKER && result != MOSQ_ERR_TLS;
-    if (tlsReason_ == Reason::CERTIFICATE_NOT_TRUSTED) {
+    bool const isHandshake = result == MOSQ_ERR_TLS;
+    switch (tlsReason_) {
+    case Reason::NONE:
+        break;
+    case Reason::CLOSED_BEFORE_ACCEPTANCE:
+        return {isHandshake ? Reason::NO_TLS_AT_BROKER : closed};
+    case Reason::CERTIFICATE_NOT_TRUSTED:
         return {tlsReason_, 0, {}, tlsText_ + dateOfThisDevice()};
-    }
-    if (tlsReason_ != Reason::NONE && !isClosed) {
+    default:
         return {tlsReason_, 0, {}, tlsText_};
     }
     switch (result) {
@@ -139,7 +149,7 @@ Failure ConnectionReport::failureOf(int result, int systemError) const {
         return {hasNoDescriptor() ? Reason::TOO_MANY_DESCRIPTORS : Reason::NAME_NOT_RESOLVED,
                 systemError};
     case MOSQ_ERR_ERRNO:
-        return isClosed ? Failure{closed} : Failure{systemReason(systemError), systemError};
+        return systemFailure(systemError);
     case MOSQ_ERR_PROTOCOL:
     case MOSQ_ERR_MALFORMED_PACKET:
         return {Reason::NOT_MQTT};

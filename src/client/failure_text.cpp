@@ -71,9 +71,10 @@ Text textOf(Reason reason) {
         return {"REFUSED_NOT_AUTHORISED", "the broker does not authorise this client",
                 "Check user name and password, and whether the broker allows clients without."};
     case Reason::CLOSED_BEFORE_ACCEPTANCE:
-        return {"CLOSED_BEFORE_ACCEPTANCE",
-                "the connection was closed before the broker accepted the client",
-                "Check whether the port expects TLS, and see the broker's log."};
+        return {
+            "CLOSED_BEFORE_ACCEPTANCE",
+            "the connection was closed before the broker accepted the client",
+            "Check whether the port expects TLS, or does not speak it, and see the broker's log."};
     case Reason::CLOSED_BY_BROKER:
         return {"CLOSED_BY_BROKER", "the broker has closed the connection",
                 "Check that it runs and that no other client has the same identifier, and see its "

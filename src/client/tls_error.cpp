@@ -50,8 +50,9 @@ Reason reasonOfNumber(unsigned number) {
     case UNSUPPORTED_PROTOCOL:
         return Reason::TLS_VERSION;
     case WRONG_VERSION_NUMBER:
-    case UNEXPECTED_END:
         return Reason::NO_TLS_AT_BROKER;
+    case UNEXPECTED_END:
+        return Reason::CLOSED_BEFORE_ACCEPTANCE;
     default:
         return number >= ALERTS ? alertReason(number - ALERTS) : Reason::TLS_OTHER;
     }

@@ -25,7 +25,7 @@ TEST(ATlsError, HasTheReasonOfTheTextThatTheBrokerLibraryLogs) {
                        Reason::NO_TLS_AT_BROKER),
              std::pair("OpenSSL Error[0]: error:0A000126:SSL routines::unexpected eof while "
                        "reading",
-                       Reason::NO_TLS_AT_BROKER),
+                       Reason::CLOSED_BEFORE_ACCEPTANCE),
              std::pair("OpenSSL Error[0]: error:0A000102:SSL routines::unsupported protocol",
                        Reason::TLS_VERSION),
              std::pair("OpenSSL Error[0]: error:0A00042E:SSL routines::tlsv1 alert protocol "

@@ -4,7 +4,6 @@
 
 #include "support/process.hpp"
 
-#include <fstream>
 #include <sstream>
 
 namespace {
@@ -19,12 +18,15 @@ protected:
         int port;
         ConnectionOptions options;
         Reason reason;
+        /// Version 2.1 of the broker library has no more to say than this.
+        Reason inVersion21 = Reason::NONE;
     };
 
     static void expectReasons(std::vector<Case> const& cases) {
-        for (auto const& [what, port, options, reason] : cases) {
+        for (auto const& [what, port, options, reason, inVersion21] : cases) {
             auto const failure = failureAt(port, options);
-            EXPECT_EQ(failure.reason, reason) << what << "\n" << failure;
+            bool const isCommon = LIBMOSQUITTO_MINOR > 0 && failure.reason == inVersion21;
+            EXPECT_TRUE(failure.reason == reason || isCommon) << what << "\n" << failure;
             EXPECT_EQ(failure.peer, "127.0.0.1:" + std::to_string(port)) << what;
         }
     }
@@ -40,7 +42,8 @@ TEST_F(AFailureOfTls, ToTrustTheBrokerHasAReason) {
         {"system's authorities", certificates_.port(), ofTheSystem,
          Reason::CERTIFICATE_NOT_TRUSTED},
         {"expired", expired_.port(), trusting(), Reason::CERTIFICATE_NOT_TRUSTED},
-        {"other host", elsewhere_.port(), trusting(), Reason::HOST_NAME_MISMATCH},
+        {"other host", elsewhere_.port(), trusting(), Reason::HOST_NAME_MISMATCH,
+         Reason::CERTIFICATE_NOT_TRUSTED},
     });
 }
 
@@ -50,9 +53,10 @@ TEST_F(AFailureOfTls, ToBeTrustedByTheBrokerHasAReason) {
     ConnectionOptions wrongIdentity;
     wrongIdentity.tls.emplace().preSharedKey = {{"nobody", Certificates::SHARED_KEY}};
     expectReasons({
-        {"no certificate", clientCertificates_.port(), trusting(), Reason::TLS_CLIENT_REFUSED},
+        {"no certificate", clientCertificates_.port(), trusting(), Reason::TLS_CLIENT_REFUSED,
+         Reason::CLOSED_BEFORE_ACCEPTANCE},
         {"of another authority", clientCertificates_.port(), withClientCertificate("stranger"),
-         Reason::TLS_CLIENT_REFUSED},
+         Reason::TLS_CLIENT_REFUSED, Reason::CLOSED_BEFORE_ACCEPTANCE},
         {"wrong key", sharedKey_.port(), wrongKey, Reason::TLS_CLIENT_REFUSED},
         {"wrong identity", sharedKey_.port(), wrongIdentity, Reason::TLS_CLIENT_REFUSED},
     });
@@ -60,7 +64,8 @@ TEST_F(AFailureOfTls, ToBeTrustedByTheBrokerHasAReason) {
 
 TEST_F(AFailureOfTls, AtAnotherProtocolHasAReason) {
     expectReasons({
-        {"TLS at a port without", broker_.port(), trusting(), Reason::NO_TLS_AT_BROKER},
+        {"TLS at a port without", broker_.port(), trusting(), Reason::NO_TLS_AT_BROKER,
+         Reason::CLOSED_BEFORE_ACCEPTANCE},
         {"no TLS at a port with", certificates_.port(), {}, Reason::CLOSED_BEFORE_ACCEPTANCE},
     });
 }
@@ -126,14 +131,16 @@ TEST_F(AFailureOfTls, ToReadOwnFilesNamesTheFile) {
 
 TEST_F(AFailureOfTls, NeverLeadsToAConnectionWithoutEncryption) {
     auto options = trusting();
-    options.tls->caFile = files_.file("later.crt");
+    options.tls->caFile = files_.file("missing");
     // At the port without encryption: a client that gave TLS up would get connected.
-    auto const waiting = client(broker_.port(), options);
-    EXPECT_EQ(waiting->connect("", -1, 0), Error::TLS);
-    std::filesystem::copy_file(files_.certificate("ca"), files_.file("later.crt"));
-    EXPECT_TRUE(support::eventually(
-        [&] { return waiting->lastFailure().reason == Reason::NO_TLS_AT_BROKER; }));
-    EXPECT_NE(waiting->communicationState(), conv::ComState::CONNECTED);
+    auto const failing = client(broker_.port(), options);
+    EXPECT_EQ(failing->connect("", -1, 0), Error::TLS);
+    auto const hasFailedTwice = [](std::string const& log) {
+        std::string const line = "not connected: ";
+        return log.find(line, log.find(line) + 1) != std::string::npos;
+    };
+    EXPECT_TRUE(log_.waitFor(hasFailedTwice));
+    EXPECT_EQ(failing->communicationState(), conv::ComState::CONNECTING);
 }
 
 } // namespace

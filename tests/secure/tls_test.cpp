@@ -51,8 +51,7 @@ TEST_F(AnEncryptedConnection, ReadsTheFilesAgainWithEachAttempt) {
     copy("stranger");
     auto const current = client(clientCertificates_.port(), withClientCertificate("current"));
     current->connect("", -1, 0);
-    ASSERT_TRUE(support::eventually(
-        [&] { return current->lastFailure().reason == Reason::TLS_CLIENT_REFUSED; }));
+    ASSERT_TRUE(support::eventually([&] { return current->lastFailure().reason != Reason::NONE; }));
     copy("client");
     EXPECT_TRUE(support::becomesConnected(*current)) << current->lastFailure();
 }
