@@ -136,7 +136,7 @@ TEST_F(AFailureOfTls, NeverLeadsToAConnectionWithoutEncryption) {
     auto const failing = client(broker_.port(), options);
     EXPECT_EQ(failing->connect("", -1, 0), Error::TLS);
     auto const hasFailedTwice = [](std::string const& log) {
-        std::string const line = "not connected: ";
+        std::string const line = "next attempt to connect in ";
         return log.find(line, log.find(line) + 1) != std::string::npos;
     };
     EXPECT_TRUE(log_.waitFor(hasFailedTwice));
