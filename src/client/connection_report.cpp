@@ -80,11 +80,13 @@ void ConnectionReport::connectBegins(char const* host, int port) noexcept {
 }
 
 void ConnectionReport::attemptBegins() noexcept {
-    std::lock_guard const lock(mutex_);
-    tlsReason_ = Reason::NONE;
-    tlsText_.clear();
-    isAccepted_ = false;
-    hasFailed_ = false;
+    {
+        std::lock_guard const lock(mutex_);
+        tlsReason_ = Reason::NONE;
+        tlsText_.clear();
+        isAccepted_ = false;
+        hasFailed_ = false;
+    }
     log(LogLevel::INFO, clientId_, ": connects to ", last_.peer);
 }
 
@@ -98,7 +100,6 @@ void ConnectionReport::answered(int code) noexcept {
 }
 
 void ConnectionReport::connectionCompleted() const noexcept {
-    std::lock_guard const lock(mutex_);
     log(LogLevel::INFO, clientId_, ": connected to ", last_.peer);
 }
 
@@ -163,12 +164,14 @@ void ConnectionReport::failed(int result, int systemError) noexcept {
 }
 
 void ConnectionReport::failed(Failure failure) noexcept {
-    std::lock_guard const lock(mutex_);
-    if (std::exchange(hasFailed_, true)) {
-        return;
+    {
+        std::lock_guard const lock(mutex_);
+        if (std::exchange(hasFailed_, true)) {
+            return;
+        }
+        failure.peer.swap(last_.peer);
+        last_ = std::move(failure);
     }
-    failure.peer.swap(last_.peer);
-    last_ = std::move(failure);
     log(LogLevel::WARNING, clientId_,
         isAccepted_ ? ": connection lost: " : ": not connected: ", last_);
 }

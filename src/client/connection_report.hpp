@@ -13,13 +13,16 @@ namespace mqtt {
 ///
 /// The reasons come from the results of the broker library, from its callbacks, and, for TLS, from
 /// the texts that it logs. An attempt and the connection that it makes have one failure at most:
-/// the first that is noted. Every operation may be called on any thread. None lets an exception
-/// through: without memory a text is missing.
+/// the first that is noted. Without memory a text is missing: what the broker library calls must
+/// not let an exception through.
 class ConnectionReport {
 public:
     explicit ConnectionReport(std::string const& clientId) : clientId_(clientId) {}
 
+    /// In any thread.
     Failure lastFailure() const;
+
+    // The rest is for the thread that has the network turn. No lock is held while it logs.
 
     /// The application wants a connection: forgets the last failure.
     void connectBegins(char const* host, int port) noexcept;
@@ -40,7 +43,7 @@ private:
     Failure failureOf(int result, int systemError) const;
 
     std::string const& clientId_;
-    mutable std::mutex mutex_;                          ///< of all below
+    mutable std::mutex mutex_;                          ///< for changes, and for other threads
     Failure last_;                                      ///< with the peer of the next attempt
     Failure::Reason tlsReason_ = Failure::Reason::NONE; ///< logged during this attempt
     bool isAccepted_ = false;                           ///< by the broker, in this attempt

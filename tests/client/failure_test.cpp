@@ -12,6 +12,7 @@
 #include <gmock/gmock.h>
 
 #include <cerrno>
+#include <set>
 #include <sstream>
 #include <stdexcept>
 
@@ -30,6 +31,26 @@ std::string textOf(Failure const& failure) {
     std::ostringstream text;
     text << failure;
     return text.str();
+}
+
+TEST(TheReasonOfAFailure, HasANameAndASentence) {
+    std::set<std::string> names;
+    std::set<std::string> sentences;
+    for (int value = 0; value <= static_cast<int>(Reason::OTHER); ++value) {
+        Failure failure;
+        failure.reason = static_cast<Reason>(value);
+        std::ostringstream name;
+        name << failure.reason;
+        names.insert(name.str());
+        sentences.insert(textOf(failure));
+    }
+    auto const count = static_cast<std::size_t>(Reason::OTHER) + 1;
+    EXPECT_EQ(names.size(), count);
+    EXPECT_EQ(sentences.size(), count);
+    EXPECT_EQ(names.count("UNKNOWN"), 0U);
+    Failure other;
+    other.reason = static_cast<Reason>(200);
+    EXPECT_EQ(textOf(other), "unknown failure");
 }
 
 class AFailure : public AClientOnAScript {
