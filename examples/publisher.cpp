@@ -7,6 +7,7 @@
 //
 // Usage: publisher [HOST [PORT]]
 
+#include "broker_address.hpp"
 #include "console.hpp"
 
 #include <mqtt/client.hpp>
@@ -86,17 +87,18 @@ void executeCommands(std::istream& commands, MqttClient& client, Counter& counte
 } // namespace
 
 int main(int argc, char* argv[]) try {
-    std::string const host = argc > 1 ? argv[1] : "localhost";
-    int const port = argc > 2 ? std::stoi(argv[2]) : 1883;
+    auto const broker = brokerFrom(argc, argv, "publisher");
 
     // Declared before the client, so that it exists as long as the client may call it.
     StatePrinter states;
     // A broker accepts one client per identifier: each process of a device has its own.
-    MqttClient client(Uuid(1), false, "publisher", host, port, false);
+    MqttClient client(Uuid(1), false, "publisher", broker.host, broker.port, false, broker.options);
     client.registerListener(&states);
     auto const result = client.connect("", -1, MqttClient::COMMUNICATION_DELAY);
     if (result != MqttClient::Error::SUCCESS) {
-        std::cerr << "cannot connect to " << host << ':' << port << ": " << result << '\n';
+        std::cerr << "cannot connect to " << broker.host << ':' << broker.port << ": " << result
+                  << '\n'
+                  << client.lastFailure() << '\n';
         return 1;
     }
 

@@ -4,6 +4,7 @@
 //
 // Usage: subscriber [HOST [PORT]]
 
+#include "broker_address.hpp"
 #include "console.hpp"
 
 #include <mqtt/client.hpp>
@@ -66,12 +67,12 @@ private:
 } // namespace
 
 int main(int argc, char* argv[]) try {
-    std::string const host = argc > 1 ? argv[1] : "localhost";
-    int const port = argc > 2 ? std::stoi(argv[2]) : 1883;
+    auto const broker = brokerFrom(argc, argv, "subscriber");
 
     StatePrinter states;
     SequenceCheck check;
-    MqttClient client(Uuid(2), false, "subscriber", host, port, false);
+    MqttClient client(Uuid(2), false, "subscriber", broker.host, broker.port, false,
+                      broker.options);
     client.registerListener(&states);
 
     // The client keeps the subscription and sends it to the broker with every connection.
@@ -80,7 +81,9 @@ int main(int argc, char* argv[]) try {
         result = client.connect("", -1, MqttClient::COMMUNICATION_DELAY);
     }
     if (result != MqttClient::Error::SUCCESS) {
-        std::cerr << "cannot subscribe at " << host << ':' << port << ": " << result << '\n';
+        std::cerr << "cannot subscribe at " << broker.host << ':' << broker.port << ": " << result
+                  << '\n'
+                  << client.lastFailure() << '\n';
         return 1;
     }
 

@@ -49,6 +49,7 @@ build() {
 # --- a broker ----------------------------------------------------------------------------------
 
 broker_pid=
+broker_lines=() # more lines of its configuration
 
 # start_broker FOLDER [PORT]: on 127.0.0.1, on that port or on any free one. Sets `broker_port`,
 # `broker_pid` and `broker_output`, the descriptor from which its messages can be read. Call
@@ -70,7 +71,7 @@ try_broker() {
     local line
     printf '%s\n' "listener $broker_port 127.0.0.1" "allow_anonymous true" "persistence false" \
         "user $(id -un)" "log_dest stderr" "log_timestamp false" "log_type error" \
-        "log_type information" "log_type subscribe" >"$1/mosquitto.conf"
+        "log_type information" "log_type subscribe" "${broker_lines[@]}" >"$1/mosquitto.conf"
     # A check for a free port before the start would be a race: the broker reports whether it got it.
     exec {broker_output}< <(exec mosquitto -c "$1/mosquitto.conf" 2>&1)
     broker_pid=$!

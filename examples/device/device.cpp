@@ -9,6 +9,7 @@
 // Usage: device [HOST [PORT]]
 
 #include "binding.hpp"
+#include "broker_address.hpp"
 #include "clock.hpp"
 #include "console.hpp"
 #include "entity.hpp"
@@ -101,10 +102,9 @@ void waitForEndOf(std::istream& input) {
 } // namespace
 
 int main(int argc, char* argv[]) try {
-    std::string const host = argc > 1 ? argv[1] : "localhost";
-    int const port = argc > 2 ? std::stoi(argv[2]) : 1883;
+    auto const broker = brokerFrom(argc, argv, "device");
 
-    MqttClient client(PLANT_ID, false, "device", host, port, false);
+    MqttClient client(PLANT_ID, false, "device", broker.host, broker.port, false, broker.options);
     Plant plant(client);
 
     // The services start before the plant reports that it is connected.
@@ -113,7 +113,9 @@ int main(int argc, char* argv[]) try {
         result = client.connect("", -1, MqttClient::COMMUNICATION_DELAY);
     }
     if (result != MqttClient::Error::SUCCESS) {
-        std::cerr << "cannot serve at " << host << ':' << port << ": " << result << '\n';
+        std::cerr << "cannot serve at " << broker.host << ':' << broker.port << ": " << result
+                  << '\n'
+                  << client.lastFailure() << '\n';
         return 1;
     }
 

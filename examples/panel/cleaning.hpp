@@ -2,6 +2,7 @@
 
 // Erases the retained messages, which the broker otherwise keeps.
 
+#include "broker_address.hpp"
 #include "console.hpp"
 #include "plant.hpp"
 
@@ -23,9 +24,9 @@ public:
 
 /// A broker does not report that it has sent all retained messages: the cleaner waits for them for
 /// one second, which is enough here.
-inline void cleanUp(std::string const& host, int port) {
+inline void cleanUp(BrokerAddress const& broker) {
     CleaningPrinter report;
-    mqtt::TopicCleaner cleaner(&report, CLEANER_ID, host, port);
+    mqtt::TopicCleaner cleaner(&report, CLEANER_ID, broker.host, broker.port, broker.options);
     cleaner.clean(PLANT + "#", std::chrono::seconds(1));
     if (!cleaner.waitAllTasks(std::chrono::seconds(20))) {
         throw std::runtime_error("cleaning takes too long");

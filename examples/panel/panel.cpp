@@ -7,6 +7,7 @@
 //
 // Usage: panel [HOST [PORT]]
 
+#include "broker_address.hpp"
 #include "cleaning.hpp"
 #include "console.hpp"
 #include "observers.hpp"
@@ -80,11 +81,10 @@ void compareClocks(MqttClient& client) {
 } // namespace
 
 int main(int argc, char* argv[]) try {
-    std::string const host = argc > 1 ? argv[1] : "localhost";
-    int const port = argc > 2 ? std::stoi(argv[2]) : 1883;
+    auto const broker = brokerFrom(argc, argv, "panel");
 
     // Declared first and so destroyed last: the others use it.
-    MqttClient client(PANEL_ID, false, "panel", host, port, false);
+    MqttClient client(PANEL_ID, false, "panel", broker.host, broker.port, false, broker.options);
     PlantObserver plant(client);
     std::deque<EntityObserver> entities;
     mqtt::BinderMqttProxy binder(client, PLANT, mqtt::Topic(), PANEL_ID, PANEL, nullptr);
@@ -92,12 +92,14 @@ int main(int argc, char* argv[]) try {
 
     auto const result = client.connect("", -1, MqttClient::COMMUNICATION_DELAY);
     if (result != MqttClient::Error::SUCCESS) {
-        std::cerr << "cannot watch at " << host << ':' << port << ": " << result << '\n';
+        std::cerr << "cannot watch at " << broker.host << ':' << broker.port << ": " << result
+                  << '\n'
+                  << client.lastFailure() << '\n';
         return 1;
     }
 
     plant.waitUntilConnected();
-    Verification verification(client, host, port);
+    Verification verification(client, broker);
     verification.verifyLinks();
     discover(client, entities);
 
@@ -118,7 +120,7 @@ int main(int argc, char* argv[]) try {
 
     printLine("now stop the device");
     plant.waitUntilGone();
-    cleanUp(host, port);
+    cleanUp(broker);
     verification.verifyNothingRetained();
     client.disconnect(MqttClient::COMMUNICATION_DELAY);
     return 0;

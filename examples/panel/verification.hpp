@@ -1,9 +1,9 @@
 #pragma once
 
-// Checks what the broker retains. The check functions of the library are made for the test programs
-// of a device: they connect to localhost, port 1883, only. With any other broker the panel checks
-// by itself.
+// Checks what the broker retains, with the check functions that the library has for the test
+// programs of a device.
 
+#include "broker_address.hpp"
 #include "console.hpp"
 #include "plant.hpp"
 
@@ -16,12 +16,6 @@
 #include <string>
 #include <utility>
 #include <vector>
-
-inline Uuid const RETAINED_MESSAGES_ID(6);
-
-inline bool isStandardBroker(std::string const& host, int port) {
-    return port == 1883 && (host == "localhost" || host == "127.0.0.1");
-}
 
 /// Waits for the first list of links, and checks that it names the plant's entities and no others.
 class LinkCheck final : private mqtt::MqttData<std::vector<mqtt::Link>>::Subscriber {
@@ -50,78 +44,27 @@ private:
     mqtt::MqttDataCollection<mqtt::Link> links_;
 };
 
-/// Counts the retained messages below the plant. The broker sends them right after a subscription,
-/// so all have arrived when a message arrives that is published after it. It has its own
-/// connection, since a client passes a message to one of its subscriptions only, and the panel has
-/// others.
-class RetainedMessages final : private mqtt::MqttClient::Subscriber {
-public:
-    RetainedMessages(std::string const& host, int port)
-        : client_(RETAINED_MESSAGES_ID, false, "residue", host, port, true) {}
-    ~RetainedMessages() override { client_.release(this); }
-    RetainedMessages(RetainedMessages const&) = delete;
-    RetainedMessages& operator=(RetainedMessages const&) = delete;
-
-    int count() {
-        using mqtt::MqttClient;
-        if (client_.subscribe(PLANT + "#", this, 0) != MqttClient::Error::SUCCESS
-            || client_.publish(mark_, "that is all", 0, false) != MqttClient::Error::SUCCESS) {
-            throw std::runtime_error("cannot look at what is retained");
-        }
-        return found_.get_future().get();
-    }
-
-private:
-    void onMqttMessage(int /*tag*/, mqtt::Topic const& topic,
-                       std::string const& /*payload*/) override {
-        if (topic == mark_) {
-            found_.set_value(count_);
-        } else {
-            ++count_;
-            printLine("still there: " + topic.text());
-        }
-    }
-
-    mqtt::Topic const mark_ = PLANT + "mark";
-    int count_ = 0; // used on the worker thread only
-    std::promise<int> found_;
-    mqtt::MqttClient client_;
-};
-
 /// Counts its checks. A check that fails throws.
 class Verification {
 public:
-    Verification(mqtt::MqttClient& client, std::string const& host, int port)
-        : client_(client), host_(host), port_(port), isStandard_(isStandardBroker(host, port)) {
-        if (!isStandard_) {
-            printLine("the check functions look at localhost:1883 only: on " + host + ':'
-                      + std::to_string(port) + " the panel looks for itself");
-        }
-    }
+    Verification(mqtt::MqttClient& client, BrokerAddress const& broker)
+        : client_(client), broker_(broker) {}
 
     void verifyLinks() {
         LinkCheck(client_).run();
-        if (isStandard_) {
-            mqtt::testLinkInCollection(topicOf(TANK_ID).text(), PLANT,
-                                       "Check that the tank belongs to the plant", counter_);
-        }
+        mqtt::testLinkInCollection(topicOf(TANK_ID).text(), PLANT,
+                                   "Check that the tank belongs to the plant", counter_,
+                                   broker_.host, broker_.port, broker_.options);
     }
 
     void verifyNothingRetained() {
-        if (isStandard_) {
-            mqtt::testTopicClean(PLANT + "#", counter_);
-            printLine("the check functions: " + std::to_string(counter_.started) + " checks, "
-                      + std::to_string(counter_.passed) + " passed");
-        } else if (RetainedMessages(host_, port_).count() > 0) {
-            throw std::runtime_error("the broker still retains something of the plant");
-        }
-        printLine("the broker retains nothing of the plant");
+        mqtt::testTopicClean(PLANT + "#", counter_, broker_.host, broker_.port, broker_.options);
+        printLine("the check functions: " + std::to_string(counter_.started) + " checks, "
+                  + std::to_string(counter_.passed) + " passed");
     }
 
 private:
     mqtt::MqttClient& client_;
-    std::string const host_;
-    int const port_;
-    bool const isStandard_;
+    BrokerAddress const broker_;
     mqtt::TestCounter counter_;
 };

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "mqtt/export.hpp"
+#include "mqtt/failure.hpp"
 #include "mqtt/mosquittopp.hpp"
 #include "mqtt/topic.hpp"
 
@@ -23,6 +24,8 @@
 #include <vector>
 
 namespace mqtt {
+
+struct ConnectionOptions; // mqtt/connection_options.hpp
 
 /// One connection to an MQTT broker.
 ///
@@ -154,6 +157,11 @@ public:
     /// @throws std::bad_alloc from `connect` too: the client is completely destroyed then
     MqttClient(zym::common::Uuid const& id, bool persistent, std::string const& name,
                std::string const& host, int port, bool connectNow);
+    /// The same, with credentials or encryption; include `mqtt/connection_options.hpp`.
+    /// @throw std::invalid_argument `setOptions` would return INVALID_PARAMETER
+    MqttClient(zym::common::Uuid const& id, bool persistent, std::string const& name,
+               std::string const& host, int port, bool connectNow,
+               ConnectionOptions const& options);
 
     /// Unsubscribes every topic at the broker, ends the worker thread, drops unsent publications
     /// and closes the connection without a DISCONNECT packet, so that the broker publishes the
@@ -229,6 +237,18 @@ public:
     Error setWill(Topic const& topic, std::string const& payload, int qos, bool retain);
     /// @return SUCCESS, or CONNECTION_PENDING unless the client is disconnected (state 1)
     Error clearWill();
+
+    /// Replaces all options; they take effect with the next `connect`.
+    /// @return SUCCESS; CONNECTION_PENDING unless the client is disconnected (state 1);
+    ///         INVALID_PARAMETER: options that MQTT cannot carry or that contradict each other,
+    ///         such as a certificate without its key. Also for a client that has had options with
+    ///         TLS: no TLS, or a pre-shared key in place of certificates and the reverse
+    Error setOptions(ConnectionOptions const& options);
+
+    /// Why the last attempt to connect failed, or the last connection ended unintendedly; the
+    /// reason is NONE if there was no such thing since the last `connect`. Stays when the client is
+    /// connected again. A state listener that is told "connection lost" finds the reason here.
+    Failure lastFailure() const;
 
     /// Registers a subscriber for a topic or pattern and subscribes at the broker, at QoS 0.
     /// Without a connection the registration is made too, and reaches the broker with the next
@@ -307,6 +327,7 @@ private:
     void on_publish(int mid) override;
     void on_message(mosquitto_message const* message) override;
     void on_unsubscribe(int mid) override;
+    void on_log(int level, char const* text) override;
 
     std::recursive_mutex mainMutex_; ///< registry, replay, listeners' calls
     zym::common::Uuid id_;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "mqtt/client.hpp"
+#include "mqtt/connection_options.hpp"
 #include "mqtt/export.hpp"
 #include "mqtt/link.hpp"
 
@@ -12,8 +13,9 @@
 #include <string>
 #include <vector>
 
-// For test programs of a device: checks of what the broker at localhost:1883 has retained. Those
-// that connect use the identifier 0: only one of them may run at a time, in all programs.
+// For test programs of a device: checks of what a broker has retained, that at localhost:1883
+// unless another one is named. Those that connect use the identifier 0: only one of them may run at
+// a time, in all programs.
 
 namespace mqtt {
 
@@ -39,6 +41,9 @@ public:
     /// Connects to the broker at localhost:1883, which may take up to 5 seconds, with the
     /// identifier 0.
     CleanTopicChecker();
+    /// Connects to another broker.
+    /// @throw std::invalid_argument options that `MqttClient::setOptions` refuses
+    CleanTopicChecker(std::string const& host, int port, ConnectionOptions const& options);
     ~CleanTopicChecker() override;
     CleanTopicChecker(CleanTopicChecker const&) = delete;
     CleanTopicChecker& operator=(CleanTopicChecker const&) = delete;
@@ -56,6 +61,10 @@ public:
 /// passes.
 /// @throws test_error when there is a message, or after an unexpected exception, which is printed
 ZYM_MQTT_EXPORT void testTopicClean(Topic const& topic, TestCounter& counter);
+/// The same at another broker.
+ZYM_MQTT_EXPORT void testTopicClean(Topic const& topic, TestCounter& counter,
+                                    std::string const& host, int port,
+                                    ConnectionOptions const& options);
 
 /// Checks that a link appears within three seconds in the collection published on a topic. Prints
 /// what it checks and the result.
@@ -63,6 +72,11 @@ ZYM_MQTT_EXPORT void testTopicClean(Topic const& topic, TestCounter& counter);
 /// @throws test_error when it does not appear, or after an unexpected exception, which is printed
 ZYM_MQTT_EXPORT void testLinkInCollection(std::string const& link, Topic const& topic,
                                           char const* message, TestCounter& counter);
+/// The same at another broker.
+ZYM_MQTT_EXPORT void testLinkInCollection(std::string const& link, Topic const& topic,
+                                          char const* message, TestCounter& counter,
+                                          std::string const& host, int port,
+                                          ConnectionOptions const& options);
 
 /// Whether the collection, as last received, has exactly this link.
 ZYM_MQTT_EXPORT bool isLinkPublishedInCollection(std::string const& link,

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "mqtt/client.hpp"
+#include "mqtt/connection_options.hpp"
 #include "mqtt/export.hpp"
 #include "mqtt/mutex.hpp"
 #include "mqtt/topic.hpp"
@@ -60,6 +61,10 @@ public:
     /// @param port 0 to 65535
     TopicCleaner(Listener* listener, zym::common::Uuid const& id, std::string const& host,
                  int port);
+    /// The same, with credentials or encryption.
+    /// @throw std::invalid_argument options that `MqttClient::setOptions` refuses
+    TopicCleaner(Listener* listener, zym::common::Uuid const& id, std::string const& host, int port,
+                 ConnectionOptions const& options);
     /// Terminates.
     ~TopicCleaner() override;
     TopicCleaner(TopicCleaner const&) = delete;

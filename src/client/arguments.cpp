@@ -10,16 +10,16 @@ using Error = MqttClient::Error;
 
 constexpr auto MALFORMED_UTF8 = static_cast<Error>(MOSQ_ERR_MALFORMED_UTF8);
 
-bool isUtf8(std::string const& text) {
-    return mosquitto_validate_utf8(text.data(), static_cast<int>(text.size())) == 0;
-}
-
 bool fits(Topic const& topic, std::size_t payloadSize, int qos) {
     std::size_t const overhead = topic.text().size() + (qos == 0 ? 2 : 4);
     return overhead <= MAX_PACKET && payloadSize <= MAX_PACKET - overhead;
 }
 
 } // namespace
+
+bool isUtf8(std::string const& text) {
+    return mosquitto_validate_utf8(text.data(), static_cast<int>(text.size())) == 0;
+}
 
 Error checkPublication(Topic const& topic, std::size_t payloadSize, int qos) {
     auto const& text = topic.text();

@@ -3,6 +3,7 @@
 #include "mqtt/client.hpp"
 
 #include <cstddef>
+#include <string>
 
 namespace mqtt {
 
@@ -11,6 +12,8 @@ namespace mqtt {
 constexpr std::size_t MAX_PACKET = 268'435'455;
 /// The longest payload of a will, in bytes: its length has two bytes.
 constexpr std::size_t MAX_WILL_PAYLOAD = 65'535;
+
+bool isUtf8(std::string const& text);
 
 /// What the broker library returns for a publication on this topic; its order of checks is kept.
 /// For use without a connection, when the library itself must not be called.

@@ -42,7 +42,7 @@ Error MqttClient::connect(std::string host, int port, conv::SecondsDuration time
             return Error::CONNECTION_PENDING;
         }
         impl.gate.forgetDisconnect(); // it was for the last connection
-        result = impl.network.connect(host.c_str(), port);
+        result = impl.network.connect(host, port);
         systemError = errno;
         if (result == 0) {
             host_.swap(host); // takes no memory
@@ -140,14 +140,35 @@ Error MqttClient::clearWill() {
 }
 
 void MqttClient::on_connect(int rc) {
-    bool const isAccepted = (rc & 0xFF) == 0; // the broker's answer is the low byte
-    if (isAccepted) {
+    int const answer = rc & 0xFF; // the broker's answer is the low byte
+    impl_->report.answered(answer);
+    if (answer == 0) {
         impl_->worker.connectionAccepted();
     }
 }
 
 void MqttClient::on_disconnect(int rc) {
-    impl_->worker.connectionEnded(rc == 0);
+    int const systemError = errno;
+    impl_->worker.connectionEnded(rc, systemError);
+}
+
+void MqttClient::on_log(int level, char const* text) {
+    // The library also logs before it has a client, and after.
+    if (impl_) {
+        impl_->report.brokerLibraryWrote(level, text);
+    }
+}
+
+Error MqttClient::setOptions(ConnectionOptions const& options) {
+    std::lock_guard const lock(stateMutex_);
+    if (comState_ != ComState::DISCONNECTED) {
+        return Error::CONNECTION_PENDING;
+    }
+    return impl_->settings.set(options);
+}
+
+Failure MqttClient::lastFailure() const {
+    return impl_->report.lastFailure();
 }
 
 } // namespace mqtt

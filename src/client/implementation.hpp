@@ -3,6 +3,8 @@
 #include "client/broker_gate.hpp"
 #include "client/communication_state.hpp"
 #include "client/connection_losses.hpp"
+#include "client/connection_report.hpp"
+#include "client/connection_settings.hpp"
 #include "client/network.hpp"
 #include "client/network_turn.hpp"
 #include "client/socket/socket_tuning.hpp"
@@ -21,6 +23,10 @@ namespace mqtt {
 struct MqttClient::Implementation {
     explicit Implementation(MqttClient& client);
 
+    static int keyPassword(char* buffer, int size, int writing, void* handle);
+
+    ConnectionReport report;
+    ConnectionSettings settings;
     SocketTuning tuning;
     ConnectionLosses losses;
     BrokerGate gate;

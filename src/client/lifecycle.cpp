@@ -2,7 +2,10 @@
 #include "client/implementation.hpp"
 #include "mqtt/client.hpp"
 
+#include <mosquitto.h>
+
 #include <exception>
+#include <stdexcept>
 
 namespace mqtt {
 
@@ -21,17 +24,33 @@ conv::SecondsDuration const MqttClient::HEART_BEAT_RATE{30};
 conv::SecondsDuration const MqttClient::COMMUNICATION_DELAY{5};
 
 MqttClient::Implementation::Implementation(MqttClient& client)
-    : gate(client, client.queue_, tuning, losses),
-      network(client, tuning),
+    : report(client.clientId_),
+      settings(&keyPassword),
+      gate(client, client.queue_, tuning, losses),
+      network(client, tuning, settings, report),
       state({client.mainMutex_, client.stateMutex_, client.stateChanged_, client.comState_,
              client.listeners_},
             gate),
       subscriptions(client.mainMutex_, client.subscriptions_, gate),
       worker({client.stop_, client.paused_, client.worker_}, turn, network, gate, losses, state,
-             subscriptions) {}
+             subscriptions, report) {}
+
+/// The broker library passes its handle, whose user data is the object of its class.
+int MqttClient::Implementation::keyPassword(char* buffer, int size, int /*writing*/, void* handle) {
+    auto* const library =
+        static_cast<mosqpp::mosquittopp*>(mosquitto_userdata(static_cast<mosquitto*>(handle)));
+    // The base is private: a dynamic_cast does not find the way.
+    // NOLINTNEXTLINE(cppcoreguidelines-pro-type-static-cast-downcast)
+    return static_cast<MqttClient*>(library)->impl_->settings.writeKeyPassword(buffer, size);
+}
 
 MqttClient::MqttClient(zym::common::Uuid const& id, bool persistent, std::string const& name,
                        std::string const& host, int port, bool connectNow)
+    : MqttClient(id, persistent, name, host, port, connectNow, ConnectionOptions()) {}
+
+MqttClient::MqttClient(zym::common::Uuid const& id, bool persistent, std::string const& name,
+                       std::string const& host, int port, bool connectNow,
+                       ConnectionOptions const& options)
     : mosqpp::mosquittopp(withLibraryReady(clientId(id)).c_str(), !persistent),
       id_(id),
       persistent_(persistent),
@@ -43,6 +62,9 @@ MqttClient::MqttClient(zym::common::Uuid const& id, bool persistent, std::string
       stop_(false),
       paused_(false),
       impl_(std::make_unique<Implementation>(*this)) {
+    if (impl_->settings.set(options) != Error::SUCCESS) {
+        throw std::invalid_argument("The connection options contradict each other.");
+    }
     // Before the worker starts: otherwise `publish` would call `on_publish` at QoS 0.
     threaded_set(true);
     impl_->worker.start();

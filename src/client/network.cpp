@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <utility>
 
 #include <poll.h>
 
@@ -16,6 +17,8 @@ namespace {
 constexpr int OK = static_cast<int>(MqttClient::Error::SUCCESS);
 constexpr int REFUSED = static_cast<int>(MqttClient::Error::INVALID_PARAMETER);
 constexpr int FAILED_CALL = static_cast<int>(MqttClient::Error::ERRNO);
+constexpr int TLS = static_cast<int>(MqttClient::Error::TLS);
+constexpr int AUTH = static_cast<int>(MqttClient::Error::AUTH);
 constexpr int NO_CONN = static_cast<int>(MqttClient::Error::NO_CONN);
 
 /// How long a host that could not be connected to may take to say why.
@@ -29,23 +32,60 @@ std::chrono::steady_clock::time_point closeDeadline() {
 
 } // namespace
 
-int Network::connect(char const* host, int port) {
+int Network::connect(std::string& host, int port) {
     isLeaving_ = false;
-    int const result = library_.connect(host, port, MqttClient::HEART_BEAT_RATE.toInt32());
-    if (result == OK) {
-        tuning_.connected(library_.socket());
-    } else if (result == FAILED_CALL && errno == EBADF) {
-        // Version 2.1 of the library asks for the peer of no socket before it returns.
-        errno = connectError(host, port, PROBE_TIMEOUT);
+    report_.connectBegins(host.c_str(), port);
+    nextHost_.clear();
+    if (int const missing = prepare(); missing != OK) {
+        nextHost_.swap(host); // takes no memory
+        nextPort_ = port;
+        return missing;
     }
-    return result;
+    int const result = library_.connect(host.c_str(), port, MqttClient::HEART_BEAT_RATE.toInt32());
+    if (result == FAILED_CALL && errno == EBADF) {
+        // Version 2.1 of the library asks for the peer of no socket before it returns.
+        errno = connectError(host.c_str(), port, PROBE_TIMEOUT);
+    }
+    return connected(result);
 }
 
 int Network::reconnect() {
-    int const result = library_.reconnect();
+    if (int const missing = prepare(); missing != OK) {
+        return missing;
+    }
+    if (nextHost_.empty()) {
+        return connected(library_.reconnect());
+    }
+    auto const host = std::exchange(nextHost_, {});
+    return connected(
+        library_.connect(host.c_str(), nextPort_, MqttClient::HEART_BEAT_RATE.toInt32()));
+}
+
+/// The relay reads the packets, so nothing may be encrypted.
+std::unique_ptr<OneByOneRelay> Network::relay() {
+    return settings_.isEncrypted() ? nullptr : OneByOneRelay::begin(library_);
+}
+
+/// @return why there cannot be an attempt
+int Network::prepare() {
+    report_.attemptBegins();
+    auto const failure = settings_.prepare(library_);
+    if (failure.reason == Failure::Reason::NONE) {
+        return OK;
+    }
+    report_.failed(failure);
+    return failure.reason == Failure::Reason::CREDENTIALS_FUNCTION ? AUTH : TLS;
+}
+
+/// @return the result, with the `errno` that belongs to it
+int Network::connected(int result) {
+    int const systemError = errno;
     if (result == OK) {
         tuning_.connected(library_.socket());
+    } else {
+        report_.failed(result, systemError);
     }
+    errno = systemError;
     return result;
 }
 
@@ -61,6 +101,8 @@ int Network::step() {
     }
     if (result == OK) {
         tuning_.stepped(library_.socket(), library_.want_write());
+    } else if (result == TLS) {
+        report_.failed(result, 0); // no callback tells that the handshake has failed
     }
     return result;
 }

@@ -1,11 +1,14 @@
 #pragma once
 
+#include "client/connection_report.hpp"
+#include "client/connection_settings.hpp"
 #include "client/one_by_one_relay.hpp"
 #include "client/socket/socket_tuning.hpp"
 #include "mqtt/mosquittopp.hpp"
 
 #include <chrono>
 #include <memory>
+#include <string>
 
 namespace mqtt {
 
@@ -13,15 +16,17 @@ namespace mqtt {
 /// the network turn; every result is the library's code.
 class Network {
 public:
-    Network(mosqpp::mosquittopp& library, SocketTuning& tuning)
-        : library_(library), tuning_(tuning) {}
+    Network(mosqpp::mosquittopp& library, SocketTuning& tuning, ConnectionSettings& settings,
+            ConnectionReport& report)
+        : library_(library), tuning_(tuning), settings_(settings), report_(report) {}
 
-    int connect(char const* host, int port);
+    /// @param host may be changed if this fails
+    int connect(std::string& host, int port);
     int reconnect();
     /// Right after `reconnect`: from here on the relay makes the network steps, until it gives the
     /// connection back or the connection ends.
-    /// @return null if the system has no descriptor for it
-    std::unique_ptr<OneByOneRelay> relay() { return OneByOneRelay::begin(library_); }
+    /// @return null if the system has no descriptor for it, and if the connection is encrypted
+    std::unique_ptr<OneByOneRelay> relay();
 
     /// Waits for input or output, at most a second, and handles one packet.
     int step();
@@ -34,11 +39,18 @@ public:
     void writeLastPackets();
 
 private:
+    int prepare();
+    int connected(int result);
     int stepWithPoll(std::chrono::milliseconds longestWait);
     void writeOutput(std::chrono::steady_clock::time_point deadline);
 
     mosqpp::mosquittopp& library_;
     SocketTuning& tuning_;
+    ConnectionSettings& settings_;
+    ConnectionReport& report_;
+    /// Of a `connect` that failed before the library got the address; empty if there is none.
+    std::string nextHost_;
+    int nextPort_ = 0;
     bool isLeaving_ =
         false; ///< the broker has not read enough for a DISCONNECT packet to be written
 };

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <mosquittopp.h>
+#include "mqtt/mosquittopp.hpp"
 
 #include <chrono>
 #include <cstddef>

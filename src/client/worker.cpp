@@ -72,14 +72,16 @@ bool WorkerEnd::waitFor(milliseconds duration) {
 }
 
 Worker::Worker(Members members, NetworkTurn& turn, Network& network, BrokerGate& gate,
-               ConnectionLosses& losses, CommunicationState& state, Subscriptions& subscriptions)
+               ConnectionLosses& losses, CommunicationState& state, Subscriptions& subscriptions,
+               ConnectionReport& report)
     : members_(members),
       turn_(turn),
       network_(network),
       gate_(gate),
       losses_(losses),
       state_(state),
-      subscriptions_(subscriptions) {}
+      subscriptions_(subscriptions),
+      report_(report) {}
 
 void Worker::start() {
     SignalsBlocked const inheritedByTheThread;
@@ -188,13 +190,10 @@ void Worker::giveUpUnanswered() {
         bool const isGivenUp = relay_->acknowledgeUnanswered();
         isGivingUpAPublication_ = false;
         if (isGivenUp) {
-            publicationGivenUp(*publication);
+            report_.publicationGivenUp(publication->topic, publication->payloadSize);
         }
     }
 }
-
-/// The only place that knows of it. Nobody is told yet: the client has no log.
-void Worker::publicationGivenUp(UnansweredPublication const& /*publication*/) {}
 
 void Worker::writeDisconnect() {
     if (relay_) {
@@ -205,7 +204,9 @@ void Worker::writeDisconnect() {
 }
 
 void Worker::backOffAndReconnect() {
-    if (!end_.sleep(reconnectDelay(nextReconnectAttempt()))) {
+    auto const delay = reconnectDelay(nextReconnectAttempt());
+    report_.waitsForNextAttempt(delay);
+    if (!end_.sleep(delay)) {
         return;
     }
     turn_.enter();
@@ -245,11 +246,14 @@ void Worker::connectionAccepted() {
     losses_.connectionAccepted(ConnectionLosses::Clock::now());
 }
 
-void Worker::connectionEnded(bool byDisconnect) {
+void Worker::connectionEnded(int result, int systemError) {
     // A broker's answer that crosses our DISCONNECT packet makes the library forget the packet.
-    bool const intended = gate_.goOffline() || byDisconnect;
+    bool const intended = gate_.goOffline() || result == OK;
     losses_.connectionEnded(ConnectionLosses::Clock::now(), intended);
     isAccepted_ = false;
+    if (!intended) {
+        report_.failed(result, systemError);
+    }
     state_.set(intended ? ComState::DISCONNECTED : ComState::CONNECTION_LOST);
 }
 
@@ -257,6 +261,7 @@ void Worker::completeConnection() {
     auto const lock = subscriptions_.lock();
     isAccepted_ = false;
     if (subscriptions_.subscribeAgain() && gate_.sendQueue()) {
+        report_.connectionCompleted();
         state_.set(ComState::CONNECTED);
     }
 }

@@ -3,6 +3,7 @@
 #include "client/broker_gate.hpp"
 #include "client/communication_state.hpp"
 #include "client/connection_losses.hpp"
+#include "client/connection_report.hpp"
 #include "client/network.hpp"
 #include "client/network_turn.hpp"
 #include "client/one_by_one_relay.hpp"
@@ -54,7 +55,8 @@ public:
     };
 
     Worker(Members members, NetworkTurn& turn, Network& network, BrokerGate& gate,
-           ConnectionLosses& losses, CommunicationState& state, Subscriptions& subscriptions);
+           ConnectionLosses& losses, CommunicationState& state, Subscriptions& subscriptions,
+           ConnectionReport& report);
 
     /// @throws std::system_error there is no thread to be had
     void start();
@@ -64,8 +66,8 @@ public:
 
     /// Worker: the broker has accepted the connection.
     void connectionAccepted();
-    /// Worker: the connection has ended, because of a DISCONNECT packet or not.
-    void connectionEnded(bool byDisconnect);
+    /// Worker: the connection has ended, because of a DISCONNECT packet if the result is 0.
+    void connectionEnded(int result, int systemError);
     /// Worker: whether the library is acknowledging a publication that the broker did not take.
     bool isGivingUpAPublication() const { return isGivingUpAPublication_; }
 
@@ -75,7 +77,6 @@ private:
     int step();
     int stepOfTheRelay();
     void giveUpUnanswered();
-    void publicationGivenUp(UnansweredPublication const& publication);
     void writeDisconnect();
     void completeConnection();
     void backOffAndReconnect();
@@ -89,6 +90,7 @@ private:
     ConnectionLosses& losses_;
     CommunicationState& state_;
     Subscriptions& subscriptions_;
+    ConnectionReport& report_;
     WorkerEnd end_;
     bool isAccepted_ = false; ///< worker: the connection is to be completed
     bool isGivingUpAPublication_ = false;

@@ -57,11 +57,15 @@ bool TopicCleaner::Task::isDone() const {
 
 TopicCleaner::TopicCleaner(Listener* listener, zym::common::Uuid const& id, std::string const& host,
                            int port)
+    : TopicCleaner(listener, id, host, port, ConnectionOptions()) {}
+
+TopicCleaner::TopicCleaner(Listener* listener, zym::common::Uuid const& id, std::string const& host,
+                           int port, ConnectionOptions const& options)
     : listener_(listener),
       timer_([this] { onTimer(); }, NO_ACTIVITY_TIME, true),
       calls_(std::make_shared<ActiveCalls>()),
       timerCalls_(std::make_shared<ActiveCalls>()) {
-    client_ = std::make_shared<MqttClient>(id, false, "", host, port, true);
+    client_ = std::make_shared<MqttClient>(id, false, "", host, port, true, options);
 }
 
 TopicCleaner::~TopicCleaner() {

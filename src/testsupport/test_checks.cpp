@@ -76,7 +76,11 @@ std::vector<Link> linksOf(MqttDataCollection<Link>& collection) {
 test_error::test_error() : std::runtime_error("") {}
 test_error::~test_error() = default;
 
-CleanTopicChecker::CleanTopicChecker() : client(Uuid(0), false, "", HOST, PORT, true) {}
+CleanTopicChecker::CleanTopicChecker() : CleanTopicChecker(HOST, PORT, ConnectionOptions()) {}
+
+CleanTopicChecker::CleanTopicChecker(std::string const& host, int port,
+                                     ConnectionOptions const& options)
+    : client(Uuid(0), false, "", host, port, true, options) {}
 
 CleanTopicChecker::~CleanTopicChecker() {
     client.release(this);
@@ -89,10 +93,15 @@ void CleanTopicChecker::onMqttMessage(int /*tag*/, Topic const& topic,
 }
 
 void testTopicClean(Topic const& topic, TestCounter& counter) {
+    testTopicClean(topic, counter, HOST, PORT, ConnectionOptions());
+}
+
+void testTopicClean(Topic const& topic, TestCounter& counter, std::string const& host, int port,
+                    ConnectionOptions const& options) {
     auto const subject = "Check topic \"" + topic.text() + "\" has been cleaned";
     Check check(subject.c_str(), counter);
     try {
-        CleanTopicChecker checker;
+        CleanTopicChecker checker(host, port, options);
         static_cast<void>(checker.client.subscribe(topic, &checker, 0));
         check.start();
         for (int poll = 0; poll < CLEAN_POLLS; ++poll) {
@@ -109,9 +118,15 @@ void testTopicClean(Topic const& topic, TestCounter& counter) {
 
 void testLinkInCollection(std::string const& link, Topic const& topic, char const* message,
                           TestCounter& counter) {
+    testLinkInCollection(link, topic, message, counter, HOST, PORT, ConnectionOptions());
+}
+
+void testLinkInCollection(std::string const& link, Topic const& topic, char const* message,
+                          TestCounter& counter, std::string const& host, int port,
+                          ConnectionOptions const& options) {
     Check check(message, counter);
     try {
-        MqttClient client(Uuid(0), false, "", HOST, PORT, true);
+        MqttClient client(Uuid(0), false, "", host, port, true, options);
         MqttDataCollection<Link> collection(client, topic);
         collection.subscribe(nullptr, 0);
         check.start();

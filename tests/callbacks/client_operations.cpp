@@ -1,5 +1,7 @@
 #include "operations.hpp"
 
+#include <mqtt/connection_options.hpp>
+
 using Error = mqtt::MqttClient::Error;
 using Lock = mqtt::MqttDataBase::Lock;
 using Test = CallbackTest;
@@ -136,6 +138,12 @@ Operations clientOperations() {
         {"MqttClient/setWill", nothing, setWill, leavesWill, Kind::WHILE_DISCONNECTED},
         {"MqttClient/clearWill", setWill, [](Test& t) { return t.client->clearWill(); },
          leavesNoWill, Kind::WHILE_DISCONNECTED},
+        {"MqttClient/setOptions", nothing, [](Test& t) { return t.client->setOptions({}); },
+         nothingElse, Kind::WHILE_DISCONNECTED},
+        {"MqttClient/lastFailure", nothing,
+         [](Test& t) {
+             return holds(t.client->lastFailure().reason == mqtt::Failure::Reason::NONE);
+         }},
         {"MqttClient/destroy", nothing, [](Test& t) { t.destroyClient(); }},
 
         {"MqttData/publish", nothing, [](Test& t) { endpointWithValue(t).publish(); },

@@ -8,6 +8,7 @@
 #include "support/watched.hpp"
 
 #include <mqtt/client.hpp>
+#include <mqtt/log.hpp>
 
 #include <gmock/gmock.h>
 
@@ -27,6 +28,7 @@ using mqtt::MqttClient;
 using support::MqttPacket;
 using support::ScriptedServer;
 using testing::ElementsAre;
+using testing::HasSubstr;
 using Error = MqttClient::Error;
 using Reaction = ScriptedServer::Reaction;
 using Strings = std::vector<std::string>;
@@ -114,6 +116,23 @@ TEST_P(AClientOfAStrictServer, DoesNotReportARefusedPublicationAsDone) {
     auto waiting = std::async(std::launch::async, [&] { return publishAndWait(REFUSED, 4); });
     ASSERT_TRUE(waitForSendings(REFUSED, 3));
     EXPECT_EQ(waiting.get(), Error::TIMEOUT);
+}
+
+TEST_P(AClientOfAStrictServer, TellsWhichPublicationItHasGivenUp) {
+    support::Watched<Strings> errors;
+    mqtt::setLogFunction(
+        [&](mqtt::LogLevel /*level*/, std::string const& line) {
+            errors.change([&](Strings& all) { all.push_back(line); });
+        },
+        mqtt::LogLevel::ERROR);
+    refuse(REFUSED, ALWAYS);
+    publish(REFUSED);
+    EXPECT_TRUE(waitForSendings(REFUSED, 3));
+    EXPECT_TRUE(support::becomesConnected(*client_));
+    mqtt::setLogFunction({}, mqtt::LogLevel::ERROR);
+    EXPECT_EQ(client_->lastFailure().reason, mqtt::Failure::Reason::PUBLICATION_GIVEN_UP);
+    EXPECT_EQ(client_->lastFailure().detail, "refused, 7 bytes");
+    EXPECT_THAT(errors.copy(), ElementsAre(HasSubstr("(refused, 7 bytes)")));
 }
 
 /// The broker's answers to what was sent ahead are lost with the connection.

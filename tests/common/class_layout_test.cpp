@@ -44,7 +44,7 @@ VirtualTable const CLIENT{"~",
                           "on_message",
                           OF_MOSQUITTOPP + "on_subscribe",
                           "on_unsubscribe",
-                          OF_MOSQUITTOPP + "on_log",
+                          "on_log",
                           OF_MOSQUITTOPP + "on_error"};
 #else
 VirtualTable const CLIENT{"~",
@@ -63,7 +63,7 @@ VirtualTable const CLIENT{"~",
                           OF_MOSQUITTOPP + "on_subscribe_v5",
                           "on_unsubscribe",
                           OF_MOSQUITTOPP + "on_unsubscribe_v5",
-                          OF_MOSQUITTOPP + "on_log",
+                          "on_log",
                           OF_MOSQUITTOPP + "on_error",
                           OF_MOSQUITTOPP + "on_ext_auth"};
 #endif

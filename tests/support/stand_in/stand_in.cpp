@@ -339,6 +339,29 @@ int mosquittopp::max_inflight_messages_set(unsigned /*count*/) {
     return 0;
 }
 
+int mosquittopp::username_pw_set(char const* /*username*/, char const* /*password*/) {
+    return 0;
+}
+
+int mosquittopp::tls_set(char const* /*cafile*/, char const* /*capath*/, char const* /*certfile*/,
+                         char const* /*keyfile*/, int (* /*pw_callback*/)(char*, int, int, void*)) {
+    return 0;
+}
+
+int mosquittopp::tls_opts_set(int /*cert_reqs*/, char const* /*tls_version*/,
+                              char const* /*ciphers*/) {
+    return 0;
+}
+
+int mosquittopp::tls_insecure_set(bool /*value*/) {
+    return 0;
+}
+
+int mosquittopp::tls_psk_set(char const* /*psk*/, char const* /*identity*/,
+                             char const* /*ciphers*/) {
+    return 0;
+}
+
 int mosquittopp::loop_read(int /*max_packets*/) {
     return 0;
 }

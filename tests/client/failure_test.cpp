@@ -1,0 +1,288 @@
+// Why attempts to connect fail and connections end: from the results of the broker library to the
+// sentence for an engineer.
+
+#include "client/client_on_a_script.hpp"
+
+#include "support/watched.hpp"
+
+#include <mqtt/connection_options.hpp>
+#include <mqtt/failure.hpp>
+#include <mqtt/log.hpp>
+
+#include <gmock/gmock.h>
+
+#include <cerrno>
+#include <set>
+#include <sstream>
+#include <stdexcept>
+
+#include <netdb.h>
+
+namespace {
+
+using conv::ComState;
+using mqtt::Failure;
+using Error = mqtt::MqttClient::Error;
+using Operation = support::StandIn::Operation;
+using Reason = Failure::Reason;
+using testing::HasSubstr;
+
+std::string textOf(Failure const& failure) {
+    std::ostringstream text;
+    text << failure;
+    return text.str();
+}
+
+TEST(TheReasonOfAFailure, HasANameAndASentence) {
+    std::set<std::string> names;
+    std::set<std::string> sentences;
+    for (int value = 0; value <= static_cast<int>(Reason::OTHER); ++value) {
+        Failure failure;
+        failure.reason = static_cast<Reason>(value);
+        std::ostringstream name;
+        name << failure.reason;
+        names.insert(name.str());
+        sentences.insert(textOf(failure));
+    }
+    auto const count = static_cast<std::size_t>(Reason::OTHER) + 1;
+    EXPECT_EQ(names.size(), count);
+    EXPECT_EQ(sentences.size(), count);
+    EXPECT_EQ(names.count("UNKNOWN"), 0U);
+    Failure other;
+    other.reason = static_cast<Reason>(200);
+    EXPECT_EQ(textOf(other), "unknown failure");
+}
+
+class AFailure : public AClientOnAScript {
+protected:
+    /// @param code returned by the broker library's `connect`
+    Failure ofConnect(int code, int systemError) {
+        auto const client = idleClient();
+        support::StandIn::last()->setHook(Operation::CONNECT, [=](auto const&) {
+            errno = systemError;
+            return code;
+        });
+        EXPECT_EQ(client->connect("", -1, 0), static_cast<Error>(code));
+        EXPECT_EQ(errno, systemError);
+        return client->lastFailure();
+    }
+
+    /// @param code the broker's answer to CONNECT
+    Failure ofAnswer(int code) {
+        auto const client = idleClient();
+        support::StandIn::last()->setConnack(code);
+        EXPECT_EQ(client->connect("", -1, 0), Error::TIMEOUT);
+        EXPECT_TRUE(support::eventually(
+            [&] { return client->communicationState() == ComState::CONNECTION_LOST; }));
+        return client->lastFailure();
+    }
+};
+
+TEST_F(AFailure, IsNoneAtFirstAndAfterAConnection) {
+    EXPECT_EQ(client_->lastFailure().reason, Reason::NONE);
+    EXPECT_EQ(textOf(client_->lastFailure()), "no failure");
+    connect();
+    EXPECT_EQ(client_->lastFailure().reason, Reason::NONE);
+    EXPECT_EQ(client_->disconnect(WAIT_SECONDS), Error::SUCCESS);
+    EXPECT_EQ(client_->lastFailure().reason, Reason::NONE);
+}
+
+TEST_F(AFailure, ToConnectHasTheReasonOfTheSystem) {
+    struct Case {
+        int code;
+        int systemError;
+        Reason reason;
+        char const* text;
+    };
+    for (auto const& [code, systemError, reason, text] : {
+             Case{14, ECONNREFUSED, Reason::UNREACHABLE, "Connection refused"},
+             Case{14, EHOSTUNREACH, Reason::UNREACHABLE, "No route to host"},
+             Case{14, EMFILE, Reason::TOO_MANY_DESCRIPTORS, "Too many open files"},
+             Case{14, ENFILE, Reason::TOO_MANY_DESCRIPTORS, "in system"},
+             Case{15, EAI_NONAME, Reason::NAME_NOT_RESOLVED, "Name or service not known"},
+             Case{1, 0, Reason::OTHER, "Out of memory"},
+         }) {
+        SCOPED_TRACE(text);
+        auto const failure = ofConnect(code, systemError);
+        EXPECT_EQ(failure.reason, reason);
+        EXPECT_EQ(failure.systemError, systemError);
+        EXPECT_EQ(failure.peer, "host:1883");
+        EXPECT_THAT(textOf(failure), HasSubstr(text));
+    }
+}
+
+TEST_F(AFailure, IsTheRefusalInTheBrokersAnswer) {
+    int code = 0;
+    for (Reason const reason :
+         {Reason::REFUSED_PROTOCOL, Reason::REFUSED_IDENTIFIER, Reason::REFUSED_UNAVAILABLE,
+          Reason::REFUSED_CREDENTIALS, Reason::REFUSED_NOT_AUTHORISED, Reason::NOT_MQTT}) {
+        SCOPED_TRACE(++code);
+        EXPECT_EQ(ofAnswer(code).reason, reason);
+    }
+}
+
+TEST_F(AFailure, IsKnownWhenTheListenerIsToldOfTheLoss) {
+    struct Case {
+        int code;
+        Reason reason;
+    };
+    support::Watched<Reason> told(Reason::NONE);
+    support::StateRecorder listener([&](ComState state) {
+        if (state == ComState::CONNECTION_LOST) {
+            told.change([&](Reason& reason) { reason = client_->lastFailure().reason; });
+        }
+    });
+    client_->registerListener(&listener);
+    connect();
+    for (auto const [code, expected] :
+         {Case{7, Reason::CLOSED_BY_BROKER}, Case{19, Reason::KEEP_ALIVE_EXPIRED},
+          Case{2, Reason::NOT_MQTT}, Case{21, Reason::NOT_MQTT}}) {
+        SCOPED_TRACE(code);
+        told.change([](Reason& reason) { reason = Reason::NONE; });
+        auto const before = connections();
+        script_->loseConnection(code);
+        ASSERT_TRUE(told.waitFor([](Reason reason) { return reason != Reason::NONE; }));
+        EXPECT_EQ(told.copy(), expected);
+        ASSERT_TRUE(support::eventually([&] { return connections() > before; }));
+        EXPECT_EQ(client_->lastFailure().reason, expected) << "it stays";
+    }
+    client_->unregisterListener(&listener);
+}
+
+TEST_F(AFailure, BeforeTheBrokerHasAcceptedTheClientIsNotALoss) {
+    beginToConnect();
+    script_->loseConnection(7);
+    ASSERT_TRUE(states_.waitFor(ComState::CONNECTION_LOST));
+    EXPECT_EQ(client_->lastFailure().reason, Reason::CLOSED_BEFORE_ACCEPTANCE);
+}
+
+TEST_F(AFailure, IsAFunctionForTheCredentialsThatThrows) {
+    mqtt::ConnectionOptions options;
+    std::atomic<int> calls{0};
+    options.credentialsFunction = [&]() -> mqtt::Credentials {
+        if (++calls == 1) {
+            throw std::runtime_error("secret");
+        }
+        return {"name", "secret"};
+    };
+    ASSERT_EQ(client_->setOptions(options), Error::SUCCESS);
+    ASSERT_EQ(client_->connect("elsewhere", 4, WAIT_SECONDS), Error::AUTH);
+    EXPECT_EQ(client_->lastFailure().reason, Reason::CREDENTIALS_FUNCTION);
+    EXPECT_THAT(textOf(client_->lastFailure()), testing::Not(HasSubstr("secret")));
+    ASSERT_TRUE(states_.waitFor(ComState::CONNECTED)) << "it goes on trying";
+    EXPECT_EQ(calls, 2);
+    EXPECT_EQ(topics(Operation::CONNECT), std::vector<std::string>{"elsewhere"});
+    EXPECT_EQ(script_->count(Operation::RECONNECT), 0U) << "of an address that it does not have";
+}
+
+TEST_F(AFailure, IsAFunctionForTheCredentialsWhoseResultCannotBeSent) {
+    mqtt::ConnectionOptions options;
+    options.credentialsFunction = [] { return mqtt::Credentials{"", "secret"}; };
+    ASSERT_EQ(client_->setOptions(options), Error::SUCCESS);
+    EXPECT_EQ(client_->connect("", -1, 0), Error::AUTH);
+    EXPECT_EQ(client_->lastFailure().reason, Reason::CREDENTIALS_FUNCTION);
+    EXPECT_EQ(script_->count(Operation::CONNECT), 0U);
+}
+
+TEST_F(AFailure, IsLoggedWithTheEventsAroundIt) {
+    support::Watched<std::vector<std::string>> lines;
+    auto const keep = [&](mqtt::LogLevel, std::string const& line) {
+        lines.change([&](auto& all) { all.push_back(line.substr(line.find(": ") + 2)); });
+    };
+    mqtt::setLogFunction(keep, mqtt::LogLevel::INFO);
+    connect();
+    reconnect();
+    mqtt::setLogFunction({}, mqtt::LogLevel::INFO);
+    EXPECT_THAT(lines.copy(),
+                testing::ElementsAre(
+                    "connects to host:1883", "connected to host:1883",
+                    testing::StartsWith("connection lost: host:1883: the broker has closed"),
+                    "next attempt to connect in 500 ms", "connects to host:1883",
+                    "connected to host:1883"));
+}
+
+TEST(TheConnectionOptions, AreRefusedIfTheyContradictEachOther) {
+    using mqtt::ConnectionOptions;
+    struct Case {
+        char const* what;
+        std::function<void(ConnectionOptions&)> change;
+    };
+    auto const tls = [](std::function<void(mqtt::Tls&)> const& change) {
+        return [=](ConnectionOptions& options) { change(options.tls.emplace()); };
+    };
+    std::string const zero("a\0b", 3);
+    std::vector<Case> const cases{
+        {"no user name",
+         [](auto& o) {
+             o.credentials = {{"", "password"}};
+         }},
+        {"zero byte in a name",
+         [&](auto& o) {
+             o.credentials = {{zero, "password"}};
+         }},
+        {"zero byte in a password",
+         [&](auto& o) {
+             o.credentials = {{"name", zero}};
+         }},
+        {"name that is not UTF-8",
+         [](auto& o) {
+             o.credentials = {{"\xff", "password"}};
+         }},
+        {"long password",
+         [](auto& o) {
+             o.credentials = {{"name", std::string(65'536, 'x')}};
+         }},
+        {"credentials and a function",
+         [](auto& o) {
+             o.credentials = {{"name", "password"}};
+             o.credentialsFunction = [] { return mqtt::Credentials{"name", "password"}; };
+         }},
+        {"certificate without key", tls([](auto& t) { t.certificateFile = "file"; })},
+        {"key without certificate", tls([](auto& t) { t.keyFile = "file"; })},
+        {"password without key", tls([](auto& t) { t.keyPassword = [] { return "x"; }; })},
+        {"pre-shared key that is not hexadecimal", tls([](auto& t) {
+             t.preSharedKey = {{"name", "xy"}};
+         })},
+        {"half a byte of a pre-shared key", tls([](auto& t) {
+             t.preSharedKey = {{"name", "abc"}};
+         })},
+        {"pre-shared key without identity", tls([](auto& t) {
+             t.preSharedKey = {{"", "ab"}};
+         })},
+        {"pre-shared key and authorities", tls([](auto& t) {
+             t.preSharedKey = {{"name", "ab"}};
+             t.caFile = "file";
+         })},
+    };
+    auto const id = support::uniqueId();
+    mqtt::MqttClient client(id, false, "", "host", 1883, false);
+    for (auto const& [what, change] : cases) {
+        SCOPED_TRACE(what);
+        ConnectionOptions options;
+        change(options);
+        EXPECT_EQ(client.setOptions(options), Error::INVALID_PARAMETER);
+        EXPECT_THROW(mqtt::MqttClient(id, false, "", "host", 1883, false, options),
+                     std::invalid_argument);
+    }
+    EXPECT_EQ(client.setOptions({}), Error::SUCCESS);
+}
+
+TEST(TheConnectionOptions, KeepTheKindOfEncryption) {
+    mqtt::MqttClient client(support::uniqueId(), false, "", "host", 1883, false);
+    mqtt::ConnectionOptions options;
+    options.tls.emplace();
+    EXPECT_EQ(client.setOptions(options), Error::SUCCESS);
+    options.tls->caFile = "other";
+    EXPECT_EQ(client.setOptions(options), Error::SUCCESS);
+    EXPECT_EQ(client.setOptions({}), Error::INVALID_PARAMETER);
+    options.tls->caFile.clear();
+    options.tls->preSharedKey = {{"name", "ab"}};
+    EXPECT_EQ(client.setOptions(options), Error::INVALID_PARAMETER);
+}
+
+TEST_F(AFailure, DoesNotLetTheOptionsBeChangedDuringAConnection) {
+    connect();
+    EXPECT_EQ(client_->setOptions({}), Error::CONNECTION_PENDING);
+}
+
+} // namespace

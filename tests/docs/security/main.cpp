@@ -1,0 +1,1 @@
+#include "security/1.inc"

@@ -1,0 +1,51 @@
+#include "secure/certificates.hpp"
+
+#include "support/stack_dump.hpp"
+
+#include <fstream>
+#include <stdexcept>
+
+namespace {
+
+std::string const OPENSSL = ZYM_OPENSSL_PROGRAM " ";
+
+} // namespace
+
+Certificates::Certificates() {
+    makeAuthority("ca");
+    makeAuthority("other");
+    issue("server", "ca", "IP:127.0.0.1", 30);
+    issue("elsewhere", "ca", "DNS:elsewhere", 30);
+    issue("expired", "ca", "IP:127.0.0.1", -1);
+    issue("client", "ca", "DNS:client", 30);
+    issue("stranger", "other", "DNS:stranger", 30);
+    run(OPENSSL + "pkey -aes256 -passout pass:" + KEY_PASSWORD
+        + " -in client.key -out encrypted.key");
+    run("mkdir authorities && cp ca.crt authorities && " + OPENSSL + "rehash authorities");
+    run("touch passwords && mosquitto_passwd -b passwords " + std::string(USER) + " " + PASSWORD);
+    std::ofstream(sharedKeys()) << USER << ":" << SHARED_KEY << "\n";
+    std::ofstream(garbage()) << "garbage\n";
+}
+
+void Certificates::run(std::string const& command) const {
+    auto const output =
+        support::outputOf("cd " + files_.path() + " && { " + command + "; } 2>&1 || echo FAILED");
+    if (output.find("FAILED") != std::string::npos) {
+        throw std::runtime_error(command + "\n" + output);
+    }
+}
+
+void Certificates::makeAuthority(std::string const& name) const {
+    run(OPENSSL + "req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -days 30 -subj /CN="
+        + name + " -keyout " + name + ".key -out " + name + ".crt");
+}
+
+void Certificates::issue(std::string const& name, std::string const& authority,
+                         std::string const& host, int days) const {
+    std::ofstream(file(name + ".ext")) << "subjectAltName=" << host << "\n";
+    run(OPENSSL + "req -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -subj /CN=" + name
+        + " -keyout " + name + ".key -out " + name + ".csr");
+    run(OPENSSL + "x509 -req -in " + name + ".csr -CA " + authority + ".crt -CAkey " + authority
+        + ".key -CAcreateserial -days " + std::to_string(days) + " -extfile " + name + ".ext -out "
+        + name + ".crt");
+}

@@ -1,0 +1,71 @@
+// Brokers that cannot be reached.
+
+#include "support/port_lease.hpp"
+#include "support/test_client.hpp"
+
+#include <mqtt/failure.hpp>
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <memory>
+
+#include <sys/resource.h>
+
+namespace {
+
+using mqtt::MqttClient;
+using Error = MqttClient::Error;
+using Reason = mqtt::Failure::Reason;
+
+class ABrokerOutOfReach : public testing::Test {
+protected:
+    mqtt::Failure failureAt(std::string const& host, int port) {
+        client_->connect(host, port, 0);
+        auto const failure = client_->lastFailure();
+        client_ = support::testClient("", 0, idle());
+        return failure;
+    }
+
+    static support::ClientOptions idle() {
+        support::ClientOptions options;
+        options.connect = false;
+        return options;
+    }
+
+    support::PortLease const free_;
+    std::unique_ptr<MqttClient> client_ = support::testClient("", 0, idle());
+};
+
+TEST_F(ABrokerOutOfReach, IsReportedWithTheErrorOfTheSystem) {
+    auto const failure = failureAt("127.0.0.1", free_.port());
+    EXPECT_EQ(failure.reason, Reason::UNREACHABLE);
+    EXPECT_EQ(failure.systemError, ECONNREFUSED);
+    auto const noSocket = failureAt("/no/such/socket", 0);
+    EXPECT_EQ(noSocket.reason, Reason::UNREACHABLE);
+    EXPECT_EQ(noSocket.systemError, ENOENT);
+    EXPECT_EQ(noSocket.peer, "/no/such/socket");
+}
+
+TEST_F(ABrokerOutOfReach, MayHaveANameThatIsNotKnown) {
+    EXPECT_EQ(failureAt("..", free_.port()).reason, Reason::NAME_NOT_RESOLVED);
+}
+
+TEST_F(ABrokerOutOfReach, MayBeSoForWantOfDescriptors) {
+    rlimit before{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+    rlimit const none{0, before.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    client_->connect("127.0.0.1", free_.port(), 0);
+    auto const byAddress = client_->lastFailure();
+    setrlimit(RLIMIT_NOFILE, &before);
+    EXPECT_EQ(byAddress.reason, Reason::TOO_MANY_DESCRIPTORS) << byAddress;
+    client_ = support::testClient("", 0, idle());
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    client_->connect("localhost", free_.port(), 0);
+    auto const byName = client_->lastFailure();
+    setrlimit(RLIMIT_NOFILE, &before);
+    EXPECT_EQ(byName.reason, Reason::TOO_MANY_DESCRIPTORS) << byName;
+}
+
+} // namespace
