@@ -17,7 +17,8 @@ public:
     int connect(char const* host, int port);
     int reconnect();
 
-    /// Waits for input or output, at most a second, and handles one packet.
+    /// Waits for input or output, at most a second, and handles one packet, or with version 2.1 of
+    /// the library all that it has read.
     int step();
 
     /// Writes the DISCONNECT packet before anything is read: a message that is read after
@@ -33,8 +34,7 @@ private:
 
     mosqpp::mosquittopp& library_;
     SocketTuning& tuning_;
-    bool isLeaving_ =
-        false; ///< the broker has not read enough for a DISCONNECT packet to be written
+    bool isLeaving_ = false; ///< a DISCONNECT packet could not be written yet
 };
 
 } // namespace mqtt
