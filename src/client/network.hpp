@@ -28,7 +28,8 @@ public:
     /// @return null if the system has no descriptor for it, and if the connection is encrypted
     std::unique_ptr<OneByOneRelay> relay();
 
-    /// Waits for input or output, at most a second, and handles one packet.
+    /// Waits for input or output, at most a second, and handles one packet, or with version 2.1 of
+    /// the library all that it has read.
     int step();
 
     /// Writes the DISCONNECT packet before anything is read: a message that is read after
@@ -51,8 +52,7 @@ private:
     /// Of a `connect` that failed before the library got the address; empty if there is none.
     std::string nextHost_;
     int nextPort_ = 0;
-    bool isLeaving_ =
-        false; ///< the broker has not read enough for a DISCONNECT packet to be written
+    bool isLeaving_ = false; ///< a DISCONNECT packet could not be written yet
 };
 
 } // namespace mqtt
