@@ -36,8 +36,9 @@ struct Failure {
         /// Mosquitto answers a wrong password with this reason too.
         REFUSED_NOT_AUTHORISED,
         /// The connection was closed before the broker accepted the client. A broker that expects
-        /// TLS does that to a client without; with libmosquitto 2.1 it is also the reason when a
-        /// broker does not speak TLS, and when it refuses a client's certificate in the end.
+        /// TLS does that to a client without. A broker that refuses a client's certificate may
+        /// close the connection before its reason arrives; with libmosquitto 2.1 this is also the
+        /// reason when a broker does not speak TLS.
         CLOSED_BEFORE_ACCEPTANCE,
         /// Also when another client with the same identifier has connected, or the broker has
         /// ended: MQTT 3.1.1 has no message for the difference.

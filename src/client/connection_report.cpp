@@ -150,7 +150,8 @@ Failure ConnectionReport::failureOf(int result, int systemError) const {
         return {hasNoDescriptor() ? Reason::TOO_MANY_DESCRIPTORS : Reason::NAME_NOT_RESOLVED,
                 systemError};
     case MOSQ_ERR_ERRNO:
-        return systemFailure(systemError);
+        // The broker library's error for all that goes wrong inside TLS.
+        return systemError == EPROTO ? Failure{closed} : systemFailure(systemError);
     case MOSQ_ERR_PROTOCOL:
     case MOSQ_ERR_MALFORMED_PACKET:
         return {Reason::NOT_MQTT};

@@ -1,33 +1,13 @@
 #include "secure/a_secure_broker.hpp"
 
-#include "support/eventually.hpp"
 #include "support/socket.hpp"
-#include "support/stack_dump.hpp"
 
 #include <sstream>
-
-#include <signal.h>
 
 namespace {
 
 using mqtt::ConnectionOptions;
 using testing::HasSubstr;
-
-/// A process that speaks no newer version of TLS than 1.2. It ends after a minute at the latest.
-class OldTlsServer {
-public:
-    OldTlsServer(int port, Certificates const& files)
-        : pid_(std::stoi(support::outputOf(
-            "timeout 60 " ZYM_OPENSSL_PROGRAM " s_server -quiet -tls1_2 -accept 127.0.0.1:"
-            + std::to_string(port) + " -cert " + files.certificate("server") + " -key "
-            + files.key("server") + " </dev/null >/dev/null 2>&1 & echo $!"))) {}
-    ~OldTlsServer() { ::kill(pid_, SIGTERM); }
-    OldTlsServer(OldTlsServer const&) = delete;
-    OldTlsServer& operator=(OldTlsServer const&) = delete;
-
-private:
-    pid_t const pid_;
-};
 
 class AFailureOfTls : public ASecureBroker {
 protected:
@@ -36,15 +16,15 @@ protected:
         int port;
         ConnectionOptions options;
         Reason reason;
-        /// Version 2.1 of the broker library has no more to say than this.
-        Reason inVersion21 = Reason::NONE;
+        /// Also possible: version 2.1 of the broker library says less, and the broker's last bytes
+        /// may be lost.
+        Reason other = Reason::NONE;
     };
 
     static void expectReasons(std::vector<Case> const& cases) {
-        for (auto const& [what, port, options, reason, inVersion21] : cases) {
+        for (auto const& [what, port, options, reason, other] : cases) {
             auto const failure = failureAt(port, options);
-            bool const isCommon = LIBMOSQUITTO_MINOR > 0 && failure.reason == inVersion21;
-            EXPECT_TRUE(failure.reason == reason || isCommon) << what << "\n" << failure;
+            EXPECT_THAT(failure.reason, testing::AnyOf(reason, other)) << what << "\n" << failure;
             EXPECT_EQ(failure.peer, "127.0.0.1:" + std::to_string(port)) << what;
         }
     }
@@ -55,13 +35,14 @@ TEST_F(AFailureOfTls, ToTrustTheBrokerHasAReason) {
     wrongAuthority.tls->caFile = files_.certificate("other");
     ConnectionOptions ofTheSystem;
     ofTheSystem.tls.emplace();
+    auto const otherHost =
+        LIBMOSQUITTO_MINOR == 0 ? Reason::HOST_NAME_MISMATCH : Reason::CERTIFICATE_NOT_TRUSTED;
     expectReasons({
         {"other authority", certificates_.port(), wrongAuthority, Reason::CERTIFICATE_NOT_TRUSTED},
         {"system's authorities", certificates_.port(), ofTheSystem,
          Reason::CERTIFICATE_NOT_TRUSTED},
         {"expired", expired_.port(), trusting(), Reason::CERTIFICATE_NOT_TRUSTED},
-        {"other host", elsewhere_.port(), trusting(), Reason::HOST_NAME_MISMATCH,
-         Reason::CERTIFICATE_NOT_TRUSTED},
+        {"other host", elsewhere_.port(), trusting(), otherHost},
     });
 }
 
@@ -70,13 +51,14 @@ TEST_F(AFailureOfTls, ToBeTrustedByTheBrokerHasAReason) {
     wrongKey.tls.emplace().preSharedKey = {{Certificates::USER, "00ff"}};
     ConnectionOptions wrongIdentity;
     wrongIdentity.tls.emplace().preSharedKey = {{"nobody", Certificates::SHARED_KEY}};
+    constexpr auto refused = Reason::TLS_CLIENT_REFUSED;
+    constexpr auto closed = Reason::CLOSED_BEFORE_ACCEPTANCE;
+    auto const port = clientCertificates_.port();
     expectReasons({
-        {"no certificate", clientCertificates_.port(), trusting(), Reason::TLS_CLIENT_REFUSED,
-         Reason::CLOSED_BEFORE_ACCEPTANCE},
-        {"of another authority", clientCertificates_.port(), withClientCertificate("stranger"),
-         Reason::TLS_CLIENT_REFUSED, Reason::CLOSED_BEFORE_ACCEPTANCE},
-        {"wrong key", sharedKey_.port(), wrongKey, Reason::TLS_CLIENT_REFUSED},
-        {"wrong identity", sharedKey_.port(), wrongIdentity, Reason::TLS_CLIENT_REFUSED},
+        {"no certificate", port, trusting(), refused, closed},
+        {"of another authority", port, withClientCertificate("stranger"), refused, closed},
+        {"wrong key", sharedKey_.port(), wrongKey, refused},
+        {"wrong identity", sharedKey_.port(), wrongIdentity, refused},
     });
 }
 
@@ -90,11 +72,15 @@ TEST_F(AFailureOfTls, AtAnotherProtocolHasAReason) {
 
 TEST_F(AFailureOfTls, AtAServerWithAnOldVersionHasAReason) {
     support::PortLease const lease;
-    OldTlsServer const server(lease.port(), files_);
-    ASSERT_TRUE(support::eventually([&] { return support::connectTo(lease.port()).valid(); }));
-    auto newest = trusting();
-    newest.tls->minimumVersion = mqtt::Tls::Version::TLS_1_3;
-    expectReasons({{"TLS 1.2", lease.port(), newest, Reason::TLS_VERSION}});
+    auto const listener = support::listenOn(lease.port(), 1);
+    auto const failing = client(lease.port(), trusting());
+    failing->connect("", -1, 0);
+    auto const server = support::acceptFrom(listener);
+    std::string const alertProtocolVersion("\x15\x03\x03\0\2\2\x46", 7); // fatal, 70
+    ASSERT_TRUE(support::sendAll(server, alertProtocolVersion));
+    EXPECT_TRUE(support::eventually([&] {
+        return failing->lastFailure().reason == Reason::TLS_VERSION;
+    })) << failing->lastFailure();
 }
 
 TEST_F(AFailureOfTls, ToReadOwnFilesNamesTheFile) {
