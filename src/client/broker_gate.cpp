@@ -28,9 +28,12 @@ void BrokerGate::setLimits(ConnectionOptions const& options,
     std::lock_guard const lock(mutex_);
     maxPayload_ = options.maxPayloadToSend;
     isLimited_ = limiter != nullptr;
-    limiter_ = std::move(limiter);
+    limiter_.swap(limiter);
     if (limiter_) {
         limiter_->countQueue();
+    }
+    if (limiter_ && limiter) {
+        limiter_->takeHeld(*limiter);
     }
 }
 

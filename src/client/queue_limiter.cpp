@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <utility>
 
 namespace mqtt {
 
@@ -35,6 +36,11 @@ void QueueLimiter::countQueue() {
     for (auto const& publication : queue_) {
         queuedBytes_ += memoryOf(publication);
     }
+}
+
+void QueueLimiter::takeHeld(QueueLimiter& other) noexcept {
+    held_.swap(other.held_);
+    std::swap(heldBytes_, other.heldBytes_);
 }
 
 /// Whether a publication of that size would be within the limits.

@@ -25,6 +25,8 @@ public:
 
     /// Counts what is queued already.
     void countQueue();
+    /// Counts what the library has according to another limiter, which forgets it.
+    void takeHeld(QueueLimiter& other) noexcept;
 
     /// Whether a publication is accepted. Nothing is dropped for it yet.
     bool accepts(Topic const& topic, std::size_t payloadSize) const;

@@ -208,6 +208,11 @@ TEST_P(ABrokerThatDoesNotRead, CountsAfterItsEndForWhatTheLibraryStillHas) {
     // At QoS 0 the library drops with the connection what it has not sent.
     auto const accepted = std::count(results.begin(), results.end(), Error::SUCCESS);
     EXPECT_EQ(accepted, GetParam() == 0 ? 10 : 5);
+    client_->giveUp();
+    ASSERT_TRUE(states_.waitFor(conv::ComState::DISCONNECTED));
+    limitMessages(11, Policy::REJECT_NEW);
+    EXPECT_EQ(publish(11, GetParam()), Error::SUCCESS);
+    EXPECT_EQ(publish(12, GetParam()), Error::NO_MEMORY);
 }
 
 TEST_F(AClientWithLimits, LosesItsLimitsWithTheOptions) {
