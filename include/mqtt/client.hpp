@@ -239,7 +239,8 @@ public:
     /// @return SUCCESS, or CONNECTION_PENDING unless the client is disconnected (state 1)
     Error clearWill();
 
-    /// Replaces all options; they take effect with the next `connect`.
+    /// Replaces all options. Limits take effect at once, and drop nothing that is queued before the
+    /// next publication; the others with the next `connect`.
     /// @return SUCCESS; CONNECTION_PENDING unless the client is disconnected (state 1);
     ///         INVALID_PARAMETER: options that MQTT cannot carry or that contradict each other,
     ///         such as a certificate without its key. Also for a client that has had options with
@@ -322,7 +323,7 @@ public:
 
     /// Erases the retained message of a topic. Never queued.
     /// @return SUCCESS; NO_CONN without a connection, and then nothing is sent later either; or
-    ///         why the topic was refused, as `publish`
+    ///         why the topic was refused, as `publish`; NO_MEMORY at a limit of the queue
     Error clear(Topic const& topic);
 
 private:
