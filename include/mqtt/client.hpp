@@ -3,6 +3,7 @@
 #include "mqtt/export.hpp"
 #include "mqtt/failure.hpp"
 #include "mqtt/mosquittopp.hpp"
+#include "mqtt/statistics.hpp"
 #include "mqtt/topic.hpp"
 
 #include <conv/com_state.hpp>
@@ -62,7 +63,7 @@ public:
     enum class Error : int {
         CONNECTION_PENDING = -1, ///< the state forbids the call; nothing was changed
         SUCCESS = 0,
-        NO_MEMORY = 1,
+        NO_MEMORY = 1, ///< also: a limit of the queue is reached, see `ConnectionOptions`
         UNACCEPTABLE_PROTOCOL = 2,
         INVALID_PARAMETER = 3, ///< bad topic, quality of service, port, ...
         NO_CONN = 4,           ///< there is no connection
@@ -238,7 +239,8 @@ public:
     /// @return SUCCESS, or CONNECTION_PENDING unless the client is disconnected (state 1)
     Error clearWill();
 
-    /// Replaces all options; they take effect with the next `connect`.
+    /// Replaces all options. Limits take effect at once, and drop nothing that is queued before the
+    /// next publication; the others with the next `connect`.
     /// @return SUCCESS; CONNECTION_PENDING unless the client is disconnected (state 1);
     ///         INVALID_PARAMETER: options that MQTT cannot carry or that contradict each other,
     ///         such as a certificate without its key. Also for a client that has had options with
@@ -249,6 +251,10 @@ public:
     /// reason is NONE if there was no such thing since the last `connect`. Stays when the client is
     /// connected again. A state listener that is told "connection lost" finds the reason here.
     Failure lastFailure() const;
+
+    /// What this client has done so far. In any thread, also in a callback; waits for nothing that
+    /// takes longer than sending the queue.
+    Statistics statistics() const;
 
     /// Registers a subscriber for a topic or pattern and subscribes at the broker, at QoS 0.
     /// Without a connection the registration is made too, and reaches the broker with the next
@@ -289,8 +295,9 @@ public:
     void release(Subscriber* subscriber) noexcept;
 
     /// Publishes without waiting. Without a connection the publication is queued; neither that
-    /// queue nor the data that a connected broker has not read yet has a limit. Publications of one
-    /// QoS keep their order; one of QoS 0 may overtake others.
+    /// queue nor the data that a connected broker has not read yet has a limit, unless
+    /// `ConnectionOptions::queueLimits` sets one. Publications of one QoS keep their order; one of
+    /// QoS 0 may overtake others.
     ///
     /// A broker closes the connection when it gets a publication that it does not take, for example
     /// a larger one than it allows. One of QoS 1 or 2 is sent again with the next connection. When
@@ -300,7 +307,8 @@ public:
     /// @param payload any bytes
     /// @param qos 0 to 2
     /// @return SUCCESS when sent or queued; otherwise why it was refused: INVALID_PARAMETER
-    ///         (QoS, empty or wildcard topic), PAYLOAD_SIZE, 18 (topic not UTF-8)
+    ///         (QoS, empty or wildcard topic), PAYLOAD_SIZE, 18 (topic not UTF-8), NO_MEMORY (a
+    ///         limit of the queue, if there is one)
     Error publish(Topic const& topic, std::string const& payload, int qos, bool retain);
 
     /// Publishes and waits until the publication is done: written to the network at QoS 0,
@@ -315,7 +323,7 @@ public:
 
     /// Erases the retained message of a topic. Never queued.
     /// @return SUCCESS; NO_CONN without a connection, and then nothing is sent later either; or
-    ///         why the topic was refused, as `publish`
+    ///         why the topic was refused, as `publish`; NO_MEMORY at a limit of the queue
     Error clear(Topic const& topic);
 
 private:

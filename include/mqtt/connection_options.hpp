@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <optional>
@@ -53,8 +54,38 @@ struct Tls {
     bool insecureSkipHostNameCheck = false;
 };
 
+/// How much a client keeps for the broker, and what happens with more. As made there is no limit.
+///
+/// What waits for a connection counts, and what the broker library has been given and has not
+/// written to the network (QoS 0) or had acknowledged (QoS 1 and 2): so the limits hold also while
+/// a connected broker does not read. What the broker library has cannot be dropped. It gets a part
+/// of the publications at a time, at most half of each limit; all that is queued when a connection
+/// is completed; and what is queued when `publishWait` or `clear` is called, which wait for no
+/// other.
+///
+/// A publication that is not accepted under any policy is rejected: `publish`, `publishWait` and
+/// `clear` return NO_MEMORY.
+struct QueueLimits {
+    enum class Policy : std::uint8_t {
+        REJECT_NEW,  ///< the new publication is not accepted
+        DROP_OLDEST, ///< the oldest that are queued are dropped; their result was SUCCESS
+        /// Also below the limits, only the newest of each topic stays queued, whatever its QoS, and
+        /// is sent in its place. At the limits, another topic is not accepted. A publication takes
+        /// time in proportion to what is queued.
+        NEWEST_OF_EACH_TOPIC
+    };
+
+    static constexpr std::size_t NO_LIMIT = static_cast<std::size_t>(-1);
+    /// What a publication takes beside its topic and its payload.
+    static constexpr std::size_t BYTES_PER_MESSAGE = 200;
+
+    std::size_t messages = NO_LIMIT;
+    std::size_t bytes = NO_LIMIT; ///< of topics and payloads, and `BYTES_PER_MESSAGE` for each
+    Policy policy = Policy::REJECT_NEW;
+};
+
 /// How a client connects. As made it is what a client without options does: without credentials,
-/// and unencrypted.
+/// unencrypted, and without limits.
 struct ConnectionOptions {
     /// Sent with each attempt to connect; without TLS everybody on the way can read them.
     std::optional<Credentials> credentials;
@@ -67,6 +98,20 @@ struct ConnectionOptions {
     std::function<Credentials()> credentialsFunction;
 
     std::optional<Tls> tls;
+
+    QueueLimits queueLimits;
+
+    /// In bytes: a larger payload is refused with PAYLOAD_SIZE. Prevents that a broker with such a
+    /// limit closes the connection.
+    std::size_t maxPayloadToSend = QueueLimits::NO_LIMIT;
+    /// In bytes: a larger message is dropped and logged, in place of calling its subscribers. The
+    /// broker library has read it before, so it takes memory all the same.
+    std::size_t maxPayloadToReceive = QueueLimits::NO_LIMIT;
+
+    /// Whether the worker of a client that is disconnected (state 1) sleeps until `connect` is
+    /// called. Otherwise it uses one processor core all the time, and `connect` may begin some
+    /// microseconds earlier.
+    bool sleepsWhileDisconnected = false;
 };
 
 } // namespace mqtt

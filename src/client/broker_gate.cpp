@@ -15,14 +15,40 @@ char const* const WAKE_TOPIC = "$zym/wake";
 
 using Error = MqttClient::Error;
 
-Submission BrokerGate::publish(Topic const& topic, std::string const& payload, int qos,
-                               bool retain) {
+std::unique_ptr<QueueLimiter> BrokerGate::limiterFor(ConnectionOptions const& options) {
+    auto const& limits = options.queueLimits;
+    bool const isLimited = limits.messages != QueueLimits::NO_LIMIT
+                           || limits.bytes != QueueLimits::NO_LIMIT
+                           || limits.policy == QueueLimits::Policy::NEWEST_OF_EACH_TOPIC;
+    return isLimited ? std::make_unique<QueueLimiter>(limits, queue_) : nullptr;
+}
+
+void BrokerGate::setLimits(ConnectionOptions const& options,
+                           std::unique_ptr<QueueLimiter> limiter) noexcept {
+    std::lock_guard const lock(mutex_);
+    maxPayload_ = options.maxPayloadToSend;
+    isLimited_ = limiter != nullptr;
+    limiter_.swap(limiter);
+    if (limiter_) {
+        limiter_->countQueue();
+    }
+    if (limiter_ && limiter) {
+        limiter_->takeHeld(*limiter);
+    }
+}
+
+Submission BrokerGate::publish(Topic const& topic, std::string const& payload, int qos, bool retain,
+                               Urgency urgency) {
     auto const wrongSize = checkSizes(topic, payload.size(), qos);
     if (wrongSize != Error::SUCCESS) {
         return {wrongSize, {}};
     }
     std::lock_guard const lock(mutex_);
-    if (phase_ == Phase::ONLINE) {
+    auto const forbidden = check(topic, payload.size(), qos);
+    if (forbidden != Error::SUCCESS) {
+        return {forbidden, {}};
+    }
+    if (phase_ == Phase::ONLINE && mayHandOver(topic, payload.size(), urgency)) {
         int mid = 0;
         auto const result = handOver(mid, topic, payload, qos, retain);
         if (result == Error::SUCCESS) {
@@ -41,8 +67,87 @@ Submission BrokerGate::publish(Topic const& topic, std::string const& payload, i
             return {refused, {}};
         }
     }
-    queue_.push_back({topic, payload, qos, retain});
+    append(topic, payload, qos, retain);
     return {Error::SUCCESS, {}};
+}
+
+/// Whether the options forbid a publication.
+Error BrokerGate::check(Topic const& topic, std::size_t payloadSize, int qos) {
+    if (payloadSize > maxPayload_) {
+        ++dropped_.tooLarge;
+        return Error::PAYLOAD_SIZE;
+    }
+    if (!limiter_) {
+        return Error::SUCCESS;
+    }
+    // First, so that nothing is dropped for what is not valid.
+    auto const refused = checkPublication(topic, payloadSize, qos);
+    if (refused == Error::SUCCESS && !limiter_->accepts(topic, payloadSize)) {
+        ++dropped_.rejected;
+        report_.publicationLost("rejected", topic.text(), payloadSize);
+        return Error::NO_MEMORY;
+    }
+    return refused;
+}
+
+bool BrokerGate::mayHandOver(Topic const& topic, std::size_t payloadSize, Urgency urgency) {
+    if (!limiter_) {
+        return true;
+    }
+    if (urgency == Urgency::IN_TURN) {
+        return queue_.empty() && limiter_->libraryHasRoom();
+    }
+    makeRoom(topic, payloadSize);
+    while (!queue_.empty() && sendFirst()) {
+    }
+    return queue_.empty();
+}
+
+void BrokerGate::append(Topic const& topic, std::string const& payload, int qos, bool retain) {
+    MqttClient::Publish publication{topic, payload, qos, retain};
+    makeRoom(topic, payload.size());
+    queue_.push_back(std::move(publication));
+    if (limiter_ && limiter_->appended()) {
+        ++dropped_.superseded;
+    }
+}
+
+void BrokerGate::makeRoom(Topic const& topic, std::size_t payloadSize) {
+    while (limiter_ && limiter_->mustDropOldest(topic, payloadSize)) {
+        auto const& oldest = queue_.front();
+        report_.publicationLost("dropped", oldest.topic.text(), oldest.payload.size());
+        popFront();
+        ++dropped_.oldest;
+    }
+}
+
+void BrokerGate::popFront() {
+    if (limiter_) {
+        limiter_->beforePopFront();
+    }
+    queue_.pop_front();
+}
+
+void BrokerGate::forget(int messageId) {
+    std::lock_guard const lock(mutex_);
+    if (limiter_) {
+        limiter_->done(messageId);
+    }
+}
+
+void BrokerGate::fillLibrary() {
+    std::lock_guard const lock(mutex_);
+    while (phase_ == Phase::ONLINE && !queue_.empty() && limiter_ && limiter_->libraryHasRoom()
+           && sendFirst()) {
+    }
+}
+
+void BrokerGate::addTo(Statistics& statistics) {
+    std::lock_guard const lock(mutex_);
+    statistics.sent = sent_;
+    statistics.sentBytes = sentBytes_;
+    statistics.dropped = dropped_;
+    statistics.queued = queue_.size();
 }
 
 Error BrokerGate::clear(Topic const& topic) {
@@ -52,6 +157,13 @@ Error BrokerGate::clear(Topic const& topic) {
     }
     std::lock_guard const lock(mutex_);
     if (phase_ != Phase::ONLINE) {
+        return Error::NO_CONN;
+    }
+    auto const forbidden = check(topic, 0, 2);
+    if (forbidden != Error::SUCCESS) {
+        return forbidden;
+    }
+    if (!mayHandOver(topic, 0, Urgency::AT_ONCE)) {
         return Error::NO_CONN;
     }
     int mid = 0;
@@ -65,8 +177,17 @@ Error BrokerGate::handOver(int& mid, Topic const& topic, std::string const& payl
     tuning_.packetIssued(qos != 0);
     auto const result = static_cast<Error>(library_.publish(
         &mid, topic.text().c_str(), static_cast<int>(payload.size()), payload.data(), qos, retain));
-    if (qos != 0 && (result == Error::SUCCESS || result == Error::NO_CONN)) {
+    bool const isKept = result == Error::SUCCESS || (result == Error::NO_CONN && qos != 0);
+    if (!isKept) {
+        return result;
+    }
+    ++sent_;
+    sentBytes_ += payload.size();
+    if (qos != 0) {
         losses_.handedOver(mid);
+    }
+    if (limiter_) {
+        limiter_->handedOver(mid, topic, payload.size(), qos);
     }
     return result;
 }
@@ -125,15 +246,7 @@ bool BrokerGate::sendQueue() {
         return false;
     }
     while (!queue_.empty()) {
-        auto const& first = queue_.front();
-        int mid = 0;
-        auto const result = handOver(mid, first.topic, first.payload, first.qos, first.retain);
-        // With NO_CONN the library has kept a QoS 1 or 2 publication for itself.
-        if (result == Error::CONN_LOST || (result == Error::NO_CONN && first.qos == 0)) {
-            return false;
-        }
-        queue_.pop_front();
-        if (result == Error::NO_CONN) {
+        if (!sendFirst()) {
             return false;
         }
     }
@@ -141,8 +254,24 @@ bool BrokerGate::sendQueue() {
     return true;
 }
 
+/// @return false if there is no connection any more
+bool BrokerGate::sendFirst() {
+    auto const& first = queue_.front();
+    int mid = 0;
+    auto const result = handOver(mid, first.topic, first.payload, first.qos, first.retain);
+    // With NO_CONN the library has kept a QoS 1 or 2 publication for itself.
+    if (result == Error::CONN_LOST || (result == Error::NO_CONN && first.qos == 0)) {
+        return false;
+    }
+    popFront();
+    return result != Error::NO_CONN;
+}
+
 bool BrokerGate::goOffline() {
     std::lock_guard const lock(mutex_);
+    if (limiter_) {
+        limiter_->connectionEnded();
+    }
     return std::exchange(phase_, Phase::OFFLINE) == Phase::LEAVING;
 }
 

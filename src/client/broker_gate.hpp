@@ -1,12 +1,17 @@
 #pragma once
 
 #include "client/connection_losses.hpp"
+#include "client/connection_report.hpp"
+#include "client/queue_limiter.hpp"
 #include "client/socket/socket_tuning.hpp"
 #include "mqtt/client.hpp"
+#include "mqtt/connection_options.hpp"
+#include "mqtt/statistics.hpp"
 
 #include <atomic>
 #include <cstdint>
 #include <deque>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -35,11 +40,22 @@ public:
     using Error = MqttClient::Error;
 
     BrokerGate(mosqpp::mosquittopp& library, std::deque<MqttClient::Publish>& queue,
-               SocketTuning& tuning, ConnectionLosses& losses)
-        : library_(library), queue_(queue), tuning_(tuning), losses_(losses) {}
+               SocketTuning& tuning, ConnectionLosses& losses, ConnectionReport const& report)
+        : library_(library), queue_(queue), tuning_(tuning), losses_(losses), report_(report) {}
+
+    /// @return null if the options have no limit
+    std::unique_ptr<QueueLimiter> limiterFor(ConnectionOptions const& options);
+    /// While no connection is wanted.
+    void setLimits(ConnectionOptions const& options,
+                   std::unique_ptr<QueueLimiter> limiter) noexcept;
+
+    /// IN_TURN: with limits a publication may have to wait until the library has sent others.
+    /// AT_ONCE: the library gets all that waits, and then the publication.
+    enum class Urgency : std::uint8_t { IN_TURN, AT_ONCE };
 
     /// Hands a publication to the library or, without a connection, to the queue.
-    Submission publish(Topic const& topic, std::string const& payload, int qos, bool retain);
+    Submission publish(Topic const& topic, std::string const& payload, int qos, bool retain,
+                       Urgency urgency);
     Error clear(Topic const& topic);
     /// @return NO_CONN without a connection
     Error subscribe(Topic const& topic);
@@ -78,6 +94,23 @@ public:
     bool changeState(std::atomic<conv::ComState>& current, conv::ComState next);
     void dropQueue();
 
+    /// Worker: the library has sent a publication (QoS 0) or got its acknowledgement.
+    void done(int messageId) {
+        if (isLimited_.load(std::memory_order_relaxed)) {
+            forget(messageId);
+        }
+    }
+    /// Worker, after each network step: gives the library what waits although there is a
+    /// connection.
+    void sendMore() {
+        if (isLimited_.load(std::memory_order_relaxed)) {
+            fillLibrary();
+        }
+    }
+
+    /// Fills in what this class counts.
+    void addTo(Statistics& statistics);
+
 private:
     /// OFFLINE -> ONLINE: the queue is sent, after the broker has accepted the connection.
     /// OFFLINE or ONLINE -> LEAVING: the library has taken a DISCONNECT packet. What follows it
@@ -86,13 +119,28 @@ private:
     enum class Phase : std::uint8_t { OFFLINE, ONLINE, LEAVING };
 
     Error unsubscribe(int* mid, char const* topic);
+    Error check(Topic const& topic, std::size_t payloadSize, int qos);
+    bool mayHandOver(Topic const& topic, std::size_t payloadSize, Urgency urgency);
+    void append(Topic const& topic, std::string const& payload, int qos, bool retain);
+    void makeRoom(Topic const& topic, std::size_t payloadSize);
+    bool sendFirst();
+    void popFront();
+    void forget(int messageId);
+    void fillLibrary();
     Error handOver(int& mid, Topic const& topic, std::string const& payload, int qos, bool retain);
 
     mosqpp::mosquittopp& library_;
     std::deque<MqttClient::Publish>& queue_;
     SocketTuning& tuning_;
     ConnectionLosses& losses_;
+    ConnectionReport const& report_;
     std::mutex mutex_;
+    std::unique_ptr<QueueLimiter> limiter_; ///< null without limits
+    std::atomic<bool> isLimited_{false};    ///< whether there is a limiter
+    std::size_t maxPayload_ = QueueLimits::NO_LIMIT;
+    std::uint64_t sent_ = 0;
+    std::uint64_t sentBytes_ = 0;
+    Statistics::Dropped dropped_;
     Phase phase_ = Phase::OFFLINE;
     std::atomic<bool> hasDisconnect_{false}; ///< looked at by each network step, without the lock
 };

@@ -164,7 +164,17 @@ Error MqttClient::setOptions(ConnectionOptions const& options) {
     if (comState_ != ComState::DISCONNECTED) {
         return Error::CONNECTION_PENDING;
     }
-    return impl_->settings.set(options);
+    return impl_->set(options);
+}
+
+Statistics MqttClient::statistics() const {
+    Statistics result;
+    impl_->gate.addTo(result);
+    impl_->worker.addTo(result);
+    result.received = impl_->received.get();
+    result.receivedBytes = impl_->receivedBytes.get();
+    result.receivedDropped = impl_->receivedDropped.get();
+    return result;
 }
 
 Failure MqttClient::lastFailure() const {

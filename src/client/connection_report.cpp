@@ -67,6 +67,17 @@ Failure ConnectionReport::lastFailure() const {
     return last_;
 }
 
+void ConnectionReport::publicationLost(char const* how, std::string const& topic,
+                                       std::size_t payloadSize) const noexcept {
+    log(LogLevel::ERROR, clientId_, ": publication ", how, " at a limit of the queue: ", topic,
+        ", ", payloadSize, " bytes");
+}
+
+void ConnectionReport::messageDropped(char const* topic, std::size_t payloadSize) const noexcept {
+    log(LogLevel::ERROR, clientId_, ": message dropped because of its size: ", topic, ", ",
+        payloadSize, " bytes");
+}
+
 void ConnectionReport::connectBegins(char const* host, int port) noexcept {
     callUser([&] {
         std::lock_guard const lock(mutex_);

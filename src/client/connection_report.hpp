@@ -22,6 +22,11 @@ public:
 
     /// In any thread.
     Failure lastFailure() const;
+    /// In any thread: what has become of a publication at a limit of the queue.
+    void publicationLost(char const* how, std::string const& topic,
+                         std::size_t payloadSize) const noexcept;
+    /// In any thread: a message is larger than the maximum.
+    void messageDropped(char const* topic, std::size_t payloadSize) const noexcept;
 
     // The rest is for the thread that has the network turn. No lock is held while it logs.
 

@@ -11,7 +11,11 @@
 #include "client/subscriptions.hpp"
 #include "client/unsubscription_waits.hpp"
 #include "client/worker.hpp"
+#include "client/workers_counter.hpp"
 #include "mqtt/client.hpp"
+
+#include <atomic>
+#include <cstddef>
 
 namespace mqtt {
 
@@ -23,6 +27,8 @@ namespace mqtt {
 struct MqttClient::Implementation {
     explicit Implementation(MqttClient& client);
 
+    /// While no connection is wanted.
+    Error set(ConnectionOptions const& options);
     static int keyPassword(char* buffer, int size, int writing, void* handle);
 
     ConnectionReport report;
@@ -36,6 +42,10 @@ struct MqttClient::Implementation {
     Subscriptions subscriptions;
     UnsubscriptionWaits unsubscriptionWaits;
     Worker worker;
+    std::atomic<std::size_t> maxPayloadToReceive{QueueLimits::NO_LIMIT};
+    WorkersCounter received;
+    WorkersCounter receivedBytes;
+    WorkersCounter receivedDropped;
     Topic receivedTopic; ///< worker: of the message under way; kept between messages for its memory
 };
 

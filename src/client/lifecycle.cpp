@@ -6,6 +6,7 @@
 
 #include <exception>
 #include <stdexcept>
+#include <utility>
 
 namespace mqtt {
 
@@ -26,7 +27,7 @@ conv::SecondsDuration const MqttClient::COMMUNICATION_DELAY{5};
 MqttClient::Implementation::Implementation(MqttClient& client)
     : report(client.clientId_),
       settings(&keyPassword),
-      gate(client, client.queue_, tuning, losses),
+      gate(client, client.queue_, tuning, losses, report),
       network(client, tuning, settings, report),
       state({client.mainMutex_, client.stateMutex_, client.stateChanged_, client.comState_,
              client.listeners_},
@@ -34,6 +35,17 @@ MqttClient::Implementation::Implementation(MqttClient& client)
       subscriptions(client.mainMutex_, client.subscriptions_, gate),
       worker({client.stop_, client.paused_, client.worker_}, turn, network, gate, losses, state,
              subscriptions, report) {}
+
+MqttClient::Error MqttClient::Implementation::set(ConnectionOptions const& options) {
+    auto limiter = gate.limiterFor(options);
+    auto const error = settings.set(options);
+    if (error == Error::SUCCESS) {
+        gate.setLimits(options, std::move(limiter));
+        maxPayloadToReceive = options.maxPayloadToReceive;
+        worker.setSleepsWhileDisconnected(options.sleepsWhileDisconnected);
+    }
+    return error;
+}
 
 /// The broker library passes its handle, whose user data is the object of its class.
 int MqttClient::Implementation::keyPassword(char* buffer, int size, int /*writing*/, void* handle) {
@@ -62,7 +74,7 @@ MqttClient::MqttClient(zym::common::Uuid const& id, bool persistent, std::string
       stop_(false),
       paused_(false),
       impl_(std::make_unique<Implementation>(*this)) {
-    if (impl_->settings.set(options) != Error::SUCCESS) {
+    if (impl_->set(options) != Error::SUCCESS) {
         throw std::invalid_argument("The connection options contradict each other.");
     }
     // Before the worker starts: otherwise `publish` would call `on_publish` at QoS 0.

@@ -15,20 +15,45 @@ namespace mqtt {
 /// a pause cannot keep a caller waiting.
 class NetworkTurn {
 public:
+    using Clock = std::chrono::steady_clock;
+
     /// For the worker: takes the turn once no caller wants it.
     void enter() {
         std::unique_lock lock(mutex_);
         changed_.wait(lock, [this] { return callers_ == 0; });
         taken_ = true;
+        turnsBefore_ = callersTurns_;
     }
 
     /// For the worker.
     void leave() {
+        auto const now = Clock::now();
         std::lock_guard const lock(mutex_);
+        left_ = now;
         taken_ = false;
         if (callers_ != 0) {
             changed_.notify_all();
         }
+    }
+
+    /// For the worker, after `leave`: waits until a caller has had the turn since `enter`, or for
+    /// `end`.
+    void waitForCaller() {
+        std::unique_lock lock(mutex_);
+        changed_.wait(lock, [this] { return isEnded_ || callersTurns_ != turnsBefore_; });
+    }
+
+    /// From here on `waitForCaller` does not wait.
+    void end() {
+        std::lock_guard const lock(mutex_);
+        isEnded_ = true;
+        changed_.notify_all();
+    }
+
+    /// When the worker has given back its last turn.
+    Clock::time_point left() {
+        std::lock_guard const lock(mutex_);
+        return left_;
     }
 
     /// For callers: takes the turn at the end of the network step under way.
@@ -37,6 +62,7 @@ public:
         ++callers_;
         changed_.wait(lock, [this] { return !taken_; });
         taken_ = true;
+        ++callersTurns_;
     }
 
     /// For callers: like `take`, but wakes the worker first, and waits no longer than the timeout.
@@ -54,6 +80,7 @@ public:
             return false;
         }
         taken_ = true;
+        ++callersTurns_;
         announcement.keep();
         return true;
     }
@@ -98,6 +125,10 @@ private:
     std::condition_variable changed_;
     int callers_ = 0; ///< that wait for the turn or have it
     bool taken_ = false;
+    bool isEnded_ = false;
+    unsigned callersTurns_ = 0; ///< so far
+    unsigned turnsBefore_ = 0;  ///< `callersTurns_` when the worker took its last turn
+    Clock::time_point left_{};
 };
 
 /// A caller's turn, to the end of the scope.

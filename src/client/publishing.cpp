@@ -5,9 +5,10 @@
 namespace mqtt {
 
 using Error = MqttClient::Error;
+using Urgency = BrokerGate::Urgency;
 
 Error MqttClient::publish(Topic const& topic, std::string const& payload, int qos, bool retain) {
-    return impl_->gate.publish(topic, payload, qos, retain).error;
+    return impl_->gate.publish(topic, payload, qos, retain, Urgency::IN_TURN).error;
 }
 
 Error MqttClient::publishWait(Topic const& topic, std::string const& payload, int qos, bool retain,
@@ -15,13 +16,13 @@ Error MqttClient::publishWait(Topic const& topic, std::string const& payload, in
     auto& impl = *impl_;
     if (onWorkerThread()) {
         // The acknowledgement would have to be read by the very thread that waits for it.
-        auto const submission = impl.gate.publish(topic, payload, qos, retain);
+        auto const submission = impl.gate.publish(topic, payload, qos, retain, Urgency::AT_ONCE);
         return submission.messageId ? Error::TIMEOUT : submission.error;
     }
     // Held from before the publication: its acknowledgement cannot come before the wait begins.
     std::unique_lock lock(deliveryMutex_);
     lastPublished_ = -1;
-    auto const submission = impl.gate.publish(topic, payload, qos, retain);
+    auto const submission = impl.gate.publish(topic, payload, qos, retain, Urgency::AT_ONCE);
     if (!submission.messageId) {
         return submission.error;
     }
@@ -40,6 +41,7 @@ Error MqttClient::clear(Topic const& topic) {
 
 void MqttClient::on_publish(int mid) {
     impl_->losses.acknowledged(mid);
+    impl_->gate.done(mid);
     if (impl_->worker.isGivingUpAPublication()) {
         return; // the broker has not acknowledged it
     }

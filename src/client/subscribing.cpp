@@ -51,14 +51,23 @@ void MqttClient::release(Subscriber* subscriber) noexcept {
 }
 
 void MqttClient::on_message(mosquitto_message const* message) {
+    auto& impl = *impl_;
+    auto const size = static_cast<std::size_t>(message->payloadlen);
+    if (size > impl.maxPayloadToReceive) {
+        impl.receivedDropped.add(1);
+        impl.report.messageDropped(message->topic, size);
+        return;
+    }
     try {
-        auto& topic = impl_->receivedTopic;
+        auto& topic = impl.receivedTopic;
         topic.assign(message->topic);
-        std::string const payload(static_cast<char const*>(message->payload),
-                                  static_cast<std::size_t>(message->payloadlen));
-        impl_->tuning.messageReceived();
-        impl_->subscriptions.deliver(topic, payload);
+        std::string const payload(static_cast<char const*>(message->payload), size);
+        impl.received.add(1);
+        impl.receivedBytes.add(size);
+        impl.tuning.messageReceived();
+        impl.subscriptions.deliver(topic, payload);
     } catch (...) {
+        impl.receivedDropped.add(1);
         // Out of memory: this message is lost, the client is not.
     }
 }

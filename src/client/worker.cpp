@@ -6,6 +6,7 @@
 
 #include <csignal>
 #include <new>
+#include <utility>
 
 #include <pthread.h>
 #include <sys/syscall.h>
@@ -91,6 +92,7 @@ void Worker::start() {
 void Worker::end() noexcept {
     members_.stop = true;
     end_.askFor();
+    turn_.end();
     gate_.wakeNetworkStep();
     while (!end_.waitFor(milliseconds(50))) {
         // A host that does not answer keeps the worker in `reconnect` for minutes. No callback
@@ -131,6 +133,7 @@ void Worker::networkStep() {
     if (result == OK && isAccepted_ && !relay_) {
         completeConnection();
     }
+    gate_.sendMore();
     // Decided while we have the turn: a caller that connects leaves "disconnected" only when it has
     // it, and a result from before says nothing about the connection that has come up since.
     bool const lost = (result == NO_CONN || result == CONN_LOST) && !state_.isDisconnected();
@@ -145,6 +148,8 @@ void Worker::networkStep() {
         resetReconnectAttempts();
     } else if (retry) {
         backOffAndReconnect();
+    } else if (sleepsWhileDisconnected_ && result == NO_CONN && state_.isDisconnected()) {
+        turn_.waitForCaller();
     } else {
         std::this_thread::yield();
     }
@@ -190,6 +195,7 @@ void Worker::giveUpUnanswered() {
         bool const isGivenUp = relay_->acknowledgeUnanswered();
         isGivingUpAPublication_ = false;
         if (isGivenUp) {
+            givenUp_.add(1);
             report_.publicationGivenUp(publication->topic, publication->payloadSize);
         }
     }
@@ -243,6 +249,9 @@ void Worker::finish() {
 
 void Worker::connectionAccepted() {
     isAccepted_ = true;
+    hadConnection_ = true;
+    connections_.add(1);
+    reconnections_.add(std::exchange(wasLost_, false) ? 1 : 0);
     losses_.connectionAccepted(ConnectionLosses::Clock::now());
 }
 
@@ -251,10 +260,19 @@ void Worker::connectionEnded(int result, int systemError) {
     bool const intended = gate_.goOffline() || result == OK;
     losses_.connectionEnded(ConnectionLosses::Clock::now(), intended);
     isAccepted_ = false;
+    wasLost_ = !intended && (wasLost_ || hadConnection_);
+    hadConnection_ = false;
     if (!intended) {
         report_.failed(result, systemError);
     }
     state_.set(intended ? ComState::DISCONNECTED : ComState::CONNECTION_LOST);
+}
+
+void Worker::addTo(Statistics& statistics) const {
+    statistics.connections = connections_.get();
+    statistics.reconnections = reconnections_.get();
+    statistics.dropped.givenUp = givenUp_.get();
+    statistics.lastNetworkStep = turn_.left();
 }
 
 void Worker::completeConnection() {

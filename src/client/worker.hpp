@@ -8,6 +8,8 @@
 #include "client/network_turn.hpp"
 #include "client/one_by_one_relay.hpp"
 #include "client/subscriptions.hpp"
+#include "client/workers_counter.hpp"
+#include "mqtt/statistics.hpp"
 
 #include <atomic>
 #include <chrono>
@@ -58,6 +60,11 @@ public:
            ConnectionLosses& losses, CommunicationState& state, Subscriptions& subscriptions,
            ConnectionReport& report);
 
+    void setSleepsWhileDisconnected(bool sleeps) { sleepsWhileDisconnected_ = sleeps; }
+
+    /// Fills in what this class counts. In any thread.
+    void addTo(Statistics& statistics) const;
+
     /// @throws std::system_error there is no thread to be had
     void start();
     /// Ends the thread and waits for that.
@@ -95,6 +102,12 @@ private:
     bool isAccepted_ = false; ///< worker: the connection is to be completed
     bool isGivingUpAPublication_ = false;
     std::unique_ptr<OneByOneRelay> relay_; ///< worker: makes the network steps if there is one
+    std::atomic<bool> sleepsWhileDisconnected_{false};
+    bool hadConnection_ = false; ///< the broker has accepted the one under way
+    bool wasLost_ = false;       ///< a connection, and there was none since
+    WorkersCounter connections_;
+    WorkersCounter reconnections_;
+    WorkersCounter givenUp_;
     std::atomic<bool> reconnecting_{false};
     std::atomic<pid_t> kernelId_{0}; ///< of the thread
 };

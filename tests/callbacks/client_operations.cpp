@@ -144,6 +144,8 @@ Operations clientOperations() {
          [](Test& t) {
              return holds(t.client->lastFailure().reason == mqtt::Failure::Reason::NONE);
          }},
+        {"MqttClient/statistics", nothing,
+         [](Test& t) { return holds(t.client->statistics().dropped.rejected == 0); }},
         {"MqttClient/destroy", nothing, [](Test& t) { t.destroyClient(); }},
 
         {"MqttData/publish", nothing, [](Test& t) { endpointWithValue(t).publish(); },

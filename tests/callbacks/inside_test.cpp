@@ -41,9 +41,8 @@ std::vector<Suite> suites() {
         {"InsideABindingCall", WORKER, "onBound", "BinderMqttProxy: unbind destroy"},
         {"InsideAStateCall", STATE, "onComStateChanged",
          "MqttClient: publish clear subscribe unsubscribe release registerListener"
-         " unregisterListener communicationState lastFailure giveUp pause resume connect "
-         "disconnect(0)"
-         " disconnect setWill clearWill setOptions,"
+         " unregisterListener communicationState lastFailure statistics giveUp pause resume"
+         " connect disconnect(0) disconnect setWill clearWill setOptions,"
          "MqttData: publish subscribe setCurrentValueAsWill,"
          "RequestReplyServer: subscribe, TopicCleaner: clean, Timer: restart"},
         {"InsideACleanerCall", CLEANER, "onTopicCleaned", waits},

@@ -71,4 +71,19 @@ TEST(TheNetworkTurn, GoesToACallerThatHasWokenTheWorkerBeforeTheNextStep) {
     worker.join();
 }
 
+TEST(TheNetworkTurn, IsNotWaitedForOnceACallerHasHadItSinceTheLastStep) {
+    NetworkTurn turn;
+    turn.enter();
+    turn.leave();
+    turn.take();
+    turn.giveBack();
+    turn.waitForCaller(); // returns at once
+    turn.enter();
+    turn.leave();
+    std::thread caller([&] { turn.end(); });
+    turn.waitForCaller();
+    caller.join();
+    SUCCEED();
+}
+
 } // namespace
