@@ -34,9 +34,14 @@ namespace {
 
 volatile std::sig_atomic_t isEndWanted = 0;
 
+/// Null if there is no such variable.
+char const* environment(char const* name) {
+    return std::getenv(name); // NOLINT(concurrency-mt-unsafe): nothing changes the environment
+}
+
 /// Tells systemd a state, as sd_notify() does; does nothing if systemd has not started the program.
 void notify(std::string const& state) {
-    char const* const path = std::getenv("NOTIFY_SOCKET");
+    char const* const path = environment("NOTIFY_SOCKET");
     sockaddr_un address{};
     if (path == nullptr || std::strlen(path) >= sizeof(address.sun_path)) {
         return;
@@ -55,7 +60,7 @@ void notify(std::string const& state) {
 
 /// How often systemd wants to hear of this program, or ten seconds.
 microseconds watchdogInterval() {
-    char const* const text = std::getenv("WATCHDOG_USEC");
+    char const* const text = environment("WATCHDOG_USEC");
     return text == nullptr ? std::chrono::seconds(10) : microseconds(std::stoll(text));
 }
 

@@ -12,7 +12,7 @@ namespace {
 
 /// What the library gets at a time: enough for the network between two network steps. No more than
 /// half of the limits, so that the other half can be dropped.
-constexpr std::size_t WINDOW_BYTES = 64 * 1024;
+constexpr std::size_t WINDOW_BYTES = 65'536;
 constexpr std::size_t WINDOW_MESSAGES = 100;
 
 std::size_t memoryOf(Topic const& topic, std::size_t payloadSize) {
