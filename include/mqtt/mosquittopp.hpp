@@ -5,11 +5,10 @@
 #include <mosquitto.h>
 
 // The layout of the class changes with the minor version, and mqtt::MqttClient derives from it.
-static_assert(LIBMOSQUITTO_MAJOR == 2 && (LIBMOSQUITTO_MINOR == 0 || LIBMOSQUITTO_MINOR == 1),
-              "needs libmosquittopp 2.0.x or 2.1.x");
-
 #if LIBMOSQUITTO_MAJOR == 2 && LIBMOSQUITTO_MINOR == 0
 #include <mosquittopp.h>
-#else
+#elif LIBMOSQUITTO_MAJOR == 2 && LIBMOSQUITTO_MINOR == 1
 #include <mosquitto/libmosquittopp.h>
+#else
+#error "libzym-mqtt needs libmosquittopp 2.0.x or 2.1.x"
 #endif

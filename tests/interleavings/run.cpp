@@ -11,6 +11,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -18,7 +19,8 @@
 #include <iomanip>
 #include <iostream>
 #include <map>
-#include <regex>
+#include <set>
+#include <sstream>
 #include <system_error>
 
 namespace interleavings {
@@ -82,16 +84,27 @@ std::string failureOf(RunRecord const& record, int status) {
     return WIFEXITED(status) && WEXITSTATUS(status) == SUCCESS_STATUS ? "" : "ends the process";
 }
 
+/// The first word that is a file with a line, unless it is a file of the explorer; or nothing.
+std::string placeIn(std::string const& description) {
+    static std::set<std::string> const explorer{"allocations", "intercepted", "main",        "run",
+                                                "scenario",    "scheduler",   "small_broker"};
+    std::istringstream words(description);
+    for (std::string word; words >> word;) {
+        auto const dot = word.find('.');
+        auto const type = word.substr(std::min(dot, word.size()), 5);
+        if ((type == ".cpp:" || type == ".hpp:") && explorer.count(word.substr(0, dot)) == 0) {
+            return word;
+        }
+    }
+    return "";
+}
+
 /// File and line of a frame; empty when it belongs to the explorer or a system library.
 std::string const& placeOf(void* frame) {
     static std::map<void*, std::string> places;
-    static std::regex const line(
-        R"( ((?!(allocations|intercepted|main|run|scenario|scheduler|small_broker)\.))"
-        R"(\w+\.[ch]pp:\d+))");
     auto const [entry, isNew] = places.try_emplace(frame);
-    if (std::smatch match; isNew) {
-        auto const description = support::describeFrame(frame);
-        entry->second = std::regex_search(description, match, line) ? match.str(1) : "";
+    if (isNew) {
+        entry->second = placeIn(support::describeFrame(frame));
     }
     return entry->second;
 }
