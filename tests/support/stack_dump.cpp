@@ -25,7 +25,10 @@ std::array<void*, 48> frames;
 std::atomic<int> frameCount{0};
 
 void writeDownFrames(int /*signal*/) {
-    frameCount = backtrace(frames.data(), static_cast<int>(frames.size()));
+    // The look at the counter puts this call behind the last use of the frames.
+    if (frameCount == 0) {
+        frameCount = backtrace(frames.data(), static_cast<int>(frames.size()));
+    }
 }
 
 } // namespace
