@@ -144,10 +144,14 @@ Failure ConnectionSettings::giveTls(mosqpp::mosquittopp& library) {
     int result = tls.preSharedKey ? library.tls_psk_set(tls.preSharedKey->key.c_str(),
                                                         tls.preSharedKey->identity.c_str())
                                   : giveCertificates(library);
-    if (result == OK) {
+    // Not again with the same version: the library never frees the last text.
+    if (result == OK && librarysVersion_ != tls.minimumVersion) {
         constexpr int verifyTheBroker = 1;
         result = library.tls_opts_set(
             verifyTheBroker, tls.minimumVersion == Tls::Version::TLS_1_3 ? "tlsv1.3" : "tlsv1.2");
+        if (result == OK) {
+            librarysVersion_ = tls.minimumVersion;
+        }
     }
     libraryHasTls_ = result == OK;
     return result == OK ? Failure{} : Failure{Reason::TLS_OTHER, 0, {}, mosquitto_strerror(result)};

@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 
 namespace mqtt {
 
@@ -45,6 +46,7 @@ private:
     std::unique_ptr<ConnectionOptions const> options_; ///< null until they are set
     Encryption encryption_ = Encryption::NONE;         ///< of the options
     bool libraryHasTls_ = false;                       ///< that of the options
+    std::optional<Tls::Version> librarysVersion_;      ///< the least that it has been told
 };
 
 } // namespace mqtt
