@@ -28,6 +28,9 @@ public:
     /// In any thread: a message is larger than the maximum.
     void messageDropped(char const* topic, std::size_t payloadSize) const noexcept;
 
+    /// In any thread: a line of the broker library's log.
+    void brokerLibraryWrote(int level, char const* text) noexcept;
+
     // The rest is for the thread that has the network turn. No lock is held while it logs.
 
     /// The application wants a connection: forgets the last failure.
@@ -46,7 +49,6 @@ public:
     void publicationGivenUp(std::string const& topic, std::size_t payloadSize) noexcept;
     void connectionCompleted() const noexcept;
     void waitsForNextAttempt(std::chrono::milliseconds delay) const noexcept;
-    void brokerLibraryWrote(int level, char const* text) noexcept;
 
 private:
     Failure failureOf(int result, int systemError) const;
