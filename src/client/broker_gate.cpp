@@ -203,11 +203,11 @@ Error BrokerGate::subscribeAgain(Topic const& topic) {
 }
 
 Error BrokerGate::unsubscribe(int* mid, Topic const& topic) {
+    std::lock_guard const lock(mutex_);
     return unsubscribe(mid, topic.text().c_str());
 }
 
 Error BrokerGate::unsubscribe(int* mid, char const* topic) {
-    std::lock_guard const lock(mutex_);
     if (phase_ != Phase::ONLINE) {
         return Error::NO_CONN;
     }
@@ -216,7 +216,8 @@ Error BrokerGate::unsubscribe(int* mid, char const* topic) {
 }
 
 bool BrokerGate::wakeNetworkStep() {
-    return unsubscribe(nullptr, WAKE_TOPIC) == Error::SUCCESS;
+    std::lock_guard const lock(mutex_);
+    return phase_ == Phase::ACCEPTED || unsubscribe(nullptr, WAKE_TOPIC) == Error::SUCCESS;
 }
 
 int BrokerGate::disconnect() {
@@ -236,6 +237,13 @@ bool BrokerGate::leave() {
         phase_ = Phase::LEAVING;
     }
     return hasConnection;
+}
+
+void BrokerGate::connectionAccepted() {
+    std::lock_guard const lock(mutex_);
+    if (phase_ == Phase::OFFLINE) {
+        phase_ = Phase::ACCEPTED;
+    }
 }
 
 /// The lock is held to the end: publishers wait for it, in place of making the queue longer for

@@ -64,7 +64,8 @@ public:
     Error unsubscribe(int* mid, Topic const& topic);
 
     /// Ends a network step that waits for input. The library has no call for that. It wakes up for
-    /// a packet to be sent, so a packet is sent that changes nothing.
+    /// a packet to be sent, so a packet is sent that changes nothing. The step in which the broker
+    /// accepts the connection no longer waits, and ends without that.
     /// @return false without a connection
     bool wakeNetworkStep();
 
@@ -78,6 +79,8 @@ public:
     bool consumeDisconnect() { return hasDisconnect_.exchange(false); }
     void forgetDisconnect() { hasDisconnect_ = false; }
 
+    /// Worker, in the network step: the broker has accepted the connection.
+    void connectionAccepted();
     /// Worker: subscribes before the gate is online.
     Error subscribeAgain(Topic const& topic);
     /// Worker: sends the queue and becomes online.
@@ -112,11 +115,11 @@ public:
     void addTo(Statistics& statistics);
 
 private:
-    /// OFFLINE -> ONLINE: the queue is sent, after the broker has accepted the connection.
-    /// OFFLINE or ONLINE -> LEAVING: the library has taken a DISCONNECT packet. What follows it
-    /// would be lost.
-    /// ONLINE or LEAVING -> OFFLINE: the connection has ended.
-    enum class Phase : std::uint8_t { OFFLINE, ONLINE, LEAVING };
+    /// OFFLINE -> ACCEPTED: the broker has accepted the connection.
+    /// ACCEPTED -> ONLINE: the queue is sent.
+    /// any -> LEAVING: the library has taken a DISCONNECT packet. What follows it would be lost.
+    /// any -> OFFLINE: the connection has ended.
+    enum class Phase : std::uint8_t { OFFLINE, ACCEPTED, ONLINE, LEAVING };
 
     Error unsubscribe(int* mid, char const* topic);
     Error check(Topic const& topic, std::size_t payloadSize, int qos);

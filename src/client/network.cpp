@@ -41,12 +41,7 @@ int Network::connect(std::string& host, int port) {
         nextPort_ = port;
         return missing;
     }
-    int const result = library_.connect(host.c_str(), port, MqttClient::HEART_BEAT_RATE.toInt32());
-    if (result == FAILED_CALL && errno == EBADF) {
-        // Version 2.1 of the library asks for the peer of no socket before it returns.
-        errno = connectError(host.c_str(), port, PROBE_TIMEOUT);
-    }
-    return connected(result);
+    return connected(connectLibrary(host, port));
 }
 
 int Network::reconnect() {
@@ -57,8 +52,16 @@ int Network::reconnect() {
         return connected(library_.reconnect());
     }
     auto const host = std::exchange(nextHost_, {});
-    return connected(
-        library_.connect(host.c_str(), nextPort_, MqttClient::HEART_BEAT_RATE.toInt32()));
+    return connected(connectLibrary(host, nextPort_));
+}
+
+int Network::connectLibrary(std::string const& host, int port) {
+    int const result = library_.connect(host.c_str(), port, MqttClient::HEART_BEAT_RATE.toInt32());
+    if (result == FAILED_CALL && errno == EBADF) {
+        // Version 2.1 of the library asks for the peer of no socket before it returns.
+        errno = connectError(host.c_str(), port, PROBE_TIMEOUT);
+    }
+    return result;
 }
 
 /// The relay reads the packets, so nothing may be encrypted.

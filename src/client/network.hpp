@@ -41,6 +41,7 @@ public:
 
 private:
     int prepare();
+    int connectLibrary(std::string const& host, int port);
     int connected(int result);
     int stepWithPoll(std::chrono::milliseconds longestWait);
     void writeOutput(std::chrono::steady_clock::time_point deadline);

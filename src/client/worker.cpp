@@ -249,6 +249,7 @@ void Worker::finish() {
 
 void Worker::connectionAccepted() {
     isAccepted_ = true;
+    gate_.connectionAccepted();
     hadConnection_ = true;
     connections_.add(1);
     reconnections_.add(std::exchange(wasLost_, false) ? 1 : 0);

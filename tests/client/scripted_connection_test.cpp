@@ -163,6 +163,19 @@ TEST_F(ADisconnectingClient, KeepsItsQueueWhenTheBrokerAcceptsTheConnectionMeanw
     EXPECT_THAT(published(), ElementsAre("0", "1", "2"));
 }
 
+TEST_F(ADisconnectingClient, WaitsForTheEndOfTheStepInWhichTheBrokerAcceptsTheConnection) {
+    beginToConnect();
+    std::future<Error> result;
+    script_->runInLoop([&](auto& object) {
+        object.on_connect(0);
+        result = std::async(std::launch::async, [&] { return client_->disconnect(WAIT_SECONDS); });
+        EXPECT_FALSE(support::eventually([&] { return script_->count(Operation::DISCONNECT) != 0; },
+                                         std::chrono::milliseconds(200)));
+    });
+    EXPECT_EQ(result.get(), Error::SUCCESS);
+    EXPECT_EQ(client_->communicationState(), ComState::DISCONNECTED);
+}
+
 TEST_F(ADisconnectingClient, KeepsItsQueueWhenItIsCalledWhileTheWorkerSubscribes) {
     queue({"0"}, 0);
     ASSERT_EQ(client_->subscribe("b", &subscriber_, 0), Error::SUCCESS);

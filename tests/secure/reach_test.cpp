@@ -1,14 +1,17 @@
 // Brokers that cannot be reached.
 
+#include "support/eventually.hpp"
 #include "support/port_lease.hpp"
 #include "support/test_client.hpp"
 
+#include <mqtt/connection_options.hpp>
 #include <mqtt/failure.hpp>
 
 #include <gtest/gtest.h>
 
 #include <cerrno>
 #include <memory>
+#include <stdexcept>
 
 #include <sys/resource.h>
 
@@ -45,6 +48,22 @@ TEST_F(ABrokerOutOfReach, IsReportedWithTheErrorOfTheSystem) {
     EXPECT_EQ(noSocket.reason, Reason::UNREACHABLE);
     EXPECT_EQ(noSocket.systemError, ENOENT);
     EXPECT_EQ(noSocket.peer, "/no/such/socket");
+}
+
+TEST_F(ABrokerOutOfReach, IsReportedSoAlsoWhenThePasswordComesWithTheSecondAttempt) {
+    mqtt::ConnectionOptions options;
+    int calls = 0;
+    options.credentialsFunction = [&calls] {
+        return ++calls == 1 ? throw std::runtime_error("not yet")
+                            : mqtt::Credentials{"user", "password"};
+    };
+    MqttClient client(support::uniqueId(), false, "", "127.0.0.1", free_.port(), false, options);
+    client.connect("", -1, 0);
+    EXPECT_EQ(client.lastFailure().reason, Reason::CREDENTIALS_FUNCTION);
+    EXPECT_TRUE(support::eventually([&] {
+        auto const failure = client.lastFailure();
+        return failure.reason == Reason::UNREACHABLE && failure.systemError == ECONNREFUSED;
+    }));
 }
 
 TEST_F(ABrokerOutOfReach, MayHaveANameThatIsNotKnown) {
