@@ -1,7 +1,7 @@
 // Brokers that cannot be reached.
 
-#include "support/port_lease.hpp"
-#include "support/test_client.hpp"
+#include "mqtt/test/port_lease.hpp"
+#include "mqtt/test/test_client.hpp"
 
 #include <mqtt/failure.hpp>
 
@@ -23,18 +23,18 @@ protected:
     mqtt::Failure failureAt(std::string const& host, int port) {
         client_->connect(host, port, 0);
         auto const failure = client_->lastFailure();
-        client_ = support::testClient("", 0, idle());
+        client_ = mqtt::test::testClient("", 0, idle());
         return failure;
     }
 
-    static support::ClientOptions idle() {
-        support::ClientOptions options;
+    static mqtt::test::ClientOptions idle() {
+        mqtt::test::ClientOptions options;
         options.connect = false;
         return options;
     }
 
-    support::PortLease const free_;
-    std::unique_ptr<MqttClient> client_ = support::testClient("", 0, idle());
+    mqtt::test::PortLease const free_;
+    std::unique_ptr<MqttClient> client_ = mqtt::test::testClient("", 0, idle());
 };
 
 TEST_F(ABrokerOutOfReach, IsReportedWithTheErrorOfTheSystem) {
@@ -60,7 +60,7 @@ TEST_F(ABrokerOutOfReach, MayBeSoForWantOfDescriptors) {
     auto const byAddress = client_->lastFailure();
     setrlimit(RLIMIT_NOFILE, &before);
     EXPECT_EQ(byAddress.reason, Reason::TOO_MANY_DESCRIPTORS) << byAddress;
-    client_ = support::testClient("", 0, idle());
+    client_ = mqtt::test::testClient("", 0, idle());
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
     client_->connect("localhost", free_.port(), 0);
     auto const byName = client_->lastFailure();
