@@ -3,7 +3,7 @@
 #include "program.hpp"
 #include "resources.hpp"
 
-#include "support/broker.hpp"
+#include "mqtt/test/broker.hpp"
 
 #include <ctime>
 #include <string>
@@ -29,8 +29,8 @@ public:
     char const* const description;
 
 private:
-    static support::BrokerOptions options(bool nodelay) {
-        support::BrokerOptions options;
+    static mqtt::test::BrokerOptions options(bool nodelay) {
+        mqtt::test::BrokerOptions options;
         options.nodelay = nodelay;
         // `none` cancels what the tests' configuration says; the others are the broker's default.
         options.extraLines = {"log_type none", "log_type error", "log_type warning",
@@ -38,7 +38,7 @@ private:
         return options;
     }
 
-    support::Broker broker_;
+    mqtt::test::Broker broker_;
     clockid_t clock_{};
 };
 

@@ -21,7 +21,7 @@ TEST(AThrowingCallback, IsIgnoredAndCalledAgainOnEveryThread) {
     auto const caller = std::this_thread::get_id();
     for (Callback const& callback : callbacks()) {
         SCOPED_TRACE(callback.name + " " + callback.thread);
-        support::Watched<int> calls;
+        mqtt::test::Watched<int> calls;
         CallbackTest t; // destroyed first: it calls
         t.events.setHook([&](std::string const& event) {
             if (event.rfind(callback.event, 0) == 0) {

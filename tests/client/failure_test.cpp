@@ -3,7 +3,7 @@
 
 #include "client/client_on_a_script.hpp"
 
-#include "support/watched.hpp"
+#include "mqtt/test/watched.hpp"
 
 #include <mqtt/connection_options.hpp>
 #include <mqtt/failure.hpp>
@@ -72,7 +72,7 @@ protected:
         auto const client = idleClient();
         support::StandIn::last()->setConnack(code);
         EXPECT_EQ(client->connect("", -1, 0), Error::TIMEOUT);
-        EXPECT_TRUE(support::eventually(
+        EXPECT_TRUE(mqtt::test::eventually(
             [&] { return client->communicationState() == ComState::CONNECTION_LOST; }));
         return client->lastFailure();
     }
@@ -126,8 +126,8 @@ TEST_F(AFailure, IsKnownWhenTheListenerIsToldOfTheLoss) {
         int code;
         Reason reason;
     };
-    support::Watched<Reason> told(Reason::NONE);
-    support::StateRecorder listener([&](ComState state) {
+    mqtt::test::Watched<Reason> told(Reason::NONE);
+    mqtt::test::StateRecorder listener([&](ComState state) {
         if (state == ComState::CONNECTION_LOST) {
             told.change([&](Reason& reason) { reason = client_->lastFailure().reason; });
         }
@@ -143,7 +143,7 @@ TEST_F(AFailure, IsKnownWhenTheListenerIsToldOfTheLoss) {
         script_->loseConnection(code);
         ASSERT_TRUE(told.waitFor([](Reason reason) { return reason != Reason::NONE; }));
         EXPECT_EQ(told.copy(), expected);
-        ASSERT_TRUE(support::eventually([&] { return connections() > before; }));
+        ASSERT_TRUE(mqtt::test::eventually([&] { return connections() > before; }));
         EXPECT_EQ(client_->lastFailure().reason, expected) << "it stays";
     }
     client_->unregisterListener(&listener);
@@ -185,7 +185,7 @@ TEST_F(AFailure, IsAFunctionForTheCredentialsWhoseResultCannotBeSent) {
 }
 
 TEST_F(AFailure, IsLoggedWithTheEventsAroundIt) {
-    support::Watched<std::vector<std::string>> lines;
+    mqtt::test::Watched<std::vector<std::string>> lines;
     auto const keep = [&](mqtt::LogLevel, std::string const& line) {
         lines.change([&](auto& all) { all.push_back(line.substr(line.find(": ") + 2)); });
     };
@@ -254,7 +254,7 @@ TEST(TheConnectionOptions, AreRefusedIfTheyContradictEachOther) {
              t.caFile = "file";
          })},
     };
-    auto const id = support::uniqueId();
+    auto const id = mqtt::test::uniqueId();
     mqtt::MqttClient client(id, false, "", "host", 1883, false);
     for (auto const& [what, change] : cases) {
         SCOPED_TRACE(what);
@@ -268,7 +268,7 @@ TEST(TheConnectionOptions, AreRefusedIfTheyContradictEachOther) {
 }
 
 TEST(TheConnectionOptions, KeepTheKindOfEncryption) {
-    mqtt::MqttClient client(support::uniqueId(), false, "", "host", 1883, false);
+    mqtt::MqttClient client(mqtt::test::uniqueId(), false, "", "host", 1883, false);
     mqtt::ConnectionOptions options;
     options.tls.emplace();
     EXPECT_EQ(client.setOptions(options), Error::SUCCESS);

@@ -2,7 +2,7 @@
 
 #include "client/client_on_a_script.hpp"
 
-#include "support/watched.hpp"
+#include "mqtt/test/watched.hpp"
 
 #include <mqtt/connection_options.hpp>
 #include <mqtt/log.hpp>
@@ -42,7 +42,7 @@ public:
     Strings lines() const { return lines_.copy(); }
 
 private:
-    support::Watched<Strings> lines_;
+    mqtt::test::Watched<Strings> lines_;
 };
 
 class AClientWithLimits : public AClientOnAScript {
@@ -79,7 +79,7 @@ protected:
         for (auto const& call : script_->calls(Operation::PUBLISH)) {
             script_->post([mid = call.mid](auto& object) { object.on_publish(mid); });
         }
-        ASSERT_TRUE(support::eventually([&] { return client_->statistics().queued == 0; }));
+        ASSERT_TRUE(mqtt::test::eventually([&] { return client_->statistics().queued == 0; }));
     }
 
     static Strings numbers(int first, int end) {
@@ -282,14 +282,15 @@ TEST_F(AClientWithLimits, SleepsWhileDisconnectedIfItIsToldTo) {
     auto const isAsleep = [&] {
         constexpr std::chrono::milliseconds longerThanAnyStep{200};
         auto const before = script_->loops();
-        return !support::eventually([&] { return script_->loops() != before; }, longerThanAnyStep);
+        return !mqtt::test::eventually([&] { return script_->loops() != before; },
+                                       longerThanAnyStep);
     };
     for (int i = 0; i < 3; ++i) {
-        EXPECT_TRUE(support::eventually(isAsleep));
+        EXPECT_TRUE(mqtt::test::eventually(isAsleep));
         connect();
         EXPECT_EQ(client_->disconnect(WAIT_SECONDS), Error::SUCCESS);
     }
-    EXPECT_TRUE(support::eventually(isAsleep));
+    EXPECT_TRUE(mqtt::test::eventually(isAsleep));
     client_.reset(); // returns
 }
 

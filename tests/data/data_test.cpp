@@ -2,7 +2,7 @@
 
 #include "common/awaited_call.hpp"
 #include "data/an_endpoint.hpp"
-#include "support/watched.hpp"
+#include "mqtt/test/watched.hpp"
 
 #include <mqtt/link.hpp>
 #include <mqtt/payloads.hpp>
@@ -56,8 +56,8 @@ namespace {
 
 using mqtt::Link;
 using mqtt::MqttData;
-using support::isSet;
-using support::Watched;
+using mqtt::test::isSet;
+using mqtt::test::Watched;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
@@ -71,7 +71,7 @@ static_assert(std::is_same_v<decltype(MqttData<Link>::subscriber), MqttData<Link
 
 /// A subscriber of links that records its calls: "<link> <identifier>", or
 /// "<link> empty <identifier>".
-class LinkRecorder : public support::Recording<std::string, Link const&>,
+class LinkRecorder : public mqtt::test::Recording<std::string, Link const&>,
                      public MqttData<Link>::Subscriber {
 public:
     explicit LinkRecorder(Hook hook = {}) : Recording(std::move(hook)) {}
@@ -226,7 +226,7 @@ TEST_F(ATypedEndpoint, IsNotCopiedWhileItsValueIsWritten) {
     Watched<bool> copied;
     auto copying = std::async(std::launch::async, [&] {
         MqttData<Link> const copy(endpoint);
-        support::set(copied);
+        mqtt::test::set(copied);
         return copy.value.id;
     });
     endpoint.value.id = "half";

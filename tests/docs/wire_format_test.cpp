@@ -1,9 +1,9 @@
 // docs/wire-format.md shows what the library writes. A box there is a fenced block with a language
 // and a name, "```json reply".
 
+#include "mqtt/test/test_client.hpp"
 #include "requestreply/endpoint.hpp"
 #include "requestreply/sample_data.hpp"
-#include "support/test_client.hpp"
 
 #include <mqtt/binder_proxy.hpp>
 #include <mqtt/link.hpp>
@@ -152,7 +152,7 @@ protected:
 
 private:
     std::unique_ptr<mqtt::MqttClient> client_ =
-        support::testClient("host", 1883, {/*persistent=*/false, /*connect=*/false});
+        mqtt::test::testClient("host", 1883, {/*persistent=*/false, /*connect=*/false});
 };
 
 TEST_F(TheWireFormatPage, ShowsWhatTheLibraryWrites) {

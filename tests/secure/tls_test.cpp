@@ -51,9 +51,10 @@ TEST_F(AnEncryptedConnection, ReadsTheFilesAgainWithEachAttempt) {
     copy("stranger");
     auto const current = client(clientCertificates_.port(), withClientCertificate("current"));
     current->connect("", -1, 0);
-    ASSERT_TRUE(support::eventually([&] { return current->lastFailure().reason != Reason::NONE; }));
+    ASSERT_TRUE(
+        mqtt::test::eventually([&] { return current->lastFailure().reason != Reason::NONE; }));
     copy("client");
-    EXPECT_TRUE(support::becomesConnected(*current)) << current->lastFailure();
+    EXPECT_TRUE(mqtt::test::becomesConnected(*current)) << current->lastFailure();
 }
 
 TEST_F(AnEncryptedConnection, MayGetAnotherAuthorityWhileItIsDown) {
@@ -61,17 +62,17 @@ TEST_F(AnEncryptedConnection, MayGetAnotherAuthorityWhileItIsDown) {
     options.tls->caFile = files_.certificate("other");
     auto const changed = client(certificates_.port(), options);
     changed->connect("", -1, 0);
-    ASSERT_TRUE(support::eventually(
+    ASSERT_TRUE(mqtt::test::eventually(
         [&] { return changed->lastFailure().reason == Reason::CERTIFICATE_NOT_TRUSTED; }));
     changed->giveUp();
-    ASSERT_TRUE(support::eventually(
+    ASSERT_TRUE(mqtt::test::eventually(
         [&] { return changed->communicationState() == ComState::DISCONNECTED; }));
     ASSERT_EQ(changed->setOptions(trusting()), Error::SUCCESS);
     expectToWork(*changed);
 }
 
 TEST_F(AnEncryptedConnection, ComesBackWithTheBroker) {
-    support::StateRecorder states;
+    mqtt::test::StateRecorder states;
     auto const back = client(certificates_.port(), trusting());
     back->registerListener(&states);
     ASSERT_EQ(back->connect("", -1, WAIT_SECONDS), Error::SUCCESS);

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "support/file_descriptor.hpp"
+#include "net/file_descriptor.hpp"
 
 #include <poll.h>
 #include <sys/eventfd.h>
@@ -11,7 +11,7 @@
 #include <thread>
 #include <vector>
 
-namespace support {
+namespace mqtt::test {
 
 /// A thread that waits until one of the sockets from `sockets` is ready, calls `serve`, and begins
 /// again. It calls both with the mutex held.
@@ -54,4 +54,4 @@ private:
     std::thread thread_{[this] { run(); }};
 };
 
-} // namespace support
+} // namespace mqtt::test

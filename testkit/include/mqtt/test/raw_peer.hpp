@@ -1,7 +1,7 @@
 #pragma once
 
-#include "support/broker.hpp"
-#include "support/watched.hpp"
+#include "mqtt/test/broker.hpp"
+#include "mqtt/test/watched.hpp"
 
 #include <mosquitto.h>
 #include <netinet/in.h>
@@ -18,7 +18,7 @@
 #include <tuple>
 #include <vector>
 
-namespace support {
+namespace mqtt::test {
 
 /// A message as a raw client sees it.
 struct Message {
@@ -211,4 +211,4 @@ inline std::optional<Message> retained(Broker const& broker, std::string const& 
     return found.empty() ? std::nullopt : std::optional<Message>(found.front());
 }
 
-} // namespace support
+} // namespace mqtt::test

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "support/socket.hpp"
+#include "net/socket.hpp"
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -11,7 +11,7 @@
 #include <random>
 #include <stdexcept>
 
-namespace support {
+namespace mqtt::test {
 
 /// A free port of the loopback address that no other test, in whatever process, gets while the
 /// lease lives. So a broker that is killed finds its port free when it is started again, and a
@@ -65,4 +65,4 @@ private:
     FileDescriptor lock_; ///< the kernel releases the lock with the process, however it ends
 };
 
-} // namespace support
+} // namespace mqtt::test

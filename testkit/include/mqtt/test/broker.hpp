@@ -1,8 +1,8 @@
 #pragma once
 
-#include "support/port_lease.hpp"
-#include "support/temp_dir.hpp"
-#include "support/watched.hpp"
+#include "mqtt/test/port_lease.hpp"
+#include "mqtt/test/temp_dir.hpp"
+#include "mqtt/test/watched.hpp"
 
 #include <iosfwd>
 #include <memory>
@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-namespace support {
+namespace mqtt::test {
 
 struct BrokerOptions {
     bool nodelay = false;     ///< without it the broker waits for our kernel's acknowledgements
@@ -21,8 +21,7 @@ struct BrokerOptions {
 
 /// A private mosquitto process on a port of the loopback address.
 ///
-/// Its operations may be called from any thread. When the test fails or hangs, the end of its
-/// log is printed.
+/// Its operations may be called from any thread.
 class Broker {
 public:
     /// Returns when the broker answers.
@@ -53,6 +52,9 @@ public:
     /// What it has written so far, over all its processes.
     std::string log() const { return directory_.read("broker.log"); }
 
+    /// Every broker's destructor prints the end of its log when `hasFailed()`, which it calls. With
+    /// GoogleTest: `Broker::printLogWhen(&testing::Test::HasFailure)`.
+    static void printLogWhen(bool (*hasFailed)()) noexcept;
     /// Prints the ends of all brokers' logs and removes their directories when the watchdog ends
     /// the process: no destructor runs then, and a test that hangs may hold a broker's lock.
     static void handleHang(std::ostream& out);
@@ -64,10 +66,11 @@ private:
     bool isUp();
     std::string logTail() const;
 
+    std::string const program_;
     PortLease lease_;
     TempDir directory_;
     mutable std::mutex mutex_; ///< guards process_
     std::unique_ptr<Process> process_;
 };
 
-} // namespace support
+} // namespace mqtt::test

@@ -1,7 +1,8 @@
-#include "support/broker.hpp"
+#include "mqtt/test/broker.hpp"
+
+#include "net/socket.hpp"
 
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <poll.h>
 #include <pwd.h>
 #include <signal.h>
@@ -9,18 +10,44 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
+#include <cstdlib>
 #include <fstream>
 #include <iostream>
 #include <set>
+#include <sstream>
 #include <stdexcept>
 #include <thread>
 
-namespace support {
+namespace mqtt::test {
 
 namespace {
 
-constexpr char const* PROGRAM = ZYM_MOSQUITTO_PROGRAM;
+std::atomic<bool (*)()> hasTestFailed{nullptr};
+
+std::string environment(char const* name) {
+    char const* const value = std::getenv(name);
+    return value ? value : "";
+}
+
+std::string findProgram() {
+    std::vector<std::string> candidates{environment("ZYM_MQTT_TEST_BROKER")};
+    if (candidates.front().empty()) {
+        // The search path of a plain user often lacks the folders of services.
+        std::istringstream folders(environment("PATH") + ":/usr/sbin:/usr/local/sbin");
+        for (std::string folder; std::getline(folders, folder, ':');) {
+            candidates.push_back(folder + "/mosquitto");
+        }
+    }
+    for (std::string const& program : candidates) {
+        if (access(program.c_str(), X_OK) == 0) {
+            return program;
+        }
+    }
+    throw std::runtime_error("There is no mosquitto broker in PATH, or at ZYM_MQTT_TEST_BROKER. "
+                             "Install it (Debian: apt-get install mosquitto).");
+}
 
 std::string userName() {
     passwd const* const user = getpwuid(geteuid());
@@ -53,8 +80,9 @@ Watched<std::set<Broker const*>>& allBrokers() {
 /// when this process ends in any other way. One that cannot be made or run has ended.
 class Broker::Process {
 public:
-    explicit Process(TempDir const& directory)
-        : configuration_(directory.file("broker.conf")),
+    Process(std::string program, TempDir const& directory)
+        : program_(std::move(program)),
+          configuration_(directory.file("broker.conf")),
           log_(directory.file("broker.log")),
           thread_([this] { run(); }) {
         state_.waitFor([](State const& state) { return state.pid != 0; });
@@ -113,7 +141,7 @@ private:
             dup2(open("/dev/null", O_RDONLY), STDIN_FILENO);
             dup2(out, STDOUT_FILENO);
             dup2(out, STDERR_FILENO);
-            execl(PROGRAM, PROGRAM, "-c", configuration_.c_str(), nullptr);
+            execl(program_.c_str(), program_.c_str(), "-c", configuration_.c_str(), nullptr);
         }
         _exit(127);
     }
@@ -125,18 +153,14 @@ private:
         }
     }
 
+    std::string const program_;
     std::string const configuration_;
     std::string const log_;
     Watched<State> state_;
     std::thread thread_;
 };
 
-Broker::Broker(BrokerOptions const& options) {
-    if (access(PROGRAM, X_OK) != 0) {
-        throw std::runtime_error("There is no mosquitto broker at \"" ZYM_MOSQUITTO_PROGRAM
-                                 "\". Install it (Debian: apt-get install mosquitto) and"
-                                 " configure the build anew.");
-    }
+Broker::Broker(BrokerOptions const& options) : program_(findProgram()) {
     writeConfiguration(options);
     start();
     allBrokers().change([this](auto& all) { all.insert(this); });
@@ -144,7 +168,8 @@ Broker::Broker(BrokerOptions const& options) {
 
 Broker::~Broker() {
     allBrokers().change([this](auto& all) { all.erase(this); });
-    if (testing::Test::HasFailure()) {
+    bool (*const hasFailed)() = hasTestFailed;
+    if (hasFailed && hasFailed()) {
         std::cerr << logTail() << std::flush;
     }
     kill();
@@ -187,7 +212,7 @@ bool Broker::isUp() {
         }
     }
     if (!process_) {
-        process_ = std::make_unique<Process>(directory_);
+        process_ = std::make_unique<Process>(program_, directory_);
     }
     return answers(port()) && !process_->ended();
 }
@@ -230,6 +255,10 @@ std::string Broker::logTail() const {
     return "[broker on port " + std::to_string(port()) + "] end of its log:\n" + tail + "\n";
 }
 
+void Broker::printLogWhen(bool (*hasFailed)()) noexcept {
+    hasTestFailed = hasFailed;
+}
+
 void Broker::handleHang(std::ostream& out) {
     allBrokers().read([&](auto const& all) {
         for (Broker const* const broker : all) {
@@ -239,4 +268,4 @@ void Broker::handleHang(std::ostream& out) {
     });
 }
 
-} // namespace support
+} // namespace mqtt::test

@@ -1,13 +1,13 @@
 #pragma once
 
-#include "support/eventually.hpp"
+#include "mqtt/test/eventually.hpp"
 
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
 #include <utility>
 
-namespace support {
+namespace mqtt::test {
 
 /// A value that several threads change and wait for.
 template <typename T>
@@ -68,4 +68,4 @@ void set(Watched<T>& flag) {
     flag.change([](T& value) { value = true; });
 }
 
-} // namespace support
+} // namespace mqtt::test

@@ -1,10 +1,10 @@
 #pragma once
 
-#include "support/file_descriptor.hpp"
+#include "net/file_descriptor.hpp"
 
 #include <string>
 
-namespace support {
+namespace mqtt::test {
 
 // TCP on the loopback address. Every socket is closed in child processes.
 
@@ -36,4 +36,4 @@ struct TcpPair {
     FileDescriptor far;
 };
 
-} // namespace support
+} // namespace mqtt::test

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "support/broker.hpp"
-#include "support/eventually.hpp"
+#include "mqtt/test/broker.hpp"
+#include "mqtt/test/eventually.hpp"
 
 #include <mqtt/client.hpp>
 #include <zym/common/uuid.hpp>
@@ -13,7 +13,7 @@
 #include <stdexcept>
 #include <string>
 
-namespace support {
+namespace mqtt::test {
 
 struct ClientOptions {
     bool persistent = false;
@@ -51,4 +51,4 @@ inline std::unique_ptr<mqtt::MqttClient> testClient(Broker const& broker,
     return testClient(broker.host(), broker.port(), options);
 }
 
-} // namespace support
+} // namespace mqtt::test

@@ -1,6 +1,6 @@
-#include "support/socket.hpp"
+#include "net/socket.hpp"
 
-#include "support/port_lease.hpp"
+#include "mqtt/test/port_lease.hpp"
 
 #include <arpa/inet.h>
 #include <linux/sockios.h>
@@ -12,7 +12,7 @@
 #include <cerrno>
 #include <system_error>
 
-namespace support {
+namespace mqtt::test {
 
 namespace {
 
@@ -121,4 +121,4 @@ TcpPair::TcpPair() {
     }
 }
 
-} // namespace support
+} // namespace mqtt::test

@@ -7,7 +7,7 @@
 #include <stdexcept>
 #include <string>
 
-namespace support {
+namespace mqtt::test {
 
 /// A new directory, removed with everything in it.
 class TempDir {
@@ -37,4 +37,4 @@ private:
     std::string path_;
 };
 
-} // namespace support
+} // namespace mqtt::test

@@ -3,7 +3,7 @@
 #include <chrono>
 #include <thread>
 
-namespace support {
+namespace mqtt::test {
 
 /// How long a test waits for something that must happen. Far beyond what a busy machine needs:
 /// it only ends the wait of a test that fails anyway.
@@ -26,4 +26,4 @@ bool eventually(Condition const& condition, std::chrono::milliseconds deadline =
     return true;
 }
 
-} // namespace support
+} // namespace mqtt::test

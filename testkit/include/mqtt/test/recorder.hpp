@@ -1,6 +1,6 @@
 #pragma once
 
-#include "support/watched.hpp"
+#include "mqtt/test/watched.hpp"
 
 #include <conv/com_state.hpp>
 #include <mqtt/client.hpp>
@@ -13,7 +13,7 @@
 #include <tuple>
 #include <vector>
 
-namespace support {
+namespace mqtt::test {
 
 /// Records the calls of a listener, in order, for other threads to wait for.
 template <class Entry, class... Arguments>
@@ -117,4 +117,4 @@ public:
     void onComStateChanged(conv::ComState state) override { add(state, state); }
 };
 
-} // namespace support
+} // namespace mqtt::test

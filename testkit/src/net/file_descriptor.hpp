@@ -4,7 +4,7 @@
 
 #include <utility>
 
-namespace support {
+namespace mqtt::test {
 
 /// Owns a file descriptor.
 class FileDescriptor {
@@ -33,4 +33,4 @@ private:
     int value_ = -1;
 };
 
-} // namespace support
+} // namespace mqtt::test

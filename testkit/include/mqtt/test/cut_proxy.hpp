@@ -1,9 +1,9 @@
 #pragma once
 
-#include "support/port_lease.hpp"
-#include "support/serving_thread.hpp"
-#include "support/socket.hpp"
-#include "support/watched.hpp"
+#include "mqtt/test/port_lease.hpp"
+#include "mqtt/test/watched.hpp"
+#include "net/serving_thread.hpp"
+#include "net/socket.hpp"
 
 #include <sys/socket.h>
 
@@ -14,7 +14,7 @@
 #include <optional>
 #include <string>
 
-namespace support {
+namespace mqtt::test {
 
 /// A TCP proxy on a port of its own, in front of a server on the loopback address, that cuts
 /// connections where the test wants. One thread serves all connections.
@@ -195,4 +195,4 @@ private:
     ServingThread thread_{mutex_, [this] { return sockets(); }, [this] { serve(); }};
 };
 
-} // namespace support
+} // namespace mqtt::test
