@@ -37,25 +37,33 @@ void add(Serializer& out, char const* key, T const& value) {
     out.addValue(value);
 }
 
-inline std::string textOf(Point const& point) {
+/// @param object writes into an empty text
+inline void write(Serializer& object, Point const& point) {
+    add(object, "x", point.x);
+    addInteger(object, "y", point.y);
+    object.finalize();
+}
+
+inline void appendPoint(Serializer& out, Point const& point) {
     std::string text;
-    Serializer out(text);
-    add(out, "x", point.x);
-    addInteger(out, "y", point.y);
-    out.finalize();
-    return text;
+    Serializer object(text);
+    write(object, point);
+    out.addValue(object);
 }
 
 inline void addPoint(Serializer& out, char const* key, Point const& point) {
-    auto const text = textOf(point);
-    add(out, key, Serializer(text));
+    out.appendKey(key);
+    appendPoint(out, point);
 }
 
 inline void addPoints(Serializer& out, char const* key, std::vector<Point> const& points) {
     std::vector<Serializer> objects;
     objects.reserve(points.size());
+    std::string text;
     for (auto const& point : points) {
-        objects.emplace_back(std::as_const(textOf(point)));
+        Serializer object(text);
+        write(object, point);
+        objects.emplace_back(std::as_const(text));
     }
     add(out, key, objects);
 }
@@ -110,8 +118,7 @@ inline void addLine(Serializer& out, std::vector<Point> const& line) {
     auto& json = out.mutableJson();
     json += '[';
     for (auto const& point : line) {
-        auto const text = textOf(point);
-        out.addValue(Serializer(text));
+        appendPoint(out, point);
     }
     if (json.back() == ',') {
         json.pop_back();

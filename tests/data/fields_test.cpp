@@ -270,7 +270,7 @@ TEST(AListedValue, NeedsEachMemberThatIsNotOptional) {
         auto other = document;
         other[begin] = '_';
         auto const failure = failureOf(other, EveryKind());
-        optional += failure.empty() ? 1 : 0;
+        optional += failure.empty() ? 1U : 0U;
         EXPECT_EQ(failure, failure.empty() ? "" : "field \"" + key + "\": missing");
         ++members;
     }
@@ -307,9 +307,13 @@ TEST(AListedValue, WritesWhatIsNotFiniteAsNullWhichCannotBeRead) {
 
 TEST(AListedValue, IsNestedAsDeepAsTheReaderReads) {
     auto const nested = [](std::size_t depth) {
-        std::string text = R"({"below":[]})";
+        std::string text;
         for (std::size_t i = 1; i < depth; ++i) {
-            text = R"({"below":[)" + text + "]}";
+            text += R"({"below":[)";
+        }
+        text += R"({"below":[]})";
+        for (std::size_t i = 1; i < depth; ++i) {
+            text += "]}";
         }
         return text;
     };
@@ -358,22 +362,19 @@ TEST(AListedValue, TakesNoMoreAllocationsThanByHand) {
                             true,     conv::UnixTime(1700000000.5), sample::Mode::FORWARD,
                             {0.1, 5}, std::string(50, 'n'),         {1, 2, 3}};
     auto const payload = written(value);
-    auto const writing = [&](auto write) {
-        return allocationsOf([&] {
-            std::string text;
-            write(text, value);
-        });
-    };
-    auto const reading = [&](auto read) {
-        Measurement read_;
-        return allocationsOf([&] { read(payload, read_); });
-    };
-    EXPECT_EQ(writing([](auto& text, auto& v) { MqttData<Measurement>::serialize("a", text, v); }),
-              writing([](auto& text, auto& v) { by_hand::write(text, v); }));
-    EXPECT_EQ(reading([](auto& text, auto& v) {
-                  MqttData<Measurement>::deserialize("a", text, false, v);
+    mqtt::Topic const topic("a");
+    Measurement target;
+    EXPECT_EQ(allocationsOf([&] {
+                  std::string text;
+                  MqttData<Measurement>::serialize(topic, text, value);
               }),
-              reading([](auto& text, auto& v) { by_hand::read(text, v); }));
+              allocationsOf([&] {
+                  std::string text;
+                  by_hand::write(text, value);
+              }));
+    EXPECT_EQ(
+        allocationsOf([&] { MqttData<Measurement>::deserialize(topic, payload, false, target); }),
+        allocationsOf([&] { by_hand::read(payload, target); }));
 }
 
 } // namespace
