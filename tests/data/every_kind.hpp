@@ -60,7 +60,7 @@ struct Measurement {
     std::vector<unsigned> history;
 };
 
-ZYM_MQTT_FIELDS(Point, x, y)
+ZYM_MQTT_VALUE(Point, "", 0, false, x, y)
 ZYM_MQTT_VALUE(EveryKind, "every/kind", 1, false, flag, letter, i8, u8, i16, u16, i32, u32, i64,
                u64, small, large, text, time, mode, point, count, note, target, path, numbers,
                flags, texts, points, lines, samples)
