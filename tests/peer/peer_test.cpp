@@ -1,9 +1,9 @@
 // examples/peer.py and this library, each on either side.
 
+#include "mqtt/test/broker.hpp"
+#include "mqtt/test/recorder.hpp"
+#include "mqtt/test/test_client.hpp"
 #include "requestreply/sample_data.hpp"
-#include "support/broker.hpp"
-#include "support/recorder.hpp"
-#include "support/test_client.hpp"
 
 #include <mqtt/link.hpp>
 #include <mqtt/payloads.hpp>
@@ -37,7 +37,7 @@ constexpr unsigned int LIMIT = 1000;
 class PythonProcess {
 public:
     /// @param mode as for `popen`
-    PythonProcess(support::Broker const& broker, std::string const& arguments, char const* mode)
+    PythonProcess(mqtt::test::Broker const& broker, std::string const& arguments, char const* mode)
         : pipe_(popen((ZYM_PYTHON_PEER " " + broker.host() + ":" + std::to_string(broker.port())
                        + " " + arguments)
                           .c_str(),
@@ -93,8 +93,8 @@ private:
 
 class WithABroker : public testing::Test {
 protected:
-    support::Broker broker;
-    std::unique_ptr<mqtt::MqttClient> client = support::testClient(broker);
+    mqtt::test::Broker broker;
+    std::unique_ptr<mqtt::MqttClient> client = mqtt::test::testClient(broker);
 };
 
 /// A device in Python, and this library as its user.
@@ -146,7 +146,7 @@ TEST_F(ADeviceInPython, AnswersRequests) {
 }
 
 TEST_F(ADeviceInPython, DropsRequestsThatItCannotRead) {
-    support::MessageRecorder replies;
+    mqtt::test::MessageRecorder replies;
     ASSERT_EQ(client->subscribe("plant/tank/double?=/x", &replies, 0), Error::SUCCESS);
     for (std::string const request :
          {"", "{", "[]", "7", "\xff", R"({"number": 1})", R"({"$reqId": 1})",
