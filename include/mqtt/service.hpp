@@ -127,9 +127,9 @@ private:
 /// (`mqtt/fields.hpp`), or `Nothing`.
 template <class Request, class Reply>
 struct Service {
-    Topic base;          ///< all topics of the service begin with it
-    std::string name;    ///< see `RequestReply` for its limits
-    Topic subPath = {};  ///< between the server's identifier and the name
+    Topic base;         ///< all topics of the service begin with it
+    std::string name;   ///< see `RequestReply` for its limits
+    Topic subPath = {}; ///< between the server's identifier and the name
 };
 
 /// As the parameter of `RequestReplyClient`: 0 or less is 0, `std::chrono::seconds::max()` is
@@ -208,6 +208,9 @@ private:
     MqttClient::Error result_;
 };
 
+template <class Request, class Reply, class Id, class Function>
+Server(MqttClient&, Service<Request, Reply> const&, Id const&, Function) -> Server<Request, Reply>;
+
 /// Calls a service; one call at a time.
 ///
 /// May be destroyed at any time, also by the function of a call; a call under way then ends with
@@ -279,6 +282,8 @@ public:
     void cancel() { client_.cancel(); }
 
 private:
+    using Answer = Result<Reply>; // `Reply` is something else in the listener's class
+
     /// What a reply is read into.
     struct ReplyPayload final : RequestReplyData {
         void deserialize(zym::common::lwjson::Deserializer& in) override {
@@ -305,7 +310,7 @@ private:
         }
 
         /// Once, after the end of the call.
-        Result<Reply> result(ErrorCode code) {
+        Answer result(ErrorCode code) {
             if (code != ErrorCode::SUCCESS) {
                 return code;
             }

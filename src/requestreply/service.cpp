@@ -14,8 +14,8 @@ conv::SecondsDuration timeoutOf(std::chrono::seconds timeout) {
 }
 
 void logFailureOf(std::string const& service, char const* what) noexcept {
-    log(LogLevel::ERROR, "service ", service, ": no reply, because its function has thrown: ",
-        what);
+    log(LogLevel::ERROR, "service ", service,
+        ": no reply, because its function has thrown: ", what);
 }
 
 } // namespace mqtt
