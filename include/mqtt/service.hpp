@@ -269,11 +269,11 @@ public:
             code = client_.request(begun.get(), callerId_.uuid, serverId_.uuid, requestOf(begun),
                                    replyOf(begun), nullptr, timeoutOf(timeout));
         } catch (...) {
-            begun->self = nullptr;
+            begun->abandon();
             throw;
         }
         if (code != ErrorCode::PENDING) {
-            begun->self = nullptr;
+            begun->abandon();
         }
         return code;
     }
@@ -318,6 +318,12 @@ private:
                 return UNREADABLE_REPLY;
             }
             return std::move(reply.payload.value);
+        }
+
+        /// The function will not be called. The client may keep the payloads until the next call.
+        void abandon() {
+            function = nullptr;
+            self = nullptr;
         }
 
         Payload<Request> request;
