@@ -27,6 +27,7 @@
 namespace mqtt {
 
 struct ConnectionOptions; // mqtt/connection_options.hpp
+class EndpointReport;
 
 /// One connection to an MQTT broker.
 ///
@@ -260,9 +261,9 @@ public:
     /// Without a connection the registration is made too, and reaches the broker with the next
     /// connection. The same subscriber may be registered more than once.
     ///
-    /// Does not wait for the broker. If the broker refuses, no message comes and no error is
-    /// reported. A later `publishWait` at QoS 1 or 2 that succeeds, with a connection, shows that
-    /// the broker has handled the subscription.
+    /// Does not wait for the broker. If the broker refuses, no message comes: the log and the
+    /// statistics show that. A later `publishWait` at QoS 1 or 2 that succeeds, with a connection,
+    /// shows that the broker has handled the subscription.
     ///
     /// A message goes to one entry of the registry only: to the one with exactly its topic
     /// or else to the first matching pattern in byte order ("a/#" before "a/+").
@@ -329,11 +330,17 @@ public:
 private:
     struct ZYM_MQTT_LOCAL Implementation;
 
+    friend class MqttDataBase;
+    friend class RequestReplyClient;
+    /// What these tell of their work.
+    ZYM_MQTT_LOCAL EndpointReport& endpointReport();
+
     // The broker library's callbacks. Exported, for the virtual tables of derived classes.
     void on_connect(int rc) override;
     void on_disconnect(int rc) override;
     void on_publish(int mid) override;
     void on_message(mosquitto_message const* message) override;
+    void on_subscribe(int mid, int count, int const* granted) override;
     void on_unsubscribe(int mid) override;
     void on_log(int level, char const* text) override;
 

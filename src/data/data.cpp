@@ -1,5 +1,7 @@
 #include "mqtt/data.hpp"
 
+#include "common/endpoint_report.hpp"
+
 namespace mqtt {
 
 namespace {
@@ -154,8 +156,10 @@ void MqttDataBase::onMqttMessage(int id, Topic const& topic, std::string const& 
     bool const empty = payload.empty();
     try {
         deserialize(topic, payload, empty);
-    } catch (std::exception const&) {
+    } catch (std::exception const& cause) {
         // A message that cannot be read is dropped: its publisher cannot be told.
+        lock.unlock();
+        client_.endpointReport().documentDropped(topic.text(), cause);
         return;
     }
     // The listener may destroy this endpoint; `notify` has then released the lock.
