@@ -101,7 +101,7 @@ public:
         /// Called after each change, with the client's main and state locks held: it may publish,
         /// subscribe, unsubscribe, register and unregister listeners; it must not wait, nor take
         /// a lock that another thread holds while calling the client. `connect` and `disconnect`
-        /// return CONNECTION_PENDING in here. An exception that it throws is dropped.
+        /// return CONNECTION_PENDING in here. An exception that it throws is logged and dropped.
         virtual void onComStateChanged(conv::ComState state) = 0;
 
     protected:
@@ -113,7 +113,8 @@ public:
     public:
         /// Called on the worker thread, one message at a time, in the order of arrival, with
         /// no lock of the client held: every operation that does not wait may be called.
-        /// An exception that it throws is dropped, and the other subscribers are called.
+        /// An exception that it throws is logged and dropped, and the other subscribers are
+        /// called.
         /// @param tag the value given to `subscribe`
         /// @param topic the message's topic, parsed; never the pattern
         /// @param payload any bytes; empty when a retained message was cleared
