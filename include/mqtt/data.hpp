@@ -108,7 +108,7 @@ protected:
     /// Where `subscribe` listens.
     virtual void getSubscribeTopic(Topic& topic);
     /// Reads a received payload into the value.
-    /// @throws std::exception the message is dropped without a report
+    /// @throws std::exception the message is dropped, logged with the exception's text, and counted
     virtual void deserialize(Topic const& topic, std::string const& payload, bool empty) = 0;
     /// Writes the current value into the payload.
     virtual void serialize(Topic const& topic, std::string& payload) const = 0;
@@ -208,7 +208,7 @@ public:
     /// Writes a value into the payload and replaces its previous content.
     static void serialize(Topic const& topic, std::string& payload, T const& value);
     /// Reads a payload into the value; does nothing for an empty one.
-    /// @throws std::exception the message is dropped without a report
+    /// @throws std::exception the message is dropped, logged with the exception's text, and counted
     static void deserialize(Topic const& topic, std::string const& payload, bool empty, T& value);
 
     using MqttDataBase::subscribe;

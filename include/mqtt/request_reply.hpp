@@ -123,7 +123,7 @@ private:
 ///  - the timer's thread when the time-out reply does not come back through the broker;
 ///  - the waiting thread for a time-out of `waitEndOfRequest`;
 ///  - the caller of `cancel` or `terminate`.
-/// What it throws is dropped.
+/// What it throws is logged and dropped.
 ///
 /// The client may be destroyed at any time, also from inside its listener's call. On another thread
 /// the destructor waits for such a call to return.

@@ -7,6 +7,7 @@
 
 #include <mutex>
 #include <string>
+#include <string_view>
 
 namespace mqtt {
 
@@ -30,7 +31,8 @@ public:
     void removeAll();
 
     /// Worker: hands a message to its subscribers.
-    void deliver(Topic const& topic, std::string const& payload);
+    /// @param clientId for the log
+    void deliver(Topic const& topic, std::string_view payload, std::string const& clientId);
 
     /// Locks the registry.
     std::unique_lock<std::recursive_mutex> lock() const { return std::unique_lock(mainMutex_); }

@@ -1,5 +1,6 @@
 #include "mqtt/data.hpp"
 
+#include "common/endpoint_report.hpp"
 #include "common/wait.hpp"
 
 #include <utility>
@@ -183,8 +184,10 @@ void MqttDataBase::onMqttMessage(int id, Topic const& topic, std::string const& 
     bool const empty = payload.empty();
     try {
         deserialize(topic, payload, empty);
-    } catch (std::exception const&) {
+    } catch (std::exception const& cause) {
         // A message that cannot be read is dropped: its publisher cannot be told.
+        lock.unlock();
+        client_.endpointReport().documentDropped(topic.text(), cause);
         return;
     }
     // The listener may destroy this endpoint; `notify` has then released the lock.

@@ -147,7 +147,7 @@ void MqttData<Reply>::serialize(Topic const& /*topic*/, std::string& payload, Re
 }
 
 template <>
-void MqttData<Reply>::deserialize(Topic const& /*topic*/, std::string const& payload, bool empty,
+void MqttData<Reply>::deserialize(Topic const& topic, std::string const& payload, bool empty,
                                   Reply& value) {
     if (empty) {
         return;
@@ -160,8 +160,12 @@ void MqttData<Reply>::deserialize(Topic const& /*topic*/, std::string const& pay
     if (hasMembers(value)) {
         try {
             value.data->deserialize(in);
-        } catch (std::exception const&) {
-            // A time-out reply has no payload, but its code must be delivered.
+        } catch (std::exception const& cause) {
+            // The reply to a request that failed has no payload, but its code must be delivered.
+            if (error == static_cast<unsigned char>(RequestReply::ErrorCode::SUCCESS)) {
+                log(LogLevel::ERROR, topic.text(),
+                    ": payload of the reply not read: ", cause.what());
+            }
         }
     }
     value.requestId = requestId;

@@ -4,10 +4,10 @@
 #include "client/client_on_a_script.hpp"
 
 #include "mqtt/test/watched.hpp"
+#include "support/log_lines.hpp"
 
 #include <mqtt/connection_options.hpp>
 #include <mqtt/failure.hpp>
-#include <mqtt/log.hpp>
 
 #include <gmock/gmock.h>
 
@@ -25,6 +25,7 @@ using mqtt::Failure;
 using Error = mqtt::MqttClient::Error;
 using Operation = support::StandIn::Operation;
 using Reason = Failure::Reason;
+using testing::EndsWith;
 using testing::HasSubstr;
 
 std::string textOf(Failure const& failure) {
@@ -185,20 +186,15 @@ TEST_F(AFailure, IsAFunctionForTheCredentialsWhoseResultCannotBeSent) {
 }
 
 TEST_F(AFailure, IsLoggedWithTheEventsAroundIt) {
-    mqtt::test::Watched<std::vector<std::string>> lines;
-    auto const keep = [&](mqtt::LogLevel, std::string const& line) {
-        lines.change([&](auto& all) { all.push_back(line.substr(line.find(": ") + 2)); });
-    };
-    mqtt::setLogFunction(keep, mqtt::LogLevel::INFO);
+    support::LogLines const lines(mqtt::LogLevel::INFO);
     connect();
     reconnect();
-    mqtt::setLogFunction({}, mqtt::LogLevel::INFO);
     EXPECT_THAT(lines.copy(),
                 testing::ElementsAre(
-                    "connects to host:1883", "connected to host:1883",
-                    testing::StartsWith("connection lost: host:1883: the broker has closed"),
-                    "next attempt to connect in 500 ms", "connects to host:1883",
-                    "connected to host:1883"));
+                    EndsWith(": connects to host:1883"), EndsWith(": connected to host:1883"),
+                    HasSubstr(": connection lost: host:1883: the broker has closed"),
+                    EndsWith(": next attempt to connect in 500 ms"),
+                    EndsWith(": connects to host:1883"), EndsWith(": connected to host:1883")));
 }
 
 TEST(TheConnectionOptions, AreRefusedIfTheyContradictEachOther) {

@@ -5,10 +5,10 @@
 #include "mqtt/test/recorder.hpp"
 #include "mqtt/test/test_client.hpp"
 #include "mqtt/test/watched.hpp"
+#include "support/log_lines.hpp"
 #include "support/scripted_server.hpp"
 
 #include <mqtt/client.hpp>
-#include <mqtt/log.hpp>
 
 #include <gmock/gmock.h>
 
@@ -119,17 +119,11 @@ TEST_P(AClientOfAStrictServer, DoesNotReportARefusedPublicationAsDone) {
 }
 
 TEST_P(AClientOfAStrictServer, TellsWhichPublicationItHasGivenUp) {
-    mqtt::test::Watched<Strings> errors;
-    mqtt::setLogFunction(
-        [&](mqtt::LogLevel /*level*/, std::string const& line) {
-            errors.change([&](Strings& all) { all.push_back(line); });
-        },
-        mqtt::LogLevel::ERROR);
+    support::LogLines const errors(mqtt::LogLevel::ERROR);
     refuse(REFUSED, ALWAYS);
     publish(REFUSED);
     EXPECT_TRUE(waitForSendings(REFUSED, 3));
     EXPECT_TRUE(mqtt::test::becomesConnected(*client_));
-    mqtt::setLogFunction({}, mqtt::LogLevel::ERROR);
     EXPECT_EQ(client_->lastFailure().reason, mqtt::Failure::Reason::PUBLICATION_GIVEN_UP);
     EXPECT_EQ(client_->lastFailure().detail, "refused, 7 bytes");
     EXPECT_THAT(errors.copy(), ElementsAre(HasSubstr("(refused, 7 bytes)")));

@@ -49,6 +49,12 @@ TEST_F(ALog, HasALineOfTheLevelAndThoseAboveIt) {
                                     Pair(LogLevel::WARNING, "a warning")));
 }
 
+TEST_F(ALog, HasNoLineEndInALine) {
+    start(LogLevel::ERROR);
+    log(LogLevel::ERROR, "a\nb\r\t\x1f c \xc3\xa9");
+    EXPECT_THAT(lines_, ElementsAre(Pair(LogLevel::ERROR, "a?b??? c \xc3\xa9")));
+}
+
 TEST_F(ALog, EndsWithAnEmptyFunction) {
     start(LogLevel::DETAIL);
     setLogFunction({}, LogLevel::DETAIL);

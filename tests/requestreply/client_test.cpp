@@ -1,4 +1,5 @@
 #include "requestreply/server_fixture.hpp"
+#include "support/log_lines.hpp"
 
 #include <atomic>
 #include <chrono>
@@ -84,7 +85,24 @@ TEST_F(ARequestReplyClient, RefusesASecondRequestAndSendsNothing) {
     EXPECT_THAT(refused.calls(), IsEmpty());
 }
 
+TEST_F(ARequestReplyClient, CountsItsRequestsByTheirEnd) {
+    ASSERT_EQ(request(), Code::PENDING);
+    EXPECT_EQ(request(), Code::BUSY);
+    reply(17);
+    ASSERT_TRUE(recorder.waitForCount(1));
+    ASSERT_EQ(request(), Code::PENDING);
+    client->cancel();
+    ASSERT_EQ(requestWait(0), Code::TIMEOUT);
+    ASSERT_EQ(request(0), Code::PENDING);
+    ASSERT_TRUE(recorder.waitForCount(3));
+    auto const counted = mqtt->statistics().requests;
+    EXPECT_EQ(counted.made, 4U);
+    EXPECT_EQ(counted.replied, 1U);
+    EXPECT_EQ(counted.timedOut, 2U);
+}
+
 TEST_F(ARequestReplyClient, IgnoresAReplyWithAnotherIdentifier) {
+    support::LogLines const log(mqtt::LogLevel::INFO);
     ASSERT_EQ(request(), Code::PENDING);
     reply(replyText(requestId + 1, 1, "\"number\": 8"));
     reply(replyText(requestId - 1, 3));
@@ -94,6 +112,9 @@ TEST_F(ARequestReplyClient, IgnoresAReplyWithAnotherIdentifier) {
     ASSERT_TRUE(recorder.waitForCount(1));
     EXPECT_THAT(recorder.errors(), ElementsAre(SERVICE_ERROR));
     EXPECT_EQ(replyData->number, 0U) << "the payload of another reply";
+    auto const other = std::to_string(requestId + 1);
+    EXPECT_THAT(log.copy(), ElementsAre(testing::EndsWith(": reply dropped: request " + other
+                                                          + " of sync is not under way")));
 }
 
 TEST_F(ARequestReplyClient, ReadsNothingMoreWhenItsRequestHasEnded) {

@@ -90,6 +90,7 @@ protected:
     }
 
     static constexpr char const* PAYLOAD = "PAYLOAD-76";
+    static constexpr std::size_t MAX_PACKET_SIZE = 20'000;
 
     Certificates const files_;
     mqtt::test::PortLease certificates_;       ///< clients need none
@@ -100,6 +101,7 @@ protected:
     mqtt::test::Broker broker_{[this] {
         mqtt::test::BrokerOptions options;
         options.extraLines = {
+            "max_packet_size " + std::to_string(MAX_PACKET_SIZE),
             listener(certificates_, withCertificate("server")),
             listener(clientCertificates_, withCertificate("server") + "require_certificate true"),
             listener(elsewhere_, withCertificate("elsewhere")),
