@@ -3,7 +3,7 @@
 #include "program.hpp"
 #include "resources.hpp"
 
-#include "support/broker.hpp"
+#include "mqtt/test/broker.hpp"
 
 #include <ctime>
 #include <string>
@@ -32,8 +32,8 @@ public:
     char const* const description;
 
 private:
-    static support::BrokerOptions options(bool nodelay, bool encrypted) {
-        support::BrokerOptions options;
+    static mqtt::test::BrokerOptions options(bool nodelay, bool encrypted) {
+        mqtt::test::BrokerOptions options;
         options.nodelay = nodelay;
         options.encrypted = encrypted;
         // `none` cancels what the tests' configuration says; the others are the broker's default.
@@ -42,7 +42,7 @@ private:
         return options;
     }
 
-    support::Broker broker_;
+    mqtt::test::Broker broker_;
     clockid_t clock_{};
 };
 

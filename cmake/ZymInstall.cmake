@@ -1,30 +1,36 @@
-# What is installed. Three components: `runtime`, what a program needs to run; `development`, what
-# building a program needs; `tools`, programs to try an installation with.
+# What is installed. Four components: `runtime`, what a program needs to run; `development`, what
+# building a program needs; `test`, what building its tests needs; `tools`, programs to try an
+# installation with.
 
 include(CMakePackageConfigHelpers)
 
-# zym_install_library(TARGET HEADERS folder... [EXTRA file...]): installs the library, its headers and
-# its files for find_package and pkg-config.
+# zym_install_library(TARGET [COMPONENT name] HEADERS folder... [EXTRA file...]): installs the library,
+# its headers and its files for find_package and pkg-config, in the component `development` unless
+# another one is named.
 function(zym_install_library target)
   if(NOT ZYM_MQTT_INSTALL)
     return()
   endif()
-  cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "HEADERS;EXTRA")
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "COMPONENT" "HEADERS;EXTRA")
+  if(NOT arg_COMPONENT)
+    set(arg_COMPONENT ${arg_COMPONENT})
+  endif()
   set(cmake_dir ${CMAKE_INSTALL_LIBDIR}/cmake/${target})
   zym_describe_library(${target} ${cmake_dir})
 
   install(TARGETS ${target} EXPORT ${target}-targets
-    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development)
-  install(DIRECTORY ${arg_HEADERS} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT ${arg_COMPONENT}
+    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT ${arg_COMPONENT})
+  install(DIRECTORY ${arg_HEADERS} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT ${arg_COMPONENT}
     FILES_MATCHING PATTERN "*.hpp")
-  install(EXPORT ${target}-targets NAMESPACE zym:: DESTINATION ${cmake_dir} COMPONENT development)
+  install(EXPORT ${target}-targets NAMESPACE zym:: DESTINATION ${cmake_dir} COMPONENT ${arg_COMPONENT})
   install(FILES
     ${CMAKE_CURRENT_BINARY_DIR}/${target}-config.cmake
     ${CMAKE_CURRENT_BINARY_DIR}/${target}-config-version.cmake
     ${arg_EXTRA}
-    DESTINATION ${cmake_dir} COMPONENT development)
+    DESTINATION ${cmake_dir} COMPONENT ${arg_COMPONENT})
   install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${target}.pc
-    DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
+    DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT ${arg_COMPONENT})
 endfunction()
 
 # zym_relative_path(VARIABLE from to): the path from one folder of the installed tree to another.

@@ -23,7 +23,7 @@ TEST(AThrowingCallback, IsLoggedAndCalledAgainOnEveryThread) {
     for (Callback const& callback : callbacks()) {
         SCOPED_TRACE(callback.name + " " + callback.thread);
         support::LogLines const log(mqtt::LogLevel::ERROR);
-        support::Watched<int> calls;
+        mqtt::test::Watched<int> calls;
         CallbackTest t; // destroyed first: it calls
         t.events.setHook([&](std::string const& event) {
             if (event.rfind(callback.event, 0) == 0) {

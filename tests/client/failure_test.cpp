@@ -4,7 +4,7 @@
 #include "client/client_on_a_script.hpp"
 
 #include "support/log_lines.hpp"
-#include "support/watched.hpp"
+#include "mqtt/test/watched.hpp"
 
 #include <mqtt/connection_options.hpp>
 #include <mqtt/failure.hpp>
@@ -73,7 +73,7 @@ protected:
         auto const client = idleClient();
         support::StandIn::last()->setConnack(code);
         EXPECT_EQ(client->connect("", -1, 0), Error::TIMEOUT);
-        EXPECT_TRUE(support::eventually(
+        EXPECT_TRUE(mqtt::test::eventually(
             [&] { return client->communicationState() == ComState::CONNECTION_LOST; }));
         return client->lastFailure();
     }
@@ -127,8 +127,8 @@ TEST_F(AFailure, IsKnownWhenTheListenerIsToldOfTheLoss) {
         int code;
         Reason reason;
     };
-    support::Watched<Reason> told(Reason::NONE);
-    support::StateRecorder listener([&](ComState state) {
+    mqtt::test::Watched<Reason> told(Reason::NONE);
+    mqtt::test::StateRecorder listener([&](ComState state) {
         if (state == ComState::CONNECTION_LOST) {
             told.change([&](Reason& reason) { reason = client_->lastFailure().reason; });
         }
@@ -144,7 +144,7 @@ TEST_F(AFailure, IsKnownWhenTheListenerIsToldOfTheLoss) {
         script_->loseConnection(code);
         ASSERT_TRUE(told.waitFor([](Reason reason) { return reason != Reason::NONE; }));
         EXPECT_EQ(told.copy(), expected);
-        ASSERT_TRUE(support::eventually([&] { return connections() > before; }));
+        ASSERT_TRUE(mqtt::test::eventually([&] { return connections() > before; }));
         EXPECT_EQ(client_->lastFailure().reason, expected) << "it stays";
     }
     client_->unregisterListener(&listener);
@@ -250,7 +250,7 @@ TEST(TheConnectionOptions, AreRefusedIfTheyContradictEachOther) {
              t.caFile = "file";
          })},
     };
-    auto const id = support::uniqueId();
+    auto const id = mqtt::test::uniqueId();
     mqtt::MqttClient client(id, false, "", "host", 1883, false);
     for (auto const& [what, change] : cases) {
         SCOPED_TRACE(what);
@@ -264,7 +264,7 @@ TEST(TheConnectionOptions, AreRefusedIfTheyContradictEachOther) {
 }
 
 TEST(TheConnectionOptions, KeepTheKindOfEncryption) {
-    mqtt::MqttClient client(support::uniqueId(), false, "", "host", 1883, false);
+    mqtt::MqttClient client(mqtt::test::uniqueId(), false, "", "host", 1883, false);
     mqtt::ConnectionOptions options;
     options.tls.emplace();
     EXPECT_EQ(client.setOptions(options), Error::SUCCESS);

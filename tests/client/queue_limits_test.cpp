@@ -58,7 +58,7 @@ protected:
         for (auto const& call : script_->calls(Operation::PUBLISH)) {
             script_->post([mid = call.mid](auto& object) { object.on_publish(mid); });
         }
-        ASSERT_TRUE(support::eventually([&] { return client_->statistics().queued == 0; }));
+        ASSERT_TRUE(mqtt::test::eventually([&] { return client_->statistics().queued == 0; }));
     }
 
     static Strings numbers(int first, int end) {
@@ -261,14 +261,15 @@ TEST_F(AClientWithLimits, SleepsWhileDisconnectedIfItIsToldTo) {
     auto const isAsleep = [&] {
         constexpr std::chrono::milliseconds longerThanAnyStep{200};
         auto const before = script_->loops();
-        return !support::eventually([&] { return script_->loops() != before; }, longerThanAnyStep);
+        return !mqtt::test::eventually([&] { return script_->loops() != before; },
+                                       longerThanAnyStep);
     };
     for (int i = 0; i < 3; ++i) {
-        EXPECT_TRUE(support::eventually(isAsleep));
+        EXPECT_TRUE(mqtt::test::eventually(isAsleep));
         connect();
         EXPECT_EQ(client_->disconnect(WAIT_SECONDS), Error::SUCCESS);
     }
-    EXPECT_TRUE(support::eventually(isAsleep));
+    EXPECT_TRUE(mqtt::test::eventually(isAsleep));
     client_.reset(); // returns
 }
 

@@ -60,7 +60,7 @@ TEST_F(ASubscribingClient, DoesNotRegisterWhatTheLibraryRefuses) {
     EXPECT_EQ(client_->subscribe("a", &subscriber_, 2), Error::NO_MEMORY);
     script_->deliver("a", "x");
     letTheStepEnd();
-    EXPECT_THAT(subscriber_.deliveries(), ElementsAre(support::Delivery{1, "a", "x"}))
+    EXPECT_THAT(subscriber_.deliveries(), ElementsAre(mqtt::test::Delivery{1, "a", "x"}))
         << "the first registration stays";
 }
 
@@ -127,7 +127,7 @@ TEST_F(ASubscribingClient, WaitsForTheAcknowledgementOfItsUnsubscription) {
 }
 
 TEST_F(ASubscribingClient, UnsubscribesForTheLastSubscriberOfExactlyThatTopic) {
-    support::MessageRecorder other;
+    mqtt::test::MessageRecorder other;
     auto const unsubscribeWait = [&](Topic const& topic, auto& subscriber) {
         return client_->unsubscribeWait(topic, &subscriber, SecondsDuration::NO_TIMEOUT);
     };
@@ -181,7 +181,7 @@ TEST_F(ASubscribingClient, SubscribesToEachTopicOnceInByteOrderAtQosZeroWithEver
     connect();
     subscribe({"b", "a/+", "a", "a/#", "b", "B", "gone", "released"});
     Strings expected{"b", "a/+", "a", "a/#", "b", "B", "gone", "released"};
-    support::MessageRecorder released;
+    mqtt::test::MessageRecorder released;
     ASSERT_EQ(client_->disconnect(WAIT_SECONDS), Error::SUCCESS);
     ASSERT_EQ(client_->subscribe("released", &released, 0), Error::SUCCESS);
     client_->unsubscribe("gone", &subscriber_);
@@ -200,7 +200,7 @@ TEST_F(ASubscribingClient, SubscribesToEachTopicOnceInByteOrderAtQosZeroWithEver
 }
 
 TEST_F(ASubscribingClient, SubscribesThenSendsItsQueueAndThenCallsItsListener) {
-    support::StateRecorder listener([&](ComState state) {
+    mqtt::test::StateRecorder listener([&](ComState state) {
         if (state == ComState::CONNECTED) {
             EXPECT_EQ(client_->publish("listener", "", 0, false), Error::SUCCESS);
         }

@@ -7,10 +7,10 @@
 
 namespace {
 
+using mqtt::test::isSet;
+using mqtt::test::Message;
 using std::chrono::seconds;
 using std::chrono::steady_clock;
-using support::isSet;
-using support::Message;
 using testing::Contains;
 using testing::Each;
 using testing::ElementsAre;
@@ -51,7 +51,7 @@ TEST_F(ARequestReplyClient, NeverTakesAnIdentifierTwice) {
 }
 
 TEST_F(ARequestReplyClient, CallsItsListenerWithTheReply) {
-    auto const server = support::uniqueId();
+    auto const server = mqtt::test::uniqueId();
     ASSERT_EQ(
         client->request(&recorder, id, server, nullptr, replyData, &requestId, LONG_TIMEOUT_S),
         Code::PENDING);
@@ -119,9 +119,9 @@ TEST_F(ARequestReplyClient, IgnoresAReplyWithAnotherIdentifier) {
 
 TEST_F(ARequestReplyClient, ReadsNothingMoreWhenItsRequestHasEnded) {
     // Receives the reply before the client does, and delays it.
-    support::Watched<bool> entered;
-    support::Watched<bool> mayLeave;
-    support::MessageRecorder delay([&](auto&&...) {
+    mqtt::test::Watched<bool> entered;
+    mqtt::test::Watched<bool> mayLeave;
+    mqtt::test::MessageRecorder delay([&](auto&&...) {
         set(entered);
         mayLeave.waitFor(isSet);
     });
@@ -246,7 +246,7 @@ TEST_F(ARequestReplyClient, GetsTheReplyOfAServerOnAnotherMqttClient) {
         error = code;
         return std::make_shared<NumberData>(dynamic_cast<NumberData const&>(data).number + 1);
     });
-    auto const serversMqtt = support::testClient(broker);
+    auto const serversMqtt = mqtt::test::testClient(broker);
     mqtt::RequestReplyServer server(*serversMqtt, "svc", "time", "sync");
     ASSERT_EQ(server.subscribe(&listener, Uuid::NIL, std::make_shared<NumberData>()),
               mqtt::MqttClient::Error::SUCCESS);

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "support/watched.hpp"
+#include "mqtt/test/watched.hpp"
 
 #include <mqtt/log.hpp>
 
@@ -38,7 +38,7 @@ public:
     }
 
 private:
-    Watched<Lines> lines_;
+    mqtt::test::Watched<Lines> lines_;
 };
 
 } // namespace support
