@@ -19,7 +19,7 @@ struct ClientOptions {
     bool persistent = false;
     bool connect = true;                           ///< and wait until it is connected
     zym::common::Uuid id = zym::common::Uuid::NIL; ///< NIL: one that no other client has
-    ConnectionOptions connection;                  ///< those of a `Broker` if it is given
+    ConnectionOptions connection{};                ///< those of a `Broker` if it is given
 };
 
 /// An identifier that no other test uses at the same time.
