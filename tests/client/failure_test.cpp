@@ -3,8 +3,8 @@
 
 #include "client/client_on_a_script.hpp"
 
-#include "support/log_lines.hpp"
 #include "mqtt/test/watched.hpp"
+#include "support/log_lines.hpp"
 
 #include <mqtt/connection_options.hpp>
 #include <mqtt/failure.hpp>

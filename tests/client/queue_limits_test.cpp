@@ -2,6 +2,7 @@
 
 #include "client/client_on_a_script.hpp"
 
+#include "mqtt/test/watched.hpp"
 #include "support/log_lines.hpp"
 
 #include <mqtt/connection_options.hpp>

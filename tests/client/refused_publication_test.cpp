@@ -123,7 +123,7 @@ TEST_P(AClientOfAStrictServer, TellsWhichPublicationItHasGivenUp) {
     refuse(REFUSED, ALWAYS);
     publish(REFUSED);
     EXPECT_TRUE(waitForSendings(REFUSED, 3));
-    EXPECT_TRUE(support::becomesConnected(*client_));
+    EXPECT_TRUE(mqtt::test::becomesConnected(*client_));
     EXPECT_EQ(client_->lastFailure().reason, mqtt::Failure::Reason::PUBLICATION_GIVEN_UP);
     EXPECT_EQ(client_->lastFailure().detail, "refused, 7 bytes");
     EXPECT_THAT(errors.copy(), ElementsAre(HasSubstr("(refused, 7 bytes)")));

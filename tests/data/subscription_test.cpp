@@ -2,9 +2,9 @@
 
 #include "common/awaited_call.hpp"
 #include "data/an_endpoint.hpp"
+#include "mqtt/test/watched.hpp"
 #include "requestreply/blocking_thread.hpp"
 #include "support/allocations.hpp"
-#include "support/watched.hpp"
 
 #include <mqtt/link.hpp>
 
@@ -46,7 +46,7 @@ protected:
     }
 
     std::optional<MqttData<Link>> endpoint{std::in_place, *client_, "a/b"};
-    support::Watched<std::vector<std::string>> seen;
+    mqtt::test::Watched<std::vector<std::string>> seen;
     Subscription::Function const record = [this](Link const& link, bool empty) {
         seen.change([&](auto& all) { all.push_back(link.id + (empty ? " empty" : "")); });
     };

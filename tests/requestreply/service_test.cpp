@@ -107,9 +107,9 @@ protected:
     }
 
     Draw const DRAW{"svc", "draw", "tank"};
-    std::unique_ptr<mqtt::MqttClient> callerMqtt = support::testClient(broker);
-    support::Watched<Strings> log;
-    support::Watched<std::vector<Result<Level>>> results;
+    std::unique_ptr<mqtt::MqttClient> callerMqtt = mqtt::test::testClient(broker);
+    mqtt::test::Watched<Strings> log;
+    mqtt::test::Watched<std::vector<Result<Level>>> results;
     Caller::Function const record = [this](Result<Level> const& result) {
         results.change([&](auto& all) { all.push_back(result); });
     };
@@ -214,7 +214,7 @@ TEST_F(AService, RefusesASecondCallAndKeepsTheFirst) {
 
 TEST_F(AService, OnItsOwnWorkerMayBeCalledWithoutWaiting) {
     callerMqtt = std::move(mqtt); // one client for both
-    mqtt = support::testClient(broker);
+    mqtt = mqtt::test::testClient(broker);
     std::swap(mqtt, callerMqtt);
     caller = callerOf(DRAW);
     mqtt::Service<Amount, Level> const outer{"svc", "outer"};
@@ -282,15 +282,15 @@ TEST_F(AService, MayEndInItsOwnFunctionAndSendsNoReply) {
 }
 
 TEST_F(AService, WaitsAtItsEndForItsFunction) {
-    support::Watched<bool> entered;
-    support::Watched<bool> destroyed;
+    mqtt::test::Watched<bool> entered;
+    mqtt::test::Watched<bool> destroyed;
     auto server = serve([&](Amount const&) -> Result<Level> {
         set(entered);
-        EXPECT_FALSE(destroyed.waitFor(support::isSet, OBSERVATION_TIME));
+        EXPECT_FALSE(destroyed.waitFor(mqtt::test::isSet, OBSERVATION_TIME));
         return Level{7, {}};
     });
     ASSERT_EQ(caller->call({1}, LONG, record), Code::PENDING);
-    ASSERT_TRUE(entered.waitFor(support::isSet));
+    ASSERT_TRUE(entered.waitFor(mqtt::test::isSet));
     server.reset();
     set(destroyed);
     ASSERT_TRUE(waitForResult());
