@@ -160,6 +160,8 @@ def performance(results):
         "\n![How many times better than the others](performance.png)\n",
         goals(results),
         comparison(results, "Clients", "clients", brokers),
+        comparison(results, "Clients over TLS", "tls",
+                   [column for column in brokers if column[2] == "raw"]),
         absolute(results, "The first 24 requests of a connection", "clients", "first-exchanges"),
         comparison(results, "One more client that is connected and does nothing", "idle",
                    [("to raw", "", "raw"), ("to Paho", "", "Paho")]),

@@ -4,18 +4,27 @@
 #include "mqtt/test/temp_dir.hpp"
 #include "mqtt/test/watched.hpp"
 
+#include <mqtt/connection_options.hpp>
+
 #include <iosfwd>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
 namespace mqtt::test {
 
+/// Whether the environment variable ZYM_MQTT_TEST_TLS is set.
+bool isEncryptionWanted();
+
 struct BrokerOptions {
     bool nodelay = false;     ///< without it the broker waits for our kernel's acknowledgements
     bool persistence = false; ///< sessions and retained messages survive even `kill`
     bool unixSocket = false;  ///< listens on `socketPath` too
+    /// Whether `port` is encrypted. Unless set, whether the environment has ZYM_MQTT_TEST_TLS: so all
+    /// tests of a program can be run over TLS. Needs the program openssl.
+    bool encrypted = isEncryptionWanted();
     std::vector<std::string> extraLines; ///< of the configuration file
 };
 
@@ -34,6 +43,12 @@ public:
     /// An address, not a name: resolving a name takes time and may prefer IPv6.
     std::string host() const { return "127.0.0.1"; }
     int port() const noexcept { return lease_.port(); }
+    /// Never encrypted; the same as `port` unless that is.
+    int plainPort() const noexcept { return plainLease_ ? plainLease_->port() : port(); }
+    /// The file with the authority of the certificate at `port`, if that is encrypted.
+    std::string authority() const { return directory_.file("broker.crt"); }
+    /// For clients that connect to `port`.
+    ConnectionOptions connectionOptions() const;
     /// What to give as host, with port 0, with the option `unixSocket`.
     std::string socketPath() const { return directory_.file("broker.sock"); }
     /// 0 while it does not run.
@@ -63,11 +78,13 @@ private:
     class Process;
 
     void writeConfiguration(BrokerOptions const& options) const;
+    void makeCertificate() const;
     bool isUp();
     std::string logTail() const;
 
     std::string const program_;
     PortLease lease_;
+    std::optional<PortLease> plainLease_; ///< if the other one is encrypted
     TempDir directory_;
     mutable std::mutex mutex_; ///< guards process_
     std::unique_ptr<Process> process_;

@@ -46,7 +46,7 @@ class RawPeer {
 public:
     using Messages = std::vector<Message>;
 
-    explicit RawPeer(Broker const& broker) : RawPeer(broker.host(), broker.port()) {}
+    explicit RawPeer(Broker const& broker) : RawPeer(broker.host(), broker.plainPort()) {}
     RawPeer(std::string const& host, int port) {
         require(client_ != nullptr, "cannot be made");
         check(mosquitto_threaded_set(client_.get(), true), "threads");

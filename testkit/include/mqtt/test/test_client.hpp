@@ -19,6 +19,7 @@ struct ClientOptions {
     bool persistent = false;
     bool connect = true;                           ///< and wait until it is connected
     zym::common::Uuid id = zym::common::Uuid::NIL; ///< NIL: one that no other client has
+    ConnectionOptions connection{};                ///< those of a `Broker` if it is given
 };
 
 /// An identifier that no other test uses at the same time.
@@ -38,7 +39,7 @@ inline std::unique_ptr<mqtt::MqttClient> testClient(std::string const& host, int
                                                     ClientOptions const& options = {}) {
     auto const id = options.id == zym::common::Uuid::NIL ? uniqueId() : options.id;
     auto client = std::make_unique<mqtt::MqttClient>(id, options.persistent, "test client", host,
-                                                     port, options.connect);
+                                                     port, options.connect, options.connection);
     if (options.connect && !becomesConnected(*client)) {
         throw std::runtime_error("The client does not get connected to " + host + ":"
                                  + std::to_string(port));
@@ -47,7 +48,8 @@ inline std::unique_ptr<mqtt::MqttClient> testClient(std::string const& host, int
 }
 
 inline std::unique_ptr<mqtt::MqttClient> testClient(Broker const& broker,
-                                                    ClientOptions const& options = {}) {
+                                                    ClientOptions options = {}) {
+    options.connection = broker.connectionOptions();
     return testClient(broker.host(), broker.port(), options);
 }
 
