@@ -47,6 +47,11 @@ struct EveryKind {
     int notListed = 0;
 };
 
+struct Reading {
+    double value = 0;
+    std::string unit;
+};
+
 /// A usual value.
 struct Measurement {
     double value = 0;
@@ -64,6 +69,7 @@ ZYM_MQTT_VALUE(Point, "", 0, false, x, y)
 ZYM_MQTT_VALUE(EveryKind, "every/kind", 1, false, flag, letter, i8, u8, i16, u16, i32, u32, i64,
                u64, small, large, text, time, mode, point, count, note, target, path, numbers,
                flags, texts, points, lines, samples)
+ZYM_MQTT_VALUE(Reading, "reading", 2, true, value, unit)
 ZYM_MQTT_VALUE(Measurement, "measurement", 2, true, value, unit, number, isGood, time, mode, place,
                note, history)
 
