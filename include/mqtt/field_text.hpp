@@ -52,7 +52,8 @@ ZYM_MQTT_EXPORT void appendInteger(Serializer& out, Integer number);
 /// Puts a comma behind an element of an array, whatever the writer has put there.
 ZYM_MQTT_EXPORT void endElement(std::string& json);
 
-ZYM_MQTT_EXPORT void requirePresent(std::string_view text);
+/// @throws std::runtime_error "missing"
+[[noreturn]] ZYM_MQTT_EXPORT void failMissing();
 
 /// @throws std::runtime_error the text is no whole number, or one out of the range
 template <class Integer>

@@ -151,9 +151,10 @@ constexpr void requireForm() {
 /// @return whether there is one; the message is for the compiler's first error line
 template <class T>
 constexpr bool requireFields() {
-    static_assert(HAS_FIELDS<T>, "This type has no list of fields: write ZYM_MQTT_VALUE(Type, "
-                                 "\"level\", qos, retained, field...) in its namespace, or "
-                                 "specialise mqtt::MqttData<Type>");
+    static_assert(HAS_FIELDS<T>,
+                  "This type has no list of fields: write ZYM_MQTT_VALUE(Type, \"level\", qos, "
+                  "retained, field...) for the value of an endpoint, ZYM_MQTT_FIELDS(Type, "
+                  "field...) for a payload, in the namespace of the type");
     return HAS_FIELDS<T>;
 }
 
@@ -204,6 +205,16 @@ void writeObjects(Serializer& out, std::vector<T> const& elements) {
     out.addValue(objects);
 }
 
+/// An element of an array. An empty member is left out.
+template <class T>
+void writeOptional(Serializer& out, std::optional<T> const& value) {
+    if (value) {
+        writeValue(out, *value);
+    } else {
+        out.appendValue("null");
+    }
+}
+
 template <class T>
 void writeValue(Serializer& out, T const& value) {
     requireForm<T>();
@@ -220,7 +231,7 @@ void writeValue(Serializer& out, T const& value) {
     } else if constexpr (std::is_integral_v<T>) {
         appendInteger(out, static_cast<Wide<T>>(value));
     } else if constexpr (IS_OPTIONAL<T>) {
-        value ? writeValue(out, *value) : out.appendValue("null");
+        writeOptional(out, value);
     } else if constexpr (IS_VECTOR<T>) {
         writeArray(out, value);
     }
@@ -296,7 +307,9 @@ T numberOf(Text const& text) {
 
 template <class Text, class T>
 void readPresent(Text const& text, T& value) {
-    requirePresent(viewOf(text));
+    if (viewOf(text).empty()) {
+        failMissing();
+    }
     if constexpr (HAS_FIELDS<T>) {
         readObject(text, value);
     } else if constexpr (IS_OF_THE_PLATFORM<T>) {

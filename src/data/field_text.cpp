@@ -83,10 +83,8 @@ void endElement(std::string& json) {
     json += ',';
 }
 
-void requirePresent(std::string_view text) {
-    if (text.empty()) {
-        throw std::runtime_error("missing");
-    }
+void failMissing() {
+    throw std::runtime_error("missing");
 }
 
 bool readBool(std::string_view text) {

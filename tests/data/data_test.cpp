@@ -2,6 +2,7 @@
 
 #include "common/awaited_call.hpp"
 #include "data/an_endpoint.hpp"
+#include "data/every_kind.hpp"
 #include "support/watched.hpp"
 
 #include <mqtt/link.hpp>
@@ -117,6 +118,28 @@ TEST_F(ATypedEndpoint, PublishesAtQosTwoAndRetainedOnTheTopicOfItsType) {
                                                         "a/b/status", "a/b", "a/b", "a/b"));
     EXPECT_STREQ(MqttData<conv::Identification>::TOPIC_SUFFIX, "identification");
     EXPECT_STREQ(MqttData<conv::ServiceStatus>::TOPIC_SUFFIX, "status");
+}
+
+TEST_F(ATypedEndpoint, PublishesAsTheListOfFieldsSays) {
+    struct Case {
+        char const* topic;
+        int qos;
+        bool retained;
+    };
+    MqttData<sample::EveryKind>(*client_, "a/b").publish();
+    MqttData<sample::Measurement>(*client_, "a/b").publish();
+    MqttData<sample::Point>(*client_, "a/b").publish();
+    auto const calls = script_->calls(Operation::PUBLISH);
+    ASSERT_THAT(calls, SizeIs(3));
+    std::size_t i = 0;
+    for (auto const& [topic, qos, retained] :
+         {Case{"a/b/every/kind", 1, false}, {"a/b/measurement", 2, true}, {"a/b", 0, false}}) {
+        EXPECT_EQ(calls[i].topic, topic);
+        EXPECT_EQ(calls[i].qos, qos) << topic;
+        EXPECT_EQ(calls[i].retain, retained) << topic;
+        ++i;
+    }
+    EXPECT_STREQ(MqttData<sample::EveryKind>::TOPIC_SUFFIX, "every/kind");
 }
 
 TEST_F(ATypedEndpoint, PublishesTheValueThatItsOwnerWrote) {
