@@ -34,11 +34,11 @@ struct EveryKind {
     conv::UnixTime time;
     Mode mode = Mode::OFF;
     Point point;
-    std::optional<int> count;
+    std::optional<int> count = 7;
     std::optional<std::string> note;
     std::optional<Point> target;
     std::optional<std::vector<Point>> path;
-    std::vector<unsigned> numbers;
+    std::vector<unsigned> numbers{7};
     std::vector<bool> flags;
     std::vector<std::string> texts;
     std::vector<Point> points;
