@@ -1,0 +1,28 @@
+#include "arguments.hpp"
+#include "documents.hpp"
+
+namespace {
+
+class Clear final : public Command {
+    void addTo(Arguments& arguments) override {
+        arguments.required(topic_, "TOPIC", "whose value the broker forgets");
+    }
+
+    ExitCode run(Context& context) override {
+        Connection connection(context); // its end waits until the broker has read all
+        require(connection.client.clear(topic_), "cannot clear " + topic_);
+        if (context.console.json()) {
+            context.console.print(
+                JsonLine().text("topic", topic_).boolean("cleared", true).finish());
+        }
+        return ExitCode::DONE;
+    }
+
+    std::string topic_;
+};
+
+} // namespace
+
+std::unique_ptr<Command> makeClear() {
+    return std::make_unique<Clear>();
+}
