@@ -74,7 +74,7 @@ class Bind final : public Command {
                    : interrupted ? Error::CANCELLED
                                  : Error::NOT_SYNCHRONIZED,
                    0);
-            proxy.unbindSync(context.settings.timeout);
+            proxy.unbindSync(interrupted ? 1 : context.settings.timeout);
             return exitCode(context, ended, binding.error());
         }
         report(context.console, binding.error(), proxy.timeBase());

@@ -107,6 +107,7 @@ class Call final : public Command {
             console.print((document.empty() ? line : line.raw("reply", document)).finish());
             return;
         }
+        name << " (code " << static_cast<int>(reply.error()) << ')';
         bool const succeeded = reply.error() == RequestReply::ErrorCode::SUCCESS;
         console.note(
             console.paint(succeeded ? Console::Colour::GREEN : Console::Colour::RED, name.str()));

@@ -74,8 +74,8 @@ class Clean final : public Command {
                                    settings.portNumber(), settings.connectionOptions());
         cleaner.clean(pattern_, std::chrono::seconds(seconds_));
         bool const ended = end.wait();
-        cleaner.terminate();
         bool const clean = count.waitForRest(settings.deadline());
+        cleaner.terminate();
         report(context.console, count.erased(), count.left());
         return !ended ? ExitCode::INTERRUPTED : clean ? ExitCode::DONE : ExitCode::FAILED;
     }

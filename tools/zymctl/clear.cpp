@@ -9,8 +9,11 @@ class Clear final : public Command {
     }
 
     ExitCode run(Context& context) override {
-        Connection connection(context); // its end waits until the broker has read all
-        require(connection.client.clear(topic_), "cannot clear " + topic_);
+        Connection connection(context);
+        constexpr int QOS = 2;
+        // MqttClient::clear does not wait, and the end of the connection could interrupt it.
+        require(connection.client.publishWait(topic_, "", QOS, true, context.settings.timeout),
+                "cannot clear " + topic_);
         if (context.console.json()) {
             context.console.print(
                 JsonLine().text("topic", topic_).boolean("cleared", true).finish());

@@ -12,6 +12,9 @@ public:
 
     /// @param interruption is requested when nobody reads the output any more
     explicit Console(Interruption& interruption);
+    ~Console() { endProgress(); }
+    Console(Console const&) = delete;
+    Console& operator=(Console const&) = delete;
 
     /// JSON in place of text, without colour and progress.
     void useJson();

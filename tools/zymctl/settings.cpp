@@ -49,6 +49,9 @@ int Settings::portNumber() const {
     if (!unixSocket.empty()) {
         return 0;
     }
+    if (port > UINT16_MAX) {
+        throw CommandFailed(ExitCode::USAGE, "a port is a number up to 65535");
+    }
     return port != 0 ? static_cast<int>(port) : usesTls() ? 8883 : 1883;
 }
 
@@ -74,6 +77,9 @@ mqtt::ConnectionOptions Settings::connectionOptions() const {
     options.sleepsWhileDisconnected = true;
     if (!user.empty()) {
         options.credentials = mqtt::Credentials{user, secret(passwordFile, "ZYMCTL_PASSWORD")};
+    }
+    if (tlsVersion != "1.2" && tlsVersion != "1.3") {
+        throw CommandFailed(ExitCode::USAGE, "the version of TLS is 1.2 or 1.3");
     }
     if (!usesTls()) {
         return options;

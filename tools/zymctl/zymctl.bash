@@ -12,7 +12,7 @@ _zymctl() {
     esac
     help=$("$program" --help 2>/dev/null)
     for each in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
-        if grep -qE "^  $each +[A-Z]" <<<"$help"; then
+        if [[ $each =~ ^[a-z]+$ ]] && grep -qE "^  $each +[A-Z]" <<<"$help"; then
             command=$each
         fi
     done
