@@ -143,7 +143,7 @@ protected:
         support::eventually(
             [&] {
                 support::MessageRecorder recorder;
-                panel_->subscribe(pattern, &recorder, 0);
+                EXPECT_EQ(panel_->subscribe(pattern, &recorder, 0), Error::SUCCESS);
                 panel_->publishWait(base_ + "anything", "", 1, false, WAIT_SECONDS);
                 support::eventually([&] { return recorder.count() >= std::max(expected, 1UL); },
                                     milliseconds(500));
@@ -257,7 +257,7 @@ TEST_F(Conformance, RequestsInARowAreAnswered) {
     unsigned unanswered = 0;
     for (unsigned i = 0; i < COUNT && unanswered < 10; ++i) {
         auto const start = steady_clock::now();
-        unanswered += echoes(requests, id, i) ? 0 : 1;
+        unanswered += echoes(requests, id, i) ? 0U : 1U;
         times.push_back(millisecondsSince(start));
     }
     std::sort(times.begin(), times.end());
@@ -292,6 +292,8 @@ TEST_F(Conformance, APanelBindsItselfAndReadsTheTime) {
               Error::SUCCESS);
     ASSERT_EQ(unbind.subscribe(&grant, id, mqtt::NO_DATA), Error::SUCCESS);
     Clock clock(*device_, base_, id);
+    // The broker has handled the subscriptions; otherwise the first exchange takes five seconds.
+    device_->publishWait(base_ + "anything", "", 1, false, WAIT_SECONDS);
     mqtt::SynchronizedTimeBaseMqttProxy time(*panel_, base_, support::uniqueId(), nullptr);
     ASSERT_TRUE(time.synchronize(id, WAIT_SECONDS));
     // Both clocks are this machine's, so the offset should be the known one.
@@ -329,7 +331,7 @@ TEST_F(Conformance, RetainedValuesBelowAPatternAreErased) {
     ASSERT_EQ(retained(base_ + "old/#", 20), 20U);
     mqtt::TopicCleaner cleaner(nullptr, support::uniqueId(), panelAddress_.host, panelAddress_.port,
                                options());
-    cleaner.clean(base_ + "old/#", milliseconds(0));
+    cleaner.clean(base_ + "old/#", milliseconds(3000));
     EXPECT_TRUE(cleaner.waitAllTasks(milliseconds(30000)));
     EXPECT_EQ(retained(base_ + "old/#", 0), 0U);
     cleaner.terminate();
