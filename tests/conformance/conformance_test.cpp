@@ -3,6 +3,7 @@
 //
 // Without these variables of the environment both are at a mosquitto that the test starts:
 //   ZYM_TEST_DEVICE, ZYM_TEST_PANEL   host:port, or the path of a unix socket and :0
+//   ZYM_TEST_USER                     user name and password, which are the same
 //   ZYM_TEST_CA                       the authority's certificate, if the broker uses TLS
 // The properties in the report of the test are measurements; scripts/brokers puts them into its
 // table.
@@ -115,6 +116,9 @@ protected:
         mqtt::ConnectionOptions options;
         if (auto const file = variable("ZYM_TEST_CA"); !file.empty()) {
             options.tls.emplace().caFile = file;
+        }
+        if (auto const user = variable("ZYM_TEST_USER"); !user.empty()) {
+            options.credentials = {user, user};
         }
         return options;
     }
