@@ -1,49 +1,60 @@
 #include "client/subscription_order.hpp"
 
+#include "common/user_call.hpp"
+
 #include <algorithm>
 
 namespace mqtt {
 
-void SubscriptionOrder::connectionAccepted() noexcept {
-    sent_ = 0;
-    acknowledged_ = 0;
-    for (auto& unsubscription : unsubscriptions_) {
-        unsubscription.mid = 0;
+void SubscriptionOrder::subscribed(Topic const& topic, int mid) noexcept {
+    if (!sent_) {
+        return;
     }
-}
-
-void SubscriptionOrder::subscribed(Topic const& topic) noexcept {
-    ++sent_;
-    for (auto& unsubscription : unsubscriptions_) {
+    for (auto& unsubscription : sent_->unsubscriptions) {
         if (unsubscription.mid != 0 && unsubscription.topic == topic) {
-            unsubscription.subscription = sent_;
+            unsubscription.subscription = mid;
+            unsubscription.isSubscribed = false;
         }
     }
 }
 
 void SubscriptionOrder::unsubscribed(Topic const& topic, int mid) noexcept {
-    auto& unsubscription = unsubscriptions_[next_];
-    next_ = (next_ + 1) % unsubscriptions_.size();
-    unsubscription.mid = 0;
-    unsubscription.subscription = 0;
-    try {
+    // Without memory the order is not examined this time.
+    callUser([&] {
+        if (!sent_) {
+            sent_ = std::make_unique<Sent>();
+        }
+        auto& unsubscription = sent_->unsubscriptions[sent_->next];
+        sent_->next = (sent_->next + 1) % sent_->unsubscriptions.size();
+        unsubscription.mid = 0;
         unsubscription.topic = topic;
+        unsubscription.subscription = 0;
         unsubscription.mid = mid;
-    } catch (...) {
-        // No memory: the order is not examined this time.
+    });
+}
+
+void SubscriptionOrder::subscriptionAcknowledged(int mid) noexcept {
+    if (!sent_) {
+        return;
+    }
+    for (auto& unsubscription : sent_->unsubscriptions) {
+        unsubscription.isSubscribed |= unsubscription.subscription == mid;
     }
 }
 
 Topic const* SubscriptionOrder::unsubscriptionAcknowledged(int mid) noexcept {
-    auto const found =
-        std::find_if(unsubscriptions_.begin(), unsubscriptions_.end(),
-                     [mid](auto const& unsubscription) { return unsubscription.mid == mid; });
-    if (found == unsubscriptions_.end()) {
+    if (!sent_) {
+        return nullptr;
+    }
+    auto& all = sent_->unsubscriptions;
+    auto const found = std::find_if(all.begin(), all.end(), [mid](auto const& unsubscription) {
+        return unsubscription.mid == mid;
+    });
+    if (found == all.end()) {
         return nullptr;
     }
     found->mid = 0;
-    bool const isTooEarly = found->subscription != 0 && found->subscription <= acknowledged_;
-    return isTooEarly ? &found->topic : nullptr;
+    return found->subscription != 0 && found->isSubscribed ? &found->topic : nullptr;
 }
 
 } // namespace mqtt

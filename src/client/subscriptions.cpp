@@ -33,9 +33,10 @@ Error Subscriptions::remove(Topic const& topic, Subscriber const* subscriber, in
 }
 
 Error Subscriptions::subscribe(Topic const& topic) {
-    auto const result = gate_.subscribe(topic);
+    int mid = 0;
+    auto const result = gate_.subscribe(mid, topic);
     if (result == Error::SUCCESS) {
-        order_.subscribed(topic);
+        order_.subscribed(topic, mid);
     }
     return result;
 }
@@ -82,6 +83,11 @@ void Subscriptions::deliver(Topic const& topic, std::string_view payload,
     dispatch_.deliver(topic, std::string(payload), clientId);
 }
 
+void Subscriptions::subscriptionAcknowledged(int mid) {
+    auto const held = lock();
+    order_.subscriptionAcknowledged(mid);
+}
+
 void Subscriptions::unsubscriptionAcknowledged(int mid) {
     auto const held = lock();
     auto const* const topic = order_.unsubscriptionAcknowledged(mid);
@@ -93,7 +99,6 @@ void Subscriptions::unsubscriptionAcknowledged(int mid) {
 bool Subscriptions::subscribeAgain() {
     order_.connectionAccepted();
     for (auto const& entry : registry_) {
-        order_.subscribed(entry.first);
         if (gate_.subscribeAgain(entry.first) == Error::CONN_LOST) {
             return false;
         }

@@ -36,7 +36,7 @@ public:
     void deliver(Topic const& topic, std::string_view payload, std::string const& clientId);
 
     /// Worker, in the network step: the broker has acknowledged a SUBSCRIBE, or an UNSUBSCRIBE.
-    void subscriptionAcknowledged() noexcept { order_.subscriptionAcknowledged(); }
+    void subscriptionAcknowledged(int mid);
     void unsubscriptionAcknowledged(int mid);
 
     /// Locks the registry.
