@@ -22,10 +22,10 @@ struct BrokerOptions {
     bool nodelay = false;     ///< without it the broker waits for our kernel's acknowledgements
     bool persistence = false; ///< sessions and retained messages survive even `kill`
     bool unixSocket = false;  ///< listens on `socketPath` too
+    std::vector<std::string> extraLines; ///< of the configuration file
     /// Whether `port` is encrypted. Unless set, whether the environment has ZYM_MQTT_TEST_TLS: so all
     /// tests of a program can be run over TLS. Needs the program openssl.
     bool encrypted = isEncryptionWanted();
-    std::vector<std::string> extraLines; ///< of the configuration file
 };
 
 /// A private mosquitto process on a port of the loopback address.
