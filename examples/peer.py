@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """A peer of libzym-mqtt in Python, with paho-mqtt 1.6 or 2. docs/wire-format.md describes the messages.
 
-    peer.py localhost:1883 device plant/tank      is there for the other commands until its input ends
+    peer.py localhost:1883 device plant/tank      what the other commands need, until its input ends
     peer.py localhost:1883 discover plant/tank
     peer.py localhost:1883 read plant/tank/status
     peer.py localhost:1883 call plant/tank/double '{"number": 21}'
@@ -29,7 +29,7 @@ def level(identifier):
 def parse(payload):
     """The object in a payload. If a key occurs twice, the first one counts."""
     document = json.loads(payload.decode(errors="replace"),
-                          object_pairs_hook=lambda all: {**dict(all), **dict(reversed(all))})
+                          object_pairs_hook=lambda members: {**dict(members), **dict(reversed(members))})
     if not isinstance(document, dict):
         raise ValueError("not an object")
     return document
@@ -96,7 +96,7 @@ class Peer:
         return {topic: self.read(f"{topic}/identification") for topic in topics}
 
     def call(self, service, name, payload):
-        """Sends a request, one at a time, and returns the reply. `service`: base and server."""
+        """Sends a request, one at a time, and returns the reply. `service`: base[/server][/sub-path]."""
         request_id = uuid.uuid4().int % 2**32
         request = {"$reqId": request_id, **payload}
         return self.read(
@@ -110,7 +110,7 @@ class Peer:
             reply = {"$reqId": integer(request, "$reqId", 32)}
             reply["$err"], payload = answer(request)
             client = topic.rsplit("/", 1)[1]
-            self.publish(f"{service}/{name}?=/{client}", {**reply, **payload}, retain=False)
+            self.publish(f"{service}/{name}?=/{client}", {**reply, **payload, **reply}, retain=False)
         self.subscribe(f"{service}/{name}??/+", on_request)
 
 

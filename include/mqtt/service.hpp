@@ -63,6 +63,9 @@ public:
     Nothing value;
 };
 
+template <class T>
+inline constexpr bool IS_PAYLOAD = fields::HAS_FIELDS<T> || std::is_same_v<T, Nothing>;
+
 /// A call has ended with SUCCESS, but the fields of the reply cannot be read.
 inline constexpr RequestReply::ErrorCode UNREADABLE_REPLY{8};
 
@@ -127,6 +130,10 @@ private:
 /// (`mqtt/fields.hpp`), or `Nothing`.
 template <class Request, class Reply>
 struct Service {
+    static_assert(IS_PAYLOAD<Request> && IS_PAYLOAD<Reply>,
+                  "Request and reply of a service need a list of fields: write "
+                  "ZYM_MQTT_FIELDS(Type, field...) in the type's namespace, or use mqtt::Nothing");
+
     Topic base;         ///< all topics of the service begin with it
     std::string name;   ///< see `RequestReply` for its limits
     Topic subPath = {}; ///< between the server's identifier and the name

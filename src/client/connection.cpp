@@ -2,8 +2,11 @@
 #include "client/implementation.hpp"
 #include "mqtt/client.hpp"
 
+#include <mosquitto.h>
+
 #include <cerrno>
 #include <optional>
+#include <string_view>
 
 namespace mqtt {
 
@@ -15,6 +18,12 @@ using conv::ComState;
 constexpr int MAX_PORT = 65535;
 /// How long `disconnect` waits for a worker that a subscriber keeps in its network step.
 constexpr std::chrono::seconds TURN_TIMEOUT{1};
+
+bool reportsSuback(int level, std::string_view text) {
+    constexpr std::string_view END = " received SUBACK";
+    return level == MOSQ_LOG_DEBUG && text.size() >= END.size()
+           && text.substr(text.size() - END.size()) == END;
+}
 
 } // namespace
 
@@ -156,6 +165,9 @@ void MqttClient::on_log(int level, char const* text) {
     // The library also logs before it has a client, and after.
     if (impl_) {
         impl_->report.brokerLibraryWrote(level, text);
+        if (reportsSuback(level, text)) {
+            impl_->subscriptions.subscriptionAcknowledged();
+        }
     }
 }
 

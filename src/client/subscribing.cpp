@@ -78,10 +78,13 @@ void MqttClient::on_subscribe(int mid, int count, int const* granted) {
 }
 
 void MqttClient::on_unsubscribe(int mid) {
-    std::lock_guard const lock(unsubscriptionMutex_);
-    lastUnsubscribed_ = mid;
-    impl_->unsubscriptionWaits.acknowledge(mid);
-    unsubscribed_.notify_all();
+    {
+        std::lock_guard const lock(unsubscriptionMutex_);
+        lastUnsubscribed_ = mid;
+        impl_->unsubscriptionWaits.acknowledge(mid);
+        unsubscribed_.notify_all();
+    }
+    impl_->subscriptions.unsubscriptionAcknowledged(mid);
 }
 
 } // namespace mqtt

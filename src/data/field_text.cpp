@@ -1,4 +1,4 @@
-#include "mqtt/field_text.hpp"
+#include "mqtt/fields/text.hpp"
 
 #include "data/array_elements.hpp"
 
@@ -7,6 +7,7 @@
 #include <limits>
 #include <new>
 #include <stdexcept>
+#include <string>
 #include <system_error>
 
 namespace mqtt::fields {
@@ -102,7 +103,7 @@ float toFloat(double number) {
 }
 
 void readElements(std::string_view array, void* to,
-                  void (*readElement)(void* to, std::string const& element)) {
+                  void (*readElement)(void* to, std::string_view element)) {
     ArrayElements elements(array);
     std::string text;
     std::string_view element;

@@ -73,7 +73,7 @@ private:
 
 /// The values that arrive on an endpoint.
 template <class T>
-class Reader final : public MqttData<T>::Subscriber, public support::Recording<T> {
+class Reader final : public MqttData<T>::Subscriber, public mqtt::test::Recording<T> {
 public:
     Reader(mqtt::MqttClient& client, mqtt::Topic const& topic) : data_(client, topic) {
         EXPECT_EQ(data_.subscribe(this, 0), Error::SUCCESS);

@@ -205,7 +205,9 @@ TEST_F(AService, WhoseReplyCannotBeReadHasNoValue) {
 
 TEST_F(AService, RefusesASecondCallAndKeepsTheFirst) {
     ASSERT_EQ(caller->call({1}, LONG, record), Code::PENDING);
-    EXPECT_EQ(caller->call({2}, LONG, record), Code::BUSY);
+    auto const captured = std::make_shared<int>(7);
+    EXPECT_EQ(caller->call({2}, LONG, [captured](auto const&) {}), Code::BUSY);
+    EXPECT_EQ(captured.use_count(), 1) << "the function is destroyed";
     EXPECT_EQ(caller->callWait({3}, LONG), Code::BUSY);
     replyToCall(R"("left": 5)");
     ASSERT_TRUE(waitForResult());
