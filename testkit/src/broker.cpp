@@ -1,5 +1,6 @@
 #include "mqtt/test/broker.hpp"
 
+#include "mqtt/test/watched.hpp"
 #include "net/socket.hpp"
 
 #include <fcntl.h>
@@ -226,13 +227,15 @@ bool Broker::isUp() {
 }
 
 void Broker::suspend() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    process_->suspend();
+    if (std::lock_guard<std::mutex> lock(mutex_); process_) {
+        process_->suspend();
+    }
 }
 
 void Broker::resume() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    process_->resume();
+    if (std::lock_guard<std::mutex> lock(mutex_); process_) {
+        process_->resume();
+    }
 }
 
 void Broker::writeConfiguration(BrokerOptions const& options) const {

@@ -1,6 +1,7 @@
 // How much memory a client with a limit takes while the broker is away, or does not read.
 
 #include "mqtt/test/broker.hpp"
+#include "mqtt/test/eventually.hpp"
 #include "mqtt/test/test_client.hpp"
 
 #include <mqtt/client.hpp>
