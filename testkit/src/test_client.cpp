@@ -41,7 +41,7 @@ std::unique_ptr<mqtt::MqttClient> testClient(std::string const& host, int port,
 
 std::unique_ptr<mqtt::MqttClient> testClient(Broker const& broker, ClientOptions options) {
     options.connection = broker.connectionOptions();
-    return testClient(Address{broker.host(), broker.port()}, options);
+    return testClient(broker.host(), broker.port(), options);
 }
 
 } // namespace mqtt::test

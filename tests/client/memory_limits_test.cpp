@@ -69,6 +69,7 @@ TEST_P(ALimitOfOneMebibyte, HoldsWithoutAConnection) {
 
 TEST_P(ALimitOfOneMebibyte, HoldsWhileAConnectedBrokerDoesNotRead) {
     mqtt::test::Broker broker;
+    options_.tls = broker.connectionOptions().tls;
     for (int const qos : {0, 1, 2}) {
         auto const connected = client(broker.host(), broker.port(), true);
         ASSERT_TRUE(mqtt::test::becomesConnected(*connected));

@@ -22,10 +22,10 @@ struct BrokerOptions {
     bool nodelay = false;     ///< without it the broker waits for our kernel's acknowledgements
     bool persistence = false; ///< sessions and retained messages survive even `kill`
     bool unixSocket = false;  ///< listens on `socketPath` too
+    std::vector<std::string> extraLines{}; ///< of the configuration file
     /// Whether `port` is encrypted. Unless set, whether the environment has ZYM_MQTT_TEST_TLS: so
     /// all tests of a program can be run over TLS. Needs the program openssl.
     bool encrypted = isEncryptionWanted();
-    std::vector<std::string> extraLines{}; ///< of the configuration file
 };
 
 /// A private mosquitto process on a port of the loopback address, in a new directory below the
@@ -47,14 +47,14 @@ public:
     /// An address, not a name: resolving a name takes time and may prefer IPv6.
     std::string host() const { return "127.0.0.1"; }
     int port() const noexcept { return lease_.port(); }
+    /// Never encrypted: at `plainPort`.
+    operator Address() const { return {host(), plainPort()}; }
     /// Never encrypted; the same as `port` unless that is.
     int plainPort() const noexcept { return plainLease_ ? plainLease_->port() : port(); }
     /// The file with the authority of the certificate at `port`, if that is encrypted.
     std::string authority() const { return directory_.file("broker.crt"); }
     /// For clients that connect to `port`.
     ConnectionOptions connectionOptions() const;
-    /// Where it is not encrypted.
-    operator Address() const { return {host(), plainPort()}; }
     /// What to give as host, with port 0, with the option `unixSocket`.
     std::string socketPath() const { return directory_.file("broker.sock"); }
     /// 0 while it does not run.

@@ -4,7 +4,6 @@
 #include "mqtt/test/broker.hpp"
 
 #include <mqtt/client.hpp>
-#include <mqtt/connection_options.hpp>
 #include <zym/common/uuid.hpp>
 
 #include <memory>
@@ -16,7 +15,7 @@ struct ClientOptions {
     bool persistent = false;
     bool connect = true;                           ///< and wait until it is connected
     zym::common::Uuid id = zym::common::Uuid::NIL; ///< NIL: one that no other client has
-    ConnectionOptions connection{};                ///< those of a `Broker` if it is given
+    ConnectionOptions connection{};                ///< those of the `Broker` if one is given
 };
 
 /// An identifier that no other test on this machine uses at the same time.
@@ -31,7 +30,7 @@ std::unique_ptr<mqtt::MqttClient> testClient(Address const& address,
                                              ClientOptions const& options = {});
 std::unique_ptr<mqtt::MqttClient> testClient(std::string const& host, int port,
                                              ClientOptions const& options = {});
-/// Connects as `Broker::connectionOptions` says.
+/// Encrypted if the broker is.
 std::unique_ptr<mqtt::MqttClient> testClient(Broker const& broker, ClientOptions options = {});
 
 } // namespace mqtt::test
