@@ -9,6 +9,8 @@
 #include <stdexcept>
 #include <string>
 #include <system_error>
+#include <type_traits>
+#include <utility>
 
 namespace mqtt::fields {
 
@@ -79,7 +81,7 @@ template long long readInteger(std::string_view text, long long min, long long m
 template unsigned long long readInteger(std::string_view text, unsigned long long min,
                                         unsigned long long max);
 
-void endElement(std::string& json) {
+void appendComma(std::string& json) {
     json.erase(json.find_last_not_of(", \n") + 1);
     json += ',';
 }
@@ -104,13 +106,18 @@ float toFloat(double number) {
 
 void readElements(std::string_view array, void* to,
                   void (*readElement)(void* to, std::string_view element)) {
+    constexpr bool READER_TAKES_POINTERS =
+        std::is_pointer_v<decltype(std::declval<Deserializer const&>().getMember(""))>;
     ArrayElements elements(array);
-    std::string text;
     std::string_view element;
+    std::string terminated;
     for (std::size_t i = 0; elements.next(element); ++i) {
-        text = element;
+        if (READER_TAKES_POINTERS) {
+            terminated = element;
+            element = terminated;
+        }
         try {
-            readElement(to, text);
+            readElement(to, element);
         } catch (std::exception const&) {
             rethrowFor("[" + std::to_string(i) + "]");
         }

@@ -31,7 +31,10 @@ void writeArray(Serializer& out, std::vector<T> const& elements) {
     json += '[';
     for (T const& element : elements) {
         writeValue(out, element);
-        endElement(json);
+        if (json.back()
+            != ',') { // a writer may put it there with the next value, or a blank behind
+            appendComma(json);
+        }
     }
     if (!elements.empty()) {
         json.pop_back();
