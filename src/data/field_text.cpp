@@ -54,13 +54,6 @@ template <class Integer>
 } // namespace
 
 template <class Integer>
-void appendInteger(Serializer& out, Integer number) {
-    char text[std::numeric_limits<Integer>::digits10 + 3]; // one more digit, sign and end
-    *std::to_chars(text, text + sizeof text - 1, number).ptr = '\0';
-    out.appendValue(text);
-}
-
-template <class Integer>
 Integer readInteger(std::string_view text, Integer min, Integer max) {
     Integer number = 0;
     auto const* const end = text.data() + text.size();
@@ -71,10 +64,6 @@ Integer readInteger(std::string_view text, Integer min, Integer max) {
     return number;
 }
 
-template void appendInteger(Serializer& out, int number);
-template void appendInteger(Serializer& out, unsigned number);
-template void appendInteger(Serializer& out, long long number);
-template void appendInteger(Serializer& out, unsigned long long number);
 template int readInteger(std::string_view text, int min, int max);
 template unsigned readInteger(std::string_view text, unsigned min, unsigned max);
 template long long readInteger(std::string_view text, long long min, long long max);

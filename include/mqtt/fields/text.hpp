@@ -14,10 +14,6 @@ namespace mqtt::fields {
 using zym::common::lwjson::Deserializer;
 using zym::common::lwjson::Serializer;
 
-/// Appends a whole number: an `int`, `unsigned int`, `long long` or `unsigned long long`.
-template <class Integer>
-ZYM_MQTT_EXPORT void appendInteger(Serializer& out, Integer number);
-
 /// Puts a comma behind an element of an array, without blanks.
 ZYM_MQTT_EXPORT void appendComma(std::string& json);
 
