@@ -17,7 +17,7 @@ enum class LogLevel : std::uint8_t {
 };
 
 /// Gets one line for each event: text without a line end, which begins with the MQTT identifier of
-/// the client. It never contains a password, a key or a payload.
+/// the client or the name of a service. It never contains a password, a key or a payload.
 ///
 /// Called on any thread, also on several at a time, with locks of the client held: it must not call
 /// this library, nor wait for a thread that does. What it throws is dropped.
