@@ -212,7 +212,7 @@ private:
 
     std::shared_ptr<Function const> const function_;
     RequestReplyServer server_;
-    MqttClient::Error result_;
+    MqttClient::Error result_ = MqttClient::Error::NOT_FOUND;
 };
 
 template <class Request, class Reply, class Id, class Function>
