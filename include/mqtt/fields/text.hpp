@@ -14,12 +14,8 @@ namespace mqtt::fields {
 using zym::common::lwjson::Deserializer;
 using zym::common::lwjson::Serializer;
 
-/// Appends a whole number: an `int`, `unsigned int`, `long long` or `unsigned long long`.
-template <class Integer>
-ZYM_MQTT_EXPORT void appendInteger(Serializer& out, Integer number);
-
-/// Puts one comma behind an element of an array, whether the writer has put one there or not.
-ZYM_MQTT_EXPORT void endElement(std::string& json);
+/// Puts a comma behind an element of an array, without blanks.
+ZYM_MQTT_EXPORT void appendComma(std::string& json);
 
 /// @throws std::runtime_error "missing"
 [[noreturn]] ZYM_MQTT_EXPORT void failMissing();
@@ -34,7 +30,8 @@ ZYM_MQTT_EXPORT bool readBool(std::string_view text);
 /// @throws std::runtime_error too large for a float
 ZYM_MQTT_EXPORT float toFloat(double number);
 
-/// Calls `readElement` for each element of an array. A zero byte follows the text of an element.
+/// Calls `readElement` for each element of an array. Behind its text stands a zero byte, if the
+/// platform's reader needs one.
 /// @throws std::runtime_error the text is no array, or an element cannot be read
 ZYM_MQTT_EXPORT void readElements(std::string_view array, void* to,
                                   void (*readElement)(void* to, std::string_view element));

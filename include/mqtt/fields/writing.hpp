@@ -5,6 +5,8 @@
 #include "mqtt/fields/text.hpp"
 #include "mqtt/fields/types.hpp"
 
+#include <charconv>
+#include <limits>
 #include <utility>
 
 namespace mqtt::fields {
@@ -24,6 +26,13 @@ void writeObject(Serializer& out, T const& value) {
     out.addValue(object);
 }
 
+template <class Integer>
+void writeInteger(Serializer& out, Integer number) {
+    char text[std::numeric_limits<Integer>::digits10 + 3]; // one more digit, sign and end
+    *std::to_chars(text, text + sizeof text - 1, number).ptr = '\0';
+    out.appendValue(text);
+}
+
 /// On one line.
 template <class T>
 void writeArray(Serializer& out, std::vector<T> const& elements) {
@@ -31,7 +40,10 @@ void writeArray(Serializer& out, std::vector<T> const& elements) {
     json += '[';
     for (T const& element : elements) {
         writeValue(out, element);
-        endElement(json);
+        if (json.back()
+            != ',') { // a writer may put it there with the next value, or a blank behind
+            appendComma(json);
+        }
     }
     if (!elements.empty()) {
         json.pop_back();
@@ -78,7 +90,7 @@ void writeValue(Serializer& out, T const& value) {
     } else if constexpr (std::is_enum_v<T>) {
         writeValue(out, static_cast<std::underlying_type_t<T>>(value));
     } else if constexpr (std::is_integral_v<T>) {
-        appendInteger(out, static_cast<Wide<T>>(value));
+        writeInteger(out, static_cast<Wide<T>>(value));
     } else if constexpr (IS_OPTIONAL<T>) {
         writeOptional(out, value);
     } else if constexpr (IS_VECTOR<T>) {
