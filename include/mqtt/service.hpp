@@ -16,22 +16,7 @@
 
 // Services from functions: a server is a function from a request to a reply or an error, and a call
 // has the reply or the error as its result. On the broker they are the same as services made with
-// `RequestReplyServer` and `RequestReplyClient`.
-// ```
-// struct Litres { unsigned litres = 0; };
-// ZYM_MQTT_FIELDS(Litres, litres)
-// enum class DrawError : std::uint8_t { NOT_ENOUGH = 17 };
-// mqtt::Service<Litres, Litres> const DRAW{"demo/tank", "draw"};
-//
-// mqtt::Server server(client, DRAW, mqtt::ServerId(tankId),
-//                     [](Litres const& wanted) -> mqtt::Result<Litres> {
-//                         if (wanted.litres > 100) { return DrawError::NOT_ENOUGH; }
-//                         return Litres{100 - wanted.litres};
-//                     });
-//
-// mqtt::Caller draw(client, DRAW, mqtt::ClientId(panelId), mqtt::ServerId(tankId));
-// mqtt::Result<Litres> const left = draw.callWait({60}, std::chrono::seconds(5));
-// ```
+// `RequestReplyServer` and `RequestReplyClient`. docs/guides/request-reply.md has both sides of one.
 
 namespace mqtt {
 
@@ -212,7 +197,7 @@ private:
 
     std::shared_ptr<Function const> const function_;
     RequestReplyServer server_;
-    MqttClient::Error result_;
+    MqttClient::Error result_ = MqttClient::Error::NOT_FOUND;
 };
 
 template <class Request, class Reply, class Id, class Function>
