@@ -1,5 +1,5 @@
 # What is installed. Three components: `runtime`, what a program needs to run; `development`, what
-# building a program needs; `tools`, programs to try an installation with.
+# building a program needs; `tools`, zymctl and programs to try an installation with.
 
 include(CMakePackageConfigHelpers)
 
