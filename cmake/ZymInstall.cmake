@@ -1,6 +1,6 @@
 # What is installed. Four components: `runtime`, what a program needs to run; `development`, what
-# building a program needs; `test`, what building its tests needs; `tools`, programs to try an
-# installation with.
+# building a program needs; `test`, what building its tests needs; `tools`, zymctl and programs to
+# try an installation with.
 
 include(CMakePackageConfigHelpers)
 

@@ -131,7 +131,17 @@ Connection::Connection(Context& context)
              context.settings.portNumber(), false, context.settings.connectionOptions()),
       timeout_(context.settings.timeout) {
     context.console.progress("connecting to " + context.settings.broker());
-    auto const error = client.connect("", -1, timeout_);
+    auto error = client.connect("", -1, 0);
+    // The client would try again until the time is over; here the first reason is enough.
+    auto const deadline = context.settings.deadline();
+    while (error == MqttClient::Error::TIMEOUT && Clock::now() < deadline
+           && client.lastFailure().reason == mqtt::Failure::Reason::NONE) {
+        if (client.communicationState() == conv::ComState::CONNECTED) {
+            error = MqttClient::Error::SUCCESS;
+        } else {
+            context.interruption.pause(Clock::now() + std::chrono::milliseconds(2));
+        }
+    }
     if (error != MqttClient::Error::SUCCESS) {
         throw CommandFailed(ExitCode::NO_CONNECTION, reasonOf(client, error, context.settings));
     }
