@@ -1,30 +1,36 @@
-# What is installed. Three components: `runtime`, what a program needs to run; `development`, what
-# building a program needs; `tools`, programs to try an installation with.
+# What is installed. Four components: `runtime`, what a program needs to run; `development`, what
+# building a program needs; `test`, what building its tests needs; `tools`, programs to try an
+# installation with.
 
 include(CMakePackageConfigHelpers)
 
-# zym_install_library(TARGET HEADERS folder... [EXTRA file...]): installs the library, its headers and
-# its files for find_package and pkg-config.
+# zym_install_library(TARGET [COMPONENT name] HEADERS folder... [EXTRA file...]): installs the library,
+# its headers and its files for find_package and pkg-config, in the component `development` unless
+# another one is named.
 function(zym_install_library target)
   if(NOT ZYM_MQTT_INSTALL)
     return()
   endif()
-  cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "HEADERS;EXTRA")
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "COMPONENT" "HEADERS;EXTRA")
+  if(NOT arg_COMPONENT)
+    set(arg_COMPONENT ${arg_COMPONENT})
+  endif()
   set(cmake_dir ${CMAKE_INSTALL_LIBDIR}/cmake/${target})
   zym_describe_library(${target} ${cmake_dir})
 
   install(TARGETS ${target} EXPORT ${target}-targets
-    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development)
-  install(DIRECTORY ${arg_HEADERS} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT ${arg_COMPONENT}
+    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT ${arg_COMPONENT})
+  install(DIRECTORY ${arg_HEADERS} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT ${arg_COMPONENT}
     FILES_MATCHING PATTERN "*.hpp")
-  install(EXPORT ${target}-targets NAMESPACE zym:: DESTINATION ${cmake_dir} COMPONENT development)
+  install(EXPORT ${target}-targets NAMESPACE zym:: DESTINATION ${cmake_dir} COMPONENT ${arg_COMPONENT})
   install(FILES
     ${CMAKE_CURRENT_BINARY_DIR}/${target}-config.cmake
     ${CMAKE_CURRENT_BINARY_DIR}/${target}-config-version.cmake
     ${arg_EXTRA}
-    DESTINATION ${cmake_dir} COMPONENT development)
+    DESTINATION ${cmake_dir} COMPONENT ${arg_COMPONENT})
   install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${target}.pc
-    DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
+    DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT ${arg_COMPONENT})
 endfunction()
 
 # zym_relative_path(VARIABLE from to): the path from one folder of the installed tree to another.
@@ -67,4 +73,19 @@ function(zym_install_tools)
   zym_relative_path(to_libraries ${folder} ${CMAKE_INSTALL_LIBDIR})
   set_target_properties(${ARGN} PROPERTIES INSTALL_RPATH "$ORIGIN/${to_libraries}")
   install(TARGETS ${ARGN} RUNTIME DESTINATION ${folder} COMPONENT tools)
+endfunction()
+
+# zym_install_command(TARGET MANUAL page COMPLETION file): a program in PATH, its manual page and what
+# bash completes.
+function(zym_install_command target)
+  if(NOT ZYM_MQTT_INSTALL)
+    return()
+  endif()
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "MANUAL;COMPLETION" "")
+  zym_relative_path(to_libraries ${CMAKE_INSTALL_BINDIR} ${CMAKE_INSTALL_LIBDIR})
+  set_target_properties(${target} PROPERTIES INSTALL_RPATH "$ORIGIN/${to_libraries}")
+  install(TARGETS ${target} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+  install(FILES ${arg_MANUAL} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
+  install(FILES ${arg_COMPLETION} DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
+    RENAME ${target} COMPONENT tools)
 endfunction()

@@ -27,6 +27,7 @@
 namespace mqtt {
 
 struct ConnectionOptions; // mqtt/connection_options.hpp
+class EndpointReport;
 
 /// One connection to an MQTT broker.
 ///
@@ -100,7 +101,7 @@ public:
         /// Called after each change, with the client's main and state locks held: it may publish,
         /// subscribe, unsubscribe, register and unregister listeners; it must not wait, nor take
         /// a lock that another thread holds while calling the client. `connect` and `disconnect`
-        /// return CONNECTION_PENDING in here. An exception that it throws is dropped.
+        /// return CONNECTION_PENDING in here. An exception that it throws is logged and dropped.
         virtual void onComStateChanged(conv::ComState state) = 0;
 
     protected:
@@ -112,7 +113,8 @@ public:
     public:
         /// Called on the worker thread, one message at a time, in the order of arrival, with
         /// no lock of the client held: every operation that does not wait may be called.
-        /// An exception that it throws is dropped, and the other subscribers are called.
+        /// An exception that it throws is logged and dropped, and the other subscribers are
+        /// called.
         /// @param tag the value given to `subscribe`
         /// @param topic the message's topic, parsed; never the pattern
         /// @param payload any bytes; empty when a retained message was cleared
@@ -260,9 +262,9 @@ public:
     /// Without a connection the registration is made too, and reaches the broker with the next
     /// connection. The same subscriber may be registered more than once.
     ///
-    /// Does not wait for the broker. If the broker refuses, no message comes and no error is
-    /// reported. A later `publishWait` at QoS 1 or 2 that succeeds, with a connection, shows that
-    /// the broker has handled the subscription.
+    /// Does not wait for the broker. If the broker refuses, no message comes: the log and the
+    /// statistics show that. A later `publishWait` at QoS 1 or 2 that succeeds, with a connection,
+    /// shows that the broker has handled the subscription.
     ///
     /// A message goes to one entry of the registry only: to the one with exactly its topic
     /// or else to the first matching pattern in byte order ("a/#" before "a/+").
@@ -329,11 +331,17 @@ public:
 private:
     struct ZYM_MQTT_LOCAL Implementation;
 
+    friend class MqttDataBase;
+    friend class RequestReplyClient;
+    /// What these tell of their work.
+    ZYM_MQTT_LOCAL EndpointReport& endpointReport();
+
     // The broker library's callbacks. Exported, for the virtual tables of derived classes.
     void on_connect(int rc) override;
     void on_disconnect(int rc) override;
     void on_publish(int mid) override;
     void on_message(mosquitto_message const* message) override;
+    void on_subscribe(int mid, int count, int const* granted) override;
     void on_unsubscribe(int mid) override;
     void on_log(int level, char const* text) override;
 

@@ -2,10 +2,16 @@
 
 #include "mqtt/client.hpp"
 #include "mqtt/export.hpp"
+#include "mqtt/subscription.hpp"
 #include "mqtt/topic.hpp"
 
+#include <chrono>
+#include <condition_variable>
+#include <exception>
+#include <functional>
 #include <mutex>
 #include <string>
+#include <utility>
 
 namespace mqtt {
 
@@ -102,7 +108,7 @@ protected:
     /// Where `subscribe` listens.
     virtual void getSubscribeTopic(Topic& topic);
     /// Reads a received payload into the value.
-    /// @throws std::exception the message is dropped without a report
+    /// @throws std::exception the message is dropped, logged with the exception's text, and counted
     virtual void deserialize(Topic const& topic, std::string const& payload, bool empty) = 0;
     /// Writes the current value into the payload.
     virtual void serialize(Topic const& topic, std::string& payload) const = 0;
@@ -115,6 +121,25 @@ protected:
     MqttDataBase(MqttDataBase const& other, Unsubscribed);
     void subscribeLike(MqttDataBase const& other);
 
+    MqttClient& client() const { return client_; }
+
+    /// What a thread waits for: that another one reports the end, with or without an exception.
+    class ZYM_MQTT_EXPORT Arrival {
+    public:
+        void report(std::exception_ptr error) noexcept;
+        bool isReported() const;
+        /// Waits until the report or the end of the time.
+        void wait(std::chrono::seconds timeout);
+        /// @throws what was reported
+        void rethrow() const;
+
+    private:
+        mutable std::mutex mutex_;
+        std::condition_variable reported_;
+        bool isReported_ = false;
+        std::exception_ptr error_;
+    };
+
 private:
     struct Message {
         Topic topic;
@@ -126,7 +151,7 @@ private:
     ZYM_MQTT_LOCAL void subscribeAtOnce();
     /// The current value, ready to be published. Releases the lock.
     ZYM_MQTT_LOCAL Message currentMessage(Lock& lock);
-    ZYM_MQTT_LOCAL MqttClient::Error publish(Message const& message, bool wait);
+    ZYM_MQTT_LOCAL MqttClient::Error handOver(Message const& message, bool wait);
     void onMqttMessage(int id, Topic const& topic, std::string const& payload) final;
 
     Topic topicBase_;
@@ -140,13 +165,9 @@ private:
 /// A typed data endpoint: one value of type `T`, published as a JSON document on the endpoint's
 /// topic, and received from there.
 ///
-/// The value types of this library are in `mqtt/payloads.hpp` and `mqtt/link.hpp`. For a type of
-/// your own specialise the constructor, `serialize` and `deserialize`; everything else is generic:
-/// ```
-/// template <>
-/// MqttData<Reading>::MqttData(MqttClient& client, Topic const& topic)
-///     : MqttDataBase(client, topic + "reading", 2, true) {}
-/// ```
+/// The value types of this library are in `mqtt/payloads.hpp` and `mqtt/link.hpp`. For a struct of
+/// your own, name its fields: see `mqtt/fields.hpp`. For a payload that is no such document,
+/// specialise the constructor, `serialize` and `deserialize`; everything else is generic.
 ///
 /// ### Threads
 /// `mutex()` guards `value` and `subscriber`. The subscriber gets a copy of a received value and is
@@ -183,7 +204,7 @@ public:
     /// Writes a value into the payload and replaces its previous content.
     static void serialize(Topic const& topic, std::string& payload, T const& value);
     /// Reads a payload into the value; does nothing for an empty one.
-    /// @throws std::exception the message is dropped without a report
+    /// @throws std::exception the message is dropped, logged with the exception's text, and counted
     static void deserialize(Topic const& topic, std::string const& payload, bool empty, T& value);
 
     using MqttDataBase::subscribe;
@@ -195,6 +216,43 @@ public:
     /// once for a delivery under way.
     /// @return as `MqttClient::unsubscribe`
     MqttClient::Error unsubscribe();
+
+    using MqttDataBase::publish;
+    /// Sets the value and publishes it. If it cannot be written, it is set and not published, and
+    /// what writing it has thrown is passed on.
+    /// @return as `MqttClient::publish`
+    MqttClient::Error publish(T newValue);
+    using MqttDataBase::publishWait;
+    /// The same, and waits up to 5 seconds until the value is delivered.
+    /// @return as `MqttClient::publishWait`
+    MqttClient::Error publishWait(T newValue);
+
+    /// A copy of the value: what was set last, or what this endpoint has received.
+    T get() const;
+
+    /// Calls a function for each value that arrives on the topic of this endpoint, also for the
+    /// retained one. This endpoint, its value and its subscriber are not involved: any number of
+    /// functions may be subscribed, and the endpoint may be destroyed before them. As with every
+    /// subscription, the broker sends a retained value once more to all who have subscribed to the
+    /// topic on this client.
+    /// @return keep it: its end is the end of the subscription. Its `result()` says whether
+    ///         values arrive
+    Subscription<T> subscribe(typename Subscription<T>::Function function);
+
+    /// Waits for a value, which may be the retained one: subscribes, and unsubscribes at the end.
+    /// Values that arrive between two waits are not seen; a subscribed function sees all. An empty
+    /// payload does not end the wait. This endpoint and its value are not involved; it may be
+    /// destroyed meanwhile. Any number of threads may wait.
+    /// @param received gets the value; stays as it is without one
+    /// @param isWanted is called on the worker thread for each value, up to the first for which it
+    ///        returns true. What it throws ends the wait and is thrown here
+    /// @param timeout 0 or less sees only a value that is already arriving;
+    ///        `std::chrono::seconds::max()` has no limit
+    /// @return SUCCESS; TIMEOUT, at once on the worker thread; or as `MqttClient::subscribe`
+    MqttClient::Error waitFor(T& received, std::function<bool(T const& value)> const& isWanted,
+                              std::chrono::seconds timeout);
+    /// The same for the first value that arrives.
+    MqttClient::Error waitForNext(T& received, std::chrono::seconds timeout);
 
     Subscriber* subscriber = nullptr; ///< not owned
     T value{};
@@ -247,6 +305,75 @@ MqttClient::Error MqttData<T>::unsubscribe() {
     Lock lock(mutex());
     subscriber = nullptr;
     return MqttDataBase::unsubscribe(lock);
+}
+
+template <class T>
+MqttClient::Error MqttData<T>::publish(T newValue) {
+    Lock lock(mutex());
+    value = std::move(newValue);
+    return send(false, lock);
+}
+
+template <class T>
+MqttClient::Error MqttData<T>::publishWait(T newValue) {
+    Lock lock(mutex());
+    value = std::move(newValue);
+    return send(true, lock);
+}
+
+template <class T>
+T MqttData<T>::get() const {
+    Lock const lock(mutex());
+    return value;
+}
+
+template <class T>
+Subscription<T> MqttData<T>::subscribe(typename Subscription<T>::Function function) {
+    Lock lock(mutex());
+    Topic topic;
+    getSubscribeTopic(topic);
+    lock.unlock();
+    return Subscription<T>(*this, topic, std::move(function));
+}
+
+template <class T>
+MqttClient::Error MqttData<T>::waitFor(T& received,
+                                       std::function<bool(T const& value)> const& isWanted,
+                                       std::chrono::seconds timeout) {
+    if (client().onWorkerThread()) {
+        return MqttClient::Error::TIMEOUT;
+    }
+    Arrival arrival;
+    T found{};
+    auto const look = [&](T const& arrived, bool empty) {
+        try {
+            if (!empty && !arrival.isReported() && isWanted(arrived)) {
+                found = arrived;
+                arrival.report(nullptr);
+            }
+        } catch (...) {
+            arrival.report(std::current_exception());
+        }
+    };
+    // From here on this endpoint may be destroyed.
+    auto subscription = subscribe(std::cref(look));
+    if (subscription.result() != MqttClient::Error::SUCCESS) {
+        return subscription.result();
+    }
+    arrival.wait(timeout);
+    subscription = {}; // the worker has left `look`
+    if (!arrival.isReported()) {
+        return MqttClient::Error::TIMEOUT;
+    }
+    arrival.rethrow();
+    received = std::move(found);
+    return MqttClient::Error::SUCCESS;
+}
+
+template <class T>
+MqttClient::Error MqttData<T>::waitForNext(T& received, std::chrono::seconds timeout) {
+    return waitFor(
+        received, [](T const& /*value*/) { return true; }, timeout);
 }
 
 template <class T>

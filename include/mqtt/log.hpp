@@ -10,14 +10,16 @@ namespace mqtt {
 
 /// How important a line of the log is. Each level includes those above it.
 enum class LogLevel : std::uint8_t {
-    ERROR = 1,   ///< something is lost
+    ERROR = 1,   ///< something is lost, is not subscribed, or a listener has thrown
     WARNING = 2, ///< an attempt to connect failed, a connection is lost
     INFO = 3,    ///< connections, and the time until the next attempt
-    DETAIL = 4   ///< what the broker library writes: one line for each packet
+    DETAIL = 4   ///< what the broker library writes: one line for each packet; messages for nobody
 };
 
-/// Gets one line for each event: text without a line end, which begins with the MQTT identifier of
-/// the client. It never contains a password, a key or a payload.
+/// Gets one line for each event: text without a line end. It begins with the MQTT identifier of the
+/// client; what a listener of a request or a service has thrown begins with what kind of listener
+/// that was. A line never contains a password, a key or a payload, unless an exception of the
+/// application has it in its text.
 ///
 /// Called on any thread, also on several at a time, with locks of the client held: it must not call
 /// this library, nor wait for a thread that does. What it throws is dropped.

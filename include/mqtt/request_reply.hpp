@@ -3,6 +3,7 @@
 #include "mqtt/data.hpp"
 #include "mqtt/export.hpp"
 #include "mqtt/mutex.hpp"
+#include "mqtt/request_reply_data.hpp"
 
 #include <zym/common/lwjson.hpp>
 #include <zym/common/timer.hpp>
@@ -24,25 +25,6 @@ class ActiveCalls;
 /// Follows the name of a service in the topic of a request, and of a reply.
 ZYM_MQTT_EXPORT extern char const* const REQUEST_SUFFIX; // ??
 ZYM_MQTT_EXPORT extern char const* const REPLY_SUFFIX;   // ?=
-
-/// The payload of a request or a reply: members of its own in the JSON object of the message.
-///
-/// Held by shared pointers. A server reads all requests into one object, a client reads each reply
-/// into the object given to `request`; both on the MQTT client's worker thread. The members
-/// "$reqId" and "$err" belong to the envelope; of a repeated key the first one counts, so a payload
-/// cannot change them.
-class ZYM_MQTT_EXPORT RequestReplyData {
-public:
-    RequestReplyData() = default;
-    RequestReplyData(RequestReplyData const&) = default;
-    RequestReplyData& operator=(RequestReplyData const&) = default;
-    virtual ~RequestReplyData();
-    /// Reads the payload's members.
-    /// @throws std::exception a request is then dropped, a reply still delivered
-    virtual void deserialize(zym::common::lwjson::Deserializer& in) = 0;
-    /// Appends the payload's members, keys and values.
-    virtual void serialize(zym::common::lwjson::Serializer& out) const = 0;
-};
 
 /// No payload. A message that carries exactly this type has no members of its own.
 class ZYM_MQTT_EXPORT RequestReplyNoData : public RequestReplyData {
@@ -141,7 +123,7 @@ private:
 ///  - the timer's thread when the time-out reply does not come back through the broker;
 ///  - the waiting thread for a time-out of `waitEndOfRequest`;
 ///  - the caller of `cancel` or `terminate`.
-/// What it throws is dropped.
+/// What it throws is logged and dropped.
 ///
 /// The client may be destroyed at any time, also from inside its listener's call. On another thread
 /// the destructor waits for such a call to return.

@@ -30,6 +30,26 @@ struct Statistics {
     std::uint64_t receivedBytes = 0;   ///< of their payloads
     std::uint64_t receivedDropped = 0; ///< larger than the maximum, or there was no memory
 
+    /// Messages that have reached a typed endpoint and have not changed it, requests and replies
+    /// among them.
+    struct DroppedDocuments {
+        std::uint64_t unreadable = 0; ///< reading has thrown an exception
+        std::uint64_t noMemory = 0;   ///< reading has thrown std::bad_alloc
+    };
+    DroppedDocuments droppedDocuments;
+
+    /// By the broker; the same subscription again with each connection.
+    std::uint64_t subscriptionsRefused = 0;
+
+    /// Of the request clients that use this client, those of the services among them. A request
+    /// that is cancelled is only made.
+    struct Requests {
+        std::uint64_t made = 0;     ///< that are sent or queued
+        std::uint64_t replied = 0;  ///< by a server, with whatever code
+        std::uint64_t timedOut = 0; ///< their time was over before there was a reply
+    };
+    Requests requests;
+
     std::uint64_t connections = 0;   ///< that the broker has accepted
     std::uint64_t reconnections = 0; ///< those among them that followed a loss
 

@@ -1,4 +1,4 @@
-#include "support/watched.hpp"
+#include "mqtt/test/watched.hpp"
 
 #include <zym/common/test.hpp>
 #include <zym/common/timer.hpp>
@@ -16,8 +16,8 @@
 namespace {
 
 using namespace std::chrono_literals;
+using mqtt::test::Watched;
 using std::chrono::milliseconds;
-using support::Watched;
 using zym::common::Timer;
 
 using Lock = std::unique_lock<std::mutex>;
@@ -239,14 +239,14 @@ protected:
     }
     ~ATimerInsideItsCallback() override { letLeave(); }
 
-    void letLeave() { support::set(mayLeave_); }
+    void letLeave() { mqtt::test::set(mayLeave_); }
 
     Watched<int> inside_{0};
     Watched<bool> mayLeave_{false};
     std::atomic<bool> left_{false};
     Timer timer_{[this] {
                      increment(inside_);
-                     EXPECT_TRUE(mayLeave_.waitFor(support::isSet));
+                     EXPECT_TRUE(mayLeave_.waitFor(mqtt::test::isSet));
                      left_ = true;
                  },
                  SOON, false};

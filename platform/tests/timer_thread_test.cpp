@@ -1,6 +1,6 @@
 // The properties of a timer's thread, and what happens when the system gives no thread.
 
-#include "support/watched.hpp"
+#include "mqtt/test/watched.hpp"
 
 #include <zym/common/timer.hpp>
 
@@ -21,7 +21,7 @@
 
 namespace {
 
-using support::Watched;
+using mqtt::test::Watched;
 using zym::common::Timer;
 
 constexpr std::size_t KIB = 1024;

@@ -17,10 +17,14 @@ using Error = MqttClient::Error;
 
 std::unique_ptr<QueueLimiter> BrokerGate::limiterFor(ConnectionOptions const& options) {
     auto const& limits = options.queueLimits;
-    bool const isLimited = limits.messages != QueueLimits::NO_LIMIT
-                           || limits.bytes != QueueLimits::NO_LIMIT
-                           || limits.policy == QueueLimits::Policy::NEWEST_OF_EACH_TOPIC;
-    return isLimited ? std::make_unique<QueueLimiter>(limits, queue_) : nullptr;
+    bool const isQueueLimited = limits.messages != QueueLimits::NO_LIMIT
+                                || limits.bytes != QueueLimits::NO_LIMIT
+                                || limits.policy == QueueLimits::Policy::NEWEST_OF_EACH_TOPIC;
+    std::lock_guard const lock(mutex_);
+    if (!dropped_ && (isQueueLimited || options.maxPayloadToSend != QueueLimits::NO_LIMIT)) {
+        dropped_ = std::make_unique<Statistics::Dropped>();
+    }
+    return isQueueLimited ? std::make_unique<QueueLimiter>(limits, queue_) : nullptr;
 }
 
 void BrokerGate::setLimits(ConnectionOptions const& options,
@@ -74,7 +78,7 @@ Submission BrokerGate::publish(Topic const& topic, std::string const& payload, i
 /// Whether the options forbid a publication.
 Error BrokerGate::check(Topic const& topic, std::size_t payloadSize, int qos) {
     if (payloadSize > maxPayload_) {
-        ++dropped_.tooLarge;
+        ++dropped_->tooLarge;
         return Error::PAYLOAD_SIZE;
     }
     if (!limiter_) {
@@ -83,7 +87,7 @@ Error BrokerGate::check(Topic const& topic, std::size_t payloadSize, int qos) {
     // First, so that nothing is dropped for what is not valid.
     auto const refused = checkPublication(topic, payloadSize, qos);
     if (refused == Error::SUCCESS && !limiter_->accepts(topic, payloadSize)) {
-        ++dropped_.rejected;
+        ++dropped_->rejected;
         report_.publicationLost("rejected", topic.text(), payloadSize);
         return Error::NO_MEMORY;
     }
@@ -108,7 +112,7 @@ void BrokerGate::append(Topic const& topic, std::string const& payload, int qos,
     makeRoom(topic, payload.size());
     queue_.push_back(std::move(publication));
     if (limiter_ && limiter_->appended()) {
-        ++dropped_.superseded;
+        ++dropped_->superseded;
     }
 }
 
@@ -117,7 +121,7 @@ void BrokerGate::makeRoom(Topic const& topic, std::size_t payloadSize) {
         auto const& oldest = queue_.front();
         report_.publicationLost("dropped", oldest.topic.text(), oldest.payload.size());
         popFront();
-        ++dropped_.oldest;
+        ++dropped_->oldest;
     }
 }
 
@@ -146,7 +150,10 @@ void BrokerGate::addTo(Statistics& statistics) {
     std::lock_guard const lock(mutex_);
     statistics.sent = sent_;
     statistics.sentBytes = sentBytes_;
-    statistics.dropped = dropped_;
+    if (dropped_) {
+        statistics.dropped = *dropped_;
+    }
+    statistics.subscriptionsRefused = refusedSubscriptions_.get();
     statistics.queued = queue_.size();
 }
 
@@ -199,7 +206,27 @@ Error BrokerGate::subscribe(Topic const& topic) {
 
 Error BrokerGate::subscribeAgain(Topic const& topic) {
     tuning_.packetIssued();
-    return static_cast<Error>(library_.subscribe(nullptr, topic.text().c_str(), 0));
+    int mid = 0;
+    auto const result = static_cast<Error>(library_.subscribe(&mid, topic.text().c_str(), 0));
+    if (result == Error::SUCCESS) {
+        unansweredSubscriptions_.add(mid, topic.text());
+    }
+    return result;
+}
+
+void BrokerGate::subscriptionAnswered(int messageId, bool isRefused) {
+    if (!isRefused && !isLogged(LogLevel::ERROR)) {
+        return;
+    }
+    std::string topic;
+    {
+        std::lock_guard const lock(mutex_);
+        topic = unansweredSubscriptions_.remove(messageId);
+    }
+    if (isRefused) {
+        refusedSubscriptions_.add(1);
+        report_.subscriptionRefused(topic);
+    }
 }
 
 Error BrokerGate::unsubscribe(int* mid, Topic const& topic) {
@@ -280,6 +307,7 @@ bool BrokerGate::goOffline() {
     if (limiter_) {
         limiter_->connectionEnded();
     }
+    unansweredSubscriptions_.clear();
     return std::exchange(phase_, Phase::OFFLINE) == Phase::LEAVING;
 }
 

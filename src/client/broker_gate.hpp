@@ -4,6 +4,8 @@
 #include "client/connection_report.hpp"
 #include "client/queue_limiter.hpp"
 #include "client/socket/socket_tuning.hpp"
+#include "client/unanswered_subscriptions.hpp"
+#include "common/workers_counter.hpp"
 #include "mqtt/client.hpp"
 #include "mqtt/connection_options.hpp"
 #include "mqtt/statistics.hpp"
@@ -43,7 +45,7 @@ public:
                SocketTuning& tuning, ConnectionLosses& losses, ConnectionReport const& report)
         : library_(library), queue_(queue), tuning_(tuning), losses_(losses), report_(report) {}
 
-    /// @return null if the options have no limit
+    /// @return null if the queue has no limit
     std::unique_ptr<QueueLimiter> limiterFor(ConnectionOptions const& options);
     /// While no connection is wanted.
     void setLimits(ConnectionOptions const& options,
@@ -97,6 +99,9 @@ public:
     bool changeState(std::atomic<conv::ComState>& current, conv::ComState next);
     void dropQueue();
 
+    /// Worker: the broker has answered a subscription.
+    void subscriptionAnswered(int messageId, bool isRefused);
+
     /// Worker: the library has sent a publication (QoS 0) or got its acknowledgement.
     void done(int messageId) {
         if (isLimited_.load(std::memory_order_relaxed)) {
@@ -143,7 +148,9 @@ private:
     std::size_t maxPayload_ = QueueLimits::NO_LIMIT;
     std::uint64_t sent_ = 0;
     std::uint64_t sentBytes_ = 0;
-    Statistics::Dropped dropped_;
+    std::unique_ptr<Statistics::Dropped> dropped_; ///< null until there is a limit
+    UnansweredSubscriptions unansweredSubscriptions_;
+    WorkersCounter refusedSubscriptions_;
     Phase phase_ = Phase::OFFLINE;
     std::atomic<bool> hasDisconnect_{false}; ///< looked at by each network step, without the lock
 };

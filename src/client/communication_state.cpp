@@ -1,6 +1,6 @@
 #include "client/communication_state.hpp"
 
-#include "common/user_call.hpp"
+#include "common/application_call.hpp"
 #include "common/wait.hpp"
 
 #include <algorithm>
@@ -23,7 +23,8 @@ void CommunicationState::set(ComState state) {
     // By index, because to register a listener may move the copy.
     // NOLINTNEXTLINE(modernize-loop-convert)
     for (std::size_t i = 0; i < listenersBeingCalled_.size(); ++i) {
-        callUser([&] { listenersBeingCalled_[i]->onComStateChanged(state); });
+        callApplication([&] { listenersBeingCalled_[i]->onComStateChanged(state); },
+                        members_.clientId, ": state listener");
     }
     notifier_ = std::thread::id();
     members_.changed.notify_all();

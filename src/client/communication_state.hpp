@@ -6,6 +6,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -23,6 +24,7 @@ public:
         std::condition_variable_any& changed;
         std::atomic<conv::ComState>& state;
         std::vector<Listener*>& listeners;
+        std::string const& clientId;
     };
 
     CommunicationState(Members members, BrokerGate& gate) : members_(members), gate_(gate) {}

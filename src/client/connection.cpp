@@ -183,6 +183,7 @@ Statistics MqttClient::statistics() const {
     Statistics result;
     impl_->gate.addTo(result);
     impl_->worker.addTo(result);
+    impl_->endpointReport.addTo(result);
     result.received = impl_->received.get();
     result.receivedBytes = impl_->receivedBytes.get();
     result.receivedDropped = impl_->receivedDropped.get();

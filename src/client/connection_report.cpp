@@ -78,6 +78,11 @@ void ConnectionReport::messageDropped(char const* topic, std::size_t payloadSize
         payloadSize, " bytes");
 }
 
+void ConnectionReport::subscriptionRefused(std::string const& topic) const noexcept {
+    log(LogLevel::ERROR, clientId_,
+        ": subscription refused by the broker: ", topic.empty() ? "of an unknown topic" : topic);
+}
+
 void ConnectionReport::connectBegins(char const* host, int port) noexcept {
     callUser([&] {
         std::lock_guard const lock(mutex_);
@@ -94,7 +99,7 @@ void ConnectionReport::attemptBegins() noexcept {
     {
         std::lock_guard const lock(mutex_);
         tlsReason_ = Reason::NONE;
-        tlsText_.clear();
+        tlsText_.reset();
         isAccepted_ = false;
         hasFailed_ = false;
     }
@@ -130,10 +135,10 @@ void ConnectionReport::brokerLibraryWrote(int level, char const* text) noexcept 
             return;
         }
         if (tlsReason_ == Reason::NONE) {
+            tlsText_ = std::make_unique<std::string>(text);
             tlsReason_ = reason;
-            tlsText_ = text;
         } else if (tlsReason_ == Reason::TLS_FILES) {
-            tlsText_.append(" ").append(text); // why the file cannot be used
+            tlsText_->append(" ").append(text); // why the file cannot be used
         }
     });
 }
@@ -148,9 +153,9 @@ Failure ConnectionReport::failureOf(int result, int systemError) const {
     case Reason::CLOSED_BEFORE_ACCEPTANCE:
         return {isHandshake ? Reason::NO_TLS_AT_BROKER : closed};
     case Reason::CERTIFICATE_NOT_TRUSTED:
-        return {tlsReason_, 0, {}, tlsText_ + dateOfThisDevice()};
+        return {tlsReason_, 0, {}, *tlsText_ + dateOfThisDevice()};
     default:
-        return {tlsReason_, 0, {}, tlsText_};
+        return {tlsReason_, 0, {}, *tlsText_};
     }
     switch (result) {
     case MOSQ_ERR_CONN_LOST:

@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <memory>
 #include <mutex>
 #include <string>
 
@@ -27,6 +28,8 @@ public:
                          std::size_t payloadSize) const noexcept;
     /// In any thread: a message is larger than the maximum.
     void messageDropped(char const* topic, std::size_t payloadSize) const noexcept;
+    /// In any thread: by the broker. The topic is empty if it is not known.
+    void subscriptionRefused(std::string const& topic) const noexcept;
 
     /// In any thread: a line of the broker library's log.
     void brokerLibraryWrote(int level, char const* text) noexcept;
@@ -59,7 +62,7 @@ private:
     Failure::Reason tlsReason_ = Failure::Reason::NONE; ///< logged during this attempt
     bool isAccepted_ = false;                           ///< by the broker, in this attempt
     bool hasFailed_ = false;                            ///< this attempt
-    std::string tlsText_;
+    std::unique_ptr<std::string> tlsText_;              ///< null without a reason of TLS
 };
 
 } // namespace mqtt

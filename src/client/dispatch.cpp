@@ -1,6 +1,6 @@
 #include "client/dispatch.hpp"
 
-#include "common/user_call.hpp"
+#include "common/application_call.hpp"
 
 namespace mqtt {
 
@@ -9,10 +9,12 @@ void Dispatch::prepare(std::vector<Receiver> const& receivers) {
     receivers_ = receivers;
 }
 
-void Dispatch::deliver(Topic const& topic, std::string const& payload) {
+void Dispatch::deliver(Topic const& topic, std::string const& payload,
+                       std::string const& clientId) {
     Receiver receiver;
     for (std::size_t i = 0; beginCall(i, receiver); ++i) {
-        callUser([&] { receiver.first->onMqttMessage(receiver.second, topic, payload); });
+        callApplication([&] { receiver.first->onMqttMessage(receiver.second, topic, payload); },
+                        clientId, ": subscriber of ", topic.text());
     }
 }
 

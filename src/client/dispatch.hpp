@@ -25,7 +25,8 @@ public:
 
     /// Worker: calls them. An exception of a receiver ends only its own call: if it
     /// left the broker library's callback, a mutex of that library would stay locked for ever.
-    void deliver(Topic const& topic, std::string const& payload);
+    /// @param clientId for the log
+    void deliver(Topic const& topic, std::string const& payload, std::string const& clientId);
 
     /// Makes sure that `subscriber` is not called any more; with `wait`, also that it is not
     /// being called.

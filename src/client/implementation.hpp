@@ -11,7 +11,8 @@
 #include "client/subscriptions.hpp"
 #include "client/unsubscription_waits.hpp"
 #include "client/worker.hpp"
-#include "client/workers_counter.hpp"
+#include "common/endpoint_report.hpp"
+#include "common/workers_counter.hpp"
 #include "mqtt/client.hpp"
 
 #include <atomic>
@@ -32,6 +33,7 @@ struct MqttClient::Implementation {
     static int keyPassword(char* buffer, int size, int writing, void* handle);
 
     ConnectionReport report;
+    EndpointReport endpointReport;
     ConnectionSettings settings;
     SocketTuning tuning;
     ConnectionLosses losses;

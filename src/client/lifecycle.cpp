@@ -26,11 +26,12 @@ conv::SecondsDuration const MqttClient::COMMUNICATION_DELAY{5};
 
 MqttClient::Implementation::Implementation(MqttClient& client)
     : report(client.clientId_),
+      endpointReport(client.clientId_),
       settings(&keyPassword),
       gate(client, client.queue_, tuning, losses, report),
       network(client, tuning, settings, report),
       state({client.mainMutex_, client.stateMutex_, client.stateChanged_, client.comState_,
-             client.listeners_},
+             client.listeners_, client.clientId_},
             gate),
       subscriptions(client.mainMutex_, client.subscriptions_, gate),
       worker({client.stop_, client.paused_, client.worker_}, turn, network, gate, losses, state,
@@ -103,6 +104,10 @@ MqttClient::~MqttClient() {
 
 std::string MqttClient::clientId(zym::common::Uuid const& id) {
     return id.base64URL();
+}
+
+EndpointReport& MqttClient::endpointReport() {
+    return impl_->endpointReport;
 }
 
 bool MqttClient::onWorkerThread() const {

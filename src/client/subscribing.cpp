@@ -61,15 +61,20 @@ void MqttClient::on_message(mosquitto_message const* message) {
     try {
         auto& topic = impl.receivedTopic;
         topic.assign(message->topic);
-        std::string const payload(static_cast<char const*>(message->payload), size);
         impl.received.add(1);
         impl.receivedBytes.add(size);
         impl.tuning.messageReceived();
-        impl.subscriptions.deliver(topic, payload);
+        impl.subscriptions.deliver(topic, {static_cast<char const*>(message->payload), size},
+                                   clientId_);
     } catch (...) {
         impl.receivedDropped.add(1);
         // Out of memory: this message is lost, the client is not.
     }
+}
+
+void MqttClient::on_subscribe(int mid, int count, int const* granted) {
+    constexpr int refused = 128; // in place of a QoS
+    impl_->gate.subscriptionAnswered(mid, count > 0 && granted[0] == refused);
 }
 
 void MqttClient::on_unsubscribe(int mid) {

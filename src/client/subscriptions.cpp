@@ -1,6 +1,7 @@
 #include "client/subscriptions.hpp"
 
 #include "client/arguments.hpp"
+#include "common/log.hpp"
 
 namespace mqtt {
 
@@ -66,16 +67,19 @@ void Subscriptions::removeAll() {
     registrations_.clear();
 }
 
-void Subscriptions::deliver(Topic const& topic, std::string const& payload) {
+void Subscriptions::deliver(Topic const& topic, std::string_view payload,
+                            std::string const& clientId) {
     {
         auto const held = lock();
         auto const* const subscription = registrations_.find(topic);
         if (subscription == nullptr) {
+            log(LogLevel::DETAIL, clientId, ": message without a subscriber: ", topic.text());
             return;
         }
         dispatch_.prepare(subscription->subscribers);
     }
-    dispatch_.deliver(topic, payload);
+    // The only copy, and only if somebody gets it.
+    dispatch_.deliver(topic, std::string(payload), clientId);
 }
 
 void Subscriptions::unsubscriptionAcknowledged(int mid) {

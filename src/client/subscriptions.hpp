@@ -8,6 +8,7 @@
 
 #include <mutex>
 #include <string>
+#include <string_view>
 
 namespace mqtt {
 
@@ -31,7 +32,8 @@ public:
     void removeAll();
 
     /// Worker: hands a message to its subscribers.
-    void deliver(Topic const& topic, std::string const& payload);
+    /// @param clientId for the log
+    void deliver(Topic const& topic, std::string_view payload, std::string const& clientId);
 
     /// Worker, in the network step: the broker has acknowledged a SUBSCRIBE, or an UNSUBSCRIBE.
     void subscriptionAcknowledged() noexcept { order_.subscriptionAcknowledged(); }

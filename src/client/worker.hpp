@@ -8,7 +8,7 @@
 #include "client/network_turn.hpp"
 #include "client/one_by_one_relay.hpp"
 #include "client/subscriptions.hpp"
-#include "client/workers_counter.hpp"
+#include "common/workers_counter.hpp"
 #include "mqtt/statistics.hpp"
 
 #include <atomic>
@@ -99,15 +99,15 @@ private:
     Subscriptions& subscriptions_;
     ConnectionReport& report_;
     WorkerEnd end_;
-    bool isAccepted_ = false; ///< worker: the connection is to be completed
-    bool isGivingUpAPublication_ = false;
     std::unique_ptr<OneByOneRelay> relay_; ///< worker: makes the network steps if there is one
-    std::atomic<bool> sleepsWhileDisconnected_{false};
-    bool hadConnection_ = false; ///< the broker has accepted the one under way
-    bool wasLost_ = false;       ///< a connection, and there was none since
     WorkersCounter connections_;
     WorkersCounter reconnections_;
     WorkersCounter givenUp_;
+    bool isAccepted_ = false; ///< worker: the connection is to be completed
+    bool isGivingUpAPublication_ = false;
+    bool hadConnection_ = false; ///< the broker has accepted the one under way
+    bool wasLost_ = false;       ///< a connection, and there was none since
+    std::atomic<bool> sleepsWhileDisconnected_{false};
     std::atomic<bool> reconnecting_{false};
     std::atomic<pid_t> kernelId_{0}; ///< of the thread
 };

@@ -1,5 +1,6 @@
 #include "common/log.hpp"
 
+#include <algorithm>
 #include <mutex>
 #include <shared_mutex>
 #include <utility>
@@ -28,7 +29,10 @@ void setLogFunction(LogFunction function, LogLevel level) {
     current.function.swap(function);
 }
 
-void writeLogLine(LogLevel level, std::string const& line) {
+void writeLogLine(LogLevel level, std::string line) {
+    constexpr char firstPrintable = ' ';
+    std::replace_if(
+        line.begin(), line.end(), [](char c) { return c >= 0 && c < firstPrintable; }, '?');
     auto& current = target();
     std::shared_lock const lock(current.mutex);
     if (current.function && isLogged(level)) {

@@ -15,8 +15,8 @@ inline bool isLogged(LogLevel level) {
     return level <= lowestLogLevel.load(std::memory_order_relaxed);
 }
 
-/// Gives a line to the log function.
-void writeLogLine(LogLevel level, std::string const& line);
+/// Gives a line to the log function, without the line ends that topics and other texts may have.
+void writeLogLine(LogLevel level, std::string line);
 
 /// Logs the parts in a row. Without memory the line is lost.
 template <class... Parts>

@@ -2,8 +2,8 @@
 
 namespace mqtt {
 
-/// Calls a listener or another function of the application, and drops what it throws: the caller
-/// still has to finish its own work.
+/// Calls a function that may throw, and drops what it throws: the caller still has to finish its
+/// own work. `callApplication` is for functions of the application.
 template <class Call>
 void callUser(Call const& call) noexcept {
     try {

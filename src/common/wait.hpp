@@ -4,6 +4,7 @@
 
 #include <conv/seconds_duration.hpp>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 
@@ -26,6 +27,15 @@ inline std::chrono::steady_clock::time_point later(std::chrono::steady_clock::ti
         return {};
     }
     return moment + duration;
+}
+
+/// Now plus a time, which may be negative; at most the last moment of the clock.
+inline std::chrono::steady_clock::time_point deadlineAfter(std::chrono::seconds timeout) {
+    using std::chrono::seconds;
+    constexpr auto end = std::chrono::steady_clock::time_point::max();
+    auto const now = std::chrono::steady_clock::now();
+    return timeout >= std::chrono::floor<seconds>(end - now) ? end
+                                                             : now + std::max(timeout, seconds(0));
 }
 
 /// Waits on a condition until `done()` or the deadline; returns what `done()` says last.

@@ -1,5 +1,10 @@
 #include "mqtt/data.hpp"
 
+#include "common/endpoint_report.hpp"
+#include "common/wait.hpp"
+
+#include <utility>
+
 namespace mqtt {
 
 namespace {
@@ -90,14 +95,14 @@ MqttDataBase::Message MqttDataBase::currentMessage(Lock& lock) {
     return message;
 }
 
-Error MqttDataBase::publish(Message const& message, bool wait) {
+Error MqttDataBase::handOver(Message const& message, bool wait) {
     return wait ? client_.publishWait(message.topic, message.payload, qos_, retained_,
                                       BROKER_TIMEOUT)
                 : client_.publish(message.topic, message.payload, qos_, retained_);
 }
 
 Error MqttDataBase::send(bool wait, Lock& lock) {
-    return publish(currentMessage(lock), wait);
+    return handOver(currentMessage(lock), wait);
 }
 
 void MqttDataBase::publish(Lock& lock) {
@@ -122,7 +127,7 @@ Error MqttDataBase::clean(bool wait, Lock& lock) {
     Message message;
     getPublishTopic(message.topic);
     lock.unlock();
-    return publish(message, wait);
+    return handOver(message, wait);
 }
 
 Error MqttDataBase::clean() {
@@ -141,6 +146,31 @@ Error MqttDataBase::setCurrentValueAsWill() {
     return client_.setWill(message.topic, message.payload, qos_, retained_);
 }
 
+void MqttDataBase::Arrival::report(std::exception_ptr error) noexcept {
+    std::lock_guard const lock(mutex_);
+    isReported_ = true;
+    error_ = std::move(error);
+    reported_.notify_all();
+}
+
+bool MqttDataBase::Arrival::isReported() const {
+    std::lock_guard const lock(mutex_);
+    return isReported_;
+}
+
+void MqttDataBase::Arrival::wait(std::chrono::seconds timeout) {
+    auto const deadline = deadlineAfter(timeout);
+    std::unique_lock lock(mutex_);
+    waitUntil(reported_, lock, deadline, [this] { return isReported_; });
+}
+
+void MqttDataBase::Arrival::rethrow() const {
+    std::lock_guard const lock(mutex_);
+    if (error_) {
+        std::rethrow_exception(error_);
+    }
+}
+
 void MqttDataBase::getPublishTopic(Topic& topic) {
     topic = topicBase_;
 }
@@ -154,8 +184,10 @@ void MqttDataBase::onMqttMessage(int id, Topic const& topic, std::string const& 
     bool const empty = payload.empty();
     try {
         deserialize(topic, payload, empty);
-    } catch (std::exception const&) {
+    } catch (std::exception const& cause) {
         // A message that cannot be read is dropped: its publisher cannot be told.
+        lock.unlock();
+        client_.endpointReport().documentDropped(topic.text(), cause);
         return;
     }
     // The listener may destroy this endpoint; `notify` has then released the lock.

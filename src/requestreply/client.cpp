@@ -13,8 +13,9 @@
 //   when its time is over, and an earlier expiry does nothing.
 
 #include "common/active_calls.hpp"
+#include "common/application_call.hpp"
 #include "common/arm_timer.hpp"
-#include "common/user_call.hpp"
+#include "common/endpoint_report.hpp"
 #include "common/wait.hpp"
 #include "mqtt/request_reply.hpp"
 #include "requestreply/request_identity.hpp"
@@ -72,10 +73,12 @@ struct RequestReplyClient::ListenerCall {
         }
         auto const& reply = exchange->reply;
         RequestReplyData const& data = reply.data ? *reply.data : *NO_DATA;
-        callUser([&] {
-            listener->onReply(reply.requestId, reply.name, reply.clientUuid, reply.serverUuid, data,
-                              reply.error);
-        });
+        callApplication(
+            [&] {
+                listener->onReply(reply.requestId, reply.name, reply.clientUuid, reply.serverUuid,
+                                  data, reply.error);
+            },
+            "Listener of a request of ", reply.name);
     }
     ListenerCall(ListenerCall const&) = delete;
     ListenerCall& operator=(ListenerCall const&) = delete;
@@ -180,6 +183,7 @@ ErrorCode RequestReplyClient::begin(Listener* listener, Request request,
         endRequest(ErrorCode::NONE, NO_DATA, none);
         throw;
     }
+    mqtt_.endpointReport().requestMade();
     return ErrorCode::PENDING;
 }
 
@@ -264,6 +268,11 @@ void RequestReplyClient::onMqttData(Reply const& reply, bool empty, int /*id*/) 
     if (!idle_ && reply.requestId == pending_.reply.requestId
         && reply.data == exchange_->expected) {
         endRequest(reply.error, pending_.reply.data, listenerCall);
+        if (reply.error != ErrorCode::TIMEOUT) {
+            mqtt_.endpointReport().requestReplied();
+        }
+    } else if (reply.error != ErrorCode::TIMEOUT) {
+        mqtt_.endpointReport().replyDropped(reply.name, reply.requestId);
     }
 }
 
@@ -271,6 +280,9 @@ void RequestReplyClient::endRequest(ErrorCode error, std::shared_ptr<RequestRepl
                                     ListenerCall& listenerCall) {
     idle_ = true;
     pending_.reply.error = error;
+    if (error == ErrorCode::TIMEOUT) {
+        mqtt_.endpointReport().requestTimedOut();
+    }
     exchange_->ended = true;
     exchange_->reply.error = error;
     exchange_->reply.data = data;

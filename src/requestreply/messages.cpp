@@ -3,6 +3,7 @@
 #include "requestreply/messages.hpp"
 
 #include "common/json_members.hpp"
+#include "common/log.hpp"
 
 #include <cstdint>
 #include <stdexcept>
@@ -47,11 +48,25 @@ bool hasMembers(Request const& message) {
     return typeid(data) != typeid(RequestReplyNoData);
 }
 
-void appendRest(Serializer& out, Request const& message) {
+/// The compiler cannot prevent a payload from closing the object of the whole message.
+void logBrokenDocument(std::string const& payload, Request const& message) {
+    try {
+        Deserializer(payload).getMember("$reqId");
+    } catch (std::exception const&) {
+        log(LogLevel::ERROR, "service ", message.name,
+            ": nobody can read a message, because its payload has broken the document: serialize() "
+            "only appends members, and does not call finalize()");
+    }
+}
+
+void appendRest(Serializer& out, std::string const& payload, Request const& message) {
     if (hasMembers(message)) {
         message.data->serialize(out);
     }
     out.finalize();
+    if (hasMembers(message) && isLogged(LogLevel::ERROR)) {
+        logBrokenDocument(payload, message);
+    }
 }
 
 } // namespace
@@ -82,7 +97,7 @@ void MqttData<Request>::serialize(Topic const& /*topic*/, std::string& payload,
                                   Request const& value) {
     Serializer out(payload);
     appendNumber(out, "$reqId", value.requestId);
-    appendRest(out, value);
+    appendRest(out, payload, value);
 }
 
 template <>
@@ -128,11 +143,11 @@ void MqttData<Reply>::serialize(Topic const& /*topic*/, std::string& payload, Re
     Serializer out(payload);
     appendNumber(out, "$reqId", value.requestId);
     appendNumber(out, "$err", static_cast<unsigned int>(value.error));
-    appendRest(out, value);
+    appendRest(out, payload, value);
 }
 
 template <>
-void MqttData<Reply>::deserialize(Topic const& /*topic*/, std::string const& payload, bool empty,
+void MqttData<Reply>::deserialize(Topic const& topic, std::string const& payload, bool empty,
                                   Reply& value) {
     if (empty) {
         return;
@@ -145,8 +160,12 @@ void MqttData<Reply>::deserialize(Topic const& /*topic*/, std::string const& pay
     if (hasMembers(value)) {
         try {
             value.data->deserialize(in);
-        } catch (std::exception const&) {
-            // A time-out reply has no payload, but its code must be delivered.
+        } catch (std::exception const& cause) {
+            // The reply to a request that failed has no payload, but its code must be delivered.
+            if (error == static_cast<unsigned char>(RequestReply::ErrorCode::SUCCESS)) {
+                log(LogLevel::ERROR, topic.text(),
+                    ": payload of the reply not read: ", cause.what());
+            }
         }
     }
     value.requestId = requestId;

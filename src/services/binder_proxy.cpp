@@ -12,7 +12,7 @@
 #include "mqtt/binder_proxy.hpp"
 
 #include "common/active_calls.hpp"
-#include "common/user_call.hpp"
+#include "common/application_call.hpp"
 #include "common/wait.hpp"
 #include "services/binder_phases.hpp"
 
@@ -29,6 +29,9 @@ using ErrorCode = RequestReply::ErrorCode;
 namespace {
 
 conv::SecondsDuration const SYNCHRONIZATION_TIMEOUT{30};
+
+/// In the log. The listener may destroy the object, so nothing of that is named.
+constexpr char LISTENER[] = "Listener of a binder";
 
 /// Between two attempts to stop a thread that is about to read the time.
 constexpr std::chrono::milliseconds STOP_PERIOD{1};
@@ -193,7 +196,7 @@ Binder::Error BinderMqttProxy::onBindReply(unsigned int phase, ErrorCode code, b
         return Binder::Error::NOT_SYNCHRONIZED;
     }
     auto const before = std::exchange(synchronizedBinding, {this, phase});
-    callUser([this] { onTimeSynchronized(); });
+    callApplication([this] { onTimeSynchronized(); }, LISTENER);
     synchronizedBinding = before;
     return Binder::Error::SUCCESS;
 }
@@ -235,7 +238,7 @@ void BinderMqttProxy::endBindingPhase(unsigned int phase, Binder::Error error) {
         phases_->endingThread = std::this_thread::get_id();
         phases_->isUnboundFirst = false;
     }
-    callUser([this, error] { endBinding(error); });
+    callApplication([this, error] { endBinding(error); }, LISTENER);
     if (call.isObjectAlive()) {
         phases_->setBindingEnded();
     }
@@ -335,7 +338,7 @@ void BinderMqttProxy::endUnbindingPhase(unsigned int phase, Binder::Error error)
     if (isUnbound) {
         stopTimeBase();
     }
-    callUser([this, error] { endUnbinding(error); });
+    callApplication([this, error] { endUnbinding(error); }, LISTENER);
 }
 
 /// After the end of a binding. A thread may be about to read the time for it: the time base is

@@ -9,8 +9,8 @@
 //   the next one. That needs no memory and no thread: the timer has its thread from the start.
 
 #include "common/active_calls.hpp"
+#include "common/application_call.hpp"
 #include "common/arm_timer.hpp"
-#include "common/user_call.hpp"
 #include "common/wait.hpp"
 #include "mqtt/time_base.hpp"
 #include "services/local_clock.hpp"
@@ -68,7 +68,8 @@ SynchronizedTimeBaseMqttProxy::SynchronizedTimeBaseMqttProxy(
     zym::common::SynchronizedTimeBaseProxy::Listener* listener)
     : zym::common::SynchronizedTimeBaseProxy(uuid, listener),
       // A derived clock may throw, and not every timer catches that.
-      timer_([this] { callUser([this] { onTimer(); }); }, INITIAL_PERIOD, false),
+      timer_([this] { callApplication([this] { onTimer(); }, "Clock of a time base"); },
+             INITIAL_PERIOD, false),
       requestClient_(client, topic, Topic(), TIME_SYNC_REQUEST_REPLY_NAME),
       calls_(std::make_shared<ActiveCalls>()),
       listenerCalls_(std::make_shared<ActiveCalls>()),
@@ -322,7 +323,7 @@ void SynchronizedTimeBaseMqttProxy::callListener(unsigned int run) {
         }
     }
     // The listener may destroy this object.
-    callUser([this] { notifyListener(); });
+    callApplication([this] { notifyListener(); }, "Listener of a time base");
 }
 
 void SynchronizedTimeBaseMqttProxy::onTimer() {

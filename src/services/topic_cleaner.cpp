@@ -5,6 +5,7 @@
 #include "mqtt/topic_cleaner.hpp"
 
 #include "common/active_calls.hpp"
+#include "common/application_call.hpp"
 #include "common/arm_timer.hpp"
 #include "common/user_call.hpp"
 #include "common/wait.hpp"
@@ -20,6 +21,7 @@ using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
 conv::SecondsDuration const BROKER_TIMEOUT{5};
+constexpr char LISTENER[] = "Listener of a topic cleaner"; ///< in the log
 
 } // namespace
 
@@ -132,7 +134,8 @@ void TopicCleaner::handleTasksExpiration() {
         lock.unlock();
         ended.clear();
         if (listener_ != nullptr && !terminated_) {
-            callUser([&] { listener_->onTopicCleaned(topic); });
+            callApplication([&] { listener_->onTopicCleaned(topic); }, LISTENER, ", ",
+                            topic.text());
         }
         if (!call.isObjectAlive()) {
             return;
@@ -149,7 +152,7 @@ void TopicCleaner::handleTasksExpiration() {
     }
     lock.unlock();
     if (listener_ != nullptr && !terminated_) {
-        callUser([&] { listener_->onAllTopicsCleaned(); });
+        callApplication([&] { listener_->onAllTopicsCleaned(); }, LISTENER);
     }
     if (!call.isObjectAlive()) {
         return;

@@ -2,9 +2,9 @@
 
 #include "event_recorder.hpp"
 
-#include "support/broker.hpp"
-#include "support/raw_peer.hpp"
-#include "support/test_client.hpp"
+#include "mqtt/test/broker.hpp"
+#include "mqtt/test/raw_peer.hpp"
+#include "mqtt/test/test_client.hpp"
 
 #include <mqtt/service_discoverer.hpp>
 #include <zym/common/timer.hpp>
@@ -50,7 +50,7 @@ struct SharedDevice {
         echo.subscribe(&events, Uuid::NIL, std::make_shared<NumberData>());
         bind.subscribe(&events, id, std::make_shared<mqtt::BindRequestData>());
         unbind.subscribe(&events, id, nullptr);
-        support::RawPeer peer(broker);
+        mqtt::test::RawPeer peer(broker);
         peer.publish("far/links",
                      R"({"members@count": 2, "members": [{"@id": "far/one"}, {"@id": "far/two"}]})",
                      2, true);
@@ -60,10 +60,10 @@ struct SharedDevice {
         client->publishWait("far/ready", "", 1, false, TIMEOUT_S);
     }
 
-    zym::common::Uuid const id = support::uniqueId();
-    support::Broker broker{support::BrokerOptions{true, false, false, {}}};
+    zym::common::Uuid const id = mqtt::test::uniqueId();
+    mqtt::test::Broker broker{mqtt::test::BrokerOptions{true, false, false, {}}};
     EventRecorder events;
-    std::unique_ptr<mqtt::MqttClient> client = support::testClient(broker);
+    std::unique_ptr<mqtt::MqttClient> client = mqtt::test::testClient(broker);
     mqtt::RequestReplyServer echo{*client, "far", "", "echo"};
     mqtt::RequestReplyServer bind{*client, "far", "", "bind"};
     mqtt::RequestReplyServer unbind{*client, "far", "", "unbind"};
@@ -116,7 +116,7 @@ struct Objects {
     std::unique_ptr<mqtt::MqttClient> const& client;
     std::string const root;
     EventRecorder& events;
-    zym::common::Uuid const id = support::uniqueId();
+    zym::common::Uuid const id = mqtt::test::uniqueId();
     std::unique_ptr<mqtt::MqttData<mqtt::Link>> endpoint =
         std::make_unique<mqtt::MqttData<mqtt::Link>>(*client, root + "/value");
     std::unique_ptr<mqtt::RequestReplyClient> requester = requesterOf("echo");
@@ -131,7 +131,8 @@ struct Objects {
         std::make_unique<mqtt::ServiceDiscovererMqtt>(*client, "far/links");
     std::future<bool> discovery{};
     std::unique_ptr<mqtt::TopicCleaner> cleaner = std::make_unique<mqtt::TopicCleaner>(
-        &events, id, device().broker.host(), device().broker.port());
+        &events, id, device().broker.host(), device().broker.port(),
+        device().broker.connectionOptions());
     std::unique_ptr<zym::common::Timer> timer = std::make_unique<zym::common::Timer>(
         [this] { events.record("timer"); }, std::chrono::hours(1), true);
     std::atomic<int> timeReads{0}; ///< of the shared device's time base, as of an earlier moment
@@ -177,7 +178,7 @@ public:
     /// Connects the client if it is not, and destroys it: the broker publishes its will.
     void destroyConnectedClient() {
         client->connect("", -1, TIMEOUT_S);
-        EXPECT_TRUE(support::becomesConnected(*client));
+        EXPECT_TRUE(mqtt::test::becomesConnected(*client));
         destroyClient();
     }
     /// With all that use it.
@@ -188,7 +189,7 @@ public:
     }
     /// Publishes a request as another client would, and returns when it was handled.
     void sendRequest(std::string const& to) {
-        publish(to + "/" + support::uniqueId().base64URL(),
+        publish(to + "/" + mqtt::test::uniqueId().base64URL(),
                 R"({"$reqId": 1, "number": 7, "client": 1.5})");
         flush();
     }
@@ -198,11 +199,11 @@ public:
     Verdict verdict = Verdict::WORKS;
     std::uint32_t timeoutS = HOUR_S; ///< of operations that wait
     std::atomic<int> topicsToClean{0};
-    support::RawPeer peer{device().broker};
+    mqtt::test::RawPeer peer{device().broker};
     EventRecorder events;
     EventRecorder callersEvents;
     EventRecorder flushEvents;
-    std::unique_ptr<mqtt::MqttClient> client = support::testClient(device().broker);
+    std::unique_ptr<mqtt::MqttClient> client = mqtt::test::testClient(device().broker);
     std::unique_ptr<mqtt::MqttClient> another;
     Objects objects{client, root, events};
     Objects callers{client, root + "/callers", callersEvents};

@@ -17,13 +17,13 @@ bool reachesPeer(Test& t) {
 }
 
 bool isConnected(Test& t) {
-    bool const connected = support::becomesConnected(*t.client);
+    bool const connected = mqtt::test::becomesConnected(*t.client);
     t.flush();
     return connected;
 }
 
 bool isDisconnected(Test& t) {
-    return support::eventually(
+    return mqtt::test::eventually(
         [&] { return t.client->communicationState() == conv::ComState::DISCONNECTED; });
 }
 

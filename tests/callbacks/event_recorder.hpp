@@ -1,7 +1,7 @@
 #pragma once
 
+#include "mqtt/test/recorder.hpp"
 #include "requestreply/sample_data.hpp"
-#include "support/recorder.hpp"
 
 #include <mqtt/binder_proxy.hpp>
 #include <mqtt/link.hpp>
@@ -16,7 +16,7 @@
 /// A listener of every kind that records its calls as short texts: "message a/b", "value x",
 /// "state 2", "request", "reply 1", "synchronized", "bound 0", "unbound 0", "cleaned a/b",
 /// "all cleaned", "timer". Declare it before the clients.
-class EventRecorder final : public support::Recording<std::string, std::string const&>,
+class EventRecorder final : public mqtt::test::Recording<std::string, std::string const&>,
                             public mqtt::MqttClient::Subscriber,
                             public mqtt::MqttClient::Listener,
                             public mqtt::MqttData<mqtt::Link>::Subscriber,

@@ -104,7 +104,7 @@ public:
         }
         // After a refusal or a wait in vain the client goes on.
         if (verdict_ != Verdict::WORKS && operation_.name != "MqttClient/disconnect") {
-            EXPECT_TRUE(support::becomesConnected(*test.client));
+            EXPECT_TRUE(mqtt::test::becomesConnected(*test.client));
             test.flush();
         }
     }
@@ -128,7 +128,7 @@ private:
         } else {
             callback_.provoke(test, objects);
         }
-        ASSERT_TRUE(called_.waitFor(support::isSet));
+        ASSERT_TRUE(called_.waitFor(mqtt::test::isSet));
     }
 
     static void provokeDisconnection(CallbackTest& test, Objects& objects) {
@@ -138,7 +138,7 @@ private:
     }
 
     static void provokeOtherMessage(CallbackTest& test, Objects& objects) {
-        test.another = support::testClient(device().broker);
+        test.another = mqtt::test::testClient(device().broker);
         EXPECT_EQ(test.another->subscribe(test.topic("go"), &objects.events, 0), Error::SUCCESS);
         EXPECT_EQ(test.another->publish(test.topic("go"), "now", 0, false), Error::SUCCESS);
     }
@@ -169,7 +169,7 @@ private:
     Verdict const verdict_;
     bool const disconnected_; ///< the operation needs a client that is disconnected
     std::atomic<bool> begun_{false};
-    support::Watched<bool> called_;
+    mqtt::test::Watched<bool> called_;
 };
 
 /// What the cell of the table promises; none where the operation must not be called.

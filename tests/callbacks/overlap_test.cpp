@@ -84,7 +84,7 @@ protected:
     }
     void start(std::function<void()> const& calls) {
         threads_.emplace_back([this, calls] {
-            begin_.waitFor(support::isSet);
+            begin_.waitFor(mqtt::test::isSet);
             calls();
         });
     }
@@ -127,7 +127,7 @@ protected:
     CallbackTest t;
 
 private:
-    support::Watched<bool> begin_;
+    mqtt::test::Watched<bool> begin_;
     std::vector<std::thread> threads_;
 };
 
@@ -140,14 +140,14 @@ TEST_P(AllAtOnce, EveryOperationOverlapsWithEveryOther) {
     callAllOperations();
     t.client->resume();
     // Until the worker has carried out the last `giveUp`, a client refuses to connect.
-    ASSERT_TRUE(support::eventually([&] {
+    ASSERT_TRUE(mqtt::test::eventually([&] {
         t.client->connect("", -1, TIMEOUT_S);
         return t.client->communicationState() == conv::ComState::CONNECTED;
     }));
     t.flush();
     t.events.clear();
     if (works) {
-        EXPECT_TRUE(support::eventually([&] {
+        EXPECT_TRUE(mqtt::test::eventually([&] {
             find(GetParam().reset)->call(t);
             return works->call(t) == Outcome::SUCCESS;
         }));

@@ -57,7 +57,7 @@ void noteTimeReads(Test& t) {
 }
 
 bool readsTime(Test& t) {
-    return support::eventually([&] { return device().timeBase.reads > t.objects.timeReads; });
+    return mqtt::test::eventually([&] { return device().timeBase.reads > t.objects.timeReads; });
 }
 
 bool cannotSynchronize(Test& t) {
@@ -107,7 +107,7 @@ void beginToDiscover(Test& t) {
     t.objects.discovery = std::async(std::launch::async, [&discoverer] {
         return discoverer.discoverSync(conv::SecondsDuration::NO_TIMEOUT, true);
     });
-    EXPECT_TRUE(support::eventually([&] { return discoverer.entities().size() == 1; }));
+    EXPECT_TRUE(mqtt::test::eventually([&] { return discoverer.entities().size() == 1; }));
 }
 
 bool endsDiscovery(Test& t) {

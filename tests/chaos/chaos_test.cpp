@@ -3,7 +3,7 @@
 #include "chaos/faults.hpp"
 #include "chaos/workload.hpp"
 
-#include "support/eventually.hpp"
+#include "mqtt/test/eventually.hpp"
 #include "support/timeout_factor.hpp"
 #include "support/watchdog.hpp"
 
@@ -110,7 +110,7 @@ protected:
 
     /// A thread that was joined may still be visible for a moment.
     static Resources resourcesAfter(std::size_t threads) {
-        support::eventually([&] { return Resources().threads <= threads; });
+        mqtt::test::eventually([&] { return Resources().threads <= threads; });
         return {};
     }
 

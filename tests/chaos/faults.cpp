@@ -1,18 +1,18 @@
 #include "chaos/faults.hpp"
 
-#include "support/eventually.hpp"
+#include "mqtt/test/eventually.hpp"
 
 namespace chaos {
 
 namespace {
 
-using support::CutProxy;
+using mqtt::test::CutProxy;
 using Clock = std::chrono::steady_clock;
 
 /// Only the length of a fault is a matter of time: the workers go on meanwhile.
 void wait(Random& random, int fromMs, int toMs) {
-    support::eventually([] { return false; },
-                        std::chrono::milliseconds(random.between(fromMs, toMs)));
+    mqtt::test::eventually([] { return false; },
+                           std::chrono::milliseconds(random.between(fromMs, toMs)));
 }
 
 CutProxy::Direction anyDirection(Random& random) {

@@ -20,7 +20,7 @@ class NumberSequence {
 public:
     /// @param topic no other sequence has it
     /// @param proxy between its publisher and the broker
-    NumberSequence(std::string topic, Delivery delivery, support::CutProxy const& proxy)
+    NumberSequence(std::string topic, Delivery delivery, mqtt::test::CutProxy const& proxy)
         : topic_(std::move(topic)), delivery_(delivery), proxy_(proxy) {}
 
     std::string const& topic() const { return topic_; }
@@ -48,7 +48,7 @@ public:
 private:
     std::string const topic_;
     Delivery const delivery_;
-    support::CutProxy const& proxy_;
+    mqtt::test::CutProxy const& proxy_;
     std::atomic<std::uint64_t> published_{0};
     std::atomic<std::uint64_t> arrived_{0};
     std::atomic<std::uint64_t> publishedAtLoss_{0};

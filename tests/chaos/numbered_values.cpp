@@ -1,7 +1,7 @@
 #include "chaos/number_sequence.hpp"
 #include "chaos/workload.hpp"
 
-#include "support/raw_peer.hpp"
+#include "mqtt/test/raw_peer.hpp"
 
 #include <algorithm>
 #include <cstdlib>
@@ -105,7 +105,9 @@ public:
                  std::vector<NumberSequence*> const& sequences)
         : name(options.name), testBed_(testBed), options_(options) {
         int const port = options.direct ? testBed.broker.port() : testBed.newProxy();
-        client_ = support::testClient(testBed.broker.host(), port, {options.persistent, false});
+        client_ = mqtt::test::testClient(testBed.broker.host(), port,
+                                         {options.persistent, false, zym::common::Uuid::NIL,
+                                          testBed.broker.connectionOptions()});
         client_->registerListener(this);
         for (NumberSequence* const sequence : sequences) {
             checkers_.emplace_back(*sequence, testBed.report, name,
@@ -205,7 +207,7 @@ private:
         auto const check = [this](auto const& all) {
             for (auto const& one : all) {
                 testBed_.report.check(
-                    support::eventually([&] { return one->connected(); }, END_DEADLINE),
+                    mqtt::test::eventually([&] { return one->connected(); }, END_DEADLINE),
                     one->name + ": does not get connected any more");
             }
         };
@@ -221,8 +223,8 @@ private:
             for (Publisher* const publisher : publishers_) {
                 publisher->publishOnce();
             }
-            if (support::eventually([&] { return missingTopics().empty(); },
-                                    std::chrono::seconds(2))) {
+            if (mqtt::test::eventually([&] { return missingTopics().empty(); },
+                                       std::chrono::seconds(2))) {
                 return;
             }
         } while (std::chrono::steady_clock::now() < end);
@@ -241,7 +243,8 @@ private:
     void checkRetainedValues() {
         for (NumberSequence const* const sequence : sequences_) {
             if (sequence->delivery().retained) {
-                auto const found = support::allRetained(testBed_.broker, sequence->topic() + "/#");
+                auto const found =
+                    mqtt::test::allRetained(testBed_.broker, sequence->topic() + "/#");
                 testBed_.report.check(
                     found.size() == 1 && numberIn(found[0].payload) == sequence->published(),
                     sequence->topic() + ": the retained value is not the last one");

@@ -42,7 +42,7 @@ public:
                               nullptr, 1);
     }
 
-    support::Watched<End> end;
+    mqtt::test::Watched<End> end;
 
 private:
     void onReply(unsigned int, std::string const&, Uuid const&, Uuid const&,
@@ -145,7 +145,7 @@ private:
         }
     }
 
-    Uuid const id_ = support::uniqueId();
+    Uuid const id_ = mqtt::test::uniqueId();
     unsigned int number_;
     std::deque<RequestListener> listeners_;
     std::unique_ptr<mqtt::MqttClient> client_;
@@ -160,8 +160,9 @@ public:
 
 private:
     bool step() override {
-        mqtt::MqttClient client(support::uniqueId(), random.percent(30), "short-lived",
-                                testBed.broker.host(), port_, true);
+        mqtt::MqttClient client(mqtt::test::uniqueId(), random.percent(30), "short-lived",
+                                testBed.broker.host(), port_, true,
+                                testBed.broker.connectionOptions());
         count("clients made and destroyed");
         static_cast<void>(client.subscribe("chaos/#", this, 0));
         mqtt::MqttData<conv::ServiceStatus> endpoint(client, "chaos/short-lived");
@@ -181,7 +182,7 @@ private:
         RequestListener listener;
         {
             mqtt::RequestReplyClient requests(client, TOPIC, SUBTOPIC, SERVICE);
-            auto const result = listener.request(requests, support::uniqueId(), 0);
+            auto const result = listener.request(requests, mqtt::test::uniqueId(), 0);
             check(result == ErrorCode::PENDING, "a request is not made");
             wait(0, 10);
         }

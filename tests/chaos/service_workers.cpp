@@ -1,6 +1,6 @@
 #include "chaos/workload.hpp"
 
-#include "support/raw_peer.hpp"
+#include "mqtt/test/raw_peer.hpp"
 
 #include <mqtt/binder_proxy.hpp>
 #include <mqtt/payloads.hpp>
@@ -98,9 +98,9 @@ private:
         unbound_.change([](int& calls) { ++calls; });
     }
 
-    Uuid const id_ = support::uniqueId();
-    support::Watched<int> bound_; ///< calls of the listener
-    support::Watched<int> unbound_;
+    Uuid const id_ = mqtt::test::uniqueId();
+    mqtt::test::Watched<int> bound_; ///< calls of the listener
+    mqtt::test::Watched<int> unbound_;
     std::unique_ptr<mqtt::MqttClient> client_;
     mqtt::BinderMqttProxy binder_{*client_, SERVER_TOPIC, "", id_, "chaos/bound", this};
 };
@@ -179,9 +179,9 @@ public:
     void verify() override {
         auto const isClean = [this] {
             clean();
-            return support::allRetained(testBed.broker, CLEANED_TOPIC + "#").empty();
+            return mqtt::test::allRetained(testBed.broker, CLEANED_TOPIC + "#").empty();
         };
-        check(support::eventually(isClean, END_DEADLINE), "cannot clean any more");
+        check(mqtt::test::eventually(isClean, END_DEADLINE), "cannot clean any more");
     }
 
 private:
@@ -198,8 +198,8 @@ private:
         allCleaned_ = 0;
         bool done = false;
         {
-            mqtt::TopicCleaner cleaner(this, support::uniqueId(), testBed.broker.host(),
-                                       cleanersPort_);
+            mqtt::TopicCleaner cleaner(this, mqtt::test::uniqueId(), testBed.broker.host(),
+                                       cleanersPort_, testBed.broker.connectionOptions());
             cleaner.clean(CLEANED_TOPIC + "#", std::chrono::seconds(1));
             // Some cleaners are destroyed while they work.
             if (random.percent(80)) {

@@ -1,8 +1,8 @@
 #pragma once
 
-#include "support/broker.hpp"
-#include "support/cut_proxy.hpp"
-#include "support/test_client.hpp"
+#include "mqtt/test/broker.hpp"
+#include "mqtt/test/cut_proxy.hpp"
+#include "mqtt/test/test_client.hpp"
 #include "support/timeout_factor.hpp"
 
 #include <atomic>
@@ -82,24 +82,25 @@ struct TestBed {
 
     /// The port of a new proxy to the broker.
     int newProxy() {
-        proxies.push_back(std::make_unique<support::CutProxy>(broker.port()));
+        proxies.push_back(std::make_unique<mqtt::test::CutProxy>(broker.port()));
         return proxies.back()->port();
     }
     /// A client over a proxy of its own.
-    std::unique_ptr<mqtt::MqttClient> newClient(support::ClientOptions const& options = {}) {
-        return support::testClient(broker.host(), newProxy(), options);
+    std::unique_ptr<mqtt::MqttClient> newClient(mqtt::test::ClientOptions options = {}) {
+        options.connection = broker.connectionOptions();
+        return mqtt::test::testClient(broker.host(), newProxy(), options);
     }
 
     std::uint64_t const seed;
     Report& report;
-    support::Broker broker;
-    std::vector<std::unique_ptr<support::CutProxy>> proxies;
+    mqtt::test::Broker broker;
+    std::vector<std::unique_ptr<mqtt::test::CutProxy>> proxies;
     std::atomic<bool> brokerIsKilled{false}; ///< the faults under way include kills of the broker
 
 private:
     /// The broker drops nothing for a slow client, and does not log each packet.
-    static support::BrokerOptions brokerOptions() {
-        support::BrokerOptions options;
+    static mqtt::test::BrokerOptions brokerOptions() {
+        mqtt::test::BrokerOptions options;
         options.extraLines = {"max_queued_messages 0", "log_type none", "log_type error",
                               "log_type warning"};
         return options;

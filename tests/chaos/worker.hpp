@@ -2,7 +2,7 @@
 
 #include "chaos/test_bed.hpp"
 
-#include "support/watched.hpp"
+#include "mqtt/test/watched.hpp"
 
 #include <string>
 #include <thread>
@@ -40,7 +40,7 @@ public:
     }
     /// Checks that it still works, while it is paused and there are no faults.
     virtual void verify() {
-        check(support::eventually([this] { return step(); }, END_DEADLINE), "no longer works");
+        check(mqtt::test::eventually([this] { return step(); }, END_DEADLINE), "no longer works");
     }
 
     std::string const name;
@@ -91,7 +91,7 @@ private:
     }
 
     int const maxPauseMs_; ///< between two steps
-    support::Watched<State> state_;
+    mqtt::test::Watched<State> state_;
     std::thread thread_;
 };
 

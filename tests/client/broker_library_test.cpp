@@ -21,7 +21,7 @@ protected:
     static std::string failureWith(StandIn::Version version) {
         StandIn::setLibraryVersion(version);
         try {
-            mqtt::MqttClient(support::uniqueId(), false, "", "host", 1883, false);
+            mqtt::MqttClient(mqtt::test::uniqueId(), false, "", "host", 1883, false);
         } catch (std::runtime_error const& error) {
             return error.what();
         }
@@ -69,7 +69,7 @@ TEST_F(AClientMade, MakesTheProcessIgnoreBrokenPipesUnlessItHandlesThem) {
 
 TEST_F(AClientMade, FindsTheLibraryInitialisedOnce) {
     for (int i = 0; i < 3; ++i) {
-        mqtt::MqttClient const client(support::uniqueId(), false, "", "host", 1883, false);
+        mqtt::MqttClient const client(mqtt::test::uniqueId(), false, "", "host", 1883, false);
         EXPECT_EQ(StandIn::last()->initialisations(), 1) << i;
     }
 }

@@ -1,9 +1,9 @@
 #pragma once
 
-#include "support/broker.hpp"
-#include "support/raw_peer.hpp"
-#include "support/recorder.hpp"
-#include "support/test_client.hpp"
+#include "mqtt/test/broker.hpp"
+#include "mqtt/test/raw_peer.hpp"
+#include "mqtt/test/recorder.hpp"
+#include "mqtt/test/test_client.hpp"
 
 #include <mqtt/client.hpp>
 
@@ -22,9 +22,9 @@ protected:
     AClientAtABroker() { peer_.subscribe("#"); }
 
     std::unique_ptr<mqtt::MqttClient> idleClient() const {
-        support::ClientOptions options;
+        mqtt::test::ClientOptions options;
         options.connect = false;
-        return support::testClient(broker_, options);
+        return mqtt::test::testClient(broker_, options);
     }
 
     void connect() { ASSERT_EQ(client_->connect("", -1, WAIT_SECONDS), Error::SUCCESS); }
@@ -39,9 +39,9 @@ protected:
         return result;
     }
 
-    support::Broker broker_;
-    support::RawPeer peer_{broker_};
-    support::MessageRecorder subscriber_;
-    support::StateRecorder states_;
+    mqtt::test::Broker broker_;
+    mqtt::test::RawPeer peer_{broker_};
+    mqtt::test::MessageRecorder subscriber_;
+    mqtt::test::StateRecorder states_;
     std::unique_ptr<mqtt::MqttClient> client_ = idleClient();
 };

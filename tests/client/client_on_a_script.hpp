@@ -1,9 +1,9 @@
 #pragma once
 
 #include "mqtt/mosquittopp.hpp"
-#include "support/recorder.hpp"
+#include "mqtt/test/recorder.hpp"
+#include "mqtt/test/test_client.hpp"
 #include "support/stand_in/stand_in.hpp"
-#include "support/test_client.hpp"
 
 #include <gtest/gtest.h>
 
@@ -22,9 +22,9 @@ protected:
     AClientOnAScript() { client_->registerListener(&states_); }
 
     static std::unique_ptr<mqtt::MqttClient> idleClient() {
-        support::ClientOptions options;
+        mqtt::test::ClientOptions options;
         options.connect = false;
-        return support::testClient("host", 1883, options);
+        return mqtt::test::testClient("host", 1883, options);
     }
 
     void connect() {
@@ -45,7 +45,7 @@ protected:
     void reconnect() {
         auto const before = connections();
         script_->loseConnection();
-        ASSERT_TRUE(support::eventually([&] { return connections() > before; }));
+        ASSERT_TRUE(mqtt::test::eventually([&] { return connections() > before; }));
     }
 
     /// Returns when the network step under way and what it has led to are over.
@@ -78,8 +78,8 @@ protected:
         return result;
     }
 
-    support::StateRecorder states_;
-    support::MessageRecorder subscriber_;
+    mqtt::test::StateRecorder states_;
+    mqtt::test::MessageRecorder subscriber_;
     std::unique_ptr<mqtt::MqttClient> client_ = idleClient();
     std::shared_ptr<support::StandIn> script_ = support::StandIn::last();
 };

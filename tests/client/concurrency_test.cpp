@@ -2,10 +2,10 @@
 // than the assertions do.
 
 #include "client/flood.hpp"
-#include "support/broker.hpp"
-#include "support/raw_peer.hpp"
-#include "support/recorder.hpp"
-#include "support/test_client.hpp"
+#include "mqtt/test/broker.hpp"
+#include "mqtt/test/raw_peer.hpp"
+#include "mqtt/test/recorder.hpp"
+#include "mqtt/test/test_client.hpp"
 #include "support/timeout_factor.hpp"
 
 #include <gtest/gtest.h>
@@ -38,7 +38,7 @@ int makeAndDestroySubscribers(Client& client, unsigned seed) {
         std::atomic<int> calls{0};
         std::atomic<int> lateCalls{0};
         {
-            support::MessageRecorder subscriber([&](auto&&...) {
+            mqtt::test::MessageRecorder subscriber([&](auto&&...) {
                 std::this_thread::yield();
                 ++(isReleased ? lateCalls : calls);
             });
@@ -47,7 +47,7 @@ int makeAndDestroySubscribers(Client& client, unsigned seed) {
                           Error::SUCCESS);
             }
             if (round % 8 == 0) {
-                EXPECT_TRUE(support::eventually([&] { return calls > 0; }));
+                EXPECT_TRUE(mqtt::test::eventually([&] { return calls > 0; }));
             }
             client.unsubscribe(topics[random() % topics.size()], &subscriber);
             client.release(&subscriber);
@@ -62,9 +62,9 @@ int makeAndDestroySubscribers(Client& client, unsigned seed) {
 }
 
 TEST(Subscribers, ComeAndGoWhileMessagesArrive) {
-    support::Broker broker;
-    support::MessageRecorder permanent;
-    auto const client = support::testClient(broker);
+    mqtt::test::Broker broker;
+    mqtt::test::MessageRecorder permanent;
+    auto const client = mqtt::test::testClient(broker);
     ASSERT_EQ(client->subscribe("other/#", &permanent, 0), Error::SUCCESS);
     std::atomic<int> called{0};
     {
@@ -78,7 +78,7 @@ TEST(Subscribers, ComeAndGoWhileMessagesArrive) {
         }
     }
     EXPECT_GT(called, 0);
-    support::RawPeer(broker).publish("other/a", "still there");
+    mqtt::test::RawPeer(broker).publish("other/a", "still there");
     EXPECT_TRUE(permanent.waitForPayload("still there"));
 }
 

@@ -1,9 +1,9 @@
 #include "client/socket/connect_break.hpp"
 
-#include "support/eventually.hpp"
-#include "support/file_descriptor.hpp"
+#include "mqtt/test/eventually.hpp"
+#include "net/file_descriptor.hpp"
+#include "net/socket.hpp"
 #include "support/scripted_server.hpp"
-#include "support/socket.hpp"
 
 #include <gtest/gtest.h>
 
@@ -37,7 +37,7 @@ public:
 
     /// Waits until the thread is blocked in this system call.
     bool isBlockedIn(long systemCall) const {
-        return support::eventually([&] {
+        return mqtt::test::eventually([&] {
             std::ifstream file("/proc/self/task/" + std::to_string(id_) + "/syscall");
             long current = -1;
             return file >> current && current == systemCall;
@@ -46,7 +46,7 @@ public:
     bool isDone() const { return done_; }
     void breakConnect() const { mqtt::breakConnect(id_); }
     bool endsWhenBroken() const {
-        return support::eventually([this] {
+        return mqtt::test::eventually([this] {
             breakConnect();
             return isDone();
         });
@@ -59,7 +59,7 @@ private:
 };
 
 void connectTo(int port) {
-    support::FileDescriptor const socket(::socket(AF_INET, SOCK_STREAM, 0));
+    mqtt::test::FileDescriptor const socket(::socket(AF_INET, SOCK_STREAM, 0));
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -78,7 +78,7 @@ TEST(AConnect, ThatWaitsForAnAnswerIsBrokenAndThatOfAnotherThreadIsNot) {
 }
 
 TEST(AThreadThatReads, IsLeftAlone) {
-    support::TcpPair const pair;
+    mqtt::test::TcpPair const pair;
     char byte = '-';
     {
         SocketThread const reader([&] { EXPECT_EQ(::read(pair.near.get(), &byte, 1), 1); });

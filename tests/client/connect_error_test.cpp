@@ -1,7 +1,7 @@
 #include "client/socket/connect_error.hpp"
 
+#include "mqtt/test/temp_dir.hpp"
 #include "support/scripted_server.hpp"
-#include "support/temp_dir.hpp"
 
 #include <gtest/gtest.h>
 
@@ -15,8 +15,8 @@ constexpr std::chrono::minutes LONG_TIME{1};
 constexpr std::chrono::milliseconds SHORT_TIME{50};
 
 TEST(AConnectError, IsTheReasonOfTheSystem) {
-    support::TempDir const directory;
-    support::PortLease const unused;
+    mqtt::test::TempDir const directory;
+    mqtt::test::PortLease const unused;
     EXPECT_EQ(mqtt::connectError("127.0.0.1", unused.port(), LONG_TIME), ECONNREFUSED);
     EXPECT_EQ(mqtt::connectError(directory.file("missing").c_str(), 0, LONG_TIME), ENOENT);
 }

@@ -2,11 +2,11 @@
 
 #include "mqtt/client.hpp"
 
-#include "support/broker.hpp"
-#include "support/port_lease.hpp"
-#include "support/raw_peer.hpp"
-#include "support/recorder.hpp"
-#include "support/test_client.hpp"
+#include "mqtt/test/broker.hpp"
+#include "mqtt/test/port_lease.hpp"
+#include "mqtt/test/raw_peer.hpp"
+#include "mqtt/test/recorder.hpp"
+#include "mqtt/test/test_client.hpp"
 
 #include <gmock/gmock.h>
 
@@ -17,8 +17,8 @@ namespace {
 
 using conv::ComState;
 using mqtt::MqttClient;
-using support::Broker;
-using support::Delivery;
+using mqtt::test::Broker;
+using mqtt::test::Delivery;
 using Error = MqttClient::Error;
 
 constexpr unsigned WAIT_SECONDS = 30;
@@ -33,9 +33,10 @@ class AClient : public testing::Test {
 protected:
     AClient() { client_.registerListener(&states_); }
 
-    support::StateRecorder states_;
+    mqtt::test::StateRecorder states_;
     Broker broker_;
-    MqttClient client_{support::uniqueId(), false, "", broker_.host(), broker_.port(), false};
+    MqttClient client_{mqtt::test::uniqueId(),     false, "", broker_.host(), broker_.port(), false,
+                       broker_.connectionOptions()};
 };
 
 TEST_F(AClient, IsConnectedByACallAndByNoSecondOne) {
@@ -56,7 +57,7 @@ TEST_F(AClient, RefusesAPortOutOfRangeAndChangesNothing) {
     EXPECT_EQ(client_.connect("", 65536 + broker_.port(), WAIT_SECONDS), Error::INVALID_PARAMETER);
     EXPECT_THAT(states_.history(), testing::IsEmpty());
     EXPECT_EQ(client_.connect("", -1, WAIT_SECONDS), Error::SUCCESS);
-    MqttClient madeWithABadPort(support::uniqueId(), false, "", "127.0.0.1", -1, false);
+    MqttClient madeWithABadPort(mqtt::test::uniqueId(), false, "", "127.0.0.1", -1, false);
     EXPECT_EQ(madeWithABadPort.connect("", -1, WAIT_SECONDS), Error::INVALID_PARAMETER);
     EXPECT_EQ(madeWithABadPort.communicationState(), ComState::DISCONNECTED);
 }
@@ -65,7 +66,7 @@ TEST_F(AClient, HasNoTrafficWhilePaused) {
     ASSERT_EQ(client_.connect("", -1, WAIT_SECONDS), Error::SUCCESS);
     client_.pause();
     // The network step under way may still carry a message.
-    ASSERT_TRUE(support::eventually(
+    ASSERT_TRUE(mqtt::test::eventually(
         [&] { return client_.publishWait("a", "x", 1, false, 1) == Error::TIMEOUT; }));
     EXPECT_EQ(client_.publishWait("a", "y", 1, false, 1), Error::TIMEOUT);
     client_.resume();
@@ -73,14 +74,15 @@ TEST_F(AClient, HasNoTrafficWhilePaused) {
 }
 
 TEST_F(AClient, MadeToConnectIsConnectedOrGoesOnTrying) {
-    MqttClient const connected(support::uniqueId(), false, "", broker_.host(), broker_.port(),
-                               true);
+    MqttClient const connected(mqtt::test::uniqueId(), false, "", broker_.host(), broker_.port(),
+                               true, broker_.connectionOptions());
     EXPECT_EQ(connected.communicationState(), ComState::CONNECTED);
     broker_.kill();
-    MqttClient const trying(support::uniqueId(), false, "", broker_.host(), broker_.port(), true);
+    MqttClient const trying(mqtt::test::uniqueId(), false, "", broker_.host(), broker_.port(), true,
+                            broker_.connectionOptions());
     EXPECT_EQ(trying.communicationState(), ComState::CONNECTING);
     broker_.start();
-    EXPECT_TRUE(support::becomesConnected(trying));
+    EXPECT_TRUE(mqtt::test::becomesConnected(trying));
 }
 
 class AClientWhoseBrokerDies : public testing::TestWithParam<bool> {};
@@ -90,11 +92,12 @@ INSTANTIATE_TEST_SUITE_P(WithASession, AClientWhoseBrokerDies, testing::Bool(),
                          });
 
 TEST_P(AClientWhoseBrokerDies, FindsItAgainAndReceivesFromIt) {
-    support::PortLease const elsewhere; // not where it was connected last
+    mqtt::test::PortLease const elsewhere; // not where it was connected last
     Broker broker;
-    support::MessageRecorder recorder;
-    support::StateRecorder states;
-    MqttClient client(support::uniqueId(), GetParam(), "", "127.0.0.1", elsewhere.port(), false);
+    mqtt::test::MessageRecorder recorder;
+    mqtt::test::StateRecorder states;
+    MqttClient client(mqtt::test::uniqueId(), GetParam(), "", "127.0.0.1", elsewhere.port(), false,
+                      broker.connectionOptions());
     client.registerListener(&states);
     ASSERT_EQ(client.connect(broker.host(), broker.port(), WAIT_SECONDS), Error::SUCCESS);
     ASSERT_EQ(client.subscribe("a/+", &recorder, 8), Error::SUCCESS);
@@ -105,7 +108,7 @@ TEST_P(AClientWhoseBrokerDies, FindsItAgainAndReceivesFromIt) {
         broker.start();
         ASSERT_TRUE(states.waitFor(ComState::CONNECTED));
         ASSERT_EQ(client.publishWait("reached", "", 1, false, WAIT_SECONDS), Error::SUCCESS);
-        support::RawPeer peer(broker);
+        mqtt::test::RawPeer peer(broker);
         recorder.clear();
         peer.publish("a/b", round);
         peer.publish("b" + round, "new");
@@ -116,17 +119,17 @@ TEST_P(AClientWhoseBrokerDies, FindsItAgainAndReceivesFromIt) {
 }
 
 TEST(AClientOfAUnixSocket, ConnectsWithPortZero) {
-    support::BrokerOptions options;
+    mqtt::test::BrokerOptions options;
     options.unixSocket = true;
     Broker broker(options);
-    MqttClient client(support::uniqueId(), false, "", broker.socketPath(), 0, false);
+    MqttClient client(mqtt::test::uniqueId(), false, "", broker.socketPath(), 0, false);
     EXPECT_EQ(client.connect("", -1, WAIT_SECONDS), Error::SUCCESS);
     EXPECT_EQ(client.publishWait("a", "x", 2, false, WAIT_SECONDS), Error::SUCCESS);
 }
 
 TEST(AClientWithoutABroker, IsToldTheSystemsReasonAndGoesOnTrying) {
-    support::PortLease const port; // without a listener
-    MqttClient client(support::uniqueId(), false, "", "127.0.0.1", port.port(), false);
+    mqtt::test::PortLease const port; // without a listener
+    MqttClient client(mqtt::test::uniqueId(), false, "", "127.0.0.1", port.port(), false);
     std::ostringstream text;
     text << client.connect("", -1, WAIT_SECONDS);
     EXPECT_EQ(text.str(), "ERRNO #" + std::to_string(ECONNREFUSED));

@@ -2,10 +2,10 @@
 // random points of the QoS 2 handshake. A raw peer that stays connected to the broker receives
 // them.
 
-#include "support/broker.hpp"
-#include "support/cut_proxy.hpp"
-#include "support/raw_peer.hpp"
-#include "support/test_client.hpp"
+#include "mqtt/test/broker.hpp"
+#include "mqtt/test/cut_proxy.hpp"
+#include "mqtt/test/raw_peer.hpp"
+#include "mqtt/test/test_client.hpp"
 #include "support/watchdog.hpp"
 
 #include <gmock/gmock.h>
@@ -22,9 +22,9 @@ namespace {
 
 using conv::ComState;
 using mqtt::MqttClient;
-using support::Broker;
-using support::CutProxy;
-using support::RawPeer;
+using mqtt::test::Broker;
+using mqtt::test::CutProxy;
+using mqtt::test::RawPeer;
 using Error = MqttClient::Error;
 using Payloads = std::vector<std::string>;
 
@@ -86,17 +86,18 @@ protected:
         peer_.subscribe("a", 2);
     }
 
-    static support::BrokerOptions withNodelay() {
-        support::BrokerOptions options;
+    static mqtt::test::BrokerOptions withNodelay() {
+        mqtt::test::BrokerOptions options;
         options.nodelay = true;
         return options;
     }
 
     void start(bool persistent) {
-        support::ClientOptions options;
+        mqtt::test::ClientOptions options;
         options.id = id_;
         options.persistent = persistent;
-        client_ = support::testClient(proxy_.host(), proxy_.port(), options);
+        options.connection = broker_.connectionOptions();
+        client_ = mqtt::test::testClient(proxy_.host(), proxy_.port(), options);
     }
 
     int random(int low, int high) { return std::uniform_int_distribution<>(low, high)(random_); }
@@ -129,7 +130,7 @@ protected:
         for (int i = 0; i < 6; ++i) {
             publishOne();
         }
-        ASSERT_TRUE(support::eventually([&] {
+        ASSERT_TRUE(mqtt::test::eventually([&] {
             if (proxy_.cuts() >= cuts) {
                 return true;
             }
@@ -145,7 +146,8 @@ protected:
 
     /// Waits for the connection after the last cut: before, the client may not know of the cut.
     bool isConnectedAgain() {
-        return proxy_.waitForConnections(proxy_.cuts() + 1) && support::becomesConnected(*client_);
+        return proxy_.waitForConnections(proxy_.cuts() + 1)
+               && mqtt::test::becomesConnected(*client_);
     }
 
     void publishThroughAllCuts() {
@@ -165,7 +167,7 @@ protected:
     }
 
     std::mt19937 random_{GetParam()};
-    zym::common::Uuid id_ = support::uniqueId();
+    zym::common::Uuid id_ = mqtt::test::uniqueId();
     Broker broker_{withNodelay()};
     CutProxy proxy_{broker_.port()};
     RawPeer peer_{broker_};
@@ -184,7 +186,7 @@ TEST_P(ACutConnection, NeitherLosesNorRepeatsNorReordersValuesOfAPersistentClien
         all.push_back(value(n));
     }
     EXPECT_EQ(peer_.payloads(), all);
-    EXPECT_EQ(support::retained(broker_, "a")->payload, value(count_ - 1));
+    EXPECT_EQ(mqtt::test::retained(broker_, "a")->payload, value(count_ - 1));
 }
 
 TEST_P(ACutConnection, NeitherRepeatsNorReordersValuesOfACleanClientAndLosesThosePastPubrecOnly) {
@@ -194,7 +196,7 @@ TEST_P(ACutConnection, NeitherRepeatsNorReordersValuesOfACleanClientAndLosesThos
     for (std::size_t i = 1; i < payloads.size(); ++i) {
         EXPECT_LT(numberOf(payloads[i - 1]), numberOf(payloads[i]));
     }
-    EXPECT_EQ(support::retained(broker_, "a")->payload, value(count_ - 1));
+    EXPECT_EQ(mqtt::test::retained(broker_, "a")->payload, value(count_ - 1));
     auto stages = stagesIn(broker_.log(), MqttClient::clientId(id_));
     for (int n = 0; n < count_; ++n) {
         EXPECT_TRUE(stages[n] == Stage::LOST

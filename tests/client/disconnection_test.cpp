@@ -1,12 +1,12 @@
 #include "mqtt/client.hpp"
 
 #include "client/flood.hpp"
-#include "support/broker.hpp"
-#include "support/raw_peer.hpp"
-#include "support/recorder.hpp"
+#include "mqtt/test/broker.hpp"
+#include "mqtt/test/raw_peer.hpp"
+#include "mqtt/test/recorder.hpp"
+#include "mqtt/test/test_client.hpp"
+#include "mqtt/test/watched.hpp"
 #include "support/scripted_server.hpp"
-#include "support/test_client.hpp"
-#include "support/watched.hpp"
 
 #include <gmock/gmock.h>
 
@@ -16,7 +16,7 @@ namespace {
 
 using conv::ComState;
 using mqtt::MqttClient;
-using support::Broker;
+using mqtt::test::Broker;
 using support::PacketType;
 using testing::ElementsAre;
 using Error = MqttClient::Error;
@@ -28,34 +28,34 @@ constexpr std::chrono::duration<unsigned> BEFORE_KEEP_ALIVE{20};
 /// The reaction of a server that sends nothing, and keeps the connection behind a DISCONNECT packet
 /// until it may close it.
 support::ScriptedServer::Reaction keepConnection(support::MqttPacket const& packet,
-                                                 support::Watched<bool> const& mayClose) {
+                                                 mqtt::test::Watched<bool> const& mayClose) {
     using Reaction = support::ScriptedServer::Reaction;
     if (packet.type == PacketType::DISCONNECT) {
-        mayClose.waitFor(support::isSet, 2 * support::DEADLINE);
+        mayClose.waitFor(mqtt::test::isSet, 2 * mqtt::test::DEADLINE);
     }
     return packet.type == PacketType::CONNECT ? Reaction::ANSWER : Reaction::IGNORE;
 }
 
 TEST(Disconnect, DoesNotWaitForAServerThatKeepsTheConnection) {
-    support::Watched<bool> mayClose(false);
+    mqtt::test::Watched<bool> mayClose(false);
     support::ScriptedServer server;
     server.setHook([&](auto const& packet) { return keepConnection(packet, mayClose); });
-    auto const client = support::testClient(server.host(), server.port());
+    auto const client = mqtt::test::testClient(server.host(), server.port());
     EXPECT_EQ(client->disconnect(BEFORE_KEEP_ALIVE.count()), Error::SUCCESS);
-    support::set(mayClose);
+    mqtt::test::set(mayClose);
 }
 
 TEST(Disconnect, ComesBehindWhatABrokerThatDoesNotReadHasNotTakenYet) {
-    support::Watched<bool> reading(true);
-    support::Watched<bool> mayClose(false);
+    mqtt::test::Watched<bool> reading(true);
+    mqtt::test::Watched<bool> mayClose(false);
     support::ScriptedServer server;
     server.setHook([&](auto const& packet) {
         if (packet.type == PacketType::PUBLISH) {
-            reading.waitFor(support::isSet);
+            reading.waitFor(mqtt::test::isSet);
         }
         return keepConnection(packet, mayClose);
     });
-    auto const client = support::testClient(server.host(), server.port());
+    auto const client = mqtt::test::testClient(server.host(), server.port());
     reading.change([](bool& on) { on = false; });
     // More than the kernel's buffers take.
     constexpr std::size_t MESSAGES = 64;
@@ -64,17 +64,17 @@ TEST(Disconnect, ComesBehindWhatABrokerThatDoesNotReadHasNotTakenYet) {
         ASSERT_EQ(client->publish("a", payload, 0, false), Error::SUCCESS);
     }
     EXPECT_EQ(client->disconnect(2), Error::TIMEOUT);
-    support::set(reading);
-    EXPECT_TRUE(support::eventually(
+    mqtt::test::set(reading);
+    EXPECT_TRUE(mqtt::test::eventually(
         [&] { return client->communicationState() == ComState::DISCONNECTED; }, BEFORE_KEEP_ALIVE));
-    support::set(mayClose);
+    mqtt::test::set(mayClose);
     EXPECT_TRUE(server.waitForPackets(PacketType::DISCONNECT, 1));
     EXPECT_EQ(server.count(PacketType::PUBLISH), MESSAGES);
 }
 
 TEST(Disconnect, IsCarriedOutByTheEndOfTheClientAtTheLatest) {
     support::ScriptedServer server;
-    auto client = support::testClient(server.host(), server.port());
+    auto client = mqtt::test::testClient(server.host(), server.port());
     client->pause();
     EXPECT_EQ(client->disconnect(0), Error::TIMEOUT);
     client.reset();
@@ -89,14 +89,14 @@ public:
     void onMqttMessage(int /*tag*/, mqtt::Topic const& /*topic*/,
                        std::string const& payload) override {
         if (payload == "first") {
-            mayGoOn.waitFor(support::isSet);
+            mayGoOn.waitFor(mqtt::test::isSet);
         } else if (!hasLeft_) {
             hasLeft_ = true;
             EXPECT_EQ(client_.disconnect(WAIT_SECONDS), Error::TIMEOUT) << "on the worker";
         }
     }
 
-    support::Watched<bool> mayGoOn{false};
+    mqtt::test::Watched<bool> mayGoOn{false};
 
 private:
     MqttClient& client_;
@@ -105,15 +105,15 @@ private:
 
 TEST(Disconnect, IsCleanInASubscriberThoughMoreMessagesHaveArrived) {
     support::ScriptedServer server;
-    auto const client = support::testClient(server.host(), server.port());
+    auto const client = mqtt::test::testClient(server.host(), server.port());
     Leaver leaver(*client);
     ASSERT_EQ(client->subscribe("a", &leaver, 0), Error::SUCCESS);
     ASSERT_TRUE(server.publish("a", "first"));
     for (int i = 0; i < 20; ++i) { // the library may read them all at once
         ASSERT_TRUE(server.publish("a", "more"));
     }
-    support::set(leaver.mayGoOn);
-    EXPECT_TRUE(support::eventually(
+    mqtt::test::set(leaver.mayGoOn);
+    EXPECT_TRUE(mqtt::test::eventually(
         [&] { return client->communicationState() == ComState::DISCONNECTED; }));
     EXPECT_TRUE(server.waitForPackets(PacketType::DISCONNECT, 1));
     EXPECT_EQ(client->connect("", -1, WAIT_SECONDS), Error::SUCCESS);
@@ -123,11 +123,11 @@ TEST(Disconnect, IsCleanInASubscriberThoughMoreMessagesHaveArrived) {
 
 TEST(Disconnect, IsCleanWhileManyMessagesArrive) {
     Broker const broker;
-    support::RawPeer watcher(broker);
+    mqtt::test::RawPeer watcher(broker);
     watcher.subscribe("will");
-    support::MessageRecorder recorder;
-    support::StateRecorder states;
-    auto const client = support::testClient(broker, {false, false, zym::common::Uuid::NIL});
+    mqtt::test::MessageRecorder recorder;
+    mqtt::test::StateRecorder states;
+    auto const client = mqtt::test::testClient(broker, {false, false, zym::common::Uuid::NIL});
     client->registerListener(&states);
     ASSERT_EQ(client->setWill("will", "dropped", 2, false), Error::SUCCESS);
     ASSERT_EQ(client->subscribe("flood", &recorder, 0), Error::SUCCESS);

@@ -1,7 +1,7 @@
 #include "client/scripted_session.hpp"
 
 #include "common/awaited_call.hpp"
-#include "support/watched.hpp"
+#include "mqtt/test/watched.hpp"
 
 #include <gmock/gmock.h>
 
@@ -11,10 +11,10 @@
 namespace {
 
 using mqtt::Topic;
-using support::Delivery;
-using support::isSet;
-using support::MessageRecorder;
-using support::Watched;
+using mqtt::test::Delivery;
+using mqtt::test::isSet;
+using mqtt::test::MessageRecorder;
+using mqtt::test::Watched;
 using testing::Each;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -242,7 +242,7 @@ TEST_F(ARelease, DoesNotWaitForACallToAnotherSubscriber) {
     Watched<bool> released;
     bool inTime = false;
     MessageRecorder slow([&](auto&&...) {
-        support::set(entered);
+        mqtt::test::set(entered);
         inTime = released.waitFor(isSet);
     });
     subscribe("a", slow);
@@ -250,7 +250,7 @@ TEST_F(ARelease, DoesNotWaitForACallToAnotherSubscriber) {
     send("a", "x");
     ASSERT_TRUE(entered.waitFor(isSet));
     client->release(&second);
-    support::set(released);
+    mqtt::test::set(released);
     client->release(&slow);
     EXPECT_TRUE(inTime);
     receiveAll();

@@ -3,11 +3,11 @@
 
 #include "client/client_on_a_script.hpp"
 
-#include "support/watched.hpp"
+#include "mqtt/test/watched.hpp"
+#include "support/log_lines.hpp"
 
 #include <mqtt/connection_options.hpp>
 #include <mqtt/failure.hpp>
-#include <mqtt/log.hpp>
 
 #include <gmock/gmock.h>
 
@@ -25,6 +25,7 @@ using mqtt::Failure;
 using Error = mqtt::MqttClient::Error;
 using Operation = support::StandIn::Operation;
 using Reason = Failure::Reason;
+using testing::EndsWith;
 using testing::HasSubstr;
 
 std::string textOf(Failure const& failure) {
@@ -72,7 +73,7 @@ protected:
         auto const client = idleClient();
         support::StandIn::last()->setConnack(code);
         EXPECT_EQ(client->connect("", -1, 0), Error::TIMEOUT);
-        EXPECT_TRUE(support::eventually(
+        EXPECT_TRUE(mqtt::test::eventually(
             [&] { return client->communicationState() == ComState::CONNECTION_LOST; }));
         return client->lastFailure();
     }
@@ -126,8 +127,8 @@ TEST_F(AFailure, IsKnownWhenTheListenerIsToldOfTheLoss) {
         int code;
         Reason reason;
     };
-    support::Watched<Reason> told(Reason::NONE);
-    support::StateRecorder listener([&](ComState state) {
+    mqtt::test::Watched<Reason> told(Reason::NONE);
+    mqtt::test::StateRecorder listener([&](ComState state) {
         if (state == ComState::CONNECTION_LOST) {
             told.change([&](Reason& reason) { reason = client_->lastFailure().reason; });
         }
@@ -143,7 +144,7 @@ TEST_F(AFailure, IsKnownWhenTheListenerIsToldOfTheLoss) {
         script_->loseConnection(code);
         ASSERT_TRUE(told.waitFor([](Reason reason) { return reason != Reason::NONE; }));
         EXPECT_EQ(told.copy(), expected);
-        ASSERT_TRUE(support::eventually([&] { return connections() > before; }));
+        ASSERT_TRUE(mqtt::test::eventually([&] { return connections() > before; }));
         EXPECT_EQ(client_->lastFailure().reason, expected) << "it stays";
     }
     client_->unregisterListener(&listener);
@@ -185,20 +186,15 @@ TEST_F(AFailure, IsAFunctionForTheCredentialsWhoseResultCannotBeSent) {
 }
 
 TEST_F(AFailure, IsLoggedWithTheEventsAroundIt) {
-    support::Watched<std::vector<std::string>> lines;
-    auto const keep = [&](mqtt::LogLevel, std::string const& line) {
-        lines.change([&](auto& all) { all.push_back(line.substr(line.find(": ") + 2)); });
-    };
-    mqtt::setLogFunction(keep, mqtt::LogLevel::INFO);
+    support::LogLines const lines(mqtt::LogLevel::INFO);
     connect();
     reconnect();
-    mqtt::setLogFunction({}, mqtt::LogLevel::INFO);
     EXPECT_THAT(lines.copy(),
                 testing::ElementsAre(
-                    "connects to host:1883", "connected to host:1883",
-                    testing::StartsWith("connection lost: host:1883: the broker has closed"),
-                    "next attempt to connect in 500 ms", "connects to host:1883",
-                    "connected to host:1883"));
+                    EndsWith(": connects to host:1883"), EndsWith(": connected to host:1883"),
+                    HasSubstr(": connection lost: host:1883: the broker has closed"),
+                    EndsWith(": next attempt to connect in 500 ms"),
+                    EndsWith(": connects to host:1883"), EndsWith(": connected to host:1883")));
 }
 
 TEST(TheConnectionOptions, AreRefusedIfTheyContradictEachOther) {
@@ -254,7 +250,7 @@ TEST(TheConnectionOptions, AreRefusedIfTheyContradictEachOther) {
              t.caFile = "file";
          })},
     };
-    auto const id = support::uniqueId();
+    auto const id = mqtt::test::uniqueId();
     mqtt::MqttClient client(id, false, "", "host", 1883, false);
     for (auto const& [what, change] : cases) {
         SCOPED_TRACE(what);
@@ -268,7 +264,7 @@ TEST(TheConnectionOptions, AreRefusedIfTheyContradictEachOther) {
 }
 
 TEST(TheConnectionOptions, KeepTheKindOfEncryption) {
-    mqtt::MqttClient client(support::uniqueId(), false, "", "host", 1883, false);
+    mqtt::MqttClient client(mqtt::test::uniqueId(), false, "", "host", 1883, false);
     mqtt::ConnectionOptions options;
     options.tls.emplace();
     EXPECT_EQ(client.setOptions(options), Error::SUCCESS);

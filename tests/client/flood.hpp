@@ -1,7 +1,7 @@
 #pragma once
 
-#include "support/broker.hpp"
-#include "support/raw_peer.hpp"
+#include "mqtt/test/broker.hpp"
+#include "mqtt/test/raw_peer.hpp"
 
 #include <atomic>
 #include <cstddef>
@@ -18,7 +18,7 @@ public:
         std::string payload;
     };
 
-    Flood(support::Broker const& broker, std::vector<Post> posts)
+    Flood(mqtt::test::Broker const& broker, std::vector<Post> posts)
         : posts_(std::move(posts)), peer_(broker), thread_([this] { run(); }) {}
     ~Flood() {
         stop_ = true;
@@ -41,6 +41,6 @@ private:
 
     std::vector<Post> posts_;
     std::atomic<bool> stop_{false};
-    support::RawPeer peer_;
+    mqtt::test::RawPeer peer_;
     std::thread thread_;
 };

@@ -3,9 +3,9 @@
 #include "mqtt/client.hpp"
 
 #include "client/sockets.hpp"
-#include "support/recorder.hpp"
+#include "mqtt/test/recorder.hpp"
+#include "mqtt/test/test_client.hpp"
 #include "support/scripted_server.hpp"
-#include "support/test_client.hpp"
 
 #include <gmock/gmock.h>
 
@@ -32,8 +32,8 @@ protected:
     AHandshake() { client.registerListener(&states); }
 
     ScriptedServer server;
-    support::StateRecorder states;
-    MqttClient client{support::uniqueId(), false, "", server.host(), server.port(), false};
+    mqtt::test::StateRecorder states;
+    MqttClient client{mqtt::test::uniqueId(), false, "", server.host(), server.port(), false};
 };
 
 TEST_F(AHandshake, TakesOneTcpConnectionAndOneConnectPacketEachTime) {
@@ -52,8 +52,8 @@ TEST_F(AHandshake, IsTheCallersAloneWhileItWaitsForTcp) {
     server.setMode(Mode::NOT_ACCEPTING);
     auto connecting =
         std::async(std::launch::async, [&] { return client.connect("", -1, WAIT_SECONDS); });
-    ASSERT_TRUE(
-        support::eventually([&] { return client.communicationState() == ComState::CONNECTING; }));
+    ASSERT_TRUE(mqtt::test::eventually(
+        [&] { return client.communicationState() == ComState::CONNECTING; }));
     server.setMode(Mode::BROKER);
     EXPECT_EQ(connecting.get(), Error::SUCCESS);
     EXPECT_EQ(server.count(PacketType::CONNECT), 1U);

@@ -4,7 +4,7 @@
 
 #include "client/backoff.hpp"
 #include "common/awaited_call.hpp"
-#include "support/port_lease.hpp"
+#include "mqtt/test/port_lease.hpp"
 
 #include <gmock/gmock.h>
 
@@ -18,7 +18,7 @@
 
 namespace {
 
-using support::MessageRecorder;
+using mqtt::test::MessageRecorder;
 using support::ScriptedServer;
 using testing::IsEmpty;
 using Client = mqtt::MqttClient;
@@ -46,9 +46,9 @@ protected:
     }
 
     std::unique_ptr<Client> idleClient(int port) {
-        support::ClientOptions options;
+        mqtt::test::ClientOptions options;
         options.connect = false;
-        return support::testClient(server.host(), port, options);
+        return mqtt::test::testClient(server.host(), port, options);
     }
 
     /// Two seconds are promised. A client that waits for what it should break off takes from 15
@@ -84,7 +84,7 @@ TEST_F(TheEndOfAClient, UnsubscribesAtTheBrokerWhileASubscriberIsCalledAndUnsubs
 }
 
 TEST_F(TheEndOfAClient, SendsNoDisconnectAndTellsNoListener) {
-    support::StateRecorder listener;
+    mqtt::test::StateRecorder listener;
     client->registerListener(&listener);
     client.reset();
     ASSERT_TRUE(server.waitForNoConnection());
@@ -132,12 +132,12 @@ TEST_F(TheEndOfAClient, ComesInTimeWhenTheBrokerHasGoneSilentOrDoesNotAnswerConn
 TEST_F(TheEndOfAClient, ComesInTimeDuringAReconnectionToASilentHost) {
     server.setMode(ScriptedServer::Mode::NOT_ACCEPTING);
     server.drop();
-    ASSERT_TRUE(support::eventually([&] { return isBeingConnectedTo(server.port()); }));
+    ASSERT_TRUE(mqtt::test::eventually([&] { return isBeingConnectedTo(server.port()); }));
     expectToBeInTime();
 }
 
 TEST_F(TheEndOfAClient, ComesInTimeDuringABackOff) {
-    support::PortLease const unusedPort;
+    mqtt::test::PortLease const unusedPort;
     client = idleClient(unusedPort.port());
     for (int i = 0; i < 6; ++i) {
         mqtt::nextReconnectAttempt(); // the delay becomes 15 seconds

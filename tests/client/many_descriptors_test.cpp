@@ -1,9 +1,9 @@
 // Clients in a process that has more descriptors than select() knows.
 
-#include "support/broker.hpp"
-#include "support/file_descriptor.hpp"
-#include "support/recorder.hpp"
-#include "support/test_client.hpp"
+#include "mqtt/test/broker.hpp"
+#include "mqtt/test/recorder.hpp"
+#include "mqtt/test/test_client.hpp"
+#include "net/file_descriptor.hpp"
 
 #include <gtest/gtest.h>
 
@@ -18,7 +18,7 @@ namespace {
 
 using conv::ComState;
 using mqtt::MqttClient;
-using support::FileDescriptor;
+using mqtt::test::FileDescriptor;
 using Error = MqttClient::Error;
 
 constexpr unsigned WAIT_SECONDS = 30;
@@ -36,9 +36,9 @@ std::vector<FileDescriptor> takeLowDescriptors() {
     return taken;
 }
 
-void expectToWork(MqttClient& client, support::Broker& broker) {
-    support::MessageRecorder recorder;
-    support::StateRecorder states;
+void expectToWork(MqttClient& client, mqtt::test::Broker& broker) {
+    mqtt::test::MessageRecorder recorder;
+    mqtt::test::StateRecorder states;
     ASSERT_EQ(client.connect("", -1, WAIT_SECONDS), Error::SUCCESS);
     ASSERT_EQ(client.subscribe("a", &recorder, 0), Error::SUCCESS);
     for (int const qos : {0, 1, 2}) {
@@ -57,16 +57,16 @@ void expectToWork(MqttClient& client, support::Broker& broker) {
 }
 
 TEST(AClientAmongManyDescriptors, WorksMadeBeforeThemOrAfterThem) {
-    support::ClientOptions options;
+    mqtt::test::ClientOptions options;
     options.connect = false;
-    support::Broker broker;
-    auto const before = support::testClient(broker, options);
+    mqtt::test::Broker broker;
+    auto const before = mqtt::test::testClient(broker, options);
     auto const low = takeLowDescriptors();
     if (!low.back().valid()) {
         GTEST_SKIP() << "this process may not have so many";
     }
     expectToWork(*before, broker);
-    expectToWork(*support::testClient(broker, options), broker);
+    expectToWork(*mqtt::test::testClient(broker, options), broker);
 }
 
 } // namespace

@@ -1,7 +1,7 @@
 // How much memory a client with a limit takes while the broker is away, or does not read.
 
-#include "support/broker.hpp"
-#include "support/test_client.hpp"
+#include "mqtt/test/broker.hpp"
+#include "mqtt/test/test_client.hpp"
 
 #include <mqtt/client.hpp>
 #include <mqtt/connection_options.hpp>
@@ -38,8 +38,8 @@ protected:
     }
 
     std::unique_ptr<MqttClient> client(std::string const& host, int port, bool connectNow) const {
-        return std::make_unique<MqttClient>(support::uniqueId(), false, "", host, port, connectNow,
-                                            options_);
+        return std::make_unique<MqttClient>(mqtt::test::uniqueId(), false, "", host, port,
+                                            connectNow, options_);
     }
 
     /// On as many topics as given.
@@ -67,16 +67,16 @@ TEST_P(ALimitOfOneMebibyte, HoldsWithoutAConnection) {
 }
 
 TEST_P(ALimitOfOneMebibyte, HoldsWhileAConnectedBrokerDoesNotRead) {
-    support::Broker broker;
+    mqtt::test::Broker broker;
     for (int const qos : {0, 1, 2}) {
         auto const connected = client(broker.host(), broker.port(), true);
-        ASSERT_TRUE(support::becomesConnected(*connected));
+        ASSERT_TRUE(mqtt::test::becomesConnected(*connected));
         broker.suspend();
         expectSmallGrowth(*connected, 300, qos);
         broker.resume();
         // There is room again. A wait ends by time-out when an older publication is acknowledged in
         // the same step, so it is short.
-        EXPECT_TRUE(support::eventually([&] {
+        EXPECT_TRUE(mqtt::test::eventually([&] {
             return connected->publishWait("end", "", 1, false, 2) == MqttClient::Error::SUCCESS;
         }));
     }

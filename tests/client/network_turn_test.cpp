@@ -1,6 +1,6 @@
 #include "client/network_turn.hpp"
 
-#include "support/watched.hpp"
+#include "mqtt/test/watched.hpp"
 
 #include <gtest/gtest.h>
 
@@ -52,18 +52,18 @@ TEST(TheNetworkTurn, IsWaitedForUntilTheTimeoutOfTheCaller) {
 
 TEST(TheNetworkTurn, GoesToACallerThatHasWokenTheWorkerBeforeTheNextStep) {
     NetworkTurn turn;
-    support::Watched<bool> isInNextStep;
+    mqtt::test::Watched<bool> isInNextStep;
     std::thread worker;
     turn.enter();
     ASSERT_TRUE(turn.takeWithin(std::chrono::minutes(1), [&] {
         worker = std::thread([&] {
             turn.leave();
             turn.enter();
-            support::set(isInNextStep);
+            mqtt::test::set(isInNextStep);
             turn.leave();
         });
         // Enough to come too early.
-        isInNextStep.waitFor(support::isSet, std::chrono::milliseconds(200));
+        isInNextStep.waitFor(mqtt::test::isSet, std::chrono::milliseconds(200));
         return true;
     }));
     EXPECT_FALSE(isInNextStep.copy());

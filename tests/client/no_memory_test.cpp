@@ -46,7 +46,7 @@ TEST_F(ASubscriptionWithoutMemory, IsNotMadeAtAllAndLeavesThoseOfOthersAlone) {
         std::string pattern, topic;
     };
     connect();
-    support::MessageRecorder other;
+    mqtt::test::MessageRecorder other;
     ASSERT_EQ(client_->subscribe("shared", &other, 0), Error::SUCCESS);
     for (auto const& one :
          {Case{"shared", "shared"}, Case{"plant/hall/device", "plant/hall/device"}, Case{"+", "a"},

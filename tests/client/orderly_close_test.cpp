@@ -1,6 +1,6 @@
 #include "client/socket/orderly_close.hpp"
 
-#include "support/file_descriptor.hpp"
+#include "net/file_descriptor.hpp"
 
 #include <gtest/gtest.h>
 
@@ -16,7 +16,7 @@
 namespace {
 
 using mqtt::OrderlyClose;
-using support::FileDescriptor;
+using mqtt::test::FileDescriptor;
 using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::hours LONG_TIME{1};

@@ -1,8 +1,8 @@
 #include "client/sockets.hpp"
-#include "support/broker.hpp"
-#include "support/eventually.hpp"
-#include "support/recorder.hpp"
-#include "support/test_client.hpp"
+#include "mqtt/test/broker.hpp"
+#include "mqtt/test/eventually.hpp"
+#include "mqtt/test/recorder.hpp"
+#include "mqtt/test/test_client.hpp"
 
 #include <gtest/gtest.h>
 
@@ -32,11 +32,11 @@ protected:
     }
 
     bool gathers() const {
-        return support::eventually([this] { return !sendsAtOnce(); });
+        return mqtt::test::eventually([this] { return !sendsAtOnce(); });
     }
 
     bool sendsAtOnceAfterExchanges() {
-        return support::eventually([this] {
+        return mqtt::test::eventually([this] {
             publishWait();
             return sendsAtOnce();
         });
@@ -62,9 +62,11 @@ protected:
     };
 
     Topic const topic{"paced"};
-    support::MessageRecorder recorder;
-    support::Broker broker;
-    mqtt::MqttClient client{support::uniqueId(), false, "", broker.host(), broker.port(), false};
+    mqtt::test::MessageRecorder recorder;
+    mqtt::test::Broker broker;
+    mqtt::MqttClient client{
+        mqtt::test::uniqueId(),    false, "", broker.host(), broker.port(), false,
+        broker.connectionOptions()};
 };
 
 TEST_F(APacedClient, SendsAtOnceInAnExchange) {

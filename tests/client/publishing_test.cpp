@@ -11,7 +11,7 @@ namespace {
 
 using conv::ComState;
 using mqtt::MqttClient;
-using support::Message;
+using mqtt::test::Message;
 using support::PacketType;
 using testing::ElementsAre;
 using Error = MqttClient::Error;
@@ -56,8 +56,9 @@ TEST_P(APublishingClientAtEveryQos, PublishesOnceAndUnchangedNowOrWithTheNextCon
     }
     EXPECT_TRUE(receivedPayloads() == expected);
     EXPECT_EQ(peer_.messages().front(), (Message{"a/b", everyByte, GetParam(), false}));
-    EXPECT_EQ(support::retained(broker_, "a/b"), std::nullopt);
-    EXPECT_EQ(support::retained(broker_, "kept"), (Message{"kept", "connected", GetParam(), true}));
+    EXPECT_EQ(mqtt::test::retained(broker_, "a/b"), std::nullopt);
+    EXPECT_EQ(mqtt::test::retained(broker_, "kept"),
+              (Message{"kept", "connected", GetParam(), true}));
 }
 
 TEST_F(AClientAtABroker, CallsAQos0PublicationDoneWhenItIsWritten) {
@@ -70,7 +71,7 @@ TEST_F(AClientAtABroker, CallsAQos0PublicationDoneWhenItIsWritten) {
 
 TEST(AWaitForAQos2Publication, EndsWithTheLastPacketOfTheHandshake) {
     support::ScriptedServer server;
-    auto const client = support::testClient(server.host(), server.port());
+    auto const client = mqtt::test::testClient(server.host(), server.port());
     server.hold(PacketType::PUBREL);
     EXPECT_EQ(client->publishWait("a", "value", 2, false, 1), Error::TIMEOUT);
     EXPECT_TRUE(server.waitForPackets(PacketType::PUBREL, 1));
@@ -88,11 +89,11 @@ INSTANTIATE_TEST_SUITE_P(CountQosAndSession, APublicationInFlightWhenTheBrokerDi
 
 TEST_P(APublicationInFlightWhenTheBrokerDies, ArrivesBeforeWhatWasQueuedEachOnce) {
     auto const [count, qos, isPersistent] = GetParam();
-    support::StateRecorder states;
-    support::Broker broker;
-    support::ClientOptions options;
+    mqtt::test::StateRecorder states;
+    mqtt::test::Broker broker;
+    mqtt::test::ClientOptions options;
     options.persistent = isPersistent;
-    auto const client = support::testClient(broker, options);
+    auto const client = mqtt::test::testClient(broker, options);
     client->registerListener(&states);
     int next = 0;
     auto const publishUpTo = [&, qos = qos](int end) {
@@ -108,14 +109,14 @@ TEST_P(APublicationInFlightWhenTheBrokerDies, ArrivesBeforeWhatWasQueuedEachOnce
     publishUpTo(2 * count);
     client->pause(); // until the peer has subscribed
     broker.start();
-    support::RawPeer peer(broker);
+    mqtt::test::RawPeer peer(broker);
     peer.subscribe("#");
     client->resume();
     ASSERT_TRUE(peer.waitForMessages(static_cast<std::size_t>(2 * count)));
     publishUpTo(2 * count + 1);
     ASSERT_TRUE(peer.waitForMessages(static_cast<std::size_t>(2 * count + 1)));
     EXPECT_EQ(peer.payloads(), numbers(2 * count + 1));
-    EXPECT_EQ(support::retained(broker, "a")->payload, std::to_string(2 * count));
+    EXPECT_EQ(mqtt::test::retained(broker, "a")->payload, std::to_string(2 * count));
 }
 
 } // namespace

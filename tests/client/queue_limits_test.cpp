@@ -2,10 +2,10 @@
 
 #include "client/client_on_a_script.hpp"
 
-#include "support/watched.hpp"
+#include "mqtt/test/watched.hpp"
+#include "support/log_lines.hpp"
 
 #include <mqtt/connection_options.hpp>
-#include <mqtt/log.hpp>
 
 #include <gmock/gmock.h>
 
@@ -24,26 +24,6 @@ using Error = mqtt::MqttClient::Error;
 using Operation = StandIn::Operation;
 using Policy = QueueLimits::Policy;
 using Strings = std::vector<std::string>;
-
-/// Collects the lines of the log of an error.
-class ErrorLog {
-public:
-    ErrorLog() {
-        mqtt::setLogFunction(
-            [this](mqtt::LogLevel /*level*/, std::string const& line) {
-                lines_.change([&](Strings& all) { all.push_back(line); });
-            },
-            mqtt::LogLevel::ERROR);
-    }
-    ~ErrorLog() { mqtt::setLogFunction({}, mqtt::LogLevel::ERROR); }
-    ErrorLog(ErrorLog const&) = delete;
-    ErrorLog& operator=(ErrorLog const&) = delete;
-
-    Strings lines() const { return lines_.copy(); }
-
-private:
-    support::Watched<Strings> lines_;
-};
 
 class AClientWithLimits : public AClientOnAScript {
 protected:
@@ -79,7 +59,7 @@ protected:
         for (auto const& call : script_->calls(Operation::PUBLISH)) {
             script_->post([mid = call.mid](auto& object) { object.on_publish(mid); });
         }
-        ASSERT_TRUE(support::eventually([&] { return client_->statistics().queued == 0; }));
+        ASSERT_TRUE(mqtt::test::eventually([&] { return client_->statistics().queued == 0; }));
     }
 
     static Strings numbers(int first, int end) {
@@ -227,16 +207,16 @@ TEST_F(AClientWithLimits, LosesItsLimitsWithTheOptions) {
 
 TEST_F(AClientWithLimits, LogsWhatItRejectsAndDropsWithoutThePayload) {
     limitMessages(1, Policy::REJECT_NEW);
-    ErrorLog const log;
+    support::LogLines const log(mqtt::LogLevel::ERROR);
     ASSERT_EQ(client_->publish("plant", "SECRET", 0, false), Error::SUCCESS);
     ASSERT_EQ(client_->publish("hall", "SECRET", 0, false), Error::NO_MEMORY);
     limitMessages(1, Policy::DROP_OLDEST);
     ASSERT_EQ(client_->publish("hall", "", 0, false), Error::SUCCESS);
     EXPECT_THAT(
-        log.lines(),
+        log.copy(),
         ElementsAre(HasSubstr(": publication rejected at a limit of the queue: hall, 6 b"),
                     HasSubstr(": publication dropped at a limit of the queue: plant, 6 b")));
-    EXPECT_THAT(log.lines(), testing::Each(testing::Not(HasSubstr("SECRET"))));
+    EXPECT_THAT(log.copy(), testing::Each(testing::Not(HasSubstr("SECRET"))));
 }
 
 TEST_F(AClientWithLimits, RefusesPayloadsAboveTheMaximum) {
@@ -259,14 +239,14 @@ TEST_F(AClientWithLimits, DropsMessagesAboveTheMaximum) {
     mqtt::ConnectionOptions options;
     options.maxPayloadToReceive = 3;
     ASSERT_EQ(client_->setOptions(options), Error::SUCCESS);
-    ErrorLog const log;
+    support::LogLines const log(mqtt::LogLevel::ERROR);
     connect();
     ASSERT_EQ(client_->subscribe("a", &subscriber_, 0), Error::SUCCESS);
     script_->deliver("a", "1234");
     script_->deliver("a", "123");
     EXPECT_TRUE(subscriber_.waitForPayload("123"));
     EXPECT_EQ(subscriber_.payloads(), Strings{"123"});
-    EXPECT_THAT(log.lines(),
+    EXPECT_THAT(log.copy(),
                 ElementsAre(HasSubstr(": message dropped because of its size: a, 4 b")));
     auto const statistics = client_->statistics();
     EXPECT_EQ(statistics.received, 1U);
@@ -282,14 +262,15 @@ TEST_F(AClientWithLimits, SleepsWhileDisconnectedIfItIsToldTo) {
     auto const isAsleep = [&] {
         constexpr std::chrono::milliseconds longerThanAnyStep{200};
         auto const before = script_->loops();
-        return !support::eventually([&] { return script_->loops() != before; }, longerThanAnyStep);
+        return !mqtt::test::eventually([&] { return script_->loops() != before; },
+                                       longerThanAnyStep);
     };
     for (int i = 0; i < 3; ++i) {
-        EXPECT_TRUE(support::eventually(isAsleep));
+        EXPECT_TRUE(mqtt::test::eventually(isAsleep));
         connect();
         EXPECT_EQ(client_->disconnect(WAIT_SECONDS), Error::SUCCESS);
     }
-    EXPECT_TRUE(support::eventually(isAsleep));
+    EXPECT_TRUE(mqtt::test::eventually(isAsleep));
     client_.reset(); // returns
 }
 

@@ -1,14 +1,14 @@
 // A publication for which the broker closes the connection, each time that it is sent.
 
-#include "support/broker.hpp"
-#include "support/raw_peer.hpp"
-#include "support/recorder.hpp"
+#include "mqtt/test/broker.hpp"
+#include "mqtt/test/raw_peer.hpp"
+#include "mqtt/test/recorder.hpp"
+#include "mqtt/test/test_client.hpp"
+#include "mqtt/test/watched.hpp"
+#include "support/log_lines.hpp"
 #include "support/scripted_server.hpp"
-#include "support/test_client.hpp"
-#include "support/watched.hpp"
 
 #include <mqtt/client.hpp>
-#include <mqtt/log.hpp>
 
 #include <gmock/gmock.h>
 
@@ -53,9 +53,9 @@ protected:
     static int qos() { return std::get<0>(GetParam()); }
 
     std::unique_ptr<MqttClient> connectedClient() {
-        support::ClientOptions options;
+        mqtt::test::ClientOptions options;
         options.persistent = std::get<1>(GetParam());
-        return support::testClient(server_.host(), server_.port(), options);
+        return mqtt::test::testClient(server_.host(), server_.port(), options);
     }
 
     void publish(std::string const& topic) {
@@ -72,7 +72,7 @@ protected:
                              [&](auto const& packet) { return packet.topic == topic; });
     }
     bool waitForSendings(std::string const& topic, std::ptrdiff_t count) const {
-        return support::eventually([&] { return sendings(topic) >= count; });
+        return mqtt::test::eventually([&] { return sendings(topic) >= count; });
     }
 
     /// Returns when the server has this publication; false if that takes too long.
@@ -80,8 +80,8 @@ protected:
 
     int reconnections() const { return server_.tcpConnections() - 1; }
 
-    support::StateRecorder states_;
-    support::MessageRecorder subscriber_;
+    mqtt::test::StateRecorder states_;
+    mqtt::test::MessageRecorder subscriber_;
     ScriptedServer server_;
     std::unique_ptr<MqttClient> client_ = connectedClient();
 };
@@ -92,7 +92,7 @@ TEST_P(AClientOfAStrictServer, GivesAPublicationUpThatIsRefusedThreeTimes) {
     refuse(REFUSED, ALWAYS);
     publish(REFUSED);
     ASSERT_TRUE(waitForSendings(REFUSED, 3));
-    ASSERT_TRUE(support::becomesConnected(*client_));
+    ASSERT_TRUE(mqtt::test::becomesConnected(*client_));
     EXPECT_EQ(publishAndWait("next"), Error::SUCCESS);
     EXPECT_EQ(sendings(REFUSED), 3);
     EXPECT_EQ(reconnections(), 3);
@@ -103,7 +103,7 @@ TEST_P(AClientOfAStrictServer, KeepsAPublicationThatIsRefusedTwice) {
     EXPECT_EQ(publishAndWait(REFUSED), Error::SUCCESS);
     EXPECT_EQ(reconnections(), 2);
     // The connection is as any other one now.
-    ASSERT_TRUE(support::becomesConnected(*client_));
+    ASSERT_TRUE(mqtt::test::becomesConnected(*client_));
     ASSERT_EQ(client_->subscribe("a", &subscriber_, 0), Error::SUCCESS);
     EXPECT_EQ(publishAndWait("next"), Error::SUCCESS);
     ASSERT_TRUE(server_.publish("a", "x"));
@@ -119,17 +119,11 @@ TEST_P(AClientOfAStrictServer, DoesNotReportARefusedPublicationAsDone) {
 }
 
 TEST_P(AClientOfAStrictServer, TellsWhichPublicationItHasGivenUp) {
-    support::Watched<Strings> errors;
-    mqtt::setLogFunction(
-        [&](mqtt::LogLevel /*level*/, std::string const& line) {
-            errors.change([&](Strings& all) { all.push_back(line); });
-        },
-        mqtt::LogLevel::ERROR);
+    support::LogLines const errors(mqtt::LogLevel::ERROR);
     refuse(REFUSED, ALWAYS);
     publish(REFUSED);
     EXPECT_TRUE(waitForSendings(REFUSED, 3));
-    EXPECT_TRUE(support::becomesConnected(*client_));
-    mqtt::setLogFunction({}, mqtt::LogLevel::ERROR);
+    EXPECT_TRUE(mqtt::test::becomesConnected(*client_));
     EXPECT_EQ(client_->lastFailure().reason, mqtt::Failure::Reason::PUBLICATION_GIVEN_UP);
     EXPECT_EQ(client_->lastFailure().detail, "refused, 7 bytes");
     EXPECT_THAT(errors.copy(), ElementsAre(HasSubstr("(refused, 7 bytes)")));
@@ -137,7 +131,7 @@ TEST_P(AClientOfAStrictServer, TellsWhichPublicationItHasGivenUp) {
 
 /// The broker's answers to what was sent ahead are lost with the connection.
 TEST_P(AClientOfAStrictServer, LosesNothingThatWasSentAheadOrBehind) {
-    support::Watched<Strings> answered;
+    mqtt::test::Watched<Strings> answered;
     server_.setHook([&, refusals = 0](MqttPacket const& packet) mutable {
         if (packet.type != Type::PUBLISH) {
             return Reaction::ANSWER;
@@ -158,7 +152,7 @@ TEST_P(AClientOfAStrictServer, LosesNothingThatWasSentAheadOrBehind) {
     ASSERT_TRUE(waitForSendings(REFUSED, 1));
     publish("behind/2"); // queued, or behind too
     ASSERT_TRUE(waitForSendings(REFUSED, 4));
-    ASSERT_TRUE(support::becomesConnected(*client_));
+    ASSERT_TRUE(mqtt::test::becomesConnected(*client_));
     EXPECT_EQ(publishAndWait("next"), Error::SUCCESS);
     EXPECT_THAT(answered.copy(),
                 ElementsAre("ahead/1", "ahead/2", "ahead/3", "behind/1", "behind/2", "next"));
@@ -168,7 +162,7 @@ TEST_P(AClientOfAStrictServer, LosesNothingThatWasSentAheadOrBehind) {
 
 /// Drops the connection at each fourth publication, whichever it is.
 TEST_P(AClientOfAStrictServer, GivesNothingUpIfTheServerIsUnstable) {
-    support::Watched<std::set<std::string>> answered;
+    mqtt::test::Watched<std::set<std::string>> answered;
     server_.setHook([&, publications = 0](MqttPacket const& packet) mutable {
         if (packet.type != Type::PUBLISH) {
             return Reaction::ANSWER;
@@ -232,7 +226,7 @@ TEST_P(AClientOfASlowServer, IsDestroyed) {
 
 TEST_P(AClientOfASlowServer, BecomesConnectedThoughTheAnswerIsMissing) {
     waitForTheRelay();
-    EXPECT_TRUE(support::becomesConnected(*client_));
+    EXPECT_TRUE(mqtt::test::becomesConnected(*client_));
     EXPECT_EQ(client_->publishWait("next", "", 0, false, WAIT_SECONDS), Error::SUCCESS);
     EXPECT_EQ(reconnections(), 2);
 }
@@ -241,20 +235,20 @@ TEST_P(AClientOfASlowServer, BecomesConnectedThoughTheAnswerIsMissing) {
 /// ahead are lost with the connection that it closes.
 class ABrokerWithAPacketLimit : public testing::TestWithParam<std::tuple<int, std::size_t>> {
 protected:
-    static support::BrokerOptions options() {
-        support::BrokerOptions result;
+    static mqtt::test::BrokerOptions options() {
+        mqtt::test::BrokerOptions result;
         result.extraLines = {"max_packet_size 20000"};
         return result;
     }
-    static support::ClientOptions persistent() {
-        support::ClientOptions result;
+    static mqtt::test::ClientOptions persistent() {
+        mqtt::test::ClientOptions result;
         result.persistent = true;
         return result;
     }
 
-    support::Broker broker_{options()};
-    support::RawPeer peer_{broker_};
-    std::unique_ptr<MqttClient> client_ = support::testClient(broker_, persistent());
+    mqtt::test::Broker broker_{options()};
+    mqtt::test::RawPeer peer_{broker_};
+    std::unique_ptr<MqttClient> client_ = mqtt::test::testClient(broker_, persistent());
 };
 INSTANTIATE_TEST_SUITE_P(QosAndSize, ABrokerWithAPacketLimit,
                          testing::Combine(testing::Values(1, 2),

@@ -3,7 +3,7 @@
 #include "client/client_on_a_script.hpp"
 
 #include "client/backoff.hpp"
-#include "support/watched.hpp"
+#include "mqtt/test/watched.hpp"
 
 #include <gmock/gmock.h>
 
@@ -74,7 +74,7 @@ TEST_F(AConnectionOnAScript, RestartsTheBackOffWithEachStepThatSucceeds) {
 
 TEST_F(AConnectionOnAScript, IsTriedAgainAfterAGrowingDelay) {
     mqtt::resetReconnectAttempts();
-    support::Watched<std::vector<std::chrono::steady_clock::time_point>> attempts;
+    mqtt::test::Watched<std::vector<std::chrono::steady_clock::time_point>> attempts;
     script_->setHook(Operation::RECONNECT, [&](auto const&) {
         attempts.change([](auto& all) { all.push_back(std::chrono::steady_clock::now()); });
         return FAILED;
@@ -104,10 +104,10 @@ TEST_F(AConnectionOnAScript, EstablishedOrSearchedForIsGivenUp) {
 }
 
 TEST_F(AConnectionOnAScript, RequestedByTwoDuringANetworkStepIsMadeForOneOfThem) {
-    support::Watched<bool> workerIsInside;
-    support::Watched<int> callers;
+    mqtt::test::Watched<bool> workerIsInside;
+    mqtt::test::Watched<int> callers;
     script_->post([&](auto&) {
-        support::set(workerIsInside);
+        mqtt::test::set(workerIsInside);
         EXPECT_TRUE(callers.waitFor([](int count) { return count == 2; }));
         // Callers count themselves a few instructions before they wait. On a busy machine each
         // yield lets all other threads run once.
@@ -115,7 +115,7 @@ TEST_F(AConnectionOnAScript, RequestedByTwoDuringANetworkStepIsMadeForOneOfThem)
             std::this_thread::yield();
         }
     });
-    ASSERT_TRUE(workerIsInside.waitFor(support::isSet));
+    ASSERT_TRUE(workerIsInside.waitFor(mqtt::test::isSet));
     auto const connectOnce = [&] {
         callers.change([](int& count) { ++count; });
         return client_->connect("", -1, WAIT_SECONDS);
@@ -169,8 +169,9 @@ TEST_F(ADisconnectingClient, WaitsForTheEndOfTheStepInWhichTheBrokerAcceptsTheCo
     script_->runInLoop([&](auto& object) {
         object.on_connect(0);
         result = std::async(std::launch::async, [&] { return client_->disconnect(WAIT_SECONDS); });
-        EXPECT_FALSE(support::eventually([&] { return script_->count(Operation::DISCONNECT) != 0; },
-                                         std::chrono::milliseconds(200)));
+        EXPECT_FALSE(
+            mqtt::test::eventually([&] { return script_->count(Operation::DISCONNECT) != 0; },
+                                   std::chrono::milliseconds(200)));
     });
     EXPECT_EQ(result.get(), Error::SUCCESS);
     EXPECT_EQ(client_->communicationState(), ComState::DISCONNECTED);
@@ -205,7 +206,7 @@ TEST_F(ADisconnectingClient, ConnectsAgainAfterItHasGivenUpDuringAnAttempt) {
 }
 
 TEST_F(ADisconnectingClient, MayGiveUpInTheListenersCallForConnecting) {
-    support::StateRecorder listener([this](ComState state) {
+    mqtt::test::StateRecorder listener([this](ComState state) {
         if (state == ComState::CONNECTING) {
             client_->giveUp();
         }
@@ -230,15 +231,15 @@ TEST_F(ADisconnectingClient, IsDisconnectedHoweverItsConnectionEnds) {
 
 TEST_F(ADisconnectingClient, DoesNotTryAgainWhenItsConnectionFails) {
     connect();
-    support::Watched<bool> calledDisconnect;
+    mqtt::test::Watched<bool> calledDisconnect;
     script_->setHook(Operation::RECONNECT, [&](auto const&) {
-        EXPECT_TRUE(calledDisconnect.waitFor(support::isSet));
+        EXPECT_TRUE(calledDisconnect.waitFor(mqtt::test::isSet));
         return std::optional<int>(FAILED);
     });
     script_->loseConnection(CONN_LOST);
     ASSERT_TRUE(script_->waitForCalls(Operation::RECONNECT, 1));
     beginToDisconnect();
-    support::set(calledDisconnect);
+    mqtt::test::set(calledDisconnect);
     ASSERT_TRUE(states_.waitFor(ComState::DISCONNECTED));
     letTheStepEnd();
     EXPECT_EQ(script_->count(Operation::RECONNECT), 1U);
@@ -278,7 +279,7 @@ TEST_F(AWorkerOnAScript, BeginsWhenTheLibraryKnowsOfTheThread) {
     for (int i = 0; i < 200; ++i) {
         auto const client = idleClient();
         auto const script = StandIn::last();
-        ASSERT_TRUE(support::eventually([&] { return script->loops() > 0; }));
+        ASSERT_TRUE(mqtt::test::eventually([&] { return script->loops() > 0; }));
         auto const first = script->calls().front();
         EXPECT_EQ(first.operation, Operation::THREADED_SET);
         EXPECT_EQ(first.thread, std::this_thread::get_id());
@@ -292,7 +293,7 @@ TEST(AClientThatCannotBeMade, EndsItsWorkerAndSaysWhy) {
             throw std::runtime_error("on purpose");
         });
     });
-    EXPECT_THROW(mqtt::MqttClient(support::uniqueId(), false, "", "host", 1883, true),
+    EXPECT_THROW(mqtt::MqttClient(mqtt::test::uniqueId(), false, "", "host", 1883, true),
                  std::runtime_error);
     EXPECT_TRUE(StandIn::last()->destroyed());
     StandIn::onConstruction({});

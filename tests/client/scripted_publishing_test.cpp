@@ -3,7 +3,7 @@
 
 #include "client/client_on_a_script.hpp"
 
-#include "support/watched.hpp"
+#include "mqtt/test/watched.hpp"
 
 #include <gmock/gmock.h>
 
@@ -78,7 +78,7 @@ TEST_F(ALibraryWithoutAConnection, IsNotCalledFromTheCallbackOfTheLossUntilItRec
 }
 
 TEST_F(ALibraryWithoutAConnection, IsNotCalledForAListenerThatHearsOfTheLoss) {
-    support::StateRecorder listener([&](ComState state) {
+    mqtt::test::StateRecorder listener([&](ComState state) {
         if (state == ComState::CONNECTION_LOST) {
             EXPECT_EQ(client_->publish("a", "0", 2, true), Error::SUCCESS);
             EXPECT_EQ(client_->clear("a"), Error::NO_CONN);
@@ -181,7 +181,7 @@ TEST_F(AClientOnAScript, KeepsTheOrderOfWhatIsPublishedWhileItsQueueIsSent) {
             std::this_thread::yield();
         }
     });
-    EXPECT_TRUE(support::eventually([&] { return count >= 300; }));
+    EXPECT_TRUE(mqtt::test::eventually([&] { return count >= 300; }));
     connect();
     stop = true;
     publisher.join();

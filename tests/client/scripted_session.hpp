@@ -1,8 +1,8 @@
 #pragma once
 
-#include "support/recorder.hpp"
+#include "mqtt/test/recorder.hpp"
+#include "mqtt/test/test_client.hpp"
 #include "support/scripted_server.hpp"
-#include "support/test_client.hpp"
 
 #include <mqtt/client.hpp>
 
@@ -57,23 +57,23 @@ protected:
     /// Ends the connection; returns when the client has noticed.
     void loseConnection() {
         server.drop();
-        ASSERT_TRUE(support::eventually(
+        ASSERT_TRUE(mqtt::test::eventually(
             [&] { return client->communicationState() != conv::ComState::CONNECTED; }));
     }
 
     /// Ends the connection; returns when the client is connected again.
     void reconnect() {
         loseConnection();
-        ASSERT_TRUE(support::becomesConnected(*client));
+        ASSERT_TRUE(mqtt::test::becomesConnected(*client));
     }
 
     support::ScriptedServer server;
-    support::MessageRecorder first, second, third;
+    mqtt::test::MessageRecorder first, second, third;
 
 private:
-    support::MessageRecorder marker_;
+    mqtt::test::MessageRecorder marker_;
     int markers_ = 0;
 
 protected:
-    std::unique_ptr<Client> client = support::testClient(server.host(), server.port());
+    std::unique_ptr<Client> client = mqtt::test::testClient(server.host(), server.port());
 };

@@ -1,6 +1,7 @@
 // Subscribing, as the broker library sees it, and which answer of the library means what.
 
 #include "client/client_on_a_script.hpp"
+#include "support/log_lines.hpp"
 
 #include <gmock/gmock.h>
 
@@ -11,6 +12,7 @@ using conv::SecondsDuration;
 using mqtt::Topic;
 using support::StandIn;
 using testing::ElementsAre;
+using testing::EndsWith;
 using Strings = std::vector<std::string>;
 using Operation = StandIn::Operation;
 using Error = mqtt::MqttClient::Error;
@@ -58,8 +60,34 @@ TEST_F(ASubscribingClient, DoesNotRegisterWhatTheLibraryRefuses) {
     EXPECT_EQ(client_->subscribe("a", &subscriber_, 2), Error::NO_MEMORY);
     script_->deliver("a", "x");
     letTheStepEnd();
-    EXPECT_THAT(subscriber_.deliveries(), ElementsAre(support::Delivery{1, "a", "x"}))
+    EXPECT_THAT(subscriber_.deliveries(), ElementsAre(mqtt::test::Delivery{1, "a", "x"}))
         << "the first registration stays";
+}
+
+TEST_F(ASubscribingClient, LogsAndCountsWhatTheBrokerRefuses) {
+    int const accepted = 0;
+    int const refused = 128;
+    auto const answerLast = [this](int count, int const* granted) {
+        int const mid = script_->calls(Operation::SUBSCRIBE).back().mid;
+        script_->runInLoop([=](auto& object) { object.on_subscribe(mid, count, granted); });
+    };
+    connect();
+    subscribe({"early"});
+    support::LogLines const log(mqtt::LogLevel::ERROR);
+    answerLast(1, &refused);
+    subscribe({"good"});
+    answerLast(1, &accepted);
+    subscribe({"bad"});
+    answerLast(0, nullptr);
+    subscribe({"bad"});
+    answerLast(1, &refused);
+    answerLast(1, &refused);
+    auto const unknown = EndsWith(": subscription refused by the broker: of an unknown topic");
+    EXPECT_THAT(
+        log.copy(),
+        ElementsAre(unknown, EndsWith(": subscription refused by the broker: bad"), unknown));
+    EXPECT_EQ(client_->statistics().subscriptionsRefused, 3U);
+    EXPECT_TRUE(isRegistered("bad"));
 }
 
 TEST_F(ASubscribingClient, RemovesAnEntryWhateverTheLibraryAnswers) {
@@ -99,7 +127,7 @@ TEST_F(ASubscribingClient, WaitsForTheAcknowledgementOfItsUnsubscription) {
 }
 
 TEST_F(ASubscribingClient, UnsubscribesForTheLastSubscriberOfExactlyThatTopic) {
-    support::MessageRecorder other;
+    mqtt::test::MessageRecorder other;
     auto const unsubscribeWait = [&](Topic const& topic, auto& subscriber) {
         return client_->unsubscribeWait(topic, &subscriber, SecondsDuration::NO_TIMEOUT);
     };
@@ -153,7 +181,7 @@ TEST_F(ASubscribingClient, SubscribesToEachTopicOnceInByteOrderAtQosZeroWithEver
     connect();
     subscribe({"b", "a/+", "a", "a/#", "b", "B", "gone", "released"});
     Strings expected{"b", "a/+", "a", "a/#", "b", "B", "gone", "released"};
-    support::MessageRecorder released;
+    mqtt::test::MessageRecorder released;
     ASSERT_EQ(client_->disconnect(WAIT_SECONDS), Error::SUCCESS);
     ASSERT_EQ(client_->subscribe("released", &released, 0), Error::SUCCESS);
     client_->unsubscribe("gone", &subscriber_);
@@ -172,7 +200,7 @@ TEST_F(ASubscribingClient, SubscribesToEachTopicOnceInByteOrderAtQosZeroWithEver
 }
 
 TEST_F(ASubscribingClient, SubscribesThenSendsItsQueueAndThenCallsItsListener) {
-    support::StateRecorder listener([&](ComState state) {
+    mqtt::test::StateRecorder listener([&](ComState state) {
         if (state == ComState::CONNECTED) {
             EXPECT_EQ(client_->publish("listener", "", 0, false), Error::SUCCESS);
         }

@@ -1,9 +1,9 @@
 #include "client/socket/send_pacing.hpp"
 
 #include "client/sockets.hpp"
-#include "support/eventually.hpp"
-#include "support/file_descriptor.hpp"
-#include "support/socket.hpp"
+#include "mqtt/test/eventually.hpp"
+#include "net/file_descriptor.hpp"
+#include "net/socket.hpp"
 
 #include <gtest/gtest.h>
 
@@ -42,11 +42,11 @@ protected:
 
     /// Sends small pieces until one is held back until an acknowledgement comes.
     bool getsHeldBack() {
-        return support::eventually(
+        return mqtt::test::eventually(
             [this] { return ::send(pair.near.get(), "x", 1, 0) == 1 && heldBack() > 0; });
     }
 
-    support::TcpPair pair;
+    mqtt::test::TcpPair pair;
     SendPacing pacing;
 };
 
@@ -67,7 +67,7 @@ TEST_F(APublisher, GathersAStreamAndReleasesItsEndAfterAPause) {
     EXPECT_FALSE(sendsAtOnce());
     EXPECT_TRUE(pacing.holdsBack());
     ASSERT_TRUE(getsHeldBack());
-    EXPECT_TRUE(support::eventually([this] {
+    EXPECT_TRUE(mqtt::test::eventually([this] {
         step();
         return heldBack() == 0;
     }));

@@ -1,9 +1,9 @@
 #include "client/socket/socket_tuning.hpp"
 
 #include "client/sockets.hpp"
-#include "support/eventually.hpp"
-#include "support/file_descriptor.hpp"
-#include "support/socket.hpp"
+#include "mqtt/test/eventually.hpp"
+#include "net/file_descriptor.hpp"
+#include "net/socket.hpp"
 
 #include <gtest/gtest.h>
 
@@ -14,7 +14,7 @@
 namespace {
 
 using mqtt::SocketTuning;
-using support::FileDescriptor;
+using mqtt::test::FileDescriptor;
 
 constexpr std::chrono::milliseconds LONGEST_WAIT{1000};
 
@@ -31,7 +31,7 @@ protected:
     void step() { tuning.stepped(near.get(), false); }
 
     bool acknowledgesLater() {
-        return support::eventually([this] {
+        return mqtt::test::eventually([this] {
             step();
             return acknowledgesAtOnce();
         });
@@ -49,7 +49,7 @@ protected:
         }
     }
 
-    support::TcpPair pair;
+    mqtt::test::TcpPair pair;
     FileDescriptor& near = pair.near;
     FileDescriptor& far = pair.far;
     SocketTuning tuning;
@@ -66,7 +66,7 @@ TEST_F(ATcpConnection, AcknowledgesAtOnceAfterAStepThatLeavesNothingToDo) {
 TEST_F(ATcpConnection, LeavesTheAcknowledgementToTheStepThatReadsTheRest) {
     ASSERT_EQ(::send(far.get(), "x", 1, 0), 1);
     int waiting = 0;
-    ASSERT_TRUE(support::eventually(
+    ASSERT_TRUE(mqtt::test::eventually(
         [&] { return ::ioctl(near.get(), FIONREAD, &waiting) == 0 && waiting > 0; }));
     delayAcknowledgements();
     step();
@@ -75,7 +75,7 @@ TEST_F(ATcpConnection, LeavesTheAcknowledgementToTheStepThatReadsTheRest) {
 
 TEST_F(ATcpConnection, AcknowledgesAStreamOnlyWhenItPauses) {
     ASSERT_TRUE(acknowledgesAtOnce());
-    EXPECT_TRUE(support::eventually([&] {
+    EXPECT_TRUE(mqtt::test::eventually([&] {
         receiveMessages(100);
         step();
         return !acknowledgesAtOnce();
@@ -86,13 +86,13 @@ TEST_F(ATcpConnection, AcknowledgesAStreamOnlyWhenItPauses) {
 }
 
 TEST_F(ATcpConnection, TakesTheFirstMessageAfterAPauseForTheStreamAgain) {
-    ASSERT_TRUE(support::eventually([&] {
+    ASSERT_TRUE(mqtt::test::eventually([&] {
         receiveMessages(100);
         return tuning.longestWait() < LONGEST_WAIT;
     }));
     delayAcknowledgements();
     ASSERT_TRUE(acknowledgesLater());
-    EXPECT_TRUE(support::eventually([&] {
+    EXPECT_TRUE(mqtt::test::eventually([&] {
         receiveMessages(1);
         delayAcknowledgements();
         step();

@@ -1,9 +1,9 @@
 #include "mqtt/client.hpp"
 
 #include "common/awaited_call.hpp"
-#include "support/broker.hpp"
-#include "support/recorder.hpp"
-#include "support/test_client.hpp"
+#include "mqtt/test/broker.hpp"
+#include "mqtt/test/recorder.hpp"
+#include "mqtt/test/test_client.hpp"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -16,9 +16,9 @@ namespace {
 
 using conv::ComState;
 using mqtt::MqttClient;
-using support::Broker;
-using support::MessageRecorder;
-using support::StateRecorder;
+using mqtt::test::Broker;
+using mqtt::test::MessageRecorder;
+using mqtt::test::StateRecorder;
 using testing::Each;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -40,7 +40,7 @@ protected:
     StateRecorder second;
     Broker broker;
     std::unique_ptr<MqttClient> client =
-        support::testClient(broker, {false, false, zym::common::Uuid::NIL});
+        mqtt::test::testClient(broker, {false, false, zym::common::Uuid::NIL});
 };
 
 TEST_F(AStateListener, SeesEveryChangeWithTheStateInPlace) {

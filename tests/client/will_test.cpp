@@ -3,7 +3,7 @@
 namespace {
 
 using conv::ComState;
-using support::Message;
+using mqtt::test::Message;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::Not;
@@ -24,7 +24,7 @@ TEST_F(AWill, IsPublishedWhenTheClientEndsWithoutADisconnectUnlessItWasCleared) 
     client_.reset();
     ASSERT_TRUE(peer_.waitForMessages(1));
     EXPECT_THAT(peer_.messages(), ElementsAre(Message{"will", payload, 2, false}));
-    EXPECT_EQ(support::retained(broker_, "will"), (Message{"will", payload, 2, true}));
+    EXPECT_EQ(mqtt::test::retained(broker_, "will"), (Message{"will", payload, 2, true}));
 
     client_ = idleClient();
     setWill("cleared");

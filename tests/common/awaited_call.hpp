@@ -1,6 +1,6 @@
 #pragma once
 
-#include "support/watched.hpp"
+#include "mqtt/test/watched.hpp"
 
 #include <gtest/gtest.h>
 
@@ -12,20 +12,20 @@ public:
     /// The body of the call. It lasts long enough to see whether the operation waits: if a machine
     /// is slow, a defect may pass unseen; a correct operation never fails.
     void run() {
-        support::set(hasBegun_);
-        EXPECT_FALSE(hasReturned_.waitFor(support::isSet, std::chrono::milliseconds(200)));
-        support::set(isOver_);
+        mqtt::test::set(hasBegun_);
+        EXPECT_FALSE(hasReturned_.waitFor(mqtt::test::isSet, std::chrono::milliseconds(200)));
+        mqtt::test::set(isOver_);
     }
 
     /// Begins the operation inside the call. It must return when the call is over.
     template <class Operation>
     void expectToBeAwaitedBy(Operation const& operation) {
-        ASSERT_TRUE(hasBegun_.waitFor(support::isSet));
+        ASSERT_TRUE(hasBegun_.waitFor(mqtt::test::isSet));
         operation();
         EXPECT_TRUE(isOver_.copy());
-        support::set(hasReturned_);
+        mqtt::test::set(hasReturned_);
     }
 
 private:
-    support::Watched<bool> hasBegun_, hasReturned_, isOver_;
+    mqtt::test::Watched<bool> hasBegun_, hasReturned_, isOver_;
 };

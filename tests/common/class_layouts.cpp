@@ -1,7 +1,7 @@
 #include "common/class_layouts.hpp"
 
+#include "mqtt/test/temp_dir.hpp"
 #include "support/stack_dump.hpp"
-#include "support/temp_dir.hpp"
 
 #include <gtest/gtest.h>
 
@@ -13,7 +13,7 @@ namespace {
 
 /// What the compiler writes about the classes of this source, with all names demangled.
 std::string dumpLayouts(std::string const& source) {
-    support::TempDir const directory;
+    mqtt::test::TempDir const directory;
     std::ofstream(directory.file("source.cpp")) << source;
     std::string const layout = directory.file("layout");
     return support::outputOf(ZYM_LAYOUT_COMPILER " -std=c++17 -fsyntax-only -fdump-lang-class="

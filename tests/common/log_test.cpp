@@ -1,6 +1,6 @@
 #include "common/log.hpp"
 
-#include "support/watched.hpp"
+#include "mqtt/test/watched.hpp"
 
 #include <gmock/gmock.h>
 
@@ -49,6 +49,12 @@ TEST_F(ALog, HasALineOfTheLevelAndThoseAboveIt) {
                                     Pair(LogLevel::WARNING, "a warning")));
 }
 
+TEST_F(ALog, HasNoLineEndInALine) {
+    start(LogLevel::ERROR);
+    log(LogLevel::ERROR, "a\nb\r\t\x1f c \xc3\xa9");
+    EXPECT_THAT(lines_, ElementsAre(Pair(LogLevel::ERROR, "a?b??? c \xc3\xa9")));
+}
+
 TEST_F(ALog, EndsWithAnEmptyFunction) {
     start(LogLevel::DETAIL);
     setLogFunction({}, LogLevel::DETAIL);
@@ -63,18 +69,18 @@ TEST_F(ALog, DropsWhatTheFunctionThrows) {
 }
 
 TEST_F(ALog, DoesNotCallTheLastFunctionOnceAnotherIsSet) {
-    support::Watched<bool> entered;
-    support::Watched<bool> mayReturn;
+    mqtt::test::Watched<bool> entered;
+    mqtt::test::Watched<bool> mayReturn;
     std::atomic<bool> returned{false};
     setLogFunction(
         [&](LogLevel, std::string const&) {
             set(entered);
-            mayReturn.waitFor(support::isSet);
+            mayReturn.waitFor(mqtt::test::isSet);
             returned = true;
         },
         LogLevel::INFO);
     std::thread logger([] { log(LogLevel::INFO, "line"); });
-    ASSERT_TRUE(entered.waitFor(support::isSet));
+    ASSERT_TRUE(entered.waitFor(mqtt::test::isSet));
     std::thread releaser([&] { set(mayReturn); });
     setLogFunction({}, LogLevel::INFO);
     EXPECT_TRUE(returned);

@@ -8,10 +8,10 @@
 // The properties in the report of the test are measurements; scripts/brokers puts them into its
 // table.
 
+#include "mqtt/test/broker.hpp"
+#include "mqtt/test/recorder.hpp"
+#include "mqtt/test/test_client.hpp"
 #include "requestreply/sample_data.hpp"
-#include "support/broker.hpp"
-#include "support/recorder.hpp"
-#include "support/test_client.hpp"
 #include "support/watchdog.hpp"
 
 #include <mqtt/binder_proxy.hpp>
@@ -104,8 +104,8 @@ protected:
     }
 
     std::unique_ptr<MqttClient> idleClient(Address const& at) const {
-        return std::make_unique<MqttClient>(support::uniqueId(), false, "", at.host, at.port, false,
-                                            options());
+        return std::make_unique<MqttClient>(mqtt::test::uniqueId(), false, "", at.host, at.port,
+                                            false, options());
     }
     std::unique_ptr<MqttClient> client(Address const& at) const {
         auto made = idleClient(at);
@@ -124,10 +124,10 @@ protected:
     }
 
     /// Subscribes the panel, and waits until what the device publishes there reaches it.
-    void subscribePanel(support::MessageRecorder& recorder, Topic const& pattern,
+    void subscribePanel(mqtt::test::MessageRecorder& recorder, Topic const& pattern,
                         Topic const& probe) {
         ASSERT_EQ(panel_->subscribe(pattern, &recorder, 0), Error::SUCCESS);
-        ASSERT_TRUE(support::eventually(
+        ASSERT_TRUE(mqtt::test::eventually(
             [&] {
                 device_->publishWait(probe, "probe", 1, false, 1);
                 return recorder.count() != 0;
@@ -144,13 +144,13 @@ protected:
     /// Asks again until the count is this one, as brokers may need time to tell one another.
     std::size_t retained(Topic const& pattern, std::size_t expected) const {
         std::size_t count = 0;
-        support::eventually(
+        mqtt::test::eventually(
             [&] {
-                support::MessageRecorder recorder;
+                mqtt::test::MessageRecorder recorder;
                 EXPECT_EQ(panel_->subscribe(pattern, &recorder, 0), Error::SUCCESS);
                 panel_->publishWait(base_ + "anything", "", 1, false, WAIT_SECONDS);
-                support::eventually([&] { return recorder.count() >= std::max(expected, 1UL); },
-                                    milliseconds(500));
+                mqtt::test::eventually([&] { return recorder.count() >= std::max(expected, 1UL); },
+                                       milliseconds(500));
                 count = recorder.count();
                 panel_->release(&recorder);
                 return count == expected;
@@ -175,13 +175,13 @@ protected:
         RecordProperty(name, std::to_string(value));
     }
 
-    std::optional<support::Broker> broker_ = [] {
+    std::optional<mqtt::test::Broker> broker_ = [] {
         bool const isOwn = variable("ZYM_TEST_DEVICE").empty();
-        return isOwn ? std::make_optional<support::Broker>() : std::nullopt;
+        return isOwn ? std::make_optional<mqtt::test::Broker>() : std::nullopt;
     }();
     Address const deviceAddress_ = address("ZYM_TEST_DEVICE");
     Address const panelAddress_ = address("ZYM_TEST_PANEL");
-    Topic const base_ = Topic("conformance") + support::uniqueId();
+    Topic const base_ = Topic("conformance") + mqtt::test::uniqueId();
     std::unique_ptr<MqttClient> device_ = client(deviceAddress_);
     std::unique_ptr<MqttClient> panel_ = client(panelAddress_);
 };
@@ -191,7 +191,7 @@ protected:
 class ConformanceAtAQos : public Conformance, public testing::WithParamInterface<int> {};
 
 TEST_P(ConformanceAtAQos, MessagesArriveInOrderEachOnce) {
-    support::MessageRecorder recorder;
+    mqtt::test::MessageRecorder recorder;
     subscribePanel(recorder, base_ + "+/#", base_ + "a/probe");
     constexpr int COUNT = 500;
     std::vector<std::string> sent;
@@ -213,7 +213,7 @@ INSTANTIATE_TEST_SUITE_P(Qos, ConformanceAtAQos, testing::Values(0, 1, 2),
                          testing::PrintToStringParamName());
 
 TEST_F(Conformance, AMessageOf200KilobytesArrives) {
-    support::MessageRecorder recorder;
+    mqtt::test::MessageRecorder recorder;
     subscribePanel(recorder, base_ + "large", base_ + "large");
     std::string const payload(200000, 'x');
     ASSERT_EQ(device_->publishWait(base_ + "large", payload, 2, false, WAIT_SECONDS),
@@ -238,7 +238,7 @@ TEST_F(Conformance, APatternFindsRetainedValues) {
 }
 
 TEST_F(Conformance, TheWillOfALostDeviceArrivesAndIsRetained) {
-    support::MessageRecorder recorder;
+    mqtt::test::MessageRecorder recorder;
     subscribePanel(recorder, base_ + "will", base_ + "will");
     auto lost = idleClient(deviceAddress_);
     ASSERT_EQ(lost->setWill(base_ + "will", "lost", 2, true), Error::SUCCESS);
@@ -256,8 +256,9 @@ TEST_F(Conformance, RequestsInARowAreAnswered) {
     mqtt::RequestReplyServer server(*device_, base_, Topic(), "echo");
     ASSERT_EQ(server.subscribe(&echo, Uuid::NIL, std::make_shared<NumberData>()), Error::SUCCESS);
     mqtt::RequestReplyClient requests(*panel_, base_, Topic(), "echo");
-    auto const id = support::uniqueId();
-    ASSERT_TRUE(support::eventually([&] { return echoes(requests, id, 1); }, WAIT)) << "no reply";
+    auto const id = mqtt::test::uniqueId();
+    ASSERT_TRUE(mqtt::test::eventually([&] { return echoes(requests, id, 1); }, WAIT))
+        << "no reply";
     constexpr unsigned COUNT = 200;
     std::vector<double> times;
     unsigned unanswered = 0;
@@ -277,7 +278,7 @@ TEST_F(Conformance, RequestsInARowAreAnswered) {
 TEST_F(Conformance, ARequestThatNobodyAnswersEndsByItsOwnReply) {
     mqtt::RequestReplyClient requests(*panel_, base_, Topic(), "nobody");
     auto const start = steady_clock::now();
-    ASSERT_EQ(requests.request(nullptr, support::uniqueId(), Uuid::NIL,
+    ASSERT_EQ(requests.request(nullptr, mqtt::test::uniqueId(), Uuid::NIL,
                                std::make_shared<NumberData>(), std::make_shared<NumberData>(),
                                nullptr, 1),
               Code::PENDING);
@@ -291,7 +292,7 @@ TEST_F(Conformance, ARequestThatNobodyAnswersEndsByItsOwnReply) {
 
 TEST_F(Conformance, APanelBindsItselfAndReadsTheTime) {
     Grant grant;
-    auto const id = support::uniqueId();
+    auto const id = mqtt::test::uniqueId();
     mqtt::RequestReplyServer bind(*device_, base_, Topic(), "bind");
     mqtt::RequestReplyServer unbind(*device_, base_, Topic(), "unbind");
     ASSERT_EQ(bind.subscribe(&grant, id, std::make_shared<mqtt::BindRequestData>()),
@@ -300,12 +301,12 @@ TEST_F(Conformance, APanelBindsItselfAndReadsTheTime) {
     Clock clock(*device_, base_, id);
     // The broker has handled the subscriptions; otherwise the first exchange takes five seconds.
     device_->publishWait(base_ + "anything", "", 1, false, WAIT_SECONDS);
-    mqtt::SynchronizedTimeBaseMqttProxy time(*panel_, base_, support::uniqueId(), nullptr);
+    mqtt::SynchronizedTimeBaseMqttProxy time(*panel_, base_, mqtt::test::uniqueId(), nullptr);
     ASSERT_TRUE(time.synchronize(id, WAIT_SECONDS));
     // Both clocks are this machine's, so the offset should be the known one.
     report("time_error_ms", 1000 * std::abs(time.offset() + AHEAD));
     using BinderError = zym::common::Binder::Error;
-    mqtt::BinderMqttProxy binder(*panel_, base_, Topic(), support::uniqueId(), base_ + "panel",
+    mqtt::BinderMqttProxy binder(*panel_, base_, Topic(), mqtt::test::uniqueId(), base_ + "panel",
                                  nullptr);
     EXPECT_EQ(binder.bindSync(id, WAIT_SECONDS), BinderError::SUCCESS);
     EXPECT_EQ(binder.unbindSync(WAIT_SECONDS), BinderError::SUCCESS);
@@ -325,7 +326,7 @@ TEST_F(Conformance, EntitiesAreDiscovered) {
     }
     links.publishWait();
     mqtt::ServiceDiscovererMqtt discoverer(*panel_, base_ + "entities");
-    EXPECT_TRUE(support::eventually([&] { return discoverer.discoverSync(2, true); }, WAIT));
+    EXPECT_TRUE(mqtt::test::eventually([&] { return discoverer.discoverSync(2, true); }, WAIT));
     ASSERT_EQ(discoverer.entities().size(), static_cast<std::size_t>(COUNT));
     EXPECT_EQ(discoverer.entities().back().name, links.value.back().id);
 }
@@ -335,8 +336,8 @@ TEST_F(Conformance, RetainedValuesBelowAPatternAreErased) {
         publishRetained(base_ + ("old/" + std::to_string(i)));
     }
     ASSERT_EQ(retained(base_ + "old/#", 20), 20U);
-    mqtt::TopicCleaner cleaner(nullptr, support::uniqueId(), panelAddress_.host, panelAddress_.port,
-                               options());
+    mqtt::TopicCleaner cleaner(nullptr, mqtt::test::uniqueId(), panelAddress_.host,
+                               panelAddress_.port, options());
     cleaner.clean(base_ + "old/#", milliseconds(3000));
     EXPECT_TRUE(cleaner.waitAllTasks(milliseconds(30000)));
     EXPECT_EQ(retained(base_ + "old/#", 0), 0U);

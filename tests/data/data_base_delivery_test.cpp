@@ -1,6 +1,7 @@
 // How an endpoint handles a message, and which locks it holds.
 
 #include "data/an_endpoint.hpp"
+#include "support/log_lines.hpp"
 
 #include <gmock/gmock.h>
 
@@ -13,6 +14,8 @@ namespace {
 using mqtt::MqttDataBase;
 using support::StandIn;
 using testing::ElementsAre;
+using testing::EndsWith;
+using testing::HasSubstr;
 using testing::SizeIs;
 using Error = mqtt::MqttClient::Error;
 using Lock = MqttDataBase::Lock;
@@ -58,9 +61,11 @@ TEST_F(AnEndpoint, DropsWhatItCannotReadAndReadsTheNextMessage) {
     Endpoint other(*client_, "a/b", 2, true);
     ASSERT_EQ(subscribe(endpoint, 3), Error::SUCCESS);
     ASSERT_EQ(subscribe(other, 4), Error::SUCCESS);
+    support::LogLines const log(mqtt::LogLevel::ERROR);
     for (auto const& failure : {std::function<void()>([] { throw std::invalid_argument("x"); }),
                                 std::function<void()>([] { throw std::out_of_range("x"); }),
-                                std::function<void()>([] { throw std::runtime_error("x"); }),
+                                std::function<void()>([] { throw std::runtime_error("y"); }),
+                                std::function<void()>([] { throw std::bad_alloc(); }),
                                 std::function<void()>([] { throw OwnException(); }),
                                 std::function<void()>([] { throw 1; })}) {
         endpoint.events.clear();
@@ -75,6 +80,14 @@ TEST_F(AnEndpoint, DropsWhatItCannotReadAndReadsTheNextMessage) {
         EXPECT_THAT(other.events,
                     ElementsAre("read a/b bad", "notify 4", "read a/b good", "notify 4"));
     }
+    EXPECT_THAT(log.copy(), ElementsAre(EndsWith(": document dropped: a/b: x"),
+                                        EndsWith(": document dropped: a/b: x"),
+                                        EndsWith(": document dropped: a/b: y"),
+                                        HasSubstr(": document dropped: a/b: "),
+                                        HasSubstr(": document dropped: a/b: "),
+                                        HasSubstr(": subscriber of a/b has thrown: ")));
+    EXPECT_EQ(client_->statistics().droppedDocuments.unreadable, 4U);
+    EXPECT_EQ(client_->statistics().droppedDocuments.noMemory, 1U);
 }
 
 TEST_F(AnEndpoint, CatchesExceptionsOfTheStandardLibraryOnlyItself) {

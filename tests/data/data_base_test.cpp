@@ -102,7 +102,7 @@ TEST_F(AnEndpoint, StaysSubscribedToItsOldTopicUntilItSubscribesAgain) {
 TEST_F(AnEndpoint, TakesNoLockToReplaceItsTopic) {
     Lock const lock(endpoint.mutex());
     auto replaced = std::async(std::launch::async, [&] { endpoint.setTopicBase("c"); });
-    EXPECT_EQ(replaced.wait_for(support::DEADLINE), std::future_status::ready);
+    EXPECT_EQ(replaced.wait_for(mqtt::test::DEADLINE), std::future_status::ready);
 }
 
 TEST_F(AnEndpoint, PassesOnTheResultsOfTheClient) {

@@ -2,8 +2,8 @@
 // more here than the assertions do.
 
 #include "client/flood.hpp"
-#include "support/broker.hpp"
-#include "support/test_client.hpp"
+#include "mqtt/test/broker.hpp"
+#include "mqtt/test/test_client.hpp"
 #include "support/timeout_factor.hpp"
 
 #include <mqtt/link.hpp>
@@ -58,7 +58,7 @@ void makeCopyAndDestroy(mqtt::MqttClient& client, char const* topic) {
             EXPECT_EQ(endpoint.subscribe(&counter, 2), Error::SUCCESS);
             Endpoint const copy(endpoint);
             if (round % 4 == 0) {
-                EXPECT_TRUE(support::eventually([&] { return counter.calls > 0; }));
+                EXPECT_TRUE(mqtt::test::eventually([&] { return counter.calls > 0; }));
             }
             if (round % 3 == 0) {
                 endpoint.unsubscribe();
@@ -71,8 +71,8 @@ void makeCopyAndDestroy(mqtt::MqttClient& client, char const* topic) {
 }
 
 TEST(TypedEndpoints, AreMadeCopiedAndDestroyedWhileMessagesArrive) {
-    support::Broker broker;
-    auto const client = support::testClient(broker);
+    mqtt::test::Broker broker;
+    auto const client = mqtt::test::testClient(broker);
     Flood const flood(broker, linksAndLists());
     std::vector<std::thread> threads;
     threads.emplace_back([&] { makeCopyAndDestroy<MqttData<Link>, Link>(*client, "link"); });

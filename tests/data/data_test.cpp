@@ -2,7 +2,8 @@
 
 #include "common/awaited_call.hpp"
 #include "data/an_endpoint.hpp"
-#include "support/watched.hpp"
+#include "data/every_kind.hpp"
+#include "mqtt/test/watched.hpp"
 
 #include <mqtt/link.hpp>
 #include <mqtt/payloads.hpp>
@@ -56,8 +57,8 @@ namespace {
 
 using mqtt::Link;
 using mqtt::MqttData;
-using support::isSet;
-using support::Watched;
+using mqtt::test::isSet;
+using mqtt::test::Watched;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
@@ -71,7 +72,7 @@ static_assert(std::is_same_v<decltype(MqttData<Link>::subscriber), MqttData<Link
 
 /// A subscriber of links that records its calls: "<link> <identifier>", or
 /// "<link> empty <identifier>".
-class LinkRecorder : public support::Recording<std::string, Link const&>,
+class LinkRecorder : public mqtt::test::Recording<std::string, Link const&>,
                      public MqttData<Link>::Subscriber {
 public:
     explicit LinkRecorder(Hook hook = {}) : Recording(std::move(hook)) {}
@@ -117,6 +118,28 @@ TEST_F(ATypedEndpoint, PublishesAtQosTwoAndRetainedOnTheTopicOfItsType) {
                                                         "a/b/status", "a/b", "a/b", "a/b"));
     EXPECT_STREQ(MqttData<conv::Identification>::TOPIC_SUFFIX, "identification");
     EXPECT_STREQ(MqttData<conv::ServiceStatus>::TOPIC_SUFFIX, "status");
+}
+
+TEST_F(ATypedEndpoint, PublishesAsTheListOfFieldsSays) {
+    struct Case {
+        char const* topic;
+        int qos;
+        bool retained;
+    };
+    MqttData<sample::EveryKind>(*client_, "a/b").publish();
+    MqttData<sample::Measurement>(*client_, "a/b").publish();
+    MqttData<sample::Point>(*client_, "a/b").publish();
+    auto const calls = script_->calls(Operation::PUBLISH);
+    ASSERT_THAT(calls, SizeIs(3));
+    std::size_t i = 0;
+    for (auto const& [topic, qos, retained] :
+         {Case{"a/b/every/kind", 1, false}, {"a/b/measurement", 2, true}, {"a/b", 0, false}}) {
+        EXPECT_EQ(calls[i].topic, topic);
+        EXPECT_EQ(calls[i].qos, qos) << topic;
+        EXPECT_EQ(calls[i].retain, retained) << topic;
+        ++i;
+    }
+    EXPECT_STREQ(MqttData<sample::EveryKind>::TOPIC_SUFFIX, "every/kind");
 }
 
 TEST_F(ATypedEndpoint, PublishesTheValueThatItsOwnerWrote) {
@@ -226,7 +249,7 @@ TEST_F(ATypedEndpoint, IsNotCopiedWhileItsValueIsWritten) {
     Watched<bool> copied;
     auto copying = std::async(std::launch::async, [&] {
         MqttData<Link> const copy(endpoint);
-        support::set(copied);
+        mqtt::test::set(copied);
         return copy.value.id;
     });
     endpoint.value.id = "half";

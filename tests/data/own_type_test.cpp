@@ -3,10 +3,10 @@
 
 #include "consumer/fill_level.hpp"
 
-#include "support/broker.hpp"
-#include "support/raw_peer.hpp"
-#include "support/test_client.hpp"
-#include "support/watched.hpp"
+#include "mqtt/test/broker.hpp"
+#include "mqtt/test/raw_peer.hpp"
+#include "mqtt/test/test_client.hpp"
+#include "mqtt/test/watched.hpp"
 
 #include <gmock/gmock.h>
 
@@ -37,13 +37,13 @@ public:
     }
 
 private:
-    support::Watched<std::vector<std::string>> lines_;
+    mqtt::test::Watched<std::vector<std::string>> lines_;
 };
 
 class AnApplicationsOwnType : public testing::Test {
 protected:
-    support::Broker broker;
-    std::unique_ptr<mqtt::MqttClient> client = support::testClient(broker);
+    mqtt::test::Broker broker;
+    std::unique_ptr<mqtt::MqttClient> client = mqtt::test::testClient(broker);
     Display display;
     MqttData<FillLevel> tank{*client, "plant/tank"};
     MqttData<FillLevel> panel{*client, "plant/tank"};
@@ -53,7 +53,7 @@ TEST_F(AnApplicationsOwnType, IsPublishedInItsFormatAndReceivedAlsoByACopyOfTheE
     ASSERT_EQ(panel.subscribe(&display, 7), Error::SUCCESS);
     // The broker has the subscription by then: it was sent before, on the same connection.
     tank.publishWait();
-    support::RawPeer peer(broker);
+    mqtt::test::RawPeer peer(broker);
     for (char const* const payload : {"{", "[]", R"({"level": 1})", R"({"litres": "1"})"}) {
         peer.publish("plant/tank/level", payload); // cannot be read
     }
@@ -65,7 +65,7 @@ TEST_F(AnApplicationsOwnType, IsPublishedInItsFormatAndReceivedAlsoByACopyOfTheE
         EXPECT_THAT(display.lines(4), ElementsAre("7: 0", "7: 12", "7: 12", "0: 12"))
             << "the retained value again";
     }
-    auto const message = support::retained(broker, "plant/tank/level");
+    auto const message = mqtt::test::retained(broker, "plant/tank/level");
     ASSERT_TRUE(message);
     EXPECT_EQ(message->payload, "{\n  \"litres\": 12\n}");
     EXPECT_EQ(tank.cleanWait(), Error::SUCCESS);

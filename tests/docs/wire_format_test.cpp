@@ -1,9 +1,9 @@
 // docs/wire-format.md shows what the library writes. A box there is a fenced block with a language
 // and a name, "```json reply".
 
+#include "mqtt/test/test_client.hpp"
 #include "requestreply/endpoint.hpp"
 #include "requestreply/sample_data.hpp"
-#include "support/test_client.hpp"
 
 #include <mqtt/binder_proxy.hpp>
 #include <mqtt/link.hpp>
@@ -94,20 +94,20 @@ Boxes documents() {
         {"json communication-status",
          written(
              conv::CommunicationStatus{conv::ComState::CONNECTED, conv::UnixTime(1700000000.5)})},
-        {"json communication-status-without-time",
+        {"json communication-status without-time",
          written(conv::CommunicationStatus{conv::ComState::CONNECTION_LOST, conv::UnixTime()})},
         {"json identification", written(IDENTIFICATION)},
         {"json service-status", written(conv::ServiceStatus{1, 3})},
         {"json link", written(Link{"plant/pumps/1"})},
         {"json link-collection",
          written<Collection>(Links{Link{"plant/pumps/1"}, Link{"plant/pumps/2"}})},
-        {"json empty-link-collection", written<Collection>(Links{})},
+        {"json link-collection empty", written<Collection>(Links{})},
         {"json request", written(request(4294967295U, std::make_shared<NumberData>(7)))},
-        {"json request-without-payload", written(request(42, mqtt::NO_DATA))},
+        {"json request without-payload", written(request(42, mqtt::NO_DATA))},
         {"json reply",
          written(reply(4294967295U, ErrorCode::SUCCESS, std::make_shared<NumberData>(8)))},
-        {"json reply-without-listener", written(reply(42, ErrorCode::NO_LISTENER, nullptr))},
-        {"json time-out-reply", written(reply(42, ErrorCode::TIMEOUT, mqtt::NO_DATA))},
+        {"json reply without-listener", written(reply(42, ErrorCode::NO_LISTENER, nullptr))},
+        {"json reply time-out", written(reply(42, ErrorCode::TIMEOUT, mqtt::NO_DATA))},
         {"json time-request",
          written(request(7, std::make_shared<mqtt::TimeSyncRequestData>(12.5)))},
         {"json time-reply",
@@ -152,7 +152,7 @@ protected:
 
 private:
     std::unique_ptr<mqtt::MqttClient> client_ =
-        support::testClient("host", 1883, {/*persistent=*/false, /*connect=*/false});
+        mqtt::test::testClient("host", 1883, {/*persistent=*/false, /*connect=*/false});
 };
 
 TEST_F(TheWireFormatPage, ShowsWhatTheLibraryWrites) {

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "support/eventually.hpp"
+#include "mqtt/test/eventually.hpp"
 
 #include <unistd.h>
 
@@ -30,7 +30,7 @@ public:
     bool isBlocked() const {
         // Seen several times: a thread may also sleep for a moment on a mutex.
         int seen = 0;
-        return support::eventually([&] {
+        return mqtt::test::eventually([&] {
                    seen = number_ != 0 && state() == 'S' ? seen + 1 : 0;
                    return seen == 3 || ended_;
                })
@@ -39,7 +39,7 @@ public:
 
     /// Waits until the call blocks or has returned.
     bool isBlockedOrReturns() const {
-        return support::eventually([&] { return ended_ || (number_ != 0 && state() == 'S'); });
+        return mqtt::test::eventually([&] { return ended_ || (number_ != 0 && state() == 'S'); });
     }
 
     void join() {

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "support/watched.hpp"
+#include "mqtt/test/watched.hpp"
 
 #include <functional>
 #include <utility>
@@ -38,6 +38,6 @@ protected:
     }
 
 private:
-    support::Watched<Hook> hook_;
-    support::Watched<std::vector<Call>> calls_;
+    mqtt::test::Watched<Hook> hook_;
+    mqtt::test::Watched<std::vector<Call>> calls_;
 };

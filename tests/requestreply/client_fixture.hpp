@@ -1,12 +1,12 @@
 #pragma once
 
+#include "mqtt/test/broker.hpp"
+#include "mqtt/test/raw_peer.hpp"
+#include "mqtt/test/recorder.hpp"
+#include "mqtt/test/test_client.hpp"
 #include "requestreply/blocking_thread.hpp"
 #include "requestreply/call_recorder.hpp"
 #include "requestreply/sample_data.hpp"
-#include "support/broker.hpp"
-#include "support/raw_peer.hpp"
-#include "support/recorder.hpp"
-#include "support/test_client.hpp"
 
 #include <mqtt/request_reply.hpp>
 
@@ -87,8 +87,8 @@ inline std::string replyText(unsigned int requestId, int error, std::string cons
 /// Waits until this client has handled everything that was published before, and the broker its
 /// subscriptions.
 inline void receiveAll(mqtt::MqttClient& client) {
-    support::MessageRecorder probe;
-    auto const topic = "probe/" + support::uniqueId().base64URL();
+    mqtt::test::MessageRecorder probe;
+    auto const topic = "probe/" + mqtt::test::uniqueId().base64URL();
     ASSERT_EQ(client.subscribe(topic, &probe, 0), mqtt::MqttClient::Error::SUCCESS);
     ASSERT_EQ(client.publish(topic, "x", 2, false), mqtt::MqttClient::Error::SUCCESS);
     EXPECT_TRUE(probe.waitForCount(1));
@@ -99,12 +99,12 @@ inline void receiveAll(mqtt::MqttClient& client) {
 class SessionOnABroker : public testing::Test {
 protected:
     using Uuid = zym::common::Uuid;
-    using Messages = support::RawPeer::Messages;
+    using Messages = mqtt::test::RawPeer::Messages;
 
     SessionOnABroker() { peer.subscribe("svc/#"); }
 
-    static support::BrokerOptions quick() {
-        support::BrokerOptions options;
+    static mqtt::test::BrokerOptions quick() {
+        mqtt::test::BrokerOptions options;
         options.nodelay = true;
         return options;
     }
@@ -134,27 +134,27 @@ protected:
     }
 
     /// The n-th message with this text in its topic, counted from 1, waiting for it.
-    support::Message awaitMessage(std::string const& text, std::size_t n) const {
+    mqtt::test::Message awaitMessage(std::string const& text, std::size_t n) const {
         Messages found;
         EXPECT_TRUE(peer.waitFor([&](auto const& all) {
             found = messagesWith(all, text);
             return found.size() >= n;
         })) << "message "
             << n << " on " << text;
-        return found.size() < n ? support::Message{"none?\?/", "\"$reqId\": 0"} : found[n - 1];
+        return found.size() < n ? mqtt::test::Message{"none?\?/", "\"$reqId\": 0"} : found[n - 1];
     }
 
     /// Replies to a request in place of a server.
-    void replyTo(support::Message const& request, int code, std::string const& members = "") {
+    void replyTo(mqtt::test::Message const& request, int code, std::string const& members = "") {
         peer.publish(replyTopicFor(request.topic), replyText(idIn(request.payload), code, members));
     }
 
     void receiveAll() { ::receiveAll(*mqtt); }
 
-    support::Broker broker{quick()};
-    support::RawPeer peer{broker};
-    std::unique_ptr<mqtt::MqttClient> mqtt = support::testClient(broker);
-    Uuid id = support::uniqueId();
+    mqtt::test::Broker broker{quick()};
+    mqtt::test::RawPeer peer{broker};
+    std::unique_ptr<mqtt::MqttClient> mqtt = mqtt::test::testClient(broker);
+    Uuid id = mqtt::test::uniqueId();
     int markers = 0;
 };
 

@@ -10,7 +10,7 @@
 
 namespace {
 
-using support::isSet;
+using mqtt::test::isSet;
 using testing::Each;
 using testing::ElementsAre;
 using testing::SizeIs;
@@ -20,7 +20,7 @@ class AWait : public ClientOnABroker {};
 TEST_F(AWait, BelongsToTheRequestItBeganWith) {
     int const count = rounds(20);
     for (int round = 0; round < count; ++round) {
-        support::Watched<bool> made;
+        mqtt::test::Watched<bool> made;
         ReplyRecorder first([&](ReplyCall const&) {
             EXPECT_EQ(request(NO_TIME_LIMIT), Code::PENDING);
             set(made);
@@ -58,7 +58,7 @@ TEST_F(AListener, MayDestroyItsClientWhateverEndedTheRequest) {
         {Code::TIMEOUT, [] {}, 0, 0, "+"}}; // to an invalid topic: by the timer's thread
     for (auto const& [error, end, waiters, timeout, name] : ends) {
         SCOPED_TRACE(error);
-        support::Watched<bool> gone;
+        mqtt::test::Watched<bool> gone;
         ReplyRecorder ending([&](ReplyCall const&) {
             client.reset();
             set(gone);
@@ -84,7 +84,7 @@ protected:
 };
 
 TEST_F(AListenerOnTheTimersThread, IsNotWaitedForByATermination) {
-    support::Watched<bool> terminated;
+    mqtt::test::Watched<bool> terminated;
     ReplyRecorder ending([&](ReplyCall const&) {
         std::thread([this] { client->terminate(); }).join();
         set(terminated);
@@ -97,7 +97,7 @@ TEST_F(AListenerOnTheTimersThread, IsNotWaitedForByATermination) {
 
 /// The timer would have to end the request that it waits for.
 TEST_F(AListenerOnTheTimersThread, DoesNotWait) {
-    support::Watched<bool> done;
+    mqtt::test::Watched<bool> done;
     Code waited = Code::NONE;
     ReplyRecorder ending([&](ReplyCall const&) {
         EXPECT_EQ(request(LONG_TIMEOUT_S), Code::PENDING);
@@ -111,12 +111,12 @@ TEST_F(AListenerOnTheTimersThread, DoesNotWait) {
 }
 
 TEST_F(AListenerOnTheTimersThread, IsWaitedForByADestruction) {
-    support::Watched<bool> inside;
+    mqtt::test::Watched<bool> inside;
     std::atomic<bool> left{false};
     ReplyRecorder slow([&](ReplyCall const&) {
         set(inside);
         // The client is terminated then, so that the destruction waits for this call only.
-        EXPECT_TRUE(support::eventually([this] {
+        EXPECT_TRUE(mqtt::test::eventually([this] {
             return client->requestWait(id, Uuid::NIL, nullptr, nullptr, 0) == Code::CANCELLED;
         }));
         left = true;

@@ -1,4 +1,5 @@
 #include "requestreply/server_fixture.hpp"
+#include "support/log_lines.hpp"
 
 #include <atomic>
 #include <chrono>
@@ -6,10 +7,10 @@
 
 namespace {
 
+using mqtt::test::isSet;
+using mqtt::test::Message;
 using std::chrono::seconds;
 using std::chrono::steady_clock;
-using support::isSet;
-using support::Message;
 using testing::Contains;
 using testing::Each;
 using testing::ElementsAre;
@@ -50,7 +51,7 @@ TEST_F(ARequestReplyClient, NeverTakesAnIdentifierTwice) {
 }
 
 TEST_F(ARequestReplyClient, CallsItsListenerWithTheReply) {
-    auto const server = support::uniqueId();
+    auto const server = mqtt::test::uniqueId();
     ASSERT_EQ(
         client->request(&recorder, id, server, nullptr, replyData, &requestId, LONG_TIMEOUT_S),
         Code::PENDING);
@@ -84,7 +85,24 @@ TEST_F(ARequestReplyClient, RefusesASecondRequestAndSendsNothing) {
     EXPECT_THAT(refused.calls(), IsEmpty());
 }
 
+TEST_F(ARequestReplyClient, CountsItsRequestsByTheirEnd) {
+    ASSERT_EQ(request(), Code::PENDING);
+    EXPECT_EQ(request(), Code::BUSY);
+    reply(17);
+    ASSERT_TRUE(recorder.waitForCount(1));
+    ASSERT_EQ(request(), Code::PENDING);
+    client->cancel();
+    ASSERT_EQ(requestWait(0), Code::TIMEOUT);
+    ASSERT_EQ(request(0), Code::PENDING);
+    ASSERT_TRUE(recorder.waitForCount(3));
+    auto const counted = mqtt->statistics().requests;
+    EXPECT_EQ(counted.made, 4U);
+    EXPECT_EQ(counted.replied, 1U);
+    EXPECT_EQ(counted.timedOut, 2U);
+}
+
 TEST_F(ARequestReplyClient, IgnoresAReplyWithAnotherIdentifier) {
+    support::LogLines const log(mqtt::LogLevel::INFO);
     ASSERT_EQ(request(), Code::PENDING);
     reply(replyText(requestId + 1, 1, "\"number\": 8"));
     reply(replyText(requestId - 1, 3));
@@ -94,13 +112,16 @@ TEST_F(ARequestReplyClient, IgnoresAReplyWithAnotherIdentifier) {
     ASSERT_TRUE(recorder.waitForCount(1));
     EXPECT_THAT(recorder.errors(), ElementsAre(SERVICE_ERROR));
     EXPECT_EQ(replyData->number, 0U) << "the payload of another reply";
+    auto const other = std::to_string(requestId + 1);
+    EXPECT_THAT(log.copy(), ElementsAre(testing::EndsWith(": reply dropped: request " + other
+                                                          + " of sync is not under way")));
 }
 
 TEST_F(ARequestReplyClient, ReadsNothingMoreWhenItsRequestHasEnded) {
     // Receives the reply before the client does, and delays it.
-    support::Watched<bool> entered;
-    support::Watched<bool> mayLeave;
-    support::MessageRecorder delay([&](auto&&...) {
+    mqtt::test::Watched<bool> entered;
+    mqtt::test::Watched<bool> mayLeave;
+    mqtt::test::MessageRecorder delay([&](auto&&...) {
         set(entered);
         mayLeave.waitFor(isSet);
     });
@@ -225,7 +246,7 @@ TEST_F(ARequestReplyClient, GetsTheReplyOfAServerOnAnotherMqttClient) {
         error = code;
         return std::make_shared<NumberData>(dynamic_cast<NumberData const&>(data).number + 1);
     });
-    auto const serversMqtt = support::testClient(broker);
+    auto const serversMqtt = mqtt::test::testClient(broker);
     mqtt::RequestReplyServer server(*serversMqtt, "svc", "time", "sync");
     ASSERT_EQ(server.subscribe(&listener, Uuid::NIL, std::make_shared<NumberData>()),
               mqtt::MqttClient::Error::SUCCESS);

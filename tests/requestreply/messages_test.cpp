@@ -1,9 +1,9 @@
 // What requests and replies look like: codes, topics and documents. The seeds of the fuzz targets
 // have more documents, which every build reads.
 
+#include "mqtt/test/test_client.hpp"
 #include "requestreply/endpoint.hpp"
 #include "requestreply/sample_data.hpp"
-#include "support/test_client.hpp"
 
 #include <gmock/gmock.h>
 
@@ -104,7 +104,7 @@ protected:
     }
 
     std::unique_ptr<mqtt::MqttClient> client_ =
-        support::testClient("host", 1883, {/*persistent=*/false, /*connect=*/false});
+        mqtt::test::testClient("host", 1883, {/*persistent=*/false, /*connect=*/false});
 };
 
 TEST_F(TheTopicsOfARequest, ConsistOfBaseServerSubPathNameAndClient) {

@@ -29,7 +29,7 @@ protected:
         return client.request(listener, id, id, nullptr, replyData, nullptr, timeout);
     }
 
-    Uuid id = support::uniqueId();
+    Uuid id = mqtt::test::uniqueId();
     std::shared_ptr<NumberData> replyData = std::make_shared<NumberData>();
     ReplyRecorder recorder;
     mqtt::RequestReplyClient client{*client_, "svc", "a-sub-path-of-some-length", "sync"};

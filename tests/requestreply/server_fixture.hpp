@@ -42,7 +42,7 @@ public:
     }
 
 private:
-    support::Watched<Answer> answer_;
+    mqtt::test::Watched<Answer> answer_;
 };
 
 /// Servers on one MQTT client, and a raw peer that sends requests to them.

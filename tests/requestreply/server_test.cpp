@@ -5,8 +5,8 @@
 namespace {
 
 using mqtt::Topic;
-using support::isSet;
-using support::Message;
+using mqtt::test::isSet;
+using mqtt::test::Message;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using Data = ServerListener::Data;
@@ -36,7 +36,7 @@ TEST_F(AServer, RepliesOnTheTopicOfEachClient) {
     EXPECT_THAT(replies(), ElementsAre(Message{"svc/n?=/" + CLIENT_ID, reply(1, 1), 2, false},
                                        Message{"svc/n?=/" + second, reply(2, 1), 2, false},
                                        Message{"svc/n?=/" + second, reply(3, 1), 2, false}));
-    EXPECT_THAT(support::allRetained(broker, "svc/#"), IsEmpty());
+    EXPECT_THAT(mqtt::test::allRetained(broker, "svc/#"), IsEmpty());
 }
 
 TEST_F(AServer, GivesItsListenerTheRequestOnItsOwnTopic) {
@@ -207,8 +207,8 @@ protected:
 };
 
 TEST_F(TheEndOfAServer, WaitsForTheRequestBeingHandledAndItsReply) {
-    support::Watched<bool> entered;
-    support::Watched<bool> destroyed;
+    mqtt::test::Watched<bool> entered;
+    mqtt::test::Watched<bool> destroyed;
     listener.setAnswer([&](auto const&, auto&) {
         set(entered);
         EXPECT_FALSE(destroyed.waitFor(isSet, OBSERVATION_TIME));
@@ -250,7 +250,7 @@ TEST_F(TheEndOfAServer, ComesInsideItsListenersCallWithoutAReply) {
 
 TEST_F(TheEndOfAServer, MayComeWithoutAConnection) {
     broker.kill();
-    ASSERT_TRUE(support::eventually(
+    ASSERT_TRUE(mqtt::test::eventually(
         [&] { return mqtt->communicationState() != conv::ComState::CONNECTED; }));
     server.reset();
 }

@@ -1,11 +1,11 @@
 #pragma once
 
+#include "mqtt/test/broker.hpp"
+#include "mqtt/test/port_lease.hpp"
+#include "mqtt/test/recorder.hpp"
+#include "mqtt/test/test_client.hpp"
+#include "mqtt/test/watched.hpp"
 #include "secure/certificates.hpp"
-#include "support/broker.hpp"
-#include "support/port_lease.hpp"
-#include "support/recorder.hpp"
-#include "support/test_client.hpp"
-#include "support/watched.hpp"
 
 #include <mqtt/client.hpp>
 #include <mqtt/connection_options.hpp>
@@ -41,7 +41,7 @@ protected:
     }
 
     /// A listener with a certificate, and with more lines of the configuration.
-    static std::string listener(support::PortLease const& lease, std::string const& lines) {
+    static std::string listener(mqtt::test::PortLease const& lease, std::string const& lines) {
         return "listener " + std::to_string(lease.port()) + " 127.0.0.1\n" + lines;
     }
     std::string withCertificate(std::string const& name) const {
@@ -65,8 +65,8 @@ protected:
 
     static std::unique_ptr<mqtt::MqttClient> client(int port,
                                                     mqtt::ConnectionOptions const& options) {
-        return std::make_unique<mqtt::MqttClient>(support::uniqueId(), false, "", "127.0.0.1", port,
-                                                  false, options);
+        return std::make_unique<mqtt::MqttClient>(mqtt::test::uniqueId(), false, "", "127.0.0.1",
+                                                  port, false, options);
     }
 
     /// The failure of the first attempt.
@@ -74,12 +74,12 @@ protected:
         auto const failing = client(port, options);
         failing->connect("", -1, 0);
         EXPECT_TRUE(
-            support::eventually([&] { return failing->lastFailure().reason != Reason::NONE; }));
+            mqtt::test::eventually([&] { return failing->lastFailure().reason != Reason::NONE; }));
         return failing->lastFailure();
     }
 
     void expectToWork(mqtt::MqttClient& working) {
-        support::MessageRecorder recorder;
+        mqtt::test::MessageRecorder recorder;
         ASSERT_EQ(working.connect("", -1, WAIT_SECONDS), Error::SUCCESS) << working.lastFailure();
         ASSERT_EQ(working.subscribe("topic", &recorder, 0), Error::SUCCESS);
         ASSERT_EQ(working.publishWait("topic", PAYLOAD, 2, false, WAIT_SECONDS), Error::SUCCESS);
@@ -90,16 +90,18 @@ protected:
     }
 
     static constexpr char const* PAYLOAD = "PAYLOAD-76";
+    static constexpr std::size_t MAX_PACKET_SIZE = 20'000;
 
     Certificates const files_;
-    support::PortLease certificates_;       ///< clients need none
-    support::PortLease clientCertificates_; ///< clients need one
-    support::PortLease elsewhere_;
-    support::PortLease expired_;
-    support::PortLease sharedKey_;
-    support::Broker broker_{[this] {
-        support::BrokerOptions options;
+    mqtt::test::PortLease certificates_;       ///< clients need none
+    mqtt::test::PortLease clientCertificates_; ///< clients need one
+    mqtt::test::PortLease elsewhere_;
+    mqtt::test::PortLease expired_;
+    mqtt::test::PortLease sharedKey_;
+    mqtt::test::Broker broker_{[this] {
+        mqtt::test::BrokerOptions options;
         options.extraLines = {
+            "max_packet_size " + std::to_string(MAX_PACKET_SIZE),
             listener(certificates_, withCertificate("server")),
             listener(clientCertificates_, withCertificate("server") + "require_certificate true"),
             listener(elsewhere_, withCertificate("elsewhere")),
@@ -108,13 +110,13 @@ protected:
         return options;
     }()};
     /// With pre-shared keys Mosquitto 2.1 has no TLS 1.3, at any listener.
-    support::Broker sharedKeyBroker_{[this] {
-        support::BrokerOptions options;
+    mqtt::test::Broker sharedKeyBroker_{[this] {
+        mqtt::test::BrokerOptions options;
         options.extraLines = {
             listener(sharedKey_, "psk_hint hint\nuse_identity_as_username false"),
             "psk_file " + files_.sharedKeys(),
         };
         return options;
     }()};
-    support::Watched<std::string> log_;
+    mqtt::test::Watched<std::string> log_;
 };

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "support/temp_dir.hpp"
+#include "mqtt/test/temp_dir.hpp"
 
 #include <string>
 
@@ -37,5 +37,5 @@ private:
     void issue(std::string const& name, std::string const& authority, std::string const& host,
                int days) const;
 
-    support::TempDir files_;
+    mqtt::test::TempDir files_;
 };

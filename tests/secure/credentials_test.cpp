@@ -1,7 +1,7 @@
+#include "mqtt/test/broker.hpp"
+#include "mqtt/test/recorder.hpp"
+#include "mqtt/test/test_client.hpp"
 #include "secure/certificates.hpp"
-#include "support/broker.hpp"
-#include "support/recorder.hpp"
-#include "support/test_client.hpp"
 
 #include <mqtt/connection_options.hpp>
 #include <mqtt/log.hpp>
@@ -33,17 +33,17 @@ protected:
     }
 
     std::unique_ptr<MqttClient> client(mqtt::ConnectionOptions const& options = {}) const {
-        return std::make_unique<MqttClient>(support::uniqueId(), false, "", broker_.host(),
+        return std::make_unique<MqttClient>(mqtt::test::uniqueId(), false, "", broker_.host(),
                                             broker_.port(), false, options);
     }
 
     Certificates const files_;
-    support::Broker broker_{[this] {
-        support::BrokerOptions options;
+    mqtt::test::Broker broker_{[this] {
+        mqtt::test::BrokerOptions options;
         options.extraLines = {"allow_anonymous false", "password_file " + files_.passwords()};
         return options;
     }()};
-    support::StateRecorder states_;
+    mqtt::test::StateRecorder states_;
 };
 
 TEST_F(APassword, LetsTheClientIn) {
@@ -55,7 +55,7 @@ TEST_F(APassword, ThatIsWrongOrMissingIsTheReasonOfTheRefusal) {
     for (auto const& options : {with("wrong"), mqtt::ConnectionOptions()}) {
         auto const unknown = client(options);
         unknown->connect("", -1, 0);
-        EXPECT_TRUE(support::eventually([&] {
+        EXPECT_TRUE(mqtt::test::eventually([&] {
             return unknown->lastFailure().reason == Reason::REFUSED_NOT_AUTHORISED;
         })) << unknown->lastFailure();
     }
@@ -81,7 +81,7 @@ TEST_F(APassword, IsForgottenWithTheOptions) {
     ASSERT_EQ(forgetful->disconnect(WAIT_SECONDS), Error::SUCCESS);
     ASSERT_EQ(forgetful->setOptions({}), Error::SUCCESS);
     forgetful->connect("", -1, 0);
-    EXPECT_TRUE(support::eventually(
+    EXPECT_TRUE(mqtt::test::eventually(
         [&] { return forgetful->lastFailure().reason == Reason::REFUSED_NOT_AUTHORISED; }));
 }
 
@@ -93,10 +93,10 @@ TEST_F(APassword, IsUsedByTheClassesThatMakeAClient) {
     mqtt::TestCounter counter;
     EXPECT_THROW(mqtt::testTopicClean("retained", counter, broker_.host(), broker_.port(), options),
                  mqtt::test_error);
-    mqtt::TopicCleaner cleaner(nullptr, support::uniqueId(), broker_.host(), broker_.port(),
+    mqtt::TopicCleaner cleaner(nullptr, mqtt::test::uniqueId(), broker_.host(), broker_.port(),
                                options);
     cleaner.clean("retained", std::chrono::milliseconds(0));
-    EXPECT_TRUE(cleaner.waitAllTasks(support::DEADLINE));
+    EXPECT_TRUE(cleaner.waitAllTasks(mqtt::test::DEADLINE));
     ASSERT_EQ(publisher->publishWait("links", R"({"members@count": 1, "members": [{"@id": "a"}]})",
                                      2, true, WAIT_SECONDS),
               Error::SUCCESS);
@@ -107,7 +107,7 @@ TEST_F(APassword, IsUsedByTheClassesThatMakeAClient) {
 }
 
 TEST_F(APassword, DoesNotKeepTwoClientsWithOneIdentifier) {
-    auto const id = support::uniqueId();
+    auto const id = mqtt::test::uniqueId();
     auto const make = [&] {
         return std::make_unique<MqttClient>(id, false, "", broker_.host(), broker_.port(), false,
                                             with(Certificates::PASSWORD));
@@ -116,7 +116,7 @@ TEST_F(APassword, DoesNotKeepTwoClientsWithOneIdentifier) {
     ASSERT_EQ(first->connect("", -1, WAIT_SECONDS), Error::SUCCESS);
     auto const second = make();
     ASSERT_EQ(second->connect("", -1, WAIT_SECONDS), Error::SUCCESS);
-    EXPECT_TRUE(support::eventually(
+    EXPECT_TRUE(mqtt::test::eventually(
         [&] { return first->lastFailure().reason == Reason::CLOSED_BY_BROKER; }));
     first->giveUp();
 }

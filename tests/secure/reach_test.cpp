@@ -1,8 +1,8 @@
 // Brokers that cannot be reached.
 
-#include "support/eventually.hpp"
-#include "support/port_lease.hpp"
-#include "support/test_client.hpp"
+#include "mqtt/test/eventually.hpp"
+#include "mqtt/test/port_lease.hpp"
+#include "mqtt/test/test_client.hpp"
 
 #include <mqtt/connection_options.hpp>
 #include <mqtt/failure.hpp>
@@ -26,18 +26,18 @@ protected:
     mqtt::Failure failureAt(std::string const& host, int port) {
         client_->connect(host, port, 0);
         auto const failure = client_->lastFailure();
-        client_ = support::testClient("", 0, idle());
+        client_ = mqtt::test::testClient("", 0, idle());
         return failure;
     }
 
-    static support::ClientOptions idle() {
-        support::ClientOptions options;
+    static mqtt::test::ClientOptions idle() {
+        mqtt::test::ClientOptions options;
         options.connect = false;
         return options;
     }
 
-    support::PortLease const free_;
-    std::unique_ptr<MqttClient> client_ = support::testClient("", 0, idle());
+    mqtt::test::PortLease const free_;
+    std::unique_ptr<MqttClient> client_ = mqtt::test::testClient("", 0, idle());
 };
 
 TEST_F(ABrokerOutOfReach, IsReportedWithTheErrorOfTheSystem) {
@@ -57,10 +57,10 @@ TEST_F(ABrokerOutOfReach, IsReportedSoAlsoWhenThePasswordComesWithTheSecondAttem
         return ++calls == 1 ? throw std::runtime_error("not yet")
                             : mqtt::Credentials{"user", "password"};
     };
-    MqttClient client(support::uniqueId(), false, "", "127.0.0.1", free_.port(), false, options);
+    MqttClient client(mqtt::test::uniqueId(), false, "", "127.0.0.1", free_.port(), false, options);
     client.connect("", -1, 0);
     EXPECT_EQ(client.lastFailure().reason, Reason::CREDENTIALS_FUNCTION);
-    EXPECT_TRUE(support::eventually([&] {
+    EXPECT_TRUE(mqtt::test::eventually([&] {
         auto const failure = client.lastFailure();
         return failure.reason == Reason::UNREACHABLE && failure.systemError == ECONNREFUSED;
     }));
@@ -79,7 +79,7 @@ TEST_F(ABrokerOutOfReach, MayBeSoForWantOfDescriptors) {
     auto const byAddress = client_->lastFailure();
     setrlimit(RLIMIT_NOFILE, &before);
     EXPECT_EQ(byAddress.reason, Reason::TOO_MANY_DESCRIPTORS) << byAddress;
-    client_ = support::testClient("", 0, idle());
+    client_ = mqtt::test::testClient("", 0, idle());
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
     client_->connect("localhost", free_.port(), 0);
     auto const byName = client_->lastFailure();

@@ -1,6 +1,6 @@
 #include "secure/a_secure_broker.hpp"
 
-#include "support/socket.hpp"
+#include "net/socket.hpp"
 
 #include <sstream>
 
@@ -72,14 +72,14 @@ TEST_F(AFailureOfTls, AtAnotherProtocolHasAReason) {
 }
 
 TEST_F(AFailureOfTls, AtAServerWithAnOldVersionHasAReason) {
-    support::PortLease const lease;
-    auto const listener = support::listenOn(lease.port(), 1);
+    mqtt::test::PortLease const lease;
+    auto const listener = mqtt::test::listenOn(lease.port(), 1);
     auto const failing = client(lease.port(), trusting());
     failing->connect("", -1, 0);
-    auto const server = support::acceptFrom(listener);
+    auto const server = mqtt::test::acceptFrom(listener);
     std::string const alertProtocolVersion("\x15\x03\x03\0\2\2\x46", 7); // fatal, 70
-    ASSERT_TRUE(support::sendAll(server, alertProtocolVersion));
-    EXPECT_TRUE(support::eventually([&] {
+    ASSERT_TRUE(mqtt::test::sendAll(server, alertProtocolVersion));
+    EXPECT_TRUE(mqtt::test::eventually([&] {
         return failing->lastFailure().reason == Reason::TLS_VERSION;
     })) << failing->lastFailure();
 }

@@ -1,5 +1,6 @@
 #include "secure/a_secure_broker.hpp"
 
+#include <algorithm>
 #include <filesystem>
 
 namespace {
@@ -51,9 +52,10 @@ TEST_F(AnEncryptedConnection, ReadsTheFilesAgainWithEachAttempt) {
     copy("stranger");
     auto const current = client(clientCertificates_.port(), withClientCertificate("current"));
     current->connect("", -1, 0);
-    ASSERT_TRUE(support::eventually([&] { return current->lastFailure().reason != Reason::NONE; }));
+    ASSERT_TRUE(
+        mqtt::test::eventually([&] { return current->lastFailure().reason != Reason::NONE; }));
     copy("client");
-    EXPECT_TRUE(support::becomesConnected(*current)) << current->lastFailure();
+    EXPECT_TRUE(mqtt::test::becomesConnected(*current)) << current->lastFailure();
 }
 
 TEST_F(AnEncryptedConnection, MayGetAnotherAuthorityWhileItIsDown) {
@@ -61,17 +63,17 @@ TEST_F(AnEncryptedConnection, MayGetAnotherAuthorityWhileItIsDown) {
     options.tls->caFile = files_.certificate("other");
     auto const changed = client(certificates_.port(), options);
     changed->connect("", -1, 0);
-    ASSERT_TRUE(support::eventually(
+    ASSERT_TRUE(mqtt::test::eventually(
         [&] { return changed->lastFailure().reason == Reason::CERTIFICATE_NOT_TRUSTED; }));
     changed->giveUp();
-    ASSERT_TRUE(support::eventually(
+    ASSERT_TRUE(mqtt::test::eventually(
         [&] { return changed->communicationState() == ComState::DISCONNECTED; }));
     ASSERT_EQ(changed->setOptions(trusting()), Error::SUCCESS);
     expectToWork(*changed);
 }
 
 TEST_F(AnEncryptedConnection, ComesBackWithTheBroker) {
-    support::StateRecorder states;
+    mqtt::test::StateRecorder states;
     auto const back = client(certificates_.port(), trusting());
     back->registerListener(&states);
     ASSERT_EQ(back->connect("", -1, WAIT_SECONDS), Error::SUCCESS);
@@ -81,6 +83,26 @@ TEST_F(AnEncryptedConnection, ComesBackWithTheBroker) {
     broker_.start();
     EXPECT_TRUE(states.waitFor(ComState::CONNECTED));
     back->unregisterListener(&states);
+}
+
+/// A relay could not read the packets: it would take encrypted bytes for publications, and the
+/// connections that it stands in would not be completed.
+TEST_F(AnEncryptedConnection, HasNoRelayForAPublicationThatTheBrokerDoesNotTake) {
+    constexpr unsigned connections = 6;
+    mqtt::test::StateRecorder states;
+    auto const strict = client(certificates_.port(), trusting());
+    strict->registerListener(&states);
+    ASSERT_EQ(strict->connect("", -1, WAIT_SECONDS), Error::SUCCESS);
+    ASSERT_EQ(strict->publish("topic", std::string(MAX_PACKET_SIZE, 'x'), 1, false),
+              Error::SUCCESS);
+    ASSERT_TRUE(
+        mqtt::test::eventually([&] { return strict->statistics().connections >= connections; }));
+    strict->giveUp();
+    auto const all = states.history();
+    auto const completed = std::count(all.begin(), all.end(), ComState::CONNECTED);
+    EXPECT_GE(static_cast<unsigned>(completed), connections - 1) << "the last one may be too new";
+    EXPECT_EQ(strict->statistics().dropped.givenUp, 0U);
+    strict->unregisterListener(&states);
 }
 
 } // namespace

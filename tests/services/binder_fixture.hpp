@@ -38,7 +38,7 @@ private:
         record(event);
     }
 
-    support::Watched<std::thread::id> lastThread_;
+    mqtt::test::Watched<std::thread::id> lastThread_;
 };
 
 /// An answer with this code and no payload.
@@ -60,9 +60,9 @@ public:
     using Uuid = zym::common::Uuid;
 
     /// @param ahead seconds that its clock is ahead of this machine's
-    explicit BindingServer(support::Broker const& broker, double ahead = 10000)
+    explicit BindingServer(mqtt::test::Broker const& broker, double ahead = 10000)
         : ahead_(ahead),
-          mqtt_(support::testClient(broker)),
+          mqtt_(mqtt::test::testClient(broker)),
           bind_(*mqtt_, BASE_TOPIC, SUB_PATH, "bind"),
           unbind_(*mqtt_, BASE_TOPIC, SUB_PATH, "unbind") {
         serveBindings();
@@ -86,7 +86,7 @@ public:
     void withdrawTime() { clock_.reset(); }
     std::uint32_t timeBase() const { return clock_->timeBase(); }
 
-    Uuid const id = support::uniqueId();
+    Uuid const id = mqtt::test::uniqueId();
     ServerListener bindings;
     ServerListener unbindings;
 
@@ -135,7 +135,7 @@ protected:
     std::size_t requests(std::string const& name) {
         return messagesWith(seen(), "/" + name + "?\?/").size();
     }
-    support::Message awaitRequest(std::string const& name, std::size_t count = 1) const {
+    mqtt::test::Message awaitRequest(std::string const& name, std::size_t count = 1) const {
         return awaitMessage("/" + name + "?\?/", count);
     }
     void bind() {
@@ -197,5 +197,5 @@ protected:
 
 private:
     std::atomic<bool> endsBinding_{true};
-    support::Watched<int> synchronizations_;
+    mqtt::test::Watched<int> synchronizations_;
 };

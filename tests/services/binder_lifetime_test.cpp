@@ -6,7 +6,7 @@
 
 namespace {
 
-using support::isSet;
+using mqtt::test::isSet;
 using testing::AnyOf;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -94,7 +94,7 @@ TEST_F(ABlockedCall, IsEndedByADestruction) {
 /// The termination waits for the listener, and the listener waits for a server.
 TEST_F(ABlockedCall, InsideAListenersCallIsEndedByATermination) {
     server.ignoreBindings();
-    support::Watched<bool> inside;
+    mqtt::test::Watched<bool> inside;
     recorder.setHook([&](auto const&) {
         set(inside);
         EXPECT_EQ(proxy->bindSync(server.id, NO_TIME_LIMIT), Error::CANCELLED);
@@ -138,9 +138,9 @@ protected:
         EXPECT_TRUE(destroyed.waitFor(isSet));
     }
 
-    support::Watched<bool> inside;
-    support::Watched<bool> mayDestroy;
-    support::Watched<bool> destroyed;
+    mqtt::test::Watched<bool> inside;
+    mqtt::test::Watched<bool> mayDestroy;
+    mqtt::test::Watched<bool> destroyed;
     Proxy* asked = proxy.get();
 };
 
@@ -200,7 +200,7 @@ protected:
         ASSERT_TRUE(destroyed.waitFor(isSet));
     }
 
-    support::Watched<bool> destroyed;
+    mqtt::test::Watched<bool> destroyed;
 };
 
 TEST_F(AListenerThatDestroysItsProxy, LeavesNothingBehind) {

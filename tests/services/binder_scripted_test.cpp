@@ -74,9 +74,9 @@ protected:
     }
 
     BindingRecorder recorder;
-    Uuid const id = support::uniqueId();
-    Uuid const server = support::uniqueId();
-    std::unique_ptr<mqtt::MqttClient> mqtt = support::testClient("host", 1883);
+    Uuid const id = mqtt::test::uniqueId();
+    Uuid const server = mqtt::test::uniqueId();
+    std::unique_ptr<mqtt::MqttClient> mqtt = mqtt::test::testClient("host", 1883);
     std::shared_ptr<support::StandIn> standIn = support::StandIn::last();
     std::unique_ptr<Proxy> proxy =
         std::make_unique<Proxy>(*mqtt, BASE_TOPIC, SUB_PATH, id, BOUND_TOPIC, &recorder);
@@ -170,7 +170,7 @@ TEST_F(ABindingWithoutAThread, CanBeUnboundAfterACallThatCannotReadTheTime) {
     limitThreads();
     BlockingThread caller(
         [&] { EXPECT_EQ(proxy->bindSync(server, LONG_TIMEOUT_S), Error::NOT_SYNCHRONIZED); });
-    ASSERT_TRUE(support::eventually([&] { return !requests("bind").empty(); }));
+    ASSERT_TRUE(mqtt::test::eventually([&] { return !requests("bind").empty(); }));
     reply("bind", 1);
     caller.join();
     EXPECT_THAT(recorder.calls(), IsEmpty());

@@ -19,7 +19,7 @@ TEST_F(ABinding, DoesNotExistAtFirst) {
 }
 
 TEST_F(ABinding, ExistsWhenBindSyncReturns) {
-    support::Watched<std::string> topic;
+    mqtt::test::Watched<std::string> topic;
     server.bindings.setAnswer([&](auto const& data, auto&) {
         topic.change([&](auto& text) {
             text = dynamic_cast<mqtt::BindRequestData const&>(data).topic.text();
@@ -43,7 +43,7 @@ TEST_F(ABinding, NeedsNoListener) {
     EXPECT_EQ(silent.bindSync(server.id, LONG_TIMEOUT_S), Error::SUCCESS);
     EXPECT_EQ(silent.unbindSync(LONG_TIMEOUT_S), Error::SUCCESS);
     EXPECT_EQ(silent.bind(server.id, LONG_TIMEOUT_S), Error::SUCCESS);
-    EXPECT_TRUE(support::eventually([&] { return silent.isTimeBaseSynchronized(); }));
+    EXPECT_TRUE(mqtt::test::eventually([&] { return silent.isTimeBaseSynchronized(); }));
 }
 
 TEST_F(ABinding, RefusesAnotherOneUntilTheServersTimeIsKnown) {

@@ -97,7 +97,7 @@ protected:
         receiveAll();
     }
 
-    support::Message request;
+    mqtt::test::Message request;
 };
 
 TEST_F(ABindingCalledOff, IsNotRevivedByItsReply) {
@@ -187,7 +187,7 @@ TEST_F(AWaitForABinding, IsCancelledByAnUnbinding) {
     EXPECT_THAT(recorder.calls(),
                 UnorderedElementsAre(bound(Error::CANCELLED), unbound(Error::SUCCESS)));
     EXPECT_TRUE(
-        support::eventually([&] { return proxy->unbind(LONG_TIMEOUT_S) == Error::NOT_BOUND; }));
+        mqtt::test::eventually([&] { return proxy->unbind(LONG_TIMEOUT_S) == Error::NOT_BOUND; }));
     expectBindableAgain();
 }
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "support/watched.hpp"
+#include "mqtt/test/watched.hpp"
 
 #include <thread>
 
@@ -36,5 +36,5 @@ private:
         bool visited = false;
         std::thread::id owner;
     };
-    support::Watched<State> state_;
+    mqtt::test::Watched<State> state_;
 };

@@ -1,9 +1,9 @@
 // Cleaners on a real broker.
 
+#include "mqtt/test/broker.hpp"
+#include "mqtt/test/raw_peer.hpp"
+#include "mqtt/test/test_client.hpp"
 #include "services/cleaner_recorder.hpp"
-#include "support/broker.hpp"
-#include "support/raw_peer.hpp"
-#include "support/test_client.hpp"
 
 #include <gmock/gmock.h>
 
@@ -12,21 +12,21 @@
 namespace {
 
 using mqtt::TopicCleaner;
+using mqtt::test::RawPeer;
 using std::chrono::milliseconds;
-using support::RawPeer;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
 class Cleaning : public testing::Test {
 protected:
-    static support::BrokerOptions quick() {
-        support::BrokerOptions options;
+    static mqtt::test::BrokerOptions quick() {
+        mqtt::test::BrokerOptions options;
         options.nodelay = true;
         return options;
     }
 
     std::unique_ptr<TopicCleaner> makeCleaner() {
-        return std::make_unique<TopicCleaner>(&recorder, support::uniqueId(), broker.host(),
+        return std::make_unique<TopicCleaner>(&recorder, mqtt::test::uniqueId(), broker.host(),
                                               broker.port());
     }
 
@@ -36,7 +36,7 @@ protected:
 
     /// Waits until these topics have retained messages. Erasures may arrive meanwhile.
     bool becomesRetained(Strings const& topics) {
-        return support::eventually([&] {
+        return mqtt::test::eventually([&] {
             RawPeer peer(broker);
             peer.subscribe("#");
             peer.publish("last", "", 1);
@@ -55,7 +55,7 @@ protected:
         });
     }
 
-    support::Broker broker{quick()};
+    mqtt::test::Broker broker{quick()};
     CleanerRecorder recorder;
     std::unique_ptr<TopicCleaner> cleaner = makeCleaner();
 };
@@ -93,7 +93,7 @@ TEST_F(Cleaning, EndsRequestsWhileTheBrokerIsAway) {
     cleaner->clean("a", milliseconds(0));
     broker.stop();
     cleaner->clean("b", milliseconds(0));
-    EXPECT_TRUE(cleaner->waitAllTasks(support::DEADLINE));
+    EXPECT_TRUE(cleaner->waitAllTasks(mqtt::test::DEADLINE));
     EXPECT_THAT(recorder.calls(), ElementsAre("a", "b", ALL));
 }
 

@@ -129,7 +129,7 @@ TEST_F(TheEndOfACleaner, EndsAConnectionThatIsBeingMade) {
     cleaner->terminate();
     checkpoint.open();
     ASSERT_TRUE(standIn->waitForCalls(Operation::DISCONNECT, 2));
-    EXPECT_TRUE(support::eventually([&] { return !standIn->connected(); }));
+    EXPECT_TRUE(mqtt::test::eventually([&] { return !standIn->connected(); }));
 }
 
 TEST_F(TheEndOfACleaner, InsideItsListenersCallEndsWaitsAndLaterCalls) {

@@ -1,10 +1,10 @@
 #pragma once
 
 #include "mqtt/mosquittopp.hpp"
+#include "mqtt/test/test_client.hpp"
 #include "services/cleaner_recorder.hpp"
 #include "support/manual_timer.hpp"
 #include "support/stand_in/stand_in.hpp"
-#include "support/test_client.hpp"
 
 #include <gmock/gmock.h>
 
@@ -21,7 +21,7 @@ protected:
     ACleaner() { manual_timer::reset(); }
 
     void replace(Cleaner::Listener* listener) {
-        cleaner = std::make_unique<Cleaner>(listener, support::uniqueId(), "host", 1883);
+        cleaner = std::make_unique<Cleaner>(listener, mqtt::test::uniqueId(), "host", 1883);
         standIn = support::StandIn::last();
         manual_timer::reset();
     }
@@ -54,6 +54,6 @@ protected:
 
     CleanerRecorder recorder;
     std::unique_ptr<Cleaner> cleaner =
-        std::make_unique<Cleaner>(&recorder, support::uniqueId(), "host", 1883);
+        std::make_unique<Cleaner>(&recorder, mqtt::test::uniqueId(), "host", 1883);
     std::shared_ptr<support::StandIn> standIn = support::StandIn::last();
 };

@@ -1,20 +1,20 @@
+#include "mqtt/test/recorder.hpp"
+#include "mqtt/test/watched.hpp"
 #include "requestreply/blocking_thread.hpp"
 #include "services/cleaner_fixture.hpp"
-#include "support/recorder.hpp"
-#include "support/watched.hpp"
 
 namespace {
 
 using mqtt::TopicCleaner;
+using mqtt::test::Delivery;
+using mqtt::test::isSet;
 using std::chrono::milliseconds;
-using support::Delivery;
-using support::isSet;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
 
 TEST_F(ACleaner, ConnectsWithACleanSessionOfItsOwn) {
-    auto const id = support::uniqueId();
+    auto const id = mqtt::test::uniqueId();
     cleaner = std::make_unique<Cleaner>(&recorder, id, "there", 1234);
     standIn = support::StandIn::last();
     EXPECT_EQ(standIn->clientId(), id.base64URL());
@@ -103,7 +103,7 @@ TEST_F(ACleaner, ExtendsARunningRequestByThreeSecondsWhateverTheDuration) {
     cleaner->clean("a", LONG_DURATION);
     auto const end = steady_clock::now();
     EXPECT_EQ(standIn->count(Operation::SUBSCRIBE), 1U);
-    EXPECT_TRUE(support::eventually([&] {
+    EXPECT_TRUE(mqtt::test::eventually([&] {
         auto const before = steady_clock::now();
         expire();
         auto const after = steady_clock::now();
@@ -190,7 +190,7 @@ TEST_F(ACleaner, WaitsForRequestsNoLongerThanTheTimeout) {
 
 TEST_F(ACleaner, EndsAllWaitsAfterItsListenerWasCalledForTheLastRequest) {
     cleaner->clean("a", milliseconds(0));
-    support::Watched<bool> returned;
+    mqtt::test::Watched<bool> returned;
     auto const waitFor = [&](milliseconds timeout) {
         EXPECT_TRUE(cleaner->waitAllTasks(timeout));
         set(returned);
@@ -259,8 +259,8 @@ protected:
         return std::make_unique<Task>(client, topic, 7, duration, &subscriber);
     }
 
-    support::MessageRecorder subscriber;
-    std::shared_ptr<mqtt::MqttClient> client = support::testClient("host", 1883);
+    mqtt::test::MessageRecorder subscriber;
+    std::shared_ptr<mqtt::MqttClient> client = mqtt::test::testClient("host", 1883);
 };
 
 TEST_F(ACleaningTask, SubscribesFromItsStartToItsTerminationOrDestruction) {

@@ -1,8 +1,8 @@
 #pragma once
 
 #include "client/client_on_a_script.hpp"
+#include "mqtt/test/watched.hpp"
 #include "services/link_list.hpp"
-#include "support/watched.hpp"
 
 #include <mqtt/payloads.hpp>
 #include <mqtt/service_discoverer.hpp>
@@ -121,7 +121,7 @@ protected:
 
     /// Waits until that many calls have been made and have returned.
     bool waitForSubscriptions(std::size_t count) const {
-        return support::eventually([&] {
+        return mqtt::test::eventually([&] {
             auto const calls = script_->calls(Operation::SUBSCRIBE);
             return calls.size() >= count
                    && std::all_of(calls.begin(), calls.end(),
@@ -148,5 +148,5 @@ protected:
     std::unique_ptr<Discoverer> discoverer = std::make_unique<Discoverer>(*client_, ENTITIES);
 
 private:
-    support::Watched<std::map<std::string, std::string>> retained_;
+    mqtt::test::Watched<std::map<std::string, std::string>> retained_;
 };

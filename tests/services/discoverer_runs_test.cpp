@@ -14,7 +14,7 @@ using testing::IsEmpty;
 
 void waitAtLeast(milliseconds time) {
     auto const end = steady_clock::now() + time;
-    EXPECT_TRUE(support::eventually([&] { return steady_clock::now() > end; }));
+    EXPECT_TRUE(mqtt::test::eventually([&] { return steady_clock::now() > end; }));
 }
 
 class ARunAfterAnother : public ADiscoverer {
@@ -146,7 +146,7 @@ TEST_F(TheEndOfADiscoverer, EndsARunWithAndWithoutAList) {
 }
 
 TEST_F(TheEndOfADiscoverer, MayComeInADeliveryOnTheSameTopic) {
-    support::MessageRecorder destroying([&](auto&&...) { discoverer.reset(); });
+    mqtt::test::MessageRecorder destroying([&](auto&&...) { discoverer.reset(); });
     ASSERT_EQ(client_->subscribe(ENTITIES, &destroying, 0), mqtt::MqttClient::Error::SUCCESS);
     auto run = startEndlessRun();
     ASSERT_TRUE(waitForSubscriptions(2));

@@ -2,8 +2,8 @@
 
 #include "client/client_on_a_script.hpp"
 #include "data/an_endpoint.hpp"
+#include "mqtt/test/watched.hpp"
 #include "services/cleaner_recorder.hpp"
-#include "support/watched.hpp"
 
 #include <mqtt/time_base.hpp>
 
@@ -35,7 +35,7 @@ using testing::SizeIs;
 using Error = MqttClient::Error;
 
 /// Operations of the client, and their timeouts in seconds.
-support::Watched<std::vector<std::pair<std::string, int>>> waits;
+mqtt::test::Watched<std::vector<std::pair<std::string, int>>> waits;
 
 std::atomic<std::thread::id> waitingThread{std::thread::id()};
 /// How long the first wait of `waitingThread` was still to last when it began.
@@ -108,7 +108,7 @@ protected:
     }
 
     static std::unique_ptr<MqttClient> makeClient(bool connectNow) {
-        return std::make_unique<MqttClient>(support::uniqueId(), false, "", "host", 1883,
+        return std::make_unique<MqttClient>(mqtt::test::uniqueId(), false, "", "host", 1883,
                                             connectNow);
     }
 };
@@ -136,10 +136,10 @@ TEST_F(ATimeoutOfTheLibrary, IsFiveSecondsInAnEndpoint) {
 TEST_F(ATimeoutOfTheLibrary, IsFiveSecondsInACleaner) {
     CleanerRecorder recorder;
     {
-        mqtt::TopicCleaner cleaner(&recorder, support::uniqueId(), "host", 1883);
+        mqtt::TopicCleaner cleaner(&recorder, mqtt::test::uniqueId(), "host", 1883);
         takeWaits();
         cleaner.clean("a", milliseconds(0));
-        EXPECT_TRUE(cleaner.waitAllTasks(support::DEADLINE));
+        EXPECT_TRUE(cleaner.waitAllTasks(mqtt::test::DEADLINE));
         cleaner.clean("b", LONG_DURATION);
     }
     EXPECT_THAT(takeWaits(), ElementsAre(Pair("unsubscribeWait", 5), Pair("unsubscribeWait", 5),
@@ -149,7 +149,7 @@ TEST_F(ATimeoutOfTheLibrary, IsFiveSecondsInACleaner) {
 
 TEST_F(ATimeoutOfTheLibrary, IsFiveSecondsInTheFirstTerminationOfATimeBaseAdaptor) {
     auto const client = makeClient(false);
-    mqtt::SynchronizedTimeBaseMqttAdaptor adaptor(*client, "svc", support::uniqueId());
+    mqtt::SynchronizedTimeBaseMqttAdaptor adaptor(*client, "svc", mqtt::test::uniqueId());
     adaptor.terminate();
     EXPECT_THAT(takeWaits(), ElementsAre(Pair("unsubscribeWait", 5)));
     adaptor.terminate();
@@ -165,9 +165,9 @@ TEST_F(ATimeoutOfTheLibrary, IsAtMostHalfASecondInAPause) {
         waitingThread = call.thread;
         return std::nullopt;
     });
-    ASSERT_TRUE(support::eventually([] { return waitingThread.load() != std::thread::id(); }));
+    ASSERT_TRUE(mqtt::test::eventually([] { return waitingThread.load() != std::thread::id(); }));
     client->pause();
-    EXPECT_TRUE(support::eventually([] { return waitTime.load() != nanoseconds::zero(); }));
+    EXPECT_TRUE(mqtt::test::eventually([] { return waitTime.load() != nanoseconds::zero(); }));
     EXPECT_LE(waitTime.load(), milliseconds(500));
 }
 

@@ -50,8 +50,8 @@ protected:
         return messagesWith(seen(), replyTopicFor(topic));
     }
 
-    Uuid const caller = support::uniqueId();
-    Uuid const server = support::uniqueId();
+    Uuid const caller = mqtt::test::uniqueId();
+    Uuid const server = mqtt::test::uniqueId();
     std::string const topic = "svc/" + server.base64URL() + "/timeSync?\?/" + caller.base64URL();
     Checkpoint checkpoint; ///< in the adaptor's clock
     std::atomic<double> now{1700.25};
@@ -66,7 +66,7 @@ TEST_F(ATimeBaseAdaptor, RepliesWithTheEchoAndItsOwnTime) {
     request(R"({"$reqId": 7, "client": 12.5})");
     EXPECT_THAT(
         replies(),
-        ElementsAre(support::Message{
+        ElementsAre(mqtt::test::Message{
             replyTopicFor(topic),
             "{\n  \"$reqId\": 7,\n  \"$err\": 1,\n  \"client\": 12.5,\n  \"ref\": 1700.25\n}", 2,
             false}));

@@ -92,7 +92,7 @@ TEST_F(AnEstimateOfTheTime, StartsAnewWithTheNextServer) {
     weightOfPeriodicSample(11);
     proxy->stop();
     EXPECT_EQ(proxy->offset(), 0.0);
-    ASSERT_TRUE(proxy->startSync(support::uniqueId()));
+    ASSERT_TRUE(proxy->startSync(mqtt::test::uniqueId()));
     answer(12, 70.0);
     EXPECT_NEAR(estimate(12), 70.0, ROUNDING);
     answer(13, 71.0);
@@ -106,7 +106,7 @@ TEST_F(AnEstimateOfTheTime, IsForcedToAFractionOfOneSample) {
     EXPECT_TRUE(proxy->isSynchronized());
     reply(11, times(1.0, 2.0), 17); // and is repeated
     answer(12, 100.0);
-    ASSERT_TRUE(support::eventually([&] { return proxy->offset() != 0.0; }));
+    ASSERT_TRUE(mqtt::test::eventually([&] { return proxy->offset() != 0.0; }));
     EXPECT_NEAR(proxy->offset(), 3.874204890, ROUNDING);
     EXPECT_TRUE(proxy->isSynchronized());
     receiveAll();

@@ -65,7 +65,7 @@ protected:
     }
 
     /// The n-th request, counted from 1, waiting for it.
-    support::Message request(std::size_t n) const { return awaitMessage("?\?/", n); }
+    mqtt::test::Message request(std::size_t n) const { return awaitMessage("?\?/", n); }
 
     void expectIdle() const {
         EXPECT_FALSE(proxy->isSynchronized());
@@ -100,6 +100,6 @@ protected:
     TimeListener listener;
     Checkpoint checkpoint; ///< in the proxy's clock
     std::atomic<double> now{1000.0};
-    Uuid server = support::uniqueId();
+    Uuid server = mqtt::test::uniqueId();
     std::unique_ptr<ClockedProxy> proxy;
 };

@@ -45,7 +45,7 @@ TEST_F(AReplyInFlight, ChangesNothingAfterAStopOrATermination) {
 TEST_F(AReplyInFlight, DoesNotCountInTheNextRun) {
     stopAtTheReply(1);
     proxy->stop();
-    ASSERT_TRUE(proxy->startSync(support::uniqueId()));
+    ASSERT_TRUE(proxy->startSync(mqtt::test::uniqueId()));
     letItGo();
     EXPECT_EQ(proxy->offset(), 0.0);
     answerAll(2, SAMPLES - 1, 7.0);
@@ -66,7 +66,7 @@ TEST_F(APeriodicReplyInFlight, DoesNotCountInTheNextRun) {
     answer(11, 70.0);
     EXPECT_TRUE(checkpoint.hasStoppedAThread());
     proxy->stop();
-    EXPECT_TRUE(proxy->startSync(support::uniqueId()));
+    EXPECT_TRUE(proxy->startSync(mqtt::test::uniqueId()));
     checkpoint.open();
     expiry.join();
     EXPECT_EQ(proxy->offset(), 0.0);

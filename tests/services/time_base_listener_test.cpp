@@ -7,7 +7,7 @@
 
 namespace {
 
-using support::isSet;
+using mqtt::test::isSet;
 
 class InsideTheCallOfATimeListener : public TimeBaseOnABroker {
 protected:
@@ -28,7 +28,7 @@ TEST_F(InsideTheCallOfATimeListener, TheProxyMayBeStoppedStartedAnewAndTerminate
         }
         EXPECT_FALSE(proxy->synchronize(server, LONG_TIMEOUT_S)) << "it is active";
         EXPECT_TRUE(proxy->stop());
-        EXPECT_TRUE(proxy->startSync(support::uniqueId()));
+        EXPECT_TRUE(proxy->startSync(mqtt::test::uniqueId()));
     });
     synchronizeWith(acting);
     answerAll(11, SAMPLES, 7.0);
@@ -44,8 +44,8 @@ TEST_F(InsideTheCallOfATimeListener, ATerminationEndsTheWaitOfAnotherThreadForTh
     for (bool const terminates : {false, true}) {
         SCOPED_TRACE(terminates);
         proxy = makeProxy();
-        support::Watched<bool> otherWaits;
-        support::Watched<bool> otherReturned;
+        mqtt::test::Watched<bool> otherWaits;
+        mqtt::test::Watched<bool> otherReturned;
         TimeListener acting([&](auto const&) {
             EXPECT_TRUE(otherWaits.waitFor(isSet));
             proxy->terminate();
@@ -76,7 +76,7 @@ protected:
         proxy.reset();
     }
 
-    support::Watched<bool> mayLeave;
+    mqtt::test::Watched<bool> mayLeave;
     std::atomic<bool> left{false};
     TimeListener slow{[this](auto const&) {
         mayLeave.waitFor(isSet);

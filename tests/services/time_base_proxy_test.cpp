@@ -87,7 +87,7 @@ TEST_F(ATimeBaseProxyThatSamples, TakesTenSamplesAndThenOneEvery30Seconds) {
 
 TEST_F(ATimeBaseProxyThatSamples, CannotBeStartedAgain) {
     auto const expectNoStart = [this] {
-        EXPECT_FALSE(proxy->startSync(support::uniqueId()));
+        EXPECT_FALSE(proxy->startSync(mqtt::test::uniqueId()));
         EXPECT_FALSE(proxy->synchronize(server, LONG_TIMEOUT_S));
         EXPECT_EQ(proxy->serverUuid(), server);
         EXPECT_DOUBLE_EQ(proxy->offset(), 5.0);

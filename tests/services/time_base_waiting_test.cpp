@@ -106,7 +106,7 @@ TEST_F(AWaitForTheTime, DoesNotStopTheNextRunInManyRounds) {
     auto const count = static_cast<std::size_t>(rounds(5));
     std::size_t n = 1;
     for (std::size_t round = 1; round <= count; ++round) {
-        Wait wait(*proxy, support::uniqueId());
+        Wait wait(*proxy, mqtt::test::uniqueId());
         request(n);
         ASSERT_TRUE(wait.isBlocked());
         proxy->stop();

@@ -1,6 +1,6 @@
 #include "support/manual_timer.hpp"
 
-#include "support/watched.hpp"
+#include "mqtt/test/watched.hpp"
 
 #include <zym/common/timer.hpp>
 
@@ -22,7 +22,7 @@ struct State {
     std::function<void()> onStop;
 };
 
-support::Watched<State> state;
+mqtt::test::Watched<State> state;
 
 /// With no lock held.
 void call(std::function<void()> const& hook) {

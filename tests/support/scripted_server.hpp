@@ -1,10 +1,10 @@
 #pragma once
 
+#include "mqtt/test/port_lease.hpp"
+#include "mqtt/test/watched.hpp"
+#include "net/serving_thread.hpp"
+#include "net/socket.hpp"
 #include "support/mqtt_packet.hpp"
-#include "support/port_lease.hpp"
-#include "support/serving_thread.hpp"
-#include "support/socket.hpp"
-#include "support/watched.hpp"
 
 #include <sys/socket.h>
 
@@ -81,7 +81,7 @@ public:
         Lock const lock(mutex_);
         hook_ = nullptr;
         for (Connection& connection : connections_) {
-            sendAll(connection.socket, connection.keptBack);
+            mqtt::test::sendAll(connection.socket, connection.keptBack);
             connection.keptBack.clear();
         }
     }
@@ -97,13 +97,13 @@ public:
         packet.retain = retain;
         packet.mid = ++lastMid_;
         Connection const* const to = latest();
-        return to && sendAll(to->socket, publishPacket(packet));
+        return to && mqtt::test::sendAll(to->socket, publishPacket(packet));
     }
     /// Resets the latest connection.
     void drop() {
         Lock const lock(mutex_);
         if (Connection* const connection = latest()) {
-            resetConnection(connection->socket);
+            mqtt::test::resetConnection(connection->socket);
         }
         thread_.wake();
     }
@@ -144,7 +144,7 @@ private:
 
     struct Connection {
         int number;
-        FileDescriptor socket;
+        mqtt::test::FileDescriptor socket;
         std::string bytes;    ///< received, of a packet that is not complete
         std::string keptBack; ///< answers
         bool ending = false;  ///< closed on this side, not yet by the client
@@ -159,7 +159,7 @@ private:
     /// and clients repeat theirs.
     void fillBacklog() {
         ::listen(listener_.get(), 0);
-        filler_ = startConnecting(port());
+        filler_ = mqtt::test::startConnecting(port());
         pollfd waiting{listener_.get(), POLLIN, 0};
         ::poll(&waiting, 1, -1);
     }
@@ -188,7 +188,7 @@ private:
 
     void acceptAll() {
         while (mode_ != Mode::NOT_ACCEPTING) {
-            FileDescriptor socket = acceptFrom(listener_);
+            mqtt::test::FileDescriptor socket = mqtt::test::acceptFrom(listener_);
             if (!socket.valid()) {
                 return;
             }
@@ -233,20 +233,20 @@ private:
         } else if (reaction == Reaction::HOLD) {
             connection.keptBack += answerTo(packet);
         } else if (reaction == Reaction::DROP) {
-            resetConnection(connection.socket);
+            mqtt::test::resetConnection(connection.socket);
         }
     }
 
     void answer(Connection& connection, MqttPacket const& packet) {
         if (mode_ == Mode::REFUSE && packet.type == PacketType::CONNECT) {
             constexpr int NOT_AUTHORIZED = 5;
-            sendAll(connection.socket, connack(NOT_AUTHORIZED));
+            mqtt::test::sendAll(connection.socket, connack(NOT_AUTHORIZED));
             // Closes this side only: closing a socket with unread bytes would reset the connection,
             // and the client could lose the answer.
             connection.ending = true;
             ::shutdown(connection.socket.get(), SHUT_WR);
         } else if (mode_ != Mode::SILENT) {
-            sendAll(connection.socket, answerTo(packet));
+            mqtt::test::sendAll(connection.socket, answerTo(packet));
         }
     }
 
@@ -256,16 +256,16 @@ private:
         return open ? &connections_.back() : nullptr;
     }
 
-    PortLease lease_;
+    mqtt::test::PortLease lease_;
     std::mutex mutex_; ///< guards what follows, up to seen_
     Mode mode_ = Mode::BROKER;
     Hook hook_;
     std::vector<Connection> connections_;
-    FileDescriptor listener_ = listenOn(lease_.port(), BACKLOG);
-    FileDescriptor filler_; ///< a connection of our own that fills the kernel's queue
+    mqtt::test::FileDescriptor listener_ = mqtt::test::listenOn(lease_.port(), BACKLOG);
+    mqtt::test::FileDescriptor filler_; ///< a connection of our own that fills the kernel's queue
     std::uint16_t lastMid_ = 0;
-    Watched<Seen> seen_;
-    ServingThread thread_{mutex_, [this] { return sockets(); }, [this] { serve(); }};
+    mqtt::test::Watched<Seen> seen_;
+    mqtt::test::ServingThread thread_{mutex_, [this] { return sockets(); }, [this] { serve(); }};
 };
 
 } // namespace support

@@ -1,6 +1,6 @@
 #include "support/stack_dump.hpp"
 
-#include "support/eventually.hpp"
+#include "mqtt/test/eventually.hpp"
 
 #include <dlfcn.h>
 #include <execinfo.h>
@@ -74,7 +74,7 @@ void dumpStacks(std::ostream& out) {
         }
         frameCount = 0;
         syscall(SYS_tgkill, getpid(), thread, signal);
-        if (eventually([] { return frameCount > 0; }, std::chrono::seconds(2))) {
+        if (mqtt::test::eventually([] { return frameCount > 0; }, std::chrono::seconds(2))) {
             out << "  thread " << thread << "\n";
         }
         constexpr int SIGNAL_FRAMES = 2; // the handler and the kernel's trampoline

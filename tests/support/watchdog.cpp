@@ -1,9 +1,9 @@
 #include "support/watchdog.hpp"
 
-#include "support/broker.hpp"
+#include "mqtt/test/broker.hpp"
+#include "mqtt/test/watched.hpp"
 #include "support/stack_dump.hpp"
 #include "support/timeout_factor.hpp"
-#include "support/watched.hpp"
 
 #include <gmock/gmock.h>
 
@@ -21,7 +21,7 @@ struct State {
     bool stop = false;
 };
 
-support::Watched<State> state;
+mqtt::test::Watched<State> state;
 
 void setDeadline(Clock::time_point deadline) {
     state.change([&](State& current) { current.deadline = deadline; });
@@ -46,7 +46,7 @@ std::string nameOfWhatRuns() {
     std::cout << std::flush;
     std::cerr << "\n[WATCHDOG] " << name << " has not ended in time. The stacks of all threads:\n";
     support::dumpStacks(std::cerr);
-    support::Broker::handleHang(std::cerr);
+    mqtt::test::Broker::handleHang(std::cerr);
     std::cerr << "[WATCHDOG] " << name << " FAILED: it hangs" << std::endl;
     std::abort();
 }
@@ -90,6 +90,8 @@ void support::Watchdog::limit(std::chrono::seconds limit) {
 int main(int argc, char** argv) {
     testing::InitGoogleMock(&argc, argv); // initialises GoogleTest too
     testing::UnitTest::GetInstance()->listeners().Append(new Restarter);
+    setenv("ZYM_MQTT_TEST_BROKER", ZYM_MOSQUITTO_PROGRAM, 0);
+    mqtt::test::Broker::printLogWhen(&testing::Test::HasFailure);
     std::thread watchdog(watch);
     int const result = RUN_ALL_TESTS();
     state.change([](State& current) { current.stop = true; });

@@ -1,7 +1,7 @@
 #include "mqtt/mosquittopp.hpp"
+#include "mqtt/test/watched.hpp"
 #include "services/link_list.hpp"
 #include "support/stand_in/stand_in.hpp"
-#include "support/watched.hpp"
 
 #include <mqtt/test_checks.hpp>
 #include <zym/common/test.hpp>
@@ -97,7 +97,7 @@ private:
         return count;
     }
 
-    support::Watched<std::string> text_;
+    mqtt::test::Watched<std::string> text_;
     std::streambuf* before_;
 };
 

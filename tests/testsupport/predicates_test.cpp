@@ -1,4 +1,4 @@
-#include "support/test_client.hpp"
+#include "mqtt/test/test_client.hpp"
 
 #include <mqtt/test_checks.hpp>
 
@@ -29,7 +29,7 @@ protected:
     }
 
     std::unique_ptr<mqtt::MqttClient> client =
-        support::testClient("host", 1883, {/*persistent=*/false, /*connect=*/false});
+        mqtt::test::testClient("host", 1883, {/*persistent=*/false, /*connect=*/false});
     mqtt::MqttDataCollection<mqtt::Link> collection{*client, "links"};
 };
 

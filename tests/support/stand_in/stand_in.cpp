@@ -14,8 +14,8 @@ struct Registry {
     std::function<void(StandIn&)> onConstruction;
 };
 
-Watched<Registry>& registry() {
-    static Watched<Registry> instance;
+mqtt::test::Watched<Registry>& registry() {
+    static mqtt::test::Watched<Registry> instance;
     return instance;
 }
 

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "mqtt/mosquittopp.hpp"
-#include "support/watched.hpp"
+#include "mqtt/test/watched.hpp"
 
 #include <mosquitto.h>
 
@@ -164,8 +164,8 @@ private:
     std::string const clientId_;
     bool const cleanSession_;
     int const initialisations_ = libraryInitialisations_;
-    Watched<State> state_;
-    Watched<std::vector<Call>> calls_;
+    mqtt::test::Watched<State> state_;
+    mqtt::test::Watched<std::vector<Call>> calls_;
     std::atomic<std::size_t> loops_{0};
 };
 

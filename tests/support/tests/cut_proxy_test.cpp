@@ -1,6 +1,6 @@
-#include "support/cut_proxy.hpp"
+#include "mqtt/test/cut_proxy.hpp"
 
-#include "support/socket.hpp"
+#include "net/socket.hpp"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -8,18 +8,18 @@
 
 namespace {
 
-using support::CutProxy;
-using support::FileDescriptor;
-using support::sendAll;
+using mqtt::test::CutProxy;
+using mqtt::test::FileDescriptor;
+using mqtt::test::sendAll;
 using Direction = CutProxy::Direction;
 
 /// A connection through the proxy, both ends of which the test holds.
 class ACutProxy : public testing::Test {
 protected:
     void connect() {
-        client_ = support::connectTo(proxy_.port());
-        ASSERT_TRUE(support::eventually([this] {
-            server_ = support::acceptFrom(listener_);
+        client_ = mqtt::test::connectTo(proxy_.port());
+        ASSERT_TRUE(mqtt::test::eventually([this] {
+            server_ = mqtt::test::acceptFrom(listener_);
             return server_.valid();
         }));
         fcntl(server_.get(), F_SETFL, 0); // it waits
@@ -32,8 +32,8 @@ protected:
         return received < 0 ? "reset" : bytes.substr(0, static_cast<std::size_t>(received));
     }
 
-    support::PortLease lease_;
-    FileDescriptor listener_ = support::listenOn(lease_.port(), 8);
+    mqtt::test::PortLease lease_;
+    FileDescriptor listener_ = mqtt::test::listenOn(lease_.port(), 8);
     CutProxy proxy_{lease_.port()};
     FileDescriptor client_;
     FileDescriptor server_;

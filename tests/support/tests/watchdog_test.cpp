@@ -1,7 +1,7 @@
 #include "support/watchdog.hpp"
 
-#include "support/broker.hpp"
-#include "support/eventually.hpp"
+#include "mqtt/test/broker.hpp"
+#include "mqtt/test/eventually.hpp"
 
 #include <gmock/gmock.h>
 
@@ -36,11 +36,11 @@ bool isAlive(std::string const& process) {
 /// Of the process whose number is at the end of the first line.
 bool brokerEnds(std::string const& output) {
     std::string const line = output.substr(0, output.find('\n'));
-    return support::eventually([&] { return !isAlive(line.substr(line.rfind(' ') + 1)); });
+    return mqtt::test::eventually([&] { return !isAlive(line.substr(line.rfind(' ') + 1)); });
 }
 
 void afterStartingABroker(void (*action)()) {
-    support::Broker const broker;
+    mqtt::test::Broker const broker;
     std::cerr << "broker process " << broker.pid() << std::endl;
     action();
 }
@@ -65,7 +65,7 @@ TEST_F(AKilledTestProgram, TakesItsBrokerAlong) {
 }
 
 TEST(ABroker, SurvivesTheThreadThatRestartedIt) {
-    support::Broker broker;
+    mqtt::test::Broker broker;
     std::thread([&] {
         broker.stop();
         broker.start();
