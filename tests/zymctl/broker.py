@@ -40,6 +40,7 @@ class Broker:
         self.folder = tempfile.mkdtemp()
         self.lines = lines
         self.port = None
+        self.seen = 0  # of the log
         self.start()
 
     def start(self):

@@ -8,7 +8,7 @@
 namespace {
 
 sigset_t endingSignals() {
-    sigset_t signals;
+    sigset_t signals{};
     sigemptyset(&signals);
     sigaddset(&signals, SIGINT);
     sigaddset(&signals, SIGTERM);

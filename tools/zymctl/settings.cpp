@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstdint>
 #include <cstdlib>
 #include <fstream>
 #include <random>
@@ -61,6 +62,7 @@ std::string Settings::broker() const {
 
 std::string secret(std::string const& file, char const* variable) {
     if (file.empty()) {
+        // NOLINTNEXTLINE(concurrency-mt-unsafe): nothing changes the environment
         char const* const value = std::getenv(variable);
         return value == nullptr ? "" : value;
     }
