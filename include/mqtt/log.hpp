@@ -17,7 +17,7 @@ enum class LogLevel : std::uint8_t {
 };
 
 /// Gets one line for each event: text without a line end. It begins with the MQTT identifier of the
-/// client or the name of a service; what a listener of a request or a service has thrown begins
+/// client; what a listener of a request or a service has thrown begins
 /// with what kind of listener that was. A line never contains a password, a key or a payload,
 /// unless an exception of the application has it in its text.
 ///
