@@ -100,7 +100,7 @@ mqtt::ConnectionOptions Settings::connectionOptions() const {
     secure.certificateFile = certificateFile;
     secure.keyFile = keyFile;
     if (!keyFile.empty()) {
-        auto const password = secret(keyPasswordFile, "ZYMCTL_KEY_PASSWORD");
+        auto password = secret(keyPasswordFile, "ZYMCTL_KEY_PASSWORD");
         secure.keyPassword = [password] { return password; };
     }
     if (!pskIdentity.empty()) {
