@@ -1,4 +1,5 @@
-// Publishes each line of its standard input on the topic "demo/line".
+// Publishes each line of its standard input on the topic "demo/line", up to an empty line or the
+// end.
 //
 // Usage: publish [HOST [PORT]]
 
@@ -30,7 +31,7 @@ int main(int argc, char* argv[]) {
         return 1;
     }
 
-    for (std::string line; std::getline(std::cin, line);) {
+    for (std::string line; std::getline(std::cin, line) && !line.empty();) {
         bool const connected = client.communicationState() == ComState::CONNECTED;
         // QoS 2, retained: the broker sends the last line to everyone who subscribes later. The
         // same call in both cases: without a connection the client queues the line.
