@@ -13,6 +13,10 @@ namespace bench {
 
 constexpr char const* BROKER_HOST = "127.0.0.1";
 
+/// The authority that signed the broker's certificate, as a file: then all clients encrypt. Empty
+/// for no encryption. To be set while there are no clients.
+inline std::string brokersAuthority;
+
 /// What a subscriber publishes on its own topic, to learn that its subscription is in force.
 constexpr char const* PROBE = "probe";
 

@@ -22,17 +22,31 @@ ClientLibraries makeLibraries(Options const& options) {
     return libraries;
 }
 
-void measureInTurns(Options const& options, Measurement const& measurement,
+/// @param program "clients" or "tls"
+void measureInTurns(char const* program, Options const& options, Measurement const& measurement,
                     ClientLibraries const& libraries, BenchmarkBroker const& broker) {
-    int const repetitions = repetitionsOf(options, "clients", measurement.name, 9);
+    int const repetitions = repetitionsOf(options, program, measurement.name, 9);
     for (int repetition = 0; repetition < repetitions; ++repetition) {
         for (auto const& library : libraries) {
             for (auto const& figure : measurement.run(*library, broker)) {
-                print({"clients", measurement.name, figure.name, figure.unit, library->name,
+                print({program, measurement.name, figure.name, figure.unit, library->name,
                        broker.description, repetition, figure.value});
             }
         }
     }
+}
+
+/// Only beside bare libmosquittopp: its TLS is what both have.
+void measureEncrypted(Options const& options, char const* configuration, Effort const& effort) {
+    BenchmarkBroker const broker(configuration, true);
+    brokersAuthority = broker.authority();
+    ClientLibraries libraries;
+    libraries.push_back(rawLibrary());
+    libraries.push_back(options.control ? rawLibrary("ours") : ourLibrary());
+    for (auto const& measurement : measurementsOfEncryption(effort)) {
+        measureInTurns("tls", options, measurement, libraries, broker);
+    }
+    brokersAuthority.clear();
 }
 
 void run(Options const& options) {
@@ -51,11 +65,12 @@ void run(Options const& options) {
     for (auto const* const configuration : options.brokers) {
         BenchmarkBroker const broker(configuration);
         for (auto const& measurement : allMeasurements(effort)) {
-            measureInTurns(options, measurement, libraries, broker);
+            measureInTurns("clients", options, measurement, libraries, broker);
         }
         libraries.push_back(rawLibraryWithPromptAcknowledgements());
-        measureInTurns(options, firstExchanges(effort), libraries, broker);
+        measureInTurns("clients", options, firstExchanges(effort), libraries, broker);
         libraries.pop_back();
+        measureEncrypted(options, configuration, effort);
     }
 }
 

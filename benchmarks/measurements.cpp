@@ -198,4 +198,9 @@ std::vector<Measurement> allMeasurements(Effort const& effort) {
     return all;
 }
 
+std::vector<Measurement> measurementsOfEncryption(Effort const& effort) {
+    return {throughput(0, 64, effort),   throughput(1, 64, effort), throughput(2, 64, effort),
+            throughput(1, 1024, effort), requestReply(effort),      connecting(effort)};
+}
+
 } // namespace bench

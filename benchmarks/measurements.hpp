@@ -39,8 +39,10 @@ struct Measurement {
     std::function<std::vector<Figure>(ClientLibrary const&, BenchmarkBroker const&)> run;
 };
 
-/// All but the next one.
+/// All but the next ones.
 std::vector<Measurement> allMeasurements(Effort const& effort);
+/// A choice of them, for encrypted connections.
+std::vector<Measurement> measurementsOfEncryption(Effort const& effort);
 /// The first 24 requests of each of many connections.
 Measurement firstExchanges(Effort const& effort);
 

@@ -2,6 +2,7 @@
 #include "samples.hpp"
 
 #include <mqtt/client.hpp>
+#include <mqtt/connection_options.hpp>
 #include <mqtt/payloads.hpp>
 #include <mqtt/request_reply.hpp>
 
@@ -37,7 +38,7 @@ Uuid nextClientId() {
 class Connection {
 public:
     explicit Connection(int port)
-        : port_(port), client_(nextClientId(), false, "", BROKER_HOST, port, false) {}
+        : port_(port), client_(nextClientId(), false, "", BROKER_HOST, port, false, options()) {}
     ~Connection() { client_.disconnect(TIMEOUT_SECONDS); }
     Connection(Connection const&) = delete;
     Connection& operator=(Connection const&) = delete;
@@ -47,6 +48,14 @@ public:
     void connect() { require(client_.connect(BROKER_HOST, port_, TIMEOUT_SECONDS), "connect"); }
 
 private:
+    static mqtt::ConnectionOptions options() {
+        mqtt::ConnectionOptions result;
+        if (!brokersAuthority.empty()) {
+            result.tls.emplace().caFile = brokersAuthority;
+        }
+        return result;
+    }
+
     int const port_;
     mqtt::MqttClient client_;
 };

@@ -25,7 +25,11 @@ public:
     RawClient(int port, bool acknowledgesPromptly)
         : mosqpp::mosquittopp(nullptr, true),
           port_(port),
-          acknowledgesPromptly_(acknowledgesPromptly) {}
+          acknowledgesPromptly_(acknowledgesPromptly) {
+        if (!brokersAuthority.empty()) {
+            require(tls_set(brokersAuthority.c_str()), "tls_set");
+        }
+    }
     ~RawClient() override { stop(); }
     RawClient(RawClient const&) = delete;
     RawClient& operator=(RawClient const&) = delete;

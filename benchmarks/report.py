@@ -38,6 +38,8 @@ GOALS = [
                                   ("heap", "excess", 8), ("resident memory", "excess", 8))),
     *((("documents", "", document, figure), "RapidJSON", "ratio", limit)
       for document in DOCUMENTS for figure, limit in (("write", 0.85), ("read", 0.35))),
+    *((("documents", "", value, figure), "by hand", "ratio", 1.05)
+      for value in ("two fields", "nine fields") for figure in ("write", "read")),
     *((("dispatch", "", name, "10000"), "10", "ratio", 1.5 if name.startswith("text") else 1.6)
       for name in ("text, the same ten", "text, each in turn", "text, none", "pattern, the first",
                    "pattern, the last", "pattern, each in turn", "pattern, none")),
@@ -160,10 +162,13 @@ def performance(results):
         "\n![How many times better than the others](performance.png)\n",
         goals(results),
         comparison(results, "Clients", "clients", brokers),
+        comparison(results, "Clients over TLS", "tls",
+                   [column for column in brokers if column[2] == "raw"]),
         absolute(results, "The first 24 requests of a connection", "clients", "first-exchanges"),
         comparison(results, "One more client that is connected and does nothing", "idle",
                    [("to raw", "", "raw"), ("to Paho", "", "Paho")]),
-        comparison(results, "Documents", "documents", [("to RapidJSON", "", "RapidJSON")]),
+        comparison(results, "Documents", "documents",
+                   [("to RapidJSON", "", "RapidJSON"), ("to by hand", "", "by hand")]),
         table("Dispatch", ["messages", "100", "1000", "10000 subscriptions, to 10"],
               [[name, *(results.cell(("dispatch", "", name, n), "10")
                         for n in ("100", "1000", "10000"))] for name in cases]),

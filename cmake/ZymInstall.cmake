@@ -1,6 +1,6 @@
 # What is installed. Four components: `runtime`, what a program needs to run; `development`, what
-# building a program needs; `test`, what building its tests needs; `tools`, programs to try an
-# installation with.
+# building a program needs; `test`, what building its tests needs; `tools`, zymctl and programs to
+# try an installation with.
 
 include(CMakePackageConfigHelpers)
 
@@ -13,7 +13,7 @@ function(zym_install_library target)
   endif()
   cmake_parse_arguments(PARSE_ARGV 1 arg "" "COMPONENT" "HEADERS;EXTRA")
   if(NOT arg_COMPONENT)
-    set(arg_COMPONENT ${arg_COMPONENT})
+    set(arg_COMPONENT development)
   endif()
   set(cmake_dir ${CMAKE_INSTALL_LIBDIR}/cmake/${target})
   zym_describe_library(${target} ${cmake_dir})
@@ -73,4 +73,19 @@ function(zym_install_tools)
   zym_relative_path(to_libraries ${folder} ${CMAKE_INSTALL_LIBDIR})
   set_target_properties(${ARGN} PROPERTIES INSTALL_RPATH "$ORIGIN/${to_libraries}")
   install(TARGETS ${ARGN} RUNTIME DESTINATION ${folder} COMPONENT tools)
+endfunction()
+
+# zym_install_command(TARGET MANUAL page COMPLETION file): a program in PATH, its manual page and what
+# bash completes.
+function(zym_install_command target)
+  if(NOT ZYM_MQTT_INSTALL)
+    return()
+  endif()
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "MANUAL;COMPLETION" "")
+  zym_relative_path(to_libraries ${CMAKE_INSTALL_BINDIR} ${CMAKE_INSTALL_LIBDIR})
+  set_target_properties(${target} PROPERTIES INSTALL_RPATH "$ORIGIN/${to_libraries}")
+  install(TARGETS ${target} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+  install(FILES ${arg_MANUAL} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
+  install(FILES ${arg_COMPLETION} DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
+    RENAME ${target} COMPONENT tools)
 endfunction()

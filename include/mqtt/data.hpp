@@ -165,13 +165,9 @@ private:
 /// A typed data endpoint: one value of type `T`, published as a JSON document on the endpoint's
 /// topic, and received from there.
 ///
-/// The value types of this library are in `mqtt/payloads.hpp` and `mqtt/link.hpp`. For a type of
-/// your own specialise the constructor, `serialize` and `deserialize`; everything else is generic:
-/// ```
-/// template <>
-/// MqttData<Reading>::MqttData(MqttClient& client, Topic const& topic)
-///     : MqttDataBase(client, topic + "reading", 2, true) {}
-/// ```
+/// The value types of this library are in `mqtt/payloads.hpp` and `mqtt/link.hpp`. For a struct of
+/// your own, name its fields: see `mqtt/fields.hpp`. For a payload that is no such document,
+/// specialise the constructor, `serialize` and `deserialize`; everything else is generic.
 ///
 /// ### Threads
 /// `mutex()` guards `value` and `subscriber`. The subscriber gets a copy of a received value and is

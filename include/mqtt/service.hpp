@@ -16,22 +16,7 @@
 
 // Services from functions: a server is a function from a request to a reply or an error, and a call
 // has the reply or the error as its result. On the broker they are the same as services made with
-// `RequestReplyServer` and `RequestReplyClient`.
-// ```
-// struct Litres { unsigned litres = 0; };
-// ZYM_MQTT_FIELDS(Litres, litres)
-// enum class DrawError : std::uint8_t { NOT_ENOUGH = 17 };
-// mqtt::Service<Litres, Litres> const DRAW{"demo/tank", "draw"};
-//
-// mqtt::Server server(client, DRAW, mqtt::ServerId(tankId),
-//                     [](Litres const& wanted) -> mqtt::Result<Litres> {
-//                         if (wanted.litres > 100) { return DrawError::NOT_ENOUGH; }
-//                         return Litres{100 - wanted.litres};
-//                     });
-//
-// mqtt::Caller draw(client, DRAW, mqtt::ClientId(panelId), mqtt::ServerId(tankId));
-// mqtt::Result<Litres> const left = draw.callWait({60}, std::chrono::seconds(5));
-// ```
+// `RequestReplyServer` and `RequestReplyClient`. docs/guides/request-reply.md has both sides of one.
 
 namespace mqtt {
 
@@ -62,6 +47,9 @@ public:
 
     Nothing value;
 };
+
+template <class T>
+inline constexpr bool IS_PAYLOAD = fields::HAS_FIELDS<T> || std::is_same_v<T, Nothing>;
 
 /// A call has ended with SUCCESS, but the fields of the reply cannot be read.
 inline constexpr RequestReply::ErrorCode UNREADABLE_REPLY{8};
@@ -127,6 +115,10 @@ private:
 /// (`mqtt/fields.hpp`), or `Nothing`.
 template <class Request, class Reply>
 struct Service {
+    static_assert(IS_PAYLOAD<Request> && IS_PAYLOAD<Reply>,
+                  "Request and reply of a service need a list of fields: write "
+                  "ZYM_MQTT_FIELDS(Type, field...) in the type's namespace, or use mqtt::Nothing");
+
     Topic base;         ///< all topics of the service begin with it
     std::string name;   ///< see `RequestReply` for its limits
     Topic subPath = {}; ///< between the server's identifier and the name
@@ -205,7 +197,7 @@ private:
 
     std::shared_ptr<Function const> const function_;
     RequestReplyServer server_;
-    MqttClient::Error result_;
+    MqttClient::Error result_ = MqttClient::Error::NOT_FOUND;
 };
 
 template <class Request, class Reply, class Id, class Function>

@@ -199,14 +199,18 @@ Error BrokerGate::handOver(int& mid, Topic const& topic, std::string const& payl
     return result;
 }
 
-Error BrokerGate::subscribe(Topic const& topic) {
+Error BrokerGate::subscribe(int& mid, Topic const& topic) {
     std::lock_guard const lock(mutex_);
-    return phase_ == Phase::ONLINE ? subscribeAgain(topic) : Error::NO_CONN;
+    return phase_ == Phase::ONLINE ? handOverSubscription(mid, topic) : Error::NO_CONN;
 }
 
 Error BrokerGate::subscribeAgain(Topic const& topic) {
-    tuning_.packetIssued();
     int mid = 0;
+    return handOverSubscription(mid, topic);
+}
+
+Error BrokerGate::handOverSubscription(int& mid, Topic const& topic) {
+    tuning_.packetIssued();
     auto const result = static_cast<Error>(library_.subscribe(&mid, topic.text().c_str(), 0));
     if (result == Error::SUCCESS) {
         unansweredSubscriptions_.add(mid, topic.text());

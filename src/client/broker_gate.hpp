@@ -60,7 +60,7 @@ public:
                        Urgency urgency);
     Error clear(Topic const& topic);
     /// @return NO_CONN without a connection
-    Error subscribe(Topic const& topic);
+    Error subscribe(int& mid, Topic const& topic);
     /// @param mid where to put the message id; may be null
     /// @return NO_CONN without a connection
     Error unsubscribe(int* mid, Topic const& topic);
@@ -126,6 +126,7 @@ private:
     /// any -> OFFLINE: the connection has ended.
     enum class Phase : std::uint8_t { OFFLINE, ACCEPTED, ONLINE, LEAVING };
 
+    Error handOverSubscription(int& mid, Topic const& topic);
     Error unsubscribe(int* mid, char const* topic);
     Error check(Topic const& topic, std::size_t payloadSize, int qos);
     bool mayHandOver(Topic const& topic, std::size_t payloadSize, Urgency urgency);

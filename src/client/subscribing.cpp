@@ -75,13 +75,17 @@ void MqttClient::on_message(mosquitto_message const* message) {
 void MqttClient::on_subscribe(int mid, int count, int const* granted) {
     constexpr int refused = 128; // in place of a QoS
     impl_->gate.subscriptionAnswered(mid, count > 0 && granted[0] == refused);
+    impl_->subscriptions.subscriptionAcknowledged(mid);
 }
 
 void MqttClient::on_unsubscribe(int mid) {
-    std::lock_guard const lock(unsubscriptionMutex_);
-    lastUnsubscribed_ = mid;
-    impl_->unsubscriptionWaits.acknowledge(mid);
-    unsubscribed_.notify_all();
+    {
+        std::lock_guard const lock(unsubscriptionMutex_);
+        lastUnsubscribed_ = mid;
+        impl_->unsubscriptionWaits.acknowledge(mid);
+        unsubscribed_.notify_all();
+    }
+    impl_->subscriptions.unsubscriptionAcknowledged(mid);
 }
 
 } // namespace mqtt

@@ -15,7 +15,7 @@ Error Subscriptions::add(Topic const& topic, Subscriber* subscriber, int tag) {
     auto const held = lock();
     // First, as it may run out of memory: the broker must not know of what is not registered.
     registrations_.add(topic, subscriber, tag);
-    auto const result = gate_.subscribe(topic);
+    auto const result = subscribe(topic);
     // Without a connection the completion of the next one subscribes.
     if (result == Error::SUCCESS || result == Error::NO_CONN || result == Error::CONN_LOST) {
         return Error::SUCCESS;
@@ -29,14 +29,33 @@ Error Subscriptions::remove(Topic const& topic, Subscriber const* subscriber, in
     if (!registrations_.remove(topic, subscriber)) {
         return Error::NOT_FOUND;
     }
-    return gate_.unsubscribe(mid, topic);
+    return unsubscribe(mid, topic);
+}
+
+Error Subscriptions::subscribe(Topic const& topic) {
+    int mid = 0;
+    auto const result = gate_.subscribe(mid, topic);
+    if (result == Error::SUCCESS) {
+        order_.subscribed(topic, mid);
+    }
+    return result;
+}
+
+Error Subscriptions::unsubscribe(int* mid, Topic const& topic) noexcept {
+    int ownMid = 0;
+    mid = mid == nullptr ? &ownMid : mid;
+    auto const result = gate_.unsubscribe(mid, topic);
+    if (result == Error::SUCCESS) {
+        order_.unsubscribed(topic, *mid);
+    }
+    return result;
 }
 
 void Subscriptions::release(Subscriber const* subscriber, bool wait) noexcept {
     {
         auto const held = lock();
         registrations_.removeAll(subscriber,
-                                 [this](Topic const& topic) { gate_.unsubscribe(nullptr, topic); });
+                                 [this](Topic const& topic) { unsubscribe(nullptr, topic); });
     }
     dispatch_.retire(subscriber, wait);
 }
@@ -64,7 +83,21 @@ void Subscriptions::deliver(Topic const& topic, std::string_view payload,
     dispatch_.deliver(topic, std::string(payload), clientId);
 }
 
+void Subscriptions::subscriptionAcknowledged(int mid) {
+    auto const held = lock();
+    order_.subscriptionAcknowledged(mid);
+}
+
+void Subscriptions::unsubscriptionAcknowledged(int mid) {
+    auto const held = lock();
+    auto const* const topic = order_.unsubscriptionAcknowledged(mid);
+    if (topic != nullptr && registry_.count(*topic) != 0) {
+        subscribe(*topic);
+    }
+}
+
 bool Subscriptions::subscribeAgain() {
+    order_.connectionAccepted();
     for (auto const& entry : registry_) {
         if (gate_.subscribeAgain(entry.first) == Error::CONN_LOST) {
             return false;

@@ -3,6 +3,7 @@
 #include "client/broker_gate.hpp"
 #include "client/dispatch.hpp"
 #include "client/registry/registrations.hpp"
+#include "client/subscription_order.hpp"
 #include "mqtt/client.hpp"
 
 #include <mutex>
@@ -34,6 +35,10 @@ public:
     /// @param clientId for the log
     void deliver(Topic const& topic, std::string_view payload, std::string const& clientId);
 
+    /// Worker, in the network step: the broker has acknowledged a SUBSCRIBE, or an UNSUBSCRIBE.
+    void subscriptionAcknowledged(int mid);
+    void unsubscriptionAcknowledged(int mid);
+
     /// Locks the registry.
     std::unique_lock<std::recursive_mutex> lock() const { return std::unique_lock(mainMutex_); }
     /// Worker: subscribes everything at a broker that has just accepted the connection.
@@ -41,11 +46,15 @@ public:
     bool subscribeAgain();
 
 private:
+    Error subscribe(Topic const& topic);
+    Error unsubscribe(int* mid, Topic const& topic) noexcept;
+
     std::recursive_mutex& mainMutex_;
     Registry const& registry_;
     Registrations registrations_;
     BrokerGate& gate_;
     Dispatch dispatch_;
+    SubscriptionOrder order_;
 };
 
 } // namespace mqtt

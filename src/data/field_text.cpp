@@ -1,4 +1,4 @@
-#include "mqtt/field_text.hpp"
+#include "mqtt/fields/text.hpp"
 
 #include "data/array_elements.hpp"
 
@@ -7,7 +7,10 @@
 #include <limits>
 #include <new>
 #include <stdexcept>
+#include <string>
 #include <system_error>
+#include <type_traits>
+#include <utility>
 
 namespace mqtt::fields {
 
@@ -51,13 +54,6 @@ template <class Integer>
 } // namespace
 
 template <class Integer>
-void appendInteger(Serializer& out, Integer number) {
-    char text[std::numeric_limits<Integer>::digits10 + 3]; // one more digit, sign and end
-    *std::to_chars(text, text + sizeof text - 1, number).ptr = '\0';
-    out.appendValue(text);
-}
-
-template <class Integer>
 Integer readInteger(std::string_view text, Integer min, Integer max) {
     Integer number = 0;
     auto const* const end = text.data() + text.size();
@@ -68,17 +64,13 @@ Integer readInteger(std::string_view text, Integer min, Integer max) {
     return number;
 }
 
-template void appendInteger(Serializer& out, int number);
-template void appendInteger(Serializer& out, unsigned number);
-template void appendInteger(Serializer& out, long long number);
-template void appendInteger(Serializer& out, unsigned long long number);
 template int readInteger(std::string_view text, int min, int max);
 template unsigned readInteger(std::string_view text, unsigned min, unsigned max);
 template long long readInteger(std::string_view text, long long min, long long max);
 template unsigned long long readInteger(std::string_view text, unsigned long long min,
                                         unsigned long long max);
 
-void endElement(std::string& json) {
+void appendComma(std::string& json) {
     json.erase(json.find_last_not_of(", \n") + 1);
     json += ',';
 }
@@ -102,14 +94,19 @@ float toFloat(double number) {
 }
 
 void readElements(std::string_view array, void* to,
-                  void (*readElement)(void* to, std::string const& element)) {
+                  void (*readElement)(void* to, std::string_view element)) {
+    constexpr bool READER_TAKES_POINTERS =
+        std::is_pointer_v<decltype(std::declval<Deserializer const&>().getMember(""))>;
     ArrayElements elements(array);
-    std::string text;
     std::string_view element;
+    std::string terminated;
     for (std::size_t i = 0; elements.next(element); ++i) {
-        text = element;
+        if (READER_TAKES_POINTERS) {
+            terminated = element;
+            element = terminated;
+        }
         try {
-            readElement(to, text);
+            readElement(to, element);
         } catch (std::exception const&) {
             rethrowFor("[" + std::to_string(i) + "]");
         }

@@ -1,5 +1,6 @@
 #include "mqtt/test/broker.hpp"
 
+#include "mqtt/test/watched.hpp"
 #include "net/socket.hpp"
 
 #include <fcntl.h>
@@ -160,7 +161,15 @@ private:
     std::thread thread_;
 };
 
+bool isEncryptionWanted() {
+    return !environment("ZYM_MQTT_TEST_TLS").empty();
+}
+
 Broker::Broker(BrokerOptions const& options) : program_(findProgram()) {
+    if (options.encrypted) {
+        plainLease_.emplace();
+        makeCertificate();
+    }
     writeConfiguration(options);
     start();
     allBrokers().change([this](auto& all) { all.insert(this); });
@@ -214,22 +223,28 @@ bool Broker::isUp() {
     if (!process_) {
         process_ = std::make_unique<Process>(program_, directory_);
     }
-    return answers(port()) && !process_->ended();
+    return answers(plainPort()) && !process_->ended();
 }
 
 void Broker::suspend() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    process_->suspend();
+    if (std::lock_guard<std::mutex> lock(mutex_); process_) {
+        process_->suspend();
+    }
 }
 
 void Broker::resume() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    process_->resume();
+    if (std::lock_guard<std::mutex> lock(mutex_); process_) {
+        process_->resume();
+    }
 }
 
 void Broker::writeConfiguration(BrokerOptions const& options) const {
     std::ofstream file(directory_.file("broker.conf"));
-    file << "listener " << port() << " 127.0.0.1\n";
+    file << "listener " << plainPort() << " 127.0.0.1\n";
+    if (options.encrypted) {
+        file << "listener " << port() << " 127.0.0.1\ncafile " << authority() << "\ncertfile "
+             << authority() << "\nkeyfile " << directory_.file("broker.key") << "\n";
+    }
     if (options.unixSocket) {
         file << "listener 0 " << socketPath() << "\n";
     }
@@ -246,6 +261,27 @@ void Broker::writeConfiguration(BrokerOptions const& options) const {
     for (std::string const& line : options.extraLines) {
         file << line << "\n";
     }
+}
+
+/// It signs itself.
+void Broker::makeCertificate() const {
+    std::string const command =
+        "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -days 2 -subj "
+        "/CN=broker -addext subjectAltName=IP:127.0.0.1 -keyout "
+        + directory_.file("broker.key") + " -out " + authority() + " 2>>"
+        + directory_.file("broker.log");
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): a program in a path that this class has made
+    if (std::system(command.c_str()) != 0) {
+        throw std::runtime_error("The broker gets no certificate\n" + logTail());
+    }
+}
+
+ConnectionOptions Broker::connectionOptions() const {
+    ConnectionOptions options;
+    if (plainLease_) {
+        options.tls.emplace().caFile = authority();
+    }
+    return options;
 }
 
 std::string Broker::logTail() const {

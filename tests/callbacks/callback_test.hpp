@@ -131,7 +131,8 @@ struct Objects {
         std::make_unique<mqtt::ServiceDiscovererMqtt>(*client, "far/links");
     std::future<bool> discovery{};
     std::unique_ptr<mqtt::TopicCleaner> cleaner = std::make_unique<mqtt::TopicCleaner>(
-        &events, id, device().broker.host(), device().broker.port());
+        &events, id, device().broker.host(), device().broker.port(),
+        device().broker.connectionOptions());
     std::unique_ptr<zym::common::Timer> timer = std::make_unique<zym::common::Timer>(
         [this] { events.record("timer"); }, std::chrono::hours(1), true);
     std::atomic<int> timeReads{0}; ///< of the shared device's time base, as of an earlier moment

@@ -138,7 +138,8 @@ Operations clientOperations() {
         {"MqttClient/setWill", nothing, setWill, leavesWill, Kind::WHILE_DISCONNECTED},
         {"MqttClient/clearWill", setWill, [](Test& t) { return t.client->clearWill(); },
          leavesNoWill, Kind::WHILE_DISCONNECTED},
-        {"MqttClient/setOptions", nothing, [](Test& t) { return t.client->setOptions({}); },
+        {"MqttClient/setOptions", nothing,
+         [](Test& t) { return t.client->setOptions(device().broker.connectionOptions()); },
          nothingElse, Kind::WHILE_DISCONNECTED},
         {"MqttClient/lastFailure", nothing,
          [](Test& t) {

@@ -105,7 +105,9 @@ public:
                  std::vector<NumberSequence*> const& sequences)
         : name(options.name), testBed_(testBed), options_(options) {
         int const port = options.direct ? testBed.broker.port() : testBed.newProxy();
-        client_ = mqtt::test::testClient(testBed.broker.host(), port, {options.persistent, false});
+        client_ = mqtt::test::testClient(testBed.broker.host(), port,
+                                         {options.persistent, false, zym::common::Uuid::NIL,
+                                          testBed.broker.connectionOptions()});
         client_->registerListener(this);
         for (NumberSequence* const sequence : sequences) {
             checkers_.emplace_back(*sequence, testBed.report, name,

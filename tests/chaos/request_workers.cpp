@@ -161,7 +161,8 @@ public:
 private:
     bool step() override {
         mqtt::MqttClient client(mqtt::test::uniqueId(), random.percent(30), "short-lived",
-                                testBed.broker.host(), port_, true);
+                                testBed.broker.host(), port_, true,
+                                testBed.broker.connectionOptions());
         count("clients made and destroyed");
         static_cast<void>(client.subscribe("chaos/#", this, 0));
         mqtt::MqttData<conv::ServiceStatus> endpoint(client, "chaos/short-lived");

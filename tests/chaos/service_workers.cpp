@@ -199,7 +199,7 @@ private:
         bool done = false;
         {
             mqtt::TopicCleaner cleaner(this, mqtt::test::uniqueId(), testBed.broker.host(),
-                                       cleanersPort_);
+                                       cleanersPort_, testBed.broker.connectionOptions());
             cleaner.clean(CLEANED_TOPIC + "#", std::chrono::seconds(1));
             // Some cleaners are destroyed while they work.
             if (random.percent(80)) {

@@ -86,7 +86,8 @@ struct TestBed {
         return proxies.back()->port();
     }
     /// A client over a proxy of its own.
-    std::unique_ptr<mqtt::MqttClient> newClient(mqtt::test::ClientOptions const& options = {}) {
+    std::unique_ptr<mqtt::MqttClient> newClient(mqtt::test::ClientOptions options = {}) {
+        options.connection = broker.connectionOptions();
         return mqtt::test::testClient(broker.host(), newProxy(), options);
     }
 

@@ -35,7 +35,8 @@ protected:
 
     mqtt::test::StateRecorder states_;
     Broker broker_;
-    MqttClient client_{mqtt::test::uniqueId(), false, "", broker_.host(), broker_.port(), false};
+    MqttClient client_{mqtt::test::uniqueId(),     false, "", broker_.host(), broker_.port(), false,
+                       broker_.connectionOptions()};
 };
 
 TEST_F(AClient, IsConnectedByACallAndByNoSecondOne) {
@@ -74,11 +75,11 @@ TEST_F(AClient, HasNoTrafficWhilePaused) {
 
 TEST_F(AClient, MadeToConnectIsConnectedOrGoesOnTrying) {
     MqttClient const connected(mqtt::test::uniqueId(), false, "", broker_.host(), broker_.port(),
-                               true);
+                               true, broker_.connectionOptions());
     EXPECT_EQ(connected.communicationState(), ComState::CONNECTED);
     broker_.kill();
-    MqttClient const trying(mqtt::test::uniqueId(), false, "", broker_.host(), broker_.port(),
-                            true);
+    MqttClient const trying(mqtt::test::uniqueId(), false, "", broker_.host(), broker_.port(), true,
+                            broker_.connectionOptions());
     EXPECT_EQ(trying.communicationState(), ComState::CONNECTING);
     broker_.start();
     EXPECT_TRUE(mqtt::test::becomesConnected(trying));
@@ -95,7 +96,8 @@ TEST_P(AClientWhoseBrokerDies, FindsItAgainAndReceivesFromIt) {
     Broker broker;
     mqtt::test::MessageRecorder recorder;
     mqtt::test::StateRecorder states;
-    MqttClient client(mqtt::test::uniqueId(), GetParam(), "", "127.0.0.1", elsewhere.port(), false);
+    MqttClient client(mqtt::test::uniqueId(), GetParam(), "", "127.0.0.1", elsewhere.port(), false,
+                      broker.connectionOptions());
     client.registerListener(&states);
     ASSERT_EQ(client.connect(broker.host(), broker.port(), WAIT_SECONDS), Error::SUCCESS);
     ASSERT_EQ(client.subscribe("a/+", &recorder, 8), Error::SUCCESS);

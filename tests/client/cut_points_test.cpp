@@ -96,6 +96,7 @@ protected:
         mqtt::test::ClientOptions options;
         options.id = id_;
         options.persistent = persistent;
+        options.connection = broker_.connectionOptions();
         client_ = mqtt::test::testClient(proxy_.host(), proxy_.port(), options);
     }
 

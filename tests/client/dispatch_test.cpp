@@ -158,6 +158,49 @@ TEST_F(ADispatch, HoldsNoLockDuringACall) {
     EXPECT_TRUE(done);
 }
 
+class ABroker : public ScriptedSession {
+protected:
+    /// Subscribes again while the end of a subscription is not acknowledged. The answers to packets
+    /// of the type are kept back until then.
+    void subscribeAnew(std::vector<Type> const& keptBack) {
+        subscribe("a", first);
+        sendAll();
+        server.setHook([keptBack](auto const& packet) {
+            bool const isKeptBack =
+                std::find(keptBack.begin(), keptBack.end(), packet.type) != keptBack.end();
+            return isKeptBack ? support::ScriptedServer::Reaction::HOLD
+                              : support::ScriptedServer::Reaction::ANSWER;
+        });
+        ASSERT_EQ(client->unsubscribe("a", &first), Error::SUCCESS);
+        subscribe("a", second);
+        sendAll();
+    }
+};
+
+TEST_F(ABroker, ThatEndsASubscriptionBehindALaterOneGetsThatAgain) {
+    subscribeAnew({Type::UNSUBSCRIBE});
+    server.release();
+    ASSERT_TRUE(server.waitForPackets(Type::SUBSCRIBE, 3));
+    EXPECT_EQ(topicsIn(Type::SUBSCRIBE, 1), (Strings{"a", "a", "a"}));
+}
+
+TEST_F(ABroker, ThatKeepsTheOrderGetsEachSubscriptionOnce) {
+    subscribeAnew({Type::UNSUBSCRIBE, Type::SUBSCRIBE});
+    server.release();
+    receiveAll();
+    sendAll();
+    EXPECT_EQ(topicsIn(Type::SUBSCRIBE, 1), (Strings{"a", "a", "marker/1"}));
+}
+
+TEST_F(ABroker, GetsNoSubscriptionAgainThatHasEndedMeanwhile) {
+    subscribeAnew({Type::UNSUBSCRIBE});
+    ASSERT_EQ(client->unsubscribe("a", &second), Error::SUCCESS);
+    server.release();
+    receiveAll();
+    sendAll();
+    EXPECT_EQ(topicsIn(Type::SUBSCRIBE, 1), (Strings{"a", "a", "marker/1"}));
+}
+
 class ARelease : public ScriptedSession {};
 
 TEST_F(ARelease, DropsAllRegistrationsOfASubscriberUntilItSubscribesAgain) {

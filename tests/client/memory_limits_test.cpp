@@ -1,6 +1,7 @@
 // How much memory a client with a limit takes while the broker is away, or does not read.
 
 #include "mqtt/test/broker.hpp"
+#include "mqtt/test/eventually.hpp"
 #include "mqtt/test/test_client.hpp"
 
 #include <mqtt/client.hpp>
@@ -68,6 +69,7 @@ TEST_P(ALimitOfOneMebibyte, HoldsWithoutAConnection) {
 
 TEST_P(ALimitOfOneMebibyte, HoldsWhileAConnectedBrokerDoesNotRead) {
     mqtt::test::Broker broker;
+    options_.tls = broker.connectionOptions().tls;
     for (int const qos : {0, 1, 2}) {
         auto const connected = client(broker.host(), broker.port(), true);
         ASSERT_TRUE(mqtt::test::becomesConnected(*connected));

@@ -64,7 +64,9 @@ protected:
     Topic const topic{"paced"};
     mqtt::test::MessageRecorder recorder;
     mqtt::test::Broker broker;
-    mqtt::MqttClient client{mqtt::test::uniqueId(), false, "", broker.host(), broker.port(), false};
+    mqtt::MqttClient client{
+        mqtt::test::uniqueId(),    false, "", broker.host(), broker.port(), false,
+        broker.connectionOptions()};
 };
 
 TEST_F(APacedClient, SendsAtOnceInAnExchange) {

@@ -6,6 +6,7 @@
 #include "fill_level.hpp"
 
 #include <mqtt/client.hpp>
+#include <mqtt/fields.hpp>
 #include <mqtt/request_reply.hpp>
 #include <zym/common/uuid.hpp>
 
@@ -27,26 +28,19 @@ Uuid const TANK_ID(1);
 Uuid const DISPLAY_ID(2);
 constexpr conv::SecondsDuration TIMEOUT(30);
 
-class Litres final : public mqtt::RequestReplyData {
-public:
-    explicit Litres(unsigned int count = 0) : count(count) {}
-    void serialize(zym::common::lwjson::Serializer& out) const override {
-        out.appendKey("litres");
-        out.addValue(count);
-    }
-    void deserialize(zym::common::lwjson::Deserializer& in) override {
-        zym::common::lwjson::Deserializer::extractValue(in.getMember("litres"), count, "");
-    }
-
-    unsigned int count;
+struct Litres {
+    unsigned int count = 0;
 };
+ZYM_MQTT_FIELDS(Litres, count)
+using LitresPayload = mqtt::Payload<Litres>;
 
 class Tank final : public mqtt::RequestReplyServer::Listener {
 public:
     std::shared_ptr<mqtt::RequestReplyData>
     onRequest(std::string const& /*name*/, Uuid const& /*client*/, Uuid const& /*server*/,
               mqtt::RequestReplyData const& request, RequestReply::ErrorCode& /*error*/) override {
-        return std::make_shared<Litres>(100 - dynamic_cast<Litres const&>(request).count);
+        auto const& wanted = dynamic_cast<LitresPayload const&>(request).value;
+        return std::make_shared<LitresPayload>(Litres{100 - wanted.count});
     }
 };
 
@@ -96,15 +90,15 @@ void publishAndRead(MqttClient& client) {
 void ask(MqttClient& client) {
     Tank tank;
     mqtt::RequestReplyServer server(client, "consumer/tank", mqtt::Topic(), "draw");
-    require(server.subscribe(&tank, TANK_ID, std::make_shared<Litres>())
+    require(server.subscribe(&tank, TANK_ID, std::make_shared<LitresPayload>())
                 == MqttClient::Error::SUCCESS,
             "cannot serve");
     mqtt::RequestReplyClient draw(client, "consumer/tank", mqtt::Topic(), "draw");
-    auto const left = std::make_shared<Litres>();
-    auto const result =
-        draw.requestWait(DISPLAY_ID, TANK_ID, std::make_shared<Litres>(7), left, TIMEOUT);
+    auto const left = std::make_shared<LitresPayload>();
+    auto const result = draw.requestWait(DISPLAY_ID, TANK_ID,
+                                         std::make_shared<LitresPayload>(Litres{7}), left, TIMEOUT);
     require(result == RequestReply::ErrorCode::SUCCESS, "the request failed");
-    require(left->count == 93, "another reply was received");
+    require(left->value.count == 93, "another reply was received");
     std::cout << "a request: answered\n";
 }
 

@@ -151,6 +151,22 @@ inline void write(std::string& payload, EveryKind const& value) {
 }
 
 using sample::Measurement;
+using sample::Reading;
+
+inline void write(std::string& payload, Reading const& value) {
+    Serializer out(payload);
+    add(out, "value", value.value);
+    add(out, "unit", value.unit);
+    out.finalize();
+}
+
+inline void read(std::string const& payload, Reading& value) {
+    Deserializer const in(payload);
+    Reading read;
+    Deserializer::extractValue(in.getMember("value"), read.value, "");
+    Deserializer::extractValue(in.getMember("unit"), read.unit, "");
+    value = std::move(read);
+}
 
 inline void write(std::string& payload, Measurement const& value) {
     Serializer out(payload);

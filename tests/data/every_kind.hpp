@@ -34,17 +34,22 @@ struct EveryKind {
     conv::UnixTime time;
     Mode mode = Mode::OFF;
     Point point;
-    std::optional<int> count;
+    std::optional<int> count = 7;
     std::optional<std::string> note;
     std::optional<Point> target;
     std::optional<std::vector<Point>> path;
-    std::vector<unsigned> numbers;
+    std::vector<unsigned> numbers{7};
     std::vector<bool> flags;
     std::vector<std::string> texts;
     std::vector<Point> points;
     std::vector<std::vector<Point>> lines;
     std::vector<std::optional<double>> samples;
     int notListed = 0;
+};
+
+struct Reading {
+    double value = 0;
+    std::string unit;
 };
 
 /// A usual value.
@@ -64,6 +69,7 @@ ZYM_MQTT_VALUE(Point, "", 0, false, x, y)
 ZYM_MQTT_VALUE(EveryKind, "every/kind", 1, false, flag, letter, i8, u8, i16, u16, i32, u32, i64,
                u64, small, large, text, time, mode, point, count, note, target, path, numbers,
                flags, texts, points, lines, samples)
+ZYM_MQTT_VALUE(Reading, "reading", 2, true, value, unit)
 ZYM_MQTT_VALUE(Measurement, "measurement", 2, true, value, unit, number, isGood, time, mode, place,
                note, history)
 

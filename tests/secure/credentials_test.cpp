@@ -1,4 +1,5 @@
 #include "mqtt/test/broker.hpp"
+#include "mqtt/test/raw_peer.hpp"
 #include "mqtt/test/recorder.hpp"
 #include "mqtt/test/test_client.hpp"
 #include "secure/certificates.hpp"
@@ -49,6 +50,11 @@ protected:
 TEST_F(APassword, LetsTheClientIn) {
     auto const known = client(with(Certificates::PASSWORD));
     EXPECT_EQ(known->connect("", -1, WAIT_SECONDS), Error::SUCCESS) << known->lastFailure();
+    mqtt::test::Address address = broker_;
+    EXPECT_THROW(mqtt::test::RawPeer{address}, std::runtime_error);
+    address.credentials = with(Certificates::PASSWORD).credentials;
+    EXPECT_NO_THROW(mqtt::test::testClient(address));
+    EXPECT_NO_THROW(mqtt::test::RawPeer{address});
 }
 
 TEST_F(APassword, ThatIsWrongOrMissingIsTheReasonOfTheRefusal) {

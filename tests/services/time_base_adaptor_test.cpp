@@ -11,19 +11,7 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-/// An adaptor with the test's clock.
-class ClockedAdaptor : public mqtt::SynchronizedTimeBaseMqttAdaptor {
-public:
-    ClockedAdaptor(mqtt::MqttClient& client, zym::common::Uuid const& id,
-                   std::function<double()> clock)
-        : mqtt::SynchronizedTimeBaseMqttAdaptor(client, "svc", id), clock_(std::move(clock)) {}
-    ~ClockedAdaptor() override { release(); }
-
-    double localTimeBase() const override { return clock_(); }
-
-private:
-    std::function<double()> const clock_;
-};
+using mqtt::test::ClockedAdaptor;
 
 class ATimeBaseAdaptor : public SessionOnABroker {
 protected:
@@ -33,7 +21,7 @@ protected:
     }
 
     std::unique_ptr<ClockedAdaptor> makeAdaptor() {
-        return std::make_unique<ClockedAdaptor>(*mqtt, server, [this] {
+        return std::make_unique<ClockedAdaptor>(*mqtt, "svc", server, [this] {
             checkpoint.pass();
             return now.load();
         });

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "mqtt/test/time_base.hpp"
 #include "requestreply/client_fixture.hpp"
 #include "services/checkpoint.hpp"
 
@@ -14,25 +15,7 @@
 #include <string>
 #include <thread>
 
-/// A proxy that reads the test's clock.
-class ClockedProxy : public mqtt::SynchronizedTimeBaseMqttProxy {
-public:
-    using Listener = zym::common::SynchronizedTimeBaseProxy::Listener;
-
-    ClockedProxy(mqtt::MqttClient& client, mqtt::Topic const& topic, zym::common::Uuid const& id,
-                 Listener* listener, std::function<double()> clock)
-        : zym::common::SynchronizedTimeBaseProxy(id, listener),
-          mqtt::SynchronizedTimeBaseMqttProxy(client, topic, id, listener),
-          clock_(std::move(clock)) {}
-    ~ClockedProxy() override { release(); }
-
-    double localTimeBase() const override { return clock_(); }
-
-    using zym::common::SynchronizedTimeBaseProxy::serverUuid;
-
-private:
-    std::function<double()> const clock_;
-};
+using mqtt::test::ClockedProxy;
 
 /// A listener that keeps the threads that call it.
 class TimeListener : public ClockedProxy::Listener, public CallRecorder<std::thread::id> {

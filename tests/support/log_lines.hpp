@@ -38,7 +38,7 @@ public:
     }
 
 private:
-    Watched<Lines> lines_;
+    mqtt::test::Watched<Lines> lines_;
 };
 
 } // namespace support

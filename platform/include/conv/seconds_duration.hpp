@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <type_traits>
 
 namespace conv {
 
@@ -19,6 +20,10 @@ public:
     constexpr SecondsDuration() noexcept = default;
     /// Implicit, so that a plain number of seconds can be passed as a duration.
     constexpr SecondsDuration(std::uint32_t seconds) noexcept : seconds_(seconds) {}
+
+    /// Not from 0.5, which would be 0.
+    template <class Fraction, class = std::enable_if_t<std::is_floating_point_v<Fraction>>>
+    SecondsDuration(Fraction) = delete;
 
     /// The bit pattern read as a signed number: -1 for `NO_TIMEOUT`, negative from 2^31 on.
     constexpr std::int32_t toInt32() const noexcept {

@@ -11,10 +11,10 @@ class FileDescriptor {
 public:
     FileDescriptor() = default;
     explicit FileDescriptor(int value) noexcept : value_(value) {}
-    FileDescriptor(FileDescriptor&& other) noexcept : value_(std::exchange(other.value_, -1)) {}
+    FileDescriptor(FileDescriptor&& other) noexcept : value_(other.release()) {}
     FileDescriptor& operator=(FileDescriptor&& other) noexcept {
         if (this != &other) {
-            reset(std::exchange(other.value_, -1));
+            reset(other.release());
         }
         return *this;
     }
@@ -22,6 +22,7 @@ public:
 
     int get() const noexcept { return value_; }
     bool valid() const noexcept { return value_ >= 0; }
+    int release() noexcept { return std::exchange(value_, -1); }
     void reset(int value = -1) noexcept {
         if (value_ >= 0) {
             ::close(value_);

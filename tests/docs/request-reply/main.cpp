@@ -1,4 +1,5 @@
 #include "request-reply/1.inc"
+#include "request-reply/5.inc"
 
 #include <iostream>
 
@@ -9,4 +10,5 @@ int main() {
 #include "request-reply/2.inc"
 #include "request-reply/3.inc"
 #include "request-reply/4.inc"
+#include "request-reply/6.inc"
 }

@@ -2,4 +2,4 @@
 
 #include <stdexcept>
 
-#include "typed-values/6.inc"
+#include "typed-values/9.inc"

@@ -1,17 +1,9 @@
 #pragma once
 
-#include "mqtt/test/port_lease.hpp"
-#include "mqtt/test/watched.hpp"
-#include "net/serving_thread.hpp"
-#include "net/socket.hpp"
+#include "mqtt/test/address.hpp"
 
-#include <sys/socket.h>
-
-#include <algorithm>
-#include <array>
-#include <cerrno>
-#include <deque>
-#include <optional>
+#include <cstddef>
+#include <memory>
 #include <string>
 
 namespace mqtt::test {
@@ -20,179 +12,45 @@ namespace mqtt::test {
 /// connections where the test wants. One thread serves all connections.
 ///
 /// A cut resets the client's connection. After a cut at a number of bytes exactly these bytes
-/// reach their destination.
+/// reach their destination. All operations may be called from any thread.
 class CutProxy {
 public:
     enum class Direction { TO_SERVER, TO_CLIENT };
 
-    explicit CutProxy(int serverPort) : serverPort_(serverPort) {}
+    /// @throws std::runtime_error when there is no free port
+    explicit CutProxy(int serverPort);
+    ~CutProxy();
+    CutProxy(CutProxy const&) = delete;
+    CutProxy& operator=(CutProxy const&) = delete;
 
     std::string host() const { return "127.0.0.1"; }
-    int port() const noexcept { return lease_.port(); }
+    int port() const noexcept;
+    operator Address() const { return {host(), port()}; }
 
     /// Cuts the latest connection, if there is one, once that many more bytes were forwarded.
-    void cutCurrentAfter(Direction direction, std::size_t bytes) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        if (!open_.empty()) {
-            open_.back().cut = Cut{direction, bytes};
-        }
-        thread_.wake();
-    }
+    void cutCurrentAfter(Direction direction, std::size_t bytes);
     /// Cuts a future connection after that many bytes. Each connection takes one such order, in
     /// the order they were given.
-    void cutNextAfter(Direction direction, std::size_t bytes) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        orders_.push_back({direction, bytes});
-    }
+    void cutNextAfter(Direction direction, std::size_t bytes);
     /// Resets all connections, on both sides.
-    void cutNow() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        cuts_ += static_cast<int>(open_.size());
-        for (Connection& connection : open_) {
-            connection.reset();
-        }
-        open_.clear();
-        thread_.wake();
-    }
+    void cutNow();
+    /// Resets all connections, and every future one as soon as it was accepted, until `accept`.
+    void refuse();
+    void accept();
     /// Forwards nothing until `thaw`, on future connections too.
-    void freeze() { setFrozen(true); }
-    void thaw() { setFrozen(false); }
+    void freeze();
+    void thaw();
 
-    /// Connections accepted so far.
-    int connections() const { return connections_.copy(); }
-    bool waitForConnections(int count) const {
-        return connections_.waitFor([&](int all) { return all >= count; });
-    }
-    /// Connections cut so far.
-    int cuts() const { return cuts_; }
+    /// Connections accepted so far; those that were refused too.
+    int connections() const;
+    /// Waits for that many, or more. @return false after 30 seconds
+    bool waitForConnections(int count) const;
+    /// Connections cut so far; those that were refused too.
+    int cuts() const;
 
 private:
-    struct Cut {
-        Direction direction;
-        std::size_t bytes;
-    };
-    struct Connection {
-        FileDescriptor client;
-        FileDescriptor server;
-        std::optional<Cut> cut;        ///< bytes still to be forwarded
-        std::array<bool, 2> blocked{}; ///< by direction: the destination takes no more for now
-
-        FileDescriptor& from(Direction direction) {
-            return direction == Direction::TO_SERVER ? client : server;
-        }
-        FileDescriptor& to(Direction direction) {
-            return direction == Direction::TO_SERVER ? server : client;
-        }
-        void reset() {
-            resetConnection(client);
-            resetConnection(server);
-        }
-    };
-    static constexpr std::array<Direction, 2> DIRECTIONS{Direction::TO_SERVER,
-                                                         Direction::TO_CLIENT};
-
-    void setFrozen(bool frozen) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        frozen_ = frozen;
-        thread_.wake();
-    }
-
-    std::vector<pollfd> sockets() {
-        std::vector<pollfd> sockets{{listener_.get(), POLLIN, 0}};
-        for (std::size_t i = 0; i < open_.size() && !frozen_; ++i) {
-            for (Direction const direction : DIRECTIONS) {
-                bool const blocked = open_[i].blocked[static_cast<std::size_t>(direction)];
-                sockets.push_back(blocked ? pollfd{open_[i].to(direction).get(), POLLOUT, 0}
-                                          : pollfd{open_[i].from(direction).get(), POLLIN, 0});
-            }
-        }
-        return sockets;
-    }
-
-    void serve() {
-        acceptAll();
-        for (std::size_t i = 0; i < open_.size() && !frozen_; ++i) {
-            cutIfDue(open_[i]);
-            for (Direction const direction : DIRECTIONS) {
-                forward(open_[i], direction);
-                cutIfDue(open_[i]);
-            }
-        }
-        auto const closed = [](Connection const& connection) { return !connection.client.valid(); };
-        open_.erase(std::remove_if(open_.begin(), open_.end(), closed), open_.end());
-    }
-
-    void acceptAll() {
-        for (;;) {
-            Connection connection;
-            connection.client = acceptFrom(listener_);
-            if (!connection.client.valid()) {
-                return;
-            }
-            connections_.change([](int& count) { ++count; });
-            connection.server = startConnecting(serverPort_);
-            if (!connection.server.valid()) {
-                resetConnection(connection.client);
-                continue;
-            }
-            if (!orders_.empty()) {
-                connection.cut = orders_.front();
-                orders_.pop_front();
-            }
-            open_.push_back(std::move(connection));
-        }
-    }
-
-    /// Takes only what the other side has room for: nothing is kept in between, and a slow reader
-    /// slows down the writer as without a proxy.
-    void forward(Connection& connection, Direction direction) {
-        int const from = connection.from(direction).get();
-        int const to = connection.to(direction).get();
-        std::array<char, 16384> bytes;
-        bool const limited = connection.cut && connection.cut->direction == direction;
-        std::size_t const limit =
-            limited ? std::min(connection.cut->bytes, bytes.size()) : bytes.size();
-        ssize_t const there = ::recv(from, bytes.data(), limit, MSG_PEEK);
-        ssize_t const sent =
-            there > 0 ? ::send(to, bytes.data(), static_cast<std::size_t>(there), MSG_NOSIGNAL)
-                      : there;
-        bool const tryAgain = sent < 0 && (errno == EAGAIN || errno == EINTR);
-        connection.blocked[static_cast<std::size_t>(direction)] = tryAgain && there > 0;
-        if (sent > 0) {
-            ::recv(from, bytes.data(), static_cast<std::size_t>(sent), 0);
-            if (limited) {
-                connection.cut->bytes -= static_cast<std::size_t>(sent);
-            }
-        } else if (sent == 0) {
-            connection.client.reset();
-            connection.server.reset();
-        } else if (!tryAgain) {
-            connection.reset();
-        }
-    }
-
-    void cutIfDue(Connection& connection) {
-        if (!connection.client.valid() || !connection.cut || connection.cut->bytes > 0) {
-            return;
-        }
-        // A reset throws away what the kernel has not sent yet.
-        eventually([&] { return unsentBytes(connection.client) == 0; }, std::chrono::seconds(5));
-        // Counted first: a client that sees the reset finds it counted.
-        ++cuts_;
-        resetConnection(connection.client);
-        connection.server.reset();
-    }
-
-    PortLease lease_;
-    int const serverPort_;
-    std::mutex mutex_; ///< guards what follows, up to the listener
-    bool frozen_ = false;
-    std::deque<Cut> orders_;
-    std::vector<Connection> open_;
-    FileDescriptor listener_ = listenOn(lease_.port(), 64);
-    Watched<int> connections_;
-    std::atomic<int> cuts_{0};
-    ServingThread thread_{mutex_, [this] { return sockets(); }, [this] { serve(); }};
+    class Relay;
+    std::unique_ptr<Relay> relay_;
 };
 
 } // namespace mqtt::test

@@ -1,22 +1,19 @@
 #pragma once
 
-#include "mqtt/test/broker.hpp"
+#include "mqtt/test/address.hpp"
 #include "mqtt/test/watched.hpp"
 
-#include <mosquitto.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-#include <sys/socket.h>
-
 #include <atomic>
+#include <chrono>
 #include <memory>
 #include <optional>
 #include <ostream>
-#include <stdexcept>
 #include <string>
 #include <thread>
 #include <tuple>
 #include <vector>
+
+struct mosquitto;
 
 namespace mqtt::test {
 
@@ -25,7 +22,7 @@ struct Message {
     std::string topic;
     std::string payload;
     int qos = 0;
-    bool retain = false;
+    bool retain = false; ///< it was there before the subscription
 };
 
 inline bool operator==(Message const& a, Message const& b) {
@@ -38,84 +35,48 @@ inline std::ostream& operator<<(std::ostream& out, Message const& message) {
 }
 
 /// A client on the C library of the broker's makers alone: it shows what the broker does, without
-/// any code of ours. It has a network thread of its own and never reconnects.
+/// any code of ours. It publishes, and records what it has subscribed to. It has a network thread
+/// of its own and never reconnects.
 ///
-/// The operations wait until the broker has answered. Subscribe on one thread at a time.
-/// @throws std::runtime_error from every operation that fails or gets no answer
+/// `subscribe` and `publish` wait until the broker has answered. Subscribe on one thread at a time;
+/// everything else may be called from any thread.
+/// @throws std::runtime_error from every operation that fails or gets no answer in 30 seconds
 class RawPeer {
 public:
     using Messages = std::vector<Message>;
 
-    explicit RawPeer(Broker const& broker) : RawPeer(broker.host(), broker.port()) {}
-    RawPeer(std::string const& host, int port) {
-        require(client_ != nullptr, "cannot be made");
-        check(mosquitto_threaded_set(client_.get(), true), "threads");
-        check(mosquitto_int_option(client_.get(), MOSQ_OPT_TCP_NODELAY, 1), "option");
-        setCallbacks();
-        check(mosquitto_connect(client_.get(), host.c_str(), port, 60), "connect");
-        while (!seen_.copy().connected) {
-            check(step(), "connection refused or lost");
-        }
-        network_ = std::thread([this] {
-            while (!stop_ && step() == MOSQ_ERR_SUCCESS) {
-            }
-        });
-    }
-    ~RawPeer() {
-        mosquitto_disconnect(client_.get());
-        stop_ = true;
-        network_.join();
-    }
+    explicit RawPeer(Address const& address);
+    ~RawPeer();
     RawPeer(RawPeer const&) = delete;
     RawPeer& operator=(RawPeer const&) = delete;
 
-    void subscribe(std::string const& topic, int qos = 2) {
-        seen_.change([](Seen& seen) { seen.granted.reset(); });
-        check(mosquitto_subscribe(client_.get(), nullptr, topic.c_str(), qos), "subscribe");
-        auto const answered = [](Seen const& seen) { return seen.granted.has_value(); };
-        require(seen_.waitFor(answered), "no answer to SUBSCRIBE");
-        require(*seen_.copy().granted, "subscription refused");
-    }
+    void subscribe(std::string const& pattern, int qos = 2);
+    /// Subscribes, and waits until everything that is retained there has arrived.
+    void subscribeToRetained(std::string const& pattern);
     void publish(std::string const& topic, std::string const& payload, int qos = 2,
-                 bool retain = false) {
-        post(topic, payload, qos, retain);
-        waitForAcknowledgements();
-    }
+                 bool retain = false);
     /// Publishes without waiting; `waitForAcknowledgements` waits for all that was posted.
     void post(std::string const& topic, std::string const& payload, int qos = 2,
-              bool retain = false) {
-        seen_.change([](Seen& seen) { ++seen.pending; });
-        auto const size = static_cast<int>(payload.size());
-        check(mosquitto_publish(client_.get(), nullptr, topic.c_str(), size, payload.data(), qos,
-                                retain),
-              "publish");
-    }
-    void waitForAcknowledgements() const {
-        require(seen_.waitFor([](Seen const& seen) { return seen.pending == 0; }),
-                "publication not acknowledged");
-    }
+              bool retain = false);
+    void waitForAcknowledgements() const;
 
-    Messages messages() const {
-        return seen_.read([](Seen const& seen) { return seen.messages; });
-    }
-    std::vector<std::string> payloads() const {
-        std::vector<std::string> result;
-        for (Message const& message : messages()) {
-            result.push_back(message.payload);
-        }
-        return result;
-    }
-    void clearMessages() {
-        seen_.change([](Seen& seen) { seen.messages.clear(); });
-    }
+    /// All that was received so far, in order.
+    Messages messages() const;
+    std::vector<std::string> payloads() const;
+    void clearMessages();
+    /// Waits until `condition(messages)` holds, which is called with the messages locked.
+    /// @return whether it came to hold before the deadline
     template <class Condition>
-    bool waitFor(Condition const& condition) const {
-        return seen_.waitFor([&](Seen const& seen) { return condition(seen.messages); });
+    bool waitFor(Condition const& condition, std::chrono::milliseconds deadline = DEADLINE) const {
+        return seen_.waitFor([&](Seen const& seen) { return condition(seen.messages); }, deadline);
     }
     /// Waits for that many messages, or more.
-    bool waitForMessages(std::size_t count) const {
-        return waitFor([&](Messages const& all) { return all.size() >= count; });
+    bool waitForMessages(std::size_t count, std::chrono::milliseconds deadline = DEADLINE) const {
+        return waitFor([&](Messages const& all) { return all.size() >= count; }, deadline);
     }
+    /// Waits for a message with this topic and payload.
+    bool waitForMessage(std::string const& topic, std::string const& payload,
+                        std::chrono::milliseconds deadline = DEADLINE) const;
 
 private:
     struct Seen {
@@ -125,90 +86,38 @@ private:
         Messages messages;
     };
 
-    static void require(bool condition, std::string const& failure) {
-        if (!condition) {
-            throw std::runtime_error("raw peer: " + failure);
-        }
-    }
-    static void check(int result, std::string const& operation) {
-        require(result == MOSQ_ERR_SUCCESS, operation + ": " + mosquitto_strerror(result));
-    }
-
-    static mosquitto* newClient(Watched<Seen>& seen) {
-        // Never undone: clients may live in static objects.
-        static int const initialised = mosquitto_lib_init();
-        check(initialised, "initialise");
-        return mosquitto_new(nullptr, true, &seen); // the broker chooses the identifier
-    }
-
-    int step() {
-        int const result = mosquitto_loop(client_.get(), 100, 1);
-        // Otherwise the kernel delays the acknowledgements, and a broker with its default settings
-        // waits for them: 44 ms for every exchange.
-        int const on = 1;
-        setsockopt(mosquitto_socket(client_.get()), IPPROTO_TCP, TCP_QUICKACK, &on, sizeof on);
-        return result;
-    }
-
-    void setCallbacks() {
-        using Watch = Watched<Seen>;
-        mosquitto* const client = client_.get();
-        mosquitto_connect_callback_set(client, [](mosquitto*, void* watch, int code) {
-            static_cast<Watch*>(watch)->change([&](Seen& seen) { seen.connected = code == 0; });
-        });
-        mosquitto_publish_callback_set(client, [](mosquitto*, void* watch, int) {
-            static_cast<Watch*>(watch)->change([](Seen& seen) { --seen.pending; });
-        });
-        mosquitto_subscribe_callback_set(
-            client, [](mosquitto*, void* watch, int, int count, int const* granted) {
-                constexpr int REFUSED = 128;
-                static_cast<Watch*>(watch)->change(
-                    [&](Seen& seen) { seen.granted = count == 0 || granted[0] != REFUSED; });
-            });
-        mosquitto_message_callback_set(
-            client, [](mosquitto*, void* watch, mosquitto_message const* message) {
-                auto const* const bytes = static_cast<char const*>(message->payload);
-                Message copy{message->topic, std::string(bytes, bytes + message->payloadlen),
-                             message->qos, message->retain};
-                static_cast<Watch*>(watch)->change(
-                    [&](Seen& seen) { seen.messages.push_back(std::move(copy)); });
-            });
-    }
+    static mosquitto* newClient(Watched<Seen>& seen);
+    static void destroyClient(mosquitto* client);
+    void setCallbacks();
+    void connect(Address const& address);
+    int step();
 
     Watched<Seen> seen_;
-    std::unique_ptr<mosquitto, void (*)(mosquitto*)> client_{newClient(seen_), &mosquitto_destroy};
+    std::unique_ptr<mosquitto, void (*)(mosquitto*)> client_{newClient(seen_), &destroyClient};
     std::atomic<bool> stop_{false};
     std::thread network_;
 };
 
-/// All that the broker retains under a pattern, read over a connection of its own. The broker
-/// queues retained messages when it handles the subscription, so ahead of a message that is
-/// published after its acknowledgement: when that one arrives, all have arrived.
-inline std::vector<Message> allRetained(Broker const& broker, std::string const& pattern) {
-    RawPeer peer(broker);
-    std::string const last = "end-of-retained";
-    peer.subscribe(last);
-    peer.subscribe(pattern);
-    peer.publish(last, "");
-    auto const complete = [&](RawPeer::Messages const& all) {
-        return !all.empty() && all.back().topic == last;
-    };
-    if (!peer.waitFor(complete)) {
-        throw std::runtime_error("no end of the retained messages");
-    }
-    std::vector<Message> found;
-    for (Message const& message : peer.messages()) {
-        if (message.retain) {
-            found.push_back(message);
-        }
-    }
-    return found;
-}
+// Checks of what a broker retains, over connections of their own.
+// @throws std::runtime_error when there is no connection or no answer
 
-/// The message that it retains on this topic.
-inline std::optional<Message> retained(Broker const& broker, std::string const& topic) {
-    auto const found = allRetained(broker, topic);
-    return found.empty() ? std::nullopt : std::optional<Message>(found.front());
+/// All messages that are retained under a pattern; none: the broker is clean there.
+std::vector<Message> allRetained(Address const& broker, std::string const& pattern);
+/// The message that is retained on this topic.
+std::optional<Message> retained(Address const& broker, std::string const& topic);
+/// Waits until `condition(payload)` holds for the message retained on this topic; the payload is
+/// empty while there is none.
+/// @return whether it came to hold before the deadline
+template <class Condition>
+bool waitForRetained(Address const& broker, std::string const& topic, Condition const& condition,
+                     std::chrono::milliseconds deadline = DEADLINE) {
+    RawPeer peer(broker);
+    peer.subscribeToRetained(topic);
+    return peer.waitFor(
+        [&](RawPeer::Messages const& all) {
+            return condition(all.empty() ? std::string() : all.back().payload);
+        },
+        deadline);
 }
 
 } // namespace mqtt::test

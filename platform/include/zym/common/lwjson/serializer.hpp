@@ -3,7 +3,9 @@
 #include <conv/unix_time.hpp>
 #include <zym/common/export.hpp>
 
+#include <limits>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 namespace zym::common::lwjson {
@@ -48,6 +50,14 @@ public:
     void addValue(Serializer const& object);
     /// An array of finished or wrapped objects, each on a line of its own.
     void addValue(std::vector<Serializer> const& objects);
+    /// Neither a `bool`, which would be written as 1 or 0, nor an integer that a double cannot
+    /// hold: pass their text to `appendValue`.
+    template <class Integer,
+              class = std::enable_if_t<std::is_integral_v<Integer>
+                                       && (std::is_same_v<Integer, bool>
+                                           || std::numeric_limits<Integer>::digits
+                                                  > std::numeric_limits<double>::digits)>>
+    void addValue(Integer) = delete;
 
     /// The text written so far. The caller answers for changes to it.
     std::string& mutableJson() noexcept { return target_ == nullptr ? wrapped_ : *target_; }

@@ -1,9 +1,12 @@
 #include "mqtt/test/cut_proxy.hpp"
 
+#include "mqtt/test/eventually.hpp"
+#include "mqtt/test/port_lease.hpp"
 #include "net/socket.hpp"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/socket.h>
 
 namespace {
@@ -70,6 +73,20 @@ TEST_F(ACutProxy, ForwardsNothingWhileFrozenAndResetsAllConnectionsAtOnce) {
     proxy_.cutNow();
     EXPECT_EQ(receive(client_, 1), "reset");
     EXPECT_EQ(receive(server_, 1), "reset");
+}
+
+TEST_F(ACutProxy, RefusesConnectionsUntilItAcceptsThem) {
+    connect();
+    proxy_.refuse();
+    EXPECT_EQ(receive(client_, 1), "reset");
+    client_ = mqtt::test::connectTo(proxy_.port());
+    EXPECT_EQ(receive(client_, 1), "reset");
+    proxy_.accept();
+    connect();
+    sendAll(client_, "text");
+    EXPECT_EQ(receive(server_, 4), "text");
+    EXPECT_EQ(proxy_.connections(), 3);
+    EXPECT_EQ(proxy_.cuts(), 2);
 }
 
 } // namespace

@@ -1,0 +1,1 @@
+#include "testing/1.inc"

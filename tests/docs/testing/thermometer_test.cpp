@@ -1,0 +1,3 @@
+#include "thermometer.hpp"
+
+#include "testing/2.inc"
