@@ -5,7 +5,6 @@
 
 #include <mqtt/client.hpp>
 #include <mqtt/connection_options.hpp>
-#include <mqtt/log.hpp>
 
 #include <iostream>
 #include <string>
