@@ -20,7 +20,6 @@
 #include <mqtt/time_base.hpp>
 
 #include <chrono>
-#include <exception>
 #include <iostream>
 #include <limits>
 #include <string>
@@ -114,7 +113,7 @@ void waitForEndOf(std::istream& input) {
 
 } // namespace
 
-int main(int argc, char* argv[]) try {
+int main(int argc, char* argv[]) {
     auto const broker = brokerFrom(argc, argv, "device");
 
     MqttClient client(PLANT_ID, false, "device", broker.host, broker.port, false, broker.options);
@@ -125,8 +124,4 @@ int main(int argc, char* argv[]) try {
     waitForEndOf(std::cin);
     plant.publishDisconnected();
     client.disconnect(MqttClient::COMMUNICATION_DELAY);
-    return 0;
-} catch (std::exception const& error) {
-    std::cerr << error.what() << '\n';
-    return 1;
 }
