@@ -41,7 +41,7 @@ int main() {
     auto const tester = mqtt::test::testClient(broker);
     mqtt::MqttData<Temperature> temperature(*tester, "room");
     mqtt::MqttData<Heater> heater(*tester, "room");
-    for (auto const [celsius, on] : {std::pair(15.0, true), {25.0, false}}) {
+    for (auto const& [celsius, on] : {std::pair(15.0, true), {25.0, false}}) {
         temperature.publish({celsius});
         Heater found;
         auto const isExpected = [expected = on](Heater const& now) { return now.on == expected; };

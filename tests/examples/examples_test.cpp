@@ -24,7 +24,7 @@ class ASmallExample : public testing::TestWithParam<Case> {
 protected:
     /// What the command prints; ends with its exit code.
     std::string run(std::string const& command) const {
-        std::string const shell = "cd " ZYM_EXAMPLES " && ADDRESS='" + broker.host() + " "
+        std::string const shell = "cd '" ZYM_EXAMPLES "' && ADDRESS='" + broker.host() + " "
                                   + std::to_string(broker.port()) + "' && { " + command
                                   + "; } 2>&1; echo \"exit code $?\"";
         std::FILE* const pipe = popen(shell.c_str(), "r");
@@ -49,16 +49,17 @@ INSTANTIATE_TEST_SUITE_P(
     Programs, ASmallExample,
     testing::Values(
         Case{"publish", "echo 21.5 | ./publish $ADDRESS", "published 21.5: SUCCESS\n"},
-        // The second program's input ends when the first `grep` line is there.
+        // The pipe ends the input of the second program when its line is there.
         Case{"subscribe",
-             "echo 21.5 | ./publish $ADDRESS && mkfifo $$.input && ./subscribe $ADDRESS <$$.input "
-             "| { exec 3>$$.input; rm $$.input; grep -m 1 demo/line; echo >&3; cat; }",
+             "echo 21.5 | ./publish $ADDRESS && PIPE=$(mktemp -u) && mkfifo $PIPE && "
+             "./subscribe $ADDRESS <$PIPE | "
+             "{ exec 3>$PIPE; rm $PIPE; grep -m 1 demo/line; echo >&3; cat; }",
              "demo/line: 21.5\n"},
         Case{"value", "./value $ADDRESS", "waited for 12.5: SUCCESS\n"},
         Case{"service", "./service $ADDRESS", "drawn 60 litres, 40 left\nrefused: not enough\n"},
         Case{"binding", "./bound_device $ADDRESS", "bound; the time of the device is "},
         Case{"discovery", "./discovery $ADDRESS", "found the pump by Pumps & Sons at demo/pumps/"},
         Case{"test", "./thermostat_test", "passed\n"}),
-    [](auto const& info) { return info.param.name; });
+    [](auto const& program) { return program.param.name; });
 
 } // namespace
