@@ -3,14 +3,14 @@
 // What the device and the panel share: the description of a small water works, the plant. It has
 // three entities, binds one panel at a time, reports its time, and its tank hands out water.
 
-#include <mqtt/request_reply.hpp>
+#include <conv/service_status.hpp>
+#include <mqtt/fields.hpp>
+#include <mqtt/service.hpp>
 #include <mqtt/topic.hpp>
 #include <zym/common/binder.hpp>
-#include <zym/common/lwjson.hpp>
 #include <zym/common/uuid.hpp>
 
 #include <cstdint>
-#include <string>
 
 using zym::common::Uuid;
 using ErrorCode = mqtt::RequestReply::ErrorCode;
@@ -37,37 +37,18 @@ constexpr ErrorCode refusalCode(zym::common::Binder::Error error) {
     return ErrorCode(16 + static_cast<std::uint8_t>(error));
 }
 
-/// The service of the tank. Its own error codes begin at 16; the smaller ones belong to the
-/// library.
-constexpr char DRAW[] = "draw";
-constexpr ErrorCode NOT_ENOUGH{17};
-constexpr ErrorCode NOT_BOUND{18};
-
 /// Each service defines the meaning of the two numbers in its status.
-constexpr std::uint8_t NOT_OPERATING = 0;
-constexpr std::uint8_t OPERATING = 1;
-constexpr std::uint8_t HEALTHY = 1;
-constexpr std::uint8_t RUNNING_LOW = 2;
+constexpr conv::ServiceStatus CLOSED{0, 1};
+constexpr conv::ServiceStatus WORKING{1, 1};
+constexpr conv::ServiceStatus RUNNING_LOW{1, 2};
 
-/// An amount of water in a request or reply: `"litres": 60` in addition to the members that every
-/// request or reply has.
-class Litres final : public mqtt::RequestReplyData {
-public:
-    Litres() = default;
-    explicit Litres(unsigned int litres) : litres_(litres) {}
-
-    unsigned int count() const { return litres_; }
-
-    void serialize(zym::common::lwjson::Serializer& out) const override {
-        out.appendKey("litres");
-        out.appendValue(std::to_string(litres_).c_str());
-    }
-    /// Throws when the number is missing; the request is then dropped without an answer.
-    void deserialize(zym::common::lwjson::Deserializer& in) override {
-        using zym::common::lwjson::Deserializer;
-        Deserializer::extractValue(in.getMember("litres"), litres_, "");
-    }
-
-private:
-    unsigned int litres_ = 0;
+/// An amount of water: in a request or a reply, and as the level of the tank. On the level "level"
+/// below the topic of the tank, at QoS 2, retained.
+struct Litres {
+    unsigned int litres = 0;
 };
+ZYM_MQTT_VALUE(Litres, "level", 2, true, litres)
+
+/// The service of the tank. Its own errors begin at 16; the smaller ones belong to the library.
+inline mqtt::Service<Litres, Litres> const DRAW{PLANT, "draw"};
+enum class DrawError : std::uint8_t { NOT_ENOUGH = 17, NOT_BOUND = 18 };

@@ -10,19 +10,19 @@ start_site() {
     output[$1]=$broker_output
 }
 
-# one_after_another: a publisher at the first address, a subscriber at the second; all values must arrive.
+# one_after_another: publishes at the first address and subscribes at the second; all lines must arrive.
 one_after_another() {
-    start subscriber build/demo/examples/subscriber 127.0.0.1 "${2##*:}"
-    expect subscriber '^connected$'
+    start subscribe build/demo/examples/subscribe 127.0.0.1 "${2##*:}" <"$work/commands"
+    expect subscribe '^connected$'
     sleep 1 # the other node learns of the subscription
-    start publisher build/demo/examples/publisher 127.0.0.1 "${1##*:}" <"$work/commands"
-    expect publisher '^connected$'
-    command_publisher publish 20
-    expect publisher '^published 20 values, 1 to 20$'
-    command_publisher end
-    finish publisher
-    expect subscriber '^received from 1 to 20: all, in order, each once$'
-    finish subscriber
+    start publish build/demo/examples/publish 127.0.0.1 "${1##*:}" <"$work/lines"
+    expect publish '^connected$'
+    publish 1 20 published
+    echo >&"$lines"
+    finish publish
+    expect_received 1 20
+    echo >&"$commands"
+    finish subscribe
 }
 
 start_site first
@@ -64,8 +64,8 @@ expect panel '^all is cleaned$'
 finish panel
 explain "Observed at two bridged brokers: retained values, requests, binding, time, will and cleaning hold."
 
-explain "PART 2. A cluster: two nodes of aedes that share Redis; the subscriber is at one, the publisher at the" \
-    "other:"
+explain "PART 2. A cluster: two nodes of aedes that share Redis; one program subscribes at one, another one" \
+    "publishes at the other:"
 mkfifo "$work/nothing"
 exec {nothing}<>"$work/nothing" # never ends; the cluster ends when its script is killed
 start cluster scripts/brokers --serve "two aedes, Redis" <"$work/nothing"

@@ -3,8 +3,8 @@
 // The plant's side of a binding: it serves one panel at a time. The service decides which panel is
 // bound; the library transmits request and reply.
 
-#include "console.hpp"
 #include "plant.hpp"
+#include "program.hpp"
 
 #include <mqtt/binder_proxy.hpp>
 #include <mqtt/request_reply.hpp>
@@ -12,20 +12,15 @@
 #include <memory>
 #include <string>
 
-/// Answers "bind" and "unbind". All operations after `serve` run on the client's worker thread, one
-/// after the other, also `isBound`, which the tank calls: no lock is needed.
+/// Answers "bind" and "unbind". All operations after the constructor run on the client's worker
+/// thread, one after the other, also `isBound`, which the tank calls: no lock is needed.
 class Binding final : private mqtt::RequestReplyServer::Listener {
 public:
     explicit Binding(mqtt::MqttClient& client)
         : bind_(client, PLANT, mqtt::Topic(), "bind"),
-          unbind_(client, PLANT, mqtt::Topic(), "unbind") {}
-
-    mqtt::MqttClient::Error serve() {
-        auto const result =
-            bind_.subscribe(this, PLANT_ID, std::make_shared<mqtt::BindRequestData>());
-        return result == mqtt::MqttClient::Error::SUCCESS
-                   ? unbind_.subscribe(this, PLANT_ID, mqtt::NO_DATA)
-                   : result;
+          unbind_(client, PLANT, mqtt::Topic(), "unbind") {
+        bind_.subscribe(this, PLANT_ID, std::make_shared<mqtt::BindRequestData>());
+        unbind_.subscribe(this, PLANT_ID, mqtt::NO_DATA);
     }
 
     bool isBound(Uuid const& panel) const { return panel == panel_; }

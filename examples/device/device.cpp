@@ -9,19 +9,17 @@
 // Usage: device [HOST [PORT]]
 
 #include "binding.hpp"
-#include "broker_address.hpp"
-#include "clock.hpp"
-#include "console.hpp"
 #include "entity.hpp"
 #include "plant.hpp"
+#include "program.hpp"
 #include "tank.hpp"
 
 #include <mqtt/client.hpp>
 #include <mqtt/link.hpp>
 #include <mqtt/payloads.hpp>
+#include <mqtt/time_base.hpp>
 
 #include <chrono>
-#include <exception>
 #include <iostream>
 #include <limits>
 #include <string>
@@ -36,9 +34,30 @@ conv::UnixTime now() {
     return conv::UnixTime(std::chrono::duration<double>(sinceEpoch).count());
 }
 
+/// The plant's time: it answers requests for it. A time base counts from a moment that the server
+/// chooses: here from the start of the device. Construct it before the client is connected: a
+/// request during its construction would call a virtual function too early.
+class Clock final : public mqtt::SynchronizedTimeBaseMqttAdaptor {
+public:
+    explicit Clock(MqttClient& client) : SynchronizedTimeBaseMqttAdaptor(client, PLANT, PLANT_ID) {}
+    /// Waits for a request being handled before any member is destroyed.
+    ~Clock() override { release(); }
+
+    double localTimeBase() const override { return machineTime() - start_; }
+
+    /// The time of this machine's clock when the plant's time was zero.
+    double start() const { return start_; }
+
+private:
+    double machineTime() const { return SynchronizedTimeBaseMqttAdaptor::localTimeBase(); }
+
+    double const start_ = machineTime();
+};
+
 class Plant final : public MqttClient::Listener {
 public:
-    /// Construct it before the client is connected: a will cannot be set later.
+    /// Starts the services. Construct it before the client is connected: a will cannot be set
+    /// later, and the services must answer when the plant reports that it is connected.
     explicit Plant(MqttClient& client)
         : client_(client),
           communication_(client, PLANT),
@@ -48,8 +67,8 @@ public:
           binding_(client),
           tank_(client, binding_),
           clock_(client) {
-        set(links_, {tank_.entity().link(), pump_.link(), valve_.link()});
-        set(communication_, {ComState::CONNECTION_LOST, conv::UnixTime()});
+        links_.value = {tank_.link(), pump_.link(), valve_.link()};
+        communication_.value = {ComState::CONNECTION_LOST, conv::UnixTime()};
         communication_.setCurrentValueAsWill();
         client_.registerListener(this);
         printLine("the clock was started at " + std::to_string(clock_.start()));
@@ -58,11 +77,6 @@ public:
     Plant(Plant const&) = delete;
     Plant& operator=(Plant const&) = delete;
 
-    MqttClient::Error serve() {
-        auto const result = binding_.serve();
-        return result == MqttClient::Error::SUCCESS ? tank_.serve() : result;
-    }
-
     /// Publishes everything with every connection: the will may have replaced the status, and a
     /// restarted broker may have lost all values. The communication status comes last: a reader
     /// that sees the plant connected finds the rest.
@@ -70,18 +84,16 @@ public:
         printLine(textOf(state));
         if (state == ComState::CONNECTED) {
             links_.publish();
-            tank_.entity().publish();
+            tank_.publish();
             pump_.publish();
             valve_.publish();
-            set(communication_, {state, now()});
-            communication_.publish();
+            communication_.publish({state, now()});
         }
     }
 
     void publishDisconnected() {
         tank_.close();
-        set(communication_, {ComState::DISCONNECTED, now()});
-        communication_.publishWait();
+        communication_.publishWait({ComState::DISCONNECTED, now()});
     }
 
 private:
@@ -101,29 +113,15 @@ void waitForEndOf(std::istream& input) {
 
 } // namespace
 
-int main(int argc, char* argv[]) try {
+int main(int argc, char* argv[]) {
     auto const broker = brokerFrom(argc, argv, "device");
 
     MqttClient client(PLANT_ID, false, "device", broker.host, broker.port, false, broker.options);
     Plant plant(client);
-
-    // The services start before the plant reports that it is connected.
-    auto result = plant.serve();
-    if (result == MqttClient::Error::SUCCESS) {
-        result = client.connect("", -1, MqttClient::COMMUNICATION_DELAY);
-    }
-    if (result != MqttClient::Error::SUCCESS) {
-        std::cerr << "cannot serve at " << broker.host << ':' << broker.port << ": " << result
-                  << '\n'
-                  << client.lastFailure() << '\n';
+    if (!connect(client)) {
         return 1;
     }
-
     waitForEndOf(std::cin);
     plant.publishDisconnected();
     client.disconnect(MqttClient::COMMUNICATION_DELAY);
-    return 0;
-} catch (std::exception const& error) {
-    std::cerr << error.what() << '\n';
-    return 1;
 }

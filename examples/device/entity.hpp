@@ -1,37 +1,29 @@
 #pragma once
 
-// What a device publishes about itself: links to its entities, and the identification and status of
-// each. All of it is retained: the broker sends it to readers that subscribe later.
+// What a device publishes about an entity. All of it is retained: the broker sends it to readers
+// that subscribe later.
 
 #include "plant.hpp"
 
-#include <mqtt/client.hpp>
 #include <mqtt/link.hpp>
 #include <mqtt/payloads.hpp>
 
 #include <string>
 
-/// The mutex of an endpoint guards its value.
-template <class T>
-void set(mqtt::MqttData<T>& endpoint, T const& value) {
-    mqtt::MqttDataBase::Lock const lock(endpoint.mutex());
-    endpoint.value = value;
-}
-
 /// One entity of the plant: two endpoints, on the levels "identification" and "status" below its
 /// topic.
 class Entity {
 public:
+    /// Sets the values and publishes nothing. They need no lock as long as no other thread has
+    /// them.
     Entity(mqtt::MqttClient& client, Uuid const& id, std::string const& name)
         : link_{topicOf(id).text()},
           identification_(client, topicOf(id)),
           status_(client, topicOf(id)) {
-        conv::Identification self;
-        self.uuid = id.to_string();
-        self.manufacturer = "Pumps & Sons";
-        self.name = name;
-        set(identification_, self);
-        set(status_, {OPERATING, HEALTHY});
+        identification_.value.uuid = id.to_string();
+        identification_.value.manufacturer = "Pumps & Sons";
+        identification_.value.name = name;
+        status_.value = WORKING;
     }
 
     void publish() {
@@ -39,10 +31,7 @@ public:
         status_.publish();
     }
 
-    void report(std::uint8_t operating, std::uint8_t health) {
-        set(status_, {operating, health});
-        status_.publish();
-    }
+    void report(conv::ServiceStatus const& status) { status_.publish(status); }
 
     /// The topic by which others find the entity.
     mqtt::Link const& link() const { return link_; }

@@ -2,97 +2,69 @@
 
 // Observes the status of the plant and its entities, and the panel's own connection.
 
-#include "console.hpp"
 #include "plant.hpp"
+#include "program.hpp"
 
 #include <mqtt/client.hpp>
 #include <mqtt/payloads.hpp>
 
+#include <chrono>
 #include <condition_variable>
 #include <mutex>
 #include <string>
 
-/// Prints the status of an entity. Values arrive on the client's worker thread, each as a copy; a
-/// retained value arrives right after the subscription.
-class EntityObserver final : private mqtt::MqttData<conv::ServiceStatus>::Subscriber {
-public:
-    EntityObserver(mqtt::MqttClient& client, std::string const& topic, std::string const& name)
-        : name_(name), status_(client, topic) {
-        status_.subscribe(this, 0);
-    }
-
-private:
-    /// `empty`: the value was erased from the broker.
-    void onMqttData(conv::ServiceStatus const& status, bool empty, int /*id*/) override {
-        if (empty) {
-            return;
+/// Prints the status of an entity, as long as the result exists. Values arrive on the client's
+/// worker thread; a retained value arrives right after the subscription. `empty`: the value was
+/// erased from the broker.
+inline mqtt::Subscription<conv::ServiceStatus>
+observeEntity(mqtt::MqttClient& client, std::string const& topic, std::string const& name) {
+    mqtt::MqttData<conv::ServiceStatus> status(client, topic);
+    return status.subscribe([name](conv::ServiceStatus const& now, bool empty) {
+        if (!empty) {
+            printLine("the " + name + (now.operating == CLOSED.operating ? " is closed" : " works")
+                      + (now.health == RUNNING_LOW.health ? ", but is running low" : ""));
         }
-        std::string const health = status.health == RUNNING_LOW ? ", but is running low" : "";
-        printLine("the " + name_ + (status.operating == OPERATING ? " works" : " is closed")
-                  + health);
-    }
+    });
+}
 
-    std::string const name_;
-    // Declared last and so destroyed first: its destructor waits for a value being handled.
-    mqtt::MqttData<conv::ServiceStatus> status_;
-};
+/// Waits until the plant is connected, or is not, and prints its states meanwhile. The state is
+/// retained: a wait that begins later sees the last one.
+inline void waitForPlant(mqtt::MqttClient& client, bool connected) {
+    auto const isAwaited = [&](conv::CommunicationStatus const& now) {
+        printLine("the plant: " + textOf(now.state));
+        return (now.state == conv::ComState::CONNECTED) == connected;
+    };
+    mqtt::MqttData<conv::CommunicationStatus> communication(client, PLANT);
+    conv::CommunicationStatus status;
+    communication.waitFor(status, isAwaited, std::chrono::seconds::max());
+}
 
-/// Prints every change of the plant's connection and of the panel's, and can wait for a change.
-class PlantObserver final : private mqtt::MqttClient::Listener,
-                            private mqtt::MqttData<conv::CommunicationStatus>::Subscriber {
+/// Prints every change of the panel's connection. When it is lost, the last values of the plant may
+/// be out of date.
+class ConnectionObserver final : private mqtt::MqttClient::Listener {
 public:
-    explicit PlantObserver(mqtt::MqttClient& client)
-        : client_(client), communication_(client, PLANT) {
+    explicit ConnectionObserver(mqtt::MqttClient& client) : client_(client) {
         client_.registerListener(this);
-        communication_.subscribe(this, 0);
     }
-    ~PlantObserver() { client_.unregisterListener(this); }
-    PlantObserver(PlantObserver const&) = delete;
-    PlantObserver& operator=(PlantObserver const&) = delete;
+    ~ConnectionObserver() { client_.unregisterListener(this); }
+    ConnectionObserver(ConnectionObserver const&) = delete;
+    ConnectionObserver& operator=(ConnectionObserver const&) = delete;
 
-    void waitUntilConnected() {
+    void waitUntilLost() {
         std::unique_lock<std::mutex> lock(mutex_);
-        changed_.wait(lock, [this] { return plant_ == ComState::CONNECTED; });
-    }
-    void waitUntilGone() {
-        std::unique_lock<std::mutex> lock(mutex_);
-        changed_.wait(lock, [this] {
-            return plant_ == ComState::DISCONNECTED || plant_ == ComState::CONNECTION_LOST;
-        });
-    }
-    void waitUntilBrokerLost() {
-        std::unique_lock<std::mutex> lock(mutex_);
-        changed_.wait(lock, [this] { return brokerLost_; });
+        changed_.wait(lock, [this] { return isLost_; });
     }
 
 private:
-    using ComState = conv::ComState;
-
-    /// After a loss of the broker the last state of the plant is no longer known.
-    void onComStateChanged(ComState state) override {
+    void onComStateChanged(conv::ComState state) override {
         printLine(textOf(state));
-        if (state == ComState::CONNECTION_LOST) {
-            std::lock_guard<std::mutex> const lock(mutex_);
-            brokerLost_ = true;
-            plant_ = ComState::UNKNOWN;
-            changed_.notify_all();
-        }
-    }
-
-    void onMqttData(conv::CommunicationStatus const& status, bool empty, int /*id*/) override {
-        if (empty) {
-            return;
-        }
-        printLine("the plant: " + textOf(status.state));
         std::lock_guard<std::mutex> const lock(mutex_);
-        plant_ = status.state;
+        isLost_ = isLost_ || state == conv::ComState::CONNECTION_LOST;
         changed_.notify_all();
     }
 
     std::mutex mutex_;
     std::condition_variable changed_;
-    ComState plant_ = ComState::UNKNOWN;
-    bool brokerLost_ = false;
+    bool isLost_ = false;
     mqtt::MqttClient& client_;
-    mqtt::MqttData<conv::CommunicationStatus> communication_;
 };

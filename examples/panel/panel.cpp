@@ -7,28 +7,27 @@
 //
 // Usage: panel [HOST [PORT]]
 
-#include "broker_address.hpp"
-#include "cleaning.hpp"
-#include "console.hpp"
 #include "observers.hpp"
 #include "plant.hpp"
+#include "program.hpp"
+#include "retained.hpp"
 #include "tank_user.hpp"
-#include "verification.hpp"
 
 #include <mqtt/binder_proxy.hpp>
 #include <mqtt/client.hpp>
 #include <mqtt/service_discoverer.hpp>
 #include <mqtt/time_base.hpp>
 
-#include <deque>
 #include <exception>
 #include <iostream>
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 using mqtt::MqttClient;
 using BinderError = zym::common::Binder::Error;
+using Observers = std::vector<mqtt::Subscription<conv::ServiceStatus>>;
 
 namespace {
 
@@ -43,17 +42,19 @@ void require(bool fulfilled, char const* what) {
 }
 
 /// Reads the links of the plant, then the identification of each entity, and observes all entities.
-void discover(MqttClient& client, std::deque<EntityObserver>& observers) {
+Observers discover(MqttClient& client) {
     mqtt::ServiceDiscovererMqtt discoverer(client, PLANT);
     require(discoverer.discoverSync(5, true), "the plant does not say what it consists of");
 
+    Observers observers;
     auto const links = discoverer.links();
     auto const entities = discoverer.entities(); // one for each link, in the same order
     for (std::size_t i = 0; i < links.size(); ++i) {
         printLine("found the " + entities[i].name + " by " + entities[i].manufacturer + " at "
                   + links[i].id);
-        observers.emplace_back(client, links[i].id, entities[i].name);
+        observers.push_back(observeEntity(client, links[i].id, entities[i].name));
     }
+    return observers;
 }
 
 /// A binding is complete when the server has agreed and its time is known.
@@ -85,23 +86,17 @@ int main(int argc, char* argv[]) try {
 
     // Declared first and so destroyed last: the others use it.
     MqttClient client(PANEL_ID, false, "panel", broker.host, broker.port, false, broker.options);
-    PlantObserver plant(client);
-    std::deque<EntityObserver> entities;
+    ConnectionObserver connection(client);
     mqtt::BinderMqttProxy binder(client, PLANT, mqtt::Topic(), PANEL_ID, PANEL, nullptr);
     TankUser tank(client);
-
-    auto const result = client.connect("", -1, MqttClient::COMMUNICATION_DELAY);
-    if (result != MqttClient::Error::SUCCESS) {
-        std::cerr << "cannot watch at " << broker.host << ':' << broker.port << ": " << result
-                  << '\n'
-                  << client.lastFailure() << '\n';
+    if (!connect(client)) {
         return 1;
     }
 
-    plant.waitUntilConnected();
-    Verification verification(client, broker);
-    verification.verifyLinks();
-    discover(client, entities);
+    waitForPlant(client, true);
+    RetainedValues retained(broker);
+    retained.verifyLinks(client);
+    auto const observers = discover(client);
 
     tank.draw(60); // not bound yet
     bind(binder);
@@ -112,16 +107,16 @@ int main(int argc, char* argv[]) try {
     tank.drawAndCancel();
 
     printLine("now restart the broker");
-    plant.waitUntilBrokerLost();
-    plant.waitUntilConnected();
+    connection.waitUntilLost();
+    waitForPlant(client, true);
     tank.draw(10); // the device has kept the binding and the water
     unbind(binder);
     tank.draw(10);
 
     printLine("now stop the device");
-    plant.waitUntilGone();
-    cleanUp(broker);
-    verification.verifyNothingRetained();
+    waitForPlant(client, false);
+    retained.erase();
+    retained.verifyErased();
     client.disconnect(MqttClient::COMMUNICATION_DELAY);
     return 0;
 } catch (std::exception const& error) {

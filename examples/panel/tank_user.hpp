@@ -1,89 +1,72 @@
 #pragma once
 
-// Uses a service: requests that are answered, refused, never answered, and cancelled.
+// Uses a service: calls that are answered, refused, never answered, and cancelled.
 
-#include "console.hpp"
 #include "plant.hpp"
+#include "program.hpp"
 
-#include <mqtt/client.hpp>
-#include <mqtt/request_reply.hpp>
+#include <mqtt/service.hpp>
 
-#include <memory>
+#include <chrono>
+#include <map>
 #include <string>
 
-inline Uuid const ABSENT_SERVER_ID(99);
+inline mqtt::ServerId const ABSENT_SERVER(Uuid(99));
 
 inline std::string describe(ErrorCode code) {
-    std::string const number = "code " + std::to_string(static_cast<int>(code));
-    if (code == NOT_ENOUGH) {
-        return "refused with " + number + ", not enough";
-    }
-    if (code == NOT_BOUND) {
-        return "refused with " + number + ", not bound";
-    }
-    switch (code) {
-    case ErrorCode::SUCCESS:
-        return "done";
-    case ErrorCode::TIMEOUT:
-        return "no answer in time";
-    case ErrorCode::PENDING:
-        return "sent";
-    case ErrorCode::BUSY:
-        return "busy with another request";
-    case ErrorCode::CANCELLED:
-        return "called off";
-    default:
-        return "ended with " + number;
-    }
+    static std::map<ErrorCode, std::string> const texts{
+        {ErrorCode::SUCCESS, "done"},
+        {ErrorCode::TIMEOUT, "no answer in time"},
+        {ErrorCode::PENDING, "sent"},
+        {ErrorCode::BUSY, "busy with another request"},
+        {ErrorCode::CANCELLED, "called off"},
+        {ErrorCode(DrawError::NOT_ENOUGH), "refused with code 17, not enough"},
+        {ErrorCode(DrawError::NOT_BOUND), "refused with code 18, not bound"}};
+    auto const found = texts.find(code);
+    return found == texts.end() ? "ended with code " + std::to_string(static_cast<int>(code))
+                                : found->second;
 }
 
-/// Prints how a request ended that no thread waits for.
-class RequestEndPrinter final : public mqtt::RequestReplyClient::Listener {
-public:
-    void onReply(unsigned int /*requestId*/, std::string const& /*name*/, Uuid const& /*client*/,
-                 Uuid const& /*server*/, mqtt::RequestReplyData const& /*data*/,
-                 ErrorCode error) override {
-        printLine("the request has ended: " + describe(error));
-    }
-};
-
-/// Draws water from the tank. A client has one request under way at a time.
+/// Draws water from the tank. A caller has one call under way at a time.
 class TankUser {
 public:
-    explicit TankUser(mqtt::MqttClient& client) : draw_(client, PLANT, mqtt::Topic(), DRAW) {}
+    explicit TankUser(mqtt::MqttClient& client)
+        : level_(client, topicOf(TANK_ID)),
+          tank_(client, DRAW, mqtt::ClientId(PANEL_ID), mqtt::ServerId(TANK_ID)),
+          nobody_(client, DRAW, mqtt::ClientId(PANEL_ID), ABSENT_SERVER) {}
 
-    /// Waits for the reply. It is read into `left`, also when the code is an error.
+    /// Waits for the reply. One that refuses has no value: then the level is read from the broker,
+    /// which retains it.
     void draw(unsigned int litres) {
-        auto const wanted = std::make_shared<Litres>(litres);
-        auto const left = std::make_shared<Litres>();
-        auto const code = draw_.requestWait(PANEL_ID, TANK_ID, wanted, left, 5);
-        bool const answered = code == ErrorCode::SUCCESS || code >= ErrorCode::APPLICATION;
-        std::string const answer = ", " + std::to_string(left->count()) + " litres left";
-        printLine("draw " + std::to_string(litres) + " litres: " + describe(code)
-                  + (answered ? answer : ""));
+        auto const reply = tank_.callWait({litres}, std::chrono::seconds(5));
+        Litres left = reply ? *reply : Litres();
+        if (!reply) {
+            level_.waitForNext(left, std::chrono::seconds(5));
+        }
+        printLine("draw " + std::to_string(litres) + " litres: " + describe(reply.code()) + ", "
+                  + std::to_string(left.litres) + " litres left");
     }
 
-    /// Without a server nothing answers: the request ends with its time-out, here one second.
+    /// Without a server nothing answers: the call ends with its time-out, here one second.
     void drawFromAbsentServer() {
-        auto const wanted = std::make_shared<Litres>(5);
-        auto const code = draw_.requestWait(PANEL_ID, ABSENT_SERVER_ID, wanted, nullptr, 1);
-        printLine("draw 5 litres from nobody: " + describe(code));
+        auto const reply = nobody_.callWait({5}, std::chrono::seconds(1));
+        printLine("draw 5 litres from nobody: " + describe(reply.code()));
     }
 
-    /// Does not wait: a listener is called at the end. A second request is refused at once.
+    /// Does not wait: a function is called at the end. A second call is refused at once.
     void drawAndCancel() {
-        RequestEndPrinter ending;
-        auto const wanted = std::make_shared<Litres>(5);
-        auto const noTimeout = conv::SecondsDuration::NO_TIMEOUT;
         for (auto const* attempt : {"first", "second"}) {
-            auto const code = draw_.request(&ending, PANEL_ID, ABSENT_SERVER_ID, wanted, nullptr,
-                                            nullptr, noTimeout);
+            auto const code = nobody_.call({5}, std::chrono::seconds::max(), [](auto const& reply) {
+                printLine("the request has ended: " + describe(reply.code()));
+            });
             printLine(std::string("draw 5 litres from nobody, ") + attempt
                       + " request: " + describe(code));
         }
-        draw_.cancel(); // the listener has been called when this returns
+        nobody_.cancel(); // the function has been called when this returns
     }
 
 private:
-    mqtt::RequestReplyClient draw_;
+    mqtt::MqttData<Litres> level_;
+    mqtt::Caller<Litres, Litres> tank_;
+    mqtt::Caller<Litres, Litres> nobody_;
 };

@@ -4,16 +4,10 @@
 
 #include <iostream>
 
-namespace {
-
-#include "first-steps/4.inc"
-
-} // namespace
-
 int main() {
 #include "first-steps/1.inc"
 #include "first-steps/2.inc"
 #include "first-steps/3.inc"
-    StatusWatch const watch(client, tank);
+#include "first-steps/4.inc"
     std::cout << result << '\n';
 }
