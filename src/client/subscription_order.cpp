@@ -14,8 +14,9 @@ void SubscriptionOrder::connectionAccepted() noexcept {
 
 void SubscriptionOrder::subscribed(Topic const& topic) noexcept {
     ++sent_;
+    auto const hash = hashOf(topic);
     for (auto& unsubscription : unsubscriptions_) {
-        if (unsubscription.mid != 0 && unsubscription.topic == topic) {
+        if (unsubscription.mid != 0 && unsubscription.topic == hash) {
             unsubscription.subscription = sent_;
         }
     }
@@ -24,26 +25,20 @@ void SubscriptionOrder::subscribed(Topic const& topic) noexcept {
 void SubscriptionOrder::unsubscribed(Topic const& topic, int mid) noexcept {
     auto& unsubscription = unsubscriptions_[next_];
     next_ = (next_ + 1) % unsubscriptions_.size();
-    unsubscription.mid = 0;
-    unsubscription.subscription = 0;
-    try {
-        unsubscription.topic = topic;
-        unsubscription.mid = mid;
-    } catch (...) {
-        // No memory: the order is not examined this time.
-    }
+    unsubscription = {mid, 0, hashOf(topic)};
 }
 
-Topic const* SubscriptionOrder::unsubscriptionAcknowledged(int mid) noexcept {
+std::optional<SubscriptionOrder::Hash>
+SubscriptionOrder::unsubscriptionAcknowledged(int mid) noexcept {
     auto const found =
         std::find_if(unsubscriptions_.begin(), unsubscriptions_.end(),
                      [mid](auto const& unsubscription) { return unsubscription.mid == mid; });
     if (found == unsubscriptions_.end()) {
-        return nullptr;
+        return std::nullopt;
     }
     found->mid = 0;
     bool const isTooEarly = found->subscription != 0 && found->subscription <= acknowledged_;
-    return isTooEarly ? &found->topic : nullptr;
+    return isTooEarly ? std::make_optional(found->topic) : std::nullopt;
 }
 
 } // namespace mqtt

@@ -5,6 +5,9 @@
 #include <array>
 #include <atomic>
 #include <cstddef>
+#include <functional>
+#include <optional>
+#include <string>
 
 namespace mqtt {
 
@@ -15,23 +18,30 @@ namespace mqtt {
 /// it is; the callback `on_subscribe` would, but an override would change the class's virtual
 /// table. So they are counted, which is right for a broker that keeps the order among them.
 ///
+/// Nothing here needs memory, because unsubscribing needs none: so topics are known by their hash.
+///
 /// The client's main lock guards all of it, except for `subscriptionAcknowledged`.
 class SubscriptionOrder {
 public:
+    using Hash = std::size_t;
+    static Hash hashOf(Topic const& topic) noexcept {
+        return std::hash<std::string>()(topic.text());
+    }
+
     /// Worker: what was sent over an earlier connection is not acknowledged any more.
     void connectionAccepted() noexcept;
     void subscribed(Topic const& topic) noexcept;
     void unsubscribed(Topic const& topic, int mid) noexcept;
     /// Worker. Takes no lock: the broker library holds one that it takes in every operation.
     void subscriptionAcknowledged() noexcept { ++acknowledged_; }
-    /// @return the topic whose subscription has been acknowledged too early; null if there is none
-    Topic const* unsubscriptionAcknowledged(int mid) noexcept;
+    /// @return the hash of the topic whose subscription has been acknowledged too early
+    std::optional<Hash> unsubscriptionAcknowledged(int mid) noexcept;
 
 private:
     struct Unsubscription {
         int mid = 0;                  ///< 0: acknowledged
         std::size_t subscription = 0; ///< the number of the later SUBSCRIBE; 0: there is none
-        Topic topic;                  ///< kept for its memory
+        Hash topic = 0;
     };
 
     /// Those sent last. An older one without acknowledgement is not examined.

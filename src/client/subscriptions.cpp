@@ -84,9 +84,14 @@ void Subscriptions::deliver(Topic const& topic, std::string_view payload,
 
 void Subscriptions::unsubscriptionAcknowledged(int mid) {
     auto const held = lock();
-    auto const* const topic = order_.unsubscriptionAcknowledged(mid);
-    if (topic != nullptr && registry_.count(*topic) != 0) {
-        subscribe(*topic);
+    auto const hash = order_.unsubscriptionAcknowledged(mid);
+    if (!hash) {
+        return;
+    }
+    for (auto const& entry : registry_) {
+        if (SubscriptionOrder::hashOf(entry.first) == *hash) {
+            subscribe(entry.first);
+        }
     }
 }
 
