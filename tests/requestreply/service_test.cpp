@@ -184,7 +184,7 @@ TEST_F(AService, WhoseFunctionThrowsSendsNoReplyAndLogsIt) {
     }
     EXPECT_THAT(replies(), testing::SizeIs(1)) << "to the last one";
     EXPECT_THAT(log.copy(),
-                ElementsAre(EndsWith("tank/draw?\\?/AAAAAAAAAAAAAAAAAAAAAQ has thrown: a reason"),
+                ElementsAre(EndsWith("tank/draw?\?/AAAAAAAAAAAAAAAAAAAAAQ has thrown: a reason"),
                             EndsWith(" than std::exception"),
                             EndsWith(" has thrown: The errors of a service begin at 16")));
 }
