@@ -17,9 +17,9 @@ enum class LogLevel : std::uint8_t {
 };
 
 /// Gets one line for each event: text without a line end. It begins with the MQTT identifier of the
-/// client or the name of a service; what a listener of a request or a service has thrown begins
-/// with what kind of listener that was. A line never contains a password, a key or a payload,
-/// unless an exception of the application has it in its text.
+/// client; what a listener of a request or a service has thrown begins with what kind of listener
+/// that was. A line never contains a password, a key or a payload, unless an exception of the
+/// application has it in its text.
 ///
 /// Called on any thread, also on several at a time, with locks of the client held: it must not call
 /// this library, nor wait for a thread that does. What it throws is dropped.

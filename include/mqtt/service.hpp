@@ -16,7 +16,8 @@
 
 // Services from functions: a server is a function from a request to a reply or an error, and a call
 // has the reply or the error as its result. On the broker they are the same as services made with
-// `RequestReplyServer` and `RequestReplyClient`. docs/guides/request-reply.md has both sides of one.
+// `RequestReplyServer` and `RequestReplyClient`. docs/guides/request-reply.md has both sides of
+// one.
 
 namespace mqtt {
 
@@ -128,9 +129,6 @@ struct Service {
 /// without limit.
 ZYM_MQTT_EXPORT conv::SecondsDuration timeoutOf(std::chrono::seconds timeout);
 
-/// Writes to the log that the function of a service has thrown; for `Server`.
-ZYM_MQTT_EXPORT void logFailureOf(std::string const& service, char const* what) noexcept;
-
 /// False for every type: for assertions about the types of arguments.
 template <class...>
 inline constexpr bool IS_ACCEPTED = false;
@@ -174,7 +172,7 @@ public:
     MqttClient::Error result() const { return result_; }
 
 private:
-    std::shared_ptr<RequestReplyData> onRequest(std::string const& name,
+    std::shared_ptr<RequestReplyData> onRequest(std::string const& /*name*/,
                                                 zym::common::Uuid const& /*clientUuid*/,
                                                 zym::common::Uuid const& /*serverUuid*/,
                                                 RequestReplyData const& data,
@@ -182,17 +180,9 @@ private:
         // Kept, because the function may destroy this object. The data is what `subscribe` got.
         auto const function = function_;
         auto const& request = static_cast<Payload<Request> const&>(data).value;
-        try {
-            Result<Reply> result = (*function)(request);
-            error = result.code();
-            return result ? std::make_shared<Payload<Reply>>(std::move(result).value()) : nullptr;
-        } catch (std::exception const& exception) {
-            logFailureOf(name, exception.what());
-            throw;
-        } catch (...) {
-            logFailureOf(name, "no std::exception");
-            throw;
-        }
+        Result<Reply> result = (*function)(request);
+        error = result.code();
+        return result ? std::make_shared<Payload<Reply>>(std::move(result).value()) : nullptr;
     }
 
     std::shared_ptr<Function const> const function_;

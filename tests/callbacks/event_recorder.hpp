@@ -16,7 +16,7 @@
 /// A listener of every kind that records its calls as short texts: "message a/b", "value x",
 /// "state 2", "request", "reply 1", "synchronized", "bound 0", "unbound 0", "cleaned a/b",
 /// "all cleaned", "timer". Declare it before the clients.
-class EventRecorder final : public mqtt::test::Recording<std::string, std::string const&>,
+class EventRecorder final : public mqtt::test::CallRecorder<std::string>,
                             public mqtt::MqttClient::Subscriber,
                             public mqtt::MqttClient::Listener,
                             public mqtt::MqttData<mqtt::Link>::Subscriber,
@@ -28,7 +28,7 @@ class EventRecorder final : public mqtt::test::Recording<std::string, std::strin
 public:
     using Uuid = zym::common::Uuid;
 
-    void record(std::string const& event) { add(event, event); }
+    using CallRecorder::record;
     void record(std::string const& event, int code) { record(event + " " + std::to_string(code)); }
 
     std::size_t count(std::string const& event) const {

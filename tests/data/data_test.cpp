@@ -76,12 +76,10 @@ class LinkRecorder : public mqtt::test::Recording<std::string, Link const&>,
                      public MqttData<Link>::Subscriber {
 public:
     explicit LinkRecorder(Hook hook = {}) : Recording(std::move(hook)) {}
-    virtual ~LinkRecorder() = default;
 
     void onMqttData(Link const& link, bool empty, int id) override {
         add(link.id + (empty ? " empty " : " ") + std::to_string(id), link);
     }
-    std::vector<std::string> calls() const { return entries_.copy(); }
 };
 
 class ATypedEndpoint : public AClientOnAScript {

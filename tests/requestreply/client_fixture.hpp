@@ -5,7 +5,6 @@
 #include "mqtt/test/recorder.hpp"
 #include "mqtt/test/test_client.hpp"
 #include "requestreply/blocking_thread.hpp"
-#include "requestreply/call_recorder.hpp"
 #include "requestreply/sample_data.hpp"
 
 #include <mqtt/request_reply.hpp>
@@ -46,7 +45,8 @@ struct ReplyCall {
     std::thread::id thread;
 };
 
-class ReplyRecorder : public mqtt::RequestReplyClient::Listener, public CallRecorder<ReplyCall> {
+class ReplyRecorder : public mqtt::RequestReplyClient::Listener,
+                      public mqtt::test::CallRecorder<ReplyCall> {
 public:
     using CallRecorder::CallRecorder;
 

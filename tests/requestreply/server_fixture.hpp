@@ -19,7 +19,8 @@ struct RequestCall {
     Code error; ///< before the listener changes it
 };
 
-class ServerListener : public mqtt::RequestReplyServer::Listener, public CallRecorder<RequestCall> {
+class ServerListener : public mqtt::RequestReplyServer::Listener,
+                       public mqtt::test::CallRecorder<RequestCall> {
 public:
     using Data = std::shared_ptr<mqtt::RequestReplyData>;
     using Answer = std::function<Data(mqtt::RequestReplyData const&, Code&)>;

@@ -25,7 +25,7 @@ inline BindingEvent unbound(BinderError error) {
 }
 
 class BindingRecorder final : public zym::common::BinderProxy::Listener,
-                              public CallRecorder<BindingEvent> {
+                              public mqtt::test::CallRecorder<BindingEvent> {
 public:
     std::thread::id lastThread() const { return lastThread_.copy(); }
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "requestreply/call_recorder.hpp"
+#include "mqtt/test/recorder.hpp"
 
 #include <mqtt/topic_cleaner.hpp>
 
@@ -16,7 +16,8 @@ constexpr std::chrono::milliseconds LONG_DURATION{3600000};
 inline std::string const ALL = "all";
 
 /// A listener that keeps its calls: the topics, and `ALL`.
-class CleanerRecorder : public mqtt::TopicCleaner::Listener, public CallRecorder<std::string> {
+class CleanerRecorder : public mqtt::TopicCleaner::Listener,
+                        public mqtt::test::CallRecorder<std::string> {
 public:
     void onTopicCleaned(mqtt::Topic const& topic) override { record(topic.text()); }
     void onAllTopicsCleaned() override { record(ALL); }

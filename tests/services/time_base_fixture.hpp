@@ -18,7 +18,8 @@
 using mqtt::test::ClockedProxy;
 
 /// A listener that keeps the threads that call it.
-class TimeListener : public ClockedProxy::Listener, public CallRecorder<std::thread::id> {
+class TimeListener : public ClockedProxy::Listener,
+                     public mqtt::test::CallRecorder<std::thread::id> {
 public:
     using CallRecorder::CallRecorder;
 

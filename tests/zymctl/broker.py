@@ -40,6 +40,7 @@ class Broker:
         self.folder = tempfile.mkdtemp()
         self.lines = lines
         self.port = None
+        self.seen = 0  # of the log
         self.start()
 
     def start(self):
@@ -86,7 +87,8 @@ class Zymctl:
     def __init__(self, *arguments, port=None, terminal=False, **variables):
         environment = {name: value for name, value in os.environ.items()
                        if not name.startswith("ZYMCTL_") and name != "NO_COLOR"}
-        environment.update({"ZYMCTL_HOST": "127.0.0.1", "ZYMCTL_PORT": str(port or 1), **variables})
+        environment.update({"ZYMCTL_HOST": "127.0.0.1", "ZYMCTL_PORT": str(port or 1),
+                            "ZYMCTL_TIMEOUT": str(LIMIT), **variables})
         self.terminal = terminal
         self.text = b""
         self.code = None

@@ -72,7 +72,7 @@ COMMANDS = [
     (["check", "collection", "plant", "31", "32", "--timeout", "1"], FAILED, "does not link", {"passed": False}),
     (["check", "link", "plant", ENTITY], DONE, "- SUCCESS", {"check": "link", "passed": True}),
     (["check", "clean", "plant/#"], FAILED, "- FAILURE", {"check": "clean", "passed": False}),
-    (["doctor", "--timeout", "10"], DONE, r"(?s)Connected to .*, without TLS.*does not speak TLS.*QoS 2 arrive"
+    (["doctor"], DONE, r"(?s)Connected to .*, without TLS.*does not speak TLS.*QoS 2 arrive"
      r".*\+ and # work.*16777216 bytes.*Discovery of entities: works", {
          "connect": True, "tls": False, "qos": {"0": True, "1": True, "2": True}, "retained": True,
          "wildcards": {"plus": True, "hash": True}, "maxPayload": 1 << 24, "unsubscribeOrder": True,
@@ -150,7 +150,7 @@ class AnInterruption(WithBroker):
     ]
 
     def interrupted(self, arguments, waits, terminal, *more):
-        run = self.start(*arguments, "--timeout", "60", *more, terminal=terminal)
+        run = self.start(*arguments, *more, terminal=terminal)
         wait_until(lambda: (run.read() or True) and (re.search(waits, run.everything())
                                                      or re.search(waits, self.broker.new_log())), waits)
         run.interrupt()
@@ -192,7 +192,7 @@ class Device:
         port = str(test.broker.port)
         self.process = subprocess.Popen([os.environ["DEVICE"], "127.0.0.1", port], stdin=subprocess.PIPE,
                                         stdout=subprocess.DEVNULL)
-        test.run_zymctl("get", "demo/plant", "--timeout", "60")
+        test.run_zymctl("get", "demo/plant")
         wait_until(lambda: zymctl("get", "demo/plant/communication", port=port).text, "the device")
 
     def kill(self):

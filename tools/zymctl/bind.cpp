@@ -3,33 +3,26 @@
 
 #include <mqtt/binder_proxy.hpp>
 
+#include <algorithm>
+#include <iterator>
+
 namespace {
 
 using Error = zym::common::Binder::Error;
 
-/// Waits for the end of the binding.
-class Binding final : public zym::common::BinderProxy::Listener {
+/// Tells how the binding has ended.
+class Binding final : public zym::common::BinderProxy::Listener, public Awaited<Error> {
 public:
-    explicit Binding(Interruption& interruption) : interruption_(interruption) {}
-
-    bool wait(Clock::time_point deadline) {
-        return interruption_.wait(deadline, [this] { return ended_; });
-    }
-    Error error() const { return error_; }
+    using Awaited::Awaited;
 
 private:
-    void onBound(Error error) override {
-        interruption_.change([&] {
-            error_ = error;
-            ended_ = true;
-        });
-    }
+    void onBound(Error error) override { give(error); }
     void onUnbound(Error /*error*/) override {}
-
-    Interruption& interruption_;
-    Error error_ = Error::CANCELLED;
-    bool ended_ = false;
 };
+
+bool isBound(Error error) {
+    return error == Error::SUCCESS || error == Error::ALREADY_BOUND;
+}
 
 std::string nameOf(Error error) {
     constexpr char const* NAMES[] = {"bound",
@@ -64,31 +57,20 @@ class Bind final : public Command {
         Binding binding(context.interruption);
         mqtt::BinderMqttProxy proxy(connection.client, base_, subPath_, client, bound_, &binding);
         proxy.bind(server, context.settings.timeout);
-        bool const ended = binding.wait(context.settings.deadline() + std::chrono::seconds(5));
-        bool const bound =
-            ended && (binding.error() == Error::SUCCESS || binding.error() == Error::ALREADY_BOUND);
-        if (!bound) {
-            bool const interrupted = context.interruption.requested();
-            report(context.console,
-                   ended         ? binding.error()
-                   : interrupted ? Error::CANCELLED
-                                 : Error::NOT_SYNCHRONIZED,
-                   0);
+        auto const& ended = binding.wait(context.settings.deadline() + std::chrono::seconds(5));
+        bool const interrupted = context.interruption.requested();
+        auto const error = ended ? *ended : interrupted ? Error::CANCELLED : Error::TIMEOUT;
+        report(context.console, error, proxy.timeBase());
+        if (!isBound(error)) {
             proxy.unbindSync(interrupted ? 1 : context.settings.timeout);
-            return exitCode(context, ended, binding.error());
+            return interrupted               ? ExitCode::INTERRUPTED
+                   : error == Error::TIMEOUT ? ExitCode::NO_ANSWER
+                                             : ExitCode::FAILED;
         }
-        report(context.console, binding.error(), proxy.timeBase());
         hold(context, proxy);
         auto const left = proxy.unbindSync(context.settings.timeout);
         context.console.note(left == Error::SUCCESS ? "not bound any more" : nameOf(left));
         return left == Error::SUCCESS ? ExitCode::DONE : ExitCode::FAILED;
-    }
-
-    static ExitCode exitCode(Context& context, bool ended, Error error) {
-        if (context.interruption.requested()) {
-            return ExitCode::INTERRUPTED;
-        }
-        return !ended || error == Error::TIMEOUT ? ExitCode::NO_ANSWER : ExitCode::FAILED;
     }
 
     void hold(Context& context, mqtt::BinderMqttProxy const& proxy) const {
@@ -102,7 +84,7 @@ class Bind final : public Command {
     }
 
     static void report(Console& console, Error error, unsigned time) {
-        bool const bound = error == Error::SUCCESS || error == Error::ALREADY_BOUND;
+        bool const bound = isBound(error);
         console.print(console.json()
                           ? JsonLine()
                                 .boolean("bound", bound)

@@ -42,21 +42,13 @@ private:
     TopicReader const reader_;
 };
 
-class EndOfCleaning final : public mqtt::TopicCleaner::Listener {
+class EndOfCleaning final : public mqtt::TopicCleaner::Listener, public Awaited<bool> {
 public:
-    explicit EndOfCleaning(Interruption& interruption) : interruption_(interruption) {}
-    bool wait() {
-        return interruption_.wait(Clock::time_point::max(), [this] { return done_; });
-    }
+    using Awaited::Awaited;
 
 private:
     void onTopicCleaned(mqtt::Topic const& /*topic*/) override {}
-    void onAllTopicsCleaned() override {
-        interruption_.change([this] { done_ = true; });
-    }
-
-    Interruption& interruption_;
-    bool done_ = false;
+    void onAllTopicsCleaned() override { give(true); }
 };
 
 class Clean final : public Command {
@@ -73,7 +65,7 @@ class Clean final : public Command {
         mqtt::TopicCleaner cleaner(&end, randomIdentifier(), settings.address(),
                                    settings.portNumber(), settings.connectionOptions());
         cleaner.clean(pattern_, std::chrono::seconds(seconds_));
-        bool const ended = end.wait();
+        bool const ended = end.wait(Clock::time_point::max()).has_value();
         bool const clean = count.waitForRest(settings.deadline());
         cleaner.terminate();
         report(context.console, count.erased(), count.left());

@@ -10,6 +10,7 @@ Console::Console(Interruption& interruption)
     : interruption_(interruption),
       terminal_(isatty(STDOUT_FILENO) == 1),
       errorTerminal_(isatty(STDERR_FILENO) == 1),
+      // NOLINTNEXTLINE(concurrency-mt-unsafe): nothing changes the environment
       colours_(terminal_ && std::getenv("NO_COLOR") == nullptr) {}
 
 void Console::useJson() {
@@ -71,7 +72,7 @@ std::string timeText(double seconds, char const* format) {
     if (localtime_r(&whole, &parts) == nullptr) {
         return "?";
     }
-    return std::string(text, std::strftime(text, sizeof text, format, &parts));
+    return {text, std::strftime(text, sizeof text, format, &parts)};
 }
 
 } // namespace

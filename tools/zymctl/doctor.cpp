@@ -3,6 +3,8 @@
 #include "features.hpp"
 #include "probes.hpp"
 
+#include <exception>
+
 namespace {
 
 using Colour = Console::Colour;
@@ -129,7 +131,7 @@ class Doctor final : public Command {
 
     void examine(Context& context, Findings& findings) const {
         auto const stopped = [&] { return context.interruption.requested(); };
-        bool qos[3];
+        bool qos[3] = {};
         JsonLine qosObject;
         for (int level = 0; level < 3 && !stopped(); ++level) {
             context.console.progress("trying QoS " + std::to_string(level));

@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <exception>
+#include <iterator>
 #include <sstream>
 #include <vector>
 
@@ -120,7 +121,7 @@ std::string describeCall(std::string const& name, std::string const& payload) {
 } // namespace
 
 std::string printable(std::string const& payload) {
-    auto const line = isJsonObject(payload) ? onOneLine(payload) : payload;
+    auto line = isJsonObject(payload) ? onOneLine(payload) : payload;
     if (isUtf8(line, false)) {
         return line;
     }

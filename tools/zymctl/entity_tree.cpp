@@ -6,6 +6,7 @@
 #include <mqtt/payloads.hpp>
 
 #include <algorithm>
+#include <exception>
 
 using mqtt::Topic;
 

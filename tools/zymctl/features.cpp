@@ -38,17 +38,15 @@ bool publish(mqtt::MqttDataBase& endpoint) {
 bool valuesWork(Context& context, std::string const& base) {
     Connection writer(context);
     mqtt::MqttData<conv::ServiceStatus> status(writer.client, base);
-    bool arrived = false;
     if (!publish(status)) {
         return false;
     }
     Connection reader(context);
+    Awaited<bool> arrived(context.interruption);
     TopicReader const read(reader.client,
                            Topic(base) + mqtt::MqttData<conv::ServiceStatus>::TOPIC_SUFFIX,
-                           [&](Topic const&, std::string const&) {
-                               context.interruption.change([&] { arrived = true; });
-                           });
-    return context.interruption.wait(context.settings.deadline(), [&] { return arrived; });
+                           [&](Topic const&, std::string const&) { arrived.give(true); });
+    return arrived.wait(context.settings.deadline()).has_value();
 }
 
 bool discoveryWorks(Context& context, std::string const& base) {

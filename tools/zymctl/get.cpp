@@ -11,23 +11,17 @@ class Get final : public Command {
 
     ExitCode run(Context& context) override {
         Connection connection(context);
-        bool arrived = false;
-        std::string value;
-        TopicReader const reader(connection.client, topic_,
-                                 [&](mqtt::Topic const&, std::string const& payload) {
-                                     context.interruption.change([&] {
-                                         if (!arrived) {
-                                             value = payload;
-                                         }
-                                         arrived = true;
-                                     });
-                                 });
-        if (!context.interruption.wait(context.settings.deadline(), [&] { return arrived; })) {
+        Awaited<std::string> first(context.interruption);
+        TopicReader const reader(
+            connection.client, topic_,
+            [&](mqtt::Topic const&, std::string const& payload) { first.give(payload); });
+        auto const& value = first.wait(context.settings.deadline());
+        if (!value) {
             throw CommandFailed(context.interruption.requested() ? ExitCode::INTERRUPTED
                                                                  : ExitCode::NO_ANSWER,
                                 "no value of " + topic_ + " has arrived");
         }
-        print(context.console, value);
+        print(context.console, *value);
         return ExitCode::DONE;
     }
 

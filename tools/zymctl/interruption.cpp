@@ -8,7 +8,7 @@
 namespace {
 
 sigset_t endingSignals() {
-    sigset_t signals;
+    sigset_t signals{};
     sigemptyset(&signals);
     sigaddset(&signals, SIGINT);
     sigaddset(&signals, SIGTERM);
@@ -25,7 +25,7 @@ Interruption::Interruption() {
 
 Interruption::~Interruption() {
     change([this] { ending_ = true; });
-    pthread_kill(receiver_.native_handle(), SIGTERM);
+    pthread_kill(receiver_.native_handle(), SIGINT);
     receiver_.join();
 }
 

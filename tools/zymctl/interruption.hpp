@@ -4,6 +4,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
+#include <optional>
 #include <thread>
 
 using Clock = std::chrono::steady_clock;
@@ -60,4 +61,28 @@ private:
     bool requested_ = false;
     bool ending_ = false;
     std::thread receiver_;
+};
+
+/// A value that one thread waits for and another one gives. Only the first counts.
+template <class Value>
+class Awaited {
+public:
+    explicit Awaited(Interruption& interruption) : interruption_(interruption) {}
+
+    void give(Value const& value) {
+        interruption_.change([&] {
+            if (!value_) {
+                value_ = value;
+            }
+        });
+    }
+    /// @return empty: not in time, or interrupted
+    std::optional<Value> const& wait(Clock::time_point deadline) {
+        interruption_.wait(deadline, [this] { return value_.has_value(); });
+        return value_;
+    }
+
+private:
+    Interruption& interruption_;
+    std::optional<Value> value_;
 };

@@ -1,7 +1,6 @@
 #include "plain_client.hpp"
 
-#include <algorithm>
-#include <cstring>
+#include <cstddef>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
@@ -15,9 +14,7 @@ constexpr int STEP_MS = 20;
 std::string keyPassword;
 
 int giveKeyPassword(char* buffer, int size, int /*forWriting*/, void* /*unused*/) {
-    auto const length = std::min(keyPassword.size(), static_cast<std::size_t>(size));
-    std::memcpy(buffer, keyPassword.data(), length);
-    return static_cast<int>(length);
+    return static_cast<int>(keyPassword.copy(buffer, static_cast<std::size_t>(size)));
 }
 
 char const* orNull(std::string const& text) {

@@ -5,6 +5,8 @@
 #include <mqtt/request_reply.hpp>
 
 #include <atomic>
+#include <cstdint>
+#include <utility>
 
 namespace {
 

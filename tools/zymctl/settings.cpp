@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstdint>
 #include <cstdlib>
 #include <fstream>
 #include <random>
@@ -11,6 +12,13 @@
 
 using mqtt::MqttClient;
 using zym::common::Uuid;
+
+namespace {
+
+/// A broker that is not there is noticed at once, unless nothing answers.
+constexpr auto LEAST_TO_CONNECT = std::chrono::seconds(10);
+
+} // namespace
 
 void Settings::addTo(Arguments& arguments) {
     arguments.option(host, "--host", "HOST", "the broker: name or address", "ZYMCTL_HOST");
@@ -36,7 +44,8 @@ void Settings::addTo(Arguments& arguments) {
                    "accept a certificate of any host");
     arguments.option(identity, "--id", "ID",
                      "who sends requests; different in each run unless given");
-    arguments.option(timeout, "--timeout", "SECONDS", "how long to wait for an answer");
+    arguments.option(timeout, "--timeout", "SECONDS", "how long to wait for an answer",
+                     "ZYMCTL_TIMEOUT");
     arguments.flag(json, "--json", "JSON, one object on each line; no colour, no progress");
 }
 
@@ -61,6 +70,7 @@ std::string Settings::broker() const {
 
 std::string secret(std::string const& file, char const* variable) {
     if (file.empty()) {
+        // NOLINTNEXTLINE(concurrency-mt-unsafe): nothing changes the environment
         char const* const value = std::getenv(variable);
         return value == nullptr ? "" : value;
     }
@@ -90,7 +100,7 @@ mqtt::ConnectionOptions Settings::connectionOptions() const {
     secure.certificateFile = certificateFile;
     secure.keyFile = keyFile;
     if (!keyFile.empty()) {
-        auto const password = secret(keyPasswordFile, "ZYMCTL_KEY_PASSWORD");
+        auto password = secret(keyPasswordFile, "ZYMCTL_KEY_PASSWORD");
         secure.keyPassword = [password] { return password; };
     }
     if (!pskIdentity.empty()) {
@@ -133,7 +143,7 @@ Connection::Connection(Context& context)
     context.console.progress("connecting to " + context.settings.broker());
     auto error = client.connect("", -1, 0);
     // The client would try again until the time is over; here the first reason is enough.
-    auto const deadline = context.settings.deadline();
+    auto const deadline = std::max(context.settings.deadline(), Clock::now() + LEAST_TO_CONNECT);
     while (error == MqttClient::Error::TIMEOUT && Clock::now() < deadline
            && client.lastFailure().reason == mqtt::Failure::Reason::NONE) {
         if (client.communicationState() == conv::ComState::CONNECTED) {

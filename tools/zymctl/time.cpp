@@ -4,25 +4,20 @@
 
 #include <mqtt/time_base.hpp>
 
+#include <exception>
+
 namespace {
 
 using zym::common::lwjson::Deserializer;
 
-/// Learns when the time is known.
-class Synchronized final : public zym::common::SynchronizedTimeBaseProxy::Listener {
+/// Tells when the time is known.
+class Synchronized final : public zym::common::SynchronizedTimeBaseProxy::Listener,
+                           public Awaited<bool> {
 public:
-    explicit Synchronized(Interruption& interruption) : interruption_(interruption) {}
-    bool wait(Clock::time_point deadline) {
-        return interruption_.wait(deadline, [this] { return done_; });
-    }
+    using Awaited::Awaited;
 
 private:
-    void onTimeSynchronized() override {
-        interruption_.change([this] { done_ = true; });
-    }
-
-    Interruption& interruption_;
-    bool done_ = false;
+    void onTimeSynchronized() override { give(true); }
 };
 
 class Time final : public Command {

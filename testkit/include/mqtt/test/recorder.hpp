@@ -24,9 +24,18 @@ public:
 
     /// @param hook called within every call, after it was recorded; may outlive the recorder
     explicit Recording(Hook hook = {}) { setHook(std::move(hook)); }
+    virtual ~Recording() = default;
 
-    /// To be set before the first call.
-    void setHook(Hook hook) { hook_ = std::make_shared<Hook>(std::move(hook)); }
+    /// For the calls to come.
+    void setHook(Hook hook) {
+        hook_.change([&](auto& current) { current = std::make_shared<Hook>(std::move(hook)); });
+    }
+    Entries calls() const { return entries_.copy(); }
+    std::size_t count() const { return calls().size(); }
+    /// Waits for that many calls, or more. @return false after 30 seconds
+    bool waitForCount(std::size_t count) const {
+        return entries_.waitFor([&](Entries const& all) { return all.size() >= count; });
+    }
     void clear() {
         entries_.change([](Entries& entries) { entries.clear(); });
     }
@@ -34,7 +43,7 @@ public:
 protected:
     void add(Entry const& entry, Arguments... arguments) {
         // A thread that waits for this entry may destroy this object as soon as it was kept.
-        auto const hook = hook_;
+        auto const hook = hook_.copy();
         entries_.change([&](Entries& entries) { entries.push_back(entry); });
         if (*hook) {
             (*hook)(arguments...);
@@ -44,7 +53,17 @@ protected:
     Watched<Entries> entries_;
 
 private:
-    std::shared_ptr<Hook> hook_;
+    Watched<std::shared_ptr<Hook>> hook_;
+};
+
+/// Records the calls of a listener, each as one value that its hook gets too.
+template <class Call>
+class CallRecorder : public Recording<Call, Call const&> {
+public:
+    using Recording<Call, Call const&>::Recording;
+
+protected:
+    void record(Call const& call) { this->add(call, call); }
 };
 
 /// One call of a subscriber.
@@ -70,8 +89,7 @@ class MessageRecorder : public Recording<Delivery, int, mqtt::Topic const&, std:
 public:
     using Recording::Recording;
 
-    Entries deliveries() const { return entries_.copy(); }
-    std::size_t count() const { return deliveries().size(); }
+    Entries deliveries() const { return calls(); }
     std::vector<std::string> payloads() const {
         std::vector<std::string> result;
         for (Delivery const& delivery : deliveries()) {
@@ -80,10 +98,6 @@ public:
         return result;
     }
 
-    /// Waits for that many deliveries, or more.
-    bool waitForCount(std::size_t count) const {
-        return entries_.waitFor([&](Entries const& all) { return all.size() >= count; });
-    }
     bool waitForPayload(std::string const& payload) const {
         auto const matches = [&](Delivery const& one) { return one.payload == payload; };
         return entries_.waitFor(
@@ -101,9 +115,8 @@ class StateRecorder : public Recording<conv::ComState, conv::ComState>,
                       public mqtt::MqttClient::Listener {
 public:
     using Recording::Recording;
-    virtual ~StateRecorder() = default;
 
-    Entries history() const { return entries_.copy(); }
+    Entries history() const { return calls(); }
     /// Waits until the latest state is this one.
     bool waitFor(conv::ComState state) const {
         return entries_.waitFor(
