@@ -189,6 +189,16 @@ TEST_F(AService, WhoseFunctionThrowsSendsNoReplyAndLogsIt) {
                             EndsWith(" has thrown: The errors of a service begin at 16")));
 }
 
+TEST_F(AService, TellsItsFunctionWhoAsks) {
+    mqtt::Server const server(*mqtt, DRAW, ServerId(Uuid(7)),
+                              [](Amount const&, ClientId const& client) -> Result<Level> {
+                                  return Level{0, client.uuid.base64URL()};
+                              });
+    auto const answer = caller->callWait({1}, LONG);
+    ASSERT_TRUE(answer);
+    EXPECT_EQ(answer->note.value_or(""), id.base64URL());
+}
+
 TEST_F(AService, DropsARequestThatCannotBeRead) {
     unsigned calls = 0;
     auto const server = serve([&](Amount const&) -> Result<Level> {
