@@ -63,15 +63,28 @@ std::size_t EntityTree::indexOf(Topic const& topic) {
     return added.first->second;
 }
 
-/// Without the lock. A link that is no topic cannot be subscribed to, and stays without documents.
+/// Without the lock while the client is called. Runs on the worker, at first also beside it on the
+/// thread that makes the tree. A link that is no topic cannot be subscribed to, and stays without
+/// documents.
 void EntityTree::subscribeToNew() {
-    for (; subscribed_ < entities_.size(); ++subscribed_) {
+    while (auto const next = takeNew()) {
         for (int document = 0; document < COUNT; ++document) {
-            static_cast<void>(client_.subscribe(entities_[subscribed_].topic + LEVELS[document],
-                                                this,
-                                                static_cast<int>(subscribed_) * COUNT + document));
+            static_cast<void>(client_.subscribe(next->second + LEVELS[document], this,
+                                                static_cast<int>(next->first) * COUNT + document));
         }
     }
+}
+
+/// The place and the topic of an entity that nobody has subscribed to yet.
+std::optional<std::pair<std::size_t, Topic>> EntityTree::takeNew() {
+    std::optional<std::pair<std::size_t, Topic>> next;
+    context_.interruption.change([&] {
+        if (subscribed_ < entities_.size()) {
+            next.emplace(subscribed_, entities_[subscribed_].topic);
+            ++subscribed_;
+        }
+    });
+    return next;
 }
 
 bool EntityTree::isComplete() const {

@@ -5,7 +5,9 @@
 #include <cstddef>
 #include <deque>
 #include <map>
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 /// What a device consists of: its base topic, the entities that this links to, and what these link
@@ -40,6 +42,7 @@ private:
     std::size_t indexOf(mqtt::Topic const& topic);
     void readLinks(Entity& entity);
     void subscribeToNew();
+    std::optional<std::pair<std::size_t, mqtt::Topic>> takeNew();
     void waitForQuiet(Clock::time_point deadline);
     bool isComplete() const;
     std::string title(Entity const& entity, bool isBase) const;
@@ -51,7 +54,7 @@ private:
     // Guarded by Interruption::change and wait.
     std::deque<Entity> entities_; ///< the base is the first
     std::map<std::string, std::size_t> indices_;
-    std::size_t subscribed_ = 0; ///< how many of them; used on one thread at a time
+    std::size_t subscribed_ = 0; ///< how many of them
     unsigned changes_ = 0;
     unsigned shown_ = 0;
 };
