@@ -27,9 +27,10 @@
 // A field is a bool (`true` or `false`); an integer (digits; a char, too: its range differs between
 // processors), float or double (one that is not finite is written as `null`, which cannot be read);
 // a std::string; a conv::UnixTime (seconds, or `null` for the invalid time); an enumeration (its
-// number, also one without a name); a struct with a list of its own (an object); a std::vector of
-// these (an array); or a std::optional of these: when empty, a member is left out, and an element
-// of an array is `null`; a member that is missing or `null` is read as empty.
+// number, also one without a name: so it needs a fixed underlying type, as `enum class` has); a
+// struct with a list of its own (an object); a std::vector of these (an array); or a std::optional
+// of these: when empty, a member is left out, and an element of an array is `null`; a member that
+// is missing or `null` is read as empty.
 //
 // Other members of a document are skipped. When a member is missing, has another type, or is out of
 // the range of its field, reading throws a `std::runtime_error` that names the field, such as

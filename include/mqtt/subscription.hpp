@@ -32,9 +32,16 @@ public:
 
     /// No subscription; its result is NOT_FOUND.
     Subscription() = default;
-    Subscription(Subscription&& other) noexcept = default;
-    /// Ends the previous subscription, as the destructor.
-    Subscription& operator=(Subscription&& other) noexcept = default;
+    /// The other object has no subscription any more.
+    Subscription(Subscription&& other) noexcept
+        : receiver_(std::move(other.receiver_)),
+          result_(std::exchange(other.result_, MqttClient::Error::NOT_FOUND)) {}
+    /// The same, and ends the previous subscription, as the destructor.
+    Subscription& operator=(Subscription&& other) noexcept {
+        receiver_ = std::move(other.receiver_);
+        result_ = std::exchange(other.result_, MqttClient::Error::NOT_FOUND);
+        return *this;
+    }
     /// Unsubscribes, and waits for a call of the function under way, except on the client's worker
     /// thread. Afterwards the function is not called any more. Do not hold a lock that it takes.
     ~Subscription() = default;

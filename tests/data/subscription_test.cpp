@@ -109,6 +109,18 @@ TEST_F(AnEndpointOfLinks, CallsSeveralFunctionsWithNoLockHeldAndWhateverTheyThro
     EXPECT_EQ(published().size(), 2U);
 }
 
+TEST_F(AnEndpointOfLinks, HasASubscriptionThatMovesWithItsResult) {
+    auto first = endpoint->subscribe(record);
+    auto second = std::move(first);
+    EXPECT_EQ(first.result(), Error::NOT_FOUND);
+    EXPECT_EQ(second.result(), Error::SUCCESS);
+    first = std::move(second);
+    EXPECT_EQ(first.result(), Error::SUCCESS);
+    EXPECT_EQ(second.result(), Error::NOT_FOUND);
+    deliver("x");
+    EXPECT_THAT(seen.copy(), ElementsAre("x"));
+}
+
 TEST_F(AnEndpointOfLinks, SubscribesWhereADerivedClassSays) {
     struct Elsewhere final : MqttData<Link> {
         using MqttData<Link>::MqttData;

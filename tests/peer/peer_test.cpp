@@ -171,7 +171,8 @@ TEST_F(ADeviceInPython, TellsItsTime) {
 /// A device of this library, and Python as its user.
 class AUserInPython : public WithABroker, private mqtt::RequestReplyServer::Listener {
 protected:
-    AUserInPython() {
+    // Not in the constructor: the type of this object would change while requests arrive.
+    void SetUp() override {
         EXPECT_EQ(server_.subscribe(this, Uuid(31), std::make_shared<NumberData>()),
                   Error::SUCCESS);
         publish(conv::ServiceStatus{1, 3});

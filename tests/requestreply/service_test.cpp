@@ -257,7 +257,7 @@ TEST_F(AService, WhoseCallerIsDestroyedEndsTheCallAsCancelled) {
 
     caller = callerOf(DRAW);
     std::optional<Result<Level>> result;
-    BlockingThread waiting([&] { result = caller->callWait({1}, LONG); });
+    BlockingThread waiting([&, &one = *caller] { result = one.callWait({1}, LONG); });
     ASSERT_TRUE(waiting.isBlocked());
     caller.reset();
     waiting.join();
