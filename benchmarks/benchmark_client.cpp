@@ -1,7 +1,5 @@
 #include "benchmark_client.hpp"
 
-#include "samples.hpp"
-
 #include <utility>
 
 namespace bench {
@@ -19,20 +17,21 @@ void subscribeAndConfirm(BenchmarkClient& client, BenchmarkClient::TopicId topic
 
 } // namespace
 
-std::shared_ptr<BenchmarkClient> makeCountingSubscriber(ClientLibrary const& library, int port,
+std::shared_ptr<BenchmarkClient> makeCountingSubscriber(ClientLibrary const& library,
+                                                        BenchmarkBroker const& broker,
                                                         std::string const& topic,
                                                         MessageCounter& received) {
-    std::shared_ptr<BenchmarkClient> client = library.makeClient(port);
+    std::shared_ptr<BenchmarkClient> client = library.makeClient(broker);
     client->onMessage = [&received](std::string_view /*payload*/) { received.add(); };
     client->connect();
     subscribeAndConfirm(*client, client->addTopic(topic), received);
     return client;
 }
 
-Dialogue::Dialogue(ClientLibrary const& library, int port, Texts texts)
+Dialogue::Dialogue(ClientLibrary const& library, BenchmarkBroker const& broker, ExchangeTexts texts)
     : texts_(std::move(texts)),
-      responder_(library.makeClient(port)),
-      requester_(library.makeClient(port)),
+      responder_(library.makeClient(broker)),
+      requester_(library.makeClient(broker)),
       responderReplyTopic_(responder_->addTopic(texts_.replyTopic)),
       requestTopic_(requester_->addTopic(texts_.requestTopic)),
       replyTopic_(requester_->addTopic(texts_.replyTopic)) {
@@ -60,20 +59,26 @@ void Dialogue::ask(unsigned count) {
     replies_.waitFor(count);
 }
 
-Action ClientLibrary::makeValueStream(int port, std::string const& topic, Document document,
-                                      MessageCounter& received) const {
-    auto const subscriber =
-        makeCountingSubscriber(*this, port, valueTopic(topic, document), received);
-    std::shared_ptr<BenchmarkClient> const publisher = makeClient(port);
-    auto const id = publisher->addTopic(valueTopic(topic, document));
+Action ClientLibrary::makeValueStream(BenchmarkBroker const& broker, std::string const& topic,
+                                      Document document, MessageCounter& received) const {
+    if (hasTypes) {
+        return makeOurValueStream(broker, topic, document, received);
+    }
+    auto const whole = valueTopic(topic, document);
+    auto const subscriber = makeCountingSubscriber(*this, broker, whole, received);
+    std::shared_ptr<BenchmarkClient> const publisher = makeClient(broker);
+    auto const id = publisher->addTopic(whole);
     publisher->connect();
     return [subscriber, publisher, id, text = documentText(document)] {
         publisher->publishInStream(id, text, 2, true);
     };
 }
 
-Action ClientLibrary::makeRequester(int port) const {
-    auto const dialogue = std::make_shared<Dialogue>(*this, port, requestAndReply());
+Action ClientLibrary::makeRequester(BenchmarkBroker const& broker) const {
+    if (hasTypes) {
+        return makeOurRequester(broker);
+    }
+    auto const dialogue = std::make_shared<Dialogue>(*this, broker, requestAndReply());
     return [dialogue] {
         dialogue->subscribe();
         dialogue->ask(1);

@@ -1,24 +1,13 @@
 #include "measurements.hpp"
 #include "resources.hpp"
 
-#include <array>
-#include <cstddef>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <memory>
 #include <stdexcept>
-#include <string>
-#include <utility>
-#include <vector>
 
 namespace bench {
 namespace {
-
-/// What this process holds.
-using Resources = std::array<double, 4>;
-constexpr std::array<std::pair<char const*, char const*>, 4> NAMES_AND_UNITS{
-    {{"threads", ""}, {"descriptors", ""}, {"heap", "KiB"}, {"resident memory", "KiB"}}};
 
 double residentKib() {
     std::ifstream file("/proc/self/smaps_rollup");
@@ -36,28 +25,41 @@ double entriesOf(char const* folder) {
     return static_cast<double>(std::distance(std::filesystem::directory_iterator(folder), {}));
 }
 
-Resources resources() {
-    return {entriesOf("/proc/self/task"), entriesOf("/proc/self/fd"),
-            static_cast<double>(heapInUse()) / 1024, residentKib()};
+/// What this process holds.
+Figures resources() {
+    return {{"threads", "", entriesOf("/proc/self/task")},
+            {"descriptors", "", entriesOf("/proc/self/fd")},
+            {"heap", "KiB", static_cast<double>(heapInUse()) / 1024},
+            {"resident memory", "KiB", residentKib()}};
+}
+
+Figures measureOneMore(ClientLibrary const& library, std::size_t count) {
+    BenchmarkBroker const broker(NODELAY);
+    auto const first = library.makeClient(broker);
+    first->connect();
+    Figures const before = resources();
+    std::vector<std::unique_ptr<BenchmarkClient>> more(count);
+    for (auto& client : more) {
+        client = library.makeClient(broker);
+        client->connect();
+    }
+    Figures figures = resources();
+    for (std::size_t i = 0; i < figures.size(); ++i) {
+        figures[i].value = (figures[i].value - before[i].value) / static_cast<double>(count);
+    }
+    return figures;
 }
 
 } // namespace
 
-void measureIdleClients(Options const& options, ClientLibrary const& library) {
-    BenchmarkBroker const broker(NODELAY);
-    auto const first = library.makeClient(broker.port());
-    first->connect();
-    Resources const before = resources();
-    std::vector<std::unique_ptr<BenchmarkClient>> more(options.quick ? 4 : 32);
-    for (auto& client : more) {
-        client = library.makeClient(broker.port());
-        client->connect();
-    }
-    Resources const after = resources();
-    for (std::size_t i = 0; i < NAMES_AND_UNITS.size(); ++i) {
-        auto const& [name, unit] = NAMES_AND_UNITS[i];
-        print({"idle", "one more client", name, unit, library.name, "", 0,
-               (after[i] - before[i]) / static_cast<double>(more.size())});
+void measureIdleClients(Options const& options, std::vector<ClientLibrary> const& libraries) {
+    for (auto const& library : libraries) {
+        if (library.name == options.idle) {
+            measureInTurns(options, {"idle", "one more client", 1},
+                           {{library.name, [&](int) {
+                                 return measureOneMore(library, options.quick ? 4 : 32);
+                             }}});
+        }
     }
 }
 

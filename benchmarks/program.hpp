@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -21,22 +22,33 @@ struct Options {
     std::vector<char const*> brokers{SHIPPED, NODELAY};
 };
 
-/// One line of output, in JSON.
-struct Result {
-    char const* program;     ///< the group: clients, idle, documents, ...
-    std::string measurement; ///< what was done
-    std::string figure;      ///< which number of it: throughput, p50, ...
-    char const* unit;
-    char const* library; ///< who did it: ours, raw, Paho, ...
-    char const* broker;  ///< the broker's configuration; empty: none took part
-    int repetition = 0;
-    double value = 0;
+struct Measurement {
+    char const* program; ///< the group: clients, idle, documents, ...
+    std::string name;
+    int usualRepetitions = 9;
+    char const* broker = ""; ///< the broker's configuration; empty: none takes part
 };
 
-void print(Result const& result);
-/// How often a measurement is repeated; 0 where `--only` asks for others.
-int repetitionsOf(Options const& options, std::string const& program,
-                  std::string const& measurement, int usual);
+struct Figure {
+    std::string name; ///< throughput, p50, ...
+    char const* unit;
+    double value;
+};
+using Figures = std::vector<Figure>;
+
+/// One of those that are compared.
+struct Side {
+    char const* library; ///< ours, raw, Paho, ...
+    /// Measures once.
+    std::function<Figures(int repetition)> measure;
+};
+
+/// Whether `--only` leaves it in.
+bool isWanted(Options const& options, Measurement const& measurement);
+/// Measures all sides in each repetition, one after the other, so that what disturbs the machine
+/// for a second disturbs all. Prints a line of JSON for each figure.
+void measureInTurns(Options const& options, Measurement const& measurement,
+                    std::vector<Side> const& sides);
 
 /// Puts this process, and all threads and processes that it starts later, on the last processor
 /// that it may use. Over several processors a round trip takes up to four times as long, depending

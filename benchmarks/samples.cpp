@@ -68,7 +68,7 @@ RequestReply::Reply sampleReply() {
     return reply;
 }
 
-Dialogue::Texts requestAndReply() {
+ExchangeTexts requestAndReply() {
     return {exchangeTopic(mqtt::REQUEST_SUFFIX), exchangeTopic(mqtt::REPLY_SUFFIX),
             textOf(RequestReply::Request(sampleReply())), textOf(sampleReply())};
 }

@@ -1,7 +1,5 @@
 #pragma once
 
-#include "benchmark_client.hpp"
-
 #include <mqtt/payloads.hpp>
 #include <mqtt/request_reply.hpp>
 
@@ -12,6 +10,8 @@ namespace bench {
 conv::CommunicationStatus sampleCommunication();
 conv::Identification sampleIdentification();
 
+/// The typed values that are measured: the shortest document and the longest one.
+enum class Document { COMMUNICATION, IDENTIFICATION };
 /// The topic on which values of a type are published, and the text of the sample value.
 std::string valueTopic(std::string const& topic, Document document);
 std::string documentText(Document document);
@@ -32,7 +32,14 @@ public:
 
 mqtt::RequestReply::Reply sampleReply();
 
-/// That request and its reply on the wire.
-Dialogue::Texts requestAndReply();
+/// A request and its reply on the wire.
+struct ExchangeTexts {
+    std::string requestTopic;
+    std::string replyTopic;
+    std::string request;
+    std::string reply;
+};
+
+ExchangeTexts requestAndReply();
 
 } // namespace bench
