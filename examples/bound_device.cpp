@@ -57,9 +57,8 @@ int main(int argc, char* argv[]) {
     Device const device(client);
 
     mqtt::BinderMqttProxy binder(client, DEVICE, "", PANEL_ID, "demo/panel", nullptr);
-    auto const result = binder.bindSync(DEVICE_ID, 5);
-    if (result != Binder::Error::SUCCESS) {
-        std::cout << "not bound, error " << static_cast<int>(result) << std::endl;
+    if (binder.bindSync(DEVICE_ID, 5) != Binder::Error::SUCCESS) {
+        std::cout << "not bound" << std::endl;
         return 1;
     }
     std::cout << "bound; the time of the device is " << binder.timeBase() << " s" << std::endl;

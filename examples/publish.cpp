@@ -1,5 +1,4 @@
-// Publishes each line of its standard input on the topic "demo/line", up to an empty line or the
-// end.
+// Publishes the lines of its standard input, up to an empty one, on the topic "demo/line".
 //
 // Usage: publish [HOST [PORT]]
 

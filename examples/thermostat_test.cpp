@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <iostream>
+#include <utility>
 
 struct Temperature {
     double celsius = 0;

@@ -1,5 +1,5 @@
 # Part of scripts/demo, with its functions: a device and a panel at two sites, each with a broker.
-# shellcheck shell=bash
+# shellcheck shell=bash disable=SC2034,SC2154 # variables of scripts/demo
 
 # start_site NAME [PORT]: a broker; sets `port`.
 start_site() {

@@ -149,12 +149,22 @@ public:
     /// @param request valid until the function returns
     /// @return the reply, a value of the service's own enumeration of errors, or any other code
     using Function = std::function<Result<Reply>(Request const& request)>;
+    /// The same for a function that has to know who asks.
+    using FunctionWithClient =
+        std::function<Result<Reply>(Request const& request, ClientId const& client)>;
 
     /// Starts to serve.
     /// @throws std::invalid_argument the name of the service, as `RequestReply`
     Server(MqttClient& client, Service<Request, Reply> const& service, ServerId const& id,
            Function function)
-        : function_(std::make_shared<Function const>(std::move(function))),
+        : Server(client, service, id,
+                 FunctionWithClient([function = std::move(function)](Request const& request,
+                                                                     ClientId const& /*client*/) {
+                     return function(request);
+                 })) {}
+    Server(MqttClient& client, Service<Request, Reply> const& service, ServerId const& id,
+           FunctionWithClient function)
+        : function_(std::make_shared<FunctionWithClient const>(std::move(function))),
           server_(client, service.base, service.subPath, service.name),
           result_(server_.subscribe(this, id.uuid, std::make_shared<Payload<Request>>())) {}
     template <class Id>
@@ -173,19 +183,19 @@ public:
 
 private:
     std::shared_ptr<RequestReplyData> onRequest(std::string const& /*name*/,
-                                                zym::common::Uuid const& /*clientUuid*/,
+                                                zym::common::Uuid const& clientUuid,
                                                 zym::common::Uuid const& /*serverUuid*/,
                                                 RequestReplyData const& data,
                                                 RequestReply::ErrorCode& error) override {
         // Kept, because the function may destroy this object. The data is what `subscribe` got.
         auto const function = function_;
         auto const& request = static_cast<Payload<Request> const&>(data).value;
-        Result<Reply> result = (*function)(request);
+        Result<Reply> result = (*function)(request, ClientId(clientUuid));
         error = result.code();
         return result ? std::make_shared<Payload<Reply>>(std::move(result).value()) : nullptr;
     }
 
-    std::shared_ptr<Function const> const function_;
+    std::shared_ptr<FunctionWithClient const> const function_;
     RequestReplyServer server_;
     MqttClient::Error result_ = MqttClient::Error::NOT_FOUND;
 };

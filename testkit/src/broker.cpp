@@ -55,6 +55,15 @@ std::string userName() {
     return user ? user->pw_name : "root";
 }
 
+/// As one word of a shell's command.
+std::string quoted(std::string const& text) {
+    std::string word = "'";
+    for (char const c : text) {
+        word += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    }
+    return word + "'";
+}
+
 /// Whether a broker answers CONNECT. An accepted connection proves less: the kernel accepts
 /// connections for a process that listens but does not handle signals yet. A client of the broker
 /// library would not do: it cannot wait in a process with more than 1,024 descriptors.
@@ -137,6 +146,9 @@ private:
     /// Only plain system calls: another thread may have held any lock at the moment of the fork.
     [[noreturn]] void becomeBroker(pid_t parent) const {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
+        sigset_t none; // a process that blocks SIGTERM would have a broker that does not stop
+        sigemptyset(&none);
+        sigprocmask(SIG_SETMASK, &none, nullptr);
         if (getppid() == parent) { // otherwise the parent ended before the line above
             int const out = open(log_.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0666);
             dup2(open("/dev/null", O_RDONLY), STDIN_FILENO);
@@ -268,9 +280,9 @@ void Broker::makeCertificate() const {
     std::string const command =
         "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -days 2 -subj "
         "/CN=broker -addext subjectAltName=IP:127.0.0.1 -keyout "
-        + directory_.file("broker.key") + " -out " + authority() + " 2>>"
-        + directory_.file("broker.log");
-    // NOLINTNEXTLINE(concurrency-mt-unsafe): a program in a path that this class has made
+        + quoted(directory_.file("broker.key")) + " -out " + quoted(authority()) + " 2>>"
+        + quoted(directory_.file("broker.log"));
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): it reads the environment, as this class does
     if (std::system(command.c_str()) != 0) {
         throw std::runtime_error("The broker gets no certificate\n" + logTail());
     }

@@ -51,9 +51,11 @@ void RawPeer::connect(Address const& address) {
               "credentials");
     }
     check(mosquitto_connect(client_.get(), address.host.c_str(), address.port, 60), "connect");
-    while (!seen_.copy().connected) {
+    auto const isConnected = [&] {
         check(step(), "connection refused or lost");
-    }
+        return seen_.copy().connected;
+    };
+    require(eventually(isConnected), "no answer to CONNECT");
 }
 
 void RawPeer::subscribe(std::string const& pattern, int qos) {
@@ -89,9 +91,12 @@ void RawPeer::publish(std::string const& topic, std::string const& payload, int 
 void RawPeer::post(std::string const& topic, std::string const& payload, int qos, bool retain) {
     seen_.change([](Seen& seen) { ++seen.pending; });
     auto const size = static_cast<int>(payload.size());
-    check(
-        mosquitto_publish(client_.get(), nullptr, topic.c_str(), size, payload.data(), qos, retain),
-        "publish");
+    int const result =
+        mosquitto_publish(client_.get(), nullptr, topic.c_str(), size, payload.data(), qos, retain);
+    if (result != MOSQ_ERR_SUCCESS) {
+        seen_.change([](Seen& seen) { --seen.pending; }); // it will not be acknowledged
+    }
+    check(result, "publish");
 }
 
 void RawPeer::waitForAcknowledgements() const {

@@ -184,9 +184,19 @@ TEST_F(AService, WhoseFunctionThrowsSendsNoReplyAndLogsIt) {
     }
     EXPECT_THAT(replies(), testing::SizeIs(1)) << "to the last one";
     EXPECT_THAT(log.copy(),
-                ElementsAre(EndsWith("tank/draw?\\?/AAAAAAAAAAAAAAAAAAAAAQ has thrown: a reason"),
+                ElementsAre(EndsWith("tank/draw?\?/AAAAAAAAAAAAAAAAAAAAAQ has thrown: a reason"),
                             EndsWith(" than std::exception"),
                             EndsWith(" has thrown: The errors of a service begin at 16")));
+}
+
+TEST_F(AService, TellsItsFunctionWhoAsks) {
+    mqtt::Server const server(*mqtt, DRAW, ServerId(Uuid(7)),
+                              [](Amount const&, ClientId const& client) -> Result<Level> {
+                                  return Level{0, client.uuid.base64URL()};
+                              });
+    auto const answer = caller->callWait({1}, LONG);
+    ASSERT_TRUE(answer);
+    EXPECT_EQ(answer->note.value_or(""), id.base64URL());
 }
 
 TEST_F(AService, DropsARequestThatCannotBeRead) {

@@ -9,6 +9,8 @@
 
 #include <gmock/gmock.h>
 
+#include <stdexcept>
+
 namespace {
 
 using mqtt::test::Message;
@@ -92,6 +94,12 @@ TEST_F(APeer, FindsWhatTheBrokerRetains) {
     application->publishWait("plant/level", "", 1, true, 30);
     EXPECT_TRUE(waitForRetained(broker, "plant/level", isEmpty));
     EXPECT_THAT(mqtt::test::allRetained(broker, "plant/#"), IsEmpty());
+}
+
+TEST_F(APeer, PublishesAgainAfterAPublicationThatIsRefused) {
+    mqtt::test::RawPeer peer(broker);
+    EXPECT_THROW(peer.publish("plant/#", "3"), std::runtime_error);
+    peer.publish("plant/level", "3");
 }
 
 } // namespace

@@ -9,5 +9,6 @@ int main() {
 #include "first-steps/2.inc"
 #include "first-steps/3.inc"
 #include "first-steps/4.inc"
+#include "first-steps/5.inc"
     std::cout << result << '\n';
 }
