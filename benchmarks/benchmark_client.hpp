@@ -1,18 +1,95 @@
 #pragma once
 
-#include "benchmark_broker.hpp"
-#include "message_counter.hpp"
+#include "program.hpp"
 #include "samples.hpp"
 
+#include "mqtt/test/broker.hpp"
+
+#include <chrono>
+#include <condition_variable>
 #include <cstddef>
+#include <cstdint>
+#include <ctime>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <string_view>
+#include <system_error>
 #include <vector>
 
 namespace bench {
+
+/// A broker that logs no more than one without any configuration does. The tests' broker would log
+/// every packet.
+class BenchmarkBroker : public mqtt::test::Broker {
+public:
+    explicit BenchmarkBroker(char const* configuration, bool encrypted = false)
+        : mqtt::test::Broker(options(std::string(configuration) == NODELAY, encrypted)),
+          description(configuration) {
+        if (int const code = ::clock_getcpuclockid(pid(), &clock_); code != 0) {
+            throw std::system_error(code, std::generic_category(), "the broker's processor time");
+        }
+    }
+
+    /// Processor time used so far, in seconds.
+    double cpuSeconds() const { return bench::cpuSeconds(clock_); }
+
+    char const* const description;
+
+private:
+    static mqtt::test::BrokerOptions options(bool nodelay, bool encrypted) {
+        // `none` cancels what the tests' configuration says; the others are the broker's default.
+        return {nodelay,
+                false,
+                false,
+                {"log_type none", "log_type error", "log_type warning", "log_type notice",
+                 "log_type information"},
+                encrypted};
+    }
+
+    clockid_t clock_{};
+};
+
+/// Counts messages on a client's thread, and lets another thread wait for a count.
+///
+/// The waiting thread is woken only when the count is reached: a wake-up for every message would
+/// be measured along with the clients.
+class MessageCounter {
+public:
+    void add() {
+        std::lock_guard<std::mutex> const lock(mutex_);
+        ++count_;
+        if (count_ == expected_) {
+            reached_.notify_all();
+        }
+    }
+
+    /// @throws std::runtime_error when the count is not reached within a minute
+    void waitFor(std::uint64_t count) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        expected_ = count;
+        auto const reached = [this, count] { return count_ >= count; };
+        if (!reached_.wait_for(lock, std::chrono::minutes(1), reached)) {
+            throw std::runtime_error("only " + std::to_string(count_) + " of "
+                                     + std::to_string(count) + " messages came");
+        }
+    }
+
+    void reset() {
+        std::lock_guard<std::mutex> const lock(mutex_);
+        count_ = 0;
+        expected_ = 0;
+    }
+
+private:
+    std::mutex mutex_;
+    std::condition_variable reached_;
+    std::uint64_t count_ = 0;
+    std::uint64_t expected_ = 0;
+};
 
 /// What a subscriber publishes on its own topic, to learn that its subscription is in force.
 constexpr char const* PROBE = "probe";
@@ -87,38 +164,6 @@ struct ClientLibrary {
     /// @return makes one request: subscribes for the reply, sends the request at QoS 2, waits for
     ///         the reply at QoS 2, unsubscribes
     Action makeRequester(BenchmarkBroker const& broker) const;
-};
-
-/// A connected client that counts the messages of one topic. The subscription is in force and the
-/// count is 0 when this returns.
-std::shared_ptr<BenchmarkClient> makeCountingSubscriber(ClientLibrary const& library,
-                                                        BenchmarkBroker const& broker,
-                                                        std::string const& topic,
-                                                        MessageCounter& received);
-
-/// Two connected clients: one asks on one topic, the other one answers each request on another
-/// topic. Requests and replies are always the same text, at QoS 2.
-class Dialogue {
-public:
-    /// The asking client is not subscribed to the replies yet.
-    Dialogue(ClientLibrary const& library, BenchmarkBroker const& broker, ExchangeTexts texts);
-
-    void subscribe() { requester_->subscribe(replyTopic_); }
-    void unsubscribe() { requester_->unsubscribe(replyTopic_); }
-    /// Sends so many requests in a row, and returns when all replies have come.
-    void ask(unsigned count);
-
-private:
-    void answer(std::string_view request);
-
-    ExchangeTexts const texts_;
-    MessageCounter probes_;
-    MessageCounter replies_;
-    std::unique_ptr<BenchmarkClient> const responder_;
-    std::unique_ptr<BenchmarkClient> const requester_;
-    BenchmarkClient::TopicId const responderReplyTopic_;
-    BenchmarkClient::TopicId const requestTopic_;
-    BenchmarkClient::TopicId const replyTopic_;
 };
 
 /// Bare libmosquittopp, used as its manual suggests: a derived class and the library's thread.

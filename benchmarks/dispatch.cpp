@@ -1,5 +1,4 @@
 #include "in_process.hpp"
-#include "resources.hpp"
 
 #include <algorithm>
 #include <array>

@@ -5,7 +5,6 @@
 #include "in_process.hpp"
 #include "data/by_hand.hpp"
 #include "rapidjson_documents.hpp"
-#include "resources.hpp"
 #include "samples.hpp"
 
 #include <string>

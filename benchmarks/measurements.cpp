@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cmath>
 #include <cstddef>
+#include <utility>
 
 namespace bench {
 namespace {
@@ -37,6 +38,78 @@ Figure figureOf(char const* name, Samples samples, double fraction) {
     auto const rank = std::ceil(fraction * static_cast<double>(samples.size()));
     return {name, "us", samples[static_cast<std::size_t>(rank) - 1]};
 }
+
+// Clients that work together
+
+/// The broker handles the packets of one client in their order.
+void subscribeAndConfirm(BenchmarkClient& client, BenchmarkClient::TopicId topic,
+                         MessageCounter& received) {
+    received.reset();
+    client.subscribe(topic);
+    client.publish(topic, PROBE, 0, false);
+    received.waitFor(1);
+    received.reset();
+}
+
+/// A connected client that counts the messages of one topic. The subscription is in force and the
+/// count is 0 when this returns.
+std::shared_ptr<BenchmarkClient> makeCountingSubscriber(ClientLibrary const& library,
+                                                        BenchmarkBroker const& broker,
+                                                        std::string const& topic,
+                                                        MessageCounter& received) {
+    std::shared_ptr<BenchmarkClient> client = library.makeClient(broker);
+    client->onMessage = [&received](std::string_view /*payload*/) { received.add(); };
+    client->connect();
+    subscribeAndConfirm(*client, client->addTopic(topic), received);
+    return client;
+}
+
+/// Two connected clients: one asks on one topic, the other one answers each request on another
+/// topic. Requests and replies are always the same text, at QoS 2.
+class Dialogue {
+public:
+    /// The asking client is not subscribed to the replies yet.
+    Dialogue(ClientLibrary const& library, BenchmarkBroker const& broker, ExchangeTexts texts)
+        : texts_(std::move(texts)),
+          responder_(library.makeClient(broker)),
+          requester_(library.makeClient(broker)) {
+        responder_->onMessage = [this](std::string_view payload) { answer(payload); };
+        responder_->connect();
+        subscribeAndConfirm(*responder_, responder_->addTopic(texts_.requestTopic), probes_);
+        requester_->onMessage = [this](std::string_view /*payload*/) { replies_.add(); };
+        requester_->connect();
+    }
+
+    void subscribe() { requester_->subscribe(replyTopic_); }
+    void unsubscribe() { requester_->unsubscribe(replyTopic_); }
+    /// Sends so many requests in a row, and returns when all replies have come.
+    void ask(unsigned count) {
+        replies_.reset();
+        for (unsigned sent = 0; sent < count; ++sent) {
+            requester_->publish(requestTopic_, texts_.request, 2, false);
+        }
+        replies_.waitFor(count);
+    }
+
+private:
+    /// An answer to the probe could come late, and count as the reply to the first request.
+    void answer(std::string_view request) {
+        if (request == PROBE) {
+            probes_.add();
+        } else {
+            responder_->publish(responderReplyTopic_, texts_.reply, 2, false);
+        }
+    }
+
+    ExchangeTexts const texts_;
+    MessageCounter probes_;
+    MessageCounter replies_;
+    std::unique_ptr<BenchmarkClient> const responder_;
+    std::unique_ptr<BenchmarkClient> const requester_;
+    BenchmarkClient::TopicId const responderReplyTopic_ = responder_->addTopic(texts_.replyTopic);
+    BenchmarkClient::TopicId const requestTopic_ = requester_->addTopic(texts_.requestTopic);
+    BenchmarkClient::TopicId const replyTopic_ = requester_->addTopic(texts_.replyTopic);
+};
 
 // Throughput
 
@@ -158,6 +231,33 @@ ClientMeasurement connecting(Effort const& effort) {
 }
 
 } // namespace
+
+Action ClientLibrary::makeValueStream(BenchmarkBroker const& broker, std::string const& topic,
+                                      Document document, MessageCounter& received) const {
+    if (hasTypes) {
+        return makeOurValueStream(broker, topic, document, received);
+    }
+    bool const isShort = document == Document::COMMUNICATION;
+    auto const whole = topic + (isShort ? "/communication" : "/identification");
+    auto const text = isShort ? textOf(sampleCommunication()) : textOf(sampleIdentification());
+    auto const subscriber = makeCountingSubscriber(*this, broker, whole, received);
+    std::shared_ptr<BenchmarkClient> const publisher = makeClient(broker);
+    auto const id = publisher->addTopic(whole);
+    publisher->connect();
+    return [subscriber, publisher, id, text] { publisher->publishInStream(id, text, 2, true); };
+}
+
+Action ClientLibrary::makeRequester(BenchmarkBroker const& broker) const {
+    if (hasTypes) {
+        return makeOurRequester(broker);
+    }
+    auto const dialogue = std::make_shared<Dialogue>(*this, broker, requestAndReply());
+    return [dialogue] {
+        dialogue->subscribe();
+        dialogue->ask(1);
+        dialogue->unsubscribe();
+    };
+}
 
 ClientMeasurement firstExchanges(Effort const& effort) {
     return {"first-exchanges", [=](Library library, Broker broker) {

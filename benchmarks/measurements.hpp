@@ -10,11 +10,6 @@
 
 namespace bench {
 
-/// What a connected client of the chosen library holds that does nothing: memory, threads,
-/// descriptors. The first of many brings what the process has only once and is left out. To be
-/// called in a fresh process.
-void measureIdleClients(Options const& options, std::vector<ClientLibrary> const& libraries);
-
 /// How far the time base's estimate of a server's clock is from the truth after the first
 /// synchronisation.
 void measureTimeBase(Options const& options);

@@ -2,7 +2,6 @@
 
 #include "in_process.hpp"
 #include "rapidjson_documents.hpp"
-#include "resources.hpp"
 #include "samples.hpp"
 
 #include "support/allocations.hpp"
