@@ -1,21 +1,95 @@
 #pragma once
 
-#include "message_counter.hpp"
+#include "program.hpp"
+#include "samples.hpp"
 
+#include "mqtt/test/broker.hpp"
+
+#include <chrono>
+#include <condition_variable>
 #include <cstddef>
+#include <cstdint>
+#include <ctime>
 #include <functional>
 #include <memory>
+#include <mutex>
+#include <optional>
+#include <stdexcept>
 #include <string>
 #include <string_view>
-#include <utility>
+#include <system_error>
+#include <vector>
 
 namespace bench {
 
-constexpr char const* BROKER_HOST = "127.0.0.1";
+/// A broker that logs no more than one without any configuration does. The tests' broker would log
+/// every packet.
+class BenchmarkBroker : public mqtt::test::Broker {
+public:
+    explicit BenchmarkBroker(char const* configuration, bool encrypted = false)
+        : mqtt::test::Broker(options(std::string(configuration) == NODELAY, encrypted)),
+          description(configuration) {
+        if (int const code = ::clock_getcpuclockid(pid(), &clock_); code != 0) {
+            throw std::system_error(code, std::generic_category(), "the broker's processor time");
+        }
+    }
 
-/// The authority that signed the broker's certificate, as a file: then all clients encrypt. Empty
-/// for no encryption. To be set while there are no clients.
-inline std::string brokersAuthority;
+    /// Processor time used so far, in seconds.
+    double cpuSeconds() const { return bench::cpuSeconds(clock_); }
+
+    char const* const description;
+
+private:
+    static mqtt::test::BrokerOptions options(bool nodelay, bool encrypted) {
+        // `none` cancels what the tests' configuration says; the others are the broker's default.
+        return {nodelay,
+                false,
+                false,
+                {"log_type none", "log_type error", "log_type warning", "log_type notice",
+                 "log_type information"},
+                encrypted};
+    }
+
+    clockid_t clock_{};
+};
+
+/// Counts messages on a client's thread, and lets another thread wait for a count.
+///
+/// The waiting thread is woken only when the count is reached: a wake-up for every message would
+/// be measured along with the clients.
+class MessageCounter {
+public:
+    void add() {
+        std::lock_guard<std::mutex> const lock(mutex_);
+        ++count_;
+        if (count_ == expected_) {
+            reached_.notify_all();
+        }
+    }
+
+    /// @throws std::runtime_error when the count is not reached within a minute
+    void waitFor(std::uint64_t count) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        expected_ = count;
+        auto const reached = [this, count] { return count_ >= count; };
+        if (!reached_.wait_for(lock, std::chrono::minutes(1), reached)) {
+            throw std::runtime_error("only " + std::to_string(count_) + " of "
+                                     + std::to_string(count) + " messages came");
+        }
+    }
+
+    void reset() {
+        std::lock_guard<std::mutex> const lock(mutex_);
+        count_ = 0;
+        expected_ = 0;
+    }
+
+private:
+    std::mutex mutex_;
+    std::condition_variable reached_;
+    std::uint64_t count_ = 0;
+    std::uint64_t expected_ = 0;
+};
 
 /// What a subscriber publishes on its own topic, to learn that its subscription is in force.
 constexpr char const* PROBE = "probe";
@@ -25,9 +99,11 @@ constexpr char const* PROBE = "probe";
 class BenchmarkClient {
 public:
     using TopicId = std::size_t;
-    using Handler = std::function<void(std::string_view payload)>;
 
+    BenchmarkClient() = default;
     virtual ~BenchmarkClient() = default;
+    BenchmarkClient(BenchmarkClient const&) = delete;
+    BenchmarkClient& operator=(BenchmarkClient const&) = delete;
 
     /// Returns when the broker has accepted the connection.
     virtual void connect() = 0;
@@ -48,85 +124,58 @@ public:
     virtual void publishAndWait(TopicId topic, std::string const& payload, int qos) = 0;
 
     /// Gets the payload of every message, on a thread of the library. Set it before `connect`.
-    Handler onMessage;
+    std::function<void(std::string_view payload)> onMessage;
 };
 
-/// The typed values that are measured: the shortest document and the longest one.
-enum class Document { COMMUNICATION, IDENTIFICATION };
+/// @tparam Form of a topic, which the library wants
+template <class Form>
+class ClientWithTopics : public BenchmarkClient {
+public:
+    TopicId addTopic(std::string const& text) final {
+        topics_.emplace_back(text);
+        return topics_.size() - 1;
+    }
+
+protected:
+    Form const& formOf(TopicId topic) const { return topics_[topic]; }
+
+private:
+    std::vector<Form> topics_;
+};
 
 using Action = std::function<void()>;
 
 /// One of the libraries that are compared.
-class ClientLibrary {
-public:
-    /// Makes a client that is not connected yet, for the broker on a port of the loopback address.
-    using MakeClient = std::function<std::unique_ptr<BenchmarkClient>(int port)>;
-
-    ClientLibrary(char const* libraryName, MakeClient makeOne)
-        : name(libraryName), makeClient(std::move(makeOne)) {}
-    virtual ~ClientLibrary() = default;
-
-    char const* const name;
-    MakeClient const makeClient;
+struct ClientLibrary {
+    char const* name;
+    /// Makes a client that is not connected yet.
+    std::function<std::unique_ptr<BenchmarkClient>(BenchmarkBroker const&)> makeClient;
+    /// Whether the next two use the library's own typed values and requests.
+    bool hasTypes = false;
 
     /// Connects a subscriber that counts typed values, and a publisher of one, at QoS 2 and
     /// retained. Libraries without typed values send the text of the value, made once, and do not
     /// read what they get.
     /// @param topic what the value's topic begins with
     /// @return publishes the value once
-    virtual Action makeValueStream(int port, std::string const& topic, Document document,
-                                   MessageCounter& received) const;
+    Action makeValueStream(BenchmarkBroker const& broker, std::string const& topic,
+                           Document document, MessageCounter& received) const;
     /// Connects a service, and a client that requests it.
     /// @return makes one request: subscribes for the reply, sends the request at QoS 2, waits for
     ///         the reply at QoS 2, unsubscribes
-    virtual Action makeRequester(int port) const;
-};
-
-/// A connected client that counts the messages of one topic. The subscription is in force and the
-/// count is 0 when this returns.
-std::shared_ptr<BenchmarkClient> makeCountingSubscriber(ClientLibrary const& library, int port,
-                                                        std::string const& topic,
-                                                        MessageCounter& received);
-
-/// Two connected clients: one asks on one topic, the other one answers each request on another
-/// topic. Requests and replies are always the same text, at QoS 2.
-class Dialogue {
-public:
-    struct Texts {
-        std::string requestTopic;
-        std::string replyTopic;
-        std::string request;
-        std::string reply;
-    };
-
-    /// The asking client is not subscribed to the replies yet.
-    Dialogue(ClientLibrary const& library, int port, Texts texts);
-
-    void subscribe() { requester_->subscribe(replyTopic_); }
-    void unsubscribe() { requester_->unsubscribe(replyTopic_); }
-    /// Sends so many requests in a row, and returns when all replies have come.
-    void ask(unsigned count);
-
-private:
-    void answer(std::string_view request);
-
-    Texts const texts_;
-    MessageCounter probes_;
-    MessageCounter replies_;
-    std::unique_ptr<BenchmarkClient> const responder_;
-    std::unique_ptr<BenchmarkClient> const requester_;
-    BenchmarkClient::TopicId const responderReplyTopic_;
-    BenchmarkClient::TopicId const requestTopic_;
-    BenchmarkClient::TopicId const replyTopic_;
+    Action makeRequester(BenchmarkBroker const& broker) const;
 };
 
 /// Bare libmosquittopp, used as its manual suggests: a derived class and the library's thread.
-std::unique_ptr<ClientLibrary> rawLibrary(char const* name = "raw");
+ClientLibrary rawLibrary(char const* name = "raw");
 /// The same with a thread of its own that acknowledges at once whatever it has read.
-std::unique_ptr<ClientLibrary> rawLibraryWithPromptAcknowledgements();
+ClientLibrary rawLibraryWithPromptAcknowledgements();
 /// mqtt::MqttClient.
-std::unique_ptr<ClientLibrary> ourLibrary();
-/// Paho's mqtt::async_client. @return nullptr when the build has not found it
-std::unique_ptr<ClientLibrary> pahoLibrary();
+ClientLibrary ourLibrary();
+Action makeOurValueStream(BenchmarkBroker const& broker, std::string const& topic,
+                          Document document, MessageCounter& received);
+Action makeOurRequester(BenchmarkBroker const& broker);
+/// Paho's mqtt::async_client; none when the build has not found it.
+std::optional<ClientLibrary> pahoLibrary();
 
 } // namespace bench

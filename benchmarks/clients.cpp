@@ -1,62 +1,96 @@
-// Our client beside bare libmosquittopp and Paho, over a broker. Each repetition runs all of them
-// one after the other, so that what disturbs the machine for a second disturbs all.
+// Our client beside bare libmosquittopp and Paho, over a broker.
 
 #include "measurements.hpp"
 #include "mqtt/mosquittopp.hpp"
 
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <memory>
+#include <stdexcept>
+#include <string>
 #include <vector>
 
 namespace bench {
 namespace {
 
-using ClientLibraries = std::vector<std::unique_ptr<ClientLibrary>>;
-
-ClientLibraries makeLibraries(Options const& options) {
-    ClientLibraries libraries;
-    libraries.push_back(rawLibrary());
-    if (auto paho = pahoLibrary()) {
-        libraries.push_back(std::move(paho));
-    }
-    libraries.push_back(options.control ? rawLibrary("ours") : ourLibrary());
-    return libraries;
-}
+using ClientLibraries = std::vector<ClientLibrary>;
 
 /// @param program "clients" or "tls"
-void measureInTurns(char const* program, Options const& options, Measurement const& measurement,
-                    ClientLibraries const& libraries, BenchmarkBroker const& broker) {
-    int const repetitions = repetitionsOf(options, program, measurement.name, 9);
-    for (int repetition = 0; repetition < repetitions; ++repetition) {
-        for (auto const& library : libraries) {
-            for (auto const& figure : measurement.run(*library, broker)) {
-                print({program, measurement.name, figure.name, figure.unit, library->name,
-                       broker.description, repetition, figure.value});
-            }
-        }
+void measureLibraries(char const* program, Options const& options,
+                      ClientMeasurement const& measurement, ClientLibraries const& libraries,
+                      BenchmarkBroker const& broker) {
+    std::vector<Side> sides;
+    for (auto const& library : libraries) {
+        sides.push_back({library.name, [&](int) { return measurement.run(library, broker); }});
     }
+    measureInTurns(options, {program, measurement.name, 9, broker.description}, sides);
 }
 
-/// Only beside bare libmosquittopp: its TLS is what both have.
-void measureEncrypted(Options const& options, char const* configuration, Effort const& effort) {
-    BenchmarkBroker const broker(configuration, true);
-    brokersAuthority = broker.authority();
-    ClientLibraries libraries;
-    libraries.push_back(rawLibrary());
-    libraries.push_back(options.control ? rawLibrary("ours") : ourLibrary());
-    for (auto const& measurement : measurementsOfEncryption(effort)) {
-        measureInTurns("tls", options, measurement, libraries, broker);
+// Idle clients
+
+double residentKib() {
+    std::ifstream file("/proc/self/smaps_rollup");
+    std::string word;
+    while (file >> word && word != "Rss:") {
     }
-    brokersAuthority.clear();
+    double value = 0;
+    if (!(file >> value)) {
+        throw std::runtime_error("/proc/self/smaps_rollup does not say the resident memory");
+    }
+    return value;
+}
+
+double entriesOf(char const* folder) {
+    return static_cast<double>(std::distance(std::filesystem::directory_iterator(folder), {}));
+}
+
+/// What this process holds.
+Figures resources() {
+    return {{"threads", "", entriesOf("/proc/self/task")},
+            {"descriptors", "", entriesOf("/proc/self/fd")},
+            {"heap", "KiB", static_cast<double>(heapInUse()) / 1024},
+            {"resident memory", "KiB", residentKib()}};
+}
+
+/// What a connected client holds that does nothing. The first of many brings what the process has
+/// only once and is left out. To be called in a fresh process.
+Figures measureOneMore(ClientLibrary const& library, std::size_t count) {
+    BenchmarkBroker const broker(NODELAY);
+    auto const first = library.makeClient(broker);
+    first->connect();
+    Figures const before = resources();
+    std::vector<std::unique_ptr<BenchmarkClient>> more(count);
+    for (auto& client : more) {
+        client = library.makeClient(broker);
+        client->connect();
+    }
+    Figures figures = resources();
+    for (std::size_t i = 0; i < figures.size(); ++i) {
+        figures[i].value = (figures[i].value - before[i].value) / static_cast<double>(count);
+    }
+    return figures;
+}
+
+void measureIdleClients(Options const& options, ClientLibraries const& libraries) {
+    for (auto const& library : libraries) {
+        auto const measure = [&](int) { return measureOneMore(library, options.quick ? 4 : 32); };
+        if (library.name == options.idle) {
+            measureInTurns(options, {"idle", "one more client", 1}, {{library.name, measure}});
+        }
+    }
 }
 
 void run(Options const& options) {
-    ClientLibraries libraries = makeLibraries(options);
+    // Over TLS only beside bare libmosquittopp: its TLS is what both have.
+    ClientLibraries const encrypted{rawLibrary(),
+                                    options.control ? rawLibrary("ours") : ourLibrary()};
+    ClientLibraries libraries = encrypted;
+    if (auto const paho = pahoLibrary()) {
+        libraries.insert(libraries.begin() + 1, *paho);
+    }
     if (!options.idle.empty()) {
-        for (auto const& library : libraries) {
-            if (library->name == options.idle) {
-                measureIdleClients(options, *library);
-            }
-        }
+        measureIdleClients(options, libraries);
         return;
     }
     measureTimeBase(options);
@@ -65,12 +99,15 @@ void run(Options const& options) {
     for (auto const* const configuration : options.brokers) {
         BenchmarkBroker const broker(configuration);
         for (auto const& measurement : allMeasurements(effort)) {
-            measureInTurns("clients", options, measurement, libraries, broker);
+            measureLibraries("clients", options, measurement, libraries, broker);
         }
         libraries.push_back(rawLibraryWithPromptAcknowledgements());
-        measureInTurns("clients", options, firstExchanges(effort), libraries, broker);
+        measureLibraries("clients", options, firstExchanges(effort), libraries, broker);
         libraries.pop_back();
-        measureEncrypted(options, configuration, effort);
+        BenchmarkBroker const encryptedBroker(configuration, true);
+        for (auto const& measurement : measurementsOfEncryption(effort)) {
+            measureLibraries("tls", options, measurement, encrypted, encryptedBroker);
+        }
     }
 }
 

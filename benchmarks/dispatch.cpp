@@ -1,11 +1,9 @@
 #include "in_process.hpp"
-#include "resources.hpp"
 
 #include <algorithm>
 #include <array>
 #include <cstddef>
 #include <map>
-#include <memory>
 #include <random>
 #include <stdexcept>
 #include <string>
@@ -18,7 +16,6 @@ using Texts = std::vector<std::string>;
 
 constexpr std::size_t FEW = 10;
 constexpr std::size_t MANY = 10000;
-constexpr std::array<std::size_t, 4> NUMBERS{FEW, 100, 1000, MANY};
 
 Texts devices(std::size_t number, std::string const& level, std::string const& last) {
     Texts result;
@@ -31,7 +28,6 @@ Texts devices(std::size_t number, std::string const& level, std::string const& l
 Texts exactTopics(std::size_t number) {
     return devices(number, "hall", "state");
 }
-
 Texts patterns(std::size_t number) {
     return devices(number, "+", "#");
 }
@@ -85,7 +81,7 @@ public:
                 throw std::runtime_error("cannot subscribe to " + text);
             }
         }
-        heapOfSubscriptions_ = heapInUse() - before;
+        heapOfSubscriptions_ = static_cast<double>(heapInUse() - before);
     }
     ~Subject() { client_.release(this); }
     Subject(Subject const&) = delete;
@@ -97,7 +93,7 @@ public:
         next_ = next_ + 1 == topics_.size() ? 0 : next_ + 1;
         return received_;
     }
-    double heapOfSubscriptions() const { return static_cast<double>(heapOfSubscriptions_); }
+    double heapOfSubscriptions() const { return heapOfSubscriptions_; }
 
 private:
     void onMqttMessage(int /*tag*/, mqtt::Topic const& /*topic*/,
@@ -110,33 +106,33 @@ private:
     std::size_t next_ = 0;
     std::string payload_ = "{\"state\": 3}";
     std::size_t received_ = 0;
-    std::size_t heapOfSubscriptions_ = 0;
+    double heapOfSubscriptions_ = 0;
     mqtt::MqttClient client_{zym::common::Uuid(1), false, "", "", 0, false};
 };
 
 void measureCase(Options const& options, Case const& measured) {
-    int const repetitions = repetitionsOf(options, "dispatch", measured.name, 9);
-    if (repetitions == 0) {
+    Measurement const measurement{"dispatch", measured.name};
+    if (!isWanted(options, measurement)) {
         return;
     }
-    std::map<std::size_t, std::unique_ptr<Subject>> subjects;
-    for (std::size_t const number : NUMBERS) {
-        subjects[number] =
-            std::make_unique<Subject>(measured.subscriptions(number), measured.messages(number));
+    std::map<std::size_t, Subject> subjects;
+    for (std::size_t const number : {FEW, std::size_t{100}, std::size_t{1000}, MANY}) {
+        subjects.try_emplace(number, measured.subscriptions(number), measured.messages(number));
     }
-    for (int repetition = 0; repetition < repetitions; ++repetition) {
-        for (auto const& [number, subject] : subjects) {
-            print({"dispatch", measured.name, std::to_string(number), "ns", "ours", "", repetition,
-                   nanosecondsPerCall([&subject = *subject] { return subject.receiveNext(); },
-                                      options.secondsInProcess)});
+    auto const ours = [&](int) {
+        Figures figures;
+        for (auto& [number, subject] : subjects) {
+            auto const receiveNext = [&subject = subject] { return subject.receiveNext(); };
+            figures.push_back({std::to_string(number), "ns",
+                               nanosecondsPerCall(receiveNext, options.secondsInProcess)});
         }
-    }
+        return figures;
+    };
+    measureInTurns(options, measurement, {{"ours", ours}});
 }
 
-void measureHeap(char const* figure, Texts const& subscriptions) {
-    Subject const subject(subscriptions, {"a"});
-    print({"dispatch", "heap of a subscription", figure, "bytes", "ours", "", 0,
-           subject.heapOfSubscriptions() / MANY});
+double heapOfASubscription(Texts const& subscriptions) {
+    return Subject(subscriptions, {"a"}).heapOfSubscriptions() / MANY;
 }
 
 } // namespace
@@ -145,10 +141,11 @@ void measureDispatch(Options const& options) {
     for (auto const& measured : CASES) {
         measureCase(options, measured);
     }
-    if (repetitionsOf(options, "dispatch", "heap of a subscription", 1) > 0) {
-        measureHeap("text", exactTopics(MANY));
-        measureHeap("pattern", patterns(MANY));
-    }
+    auto const ours = [](int) {
+        return Figures{{"text", "bytes", heapOfASubscription(exactTopics(MANY))},
+                       {"pattern", "bytes", heapOfASubscription(patterns(MANY))}};
+    };
+    measureInTurns(options, {"dispatch", "heap of a subscription", 1}, {{"ours", ours}});
 }
 
 } // namespace bench

@@ -5,7 +5,6 @@
 #include "in_process.hpp"
 #include "data/by_hand.hpp"
 #include "rapidjson_documents.hpp"
-#include "resources.hpp"
 #include "samples.hpp"
 
 #include <string>
@@ -14,7 +13,7 @@
 namespace bench {
 namespace {
 
-/// Both read what we write, into a value that they have read before.
+/// Both sides read what we write, into a value that they have read before.
 /// @param write writes the value, which is not const; returns the size of the text
 /// @param read reads a text into the value
 template <class T, class Write, class Read>
@@ -24,27 +23,26 @@ void measureBeside(char const* other, Write write, Read read, Options const& opt
     std::string text;
     Data::serialize(topic, text, sample);
     T value = sample;
-    int const repetitions = repetitionsOf(options, "documents", name, 9);
-    for (int repetition = 0; repetition < repetitions; ++repetition) {
-        auto const time = [&](char const* figure, char const* library, auto action) {
-            print({"documents", name, figure, "ns", library, "", repetition,
-                   nanosecondsPerCall(action, options.secondsInProcess)});
+    auto const time = [&](auto const& writeOnce, auto const& readOnce) {
+        auto const readAndReturn = [&] {
+            readOnce();
+            return text.size();
         };
-        time("write", other, [&] { return write(value); });
-        time("write", "ours", [&] {
-            std::string payload;
-            Data::serialize(topic, payload, sample);
-            return payload.size();
-        });
-        time("read", other, [&] {
-            read(text, value);
-            return text.size();
-        });
-        time("read", "ours", [&] {
-            Data::deserialize(topic, text, false, value);
-            return text.size();
-        });
-    }
+        return Figures{{"write", "ns", nanosecondsPerCall(writeOnce, options.secondsInProcess)},
+                       {"read", "ns", nanosecondsPerCall(readAndReturn, options.secondsInProcess)}};
+    };
+    auto const writeOurs = [&] {
+        std::string payload;
+        Data::serialize(topic, payload, sample);
+        return payload.size();
+    };
+    auto const others = [&](int) {
+        return time([&] { return write(value); }, [&] { read(text, value); });
+    };
+    auto const ours = [&](int) {
+        return time(writeOurs, [&] { Data::deserialize(topic, text, false, value); });
+    };
+    measureInTurns(options, {"documents", name}, {{other, others}, {"ours", ours}});
 }
 
 template <class T>
@@ -53,8 +51,7 @@ void measureDocument(Options const& options, char const* name, T const& sample,
     auto const write = [](T& value) {
         return rapid::write(value, [](auto const& buffer) { return buffer.GetSize(); });
     };
-    auto const read = [](std::string const& text, T& value) { rapid::read(text, value); };
-    measureBeside("RapidJSON", write, read, options, name, sample, topic);
+    measureBeside("RapidJSON", write, rapid::read<T>, options, name, sample, topic);
 }
 
 template <class T>
@@ -70,37 +67,34 @@ void measureFields(Options const& options, char const* name, T const& sample) {
 
 void measureDocuments(Options const& options) {
     mqtt::Link const link{"site/building/device/4711"};
-    mqtt::RequestReply::Reply const reply = sampleReply();
     measureDocument(options, "communication", sampleCommunication());
     measureDocument(options, "identification", sampleIdentification());
     measureDocument(options, "status", conv::ServiceStatus{1, 3});
     measureDocument(options, "link", link);
     measureDocument(options, "10 links", std::vector<mqtt::Link>(10, link));
     measureDocument(options, "1000 links", std::vector<mqtt::Link>(1000, link));
-    measureDocument(options, "reply", reply, requestAndReply().replyTopic);
+    measureDocument(options, "reply", sampleReply(), requestAndReply().replyTopic);
     measureFields(options, "two fields", sample::Reading{12.5, "C"});
-    measureFields(options, "nine fields",
-                  sample::Measurement{12.5,
-                                      "litres per minute",
-                                      4711,
-                                      true,
-                                      conv::UnixTime(1700000000.5),
-                                      sample::Mode::FORWARD,
-                                      {1.25, -7},
-                                      "a note",
-                                      {1, 20, 300}});
-}
-
-void run(Options const& options) {
-    pinToOneProcessor();
-    measureDocuments(options);
-    measureDispatch(options);
-    measurePaths(options);
+    sample::Measurement const nine{12.5,
+                                   "litres per minute",
+                                   4711,
+                                   true,
+                                   conv::UnixTime(1700000000.5),
+                                   sample::Mode::FORWARD,
+                                   {1.25, -7},
+                                   "a note",
+                                   {1, 20, 300}};
+    measureFields(options, "nine fields", nine);
 }
 
 } // namespace
 } // namespace bench
 
 int main(int argc, char** argv) {
-    return bench::runProgram(argc, argv, bench::run);
+    return bench::runProgram(argc, argv, [](bench::Options const& options) {
+        bench::pinToOneProcessor();
+        bench::measureDocuments(options);
+        bench::measureDispatch(options);
+        bench::measurePaths(options);
+    });
 }

@@ -1,17 +1,15 @@
 #include "measurements.hpp"
 
-#include "samples.hpp"
-
 #include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstddef>
+#include <utility>
 
 namespace bench {
 namespace {
 
 using Clock = std::chrono::steady_clock;
-using Figures = std::vector<Figure>;
 using Samples = std::vector<double>;
 using Library = ClientLibrary const&;
 using Broker = BenchmarkBroker const&;
@@ -27,12 +25,91 @@ double secondsSince(Clock::time_point start) {
     return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
-/// @param fraction above 0, up to 1
-double percentile(Samples samples, double fraction) {
+template <class Action>
+double secondsOf(Action&& action) {
+    auto const start = Clock::now();
+    action();
+    return secondsSince(start);
+}
+
+/// A percentile of microseconds. @param fraction above 0, up to 1
+Figure figureOf(char const* name, Samples samples, double fraction) {
     std::sort(samples.begin(), samples.end());
     auto const rank = std::ceil(fraction * static_cast<double>(samples.size()));
-    return samples[static_cast<std::size_t>(rank) - 1];
+    return {name, "us", samples[static_cast<std::size_t>(rank) - 1]};
 }
+
+// Clients that work together
+
+/// The broker handles the packets of one client in their order.
+void subscribeAndConfirm(BenchmarkClient& client, BenchmarkClient::TopicId topic,
+                         MessageCounter& received) {
+    received.reset();
+    client.subscribe(topic);
+    client.publish(topic, PROBE, 0, false);
+    received.waitFor(1);
+    received.reset();
+}
+
+/// A connected client that counts the messages of one topic. The subscription is in force and the
+/// count is 0 when this returns.
+std::shared_ptr<BenchmarkClient> makeCountingSubscriber(ClientLibrary const& library,
+                                                        BenchmarkBroker const& broker,
+                                                        std::string const& topic,
+                                                        MessageCounter& received) {
+    std::shared_ptr<BenchmarkClient> client = library.makeClient(broker);
+    client->onMessage = [&received](std::string_view /*payload*/) { received.add(); };
+    client->connect();
+    subscribeAndConfirm(*client, client->addTopic(topic), received);
+    return client;
+}
+
+/// Two connected clients: one asks on one topic, the other one answers each request on another
+/// topic. Requests and replies are always the same text, at QoS 2.
+class Dialogue {
+public:
+    /// The asking client is not subscribed to the replies yet.
+    Dialogue(ClientLibrary const& library, BenchmarkBroker const& broker, ExchangeTexts texts)
+        : texts_(std::move(texts)),
+          responder_(library.makeClient(broker)),
+          requester_(library.makeClient(broker)) {
+        responder_->onMessage = [this](std::string_view payload) { answer(payload); };
+        responder_->connect();
+        subscribeAndConfirm(*responder_, responder_->addTopic(texts_.requestTopic), probes_);
+        requester_->onMessage = [this](std::string_view /*payload*/) { replies_.add(); };
+        requester_->connect();
+    }
+
+    void subscribe() { requester_->subscribe(replyTopic_); }
+    void unsubscribe() { requester_->unsubscribe(replyTopic_); }
+    /// Sends so many requests in a row, and returns when all replies have come.
+    void ask(unsigned count) {
+        replies_.reset();
+        for (unsigned sent = 0; sent < count; ++sent) {
+            requester_->publish(requestTopic_, texts_.request, 2, false);
+        }
+        replies_.waitFor(count);
+    }
+
+private:
+    /// An answer to the probe could come late, and count as the reply to the first request.
+    void answer(std::string_view request) {
+        if (request == PROBE) {
+            probes_.add();
+        } else {
+            responder_->publish(responderReplyTopic_, texts_.reply, 2, false);
+        }
+    }
+
+    ExchangeTexts const texts_;
+    MessageCounter probes_;
+    MessageCounter replies_;
+    std::unique_ptr<BenchmarkClient> const responder_;
+    std::unique_ptr<BenchmarkClient> const requester_;
+    BenchmarkClient::TopicId const responderReplyTopic_ = responder_->addTopic(texts_.replyTopic);
+    BenchmarkClient::TopicId const requestTopic_ = requester_->addTopic(texts_.requestTopic);
+    BenchmarkClient::TopicId const replyTopic_ = requester_->addTopic(texts_.replyTopic);
+};
 
 // Throughput
 
@@ -58,9 +135,7 @@ Figures measureThroughput(Action const& publish, MessageCounter& received,
                           BenchmarkBroker const& broker, std::uint64_t messages) {
     double const clientsBefore = cpuSeconds(CLOCK_PROCESS_CPUTIME_ID);
     double const brokerBefore = broker.cpuSeconds();
-    auto const start = Clock::now();
-    publishAll(publish, received, messages);
-    double const seconds = secondsSince(start);
+    double const seconds = secondsOf([&] { publishAll(publish, received, messages); });
     double const clients = cpuSeconds(CLOCK_PROCESS_CPUTIME_ID) - clientsBefore;
     auto const count = static_cast<double>(messages);
     return {{"throughput", "msg/s", count / seconds},
@@ -68,13 +143,12 @@ Figures measureThroughput(Action const& publish, MessageCounter& received,
             {"broker CPU", "us/msg", (broker.cpuSeconds() - brokerBefore) / count * MICROSECONDS}};
 }
 
-Measurement throughput(int qos, std::size_t size, Effort const& effort) {
+ClientMeasurement throughput(int qos, std::size_t size, Effort const& effort) {
     return {"throughput-qos" + std::to_string(qos) + '-' + std::to_string(size),
             [=](Library library, Broker broker) {
                 MessageCounter received;
-                auto const subscriber =
-                    makeCountingSubscriber(library, broker.port(), TOPIC, received);
-                auto const publisher = library.makeClient(broker.port());
+                auto const subscriber = makeCountingSubscriber(library, broker, TOPIC, received);
+                auto const publisher = library.makeClient(broker);
                 auto const topic = publisher->addTopic(TOPIC);
                 publisher->connect();
                 std::string const payload(size, 'x');
@@ -84,26 +158,18 @@ Measurement throughput(int qos, std::size_t size, Effort const& effort) {
             }};
 }
 
-Measurement valueThroughput(char const* name, Document document, Effort const& effort) {
+ClientMeasurement valueThroughput(char const* name, Document document, Effort const& effort) {
     return {name, [=](Library library, Broker broker) {
                 // Values are retained: a topic that was used before would bring an old one.
                 static unsigned runs = 0;
                 std::string const topic = "bench/device" + std::to_string(++runs);
                 MessageCounter received;
-                auto const publish =
-                    library.makeValueStream(broker.port(), topic, document, received);
+                auto const publish = library.makeValueStream(broker, topic, document, received);
                 return measureThroughput(publish, received, broker, effort.messages);
             }};
 }
 
 // Latency
-
-template <class Action>
-double microsecondsOf(Action&& action) {
-    auto const start = Clock::now();
-    action();
-    return secondsSince(start) * MICROSECONDS;
-}
 
 /// Repeats until there are enough samples, or until enough time has gone by: a sample takes from a
 /// tenth of a millisecond to a second.
@@ -118,13 +184,14 @@ void takeSamples(unsigned count, Effort const& effort, Sample&& sample) {
 
 Figures measureLatencies(Effort const& effort, Action const& action) {
     Samples samples;
-    takeSamples(effort.latencies, effort, [&] { samples.push_back(microsecondsOf(action)); });
-    return {{"p50", "us", percentile(samples, 0.5)}, {"p99", "us", percentile(samples, 0.99)}};
+    takeSamples(effort.latencies, effort,
+                [&] { samples.push_back(MICROSECONDS * secondsOf(action)); });
+    return {figureOf("p50", samples, 0.5), figureOf("p99", samples, 0.99)};
 }
 
-Measurement acknowledgement(int qos, Effort const& effort) {
+ClientMeasurement acknowledgement(int qos, Effort const& effort) {
     return {"acknowledge-qos" + std::to_string(qos), [=](Library library, Broker broker) {
-                auto const publisher = library.makeClient(broker.port());
+                auto const publisher = library.makeClient(broker);
                 auto const topic = publisher->addTopic(TOPIC);
                 publisher->connect();
                 return measureLatencies(effort,
@@ -132,73 +199,100 @@ Measurement acknowledgement(int qos, Effort const& effort) {
             }};
 }
 
-Measurement dialogue(char const* name, Effort const& effort, void (*exchange)(Dialogue&)) {
+ClientMeasurement dialogue(char const* name, Effort const& effort, void (*exchange)(Dialogue&)) {
     return {name, [=](Library library, Broker broker) {
-                Dialogue dialogue(library, broker.port(),
+                Dialogue dialogue(library, broker,
                                   {"bench/device/question", "bench/panel/answer", TEXT, TEXT});
                 dialogue.subscribe();
                 return measureLatencies(effort, [&] { exchange(dialogue); });
             }};
 }
 
-Measurement requestReply(Effort const& effort) {
+ClientMeasurement requestReply(Effort const& effort) {
     return {"request-reply", [=](Library library, Broker broker) {
-                return measureLatencies(effort, library.makeRequester(broker.port()));
+                return measureLatencies(effort, library.makeRequester(broker));
             }};
 }
 
-Measurement connecting(Effort const& effort) {
+ClientMeasurement connecting(Effort const& effort) {
     return {"connect", [=](Library library, Broker broker) {
-                auto const client = library.makeClient(broker.port());
+                auto const client = library.makeClient(broker);
                 Samples connects;
                 Samples both;
                 takeSamples(effort.connections, effort, [&] {
-                    connects.push_back(microsecondsOf([&] { client->connect(); }));
-                    both.push_back(connects.back() + microsecondsOf([&] { client->disconnect(); }));
+                    connects.push_back(MICROSECONDS * secondsOf([&] { client->connect(); }));
+                    both.push_back(connects.back()
+                                   + MICROSECONDS * secondsOf([&] { client->disconnect(); }));
                 });
-                return Figures{{"connect p50", "us", percentile(connects, 0.5)},
-                               {"connect p99", "us", percentile(connects, 0.99)},
-                               {"connect and disconnect p50", "us", percentile(both, 0.5)}};
+                return Figures{figureOf("connect p50", connects, 0.5),
+                               figureOf("connect p99", connects, 0.99),
+                               figureOf("connect and disconnect p50", both, 0.5)};
             }};
 }
 
 } // namespace
 
-Measurement firstExchanges(Effort const& effort) {
+Action ClientLibrary::makeValueStream(BenchmarkBroker const& broker, std::string const& topic,
+                                      Document document, MessageCounter& received) const {
+    if (hasTypes) {
+        return makeOurValueStream(broker, topic, document, received);
+    }
+    bool const isShort = document == Document::COMMUNICATION;
+    auto const whole = topic + (isShort ? "/communication" : "/identification");
+    auto const text = isShort ? textOf(sampleCommunication()) : textOf(sampleIdentification());
+    auto const subscriber = makeCountingSubscriber(*this, broker, whole, received);
+    std::shared_ptr<BenchmarkClient> const publisher = makeClient(broker);
+    auto const id = publisher->addTopic(whole);
+    publisher->connect();
+    return [subscriber, publisher, id, text] { publisher->publishInStream(id, text, 2, true); };
+}
+
+Action ClientLibrary::makeRequester(BenchmarkBroker const& broker) const {
+    if (hasTypes) {
+        return makeOurRequester(broker);
+    }
+    auto const dialogue = std::make_shared<Dialogue>(*this, broker, requestAndReply());
+    return [dialogue] {
+        dialogue->subscribe();
+        dialogue->ask(1);
+        dialogue->unsubscribe();
+    };
+}
+
+ClientMeasurement firstExchanges(Effort const& effort) {
     return {"first-exchanges", [=](Library library, Broker broker) {
                 constexpr int EXCHANGES = 24;
                 Samples samples;
                 // Client and service connect anew each time.
                 takeSamples(effort.connections, effort, [&] {
-                    auto const request = library.makeRequester(broker.port());
+                    auto const request = library.makeRequester(broker);
                     for (int i = 0; i < EXCHANGES; ++i) {
-                        samples.push_back(microsecondsOf(request));
+                        samples.push_back(MICROSECONDS * secondsOf(request));
                     }
                 });
-                return Figures{{"p50", "us", percentile(samples, 0.5)},
-                               {"p99", "us", percentile(samples, 0.99)},
-                               {"slowest", "us", percentile(samples, 1)}};
+                return Figures{figureOf("p50", samples, 0.5), figureOf("p99", samples, 0.99),
+                               figureOf("slowest", samples, 1)};
             }};
 }
 
-std::vector<Measurement> allMeasurements(Effort const& effort) {
-    std::vector<Measurement> all;
-    for (int const qos : {0, 1, 2}) {
-        all.push_back(throughput(qos, 64, effort));
-        all.push_back(throughput(qos, 1024, effort));
-    }
-    all.push_back(valueThroughput("values-communication", Document::COMMUNICATION, effort));
-    all.push_back(valueThroughput("values-identification", Document::IDENTIFICATION, effort));
-    all.push_back(acknowledgement(1, effort));
-    all.push_back(acknowledgement(2, effort));
-    all.push_back(dialogue("round-trip", effort, [](Dialogue& both) { both.ask(1); }));
-    all.push_back(dialogue("burst-of-four", effort, [](Dialogue& both) { both.ask(4); }));
-    all.push_back(requestReply(effort));
-    all.push_back(connecting(effort));
-    return all;
+std::vector<ClientMeasurement> allMeasurements(Effort const& effort) {
+    return {throughput(0, 64, effort),
+            throughput(0, 1024, effort),
+            throughput(1, 64, effort),
+            throughput(1, 1024, effort),
+            throughput(2, 64, effort),
+            throughput(2, 1024, effort),
+            valueThroughput("values-communication", Document::COMMUNICATION, effort),
+            valueThroughput("values-identification", Document::IDENTIFICATION, effort),
+            acknowledgement(1, effort),
+            acknowledgement(2, effort),
+            dialogue("round-trip", effort, [](Dialogue& both) { both.ask(1); }),
+            dialogue("burst-of-four", effort, [](Dialogue& both) { both.ask(4); }),
+            requestReply(effort),
+            connecting(effort)};
 }
 
-std::vector<Measurement> measurementsOfEncryption(Effort const& effort) {
+std::vector<ClientMeasurement> measurementsOfEncryption(Effort const& effort) {
     return {throughput(0, 64, effort),   throughput(1, 64, effort), throughput(2, 64, effort),
             throughput(1, 1024, effort), requestReply(effort),      connecting(effort)};
 }

@@ -1,6 +1,5 @@
 #pragma once
 
-#include "benchmark_broker.hpp"
 #include "benchmark_client.hpp"
 #include "program.hpp"
 
@@ -10,10 +9,6 @@
 #include <vector>
 
 namespace bench {
-
-/// What a connected client holds that does nothing: memory, threads, descriptors. The first of many
-/// brings what the process has only once and is left out. To be called in a fresh process.
-void measureIdleClients(Options const& options, ClientLibrary const& library);
 
 /// How far the time base's estimate of a server's clock is from the truth after the first
 /// synchronisation.
@@ -27,23 +22,17 @@ struct Effort {
     double longestSecondsForLatencies = 4.0; ///< ends the taking of latencies and connections
 };
 
-struct Figure {
-    char const* name;
-    char const* unit;
-    double value;
-};
-
-struct Measurement {
+struct ClientMeasurement {
     std::string name;
     /// Makes clients of the library, measures, and leaves nothing behind.
-    std::function<std::vector<Figure>(ClientLibrary const&, BenchmarkBroker const&)> run;
+    std::function<Figures(ClientLibrary const&, BenchmarkBroker const&)> run;
 };
 
 /// All but the next ones.
-std::vector<Measurement> allMeasurements(Effort const& effort);
+std::vector<ClientMeasurement> allMeasurements(Effort const& effort);
 /// A choice of them, for encrypted connections.
-std::vector<Measurement> measurementsOfEncryption(Effort const& effort);
+std::vector<ClientMeasurement> measurementsOfEncryption(Effort const& effort);
 /// The first 24 requests of each of many connections.
-Measurement firstExchanges(Effort const& effort);
+ClientMeasurement firstExchanges(Effort const& effort);
 
 } // namespace bench

@@ -8,7 +8,6 @@
 #include <deque>
 #include <stdexcept>
 #include <utility>
-#include <vector>
 
 namespace bench {
 namespace {
@@ -28,10 +27,10 @@ void finish(Token const& token) {
 }
 
 /// Without persistence, which the other libraries do not have either.
-class PahoClient final : public BenchmarkClient {
+class PahoClient final : public ClientWithTopics<mqtt::string_ref> {
 public:
-    explicit PahoClient(int port)
-        : client_("tcp://" + std::string(BROKER_HOST) + ':' + std::to_string(port), nextName(),
+    explicit PahoClient(BenchmarkBroker const& broker)
+        : client_("tcp://" + broker.host() + ':' + std::to_string(broker.port()), nextName(),
                   PAHO_LIMIT, nullptr) {
         client_.set_message_callback([this](mqtt::const_message_ptr const& message) {
             auto const& payload = message->get_payload_ref();
@@ -43,8 +42,6 @@ public:
         // Returns when Paho's threads are outside the old callback.
         client_.set_message_callback([](mqtt::const_message_ptr const& /*message*/) {});
     }
-    PahoClient(PahoClient const&) = delete;
-    PahoClient& operator=(PahoClient const&) = delete;
 
     void connect() override {
         finish(client_.connect(mqtt::connect_options_builder()
@@ -59,12 +56,8 @@ public:
         }
     }
 
-    TopicId addTopic(std::string const& text) override {
-        topics_.emplace_back(text);
-        return topics_.size() - 1;
-    }
-    void subscribe(TopicId topic) override { client_.subscribe(topics_[topic].str(), 0); }
-    void unsubscribe(TopicId topic) override { client_.unsubscribe(topics_[topic].str()); }
+    void subscribe(TopicId topic) override { client_.subscribe(formOf(topic).str(), 0); }
+    void unsubscribe(TopicId topic) override { client_.unsubscribe(formOf(topic).str()); }
     void publish(TopicId topic, std::string const& payload, int qos, bool retain) override {
         send(topic, payload, qos, retain);
     }
@@ -88,7 +81,7 @@ private:
     }
 
     mqtt::delivery_token_ptr send(TopicId topic, std::string const& payload, int qos, bool retain) {
-        return client_.publish(topics_[topic], payload.data(), payload.size(), qos, retain);
+        return client_.publish(formOf(topic), payload.data(), payload.size(), qos, retain);
     }
 
     /// Not for all of them: publisher and broker would take turns in doing nothing.
@@ -99,24 +92,22 @@ private:
         }
     }
 
-    std::vector<mqtt::string_ref> topics_;
     std::deque<mqtt::delivery_token_ptr> inFlight_;
     mqtt::async_client client_;
 };
 
 } // namespace
 
-std::unique_ptr<ClientLibrary> pahoLibrary() {
-    return std::make_unique<ClientLibrary>(
-        "Paho", [](int port) { return std::make_unique<PahoClient>(port); });
+std::optional<ClientLibrary> pahoLibrary() {
+    return ClientLibrary{"Paho", std::make_unique<PahoClient, BenchmarkBroker const&>};
 }
 
 } // namespace bench
 
 #else
 
-std::unique_ptr<bench::ClientLibrary> bench::pahoLibrary() {
-    return nullptr;
+std::optional<bench::ClientLibrary> bench::pahoLibrary() {
+    return std::nullopt;
 }
 
 #endif

@@ -2,7 +2,6 @@
 
 #include "in_process.hpp"
 #include "rapidjson_documents.hpp"
-#include "resources.hpp"
 #include "samples.hpp"
 
 #include "support/allocations.hpp"
@@ -38,10 +37,7 @@ public:
         std::string const payload(static_cast<char const*>(message.payload),
                                   static_cast<std::size_t>(message.payloadlen));
         std::lock_guard<std::mutex> const lock(mutex_);
-        auto const handler = handlers_.find(topic);
-        if (handler != handlers_.end()) {
-            handler->second(payload);
-        }
+        handlers_.at(topic)(payload);
         return payload.size();
     }
 
@@ -79,25 +75,20 @@ class ValueSubscriber final : public mqtt::MqttData<T>::Subscriber {
     }
 };
 
-/// Of the second call: the first one prepares what the next ones use again.
-double allocationsOf(TimedAction const& action) {
-    action();
-    support::AllocationCount const count;
-    action();
-    return static_cast<double>(count.value());
-}
-
 void measurePath(Options const& options, std::string const& name, TimedAction const& ours,
                  TimedAction const& byHand) {
-    int const repetitions = repetitionsOf(options, "paths", name, 9);
-    for (int repetition = 0; repetition < repetitions; ++repetition) {
-        for (auto const& [library, action] : {std::pair{"by hand", &byHand}, {"ours", &ours}}) {
-            print({"paths", name, "allocations", "", library, "", repetition,
-                   allocationsOf(*action)});
-            print({"paths", name, "processor time", "ns", library, "", repetition,
-                   nanosecondsPerCall(*action, options.secondsInProcess)});
-        }
-    }
+    auto const figures = [&](TimedAction const& action) {
+        action(); // prepares what the next ones use again
+        support::AllocationCount const count;
+        action();
+        auto const allocations = static_cast<double>(count.value());
+        return Figures{
+            {"allocations", "", allocations},
+            {"processor time", "ns", nanosecondsPerCall(action, options.secondsInProcess)}};
+    };
+    measureInTurns(options, {"paths", name},
+                   {{"by hand", [&](int) { return figures(byHand); }},
+                    {"ours", [&](int) { return figures(ours); }}});
 }
 
 void measureTexts(Options const& options) {
@@ -110,8 +101,8 @@ void measureTexts(Options const& options) {
     }
     byHand.subscribe(TOPIC, [](auto const& payload) { resultOfTimedAction = payload.size(); });
     std::string const text(1000, 'x');
+    std::string topicText = TOPIC;
     for (std::string payload : {std::string("21.5"), text}) {
-        std::string topicText = TOPIC;
         auto const message = messageOf(topicText.data(), payload);
         measurePath(
             options, "receive " + std::to_string(payload.size()) + " bytes",
@@ -143,17 +134,12 @@ void measureValues(Options const& options, T const& sample, std::string const& n
 
     mqtt::MqttData<T> sender(client, mqtt::Topic(TOPIC));
     sender.value = sample;
-    auto const sendOurs = [&] {
-        sender.publish();
-        return std::size_t{1};
+    auto const asText = [](auto const& buffer) {
+        return std::string(buffer.GetString(), buffer.GetSize());
     };
-    auto const sendByHand = [&] {
-        return byHand.publish(std::string(TOPIC) + "/value",
-                              rapid::write(value, [](auto const& buffer) {
-                                  return std::string(buffer.GetString(), buffer.GetSize());
-                              }));
-    };
-    measurePath(options, "send " + name, sendOurs, sendByHand);
+    measurePath(
+        options, "send " + name, [&] { return sender.publish(), std::size_t{1}; },
+        [&] { return byHand.publish(std::string(TOPIC) + "/value", rapid::write(value, asText)); });
 }
 
 } // namespace

@@ -1,13 +1,11 @@
 #include "program.hpp"
 
-#include <getopt.h>
 #include <mosquitto.h>
 #include <sched.h>
 
 #include <cerrno>
 #include <cstddef>
 #include <cstdio>
-#include <cstdlib>
 #include <exception>
 #include <stdexcept>
 #include <system_error>
@@ -24,39 +22,27 @@ constexpr char const* USAGE =
     "  --control                    libmosquittopp in the place of our client: shows the noise\n"
     "  --quick                      one short repetition: shows only that it works\n";
 
-/// @throws std::invalid_argument with the usage when the command line is wrong
-Options parseOptions(int argc, char** argv) {
-    constexpr option OPTIONS[] = {{"only", required_argument, nullptr, 'o'},
-                                  {"idle", required_argument, nullptr, 'i'},
-                                  {"repetitions", required_argument, nullptr, 'r'},
-                                  {"broker", required_argument, nullptr, 'b'},
-                                  {"control", no_argument, nullptr, 'c'},
-                                  {"quick", no_argument, nullptr, 'q'},
-                                  {nullptr, 0, nullptr, 0}};
+/// @throws std::exception when the command line is wrong
+Options parseOptions(std::vector<std::string> const& words) {
     Options options;
-    // NOLINTNEXTLINE(concurrency-mt-unsafe): there is one thread only
-    for (int letter = 0; (letter = ::getopt_long(argc, argv, "", OPTIONS, nullptr)) != -1;) {
-        std::string const value = optarg == nullptr ? "" : optarg;
-        if (letter == 'o') {
-            options.only = value;
-        } else if (letter == 'i') {
-            options.idle = value;
-        } else if (letter == 'r' && std::atoi(value.c_str()) > 0) {
-            options.repetitions = std::atoi(value.c_str());
-        } else if (letter == 'b' && (value == "shipped" || value == "nodelay")) {
-            options.brokers = {value == "shipped" ? SHIPPED : NODELAY};
-        } else if (letter == 'c') {
+    for (std::size_t i = 0; i < words.size(); ++i) {
+        auto const& word = words[i];
+        if (word == "--control") {
             options.control = true;
-        } else if (letter == 'q') {
+        } else if (word == "--quick") {
             options.quick = true;
             options.secondsInProcess = 0.005;
+        } else if (word == "--only") {
+            options.only = words.at(++i);
+        } else if (word == "--idle") {
+            options.idle = words.at(++i);
+        } else if (word == "--repetitions") {
+            options.repetitions = std::stoi(words.at(++i));
+        } else if (word == "--broker") {
+            options.brokers = {words.at(++i) == "nodelay" ? NODELAY : SHIPPED};
         } else {
-            optind = 0;
-            break;
+            throw std::invalid_argument(USAGE);
         }
-    }
-    if (optind != argc) {
-        throw std::invalid_argument(USAGE);
     }
     return options;
 }
@@ -66,28 +52,38 @@ void printConditions() {
     int minor = 0;
     int revision = 0;
     mosquitto_lib_version(&major, &minor, &revision);
-    std::printf(R"({"conditions": "libmosquittopp %d.%d.%d, compiler %s"})"
+    std::printf("{\"conditions\": \"libmosquittopp %d.%d.%d, compiler %s\"}\n", major, minor,
+                revision, __VERSION__);
+}
+
+void print(Measurement const& measurement, char const* library, int repetition,
+           Figure const& figure) {
+    std::printf(R"({"program": "%s", "measurement": "%s", "figure": "%s", "library": "%s", )"
+                R"("broker": "%s", "repetition": %d, "value": %.9g, "unit": "%s"})"
                 "\n",
-                major, minor, revision, __VERSION__);
+                measurement.program, measurement.name.c_str(), figure.name.c_str(), library,
+                measurement.broker, repetition, figure.value, figure.unit);
+    std::fflush(stdout);
 }
 
 } // namespace
 
-void print(Result const& result) {
-    std::printf(R"({"program": "%s", "measurement": "%s", "figure": "%s", "library": "%s", )"
-                R"("broker": "%s", "repetition": %d, "value": %.9g, "unit": "%s"})"
-                "\n",
-                result.program, result.measurement.c_str(), result.figure.c_str(), result.library,
-                result.broker, result.repetition, result.value, result.unit);
-    std::fflush(stdout);
+bool isWanted(Options const& options, Measurement const& measurement) {
+    auto const text = measurement.program + (' ' + measurement.name);
+    return text.find(options.only) != std::string::npos;
 }
 
-int repetitionsOf(Options const& options, std::string const& program,
-                  std::string const& measurement, int usual) {
-    if ((program + ' ' + measurement).find(options.only) == std::string::npos) {
-        return 0;
+void measureInTurns(Options const& options, Measurement const& measurement,
+                    std::vector<Side> const& sides) {
+    int const usual = options.quick ? 1 : measurement.usualRepetitions;
+    int const repetitions = options.repetitions > 0 ? options.repetitions : usual;
+    for (int i = 0; i < repetitions && isWanted(options, measurement); ++i) {
+        for (auto const& side : sides) {
+            for (auto const& figure : side.measure(i)) {
+                print(measurement, side.library, i, figure);
+            }
+        }
     }
-    return options.repetitions > 0 ? options.repetitions : options.quick ? 1 : usual;
 }
 
 void pinToOneProcessor() {
@@ -107,7 +103,7 @@ void pinToOneProcessor() {
 
 int runProgram(int argc, char** argv, void (*run)(Options const&)) {
     try {
-        Options const options = parseOptions(argc, argv);
+        Options const options = parseOptions({argv + 1, argv + argc});
         printConditions();
         run(options);
         return 0;

@@ -1,6 +1,13 @@
 #pragma once
 
+#include <malloc.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <ctime>
+#include <functional>
 #include <string>
+#include <system_error>
 #include <vector>
 
 namespace bench {
@@ -21,22 +28,33 @@ struct Options {
     std::vector<char const*> brokers{SHIPPED, NODELAY};
 };
 
-/// One line of output, in JSON.
-struct Result {
-    char const* program;     ///< the group: clients, idle, documents, ...
-    std::string measurement; ///< what was done
-    std::string figure;      ///< which number of it: throughput, p50, ...
-    char const* unit;
-    char const* library; ///< who did it: ours, raw, Paho, ...
-    char const* broker;  ///< the broker's configuration; empty: none took part
-    int repetition = 0;
-    double value = 0;
+struct Measurement {
+    char const* program; ///< the group: clients, idle, documents, ...
+    std::string name;
+    int usualRepetitions = 9;
+    char const* broker = ""; ///< the broker's configuration; empty: none takes part
 };
 
-void print(Result const& result);
-/// How often a measurement is repeated; 0 where `--only` asks for others.
-int repetitionsOf(Options const& options, std::string const& program,
-                  std::string const& measurement, int usual);
+struct Figure {
+    std::string name; ///< throughput, p50, ...
+    char const* unit;
+    double value;
+};
+using Figures = std::vector<Figure>;
+
+/// One of those that are compared.
+struct Side {
+    char const* library; ///< ours, raw, Paho, ...
+    /// Measures once.
+    std::function<Figures(int repetition)> measure;
+};
+
+/// Whether `--only` leaves it in.
+bool isWanted(Options const& options, Measurement const& measurement);
+/// Measures all sides in each repetition, one after the other, so that what disturbs the machine
+/// for a second disturbs all. Prints a line of JSON for each figure.
+void measureInTurns(Options const& options, Measurement const& measurement,
+                    std::vector<Side> const& sides);
 
 /// Puts this process, and all threads and processes that it starts later, on the last processor
 /// that it may use. Over several processors a round trip takes up to four times as long, depending
@@ -46,5 +64,42 @@ void pinToOneProcessor();
 /// Prints the versions that the figures depend on, and calls `run` with the options.
 /// @return what main() returns
 int runProgram(int argc, char** argv, void (*run)(Options const&));
+
+/// The processor time that a process or thread has used so far, in seconds.
+inline double cpuSeconds(clockid_t clock) {
+    timespec now{};
+    if (::clock_gettime(clock, &now) != 0) {
+        throw std::system_error(errno, std::generic_category(), "clock_gettime");
+    }
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
+}
+
+/// Takes the result of every action that is timed, so that the compiler cannot leave it out.
+inline std::size_t volatile resultOfTimedAction = 0;
+
+/// Calls an action for so many seconds.
+/// @return the processor time of one call in nanoseconds. No action waits, and processor time does
+///         not count what other processes do.
+template <class Action>
+double nanosecondsPerCall(Action&& action, double seconds) {
+    constexpr unsigned CALLS_PER_CLOCK_READ = 64;
+    double passed = 0;
+    double calls = 0;
+    double const start = cpuSeconds(CLOCK_THREAD_CPUTIME_ID);
+    while (passed < seconds) {
+        for (unsigned i = 0; i < CALLS_PER_CLOCK_READ; ++i) {
+            resultOfTimedAction = action();
+        }
+        calls += CALLS_PER_CLOCK_READ;
+        passed = cpuSeconds(CLOCK_THREAD_CPUTIME_ID) - start;
+    }
+    return passed / calls * 1e9;
+}
+
+/// Bytes of heap that this process uses.
+inline std::size_t heapInUse() {
+    auto const info = ::mallinfo2();
+    return info.uordblks + info.hblkhd;
+}
 
 } // namespace bench

@@ -13,7 +13,6 @@
 #include <stdexcept>
 #include <string>
 #include <type_traits>
-#include <utility>
 #include <vector>
 
 /// The documents as a user of RapidJSON alone would write and read them: a Writer into a buffer,
@@ -30,23 +29,18 @@ void visitMembers(conv::CommunicationStatus& value, Visit visit) {
     visit("since", value.since.seconds);
 }
 
-constexpr std::pair<char const*, std::string conv::Identification::*> IDENTIFICATION[] = {
-    {"uuid", &conv::Identification::uuid},
-    {"manufacturer", &conv::Identification::manufacturer},
-    {"model", &conv::Identification::model},
-    {"serial", &conv::Identification::serial},
-    {"physicalName", &conv::Identification::physicalName},
-    {"name", &conv::Identification::name},
-    {"interface", &conv::Identification::interface},
-    {"version", &conv::Identification::version},
-    {"location", &conv::Identification::location},
-    {"contact", &conv::Identification::contact}};
-
 template <class Visit>
 void visitMembers(conv::Identification& value, Visit visit) {
-    for (auto const& [key, member] : IDENTIFICATION) {
-        visit(key, value.*member);
-    }
+    visit("uuid", value.uuid);
+    visit("manufacturer", value.manufacturer);
+    visit("model", value.model);
+    visit("serial", value.serial);
+    visit("physicalName", value.physicalName);
+    visit("name", value.name);
+    visit("interface", value.interface);
+    visit("version", value.version);
+    visit("location", value.location);
+    visit("contact", value.contact);
 }
 
 template <class Visit>
@@ -67,86 +61,75 @@ void visitMembers(mqtt::RequestReply::Reply& value, Visit visit) {
     visit("text", static_cast<Text&>(*value.data).text);
 }
 
-struct WriteMember {
-    template <class Member>
-    void operator()(char const* key, Member const& member) const {
-        out.Key(key);
-        if constexpr (std::is_same_v<Member, std::string>) {
-            out.String(member.data(), static_cast<rapidjson::SizeType>(member.size()));
-        } else if constexpr (std::is_floating_point_v<Member>) {
-            out.Double(member);
-        } else {
-            out.Uint(static_cast<unsigned>(member));
-        }
-    }
-
-    Writer& out;
-};
-
 inline void require(bool condition) {
     if (!condition) {
         throw std::runtime_error("RapidJSON cannot read a document");
     }
 }
 
-struct ReadMember {
-    template <class Member>
-    void operator()(char const* key, Member& member) const {
-        auto const& value = find(key);
-        if constexpr (std::is_same_v<Member, std::string>) {
-            require(value.IsString());
-            member.assign(value.GetString(), value.GetStringLength());
-        } else if constexpr (std::is_floating_point_v<Member>) {
-            require(value.IsNumber());
-            member = value.GetDouble();
-        } else {
-            require(value.IsUint());
-            member = static_cast<Member>(value.GetUint());
-        }
-    }
-
-    rapidjson::Value const& find(char const* key) const {
-        auto const member = object.FindMember(key);
-        require(member != object.MemberEnd());
-        return member->value;
-    }
-
-    rapidjson::Value const& object;
-};
-
-template <class T>
-void writeObject(Writer& out, T& value) {
-    out.StartObject();
-    visitMembers(value, WriteMember{out});
-    out.EndObject();
+inline rapidjson::Value const& find(rapidjson::Value const& object, char const* key) {
+    auto const member = object.FindMember(key);
+    require(member != object.MemberEnd());
+    return member->value;
 }
 
-inline void writeObject(Writer& out, std::vector<mqtt::Link>& links) {
+template <class T>
+void writeValue(Writer& out, T& value) {
+    if constexpr (std::is_same_v<T, std::string>) {
+        out.String(value.data(), static_cast<rapidjson::SizeType>(value.size()));
+    } else if constexpr (std::is_floating_point_v<T>) {
+        out.Double(value);
+    } else if constexpr (std::is_class_v<T>) {
+        out.StartObject();
+        visitMembers(value, [&](char const* key, auto& member) {
+            out.Key(key);
+            writeValue(out, member);
+        });
+        out.EndObject();
+    } else {
+        out.Uint(static_cast<unsigned>(value));
+    }
+}
+
+inline void writeValue(Writer& out, std::vector<mqtt::Link>& links) {
     out.StartObject();
-    WriteMember{out}("members@count", links.size());
+    out.Key("members@count");
+    out.Uint64(links.size());
     out.Key("members");
     out.StartArray();
     for (auto& link : links) {
-        writeObject(out, link);
+        writeValue(out, link);
     }
     out.EndArray();
     out.EndObject();
 }
 
 template <class T>
-void readObject(rapidjson::Value const& object, T& value) {
-    require(object.IsObject());
-    visitMembers(value, ReadMember{object});
+void readValue(rapidjson::Value const& json, T& value) {
+    if constexpr (std::is_same_v<T, std::string>) {
+        require(json.IsString());
+        value.assign(json.GetString(), json.GetStringLength());
+    } else if constexpr (std::is_floating_point_v<T>) {
+        require(json.IsNumber());
+        value = json.GetDouble();
+    } else if constexpr (std::is_class_v<T>) {
+        require(json.IsObject());
+        visitMembers(value,
+                     [&](char const* key, auto& member) { readValue(find(json, key), member); });
+    } else {
+        require(json.IsUint());
+        value = static_cast<T>(json.GetUint());
+    }
 }
 
-inline void readObject(rapidjson::Value const& object, std::vector<mqtt::Link>& links) {
-    require(object.IsObject());
-    auto const& members = ReadMember{object}.find("members");
+inline void readValue(rapidjson::Value const& json, std::vector<mqtt::Link>& links) {
+    require(json.IsObject());
+    auto const& members = find(json, "members");
     require(members.IsArray());
     links.clear();
     links.reserve(members.Size());
     for (auto const& member : members.GetArray()) {
-        readObject(member, links.emplace_back());
+        readValue(member, links.emplace_back());
     }
 }
 
@@ -156,7 +139,7 @@ template <class T, class Use>
 auto write(T& value, Use use) {
     rapidjson::StringBuffer buffer;
     Writer out(buffer);
-    writeObject(out, value);
+    writeValue(out, value);
     return use(buffer);
 }
 
@@ -166,7 +149,7 @@ template <class T>
 void read(std::string const& text, T& value) {
     rapidjson::Document document;
     require(!document.Parse(text.data(), text.size()).HasParseError());
-    readObject(document, value);
+    readValue(document, value);
 }
 
 } // namespace bench::rapid

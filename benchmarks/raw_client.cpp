@@ -7,7 +7,6 @@
 
 #include <stdexcept>
 #include <thread>
-#include <vector>
 
 namespace bench {
 namespace {
@@ -20,40 +19,43 @@ void require(int result, char const* operation) {
     }
 }
 
-class RawClient final : public BenchmarkClient, private mosqpp::mosquittopp {
+class RawClient final : public ClientWithTopics<std::string>, private mosqpp::mosquittopp {
 public:
-    RawClient(int port, bool acknowledgesPromptly)
+    RawClient(BenchmarkBroker const& broker, bool acknowledgesPromptly)
         : mosqpp::mosquittopp(nullptr, true),
-          port_(port),
+          host_(broker.host()),
+          port_(broker.port()),
           acknowledgesPromptly_(acknowledgesPromptly) {
-        if (!brokersAuthority.empty()) {
-            require(tls_set(brokersAuthority.c_str()), "tls_set");
+        if (auto const tls = broker.connectionOptions().tls) {
+            require(tls_set(tls->caFile.c_str()), "tls_set");
         }
     }
-    ~RawClient() override { stop(); }
-    RawClient(RawClient const&) = delete;
-    RawClient& operator=(RawClient const&) = delete;
+    ~RawClient() override { disconnect(); }
 
     void connect() override {
         accepted_.reset();
-        require(mosqpp::mosquittopp::connect(BROKER_HOST, port_, KEEP_ALIVE_SECONDS), "connect");
+        require(mosqpp::mosquittopp::connect(host_.c_str(), port_, KEEP_ALIVE_SECONDS), "connect");
         startThread();
         accepted_.waitFor(1);
     }
-    void disconnect() override { stop(); }
-
-    TopicId addTopic(std::string const& text) override {
-        topics_.push_back(text);
-        return topics_.size() - 1;
+    /// The library's thread must have ended before the members that the callbacks use go.
+    void disconnect() override {
+        if (!running_) {
+            return;
+        }
+        mosqpp::mosquittopp::disconnect();
+        acknowledgesPromptly_ ? thread_.join() : static_cast<void>(loop_stop());
+        running_ = false;
     }
+
     void subscribe(TopicId topic) override {
-        require(mosqpp::mosquittopp::subscribe(nullptr, topics_[topic].c_str(), 0), "subscribe");
+        require(mosqpp::mosquittopp::subscribe(nullptr, formOf(topic).c_str(), 0), "subscribe");
     }
     void unsubscribe(TopicId topic) override {
-        require(mosqpp::mosquittopp::unsubscribe(nullptr, topics_[topic].c_str()), "unsubscribe");
+        require(mosqpp::mosquittopp::unsubscribe(nullptr, formOf(topic).c_str()), "unsubscribe");
     }
     void publish(TopicId topic, std::string const& payload, int qos, bool retain) override {
-        require(mosqpp::mosquittopp::publish(nullptr, topics_[topic].c_str(),
+        require(mosqpp::mosquittopp::publish(nullptr, formOf(topic).c_str(),
                                              static_cast<int>(payload.size()), payload.data(), qos,
                                              retain),
                 "publish");
@@ -75,20 +77,6 @@ private:
         running_ = true;
     }
 
-    /// The library's thread must have ended before the members that the callbacks use go.
-    void stop() {
-        if (!running_) {
-            return;
-        }
-        mosqpp::mosquittopp::disconnect();
-        if (acknowledgesPromptly_) {
-            thread_.join();
-        } else {
-            loop_stop();
-        }
-        running_ = false;
-    }
-
     void runStepsAndAcknowledge() {
         while (loop() == MOSQ_ERR_SUCCESS) {
             int const on = 1;
@@ -107,28 +95,28 @@ private:
     }
     void on_publish(int /*messageId*/) override { acknowledged_.add(); }
 
+    std::string const host_;
     int const port_;
     bool const acknowledgesPromptly_;
-    std::vector<std::string> topics_;
     MessageCounter accepted_;
     MessageCounter acknowledged_;
     std::thread thread_;
     bool running_ = false;
 };
 
-std::unique_ptr<ClientLibrary> makeLibrary(char const* name, bool acknowledgesPromptly) {
-    return std::make_unique<ClientLibrary>(name, [acknowledgesPromptly](int port) {
-        return std::make_unique<RawClient>(port, acknowledgesPromptly);
-    });
+ClientLibrary makeLibrary(char const* name, bool acknowledgesPromptly) {
+    return {name, [=](BenchmarkBroker const& broker) {
+                return std::make_unique<RawClient>(broker, acknowledgesPromptly);
+            }};
 }
 
 } // namespace
 
-std::unique_ptr<ClientLibrary> rawLibrary(char const* name) {
+ClientLibrary rawLibrary(char const* name) {
     return makeLibrary(name, false);
 }
 
-std::unique_ptr<ClientLibrary> rawLibraryWithPromptAcknowledgements() {
+ClientLibrary rawLibraryWithPromptAcknowledgements() {
     return makeLibrary("raw, prompt", true);
 }
 

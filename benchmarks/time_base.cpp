@@ -3,12 +3,13 @@
 
 #include "measurements.hpp"
 
+#include "mqtt/test/test_client.hpp"
+
 #include <mqtt/time_base.hpp>
 
 #include <chrono>
 #include <cmath>
 #include <stdexcept>
-#include <string>
 
 namespace bench {
 namespace {
@@ -16,7 +17,6 @@ namespace {
 using zym::common::Uuid;
 using Milliseconds = std::chrono::duration<double, std::milli>;
 
-constexpr char const* MEASUREMENT = "first synchronisation";
 constexpr unsigned TIMEOUT_SECONDS = 30;
 /// The cut to milliseconds falls differently on both sides, in each run.
 constexpr double FIRST_OFFSET_SECONDS = 3600.000123;
@@ -40,38 +40,31 @@ private:
     double const offsetSeconds_;
 };
 
-void synchronizeOnce(BenchmarkBroker const& broker, int run) {
-    auto const number = static_cast<unsigned>(run);
-    Uuid const server(1000 + number);
-    mqtt::MqttClient serverClient(server, false, "server", BROKER_HOST, broker.port(), false);
-    mqtt::MqttClient client(Uuid(number + 1), false, "client", BROKER_HOST, broker.port(), false);
-    serverClient.connect(BROKER_HOST, broker.port(), TIMEOUT_SECONDS);
-    client.connect(BROKER_HOST, broker.port(), TIMEOUT_SECONDS);
+Figures synchronizeOnce(BenchmarkBroker const& broker, int run) {
+    auto const serverClient = mqtt::test::testClient(broker);
+    auto const client = mqtt::test::testClient(broker);
+    Uuid const server = mqtt::test::uniqueId();
     double const offset = FIRST_OFFSET_SECONDS + run * OFFSET_STEP_SECONDS;
-    AdaptorWithOffset const adaptor(serverClient, server, offset);
+    AdaptorWithOffset const adaptor(*serverClient, server, offset);
     // The broker acknowledges this after the server's subscription: no request comes before it.
-    serverClient.publishWait("bench/ready", "", 1, false, TIMEOUT_SECONDS);
-    mqtt::SynchronizedTimeBaseMqttProxy proxy(client, "bench", Uuid(number + 1), nullptr);
+    serverClient->publishWait("bench/ready", "", 1, false, TIMEOUT_SECONDS);
+    mqtt::SynchronizedTimeBaseMqttProxy proxy(*client, "bench", mqtt::test::uniqueId(), nullptr);
     auto const start = std::chrono::steady_clock::now();
     if (!proxy.synchronize(server, TIMEOUT_SECONDS)) {
         throw std::runtime_error("the time base was not synchronised");
     }
     Milliseconds const duration = std::chrono::steady_clock::now() - start;
-    double const error = std::abs(proxy.offset() + offset) * 1000.0;
-    print({"time-base", MEASUREMENT, "error", "ms", "ours", broker.description, run, error});
-    print({"time-base", MEASUREMENT, "duration", "ms", "ours", broker.description, run,
-           duration.count()});
+    return {{"error", "ms", std::abs(proxy.offset() + offset) * 1000.0},
+            {"duration", "ms", duration.count()}};
 }
 
 } // namespace
 
 void measureTimeBase(Options const& options) {
-    int const runs = repetitionsOf(options, "time-base", MEASUREMENT, 20);
     for (auto const* const configuration : options.brokers) {
         BenchmarkBroker const broker(configuration);
-        for (int run = 0; run < runs; ++run) {
-            synchronizeOnce(broker, run);
-        }
+        measureInTurns(options, {"time-base", "first synchronisation", 20, configuration},
+                       {{"ours", [&](int run) { return synchronizeOnce(broker, run); }}});
     }
 }
 
