@@ -6,7 +6,7 @@ import subprocess
 import tempfile
 import unittest
 
-from broker import Broker, Zymctl, wait_until, zymctl, ZYMCTL
+from broker import Broker, LIMIT, Zymctl, wait_until, zymctl, ZYMCTL
 
 DONE, FAILED, USAGE, NO_CONNECTION, NO_ANSWER, INTERRUPTED = 0, 1, 2, 3, 4, 130
 SOURCES = os.environ["SOURCES"]
@@ -40,12 +40,7 @@ class WithBroker(unittest.TestCase):
 
     def start(self, *arguments, **options):
         run = Zymctl(*arguments, port=self.broker.port, **options)
-        self.addCleanup(lambda: run.code is None and os.kill(run.pid, 9))
-        return run
-
-    def serve(self, *arguments):
-        run = self.start("serve", *arguments)
-        run.expect("serving ")
+        self.addCleanup(run.kill)
         return run
 
 
@@ -72,8 +67,8 @@ COMMANDS = [
     (["check", "collection", "plant", "31", "32", "--timeout", "1"], FAILED, "does not link", {"passed": False}),
     (["check", "link", "plant", ENTITY], DONE, "- SUCCESS", {"check": "link", "passed": True}),
     (["check", "clean", "plant/#"], FAILED, "- FAILURE", {"check": "clean", "passed": False}),
-    (["doctor"], DONE, r"(?s)Connected to .*, without TLS.*does not speak TLS.*QoS 2 arrive"
-     r".*\+ and # work.*16777216 bytes.*Discovery of entities: works", {
+    (["doctor"], DONE, r"(?s)Connected to .*, without TLS.*does not speak TLS.*QoS 2: works"
+     r".*\+: works.*#: works.*16777216 bytes.*Discovery of entities: works", {
          "connect": True, "tls": False, "qos": {"0": True, "1": True, "2": True}, "retained": True,
          "wildcards": {"plus": True, "hash": True}, "maxPayload": 1 << 24, "unsubscribeOrder": True,
          "features": dict.fromkeys(["values", "discovery", "requests", "time", "binding", "will", "cleaning"], True)}),
@@ -87,8 +82,8 @@ class EveryCommand(WithBroker):
 
     def setUp(self):
         super().setUp()
-        self.serve("plant", "draw", '{"litres": 5}', "--server", "31")
-        self.serve("plant", "refuse", "--error", "17")
+        for service in (["draw", '{"litres": 5}', "--server", "31"], ["refuse", "--error", "17"]):
+            self.start("serve", "plant", *service).expect("serving ")
 
     def check(self, terminal):
         for arguments, code, text, _ in COMMANDS:
@@ -146,13 +141,13 @@ class AnInterruption(WithBroker):
         (["time", "demo/plant", "--server", "3", "--watch"], "sample 10", DONE, "the server's clock is"),
         (["check", "collection", "plant", "32"], r"plant \(QoS", INTERRUPTED, "does not link"),
         (["clean", "absent/#", "--for", "60"], "absent/#", INTERRUPTED, "erased 0 values of absent/#, 0 left"),
-        (["doctor"], "QoS 1 arrive", INTERRUPTED, "Connected to"),
+        (["doctor"], "QoS 1: works", INTERRUPTED, "Connected to"),
     ]
 
     def interrupted(self, arguments, waits, terminal, *more):
+        seen = len(self.broker.logged())
         run = self.start(*arguments, *more, terminal=terminal)
-        wait_until(lambda: (run.read() or True) and (re.search(waits, run.everything())
-                                                     or re.search(waits, self.broker.new_log())), waits)
+        run.expect(waits, lambda: self.broker.logged(seen))
         run.interrupt()
         run.end()
         return run
@@ -162,7 +157,6 @@ class AnInterruption(WithBroker):
         self.addCleanup(device.kill)
         for arguments, waits, code, text in self.WAITING:
             with self.subTest(arguments):
-                self.broker.forget_log()
                 run = self.interrupted(arguments, waits, terminal)
                 self.assertEqual(run.code, code, run.everything())
                 self.assertRegex(plain(run.everything()), re.compile(text, re.MULTILINE))
@@ -179,10 +173,9 @@ class AnInterruption(WithBroker):
     def test_comes_also_when_nobody_reads_the_output(self):
         run = self.start("watch", "plant/#")
         run.expect("operating 1")
-        run.close_output()
+        os.close(run.output)
         self.run_zymctl("set", "plant/x", "1")
-        wait_until(lambda: os.waitpid(run.pid, os.WNOHANG)[0] == run.pid, "the end")
-        run.code = DONE
+        self.assertEqual(run.process.wait(LIMIT), DONE)
 
 
 class Device:

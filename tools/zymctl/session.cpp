@@ -1,0 +1,131 @@
+#include "session.hpp"
+
+#include "documents.hpp"
+
+#include <atomic>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <iostream>
+#include <unistd.h>
+
+namespace {
+
+std::atomic<bool> held{false};
+std::atomic<bool> interrupted{false};
+
+extern "C" void onEndingSignal(int /*number*/) {
+    if (!held || interrupted.exchange(true)) {
+        std::_Exit(static_cast<int>(ExitCode::INTERRUPTED));
+    }
+}
+
+} // namespace
+
+Interruption::Interruption() {
+    struct sigaction action {};
+    action.sa_handler = onEndingSignal;
+    action.sa_flags = SA_RESTART;
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+}
+
+void Interruption::hold() {
+    held = true;
+}
+
+bool Interruption::requested() const {
+    return interrupted;
+}
+
+void Interruption::request() {
+    interrupted = true;
+}
+
+Console::Console(Interruption& interruption)
+    : interruption_(interruption),
+      terminal_(isatty(STDOUT_FILENO) == 1),
+      errorTerminal_(isatty(STDERR_FILENO) == 1),
+      // NOLINTNEXTLINE(concurrency-mt-unsafe): nothing changes the environment
+      colours_(terminal_ && std::getenv("NO_COLOR") == nullptr) {}
+
+void Console::useJson() {
+    json_ = true;
+    colours_ = false;
+}
+
+void Console::print(std::string const& line) {
+    std::lock_guard<std::mutex> const lock(mutex_);
+    endProgress();
+    std::cout << line + '\n' << std::flush;
+    if (!std::cout) {
+        interruption_.request();
+    }
+}
+
+void Console::note(std::string const& line) {
+    std::lock_guard<std::mutex> const lock(mutex_);
+    endProgress();
+    std::cerr << line + '\n' << std::flush;
+}
+
+void Console::progress(std::string const& line) {
+    std::lock_guard<std::mutex> const lock(mutex_);
+    if (errorTerminal_ && !json_) {
+        std::cerr << "\r\033[K" + line << std::flush;
+        inProgress_ = true;
+    }
+}
+
+void Console::endProgress() {
+    if (inProgress_) {
+        std::cerr << "\r\033[K" << std::flush;
+        inProgress_ = false;
+    }
+}
+
+std::string Console::paint(Colour colour, std::string const& text) const {
+    return colours_ ? std::string("\033[3") + static_cast<char>(colour) + 'm' + text + "\033[0m"
+                    : text;
+}
+
+std::string fixed(double number, int digits) {
+    char text[400];
+    std::snprintf(text, sizeof text, "%.*f", digits, number);
+    return text;
+}
+
+JsonLine& JsonLine::text(char const* key, std::string const& value) {
+    out_.appendKey(key);
+    out_.addValue(value);
+    return *this;
+}
+
+JsonLine& JsonLine::number(char const* key, double value) {
+    out_.appendKey(key);
+    out_.addValue(value);
+    return *this;
+}
+
+JsonLine& JsonLine::boolean(char const* key, bool value) {
+    return raw(key, value ? "true" : "false");
+}
+
+JsonLine& JsonLine::raw(char const* key, std::string const& json) {
+    out_.appendKey(key);
+    out_.appendValue(json.c_str());
+    return *this;
+}
+
+JsonLine& JsonLine::payload(std::string const& payload) {
+    if (!isText(payload)) {
+        return text("payloadHex", hexadecimal(payload));
+    }
+    text("payload", payload);
+    return isJsonObject(payload) ? raw("document", payload) : *this;
+}
+
+std::string JsonLine::finish() {
+    out_.finalize();
+    return onOneLine(text_);
+}
