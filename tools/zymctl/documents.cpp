@@ -10,6 +10,7 @@
 #include <ctime>
 #include <exception>
 #include <iterator>
+#include <numeric>
 #include <sstream>
 
 using mqtt::MqttData;
@@ -60,14 +61,6 @@ std::string describeCommunication(conv::CommunicationStatus const& value) {
     auto const state = static_cast<unsigned>(value.state);
     return (state < std::size(STATES) ? STATES[state] : "state " + std::to_string(state))
            + (value.since.valid != 0 ? " since " + timeText(value.since.seconds, "%F %T") : "");
-}
-
-std::string describeIdentification(std::vector<std::string> const& parts) {
-    std::string text = '"' + parts.front() + '"';
-    for (auto part = parts.begin() + 1; part != parts.end(); ++part) {
-        text += ", " + *part;
-    }
-    return printable(text);
 }
 
 /// The document of a request or a reply, which have a client's level behind the service's name.
@@ -140,14 +133,13 @@ std::vector<std::string> readIdentification(std::string const& payload) {
     return parts;
 }
 
-bool readLinks(std::string const& payload, std::vector<mqtt::Link>& links) {
+std::optional<std::vector<mqtt::Link>> readLinks(std::string const& payload) {
     try {
-        std::vector<mqtt::Link> read;
-        mqtt::MqttDataCollection<mqtt::Link>::deserialize(Topic(), payload, payload.empty(), read);
-        links = read;
-        return true;
+        std::vector<mqtt::Link> links;
+        mqtt::MqttDataCollection<mqtt::Link>::deserialize(Topic(), payload, payload.empty(), links);
+        return links;
     } catch (std::exception const&) {
-        return false;
+        return std::nullopt;
     }
 }
 
@@ -163,9 +155,13 @@ std::string describe(Topic const& topic, std::string const& payload) {
         return "operating " + std::to_string(value.operating) + ", health "
                + std::to_string(value.health);
     }
-    if (level(1) == MqttData<conv::Identification>::TOPIC_SUFFIX) {
-        auto const parts = readIdentification(payload);
-        return parts.empty() ? printable(payload) : describeIdentification(parts);
+    if (auto const parts = readIdentification(payload);
+        level(1) == MqttData<conv::Identification>::TOPIC_SUFFIX && !parts.empty()) {
+        auto const addPart = [](std::string const& text, std::string const& part) {
+            return text + ", " + part;
+        };
+        auto const name = '"' + parts.front() + '"';
+        return printable(std::accumulate(parts.begin() + 1, parts.end(), name, addPart));
     }
     try {
         return isJsonObject(payload) ? describeCall(level(2), payload) : printable(payload);

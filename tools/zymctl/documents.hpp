@@ -3,6 +3,7 @@
 #include <mqtt/link.hpp>
 #include <mqtt/topic.hpp>
 
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -23,5 +24,5 @@ std::string describe(mqtt::Topic const& topic, std::string const& payload);
 
 /// What an identification says that is not empty, its name first. Empty: no such document.
 std::vector<std::string> readIdentification(std::string const& payload);
-/// @return false: another document; the links are unchanged
-bool readLinks(std::string const& payload, std::vector<mqtt::Link>& links);
+/// @return empty: another document
+std::optional<std::vector<mqtt::Link>> readLinks(std::string const& payload);

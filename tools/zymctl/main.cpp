@@ -37,9 +37,9 @@ constexpr char const* REQUIRED = nullptr;
 constexpr char const* OPTIONAL = "";
 
 struct Argument {
-    char const* command; ///< "": of every command
-    char const* names;   ///< of an option with dashes, otherwise of a positional argument
-    char const* type;    ///< of an option's value; of a positional argument REQUIRED or OPTIONAL
+    char const* commands; ///< that have it; "": all
+    char const* name;     ///< of an option with dashes, otherwise of a positional argument
+    char const* type;     ///< of an option's value; of a positional argument REQUIRED or OPTIONAL
     std::variant<std::string Settings::*, unsigned Settings::*, bool Settings::*,
                  std::vector<std::string> Settings::*>
         value;
@@ -72,7 +72,7 @@ constexpr Argument ARGUMENTS[] = {
 
     {"tree", "BASE", REQUIRED, &S::topic, "the topic on which the links to the entities are published"},
     {"tree", "--watch", "", &S::watch, "show each change, until Ctrl-C"},
-    {"watch", "PATTERN", REQUIRED, &S::topic, "a topic, or a pattern with + and #"},
+    {"watch clean", "PATTERN", REQUIRED, &S::topic, "a topic, or a pattern with + and #"},
     {"watch", "--count", "NUMBER", &S::count, "end after so many messages"},
     {"watch", "--for", "SECONDS", &S::seconds, "end after this time; else with Ctrl-C"},
     {"get", "TOPIC", REQUIRED, &S::topic, "its retained value, or else the next one"},
@@ -81,26 +81,15 @@ constexpr Argument ARGUMENTS[] = {
     {"set", "--qos", "0|1|2", &S::qos, "quality of service"},
     {"set", "--no-retain", "", &S::notRetained, "the broker does not keep the value"},
     {"clear", "TOPIC", REQUIRED, &S::topic, "whose value the broker forgets"},
-    {"clean", "PATTERN", REQUIRED, &S::topic, "a topic, or a pattern with + and #"},
     {"clean", "--for", "SECONDS", &S::cleanSeconds, "how long to wait for retained values"},
-    {"call", "BASE", REQUIRED, &S::topic, "the topic that all topics of the service begin with"},
-    {"call", "SERVICE", REQUIRED, &S::service, "its name"},
-    {"call", "JSON", OPTIONAL, &S::value, "the payload, an object"},
-    {"call", "--server", "ID", &S::server, "who shall answer"},
-    {"call", "--sub-path", "TOPIC", &S::subPath, "levels between server and service"},
-    {"serve", "BASE", REQUIRED, &S::topic, "the topic that all topics of the service begin with"},
-    {"serve", "SERVICE", REQUIRED, &S::service, "its name"},
-    {"serve", "JSON", OPTIONAL, &S::value, "the payload of each reply, an object"},
-    {"serve", "--server", "ID", &S::server, "whose requests to answer"},
-    {"serve", "--sub-path", "TOPIC", &S::subPath, "levels between server and service"},
+    {"call serve bind time", "BASE", REQUIRED, &S::topic, "the topic that all topics of the service begin with"},
+    {"call serve", "SERVICE", REQUIRED, &S::service, "its name"},
+    {"call serve", "JSON", OPTIONAL, &S::value, "the payload of the request, or of each reply, an object"},
+    {"call serve bind time", "--server", "ID", &S::server, "who answers"},
+    {"call serve bind", "--sub-path", "TOPIC", &S::subPath, "levels between server and service"},
     {"serve", "--error", "CODE", &S::code, "of each reply: 1 is success, 16 and above refuse"},
-    {"bind", "BASE", REQUIRED, &S::topic, "the topic that all topics of the server begin with"},
-    {"bind", "--server", "ID", &S::server, "to whom to bind"},
-    {"bind", "--sub-path", "TOPIC", &S::subPath, "levels between server and service"},
     {"bind", "--topic", "TOPIC", &S::boundTopic, "sent with the request; the service gives it a meaning"},
     {"bind", "--for", "SECONDS", &S::seconds, "how long to hold the binding; else until Ctrl-C"},
-    {"time", "BASE", REQUIRED, &S::topic, "the topic that all topics of the server begin with"},
-    {"time", "--server", "ID", &S::server, "whose time"},
     {"time", "--watch", "", &S::watch, "until Ctrl-C; there is an exchange every 30 seconds"},
     {"check", "collection|link|clean", REQUIRED, &S::kindOfCheck,
      "TOPIC links to exactly the entities ID...; TOPIC has LINK; nothing is retained on TOPIC"},
@@ -112,17 +101,19 @@ constexpr Argument ARGUMENTS[] = {
 };
 // clang-format on
 
+/// @param command "": the arguments that all commands have
 void addArguments(CLI::App& app, std::string const& command, Settings& settings) {
     for (auto const& argument : ARGUMENTS) {
-        if (command != argument.command) {
+        auto const commands = ' ' + std::string(argument.commands) + ' ';
+        if (commands.find(' ' + command + ' ') == std::string::npos) {
             continue;
         }
         auto const add = [&](auto member) {
             auto& value = settings.*member;
             if constexpr (std::is_same_v<decltype(member), bool Settings::*>) {
-                app.add_flag(argument.names, value, argument.text);
+                app.add_flag(argument.name, value, argument.text);
             } else {
-                app.add_option(argument.names, value, argument.text)
+                app.add_option(argument.name, value, argument.text)
                     ->required(argument.type == REQUIRED)
                     ->type_name(argument.type == REQUIRED ? "" : argument.type)
                     ->envname(argument.variable);

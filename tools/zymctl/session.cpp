@@ -2,44 +2,24 @@
 
 #include "documents.hpp"
 
-#include <atomic>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
 #include <unistd.h>
 
-namespace {
-
-std::atomic<bool> held{false};
-std::atomic<bool> interrupted{false};
-
-extern "C" void onEndingSignal(int /*number*/) {
-    if (!held || interrupted.exchange(true)) {
+void Interruption::onSignal(int /*number*/) {
+    if (!held_ || requested_.exchange(true)) {
         std::_Exit(static_cast<int>(ExitCode::INTERRUPTED));
     }
 }
 
-} // namespace
-
 Interruption::Interruption() {
     struct sigaction action {};
-    action.sa_handler = onEndingSignal;
+    action.sa_handler = onSignal;
     action.sa_flags = SA_RESTART;
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
-}
-
-void Interruption::hold() {
-    held = true;
-}
-
-bool Interruption::requested() const {
-    return interrupted;
-}
-
-void Interruption::request() {
-    interrupted = true;
 }
 
 Console::Console(Interruption& interruption)

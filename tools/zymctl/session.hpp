@@ -2,6 +2,7 @@
 
 #include <zym/common/lwjson.hpp>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
@@ -38,10 +39,10 @@ public:
     Interruption();
 
     /// From here on the command ends itself when it is interrupted.
-    void hold();
-    bool requested() const;
+    void hold() { held_ = true; }
+    bool requested() const { return requested_; }
     /// As if a signal had come.
-    void request();
+    void request() { requested_ = true; }
 
     /// Changes what others wait for.
     template <class Change>
@@ -70,6 +71,10 @@ public:
     }
 
 private:
+    static void onSignal(int number);
+
+    static inline std::atomic<bool> held_{false};
+    static inline std::atomic<bool> requested_{false};
     std::mutex mutex_;
     std::condition_variable changed_;
 };
@@ -133,6 +138,12 @@ public:
 
     /// A result on the standard output: the text, or the row as JSON.
     void report(JsonLine& row, std::string const& text) { print(json_ ? row.finish() : text); }
+    /// The same for a command that says nothing in text.
+    void reportJson(JsonLine& row) {
+        if (json_) {
+            print(row.finish());
+        }
+    }
     void print(std::string const& line);
     /// For the user, on the standard error output; not for programs.
     void note(std::string const& line);

@@ -58,8 +58,10 @@ bool checkCollection(Context& context) {
     bool arrived = false;
     TopicReader const reader(connection.client, topic,
                              [&](Topic const&, std::string const& payload) {
+                                 auto const read = readLinks(payload);
                                  context.interruption.change([&] {
-                                     arrived |= readLinks(payload, links.value) && !payload.empty();
+                                     arrived = arrived || (read && !payload.empty());
+                                     links.value = read.value_or(links.value);
                                  });
                              });
     bool const passed = context.interruption.wait(context.settings.deadline(), [&] {
@@ -133,14 +135,12 @@ ExitCode runWatch(Context& context) {
         }
         return settings.count != 0 && messages == settings.count;
     });
-    if (settings.json) {
-        auto const passed = seconds(Clock::now() - start);
-        context.console.print(JsonLine()
-                                  .number("messages", messages)
-                                  .number("seconds", passed)
-                                  .number("rate", messages / passed)
-                                  .finish());
-    } else {
+    auto const passed = seconds(Clock::now() - start);
+    context.console.reportJson(JsonLine()
+                                   .number("messages", messages)
+                                   .number("seconds", passed)
+                                   .number("rate", messages / passed));
+    if (!settings.json) {
         context.console.note(rate());
     }
     if (!ended && !client.isConnected() && !context.interruption.requested()) {
@@ -174,14 +174,11 @@ ExitCode runSet(Context& context) {
         value.assign(std::istreambuf_iterator<char>(std::cin), {});
     }
     publish(context, value, settings.qos, !settings.notRetained);
-    if (settings.json) {
-        context.console.print(JsonLine()
-                                  .text("topic", settings.topic)
-                                  .number("bytes", static_cast<double>(value.size()))
-                                  .number("qos", settings.qos)
-                                  .boolean("retained", !settings.notRetained)
-                                  .finish());
-    }
+    context.console.reportJson(JsonLine()
+                                   .text("topic", settings.topic)
+                                   .number("bytes", static_cast<double>(value.size()))
+                                   .number("qos", settings.qos)
+                                   .boolean("retained", !settings.notRetained));
     return ExitCode::DONE;
 }
 
@@ -189,10 +186,8 @@ ExitCode runClear(Context& context) {
     constexpr unsigned QOS = 2;
     // MqttClient::clear does not wait, and the end of the connection could interrupt it.
     publish(context, "", QOS, true);
-    if (context.console.json()) {
-        context.console.print(
-            JsonLine().text("topic", context.settings.topic).boolean("cleared", true).finish());
-    }
+    context.console.reportJson(
+        JsonLine().text("topic", context.settings.topic).boolean("cleared", true));
     return ExitCode::DONE;
 }
 
@@ -244,12 +239,9 @@ ExitCode runCheck(Context& context) {
                                              "or check clean TOPIC");
     }
     bool const passed = isCollection ? checkCollection(context) : checkWithLibrary(context);
-    if (context.console.json()) {
-        context.console.print(JsonLine()
-                                  .text("check", kind)
-                                  .text("topic", context.settings.topic)
-                                  .boolean("passed", passed)
-                                  .finish());
-    }
+    context.console.reportJson(JsonLine()
+                                   .text("check", kind)
+                                   .text("topic", context.settings.topic)
+                                   .boolean("passed", passed));
     return passed ? ExitCode::DONE : context.interruptedOr(ExitCode::FAILED);
 }

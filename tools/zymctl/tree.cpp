@@ -18,10 +18,12 @@ constexpr char const* STATES[] = {"/communication", "/status"};
 /// to. Follows all changes.
 class EntityTree final : private mqtt::MqttClient::Subscriber {
 public:
-    EntityTree(Interruption& interruption, Console const& console, mqtt::MqttClient& client,
-               std::string const& base)
-        : interruption_(interruption), console_(console), client_(client), base_(base) {
-        follow(base);
+    EntityTree(Context& context, mqtt::MqttClient& client)
+        : interruption_(context.interruption),
+          console_(context.console),
+          client_(client),
+          base_(Topic(context.settings.topic).text()) {
+        follow(base_);
     }
     ~EntityTree() override { client_.release(this); }
     EntityTree(EntityTree const&) = delete;
@@ -71,8 +73,8 @@ private:
         interruption_.change([&] {
             documents_[topic.text()] = payload;
             ++changes_;
-            if (entities_.count(topic.text()) == 1 && readLinks(payload, links_[topic.text()])) {
-                links = links_[topic.text()];
+            if (entities_.count(topic.text()) == 1) {
+                links = linksOf(topic.text());
             }
         });
         for (auto const& link : links) {
@@ -137,8 +139,7 @@ private:
     }
 
     std::vector<mqtt::Link> linksOf(std::string const& topic) const {
-        auto const found = links_.find(topic);
-        return found == links_.end() ? std::vector<mqtt::Link>() : found->second;
+        return readLinks(document(topic)).value_or(std::vector<mqtt::Link>());
     }
 
     /// @param indent begins each line, with the end of the line before
@@ -182,8 +183,7 @@ private:
     mqtt::MqttClient& client_;
     std::string const base_;
     std::set<std::string> entities_; ///< their topics, also of those not linked any more
-    std::map<std::string, std::string> documents_;         ///< by their topics
-    std::map<std::string, std::vector<mqtt::Link>> links_; ///< of each entity
+    std::map<std::string, std::string> documents_; ///< by their topics
     unsigned changes_ = 0;
     unsigned shown_ = 0;
 };
@@ -195,7 +195,7 @@ ExitCode runTree(Context& context) {
     auto& console = context.console;
     auto const stopped = [&] { return context.interruption.requested(); };
     Connection connection(context);
-    EntityTree tree(context.interruption, console, connection.client, Topic(settings.topic).text());
+    EntityTree tree(context, connection.client);
     auto const show = [&] {
         JsonLine line;
         auto const* const erase = settings.watch && console.isTerminal() ? "\033[H\033[2J" : "";
