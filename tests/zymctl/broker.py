@@ -1,5 +1,6 @@
 """Programs that the tests of zymctl start, and what they print."""
 
+import fcntl
 import json
 import os
 import pty
@@ -10,6 +11,7 @@ import signal
 import socket
 import subprocess
 import tempfile
+import termios
 import time
 
 ZYMCTL = os.environ["ZYMCTL"]
@@ -40,37 +42,29 @@ class Broker:
         self.folder = tempfile.mkdtemp()
         self.lines = lines
         self.port = None
-        self.seen = 0  # of the log
         self.start()
 
     def start(self):
         """On the same port as before; the first time on a free one, which another may take first."""
+        self.log = os.path.join(self.folder, "log")
+        path = os.path.join(self.folder, "mosquitto.conf")
         for _ in range(1 if self.port else 20):
             port = self.port or free_port()
-            path = os.path.join(self.folder, "mosquitto.conf")
             with open(path, "w") as file:
                 file.write("\n".join([f"listener {port} 127.0.0.1", f"user {os.environ.get('USER', 'root')}",
                                       "allow_anonymous true", "log_type all", *self.lines]) + "\n")
-            self.log = os.path.join(self.folder, "log")
             with open(self.log, "w") as log:
                 self.process = subprocess.Popen([os.environ["MOSQUITTO"], "-c", path], stdout=log, stderr=log)
-            wait_until(lambda: self.logged(" running") or self.process.poll() is not None, "the broker starts")
+            wait_until(lambda: " running" in self.logged() or self.process.poll() is not None, "the broker starts")
             if self.process.poll() is None:
                 self.port = port
                 return
-        raise AssertionError("no broker: " + open(self.log).read())
+        raise AssertionError("no broker: " + self.logged())
 
-    def logged(self, text):
+    def logged(self, since=0):
+        """The log; its length is where a later look may begin."""
         with open(self.log, errors="replace") as log:
-            return text in log.read()
-
-    def forget_log(self):
-        self.seen = os.path.getsize(self.log)
-
-    def new_log(self):
-        with open(self.log, "rb") as log:
-            log.seek(self.seen)
-            return log.read().decode(errors="replace")
+            return log.read()[since:]
 
     def kill(self):
         self.process.kill()
@@ -91,16 +85,14 @@ class Zymctl:
                             "ZYMCTL_TIMEOUT": str(LIMIT), **variables})
         self.terminal = terminal
         self.text = b""
-        self.code = None
         self.errors = tempfile.TemporaryFile()
-        if terminal:
-            self.pid, self.output = pty.fork()
-            if self.pid == 0:
-                os.execve(ZYMCTL, [ZYMCTL, *arguments], environment)
-        else:
-            process = subprocess.Popen([ZYMCTL, *arguments], env=environment, stdin=subprocess.DEVNULL,
-                                       stdout=subprocess.PIPE, stderr=self.errors)
-            self.process, self.pid, self.output = process, process.pid, process.stdout.fileno()
+        self.output, end = pty.openpty() if terminal else os.pipe()
+        streams = {"stdin": end, "stderr": end} if terminal else {"stdin": subprocess.DEVNULL, "stderr": self.errors}
+        # Without a terminal of its own, Ctrl-C would not come from there.
+        own = (lambda: fcntl.ioctl(0, termios.TIOCSCTTY, 0)) if terminal else None
+        self.process = subprocess.Popen([ZYMCTL, *arguments], env=environment, stdout=end, start_new_session=terminal,
+                                        preexec_fn=own, **streams)
+        os.close(end)
 
     def read(self):
         """What has come; false at the end."""
@@ -113,8 +105,9 @@ class Zymctl:
             return bool(part)
         return True
 
-    def expect(self, pattern):
-        wait_until(lambda: (self.read() or True) and re.search(pattern, self.everything()), pattern)
+    def expect(self, pattern, more=lambda: ""):
+        """Waits for it in the output, or else in more text."""
+        wait_until(lambda: (self.read() or True) and re.search(pattern, self.everything() + more()), pattern)
 
     def everything(self):
         self.errors.seek(0)
@@ -124,23 +117,17 @@ class Zymctl:
         if self.terminal:
             os.write(self.output, b"\x03")
         else:
-            os.kill(self.pid, signal.SIGINT)
+            self.process.send_signal(signal.SIGINT)
 
-    def close_output(self):
-        self.process.stdout.close()
-
-    def wait(self):
-        return os.waitstatus_to_exitcode(os.waitpid(self.pid, 0)[1])
+    def kill(self):
+        self.process.kill()
+        self.process.wait()
 
     def end(self):
         """Reads to the end; the exit code."""
         wait_until(lambda: not self.read(), "the end of " + self.everything())
-        self.code = self.wait()
-        if not self.terminal:
-            self.process.returncode = self.code
-            self.process.stdout.close()
-        else:
-            os.close(self.output)
+        os.close(self.output)
+        self.code = self.process.wait()
         return self.code
 
     def objects(self):

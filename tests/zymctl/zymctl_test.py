@@ -6,7 +6,7 @@ import subprocess
 import tempfile
 import unittest
 
-from broker import Broker, Zymctl, wait_until, zymctl, ZYMCTL
+from broker import Broker, LIMIT, Zymctl, wait_until, zymctl, ZYMCTL
 
 DONE, FAILED, USAGE, NO_CONNECTION, NO_ANSWER, INTERRUPTED = 0, 1, 2, 3, 4, 130
 SOURCES = os.environ["SOURCES"]
@@ -40,12 +40,7 @@ class WithBroker(unittest.TestCase):
 
     def start(self, *arguments, **options):
         run = Zymctl(*arguments, port=self.broker.port, **options)
-        self.addCleanup(lambda: run.code is None and os.kill(run.pid, 9))
-        return run
-
-    def serve(self, *arguments):
-        run = self.start("serve", *arguments)
-        run.expect("serving ")
+        self.addCleanup(run.kill)
         return run
 
 
@@ -72,8 +67,8 @@ COMMANDS = [
     (["check", "collection", "plant", "31", "32", "--timeout", "1"], FAILED, "does not link", {"passed": False}),
     (["check", "link", "plant", ENTITY], DONE, "- SUCCESS", {"check": "link", "passed": True}),
     (["check", "clean", "plant/#"], FAILED, "- FAILURE", {"check": "clean", "passed": False}),
-    (["doctor"], DONE, r"(?s)Connected to .*, without TLS.*does not speak TLS.*QoS 2 arrive"
-     r".*\+ and # work.*16777216 bytes.*Discovery of entities: works", {
+    (["doctor"], DONE, r"(?s)Connected to .*, without TLS.*does not speak TLS.*QoS 2: works"
+     r".*\+: works.*#: works.*Discovery of entities: works.*16777216 bytes", {
          "connect": True, "tls": False, "qos": {"0": True, "1": True, "2": True}, "retained": True,
          "wildcards": {"plus": True, "hash": True}, "maxPayload": 1 << 24, "unsubscribeOrder": True,
          "features": dict.fromkeys(["values", "discovery", "requests", "time", "binding", "will", "cleaning"], True)}),
@@ -87,28 +82,23 @@ class EveryCommand(WithBroker):
 
     def setUp(self):
         super().setUp()
-        self.serve("plant", "draw", '{"litres": 5}', "--server", "31")
-        self.serve("plant", "refuse", "--error", "17")
+        for service in (["draw", '{"litres": 5}', "--server", "31"], ["refuse", "--error", "17"]):
+            self.start("serve", "plant", *service).expect("serving ")
 
-    def check(self, terminal):
-        for arguments, code, text, _ in COMMANDS:
+    def check(self, terminal, *json):
+        for arguments, code, text, members in COMMANDS:
             with self.subTest(arguments):
-                run = self.run_zymctl(*arguments, code=code, terminal=terminal)
+                run = self.run_zymctl(*arguments, *json, code=code, terminal=terminal)
                 shown = run.everything()
-                self.assertEqual("connecting to 127.0.0.1" in shown, terminal)  # the progress
-                shown = plain(shown) if terminal else shown
-                if text is not None:
+                self.assertEqual("connecting to 127.0.0.1" in shown, terminal and not json)  # the progress
+                shown = plain(shown) if terminal and not json else shown
+                if json or text is not None:
                     self.assertNotIn("\x1b", shown)
-                    self.assertRegex(shown, re.compile(text, re.MULTILINE))
-
-    def check_json(self, terminal):
-        for arguments, code, _, members in COMMANDS:
-            with self.subTest(arguments):
-                run = self.run_zymctl(*arguments, "--json", code=code, terminal=terminal)
-                self.assertNotIn("\x1b", run.everything())
-                if members is not None:
+                if json and members is not None:
                     last = run.objects()[-1]
                     self.assertEqual({name: last.get(name) for name in members}, members)
+                elif not json and text is not None:
+                    self.assertRegex(shown, re.compile(text, re.MULTILINE))
 
     def test_works_in_a_pipe(self):
         self.check(terminal=False)
@@ -117,10 +107,10 @@ class EveryCommand(WithBroker):
         self.check(terminal=True)
 
     def test_prints_json_in_a_pipe(self):
-        self.check_json(terminal=False)
+        self.check(False, "--json")
 
     def test_prints_json_on_a_terminal(self):
-        self.check_json(terminal=True)
+        self.check(True, "--json")
 
     def test_gives_programs_the_bytes_and_terminals_none_that_they_would_execute(self):
         self.run_zymctl("set", "x", "a\x1b[1m\nb")
@@ -146,13 +136,13 @@ class AnInterruption(WithBroker):
         (["time", "demo/plant", "--server", "3", "--watch"], "sample 10", DONE, "the server's clock is"),
         (["check", "collection", "plant", "32"], r"plant \(QoS", INTERRUPTED, "does not link"),
         (["clean", "absent/#", "--for", "60"], "absent/#", INTERRUPTED, "erased 0 values of absent/#, 0 left"),
-        (["doctor"], "QoS 1 arrive", INTERRUPTED, "Connected to"),
+        (["doctor"], "QoS 1: works", INTERRUPTED, "Connected to"),
     ]
 
     def interrupted(self, arguments, waits, terminal, *more):
+        seen = len(self.broker.logged())
         run = self.start(*arguments, *more, terminal=terminal)
-        wait_until(lambda: (run.read() or True) and (re.search(waits, run.everything())
-                                                     or re.search(waits, self.broker.new_log())), waits)
+        run.expect(waits, lambda: self.broker.logged(seen))
         run.interrupt()
         run.end()
         return run
@@ -162,7 +152,6 @@ class AnInterruption(WithBroker):
         self.addCleanup(device.kill)
         for arguments, waits, code, text in self.WAITING:
             with self.subTest(arguments):
-                self.broker.forget_log()
                 run = self.interrupted(arguments, waits, terminal)
                 self.assertEqual(run.code, code, run.everything())
                 self.assertRegex(plain(run.everything()), re.compile(text, re.MULTILINE))
@@ -179,10 +168,9 @@ class AnInterruption(WithBroker):
     def test_comes_also_when_nobody_reads_the_output(self):
         run = self.start("watch", "plant/#")
         run.expect("operating 1")
-        run.close_output()
+        os.close(run.output)
         self.run_zymctl("set", "plant/x", "1")
-        wait_until(lambda: os.waitpid(run.pid, os.WNOHANG)[0] == run.pid, "the end")
-        run.code = DONE
+        self.assertEqual(run.process.wait(LIMIT), DONE)
 
 
 class Device:

@@ -1,49 +1,21 @@
 #include "documents.hpp"
 
-#include "console.hpp"
-
-#include <mqtt/link.hpp>
 #include <mqtt/payloads.hpp>
 #include <mqtt/request_reply.hpp>
+#include <zym/common/lwjson.hpp>
 
 #include <mosquitto.h>
 
 #include <algorithm>
+#include <ctime>
 #include <exception>
 #include <iterator>
+#include <numeric>
 #include <sstream>
-#include <vector>
 
 using mqtt::MqttData;
 using mqtt::Topic;
 using zym::common::lwjson::Deserializer;
-
-JsonLine& JsonLine::text(char const* key, std::string const& value) {
-    out_.appendKey(key);
-    out_.addValue(value);
-    return *this;
-}
-
-JsonLine& JsonLine::number(char const* key, double value) {
-    out_.appendKey(key);
-    out_.addValue(value);
-    return *this;
-}
-
-JsonLine& JsonLine::boolean(char const* key, bool value) {
-    return raw(key, value ? "true" : "false");
-}
-
-JsonLine& JsonLine::raw(char const* key, std::string const& json) {
-    out_.appendKey(key);
-    out_.appendValue(json.c_str());
-    return *this;
-}
-
-std::string JsonLine::finish() {
-    out_.finalize();
-    return onOneLine(text_);
-}
 
 bool isJsonObject(std::string const& text) {
     try {
@@ -68,124 +40,132 @@ std::string onOneLine(std::string_view json) {
 
 namespace {
 
-/// Without control characters, or with those that a text may have.
-bool isUtf8(std::string text, bool withLayout) {
-    if (withLayout) {
-        std::replace_if(
-            text.begin(), text.end(), [](char c) { return c == '\n' || c == '\r' || c == '\t'; },
-            ' ');
-    }
+bool isPrintable(std::string const& text) {
     return mosquitto_validate_utf8(text.data(), static_cast<int>(text.size())) == MOSQ_ERR_SUCCESS;
 }
 
-void appendHex(std::string& text, char c) {
-    constexpr char DIGITS[] = "0123456789abcdef";
-    auto const code = static_cast<unsigned char>(c);
-    text += DIGITS[code >> 4U];
-    text += DIGITS[code & 0xfU];
-}
-
-std::string describeIdentification(std::string const& payload) {
-    conv::Identification value;
-    MqttData<conv::Identification>::deserialize(Topic(), payload, false, value);
-    std::string text = '"' + value.name + '"';
-    for (auto const* part :
-         {&value.manufacturer, &value.model, &value.serial, &value.version, &value.location}) {
-        text += part->empty() ? "" : ", " + *part;
+/// @return false: another document
+template <class T>
+bool read(std::string const& payload, T& value) {
+    try {
+        MqttData<T>::deserialize(Topic(), payload, false, value);
+        return isJsonObject(payload);
+    } catch (std::exception const&) {
+        return false;
     }
-    return printable(text);
 }
 
-/// The result code of a reply.
-std::string describeCode(std::string const& payload) {
-    unsigned char code = 0;
-    Deserializer::extractValue(Deserializer(std::string_view(payload)).getMember("$err"), code, "");
-    std::ostringstream text;
-    text << "reply " << mqtt::RequestReply::ErrorCode{code} << ' ';
-    return text.str();
-}
-
-bool endsWith(std::string const& text, std::string const& end) {
-    return text.size() > end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
+std::string describeCommunication(conv::CommunicationStatus const& value) {
+    constexpr char const* STATES[] = {"unknown", "disconnected", "connected", "connection lost",
+                                      "connecting"};
+    auto const state = static_cast<unsigned>(value.state);
+    return (state < std::size(STATES) ? STATES[state] : "state " + std::to_string(state))
+           + (value.since.valid != 0 ? " since " + timeText(value.since.seconds, "%F %T") : "");
 }
 
 /// The document of a request or a reply, which have a client's level behind the service's name.
-std::string describeCall(std::string const& name, std::string const& payload) {
-    if (endsWith(name, mqtt::REQUEST_SUFFIX)) {
-        return "request " + printable(payload);
+std::string describeCall(std::string const& service, std::string const& payload) {
+    auto const mark = service.size() < 2 ? "" : service.substr(service.size() - 2);
+    std::ostringstream text;
+    if (mark == mqtt::REQUEST_SUFFIX) {
+        text << "request ";
+    } else if (unsigned char code = 0; mark == mqtt::REPLY_SUFFIX) {
+        Deserializer const in{std::string_view(payload)};
+        Deserializer::extractValue(in.getMember("$err"), code, "");
+        text << "reply " << mqtt::RequestReply::ErrorCode{code} << ' ';
     }
-    return endsWith(name, mqtt::REPLY_SUFFIX) ? describeCode(payload) + printable(payload)
-                                              : printable(payload);
+    text << printable(payload);
+    return text.str();
 }
 
 } // namespace
 
-std::string printable(std::string const& payload) {
-    auto line = isJsonObject(payload) ? onOneLine(payload) : payload;
-    if (isUtf8(line, false)) {
-        return line;
-    }
+bool isText(std::string payload) {
+    auto const isLayout = [](char c) { return c == '\n' || c == '\r' || c == '\t'; };
+    std::replace_if(payload.begin(), payload.end(), isLayout, ' ');
+    return isPrintable(payload);
+}
+
+std::string hexadecimal(std::string const& bytes) {
+    constexpr char DIGITS[] = "0123456789abcdef";
     std::string text;
-    for (char const c : line) {
-        if (c >= ' ' && c <= '~') {
-            text += c;
-        } else {
-            text += "\\x";
-            appendHex(text, c);
-        }
+    for (char const c : bytes) {
+        auto const code = static_cast<unsigned char>(c);
+        text += {DIGITS[code >> 4U], DIGITS[code & 0xfU]};
     }
     return text;
 }
 
-void addPayload(JsonLine& line, std::string const& payload) {
-    if (!isUtf8(payload, true)) {
-        std::string hex;
-        for (char const c : payload) {
-            appendHex(hex, c);
+std::string printable(std::string const& payload) {
+    auto line = isJsonObject(payload) ? onOneLine(payload) : payload;
+    if (isPrintable(line)) {
+        return line;
+    }
+    std::string text;
+    for (char const c : line) {
+        text += c >= ' ' && c <= '~' ? std::string(1, c) : "\\x" + hexadecimal({c});
+    }
+    return text;
+}
+
+std::string timeText(double secondsSince1970, char const* format) {
+    auto const whole = static_cast<std::time_t>(secondsSince1970);
+    std::tm parts{};
+    char text[64];
+    if (localtime_r(&whole, &parts) == nullptr) {
+        return "?";
+    }
+    return {text, std::strftime(text, sizeof text, format, &parts)};
+}
+
+std::vector<std::string> readIdentification(std::string const& payload) {
+    conv::Identification value;
+    if (!read(payload, value)) {
+        return {};
+    }
+    std::vector<std::string> parts{value.name};
+    for (auto const* part :
+         {&value.manufacturer, &value.model, &value.serial, &value.version, &value.location}) {
+        if (!part->empty()) {
+            parts.push_back(*part);
         }
-        line.text("payloadHex", hex);
-        return;
     }
-    line.text("payload", payload);
-    if (isJsonObject(payload)) {
-        line.raw("document", payload);
-    }
+    return parts;
 }
 
-std::string describeCommunication(std::string const& payload) {
-    constexpr char const* STATES[] = {"unknown", "disconnected", "connected", "connection lost",
-                                      "connecting"};
-    conv::CommunicationStatus value;
-    MqttData<conv::CommunicationStatus>::deserialize(Topic(), payload, false, value);
-    auto const state = static_cast<unsigned>(value.state);
-    return (state < std::size(STATES) ? STATES[state] : "state " + std::to_string(state))
-           + (value.since.valid != 0 ? " since " + dateAndTime(value.since.seconds) : "");
-}
-
-std::string describeStatus(std::string const& payload) {
-    conv::ServiceStatus value;
-    MqttData<conv::ServiceStatus>::deserialize(Topic(), payload, false, value);
-    return "operating " + std::to_string(value.operating) + ", health "
-           + std::to_string(value.health);
+std::optional<std::vector<mqtt::Link>> readLinks(std::string const& payload) {
+    try {
+        std::vector<mqtt::Link> links;
+        mqtt::MqttDataCollection<mqtt::Link>::deserialize(Topic(), payload, payload.empty(), links);
+        return links;
+    } catch (std::exception const&) {
+        return std::nullopt;
+    }
 }
 
 std::string describe(Topic const& topic, std::string const& payload) {
-    auto const last = topic.size() > 0 ? topic[topic.size() - 1] : "";
+    auto const level = [&](unsigned fromEnd) {
+        return topic.size() < fromEnd ? "" : topic[topic.size() - fromEnd];
+    };
+    if (conv::CommunicationStatus value; level(1) == "communication" && read(payload, value)) {
+        return describeCommunication(value);
+    }
+    if (conv::ServiceStatus value;
+        level(1) == MqttData<conv::ServiceStatus>::TOPIC_SUFFIX && read(payload, value)) {
+        return "operating " + std::to_string(value.operating) + ", health "
+               + std::to_string(value.health);
+    }
+    if (auto const parts = readIdentification(payload);
+        level(1) == MqttData<conv::Identification>::TOPIC_SUFFIX && !parts.empty()) {
+        auto const addPart = [](std::string const& text, std::string const& part) {
+            return text + ", " + part;
+        };
+        auto const name = '"' + parts.front() + '"';
+        return printable(std::accumulate(parts.begin() + 1, parts.end(), name, addPart));
+    }
     try {
-        if (!isJsonObject(payload)) {
-            return printable(payload);
-        }
-        if (last == "communication") {
-            return describeCommunication(payload);
-        }
-        if (last == MqttData<conv::ServiceStatus>::TOPIC_SUFFIX) {
-            return describeStatus(payload);
-        }
-        if (last == MqttData<conv::Identification>::TOPIC_SUFFIX) {
-            return describeIdentification(payload);
-        }
-        return describeCall(topic.size() > 1 ? topic[topic.size() - 2] : "", payload);
+        return isJsonObject(payload) ? describeCall(level(2), payload) : printable(payload);
     } catch (std::exception const&) {
-        return printable(payload); // a document of another kind
+        return printable(payload); // a reply without a code
     }
 }

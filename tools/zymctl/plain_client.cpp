@@ -68,25 +68,6 @@ void PlainClient::setWill(std::string const& topic, std::string const& payload) 
     will_set(topic.c_str(), static_cast<int>(payload.size()), payload.data(), 1, false);
 }
 
-int PlainClient::send(std::string const& topic, std::string const& payload, int qos, bool retain) {
-    int mid = 0;
-    mosquittopp::publish(&mid, topic.c_str(), static_cast<int>(payload.size()), payload.data(), qos,
-                         retain);
-    return mid;
-}
-
-int PlainClient::sendSubscribe(std::string const& pattern, int qos) {
-    int mid = 0;
-    mosquittopp::subscribe(&mid, pattern.c_str(), qos);
-    return mid;
-}
-
-int PlainClient::sendUnsubscribe(std::string const& pattern) {
-    int mid = 0;
-    mosquittopp::unsubscribe(&mid, pattern.c_str());
-    return mid;
-}
-
 bool PlainClient::wait(Clock::time_point deadline, std::function<bool()> const& condition) {
     while (!condition()) {
         if (Clock::now() >= deadline || !connected_ || context_.interruption.requested()) {
@@ -99,21 +80,33 @@ bool PlainClient::wait(Clock::time_point deadline, std::function<bool()> const& 
     return true;
 }
 
-int PlainClient::subscribe(std::string const& pattern, int qos, Clock::time_point deadline) {
+int PlainClient::subscribe(std::string const& pattern, int qos) {
     constexpr int REFUSED = 128;
-    int const mid = sendSubscribe(pattern, qos);
-    bool const answered = mid != 0 && wait(deadline, [&] { return granted.count(mid) == 1; });
-    return answered && granted[mid] < REFUSED ? granted[mid] : -1;
+    int mid = 0;
+    mosquittopp::subscribe(&mid, pattern.c_str(), qos);
+    bool const answered = mid != 0 && wait([&] { return granted_.count(mid) == 1; });
+    return answered && granted_[mid] < REFUSED ? granted_[mid] : -1;
+}
+
+bool PlainClient::subscribeAgain(std::string const& topic) {
+    std::vector<int> sent(2);
+    acknowledgements_.clear();
+    mosquittopp::unsubscribe(&sent[0], topic.c_str());
+    mosquittopp::subscribe(&sent[1], topic.c_str());
+    return wait([&] { return acknowledgements_.size() == sent.size(); })
+           && acknowledgements_ == sent;
 }
 
 bool PlainClient::publish(std::string const& topic, std::string const& payload, int qos,
-                          bool retain, Clock::time_point deadline) {
-    int const mid = send(topic, payload, qos, retain);
-    return mid != 0 && wait(deadline, [&] { return published.count(mid) == 1; });
+                          bool retain) {
+    int mid = 0;
+    mosquittopp::publish(&mid, topic.c_str(), static_cast<int>(payload.size()), payload.data(), qos,
+                         retain);
+    return mid != 0 && wait([&] { return published_.count(mid) == 1; });
 }
 
-bool PlainClient::receive(std::string const& topic, Message& message, Clock::time_point deadline) {
-    return wait(deadline, [&] {
+bool PlainClient::receive(std::string const& topic, Message& message) {
+    return wait([&] {
         while (!messages.empty()) {
             message = messages.front();
             messages.pop_front();
@@ -123,6 +116,12 @@ bool PlainClient::receive(std::string const& topic, Message& message, Clock::tim
         }
         return false;
     });
+}
+
+bool PlainClient::exchange(std::string const& topic, std::string const& payload, int qos) {
+    Message message;
+    return publish(topic, payload, qos, false) && receive(topic, message)
+           && message.payload == payload;
 }
 
 void PlainClient::on_message(mosquitto_message const* message) {
@@ -135,6 +134,6 @@ void PlainClient::on_message(mosquitto_message const* message) {
 }
 
 void PlainClient::on_subscribe(int mid, int count, int const* qos) {
-    granted[mid] = count > 0 ? qos[0] : -1;
-    acknowledgements.push_back(mid);
+    granted_[mid] = count > 0 ? qos[0] : -1;
+    acknowledgements_.push_back(mid);
 }

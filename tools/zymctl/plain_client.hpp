@@ -13,6 +13,7 @@
 
 /// A client of the broker library alone, for what our library does not show: the retained flag, the
 /// broker's acknowledgements, its behaviour with every QoS. One thread: it works while it waits.
+/// What waits without a deadline waits for the usual time.
 class PlainClient : private mosqpp::mosquittopp {
 public:
     struct Message {
@@ -30,35 +31,37 @@ public:
     /// Asks the broker to publish it when this connection breaks; before `connect`.
     void setWill(std::string const& topic, std::string const& payload);
 
-    /// Return the number of the packet, for the members below; 0 if it cannot be sent.
-    int send(std::string const& topic, std::string const& payload, int qos, bool retain);
-    int sendSubscribe(std::string const& pattern, int qos);
-    int sendUnsubscribe(std::string const& pattern);
-
     /// Works until the condition holds, at most until the deadline, and ends when the connection
     /// ends or the command is interrupted.
     bool wait(Clock::time_point deadline, std::function<bool()> const& condition);
     /// Subscribes, and waits for the answer.
     /// @return the QoS that is granted; negative: none
-    int subscribe(std::string const& pattern, int qos, Clock::time_point deadline);
-    bool publish(std::string const& topic, std::string const& payload, int qos, bool retain,
-                 Clock::time_point deadline);
+    int subscribe(std::string const& pattern, int qos);
+    /// Unsubscribes and subscribes without a pause, and waits for both answers.
+    /// @return whether they come in this order
+    bool subscribeAgain(std::string const& topic);
+    bool publish(std::string const& topic, std::string const& payload, int qos, bool retain);
     /// Waits for a message of this topic, and takes all up to it.
-    bool receive(std::string const& topic, Message& message, Clock::time_point deadline);
+    bool receive(std::string const& topic, Message& message);
+    /// Publishes at once and waits until the same comes back.
+    bool exchange(std::string const& topic, std::string const& payload, int qos);
 
     std::deque<Message> messages;
-    std::set<int> published;           ///< acknowledged; at QoS 0 written
-    std::map<int, int> granted;        ///< the QoS of each acknowledged subscription
-    std::vector<int> acknowledgements; ///< of subscribing and unsubscribing, in their order
 
 private:
+    bool wait(std::function<bool()> const& condition) {
+        return wait(context_.settings.deadline(), condition);
+    }
     void on_connect(int code) override { connected_ = code == 0; }
     void on_disconnect(int /*code*/) override { connected_ = false; }
-    void on_publish(int mid) override { published.insert(mid); }
+    void on_publish(int mid) override { published_.insert(mid); }
     void on_message(mosquitto_message const* message) override;
     void on_subscribe(int mid, int count, int const* qos) override;
-    void on_unsubscribe(int mid) override { acknowledgements.push_back(mid); }
+    void on_unsubscribe(int mid) override { acknowledgements_.push_back(mid); }
 
     Context& context_;
     bool connected_ = false;
+    std::set<int> published_;           ///< acknowledged; at QoS 0 written
+    std::map<int, int> granted_;        ///< the QoS of each acknowledged subscription
+    std::vector<int> acknowledgements_; ///< of subscribing and unsubscribing, in their order
 };

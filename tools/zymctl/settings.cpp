@@ -1,7 +1,5 @@
 #include "settings.hpp"
 
-#include "arguments.hpp"
-
 #include <algorithm>
 #include <cctype>
 #include <cstdint>
@@ -18,36 +16,34 @@ namespace {
 /// A broker that is not there is noticed at once, unless nothing answers.
 constexpr auto LEAST_TO_CONNECT = std::chrono::seconds(10);
 
-} // namespace
-
-void Settings::addTo(Arguments& arguments) {
-    arguments.option(host, "--host", "HOST", "the broker: name or address", "ZYMCTL_HOST");
-    arguments.option(port, "--port", "NUMBER", "its port: 1883, or 8883 with TLS", "ZYMCTL_PORT");
-    arguments.option(unixSocket, "--unix", "PATH", "the broker's unix socket, in place of a host");
-    arguments.option(user, "--user", "NAME",
-                     "user name; the password is in ZYMCTL_PASSWORD or a file", "ZYMCTL_USER");
-    arguments.option(passwordFile, "--password-file", "FILE", "its first line is the password");
-    arguments.flag(tls, "--tls", "TLS, with the system's authorities unless others are given");
-    arguments.option(caFile, "--ca", "FILE", "the authorities that sign the broker's certificate");
-    arguments.option(caFolder, "--ca-folder", "FOLDER", "the same, prepared by openssl rehash");
-    arguments.option(certificateFile, "--cert", "FILE", "the own certificate");
-    arguments.option(keyFile, "--key", "FILE",
-                     "its key; the password of it is in ZYMCTL_KEY_PASSWORD");
-    arguments.option(keyPasswordFile, "--key-password-file", "FILE",
-                     "or is the first line of this file");
-    arguments.option(pskIdentity, "--psk-identity", "NAME",
-                     "TLS with a pre-shared key, which is in ZYMCTL_PSK or a file");
-    arguments.option(pskFile, "--psk-file", "FILE",
-                     "its first line is that key, in hexadecimal digits");
-    arguments.option(tlsVersion, "--tls-version", "1.2|1.3", "the oldest version of TLS to accept");
-    arguments.flag(insecureSkipHostNameCheck, "--insecure-skip-host-name-check",
-                   "accept a certificate of any host");
-    arguments.option(identity, "--id", "ID",
-                     "who sends requests; different in each run unless given");
-    arguments.option(timeout, "--timeout", "SECONDS", "how long to wait for an answer",
-                     "ZYMCTL_TIMEOUT");
-    arguments.flag(json, "--json", "JSON, one object on each line; no colour, no progress");
+/// A file's first line, or else the value of the environment variable.
+std::string secret(std::string const& file, char const* variable) {
+    if (file.empty()) {
+        // NOLINTNEXTLINE(concurrency-mt-unsafe): nothing changes the environment
+        char const* const value = std::getenv(variable);
+        return value == nullptr ? "" : value;
+    }
+    std::string line;
+    std::ifstream in(file);
+    if (!in || !std::getline(in, line)) {
+        throw CommandFailed(ExitCode::USAGE, "cannot read the first line of " + file);
+    }
+    return line;
 }
+
+/// Why a client has no connection.
+std::string reasonOf(MqttClient const& client, MqttClient::Error error, Settings const& settings) {
+    std::ostringstream text;
+    auto const failure = client.lastFailure();
+    if (failure.reason != mqtt::Failure::Reason::NONE) {
+        text << failure;
+    } else {
+        text << settings.broker() << " does not answer: " << error;
+    }
+    return text.str();
+}
+
+} // namespace
 
 bool Settings::usesTls() const {
     return tls || insecureSkipHostNameCheck || !caFile.empty() || !caFolder.empty()
@@ -66,20 +62,6 @@ int Settings::portNumber() const {
 
 std::string Settings::broker() const {
     return unixSocket.empty() ? host + ", port " + std::to_string(portNumber()) : unixSocket;
-}
-
-std::string secret(std::string const& file, char const* variable) {
-    if (file.empty()) {
-        // NOLINTNEXTLINE(concurrency-mt-unsafe): nothing changes the environment
-        char const* const value = std::getenv(variable);
-        return value == nullptr ? "" : value;
-    }
-    std::string line;
-    std::ifstream in(file);
-    if (!in || !std::getline(in, line)) {
-        throw CommandFailed(ExitCode::USAGE, "cannot read the first line of " + file);
-    }
-    return line;
 }
 
 mqtt::ConnectionOptions Settings::connectionOptions() const {
@@ -114,6 +96,10 @@ mqtt::ConnectionOptions Settings::connectionOptions() const {
 
 Uuid Settings::clientId() const {
     return identity.empty() ? randomIdentifier() : identifier(identity);
+}
+
+Clock::time_point Settings::end() const {
+    return seconds == 0 ? Clock::time_point::max() : Clock::now() + std::chrono::seconds(seconds);
 }
 
 Uuid identifier(std::string const& text) {
@@ -156,21 +142,6 @@ Connection::Connection(Context& context)
         throw CommandFailed(ExitCode::NO_CONNECTION, reasonOf(client, error, context.settings));
     }
     context.interruption.hold();
-}
-
-Connection::~Connection() {
-    client.disconnect(timeout_);
-}
-
-std::string reasonOf(MqttClient const& client, MqttClient::Error error, Settings const& settings) {
-    std::ostringstream text;
-    auto const failure = client.lastFailure();
-    if (failure.reason != mqtt::Failure::Reason::NONE) {
-        text << failure;
-    } else {
-        text << settings.broker() << " does not answer: " << error;
-    }
-    return text.str();
 }
 
 void require(MqttClient::Error error, std::string const& what) {

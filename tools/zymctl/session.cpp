@@ -1,10 +1,26 @@
-#include "console.hpp"
+#include "session.hpp"
 
+#include "documents.hpp"
+
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <ctime>
 #include <iostream>
 #include <unistd.h>
+
+void Interruption::onSignal(int /*number*/) {
+    if (!held_ || requested_.exchange(true)) {
+        std::_Exit(static_cast<int>(ExitCode::INTERRUPTED));
+    }
+}
+
+Interruption::Interruption() {
+    struct sigaction action {};
+    action.sa_handler = onSignal;
+    action.sa_flags = SA_RESTART;
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+}
 
 Console::Console(Interruption& interruption)
     : interruption_(interruption),
@@ -19,14 +35,10 @@ void Console::useJson() {
 }
 
 void Console::print(std::string const& line) {
-    bool written = false;
-    {
-        std::lock_guard<std::mutex> const lock(mutex_);
-        endProgress();
-        std::cout << line + '\n' << std::flush;
-        written = static_cast<bool>(std::cout);
-    }
-    if (!written) {
+    std::lock_guard<std::mutex> const lock(mutex_);
+    endProgress();
+    std::cout << line + '\n' << std::flush;
+    if (!std::cout) {
         interruption_.request();
     }
 }
@@ -63,30 +75,37 @@ std::string fixed(double number, int digits) {
     return text;
 }
 
-namespace {
+JsonLine& JsonLine::text(char const* key, std::string const& value) {
+    out_.appendKey(key);
+    out_.addValue(value);
+    return *this;
+}
 
-std::string timeText(double seconds, char const* format) {
-    auto const whole = static_cast<std::time_t>(seconds);
-    std::tm parts{};
-    char text[64];
-    if (localtime_r(&whole, &parts) == nullptr) {
-        return "?";
+JsonLine& JsonLine::number(char const* key, double value) {
+    out_.appendKey(key);
+    out_.addValue(value);
+    return *this;
+}
+
+JsonLine& JsonLine::boolean(char const* key, bool value) {
+    return raw(key, value ? "true" : "false");
+}
+
+JsonLine& JsonLine::raw(char const* key, std::string const& json) {
+    out_.appendKey(key);
+    out_.appendValue(json.c_str());
+    return *this;
+}
+
+JsonLine& JsonLine::payload(std::string const& payload) {
+    if (!isText(payload)) {
+        return text("payloadHex", hexadecimal(payload));
     }
-    return {text, std::strftime(text, sizeof text, format, &parts)};
+    text("payload", payload);
+    return isJsonObject(payload) ? raw("document", payload) : *this;
 }
 
-} // namespace
-
-std::string timeOfDay(double seconds) {
-    auto const fraction = fixed(seconds - static_cast<double>(static_cast<long long>(seconds)), 3);
-    return timeText(seconds, "%H:%M:%S") + (fraction[0] == '0' ? fraction.substr(1) : ".999");
-}
-
-std::string dateAndTime(double seconds) {
-    return timeText(seconds, "%Y-%m-%d %H:%M:%S");
-}
-
-double secondsSince1970() {
-    return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch())
-        .count();
+std::string JsonLine::finish() {
+    out_.finalize();
+    return onOneLine(text_);
 }
