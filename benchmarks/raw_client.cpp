@@ -44,7 +44,11 @@ public:
             return;
         }
         mosqpp::mosquittopp::disconnect();
-        acknowledgesPromptly_ ? thread_.join() : static_cast<void>(loop_stop());
+        if (acknowledgesPromptly_) {
+            thread_.join();
+        } else {
+            loop_stop();
+        }
         running_ = false;
     }
 

@@ -60,22 +60,14 @@ struct Address {
     int port;
 };
 
-/// Answers each request with the number in it.
+/// Answers each request with the number in it, if there is one.
 class Echo final : public mqtt::RequestReplyServer::Listener {
 public:
     std::shared_ptr<mqtt::RequestReplyData>
     onRequest(std::string const& /*name*/, Uuid const& /*client*/, Uuid const& /*server*/,
               mqtt::RequestReplyData const& data, Code& /*error*/) override {
-        return std::make_shared<NumberData>(dynamic_cast<NumberData const&>(data).number);
-    }
-};
-
-class Grant final : public mqtt::RequestReplyServer::Listener {
-public:
-    std::shared_ptr<mqtt::RequestReplyData>
-    onRequest(std::string const& /*name*/, Uuid const& /*client*/, Uuid const& /*server*/,
-              mqtt::RequestReplyData const& /*data*/, Code& /*error*/) override {
-        return nullptr;
+        auto const* const sent = dynamic_cast<NumberData const*>(&data);
+        return sent == nullptr ? nullptr : std::make_shared<NumberData>(sent->number);
     }
 };
 
@@ -103,15 +95,6 @@ protected:
         return {text.substr(0, colon), std::stoi(text.substr(colon + 1))};
     }
 
-    std::unique_ptr<MqttClient> idleClient(Address const& at) const {
-        return std::make_unique<MqttClient>(mqtt::test::uniqueId(), false, "", at.host, at.port,
-                                            false, options());
-    }
-    std::unique_ptr<MqttClient> client(Address const& at) const {
-        auto made = idleClient(at);
-        EXPECT_EQ(made->connect("", -1, WAIT_SECONDS), Error::SUCCESS) << made->lastFailure();
-        return made;
-    }
     static mqtt::ConnectionOptions options() {
         mqtt::ConnectionOptions options;
         if (auto const file = variable("ZYM_TEST_CA"); !file.empty()) {
@@ -121,6 +104,10 @@ protected:
             options.credentials = {user, user};
         }
         return options;
+    }
+    static std::unique_ptr<MqttClient> client(Address const& at, bool connect = true) {
+        mqtt::test::ClientOptions const options{false, connect, Uuid::NIL, Conformance::options()};
+        return mqtt::test::testClient(at.host, at.port, options);
     }
 
     /// Subscribes the panel, and waits until what the device publishes there reaches it.
@@ -170,8 +157,7 @@ protected:
                && reply->number == number;
     }
 
-    template <class T>
-    static void report(std::string const& name, T const& value) {
+    static void report(std::string const& name, double value) {
         RecordProperty(name, std::to_string(value));
     }
 
@@ -240,7 +226,7 @@ TEST_F(Conformance, APatternFindsRetainedValues) {
 TEST_F(Conformance, TheWillOfALostDeviceArrivesAndIsRetained) {
     mqtt::test::MessageRecorder recorder;
     subscribePanel(recorder, base_ + "will", base_ + "will");
-    auto lost = idleClient(deviceAddress_);
+    auto lost = client(deviceAddress_, false);
     ASSERT_EQ(lost->setWill(base_ + "will", "lost", 2, true), Error::SUCCESS);
     ASSERT_EQ(lost->connect("", -1, WAIT_SECONDS), Error::SUCCESS);
     lost.reset(); // ends the connection without a DISCONNECT packet
@@ -291,13 +277,12 @@ TEST_F(Conformance, ARequestThatNobodyAnswersEndsByItsOwnReply) {
 // Services
 
 TEST_F(Conformance, APanelBindsItselfAndReadsTheTime) {
-    Grant grant;
+    Echo echo;
     auto const id = mqtt::test::uniqueId();
     mqtt::RequestReplyServer bind(*device_, base_, Topic(), "bind");
     mqtt::RequestReplyServer unbind(*device_, base_, Topic(), "unbind");
-    ASSERT_EQ(bind.subscribe(&grant, id, std::make_shared<mqtt::BindRequestData>()),
-              Error::SUCCESS);
-    ASSERT_EQ(unbind.subscribe(&grant, id, mqtt::NO_DATA), Error::SUCCESS);
+    ASSERT_EQ(bind.subscribe(&echo, id, std::make_shared<mqtt::BindRequestData>()), Error::SUCCESS);
+    ASSERT_EQ(unbind.subscribe(&echo, id, mqtt::NO_DATA), Error::SUCCESS);
     Clock clock(*device_, base_, id);
     // The broker has handled the subscriptions; otherwise the first exchange takes five seconds.
     device_->publishWait(base_ + "anything", "", 1, false, WAIT_SECONDS);
