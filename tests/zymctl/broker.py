@@ -52,7 +52,9 @@ class Broker:
             port = self.port or free_port()
             with open(path, "w") as file:
                 file.write("\n".join([f"listener {port} 127.0.0.1", f"user {os.environ.get('USER', 'root')}",
-                                      "allow_anonymous true", "log_type all", *self.lines]) + "\n")
+                                      "allow_anonymous true", "log_type all",
+                                      "max_packet_size 2000000",  # as version 2.1 has it by itself
+                                      *self.lines]) + "\n")
             with open(self.log, "w") as log:
                 self.process = subprocess.Popen([os.environ["MOSQUITTO"], "-c", path], stdout=log, stderr=log)
             wait_until(lambda: " running" in self.logged() or self.process.poll() is not None, "the broker starts")

@@ -68,9 +68,9 @@ COMMANDS = [
     (["check", "link", "plant", ENTITY], DONE, "- SUCCESS", {"check": "link", "passed": True}),
     (["check", "clean", "plant/#"], FAILED, "- FAILURE", {"check": "clean", "passed": False}),
     (["doctor"], DONE, r"(?s)Connected to .*, without TLS.*does not speak TLS.*QoS 2: works"
-     r".*\+: works.*#: works.*Discovery of entities: works.*16777216 bytes", {
+     r".*\+: works.*#: works.*Discovery of entities: works.*1048576 bytes", {
          "connect": True, "tls": False, "qos": {"0": True, "1": True, "2": True}, "retained": True,
-         "wildcards": {"plus": True, "hash": True}, "maxPayload": 1 << 24, "unsubscribeOrder": True,
+         "wildcards": {"plus": True, "hash": True}, "maxPayload": 1 << 20, "unsubscribeOrder": True,
          "features": dict.fromkeys(["values", "discovery", "requests", "time", "binding", "will", "cleaning"], True)}),
     (["clean", "plant/#"], DONE, "^erased 4 values of plant/#, 0 left$", {"erased": 4, "left": 0}),
     (["check", "clean", "zymctl-doctor/#"], DONE, "- SUCCESS", {"passed": True}),
