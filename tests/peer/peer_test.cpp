@@ -171,7 +171,7 @@ TEST_F(ADeviceInPython, TellsItsTime) {
 /// A device of this library, and Python as its user.
 class AUserInPython : public WithABroker, private mqtt::RequestReplyServer::Listener {
 protected:
-    // Not in the constructor: the type of this object would change while requests arrive.
+    // Not in constructor and destructor: they change the type of this object while requests arrive.
     void SetUp() override {
         EXPECT_EQ(server_.subscribe(this, Uuid(31), std::make_shared<NumberData>()),
                   Error::SUCCESS);
@@ -183,7 +183,7 @@ protected:
                 "plant/pump/motor");
         publish(conv::Identification{}, "plant/pump/valve");
     }
-    ~AUserInPython() override { server_.release(); }
+    void TearDown() override { server_.release(); }
 
     /// What a command of the peer prints.
     std::string output(std::string const& arguments) {
