@@ -32,7 +32,8 @@ void setLogFunction(LogFunction function, LogLevel level) {
 void writeLogLine(LogLevel level, std::string line) {
     constexpr char firstPrintable = ' ';
     std::replace_if(
-        line.begin(), line.end(), [](char c) { return c >= 0 && c < firstPrintable; }, '?');
+        line.begin(), line.end(),
+        [](char c) { return static_cast<unsigned char>(c) < firstPrintable; }, '?');
     auto& current = target();
     std::shared_lock const lock(current.mutex);
     if (current.function && isLogged(level)) {

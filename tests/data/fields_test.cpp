@@ -79,7 +79,7 @@ Number randomNumber() {
 }
 
 std::string randomText() {
-    std::string text(random64() % 40, 'x');
+    std::string text(static_cast<std::size_t>(random64() % 40), 'x');
     for (char& c : text) {
         c = oneOf(4) ? static_cast<char>(random64()) : c;
     }
@@ -92,7 +92,7 @@ Point randomPoint() {
 
 template <class Make>
 auto several(Make make) {
-    std::vector<decltype(make())> elements(random64() % 4);
+    std::vector<decltype(make())> elements(static_cast<std::size_t>(random64() % 4));
     for (std::size_t i = 0; i < elements.size(); ++i) {
         elements[i] = make();
     }

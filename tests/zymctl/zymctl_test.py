@@ -67,7 +67,7 @@ COMMANDS = [
     (["check", "collection", "plant", "31", "32", "--timeout", "1"], FAILED, "does not link", {"passed": False}),
     (["check", "link", "plant", ENTITY], DONE, "- SUCCESS", {"check": "link", "passed": True}),
     (["check", "clean", "plant/#"], FAILED, "- FAILURE", {"check": "clean", "passed": False}),
-    (["doctor"], DONE, r"(?s)Connected to .*, without TLS.*does not speak TLS.*QoS 2: works"
+    (["doctor"], DONE, r"(?s)Connected to .*, without TLS.*does not speak (TLS|it).*QoS 2: works"
      r".*\+: works.*#: works.*Discovery of entities: works.*1048576 bytes", {
          "connect": True, "tls": False, "qos": {"0": True, "1": True, "2": True}, "retained": True,
          "wildcards": {"plus": True, "hash": True}, "maxPayload": 1 << 20, "unsubscribeOrder": True,
