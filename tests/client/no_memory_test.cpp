@@ -82,6 +82,7 @@ TEST_F(ASubscriptionWithoutMemory, CanBeEnded) {
         FailingAllocation const failing(1);
         EXPECT_EQ(client_->unsubscribe(a, &subscriber_), Error::SUCCESS);
         client_->release(&subscriber_);
+        EXPECT_TRUE(failing.happened()) << "what notices a broker that changes the order";
     }
     EXPECT_EQ(script_->count(Operation::UNSUBSCRIBE), 3U);
 }

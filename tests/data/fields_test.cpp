@@ -2,6 +2,7 @@
 // it without a list.
 
 #include "data/by_hand.hpp"
+#include "data/documents.hpp"
 #include "data/every_kind.hpp"
 #include "support/allocations.hpp"
 
@@ -26,18 +27,6 @@ struct Node {
     std::vector<Node> below;
 };
 ZYM_MQTT_FIELDS(Node, below)
-
-template <class T>
-std::string written(T const& value) {
-    std::string payload = "old content";
-    MqttData<T>::serialize("a", payload, value);
-    return payload;
-}
-
-template <class T>
-void read(T& value, std::string const& payload, bool empty = false) {
-    MqttData<T>::deserialize("a", payload, empty, value);
-}
 
 /// Why the payload cannot be read; "" when it can. On failure the value must be unchanged.
 template <class T>

@@ -1,6 +1,8 @@
 // Status and identification. docs/wire-format.md has their documents, and a test compares them;
 // malformed_test.cpp has what cannot be read.
 
+#include "data/documents.hpp"
+
 #include <mqtt/payloads.hpp>
 
 #include <gtest/gtest.h>
@@ -20,18 +22,6 @@ using conv::Identification;
 using conv::ServiceStatus;
 using conv::UnixTime;
 using mqtt::MqttData;
-
-template <class T>
-std::string written(T const& value) {
-    std::string payload = "old content";
-    MqttData<T>::serialize("a", payload, value);
-    return payload;
-}
-
-template <class T>
-void read(T& value, std::string const& payload, bool empty = false) {
-    MqttData<T>::deserialize("a", payload, empty, value);
-}
 
 /// All members, in the order of their keys in a document.
 std::array<std::string, 10> texts(Identification const& id) {
