@@ -184,6 +184,40 @@ TEST_F(ABroker, ThatEndsASubscriptionBehindALaterOneGetsThatAgain) {
     EXPECT_EQ(topicsIn(Type::SUBSCRIBE, 1), (Strings{"a", "a", "a"}));
 }
 
+/// Both in one network step, so that a slow machine puts no time between them.
+TEST_F(ABroker, ThatHasConfusedThemIsNotToldOfAnEndBeforeANewSubscription) {
+    subscribeAnew({Type::UNSUBSCRIBE});
+    server.release();
+    ASSERT_TRUE(server.waitForPackets(Type::SUBSCRIBE, 3));
+    MessageRecorder changing([&](auto&&...) {
+        EXPECT_EQ(client->unsubscribe("a", &second), Error::SUCCESS);
+        subscribe("a", third);
+    });
+    subscribe("b", changing);
+    send("b", "x");
+    receiveAll();
+    client->release(&changing);
+    sendAll();
+    auto const begun = topicsIn(Type::SUBSCRIBE, 1);
+    auto const ended = topicsIn(Type::UNSUBSCRIBE, 1);
+    EXPECT_EQ(std::count(begun.begin(), begun.end(), "a"), 4);
+    EXPECT_EQ(std::count(ended.begin(), ended.end(), "a"), 1);
+}
+
+TEST_F(ABroker, ThatHasConfusedThemIsToldOfAnEndLaterAndAtTheLatestByTheDestructor) {
+    subscribeAnew({Type::UNSUBSCRIBE});
+    server.release();
+    ASSERT_TRUE(server.waitForPackets(Type::SUBSCRIBE, 3));
+    EXPECT_EQ(client->unsubscribe("a", &second), Error::SUCCESS);
+    EXPECT_TRUE(server.waitForPackets(Type::UNSUBSCRIBE, 2));
+    subscribe("b", first);
+    EXPECT_EQ(client->unsubscribe("b", &first), Error::SUCCESS);
+    client.reset();
+    ASSERT_TRUE(server.waitForPackets(Type::UNSUBSCRIBE, 3));
+    auto const ended = topicsIn(Type::UNSUBSCRIBE, 1);
+    EXPECT_EQ(Strings(ended.begin(), ended.begin() + 3), (Strings{"a", "a", "b"}));
+}
+
 TEST_F(ABroker, ThatKeepsTheOrderGetsEachSubscriptionOnce) {
     subscribeAnew({Type::UNSUBSCRIBE, Type::SUBSCRIBE});
     server.release();
