@@ -1,4 +1,4 @@
-// Runs of a discoverer that follow one another, or meet its end.
+// Runs of a discoverer that follow one another, and a discoverer that is cleaned during a run.
 
 #include "requestreply/blocking_thread.hpp"
 #include "services/discoverer_fixture.hpp"
@@ -112,48 +112,6 @@ TEST_F(ADiscoverer, WaitsWithoutLimit) {
         deliver(ENTITIES, listOf({"a"}));
         EXPECT_TRUE(run.get());
     }
-}
-
-// The end
-
-class TheEndOfADiscoverer : public ADiscoverer {
-protected:
-    /// `discoverer` may be null before the run ends.
-    std::future<bool> startEndlessRun() {
-        return std::async(std::launch::async, [which = discoverer.get()] {
-            return which->discoverSync(NO_TIME_LIMIT, true);
-        });
-    }
-
-    void expectEnd(std::future<bool>& run) {
-        EXPECT_FALSE(run.get());
-        letTheStepEnd();
-        EXPECT_THAT(subscribed(), IsEmpty());
-    }
-};
-
-TEST_F(TheEndOfADiscoverer, EndsARunWithAndWithoutAList) {
-    auto run = startEndlessRun();
-    ASSERT_TRUE(waitForSubscriptions(1));
-    discoverer.reset();
-    expectEnd(run);
-    discoverer = std::make_unique<Discoverer>(*client_, ENTITIES);
-    retainLinks({"a"});
-    auto next = startEndlessRun();
-    ASSERT_TRUE(waitForSubscriptions(3));
-    discoverer.reset();
-    expectEnd(next);
-}
-
-TEST_F(TheEndOfADiscoverer, MayComeInADeliveryOnTheSameTopic) {
-    mqtt::test::MessageRecorder destroying([&](auto&&...) { discoverer.reset(); });
-    ASSERT_EQ(client_->subscribe(ENTITIES, &destroying, 0), mqtt::MqttClient::Error::SUCCESS);
-    auto run = startEndlessRun();
-    ASSERT_TRUE(waitForSubscriptions(2));
-    deliver(ENTITIES, listOf({"a"}));
-    EXPECT_FALSE(run.get());
-    EXPECT_EQ(script_->count(Operation::SUBSCRIBE), 2U);
-    client_->release(&destroying);
 }
 
 } // namespace

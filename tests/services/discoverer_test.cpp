@@ -5,8 +5,6 @@
 
 namespace {
 
-using testing::AllOf;
-using testing::Each;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
@@ -87,16 +85,6 @@ TEST_F(ADiscoverer, WaitsOnWhenTheListIsErasedOrMalformedAndWhenAnIdentification
     EXPECT_THAT(entities(), ElementsAre(documentOf("a")));
 }
 
-TEST_F(ADiscoverer, AcceptsAMalformedIdentificationAsAnAnswer) {
-    retainLinks({"a", "b"});
-    retain("a/identification", "nonsense");
-    retain("b/identification", R"({"name": "b", "version": 7})");
-    EXPECT_TRUE(discoverer->discoverSync(SUCCESS_TIMEOUT_S, true));
-    conv::Identification named;
-    named.name = "b";
-    EXPECT_THAT(entities(), ElementsAre(documentOf(conv::Identification()), documentOf(named)));
-}
-
 TEST_F(ADiscoverer, TakesOneListOnly) {
     auto run = startRun(SUCCESS_TIMEOUT_S, false);
     ASSERT_TRUE(waitForSubscriptions(1));
@@ -136,26 +124,6 @@ TEST_F(ADiscoverer, TimesOutWithLinksThatMakeInvalidTopics) {
     EXPECT_THAT(topics(Operation::SUBSCRIBE), ElementsAre(ENTITIES, "good/identification"));
     letTheStepEnd();
     EXPECT_THAT(subscribed(), IsEmpty());
-}
-
-TEST_F(ADiscoverer, SubscribesTheIdentificationBelowEachLink) {
-    std::string const longId(1000, 'x');
-    Strings const ids{"", "/", "/a/", "a//b", "+", longId};
-    retainLinks(ids);
-    Strings expected{ENTITIES};
-    for (std::string const below : {"", "", "a/", "a//b/", "+/"}) {
-        expected.push_back(below + "identification");
-    }
-    expected.push_back(longId + "/identification");
-    for (auto const& topic : expected) {
-        if (topic != ENTITIES) {
-            retain(topic, documentOf("x"));
-        }
-    }
-    EXPECT_TRUE(discoverer->discoverSync(SUCCESS_TIMEOUT_S, true));
-    EXPECT_EQ(links(), ids);
-    EXPECT_THAT(entities(), AllOf(SizeIs(ids.size()), Each(documentOf("x"))));
-    EXPECT_EQ(topics(Operation::SUBSCRIBE), expected);
 }
 
 TEST_F(ADiscoverer, TimesOutOnATopicThatCannotBeSubscribed) {

@@ -20,25 +20,6 @@ protected:
     }
 };
 
-TEST_F(InsideTheCallOfATimeListener, TheProxyMayBeStoppedStartedAnewAndTerminated) {
-    TimeListener acting([&](auto const&) {
-        if (acting.count() == 2) {
-            proxy->terminate();
-            return;
-        }
-        EXPECT_FALSE(proxy->synchronize(server, LONG_TIMEOUT_S)) << "it is active";
-        EXPECT_TRUE(proxy->stop());
-        EXPECT_TRUE(proxy->startSync(mqtt::test::uniqueId()));
-    });
-    synchronizeWith(acting);
-    answerAll(11, SAMPLES, 7.0);
-    ASSERT_TRUE(acting.waitForCount(2));
-    receiveAll();
-    EXPECT_DOUBLE_EQ(proxy->offset(), 7.0);
-    EXPECT_FALSE(manual_timer::record().armed);
-    EXPECT_FALSE(proxy->startSync(server));
-}
-
 /// The listener may have to wait for the other thread, which waits for the call.
 TEST_F(InsideTheCallOfATimeListener, ATerminationEndsTheWaitOfAnotherThreadForTheCall) {
     for (bool const terminates : {false, true}) {
@@ -98,16 +79,6 @@ TEST_F(ASlowTimeListener, IsWaitedForByAStopAndByTheFirstTermination) {
     proxy->terminate();
     EXPECT_FALSE(left) << "the second termination has waited";
     set(mayLeave);
-}
-
-TEST_F(ASlowTimeListener, IsNotWaitedForByOtherOperations) {
-    EXPECT_EQ(proxy->timeBase(), 995U);
-    EXPECT_TRUE(proxy->isSynchronized());
-    EXPECT_FALSE(proxy->startSync(server));
-    EXPECT_FALSE(proxy->synchronize(server, LONG_TIMEOUT_S));
-    proxy->forceSync();
-    proxy->registerListener(nullptr);
-    EXPECT_FALSE(left);
 }
 
 } // namespace
