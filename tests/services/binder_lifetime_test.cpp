@@ -13,7 +13,7 @@ using testing::IsEmpty;
 
 using Error = BinderError;
 
-class ATerminatedProxy : public AProxyOnAScript {};
+using ATerminatedProxy = AProxyOnAScript;
 
 TEST_F(ATerminatedProxy, StartsNothing) {
     bind();
@@ -27,15 +27,6 @@ TEST_F(ATerminatedProxy, StartsNothing) {
     EXPECT_NEAR(proxy->timeBase(), SERVER_TIME, 120);
     EXPECT_THAT(recorder.calls(), ElementsAre(bound(Error::SUCCESS)));
     EXPECT_EQ(requests("bind").size() + requests("unbind").size(), 1U);
-}
-
-TEST_F(ATerminatedProxy, DoesNotCallItsListenerForWhatWasUnderWay) {
-    ignore("bind");
-    ASSERT_EQ(proxy->bind(server, LONG_TIMEOUT_S), Error::SUCCESS);
-    proxy->terminate();
-    reply("bind");
-    EXPECT_THAT(recorder.calls(), IsEmpty());
-    EXPECT_THAT(requests("timeSync"), IsEmpty());
 }
 
 /// A thread inside a blocking operation.

@@ -33,11 +33,11 @@ TEST_F(ARunAfterAnother, IsNotEndedByALateAnswerBeforeItHasItsList) {
     ASSERT_TRUE(waitForSubscriptions(3));
     answerLate("late", 0);
     EXPECT_TRUE(isUnderWay(run));
-    EXPECT_THAT(entities(), ElementsAre(placeholder()));
+    EXPECT_THAT(entities(), ElementsAre(UNKNOWN));
     retainEntity("a");
     deliver(ENTITIES, listOf({"a"}));
     EXPECT_TRUE(run.get());
-    EXPECT_THAT(entities(), ElementsAre(documentOf("a")));
+    EXPECT_THAT(entities(), ElementsAre("a"));
 }
 
 TEST_F(ARunAfterAnother, IsNotEndedByALateList) {
@@ -46,7 +46,7 @@ TEST_F(ARunAfterAnother, IsNotEndedByALateList) {
     listLate({"late"});
     EXPECT_THAT(links(), ElementsAre("a"));
     answerLate("late", 0);
-    EXPECT_THAT(entities(), ElementsAre(placeholder()));
+    EXPECT_THAT(entities(), ElementsAre(UNKNOWN));
     letTheStepEnd();
     EXPECT_THAT(subscribed(), IsEmpty());
 }
@@ -67,7 +67,7 @@ TEST_F(ADiscoverer, MakesOneRunAfterTheOther) {
     second.join();
     EXPECT_TRUE(result);
     EXPECT_THAT(links(), ElementsAre("b"));
-    EXPECT_THAT(entities(), ElementsAre(placeholder()));
+    EXPECT_THAT(entities(), ElementsAre(UNKNOWN));
 }
 
 TEST_F(ADiscoverer, CleanedDuringAnAnswerTimesOut) {
@@ -86,7 +86,7 @@ TEST_F(ADiscoverer, CleanedDuringAnAnswerTimesOut) {
     });
     answer("a");
     EXPECT_FALSE(run.get());
-    EXPECT_THAT(entities(), ElementsAre(placeholder()));
+    EXPECT_THAT(entities(), ElementsAre(UNKNOWN));
     script_->setHook(Operation::UNSUBSCRIBE, {});
 }
 
