@@ -11,7 +11,6 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -31,18 +30,8 @@ inline BindingEvent unbound(BinderError error) {
 class BindingRecorder final : public zym::common::BinderProxy::Listener,
                               public mqtt::test::CallRecorder<BindingEvent> {
 public:
-    std::thread::id lastThread() const { return lastThread_.copy(); }
-
-    void onBound(BinderError error) override { keep(bound(error)); }
-    void onUnbound(BinderError error) override { keep(unbound(error)); }
-
-private:
-    void keep(BindingEvent const& event) {
-        lastThread_.change([](auto& thread) { thread = std::this_thread::get_id(); });
-        record(event);
-    }
-
-    mqtt::test::Watched<std::thread::id> lastThread_;
+    void onBound(BinderError error) override { record(bound(error)); }
+    void onUnbound(BinderError error) override { record(unbound(error)); }
 };
 
 /// The topics of all proxies: of the requests, and the one that is to be bound.

@@ -43,29 +43,19 @@ TEST_F(InsideTheCallOfATimeListener, ATerminationEndsTheWaitOfAnotherThreadForTh
     }
 }
 
-/// Its call lasts until the test ends it.
-class ASlowTimeListener : public TimeBaseOnABroker {
-protected:
-    ASlowTimeListener() {
-        proxy->registerListener(&slow);
-        EXPECT_TRUE(proxy->startSync(server));
-        answerAll(1, SAMPLES, 5.0);
-        EXPECT_TRUE(slow.waitForCount(1));
-    }
-    ~ASlowTimeListener() override {
-        set(mayLeave);
-        proxy.reset();
-    }
+using ATimeListener = TimeBaseOnABroker;
 
+TEST_F(ATimeListener, IsWaitedForByAStopAndByTheFirstTermination) {
     mqtt::test::Watched<bool> mayLeave;
     std::atomic<bool> left{false};
-    TimeListener slow{[this](auto const&) {
+    TimeListener slow([&](auto const&) {
         mayLeave.waitFor(isSet);
         left = true;
-    }};
-};
-
-TEST_F(ASlowTimeListener, IsWaitedForByAStopAndByTheFirstTermination) {
+    });
+    proxy->registerListener(&slow);
+    ASSERT_TRUE(proxy->startSync(server));
+    answerAll(1, SAMPLES, 5.0);
+    ASSERT_TRUE(slow.waitForCount(1));
     BlockingThread stop([&] {
         proxy->stop();
         EXPECT_TRUE(left);
