@@ -184,6 +184,7 @@ TEST_F(AService, TellsItsFunctionWhoAsks) {
                               [](Amount const&, ClientId const& client) -> Result<Level> {
                                   return Level{0, client.uuid.base64URL()};
                               });
+    awaitAllMessages();
     auto const answer = caller->callWait({1}, LONG);
     ASSERT_TRUE(answer);
     EXPECT_EQ(answer->note.value_or(""), id.base64URL());
