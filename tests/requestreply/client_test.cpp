@@ -1,9 +1,7 @@
-#include "requestreply/server_fixture.hpp"
+#include "requestreply/client_fixture.hpp"
 #include "support/log_lines.hpp"
 
-#include <atomic>
 #include <chrono>
-#include <stdexcept>
 
 namespace {
 
@@ -18,12 +16,6 @@ using testing::IsEmpty;
 using testing::SizeIs;
 
 class ARequestReplyClient : public ClientOnABroker {};
-
-TEST_F(ARequestReplyClient, SendsARequestWithIdentifierAndPayload) {
-    ASSERT_EQ(request(), Code::PENDING);
-    auto const payload = "{\n  \"$reqId\": " + std::to_string(requestId) + ",\n  \"number\": 7\n}";
-    EXPECT_THAT(seen(), ElementsAre(Message{requestTopic(), payload, 2, false}));
-}
 
 TEST_F(ARequestReplyClient, TakesTheIdentifierFromTheSteadyClock) {
     auto const now = [] {
@@ -50,14 +42,15 @@ TEST_F(ARequestReplyClient, NeverTakesAnIdentifierTwice) {
     }
 }
 
-TEST_F(ARequestReplyClient, CallsItsListenerWithTheReply) {
+TEST_F(ARequestReplyClient, SendsARequestAndCallsItsListenerWithTheReply) {
     auto const server = mqtt::test::uniqueId();
-    ASSERT_EQ(
-        client->request(&recorder, id, server, nullptr, replyData, &requestId, LONG_TIMEOUT_S),
-        Code::PENDING);
+    ASSERT_EQ(client->request(&recorder, id, server, std::make_shared<NumberData>(7), replyData,
+                              &requestId, LONG_TIMEOUT_S),
+              Code::PENDING);
     awaitRequest();
     auto const base = "svc/" + server.base64URL() + "/time/sync";
-    EXPECT_EQ(peer.messages()[0].topic, base + "?\?/" + id.base64URL());
+    auto const payload = "{\n  \"$reqId\": " + std::to_string(requestId) + ",\n  \"number\": 7\n}";
+    EXPECT_THAT(seen(), ElementsAre(Message{base + "?\?/" + id.base64URL(), payload, 2, false}));
     peer.publish(base + "?=/" + id.base64URL(), replyText(requestId, 17, "\"number\": 8"));
     ASSERT_TRUE(recorder.waitForCount(1));
     auto const call = recorder.calls()[0];
@@ -164,16 +157,6 @@ TEST_F(ARequestReplyClient, NeedsNeitherListenerNorPayloads) {
     EXPECT_NE(dynamic_cast<mqtt::RequestReplyNoData const*>(recorder.calls()[0].data), nullptr);
 }
 
-TEST_F(ARequestReplyClient, IsIdleAgainWhenAPayloadCannotBeWritten) {
-    EXPECT_THROW(client->request(&recorder, id, Uuid::NIL, std::make_shared<UnwritableData>(),
-                                 replyData, &requestId, 0),
-                 std::runtime_error);
-    EXPECT_EQ(request(), Code::PENDING);
-    reply(1);
-    ASSERT_TRUE(recorder.waitForCount(1));
-    EXPECT_THAT(recorder.errors(), ElementsAre(Code::SUCCESS));
-}
-
 TEST_F(ARequestReplyClient, WithNothingPendingHasNothingToCancel) {
     EXPECT_EQ(client->cancel(), Code::SUCCESS);
     EXPECT_EQ(client->waitEndOfRequest(LONG_TIMEOUT_S), Code::NONE);
@@ -210,23 +193,6 @@ TEST_F(ARequestReplyClient, WaitsForOneRequestOnly) {
     EXPECT_EQ(client->waitEndOfRequest(requestId, 0), Code::TIMEOUT);
 }
 
-/// The waiting thread would have to read the reply itself.
-TEST_F(ARequestReplyClient, DoesNotWaitOnTheWorker) {
-    Code waited = Code::NONE;
-    Code requested = Code::NONE;
-    ReplyRecorder first([&](ReplyCall const&) {
-        requested = client->requestWait(id, Uuid::NIL, nullptr, nullptr, LONG_TIMEOUT_S);
-        EXPECT_EQ(request(), Code::PENDING);
-        waited = client->waitEndOfRequest(NO_TIME_LIMIT);
-    });
-    ASSERT_EQ(requestFor(&first), Code::PENDING);
-    reply(1);
-    ASSERT_TRUE(recorder.waitForCount(1));
-    receiveAll();
-    EXPECT_EQ(requested, Code::TIMEOUT);
-    EXPECT_EQ(waited, Code::TIMEOUT);
-}
-
 TEST_F(ARequestReplyClient, SendsNothingAfterItsTermination) {
     ASSERT_EQ(request(), Code::PENDING);
     client->terminate();
@@ -238,27 +204,6 @@ TEST_F(ARequestReplyClient, SendsNothingAfterItsTermination) {
     EXPECT_EQ(client->waitEndOfRequest(LONG_TIMEOUT_S), Code::CANCELLED);
     EXPECT_THAT(seen(), SizeIs(1));
     EXPECT_THAT(recorder.calls(), SizeIs(1));
-}
-
-TEST_F(ARequestReplyClient, GetsTheReplyOfAServerOnAnotherMqttClient) {
-    std::atomic<Code> code{Code::SUCCESS};
-    ServerListener listener([&](auto const& data, auto& error) {
-        error = code;
-        return std::make_shared<NumberData>(dynamic_cast<NumberData const&>(data).number + 1);
-    });
-    auto const serversMqtt = mqtt::test::testClient(broker);
-    mqtt::RequestReplyServer server(*serversMqtt, "svc", "time", "sync");
-    ASSERT_EQ(server.subscribe(&listener, Uuid::NIL, std::make_shared<NumberData>()),
-              mqtt::MqttClient::Error::SUCCESS);
-    ::receiveAll(*serversMqtt);
-    for (int const number : {0, 1, 3, 7, 17, 255}) {
-        code = static_cast<Code>(number);
-        EXPECT_EQ(requestWait(), code.load());
-        EXPECT_EQ(replyData->number, 8U);
-    }
-    for (auto const& call : listener.calls()) {
-        EXPECT_EQ(call.error, Code::SUCCESS) << "whatever the error of the last reply was";
-    }
 }
 
 class ARequestWithoutAServer : public ClientOnABroker {

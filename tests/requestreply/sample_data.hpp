@@ -28,19 +28,3 @@ public:
         throw std::runtime_error("cannot be written");
     }
 };
-
-/// A payload of one text, which must be there.
-class TextData : public mqtt::RequestReplyData {
-public:
-    explicit TextData(std::string initial = "") : text(std::move(initial)) {}
-
-    void deserialize(zym::common::lwjson::Deserializer& in) override {
-        zym::common::lwjson::Deserializer::extractValue(in.getMember("text"), text, "");
-    }
-    void serialize(zym::common::lwjson::Serializer& out) const override {
-        out.appendKey("text");
-        out.addValue(text);
-    }
-
-    std::string text;
-};

@@ -40,6 +40,10 @@ TEST_F(AServer, RepliesOnTheTopicOfEachClient) {
 }
 
 TEST_F(AServer, GivesItsListenerTheRequestOnItsOwnTopic) {
+    listener.setAnswer([](auto const&, auto& error) {
+        error = SERVICE_ERROR;
+        return nullptr;
+    });
     auto const data = std::make_shared<NumberData>();
     Server server(*mqtt, "svc", "a/b", "sync");
     ASSERT_EQ(server.subscribe(&listener, Uuid(), data), Error::SUCCESS);
@@ -50,7 +54,7 @@ TEST_F(AServer, GivesItsListenerTheRequestOnItsOwnTopic) {
     for (std::string const number : {"5", "6"}) {
         peer.publish(prefix + "?\?/" + CLIENT_ID, R"({"$reqId": 1, "number": )" + number + "}");
     }
-    auto const expected = Message{prefix + "?=/" + CLIENT_ID, reply(1, 1), 2, false};
+    auto const expected = Message{prefix + "?=/" + CLIENT_ID, reply(1, 17), 2, false};
     EXPECT_THAT(replies(), ElementsAre(expected, expected));
     EXPECT_EQ(server.requestTopic(), prefix + "?\?");
     ASSERT_EQ(listener.count(), 2U);
@@ -58,7 +62,7 @@ TEST_F(AServer, GivesItsListenerTheRequestOnItsOwnTopic) {
         EXPECT_EQ(call.name, "sync");
         EXPECT_EQ(call.clientUuid, Uuid(1));
         EXPECT_EQ(call.serverUuid, Uuid(7));
-        EXPECT_EQ(call.error, Code::SUCCESS);
+        EXPECT_EQ(call.error, Code::SUCCESS) << "whatever the error of the last reply was";
         EXPECT_EQ(call.data, data.get()) << "one object for all requests";
     }
     EXPECT_EQ(data->number, 6U);
@@ -82,28 +86,18 @@ TEST_F(AServer, WithoutAListenerRepliesNoListener) {
     EXPECT_THAT(replyPayloads(), ElementsAre("{\n  \"$reqId\": 42,\n  \"$err\": 4\n}"));
 }
 
-TEST_F(AServer, IgnoresAnEmptyPayload) {
-    peer.publish("svc/n?\?/" + CLIENT_ID, R"({"$reqId": 1})", 2, true);
-    auto const server = serve(&listener);
-    EXPECT_THAT(replyPayloads(), ElementsAre(reply(1, 1))) << "to the retained request";
-    peer.publish("svc/n?\?/" + CLIENT_ID, "", 2, true); // erases it
-    EXPECT_THAT(replyPayloads(), ElementsAre(reply(1, 1)));
-    EXPECT_EQ(listener.count(), 1U);
-}
-
 TEST_F(AServer, IgnoresWhatIsNoRequest) {
-    auto const data = std::make_shared<TextData>("kept");
+    auto const data = std::make_shared<NumberData>(9);
     auto const server = serve(&listener, data);
-    for (auto const* const payload : {"[]", R"({"text": "a"})", R"({"$reqId": 1})"}) {
+    for (auto const* const payload : {"[]", R"({"number": 1})", R"({"$reqId": 1})"}) {
         request(payload);
     }
-    peer.publish("svc/n?\?/u1", R"({"$reqId": 1, "text": "a"})");
+    peer.publish("svc/n?\?/u1", R"({"$reqId": 1, "number": 1})");
     EXPECT_THAT(replies(), IsEmpty());
     EXPECT_EQ(listener.count(), 0U);
-    EXPECT_EQ(data->text, "kept");
-    request(R"({"$reqId": 2, "text": "\ud83d\ude00"})");
+    EXPECT_EQ(data->number, 9U);
+    request(R"({"$reqId": 2, "number": 8})");
     EXPECT_THAT(replyPayloads(), ElementsAre(reply(2, 1)));
-    EXPECT_EQ(data->text, "\xf0\x9f\x98\x80");
 }
 
 TEST_F(AServer, SendsNoReplyWhenItsListenerOrThePayloadThrows) {
@@ -165,19 +159,14 @@ protected:
 
 TEST_P(AServerThatUnsubscribes, ReceivesNothingUntilItSubscribesAgain) {
     auto const server = serve(&listener);
-    EXPECT_EQ(unsubscribe(*server), Error::SUCCESS);
-    expectNoReply();
-    EXPECT_EQ(unsubscribe(*server), Error::NOT_FOUND);
-    subscribeAgain(*server, listener);
-    expectTheNextRequestAnswered();
-}
-
-TEST_P(AServerThatUnsubscribes, OnceAfterTwoSubscriptionsReceivesNothing) {
-    auto const server = serve(&listener);
     subscribeAgain(*server, listener);
     EXPECT_EQ(unsubscribe(*server), Error::NOT_FOUND) << "one registration remains";
     expectNoReply();
     EXPECT_EQ(unsubscribe(*server), Error::SUCCESS);
+    EXPECT_EQ(unsubscribe(*server), Error::NOT_FOUND);
+    expectNoReply();
+    subscribeAgain(*server, listener);
+    expectTheNextRequestAnswered();
 }
 
 TEST_P(AServerThatUnsubscribes, DoesNotCallItsListenerForARequestBeingDispatched) {
@@ -246,13 +235,6 @@ TEST_F(TheEndOfAServer, ComesInsideItsListenersCallWithoutAReply) {
     server = serve(&listener);
     request(3);
     EXPECT_THAT(replyPayloads(), ElementsAre(reply(3, 1)));
-}
-
-TEST_F(TheEndOfAServer, MayComeWithoutAConnection) {
-    broker.kill();
-    ASSERT_TRUE(mqtt::test::eventually(
-        [&] { return mqtt->communicationState() != conv::ComState::CONNECTED; }));
-    server.reset();
 }
 
 TEST_F(TheEndOfAServer, IsNotAnUnsubscriptionInsideItsListenersCall) {

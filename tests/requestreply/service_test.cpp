@@ -1,8 +1,8 @@
 // Services from functions: requests, replies and errors without classes of the application.
 
 #include "requestreply/server_fixture.hpp"
+#include "support/log_lines.hpp"
 
-#include <mqtt/log.hpp>
 #include <mqtt/service.hpp>
 
 #include <atomic>
@@ -78,7 +78,6 @@ TEST(ATimeout, IsFromZeroToAllOnes) {
 class AService : public ServerOnABroker {
 protected:
     AService() : caller(callerOf(DRAW)) {}
-    ~AService() override { mqtt::setLogFunction({}, mqtt::LogLevel::ERROR); }
 
     template <class Request, class Reply>
     std::unique_ptr<mqtt::Caller<Request, Reply>>
@@ -97,14 +96,6 @@ protected:
         peer.publish("svc/" + Uuid(7).base64URL() + "/tank/draw?\?/" + CLIENT_ID,
                      R"({"$reqId": 1, "litres": )" + std::to_string(litres) + "}");
     }
-    void logErrors() {
-        mqtt::setLogFunction(
-            [this](mqtt::LogLevel, std::string const& line) {
-                log.change([&](auto& lines) { lines.push_back(line); });
-            },
-            mqtt::LogLevel::ERROR);
-    }
-
     /// A reply to the next call in place of a server.
     void replyToCall(std::string const& members) {
         auto const request = awaitMessage("?\?/", 1);
@@ -113,7 +104,6 @@ protected:
 
     Draw const DRAW{"svc", "draw", "tank"};
     std::unique_ptr<mqtt::MqttClient> callerMqtt = mqtt::test::testClient(broker);
-    mqtt::test::Watched<Strings> log;
     mqtt::test::Watched<std::vector<Result<Level>>> results;
     Caller::Function const record = [this](Result<Level> const& result) {
         results.change([&](auto& all) { all.push_back(result); });
@@ -166,7 +156,7 @@ TEST_F(AService, MayHaveNothingToSayAndNoIdentifier) {
 }
 
 TEST_F(AService, WhoseFunctionThrowsSendsNoReplyAndLogsIt) {
-    logErrors();
+    support::LogLines const log(mqtt::LogLevel::ERROR);
     auto const server = serve([](Amount const& wanted) -> Result<Level> {
         switch (wanted.litres) {
         case 0:
@@ -194,21 +184,10 @@ TEST_F(AService, TellsItsFunctionWhoAsks) {
                               [](Amount const&, ClientId const& client) -> Result<Level> {
                                   return Level{0, client.uuid.base64URL()};
                               });
+    awaitAllMessages();
     auto const answer = caller->callWait({1}, LONG);
     ASSERT_TRUE(answer);
     EXPECT_EQ(answer->note.value_or(""), id.base64URL());
-}
-
-TEST_F(AService, DropsARequestThatCannotBeRead) {
-    unsigned calls = 0;
-    auto const server = serve([&](Amount const&) -> Result<Level> {
-        ++calls;
-        return Level();
-    });
-    requestOf(-1);
-    requestOf(1);
-    EXPECT_THAT(replies(), testing::SizeIs(1));
-    EXPECT_EQ(calls, 1U);
 }
 
 TEST_F(AService, WhoseReplyCannotBeReadHasNoValue) {
@@ -229,33 +208,9 @@ TEST_F(AService, RefusesASecondCallAndKeepsTheFirst) {
     EXPECT_EQ(results.copy()[0]->left, 5U);
 }
 
-TEST_F(AService, OnItsOwnWorkerMayBeCalledWithoutWaiting) {
-    mqtt::Service<Amount, Level> const outer{"svc", "outer"};
-    std::vector<Code> codes;
-    mqtt::Caller inner(*mqtt, DRAW, ClientId(Uuid(9)), ServerId(Uuid(7)));
-    mqtt::Server const through(*mqtt, outer, ServerId(),
-                               [&](Amount const& wanted) -> Result<Level> {
-                                   codes.push_back(inner.callWait(wanted, LONG).code());
-                                   codes.push_back(inner.call(wanted, LONG, record));
-                                   return Level();
-                               });
-    auto const server = serve([](Amount const&) -> Result<Level> { return Level{3, {}}; });
-    mqtt::Caller outerCaller(*callerMqtt, outer, ClientId(id), ServerId());
-    EXPECT_TRUE(outerCaller.callWait({1}, LONG));
-    ASSERT_TRUE(waitForResult());
-    EXPECT_THAT(codes, ElementsAre(Code::TIMEOUT, Code::PENDING));
-    EXPECT_EQ(results.copy()[0]->left, 3U);
-}
-
 // The end of a caller and of a server
 
 TEST_F(AService, WhoseCallerIsDestroyedEndsTheCallAsCancelled) {
-    ASSERT_EQ(caller->call({1}, LONG, record), Code::PENDING);
-    caller.reset();
-    ASSERT_EQ(results.copy().size(), 1U);
-    EXPECT_EQ(results.copy()[0], Code::CANCELLED);
-
-    caller = callerOf(DRAW);
     std::optional<Result<Level>> result;
     BlockingThread waiting([&, &one = *caller] { result = one.callWait({1}, LONG); });
     ASSERT_TRUE(waiting.isBlocked());
@@ -292,44 +247,6 @@ TEST_F(AService, MayEndInItsOwnFunctionAndSendsNoReply) {
     EXPECT_THAT(replies(), IsEmpty());
     EXPECT_EQ(server, nullptr);
     EXPECT_EQ(captured.use_count(), 1);
-}
-
-TEST_F(AService, WaitsAtItsEndForItsFunction) {
-    mqtt::test::Watched<bool> entered;
-    mqtt::test::Watched<bool> destroyed;
-    auto server = serve([&](Amount const&) -> Result<Level> {
-        set(entered);
-        EXPECT_FALSE(destroyed.waitFor(mqtt::test::isSet, OBSERVATION_TIME));
-        return Level{7, {}};
-    });
-    ASSERT_EQ(caller->call({1}, LONG, record), Code::PENDING);
-    ASSERT_TRUE(entered.waitFor(mqtt::test::isSet));
-    server.reset();
-    set(destroyed);
-    ASSERT_TRUE(waitForResult());
-    EXPECT_EQ(results.copy()[0]->left, 7U);
-}
-
-// What the compiler cannot prevent
-
-TEST_F(AService, LogsAPayloadThatBreaksTheDocument) {
-    struct Closing final : NumberData {
-        void serialize(zym::common::lwjson::Serializer& out) const override {
-            NumberData::serialize(out);
-            out.finalize();
-        }
-    };
-    mqtt::RequestReplyClient client(*mqtt, "svc", "", "n");
-    auto const send = [&](std::shared_ptr<mqtt::RequestReplyData> data) {
-        client.request(nullptr, id, Uuid(), std::move(data), nullptr, nullptr, NO_TIME_LIMIT);
-        client.cancel();
-    };
-    send(std::make_shared<Closing>());
-    logErrors();
-    send(std::make_shared<NumberData>(7));
-    EXPECT_THAT(log.copy(), IsEmpty());
-    send(std::make_shared<Closing>());
-    EXPECT_THAT(log.copy(), ElementsAre(testing::StartsWith("service n: nobody can read")));
 }
 
 } // namespace

@@ -7,21 +7,12 @@
 
 namespace {
 
-int meaning(int code) {
-    return static_cast<int>(mqtt::BinderMqttProxy::requestReplyToBinderError(
-        static_cast<mqtt::RequestReply::ErrorCode>(code)));
-}
-
-TEST(ACodeOfRequestReply, MeansWhatTheTableSaysBelowSixteen) {
+TEST(ACodeOfRequestReply, MeansWhatTheTableSaysAndIsTheServersOwnFromSixteenOn) {
     int const table[16] = {1, 0, 4, 3, 4, 1, 2, 9, 1, 1, 1, 1, 1, 1, 1, 1};
-    for (int code = 0; code < 16; ++code) {
-        EXPECT_EQ(meaning(code), table[code]) << "code " << code;
-    }
-}
-
-TEST(ACodeOfRequestReply, CarriesTheServersOwnFromSixteenOn) {
-    for (int code = 16; code < 256; ++code) {
-        EXPECT_EQ(meaning(code), code - 16) << "code " << code;
+    for (int code = 0; code < 256; ++code) {
+        auto const meaning = mqtt::BinderMqttProxy::requestReplyToBinderError(
+            static_cast<mqtt::RequestReply::ErrorCode>(code));
+        EXPECT_EQ(static_cast<int>(meaning), code < 16 ? table[code] : code - 16) << code;
     }
 }
 

@@ -1,6 +1,8 @@
-// Bindings with a real server on a real broker.
+// Bindings and their failures.
 
 #include "services/binder_fixture.hpp"
+
+#include <atomic>
 
 namespace {
 
@@ -9,165 +11,195 @@ using testing::IsEmpty;
 
 using Error = BinderError;
 
-class ABinding : public ProxyAndServer {};
+class AMessageOfAProxy : public AProxyOnAScript {
+protected:
+    void expectRequest(std::string const& name, std::string const& topic,
+                       std::string const& members = "") {
+        ASSERT_FALSE(requests(name).empty());
+        auto const request = requests(name).back();
+        EXPECT_EQ(request.topic, topic + "?\?/" + id.base64URL());
+        EXPECT_EQ(request.payload,
+                  "{\n  \"$reqId\": " + std::to_string(idIn(request.payload)) + members + "\n}");
+        EXPECT_EQ(request.qos, 2);
+        EXPECT_FALSE(request.retain);
+    }
 
-TEST_F(ABinding, DoesNotExistAtFirst) {
-    expectUnbound();
-    proxy->forceTimeBaseSync();
-    EXPECT_EQ(requests("timeSync"), 0U);
-    EXPECT_THAT(recorder.calls(), IsEmpty());
+    std::string const BOUND = ",\n  \"topic\": \"svc/panel\"";
+};
+
+TEST_F(AMessageOfAProxy, RequestsABindingTheTimeAndItsEndOfEachServer) {
+    for (Uuid const& one : {server, mqtt::test::uniqueId()}) {
+        auto const base = "svc/pump/" + one.base64URL() + "/";
+        ASSERT_EQ(proxy->bindSync(one, LONG_TIMEOUT_S), Error::SUCCESS);
+        expectRequest("bind", base + "desk/bind", BOUND);
+        EXPECT_EQ(requests("timeSync").back().topic, base + "timeSync?\?/" + id.base64URL());
+        ASSERT_EQ(proxy->unbindSync(LONG_TIMEOUT_S), Error::SUCCESS);
+        expectRequest("unbind", base + "desk/unbind");
+    }
 }
+
+TEST_F(AMessageOfAProxy, NeedsNeitherServerNorSubPathNorListener) {
+    Proxy plain(*mqtt, BASE_TOPIC, mqtt::Topic(), id, BOUND_TOPIC, nullptr);
+    ASSERT_EQ(plain.bindSync(Uuid::NIL, LONG_TIMEOUT_S), Error::SUCCESS);
+    expectRequest("bind", "svc/pump/bind", BOUND);
+    ASSERT_EQ(plain.unbindSync(LONG_TIMEOUT_S), Error::SUCCESS);
+    expectRequest("unbind", "svc/pump/unbind");
+}
+
+/// No message causes that: the name in a reply is that of its request.
+TEST_F(AMessageOfAProxy, IsNotAnsweredByAReplyWithAnotherName) {
+    using Listener = mqtt::RequestReplyClient::Listener*;
+    // Only this kind of cast converts to a private base class.
+    auto* const listener = Listener(proxy.get());
+    ignore("bind");
+    ASSERT_EQ(proxy->bind(server, LONG_TIMEOUT_S), Error::SUCCESS);
+    for (std::string const name : {"", "Bind", "unbinding"}) {
+        listener->onReply(1, name, id, server, *mqtt::NO_DATA, Code::SUCCESS);
+        listener->onReply(1, name, id, server, *mqtt::NO_DATA, Code{23});
+    }
+    EXPECT_THAT(recorder.calls(), IsEmpty());
+    EXPECT_THAT(requests("timeSync"), IsEmpty());
+}
+
+class ABinding : public AProxyOnAScript {};
 
 TEST_F(ABinding, ExistsWhenBindSyncReturns) {
-    mqtt::test::Watched<std::string> topic;
-    server.bindings.setAnswer([&](auto const& data, auto&) {
-        topic.change([&](auto& text) {
-            text = dynamic_cast<mqtt::BindRequestData const&>(data).topic.text();
-        });
-        return nullptr;
-    });
-    EXPECT_EQ(proxy->bindSync(server.id, LONG_TIMEOUT_S), Error::SUCCESS);
+    expectUnbound();
+    bind();
     EXPECT_THAT(recorder.calls(), ElementsAre(bound(Error::SUCCESS)));
-    EXPECT_EQ(recorder.lastThread(), std::this_thread::get_id());
-    EXPECT_TRUE(isTimeOf(server, proxy->timeBase()));
     expectBound();
-    EXPECT_EQ(requests("bind"), 1U);
-    ASSERT_EQ(server.bindings.count(), 1U);
-    EXPECT_EQ(server.bindings.calls()[0].clientUuid, id);
-    EXPECT_EQ(server.bindings.calls()[0].name, "bind");
-    EXPECT_EQ(topic.copy(), BOUND_TOPIC.text());
+    EXPECT_EQ(requests("bind").size(), 1U);
 }
 
-TEST_F(ABinding, NeedsNoListener) {
-    Proxy silent(*mqtt, BASE_TOPIC, SUB_PATH, id, BOUND_TOPIC, nullptr);
-    EXPECT_EQ(silent.bindSync(server.id, LONG_TIMEOUT_S), Error::SUCCESS);
-    EXPECT_EQ(silent.unbindSync(LONG_TIMEOUT_S), Error::SUCCESS);
-    EXPECT_EQ(silent.bind(server.id, LONG_TIMEOUT_S), Error::SUCCESS);
-    EXPECT_TRUE(mqtt::test::eventually([&] { return silent.isTimeBaseSynchronized(); }));
-}
-
-TEST_F(ABinding, RefusesAnotherOneUntilTheServersTimeIsKnown) {
-    auto const expectBusy = [this] {
-        EXPECT_EQ(proxy->bind(server.id, LONG_TIMEOUT_S), Error::BUSY);
-        EXPECT_EQ(proxy->bindSync(server.id, LONG_TIMEOUT_S), Error::BUSY);
+TEST_F(ABinding, ExistsWhenTheServersTimeHasBeenReadTenTimes) {
+    auto const expectBusy = [this](std::size_t timeRequests) {
+        EXPECT_EQ(proxy->bind(server, LONG_TIMEOUT_S), Error::BUSY);
+        EXPECT_EQ(proxy->bindSync(server, LONG_TIMEOUT_S), Error::BUSY);
         EXPECT_FALSE(proxy->isTimeBaseSynchronized());
         EXPECT_THAT(recorder.calls(), IsEmpty());
+        EXPECT_EQ(requests("timeSync").size(), timeRequests);
     };
-    server.ignoreBindings();
-    server.withdrawTime();
-    EXPECT_EQ(proxy->bind(server.id, LONG_TIMEOUT_S), Error::SUCCESS);
-    expectBusy();
-    replyTo(awaitRequest("bind"), 1);
-    awaitRequest("timeSync");
-    expectBusy();
-    server.offerTime(); // the proxy repeats its request
-    ASSERT_TRUE(recorder.waitForCount(1));
+    ignore("bind");
+    ignore("timeSync");
+    ASSERT_EQ(proxy->bind(server, LONG_TIMEOUT_S), Error::SUCCESS);
+    expectBusy(0);
+    reply("bind", 21); // the server's own code for a client that is bound already
+    for (std::size_t count = 1; count <= 10; ++count) {
+        expectBusy(count);
+        reply("timeSync");
+    }
     EXPECT_THAT(recorder.calls(), ElementsAre(bound(Error::SUCCESS)));
     expectBound();
-    EXPECT_EQ(requests("bind"), 1U);
+    EXPECT_EQ(requests("timeSync").size(), 10U);
 }
 
 TEST_F(ABinding, ExistsWhenTheListenerIsCalledAndMayBeEndedInsideTheCall) {
     recorder.setHook([&](BindingEvent const& event) {
         EXPECT_EQ(proxy->isTimeBaseSynchronized(), event.first == "bound");
-        if (recorder.count() > 4) {
+        if (recorder.count() == 3) {
             return;
         }
         auto const next = event.first == "bound" ? proxy->unbind(LONG_TIMEOUT_S)
-                                                 : proxy->bind(server.id, LONG_TIMEOUT_S);
+                                                 : proxy->bind(server, LONG_TIMEOUT_S);
         EXPECT_EQ(next, Error::SUCCESS);
     });
-    EXPECT_EQ(proxy->bind(server.id, LONG_TIMEOUT_S), Error::SUCCESS);
-    ASSERT_TRUE(recorder.waitForCount(5));
-    EXPECT_NE(recorder.lastThread(), std::this_thread::get_id());
+    EXPECT_EQ(proxy->bind(server, LONG_TIMEOUT_S), Error::SUCCESS);
+    ASSERT_TRUE(recorder.waitForCount(3));
     expectBound();
     EXPECT_THAT(recorder.calls(),
-                ElementsAre(bound(Error::SUCCESS), unbound(Error::SUCCESS), bound(Error::SUCCESS),
-                            unbound(Error::SUCCESS), bound(Error::SUCCESS)));
+                ElementsAre(bound(Error::SUCCESS), unbound(Error::SUCCESS), bound(Error::SUCCESS)));
 }
 
-class ABindingThatFails : public ProxyAndServer {
+/// Makes the operations for derived classes public.
+class DerivedProxy : public mqtt::BinderMqttProxy {
+public:
+    DerivedProxy(mqtt::MqttClient& client, zym::common::Uuid const& self,
+                 zym::common::BinderProxy::Listener* listener)
+        : zym::common::BinderProxy(self, listener),
+          BinderMqttProxy(client, BASE_TOPIC, SUB_PATH, self, BOUND_TOPIC, listener) {}
+    ~DerivedProxy() override { release(); }
+
+    using BinderMqttProxy::endBinding;
+
+    std::atomic<bool> endsBinding{true}; ///< when the time is known, as in the base class
+    std::atomic<int> synchronizations{0};
+
 protected:
-    /// Both in a call that waits and with the listener.
-    void expectFailure(Error error, conv::SecondsDuration const& timeout = LONG_TIMEOUT_S) {
-        BindingRecorder own;
-        Proxy failing(*mqtt, BASE_TOPIC, SUB_PATH, id, BOUND_TOPIC, &own);
-        EXPECT_EQ(failing.bindSync(server.id, timeout), error);
-        EXPECT_EQ(failing.unbind(LONG_TIMEOUT_S), Error::NOT_BOUND);
-        EXPECT_EQ(failing.bind(server.id, timeout), Error::SUCCESS);
-        ASSERT_TRUE(own.waitForCount(2));
-        EXPECT_EQ(failing.unbind(LONG_TIMEOUT_S), Error::NOT_BOUND);
-        EXPECT_THAT(own.calls(), ElementsAre(bound(error), bound(error)));
+    void onTimeSynchronized() override {
+        bool const ends = endsBinding;
+        ++synchronizations;
+        if (ends) {
+            BinderMqttProxy::onTimeSynchronized();
+        }
     }
 };
 
+/// Through the hook of a derived class.
+TEST_F(ABinding, ExistsWhenTheTimeIsKnownUnlessADerivedProxyPreventsIt) {
+    DerivedProxy derived(*mqtt, id, &recorder);
+    EXPECT_EQ(derived.bindSync(server, LONG_TIMEOUT_S), Error::SUCCESS);
+    EXPECT_EQ(derived.unbindSync(LONG_TIMEOUT_S), Error::SUCCESS);
+    derived.endsBinding = false;
+    EXPECT_EQ(derived.bindSync(server, LONG_TIMEOUT_S), Error::SUCCESS);
+    EXPECT_EQ(derived.bind(server, LONG_TIMEOUT_S), Error::BUSY);
+    EXPECT_EQ(derived.unbindSync(LONG_TIMEOUT_S), Error::SUCCESS);
+    EXPECT_EQ(derived.bind(server, LONG_TIMEOUT_S), Error::SUCCESS);
+    ASSERT_TRUE(mqtt::test::eventually([&] { return derived.synchronizations == 3; }));
+    EXPECT_EQ(derived.bind(server, LONG_TIMEOUT_S), Error::BUSY);
+    EXPECT_THAT(recorder.calls(), ElementsAre(bound(Error::SUCCESS), unbound(Error::SUCCESS),
+                                              unbound(Error::SUCCESS)));
+}
+
+class ABindingThatFails : public AProxyOnAScript {};
+
+/// Both in a call that waits and with the listener.
 TEST_F(ABindingThatFails, EndsWithTheErrorOfTheReply) {
+    std::size_t calls = 0;
     for (auto const& [code, error] :
-         std::vector<std::pair<int, int>>{{0, 1}, {3, 3}, {6, 2}, {7, 9}, {17, 1}, {255, 239}}) {
+         {std::pair(0, Error::FAILED), std::pair(3, Error::TIMEOUT), std::pair(4, Error::NO_SERVER),
+          std::pair(7, Error::CANCELLED), std::pair(17, Error::FAILED),
+          std::pair(255, Error{239})}) {
         SCOPED_TRACE(code);
-        server.bindings.setAnswer(replying(code));
-        expectFailure(static_cast<Error>(error));
+        answer("bind", code);
+        EXPECT_EQ(proxy->bindSync(server, LONG_TIMEOUT_S), error);
+        expectUnbound();
+        EXPECT_EQ(proxy->bind(server, LONG_TIMEOUT_S), Error::SUCCESS);
+        calls += 2;
+        ASSERT_TRUE(recorder.waitForCount(calls));
+        expectUnbound();
+        EXPECT_EQ(recorder.calls()[calls - 2], bound(error));
+        EXPECT_EQ(recorder.calls()[calls - 1], bound(error));
     }
-    server.serveBindingsWithoutAListener();
-    expectFailure(Error::NO_SERVER);
-    server.ignoreBindings();
-    expectFailure(Error::TIMEOUT, 0);
-    EXPECT_EQ(requests("timeSync"), 0U);
-    server.bindings.setAnswer({});
-    server.serveBindings();
+    EXPECT_THAT(requests("timeSync"), IsEmpty());
+    answer("bind");
     bind();
     expectBound();
+}
+
+TEST_F(ABindingThatFails, EndsWithoutAReplyWhenItsTimeIsOver) {
+    ignore("bind");
+    EXPECT_EQ(proxy->bindSync(server, 0), Error::TIMEOUT);
+    EXPECT_EQ(proxy->bind(server, 7), Error::SUCCESS);
+    EXPECT_EQ(manual_timer::record().period, std::chrono::seconds(7));
+    EXPECT_THAT(recorder.calls(), ElementsAre(bound(Error::TIMEOUT)));
 }
 
 /// A derived class has ended the binding in the base, but its request is still pending.
 TEST_F(ABindingThatFails, EndsWithBusyWhenItsRequestCannotBeSent) {
-    server.ignoreBindings();
+    ignore("bind");
     for (bool const blocking : {false, true}) {
         BindingRecorder own;
         DerivedProxy derived(*mqtt, id, &own);
-        EXPECT_EQ(derived.bind(server.id, LONG_TIMEOUT_S), Error::SUCCESS);
+        EXPECT_EQ(derived.bind(server, LONG_TIMEOUT_S), Error::SUCCESS);
         derived.endBinding(Error::FAILED);
-        EXPECT_EQ(blocking ? derived.bindSync(server.id, LONG_TIMEOUT_S)
-                           : derived.bind(server.id, LONG_TIMEOUT_S),
+        EXPECT_EQ(blocking ? derived.bindSync(server, LONG_TIMEOUT_S)
+                           : derived.bind(server, LONG_TIMEOUT_S),
                   Error::BUSY);
         EXPECT_THAT(own.calls(), ElementsAre(bound(Error::FAILED), bound(Error::BUSY)));
         EXPECT_EQ(derived.unbind(LONG_TIMEOUT_S), Error::NOT_BOUND);
-        EXPECT_EQ(derived.bindSync(server.id, 0), Error::TIMEOUT);
+        EXPECT_EQ(derived.bindSync(server, 0), Error::TIMEOUT);
     }
-    EXPECT_EQ(requests("bind"), 4U) << "none for the refused ones";
-}
-
-class TheTimeOfAServer : public ProxyAndServer {};
-
-TEST_F(TheTimeOfAServer, IsThatOfTheServerBoundTo) {
-    BindingServer other(broker, 1000000);
-    bind();
-    EXPECT_TRUE(isTimeOf(server, proxy->timeBase()));
-    EXPECT_EQ(proxy->unbindSync(LONG_TIMEOUT_S), Error::SUCCESS);
-    EXPECT_EQ(proxy->bindSync(other.id, LONG_TIMEOUT_S), Error::SUCCESS);
-    EXPECT_TRUE(isTimeOf(other, proxy->timeBase()));
-    EXPECT_EQ(proxy->unbindSync(LONG_TIMEOUT_S), Error::SUCCESS);
-    EXPECT_EQ(server.unbindings.count(), 1U);
-    EXPECT_EQ(other.unbindings.count(), 1U);
-    EXPECT_EQ(proxy->bind(server.id, LONG_TIMEOUT_S), Error::SUCCESS);
-    ASSERT_TRUE(recorder.waitForCount(5));
-    EXPECT_TRUE(isTimeOf(server, proxy->timeBase()));
-}
-
-/// Through the hook of a derived class.
-TEST_F(TheTimeOfAServer, EndsTheBindingUnlessADerivedProxyPreventsIt) {
-    DerivedProxy derived(*mqtt, id, &recorder);
-    EXPECT_EQ(derived.bindSync(server.id, LONG_TIMEOUT_S), Error::SUCCESS);
-    EXPECT_EQ(derived.unbindSync(LONG_TIMEOUT_S), Error::SUCCESS);
-    derived.setEndsBinding(false);
-    EXPECT_EQ(derived.bindSync(server.id, LONG_TIMEOUT_S), Error::SUCCESS);
-    EXPECT_EQ(derived.bind(server.id, LONG_TIMEOUT_S), Error::BUSY);
-    EXPECT_EQ(derived.unbindSync(LONG_TIMEOUT_S), Error::SUCCESS);
-    EXPECT_EQ(derived.bind(server.id, LONG_TIMEOUT_S), Error::SUCCESS);
-    ASSERT_TRUE(derived.waitForSynchronizations(3));
-    EXPECT_EQ(derived.bind(server.id, LONG_TIMEOUT_S), Error::BUSY);
-    EXPECT_THAT(recorder.calls(), ElementsAre(bound(Error::SUCCESS), unbound(Error::SUCCESS),
-                                              unbound(Error::SUCCESS)));
+    EXPECT_EQ(requests("bind").size(), 4U) << "none for the refused ones";
 }
 
 } // namespace

@@ -1,7 +1,6 @@
 // Cleaners that end during their work.
 
 #include "requestreply/blocking_thread.hpp"
-#include "services/checkpoint.hpp"
 #include "services/cleaner_fixture.hpp"
 
 #include <atomic>
@@ -14,21 +13,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
 
-class TheEndOfACleaner : public ACleaner {
-protected:
-    ~TheEndOfACleaner() override { standIn->setHook(Operation::SUBSCRIBE, {}); }
-
-    /// Stops the worker or the caller at the next call of this operation.
-    void stopAt(Operation operation) {
-        checkpoint.close();
-        standIn->setHook(operation, [this](auto const&) {
-            checkpoint.pass();
-            return std::optional<int>();
-        });
-    }
-
-    Checkpoint checkpoint;
-};
+using TheEndOfACleaner = ACleaner;
 
 TEST_F(TheEndOfACleaner, DropsItsRequestsWithoutCallingTheListener) {
     for (bool const destroys : {false, true}) {
@@ -96,15 +81,19 @@ TEST_F(TheEndOfACleaner, WaitsForAnUnsubscriptionAndThenCallsNoListener) {
 }
 
 TEST_F(TheEndOfACleaner, WaitsForRequestsBeingMade) {
-    stopAt(Operation::SUBSCRIBE);
+    mqtt::test::Watched<bool> maySubscribe;
+    standIn->setHook(Operation::SUBSCRIBE, [&](auto const&) {
+        maySubscribe.waitFor(mqtt::test::isSet);
+        return std::optional<int>();
+    });
     auto* const which = cleaner.get();
     BlockingThread one([=] { which->clean("a", LONG_DURATION); });
-    ASSERT_TRUE(checkpoint.hasStoppedAThread());
+    ASSERT_TRUE(standIn->waitForCalls(Operation::SUBSCRIBE, 1));
     BlockingThread another([=] { which->clean("b", LONG_DURATION); });
     ASSERT_TRUE(another.isBlocked());
     BlockingThread end([&] { cleaner.reset(); });
     ASSERT_TRUE(end.isBlocked());
-    checkpoint.open();
+    set(maySubscribe);
 }
 
 // While the broker is away
@@ -120,16 +109,6 @@ TEST_F(TheEndOfACleaner, EndsTheSearchForTheBroker) {
     EXPECT_LE(tries, 2U);
     cleaner->terminate();
     EXPECT_EQ(standIn->count(Operation::RECONNECT), tries);
-}
-
-TEST_F(TheEndOfACleaner, EndsAConnectionThatIsBeingMade) {
-    stopAt(Operation::RECONNECT);
-    standIn->loseConnection();
-    ASSERT_TRUE(checkpoint.hasStoppedAThread());
-    cleaner->terminate();
-    checkpoint.open();
-    ASSERT_TRUE(standIn->waitForCalls(Operation::DISCONNECT, 2));
-    EXPECT_TRUE(mqtt::test::eventually([&] { return !standIn->connected(); }));
 }
 
 TEST_F(TheEndOfACleaner, InsideItsListenersCallEndsWaitsAndLaterCalls) {

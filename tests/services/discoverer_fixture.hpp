@@ -26,25 +26,8 @@ constexpr std::uint32_t NO_TIME_LIMIT = UINT32_MAX;
 
 inline std::string const ENTITIES = "plant/entities";
 
-/// The document of an identification; in comparisons it stands for the identification.
-inline std::string documentOf(conv::Identification const& one) {
-    std::string document;
-    mqtt::MqttData<conv::Identification>::serialize({}, document, one);
-    return document;
-}
-/// With a different text for each member.
-inline std::string documentOf(std::string const& name) {
-    return documentOf(conv::Identification{name + " uuid", name + " maker", name + " model",
-                                           name + " serial", name + " physical name",
-                                           name + " name", name + " interface", name + " version",
-                                           name + " location", name + " contact"});
-}
-/// Of an entity that has not answered.
-inline std::string placeholder() {
-    conv::Identification unknown;
-    unknown.uuid = "ffffffff-ffff-ffff-ffff-ffffffffffff";
-    return documentOf(unknown);
-}
+/// In comparisons, for an entity that has not answered.
+inline std::string const UNKNOWN = "ffffffff-ffff-ffff-ffff-ffffffffffff";
 
 inline bool isUnderWay(std::future<bool> const& run) {
     return run.wait_for(OBSERVATION_TIME) == std::future_status::timeout;
@@ -76,14 +59,14 @@ protected:
         retained_.change([&](auto& all) { all[topic] = payload; });
     }
     void retainLinks(Strings const& ids) { retain(ENTITIES, listOf(ids)); }
-    void retainEntity(std::string const& id) { retain(id + "/identification", documentOf(id)); }
+    void retainEntity(std::string const& id) { retain(topicOf(id), identificationOf(id)); }
 
     /// Returns when the message has been handled.
     void deliver(std::string const& topic, std::string const& payload) {
         script_->deliver(topic, payload);
         letTheStepEnd();
     }
-    void answer(std::string const& id) { deliver(id + "/identification", documentOf(id)); }
+    void answer(std::string const& id) { deliver(topicOf(id), identificationOf(id)); }
 
     /// A message that was being dispatched when its subscription ended.
     void answerLate(std::string const& name, int position) {
@@ -136,17 +119,22 @@ protected:
         }
         return ids;
     }
-    /// Their documents.
+    /// Their names, and `UNKNOWN`.
     Strings entities() const {
-        Strings documents;
+        Strings names;
         for (auto const& entity : discoverer->entities()) {
-            documents.push_back(documentOf(entity));
+            names.push_back(entity.uuid == UNKNOWN ? UNKNOWN : entity.name);
         }
-        return documents;
+        return names;
     }
 
     std::unique_ptr<Discoverer> discoverer = std::make_unique<Discoverer>(*client_, ENTITIES);
 
 private:
+    static std::string topicOf(std::string const& id) { return id + "/identification"; }
+    static std::string identificationOf(std::string const& id) {
+        return R"({"name": ")" + id + "\"}";
+    }
+
     mqtt::test::Watched<std::map<std::string, std::string>> retained_;
 };

@@ -1,4 +1,4 @@
-// Runs of a discoverer that follow one another, or meet its end.
+// Runs of a discoverer that follow one another, and a discoverer that is cleaned during a run.
 
 #include "requestreply/blocking_thread.hpp"
 #include "services/discoverer_fixture.hpp"
@@ -33,11 +33,11 @@ TEST_F(ARunAfterAnother, IsNotEndedByALateAnswerBeforeItHasItsList) {
     ASSERT_TRUE(waitForSubscriptions(3));
     answerLate("late", 0);
     EXPECT_TRUE(isUnderWay(run));
-    EXPECT_THAT(entities(), ElementsAre(placeholder()));
+    EXPECT_THAT(entities(), ElementsAre(UNKNOWN));
     retainEntity("a");
     deliver(ENTITIES, listOf({"a"}));
     EXPECT_TRUE(run.get());
-    EXPECT_THAT(entities(), ElementsAre(documentOf("a")));
+    EXPECT_THAT(entities(), ElementsAre("a"));
 }
 
 TEST_F(ARunAfterAnother, IsNotEndedByALateList) {
@@ -46,7 +46,7 @@ TEST_F(ARunAfterAnother, IsNotEndedByALateList) {
     listLate({"late"});
     EXPECT_THAT(links(), ElementsAre("a"));
     answerLate("late", 0);
-    EXPECT_THAT(entities(), ElementsAre(placeholder()));
+    EXPECT_THAT(entities(), ElementsAre(UNKNOWN));
     letTheStepEnd();
     EXPECT_THAT(subscribed(), IsEmpty());
 }
@@ -67,7 +67,7 @@ TEST_F(ADiscoverer, MakesOneRunAfterTheOther) {
     second.join();
     EXPECT_TRUE(result);
     EXPECT_THAT(links(), ElementsAre("b"));
-    EXPECT_THAT(entities(), ElementsAre(placeholder()));
+    EXPECT_THAT(entities(), ElementsAre(UNKNOWN));
 }
 
 TEST_F(ADiscoverer, CleanedDuringAnAnswerTimesOut) {
@@ -86,7 +86,7 @@ TEST_F(ADiscoverer, CleanedDuringAnAnswerTimesOut) {
     });
     answer("a");
     EXPECT_FALSE(run.get());
-    EXPECT_THAT(entities(), ElementsAre(placeholder()));
+    EXPECT_THAT(entities(), ElementsAre(UNKNOWN));
     script_->setHook(Operation::UNSUBSCRIBE, {});
 }
 
@@ -112,48 +112,6 @@ TEST_F(ADiscoverer, WaitsWithoutLimit) {
         deliver(ENTITIES, listOf({"a"}));
         EXPECT_TRUE(run.get());
     }
-}
-
-// The end
-
-class TheEndOfADiscoverer : public ADiscoverer {
-protected:
-    /// `discoverer` may be null before the run ends.
-    std::future<bool> startEndlessRun() {
-        return std::async(std::launch::async, [which = discoverer.get()] {
-            return which->discoverSync(NO_TIME_LIMIT, true);
-        });
-    }
-
-    void expectEnd(std::future<bool>& run) {
-        EXPECT_FALSE(run.get());
-        letTheStepEnd();
-        EXPECT_THAT(subscribed(), IsEmpty());
-    }
-};
-
-TEST_F(TheEndOfADiscoverer, EndsARunWithAndWithoutAList) {
-    auto run = startEndlessRun();
-    ASSERT_TRUE(waitForSubscriptions(1));
-    discoverer.reset();
-    expectEnd(run);
-    discoverer = std::make_unique<Discoverer>(*client_, ENTITIES);
-    retainLinks({"a"});
-    auto next = startEndlessRun();
-    ASSERT_TRUE(waitForSubscriptions(3));
-    discoverer.reset();
-    expectEnd(next);
-}
-
-TEST_F(TheEndOfADiscoverer, MayComeInADeliveryOnTheSameTopic) {
-    mqtt::test::MessageRecorder destroying([&](auto&&...) { discoverer.reset(); });
-    ASSERT_EQ(client_->subscribe(ENTITIES, &destroying, 0), mqtt::MqttClient::Error::SUCCESS);
-    auto run = startEndlessRun();
-    ASSERT_TRUE(waitForSubscriptions(2));
-    deliver(ENTITIES, listOf({"a"}));
-    EXPECT_FALSE(run.get());
-    EXPECT_EQ(script_->count(Operation::SUBSCRIBE), 2U);
-    client_->release(&destroying);
 }
 
 } // namespace

@@ -9,30 +9,14 @@
 namespace {
 
 using testing::ElementsAre;
-using testing::IsEmpty;
 
 using mqtt::test::ClockedAdaptor;
 
 class ATimeBaseAdaptor : public SessionOnABroker {
 protected:
-    ATimeBaseAdaptor() {
-        adaptor = makeAdaptor();
-        receiveAll();
-    }
-
-    std::unique_ptr<ClockedAdaptor> makeAdaptor() {
-        return std::make_unique<ClockedAdaptor>(*mqtt, "svc", server, [this] {
-            checkpoint.pass();
-            return now.load();
-        });
-    }
+    ATimeBaseAdaptor() { receiveAll(); }
 
     void request(std::string const& payload) { peer.publish(topic, payload); }
-    void expectNoReply() {
-        request(R"({"$reqId": 7, "client": 12.5})");
-        EXPECT_THAT(replies(), IsEmpty());
-    }
-
     Messages replies() {
         receiveAll();
         return messagesWith(seen(), replyTopicFor(topic));
@@ -43,7 +27,11 @@ protected:
     std::string const topic = "svc/" + server.base64URL() + "/timeSync?\?/" + caller.base64URL();
     Checkpoint checkpoint; ///< in the adaptor's clock
     std::atomic<double> now{1700.25};
-    std::unique_ptr<ClockedAdaptor> adaptor;
+    std::unique_ptr<ClockedAdaptor> adaptor =
+        std::make_unique<ClockedAdaptor>(*mqtt, "svc", server, [this] {
+            checkpoint.pass();
+            return now.load();
+        });
 };
 
 TEST_F(ATimeBaseAdaptor, RepliesWithTheEchoAndItsOwnTime) {
@@ -68,23 +56,13 @@ TEST_F(ATimeBaseAdaptor, SetsTheCodeInADirectCall) {
     EXPECT_EQ(error, Code::SUCCESS);
 }
 
-TEST_F(ATimeBaseAdaptor, DoesNotReplyAfterTerminationOrDestruction) {
-    adaptor->terminate();
-    expectNoReply();
-    adaptor->terminate();
-    EXPECT_EQ(adaptor->timeBase(), 1700U) << "its clock goes on";
-    adaptor = makeAdaptor();
-    receiveAll();
-    adaptor.reset();
-    expectNoReply();
-}
-
 TEST_F(ATimeBaseAdaptor, EndsAfterTheRequestBeingHandledAlsoWhenItIsTerminated) {
     checkpoint.close();
     request(R"({"$reqId": 7, "client": 12.5})");
     ASSERT_TRUE(checkpoint.hasStoppedAThread());
     // It times out, because no thread can read the acknowledgement.
     adaptor->terminate();
+    EXPECT_EQ(adaptor->timeBase(), 1700U) << "its clock goes on";
     std::atomic<bool> opened{false};
     BlockingThread destruction([&] {
         adaptor.reset();

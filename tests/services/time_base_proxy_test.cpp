@@ -22,15 +22,6 @@ constexpr std::size_t REQUEST_TIMEOUT = 1;
 
 class ANewTimeBaseProxy : public TimeBaseOnABroker {};
 
-TEST_F(ANewTimeBaseProxy, IsIdle) {
-    expectIdle();
-    EXPECT_EQ(record(SAMPLING).restarts, 0);
-    EXPECT_TRUE(proxy->stop());
-    manual_timer::expire(SAMPLING);
-    proxy->forceSync();
-    EXPECT_EQ(requestCount(), 0U);
-}
-
 TEST_F(ANewTimeBaseProxy, RequestsTheTimeOfItsServer) {
     now = 12.5;
     ASSERT_TRUE(proxy->startSync(server));
@@ -60,16 +51,29 @@ TEST_F(ANewTimeBaseProxy, IsIdleAfterAStartThatFails) {
 class ATimeBaseProxyThatSamples : public TimeBaseOnABroker {
 protected:
     ATimeBaseProxyThatSamples() { EXPECT_TRUE(proxy->startSync(server)); }
+
+    void expectNoStart() {
+        EXPECT_FALSE(proxy->startSync(mqtt::test::uniqueId()));
+        EXPECT_FALSE(proxy->synchronize(server, LONG_TIMEOUT_S));
+        EXPECT_EQ(proxy->serverUuid(), server);
+        EXPECT_DOUBLE_EQ(proxy->offset(), 5.0);
+    }
 };
 
 TEST_F(ATimeBaseProxyThatSamples, TakesTenSamplesAndThenOneEvery30Seconds) {
+    listener.setHook([&](auto const&) {
+        EXPECT_TRUE(proxy->isSynchronized());
+        EXPECT_TRUE(record(SAMPLING).armed);
+    });
     answerAll(1, SAMPLES - 1, 5.0);
     request(SAMPLES);
     EXPECT_FALSE(proxy->isSynchronized());
     EXPECT_EQ(listener.count(), 0U);
     EXPECT_FALSE(record(SAMPLING).armed);
+    expectNoStart();
     answer(SAMPLES, 5.0);
     ASSERT_TRUE(listener.waitForCount(1));
+    expectNoStart();
     EXPECT_TRUE(proxy->isSynchronized());
     receiveAll();
     EXPECT_EQ(requestCount(), 10U);
@@ -83,23 +87,6 @@ TEST_F(ATimeBaseProxyThatSamples, TakesTenSamplesAndThenOneEvery30Seconds) {
     EXPECT_GT(proxy->offset(), 5.0);
     EXPECT_EQ(record(SAMPLING).restarts, timer.restarts) << "it repeats by itself";
     EXPECT_EQ(listener.count(), 1U);
-}
-
-TEST_F(ATimeBaseProxyThatSamples, CannotBeStartedAgain) {
-    auto const expectNoStart = [this] {
-        EXPECT_FALSE(proxy->startSync(mqtt::test::uniqueId()));
-        EXPECT_FALSE(proxy->synchronize(server, LONG_TIMEOUT_S));
-        EXPECT_EQ(proxy->serverUuid(), server);
-        EXPECT_DOUBLE_EQ(proxy->offset(), 5.0);
-    };
-    answerAll(1, 3, 5.0);
-    request(4);
-    expectNoStart();
-    answerAll(4, 7, 5.0);
-    EXPECT_TRUE(listener.waitForCount(1));
-    expectNoStart();
-    EXPECT_TRUE(proxy->isSynchronized());
-    EXPECT_EQ(requestCount(), 10U);
 }
 
 TEST_F(ATimeBaseProxyThatSamples, RepeatsAFailedExchangeWithoutLimit) {
@@ -240,29 +227,11 @@ public:
     std::vector<Listener*> registered;
 };
 
-class AListenerOfTheTime : public TimeBaseOnABroker {};
-
-TEST_F(AListenerOfTheTime, IsUnregisteredByTheTermination) {
+TEST_F(ANewTimeBaseProxy, UnregistersItsListenerWhenItIsTerminated) {
     RegisteringProxy own(*mqtt, id, &listener);
     own.terminate();
     own.terminate();
     EXPECT_THAT(own.registered, ElementsAre(nullptr));
-}
-
-TEST_F(AListenerOfTheTime, IsCalledOnTheWorkerWhenTheTimeIsKnown) {
-    TimeListener watching([&](auto const&) {
-        EXPECT_TRUE(proxy->isSynchronized());
-        EXPECT_EQ(proxy->timeBase(), 995U);
-        EXPECT_TRUE(record(SAMPLING).armed);
-    });
-    proxy->registerListener(&watching);
-    ASSERT_TRUE(proxy->startSync(server));
-    answerAll(1, SAMPLES, 5.0);
-    ASSERT_TRUE(watching.waitForCount(1));
-    receiveAll();
-    EXPECT_EQ(listener.count(), 0U) << "it was replaced";
-    EXPECT_NE(watching.calls()[0], std::this_thread::get_id());
-    proxy->registerListener(nullptr);
 }
 
 } // namespace

@@ -1,12 +1,15 @@
-// Stopping and starting while the worker or the timer handles a reply of the run before. A
-// checkpoint in the proxy's clock stops them there.
+// Stopping, terminating and starting anew while the worker or the timer is busy: with a reply of
+// the run before, where a checkpoint in the proxy's clock stops them, or inside a listener.
 
 #include "services/time_base_fixture.hpp"
 #include "support/manual_timer.hpp"
 
+#include <atomic>
+
 namespace {
 
 using manual_timer::record;
+using mqtt::test::isSet;
 
 class AReplyInFlight : public TimeBaseOnABroker {
 protected:
@@ -73,6 +76,65 @@ TEST_F(APeriodicReplyInFlight, DoesNotCountInTheNextRun) {
     answerAll(12, SAMPLES, 7.0);
     ASSERT_TRUE(listener.waitForCount(2));
     EXPECT_DOUBLE_EQ(proxy->offset(), 7.0);
+}
+
+// While a listener is called
+
+class ATimeListener : public TimeBaseOnABroker {
+protected:
+    void synchronizeWith(TimeListener& acting) {
+        proxy->registerListener(&acting);
+        auto const first = requestCount() + 1;
+        ASSERT_TRUE(proxy->startSync(server));
+        answerAll(first, SAMPLES, 5.0);
+        ASSERT_TRUE(acting.waitForCount(1));
+    }
+};
+
+/// The listener may have to wait for the other thread, which waits for the call.
+TEST_F(ATimeListener, ThatTerminatesEndsTheWaitOfAnotherThreadForItsCall) {
+    for (bool const terminates : {false, true}) {
+        SCOPED_TRACE(terminates);
+        proxy = makeProxy();
+        mqtt::test::Watched<bool> otherWaits;
+        mqtt::test::Watched<bool> otherReturned;
+        TimeListener acting([&](auto const&) {
+            EXPECT_TRUE(otherWaits.waitFor(isSet));
+            proxy->terminate();
+            EXPECT_TRUE(otherReturned.waitFor(isSet));
+        });
+        synchronizeWith(acting);
+        BlockingThread other([&] {
+            terminates ? proxy->terminate() : static_cast<void>(proxy->stop());
+            set(otherReturned);
+        });
+        ASSERT_TRUE(other.isBlocked());
+        set(otherWaits);
+        receiveAll();
+    }
+}
+
+TEST_F(ATimeListener, IsWaitedForByAStopAndByTheFirstTermination) {
+    mqtt::test::Watched<bool> mayLeave;
+    std::atomic<bool> left{false};
+    TimeListener slow([&](auto const&) {
+        mayLeave.waitFor(isSet);
+        left = true;
+    });
+    synchronizeWith(slow);
+    BlockingThread stop([&] {
+        proxy->stop();
+        EXPECT_TRUE(left);
+    });
+    ASSERT_TRUE(stop.isBlocked());
+    BlockingThread termination([&] {
+        proxy->terminate();
+        EXPECT_TRUE(left);
+    });
+    ASSERT_TRUE(termination.isBlocked());
+    proxy->terminate();
+    EXPECT_FALSE(left) << "the second termination has waited";
+    set(mayLeave);
 }
 
 } // namespace
