@@ -36,15 +36,6 @@ support::ScriptedServer::Reaction keepConnection(support::MqttPacket const& pack
     return packet.type == PacketType::CONNECT ? Reaction::ANSWER : Reaction::IGNORE;
 }
 
-TEST(Disconnect, DoesNotWaitForAServerThatKeepsTheConnection) {
-    mqtt::test::Watched<bool> mayClose(false);
-    support::ScriptedServer server;
-    server.setHook([&](auto const& packet) { return keepConnection(packet, mayClose); });
-    auto const client = mqtt::test::testClient(server.host(), server.port());
-    EXPECT_EQ(client->disconnect(BEFORE_KEEP_ALIVE.count()), Error::SUCCESS);
-    mqtt::test::set(mayClose);
-}
-
 TEST(Disconnect, ComesBehindWhatABrokerThatDoesNotReadHasNotTakenYet) {
     mqtt::test::Watched<bool> reading(true);
     mqtt::test::Watched<bool> mayClose(false);

@@ -44,22 +44,6 @@ TEST_F(ADispatch, CallsASubscriberForEachOfItsSubscriptionsInTheirOrderWithItsTa
     client->release(&one);
 }
 
-TEST_F(ADispatch, HandsMessagesOverInTheOrderOfArrivalOnTheWorker) {
-    std::vector<std::thread::id> threads;
-    MessageRecorder recorder([&](auto&&...) { threads.push_back(std::this_thread::get_id()); });
-    subscribe("a/#", recorder);
-    Strings sent;
-    for (int i = 0; i < 200; ++i) {
-        sent.push_back(std::to_string(i));
-        send("a/" + std::to_string(i % 3), sent.back());
-    }
-    receiveAll();
-    client->release(&recorder);
-    EXPECT_EQ(recorder.payloads(), sent);
-    EXPECT_THAT(threads, Each(threads.front()));
-    EXPECT_NE(threads.front(), std::this_thread::get_id());
-}
-
 TEST_F(ADispatch, GivesTheParsedTopicOfTheMessageAndNotThePattern) {
     unsigned levels = 0;
     MessageRecorder recorder([&](int, Topic const& topic, auto&&) { levels = topic.size(); });
@@ -140,24 +124,6 @@ TEST_F(ADispatch, FollowsWhatASubscriberChangesForAnotherInItsCall) {
     }
 }
 
-TEST_F(ADispatch, HoldsNoLockDuringACall) {
-    bool done = false;
-    MessageRecorder slow([&](auto&&...) {
-        std::thread other([&] {
-            subscribe("b", second);
-            client->unsubscribe("b", &second);
-            client->publish("c", "x", 1, false);
-            done = true;
-        });
-        other.join(); // never ends if a lock is held here
-    });
-    subscribe("a", slow);
-    send("a", "x");
-    receiveAll();
-    client->release(&slow);
-    EXPECT_TRUE(done);
-}
-
 class ABroker : public ScriptedSession {
 protected:
     /// Subscribes again while the end of a subscription is not acknowledged. The answers to packets
@@ -227,14 +193,6 @@ TEST_F(ARelease, DropsAllRegistrationsOfASubscriberUntilItSubscribesAgain) {
     send("a", "x");
     receiveAll();
     EXPECT_THAT(first.payloads(), ElementsAre("x"));
-}
-
-TEST_F(ARelease, WaitsForTheCallUnderWay) {
-    AwaitedCall call;
-    MessageRecorder slow([&](auto&&...) { call.run(); });
-    subscribe("a", slow);
-    send("a", "x");
-    call.expectToBeAwaitedBy([&] { client->release(&slow); });
 }
 
 TEST_F(ARelease, DoesNotWaitForACallToAnotherSubscriber) {

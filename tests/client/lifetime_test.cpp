@@ -92,21 +92,6 @@ TEST_F(TheEndOfAClient, SendsNoDisconnectAndTellsNoListener) {
     EXPECT_THAT(listener.history(), IsEmpty());
 }
 
-TEST_F(TheEndOfAClient, DropsWhatIsQueued) {
-    loseConnection();
-    ASSERT_EQ(client->publish("queued", "x", 1, false), Error::SUCCESS);
-    client.reset();
-    EXPECT_EQ(server.count(Type::PUBLISH), 0U);
-}
-
-TEST_F(TheEndOfAClient, WaitsForTheCallUnderWay) {
-    AwaitedCall call;
-    MessageRecorder slow([&](auto&&...) { call.run(); });
-    subscribe("a", slow);
-    send("a", "x");
-    call.expectToBeAwaitedBy([&] { client.reset(); });
-}
-
 TEST_F(TheEndOfAClient, ComesInTimeDuringAPauseAndWithoutAnyConnection) {
     subscribe("a", first);
     client->pause();

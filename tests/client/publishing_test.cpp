@@ -1,29 +1,59 @@
-// Publishing to a broker, with a connection and without.
+// Publishing to a broker, with a connection and without, and by a will.
 
-#include "client/broker_session.hpp"
+#include "mqtt/test/broker.hpp"
+#include "mqtt/test/raw_peer.hpp"
+#include "mqtt/test/recorder.hpp"
+#include "mqtt/test/test_client.hpp"
 
-#include "support/scripted_server.hpp"
+#include <mqtt/client.hpp>
 
+#include <gmock/gmock.h>
+
+#include <memory>
 #include <optional>
+#include <string>
 #include <tuple>
+#include <vector>
 
 namespace {
 
 using conv::ComState;
 using mqtt::MqttClient;
 using mqtt::test::Message;
-using support::PacketType;
 using testing::ElementsAre;
 using Error = MqttClient::Error;
 using Payloads = std::vector<std::string>;
 
-Payloads numbers(int count) {
-    Payloads result;
-    for (int i = 0; i < count; ++i) {
-        result.push_back(std::to_string(i));
+constexpr unsigned WAIT_SECONDS = 30;
+
+/// A client, not yet connected, and a broker at which a peer receives everything.
+class AClientAtABroker : public testing::Test {
+protected:
+    AClientAtABroker() { peer_.subscribe("#"); }
+
+    std::unique_ptr<MqttClient> idleClient() const {
+        mqtt::test::ClientOptions options;
+        options.connect = false;
+        return mqtt::test::testClient(broker_, options);
     }
-    return result;
-}
+
+    void connect() { ASSERT_EQ(client_->connect("", -1, WAIT_SECONDS), Error::SUCCESS); }
+
+    /// What the peer has received when all that this client has published has arrived.
+    Payloads receivedPayloads() {
+        EXPECT_EQ(client_->publishWait("marker", "", 2, false, WAIT_SECONDS), Error::SUCCESS);
+        EXPECT_TRUE(peer_.waitFor(
+            [](auto const& all) { return !all.empty() && all.back().topic == "marker"; }));
+        auto result = peer_.payloads();
+        result.pop_back();
+        return result;
+    }
+
+    mqtt::test::Broker broker_;
+    mqtt::test::RawPeer peer_{broker_};
+    mqtt::test::StateRecorder states_;
+    std::unique_ptr<MqttClient> client_ = idleClient();
+};
 
 class APublishingClientAtEveryQos : public AClientAtABroker,
                                     public testing::WithParamInterface<int> {
@@ -61,24 +91,6 @@ TEST_P(APublishingClientAtEveryQos, PublishesOnceAndUnchangedNowOrWithTheNextCon
               (Message{"kept", "connected", GetParam(), true}));
 }
 
-TEST_F(AClientAtABroker, CallsAQos0PublicationDoneWhenItIsWritten) {
-    connect();
-    broker_.suspend();
-    EXPECT_EQ(client_->publishWait("a", "value", 0, false, WAIT_SECONDS), Error::SUCCESS);
-    broker_.resume();
-    EXPECT_THAT(receivedPayloads(), ElementsAre("value"));
-}
-
-TEST(AWaitForAQos2Publication, EndsWithTheLastPacketOfTheHandshake) {
-    support::ScriptedServer server;
-    auto const client = mqtt::test::testClient(server.host(), server.port());
-    server.hold(PacketType::PUBREL);
-    EXPECT_EQ(client->publishWait("a", "value", 2, false, 1), Error::TIMEOUT);
-    EXPECT_TRUE(server.waitForPackets(PacketType::PUBREL, 1));
-    server.release();
-    EXPECT_EQ(client->publishWait("a", "value", 2, false, 30), Error::SUCCESS);
-}
-
 class APublicationInFlightWhenTheBrokerDies
     : public testing::TestWithParam<std::tuple<int, int, bool>> {};
 
@@ -95,28 +107,60 @@ TEST_P(APublicationInFlightWhenTheBrokerDies, ArrivesBeforeWhatWasQueuedEachOnce
     options.persistent = isPersistent;
     auto const client = mqtt::test::testClient(broker, options);
     client->registerListener(&states);
-    int next = 0;
-    auto const publishUpTo = [&, qos = qos](int end) {
-        for (; next < end; ++next) {
-            EXPECT_EQ(client->publish("a", std::to_string(next), qos, true), Error::SUCCESS);
+    Payloads published;
+    auto const publishMore = [&, qos = qos](int more) {
+        for (int i = 0; i < more; ++i) {
+            published.push_back(std::to_string(published.size()));
+            EXPECT_EQ(client->publish("a", published.back(), qos, true), Error::SUCCESS);
         }
     };
     // Still in flight when the broker dies, because it stands still before.
     broker.suspend();
-    publishUpTo(count);
+    publishMore(count);
     broker.kill();
     ASSERT_TRUE(states.waitFor(ComState::CONNECTION_LOST));
-    publishUpTo(2 * count);
+    publishMore(count);
     client->pause(); // until the peer has subscribed
     broker.start();
     mqtt::test::RawPeer peer(broker);
     peer.subscribe("#");
     client->resume();
-    ASSERT_TRUE(peer.waitForMessages(static_cast<std::size_t>(2 * count)));
-    publishUpTo(2 * count + 1);
-    ASSERT_TRUE(peer.waitForMessages(static_cast<std::size_t>(2 * count + 1)));
-    EXPECT_EQ(peer.payloads(), numbers(2 * count + 1));
-    EXPECT_EQ(mqtt::test::retained(broker, "a")->payload, std::to_string(2 * count));
+    ASSERT_TRUE(peer.waitForMessages(published.size()));
+    publishMore(1);
+    ASSERT_TRUE(peer.waitForMessages(published.size()));
+    EXPECT_EQ(peer.payloads(), published);
+    EXPECT_EQ(mqtt::test::retained(broker, "a")->payload, published.back());
+}
+
+class AWill : public AClientAtABroker {};
+
+TEST_F(AWill, IsPublishedWhenTheClientEndsWithoutADisconnect) {
+    std::string const payload("with \0 byte", 11);
+    ASSERT_EQ(client_->setWill("will", "replaced", 2, true), Error::SUCCESS);
+    ASSERT_EQ(client_->setWill("will", payload, 2, true), Error::SUCCESS);
+    ASSERT_EQ(client_->setWill("", "refused", 2, false), Error::INVALID_PARAMETER);
+    connect();
+    client_.reset();
+    ASSERT_TRUE(peer_.waitForMessages(1));
+    EXPECT_THAT(peer_.messages(), ElementsAre(Message{"will", payload, 2, false}));
+    EXPECT_EQ(mqtt::test::retained(broker_, "will"), (Message{"will", payload, 2, true}));
+}
+
+TEST_F(AWill, CanBeChangedWhileDisconnectedOnly) {
+    auto const expectRefusal = [&] {
+        EXPECT_EQ(client_->setWill("will", "other", 2, false), Error::CONNECTION_PENDING);
+        EXPECT_EQ(client_->clearWill(), Error::CONNECTION_PENDING);
+    };
+    client_->registerListener(&states_);
+    connect();
+    expectRefusal();
+    broker_.kill();
+    ASSERT_TRUE(states_.waitFor(ComState::CONNECTION_LOST));
+    expectRefusal();
+    client_ = idleClient();
+    ASSERT_EQ(client_->connect("", -1, WAIT_SECONDS), Error::ERRNO);
+    ASSERT_EQ(client_->communicationState(), ComState::CONNECTING);
+    expectRefusal();
 }
 
 } // namespace

@@ -75,9 +75,6 @@ protected:
         return mqtt::test::eventually([&] { return sendings(topic) >= count; });
     }
 
-    /// Returns when the server has this publication; false if that takes too long.
-    bool arrives(std::string const& topic) const { return waitForSendings(topic, 1); }
-
     int reconnections() const { return server_.tcpConnections() - 1; }
 
     mqtt::test::StateRecorder states_;
@@ -88,11 +85,15 @@ protected:
 INSTANTIATE_TEST_SUITE_P(QosAndPersistent, AClientOfAStrictServer,
                          testing::Combine(testing::Values(1, 2), testing::Bool()));
 
-TEST_P(AClientOfAStrictServer, GivesAPublicationUpThatIsRefusedThreeTimes) {
+TEST_P(AClientOfAStrictServer, GivesAPublicationUpThatIsRefusedThreeTimesAndTellsWhich) {
+    support::LogLines const errors(mqtt::LogLevel::ERROR);
     refuse(REFUSED, ALWAYS);
     publish(REFUSED);
     ASSERT_TRUE(waitForSendings(REFUSED, 3));
     ASSERT_TRUE(mqtt::test::becomesConnected(*client_));
+    EXPECT_EQ(client_->lastFailure().reason, mqtt::Failure::Reason::PUBLICATION_GIVEN_UP);
+    EXPECT_EQ(client_->lastFailure().detail, "refused, 7 bytes");
+    EXPECT_THAT(errors.copy(), ElementsAre(HasSubstr("(refused, 7 bytes)")));
     EXPECT_EQ(publishAndWait("next"), Error::SUCCESS);
     EXPECT_EQ(sendings(REFUSED), 3);
     EXPECT_EQ(reconnections(), 3);
@@ -116,17 +117,6 @@ TEST_P(AClientOfAStrictServer, DoesNotReportARefusedPublicationAsDone) {
     auto waiting = std::async(std::launch::async, [&] { return publishAndWait(REFUSED, 4); });
     ASSERT_TRUE(waitForSendings(REFUSED, 3));
     EXPECT_EQ(waiting.get(), Error::TIMEOUT);
-}
-
-TEST_P(AClientOfAStrictServer, TellsWhichPublicationItHasGivenUp) {
-    support::LogLines const errors(mqtt::LogLevel::ERROR);
-    refuse(REFUSED, ALWAYS);
-    publish(REFUSED);
-    EXPECT_TRUE(waitForSendings(REFUSED, 3));
-    EXPECT_TRUE(mqtt::test::becomesConnected(*client_));
-    EXPECT_EQ(client_->lastFailure().reason, mqtt::Failure::Reason::PUBLICATION_GIVEN_UP);
-    EXPECT_EQ(client_->lastFailure().detail, "refused, 7 bytes");
-    EXPECT_THAT(errors.copy(), ElementsAre(HasSubstr("(refused, 7 bytes)")));
 }
 
 /// The broker's answers to what was sent ahead are lost with the connection.
@@ -178,17 +168,6 @@ TEST_P(AClientOfAStrictServer, GivesNothingUpIfTheServerIsUnstable) {
         publish("a/" + std::to_string(i));
     }
     EXPECT_TRUE(answered.waitFor([](auto const& all) { return all.size() == COUNT; }));
-}
-
-TEST_P(AClientOfAStrictServer, GivesNothingUpIfTheServerRefusesAllClientsForATime) {
-    server_.setMode(ScriptedServer::Mode::SILENT);
-    publish(REFUSED);
-    ASSERT_TRUE(arrives(REFUSED));
-    server_.setMode(ScriptedServer::Mode::REFUSE);
-    server_.drop();
-    ASSERT_TRUE(server_.waitForPackets(Type::CONNECT, 5));
-    server_.setMode(ScriptedServer::Mode::BROKER);
-    EXPECT_TRUE(waitForSendings(REFUSED, 2));
 }
 
 class AClientOfASlowServer : public AClientOfAStrictServer {

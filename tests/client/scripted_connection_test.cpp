@@ -177,21 +177,6 @@ TEST_F(ADisconnectingClient, WaitsForTheEndOfTheStepInWhichTheBrokerAcceptsTheCo
     EXPECT_EQ(client_->communicationState(), ComState::DISCONNECTED);
 }
 
-TEST_F(ADisconnectingClient, KeepsItsQueueWhenItIsCalledWhileTheWorkerSubscribes) {
-    queue({"0"}, 0);
-    ASSERT_EQ(client_->subscribe("b", &subscriber_, 0), Error::SUCCESS);
-    beginToConnect();
-    script_->setHook(Operation::SUBSCRIBE, [this](auto const&) {
-        beginToDisconnect();
-        return std::optional<int>(0);
-    });
-    acceptTheConnection();
-    EXPECT_THAT(published(), IsEmpty());
-    script_->loseConnection(0);
-    ASSERT_TRUE(states_.waitFor(ComState::DISCONNECTED));
-    EXPECT_THAT(states_.history(), ElementsAre(ComState::CONNECTING, ComState::DISCONNECTED));
-}
-
 TEST_F(ADisconnectingClient, ConnectsAgainAfterItHasGivenUpDuringAnAttempt) {
     connect();
     script_->setHook(Operation::RECONNECT, [this](auto const&) {

@@ -171,27 +171,6 @@ TEST_P(AClientOnAScriptAtEveryQos, DropsFromItsQueueWhatTheLibraryRefuses) {
     EXPECT_EQ(published(), expected);
 }
 
-TEST_F(AClientOnAScript, KeepsTheOrderOfWhatIsPublishedWhileItsQueueIsSent) {
-    std::atomic<bool> stop{false};
-    std::atomic<std::size_t> count{0};
-    std::thread publisher([&] {
-        while (!stop) {
-            queue({std::to_string(count)}, 2);
-            ++count;
-            std::this_thread::yield();
-        }
-    });
-    EXPECT_TRUE(mqtt::test::eventually([&] { return count >= 300; }));
-    connect();
-    stop = true;
-    publisher.join();
-    auto const payloads = published();
-    ASSERT_EQ(payloads.size(), count);
-    for (std::size_t i = 0; i < payloads.size(); ++i) {
-        ASSERT_EQ(payloads[i], std::to_string(i));
-    }
-}
-
 // Publishing with a connection
 
 TEST_P(AClientOnAScriptAtEveryQos, PassesEveryOtherResultOnAndQueuesNothing) {
