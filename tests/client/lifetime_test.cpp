@@ -1,10 +1,12 @@
 // The end of a client: what it leaves at the broker, what it waits for, and what it breaks off.
 
-#include "client/scripted_session.hpp"
-
 #include "client/backoff.hpp"
-#include "common/awaited_call.hpp"
 #include "mqtt/test/port_lease.hpp"
+#include "mqtt/test/recorder.hpp"
+#include "mqtt/test/test_client.hpp"
+#include "support/scripted_server.hpp"
+
+#include <mqtt/client.hpp>
 
 #include <gmock/gmock.h>
 
@@ -20,9 +22,9 @@ namespace {
 
 using mqtt::test::MessageRecorder;
 using support::ScriptedServer;
-using testing::IsEmpty;
 using Client = mqtt::MqttClient;
 using Error = mqtt::MqttClient::Error;
+using Type = support::PacketType;
 
 /// Whether a connect to this port of the loopback address is under way on this machine.
 bool isBeingConnectedTo(int port) {
@@ -34,15 +36,20 @@ bool isBeingConnectedTo(int port) {
     return lines.find(remote.str()) != std::string::npos;
 }
 
-class TheEndOfAClient : public ScriptedSession {
+/// Of a client that is connected to a scripted server.
+class TheEndOfAClient : public testing::Test {
 protected:
+    void subscribe(std::string const& topic, Client::Subscriber& subscriber) {
+        ASSERT_EQ(client->subscribe(topic, &subscriber, 0), Error::SUCCESS);
+    }
+
     /// How many topics the client has unsubscribed when the connection has ended. The client uses
     /// topics that begin with "$" for itself.
     std::ptrdiff_t unsubscriptions() const {
         EXPECT_TRUE(server.waitForNoConnection());
-        auto const topics = topicsIn(Type::UNSUBSCRIBE, 1);
-        return std::count_if(topics.begin(), topics.end(),
-                             [](auto const& topic) { return topic.front() != '$'; });
+        auto const all = server.received(Type::UNSUBSCRIBE);
+        return std::count_if(all.begin(), all.end(),
+                             [](auto const& packet) { return packet.topic.front() != '$'; });
     }
 
     std::unique_ptr<Client> idleClient(int port) {
@@ -58,6 +65,10 @@ protected:
         client.reset();
         EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10));
     }
+
+    ScriptedServer server;
+    MessageRecorder first;
+    std::unique_ptr<Client> client = mqtt::test::testClient(server.host(), server.port());
 };
 
 TEST_F(TheEndOfAClient, UnsubscribesAtTheBrokerWhileASubscriberIsCalledAndUnsubscribes) {
@@ -89,7 +100,7 @@ TEST_F(TheEndOfAClient, SendsNoDisconnectAndTellsNoListener) {
     client.reset();
     ASSERT_TRUE(server.waitForNoConnection());
     EXPECT_EQ(server.count(Type::DISCONNECT), 0U);
-    EXPECT_THAT(listener.history(), IsEmpty());
+    EXPECT_THAT(listener.history(), testing::IsEmpty());
 }
 
 TEST_F(TheEndOfAClient, ComesInTimeDuringAPauseAndWithoutAnyConnection) {
