@@ -4,6 +4,7 @@
 #include "mqtt/test/port_lease.hpp"
 #include "mqtt/test/recorder.hpp"
 #include "mqtt/test/test_client.hpp"
+#include "support/log_lines.hpp"
 #include "support/scripted_server.hpp"
 
 #include <mqtt/client.hpp>
@@ -13,9 +14,6 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <fstream>
-#include <iomanip>
-#include <sstream>
 #include <thread>
 
 namespace {
@@ -25,16 +23,6 @@ using support::ScriptedServer;
 using Client = mqtt::MqttClient;
 using Error = mqtt::MqttClient::Error;
 using Type = support::PacketType;
-
-/// Whether a connect to this port of the loopback address is under way on this machine.
-bool isBeingConnectedTo(int port) {
-    std::ostringstream remote;
-    remote << "0100007F:" << std::uppercase << std::hex << std::setw(4) << std::setfill('0') << port
-           << " 02 "; // SYN_SENT
-    std::ifstream table("/proc/net/tcp");
-    std::string const lines((std::istreambuf_iterator<char>(table)), {});
-    return lines.find(remote.str()) != std::string::npos;
-}
 
 /// Of a client that is connected to a scripted server.
 class TheEndOfAClient : public testing::Test {
@@ -126,9 +114,10 @@ TEST_F(TheEndOfAClient, ComesInTimeWhenTheBrokerHasGoneSilentOrDoesNotAnswerConn
 }
 
 TEST_F(TheEndOfAClient, ComesInTimeDuringAReconnectionToASilentHost) {
+    support::LogLines const log(mqtt::LogLevel::INFO);
     server.setMode(ScriptedServer::Mode::NOT_ACCEPTING);
     server.drop();
-    ASSERT_TRUE(mqtt::test::eventually([&] { return isBeingConnectedTo(server.port()); }));
+    ASSERT_TRUE(log.waitFor(": connects to"));
     expectToBeInTime();
 }
 
