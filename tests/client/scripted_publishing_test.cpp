@@ -159,7 +159,47 @@ TEST_P(AClientOnAScriptAtEveryQos, DropsFromItsQueueWhatTheLibraryRefuses) {
     EXPECT_EQ(published(), expected);
 }
 
+TEST_F(AClientOnAScript, KeepsTheOrderOfWhatIsPublishedWhileItsQueueIsSent) {
+    std::atomic<bool> stop{false};
+    std::atomic<std::size_t> count{0};
+    std::thread publisher([&] {
+        while (!stop) {
+            queue({std::to_string(count)}, 2);
+            ++count;
+            std::this_thread::yield();
+        }
+    });
+    EXPECT_TRUE(mqtt::test::eventually([&] { return count >= 300; }));
+    connect();
+    stop = true;
+    publisher.join();
+    auto const payloads = published();
+    ASSERT_EQ(payloads.size(), count);
+    for (std::size_t i = 0; i < payloads.size(); ++i) {
+        ASSERT_EQ(payloads[i], std::to_string(i));
+    }
+}
+
 // Publishing with a connection
+
+TEST_P(AClientOnAScriptAtEveryQos, PublishesUnchangedOnTheCallersThread) {
+    std::string everyByte;
+    for (int i = 0; i < 256; ++i) {
+        everyByte += static_cast<char>(i);
+    }
+    connect();
+    Payloads const payloads{everyByte, "", std::string(1'000'000, '\0')};
+    for (auto const& payload : payloads) {
+        EXPECT_EQ(client_->publish("a/b", payload, GetParam(), false), Error::SUCCESS);
+    }
+    EXPECT_TRUE(published() == payloads);
+    for (auto const& call : script_->calls(Operation::PUBLISH)) {
+        EXPECT_EQ(call.topic, "a/b");
+        EXPECT_EQ(call.qos, GetParam());
+        EXPECT_FALSE(call.retain);
+        EXPECT_EQ(call.thread, std::this_thread::get_id());
+    }
+}
 
 TEST_P(AClientOnAScriptAtEveryQos, PassesEveryOtherResultOnAndQueuesNothing) {
     connect();
