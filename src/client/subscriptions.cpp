@@ -42,6 +42,14 @@ Error Subscriptions::subscribe(Topic const& topic) {
 }
 
 Error Subscriptions::unsubscribe(int* mid, Topic const& topic) noexcept {
+    if (mid == nullptr && order_.holdsBack() && gate_.isOnline()
+        && order_.holdBack(topic, SubscriptionOrder::Clock::now())) {
+        return Error::SUCCESS;
+    }
+    return sendUnsubscription(mid, topic);
+}
+
+Error Subscriptions::sendUnsubscription(int* mid, Topic const& topic) noexcept {
     int ownMid = 0;
     mid = mid == nullptr ? &ownMid : mid;
     auto const result = gate_.unsubscribe(mid, topic);
@@ -66,6 +74,7 @@ void Subscriptions::removeAll() {
         gate_.unsubscribe(nullptr, entry.first);
     }
     registrations_.clear();
+    sendHeldBack(SubscriptionOrder::Clock::time_point::max());
 }
 
 void Subscriptions::deliver(Topic const& topic, std::string_view payload,
@@ -93,6 +102,17 @@ void Subscriptions::unsubscriptionAcknowledged(int mid) {
     auto const* const topic = order_.unsubscriptionAcknowledged(mid);
     if (topic != nullptr && registry_.count(*topic) != 0) {
         subscribe(*topic);
+    }
+}
+
+void Subscriptions::sendHeldBack(SubscriptionOrder::Clock::time_point now) {
+    auto const held = lock();
+    for (auto const* topic = order_.due(now); topic != nullptr; topic = order_.due(now)) {
+        // A topic that was subscribed without a connection is wanted again.
+        if (registry_.count(*topic) == 0 && sendUnsubscription(nullptr, *topic) != Error::SUCCESS) {
+            return; // the next connection sends it
+        }
+        order_.forgetDue();
     }
 }
 

@@ -30,6 +30,11 @@ public:
     /// @param wait until it is not being called any more
     void release(Subscriber const* subscriber, bool wait) noexcept;
     void removeAll();
+    /// Sends the UNSUBSCRIBE packets that were held back; see `SubscriptionOrder`.
+    /// @param now those that are due by then
+    void sendHeldBack(SubscriptionOrder::Clock::time_point now);
+    /// Worker: whether there may be such packets.
+    bool holdsBack() const { return order_.holdsBack(); }
 
     /// Worker: hands a message to its subscribers.
     /// @param clientId for the log
@@ -48,6 +53,7 @@ public:
 private:
     Error subscribe(Topic const& topic);
     Error unsubscribe(int* mid, Topic const& topic) noexcept;
+    Error sendUnsubscription(int* mid, Topic const& topic) noexcept;
 
     std::recursive_mutex& mainMutex_;
     Registry const& registry_;

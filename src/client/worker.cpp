@@ -134,6 +134,9 @@ void Worker::networkStep() {
         completeConnection();
     }
     gate_.sendMore();
+    if (subscriptions_.holdsBack()) {
+        subscriptions_.sendHeldBack(SubscriptionOrder::Clock::now());
+    }
     // Decided while we have the turn: a caller that connects leaves "disconnected" only when it has
     // it, and a result from before says nothing about the connection that has come up since.
     bool const lost = (result == NO_CONN || result == CONN_LOST) && !state_.isDisconnected();

@@ -3,10 +3,12 @@
 #include "client/client_on_a_script.hpp"
 
 #include "mqtt/test/watched.hpp"
+#include "support/timeout_factor.hpp"
 
 #include <gmock/gmock.h>
 
 #include <atomic>
+#include <thread>
 
 namespace {
 
@@ -136,6 +138,35 @@ TEST_F(ADispatch, FollowsWhatASubscriberChangesForAnotherInItsCall) {
     }
 }
 
+/// ThreadSanitizer sees more here than the assertions do.
+TEST_F(ADispatch, MeetsSubscribersThatComeAndGo) {
+    std::atomic<bool> stop{false};
+    script_->post([&](auto& object) {
+        std::string topic = "a";
+        mosquitto_message message{};
+        message.topic = topic.data();
+        while (!stop) {
+            object.on_message(&message);
+            std::this_thread::yield();
+        }
+    });
+    for (int round = 0; round < 400 / support::TIMEOUT_FACTOR; ++round) {
+        std::atomic<bool> isReleased{false};
+        MessageRecorder subscriber([&](auto&&...) { EXPECT_FALSE(isReleased); });
+        for (char const* const topic : {"a", "+", "other"}) {
+            subscribe(topic, subscriber);
+        }
+        if (round % 8 == 0) {
+            EXPECT_TRUE(subscriber.waitForCount(1));
+        }
+        client_->unsubscribe("a", &subscriber);
+        client_->release(&subscriber);
+        isReleased = true;
+    }
+    stop = true;
+    letTheStepEnd();
+}
+
 /// A broker's answers to the end of a subscription and to a later one of the same topic.
 class ABroker : public ADispatch {
 protected:
@@ -156,12 +187,39 @@ protected:
         int const granted = 0;
         script_->runInLoop([&](auto& object) { object.on_subscribe(mid, 1, &granted); });
     }
+
+    /// The broker ends the later subscription, which it has acknowledged.
+    void confuseThem() {
+        acknowledgeLaterSubscription();
+        acknowledgeEnd();
+        EXPECT_EQ(topics(Operation::SUBSCRIBE), Strings(3, "a"));
+    }
 };
 
 TEST_F(ABroker, ThatEndsASubscriptionBehindALaterOneGetsThatAgain) {
-    acknowledgeLaterSubscription();
-    acknowledgeEnd();
-    EXPECT_EQ(topics(Operation::SUBSCRIBE), Strings(3, "a"));
+    confuseThem();
+}
+
+/// Both in one network step, so that a slow machine puts no time between them.
+TEST_F(ABroker, ThatHasConfusedThemIsNotToldOfAnEndBeforeANewSubscription) {
+    confuseThem();
+    script_->runInLoop([this](auto&) {
+        EXPECT_EQ(client_->unsubscribe("a", &second_), Error::SUCCESS);
+        subscribe("a", third_);
+    });
+    letTheStepEnd();
+    EXPECT_EQ(topics(Operation::SUBSCRIBE), Strings(4, "a"));
+    EXPECT_EQ(topics(Operation::UNSUBSCRIBE), Strings(1, "a"));
+}
+
+TEST_F(ABroker, ThatHasConfusedThemIsToldOfAnEndLaterAndAtTheLatestByTheDestructor) {
+    confuseThem();
+    EXPECT_EQ(client_->unsubscribe("a", &second_), Error::SUCCESS);
+    EXPECT_TRUE(script_->waitForCalls(Operation::UNSUBSCRIBE, 2));
+    subscribe("b", first_);
+    EXPECT_EQ(client_->unsubscribe("b", &first_), Error::SUCCESS);
+    client_.reset();
+    EXPECT_THAT(topics(Operation::UNSUBSCRIBE), ElementsAre("a", "a", "b", "$zym/wake"));
 }
 
 TEST_F(ABroker, ThatKeepsTheOrderGetsEachSubscriptionOnce) {

@@ -15,7 +15,7 @@ namespace mqtt::test {
 /// code, later, or not at all. As made it answers SUCCESS without payload.
 ///
 /// All operations may be called from any thread. A script is called on the MQTT client's worker
-/// thread with no lock held; when it throws, no answer is sent.
+/// thread with no lock held; when it throws, no answer is sent. It must not destroy the service.
 class ScriptedService : public RequestReply, private MqttData<RequestReply::Request>::Subscriber {
 public:
     struct Answer {
