@@ -54,30 +54,7 @@ TEST(TheReasonOfAFailure, HasANameAndASentence) {
     EXPECT_EQ(textOf(other), "unknown failure");
 }
 
-class AFailure : public AClientOnAScript {
-protected:
-    /// @param code returned by the broker library's `connect`
-    Failure ofConnect(int code, int systemError) {
-        auto const client = idleClient();
-        support::StandIn::last()->setHook(Operation::CONNECT, [=](auto const&) {
-            errno = systemError;
-            return code;
-        });
-        EXPECT_EQ(client->connect("", -1, 0), static_cast<Error>(code));
-        EXPECT_EQ(errno, systemError);
-        return client->lastFailure();
-    }
-
-    /// @param code the broker's answer to CONNECT
-    Failure ofAnswer(int code) {
-        auto const client = idleClient();
-        support::StandIn::last()->setConnack(code);
-        EXPECT_EQ(client->connect("", -1, 0), Error::TIMEOUT);
-        EXPECT_TRUE(mqtt::test::eventually(
-            [&] { return client->communicationState() == ComState::CONNECTION_LOST; }));
-        return client->lastFailure();
-    }
-};
+class AFailure : public AClientOnAScript {};
 
 TEST_F(AFailure, ToConnectHasTheReasonOfTheSystem) {
     struct Case {
@@ -95,7 +72,15 @@ TEST_F(AFailure, ToConnectHasTheReasonOfTheSystem) {
              Case{1, 0, Reason::OTHER, "Out of memory"},
          }) {
         SCOPED_TRACE(text);
-        auto const failure = ofConnect(code, systemError);
+        auto const client = idleClient();
+        support::StandIn::last()->setHook(Operation::CONNECT,
+                                          [result = code, error = systemError](auto const&) {
+                                              errno = error;
+                                              return result;
+                                          });
+        EXPECT_EQ(client->connect("", -1, 0), static_cast<Error>(code));
+        EXPECT_EQ(errno, systemError);
+        auto const failure = client->lastFailure();
         EXPECT_EQ(failure.reason, reason);
         EXPECT_EQ(failure.systemError, systemError);
         EXPECT_EQ(failure.peer, "host:1883");
@@ -109,7 +94,12 @@ TEST_F(AFailure, IsTheRefusalInTheBrokersAnswer) {
          {Reason::REFUSED_PROTOCOL, Reason::REFUSED_IDENTIFIER, Reason::REFUSED_UNAVAILABLE,
           Reason::REFUSED_CREDENTIALS, Reason::REFUSED_NOT_AUTHORISED, Reason::NOT_MQTT}) {
         SCOPED_TRACE(++code);
-        EXPECT_EQ(ofAnswer(code).reason, reason);
+        auto const client = idleClient();
+        support::StandIn::last()->setConnack(code);
+        EXPECT_EQ(client->connect("", -1, 0), Error::TIMEOUT);
+        EXPECT_TRUE(mqtt::test::eventually(
+            [&] { return client->communicationState() == ComState::CONNECTION_LOST; }));
+        EXPECT_EQ(client->lastFailure().reason, reason);
     }
 }
 
