@@ -1,25 +1,31 @@
-// Connecting, as the broker sees it.
+// Connecting, at a broker and at a server that shows it step by step.
 
 #include "mqtt/client.hpp"
 
+#include "client/sockets.hpp"
 #include "mqtt/test/broker.hpp"
 #include "mqtt/test/port_lease.hpp"
-#include "mqtt/test/raw_peer.hpp"
 #include "mqtt/test/recorder.hpp"
 #include "mqtt/test/test_client.hpp"
+#include "support/scripted_server.hpp"
 
 #include <gmock/gmock.h>
 
 #include <cerrno>
+#include <future>
 #include <sstream>
+
+#include <fcntl.h>
 
 namespace {
 
 using conv::ComState;
 using mqtt::MqttClient;
 using mqtt::test::Broker;
-using mqtt::test::Delivery;
+using support::PacketType;
+using support::ScriptedServer;
 using Error = MqttClient::Error;
+using Mode = ScriptedServer::Mode;
 
 constexpr unsigned WAIT_SECONDS = 30;
 
@@ -85,39 +91,6 @@ TEST_F(AClient, MadeToConnectIsConnectedOrGoesOnTrying) {
     EXPECT_TRUE(mqtt::test::becomesConnected(trying));
 }
 
-class AClientWhoseBrokerDies : public testing::TestWithParam<bool> {};
-INSTANTIATE_TEST_SUITE_P(WithASession, AClientWhoseBrokerDies, testing::Bool(),
-                         [](auto const& session) {
-                             return session.param ? "Persistent" : "Clean";
-                         });
-
-TEST_P(AClientWhoseBrokerDies, FindsItAgainAndReceivesFromIt) {
-    mqtt::test::PortLease const elsewhere; // not where it was connected last
-    Broker broker;
-    mqtt::test::MessageRecorder recorder;
-    mqtt::test::StateRecorder states;
-    MqttClient client(mqtt::test::uniqueId(), GetParam(), "", "127.0.0.1", elsewhere.port(), false,
-                      broker.connectionOptions());
-    client.registerListener(&states);
-    ASSERT_EQ(client.connect(broker.host(), broker.port(), WAIT_SECONDS), Error::SUCCESS);
-    ASSERT_EQ(client.subscribe("a/+", &recorder, 8), Error::SUCCESS);
-    for (std::string const round : {"1", "2"}) {
-        broker.kill();
-        ASSERT_TRUE(states.waitFor(ComState::CONNECTION_LOST));
-        ASSERT_EQ(client.subscribe("b" + round, &recorder, 9), Error::SUCCESS);
-        broker.start();
-        ASSERT_TRUE(states.waitFor(ComState::CONNECTED));
-        ASSERT_EQ(client.publishWait("reached", "", 1, false, WAIT_SECONDS), Error::SUCCESS);
-        mqtt::test::RawPeer peer(broker);
-        recorder.clear();
-        peer.publish("a/b", round);
-        peer.publish("b" + round, "new");
-        ASSERT_TRUE(recorder.waitForCount(2));
-        EXPECT_THAT(recorder.deliveries(), testing::ElementsAre(Delivery{8, "a/b", round},
-                                                                Delivery{9, "b" + round, "new"}));
-    }
-}
-
 TEST(AClientOfAUnixSocket, ConnectsWithPortZero) {
     mqtt::test::BrokerOptions options;
     options.unixSocket = true;
@@ -137,6 +110,76 @@ TEST(AClientWithoutABroker, IsToldTheSystemsReasonAndGoesOnTrying) {
     EXPECT_EQ(client.connect("", -1, WAIT_SECONDS), Error::CONNECTION_PENDING);
     EXPECT_EQ(client.disconnect(WAIT_SECONDS), Error::NO_CONN);
     EXPECT_EQ(client.communicationState(), ComState::CONNECTING);
+}
+
+// Members are destroyed in reverse order: the client before its listener and its server.
+class AHandshake : public testing::Test {
+protected:
+    AHandshake() { client.registerListener(&states); }
+
+    ScriptedServer server;
+    mqtt::test::StateRecorder states;
+    MqttClient client{mqtt::test::uniqueId(), false, "", server.host(), server.port(), false};
+};
+
+TEST_F(AHandshake, TakesOneTcpConnectionAndOneConnectPacketEachTime) {
+    constexpr int ROUNDS = 300;
+    for (int i = 0; i < ROUNDS; ++i) {
+        // A failed attempt would be followed by a second connection.
+        ASSERT_EQ(client.connect("", -1, WAIT_SECONDS), Error::SUCCESS) << i;
+        ASSERT_EQ(client.disconnect(WAIT_SECONDS), Error::SUCCESS) << i;
+    }
+    EXPECT_TRUE(server.waitForPackets(PacketType::DISCONNECT, ROUNDS));
+    EXPECT_EQ(server.tcpConnections(), ROUNDS);
+    EXPECT_EQ(server.count(PacketType::CONNECT), static_cast<std::size_t>(ROUNDS));
+}
+
+TEST_F(AHandshake, IsTheCallersAloneWhileItWaitsForTcp) {
+    server.setMode(Mode::NOT_ACCEPTING);
+    auto connecting =
+        std::async(std::launch::async, [&] { return client.connect("", -1, WAIT_SECONDS); });
+    ASSERT_TRUE(mqtt::test::eventually(
+        [&] { return client.communicationState() == ComState::CONNECTING; }));
+    server.setMode(Mode::BROKER);
+    EXPECT_EQ(connecting.get(), Error::SUCCESS);
+    EXPECT_EQ(server.count(PacketType::CONNECT), 1U);
+}
+
+TEST_F(AHandshake, WithASilentServerGoesOnAfterTheWaitUntilADisconnect) {
+    server.setMode(Mode::SILENT);
+    for (unsigned const seconds : {0U, 1U}) {
+        EXPECT_EQ(client.connect("", -1, seconds), Error::TIMEOUT);
+        EXPECT_EQ(client.communicationState(), ComState::CONNECTING);
+        EXPECT_EQ(client.disconnect(WAIT_SECONDS), Error::SUCCESS);
+        EXPECT_EQ(client.communicationState(), ComState::DISCONNECTED);
+    }
+    EXPECT_EQ(server.count(PacketType::CONNECT), 2U);
+}
+
+TEST_F(AHandshake, CarriesIdentifierSessionAndKeepAlive) {
+    zym::common::Uuid const id(99ULL);
+    EXPECT_EQ(MqttClient::clientId(id), id.base64URL());
+    for (bool const persistent : {false, true}) {
+        MqttClient const other(id, persistent, "", server.host(), server.port(), true);
+        auto const packet = server.received(PacketType::CONNECT).back();
+        EXPECT_EQ(packet.clientId, id.base64URL());
+        EXPECT_EQ(packet.keepAlive, 30);
+        EXPECT_EQ(packet.cleanSession, !persistent);
+        EXPECT_FALSE(packet.hasWill);
+    }
+}
+
+TEST_F(AHandshake, LeavesASocketThatNoChildProcessInherits) {
+    auto const isKeptFromChildren = [&] {
+        auto const sockets = socketsConnectedTo(server.port());
+        return sockets.size() == 1 && (::fcntl(sockets[0], F_GETFD) & FD_CLOEXEC) != 0;
+    };
+    ASSERT_EQ(client.connect("", -1, WAIT_SECONDS), Error::SUCCESS);
+    EXPECT_TRUE(isKeptFromChildren());
+    server.drop();
+    ASSERT_TRUE(states.waitForHistory({ComState::CONNECTING, ComState::CONNECTED,
+                                       ComState::CONNECTION_LOST, ComState::CONNECTED}));
+    EXPECT_TRUE(isKeptFromChildren()) << "after a reconnection";
 }
 
 } // namespace

@@ -11,6 +11,7 @@
 #include <gmock/gmock.h>
 
 #include <string>
+#include <utility>
 
 namespace {
 
@@ -25,35 +26,19 @@ constexpr unsigned WAIT_SECONDS = 30;
 /// The keep-alive ends a connection after 30 seconds in any case.
 constexpr std::chrono::duration<unsigned> BEFORE_KEEP_ALIVE{20};
 
-/// The reaction of a server that sends nothing, and keeps the connection behind a DISCONNECT packet
-/// until it may close it.
-support::ScriptedServer::Reaction keepConnection(support::MqttPacket const& packet,
-                                                 mqtt::test::Watched<bool> const& mayClose) {
-    using Reaction = support::ScriptedServer::Reaction;
-    if (packet.type == PacketType::DISCONNECT) {
-        mayClose.waitFor(mqtt::test::isSet, 2 * mqtt::test::DEADLINE);
-    }
-    return packet.type == PacketType::CONNECT ? Reaction::ANSWER : Reaction::IGNORE;
-}
-
-TEST(Disconnect, DoesNotWaitForAServerThatKeepsTheConnection) {
-    mqtt::test::Watched<bool> mayClose(false);
-    support::ScriptedServer server;
-    server.setHook([&](auto const& packet) { return keepConnection(packet, mayClose); });
-    auto const client = mqtt::test::testClient(server.host(), server.port());
-    EXPECT_EQ(client->disconnect(BEFORE_KEEP_ALIVE.count()), Error::SUCCESS);
-    mqtt::test::set(mayClose);
-}
-
 TEST(Disconnect, ComesBehindWhatABrokerThatDoesNotReadHasNotTakenYet) {
     mqtt::test::Watched<bool> reading(true);
     mqtt::test::Watched<bool> mayClose(false);
     support::ScriptedServer server;
+    // It sends nothing, and keeps the connection behind a DISCONNECT packet until it may close it.
     server.setHook([&](auto const& packet) {
+        using Reaction = support::ScriptedServer::Reaction;
         if (packet.type == PacketType::PUBLISH) {
             reading.waitFor(mqtt::test::isSet);
+        } else if (packet.type == PacketType::DISCONNECT) {
+            mayClose.waitFor(mqtt::test::isSet, 2 * mqtt::test::DEADLINE);
         }
-        return keepConnection(packet, mayClose);
+        return packet.type == PacketType::CONNECT ? Reaction::ANSWER : Reaction::IGNORE;
     });
     auto const client = mqtt::test::testClient(server.host(), server.port());
     reading.change([](bool& on) { on = false; });
@@ -81,38 +66,24 @@ TEST(Disconnect, IsCarriedOutByTheEndOfTheClientAtTheLatest) {
     EXPECT_TRUE(server.waitForPackets(PacketType::DISCONNECT, 1));
 }
 
-/// Disconnects its client at the second message, and keeps it busy before until it may go on.
-class Leaver : public MqttClient::Subscriber {
-public:
-    explicit Leaver(MqttClient& client) : client_(client) {}
-
-    void onMqttMessage(int /*tag*/, mqtt::Topic const& /*topic*/,
-                       std::string const& payload) override {
-        if (payload == "first") {
-            mayGoOn.waitFor(mqtt::test::isSet);
-        } else if (!hasLeft_) {
-            hasLeft_ = true;
-            EXPECT_EQ(client_.disconnect(WAIT_SECONDS), Error::TIMEOUT) << "on the worker";
-        }
-    }
-
-    mqtt::test::Watched<bool> mayGoOn{false};
-
-private:
-    MqttClient& client_;
-    bool hasLeft_ = false;
-};
-
 TEST(Disconnect, IsCleanInASubscriberThoughMoreMessagesHaveArrived) {
     support::ScriptedServer server;
     auto const client = mqtt::test::testClient(server.host(), server.port());
-    Leaver leaver(*client);
+    mqtt::test::Watched<bool> mayGoOn;
+    bool hasLeft = false;
+    mqtt::test::MessageRecorder leaver([&](int, auto&&, std::string const& payload) {
+        if (payload == "first") {
+            mayGoOn.waitFor(mqtt::test::isSet);
+        } else if (!std::exchange(hasLeft, true)) {
+            EXPECT_EQ(client->disconnect(WAIT_SECONDS), Error::TIMEOUT) << "on the worker";
+        }
+    });
     ASSERT_EQ(client->subscribe("a", &leaver, 0), Error::SUCCESS);
     ASSERT_TRUE(server.publish("a", "first"));
     for (int i = 0; i < 20; ++i) { // the library may read them all at once
         ASSERT_TRUE(server.publish("a", "more"));
     }
-    mqtt::test::set(leaver.mayGoOn);
+    mqtt::test::set(mayGoOn);
     EXPECT_TRUE(mqtt::test::eventually(
         [&] { return client->communicationState() == ComState::DISCONNECTED; }));
     EXPECT_TRUE(server.waitForPackets(PacketType::DISCONNECT, 1));

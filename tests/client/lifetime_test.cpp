@@ -1,48 +1,43 @@
 // The end of a client: what it leaves at the broker, what it waits for, and what it breaks off.
 
-#include "client/scripted_session.hpp"
-
 #include "client/backoff.hpp"
-#include "common/awaited_call.hpp"
 #include "mqtt/test/port_lease.hpp"
+#include "mqtt/test/recorder.hpp"
+#include "mqtt/test/test_client.hpp"
+#include "support/log_lines.hpp"
+#include "support/scripted_server.hpp"
+
+#include <mqtt/client.hpp>
 
 #include <gmock/gmock.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <fstream>
-#include <iomanip>
-#include <sstream>
 #include <thread>
 
 namespace {
 
 using mqtt::test::MessageRecorder;
 using support::ScriptedServer;
-using testing::IsEmpty;
 using Client = mqtt::MqttClient;
 using Error = mqtt::MqttClient::Error;
+using Type = support::PacketType;
 
-/// Whether a connect to this port of the loopback address is under way on this machine.
-bool isBeingConnectedTo(int port) {
-    std::ostringstream remote;
-    remote << "0100007F:" << std::uppercase << std::hex << std::setw(4) << std::setfill('0') << port
-           << " 02 "; // SYN_SENT
-    std::ifstream table("/proc/net/tcp");
-    std::string const lines((std::istreambuf_iterator<char>(table)), {});
-    return lines.find(remote.str()) != std::string::npos;
-}
-
-class TheEndOfAClient : public ScriptedSession {
+/// Of a client that is connected to a scripted server.
+class TheEndOfAClient : public testing::Test {
 protected:
+    void subscribe(std::string const& topic, Client::Subscriber& subscriber) {
+        ASSERT_EQ(client->subscribe(topic, &subscriber, 0), Error::SUCCESS);
+    }
+
     /// How many topics the client has unsubscribed when the connection has ended. The client uses
     /// topics that begin with "$" for itself.
     std::ptrdiff_t unsubscriptions() const {
         EXPECT_TRUE(server.waitForNoConnection());
-        auto const topics = topicsIn(Type::UNSUBSCRIBE, 1);
-        return std::count_if(topics.begin(), topics.end(),
-                             [](auto const& topic) { return topic.front() != '$'; });
+        auto const all = server.received(Type::UNSUBSCRIBE);
+        return std::count_if(all.begin(), all.end(),
+                             [](auto const& packet) { return packet.topic.front() != '$'; });
     }
 
     std::unique_ptr<Client> idleClient(int port) {
@@ -58,6 +53,10 @@ protected:
         client.reset();
         EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10));
     }
+
+    ScriptedServer server;
+    MessageRecorder first;
+    std::unique_ptr<Client> client = mqtt::test::testClient(server.host(), server.port());
 };
 
 TEST_F(TheEndOfAClient, UnsubscribesAtTheBrokerWhileASubscriberIsCalledAndUnsubscribes) {
@@ -89,22 +88,7 @@ TEST_F(TheEndOfAClient, SendsNoDisconnectAndTellsNoListener) {
     client.reset();
     ASSERT_TRUE(server.waitForNoConnection());
     EXPECT_EQ(server.count(Type::DISCONNECT), 0U);
-    EXPECT_THAT(listener.history(), IsEmpty());
-}
-
-TEST_F(TheEndOfAClient, DropsWhatIsQueued) {
-    loseConnection();
-    ASSERT_EQ(client->publish("queued", "x", 1, false), Error::SUCCESS);
-    client.reset();
-    EXPECT_EQ(server.count(Type::PUBLISH), 0U);
-}
-
-TEST_F(TheEndOfAClient, WaitsForTheCallUnderWay) {
-    AwaitedCall call;
-    MessageRecorder slow([&](auto&&...) { call.run(); });
-    subscribe("a", slow);
-    send("a", "x");
-    call.expectToBeAwaitedBy([&] { client.reset(); });
+    EXPECT_THAT(listener.history(), testing::IsEmpty());
 }
 
 TEST_F(TheEndOfAClient, ComesInTimeDuringAPauseAndWithoutAnyConnection) {
@@ -130,9 +114,10 @@ TEST_F(TheEndOfAClient, ComesInTimeWhenTheBrokerHasGoneSilentOrDoesNotAnswerConn
 }
 
 TEST_F(TheEndOfAClient, ComesInTimeDuringAReconnectionToASilentHost) {
+    support::LogLines const log(mqtt::LogLevel::INFO);
     server.setMode(ScriptedServer::Mode::NOT_ACCEPTING);
     server.drop();
-    ASSERT_TRUE(mqtt::test::eventually([&] { return isBeingConnectedTo(server.port()); }));
+    ASSERT_TRUE(log.waitFor(": connects to"));
     expectToBeInTime();
 }
 

@@ -12,7 +12,6 @@
 #include <malloc.h>
 
 #include <cstddef>
-#include <memory>
 #include <string>
 
 namespace {
@@ -34,13 +33,8 @@ std::size_t heap() {
 class ALimitOfOneMebibyte : public testing::TestWithParam<Policy> {
 protected:
     ALimitOfOneMebibyte() {
-        options_.queueLimits.bytes = LIMIT;
-        options_.queueLimits.policy = GetParam();
-    }
-
-    std::unique_ptr<MqttClient> client(std::string const& host, int port, bool connectNow) const {
-        return std::make_unique<MqttClient>(mqtt::test::uniqueId(), false, "", host, port,
-                                            connectNow, options_);
+        options_.connection.queueLimits.bytes = LIMIT;
+        options_.connection.queueLimits.policy = GetParam();
     }
 
     /// On as many topics as given.
@@ -55,24 +49,24 @@ protected:
         EXPECT_LT(after, before + ALLOWED_GROWTH);
     }
 
-    mqtt::ConnectionOptions options_;
+    mqtt::test::ClientOptions options_;
 };
 INSTANTIATE_TEST_SUITE_P(Policy, ALimitOfOneMebibyte,
                          testing::Values(Policy::REJECT_NEW, Policy::DROP_OLDEST,
                                          Policy::NEWEST_OF_EACH_TOPIC));
 
 TEST_P(ALimitOfOneMebibyte, HoldsWithoutAConnection) {
-    auto const offline = client("127.0.0.1", 1, false);
+    options_.connect = false;
+    auto const offline = mqtt::test::testClient("127.0.0.1", 1, options_);
     expectSmallGrowth(*offline, 1, 2);
     expectSmallGrowth(*offline, 300, 2);
 }
 
 TEST_P(ALimitOfOneMebibyte, HoldsWhileAConnectedBrokerDoesNotRead) {
     mqtt::test::Broker broker;
-    options_.tls = broker.connectionOptions().tls;
+    options_.connection.tls = broker.connectionOptions().tls;
     for (int const qos : {0, 1, 2}) {
-        auto const connected = client(broker.host(), broker.port(), true);
-        ASSERT_TRUE(mqtt::test::becomesConnected(*connected));
+        auto const connected = mqtt::test::testClient(broker.host(), broker.port(), options_);
         broker.suspend();
         expectSmallGrowth(*connected, 300, qos);
         broker.resume();

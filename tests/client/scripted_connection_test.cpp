@@ -5,6 +5,8 @@
 #include "client/backoff.hpp"
 #include "mqtt/test/watched.hpp"
 
+#include <mqtt/connection_options.hpp>
+
 #include <gmock/gmock.h>
 
 #include <array>
@@ -44,21 +46,47 @@ protected:
     }
 };
 
-TEST_F(AConnectionOnAScript, MayBeMadeAtPortZeroWhichIsRememberedToo) {
+TEST_F(AConnectionOnAScript, LeavesTheHostAndPortOfTheLastThatWasMadeIfItFails) {
     ASSERT_EQ(client_->connect("/run/broker", 0, WAIT_SECONDS), Error::SUCCESS);
     ASSERT_EQ(client_->disconnect(WAIT_SECONDS), Error::SUCCESS);
-    connect();
-    EXPECT_THAT(requested(), ElementsAre(Pair("/run/broker", 0), Pair("/run/broker", 0)));
-}
-
-TEST_F(AConnectionOnAScript, LeavesHostAndPortAsTheyWereWhenItFails) {
     errno = ECONNREFUSED;
     script_->answer(Operation::CONNECT, {static_cast<int>(Error::ERRNO)});
     ASSERT_EQ(client_->connect("elsewhere", 4, WAIT_SECONDS), Error::ERRNO);
     ASSERT_TRUE(states_.waitFor(ComState::CONNECTED)) << "it goes on trying";
     ASSERT_EQ(client_->disconnect(WAIT_SECONDS), Error::SUCCESS);
     connect();
-    EXPECT_THAT(requested(), ElementsAre(Pair("elsewhere", 4), Pair("host", 1883)));
+    EXPECT_THAT(requested(),
+                ElementsAre(Pair("/run/broker", 0), Pair("elsewhere", 4), Pair("/run/broker", 0)));
+}
+
+TEST_F(AConnectionOnAScript, HasTheWillThatWasSetLast) {
+    std::string const payload("with \0 byte", 11);
+    EXPECT_EQ(client_->setWill("will", "replaced", 0, false), Error::SUCCESS);
+    EXPECT_EQ(client_->setWill("will", payload, 2, true), Error::SUCCESS);
+    auto const will = script_->calls(Operation::WILL_SET).back();
+    EXPECT_EQ(will.topic, "will");
+    EXPECT_EQ(will.payload, payload);
+    EXPECT_EQ(will.qos, 2);
+    EXPECT_TRUE(will.retain);
+    EXPECT_EQ(client_->clearWill(), Error::SUCCESS);
+    EXPECT_EQ(script_->count(Operation::WILL_CLEAR), 1U);
+}
+
+TEST_F(AConnectionOnAScript, KeepsItsWillAndItsOptionsInEveryState) {
+    auto const expectRefusal = [this] {
+        EXPECT_EQ(client_->setWill("will", "other", 2, false), Error::CONNECTION_PENDING);
+        EXPECT_EQ(client_->clearWill(), Error::CONNECTION_PENDING);
+        EXPECT_EQ(client_->setOptions({}), Error::CONNECTION_PENDING);
+    };
+    beginToConnect();
+    expectRefusal();
+    script_->runInLoop([](auto& object) { object.on_connect(0); });
+    ASSERT_TRUE(states_.waitFor(ComState::CONNECTED));
+    expectRefusal();
+    script_->loseConnection();
+    ASSERT_TRUE(states_.waitFor(ComState::CONNECTION_LOST));
+    expectRefusal();
+    EXPECT_EQ(script_->count(Operation::WILL_SET) + script_->count(Operation::WILL_CLEAR), 0U);
 }
 
 // The count of attempts is one for the whole process, and so for this test.
@@ -175,21 +203,6 @@ TEST_F(ADisconnectingClient, WaitsForTheEndOfTheStepInWhichTheBrokerAcceptsTheCo
     });
     EXPECT_EQ(result.get(), Error::SUCCESS);
     EXPECT_EQ(client_->communicationState(), ComState::DISCONNECTED);
-}
-
-TEST_F(ADisconnectingClient, KeepsItsQueueWhenItIsCalledWhileTheWorkerSubscribes) {
-    queue({"0"}, 0);
-    ASSERT_EQ(client_->subscribe("b", &subscriber_, 0), Error::SUCCESS);
-    beginToConnect();
-    script_->setHook(Operation::SUBSCRIBE, [this](auto const&) {
-        beginToDisconnect();
-        return std::optional<int>(0);
-    });
-    acceptTheConnection();
-    EXPECT_THAT(published(), IsEmpty());
-    script_->loseConnection(0);
-    ASSERT_TRUE(states_.waitFor(ComState::DISCONNECTED));
-    EXPECT_THAT(states_.history(), ElementsAre(ComState::CONNECTING, ComState::DISCONNECTED));
 }
 
 TEST_F(ADisconnectingClient, ConnectsAgainAfterItHasGivenUpDuringAnAttempt) {

@@ -65,32 +65,20 @@ TEST_F(ALibraryWithoutAConnection, IsNotCalledBeforeTheStepThatAcceptsAConnectio
     EXPECT_TRUE(states_.waitFor(ComState::CONNECTED));
 }
 
-TEST_F(ALibraryWithoutAConnection, IsNotCalledFromTheCallbackOfTheLossUntilItReconnects) {
-    connect();
-    script_->setConnack(std::nullopt);
-    script_->runInLoop([&](auto& object) {
-        object.on_disconnect(CONN_LOST);
-        expectNoCall();
-    });
-    script_->loseConnection();
-    ASSERT_TRUE(script_->waitForCalls(Operation::RECONNECT, 1));
-    expectNoCall();
-}
-
-TEST_F(ALibraryWithoutAConnection, IsNotCalledForAListenerThatHearsOfTheLoss) {
+TEST_F(ALibraryWithoutAConnection, IsNotCalledBetweenTheLossAndTheNextConnection) {
     mqtt::test::StateRecorder listener([&](ComState state) {
         if (state == ComState::CONNECTION_LOST) {
-            EXPECT_EQ(client_->publish("a", "0", 2, true), Error::SUCCESS);
-            EXPECT_EQ(client_->clear("a"), Error::NO_CONN);
+            expectNoCall();
         }
     });
     client_->registerListener(&listener);
     connect();
     script_->setConnack(std::nullopt);
     script_->loseConnection();
-    EXPECT_TRUE(listener.waitFor(ComState::CONNECTION_LOST));
-    client_->unregisterListener(&listener); // waits for the end of its call
-    EXPECT_THAT(published(), IsEmpty());
+    ASSERT_TRUE(script_->waitForCalls(Operation::RECONNECT, 1));
+    expectNoCall();
+    client_->unregisterListener(&listener);
+    EXPECT_EQ(listener.history().back(), ComState::CONNECTION_LOST);
 }
 
 TEST_F(ALibraryWithoutAConnection, IsNotCalledAsSoonAsDisconnectingHasBegun) {
@@ -193,6 +181,25 @@ TEST_F(AClientOnAScript, KeepsTheOrderOfWhatIsPublishedWhileItsQueueIsSent) {
 }
 
 // Publishing with a connection
+
+TEST_P(AClientOnAScriptAtEveryQos, PublishesUnchangedOnTheCallersThread) {
+    std::string everyByte;
+    for (int i = 0; i < 256; ++i) {
+        everyByte += static_cast<char>(i);
+    }
+    connect();
+    Payloads const payloads{everyByte, "", std::string(1'000'000, '\0')};
+    for (auto const& payload : payloads) {
+        EXPECT_EQ(client_->publish("a/b", payload, GetParam(), false), Error::SUCCESS);
+    }
+    EXPECT_TRUE(published() == payloads);
+    for (auto const& call : script_->calls(Operation::PUBLISH)) {
+        EXPECT_EQ(call.topic, "a/b");
+        EXPECT_EQ(call.qos, GetParam());
+        EXPECT_FALSE(call.retain);
+        EXPECT_EQ(call.thread, std::this_thread::get_id());
+    }
+}
 
 TEST_P(AClientOnAScriptAtEveryQos, PassesEveryOtherResultOnAndQueuesNothing) {
     connect();

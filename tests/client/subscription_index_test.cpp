@@ -34,18 +34,12 @@ public:
     void changeNames() { names_ = &NAMES[below(NAMES.size())]; }
 
     std::string topic() {
-        std::string result = name();
-        for (auto more = below(5); more > 0; --more) {
-            result += '/' + name();
-        }
+        std::string const result = levels([this] { return name(); });
         return oneIn(50) ? result + "/+" : result;
     }
 
     std::string pattern() {
-        std::string result = patternLevel();
-        for (auto more = below(5); more > 0; --more) {
-            result += '/' + patternLevel();
-        }
+        std::string const result = levels([this] { return patternLevel(); });
         return oneIn(400) ? "#" : oneIn(3) ? result + "/#" : result;
     }
 
@@ -62,6 +56,15 @@ public:
     }
 
 private:
+    template <class Level>
+    std::string levels(Level const& level) {
+        std::string result = level();
+        for (auto more = below(5); more > 0; --more) {
+            result += '/' + level();
+        }
+        return result;
+    }
+
     std::string name() { return (*names_)[below(names_->size())]; }
 
     std::string patternLevel() {

@@ -23,31 +23,26 @@ using Reason = mqtt::Failure::Reason;
 
 class ABrokerOutOfReach : public testing::Test {
 protected:
-    mqtt::Failure failureAt(std::string const& host, int port) {
-        client_->connect(host, port, 0);
-        auto const failure = client_->lastFailure();
-        client_ = mqtt::test::testClient("", 0, idle());
-        return failure;
-    }
-
-    static mqtt::test::ClientOptions idle() {
+    static std::unique_ptr<MqttClient> idleClient() {
         mqtt::test::ClientOptions options;
         options.connect = false;
-        return options;
+        return mqtt::test::testClient("", 0, options);
+    }
+
+    static mqtt::Failure failureAt(std::string const& host, int port) {
+        auto const client = idleClient();
+        client->connect(host, port, 0);
+        return client->lastFailure();
     }
 
     mqtt::test::PortLease const free_;
-    std::unique_ptr<MqttClient> client_ = mqtt::test::testClient("", 0, idle());
 };
 
 TEST_F(ABrokerOutOfReach, IsReportedWithTheErrorOfTheSystem) {
-    auto const failure = failureAt("127.0.0.1", free_.port());
+    auto const failure = failureAt("/no/such/socket", 0);
     EXPECT_EQ(failure.reason, Reason::UNREACHABLE);
-    EXPECT_EQ(failure.systemError, ECONNREFUSED);
-    auto const noSocket = failureAt("/no/such/socket", 0);
-    EXPECT_EQ(noSocket.reason, Reason::UNREACHABLE);
-    EXPECT_EQ(noSocket.systemError, ENOENT);
-    EXPECT_EQ(noSocket.peer, "/no/such/socket");
+    EXPECT_EQ(failure.systemError, ENOENT);
+    EXPECT_EQ(failure.peer, "/no/such/socket");
 }
 
 TEST_F(ABrokerOutOfReach, IsReportedSoAlsoWhenThePasswordComesWithTheSecondAttempt) {
@@ -74,17 +69,14 @@ TEST_F(ABrokerOutOfReach, MayBeSoForWantOfDescriptors) {
     rlimit before{};
     ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
     rlimit const none{0, before.rlim_max};
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
-    client_->connect("127.0.0.1", free_.port(), 0);
-    auto const byAddress = client_->lastFailure();
-    setrlimit(RLIMIT_NOFILE, &before);
-    EXPECT_EQ(byAddress.reason, Reason::TOO_MANY_DESCRIPTORS) << byAddress;
-    client_ = mqtt::test::testClient("", 0, idle());
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
-    client_->connect("localhost", free_.port(), 0);
-    auto const byName = client_->lastFailure();
-    setrlimit(RLIMIT_NOFILE, &before);
-    EXPECT_EQ(byName.reason, Reason::TOO_MANY_DESCRIPTORS) << byName;
+    for (auto const* const host : {"127.0.0.1", "localhost"}) {
+        auto const client = idleClient();
+        ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+        client->connect(host, free_.port(), 0);
+        auto const failure = client->lastFailure();
+        setrlimit(RLIMIT_NOFILE, &before);
+        EXPECT_EQ(failure.reason, Reason::TOO_MANY_DESCRIPTORS) << failure;
+    }
 }
 
 } // namespace

@@ -9,8 +9,9 @@ namespace {
 using mqtt::ConnectionOptions;
 using testing::HasSubstr;
 
-class AFailureOfTls : public ASecureBroker {
-protected:
+class AFailureOfTls : public ASecureBroker {};
+
+TEST_F(AFailureOfTls, HasAReason) {
     struct Case {
         char const* what;
         int port;
@@ -20,55 +21,39 @@ protected:
         /// may be lost.
         Reason other = Reason::NONE;
     };
-
-    static void expectReasons(std::vector<Case> const& cases) {
-        for (auto const& [what, port, options, reason, other] : cases) {
-            auto const failure = failureAt(port, options);
-            auto const orElse = other == Reason::NONE ? reason : other;
-            EXPECT_THAT(failure.reason, testing::AnyOf(reason, orElse)) << what << "\n" << failure;
-            EXPECT_EQ(failure.peer, "127.0.0.1:" + std::to_string(port)) << what;
-        }
-    }
-};
-
-TEST_F(AFailureOfTls, ToTrustTheBrokerHasAReason) {
     auto wrongAuthority = trusting();
     wrongAuthority.tls->caFile = files_.certificate("other");
     ConnectionOptions ofTheSystem;
     ofTheSystem.tls.emplace();
-    auto const otherHost =
-        LIBMOSQUITTO_MINOR == 0 ? Reason::HOST_NAME_MISMATCH : Reason::CERTIFICATE_NOT_TRUSTED;
-    expectReasons({
-        {"other authority", certificates_.port(), wrongAuthority, Reason::CERTIFICATE_NOT_TRUSTED},
-        {"system's authorities", certificates_.port(), ofTheSystem,
-         Reason::CERTIFICATE_NOT_TRUSTED},
-        {"expired", expired_.port(), trusting(), Reason::CERTIFICATE_NOT_TRUSTED},
-        {"other host", elsewhere_.port(), trusting(), otherHost},
-    });
-}
-
-TEST_F(AFailureOfTls, ToBeTrustedByTheBrokerHasAReason) {
     ConnectionOptions wrongKey;
     wrongKey.tls.emplace().preSharedKey = {{Certificates::USER, "00ff"}};
     ConnectionOptions wrongIdentity;
     wrongIdentity.tls.emplace().preSharedKey = {{"nobody", Certificates::SHARED_KEY}};
+    constexpr auto notTrusted = Reason::CERTIFICATE_NOT_TRUSTED;
+    constexpr auto otherHost = LIBMOSQUITTO_MINOR == 0 ? Reason::HOST_NAME_MISMATCH : notTrusted;
     constexpr auto refused = Reason::TLS_CLIENT_REFUSED;
     constexpr auto closed = Reason::CLOSED_BEFORE_ACCEPTANCE;
-    auto const port = clientCertificates_.port();
-    expectReasons({
-        {"no certificate", port, trusting(), refused, closed},
-        {"of another authority", port, withClientCertificate("stranger"), refused, closed},
-        {"wrong key", sharedKey_.port(), wrongKey, refused},
-        {"wrong identity", sharedKey_.port(), wrongIdentity, refused},
-    });
-}
-
-TEST_F(AFailureOfTls, AtAnotherProtocolHasAReason) {
-    expectReasons({
-        {"TLS at a port without", broker_.port(), trusting(), Reason::NO_TLS_AT_BROKER,
-         Reason::CLOSED_BEFORE_ACCEPTANCE},
-        {"no TLS at a port with", certificates_.port(), {}, Reason::CLOSED_BEFORE_ACCEPTANCE},
-    });
+    auto const own = certificates_.port();
+    auto const mutual = clientCertificates_.port();
+    for (auto const& [what, port, options, reason, other] : {
+             Case{"other authority", own, wrongAuthority, notTrusted},
+             Case{"system's authorities", own, ofTheSystem, notTrusted},
+             Case{"expired", expired_.port(), trusting(), notTrusted},
+             Case{"other host", elsewhere_.port(), trusting(), otherHost},
+             Case{"no certificate", mutual, trusting(), refused, closed},
+             Case{"of another authority", mutual, withClientCertificate("stranger"), refused,
+                  closed},
+             Case{"wrong key", sharedKey_.port(), wrongKey, refused},
+             Case{"wrong identity", sharedKey_.port(), wrongIdentity, refused},
+             Case{"TLS at a port without", broker_.port(), trusting(), Reason::NO_TLS_AT_BROKER,
+                  closed},
+             Case{"no TLS at a port with", own, {}, closed},
+         }) {
+        auto const failure = failureAt(port, options);
+        auto const orElse = other == Reason::NONE ? reason : other;
+        EXPECT_THAT(failure.reason, testing::AnyOf(reason, orElse)) << what << "\n" << failure;
+        EXPECT_EQ(failure.peer, "127.0.0.1:" + std::to_string(port)) << what;
+    }
 }
 
 TEST_F(AFailureOfTls, AtAServerWithAnOldVersionHasAReason) {
@@ -85,46 +70,36 @@ TEST_F(AFailureOfTls, AtAServerWithAnOldVersionHasAReason) {
 }
 
 TEST_F(AFailureOfTls, ToReadOwnFilesNamesTheFile) {
-    struct FileCase {
-        char const* what;
-        std::function<void(mqtt::Tls&)> change;
+    using mqtt::Tls;
+    struct Case {
+        std::string Tls::*setting;
         std::string file;
         char const* cause;
+        std::function<std::string()> keyPassword{};
     };
     auto const missing = files_.file("missing");
     auto const garbage = files_.garbage();
-    for (auto const& [what, change, file, cause] : std::vector<FileCase>{
-             {"no authority", [&](auto& tls) { tls.caFile = missing; }, missing, "No such file"},
-             {"no folder", [&](auto& tls) { tls.caFolder = missing; }, missing, "No such file"},
-             {"no certificate", [&](auto& tls) { tls.certificateFile = missing; }, missing,
-              "No such file"},
-             {"no key", [&](auto& tls) { tls.keyFile = missing; }, missing, "No such file"},
-             {"garbage as authority", [&](auto& tls) { tls.caFile = garbage; }, garbage, "OpenSSL"},
-             {"garbage as certificate", [&](auto& tls) { tls.certificateFile = garbage; }, garbage,
-              "OpenSSL"},
-             {"garbage as key", [&](auto& tls) { tls.keyFile = garbage; }, garbage, "OpenSSL"},
-             {"key of another", [&](auto& tls) { tls.keyFile = files_.key("stranger"); },
-              files_.key("stranger"), "mismatch"},
-             {"key without its password", [&](auto& tls) { tls.keyFile = files_.encryptedKey(); },
-              files_.encryptedKey(), "OpenSSL"},
-             {"wrong password",
-              [&](auto& tls) {
-                  tls.keyFile = files_.encryptedKey();
-                  tls.keyPassword = [] { return "wrong"; };
-              },
-              files_.encryptedKey(), "OpenSSL"},
-             {"function for the password that throws",
-              [&](auto& tls) {
-                  tls.keyFile = files_.encryptedKey();
-                  tls.keyPassword = []() -> std::string { throw std::runtime_error("x"); };
-              },
-              files_.encryptedKey(), "OpenSSL"},
+    auto const encrypted = files_.encryptedKey();
+    auto const wrongPassword = [] { return "wrong"; };
+    auto const throws = []() -> std::string { throw std::runtime_error("x"); };
+    for (auto const& [setting, file, cause, keyPassword] : {
+             Case{&Tls::caFile, missing, "No such file"},
+             Case{&Tls::caFolder, missing, "No such file"},
+             Case{&Tls::certificateFile, missing, "No such file"},
+             Case{&Tls::keyFile, missing, "No such file"},
+             Case{&Tls::caFile, garbage, "OpenSSL"},
+             Case{&Tls::certificateFile, garbage, "OpenSSL"},
+             Case{&Tls::keyFile, garbage, "OpenSSL"},
+             Case{&Tls::keyFile, files_.key("stranger"), "mismatch"},
+             Case{&Tls::keyFile, encrypted, "OpenSSL"}, // needs a password
+             Case{&Tls::keyFile, encrypted, "OpenSSL", wrongPassword},
+             Case{&Tls::keyFile, encrypted, "OpenSSL", throws},
          }) {
-        SCOPED_TRACE(what);
         auto options = withClientCertificate("client");
-        change(*options.tls);
+        (*options.tls).*setting = file;
+        options.tls->keyPassword = keyPassword;
         auto const failure = failureAt(clientCertificates_.port(), options);
-        EXPECT_EQ(failure.reason, Reason::TLS_FILES);
+        EXPECT_EQ(failure.reason, Reason::TLS_FILES) << file << ", " << cause;
         std::ostringstream text;
         text << failure;
         EXPECT_THAT(text.str(), testing::AllOf(HasSubstr(file), HasSubstr(cause)));
