@@ -232,10 +232,10 @@ public:
 
     /// Calls a function for each value that arrives on the topic of this endpoint, also for the
     /// retained one. This endpoint, its value and its subscriber are not involved: any number of
-    /// functions may be subscribed, and the endpoint may be destroyed before them. Payloads are read
-    /// by the static `deserialize`, also if a derived class overrides the virtual one. As with every
-    /// subscription, the broker sends a retained value once more to all who have subscribed to the
-    /// topic on this client.
+    /// functions may be subscribed, and the endpoint may be destroyed before them. Payloads are
+    /// read by the static `deserialize`, also if a derived class overrides the virtual one. As with
+    /// every subscription, the broker sends a retained value once more to all who have subscribed
+    /// to the topic on this client.
     /// @return keep it: its end is the end of the subscription. Its `result()` says whether
     ///         values arrive
     Subscription<T> subscribe(typename Subscription<T>::Function function);
