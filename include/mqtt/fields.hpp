@@ -42,6 +42,8 @@
 /// @param Type a struct that can be copied and constructed without arguments
 /// @param ... its public data members, 1 to 32; also those of its base classes
 #define ZYM_MQTT_FIELDS(Type, ...)                                                                 \
+    static_assert(ZYM_MQTT_IS_COUNTED(ZYM_MQTT_COUNT(__VA_ARGS__)),                                \
+                  "ZYM_MQTT_FIELDS and ZYM_MQTT_VALUE take at most 32 fields");                    \
     template <class Visit>                                                                         \
     constexpr void zymMqttFields(::mqtt::fields::Of<Type>, Visit&& visit) {                        \
         ZYM_MQTT_EACH(ZYM_MQTT_VISIT, Type, __VA_ARGS__)                                           \

@@ -35,7 +35,7 @@ private:
     void run(std::string const& command) const;
     void makeAuthority(std::string const& name) const;
     void issue(std::string const& name, std::string const& authority, std::string const& host,
-               int days) const;
+               std::string const& validity) const;
 
     mqtt::test::TempDir files_;
 };
