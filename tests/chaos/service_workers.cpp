@@ -4,6 +4,7 @@
 
 #include <mqtt/binder_proxy.hpp>
 #include <mqtt/payloads.hpp>
+#include <mqtt/service.hpp>
 #include <mqtt/service_discoverer.hpp>
 #include <mqtt/time_base.hpp>
 #include <mqtt/topic_cleaner.hpp>
@@ -21,24 +22,25 @@ using Error = zym::common::Binder::Error;
 Uuid const SERVER_ID{4711};
 constexpr char const* SERVER_TOPIC = "chaos/server";
 
+struct BindRequest {
+    std::string topic;
+};
+ZYM_MQTT_FIELDS(BindRequest, topic)
+
 /// Grants all bindings, and has a time base.
-class BindingServer final : private mqtt::RequestReplyServer::Listener {
+class BindingServer {
 public:
-    explicit BindingServer(TestBed& testBed) : client_(testBed.newClient()) {
-        bind_.subscribe(this, SERVER_ID, std::make_shared<mqtt::BindRequestData>());
-        unbind_.subscribe(this, SERVER_ID, mqtt::NO_DATA);
-    }
+    explicit BindingServer(TestBed& testBed) : client_(testBed.newClient()) {}
 
 private:
-    std::shared_ptr<mqtt::RequestReplyData> onRequest(std::string const&, Uuid const&, Uuid const&,
-                                                      mqtt::RequestReplyData const&,
-                                                      mqtt::RequestReply::ErrorCode&) override {
-        return mqtt::NO_DATA;
-    }
+    template <class Request>
+    using Granting = mqtt::Server<Request, mqtt::Nothing>;
+    static constexpr auto GRANT = [](auto const& /*request*/) { return mqtt::Nothing(); };
 
     std::unique_ptr<mqtt::MqttClient> client_;
-    mqtt::RequestReplyServer bind_{*client_, SERVER_TOPIC, "", "bind"};
-    mqtt::RequestReplyServer unbind_{*client_, SERVER_TOPIC, "", "unbind"};
+    mqtt::ServerId const id_{SERVER_ID};
+    Granting<BindRequest> bind_{*client_, {SERVER_TOPIC, "bind"}, id_, GRANT};
+    Granting<mqtt::Nothing> unbind_{*client_, {SERVER_TOPIC, "unbind"}, id_, GRANT};
     mqtt::SynchronizedTimeBaseMqttAdaptor timeBase_{*client_, SERVER_TOPIC, SERVER_ID};
 };
 
