@@ -27,20 +27,21 @@ struct BindRequest {
 };
 ZYM_MQTT_FIELDS(BindRequest, topic)
 
+mqtt::Service<BindRequest, mqtt::Nothing> const BIND{SERVER_TOPIC, "bind"};
+mqtt::Service<mqtt::Nothing, mqtt::Nothing> const UNBIND{SERVER_TOPIC, "unbind"};
+
 /// Grants all bindings, and has a time base.
 class BindingServer {
 public:
     explicit BindingServer(TestBed& testBed) : client_(testBed.newClient()) {}
 
 private:
-    template <class Request>
-    using Granting = mqtt::Server<Request, mqtt::Nothing>;
     static constexpr auto GRANT = [](auto const& /*request*/) { return mqtt::Nothing(); };
 
     std::unique_ptr<mqtt::MqttClient> client_;
     mqtt::ServerId const id_{SERVER_ID};
-    Granting<BindRequest> bind_{*client_, {SERVER_TOPIC, "bind"}, id_, GRANT};
-    Granting<mqtt::Nothing> unbind_{*client_, {SERVER_TOPIC, "unbind"}, id_, GRANT};
+    mqtt::Server<BindRequest, mqtt::Nothing> bind_{*client_, BIND, id_, GRANT};
+    mqtt::Server<mqtt::Nothing, mqtt::Nothing> unbind_{*client_, UNBIND, id_, GRANT};
     mqtt::SynchronizedTimeBaseMqttAdaptor timeBase_{*client_, SERVER_TOPIC, SERVER_ID};
 };
 
