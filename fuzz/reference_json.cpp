@@ -5,7 +5,6 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
-#include <limits>
 
 namespace fuzz {
 
@@ -207,10 +206,6 @@ private:
     int depth_ = 0;
 };
 
-Outcome outcomeOfOtherKind(Json const& json) {
-    return json.kind == Json::Kind::ABSENT ? Outcome::OUT_OF_RANGE : Outcome::INVALID;
-}
-
 } // namespace
 
 Json const& Json::member(std::string_view key) const {
@@ -228,23 +223,9 @@ Validity parse(std::string_view text, Json& json) {
     }
 }
 
-template <class Integer>
-Outcome read(Json const& json, Integer& out) {
-    if (json.kind != Json::Kind::NUMBER
-        || json.raw.find_first_of(".eE") != std::string_view::npos) {
-        return outcomeOfOtherKind(json);
-    }
-    bool const isShort = json.raw.front() != '-' && json.raw.size() <= 10;
-    auto const number = isShort ? std::stoull(std::string(json.raw)) : ~0ULL;
-    if (number > std::numeric_limits<Integer>::max()) {
-        return Outcome::OUT_OF_RANGE;
-    }
-    out = static_cast<Integer>(number);
-    return Outcome::SUCCESS;
+Outcome outcomeOfOtherKind(Json const& json) {
+    return json.kind == Json::Kind::ABSENT ? Outcome::OUT_OF_RANGE : Outcome::INVALID;
 }
-
-template Outcome read(Json const&, unsigned char&);
-template Outcome read(Json const&, unsigned int&);
 
 Outcome read(Json const& json, double& out) {
     if (json.kind != Json::Kind::NUMBER) {

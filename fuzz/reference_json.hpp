@@ -1,10 +1,11 @@
 #pragma once
 
-#include <cstddef>
+#include <charconv>
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <system_error>
 #include <vector>
 
 namespace fuzz {
@@ -30,11 +31,25 @@ Validity parse(std::string_view text, Json& json);
 
 enum class Outcome : std::uint8_t { SUCCESS, OUT_OF_RANGE, INVALID };
 
-// The expected outcome of `Deserializer::extractValue`; `out` is set on success only.
-template <class Integer>
-Outcome read(Json const& json, Integer& out);
+// The expected outcome of reading a value; `out` is set on success only.
+
+/// Of a value that is not of the kind that is read.
+Outcome outcomeOfOtherKind(Json const& json);
 Outcome read(Json const& json, double& out);
 Outcome read(Json const& json, std::string& out);
+template <class Integer>
+Outcome read(Json const& json, Integer& out) {
+    auto const raw = json.raw;
+    if (json.kind != Json::Kind::NUMBER || raw.find_first_of(".eE") != std::string_view::npos) {
+        return outcomeOfOtherKind(json);
+    }
+    Integer number = 0; // the standard library takes no sign for an unsigned one
+    if (std::from_chars(raw.data(), raw.data() + raw.size(), number).ec != std::errc()) {
+        return Outcome::OUT_OF_RANGE;
+    }
+    out = number;
+    return Outcome::SUCCESS;
+}
 
 template <class T>
 bool reads(Json const& json, T& out) {

@@ -1,10 +1,10 @@
 #include "common/awaited_call.hpp"
+#include "mqtt/test/recorder.hpp"
 
 #include <zym/common/binder_proxy.hpp>
 
 #include <gmock/gmock.h>
 
-#include <functional>
 #include <map>
 #include <memory>
 #include <sstream>
@@ -49,21 +49,11 @@ public:
 
 using Event = std::pair<std::string, Error>;
 
-class RecordingListener final : public BinderProxy::Listener {
+class RecordingListener final : public mqtt::test::CallRecorder<Event>,
+                                public BinderProxy::Listener {
 public:
     void onBound(Error error) override { record({"bound", error}); }
     void onUnbound(Error error) override { record({"unbound", error}); }
-
-    std::vector<Event> events;
-    std::function<void()> reaction;
-
-private:
-    void record(Event const& event) {
-        events.push_back(event);
-        if (reaction) {
-            reaction();
-        }
-    }
 };
 
 // A step of a script: `bind` and `unbind` start a phase and must return SUCCESS, `bound` and
@@ -129,7 +119,7 @@ TEST(ThePhasesOfABinderProxy, FollowTheTable) {
         for (auto const& [call, error] : parsed(steps)) {
             take(proxy, call, error);
         }
-        EXPECT_EQ(listener.events, parsed(events));
+        EXPECT_EQ(listener.calls(), parsed(events));
     }
 }
 
@@ -150,28 +140,28 @@ TEST_F(ABinderProxy, IsFreeAgainWhenABindingFails) {
         if (error != Error::ALREADY_BOUND) {
             ASSERT_EQ(proxy_.startBinding(SERVER), Error::SUCCESS);
             proxy_.endBinding(error);
-            EXPECT_EQ(listener_.events.back(), Event("bound", error));
+            EXPECT_EQ(listener_.calls().back(), Event("bound", error));
             EXPECT_EQ(proxy_.startUnbinding(), Error::NOT_BOUND);
         }
     }
 }
 
 TEST_F(ABinderProxy, LetsItsListenerStartTheNextPhaseAndTerminateIt) {
-    listener_.reaction = [this] {
-        listener_.reaction = [this] { proxy_.terminate(); };
+    listener_.setHook([this](Event const& /*bound*/) {
+        listener_.setHook([this](Event const& /*unbound*/) { proxy_.terminate(); });
         EXPECT_EQ(proxy_.startUnbinding(), Error::SUCCESS);
         proxy_.endUnbinding(Error::SUCCESS);
-    };
+    });
     ASSERT_EQ(proxy_.startBinding(SERVER), Error::SUCCESS);
     proxy_.endBinding(Error::SUCCESS);
-    EXPECT_THAT(listener_.events,
+    EXPECT_THAT(listener_.calls(),
                 ElementsAre(Event("bound", Error::SUCCESS), Event("unbound", Error::SUCCESS)));
     EXPECT_TRUE(proxy_.isTerminated());
 }
 
 TEST_F(ABinderProxy, LetsItsListenerDestroyIt) {
     auto proxy = std::make_unique<BareProxy>(&listener_);
-    listener_.reaction = [&] { proxy.reset(); };
+    listener_.setHook([&](Event const& /*event*/) { proxy.reset(); });
     ASSERT_EQ(proxy->startBinding(SERVER), Error::SUCCESS);
     proxy->endBinding(Error::SUCCESS);
     EXPECT_EQ(proxy, nullptr);
@@ -186,7 +176,7 @@ TEST(ABinderProxyWithoutAListener, EndsItsPhases) {
 
 TEST_F(ABinderProxy, IsTerminatedOnlyWhenTheListenerCallOfAnotherThreadIsOver) {
     AwaitedCall call;
-    listener_.reaction = [&] { call.run(); };
+    listener_.setHook([&](Event const& /*event*/) { call.run(); });
     ASSERT_EQ(proxy_.startBinding(SERVER), Error::SUCCESS);
     std::thread ending([this] { proxy_.endBinding(Error::SUCCESS); });
     call.expectToBeAwaitedBy([this] { proxy_.terminate(); });

@@ -13,13 +13,7 @@ class BareProxy : public SynchronizedTimeBaseProxy {
 public:
     using SynchronizedTimeBaseProxy::SynchronizedTimeBaseProxy;
 
-    using SynchronizedTimeBaseProxy::isTerminated;
     using SynchronizedTimeBaseProxy::notifyListener;
-    using SynchronizedTimeBaseProxy::serverUuid;
-    using SynchronizedTimeBaseProxy::setServerUuid;
-    using SynchronizedTimeBaseProxy::setSynchronizedFlag;
-    using SynchronizedTimeBaseProxy::setTerminatedFlag;
-    using SynchronizedTimeBaseProxy::uuid;
 
     std::uint32_t timeBase() const override { return 7; }
     void terminate() override {}
@@ -36,38 +30,16 @@ public:
     int calls = 0;
 };
 
-class ATimeBaseProxy : public testing::Test {
-protected:
-    CountingListener listener_;
-    BareProxy proxy_{Uuid(1), &listener_};
-};
-
-TEST_F(ATimeBaseProxy, KeepsServerAndFlags) {
-    EXPECT_EQ(proxy_.uuid(), Uuid(1));
-    EXPECT_EQ(proxy_.serverUuid(), Uuid::NIL);
-    for (auto const server : {Uuid(2), Uuid::NIL}) {
-        proxy_.setServerUuid(server);
-        EXPECT_EQ(proxy_.serverUuid(), server);
-    }
-    EXPECT_FALSE(proxy_.isSynchronized());
-    for (bool const synchronized : {true, false}) {
-        proxy_.setSynchronizedFlag(synchronized);
-        EXPECT_EQ(proxy_.isSynchronized(), synchronized);
-    }
-    EXPECT_FALSE(proxy_.isTerminated());
-    EXPECT_TRUE(proxy_.setTerminatedFlag());
-    EXPECT_FALSE(proxy_.setTerminatedFlag()) << "a second time";
-    EXPECT_TRUE(proxy_.isTerminated());
-}
-
-TEST_F(ATimeBaseProxy, NotifiesTheListenerRegisteredLast) {
+TEST(ATimeBaseProxy, NotifiesTheListenerRegisteredLast) {
+    CountingListener listener;
     CountingListener other;
-    proxy_.notifyListener();
-    proxy_.registerListener(&other);
-    proxy_.notifyListener();
-    proxy_.registerListener(nullptr);
-    proxy_.notifyListener();
-    EXPECT_EQ(listener_.calls, 1);
+    BareProxy proxy(Uuid(1), &listener);
+    proxy.notifyListener();
+    proxy.registerListener(&other);
+    proxy.notifyListener();
+    proxy.registerListener(nullptr);
+    proxy.notifyListener();
+    EXPECT_EQ(listener.calls, 1);
     EXPECT_EQ(other.calls, 1);
 }
 

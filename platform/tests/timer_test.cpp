@@ -261,21 +261,6 @@ TEST_F(ATimerInsideItsCallback, IsStoppedWithoutWaitingAndDoesNotExpireAgain) {
     EXPECT_EQ(inside_.copy(), 1);
 }
 
-TEST_F(ATimerInsideItsCallback, MakesAllThreadsThatTerminateItWait) {
-    Watched<int> returned(0);
-    auto const terminate = [&] {
-        timer_.terminate();
-        increment(returned);
-    };
-    std::thread first(terminate);
-    std::thread second(terminate);
-    EXPECT_FALSE(returned.waitFor(atLeast(1), NOTICEABLE_WAIT));
-    letLeave();
-    first.join();
-    second.join();
-    EXPECT_TRUE(left_);
-}
-
 TEST_F(ATimerInsideItsCallback, DoesNotMakeUpForMissedPeriods) {
     EXPECT_FALSE(inside_.waitFor(atLeast(2), NOTICEABLE_WAIT)); // many periods pass
     auto const begin = std::chrono::steady_clock::now();

@@ -1,16 +1,4 @@
-// What may happen to the numbers of one topic by MQTT and by the limits of the library; all else is
-// a violation.
-//
-// A gap:
-// - the subscriber was disconnected itself: subscriptions are made at QoS 0;
-// - at QoS 0, where the publisher's connection was lost;
-// - at QoS 2 in a clean session, the same, 20 for each connection: lost past PUBREC.
-//
-// The same number again:
-// - on a retained topic, once after the subscriber was disconnected.
-//
-// Earlier numbers again:
-// - at QoS 1, the up to 20 that had no PUBACK, in order, once for each connection.
+// What may happen to the numbers of one topic, and why it is no violation: docs/chaos.md.
 
 #include "chaos/number_sequence.hpp"
 

@@ -1,23 +1,31 @@
 #include "chaos/workload.hpp"
 
-#include "requestreply/sample_data.hpp"
-
 #include <mqtt/payloads.hpp>
-#include <mqtt/request_reply.hpp>
+#include <mqtt/service.hpp>
 
 #include <algorithm>
 #include <deque>
+#include <optional>
 
 namespace chaos {
 
 namespace {
 
+using mqtt::ClientId;
+using mqtt::ServerId;
 using zym::common::Uuid;
 using ErrorCode = mqtt::RequestReply::ErrorCode;
 
-constexpr char const* TOPIC = "chaos/server";
-constexpr char const* SUBTOPIC = "sub";
-constexpr char const* SERVICE = "number";
+struct Number {
+    unsigned int value = 0;
+};
+ZYM_MQTT_FIELDS(Number, value)
+
+using Result = mqtt::Result<Number>;
+using Caller = mqtt::Caller<Number, Number>;
+
+mqtt::Service<Number, Number> const SERVICE{"chaos/server", "number", "sub"};
+constexpr std::chrono::seconds TIMEOUT{1};
 
 std::string textOf(ErrorCode error) {
     return error == ErrorCode::SUCCESS   ? "answered"
@@ -27,64 +35,48 @@ std::string textOf(ErrorCode error) {
                : "ended with code " + std::to_string(static_cast<int>(error));
 }
 
-/// Records the ends of one request. Lives longer than its request.
-class RequestListener final : public mqtt::RequestReplyClient::Listener {
-public:
-    struct End {
-        int times = 0;
-        ErrorCode error = ErrorCode::NONE;
-        unsigned int number = 0; ///< in the reply
-    };
-
-    /// @return `PENDING`, or the reason why no request was made
-    ErrorCode request(mqtt::RequestReplyClient& client, Uuid const& id, unsigned int number) {
-        return client.request(this, id, Uuid::NIL, std::make_shared<NumberData>(number), reply_,
-                              nullptr, 1);
-    }
-
-    mqtt::test::Watched<End> end;
-
-private:
-    void onReply(unsigned int, std::string const&, Uuid const&, Uuid const&,
-                 mqtt::RequestReplyData const&, ErrorCode error) override {
-        end.change([&](End& one) { one = {one.times + 1, error, reply_->number}; });
-    }
-
-    std::shared_ptr<NumberData> const reply_ = std::make_shared<NumberData>();
+/// How often the function of a call was called, and with what.
+struct End {
+    int times = 0;
+    Result result = ErrorCode::NONE;
 };
+using RecordedEnd = mqtt::test::Watched<End>;
+
+Caller::Function recordIn(RecordedEnd& end) {
+    return [&end](Result const& result) {
+        end.change([&](End& one) { one = {one.times + 1, result}; });
+    };
+}
 
 /// Replies with the number that it was asked.
-class NumberServer final : private mqtt::RequestReplyServer::Listener {
+class NumberServer {
 public:
     explicit NumberServer(TestBed& testBed)
-        : report_(testBed.report), client_(testBed.newClient()) {
-        server_.subscribe(this, Uuid::NIL, std::make_shared<NumberData>());
-    }
+        : report_(testBed.report), client_(testBed.newClient()) {}
 
 private:
-    std::shared_ptr<mqtt::RequestReplyData> onRequest(std::string const&, Uuid const&, Uuid const&,
-                                                      mqtt::RequestReplyData const& requestData,
-                                                      ErrorCode& /*error*/) override {
+    Number reply(Number const& request) {
         constexpr std::size_t REMEMBERED = 200;
-        auto const number = dynamic_cast<NumberData const&>(requestData).number;
         report_.count("requests carried out");
         // All requests of short-lived clients carry 0.
-        report_.check(number == 0 || std::count(recent_.begin(), recent_.end(), number) == 0,
-                      "request " + std::to_string(number) + " came twice");
-        recent_.push_back(number);
+        report_.check(request.value == 0
+                          || std::count(recent_.begin(), recent_.end(), request.value) == 0,
+                      "request " + std::to_string(request.value) + " came twice");
+        recent_.push_back(request.value);
         if (recent_.size() > REMEMBERED) {
             recent_.pop_front();
         }
-        return std::make_shared<NumberData>(number);
+        return request;
     }
 
     Report& report_;
     std::deque<unsigned int> recent_; ///< used on the client's thread
     std::unique_ptr<mqtt::MqttClient> client_;
-    mqtt::RequestReplyServer server_{*client_, TOPIC, SUBTOPIC, SERVICE};
+    mqtt::Server<Number, Number> server_{*client_, SERVICE, ServerId(),
+                                         [this](Number const& request) { return reply(request); }};
 };
 
-/// Sends one request after the other: waits, uses a listener, cancels.
+/// Sends one request after the other: waits, passes a function, cancels.
 class RequestWorker final : public Worker {
 public:
     RequestWorker(TestBed& on, std::string const& nameOfIt, bool persistent, unsigned firstNumber)
@@ -92,7 +84,7 @@ public:
           number_(firstNumber),
           client_(testBed.newClient({persistent, true, id_})) {}
     ~RequestWorker() override {
-        requests_.release();
+        requests_.reset();
         checkEnds(0);
     }
 
@@ -100,56 +92,46 @@ private:
     bool step() override {
         count("requests made");
         ++number_;
-        return random.percent(40) ? requestAndWait() : requestWithListener();
+        return random.percent(40) ? checkResult(requests_->callWait({number_}, TIMEOUT))
+                                  : callWithFunction();
     }
 
-    bool requestAndWait() {
-        auto const reply = std::make_shared<NumberData>();
-        auto const error =
-            requests_.requestWait(id_, Uuid::NIL, std::make_shared<NumberData>(number_), reply, 1);
-        return checkReply(error, reply->number);
-    }
-
-    bool requestWithListener() {
-        constexpr std::size_t KEPT_LISTENERS = 50;
-        auto& listener = listeners_.emplace_back();
-        auto const result = listener.request(requests_, id_, number_);
-        check(result == ErrorCode::PENDING, "a request is not made: " + textOf(result));
+    bool callWithFunction() {
+        constexpr std::size_t KEPT_ENDS = 50;
+        auto& end = ends_.emplace_back();
+        auto const code = requests_->call({number_}, TIMEOUT, recordIn(end));
+        check(code == ErrorCode::PENDING, "a request is not made: " + textOf(code));
         if (random.percent(10)) {
             wait(0, 5);
-            requests_.cancel();
-        } else if (random.percent(20)) {
-            requests_.waitEndOfRequest(1);
+            requests_->cancel();
         }
-        check(listener.end.waitFor([](auto const& end) { return end.times > 0; }, END_DEADLINE),
+        check(end.waitFor([](End const& one) { return one.times > 0; }, END_DEADLINE),
               "request " + std::to_string(number_) + " never ended");
-        checkEnds(KEPT_LISTENERS);
-        auto const end = listener.end.copy();
-        return checkReply(end.error, end.number);
+        checkEnds(KEPT_ENDS);
+        return checkResult(end.copy().result);
     }
 
-    bool checkReply(ErrorCode error, unsigned int replied) {
-        bool const success = error == ErrorCode::SUCCESS;
-        count("requests " + textOf(error));
-        check(success || error == ErrorCode::TIMEOUT || error == ErrorCode::CANCELLED,
-              "a request " + textOf(error));
-        check(!success || replied == number_,
-              "sent " + std::to_string(number_) + ", got " + std::to_string(replied));
-        return success;
+    bool checkResult(Result const& result) {
+        auto const code = result.code();
+        count("requests " + textOf(code));
+        check(result || code == ErrorCode::TIMEOUT || code == ErrorCode::CANCELLED,
+              "a request " + textOf(code));
+        check(!result || result->value == number_, "another reply than to this request");
+        return static_cast<bool>(result);
     }
 
-    /// A second end is noticed while the listener is kept.
+    /// A second end is noticed while the first one is kept.
     void checkEnds(std::size_t kept) {
-        for (; listeners_.size() > kept; listeners_.pop_front()) {
-            check(listeners_.front().end.copy().times == 1, "a request did not end exactly once");
+        for (; ends_.size() > kept; ends_.pop_front()) {
+            check(ends_.front().copy().times == 1, "a request did not end exactly once");
         }
     }
 
     Uuid const id_ = mqtt::test::uniqueId();
     unsigned int number_;
-    std::deque<RequestListener> listeners_;
+    std::deque<RecordedEnd> ends_;
     std::unique_ptr<mqtt::MqttClient> client_;
-    mqtt::RequestReplyClient requests_{*client_, TOPIC, SUBTOPIC, SERVICE};
+    std::optional<Caller> requests_{std::in_place, *client_, SERVICE, ClientId(id_), ServerId()};
 };
 
 /// Makes a client, uses it a little, and destroys it in any state.
@@ -177,16 +159,16 @@ private:
         return true;
     }
 
-    /// Destroys the request client before or after the end of its request.
+    /// Destroys the caller before or after the end of its call.
     void request(mqtt::MqttClient& client) {
-        RequestListener listener;
+        RecordedEnd end;
         {
-            mqtt::RequestReplyClient requests(client, TOPIC, SUBTOPIC, SERVICE);
-            auto const result = listener.request(requests, mqtt::test::uniqueId(), 0);
-            check(result == ErrorCode::PENDING, "a request is not made");
+            Caller caller(client, SERVICE, ClientId(mqtt::test::uniqueId()), ServerId());
+            auto const code = caller.call({0}, TIMEOUT, recordIn(end));
+            check(code == ErrorCode::PENDING, "a request is not made");
             wait(0, 10);
         }
-        check(listener.end.copy().times == 1, "a request did not end once before its client did");
+        check(end.copy().times == 1, "a request did not end once before its caller did");
     }
 
     void onMqttMessage(int, mqtt::Topic const&, std::string const&) override {

@@ -39,7 +39,7 @@ public:
         }
     }
     /// Checks that it still works, while it is paused and there are no faults.
-    virtual void verify() {
+    void verify() {
         check(mqtt::test::eventually([this] { return step(); }, END_DEADLINE), "no longer works");
     }
 

@@ -23,8 +23,8 @@ std::function<void()> addPublishers(TestBed& testBed, Services& services);
 /// Clients that send one request after the other; clients that are made, used a little, and
 /// destroyed in any state.
 void addRequestWorkers(TestBed& testBed, Services& services);
-/// Clients that bind and unbind; a discoverer of a device with five entities; cleaners of topics.
-void addServiceWorkers(TestBed& testBed, Services& services);
+/// Clients that bind and unbind.
+void addBindingWorkers(TestBed& testBed, Services& services);
 
 /// All that a run does beside the faults.
 class Workload {
@@ -32,7 +32,7 @@ public:
     explicit Workload(TestBed& testBed)
         : testBed_(testBed), verifyNumbers_(addPublishers(testBed, services_)) {
         addRequestWorkers(testBed, services_);
-        addServiceWorkers(testBed, services_);
+        addBindingWorkers(testBed, services_);
     }
     ~Workload() {
         pause();

@@ -1,5 +1,5 @@
 // The choice of a subscription against the plain walk through the registry, for random
-// registries and topics. The seeds in fuzz/seeds/subscriptions/ are the situations one by one.
+// registries and topics.
 
 #include "client/registry/subscription_index.hpp"
 

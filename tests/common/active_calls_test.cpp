@@ -2,13 +2,11 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <chrono>
 #include <future>
 #include <memory>
 #include <optional>
 #include <thread>
-#include <vector>
 
 namespace {
 
@@ -86,29 +84,6 @@ TEST_F(TheWaitForActiveCalls, EndsWhenCallsAreEndedEarly) {
     EXPECT_FALSE(isOver(next));
     again.reset();
     next.wait();
-}
-
-TEST_F(TheWaitForActiveCalls, EndsAfterAllAccesses) {
-    for (int round = 0; round < 200; ++round) {
-        auto value = std::make_unique<std::atomic<int>>(0);
-        std::atomic<int> inside{0};
-        std::vector<std::thread> threads;
-        for (int i = 0; i < 4; ++i) {
-            threads.emplace_back([&] {
-                Call const call(calls);
-                ++inside;
-                ++*value;
-            });
-        }
-        while (inside < 4) {
-            std::this_thread::yield();
-        }
-        calls->waitForOthers();
-        value.reset();
-        for (auto& thread : threads) {
-            thread.join();
-        }
-    }
 }
 
 } // namespace

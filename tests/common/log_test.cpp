@@ -1,6 +1,6 @@
 #include "common/log.hpp"
 
-#include "mqtt/test/watched.hpp"
+#include "common/awaited_call.hpp"
 
 #include <gmock/gmock.h>
 
@@ -69,23 +69,11 @@ TEST_F(ALog, DropsWhatTheFunctionThrows) {
 }
 
 TEST_F(ALog, DoesNotCallTheLastFunctionOnceAnotherIsSet) {
-    mqtt::test::Watched<bool> entered;
-    mqtt::test::Watched<bool> mayReturn;
-    std::atomic<bool> returned{false};
-    setLogFunction(
-        [&](LogLevel, std::string const&) {
-            set(entered);
-            mayReturn.waitFor(mqtt::test::isSet);
-            returned = true;
-        },
-        LogLevel::INFO);
+    AwaitedCall call;
+    setLogFunction([&](LogLevel, std::string const&) { call.run(); }, LogLevel::INFO);
     std::thread logger([] { log(LogLevel::INFO, "line"); });
-    ASSERT_TRUE(entered.waitFor(mqtt::test::isSet));
-    std::thread releaser([&] { set(mayReturn); });
-    setLogFunction({}, LogLevel::INFO);
-    EXPECT_TRUE(returned);
+    call.expectToBeAwaitedBy([] { setLogFunction({}, LogLevel::INFO); });
     logger.join();
-    releaser.join();
 }
 
 } // namespace

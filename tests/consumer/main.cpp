@@ -6,64 +6,28 @@
 #include "fill_level.hpp"
 
 #include <mqtt/client.hpp>
-#include <mqtt/fields.hpp>
-#include <mqtt/request_reply.hpp>
+#include <mqtt/service.hpp>
 #include <zym/common/uuid.hpp>
 
+#include <chrono>
 #include <exception>
-#include <future>
 #include <iostream>
-#include <memory>
 #include <stdexcept>
 #include <string>
 
 namespace {
 
 using mqtt::MqttClient;
-using mqtt::MqttData;
-using mqtt::RequestReply;
 using zym::common::Uuid;
 
 Uuid const TANK_ID(1);
 Uuid const DISPLAY_ID(2);
-constexpr conv::SecondsDuration TIMEOUT(30);
+constexpr std::chrono::seconds TIMEOUT(30);
 
 struct Litres {
     unsigned int count = 0;
 };
 ZYM_MQTT_FIELDS(Litres, count)
-using LitresPayload = mqtt::Payload<Litres>;
-
-class Tank final : public mqtt::RequestReplyServer::Listener {
-public:
-    std::shared_ptr<mqtt::RequestReplyData>
-    onRequest(std::string const& /*name*/, Uuid const& /*client*/, Uuid const& /*server*/,
-              mqtt::RequestReplyData const& request, RequestReply::ErrorCode& /*error*/) override {
-        auto const& wanted = dynamic_cast<LitresPayload const&>(request).value;
-        return std::make_shared<LitresPayload>(Litres{100 - wanted.count});
-    }
-};
-
-class Display final : public MqttData<FillLevel>::Subscriber {
-public:
-    void onMqttData(FillLevel const& level, bool empty, int /*id*/) override {
-        if (!empty && !received_) {
-            received_ = true;
-            level_.set_value(level.litres);
-        }
-    }
-    unsigned int wait() {
-        auto level = level_.get_future();
-        if (level.wait_for(std::chrono::seconds(30)) != std::future_status::ready) {
-            throw std::runtime_error("no level was received");
-        }
-        return level.get();
-    }
-
-private:
-    std::promise<unsigned int> level_;
-    bool received_ = false; // used on the client's worker thread only
-};
 
 void require(bool condition, char const* what) {
     if (!condition) {
@@ -72,33 +36,30 @@ void require(bool condition, char const* what) {
 }
 
 void connect(MqttClient& client) {
-    auto const result = client.connect("", -1, TIMEOUT);
+    auto const result = client.connect("", -1, 30);
     std::cout << "connecting: " << result << '\n';
     require(result == MqttClient::Error::SUCCESS, "cannot connect");
 }
 
 void publishAndRead(MqttClient& client) {
-    Display display;
-    MqttData<FillLevel> level(client, "consumer/tank");
-    require(level.subscribe(&display, 0) == MqttClient::Error::SUCCESS, "cannot subscribe");
-    level.value.litres = 42;
-    level.publishWait();
-    require(display.wait() == 42, "another level was received");
+    mqtt::MqttData<FillLevel> level(client, "consumer/tank");
+    require(level.publishWait(FillLevel{42}) == MqttClient::Error::SUCCESS, "cannot publish");
+    FillLevel received;
+    require(level.waitForNext(received, TIMEOUT) == MqttClient::Error::SUCCESS,
+            "no level was received");
+    require(received.litres == 42, "another level was received");
     std::cout << "a value of our own type: received\n";
 }
 
 void ask(MqttClient& client) {
-    Tank tank;
-    mqtt::RequestReplyServer server(client, "consumer/tank", mqtt::Topic(), "draw");
-    require(server.subscribe(&tank, TANK_ID, std::make_shared<LitresPayload>())
-                == MqttClient::Error::SUCCESS,
-            "cannot serve");
-    mqtt::RequestReplyClient draw(client, "consumer/tank", mqtt::Topic(), "draw");
-    auto const left = std::make_shared<LitresPayload>();
-    auto const result = draw.requestWait(DISPLAY_ID, TANK_ID,
-                                         std::make_shared<LitresPayload>(Litres{7}), left, TIMEOUT);
-    require(result == RequestReply::ErrorCode::SUCCESS, "the request failed");
-    require(left->value.count == 93, "another reply was received");
+    mqtt::Service<Litres, Litres> const draw{"consumer/tank", "draw"};
+    mqtt::Server const tank(
+        client, draw, mqtt::ServerId(TANK_ID),
+        [](Litres const& wanted) -> mqtt::Result<Litres> { return Litres{100 - wanted.count}; });
+    require(tank.result() == MqttClient::Error::SUCCESS, "cannot serve");
+    mqtt::Caller caller(client, draw, mqtt::ClientId(DISPLAY_ID), mqtt::ServerId(TANK_ID));
+    auto const left = caller.callWait({7}, TIMEOUT);
+    require(left && left->count == 93, "another reply was received, or none");
     std::cout << "a request: answered\n";
 }
 

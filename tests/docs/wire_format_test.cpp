@@ -1,6 +1,7 @@
 // docs/wire-format.md shows what the library writes. A box there is a fenced block with a language
 // and a name, "```json reply".
 
+#include "data/documents.hpp"
 #include "mqtt/test/test_client.hpp"
 #include "requestreply/endpoint.hpp"
 #include "requestreply/sample_data.hpp"
@@ -21,8 +22,6 @@
 namespace {
 
 using mqtt::Link;
-using mqtt::MqttData;
-using mqtt::MqttDataCollection;
 using mqtt::RequestReply;
 using zym::common::Uuid;
 using Boxes = std::map<std::string, std::string>;
@@ -47,18 +46,6 @@ Boxes boxesOfThePage() {
         EXPECT_TRUE(boxes.emplace(heading, body).second) << heading << " is there twice";
     }
     return boxes;
-}
-
-template <class Endpoint, class T>
-std::string written(T const& value) {
-    std::string text;
-    Endpoint::serialize("any", text, value);
-    return text;
-}
-
-template <class T>
-std::string written(T const& value) {
-    return written<MqttData<T>, T>(value);
 }
 
 conv::Identification const IDENTIFICATION{SERVER.to_string(),
@@ -88,7 +75,6 @@ RequestReply::Reply reply(std::uint32_t id, RequestReply::ErrorCode error,
 
 Boxes documents() {
     using ErrorCode = RequestReply::ErrorCode;
-    using Collection = MqttDataCollection<Link>;
     using Links = std::vector<Link>;
     return {
         {"json communication-status",
@@ -99,9 +85,8 @@ Boxes documents() {
         {"json identification", written(IDENTIFICATION)},
         {"json service-status", written(conv::ServiceStatus{1, 3})},
         {"json link", written(Link{"plant/pumps/1"})},
-        {"json link-collection",
-         written<Collection>(Links{Link{"plant/pumps/1"}, Link{"plant/pumps/2"}})},
-        {"json link-collection empty", written<Collection>(Links{})},
+        {"json link-collection", written(Links{Link{"plant/pumps/1"}, Link{"plant/pumps/2"}})},
+        {"json link-collection empty", written(Links{})},
         {"json request", written(request(4294967295U, std::make_shared<NumberData>(7)))},
         {"json request without-payload", written(request(42, mqtt::NO_DATA))},
         {"json reply",

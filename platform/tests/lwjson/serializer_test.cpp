@@ -61,9 +61,11 @@ TEST(ASerializer, WritesAnArrayWithALinePerElement) {
     out.finalize();
     EXPECT_EQ(json, "{\n  \"empty\":\n  [\n  ],\n  \"links\":\n  [\n    {\"v\": 1},\n"
                     "    {\"@id\": \"a  b\"}\n  ],\n  \"more\": 1\n}");
-    // A finished object stands on one line.
+    // A finished object stands on one line, whatever its layout.
     EXPECT_EQ(memberWith(Serializer(std::as_const(json))),
               object("{\"empty\":[],\"links\":[{\"v\": 1},{\"@id\": \"a  b\"}],\"more\": 1}"));
+    std::string const other = "{\r\n\t\"x\": [1,\n\t 2],\r\"y\" : { } }";
+    EXPECT_EQ(memberWith(Serializer(other)), object("{\"x\": [1,2],\"y\" : { } }"));
 }
 
 TEST(ASerializer, EscapesQuotesBackslashesAndControlBytesOnly) {
