@@ -69,10 +69,9 @@ std::string describeCall(std::string const& service, std::string const& payload)
     std::ostringstream text;
     if (mark == mqtt::REQUEST_SUFFIX) {
         text << "request ";
-    } else if (unsigned char code = 0; mark == mqtt::REPLY_SUFFIX) {
-        Deserializer const in{std::string_view(payload)};
-        Deserializer::extractValue(in.getMember("$err"), code, "");
-        text << "reply " << mqtt::RequestReply::ErrorCode{code} << ' ';
+    } else if (auto const code = readMember<std::uint8_t>(payload, "$err");
+               mark == mqtt::REPLY_SUFFIX && code) {
+        text << "reply " << static_cast<mqtt::RequestReply::ErrorCode>(*code) << ' ';
     }
     text << printable(payload);
     return text.str();
@@ -163,9 +162,5 @@ std::string describe(Topic const& topic, std::string const& payload) {
         auto const name = '"' + parts.front() + '"';
         return printable(std::accumulate(parts.begin() + 1, parts.end(), name, addPart));
     }
-    try {
-        return isJsonObject(payload) ? describeCall(level(2), payload) : printable(payload);
-    } catch (std::exception const&) {
-        return printable(payload); // a reply without a code
-    }
+    return isJsonObject(payload) ? describeCall(level(2), payload) : printable(payload);
 }

@@ -2,13 +2,25 @@
 
 #include <mqtt/link.hpp>
 #include <mqtt/topic.hpp>
+#include <zym/common/lwjson.hpp>
 
+#include <exception>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 bool isJsonObject(std::string const& text);
+/// A member of a JSON object. Empty: there is no object, no such member, or no such value.
+template <class Value>
+std::optional<Value> readMember(std::string const& json, char const* key) try {
+    using zym::common::lwjson::Deserializer;
+    Value value{};
+    Deserializer::extractValue(Deserializer(std::string_view(json)).getMember(key), value, "");
+    return value;
+} catch (std::exception const&) {
+    return std::nullopt;
+}
 /// JSON without line ends and the blanks behind them.
 std::string onOneLine(std::string_view json);
 /// UTF-8, without control characters but those that lay out a text.
