@@ -46,8 +46,8 @@ class WithBroker(unittest.TestCase):
 
 # Arguments, exit code, what the text has, what the last object has with --json.
 COMMANDS = [
-    (["tree", "plant"], DONE, r"^plant  connected since 19(.*\n)*`-- tank  " + ENTITY
-     + r"  Pumps & Sons  operating 1, health 3$", {"topic": "plant"}),
+    (["tree", "plant"], DONE, r"^plant  connected since 19(.*\n)*`-- " + ENTITY
+     + r'  "tank", Pumps & Sons  operating 1, health 3$', {"topic": "plant"}),
     (["tree", "nothing", "--timeout", "1"], NO_ANSWER, "nothing is published on nothing", {"entities": []}),
     (["watch", "plant/#", "--count", "4"], DONE, r"^\d\d:\d\d:\d\d\.\d{3} " + ENTITY
      + r"/status \[retained\] operating 1, health 3$", {"messages": 4}),
@@ -290,7 +290,7 @@ class FirstSteps(WithBroker):
         messages.expect(r"communication.*connected since")
         tree = self.run_zymctl("tree", "demo/plant").everything()
         for name in ("tank", "pump", "valve"):
-            self.assertRegex(tree, "-- " + name + "  demo/plant/.*Pumps & Sons  operating 1, health 1")
+            self.assertRegex(tree, f'-- demo/plant/.*  "{name}", Pumps & Sons  operating 1, health 1')
         self.assertIn("code 18", self.run_zymctl("call", "demo/plant", "draw", '{"litres": 60}', *tank, code=FAILED)
                       .everything())
         binding = self.start("bind", "demo/plant", "--server", "3", "--id", "4", "--topic", "demo/panel")

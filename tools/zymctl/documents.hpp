@@ -34,7 +34,5 @@ std::string timeText(double secondsSince1970, char const* format);
 /// What a message says, in words if it is a document of the library.
 std::string describe(mqtt::Topic const& topic, std::string const& payload);
 
-/// What an identification says that is not empty, its name first. Empty: no such document.
-std::vector<std::string> readIdentification(std::string const& payload);
-/// @return empty: another document
-std::optional<std::vector<mqtt::Link>> readLinks(std::string const& payload);
+/// None: also for another document.
+std::vector<mqtt::Link> readLinks(std::string const& payload);

@@ -59,11 +59,7 @@ bool isLinked(Context& context, bool isCollection) {
     mqtt::MqttDataCollection<mqtt::Link> links(connection.client, settings.topic);
     connection.subscribe(settings.topic);
     return connection.read(settings.deadline(), [&](Message const& message) {
-        auto const arrived = readLinks(message.payload);
-        if (message.payload.empty() || !arrived) {
-            return false;
-        }
-        links.value = *arrived;
+        links.value = readLinks(message.payload);
         return isCollection ? mqtt::checkCollectionPublished(ids, links)
                             : mqtt::isLinkPublishedInCollection(settings.expected.front(), links);
     });

@@ -9,9 +9,8 @@
 
 namespace {
 
-/// The levels of the documents below an entity's topic; links are on the topic itself.
-constexpr char const* IDENTIFICATION = "/identification";
-constexpr char const* STATES[] = {"/communication", "/status"};
+/// Of the documents below an entity's topic; links are on the topic itself.
+constexpr char const* LEVELS[] = {"/identification", "/communication", "/status"};
 
 /// What a device consists of: its base topic, the entities that this links to, and what these link
 /// to.
@@ -26,7 +25,7 @@ public:
         auto const& topic = message.topic.text();
         documents_[topic] = message.payload;
         if (entities_.count(topic) == 1) {
-            for (auto const& link : linksOf(topic)) {
+            for (auto const& link : readLinks(document(topic))) {
                 follow(link.id);
             }
         }
@@ -37,7 +36,7 @@ public:
     bool isComplete() const {
         return !document(base_).empty()
                && std::all_of(entities_.begin(), entities_.end(), [this](std::string const& topic) {
-                      return topic == base_ || !document(topic + IDENTIFICATION).empty();
+                      return topic == base_ || !document(topic + LEVELS[0]).empty();
                   });
     }
 
@@ -60,7 +59,7 @@ private:
     /// A link that is no topic cannot be subscribed to, and stays without documents.
     void follow(std::string const& topic) try {
         if (entities_.insert(topic).second) {
-            for (auto const* level : {"", IDENTIFICATION, STATES[0], STATES[1]}) {
+            for (auto const* level : {"", LEVELS[0], LEVELS[1], LEVELS[2]}) {
                 connection_.subscribe(topic + level);
             }
         }
@@ -73,27 +72,15 @@ private:
         return found == documents_.end() ? "" : found->second;
     }
 
-    std::vector<mqtt::Link> linksOf(std::string const& topic) const {
-        return readLinks(document(topic)).value_or(std::vector<mqtt::Link>());
-    }
-
     std::string title(std::string const& topic) const {
         using Colour = Console::Colour;
-        auto parts = readIdentification(document(topic + IDENTIFICATION));
-        auto name = topic;
-        if (!parts.empty() && !parts.front().empty()) {
-            std::swap(name, parts.front());
-        }
-        auto text = console_.paint(Colour::BLUE, printable(name));
-        for (auto const& part : parts) {
-            text += part.empty() ? "" : "  " + printable(part);
-        }
-        if (document(topic + IDENTIFICATION).empty() && topic != base_) {
+        auto text = console_.paint(Colour::BLUE, printable(topic));
+        if (document(topic + LEVELS[0]).empty() && topic != base_) {
             text += "  " + console_.paint(Colour::RED, "no identification");
         }
-        for (auto const* level : STATES) {
-            if (auto const state = document(topic + level); !state.empty()) {
-                text += "  " + console_.paint(Colour::GREEN, describe(topic + level, state));
+        for (auto const* level : LEVELS) {
+            if (auto const found = document(topic + level); !found.empty()) {
+                text += "  " + console_.paint(Colour::GREEN, describe(topic + level, found));
             }
         }
         return text;
@@ -101,7 +88,7 @@ private:
 
     /// @param indent begins each line, with the end of the line before
     void addLines(std::string& lines, Path& path, std::string const& indent) const {
-        auto const linked = linksOf(path.back());
+        auto const linked = readLinks(document(path.back()));
         for (std::size_t i = 0; i < linked.size(); ++i) {
             bool const isLast = i + 1 == linked.size();
             auto const& topic = linked[i].id;
@@ -117,13 +104,13 @@ private:
     void addMembers(JsonLine& line, Path& path) const {
         auto const topic = path.back();
         line.add("topic", topic);
-        for (auto const* level : {IDENTIFICATION, STATES[0], STATES[1]}) {
+        for (auto const* level : LEVELS) {
             if (auto const found = document(topic + level); isJsonObject(found)) {
                 line.addRaw(level + 1, found);
             }
         }
         std::string entities;
-        for (auto const& link : linksOf(topic)) {
+        for (auto const& link : readLinks(document(topic))) {
             if (std::find(path.begin(), path.end(), link.id) == path.end()) {
                 JsonLine entity;
                 path.push_back(link.id);
