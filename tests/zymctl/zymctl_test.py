@@ -247,7 +247,10 @@ class ASecureBroker(unittest.TestCase):
         for command in (["set", "a", "x"], ["watch", "a", "--count", "1"], ["doctor", "--json"]):
             run = zymctl(*command, *options, port=broker.port, **variables)
             self.assertEqual(run.code, DONE, run.everything())
-        self.assertEqual(run.objects()[0]["tls"], any("certfile" in line or "psk" in line for line in lines))
+        found = run.objects()[0]
+        self.assertEqual(found["tls"], any("certfile" in line or "psk" in line for line in lines))
+        if found["tls"]:  # without TLS no secret is sent
+            self.assertIn("without TLS, without a user name", found["attempts"]["plain"])
         run = zymctl("get", "a", *without, port=broker.port)
         self.assertEqual(run.code, NO_CONNECTION, run.everything())
         return run.everything()
@@ -262,7 +265,7 @@ class ASecureBroker(unittest.TestCase):
         self.assertIn("does not authorise", self.check(lines, ["--user", "me"], ["--user", "me"], ZYMCTL_PASSWORD="word"))
 
     def test_gets_a_certificate(self):
-        ours = ["--cert", self.file("client.crt"), "--key", self.file("client.key"), "--ca", self.file("ca.crt")]
+        ours = ["--user", "me", "--cert", self.file("client.crt"), "--key", self.file("client.key"), "--ca", self.file("ca.crt")]
         lines = [*self.certificates(), "require_certificate true"]
         self.check(lines, [*ours, "--key-password-file", self.file("key-password")], ["--ca", self.file("ca.crt")])
         self.check(lines, [*ours, "--insecure-skip-host-name-check"], [], ZYMCTL_KEY_PASSWORD="secret")

@@ -32,22 +32,21 @@ private:
     Console& console_;
 };
 
-/// One way to connect, and what came of it.
-struct Attempt {
-    bool connected;
-    std::string sentence;
-};
-
-Attempt tryToConnect(Context& context) {
+/// Tries one way, and adds what came of it.
+bool tryToConnect(Context& context, JsonLine& attempts, std::string& sentence) {
     auto const& settings = context.settings;
     auto const who = settings.user.empty() ? "without a user name" : "as " + settings.user;
     auto const how = std::string(settings.usesTls() ? "with TLS" : "without TLS") + ", " + who;
+    bool connected = false;
     try {
         Connection const connection(context);
-        return {true, "Connected to " + settings.broker() + ", " + how + "."};
+        connected = true;
+        sentence = "Connected to " + settings.broker() + ", " + how + ".";
     } catch (CommandFailed const& failure) {
-        return {false, "No connection " + how + ": " + failure.what()};
+        sentence = "No connection " + how + ": " + failure.what();
     }
+    attempts.add(settings.usesTls() ? "tls" : "plain", sentence);
+    return connected;
 }
 
 /// The other way, at the same port: without TLS, and then without secrets, or with TLS.
@@ -63,19 +62,18 @@ void switchTls(Settings& settings) {
 /// Tries both ways; leaves the settings of the one that works, first the one asked for.
 bool connect(Context& context, Findings& findings) {
     auto const asked = context.settings;
-    auto const first = tryToConnect(context);
-    findings.say(first.connected, first.sentence);
-    JsonLine attempts(asked.usesTls() ? "tls" : "plain", first.sentence);
-    bool connected = first.connected;
+    JsonLine attempts;
+    std::string sentence;
+    bool connected = tryToConnect(context, attempts, sentence);
+    findings.say(connected, sentence);
     if (asked.unixSocket.empty()) {
         switchTls(context.settings);
-        auto const second = tryToConnect(context);
-        findings.note("     " + second.sentence);
-        attempts.add(asked.usesTls() ? "plain" : "tls", second.sentence);
-        if (first.connected || !second.connected) {
+        bool const otherWay = tryToConnect(context, attempts, sentence);
+        findings.note("     " + sentence);
+        if (connected || !otherWay) {
             context.settings = asked;
         }
-        connected = connected || second.connected;
+        connected = connected || otherWay;
     }
     findings.object.add("host", asked.address())
         .add("port", asked.portNumber())

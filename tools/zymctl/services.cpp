@@ -230,10 +230,13 @@ ExitCode runTime(Context& context) {
                                               &synchronized);
     unsigned samples = 0;
     // Subscribes before the proxy, and so gets each reply first.
-    auto const subscription = mqtt::MqttData<TimeReply>(connection.client, topic)
-                                  .subscribe([&](TimeReply const& reply, bool /*empty*/) {
-                                      printSample(context.console, ++samples, proxy, reply);
-                                  });
+    auto const onReply = [&](TimeReply const& reply, bool empty) {
+        if (!empty) {
+            printSample(context.console, ++samples, proxy, reply);
+        }
+    };
+    auto const subscription =
+        mqtt::MqttData<TimeReply>(connection.client, topic).subscribe(onReply);
     require(subscription.result(), "cannot subscribe to " + topic.text());
     proxy.startSync(server);
     auto const isDone = [&] { return synchronized.isDone.load(); };
