@@ -278,7 +278,9 @@ TEST_F(Conformance, EntitiesAreDiscovered) {
         links.value.push_back({entity.text()});
         conv::Identification identification;
         identification.name = entity.text();
-        mqtt::MqttData<conv::Identification>(*device_, entity).publishWait(identification);
+        mqtt::MqttData<conv::Identification> endpoint(*device_, entity);
+        ASSERT_EQ(endpoint.publishWait(identification), Error::SUCCESS)
+            << "a publication at QoS 2 is not acknowledged";
     }
     links.publishWait();
     mqtt::ServiceDiscovererMqtt discoverer(*panel_, base_ + "entities");
