@@ -10,10 +10,37 @@ start_site() {
     output[$1]=$broker_output
 }
 
+# A way for a bridge that can be cut: forwards from one port, 0 for any, to another one.
+relay='
+import asyncio, sys
+async def forward(source, sink):
+    while data := await source.read(65536):
+        sink.write(data)
+    sink.close()
+async def serve(source, sink):
+    far_source, far_sink = await asyncio.open_connection("127.0.0.1", int(sys.argv[2]))
+    await asyncio.gather(forward(source, far_sink), forward(far_source, sink))
+async def main():
+    server = await asyncio.start_server(serve, "127.0.0.1", int(sys.argv[1]))
+    print(server.sockets[0].getsockname()[1], flush=True)
+    await server.serve_forever()
+asyncio.run(main())'
+
+start_relay() {
+    start relay python3 -c "$relay" "$1" "$device_port"
+    expect relay '^([0-9]+)$'
+    relay_port=${BASH_REMATCH[1]}
+}
+
+# start_subscribe PORT
+start_subscribe() {
+    start subscribe build/demo/examples/subscribe 127.0.0.1 "$1" <"$work/commands"
+    expect subscribe '^connected$'
+}
+
 # one_after_another: publishes at the first address and subscribes at the second; all lines must arrive.
 one_after_another() {
-    start subscribe build/demo/examples/subscribe 127.0.0.1 "${2##*:}" <"$work/commands"
-    expect subscribe '^connected$'
+    start_subscribe "${2##*:}"
     sleep 1 # the other node learns of the subscription
     start publish build/demo/examples/publish 127.0.0.1 "${1##*:}" <"$work/lines"
     expect publish '^connected$'
@@ -25,10 +52,15 @@ one_after_another() {
     finish subscribe
 }
 
+# bridge_to PORT [LINE...]: what the second broker has in its configuration.
+bridge_to() {
+    broker_lines=("connection site" "address 127.0.0.1:$1" "topic # both 1" "notifications false"
+        "restart_timeout 1 2" "${@:2}")
+}
+
 start_site first
 device_port=$port
-broker_lines=("connection site" "address 127.0.0.1:$device_port" "topic # both 1" "notifications false"
-    "restart_timeout 1")
+bridge_to "$device_port"
 start_site second
 panel_port=$port
 explain "PART 1. The broker at port $device_port is the device's, the one at port $panel_port the panel's. A" \
@@ -64,7 +96,25 @@ expect panel '^all is cleaned$'
 finish panel
 explain "Observed at two bridged brokers: retained values, requests, binding, time, will and cleaning hold."
 
-explain "PART 2. A cluster: two nodes of aedes that share Redis; one program subscribes at one, another one" \
+explain "PART 2. The bridge is cut. The device is killed meanwhile, and the bridge comes back:"
+stop second
+start_relay 0
+bridge_to "$relay_port" "bridge_outgoing_retain false"
+start_site second "$panel_port"
+start device build/demo/examples/device 127.0.0.1 "$device_port" <"$work/commands"
+start_subscribe "$panel_port"
+expect subscribe '"state": 2'
+stop relay
+stop device
+start_relay "$relay_port"
+expect subscribe '"state": 3'
+stop subscribe
+start_subscribe "$device_port"
+expect subscribe '"state": 3'
+stop subscribe
+explain "Observed: the panel's broker gets the will as soon as the bridge is back, and both brokers keep it."
+
+explain "PART 3. A cluster: two nodes of aedes that share Redis; one program subscribes at one, another one" \
     "publishes at the other:"
 mkfifo "$work/nothing"
 exec {nothing}<>"$work/nothing" # never ends; the cluster ends when its script is killed

@@ -5,18 +5,19 @@
 //   ZYM_TEST_DEVICE, ZYM_TEST_PANEL   host:port, or the path of a unix socket and :0
 //   ZYM_TEST_USER                     user name and password, which are the same
 //   ZYM_TEST_CA                       the authority's certificate, if the broker uses TLS
-// The properties in the report of the test are measurements; scripts/brokers puts them into its
-// table.
+// scripts/brokers puts the properties in the report of the test, which are measurements, into a
+// table, and the last line of a failure, which says what a user sees, into another one.
 
 #include "mqtt/test/broker.hpp"
 #include "mqtt/test/recorder.hpp"
 #include "mqtt/test/test_client.hpp"
-#include "requestreply/sample_data.hpp"
+#include "mqtt/test/time_base.hpp"
 #include "support/watchdog.hpp"
 
 #include <mqtt/binder_proxy.hpp>
 #include <mqtt/connection_options.hpp>
 #include <mqtt/payloads.hpp>
+#include <mqtt/service.hpp>
 #include <mqtt/service_discoverer.hpp>
 #include <mqtt/time_base.hpp>
 #include <mqtt/topic_cleaner.hpp>
@@ -35,7 +36,6 @@
 namespace {
 
 using mqtt::MqttClient;
-using mqtt::MqttData;
 using mqtt::Topic;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
@@ -60,31 +60,14 @@ struct Address {
     int port;
 };
 
-/// Answers each request with the number in it, if there is one.
-class Echo final : public mqtt::RequestReplyServer::Listener {
-public:
-    std::shared_ptr<mqtt::RequestReplyData>
-    onRequest(std::string const& /*name*/, Uuid const& /*client*/, Uuid const& /*server*/,
-              mqtt::RequestReplyData const& data, Code& /*error*/) override {
-        auto const* const sent = dynamic_cast<NumberData const*>(&data);
-        return sent == nullptr ? nullptr : std::make_shared<NumberData>(sent->number);
-    }
+struct Number {
+    unsigned number = 0;
 };
+ZYM_MQTT_FIELDS(Number, number)
 
 class Conformance : public testing::Test {
 protected:
-    static constexpr double AHEAD = 10000; ///< seconds that the device's clock is ahead
-
     Conformance() { support::Watchdog::limit(std::chrono::seconds(120)); }
-
-    class Clock final : public mqtt::SynchronizedTimeBaseMqttAdaptor {
-    public:
-        using SynchronizedTimeBaseMqttAdaptor::SynchronizedTimeBaseMqttAdaptor;
-        ~Clock() override { release(); }
-        double localTimeBase() const override {
-            return SynchronizedTimeBaseMqttAdaptor::localTimeBase() + AHEAD;
-        }
-    };
 
     Address address(char const* name) const {
         auto const text = variable(name);
@@ -121,40 +104,34 @@ protected:
             },
             WAIT))
             << "nothing arrives";
-        ASSERT_EQ(device_->publishWait(probe, "last probe", 1, false, WAIT_SECONDS),
-                  Error::SUCCESS);
-        ASSERT_TRUE(recorder.waitForPayload("last probe"));
+        ASSERT_NO_FATAL_FAILURE(publish(probe, "last probe", 1, false));
+        ASSERT_TRUE(recorder.waitForPayload("last probe")) << "a message does not arrive";
         recorder.clear();
     }
 
     /// What a new subscriber of the panel gets: all up to a message that the panel then publishes.
     /// Asks again until the count is this one, as brokers may need time to tell one another.
-    std::size_t retained(Topic const& pattern, std::size_t expected) const {
+    void expectRetained(Topic const& pattern, std::size_t expected) const {
         std::size_t count = 0;
-        mqtt::test::eventually(
+        bool const isExpected = mqtt::test::eventually(
             [&] {
                 mqtt::test::MessageRecorder recorder;
                 EXPECT_EQ(panel_->subscribe(pattern, &recorder, 0), Error::SUCCESS);
                 panel_->publishWait(base_ + "anything", "", 1, false, WAIT_SECONDS);
-                mqtt::test::eventually([&] { return recorder.count() >= std::max(expected, 1UL); },
-                                       milliseconds(500));
+                mqtt::test::eventually(
+                    [&] { return recorder.count() >= std::max<std::size_t>(expected, 1); },
+                    milliseconds(500));
                 count = recorder.count();
                 panel_->release(&recorder);
                 return count == expected;
             },
             WAIT);
-        return count;
+        EXPECT_TRUE(isExpected) << "a new subscriber gets " << count
+                                << " retained values in place of " << expected;
     }
-    void publishRetained(Topic const& topic) {
-        ASSERT_EQ(device_->publishWait(topic, "value", 2, true, WAIT_SECONDS), Error::SUCCESS);
-    }
-
-    /// A round trip, or none within two seconds.
-    static bool echoes(mqtt::RequestReplyClient& requests, Uuid const& from, unsigned number) {
-        auto const reply = std::make_shared<NumberData>();
-        return requests.requestWait(from, Uuid::NIL, std::make_shared<NumberData>(number), reply, 2)
-                   == Code::SUCCESS
-               && reply->number == number;
+    void publish(Topic const& topic, std::string const& payload, int qos, bool retain) const {
+        ASSERT_EQ(device_->publishWait(topic, payload, qos, retain, WAIT_SECONDS), Error::SUCCESS)
+            << "a publication at QoS " << qos << " is not acknowledged";
     }
 
     static void report(std::string const& name, double value) {
@@ -185,13 +162,12 @@ TEST_P(ConformanceAtAQos, MessagesArriveInOrderEachOnce) {
         sent.push_back(std::to_string(i));
         ASSERT_EQ(device_->publish(base_ + "a/b", sent.back(), GetParam(), false), Error::SUCCESS);
     }
-    EXPECT_TRUE(recorder.waitForCount(COUNT));
-    EXPECT_EQ(
-        device_->publishWait(base_ + "a/c", "end", std::max(1, GetParam()), false, WAIT_SECONDS),
-        Error::SUCCESS);
-    EXPECT_TRUE(recorder.waitForPayload("end"));
+    EXPECT_TRUE(recorder.waitForCount(COUNT))
+        << recorder.count() << " of " << COUNT << " messages arrive";
+    publish(base_ + "a/c", "end", std::max(1, GetParam()), false);
+    EXPECT_TRUE(recorder.waitForPayload("end")) << "a message does not arrive";
     sent.emplace_back("end");
-    EXPECT_EQ(recorder.payloads(), sent);
+    EXPECT_EQ(recorder.payloads(), sent) << "messages are doubled or not in order";
     panel_->release(&recorder);
 }
 
@@ -202,25 +178,24 @@ TEST_F(Conformance, AMessageOf200KilobytesArrives) {
     mqtt::test::MessageRecorder recorder;
     subscribePanel(recorder, base_ + "large", base_ + "large");
     std::string const payload(200000, 'x');
-    ASSERT_EQ(device_->publishWait(base_ + "large", payload, 2, false, WAIT_SECONDS),
-              Error::SUCCESS);
-    EXPECT_TRUE(recorder.waitForPayload(payload));
+    ASSERT_NO_FATAL_FAILURE(publish(base_ + "large", payload, 2, false));
+    EXPECT_TRUE(recorder.waitForPayload(payload)) << "it does not arrive";
     panel_->release(&recorder);
 }
 
 TEST_F(Conformance, ARetainedValueReachesALaterSubscriberUntilItIsErased) {
-    publishRetained(base_ + "value");
-    EXPECT_EQ(retained(base_ + "value", 1), 1U);
+    ASSERT_NO_FATAL_FAILURE(publish(base_ + "value", "value", 2, true));
+    expectRetained(base_ + "value", 1);
     ASSERT_EQ(device_->clear(base_ + "value"), Error::SUCCESS);
-    EXPECT_EQ(retained(base_ + "value", 0), 0U);
+    expectRetained(base_ + "value", 0);
 }
 
 TEST_F(Conformance, APatternFindsRetainedValues) {
     for (auto const* name : {"x/a", "x/b", "y/a"}) {
-        publishRetained(base_ + name);
+        ASSERT_NO_FATAL_FAILURE(publish(base_ + name, "value", 2, true));
     }
-    EXPECT_EQ(retained(base_ + "+/a", 2), 2U);
-    EXPECT_EQ(retained(base_ + "x/#", 2), 2U);
+    expectRetained(base_ + "+/a", 2);
+    expectRetained(base_ + "x/#", 2);
 }
 
 TEST_F(Conformance, TheWillOfALostDeviceArrivesAndIsRetained) {
@@ -230,73 +205,70 @@ TEST_F(Conformance, TheWillOfALostDeviceArrivesAndIsRetained) {
     ASSERT_EQ(lost->setWill(base_ + "will", "lost", 2, true), Error::SUCCESS);
     ASSERT_EQ(lost->connect("", -1, WAIT_SECONDS), Error::SUCCESS);
     lost.reset(); // ends the connection without a DISCONNECT packet
-    EXPECT_TRUE(recorder.waitForPayload("lost"));
-    EXPECT_EQ(retained(base_ + "will", 1), 1U);
+    EXPECT_TRUE(recorder.waitForPayload("lost")) << "the will does not arrive";
+    expectRetained(base_ + "will", 1);
     panel_->release(&recorder);
 }
 
 // Requests
 
 TEST_F(Conformance, RequestsInARowAreAnswered) {
-    Echo echo;
-    mqtt::RequestReplyServer server(*device_, base_, Topic(), "echo");
-    ASSERT_EQ(server.subscribe(&echo, Uuid::NIL, std::make_shared<NumberData>()), Error::SUCCESS);
-    mqtt::RequestReplyClient requests(*panel_, base_, Topic(), "echo");
-    auto const id = mqtt::test::uniqueId();
-    ASSERT_TRUE(mqtt::test::eventually([&] { return echoes(requests, id, 1); }, WAIT))
-        << "no reply";
+    mqtt::Service<Number, Number> const echo{base_, "echo"};
+    mqtt::Server const server(*device_, echo, mqtt::ServerId(),
+                              [](Number const& request) { return request; });
+    ASSERT_EQ(server.result(), Error::SUCCESS);
+    mqtt::Caller caller(*panel_, echo, mqtt::ClientId(mqtt::test::uniqueId()), mqtt::ServerId());
+    auto const answers = [&](unsigned number) {
+        auto const reply = caller.callWait({number}, std::chrono::seconds(2));
+        return reply && reply->number == number;
+    };
+    ASSERT_TRUE(mqtt::test::eventually([&] { return answers(1); }, WAIT))
+        << "a request gets no reply";
     constexpr unsigned COUNT = 200;
     std::vector<double> times;
     unsigned unanswered = 0;
     for (unsigned i = 0; i < COUNT && unanswered < 10; ++i) {
         auto const start = steady_clock::now();
-        unanswered += echoes(requests, id, i) ? 0U : 1U;
+        unanswered += answers(i) ? 0U : 1U;
         times.push_back(millisecondsSince(start));
     }
     std::sort(times.begin(), times.end());
     report("round_trip_ms", times[times.size() / 2]);
-    report("unanswered", unanswered);
-    EXPECT_LE(unanswered, 1U) << "one shows that a broker confuses subscriptions";
-    requests.release();
-    server.release();
+    // One loss tells the client that the broker confuses subscriptions.
+    EXPECT_LE(unanswered, 1U) << unanswered << " of " << times.size() << " requests get no reply";
 }
 
 TEST_F(Conformance, ARequestThatNobodyAnswersEndsByItsOwnReply) {
     mqtt::RequestReplyClient requests(*panel_, base_, Topic(), "nobody");
-    auto const start = steady_clock::now();
-    ASSERT_EQ(requests.request(nullptr, mqtt::test::uniqueId(), Uuid::NIL,
-                               std::make_shared<NumberData>(), std::make_shared<NumberData>(),
-                               nullptr, 1),
+    ASSERT_EQ(requests.request(nullptr, mqtt::test::uniqueId(), Uuid::NIL, mqtt::NO_DATA,
+                               mqtt::NO_DATA, nullptr, 1),
               Code::PENDING);
-    EXPECT_EQ(requests.waitEndOfRequest(WAIT_SECONDS), Code::TIMEOUT);
-    // Otherwise the client publishes that reply again a second later, or ends without it.
-    report("timeout_ms", millisecondsSince(start));
-    requests.release();
+    // Without that reply the client publishes it again a second later, or ends without it.
+    EXPECT_EQ(requests.waitEndOfRequest(WAIT_SECONDS), Code::TIMEOUT) << "the request does not end";
 }
 
 // Services
 
 TEST_F(Conformance, APanelBindsItselfAndReadsTheTime) {
-    Echo echo;
+    using BinderError = zym::common::Binder::Error;
+    using Service = mqtt::Service<mqtt::Nothing, mqtt::Nothing>;
+    constexpr double AHEAD = 10000; // seconds that the device's clock is ahead
     auto const id = mqtt::test::uniqueId();
-    mqtt::RequestReplyServer bind(*device_, base_, Topic(), "bind");
-    mqtt::RequestReplyServer unbind(*device_, base_, Topic(), "unbind");
-    ASSERT_EQ(bind.subscribe(&echo, id, std::make_shared<mqtt::BindRequestData>()), Error::SUCCESS);
-    ASSERT_EQ(unbind.subscribe(&echo, id, mqtt::NO_DATA), Error::SUCCESS);
-    Clock clock(*device_, base_, id);
+    auto const agree = [](mqtt::Nothing const& request) { return request; };
+    mqtt::Server const bind(*device_, Service{base_, "bind"}, mqtt::ServerId(id), agree);
+    mqtt::Server const unbind(*device_, Service{base_, "unbind"}, mqtt::ServerId(id), agree);
+    mqtt::SynchronizedTimeBaseMqttProxy time(*panel_, base_, mqtt::test::uniqueId(), nullptr);
+    // Both clocks are this machine's, so the panel's estimate should be the known offset.
+    mqtt::test::ClockedAdaptor const clock(*device_, base_, id,
+                                           [&] { return time.localTimeBase() + AHEAD; });
     // The broker has handled the subscriptions; otherwise the first exchange takes five seconds.
     device_->publishWait(base_ + "anything", "", 1, false, WAIT_SECONDS);
-    mqtt::SynchronizedTimeBaseMqttProxy time(*panel_, base_, mqtt::test::uniqueId(), nullptr);
-    ASSERT_TRUE(time.synchronize(id, WAIT_SECONDS));
-    // Both clocks are this machine's, so the offset should be the known one.
+    ASSERT_TRUE(time.synchronize(id, WAIT_SECONDS)) << "the panel does not get the time";
     report("time_error_ms", 1000 * std::abs(time.offset() + AHEAD));
-    using BinderError = zym::common::Binder::Error;
     mqtt::BinderMqttProxy binder(*panel_, base_, Topic(), mqtt::test::uniqueId(), base_ + "panel",
                                  nullptr);
-    EXPECT_EQ(binder.bindSync(id, WAIT_SECONDS), BinderError::SUCCESS);
-    EXPECT_EQ(binder.unbindSync(WAIT_SECONDS), BinderError::SUCCESS);
-    bind.release();
-    unbind.release();
+    EXPECT_EQ(binder.bindSync(id, WAIT_SECONDS), BinderError::SUCCESS) << "the panel is not bound";
+    EXPECT_EQ(binder.unbindSync(WAIT_SECONDS), BinderError::SUCCESS) << "the panel stays bound";
 }
 
 TEST_F(Conformance, EntitiesAreDiscovered) {
@@ -305,27 +277,30 @@ TEST_F(Conformance, EntitiesAreDiscovered) {
     for (int i = 0; i < COUNT; ++i) {
         Topic const entity = base_ + ("entity" + std::to_string(i));
         links.value.push_back({entity.text()});
-        MqttData<conv::Identification> identification(*device_, entity);
-        identification.value.name = entity.text();
-        identification.publishWait();
+        conv::Identification identification;
+        identification.name = entity.text();
+        mqtt::MqttData<conv::Identification> endpoint(*device_, entity);
+        ASSERT_EQ(endpoint.publishWait(identification), Error::SUCCESS)
+            << "a publication at QoS 2 is not acknowledged";
     }
     links.publishWait();
     mqtt::ServiceDiscovererMqtt discoverer(*panel_, base_ + "entities");
-    EXPECT_TRUE(mqtt::test::eventually([&] { return discoverer.discoverSync(2, true); }, WAIT));
+    ASSERT_TRUE(mqtt::test::eventually([&] { return discoverer.discoverSync(2, true); }, WAIT))
+        << "the entities are not found";
     ASSERT_EQ(discoverer.entities().size(), static_cast<std::size_t>(COUNT));
     EXPECT_EQ(discoverer.entities().back().name, links.value.back().id);
 }
 
 TEST_F(Conformance, RetainedValuesBelowAPatternAreErased) {
     for (int i = 0; i < 20; ++i) {
-        publishRetained(base_ + ("old/" + std::to_string(i)));
+        ASSERT_NO_FATAL_FAILURE(publish(base_ + ("old/" + std::to_string(i)), "value", 2, true));
     }
-    ASSERT_EQ(retained(base_ + "old/#", 20), 20U);
+    expectRetained(base_ + "old/#", 20);
     mqtt::TopicCleaner cleaner(nullptr, mqtt::test::uniqueId(), panelAddress_.host,
                                panelAddress_.port, options());
     cleaner.clean(base_ + "old/#", milliseconds(3000));
-    EXPECT_TRUE(cleaner.waitAllTasks(milliseconds(30000)));
-    EXPECT_EQ(retained(base_ + "old/#", 0), 0U);
+    EXPECT_TRUE(cleaner.waitAllTasks(milliseconds(30000))) << "the cleaning does not end";
+    expectRetained(base_ + "old/#", 0);
     cleaner.terminate();
 }
 

@@ -3,18 +3,19 @@
 #include "mqtt/test/broker.hpp"
 #include "mqtt/test/recorder.hpp"
 #include "mqtt/test/test_client.hpp"
-#include "requestreply/sample_data.hpp"
 
 #include <mqtt/link.hpp>
 #include <mqtt/payloads.hpp>
-#include <mqtt/request_reply.hpp>
+#include <mqtt/service.hpp>
 #include <mqtt/service_discoverer.hpp>
 #include <mqtt/time_base.hpp>
 
 #include <gmock/gmock.h>
 
+#include <chrono>
 #include <cstdio>
 #include <ctime>
+#include <functional>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -22,14 +23,14 @@
 
 namespace {
 
-using mqtt::MqttData;
 using testing::ElementsAre;
 using testing::MatchesRegex;
 using zym::common::Uuid;
 using Code = mqtt::RequestReply::ErrorCode;
 using Error = mqtt::MqttClient::Error;
 
-constexpr std::uint32_t TIMEOUT_S = 60;
+constexpr unsigned TIMEOUT_S = 60;
+constexpr std::chrono::seconds TIMEOUT{TIMEOUT_S};
 constexpr Code TOO_LARGE{17};
 constexpr unsigned int LIMIT = 1000;
 
@@ -71,25 +72,11 @@ private:
     std::FILE* pipe_;
 };
 
-/// The values that arrive on an endpoint.
-template <class T>
-class Reader final : public MqttData<T>::Subscriber, public mqtt::test::Recording<T> {
-public:
-    Reader(mqtt::MqttClient& client, mqtt::Topic const& topic) : data_(client, topic) {
-        EXPECT_EQ(data_.subscribe(this, 0), Error::SUCCESS);
-    }
-
-    template <class Condition>
-    bool waitFor(Condition const& condition) const {
-        return this->entries_.waitFor(
-            [&](auto const& all) { return !all.empty() && condition(all.back()); });
-    }
-
-    void onMqttData(T const& value, bool /*empty*/, int /*id*/) override { this->add(value); }
-
-private:
-    MqttData<T> data_;
+struct Number {
+    unsigned number = 0;
 };
+ZYM_MQTT_FIELDS(Number, number)
+using Doubling = mqtt::Service<Number, Number>;
 
 class WithABroker : public testing::Test {
 protected:
@@ -103,13 +90,22 @@ protected:
     ADeviceInPython() { EXPECT_TRUE(awaitState(conv::ComState::CONNECTED)); }
 
     bool awaitState(conv::ComState state) const {
-        return communication.waitFor([&](auto const& status) { return status.state == state; });
+        return publishes<conv::CommunicationStatus>(
+            [&](auto const& status) { return status.state == state; });
     }
 
-    Code doubleOf(unsigned int number, std::shared_ptr<NumberData> const& reply) {
-        mqtt::RequestReplyClient caller(*client, "plant/tank", {}, "double");
-        return caller.requestWait(Uuid(7), Uuid::NIL, std::make_shared<NumberData>(number), reply,
-                                  TIMEOUT_S);
+    /// Whether such a value is on its topic, or arrives there.
+    template <class T>
+    bool publishes(std::function<bool(T const& value)> const& isExpected) const {
+        T value;
+        return mqtt::MqttData<T>(*client, "plant/tank").waitFor(value, isExpected, TIMEOUT)
+               == Error::SUCCESS;
+    }
+
+    mqtt::Result<Number> doubleOf(unsigned number) const {
+        Doubling const service{"plant/tank", "double"};
+        return mqtt::Caller(*client, service, mqtt::ClientId(Uuid(7)), mqtt::ServerId())
+            .callWait({number}, TIMEOUT);
     }
 
     /// A request as it is, from a client with the identifier `x`.
@@ -117,14 +113,12 @@ protected:
         EXPECT_EQ(client->publish("plant/tank/double?\?/x", request, 2, false), Error::SUCCESS);
     }
 
-    Reader<conv::CommunicationStatus> communication{*client, "plant/tank"};
     PythonProcess device{broker, "device plant/tank", "w"};
 };
 
 TEST_F(ADeviceInPython, ShowsItsStatusUntilItEnds) {
-    Reader<conv::ServiceStatus> const status(*client, "plant/tank");
-    EXPECT_TRUE(
-        status.waitFor([](auto const& one) { return one.operating == 1 && one.health == 3; }));
+    EXPECT_TRUE(publishes<conv::ServiceStatus>(
+        [](auto const& status) { return status.operating == 1 && status.health == 3; }));
     EXPECT_EQ(device.end(), 0);
     EXPECT_TRUE(awaitState(conv::ComState::DISCONNECTED));
 }
@@ -139,10 +133,8 @@ TEST_F(ADeviceInPython, IsDiscovered) {
 }
 
 TEST_F(ADeviceInPython, AnswersRequests) {
-    auto const reply = std::make_shared<NumberData>();
-    EXPECT_EQ(doubleOf(21, reply), Code::SUCCESS);
-    EXPECT_EQ(reply->number, 42U);
-    EXPECT_EQ(doubleOf(LIMIT, reply), TOO_LARGE);
+    EXPECT_EQ(doubleOf(21).value().number, 42U);
+    EXPECT_EQ(doubleOf(LIMIT).code(), TOO_LARGE);
 }
 
 TEST_F(ADeviceInPython, DropsRequestsThatItCannotRead) {
@@ -169,12 +161,10 @@ TEST_F(ADeviceInPython, TellsItsTime) {
 }
 
 /// A device of this library, and Python as its user.
-class AUserInPython : public WithABroker, private mqtt::RequestReplyServer::Listener {
+class AUserInPython : public WithABroker {
 protected:
-    // Not in constructor and destructor: they change the type of this object while requests arrive.
-    void SetUp() override {
-        EXPECT_EQ(server_.subscribe(this, Uuid(31), std::make_shared<NumberData>()),
-                  Error::SUCCESS);
+    AUserInPython() {
+        EXPECT_EQ(server_.result(), Error::SUCCESS);
         publish(conv::ServiceStatus{1, 3});
         publish(conv::CommunicationStatus{conv::ComState::CONNECTED, conv::UnixTime(12.5)});
         publish(std::vector<mqtt::Link>{{"plant/pump/motor"}, {"plant/pump/valve"}});
@@ -183,7 +173,6 @@ protected:
                 "plant/pump/motor");
         publish(conv::Identification{}, "plant/pump/valve");
     }
-    void TearDown() override { server_.release(); }
 
     /// What a command of the peer prints.
     std::string output(std::string const& arguments) {
@@ -197,24 +186,17 @@ protected:
 private:
     template <class T>
     void publish(T const& value, mqtt::Topic const& topic = "plant/pump") {
-        MqttData<T> data(*client, topic);
-        data.value = value;
-        mqtt::MqttDataBase::Lock lock(data.mutex());
-        EXPECT_EQ(data.send(/*wait=*/true, lock), Error::SUCCESS);
+        EXPECT_EQ(mqtt::MqttData<T>(*client, topic).publishWait(value), Error::SUCCESS);
     }
 
-    std::shared_ptr<mqtt::RequestReplyData>
-    onRequest(std::string const& /*name*/, Uuid const& /*clientUuid*/, Uuid const& /*serverUuid*/,
-              mqtt::RequestReplyData const& requestData, Code& error) override {
-        auto const number = dynamic_cast<NumberData const&>(requestData).number;
-        if (number >= LIMIT) {
-            error = TOO_LARGE;
-            return nullptr;
-        }
-        return std::make_shared<NumberData>(2 * number);
-    }
-
-    mqtt::RequestReplyServer server_{*client, "plant/pump", {}, "double"};
+    mqtt::Server<Number, Number> const server_{*client, Doubling{"plant/pump", "double"},
+                                               mqtt::ServerId(Uuid(31)),
+                                               [](Number const& request) -> mqtt::Result<Number> {
+                                                   if (request.number >= LIMIT) {
+                                                       return TOO_LARGE;
+                                                   }
+                                                   return Number{2 * request.number};
+                                               }};
 };
 
 TEST_F(AUserInPython, ReadsAStatus) {

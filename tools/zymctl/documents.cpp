@@ -10,7 +10,6 @@
 #include <ctime>
 #include <exception>
 #include <iterator>
-#include <numeric>
 #include <sstream>
 
 using mqtt::MqttData;
@@ -44,14 +43,15 @@ bool isPrintable(std::string const& text) {
     return mosquitto_validate_utf8(text.data(), static_cast<int>(text.size())) == MOSQ_ERR_SUCCESS;
 }
 
-/// @return false: another document
+/// @return empty: another document
 template <class T>
-bool read(std::string const& payload, T& value) {
+std::optional<T> read(std::string const& payload) {
     try {
+        T value{};
         MqttData<T>::deserialize(Topic(), payload, false, value);
-        return isJsonObject(payload);
+        return isJsonObject(payload) ? std::make_optional(value) : std::nullopt;
     } catch (std::exception const&) {
-        return false;
+        return std::nullopt;
     }
 }
 
@@ -63,16 +63,24 @@ std::string describeCommunication(conv::CommunicationStatus const& value) {
            + (value.since.valid != 0 ? " since " + timeText(value.since.seconds, "%F %T") : "");
 }
 
+std::string describeIdentification(conv::Identification const& value) {
+    auto text = '"' + value.name + '"';
+    for (auto const* part :
+         {&value.manufacturer, &value.model, &value.serial, &value.version, &value.location}) {
+        text += part->empty() ? "" : ", " + *part;
+    }
+    return printable(text);
+}
+
 /// The document of a request or a reply, which have a client's level behind the service's name.
 std::string describeCall(std::string const& service, std::string const& payload) {
     auto const mark = service.size() < 2 ? "" : service.substr(service.size() - 2);
     std::ostringstream text;
     if (mark == mqtt::REQUEST_SUFFIX) {
         text << "request ";
-    } else if (unsigned char code = 0; mark == mqtt::REPLY_SUFFIX) {
-        Deserializer const in{std::string_view(payload)};
-        Deserializer::extractValue(in.getMember("$err"), code, "");
-        text << "reply " << mqtt::RequestReply::ErrorCode{code} << ' ';
+    } else if (auto const code = readMember<std::uint8_t>(payload, "$err");
+               mark == mqtt::REPLY_SUFFIX && code) {
+        text << "reply " << static_cast<mqtt::RequestReply::ErrorCode>(*code) << ' ';
     }
     text << printable(payload);
     return text.str();
@@ -118,54 +126,27 @@ std::string timeText(double secondsSince1970, char const* format) {
     return {text, std::strftime(text, sizeof text, format, &parts)};
 }
 
-std::vector<std::string> readIdentification(std::string const& payload) {
-    conv::Identification value;
-    if (!read(payload, value)) {
-        return {};
-    }
-    std::vector<std::string> parts{value.name};
-    for (auto const* part :
-         {&value.manufacturer, &value.model, &value.serial, &value.version, &value.location}) {
-        if (!part->empty()) {
-            parts.push_back(*part);
-        }
-    }
-    return parts;
-}
-
-std::optional<std::vector<mqtt::Link>> readLinks(std::string const& payload) {
-    try {
-        std::vector<mqtt::Link> links;
-        mqtt::MqttDataCollection<mqtt::Link>::deserialize(Topic(), payload, payload.empty(), links);
-        return links;
-    } catch (std::exception const&) {
-        return std::nullopt;
-    }
+std::vector<mqtt::Link> readLinks(std::string const& payload) {
+    return read<std::vector<mqtt::Link>>(payload).value_or(std::vector<mqtt::Link>());
 }
 
 std::string describe(Topic const& topic, std::string const& payload) {
     auto const level = [&](unsigned fromEnd) {
         return topic.size() < fromEnd ? "" : topic[topic.size() - fromEnd];
     };
-    if (conv::CommunicationStatus value; level(1) == "communication" && read(payload, value)) {
-        return describeCommunication(value);
+    if (level(1) == "communication") {
+        if (auto const value = read<conv::CommunicationStatus>(payload)) {
+            return describeCommunication(*value);
+        }
+    } else if (level(1) == MqttData<conv::ServiceStatus>::TOPIC_SUFFIX) {
+        if (auto const value = read<conv::ServiceStatus>(payload)) {
+            return "operating " + std::to_string(value->operating) + ", health "
+                   + std::to_string(value->health);
+        }
+    } else if (level(1) == MqttData<conv::Identification>::TOPIC_SUFFIX) {
+        if (auto const value = read<conv::Identification>(payload)) {
+            return describeIdentification(*value);
+        }
     }
-    if (conv::ServiceStatus value;
-        level(1) == MqttData<conv::ServiceStatus>::TOPIC_SUFFIX && read(payload, value)) {
-        return "operating " + std::to_string(value.operating) + ", health "
-               + std::to_string(value.health);
-    }
-    if (auto const parts = readIdentification(payload);
-        level(1) == MqttData<conv::Identification>::TOPIC_SUFFIX && !parts.empty()) {
-        auto const addPart = [](std::string const& text, std::string const& part) {
-            return text + ", " + part;
-        };
-        auto const name = '"' + parts.front() + '"';
-        return printable(std::accumulate(parts.begin() + 1, parts.end(), name, addPart));
-    }
-    try {
-        return isJsonObject(payload) ? describeCall(level(2), payload) : printable(payload);
-    } catch (std::exception const&) {
-        return printable(payload); // a reply without a code
-    }
+    return isJsonObject(payload) ? describeCall(level(2), payload) : printable(payload);
 }

@@ -4,6 +4,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include <cstdint>
 #include <exception>
 #include <stdexcept>
 #include <string>
@@ -40,8 +41,8 @@ struct Argument {
     char const* commands; ///< that have it; "": all
     char const* name;     ///< of an option with dashes, otherwise of a positional argument
     char const* type;     ///< of an option's value; of a positional argument REQUIRED or OPTIONAL
-    std::variant<std::string Settings::*, unsigned Settings::*, bool Settings::*,
-                 std::vector<std::string> Settings::*>
+    std::variant<std::string Settings::*, unsigned Settings::*, std::uint16_t Settings::*,
+                 std::uint8_t Settings::*, bool Settings::*, std::vector<std::string> Settings::*>
         value;
     char const* text;
     char const* variable = ""; ///< of the environment, used if the option is not given
@@ -133,9 +134,11 @@ ExitCode runCommandLine(int argc, char const* const* argv, Context& context) {
     app.footer("Exit codes: 0 done; 1 refused or failed; 2 wrong usage; 3 no connection; 4 no "
                "answer in time;\n130 interrupted before it was done. Details: man zymctl");
     addArguments(app, "", context.settings);
+    auto code = ExitCode::DONE;
     for (auto const& command : COMMANDS) {
         auto* const subcommand = app.add_subcommand(command.name, command.text);
         subcommand->fallthrough();
+        subcommand->callback([&] { code = command.run(context); });
         addArguments(*subcommand, command.name, context.settings);
     }
     try {
@@ -143,15 +146,7 @@ ExitCode runCommandLine(int argc, char const* const* argv, Context& context) {
     } catch (CLI::ParseError const& error) {
         return app.exit(error) == 0 ? ExitCode::DONE : ExitCode::USAGE;
     }
-    if (context.settings.json) {
-        context.console.useJson();
-    }
-    for (auto const& command : COMMANDS) {
-        if (app.got_subcommand(command.name)) {
-            return command.run(context);
-        }
-    }
-    return ExitCode::USAGE;
+    return code;
 }
 
 } // namespace

@@ -23,9 +23,23 @@ char const* orNull(std::string const& text) {
 
 } // namespace
 
-PlainClient::PlainClient(Context& context)
+PlainClient::PlainClient(Context& context, std::string const& will)
     : mosquittopp(mqtt::MqttClient::clientId(randomIdentifier()).c_str(), true), context_(context) {
-    auto const options = context.settings.connectionOptions();
+    auto const& settings = context.settings;
+    setSecurity(settings.connectionOptions());
+    if (!will.empty()) {
+        will_set(will.c_str(), 1, "x", 1, false);
+    }
+    isOpen_ = connect(settings.address().c_str(), settings.portNumber(), KEEP_ALIVE_SECONDS)
+              == MOSQ_ERR_SUCCESS;
+    int const on = 1; // else a packet waits here for the acknowledgement of the one before
+    setsockopt(socket(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    if (!wait([this] { return isAccepted_; })) {
+        throw CommandFailed(ExitCode::NO_CONNECTION, "no connection to " + settings.broker());
+    }
+}
+
+void PlainClient::setSecurity(mqtt::ConnectionOptions const& options) {
     if (options.credentials) {
         username_pw_set(options.credentials->userName.c_str(),
                         options.credentials->password.c_str());
@@ -47,35 +61,12 @@ PlainClient::PlainClient(Context& context)
                  nullptr);
 }
 
-bool PlainClient::connect() {
-    auto const& settings = context_.settings;
-    if (mosquittopp::connect(settings.address().c_str(), settings.portNumber(), KEEP_ALIVE_SECONDS)
-        != MOSQ_ERR_SUCCESS) {
-        return false;
-    }
-    int const on = 1; // else a packet waits here for the acknowledgement of the one before
-    setsockopt(socket(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-    auto const deadline = settings.deadline();
-    while (!connected_ && Clock::now() < deadline && !context_.interruption.requested()) {
-        if (loop(STEP_MS) != MOSQ_ERR_SUCCESS) {
-            return false;
-        }
-    }
-    return connected_;
-}
-
-void PlainClient::setWill(std::string const& topic, std::string const& payload) {
-    will_set(topic.c_str(), static_cast<int>(payload.size()), payload.data(), 1, false);
-}
-
 bool PlainClient::wait(Clock::time_point deadline, std::function<bool()> const& condition) {
     while (!condition()) {
-        if (Clock::now() >= deadline || !connected_ || context_.interruption.requested()) {
+        if (Clock::now() >= deadline || !isOpen_ || context_.interruption.requested()) {
             return false;
         }
-        if (loop(STEP_MS) != MOSQ_ERR_SUCCESS) {
-            connected_ = false;
-        }
+        isOpen_ = loop(STEP_MS) == MOSQ_ERR_SUCCESS && isOpen_;
     }
     return true;
 }
@@ -84,14 +75,16 @@ int PlainClient::subscribe(std::string const& pattern, int qos) {
     constexpr int REFUSED = 128;
     int mid = 0;
     mosquittopp::subscribe(&mid, pattern.c_str(), qos);
-    bool const answered = mid != 0 && wait([&] { return granted_.count(mid) == 1; });
-    return answered && granted_[mid] < REFUSED ? granted_[mid] : -1;
+    if (mid == 0 || !wait([&] { return granted_.count(mid) == 1; }) || granted_[mid] >= REFUSED) {
+        throw CommandFailed(ExitCode::FAILED, "the broker refuses the subscription to " + pattern);
+    }
+    return granted_[mid];
 }
 
 bool PlainClient::subscribeAgain(std::string const& topic) {
     std::vector<int> sent(2);
     acknowledgements_.clear();
-    mosquittopp::unsubscribe(&sent[0], topic.c_str());
+    unsubscribe(&sent[0], topic.c_str());
     mosquittopp::subscribe(&sent[1], topic.c_str());
     return wait([&] { return acknowledgements_.size() == sent.size(); })
            && acknowledgements_ == sent;
@@ -107,14 +100,13 @@ bool PlainClient::publish(std::string const& topic, std::string const& payload, 
 
 bool PlainClient::receive(std::string const& topic, Message& message) {
     return wait([&] {
-        while (!messages.empty()) {
-            message = messages.front();
+        bool found = false;
+        while (!found && !messages.empty()) {
+            message = std::move(messages.front());
             messages.pop_front();
-            if (message.topic == topic) {
-                return true;
-            }
+            found = message.topic == topic;
         }
-        return false;
+        return found;
     });
 }
 
@@ -126,14 +118,11 @@ bool PlainClient::exchange(std::string const& topic, std::string const& payload,
 
 void PlainClient::on_message(mosquitto_message const* message) {
     auto const* const payload = static_cast<char const*>(message->payload);
-    messages.push_back({message->topic,
-                        payload == nullptr
-                            ? ""
-                            : std::string(payload, static_cast<std::size_t>(message->payloadlen)),
-                        message->qos, message->retain});
+    auto const size = static_cast<std::size_t>(message->payloadlen);
+    messages.push_back({message->topic, std::string(payload, size), message->qos, message->retain});
 }
 
-void PlainClient::on_subscribe(int mid, int count, int const* qos) {
-    granted_[mid] = count > 0 ? qos[0] : -1;
+void PlainClient::on_subscribe(int mid, int /*count*/, int const* qos) {
+    granted_[mid] = *qos;
     acknowledgements_.push_back(mid);
 }

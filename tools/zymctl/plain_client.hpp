@@ -23,44 +23,45 @@ public:
         bool retained;
     };
 
-    explicit PlainClient(Context& context);
-
     /// Waits until the broker accepts.
-    bool connect();
-    bool isConnected() const { return connected_; }
-    /// Asks the broker to publish it when this connection breaks; before `connect`.
-    void setWill(std::string const& topic, std::string const& payload);
+    /// @param will a topic, on which the broker publishes when this connection breaks; "": none
+    /// @throws CommandFailed no connection
+    explicit PlainClient(Context& context, std::string const& will = "");
 
     /// Works until the condition holds, at most until the deadline, and ends when the connection
     /// ends or the command is interrupted.
     bool wait(Clock::time_point deadline, std::function<bool()> const& condition);
+    bool isConnected() const { return isOpen_; }
     /// Subscribes, and waits for the answer.
-    /// @return the QoS that is granted; negative: none
-    int subscribe(std::string const& pattern, int qos);
+    /// @return the QoS that is granted
+    /// @throws CommandFailed none
+    int subscribe(std::string const& pattern, int qos = 0);
     /// Unsubscribes and subscribes without a pause, and waits for both answers.
     /// @return whether they come in this order
     bool subscribeAgain(std::string const& topic);
     bool publish(std::string const& topic, std::string const& payload, int qos, bool retain);
     /// Waits for a message of this topic, and takes all up to it.
     bool receive(std::string const& topic, Message& message);
-    /// Publishes at once and waits until the same comes back.
+    /// Publishes, and waits until the same comes back.
     bool exchange(std::string const& topic, std::string const& payload, int qos);
 
     std::deque<Message> messages;
 
 private:
+    void setSecurity(mqtt::ConnectionOptions const& options);
     bool wait(std::function<bool()> const& condition) {
         return wait(context_.settings.deadline(), condition);
     }
-    void on_connect(int code) override { connected_ = code == 0; }
-    void on_disconnect(int /*code*/) override { connected_ = false; }
+    void on_connect(int code) override { isAccepted_ = isOpen_ = code == 0; }
+    void on_disconnect(int /*code*/) override { isOpen_ = false; }
     void on_publish(int mid) override { published_.insert(mid); }
     void on_message(mosquitto_message const* message) override;
     void on_subscribe(int mid, int count, int const* qos) override;
     void on_unsubscribe(int mid) override { acknowledgements_.push_back(mid); }
 
     Context& context_;
-    bool connected_ = false;
+    bool isOpen_ = false;
+    bool isAccepted_ = false;
     std::set<int> published_;           ///< acknowledged; at QoS 0 written
     std::map<int, int> granted_;        ///< the QoS of each acknowledged subscription
     std::vector<int> acknowledgements_; ///< of subscribing and unsubscribing, in their order

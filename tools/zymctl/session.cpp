@@ -22,17 +22,13 @@ Interruption::Interruption() {
     sigaction(SIGTERM, &action, nullptr);
 }
 
-Console::Console(Interruption& interruption)
+Console::Console(Interruption& interruption, bool const& json)
     : interruption_(interruption),
+      json_(json),
       terminal_(isatty(STDOUT_FILENO) == 1),
       errorTerminal_(isatty(STDERR_FILENO) == 1),
       // NOLINTNEXTLINE(concurrency-mt-unsafe): nothing changes the environment
       colours_(terminal_ && std::getenv("NO_COLOR") == nullptr) {}
-
-void Console::useJson() {
-    json_ = true;
-    colours_ = false;
-}
 
 void Console::print(std::string const& line) {
     std::lock_guard<std::mutex> const lock(mutex_);
@@ -65,8 +61,9 @@ void Console::endProgress() {
 }
 
 std::string Console::paint(Colour colour, std::string const& text) const {
-    return colours_ ? std::string("\033[3") + static_cast<char>(colour) + 'm' + text + "\033[0m"
-                    : text;
+    return colours_ && !json_
+               ? std::string("\033[3") + static_cast<char>(colour) + 'm' + text + "\033[0m"
+               : text;
 }
 
 std::string fixed(double number, int digits) {
@@ -75,34 +72,18 @@ std::string fixed(double number, int digits) {
     return text;
 }
 
-JsonLine& JsonLine::text(char const* key, std::string const& value) {
-    out_.appendKey(key);
-    out_.addValue(value);
-    return *this;
-}
-
-JsonLine& JsonLine::number(char const* key, double value) {
-    out_.appendKey(key);
-    out_.addValue(value);
-    return *this;
-}
-
-JsonLine& JsonLine::boolean(char const* key, bool value) {
-    return raw(key, value ? "true" : "false");
-}
-
-JsonLine& JsonLine::raw(char const* key, std::string const& json) {
+JsonLine& JsonLine::addRaw(char const* key, std::string const& json) {
     out_.appendKey(key);
     out_.appendValue(json.c_str());
     return *this;
 }
 
-JsonLine& JsonLine::payload(std::string const& payload) {
+JsonLine& JsonLine::addPayload(std::string const& payload) {
     if (!isText(payload)) {
-        return text("payloadHex", hexadecimal(payload));
+        return add("payloadHex", hexadecimal(payload));
     }
-    text("payload", payload);
-    return isJsonObject(payload) ? raw("document", payload) : *this;
+    add("payload", payload);
+    return isJsonObject(payload) ? addRaw("document", payload) : *this;
 }
 
 std::string JsonLine::finish() {

@@ -4,11 +4,11 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <mutex>
-#include <optional>
 #include <stdexcept>
 #include <string>
+#include <thread>
+#include <type_traits>
 
 using Clock = std::chrono::steady_clock;
 
@@ -30,7 +30,7 @@ public:
     ExitCode const code;
 };
 
-/// Ctrl-C and SIGTERM, and waiting for other threads until one of them comes. There is one only.
+/// Ctrl-C and SIGTERM, and waiting until one of them comes. There is one only.
 ///
 /// Until `hold` is called a signal ends the process at once; after that the first one ends all
 /// waits, and a second one the process.
@@ -44,29 +44,21 @@ public:
     /// As if a signal had come.
     void request() { requested_ = true; }
 
-    /// Changes what others wait for.
-    template <class Change>
-    void change(Change const& makeChange) {
-        {
-            std::lock_guard<std::mutex> const lock(mutex_);
-            makeChange();
-        }
-        changed_.notify_all();
-    }
-
     /// Waits until the condition holds, at most until the deadline, and not when interrupted.
-    /// @return whether the condition holds. It is called with the lock of `change` held.
+    /// @return whether the condition holds
     template <class Condition>
-    bool wait(Clock::time_point deadline, Condition const& condition) {
-        constexpr auto STEP = std::chrono::milliseconds(20); // a signal wakes no thread
-        std::unique_lock<std::mutex> lock(mutex_);
-        while (!condition() && !requested() && Clock::now() < deadline) {
-            changed_.wait_for(lock, STEP);
+    bool wait(Clock::time_point deadline, Condition const& condition) const {
+        constexpr auto STEP = std::chrono::milliseconds(5); // a signal wakes no thread
+        while (!condition()) {
+            if (requested() || Clock::now() >= deadline) {
+                return false;
+            }
+            std::this_thread::sleep_for(STEP);
         }
-        return condition();
+        return true;
     }
     /// Waits for the time or an interruption.
-    void pause(Clock::time_point deadline) {
+    void pause(Clock::time_point deadline) const {
         wait(deadline, [] { return false; });
     }
 
@@ -75,47 +67,44 @@ private:
 
     static inline std::atomic<bool> held_{false};
     static inline std::atomic<bool> requested_{false};
-    std::mutex mutex_;
-    std::condition_variable changed_;
-};
-
-/// A value that one thread waits for and another one gives. Only the first counts.
-template <class Value>
-class Awaited {
-public:
-    explicit Awaited(Interruption& interruption) : interruption_(interruption) {}
-
-    void give(Value const& value) {
-        interruption_.change([&] {
-            if (!value_) {
-                value_ = value;
-            }
-        });
-    }
-    /// @return empty: not in time, or interrupted
-    std::optional<Value> const& wait(Clock::time_point deadline) {
-        interruption_.wait(deadline, [this] { return value_.has_value(); });
-        return value_;
-    }
-
-private:
-    Interruption& interruption_;
-    std::optional<Value> value_;
 };
 
 /// A JSON object, member by member, as one line.
 class JsonLine {
 public:
-    JsonLine& text(char const* key, std::string const& value);
-    JsonLine& number(char const* key, double value);
-    JsonLine& boolean(char const* key, bool value);
+    /// @param members key and value of each, in turn
+    template <class... Members>
+    explicit JsonLine(Members const&... members) {
+        addAll(members...);
+    }
+
+    /// @param value a bool, a number or a text
+    template <class Value>
+    JsonLine& add(char const* key, Value const& value) {
+        out_.appendKey(key);
+        if constexpr (std::is_same_v<Value, bool>) {
+            out_.appendValue(value ? "true" : "false");
+        } else if constexpr (std::is_arithmetic_v<Value>) {
+            out_.addValue(static_cast<double>(value));
+        } else {
+            out_.addValue(std::string(value));
+        }
+        return *this;
+    }
     /// @param json a finished value
-    JsonLine& raw(char const* key, std::string const& json);
+    JsonLine& addRaw(char const* key, std::string const& json);
     /// A message's payload: as document, as text, or as hexadecimal digits.
-    JsonLine& payload(std::string const& payload);
+    JsonLine& addPayload(std::string const& payload);
     std::string finish();
 
 private:
+    void addAll() {}
+    template <class Value, class... Rest>
+    void addAll(char const* key, Value const& value, Rest const&... rest) {
+        add(key, value);
+        addAll(rest...);
+    }
+
     std::string text_;
     zym::common::lwjson::Serializer out_{text_};
 };
@@ -126,20 +115,19 @@ public:
     enum class Colour : char { RED = '1', GREEN = '2', YELLOW = '3', BLUE = '4' };
 
     /// @param interruption is requested when nobody reads the output any more
-    explicit Console(Interruption& interruption);
+    /// @param json whether results are JSON in place of text, without colour and progress
+    Console(Interruption& interruption, bool const& json);
     ~Console() { endProgress(); }
     Console(Console const&) = delete;
     Console& operator=(Console const&) = delete;
 
-    /// JSON in place of text, without colour and progress.
-    void useJson();
     bool json() const { return json_; }
     bool isTerminal() const { return terminal_; }
 
     /// A result on the standard output: the text, or the row as JSON.
-    void report(JsonLine& row, std::string const& text) { print(json_ ? row.finish() : text); }
+    void report(JsonLine&& row, std::string const& text) { print(json_ ? row.finish() : text); }
     /// The same for a command that says nothing in text.
-    void reportJson(JsonLine& row) {
+    void reportJson(JsonLine&& row) {
         if (json_) {
             print(row.finish());
         }
@@ -157,11 +145,11 @@ private:
     void endProgress();
 
     Interruption& interruption_;
+    bool const& json_;
     std::mutex mutex_;
-    bool json_ = false;
-    bool terminal_;
-    bool errorTerminal_;
-    bool colours_;
+    bool const terminal_;
+    bool const errorTerminal_;
+    bool const colours_;
     bool inProgress_ = false;
 };
 

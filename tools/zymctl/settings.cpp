@@ -1,8 +1,6 @@
 #include "settings.hpp"
 
 #include <algorithm>
-#include <cctype>
-#include <cstdint>
 #include <cstdlib>
 #include <fstream>
 #include <random>
@@ -45,7 +43,7 @@ std::string reasonOf(MqttClient const& client, MqttClient::Error error, Settings
 
 } // namespace
 
-bool Settings::usesTls() const {
+bool Security::usesTls() const {
     return tls || insecureSkipHostNameCheck || !caFile.empty() || !caFolder.empty()
            || !certificateFile.empty() || !keyFile.empty() || !pskIdentity.empty();
 }
@@ -54,10 +52,7 @@ int Settings::portNumber() const {
     if (!unixSocket.empty()) {
         return 0;
     }
-    if (port > UINT16_MAX) {
-        throw CommandFailed(ExitCode::USAGE, "a port is a number up to 65535");
-    }
-    return port != 0 ? static_cast<int>(port) : usesTls() ? 8883 : 1883;
+    return port != 0 ? port : usesTls() ? 8883 : 1883;
 }
 
 std::string Settings::broker() const {
@@ -76,21 +71,18 @@ mqtt::ConnectionOptions Settings::connectionOptions() const {
     if (!usesTls()) {
         return options;
     }
-    auto& secure = options.tls.emplace();
-    secure.caFile = caFile;
-    secure.caFolder = caFolder;
-    secure.certificateFile = certificateFile;
-    secure.keyFile = keyFile;
+    auto& secure = options.tls.emplace(static_cast<mqtt::Tls const&>(*this));
+    if (tlsVersion == "1.3") {
+        secure.minimumVersion = mqtt::Tls::Version::TLS_1_3;
+    }
     if (!keyFile.empty()) {
-        auto password = secret(keyPasswordFile, "ZYMCTL_KEY_PASSWORD");
-        secure.keyPassword = [password] { return password; };
+        secure.keyPassword = [password = secret(keyPasswordFile, "ZYMCTL_KEY_PASSWORD")] {
+            return password;
+        };
     }
     if (!pskIdentity.empty()) {
         secure.preSharedKey = mqtt::PreSharedKey{pskIdentity, secret(pskFile, "ZYMCTL_PSK")};
     }
-    secure.minimumVersion =
-        tlsVersion == "1.3" ? mqtt::Tls::Version::TLS_1_3 : mqtt::Tls::Version::TLS_1_2;
-    secure.insecureSkipHostNameCheck = insecureSkipHostNameCheck;
     return options;
 }
 
@@ -106,9 +98,8 @@ Uuid identifier(std::string const& text) {
     if (text.empty()) {
         return Uuid::NIL;
     }
-    bool const isNumber = text.size() < 20
-                          && std::all_of(text.begin(), text.end(),
-                                         [](unsigned char c) { return std::isdigit(c) != 0; });
+    bool const isNumber =
+        text.size() < 20 && text.find_first_not_of("0123456789") == std::string::npos;
     try {
         return isNumber ? Uuid(std::strtoull(text.c_str(), nullptr, 10)) : Uuid(text);
     } catch (std::invalid_argument const&) {
@@ -120,28 +111,6 @@ Uuid identifier(std::string const& text) {
 Uuid randomIdentifier() {
     std::random_device random;
     return Uuid((static_cast<unsigned long long>(random()) << 32U) | random());
-}
-
-Connection::Connection(Context& context)
-    : client(randomIdentifier(), false, "zymctl", context.settings.address(),
-             context.settings.portNumber(), false, context.settings.connectionOptions()),
-      timeout_(context.settings.timeout) {
-    context.console.progress("connecting to " + context.settings.broker());
-    auto error = client.connect("", -1, 0);
-    // The client would try again until the time is over; here the first reason is enough.
-    auto const deadline = std::max(context.settings.deadline(), Clock::now() + LEAST_TO_CONNECT);
-    while (error == MqttClient::Error::TIMEOUT && Clock::now() < deadline
-           && client.lastFailure().reason == mqtt::Failure::Reason::NONE) {
-        if (client.communicationState() == conv::ComState::CONNECTED) {
-            error = MqttClient::Error::SUCCESS;
-        } else {
-            context.interruption.pause(Clock::now() + std::chrono::milliseconds(2));
-        }
-    }
-    if (error != MqttClient::Error::SUCCESS) {
-        throw CommandFailed(ExitCode::NO_CONNECTION, reasonOf(client, error, context.settings));
-    }
-    context.interruption.hold();
 }
 
 void require(MqttClient::Error error, std::string const& what) {
@@ -156,4 +125,63 @@ void require(MqttClient::Error error, std::string const& what) {
                         : error == MqttClient::Error::TIMEOUT ? ExitCode::NO_ANSWER
                                                               : ExitCode::FAILED,
                         text.str());
+}
+
+Connection::Connection(Context& context)
+    : context_(context),
+      client(randomIdentifier(), false, "zymctl", context.settings.address(),
+             context.settings.portNumber(), false, context.settings.connectionOptions()) {
+    context.console.progress("connecting to " + context.settings.broker());
+    auto const isConnected = [this] {
+        return client.communicationState() == conv::ComState::CONNECTED;
+    };
+    // The client would try again until the time is over; here the first reason is enough.
+    auto const isDecided = [&] {
+        return isConnected() || client.lastFailure().reason != mqtt::Failure::Reason::NONE;
+    };
+    auto const error = client.connect("", -1, 0);
+    if (error == MqttClient::Error::TIMEOUT) {
+        auto const least = Clock::now() + LEAST_TO_CONNECT;
+        context.interruption.wait(std::max(context.settings.deadline(), least), isDecided);
+    }
+    if (!isConnected()) {
+        throw CommandFailed(ExitCode::NO_CONNECTION, reasonOf(client, error, context.settings));
+    }
+    context.interruption.hold();
+}
+
+Connection::~Connection() {
+    client.release(this);
+    client.disconnect(context_.settings.timeout);
+}
+
+void Connection::subscribe(mqtt::Topic const& topic) {
+    require(client.subscribe(topic, this, 0), "cannot subscribe to " + topic.text());
+}
+
+bool Connection::read(Clock::time_point deadline,
+                      std::function<bool(Message const& message)> const& isLast) {
+    return context_.interruption.wait(deadline, [&] {
+        for (Message message; take(message);) {
+            if (isLast(message)) {
+                return true;
+            }
+        }
+        return false;
+    });
+}
+
+bool Connection::take(Message& message) {
+    std::lock_guard<std::mutex> const lock(mutex_);
+    if (messages_.empty()) {
+        return false;
+    }
+    message = std::move(messages_.front());
+    messages_.pop_front();
+    return true;
+}
+
+void Connection::onMqttMessage(int /*tag*/, mqtt::Topic const& topic, std::string const& payload) {
+    std::lock_guard<std::mutex> const lock(mutex_);
+    messages_.push_back({topic, payload});
 }

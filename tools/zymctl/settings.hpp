@@ -6,20 +6,29 @@
 #include <mqtt/connection_options.hpp>
 #include <zym/common/uuid.hpp>
 
+#include <cstdint>
+#include <deque>
 #include <functional>
+#include <mutex>
 #include <string>
 #include <vector>
 
+/// Who the two sides are, and whether the connection is encrypted. Of `mqtt::Tls` the files and
+/// flags are options.
+struct Security : mqtt::Tls {
+    std::string user, passwordFile, keyPasswordFile;
+    std::string pskIdentity, pskFile, tlsVersion = "1.2";
+    bool tls = false;
+
+    bool usesTls() const;
+};
+
 /// What the command line says.
-struct Settings {
+struct Settings : Security {
     // For every command; the table in main.cpp has their meaning.
     std::string host = "localhost";
-    unsigned port = 0; ///< 0: the usual one
-    std::string unixSocket, user, passwordFile;
-    bool tls = false, insecureSkipHostNameCheck = false;
-    std::string caFile, caFolder, certificateFile, keyFile, keyPasswordFile;
-    std::string pskIdentity, pskFile, tlsVersion = "1.2";
-    std::string identity;
+    std::uint16_t port = 0; ///< 0: the usual one
+    std::string unixSocket, identity;
     unsigned timeout = 5; ///< seconds
     bool json = false;
 
@@ -27,14 +36,14 @@ struct Settings {
     std::string topic; ///< also a pattern, or the base of a service
     std::string value, service, server, subPath, boundTopic, kindOfCheck;
     std::vector<std::string> expected;
-    unsigned qos = 2, code = 1;
+    unsigned qos = 2;
+    std::uint8_t code = 1;
     bool watch = false, notRetained = false;
     unsigned count = 0;        ///< 0: without limit
     unsigned seconds = 0;      ///< 0: without limit
     unsigned cleanSeconds = 1; ///< how long to wait for retained values
     unsigned maxPayload = 16U << 20U;
 
-    bool usesTls() const;
     /// The host name, or the path of the unix socket.
     std::string const& address() const { return unixSocket.empty() ? host : unixSocket; }
     int portNumber() const;
@@ -57,51 +66,46 @@ zym::common::Uuid randomIdentifier();
 struct Context {
     Settings settings;
     Interruption interruption;
-    Console console{interruption};
+    Console console{interruption, settings.json};
 
     ExitCode interruptedOr(ExitCode code) const {
         return interruption.requested() ? ExitCode::INTERRUPTED : code;
     }
 };
 
-/// A connected client. Its destructor hands over what has been published.
-struct Connection {
-    /// @throws CommandFailed no connection, with the reason
-    explicit Connection(Context& context);
-    ~Connection() { client.disconnect(timeout_); }
-    Connection(Connection const&) = delete;
-    Connection& operator=(Connection const&) = delete;
-
-    mqtt::MqttClient client;
-
-private:
-    unsigned timeout_;
-};
-
 /// @throws CommandFailed unless the outcome is SUCCESS: wrong usage for what MQTT does not allow
 void require(mqtt::MqttClient::Error error, std::string const& what);
 
-/// Gets the messages of a topic beside those that the library itself reads there. Make it before
-/// the object that reads them: it is called first.
-class TopicReader final : private mqtt::MqttClient::Subscriber {
-public:
-    using Function = std::function<void(mqtt::Topic const& topic, std::string const& payload)>;
+struct Message {
+    mqtt::Topic topic;
+    std::string payload;
+};
 
-    /// @param function called on the worker thread
+/// A connected client, and the messages of the topics that it has subscribed to. Its destructor
+/// hands over what has been published.
+class Connection final : private mqtt::MqttClient::Subscriber {
+public:
+    /// @throws CommandFailed no connection, with the reason
+    explicit Connection(Context& context);
+    ~Connection() override;
+    Connection(Connection const&) = delete;
+    Connection& operator=(Connection const&) = delete;
+
     /// @throws CommandFailed as `require`
-    TopicReader(mqtt::MqttClient& client, mqtt::Topic const& topic, Function function)
-        : client_(client), function_(std::move(function)) {
-        require(client_.subscribe(topic, this, 0), "cannot subscribe to " + topic.text());
-    }
-    ~TopicReader() override { client_.release(this); }
-    TopicReader(TopicReader const&) = delete;
-    TopicReader& operator=(TopicReader const&) = delete;
+    void subscribe(mqtt::Topic const& topic);
+    /// Takes one message after the other, until the function returns true for one.
+    /// @return false: not until the deadline, or interrupted
+    bool read(Clock::time_point deadline,
+              std::function<bool(Message const& message)> const& isLast);
 
 private:
-    void onMqttMessage(int /*tag*/, mqtt::Topic const& topic, std::string const& payload) override {
-        function_(topic, payload);
-    }
+    void onMqttMessage(int tag, mqtt::Topic const& topic, std::string const& payload) override;
+    bool take(Message& message);
 
-    mqtt::MqttClient& client_;
-    Function const function_;
+    Context& context_;
+    std::mutex mutex_;
+    std::deque<Message> messages_; ///< that have not been read
+
+public:
+    mqtt::MqttClient client; ///< its worker uses the other members
 };

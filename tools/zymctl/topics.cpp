@@ -7,18 +7,12 @@
 #include <mqtt/test_checks.hpp>
 #include <mqtt/topic_cleaner.hpp>
 
+#include <algorithm>
 #include <iostream>
 #include <iterator>
 #include <set>
-#include <streambuf>
-
-using mqtt::Topic;
 
 namespace {
-
-double seconds(Clock::duration duration) {
-    return std::chrono::duration<double>(duration).count();
-}
 
 void printMessage(Console& console, PlainClient::Message const& message) {
     bool const cleared = message.payload.empty();
@@ -26,13 +20,9 @@ void printMessage(Console& console, PlainClient::Message const& message) {
     auto const now = std::chrono::system_clock::now().time_since_epoch();
     auto const ms = std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
     auto const time = static_cast<double>(ms) / 1000;
-    console.report(JsonLine()
-                       .number("time", time)
-                       .text("topic", message.topic)
-                       .number("qos", message.qos)
-                       .boolean("retained", message.retained)
-                       .boolean("cleared", cleared)
-                       .payload(message.payload),
+    JsonLine line("time", time, "topic", message.topic, "qos", message.qos, "retained",
+                  message.retained, "cleared", cleared);
+    console.report(std::move(line.addPayload(message.payload)),
                    timeText(time, "%T.") + std::to_string(1000 + ms % 1000).substr(1) + ' '
                        + console.paint(Console::Colour::BLUE, printable(message.topic)) + ' '
                        + console.paint(Console::Colour::YELLOW, mark)
@@ -47,68 +37,32 @@ void publish(Context& context, std::string const& value, unsigned qos, bool reta
             "cannot publish on " + topic);
 }
 
-bool checkCollection(Context& context) {
-    auto const& topic = context.settings.topic;
-    std::vector<zym::common::Uuid> ids;
-    for (auto const& value : context.settings.expected) {
-        ids.push_back(identifier(value));
-    }
+/// Whether nothing is retained on the topic or pattern.
+bool isClean(Context& context) {
+    constexpr auto LONG_ENOUGH = std::chrono::milliseconds(500);
     Connection connection(context);
-    mqtt::MqttDataCollection<mqtt::Link> links(connection.client, topic);
-    bool arrived = false;
-    TopicReader const reader(connection.client, topic,
-                             [&](Topic const&, std::string const& payload) {
-                                 auto const read = readLinks(payload);
-                                 context.interruption.change([&] {
-                                     arrived = arrived || (read && !payload.empty());
-                                     links.value = read.value_or(links.value);
-                                 });
-                             });
-    bool const passed = context.interruption.wait(context.settings.deadline(), [&] {
-        return arrived && mqtt::checkCollectionPublished(ids, links);
-    });
-    if (!context.console.json()) {
-        context.console.print(
-            topic + (passed ? " links to exactly these" : " does not link to exactly these"));
-    }
-    return passed;
+    connection.subscribe(context.settings.topic);
+    return !connection.read(Clock::now() + LONG_ENOUGH, [](Message const&) { return true; })
+           && !context.interruption.requested();
 }
 
-/// Takes what is printed, on any thread, and drops it.
-class NoOutput final : public std::streambuf {
-    int_type overflow(int_type character) override { return traits_type::not_eof(character); }
-    std::streamsize xsputn(char const* /*text*/, std::streamsize size) override { return size; }
-};
-
-/// The library's checks print their result; nothing of that belongs between JSON.
-bool checkWithLibrary(Context& context) {
-    { // Without a broker they would not say so.
-        Connection const connection(context);
-    }
+/// Whether the topic links to what is expected within the time: exactly to these entities, or to
+/// this one beside others.
+bool isLinked(Context& context, bool isCollection) {
     auto const& settings = context.settings;
-    NoOutput none;
-    auto* const output = std::cout.rdbuf();
-    if (settings.json) {
-        std::cout.rdbuf(&none);
+    std::vector<zym::common::Uuid> ids;
+    if (isCollection) {
+        std::transform(settings.expected.begin(), settings.expected.end(), std::back_inserter(ids),
+                       identifier);
     }
-    mqtt::TestCounter counter;
-    bool passed = true;
-    try {
-        if (settings.kindOfCheck == "clean") {
-            mqtt::testTopicClean(settings.topic, counter, settings.address(), settings.portNumber(),
-                                 settings.connectionOptions());
-        } else {
-            auto const& link = settings.expected.front();
-            auto const message = "Check that " + settings.topic + " links to " + link;
-            mqtt::testLinkInCollection(link, settings.topic, message.c_str(), counter,
-                                       settings.address(), settings.portNumber(),
-                                       settings.connectionOptions());
-        }
-    } catch (mqtt::test_error const&) {
-        passed = false;
-    }
-    std::cout.rdbuf(output);
-    return passed;
+    Connection connection(context);
+    mqtt::MqttDataCollection<mqtt::Link> links(connection.client, settings.topic);
+    connection.subscribe(settings.topic);
+    return connection.read(settings.deadline(), [&](Message const& message) {
+        links.value = readLinks(message.payload);
+        return isCollection ? mqtt::checkCollectionPublished(ids, links)
+                            : mqtt::isLinkPublishedInCollection(settings.expected.front(), links);
+    });
 }
 
 } // namespace
@@ -122,15 +76,13 @@ ExitCode runWatch(Context& context) {
     auto const start = Clock::now();
     auto const end = settings.end();
     PlainClient client(context);
-    if (!client.connect() || client.subscribe(settings.topic, EVERY_QOS) < 0) {
-        throw CommandFailed(ExitCode::FAILED,
-                            "the broker refuses the subscription to " + settings.topic);
-    }
+    client.subscribe(settings.topic, EVERY_QOS);
     unsigned messages = 0;
+    double seconds = 0;
     auto const rate = [&] {
-        auto const passed = seconds(Clock::now() - start);
-        return std::to_string(messages) + " messages in " + fixed(passed, 1) + " s, "
-               + fixed(messages / passed, 1) + " per second";
+        seconds = std::chrono::duration<double>(Clock::now() - start).count();
+        return std::to_string(messages) + " messages in " + fixed(seconds, 1) + " s, "
+               + fixed(messages / seconds, 1) + " per second";
     };
     bool const ended = client.wait(end, [&] {
         while (!client.messages.empty() && (settings.count == 0 || messages < settings.count)) {
@@ -141,13 +93,11 @@ ExitCode runWatch(Context& context) {
         }
         return settings.count != 0 && messages == settings.count;
     });
-    auto const passed = seconds(Clock::now() - start);
-    context.console.reportJson(JsonLine()
-                                   .number("messages", messages)
-                                   .number("seconds", passed)
-                                   .number("rate", messages / passed));
+    auto const text = rate();
+    context.console.reportJson(
+        JsonLine("messages", messages, "seconds", seconds, "rate", messages / seconds));
     if (!settings.json) {
-        context.console.note(rate());
+        context.console.note(text);
     }
     if (!ended && !client.isConnected() && !context.interruption.requested()) {
         throw CommandFailed(ExitCode::NO_CONNECTION, "the connection is lost");
@@ -158,18 +108,19 @@ ExitCode runWatch(Context& context) {
 ExitCode runGet(Context& context) {
     auto const& topic = context.settings.topic;
     Connection connection(context);
-    Awaited<std::string> first(context.interruption);
-    TopicReader const reader(
-        connection.client, topic,
-        [&](Topic const&, std::string const& payload) { first.give(payload); });
-    auto const& value = first.wait(context.settings.deadline());
-    if (!value) {
+    connection.subscribe(topic);
+    std::string value;
+    bool const arrived = connection.read(context.settings.deadline(), [&](Message const& message) {
+        value = message.payload;
+        return true;
+    });
+    if (!arrived) {
         throw CommandFailed(context.interruptedOr(ExitCode::NO_ANSWER),
                             "no value of " + topic + " has arrived");
     }
     // A program gets every byte as it is.
-    context.console.report(JsonLine().text("topic", topic).payload(*value),
-                           context.console.isTerminal() ? printable(*value) : *value);
+    context.console.report(std::move(JsonLine("topic", topic).addPayload(value)),
+                           context.console.isTerminal() ? printable(value) : value);
     return ExitCode::DONE;
 }
 
@@ -180,11 +131,8 @@ ExitCode runSet(Context& context) {
         value.assign(std::istreambuf_iterator<char>(std::cin), {});
     }
     publish(context, value, settings.qos, !settings.notRetained);
-    context.console.reportJson(JsonLine()
-                                   .text("topic", settings.topic)
-                                   .number("bytes", static_cast<double>(value.size()))
-                                   .number("qos", settings.qos)
-                                   .boolean("retained", !settings.notRetained));
+    context.console.reportJson(JsonLine("topic", settings.topic, "bytes", value.size(), "qos",
+                                        settings.qos, "retained", !settings.notRetained));
     return ExitCode::DONE;
 }
 
@@ -192,62 +140,60 @@ ExitCode runClear(Context& context) {
     constexpr unsigned QOS = 2;
     // MqttClient::clear does not wait, and the end of the connection could interrupt it.
     publish(context, "", QOS, true);
-    context.console.reportJson(
-        JsonLine().text("topic", context.settings.topic).boolean("cleared", true));
+    context.console.reportJson(JsonLine("topic", context.settings.topic, "cleared", true));
     return ExitCode::DONE;
 }
 
 ExitCode runClean(Context& context) {
     auto const& settings = context.settings;
-    auto& interruption = context.interruption;
     std::set<std::string> erased;
     std::set<std::string> left;
-    Connection connection(context);
     // Over another connection than the cleaner's: which values there are, and which are erased.
-    TopicReader const reader(connection.client, settings.topic,
-                             [&](Topic const& topic, std::string const& payload) {
-                                 std::string progress;
-                                 interruption.change([&] {
-                                     (payload.empty() ? erased : left).insert(topic.text());
-                                     (payload.empty() ? left : erased).erase(topic.text());
-                                     progress = "erased " + std::to_string(erased.size())
-                                                + ", left " + std::to_string(left.size());
-                                 });
-                                 context.console.progress(progress);
-                             });
+    Connection connection(context);
+    connection.subscribe(settings.topic);
+    auto const count = [&](Message const& message) {
+        bool const isErased = message.payload.empty();
+        (isErased ? erased : left).insert(message.topic.text());
+        (isErased ? left : erased).erase(message.topic.text());
+        context.console.progress("erased " + std::to_string(erased.size()) + ", left "
+                                 + std::to_string(left.size()));
+        return false;
+    };
     mqtt::TopicCleaner cleaner(nullptr, randomIdentifier(), settings.address(),
                                settings.portNumber(), settings.connectionOptions());
     cleaner.clean(settings.topic, std::chrono::seconds(settings.cleanSeconds));
     constexpr auto STEP = std::chrono::milliseconds(100);
     bool ended = false;
-    while (!ended && !interruption.requested()) {
+    while (!ended && !context.interruption.requested()) {
         ended = cleaner.waitAllTasks(STEP);
+        connection.read(Clock::now(), count);
     }
-    bool const clean = interruption.wait(settings.deadline(), [&] { return left.empty(); });
+    auto const isLastErased = [&](Message const& message) {
+        count(message);
+        return left.empty();
+    };
+    bool const clean = left.empty() || connection.read(settings.deadline(), isLastErased);
     cleaner.terminate();
-    interruption.change([&] {
-        context.console.report(JsonLine()
-                                   .text("pattern", settings.topic)
-                                   .number("erased", static_cast<double>(erased.size()))
-                                   .number("left", static_cast<double>(left.size())),
-                               "erased " + std::to_string(erased.size()) + " values of "
-                                   + settings.topic + ", " + std::to_string(left.size()) + " left");
-    });
+    context.console.report(
+        JsonLine("pattern", settings.topic, "erased", erased.size(), "left", left.size()),
+        "erased " + std::to_string(erased.size()) + " values of " + settings.topic + ", "
+            + std::to_string(left.size()) + " left");
     return !ended ? ExitCode::INTERRUPTED : clean ? ExitCode::DONE : ExitCode::FAILED;
 }
 
 ExitCode runCheck(Context& context) {
-    auto const& kind = context.settings.kindOfCheck;
-    auto const count = context.settings.expected.size();
+    auto const& settings = context.settings;
+    auto const& kind = settings.kindOfCheck;
+    auto const count = settings.expected.size();
     bool const isCollection = kind == "collection";
-    if (!isCollection && !(kind == "link" && count == 1) && !(kind == "clean" && count == 0)) {
+    bool const isLink = kind == "link" && count == 1;
+    if (!isCollection && !isLink && !(kind == "clean" && count == 0)) {
         throw CommandFailed(ExitCode::USAGE, "check collection TOPIC ID..., check link TOPIC LINK, "
                                              "or check clean TOPIC");
     }
-    bool const passed = isCollection ? checkCollection(context) : checkWithLibrary(context);
-    context.console.reportJson(JsonLine()
-                                   .text("check", kind)
-                                   .text("topic", context.settings.topic)
-                                   .boolean("passed", passed));
+    bool const passed = isCollection || isLink ? isLinked(context, isCollection) : isClean(context);
+    context.console.report(JsonLine("check", kind, "topic", settings.topic, "passed", passed),
+                           "check " + kind + ' ' + settings.topic
+                               + (passed ? ": passed" : ": failed"));
     return passed ? ExitCode::DONE : context.interruptedOr(ExitCode::FAILED);
 }
