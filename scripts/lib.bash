@@ -138,7 +138,7 @@ in_root() {
         [[ -z ${!name-} ]] || pass+=("$name=${!name}")
     done
     as_root unshare --mount --pid --fork --kill-child --mount-proc="$root/proc" \
-        chroot "$root" env -i PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin \
+        sh -c 'mount -t devpts devpts "$0/dev/pts" && exec chroot "$0" "$@"' "$root" env -i PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin \
         HOME=/root LC_ALL=C.UTF-8 DEBIAN_FRONTEND=noninteractive "${pass[@]}" "$@" &
     wait "$!" # a signal interrupts this, but not a command in the foreground
 }

@@ -323,9 +323,10 @@ class TheManual(unittest.TestCase):
 
     def setUp(self):
         text = zymctl("--help").everything()
-        self.commands = re.findall(r"^  ([a-z]+) +[A-Z]", text.split("Subcommands:")[1], re.MULTILINE)
+        commands = re.split("Subcommands:|SUBCOMMANDS:", text)[1]  # CLI11 before and since 2.5
+        self.commands = re.findall(r"^  ([a-z]+) +[A-Z]", commands, re.MULTILINE)
         options = {"": text, **{name: zymctl(name, "--help").everything() for name in self.commands}}
-        self.options = {name: set(re.findall(r"^  (?:-h,)?(--[a-z-]+)", help, re.MULTILINE))
+        self.options = {name: set(re.findall(r"^  (?:-h)?[, ]*(--[a-z-]+)", help, re.MULTILINE))
                         for name, help in options.items()}
         self.assertEqual(len(self.commands), 12)
         self.assertGreater(len(self.options[""]), 15)
