@@ -1,8 +1,11 @@
-// Clients and their broker.
+// Clients, endpoints and their broker.
 
 #include "interleavings/fixtures.hpp"
 
+#include <mqtt/link.hpp>
+
 #include <algorithm>
+#include <memory>
 #include <thread>
 
 namespace interleavings {
@@ -173,6 +176,31 @@ SCENARIO(TheEndOfAClientMeetsItsCallbacks, WithListeners<TwoConnectedClients>, D
     });
     expect(otherClient.communicationState() == ComState::CONNECTED,
            "another client is no longer connected");
+}
+
+struct LinkSubscriber final : mqtt::MqttData<mqtt::Link>::Subscriber, CallbackCheck {
+    void onMqttData(mqtt::Link const&, bool, int) override { onCallback(); }
+};
+
+SCENARIO(TheEndOfAnEndpointMeetsItsCallbacks, ConnectedClient, THREADS_ONLY) {
+    LinkSubscriber subscriber;
+    CallbackCheck function;
+    auto endpoint = std::make_unique<mqtt::MqttData<mqtt::Link>>(client, "a");
+    endpoint->subscribe(&subscriber, 1);
+    explore([&] {
+        broker.publish("a", R"({"@id": "first"})");
+        auto copy = std::make_unique<mqtt::MqttData<mqtt::Link>>(*endpoint);
+        auto subscription = endpoint->subscribe([&](auto const&, bool) { function.onCallback(); });
+        broker.publish("a", R"({"@id": "second"})");
+        maybePause();
+        ifMistaken([&] { subscriber.close(); });
+        subscription = {};
+        function.close();
+        copy.reset();
+        endpoint.reset();
+        subscriber.close();
+    });
+    expectNoSubscriptions();
 }
 
 SCENARIO(AClientWithoutResources, WithListeners<IdleClient>, RESOURCES) {
