@@ -12,8 +12,9 @@ namespace {
 
 // Requests
 
-void makeUnansweredRequester(Test& t) {
+void requestOfNobody(Test& t) {
     t.objects.requester = t.objects.requesterOf("nobody");
+    t.objects.request();
 }
 
 Code requestWait(Test& t) {
@@ -177,30 +178,14 @@ Operations serviceOperations() {
          [](Test& t) { return t.events.waitFor("reply 1"); }},
         {"RequestReplyClient/requestWait", requestWait},
         {"RequestReplyClient/waitEndOfRequest", waitEndOfRequest},
-        {"RequestReplyClient/cancel",
-         [](Test& t) {
-             t.objects.request();
-             return t.objects.requester->cancel();
-         },
-         isCancelled, makeUnansweredRequester},
-        {"RequestReplyClient/terminate",
-         [](Test& t) {
-             t.objects.request();
-             t.objects.requester->terminate();
-         },
-         isTerminated, makeUnansweredRequester},
-        {"RequestReplyClient/release",
-         [](Test& t) {
-             t.objects.request();
-             t.objects.requester->release();
-         },
-         isTerminated, makeUnansweredRequester},
-        {"RequestReplyClient/destroy",
-         [](Test& t) {
-             t.objects.request();
-             t.objects.requester.reset();
-         },
-         isCancelled, makeUnansweredRequester},
+        {"RequestReplyClient/cancel", [](Test& t) { return t.objects.requester->cancel(); },
+         isCancelled, requestOfNobody},
+        {"RequestReplyClient/terminate", [](Test& t) { t.objects.requester->terminate(); },
+         isTerminated, requestOfNobody},
+        {"RequestReplyClient/release", [](Test& t) { t.objects.requester->release(); },
+         isTerminated, requestOfNobody},
+        {"RequestReplyClient/destroy", [](Test& t) { t.objects.requester.reset(); }, isCancelled,
+         requestOfNobody},
 
         {"RequestReplyServer/subscribe", [](Test& t) { return t.objects.serve(); }, serves},
         {"RequestReplyServer/unsubscribe", [](Test& t) { return t.objects.server->unsubscribe(); },

@@ -50,13 +50,16 @@ void publishThree(SmallBroker& broker) {
     }
 }
 
-template <class Client>
-struct WithListeners : Client {
+struct Listeners {
     Subscriber subscriber;
     Subscriber secondSubscriber;
     StateListener listener;
     StateListener secondListener;
 };
+
+/// The client ends first: it may call its listeners until then.
+template <class Client>
+struct WithListeners : Listeners, Client {};
 
 SCENARIO(DisconnectMeetsTheConnection, WithListeners<IdleClient>, THREADS_ONLY) {
     client.registerListener(&listener);

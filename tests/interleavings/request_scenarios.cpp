@@ -67,10 +67,10 @@ struct RequesterFixture : ClientOfEchoServer {
         pass(SETTLING_TIME);
         expectNoSubscriptions();
     }
-    std::unique_ptr<RequestReplyClient> requester =
-        std::make_unique<RequestReplyClient>(client, "svc", "", "echo");
     ReplyListener listener;
     ReplyListener secondListener;
+    std::unique_ptr<RequestReplyClient> requester =
+        std::make_unique<RequestReplyClient>(client, "svc", "", "echo");
 };
 
 SCENARIO(ReplyMeetsTheDeadline, RequesterFixture, DEADLINES) {
