@@ -99,7 +99,8 @@ public:
 
     /// Takes control of the process, which must have one thread.
     void start(Plan const& plan, RunRecord& record);
-    bool started() const { return record_ != nullptr; }
+    /// Makes no instance: LeakSanitizer asks at the end of the process, when no memory can be had.
+    static bool started() { return record_ != nullptr; }
     Plan const& plan() const { return plan_; }
     /// Whether choices are made. Otherwise a thread runs until it waits.
     void setExploring(bool on) { exploring_ = on; }
@@ -147,8 +148,8 @@ private:
     void makeReady(Thread& thread, bool timedOut);
     void recordEvent(Thread& thread, char const* what, int next);
 
+    static inline RunRecord* record_ = nullptr;
     Plan plan_;
-    RunRecord* record_ = nullptr;
     bool exploring_ = false;
     std::deque<Thread> threads_;
     Thread* current_ = nullptr;
