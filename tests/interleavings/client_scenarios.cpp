@@ -192,6 +192,10 @@ SCENARIO(TheEndOfAnEndpointMeetsItsCallbacks, ConnectedClient, THREADS_ONLY) {
     endpoint->subscribe(&subscriber, 1);
     explore([&] {
         broker.publish("a", R"({"@id": "first"})");
+        if (maybe()) { // the copy subscribes nevertheless
+            mqtt::MqttDataBase::Lock lock(endpoint->mutex());
+            endpoint->unsubscribe(lock);
+        }
         auto copy = std::make_unique<mqtt::MqttData<mqtt::Link>>(*endpoint);
         auto subscription = endpoint->subscribe([&](auto const&, bool) { function.onCallback(); });
         broker.publish("a", R"({"@id": "second"})");
