@@ -89,10 +89,14 @@ struct ClientOfEchoServer : ConnectedClient {
         std::thread user(use);
         pass(std::chrono::milliseconds(1));
         explore([&] {
-            if (maybe()) {
+            bool const endsInCallback = maybe();
+            if (endsInCallback) {
                 listener.setAction([&] { object.reset(); });
             }
             server.releaseReplies();
+            if (endsInCallback) {
+                pass(std::chrono::milliseconds(1));
+            }
             ifMistaken([&] { listener.close(); });
             Scheduler::instance().maySwitch();
             object.reset();
