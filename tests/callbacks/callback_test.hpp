@@ -142,7 +142,7 @@ struct Objects {
 enum class Verdict { WORKS, REFUSED, IN_VAIN };
 
 /// What one test works with: a client, the objects whose operations are called (`objects`), and the
-/// objects in whose callbacks that happens (`callers`), unless these are the same.
+/// objects in whose callbacks that happens (`callers`).
 class CallbackTest {
 public:
     using Error = mqtt::MqttClient::Error;
@@ -195,7 +195,6 @@ public:
     }
 
     std::string const root = "test" + std::to_string(++device().tests);
-    bool sameObject = false; ///< the call is made in a callback of the very object
     Verdict verdict = Verdict::WORKS;
     std::uint32_t timeoutS = HOUR_S; ///< of operations that wait
     std::atomic<int> topicsToClean{0};
@@ -214,15 +213,14 @@ private:
 
 /// A callback of the library, and how to make an object call it.
 struct Callback {
-    std::string className; ///< of the object that calls
-    std::string name;      ///< "onReply"
-    std::string thread;    ///< that calls it: "worker", "caller" or "timer"
-    std::string event;     ///< what the `EventRecorder` records of it begins with this
+    std::string name;   ///< "onReply"
+    std::string thread; ///< that calls it: "worker", "caller" or "timer"
+    std::string event;  ///< what the `EventRecorder` records of it begins with this
     /// Makes an object of these call it. May be called repeatedly.
     std::function<void(CallbackTest&, Objects&)> provoke;
 };
 
 /// One for each callback, and each thread that calls it.
 std::vector<Callback> const& callbacks();
-/// The first one with this class or name.
-Callback const& callbackOf(std::string_view classNameOrName);
+/// The first one with this name.
+Callback const& callbackNamed(std::string_view name);

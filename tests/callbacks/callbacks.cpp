@@ -93,45 +93,41 @@ void clean(Test& t, Objects& objects) {
     objects.cleaner->clean(topic, milliseconds::zero());
 }
 
-/// A timer that is used in its own callback goes on, unless it is stopped there.
-void startTimer(Test& t, Objects& objects) {
-    objects.restartTimer(milliseconds(t.sameObject ? 1 : 0), !t.sameObject);
+void startTimer(Test& /*test*/, Objects& objects) {
+    objects.restartTimer(milliseconds::zero(), true);
 }
 
 } // namespace
 
 std::vector<Callback> const& callbacks() {
-    static std::string const BINDER = "BinderMqttProxy";
-    static std::string const REQUESTER = "RequestReplyClient";
     static std::vector<Callback> const all{
-        {"MqttClient", "onMqttMessage", "worker", "message", receiveMessage},
-        {"MqttClient", "onComStateChanged", "worker", "state 2", connectAgain},
-        {"MqttClient", "onComStateChanged", "caller", "state 4", connectAgain},
-        {"MqttData", "onMqttData", "worker", "value", receiveValue},
-        {"RequestReplyServer", "onRequest", "worker", "request", receiveRequest},
-        {REQUESTER, "onReply", "worker", "reply 1", request},
-        {REQUESTER, "onReply", "caller", "reply 7", requestAndCancel},
-        {REQUESTER, "onReply", "timer", "reply 3", requestOnInvalidTopic},
-        {"SynchronizedTimeBaseMqttProxy", "onTimeSynchronized", "worker", "synchronized",
-         synchronize},
-        {BINDER, "onBound", "worker", "bound 0", bindAgain},
-        {BINDER, "onBound", "caller", "bound 0", bindSync},
-        {BINDER, "onBound", "timer", "bound 3", bindOnInvalidTopic},
-        {BINDER, "onUnbound", "worker", "unbound 0", unbind},
-        {BINDER, "onUnbound", "caller", "unbound 0", unbindSync},
-        {BINDER, "onUnbound", "timer", "unbound 0", unbindOnInvalidTopic},
-        {"TopicCleaner", "onTopicCleaned", "timer", "cleaned", clean},
-        {"TopicCleaner", "onAllTopicsCleaned", "timer", "all cleaned", clean},
-        {"Timer", "Timer", "timer", "timer", startTimer},
+        {"onMqttMessage", "worker", "message", receiveMessage},
+        {"onComStateChanged", "worker", "state 2", connectAgain},
+        {"onComStateChanged", "caller", "state 4", connectAgain},
+        {"onMqttData", "worker", "value", receiveValue},
+        {"onRequest", "worker", "request", receiveRequest},
+        {"onReply", "worker", "reply 1", request},
+        {"onReply", "caller", "reply 7", requestAndCancel},
+        {"onReply", "timer", "reply 3", requestOnInvalidTopic},
+        {"onTimeSynchronized", "worker", "synchronized", synchronize},
+        {"onBound", "worker", "bound 0", bindAgain},
+        {"onBound", "caller", "bound 0", bindSync},
+        {"onBound", "timer", "bound 3", bindOnInvalidTopic},
+        {"onUnbound", "worker", "unbound 0", unbind},
+        {"onUnbound", "caller", "unbound 0", unbindSync},
+        {"onUnbound", "timer", "unbound 0", unbindOnInvalidTopic},
+        {"onTopicCleaned", "timer", "cleaned", clean},
+        {"onAllTopicsCleaned", "timer", "all cleaned", clean},
+        {"Timer", "timer", "timer", startTimer},
     };
     return all;
 }
 
-Callback const& callbackOf(std::string_view classNameOrName) {
+Callback const& callbackNamed(std::string_view name) {
     for (Callback const& callback : callbacks()) {
-        if (callback.className == classNameOrName || callback.name == classNameOrName) {
+        if (callback.name == name) {
             return callback;
         }
     }
-    throw std::invalid_argument("No callback " + std::string(classNameOrName));
+    throw std::invalid_argument("No callback " + std::string(name));
 }

@@ -1,5 +1,5 @@
-// Calls inside callbacks, as the guide's first table has them. Inside a message, every operation of
-// the first column is called; inside the other callbacks, a few: those whose locks differ.
+// Calls inside callbacks, as the guide's first table has them. One callback stands for all of its
+// column; the tests of each class prove the last column.
 
 #include "guide.hpp"
 #include "operations.hpp"
@@ -18,78 +18,45 @@ constexpr char const* HEADING = "Which operation may be called from which callba
 /// The table's columns, in their order.
 enum Column : std::size_t { WORKER, STATE, CLEANER, TIMER, ANOTHER, OWN, COLUMNS };
 
-/// Calls inside one callback.
-struct Suite {
-    std::string name;
-    Column column;
-    std::string callback;   ///< its name; "": that of the object whose operation is called
-    std::string operations; ///< to call inside it: "Class: operation ..., Class: ..."; "": all
-};
-
-std::vector<Suite> suites() {
-    std::string const waits = "MqttClient: publishWait connect destroy,"
-                              "RequestReplyClient: requestWait,"
-                              "BinderMqttProxy: bindSync";
-    return {
-        {"InsideAMessage", WORKER, "onMqttMessage", ""},
-        {"InsideAValue", WORKER, "onMqttData", "MqttData: publish destroy"},
-        {"InsideAReply", WORKER, "onReply", "RequestReplyClient: request destroy"},
-        {"InsideARequest", WORKER, "onRequest",
-         "RequestReplyServer: unsubscribeWait, RequestReplyClient: request"},
-        {"InsideATimeCall", WORKER, "onTimeSynchronized",
-         "SynchronizedTimeBaseMqttProxy: startSync destroy"},
-        {"InsideABindingCall", WORKER, "onBound", "BinderMqttProxy: unbind destroy"},
-        {"InsideAStateCall", STATE, "onComStateChanged",
-         "MqttClient: publish clear subscribe unsubscribe release registerListener"
-         " unregisterListener communicationState lastFailure statistics giveUp pause resume"
-         " connect disconnect(0) disconnect setWill clearWill setOptions,"
-         "MqttData: publish subscribe setCurrentValueAsWill,"
-         "RequestReplyServer: subscribe, TopicCleaner: clean, Timer: restart"},
-        {"InsideACleanerCall", CLEANER, "onTopicCleaned", waits},
-        {"InsideATimerCall", TIMER, "Timer", waits},
-        {"InsideAnotherClientsCall", ANOTHER, "onMqttMessage", waits},
-        {"InsideItsOwnCall", OWN, "",
-         "MqttClient: unsubscribe unsubscribeWait release,"
-         "MqttData: publish unsubscribe unsubscribeWait destroy,"
-         "RequestReplyClient: request waitEndOfRequest release destroy,"
-         "RequestReplyServer: unsubscribeWait destroy,"
-         "SynchronizedTimeBaseMqttProxy: stop destroy,"
-         "BinderMqttProxy: unbind destroy,"
-         "TopicCleaner: clean waitAllTasks destroy,"
-         "Timer: restart terminate destroy"},
-    };
-}
-
-/// The names of the operations: "Class/operation".
-Names operationsOf(Suite const& suite) {
-    Names names;
-    std::istringstream classes(suite.operations);
-    for (std::string one; std::getline(classes, one, ',');) {
-        std::istringstream words(one);
-        std::string className;
-        words >> className;
-        className.back() = '/';
-        for (std::string operation; words >> operation;) {
-            names.push_back(className + operation);
-            EXPECT_TRUE(findOperation(names.back())) << names.back();
+/// What the cell of the table promises; none where the operation must not be called.
+std::optional<Verdict> verdictOf(std::string const& operation, Column column) {
+    static std::map<std::string, Verdict> const verdicts{
+        {"yes", Verdict::WORKS}, {"refused", Verdict::REFUSED}, {"in vain", Verdict::IN_VAIN}};
+    static auto const rows = tableOfTheGuide(HEADING);
+    for (auto const& row : rows) {
+        if (std::count(row.names.begin(), row.names.end(), operation) > 0) {
+            auto const found = verdicts.find(row.cells.at(column));
+            return found == verdicts.end() ? std::nullopt : std::optional(found->second);
         }
     }
-    return names;
+    return std::nullopt;
 }
+
+/// Calls inside one callback.
+struct Suite {
+    char const* name;
+    Column column;
+    char const* callback; ///< its name
+};
+
+constexpr Suite SUITES[] = {{"InsideAMessage", WORKER, "onMqttMessage"},
+                            {"InsideAStateCall", STATE, "onComStateChanged"},
+                            {"InsideACleanerCall", CLEANER, "onTopicCleaned"},
+                            {"InsideATimerCall", TIMER, "Timer"},
+                            {"InsideAnotherClientsCall", ANOTHER, "onMqttMessage"}};
 
 class Inside : public testing::Test {
 public:
     Inside(Suite const& suite, Operation operation, Verdict verdict)
         : column_(suite.column),
-          callback_(callbackOf(suite.callback.empty() ? operation.className() : suite.callback)),
+          callback_(callbackNamed(suite.callback)),
           operation_(std::move(operation)),
           verdict_(verdict),
-          disconnected_(operation_.kind == Kind::WHILE_DISCONNECTED
+          disconnected_(verdictOf(operation_.name, WORKER) == Verdict::REFUSED
                         && verdict != Verdict::REFUSED) {}
 
     void TestBody() override {
         CallbackTest test;
-        test.sameObject = column_ == OWN;
         test.verdict = verdict_;
         if (disconnected_) {
             EXPECT_EQ(test.client->disconnect(TIMEOUT_S), Error::SUCCESS);
@@ -111,7 +78,7 @@ public:
 
 private:
     void callInside(CallbackTest& test) {
-        auto& objects = test.sameObject ? test.objects : test.callers;
+        auto& objects = test.callers;
         bool const inDisconnection = column_ == STATE && disconnected_;
         objects.events.setHook(
             [&, begin = inDisconnection ? "state 1" : callback_.event](std::string const& event) {
@@ -153,8 +120,7 @@ private:
     }
 
     Outcome expected() const {
-        bool const onWorker = column_ == WORKER || column_ == STATE
-                              || (column_ == OWN && callback_.thread == "worker");
+        bool const onWorker = column_ == WORKER || column_ == STATE;
         bool const waitsInVain =
             verdict_ == Verdict::IN_VAIN && operation_.kind != Kind::SUCCEEDS_IN_VAIN;
         bool const doesNotWait = operation_.kind == Kind::WAITS_FOR_THE_BROKER && onWorker;
@@ -167,44 +133,23 @@ private:
     Callback const& callback_;
     Operation const operation_;
     Verdict const verdict_;
-    bool const disconnected_; ///< the operation needs a client that is disconnected
+    bool const disconnected_; ///< the operation needs that: on the worker it is refused
     std::atomic<bool> begun_{false};
     mqtt::test::Watched<bool> called_;
 };
 
-/// What the cell of the table promises; none where the operation must not be called.
-std::optional<Verdict> verdictOf(std::string const& operation, Column column) {
-    static std::map<std::string, Verdict> const verdicts{
-        {"yes", Verdict::WORKS}, {"refused", Verdict::REFUSED}, {"in vain", Verdict::IN_VAIN}};
-    static auto const rows = tableOfTheGuide(HEADING);
-    for (auto const& row : rows) {
-        if (std::count(row.names.begin(), row.names.end(), operation) > 0) {
-            auto const found = verdicts.find(row.cells.at(column));
-            return found == verdicts.end() ? std::nullopt : std::optional(found->second);
-        }
-    }
-    return std::nullopt;
-}
-
-/// Registers a test for each operation that is chosen; where all are, for each that the table
-/// allows.
-void registerTests(Suite const& suite) {
-    auto const chosen = operationsOf(suite);
-    for (auto const& operation : allOperations()) {
-        auto const verdict = verdictOf(operation.name, suite.column);
-        if (chosen.empty() ? verdict.has_value()
-                           : std::count(chosen.begin(), chosen.end(), operation.name) > 0) {
-            testing::RegisterTest(suite.name.c_str(), operation.name.c_str(), nullptr, nullptr,
-                                  __FILE__, __LINE__, [suite, operation, verdict]() -> Inside* {
-                                      return new Inside(suite, operation, verdict.value());
-                                  });
-        }
-    }
-}
-
+/// Registers a test for each operation that the table allows.
 bool const REGISTERED = [] {
-    for (auto const& suite : suites()) {
-        registerTests(suite);
+    for (auto const& suite : SUITES) {
+        for (auto const& operation : allOperations()) {
+            if (auto const verdict = verdictOf(operation.name, suite.column)) {
+                testing::RegisterTest(suite.name, operation.name.c_str(), nullptr, nullptr,
+                                      __FILE__, __LINE__,
+                                      [&suite, operation, verdict]() -> Inside* {
+                                          return new Inside(suite, operation, *verdict);
+                                      });
+            }
+        }
     }
     return true;
 }();

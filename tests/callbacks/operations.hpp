@@ -39,16 +39,15 @@ inline Outcome outcomeOf(Outcome outcome) {
 /// In what an operation differs from others.
 enum class Kind {
     USUAL,
-    WHILE_DISCONNECTED,   ///< it needs a client that is disconnected
     WAITS_FOR_THE_BROKER, ///< but not on the worker: there it returns a time-out
     SUCCEEDS_IN_VAIN      ///< a wait in vain has no result, or is a success: it ends all the same
 };
 
-/// Where there is nothing to prepare, or to check beside the outcome of the call.
-inline void nothing(CallbackTest& /*test*/) {}
+/// Where there is nothing to check beside the outcome of the call, or to prepare.
 inline bool nothingElse(CallbackTest& /*test*/) {
     return true;
 }
+inline void nothing(CallbackTest& /*test*/) {}
 
 /// A public operation, and how to check that a call of it has worked.
 struct Operation {
@@ -58,9 +57,9 @@ struct Operation {
     /// @param operationToCall a function of a `CallbackTest&`, without a result or with one that
     ///                        `outcomeOf` takes
     template <class Call>
-    Operation(std::string const& nameOfIt, Step before, Call const& operationToCall,
-              Check after = nothingElse, Kind kindOfIt = Kind::USUAL)
-        : name(nameOfIt), prepare(std::move(before)), check(std::move(after)), kind(kindOfIt) {
+    Operation(std::string const& nameOfIt, Call const& operationToCall, Check after = nothingElse,
+              Step before = nothing, Kind kindOfIt = Kind::USUAL)
+        : name(nameOfIt), check(std::move(after)), prepare(std::move(before)), kind(kindOfIt) {
         call = [operationToCall](CallbackTest& t) {
             if constexpr (std::is_void_v<decltype(operationToCall(t))>) {
                 operationToCall(t);
@@ -80,9 +79,9 @@ struct Operation {
     }
 
     std::string name; ///< class and operation: "Timer/stop"
-    Step prepare;     ///< on the test's thread, before any callback
     std::function<Outcome(CallbackTest&)> call;
-    Check check; ///< on the test's thread, afterwards, unless the call is refused
+    Check check;  ///< on the test's thread, afterwards, unless the call is refused
+    Step prepare; ///< on the test's thread, before any callback
     Kind kind;
 };
 
@@ -97,15 +96,12 @@ Operations const& allOperations();
 /// Null when there is none with this name.
 Operation const* findOperation(std::string const& name);
 
-/// To prepare an operation: calls this one, and checks that it has worked. Inside its own callback
-/// an object is prepared by what leads to that callback; a client has none.
+/// To prepare an operation: calls this one, and checks that it has worked.
 inline Operation::Step done(std::string const& name) {
     return [name](CallbackTest& t) {
         auto const& operation = *findOperation(name);
-        if (!t.sameObject || operation.className() == "MqttClient") {
-            operation.call(t);
-            EXPECT_TRUE(operation.check(t)) << name;
-        }
+        operation.call(t);
+        EXPECT_TRUE(operation.check(t)) << name;
     };
 }
 /// To check that something is not so.

@@ -8,7 +8,6 @@
 
 #include <gmock/gmock.h>
 
-#include <regex>
 #include <thread>
 
 namespace {
@@ -22,40 +21,45 @@ struct OverlapCase {
     std::string className;
     std::string reset; ///< the operation that leads back to where `works` can succeed
     std::string works; ///< the operation that shows that the object works; "": none
-    std::function<void(Objects&)> others{}; ///< calls that are not in the list of operations
-    std::string
-        topic{}; ///< on which a peer publishes meanwhile, with ID for the object's identifier
-    std::string payload{};
+    std::function<void(CallbackTest&)> others{}; ///< other calls, or messages for the object
 };
 
 std::ostream& operator<<(std::ostream& out, OverlapCase const& one) {
     return out << one.className;
 }
 
+void publishRequest(CallbackTest& t, std::string const& to) {
+    t.peer.publish(t.topic(to + "?\?/" + t.objects.id.base64URL()),
+                   R"({"$reqId": 1, "number": 7, "client": 1.5})", 0);
+}
+
 std::vector<OverlapCase> overlapCases() {
     return {
-        {"MqttClient", "release", "subscribe", {}, "x", "hello"},
+        {"MqttClient", "release", "subscribe",
+         [](CallbackTest& t) { t.peer.publish(t.topic("x"), "hello", 0); }},
         {"MqttData", "release", "subscribe",
-         [](Objects& objects) {
-             Lock const lock(objects.endpoint->mutex());
-             objects.endpoint->setTopicBase(objects.root + "/value");
-         },
-         "value", R"({"@id": "other"})"},
+         [](CallbackTest& t) {
+             t.peer.publish(t.topic("value"), R"({"@id": "other"})", 0);
+             Lock const lock(t.objects.endpoint->mutex());
+             t.objects.endpoint->setTopicBase(t.topic("value"));
+         }},
         {"RequestReplyClient", "cancel", "requestWait"},
         {"RequestReplyServer", "release", "subscribe",
-         [](Objects& objects) {
-             EXPECT_EQ(objects.server->requestTopic().text(), objects.root + "/service?\?");
-         },
-         "service?\?/ID", R"({"$reqId": 1, "number": 7})"},
+         [](CallbackTest& t) {
+             publishRequest(t, "service");
+             EXPECT_EQ(t.objects.server->requestTopic().text(), t.topic("service?\?"));
+         }},
         {"SynchronizedTimeBaseMqttProxy", "stop", "synchronize",
-         [](Objects& objects) { objects.timeProxy->registerListener(&objects.events); }},
+         [](CallbackTest& t) { t.objects.timeProxy->registerListener(&t.events); }},
         {"SynchronizedTimeBaseMqttAdaptor", "", "",
-         [](Objects& objects) { objects.timeBase->timeBase(); }, "ID/timeSync?\?/ID",
-         R"({"$reqId": 1, "client": 1.5})"},
+         [](CallbackTest& t) {
+             publishRequest(t, t.objects.id.base64URL() + "/timeSync");
+             t.objects.timeBase->timeBase();
+         }},
         {"BinderMqttProxy", "unbindSync", "bindSync",
-         [](Objects& objects) { objects.binder->isTimeBaseSynchronized(); }},
+         [](CallbackTest& t) { t.objects.binder->isTimeBaseSynchronized(); }},
         {"ServiceDiscovererMqtt", "links", "discoverSync",
-         [](Objects& objects) { objects.discoverer->discoverSync(0, false); }},
+         [](CallbackTest& t) { t.objects.discoverer->discoverSync(0, false); }},
         {"TopicCleaner", "clean", "waitAllTasks"},
         {"Timer", "stop", "restart"},
     };
@@ -65,13 +69,6 @@ class AllAtOnce : public testing::TestWithParam<OverlapCase> {
 protected:
     static Operation const* find(std::string const& name) {
         return findOperation(GetParam().className + "/" + name);
-    }
-
-    std::string publishedTopic() const {
-        auto const& topic = GetParam().topic;
-        static std::regex const id("ID");
-        return topic.empty() ? ""
-                             : t.topic(std::regex_replace(topic, id, t.objects.id.base64URL()));
     }
 
     /// A thread that makes the call repeatedly, but at most one call that waits in vain.
@@ -97,7 +94,7 @@ protected:
         begin_.change([](bool& begin) { begin = false; });
     }
 
-    /// Each operation on two threads, while a peer publishes on a topic of the object.
+    /// Each operation on two threads, and the other calls on one.
     void callAllOperations() {
         t.timeoutS = 1; // other calls may end a wait only by its time-out
         for (auto const& operation : allOperations()) {
@@ -106,16 +103,9 @@ protected:
                 repeat(operation);
             }
         }
-        if (GetParam().others) {
-            start([this] {
-                for (int i = 0; i < ROUNDS; ++i) {
-                    GetParam().others(t.objects);
-                }
-            });
-        }
-        start([this, topic = publishedTopic()] {
-            for (int i = 0; i < 5 * ROUNDS && !topic.empty(); ++i) {
-                t.peer.publish(topic, GetParam().payload, 0);
+        start([this] {
+            for (int i = 0; i < 5 * ROUNDS && GetParam().others; ++i) {
+                GetParam().others(t);
             }
         });
         runAll();

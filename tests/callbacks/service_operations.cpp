@@ -12,12 +12,9 @@ namespace {
 
 // Requests
 
-/// For a service without a server; in its own callback, which is a reply, for one that exists:
-/// the next reply cannot arrive before that callback returns.
-void makeUnansweredRequester(Test& t) {
-    if (!t.sameObject) {
-        t.objects.requester = t.objects.requesterOf("nobody");
-    }
+void requestOfNobody(Test& t) {
+    t.objects.requester = t.objects.requesterOf("nobody");
+    t.objects.request();
 }
 
 Code requestWait(Test& t) {
@@ -28,11 +25,8 @@ Code requestWait(Test& t) {
     return code;
 }
 
-/// In its own callback the request has ended already.
 Code waitEndOfRequest(Test& t) {
-    if (!t.sameObject) {
-        t.objects.request();
-    }
+    t.objects.request();
     return t.objects.requester->waitEndOfRequest(t.timeoutS);
 }
 
@@ -123,15 +117,14 @@ void retain(Test& t) {
 }
 
 /// Another topic each time: a request for a topic that is being cleaned prolongs the first one. A
-/// request without time ends when the message has come; inside the cleaner's own callback it would
-/// end before.
+/// request without time ends when the message has come.
 void clean(Test& t) {
     auto const topic = t.topic("old" + std::to_string(++t.topicsToClean));
-    t.objects.cleaner->clean(topic, t.sameObject ? hours(1) : milliseconds::zero());
+    t.objects.cleaner->clean(topic, milliseconds::zero());
 }
 
 bool cleans(Test& t) {
-    return t.peerReceives(t.topic("old1"), "") && (t.sameObject || t.events.waitFor("all cleaned"));
+    return t.peerReceives(t.topic("old1"), "") && t.events.waitFor("all cleaned");
 }
 
 void beginToClean(Test& t) {
@@ -150,10 +143,8 @@ void restartTimer(Test& t) {
 }
 
 void runTimer(Test& t) {
-    if (!t.sameObject) {
-        t.objects.restartTimer(milliseconds(1), false);
-        EXPECT_TRUE(t.events.waitFor("timer"));
-    }
+    t.objects.restartTimer(milliseconds(1), false);
+    EXPECT_TRUE(t.events.waitFor("timer"));
 }
 
 /// One more call may have been decided on before the timer was stopped.
@@ -183,129 +174,114 @@ Operations serviceOperations() {
     auto const bound = done("BinderMqttProxy/bindSync");
     auto const discovered = done("ServiceDiscovererMqtt/discoverSync");
     return {
-        {"RequestReplyClient/request", nothing, [](Test& t) { return t.objects.request(); },
+        {"RequestReplyClient/request", [](Test& t) { return t.objects.request(); },
          [](Test& t) { return t.events.waitFor("reply 1"); }},
-        {"RequestReplyClient/requestWait", nothing, requestWait},
-        {"RequestReplyClient/waitEndOfRequest", nothing, waitEndOfRequest},
-        {"RequestReplyClient/cancel", makeUnansweredRequester,
-         [](Test& t) {
-             t.objects.request();
-             return t.objects.requester->cancel();
-         },
-         isCancelled},
-        {"RequestReplyClient/terminate", makeUnansweredRequester,
-         [](Test& t) {
-             t.objects.request();
-             t.objects.requester->terminate();
-         },
-         isTerminated},
-        {"RequestReplyClient/release", makeUnansweredRequester,
-         [](Test& t) {
-             t.objects.request();
-             t.objects.requester->release();
-         },
-         isTerminated},
-        {"RequestReplyClient/destroy", makeUnansweredRequester,
-         [](Test& t) {
-             t.objects.request();
-             t.objects.requester.reset();
-         },
-         isCancelled},
+        {"RequestReplyClient/requestWait", requestWait},
+        {"RequestReplyClient/waitEndOfRequest", waitEndOfRequest},
+        {"RequestReplyClient/cancel", [](Test& t) { return t.objects.requester->cancel(); },
+         isCancelled, requestOfNobody},
+        {"RequestReplyClient/terminate", [](Test& t) { t.objects.requester->terminate(); },
+         isTerminated, requestOfNobody},
+        {"RequestReplyClient/release", [](Test& t) { t.objects.requester->release(); },
+         isTerminated, requestOfNobody},
+        {"RequestReplyClient/destroy", [](Test& t) { t.objects.requester.reset(); }, isCancelled,
+         requestOfNobody},
 
-        {"RequestReplyServer/subscribe", nothing, [](Test& t) { return t.objects.serve(); },
-         serves},
-        {"RequestReplyServer/unsubscribe", served,
-         [](Test& t) { return t.objects.server->unsubscribe(); }, no(serves)},
-        {"RequestReplyServer/unsubscribeWait", served,
-         [](Test& t) { return t.objects.server->unsubscribeWait(); }, no(serves),
+        {"RequestReplyServer/subscribe", [](Test& t) { return t.objects.serve(); }, serves},
+        {"RequestReplyServer/unsubscribe", [](Test& t) { return t.objects.server->unsubscribe(); },
+         no(serves), served},
+        {"RequestReplyServer/unsubscribeWait",
+         [](Test& t) { return t.objects.server->unsubscribeWait(); }, no(serves), served,
          Kind::WAITS_FOR_THE_BROKER},
-        {"RequestReplyServer/release", served, [](Test& t) { t.objects.server->release(); },
-         no(serves)},
-        {"RequestReplyServer/destroy", served, [](Test& t) { t.objects.server.reset(); },
-         no(serves)},
+        {"RequestReplyServer/release", [](Test& t) { t.objects.server->release(); }, no(serves),
+         served},
+        {"RequestReplyServer/destroy", [](Test& t) { t.objects.server.reset(); }, no(serves),
+         served},
 
-        {"SynchronizedTimeBaseMqttProxy/startSync", nothing,
+        {"SynchronizedTimeBaseMqttProxy/startSync",
          [](Test& t) { return t.objects.timeProxy->startSync(device().id); },
          [](Test& t) { return t.events.waitFor("synchronized"); }},
-        {"SynchronizedTimeBaseMqttProxy/synchronize", nothing,
+        {"SynchronizedTimeBaseMqttProxy/synchronize",
          [](Test& t) { return t.objects.timeProxy->synchronize(device().id, t.timeoutS); }},
-        {"SynchronizedTimeBaseMqttProxy/stop", synchronized,
-         [](Test& t) { return t.objects.timeProxy->stop(); },
-         [](Test& t) { return !t.objects.timeProxy->isSynchronized(); }},
-        {"SynchronizedTimeBaseMqttProxy/forceSync", synchronized,
+        {"SynchronizedTimeBaseMqttProxy/stop", [](Test& t) { return t.objects.timeProxy->stop(); },
+         [](Test& t) { return !t.objects.timeProxy->isSynchronized(); }, synchronized},
+        {"SynchronizedTimeBaseMqttProxy/forceSync",
          [](Test& t) {
              noteTimeReads(t);
              t.objects.timeProxy->forceSync();
          },
-         readsTime},
-        {"SynchronizedTimeBaseMqttProxy/timeBase", synchronized,
-         [](Test& t) { return holds(t.objects.timeProxy->timeBase() > 0); }},
-        {"SynchronizedTimeBaseMqttProxy/terminate", synchronized,
-         [](Test& t) { t.objects.timeProxy->terminate(); }, cannotSynchronize},
-        {"SynchronizedTimeBaseMqttProxy/destroy", // an exchange with nobody stays under way
-         [](Test& t) { EXPECT_TRUE(t.objects.timeProxy->startSync(t.objects.id)); },
-         [](Test& t) { t.objects.timeProxy.reset(); }, clientGoesOn},
-        {"SynchronizedTimeBaseMqttAdaptor/terminate", offerTime,
-         [](Test& t) { t.objects.timeBase->terminate(); }, no(offersTime)},
-        {"SynchronizedTimeBaseMqttAdaptor/destroy", offerTime,
-         [](Test& t) { t.objects.timeBase.reset(); }, clientGoesOn},
+         readsTime, synchronized},
+        {"SynchronizedTimeBaseMqttProxy/timeBase",
+         [](Test& t) { return holds(t.objects.timeProxy->timeBase() > 0); }, nothingElse,
+         synchronized},
+        {"SynchronizedTimeBaseMqttProxy/terminate",
+         [](Test& t) { t.objects.timeProxy->terminate(); }, cannotSynchronize, synchronized},
+        {"SynchronizedTimeBaseMqttProxy/destroy", [](Test& t) { t.objects.timeProxy.reset(); },
+         clientGoesOn, // an exchange with nobody stays under way
+         [](Test& t) { EXPECT_TRUE(t.objects.timeProxy->startSync(t.objects.id)); }},
+        {"SynchronizedTimeBaseMqttAdaptor/terminate",
+         [](Test& t) { t.objects.timeBase->terminate(); }, no(offersTime), offerTime},
+        {"SynchronizedTimeBaseMqttAdaptor/destroy", [](Test& t) { t.objects.timeBase.reset(); },
+         clientGoesOn, offerTime},
 
-        {"BinderMqttProxy/bind", nothing,
+        {"BinderMqttProxy/bind",
          [](Test& t) { return t.objects.binder->bind(device().id, TIMEOUT_S); }, isBound},
-        {"BinderMqttProxy/bindSync", nothing,
+        {"BinderMqttProxy/bindSync",
          [](Test& t) { return t.objects.binder->bindSync(device().id, t.timeoutS); }, isBound},
-        {"BinderMqttProxy/unbind", bound,
-         [](Test& t) { return t.objects.binder->unbind(TIMEOUT_S); }, isUnbound},
-        {"BinderMqttProxy/unbindSync", bound,
-         [](Test& t) { return t.objects.binder->unbindSync(t.timeoutS); }, isUnbound,
+        {"BinderMqttProxy/unbind", [](Test& t) { return t.objects.binder->unbind(TIMEOUT_S); },
+         isUnbound, bound},
+        {"BinderMqttProxy/unbindSync",
+         [](Test& t) { return t.objects.binder->unbindSync(t.timeoutS); }, isUnbound, bound,
          Kind::SUCCEEDS_IN_VAIN},
-        {"BinderMqttProxy/cancelUnbinding", bound,
+        {"BinderMqttProxy/cancelUnbinding",
          [](Test& t) {
              t.objects.binder->unbind(TIMEOUT_S);
              t.objects.binder->cancelUnbinding();
          },
-         isUnbound},
-        {"BinderMqttProxy/forceTimeBaseSync", bound,
+         isUnbound, bound},
+        {"BinderMqttProxy/forceTimeBaseSync",
          [](Test& t) {
              noteTimeReads(t);
              t.objects.binder->forceTimeBaseSync();
          },
-         readsTime},
-        {"BinderMqttProxy/timeBase", bound,
-         [](Test& t) { return holds(t.objects.binder->timeBase() > 0); }},
-        {"BinderMqttProxy/terminate", bound, [](Test& t) { t.objects.binder->terminate(); },
-         [](Test& t) { return t.objects.binder->unbind(TIMEOUT_S) == Binding::CANCELLED; }},
-        {"BinderMqttProxy/destroy", bound, [](Test& t) { t.objects.binder.reset(); }, clientGoesOn},
+         readsTime, bound},
+        {"BinderMqttProxy/timeBase",
+         [](Test& t) { return holds(t.objects.binder->timeBase() > 0); }, nothingElse, bound},
+        {"BinderMqttProxy/terminate", [](Test& t) { t.objects.binder->terminate(); },
+         [](Test& t) { return t.objects.binder->unbind(TIMEOUT_S) == Binding::CANCELLED; }, bound},
+        {"BinderMqttProxy/destroy", [](Test& t) { t.objects.binder.reset(); }, clientGoesOn, bound},
 
-        {"ServiceDiscovererMqtt/discoverSync", nothing,
+        {"ServiceDiscovererMqtt/discoverSync",
          [](Test& t) { return t.objects.discoverer->discoverSync(t.timeoutS, true); },
          findsEntities},
-        {"ServiceDiscovererMqtt/waitChange", nothing,
+        {"ServiceDiscovererMqtt/waitChange",
          [](Test& t) { return t.objects.discoverer->waitChange(t.timeoutS, true); }, findsEntities},
-        {"ServiceDiscovererMqtt/links", discovered,
-         [](Test& t) { return holds(t.objects.discoverer->links().size() == 2); }},
-        {"ServiceDiscovererMqtt/entities", discovered, hasEntities},
-        {"ServiceDiscovererMqtt/cleanSubscriptions", beginToDiscover,
-         [](Test& t) { t.objects.discoverer->cleanSubscriptions(); }, endsDiscovery},
-        {"ServiceDiscovererMqtt/destroy", beginToDiscover,
-         [](Test& t) { t.objects.discoverer.reset(); }, endsDiscovery},
+        {"ServiceDiscovererMqtt/links",
+         [](Test& t) { return holds(t.objects.discoverer->links().size() == 2); }, nothingElse,
+         discovered},
+        {"ServiceDiscovererMqtt/entities", hasEntities, nothingElse, discovered},
+        {"ServiceDiscovererMqtt/cleanSubscriptions",
+         [](Test& t) { t.objects.discoverer->cleanSubscriptions(); }, endsDiscovery,
+         beginToDiscover},
+        {"ServiceDiscovererMqtt/destroy", [](Test& t) { t.objects.discoverer.reset(); },
+         endsDiscovery, beginToDiscover},
 
-        {"TopicCleaner/clean", retain, clean, cleans},
-        {"TopicCleaner/waitAllTasks", retain,
+        {"TopicCleaner/clean", clean, cleans, retain},
+        {"TopicCleaner/waitAllTasks",
          [](Test& t) {
              clean(t);
              return t.objects.cleaner->waitAllTasks(seconds(t.timeoutS));
          },
-         cleans},
-        {"TopicCleaner/terminate", beginToClean, [](Test& t) { t.objects.cleaner->terminate(); },
-         cleansNoMore},
-        {"TopicCleaner/destroy", beginToClean, [](Test& t) { t.objects.cleaner.reset(); },
-         clientGoesOn},
+         cleans, retain},
+        {"TopicCleaner/terminate", [](Test& t) { t.objects.cleaner->terminate(); }, cleansNoMore,
+         beginToClean},
+        {"TopicCleaner/destroy", [](Test& t) { t.objects.cleaner.reset(); }, clientGoesOn,
+         beginToClean},
 
-        {"Timer/restart", nothing, restartTimer, [](Test& t) { return t.events.waitFor("timer"); }},
-        {"Timer/stop", runTimer, [](Test& t) { t.objects.timer->stop(); }, expiresNoMore},
-        {"Timer/terminate", runTimer, [](Test& t) { t.objects.timer->terminate(); }, cannotRestart},
-        {"Timer/destroy", runTimer, [](Test& t) { t.objects.timer.reset(); }, expiresNoMore},
+        {"Timer/restart", restartTimer, [](Test& t) { return t.events.waitFor("timer"); }},
+        {"Timer/stop", [](Test& t) { t.objects.timer->stop(); }, expiresNoMore, runTimer},
+        {"Timer/terminate", [](Test& t) { t.objects.timer->terminate(); }, cannotRestart, runTimer},
+        {"Timer/destroy", [](Test& t) { t.objects.timer.reset(); }, expiresNoMore, runTimer},
     };
 }
 

@@ -7,6 +7,7 @@
 #include <functional>
 #include <future>
 #include <string>
+#include <system_error>
 #include <vector>
 
 /// An endpoint whose value is the payload itself, and that records its events.
@@ -15,13 +16,6 @@ public:
     using mqtt::MqttDataBase::MqttDataBase;
     Endpoint(Endpoint const& other) = default;
     ~Endpoint() override { release(); }
-
-    /// What the client does with a message.
-    void receive(int id, mqtt::Topic const& topic, std::string const& payload) {
-        using Raw = mqtt::MqttClient::Subscriber*;
-        // Only a C-style cast ignores that the base is private.
-        Raw(this)->onMqttMessage(id, topic, payload);
-    }
 
     std::string value;
     std::vector<std::string> events;
@@ -71,6 +65,17 @@ inline bool isFree(mqtt::MqttDataBase const& endpoint) {
         return mqtt::MqttDataBase::Lock(endpoint.mutex(), std::try_to_lock).owns_lock();
     };
     return std::async(std::launch::async, look).get();
+}
+
+/// For a call with a lock that is not locked.
+template <class Call>
+void expectNotPermitted(Call const& call) {
+    try {
+        call();
+        ADD_FAILURE() << "nothing was thrown";
+    } catch (std::system_error const& error) {
+        EXPECT_EQ(error.code(), std::errc::operation_not_permitted);
+    }
 }
 
 class AnEndpoint : public AClientOnAScript {

@@ -13,8 +13,9 @@
 /// Writing and reading as an application would do it with the platform library alone.
 namespace by_hand {
 
-using sample::EveryKind;
+using sample::Measurement;
 using sample::Point;
+using sample::Reading;
 using zym::common::lwjson::Deserializer;
 using zym::common::lwjson::Serializer;
 
@@ -44,114 +45,26 @@ inline void write(Serializer& object, Point const& point) {
     object.finalize();
 }
 
-inline void appendPoint(Serializer& out, Point const& point) {
+inline void addPoint(Serializer& out, char const* key, Point const& point) {
+    out.appendKey(key);
     std::string text;
     Serializer object(text);
     write(object, point);
     out.addValue(object);
 }
 
-inline void addPoint(Serializer& out, char const* key, Point const& point) {
-    out.appendKey(key);
-    appendPoint(out, point);
-}
-
-inline void addPoints(Serializer& out, char const* key, std::vector<Point> const& points) {
-    std::vector<Serializer> objects;
-    objects.reserve(points.size());
-    std::string text;
-    for (auto const& point : points) {
-        Serializer object(text);
-        write(object, point);
-        objects.emplace_back(std::as_const(text));
-    }
-    add(out, key, objects);
-}
-
-/// @param append appends an element and a comma
-template <class T, class Append>
-void addArray(Serializer& out, char const* key, std::vector<T> const& elements, Append append) {
+inline void addNumbers(Serializer& out, char const* key, std::vector<unsigned> const& numbers) {
     out.appendKey(key);
     auto& json = out.mutableJson();
     json += '[';
-    for (T const& element : elements) {
-        append(element);
+    for (unsigned const number : numbers) {
+        appendInteger(out, number); // and a comma
     }
     if (json.back() == ',') {
         json.pop_back();
     }
     out.appendValue("]");
 }
-
-inline void addNumbers(Serializer& out, EveryKind const& value) {
-    out.appendKey("flag");
-    out.appendValue(value.flag ? "true" : "false");
-    addInteger(out, "letter", static_cast<int>(value.letter));
-    addInteger(out, "i8", value.i8);
-    addInteger(out, "u8", value.u8);
-    addInteger(out, "i16", value.i16);
-    addInteger(out, "u16", value.u16);
-    addInteger(out, "i32", value.i32);
-    addInteger(out, "u32", value.u32);
-    addInteger(out, "i64", value.i64);
-    addInteger(out, "u64", value.u64);
-    add(out, "small", static_cast<double>(value.small));
-    add(out, "large", value.large);
-}
-
-inline void addOptionals(Serializer& out, EveryKind const& value) {
-    if (value.count) {
-        addInteger(out, "count", *value.count);
-    }
-    if (value.note) {
-        add(out, "note", *value.note);
-    }
-    if (value.target) {
-        addPoint(out, "target", *value.target);
-    }
-    if (value.path) {
-        addPoints(out, "path", *value.path);
-    }
-}
-
-inline void addLine(Serializer& out, std::vector<Point> const& line) {
-    auto& json = out.mutableJson();
-    json += '[';
-    for (auto const& point : line) {
-        appendPoint(out, point);
-    }
-    if (json.back() == ',') {
-        json.pop_back();
-    }
-    out.appendValue("]");
-}
-
-inline void addArrays(Serializer& out, EveryKind const& value) {
-    addArray(out, "numbers", value.numbers, [&](unsigned number) { appendInteger(out, number); });
-    addArray(out, "flags", value.flags,
-             [&](bool flag) { out.appendValue(flag ? "true" : "false"); });
-    addArray(out, "texts", value.texts, [&](std::string const& text) { out.addValue(text); });
-    addPoints(out, "points", value.points);
-    addArray(out, "lines", value.lines, [&](auto const& line) { addLine(out, line); });
-    addArray(out, "samples", value.samples, [&](std::optional<double> const& sample) {
-        sample ? out.addValue(*sample) : out.appendValue("null");
-    });
-}
-
-inline void write(std::string& payload, EveryKind const& value) {
-    Serializer out(payload);
-    addNumbers(out, value);
-    add(out, "text", value.text);
-    add(out, "time", value.time);
-    addInteger(out, "mode", static_cast<int>(value.mode));
-    addPoint(out, "point", value.point);
-    addOptionals(out, value);
-    addArrays(out, value);
-    out.finalize();
-}
-
-using sample::Measurement;
-using sample::Reading;
 
 inline void write(std::string& payload, Reading const& value) {
     Serializer out(payload);
@@ -181,7 +94,7 @@ inline void write(std::string& payload, Measurement const& value) {
     if (value.note) {
         add(out, "note", *value.note);
     }
-    addArray(out, "history", value.history, [&](unsigned number) { appendInteger(out, number); });
+    addNumbers(out, "history", value.history);
     out.finalize();
 }
 

@@ -16,3 +16,13 @@ template <class T>
 void read(T& value, std::string const& payload, bool empty = false) {
     mqtt::MqttData<T>::deserialize("a", payload, empty, value);
 }
+
+/// What other programs may send: with members, but no JSON object.
+inline std::string const MALFORMED[] = {
+    "{",
+    "9",
+    "null",
+    R"({"state": 9, "operating": 9, "health": 9, "@id": "x)",
+    R"({"state": 9, "operating": 9, "health": 9, "@id": "x"}})",
+    R"([{"state": 9, "operating": 9, "health": 9, "@id": "x"}])",
+    std::string(100000, '[')};

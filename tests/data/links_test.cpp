@@ -1,3 +1,5 @@
+#include "data/documents.hpp"
+
 #include <mqtt/link.hpp>
 
 #include <gmock/gmock.h>
@@ -20,16 +22,6 @@ using Links = std::vector<Link>;
 static_assert(std::is_base_of_v<MqttData<Links>, Collection>);
 static_assert(sizeof(Collection) == sizeof(MqttData<Links>), "a collection adds no field");
 
-std::string written(Links const& links) {
-    std::string payload = "old content";
-    Collection::serialize("a", payload, links);
-    return payload;
-}
-
-void read(Links& links, std::string const& payload) {
-    Collection::deserialize("a", payload, false, links);
-}
-
 std::string collection(std::string const& count, std::string const& elements) {
     return R"({"members@count": )" + count + R"(, "members": [)" + elements + "]}";
 }
@@ -46,18 +38,20 @@ std::vector<std::string> ids(Links const& links) {
 
 TEST(ALink, IsReadFromAnyDocumentWithItsMember) {
     Link link{"old"};
-    MqttData<Link>::deserialize("a", R"({"more": 1, "@id": "a\/b", "@id": "c"})", false, link);
+    read(link, R"({"more": 1, "@id": "a\/b", "@id": "c"})");
     EXPECT_EQ(link.id, "a/b");
 }
 
 TEST(ALink, IsUnchangedByAnythingElse) {
     Link link{"old"};
-    MqttData<Link>::deserialize("a", "", true, link);
-    MqttData<Link>::deserialize("a", R"({"@id": "new"})", true, link);
+    read(link, "", true);
+    read(link, R"({"@id": "new"})", true);
     for (char const* const payload :
          {"{}", R"({"@id": 1})", R"({"@id": null})", R"({"@id": "\ud800"})", R"({"id": "x"})"}) {
-        EXPECT_THROW(MqttData<Link>::deserialize("a", payload, false, link), std::logic_error)
-            << payload;
+        EXPECT_THROW(read(link, payload), std::logic_error) << payload;
+    }
+    for (auto const& payload : MALFORMED) {
+        EXPECT_THROW(read(link, payload), std::exception);
     }
     EXPECT_EQ(link.id, "old");
 }
@@ -71,12 +65,12 @@ TEST(ACollectionOfLinks, ReadsWhatItOrTheVectorEndpointWrote) {
     }
     links.push_back({""});
     std::string payload;
-    MqttData<Links>::serialize("a", payload, links);
+    Collection::serialize("a", payload, links);
     EXPECT_EQ(payload, written(links));
     Links result{{"old"}};
-    read(result, payload);
+    Collection::deserialize("a", payload, false, result);
     EXPECT_EQ(ids(result), ids(links));
-    MqttData<Links>::deserialize("a", payload, false, result);
+    read(result, payload);
     EXPECT_EQ(ids(result), ids(links));
 }
 
@@ -114,9 +108,11 @@ TEST(ACollectionOfLinks, EndsWithAnEmptyLinkInThePlaceOfWhatIsNone) {
 
 TEST(ACollectionOfLinks, IsUnchangedByADocumentWithoutACount) {
     Links links{{"old"}};
-    Collection::deserialize("a", "", true, links);
-    MqttData<Links>::deserialize("a", "", true, links);
+    read(links, "", true);
     EXPECT_THROW(read(links, R"({"members": [{"@id": "a"}]})"), std::out_of_range);
+    for (auto const& payload : MALFORMED) {
+        EXPECT_THROW(read(links, payload), std::exception);
+    }
     for (char const* const count : {"-1", "4294967296", "1e3", "1.0", "\"1\"", "null", "[]"}) {
         EXPECT_THROW(read(links, collection(count, R"({"@id": "a"})")), std::logic_error) << count;
     }

@@ -5,8 +5,8 @@
 
 #include "mqtt/test/broker.hpp"
 #include "mqtt/test/raw_peer.hpp"
+#include "mqtt/test/recorder.hpp"
 #include "mqtt/test/test_client.hpp"
-#include "mqtt/test/watched.hpp"
 
 #include <gmock/gmock.h>
 
@@ -20,24 +20,17 @@ using mqtt::MqttData;
 using testing::ElementsAre;
 using Error = mqtt::MqttClient::Error;
 
-class Display : public MqttData<FillLevel>::Subscriber {
+class Display : public mqtt::test::CallRecorder<std::string>,
+                public MqttData<FillLevel>::Subscriber {
 public:
-    virtual ~Display() = default;
-
     void onMqttData(FillLevel const& level, bool empty, int id) override {
-        lines_.change([&](auto& lines) {
-            lines.push_back(std::to_string(id) + ": "
-                            + (empty ? "gone" : std::to_string(level.litres)));
-        });
+        record(std::to_string(id) + ": " + (empty ? "gone" : std::to_string(level.litres)));
     }
 
     std::vector<std::string> lines(std::size_t count) const {
-        EXPECT_TRUE(lines_.waitFor([&](auto const& lines) { return lines.size() >= count; }));
-        return lines_.copy();
+        EXPECT_TRUE(waitForCount(count));
+        return calls();
     }
-
-private:
-    mqtt::test::Watched<std::vector<std::string>> lines_;
 };
 
 class AnApplicationsOwnType : public testing::Test {

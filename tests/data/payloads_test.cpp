@@ -1,5 +1,4 @@
-// Status and identification. docs/wire-format.md has their documents, and a test compares them;
-// malformed_test.cpp has what cannot be read.
+// Status and identification. docs/wire-format.md has their documents, and a test compares them.
 
 #include "data/documents.hpp"
 
@@ -76,8 +75,11 @@ TEST(ACommunicationStatus, TakesOverTheStateAndHasTheInvalidTimeWhereOneIsMissin
         cases.push_back(
             {ComState::CONNECTED, std::string(R"({"state": )") + state + R"(, "since": 7.5})"});
     }
+    for (auto const& payload : MALFORMED) {
+        cases.push_back({ComState::CONNECTED, payload});
+    }
     for (auto const& [state, payload] : cases) {
-        SCOPED_TRACE(payload);
+        SCOPED_TRACE(payload.substr(0, 60));
         CommunicationStatus status{ComState::CONNECTED, UnixTime(5)};
         EXPECT_NO_THROW(read(status, payload));
         EXPECT_EQ(status.state, state);
@@ -103,7 +105,10 @@ TEST(AnIdentification, TakesOverEachTextThatItCanRead) {
     auto expected = PUMP;
     read(id, "", true);
     read(id, R"({"name": "valve"})", true);
-    EXPECT_EQ(texts(id), texts(expected)) << "unchanged by an empty payload";
+    for (auto const& payload : MALFORMED) {
+        EXPECT_NO_THROW(read(id, payload));
+    }
+    EXPECT_EQ(texts(id), texts(expected)) << "unchanged by an empty or malformed payload";
     read(id, R"({"name": "valve"})");
     expected.name = "valve";
     EXPECT_EQ(texts(id), texts(expected));
@@ -121,6 +126,9 @@ TEST(AServiceStatus, TakesOverItsMembersUpToTheOneThatCannotBeRead) {
     ServiceStatus status{1, 2};
     read(status, "", true);
     read(status, R"({"operating": 9, "health": 9})", true);
+    for (auto const& payload : MALFORMED) {
+        EXPECT_THROW(read(status, payload), std::exception);
+    }
     EXPECT_THROW(read(status, R"({"health": 9})"), std::out_of_range);
     EXPECT_THROW(read(status, R"({"operating": "9", "health": 9})"), std::invalid_argument);
     EXPECT_THROW(read(status, R"({"operating": 256, "health": 9})"), std::out_of_range);

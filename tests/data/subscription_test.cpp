@@ -1,6 +1,5 @@
 // Setting, getting, waiting for a value, and subscribing with a function.
 
-#include "common/awaited_call.hpp"
 #include "data/an_endpoint.hpp"
 #include "mqtt/test/watched.hpp"
 #include "requestreply/blocking_thread.hpp"
@@ -141,15 +140,6 @@ TEST_F(AnEndpointOfLinks, ReportsWhyAFunctionIsNotSubscribed) {
     EXPECT_EQ(invalid.waitForNext(received, LONG), Error::INVALID_PARAMETER);
 }
 
-TEST_F(AnEndpointOfLinks, MayBeDestroyedBeforeItsSubscription) {
-    auto subscription = endpoint->subscribe(record);
-    endpoint.reset();
-    deliver("x");
-    EXPECT_THAT(seen.copy(), ElementsAre("x"));
-    subscription = {};
-    expectNoSubscriptionIsLeft();
-}
-
 TEST_F(AnEndpointOfLinks, HasASubscriptionThatMayEndInItsOwnCall) {
     Subscription subscription;
     auto const captured = std::make_shared<std::string>("kept until the call returns");
@@ -164,13 +154,6 @@ TEST_F(AnEndpointOfLinks, HasASubscriptionThatMayEndInItsOwnCall) {
     EXPECT_THAT(seen.copy(), ElementsAre("x"));
     EXPECT_EQ(isKept.use_count(), 1) << "the function is destroyed";
     expectNoSubscriptionIsLeft();
-}
-
-TEST_F(AnEndpointOfLinks, HasASubscriptionWhoseEndWaitsForTheCallUnderWay) {
-    AwaitedCall call;
-    auto subscription = endpoint->subscribe([&](Link const&, bool) { call.run(); });
-    script_->deliver("a/b", document("x"));
-    call.expectToBeAwaitedBy([&] { subscription = {}; });
 }
 
 TEST_F(AnEndpointOfLinks, SubscribesNothingWithoutMemory) {

@@ -1,8 +1,11 @@
-// Clients and their broker.
+// Clients, endpoints and their broker.
 
 #include "interleavings/fixtures.hpp"
 
+#include <mqtt/link.hpp>
+
 #include <algorithm>
+#include <memory>
 #include <thread>
 
 namespace interleavings {
@@ -47,13 +50,16 @@ void publishThree(SmallBroker& broker) {
     }
 }
 
-template <class Client>
-struct WithListeners : Client {
+struct Listeners {
     Subscriber subscriber;
     Subscriber secondSubscriber;
     StateListener listener;
     StateListener secondListener;
 };
+
+/// The client ends first: it may call its listeners until then.
+template <class Client>
+struct WithListeners : Listeners, Client {};
 
 SCENARIO(DisconnectMeetsTheConnection, WithListeners<IdleClient>, THREADS_ONLY) {
     client.registerListener(&listener);
@@ -173,6 +179,35 @@ SCENARIO(TheEndOfAClientMeetsItsCallbacks, WithListeners<TwoConnectedClients>, D
     });
     expect(otherClient.communicationState() == ComState::CONNECTED,
            "another client is no longer connected");
+}
+
+struct LinkSubscriber final : mqtt::MqttData<mqtt::Link>::Subscriber, CallbackCheck {
+    void onMqttData(mqtt::Link const&, bool, int) override { onCallback(); }
+};
+
+SCENARIO(TheEndOfAnEndpointMeetsItsCallbacks, ConnectedClient, THREADS_ONLY) {
+    LinkSubscriber subscriber;
+    CallbackCheck function;
+    auto endpoint = std::make_unique<mqtt::MqttData<mqtt::Link>>(client, "a");
+    endpoint->subscribe(&subscriber, 1);
+    explore([&] {
+        broker.publish("a", R"({"@id": "first"})");
+        if (maybe()) { // the copy subscribes nevertheless
+            mqtt::MqttDataBase::Lock lock(endpoint->mutex());
+            endpoint->unsubscribe(lock);
+        }
+        auto copy = std::make_unique<mqtt::MqttData<mqtt::Link>>(*endpoint);
+        auto subscription = endpoint->subscribe([&](auto const&, bool) { function.onCallback(); });
+        broker.publish("a", R"({"@id": "second"})");
+        maybePause();
+        ifMistaken([&] { subscriber.close(); });
+        subscription = {};
+        function.close();
+        copy.reset();
+        endpoint.reset();
+        subscriber.close();
+    });
+    expectNoSubscriptions();
 }
 
 SCENARIO(AClientWithoutResources, WithListeners<IdleClient>, RESOURCES) {

@@ -79,7 +79,8 @@ private:
 
 /// For classes that send requests.
 struct ClientOfEchoServer : ConnectedClient {
-    /// Ends an object whose requests have no reply yet, while their replies come.
+    /// Ends an object whose requests have no reply yet, while their replies come; or it ends in a
+    /// callback of its own.
     /// @param use makes the requests, and may wait
     template <class Object, class Use>
     void endDuringReplies(std::unique_ptr<Object>& object, CallbackCheck& listener,
@@ -88,7 +89,14 @@ struct ClientOfEchoServer : ConnectedClient {
         std::thread user(use);
         pass(std::chrono::milliseconds(1));
         explore([&] {
+            bool const endsInCallback = maybe();
+            if (endsInCallback) {
+                listener.setAction([&] { object.reset(); });
+            }
             server.releaseReplies();
+            if (endsInCallback) {
+                pass(std::chrono::milliseconds(1));
+            }
             ifMistaken([&] { listener.close(); });
             Scheduler::instance().maySwitch();
             object.reset();

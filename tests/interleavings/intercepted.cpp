@@ -30,7 +30,7 @@ Scheduler& scheduler() {
 }
 
 bool isRunning() {
-    return scheduler().started();
+    return Scheduler::started();
 }
 
 /// The C library's function. Of the condition functions, dlsym would find an old version.

@@ -67,16 +67,20 @@ struct RequesterFixture : ClientOfEchoServer {
         pass(SETTLING_TIME);
         expectNoSubscriptions();
     }
-    std::unique_ptr<RequestReplyClient> requester =
-        std::make_unique<RequestReplyClient>(client, "svc", "", "echo");
     ReplyListener listener;
     ReplyListener secondListener;
+    std::unique_ptr<RequestReplyClient> requester =
+        std::make_unique<RequestReplyClient>(client, "svc", "", "echo");
 };
 
 SCENARIO(ReplyMeetsTheDeadline, RequesterFixture, DEADLINES) {
     auto const reply = numberData();
+    auto const library = support::StandIn::last();
     server.holdReplies();
     explore([&] {
+        if (maybe()) {
+            library->loseConnection();
+        }
         request(listener, 1, 1);
         maybePause();
         pass(seconds(1));
@@ -116,30 +120,6 @@ SCENARIO(TheEndOfARequesterMeetsItsCallbacks, RequesterFixture, DEADLINES) {
         requester->waitEndOfRequest(1);
     });
     listener.expectEnds(1);
-}
-
-SCENARIO(ARequesterEndsInItsListener, RequesterFixture, DEADLINES) {
-    listener.setAction([&] { requester.reset(); });
-    explore([&] {
-        request(listener, 1, 1);
-        ifMistaken([&] { requester->cancel(); });
-        pass(seconds(2));
-    });
-    listener.expectEnds(1);
-    expect(listener.ends[0] != Code::CANCELLED, "a request is cancelled");
-    expectNoSubscriptions();
-}
-
-SCENARIO(RequestsMeetTheLossOfTheConnection, RequesterFixture, DEADLINES) {
-    auto const library = support::StandIn::last();
-    explore([&] {
-        library->loseConnection();
-        request(listener, 1, 1);
-        maybePause();
-        pass(seconds(1));
-        ifMistaken([&] { requester->terminate(); });
-    });
-    expectOneEndAndUsable();
 }
 
 SCENARIO(TwoClientsAskOneServer, TwoConnectedClients, THREADS_ONLY) {

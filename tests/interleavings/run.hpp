@@ -1,7 +1,6 @@
 #pragma once
 
 #include "interleavings/scenario.hpp"
-#include "interleavings/schedule.hpp"
 #include "interleavings/scheduler.hpp"
 
 #include <string>

@@ -1,18 +1,58 @@
 #pragma once
 
-#include "interleavings/schedule.hpp"
-
 #include <pthread.h>
 #include <semaphore.h>
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <map>
 #include <optional>
 #include <random>
 #include <utility>
 #include <vector>
 
 namespace interleavings {
+
+/// Determines a run: for each choice, by its number, the option that is taken. A choice that is not
+/// named takes option 0, which is what happens without the explorer.
+using Schedule = std::map<std::size_t, std::size_t>;
+
+/// A place where a run could continue in several ways.
+struct Choice {
+    std::uint8_t taken = 0; ///< the option
+    std::uint8_t options = 0;
+};
+
+/// The call stack of a thread, innermost function first.
+struct Stack {
+    std::array<void*, 20> frames;
+    int count;
+};
+
+/// An entry in the trace of a run: a thread stopped, or it stands still at the end of a failed run.
+struct Event {
+    std::int64_t nanoseconds; ///< virtual
+    std::size_t choices;      ///< number of choices made before
+    int thread;
+    char const* what;
+    int next; ///< the thread that continues; -1: none
+    Stack stack;
+};
+
+/// How a process ends whose scenario has reached its end.
+constexpr int SUCCESS_STATUS = 42;
+
+/// The result of a run, in memory shared with the process that started it. Its only pointers are to
+/// code and string literals, which have the same addresses in both processes.
+struct RunRecord {
+    std::array<char, 1024> failure;
+    std::size_t choiceCount;
+    std::array<Choice, 1U << 18U> choices;
+    std::size_t eventCount;
+    std::array<Event, 4096> events;
+};
 
 /// Of the virtual clock, which starts at the same time in each run.
 using Nanoseconds = std::int64_t;
@@ -59,7 +99,8 @@ public:
 
     /// Takes control of the process, which must have one thread.
     void start(Plan const& plan, RunRecord& record);
-    bool started() const { return record_ != nullptr; }
+    /// Makes no instance: LeakSanitizer asks at the end of the process, when no memory can be had.
+    static bool started() { return record_ != nullptr; }
     Plan const& plan() const { return plan_; }
     /// Whether choices are made. Otherwise a thread runs until it waits.
     void setExploring(bool on) { exploring_ = on; }
@@ -107,8 +148,8 @@ private:
     void makeReady(Thread& thread, bool timedOut);
     void recordEvent(Thread& thread, char const* what, int next);
 
+    static inline RunRecord* record_ = nullptr;
     Plan plan_;
-    RunRecord* record_ = nullptr;
     bool exploring_ = false;
     std::deque<Thread> threads_;
     Thread* current_ = nullptr;
