@@ -130,7 +130,7 @@ make_root() {
 }
 
 # in_root FOLDER COMMAND...: runs it there as root, in process and mount name spaces of its own that
-# end with it, with this machine's proxy settings.
+# end with it, with terminals and this machine's proxy settings.
 in_root() {
     local root=$1 pass=() name
     shift
@@ -138,8 +138,9 @@ in_root() {
         [[ -z ${!name-} ]] || pass+=("$name=${!name}")
     done
     as_root unshare --mount --pid --fork --kill-child --mount-proc="$root/proc" \
-        sh -c 'mount -t devpts devpts "$0/dev/pts" && exec chroot "$0" "$@"' "$root" env -i PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin \
-        HOME=/root LC_ALL=C.UTF-8 DEBIAN_FRONTEND=noninteractive "${pass[@]}" "$@" &
+        sh -c 'mount -t devpts devpts "$0/dev/pts" && exec chroot "$0" "$@"' "$root" \
+        env -i PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin HOME=/root \
+        LC_ALL=C.UTF-8 DEBIAN_FRONTEND=noninteractive "${pass[@]}" "$@" &
     wait "$!" # a signal interrupts this, but not a command in the foreground
 }
 
