@@ -159,6 +159,7 @@ Failure ConnectionReport::failureOf(int result, int systemError) const {
     }
     switch (result) {
     case MOSQ_ERR_CONN_LOST:
+    case MOSQ_ERR_TLS: // the TLS library has nothing to say: the connection was reset
         return {closed};
     case MOSQ_ERR_KEEPALIVE:
         return {Reason::KEEP_ALIVE_EXPIRED};

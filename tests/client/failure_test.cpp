@@ -131,12 +131,17 @@ TEST_F(AFailure, IsKnownWhenTheListenerIsToldOfTheLoss) {
     client_->unregisterListener(&listener);
 }
 
-TEST_F(AFailure, BeforeTheBrokerHasAcceptedTheClientIsNotALoss) {
+class AFailureBeforeAcceptance : public AFailure, public testing::WithParamInterface<int> {};
+
+TEST_P(AFailureBeforeAcceptance, IsNotALoss) {
     beginToConnect();
-    script_->loseConnection(7);
+    script_->loseConnection(GetParam());
     ASSERT_TRUE(states_.waitFor(ComState::CONNECTION_LOST));
     EXPECT_EQ(client_->lastFailure().reason, Reason::CLOSED_BEFORE_ACCEPTANCE);
 }
+
+// 8: a reset during the handshake of TLS, of which the TLS library says nothing.
+INSTANTIATE_TEST_SUITE_P(Codes, AFailureBeforeAcceptance, testing::Values(7, 8));
 
 TEST_F(AFailure, IsAFunctionForTheCredentialsThatThrows) {
     mqtt::ConnectionOptions options;
