@@ -18,9 +18,9 @@ _zymctl() {
     done
     if [[ $word == -* ]]; then
         [[ -z $command ]] || help+=$'\n'$("$program" "$command" --help 2>/dev/null)
-        mapfile -t COMPREPLY < <(compgen -W "$(grep -oE '^  (-h,)?--[a-z-]+' <<<"$help" | grep -oE -- '--.*')" -- "$word")
+        mapfile -t COMPREPLY < <(compgen -W "$(grep -oE '^  (-h,)? *--[a-z-]+' <<<"$help" | grep -oE -- '--.*')" -- "$word")
     elif [[ -z $command ]]; then
-        mapfile -t COMPREPLY < <(compgen -W "$(sed -n '/^Subcommands:/,/^$/s/^  \([a-z]*\) .*/\1/p' <<<"$help")" -- "$word")
+        mapfile -t COMPREPLY < <(compgen -W "$(sed -n '/^subcommands:/I,/^$/s/^  \([a-z]\+\) .*/\1/p' <<<"$help")" -- "$word")
     elif [[ $previous == check ]]; then
         mapfile -t COMPREPLY < <(compgen -W "collection link clean" -- "$word")
     fi
