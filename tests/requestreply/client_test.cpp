@@ -182,6 +182,17 @@ TEST_F(ARequestReplyClient, CallsItsListenerForACancellationOnTheSameThread) {
     EXPECT_THAT(recorder.calls(), SizeIs(1));
 }
 
+/// It waits on the worker only for what has come.
+TEST_F(ARequestReplyClient, HasEndedItsRequestWhenItCallsTheListener) {
+    Code waited = Code::NONE;
+    ReplyRecorder first(
+        [&](ReplyCall const&) { waited = client->waitEndOfRequest(NO_TIME_LIMIT); });
+    ASSERT_EQ(requestFor(&first), Code::PENDING);
+    reply(17);
+    receiveAll();
+    EXPECT_EQ(waited, SERVICE_ERROR);
+}
+
 TEST_F(ARequestReplyClient, WaitsForOneRequestOnly) {
     ASSERT_EQ(request(), Code::PENDING);
     auto const first = requestId;

@@ -77,18 +77,29 @@ TEST_F(ABlockedCall, IsEndedByATerminationAndByADestruction) {
 
 /// The termination waits for the listener, and the listener waits for a server.
 TEST_F(ABlockedCall, InsideAListenersCallIsEndedByATermination) {
-    ignore("bind");
-    mqtt::test::Watched<bool> inside;
-    recorder.setHook([&](auto const&) {
-        set(inside);
-        EXPECT_EQ(proxy->bindSync(server, NO_TIME_LIMIT), Error::CANCELLED);
-    });
-    block("bind", [this] { EXPECT_EQ(proxy->bindSync(server, 0), Error::TIMEOUT); });
-    ASSERT_TRUE(inside.waitFor(isSet));
-    ASSERT_TRUE(caller->isBlocked());
-    proxy->terminate();
-    caller->join();
-    EXPECT_EQ(recorder.count(), 1U) << "a terminated proxy calls no listener";
+    for (std::string const blocked : {"unbind", "bind"}) {
+        SCOPED_TRACE(blocked);
+        ignore(blocked);
+        mqtt::test::Watched<bool> inside;
+        bool const binds = blocked == "bind";
+        recorder.setHook([&](auto const&) {
+            set(inside);
+            auto const error =
+                binds ? proxy->bindSync(server, NO_TIME_LIMIT) : proxy->unbindSync(NO_TIME_LIMIT);
+            EXPECT_EQ(error, binds ? Error::CANCELLED : Error::SUCCESS);
+        });
+        block(blocked, [&] {
+            EXPECT_EQ(proxy->bindSync(server, binds ? 0 : LONG_TIMEOUT_S),
+                      binds ? Error::TIMEOUT : Error::SUCCESS);
+        });
+        ASSERT_TRUE(inside.waitFor(isSet));
+        ASSERT_TRUE(caller->isBlocked());
+        proxy->terminate();
+        caller->join();
+        EXPECT_EQ(recorder.count(), 1U) << "a terminated proxy calls no listener";
+        recorder.clear();
+        proxy = makeProxy();
+    }
 }
 
 /// The worker is inside the listener's call and destroys the proxy there, while another thread

@@ -24,6 +24,16 @@ TEST_F(ACleaner, ConnectsWithACleanSessionOfItsOwn) {
     EXPECT_EQ(standIn->calls(Operation::CONNECT)[0].qos, 1234);
 }
 
+TEST_F(ACleaner, StartsWhenItsBrokerComes) {
+    support::StandIn::onConstruction([](auto& made) { made.answer(Operation::CONNECT, {14}); });
+    replace(&recorder);
+    support::StandIn::onConstruction({});
+    EXPECT_FALSE(standIn->connected());
+    cleaner->clean("a", LONG_DURATION);
+    ASSERT_TRUE(standIn->waitForCalls(Operation::SUBSCRIBE, 1));
+    EXPECT_TRUE(standIn->connected());
+}
+
 // Requests
 
 TEST_F(ACleaner, ErasesEveryMessageOnTheTopicsItSubscribes) {

@@ -91,6 +91,20 @@ protected:
     }
 };
 
+TEST_F(ATimeListener, MayStopTheProxyAndStartItAnew) {
+    TimeListener acting([&](auto const&) {
+        if (acting.count() == 1) {
+            EXPECT_TRUE(proxy->stop());
+            EXPECT_TRUE(proxy->startSync(server));
+        }
+    });
+    synchronizeWith(acting);
+    answerAll(SAMPLES + 1, SAMPLES, 7.0);
+    ASSERT_TRUE(acting.waitForCount(2));
+    proxy->terminate();
+    EXPECT_DOUBLE_EQ(proxy->offset(), 7.0);
+}
+
 /// The listener may have to wait for the other thread, which waits for the call.
 TEST_F(ATimeListener, ThatTerminatesEndsTheWaitOfAnotherThreadForItsCall) {
     for (bool const terminates : {false, true}) {
@@ -114,7 +128,7 @@ TEST_F(ATimeListener, ThatTerminatesEndsTheWaitOfAnotherThreadForItsCall) {
     }
 }
 
-TEST_F(ATimeListener, IsWaitedForByAStopAndByTheFirstTermination) {
+TEST_F(ATimeListener, IsWaitedForByAStopAndByTheFirstTerminationOnly) {
     mqtt::test::Watched<bool> mayLeave;
     std::atomic<bool> left{false};
     TimeListener slow([&](auto const&) {
@@ -122,6 +136,10 @@ TEST_F(ATimeListener, IsWaitedForByAStopAndByTheFirstTermination) {
         left = true;
     });
     synchronizeWith(slow);
+    EXPECT_FALSE(proxy->startSync(server));
+    EXPECT_FALSE(proxy->synchronize(server, LONG_TIMEOUT_S));
+    proxy->forceSync();
+    EXPECT_FALSE(left) << "these have waited";
     BlockingThread stop([&] {
         proxy->stop();
         EXPECT_TRUE(left);
