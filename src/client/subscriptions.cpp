@@ -41,6 +41,7 @@ Error Subscriptions::subscribe(Topic const& topic) {
     return result;
 }
 
+/// Whoever wants the message id waits for the acknowledgement: nothing is held back then.
 Error Subscriptions::unsubscribe(int* mid, Topic const& topic) noexcept {
     if (mid == nullptr && order_.holdsBack() && gate_.isOnline()
         && order_.holdBack(topic, SubscriptionOrder::Clock::now())) {

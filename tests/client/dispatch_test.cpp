@@ -188,8 +188,8 @@ protected:
         script_->runInLoop([&](auto& object) { object.on_subscribe(mid, 1, &granted); });
     }
 
-    /// The broker ends the later subscription, which it has acknowledged.
-    void confuseThem() {
+    /// A broker that does so ends the later subscription, which it has acknowledged.
+    void answerOutOfOrder() {
         acknowledgeLaterSubscription();
         acknowledgeEnd();
         EXPECT_EQ(topics(Operation::SUBSCRIBE), Strings(3, "a"));
@@ -197,12 +197,12 @@ protected:
 };
 
 TEST_F(ABroker, ThatEndsASubscriptionBehindALaterOneGetsThatAgain) {
-    confuseThem();
+    answerOutOfOrder();
 }
 
 /// Both in one network step, so that a slow machine puts no time between them.
-TEST_F(ABroker, ThatHasConfusedThemIsNotToldOfAnEndBeforeANewSubscription) {
-    confuseThem();
+TEST_F(ABroker, ThatAnswersOutOfOrderIsNotToldOfAnEndBeforeANewSubscription) {
+    answerOutOfOrder();
     script_->runInLoop([this](auto&) {
         EXPECT_EQ(client_->unsubscribe("a", &second_), Error::SUCCESS);
         subscribe("a", third_);
@@ -212,14 +212,30 @@ TEST_F(ABroker, ThatHasConfusedThemIsNotToldOfAnEndBeforeANewSubscription) {
     EXPECT_EQ(topics(Operation::UNSUBSCRIBE), Strings(1, "a"));
 }
 
-TEST_F(ABroker, ThatHasConfusedThemIsToldOfAnEndLaterAndAtTheLatestByTheDestructor) {
-    confuseThem();
+TEST_F(ABroker, ThatAnswersOutOfOrderIsToldOfAnEndLaterAndAtTheLatestByTheDestructor) {
+    answerOutOfOrder();
     EXPECT_EQ(client_->unsubscribe("a", &second_), Error::SUCCESS);
     EXPECT_TRUE(script_->waitForCalls(Operation::UNSUBSCRIBE, 2));
     subscribe("b", first_);
     EXPECT_EQ(client_->unsubscribe("b", &first_), Error::SUCCESS);
     client_.reset();
     EXPECT_THAT(topics(Operation::UNSUBSCRIBE), ElementsAre("a", "a", "b", "$zym/wake"));
+}
+
+/// The connection is lost in the step that ends the subscriptions: no time passes for a slow
+/// machine.
+TEST_F(ABroker, ThatAnswersOutOfOrderIsNotToldOfAnEndOfWhatWasSubscribedWithoutAConnection) {
+    answerOutOfOrder();
+    subscribe("b", first_);
+    script_->runInLoop([this](auto& object) {
+        EXPECT_EQ(client_->unsubscribe("a", &second_), Error::SUCCESS);
+        EXPECT_EQ(client_->unsubscribe("b", &first_), Error::SUCCESS);
+        object.on_disconnect(7);
+        subscribe("a", third_);
+    });
+    script_->loseConnection();
+    ASSERT_TRUE(script_->waitForCalls(Operation::UNSUBSCRIBE, 2));
+    EXPECT_THAT(topics(Operation::UNSUBSCRIBE), ElementsAre("a", "b"));
 }
 
 TEST_F(ABroker, ThatKeepsTheOrderGetsEachSubscriptionOnce) {

@@ -234,7 +234,7 @@ TEST_F(Conformance, RequestsInARowAreAnswered) {
     }
     std::sort(times.begin(), times.end());
     report("round_trip_ms", times[times.size() / 2]);
-    // One loss tells the client that the broker confuses subscriptions.
+    // One loss tells the client that the broker acknowledges subscriptions out of order.
     EXPECT_LE(unanswered, 1U) << unanswered << " of " << times.size() << " requests get no reply";
 }
 
